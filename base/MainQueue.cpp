@@ -1,0 +1,112 @@
+#include <SelvioFacialCapture/base/MainQueue.h>
+
+#include <algorithm>
+#include <utility>
+
+namespace selvio {
+
+MainQueue::MainQueue(std::shared_ptr<const Clock> clock) : clock_(std::move(clock)) {}
+
+const std::shared_ptr<MainQueue>& MainQueue::shared() {
+    static const std::shared_ptr<MainQueue> queue = std::make_shared<MainQueue>();
+    return queue;
+}
+
+void MainQueue::async(Block block) {
+    std::function<void()> hook;
+    {
+        const std::lock_guard lock(mutex_);
+        ready_.push_back(std::move(block));
+        hook = wakeUp_;
+    }
+    changed_.notify_all();
+    if (hook) hook();
+}
+
+void MainQueue::asyncAfter(std::chrono::nanoseconds delay, Block block) {
+    std::function<void()> hook;
+    {
+        const std::lock_guard lock(mutex_);
+        delayed_.emplace(clock_->monotonicTime() + delay, std::move(block));
+        hook = wakeUp_;
+    }
+    changed_.notify_all();
+    if (hook) hook();
+}
+
+bool MainQueue::isCurrent() const {
+    const std::lock_guard lock(mutex_);
+    return runner_ == std::this_thread::get_id();
+}
+
+const std::string& MainQueue::label() const {
+    static const std::string name = "main";
+    return name;
+}
+
+bool MainQueue::runNextBlock() {
+    Block block;
+    {
+        const std::lock_guard lock(mutex_);
+        const auto now = clock_->monotonicTime();
+        while (!delayed_.empty() && delayed_.begin()->first <= now) {
+            ready_.push_back(std::move(delayed_.begin()->second));
+            delayed_.erase(delayed_.begin());
+        }
+        if (ready_.empty()) return false;
+        block = std::move(ready_.front());
+        ready_.pop_front();
+        assert(runner_ == std::thread::id());
+        runner_ = std::this_thread::get_id();
+    }
+    block();
+    block = nullptr;
+    const std::lock_guard lock(mutex_);
+    runner_ = std::thread::id();
+    return true;
+}
+
+std::size_t MainQueue::drain() {
+    std::size_t count = 0;
+    while (runNextBlock()) ++count;
+    return count;
+}
+
+void MainQueue::run() {
+    for (;;) {
+        while (runNextBlock()) {
+            const std::lock_guard lock(mutex_);
+            if (quit_) break;
+        }
+        std::unique_lock lock(mutex_);
+        if (std::exchange(quit_, false)) return;
+        if (!ready_.empty()) continue;
+        if (delayed_.empty()) {
+            changed_.wait(lock);
+        } else {
+            changed_.wait_for(lock, std::max(delayed_.begin()->first - clock_->monotonicTime(), std::chrono::nanoseconds(0)));
+        }
+    }
+}
+
+void MainQueue::quit() {
+    {
+        const std::lock_guard lock(mutex_);
+        quit_ = true;
+    }
+    changed_.notify_all();
+}
+
+std::optional<std::chrono::nanoseconds> MainQueue::timeUntilNextBlock() const {
+    const std::lock_guard lock(mutex_);
+    if (!ready_.empty()) return std::chrono::nanoseconds(0);
+    if (delayed_.empty()) return std::nullopt;
+    return std::max(delayed_.begin()->first - clock_->monotonicTime(), std::chrono::nanoseconds(0));
+}
+
+void MainQueue::setWakeUpHook(std::function<void()> hook) {
+    const std::lock_guard lock(mutex_);
+    wakeUp_ = std::move(hook);
+}
+
+}  // namespace selvio

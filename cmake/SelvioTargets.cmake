@@ -1,0 +1,26 @@
+# Flags for our own code; never passed on to those who link us.
+add_library(selvio_options INTERFACE)
+target_compile_options(selvio_options INTERFACE -Wall -Wextra -Wpedantic -Wconversion $<$<BOOL:${SELVIO_WARNINGS_AS_ERRORS}>:-Werror>)
+
+# selvio_folder(NAME SOURCES a.cpp ... LINKS target ...): one folder, one target. The objects go into the library that exports the component.
+function(selvio_folder name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LINKS" ${ARGN})
+  add_library(${name} OBJECT ${ARG_SOURCES})
+  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/include PRIVATE ${PROJECT_SOURCE_DIR})
+  target_link_libraries(${name} PUBLIC ${ARG_LINKS} PRIVATE $<BUILD_INTERFACE:selvio_options>)
+endfunction()
+
+# selvio_shared(NAME EXPORT_NAME SOURCES ... LINKS ...): a versioned shared library that hosts link as SelvioFacialCapture::EXPORT_NAME.
+function(selvio_shared name export_name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LINKS;PRIVATE_LINKS" ${ARGN})
+  add_library(${name} SHARED ${ARG_SOURCES})
+  add_library(SelvioFacialCapture::${export_name} ALIAS ${name})
+  target_include_directories(
+    ${name} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>
+    PRIVATE ${PROJECT_SOURCE_DIR})
+  target_compile_features(${name} PUBLIC cxx_std_20)
+  target_link_libraries(${name} PUBLIC ${ARG_LINKS} PRIVATE $<BUILD_INTERFACE:selvio_options> ${ARG_PRIVATE_LINKS})
+  set_target_properties(
+    ${name} PROPERTIES OUTPUT_NAME ${name} EXPORT_NAME ${export_name} VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
+  install(TARGETS ${name} EXPORT SelvioFacialCaptureTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+endfunction()

@@ -1,0 +1,139 @@
+#include <SelvioFacialCapture/imaging/PixelBuffer.h>
+
+#include <new>
+#include <utility>
+
+namespace selvio {
+namespace {
+
+constexpr int kLongestSide = 32767;
+constexpr std::align_val_t kAlignment{64};
+
+std::uint8_t* allocateBlock(std::size_t byteSize) {
+    return static_cast<std::uint8_t*>(::operator new(byteSize, kAlignment, std::nothrow));
+}
+
+void freeBlock(std::uint8_t* block) {
+    ::operator delete(block, kAlignment);
+}
+
+std::array<std::uint8_t*, 2> planesOf(const PixelBufferLayout& layout, std::uint8_t* block) {
+    const PlaneLayout& first = layout.planes[0];
+    return {block, layout.planeCount == 2 ? block + first.bytesPerRow * static_cast<std::size_t>(first.height) : nullptr};
+}
+
+}  // namespace
+
+std::optional<PixelBufferLayout> PixelBufferLayout::make(int width, int height, PixelFormat format, std::array<std::size_t, 2> bytesPerRow) {
+    if (width < 1 || height < 1 || width > kLongestSide || height > kLongestSide) return std::nullopt;
+    PixelBufferLayout layout{.width = width, .height = height, .format = format == 0 ? kPixelFormat32BGRA : format};
+    std::array<std::size_t, 2> bytesPerSample{4, 0};
+    switch (layout.format) {
+        case kPixelFormat32ARGB:
+        case kPixelFormat32BGRA:
+            layout.planes[0] = {width, height, 0};
+            break;
+        case kPixelFormat420v:
+            layout.planeCount = 2;
+            layout.planes[0] = {width, height, 0};
+            layout.planes[1] = {(width + 1) / 2, (height + 1) / 2, 0};
+            bytesPerSample = {1, 2};
+            break;
+        default:
+            return std::nullopt;
+    }
+    for (std::size_t i = 0; i < static_cast<std::size_t>(layout.planeCount); ++i) {
+        PlaneLayout& plane = layout.planes[i];
+        const std::size_t shortest = static_cast<std::size_t>(plane.width) * bytesPerSample[i];
+        plane.bytesPerRow = bytesPerRow[i] != 0 ? bytesPerRow[i] : (shortest + 63) / 64 * 64;
+        if (plane.bytesPerRow < shortest) return std::nullopt;
+    }
+    return layout;
+}
+
+std::size_t PixelBufferLayout::byteSize() const {
+    return planes[0].bytesPerRow * static_cast<std::size_t>(planes[0].height) + planes[1].bytesPerRow * static_cast<std::size_t>(planes[1].height);
+}
+
+PixelBuffer::PixelBuffer(const PixelBufferLayout& layout, std::array<std::uint8_t*, 2> planes, std::function<void()> release)
+    : layout_(layout), planes_(planes), release_(std::move(release)) {}
+
+PixelBuffer::~PixelBuffer() {
+    if (release_) release_();
+}
+
+std::shared_ptr<PixelBuffer> PixelBuffer::create(int width, int height, PixelFormat format) {
+    const auto layout = PixelBufferLayout::make(width, height, format);
+    return layout ? create(*layout) : nullptr;
+}
+
+std::shared_ptr<PixelBuffer> PixelBuffer::create(const PixelBufferLayout& layout) {
+    std::uint8_t* const block = layout.byteSize() > 0 ? allocateBlock(layout.byteSize()) : nullptr;
+    if (block == nullptr) return nullptr;
+    return wrap(layout, planesOf(layout, block), [block] { freeBlock(block); });
+}
+
+std::shared_ptr<PixelBuffer> PixelBuffer::wrap(const PixelBufferLayout& layout, std::array<std::uint8_t*, 2> planes, std::function<void()> release) {
+    return std::shared_ptr<PixelBuffer>(new PixelBuffer(layout, planes, std::move(release)));
+}
+
+bool PixelBuffer::isOneBlock() const {
+    return planes_ == planesOf(layout_, planes_[0]);
+}
+
+std::shared_ptr<PixelBufferPool> PixelBufferPool::create() {
+    return std::shared_ptr<PixelBufferPool>(new PixelBufferPool);
+}
+
+PixelBufferPool::~PixelBufferPool() {
+    for (std::uint8_t* block : idle_) freeBlock(block);
+}
+
+std::shared_ptr<PixelBuffer> PixelBufferPool::acquire(const PixelBufferLayout& layout) {
+    const std::size_t byteSize = layout.byteSize();
+    if (byteSize == 0) return nullptr;
+    std::uint8_t* block = nullptr;
+    {
+        const std::lock_guard lock(mutex_);
+        if (byteSize != blockSize_) {
+            for (std::uint8_t* stale : idle_) freeBlock(stale);
+            idle_.clear();
+            blockSize_ = byteSize;
+        }
+        if (!idle_.empty()) {
+            block = idle_.back();
+            idle_.pop_back();
+        }
+    }
+    if (block == nullptr) {
+        block = allocateBlock(byteSize);
+        if (block == nullptr) return nullptr;
+        const std::lock_guard lock(mutex_);
+        ++allocations_;
+    }
+    return PixelBuffer::wrap(layout, planesOf(layout, block), [pool = weak_from_this(), block, byteSize] {
+        if (const auto self = pool.lock()) {
+            self->recycle(block, byteSize);
+        } else {
+            freeBlock(block);
+        }
+    });
+}
+
+std::size_t PixelBufferPool::allocations() const {
+    const std::lock_guard lock(mutex_);
+    return allocations_;
+}
+
+void PixelBufferPool::recycle(std::uint8_t* block, std::size_t byteSize) {
+    {
+        const std::lock_guard lock(mutex_);
+        if (byteSize == blockSize_) {
+            idle_.push_back(block);
+            return;
+        }
+    }
+    freeBlock(block);
+}
+
+}  // namespace selvio

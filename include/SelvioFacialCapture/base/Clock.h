@@ -1,0 +1,26 @@
+// Time is a port, so that tests turn the hands themselves.
+#pragma once
+
+#include <chrono>
+#include <memory>
+
+namespace selvio {
+
+/// Source of time. Every operation may be called on any thread.
+class Clock {
+public:
+    virtual ~Clock() = default;
+    /// Seconds since 1 January 2001, 00:00:00 UTC.
+    [[nodiscard]] virtual double secondsSinceReferenceDate() const = 0;
+    /// A time that never goes back, from an arbitrary origin.
+    [[nodiscard]] virtual std::chrono::nanoseconds monotonicTime() const = 0;
+};
+
+/// The system's clocks.
+class SystemClock final : public Clock {
+public:
+    [[nodiscard]] double secondsSinceReferenceDate() const override;
+    [[nodiscard]] std::chrono::nanoseconds monotonicTime() const override;
+};
+
+}  // namespace selvio

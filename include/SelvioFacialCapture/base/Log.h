@@ -1,0 +1,18 @@
+// The platform log: one line of fixed English text per failure.
+#pragma once
+
+#include <functional>
+#include <string_view>
+
+namespace selvio {
+
+/// Receives one message without a trailing line feed. Called on the thread that logs, one call at a time.
+using LogSink = std::function<void(std::string_view message)>;
+
+/// Writes one message to the process's log sink (standard error unless replaced). Any thread.
+void log(std::string_view message);
+
+/// Replaces the sink of the whole process and returns the one before; an empty sink restores standard error. Any thread.
+LogSink setLogSink(LogSink sink);
+
+}  // namespace selvio

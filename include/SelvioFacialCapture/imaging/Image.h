@@ -1,0 +1,33 @@
+// A picture for people: a bitmap and the way up it is to be shown.
+#pragma once
+
+#include <SelvioFacialCapture/imaging/PixelBuffer.h>
+
+#include <cstdint>
+#include <memory>
+
+namespace selvio {
+
+/// How the bitmap's rows and columns are to be turned for display.
+enum class ImageOrientation : std::int64_t {
+    Up = 0,
+    Down = 1,
+    Left = 2,
+    Right = 3,
+    UpMirrored = 4,
+    DownMirrored = 5,
+    LeftMirrored = 6,
+    RightMirrored = 7,
+};
+
+/// A bitmap that is shared and no longer written.
+using Bitmap = std::shared_ptr<const PixelBuffer>;
+
+/// A picture. Copies share the bitmap.
+struct Image {
+    Bitmap bitmap;
+    ImageOrientation orientation = ImageOrientation::Up;
+    double scale = 1.0;  ///< pixels a point
+};
+
+}  // namespace selvio

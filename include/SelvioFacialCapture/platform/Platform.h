@@ -1,0 +1,56 @@
+// Everything that the component asks of the system underneath, in one struct of ports.
+#pragma once
+
+#include <SelvioFacialCapture/base/Clock.h>
+#include <SelvioFacialCapture/base/Queue.h>
+#include <SelvioFacialCapture/platform/AssetWriter.h>
+#include <SelvioFacialCapture/platform/Capture.h>
+#include <SelvioFacialCapture/platform/Device.h>
+#include <SelvioFacialCapture/platform/FaceDetector.h>
+#include <SelvioFacialCapture/platform/FaceLandmarks.h>
+#include <SelvioFacialCapture/platform/Files.h>
+#include <SelvioFacialCapture/platform/ImageCodec.h>
+#include <SelvioFacialCapture/platform/MotionManager.h>
+#include <SelvioFacialCapture/platform/View.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace selvio {
+
+/// The reverse-DNS prefix of the component's queue labels.
+inline constexpr const char* kQueueLabelPrefix = "com.selvio.facialcapture";
+
+/// The ports. A main object copies the struct when it is made. A null port is a service that the platform lacks: what needs it does nothing.
+/// The analyzer uses the first group, the camera the second, both use the queues and the clock.
+struct Platform {
+    std::shared_ptr<const Clock> clock;
+    std::shared_ptr<Queue> mainQueue;
+    std::shared_ptr<Queue> globalQueue;  ///< concurrent, default priority
+    std::function<std::shared_ptr<Queue>(const std::string& label)> makeSerialQueue;
+    std::shared_ptr<const Device> device;
+    std::shared_ptr<const Screen> screen;
+
+    std::shared_ptr<const ImageCodec> imageCodec;
+    std::shared_ptr<const ImageLoader> imageLoader;
+    std::function<std::shared_ptr<SequenceRequestHandler>()> makeSequenceRequestHandler;
+    std::function<std::shared_ptr<FaceDetector>()> makeFaceDetector;
+    std::function<std::shared_ptr<MotionManager>()> makeMotionManager;
+
+    std::shared_ptr<CaptureSystem> captureSystem;
+    std::shared_ptr<AssetWriterFactory> assetWriters;
+    std::shared_ptr<FileManager> fileManager;
+    std::function<std::shared_ptr<View>()> makeView;
+    std::shared_ptr<NotificationCenter> notificationCenter;
+};
+
+/// A platform with the portable parts filled in: system clock, the process's main and global queues, serial queues with a thread of their own,
+/// a notification centre. Adapters add the rest.
+[[nodiscard]] Platform makePortablePlatform();
+
+/// The platform of the linked adapters, used where an operation is called without one. Portable parts only until an adapter library sets it.
+[[nodiscard]] Platform defaultPlatform();
+void setDefaultPlatform(Platform platform);
+
+}  // namespace selvio

@@ -1,0 +1,68 @@
+// Ports: the view on screen, its preview layer, and the notifications of the application's life cycle.
+#pragma once
+
+#include <SelvioFacialCapture/imaging/Geometry.h>
+#include <SelvioFacialCapture/platform/Capture.h>
+
+namespace selvio {
+
+/// Shows a session's frames. On the main queue unless said otherwise.
+class PreviewLayer {
+public:
+    virtual ~PreviewLayer() = default;
+    /// Any thread.
+    [[nodiscard]] virtual std::shared_ptr<CaptureSession> session() const = 0;
+    /// Null detaches the session. Any thread.
+    virtual void setSession(std::shared_ptr<CaptureSession> session) = 0;
+    virtual void setVideoGravity(const std::string& gravity) = 0;
+    /// Null while no session with a video input is attached.
+    [[nodiscard]] virtual std::shared_ptr<CaptureConnection> connection() const = 0;
+    /// The object with its bounds in the layer's coordinates. Any thread.
+    [[nodiscard]] virtual MetadataObject transformedMetadataObject(const MetadataObject& object) const = 0;
+};
+
+/// A surface laid over the view that blurs what is beneath it.
+struct BlurView {
+    std::int64_t style = 0;  ///< 1: light
+    std::int64_t tag = 0;
+    Rect frame;
+};
+
+/// The view that backs a camera. On the main queue, except `layer`.
+class View {
+public:
+    virtual ~View() = default;
+    [[nodiscard]] virtual std::shared_ptr<PreviewLayer> layer() const = 0;
+    virtual void setFrame(Rect frame) = 0;
+    [[nodiscard]] virtual Rect frame() const = 0;
+    virtual void addSubview(const BlurView& view) = 0;
+    /// Removes the first subview with the tag; false if there is none.
+    virtual bool removeSubviewWithTag(std::int64_t tag) = 0;
+};
+
+enum class ApplicationNotification { WillResignActive, DidBecomeActive, WillTerminate };
+
+/// Tells observers what happens to the application. The host posts, on the main queue.
+class NotificationCenter {
+public:
+    using Handler = std::function<void()>;
+    /// Identifies an observer; any address of the observer's own.
+    using Observer = const void*;
+
+    void addObserver(Observer observer, ApplicationNotification notification, Handler handler);
+    /// Removes the observer for all notifications; a handler of it that runs on another thread may still be running on return.
+    void removeObserver(Observer observer);
+    /// Calls the handlers on the calling thread, in the order of registration.
+    void post(ApplicationNotification notification);
+
+private:
+    struct Entry {
+        Observer observer;
+        ApplicationNotification notification;
+        Handler handler;
+    };
+    std::mutex mutex_;
+    std::vector<Entry> entries_;  // guarded by mutex_
+};
+
+}  // namespace selvio

@@ -1,0 +1,28 @@
+#include <SelvioFacialCapture/platform/View.h>
+
+#include <algorithm>
+
+namespace selvio {
+
+void NotificationCenter::addObserver(Observer observer, ApplicationNotification notification, Handler handler) {
+    const std::lock_guard lock(mutex_);
+    entries_.push_back({observer, notification, std::move(handler)});
+}
+
+void NotificationCenter::removeObserver(Observer observer) {
+    const std::lock_guard lock(mutex_);
+    std::erase_if(entries_, [observer](const Entry& entry) { return entry.observer == observer; });
+}
+
+void NotificationCenter::post(ApplicationNotification notification) {
+    std::vector<Handler> handlers;
+    {
+        const std::lock_guard lock(mutex_);
+        for (const Entry& entry : entries_) {
+            if (entry.notification == notification) handlers.push_back(entry.handler);
+        }
+    }
+    for (const Handler& handler : handlers) handler();
+}
+
+}  // namespace selvio
