@@ -1,0 +1,129 @@
+#include <SelvioFacialCapture/SelvioFacialCaptureResults.h>
+
+#include <array>
+
+namespace {
+
+constexpr std::array kLocalizationKeys = {
+    "selvio_facial_capture_status_none",
+    "selvio_facial_capture_status_face_not_found",
+    "selvio_facial_capture_status_more_than_one_face",
+    "selvio_facial_capture_status_face_roll",
+    "selvio_facial_capture_status_face_pitch",
+    "selvio_facial_capture_status_face_yaw",
+    "selvio_facial_capture_status_move_closer",
+    "selvio_facial_capture_status_too_close",
+    "selvio_facial_capture_status_not_centered",
+    "selvio_facial_capture_status_hold_still",
+    "selvio_facial_capture_status_countdown",
+    "selvio_facial_capture_status_too_dark",
+    "selvio_facial_capture_status_non_uniform_light",
+    "selvio_facial_capture_status_stop_smiling",
+    "selvio_facial_capture_status_good_frame",
+};
+constexpr std::array kResultWords = {"None", "SuccessStillCamera", "SuccessVideo", "Cancelled"};
+
+// The entry at the enumeration's value, or nothing outside the table.
+template <std::size_t N>
+std::optional<std::string> entry(const std::array<const char*, N>& table, std::int64_t value) {
+    if (value < 0 || value >= static_cast<std::int64_t>(N)) return std::nullopt;
+    return table[static_cast<std::size_t>(value)];
+}
+
+}  // namespace
+
+std::optional<std::string> SelvioFacialCaptureResults::localizeKeyFrom(SelvioFacialCaptureStatus status) {
+    return entry(kLocalizationKeys, status);
+}
+
+std::optional<std::string> SelvioFacialCaptureResults::stringFrom(SelvioFacialCaptureResultCode resultCode) {
+    return entry(kResultWords, resultCode);
+}
+
+void SelvioFacialCaptureResults::setOrderedStatuses(Statuses statuses) {
+    const std::lock_guard lock(mutex_);
+    orderedStatuses_ = std::move(statuses);
+    if (orderedStatuses_ && !orderedStatuses_->empty()) highestPriorityStatus_ = orderedStatuses_->front();
+}
+
+SelvioFacialCaptureStatus SelvioFacialCaptureResults::highestPriorityStatus() const {
+    return get(highestPriorityStatus_);
+}
+void SelvioFacialCaptureResults::setHighestPriorityStatus(SelvioFacialCaptureStatus status) {
+    set(highestPriorityStatus_, status);
+}
+SelvioFacialCaptureResults::Statuses SelvioFacialCaptureResults::orderedStatuses() const {
+    return get(orderedStatuses_);
+}
+SelvioFacialCaptureResults::Points SelvioFacialCaptureResults::faceContourPoints() const {
+    return get(faceContourPoints_);
+}
+void SelvioFacialCaptureResults::setFaceContourPoints(Points points) {
+    set(faceContourPoints_, std::move(points));
+}
+SelvioFacialCaptureResults::Points SelvioFacialCaptureResults::noseCrestPoints() const {
+    return get(noseCrestPoints_);
+}
+void SelvioFacialCaptureResults::setNoseCrestPoints(Points points) {
+    set(noseCrestPoints_, std::move(points));
+}
+SelvioFacialCaptureResults::Points SelvioFacialCaptureResults::nosePoints() const {
+    return get(nosePoints_);
+}
+void SelvioFacialCaptureResults::setNosePoints(Points points) {
+    set(nosePoints_, std::move(points));
+}
+SelvioFacialCaptureResults::Points SelvioFacialCaptureResults::leftEyePoints() const {
+    return get(leftEyePoints_);
+}
+void SelvioFacialCaptureResults::setLeftEyePoints(Points points) {
+    set(leftEyePoints_, std::move(points));
+}
+SelvioFacialCaptureResults::Points SelvioFacialCaptureResults::rightEyePoints() const {
+    return get(rightEyePoints_);
+}
+void SelvioFacialCaptureResults::setRightEyePoints(Points points) {
+    set(rightEyePoints_, std::move(points));
+}
+SelvioFacialCaptureResults::Points SelvioFacialCaptureResults::innerLipsPoints() const {
+    return get(innerLipsPoints_);
+}
+void SelvioFacialCaptureResults::setInnerLipsPoints(Points points) {
+    set(innerLipsPoints_, std::move(points));
+}
+SelvioFacialCaptureResults::Points SelvioFacialCaptureResults::outerLipsPoints() const {
+    return get(outerLipsPoints_);
+}
+void SelvioFacialCaptureResults::setOuterLipsPoints(Points points) {
+    set(outerLipsPoints_, std::move(points));
+}
+std::optional<selvio::Image> SelvioFacialCaptureResults::selectedImage() const {
+    return get(selectedImage_);
+}
+void SelvioFacialCaptureResults::setSelectedImage(std::optional<selvio::Image> image) {
+    set(selectedImage_, std::move(image));
+}
+std::optional<std::string> SelvioFacialCaptureResults::encodedSelectedImage() const {
+    return get(encodedSelectedImage_);
+}
+void SelvioFacialCaptureResults::setEncodedSelectedImage(std::optional<std::string> base64) {
+    set(encodedSelectedImage_, std::move(base64));
+}
+std::optional<std::string> SelvioFacialCaptureResults::obixDataString() const {
+    return get(obixDataString_);
+}
+void SelvioFacialCaptureResults::setObixDataString(std::optional<std::string> json) {
+    set(obixDataString_, std::move(json));
+}
+SelvioFacialCaptureResultCode SelvioFacialCaptureResults::resultCode() const {
+    return get(resultCode_);
+}
+void SelvioFacialCaptureResults::setResultCode(SelvioFacialCaptureResultCode code) {
+    set(resultCode_, code);
+}
+selvio::Rect SelvioFacialCaptureResults::faceRect() const {
+    return get(faceRect_);
+}
+void SelvioFacialCaptureResults::setFaceRect(selvio::Rect rect) {
+    set(faceRect_, rect);
+}
