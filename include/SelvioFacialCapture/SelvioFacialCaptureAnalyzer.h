@@ -1,0 +1,132 @@
+// The analyzer: judges camera frames one at a time, guides the user and selects the picture.
+#pragma once
+
+#include <SelvioFacialCapture/SelvioFacialCaptureAnalyzerDelegate.h>
+#include <SelvioFacialCapture/SelvioFacialCaptureObixData.h>
+#include <SelvioFacialCapture/SelvioFacialCaptureParameters.h>
+#include <SelvioFacialCapture/SelvioFacialCaptureResults.h>
+#include <SelvioFacialCapture/imaging/SampleBuffer.h>
+#include <SelvioFacialCapture/platform/Platform.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+/// One facial capture, driven by the host.
+///
+/// States, and what moves between them:
+///
+///     Constructed ──resume──▶ Running ──selection──▶ Selecting ──resume──▶ Running
+///          │                   │   ▲
+///          └────pause────▶ Paused──┘ resume
+///     any state ──stop, cancel──▶ Spent
+///
+/// - Constructed: frames are analysed as soon as they arrive; no motion updates.
+/// - Running: frames are analysed; the motion feed drives the hold-still status.
+/// - Paused: frames are kept in the history but not analysed; motion stopped.
+/// - Selecting: a frame was chosen; frames are kept, the history is no longer trimmed. Left only by `resume`.
+/// - Spent: parameters, results, history and motion source are gone. Every operation does nothing; make a new analyzer for a new capture.
+///
+/// The control operations may be called on any thread, at any time, while frames arrive; a change takes effect for the next frame or detection
+/// result. Delegate calls run on the main queue unless their documentation says otherwise. Nothing here reports a failure to the caller: failures
+/// are lines in the platform log. The analyzer keeps no timer: the host ends a capture that takes too long.
+class SelvioFacialCaptureAnalyzer : public std::enable_shared_from_this<SelvioFacialCaptureAnalyzer> {
+public:
+    /// A new analyzer for these parameters, which stay shared with the host. Null (with a line in the log) without parameters.
+    [[nodiscard]] static std::shared_ptr<SelvioFacialCaptureAnalyzer> initWithParameters(
+        std::shared_ptr<SelvioFacialCaptureParameters> parameters, const selvio::Platform& platform = selvio::defaultPlatform());
+
+    SelvioFacialCaptureAnalyzer(const SelvioFacialCaptureAnalyzer&) = delete;
+    SelvioFacialCaptureAnalyzer& operator=(const SelvioFacialCaptureAnalyzer&) = delete;
+    /// Stops the motion feed; delegate calls not yet run are dropped.
+    ~SelvioFacialCaptureAnalyzer();
+
+    // Control
+
+    /// Holds the delegate weakly. On a system older than version 12, a non-null delegate makes the analyzer manual-only: mode 1, and the delegate's
+    /// `manualOnly` is called before this returns.
+    void setDelegate(std::weak_ptr<SelvioFacialCaptureAnalyzerDelegate> delegate);
+    /// Sets the parameters' mode.
+    void updateMode(std::int64_t mode);
+    /// Pauses without a reason.
+    void pause();
+    /// Pauses analysis and the motion feed. Reasons 1 to 4 are logged as "IS", "HS", "MF" and "RS"; any other is not logged.
+    void pauseFor(std::int64_t reason);
+    /// Starts or restarts analysis and the motion feed, logs the start event and adds the parameters to the data record (the first ones stay).
+    void resume();
+    /// Ends the capture without telling the delegate, and discards the process-wide event log. Afterwards no delegate call is started.
+    void stop();
+    /// Ends the capture as cancelled: closes the data record, calls `detectionCancelled` on this thread, then stops.
+    void cancel();
+    /// Asks for a capture: in manual mode the next frame is selected, in automatic mode the next frame that is delivered. Cleared by `resume`.
+    void selectFrame();
+
+    // Frames
+
+    /// Takes a camera frame. Ignored if it is null or while another frame is held (frames are dropped, never queued); otherwise its pixels are copied
+    /// once, and the rest runs on the analysis queue. The caller's buffer is not kept.
+    void analyzeSampleBuffer(const std::shared_ptr<selvio::SampleBuffer>& sampleBuffer);
+    /// Analyses the picture in a file on the calling thread, whatever the pause flags say; the picture takes the place of the screen. A file that
+    /// cannot be read is a line in the log and nothing else. Does nothing on systems older than version 12.
+    void analyzeImageAtPath(const std::string& path);
+
+    /// The orientation of the front camera's mirrored image, as EXIF orientation: 7, 4, 2 for devices held upside down, landscape left and landscape
+    /// right, else 5.
+    [[nodiscard]] static std::uint32_t exifOrientationForDeviceOrientation(selvio::DeviceOrientation orientation);
+    /// The same for the device as it is held now.
+    [[nodiscard]] std::uint32_t exifOrientationForCurrentDeviceOrientation() const;
+    /// The EXIF orientation of an image orientation; 1 for a value outside the enumeration.
+    [[nodiscard]] static std::uint32_t cgOrientationFrom(selvio::ImageOrientation orientation);
+
+    // State. Every getter may be called on any thread and answers a value of the moment.
+
+    [[nodiscard]] bool selectionInProgress() const;
+    [[nodiscard]] bool smileDetectionInProgress() const;
+    [[nodiscard]] bool shouldSkipFrames() const;
+    [[nodiscard]] bool shouldSelectCurrentFrame() const;
+    [[nodiscard]] bool manualOnly() const;
+    [[nodiscard]] bool isDepthDetected() const;
+    [[nodiscard]] bool shouldHoldStill() const;
+    [[nodiscard]] bool shouldStartCountdown() const;
+    /// A frame is held and under analysis.
+    [[nodiscard]] bool inProgress() const;
+    /// 0 not yet tested, 1 the first tested frame of this run of good frames showed a smile, 2 it showed none.
+    [[nodiscard]] std::int64_t smileStatus() const;
+    /// EXIF orientation of the last analysed live frame; 0 before.
+    [[nodiscard]] std::uint32_t exifOrientation() const;
+
+    /// Null once spent.
+    [[nodiscard]] std::shared_ptr<SelvioFacialCaptureParameters> parameters() const;
+    /// The current frame's results, replaced for every analysed live frame; null once spent.
+    [[nodiscard]] std::shared_ptr<SelvioFacialCaptureResults> results() const;
+    /// The recent frames, newest last; empty once spent.
+    [[nodiscard]] std::vector<selvio::Image> imagesArray() const;
+    /// The capture's data record, which accumulates over the analyzer's life.
+    [[nodiscard]] std::shared_ptr<SelvioFacialCaptureObixData> obixData() const;
+
+    /// Pixel size of the frames: that of the first analysed one.
+    [[nodiscard]] selvio::Size resolution() const;
+    /// Stores the frames' size and recomputes how much of them the screen crops away; the zero size is only stored.
+    void setResolution(selvio::Size resolution);
+    [[nodiscard]] double biggerScreenSide() const;    ///< points
+    [[nodiscard]] double smallerScreenSide() const;   ///< points
+    [[nodiscard]] double biggerPreviewSide() const;   ///< pixels
+    [[nodiscard]] double smallerPreviewSide() const;  ///< pixels
+    [[nodiscard]] double wAdjuster() const;           ///< share of the frame's short side that is on the screen
+    [[nodiscard]] double hAdjuster() const;           ///< share of the frame's long side that is on the screen
+    [[nodiscard]] double xAdjuster() const;           ///< points cropped away at each end of the short side
+    [[nodiscard]] double yAdjuster() const;           ///< points cropped away at each end of the long side
+    /// How the interface was turned when the analyzer was made.
+    [[nodiscard]] selvio::InterfaceOrientation statusbarOrientation() const;
+    /// Width of the last checked face as a share of the screen's width.
+    [[nodiscard]] double faceHorizontalFill() const;
+    [[nodiscard]] selvio::Point noseMiddle() const;
+    [[nodiscard]] selvio::Point lipLeft() const;
+    [[nodiscard]] selvio::Point lipRight() const;
+
+private:
+    class Impl;
+    explicit SelvioFacialCaptureAnalyzer(std::shared_ptr<Impl> impl);
+    const std::shared_ptr<Impl> impl_;
+};

@@ -1,0 +1,80 @@
+// The log of what the user was told and did during a capture.
+#pragma once
+
+#include <SelvioFacialCapture/base/Clock.h>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+
+/// The events of the log; each enumerator's comment is the code that the log writes.
+enum SelvioFacialCaptureUxpEvent : std::int64_t {
+    SelvioFacialCaptureUxpEventStartAuto = 0,         ///< "SA"; also what a status without an event of its own is logged as
+    SelvioFacialCaptureUxpEventStartManual = 1,       ///< "SS"
+    SelvioFacialCaptureUxpEventPauseReason1 = 2,      ///< "IS"
+    SelvioFacialCaptureUxpEventPauseReason2 = 3,      ///< "HS"
+    SelvioFacialCaptureUxpEventPauseReason4 = 4,      ///< "RS"
+    SelvioFacialCaptureUxpEventPauseReason3 = 5,      ///< "MF"
+    SelvioFacialCaptureUxpEventFinalizedAuto = 6,     ///< "MT"
+    SelvioFacialCaptureUxpEventFinalizedManual = 7,   ///< "ST"
+    SelvioFacialCaptureUxpEventCancelled = 8,         ///< "C"
+    SelvioFacialCaptureUxpEventFaceNotFound = 9,      ///< "FENF"
+    SelvioFacialCaptureUxpEventNotCentered = 10,      ///< "FENC"
+    SelvioFacialCaptureUxpEventMoreThanOneFace = 11,  ///< "FEMF"
+    SelvioFacialCaptureUxpEventFaceRoll = 12,         ///< "FER"
+    SelvioFacialCaptureUxpEventFacePitch = 13,        ///< "FEP"
+    SelvioFacialCaptureUxpEventFaceYaw = 14,          ///< "FEY"
+    SelvioFacialCaptureUxpEventMoveCloser = 15,       ///< "FETF"
+    SelvioFacialCaptureUxpEventTooClose = 16,         ///< "FETC"
+    SelvioFacialCaptureUxpEventHoldStill = 17,        ///< "FENS"
+    SelvioFacialCaptureUxpEventStopSmiling = 18,      ///< "FESS"
+    SelvioFacialCaptureUxpEventCountdown = 19,        ///< "FHS"
+    SelvioFacialCaptureUxpEventGoodFrame = 20,        ///< "FS"; also the idle marker after `clear`
+};
+
+/// The process-wide event log. Every operation may be called on any thread.
+///
+/// An entry is a JSON object with one member: the event's code, whose value is an array of the milliseconds since the log was started and, if the
+/// caller gave one, an extra value. Consecutive repeats of an event make one entry.
+class SelvioFacialCaptureUxpEventManager {
+public:
+    /// The one manager, made on first use.
+    [[nodiscard]] static std::shared_ptr<SelvioFacialCaptureUxpEventManager> sharedInstance();
+    /// Clears the shared manager and drops it; the next `sharedInstance` makes a new one.
+    static void destroySharedInstance();
+    /// The clock of shared managers made from now on; null restores the system's.
+    static void setSharedClock(std::shared_ptr<const selvio::Clock> clock);
+
+    /// A new, empty log that starts now.
+    [[nodiscard]] static std::shared_ptr<SelvioFacialCaptureUxpEventManager> init(std::shared_ptr<const selvio::Clock> clock = nullptr);
+
+    /// Empties the log, restarts its time at zero and sets `currentEvent` to 20, so that a good frame as the very first event is not logged.
+    void clear();
+    /// Logs an event unless it equals the last one. A number without a code is remembered as the last event and logs nothing.
+    void addEvent(SelvioFacialCaptureUxpEvent event);
+    /// The same with an extra value; a null one counts as none.
+    void addEventWith(SelvioFacialCaptureUxpEvent event, const nlohmann::json& extra);
+
+    /// A copy of the log: a JSON array, oldest entry first.
+    [[nodiscard]] nlohmann::json events() const;
+    /// The last event passed to `addEvent`.
+    [[nodiscard]] SelvioFacialCaptureUxpEvent currentEvent() const;
+    /// The log's time zero, in seconds since 1 January 2001, 00:00:00 UTC.
+    [[nodiscard]] double startTime() const;
+    /// The code of each event.
+    [[nodiscard]] const std::map<std::int64_t, std::string>& uxpEventToStringMappingDictionary() const;
+
+private:
+    explicit SelvioFacialCaptureUxpEventManager(std::shared_ptr<const selvio::Clock> clock);
+
+    const std::shared_ptr<const selvio::Clock> clock_;
+    const std::map<std::int64_t, std::string> codes_;
+    mutable std::mutex mutex_;
+    nlohmann::json mutableEvents_;                                                     // guarded by mutex_
+    double startTime_ = 0.0;                                                           // guarded by mutex_
+    SelvioFacialCaptureUxpEvent currentEvent_ = SelvioFacialCaptureUxpEventGoodFrame;  // guarded by mutex_
+};

@@ -1,0 +1,92 @@
+#include <SelvioFacialCapture/SelvioFacialCaptureUxpEventManager.h>
+
+#include <utility>
+
+namespace {
+
+struct SharedManager {
+    std::mutex mutex;
+    std::shared_ptr<SelvioFacialCaptureUxpEventManager> manager;  // guarded by mutex
+    std::shared_ptr<const selvio::Clock> clock;                   // guarded by mutex
+};
+
+SharedManager& shared() {
+    static SharedManager* const instance = new SharedManager;  // outlives every thread that may still log at exit
+    return *instance;
+}
+
+}  // namespace
+
+std::shared_ptr<SelvioFacialCaptureUxpEventManager> SelvioFacialCaptureUxpEventManager::sharedInstance() {
+    SharedManager& s = shared();
+    const std::lock_guard lock(s.mutex);
+    if (!s.manager) s.manager = init(s.clock);
+    return s.manager;
+}
+
+void SelvioFacialCaptureUxpEventManager::destroySharedInstance() {
+    SharedManager& s = shared();
+    const std::lock_guard lock(s.mutex);
+    if (s.manager) s.manager->clear();
+    s.manager = nullptr;
+}
+
+void SelvioFacialCaptureUxpEventManager::setSharedClock(std::shared_ptr<const selvio::Clock> clock) {
+    SharedManager& s = shared();
+    const std::lock_guard lock(s.mutex);
+    s.clock = std::move(clock);
+}
+
+std::shared_ptr<SelvioFacialCaptureUxpEventManager> SelvioFacialCaptureUxpEventManager::init(std::shared_ptr<const selvio::Clock> clock) {
+    if (!clock) clock = std::make_shared<selvio::SystemClock>();
+    return std::shared_ptr<SelvioFacialCaptureUxpEventManager>(new SelvioFacialCaptureUxpEventManager(std::move(clock)));
+}
+
+SelvioFacialCaptureUxpEventManager::SelvioFacialCaptureUxpEventManager(std::shared_ptr<const selvio::Clock> clock)
+    : clock_(std::move(clock)), codes_{{0, "SA"},   {1, "SS"},    {2, "IS"},    {3, "HS"},    {4, "RS"},    {5, "MF"},   {6, "MT"},
+                                       {7, "ST"},   {8, "C"},     {9, "FENF"},  {10, "FENC"}, {11, "FEMF"}, {12, "FER"}, {13, "FEP"},
+                                       {14, "FEY"}, {15, "FETF"}, {16, "FETC"}, {17, "FENS"}, {18, "FESS"}, {19, "FHS"}, {20, "FS"}} {
+    clear();
+}
+
+void SelvioFacialCaptureUxpEventManager::clear() {
+    const std::lock_guard lock(mutex_);
+    mutableEvents_ = nlohmann::json::array();
+    startTime_ = clock_->secondsSinceReferenceDate();
+    currentEvent_ = SelvioFacialCaptureUxpEventGoodFrame;
+}
+
+void SelvioFacialCaptureUxpEventManager::addEvent(SelvioFacialCaptureUxpEvent event) {
+    addEventWith(event, nullptr);
+}
+
+void SelvioFacialCaptureUxpEventManager::addEventWith(SelvioFacialCaptureUxpEvent event, const nlohmann::json& extra) {
+    const std::lock_guard lock(mutex_);
+    if (event == currentEvent_) return;
+    currentEvent_ = event;
+    const auto elapsed = static_cast<std::int64_t>((clock_->secondsSinceReferenceDate() - startTime_) * 1000.0);
+    const auto code = codes_.find(event);
+    if (code == codes_.end()) return;
+    nlohmann::json values = nlohmann::json::array({elapsed});
+    if (!extra.is_null()) values.push_back(extra);
+    mutableEvents_.push_back({{code->second, std::move(values)}});
+}
+
+nlohmann::json SelvioFacialCaptureUxpEventManager::events() const {
+    const std::lock_guard lock(mutex_);
+    return mutableEvents_;
+}
+
+SelvioFacialCaptureUxpEvent SelvioFacialCaptureUxpEventManager::currentEvent() const {
+    const std::lock_guard lock(mutex_);
+    return currentEvent_;
+}
+
+double SelvioFacialCaptureUxpEventManager::startTime() const {
+    const std::lock_guard lock(mutex_);
+    return startTime_;
+}
+
+const std::map<std::int64_t, std::string>& SelvioFacialCaptureUxpEventManager::uxpEventToStringMappingDictionary() const {
+    return codes_;
+}
