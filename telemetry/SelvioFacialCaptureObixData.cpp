@@ -129,5 +129,5 @@ std::optional<std::string> SelvioFacialCaptureObixData::addToImage(const std::op
 
     const std::optional<selvio::Bytes> jpeg = codec_->encodeFromSource(*source, properties);
     if (!jpeg) return std::nullopt;
-    return selvio::encodeBase64(*jpeg);
+    return selvio::base64::encode(*jpeg);
 }

@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -126,7 +127,38 @@ public:
     [[nodiscard]] selvio::Point lipRight() const;
 
 private:
-    class Impl;
-    explicit SelvioFacialCaptureAnalyzer(std::shared_ptr<Impl> impl);
-    const std::shared_ptr<Impl> impl_;
+    struct State;
+    using Step = void (SelvioFacialCaptureAnalyzer::*)();
+    using FrameId = std::uint64_t;
+    static constexpr FrameId kNoFrame = 0;
+    explicit SelvioFacialCaptureAnalyzer(std::unique_ptr<State> state);
+
+    // A frame's way, in this order. Analysis queue, or the thread of a still image.
+    void analyzeHeldFrame(FrameId id);
+    void performLandmarksRequest(const std::shared_ptr<const selvio::PixelBuffer>& pixelBuffer, std::uint32_t exifOrientation, FrameId id);
+    void detectedFace(const selvio::FaceLandmarksRequest& request, const std::optional<selvio::Error>& error);
+    void normalizeFaceLandmarkPointsFrom(const selvio::FaceObservation& observation);
+    void analyzeFaceLandmarkPoints();
+    void gateGoodFrame();
+    void testSmile(const std::optional<selvio::Image>& image);  // global queue
+    void releaseSampleBuffer(FrameId id);
+
+    // Steps on the main queue.
+    void deliverResults();
+    void deliverResultsOrSelectManually();
+    void deliverCountdown();
+    void deliverCountdownStatus();
+    void deliverManually();
+    void deliverSuccess();
+    void selectAutomatically();
+    void submitToMainQueue(Step step);
+
+    void reportStatuses(std::vector<SelvioFacialCaptureStatus> statuses);
+    void addUxpFor(const std::vector<SelvioFacialCaptureStatus>& statuses);
+    void addEvent(std::int64_t event);
+    void finalizeObix(SelvioFacialCaptureResults& results);
+    void finishSelection(const std::shared_ptr<SelvioFacialCaptureResults>& selected);
+    [[nodiscard]] std::shared_ptr<SelvioFacialCaptureAnalyzerDelegate> delegate() const;
+
+    const std::unique_ptr<State> state_;
 };

@@ -1,0 +1,76 @@
+// What an analyzer remembers.
+#pragma once
+
+#include <SelvioFacialCapture/SelvioFacialCaptureAnalyzer.h>
+
+#include <atomic>
+#include <mutex>
+
+#include "analyzer/FrameHistory.h"
+#include "analyzer/rules/GoodFrameGate.h"
+#include "analyzer/rules/PreviewGeometry.h"
+
+struct SelvioFacialCaptureAnalyzer::State {
+    explicit State(const selvio::Platform& ports);
+
+    /// Older systems capture manually only.
+    static constexpr int kAutomaticAnalysisVersion = 12;
+
+    [[nodiscard]] selvio::rules::GateFlags gateFlags() const;
+    [[nodiscard]] bool canAnalyze() const { return systemMajorVersion >= kAutomaticAnalysisVersion && sequenceRequestHandler != nullptr; }
+    /// Reads or replaces a member that `mutex` guards.
+    template <typename T>
+    [[nodiscard]] T get(const T& member) const {
+        const std::lock_guard lock(mutex);
+        return member;
+    }
+    template <typename T>
+    void set(T& member, T value) {
+        const std::lock_guard lock(mutex);
+        std::swap(member, value);  // what was replaced goes after the lock
+    }
+
+    const selvio::Platform platform;
+    const int systemMajorVersion;
+    const selvio::InterfaceOrientation statusbarOrientation;
+    const std::shared_ptr<selvio::SequenceRequestHandler> sequenceRequestHandler;
+    const std::shared_ptr<selvio::FaceDetector> faceDetector;
+    const std::shared_ptr<SelvioFacialCaptureObixData> obixData;
+    const std::shared_ptr<selvio::PixelBufferPool> framePool;
+    selvio::FrameHistory history;
+
+    std::atomic<bool> selectionInProgress{false};
+    std::atomic<bool> smileDetectionInProgress{false};
+    std::atomic<bool> shouldSkipFrames{false};
+    std::atomic<bool> shouldSelectCurrentFrame{false};
+    std::atomic<bool> manualOnly{false};
+    std::atomic<bool> shouldHoldStill{false};
+    std::atomic<bool> shouldStartCountdown{true};
+    std::atomic<bool> inProgress{false};
+    std::atomic<bool> cancelling{false};
+    std::atomic<std::int64_t> smileStatus{0};
+    std::atomic<std::uint32_t> exifOrientation{0};
+
+    mutable std::mutex mutex;
+    std::weak_ptr<SelvioFacialCaptureAnalyzerDelegate> delegate;  // guarded by mutex
+    std::shared_ptr<SelvioFacialCaptureParameters> parameters;    // guarded by mutex; null once spent
+    std::shared_ptr<SelvioFacialCaptureResults> results;          // guarded by mutex; null once spent
+    std::shared_ptr<selvio::MotionManager> motionManager;         // guarded by mutex; null once spent
+    std::shared_ptr<selvio::SampleBuffer> sampleBuffer;           // guarded by mutex; the frame under analysis
+    FrameId heldFrame = kNoFrame;                                 // guarded by mutex; which frame that is
+    FrameId lastFrame = kNoFrame;                                 // guarded by mutex
+    std::optional<selvio::Image> ciImage;                         // guarded by mutex; the frame that the smile test examines
+    selvio::rules::PreviewGeometry geometry;                      // guarded by mutex
+    double faceHorizontalFill = 0.0;                              // guarded by mutex
+    selvio::Point noseMiddle;                                     // guarded by mutex
+    selvio::Point lipLeft;                                        // guarded by mutex
+    selvio::Point lipRight;                                       // guarded by mutex
+
+    std::mutex eventMutex;  // held while an event is logged, so that none follows after `stop`; taken before `mutex`
+    bool spent = false;     // guarded by eventMutex
+
+    std::mutex visionMutex;  // held while a request is performed: the handler serves one thread at a time; taken before the others
+
+    // Last, so that it is joined first: its blocks use the members above.
+    const std::shared_ptr<selvio::Queue> analysisQueue;
+};

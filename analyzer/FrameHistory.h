@@ -1,0 +1,53 @@
+// The recent frames, from which the selected one is taken.
+#pragma once
+
+#include <SelvioFacialCapture/imaging/Image.h>
+
+#include <cstddef>
+#include <deque>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+namespace selvio {
+
+/// Images in arrival order, newest last. Every operation may be called on any thread.
+class FrameHistory {
+public:
+    /// Appends an image and then removes the oldest ones until no more than `limit` are left.
+    void append(Image image, std::size_t limit) {
+        const std::lock_guard lock(mutex_);
+        if (closed_) return;
+        images_.push_back(std::move(image));
+        while (images_.size() > limit) images_.pop_front();
+    }
+
+    [[nodiscard]] std::optional<Image> oldest() const {
+        const std::lock_guard lock(mutex_);
+        return images_.empty() ? std::nullopt : std::optional(images_.front());
+    }
+
+    [[nodiscard]] std::optional<Image> newest() const {
+        const std::lock_guard lock(mutex_);
+        return images_.empty() ? std::nullopt : std::optional(images_.back());
+    }
+
+    [[nodiscard]] std::vector<Image> images() const {
+        const std::lock_guard lock(mutex_);
+        return {images_.begin(), images_.end()};
+    }
+
+    /// Drops all images and takes no more.
+    void close() {
+        const std::lock_guard lock(mutex_);
+        closed_ = true;
+        images_.clear();
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::deque<Image> images_;  // guarded by mutex_
+    bool closed_ = false;       // guarded by mutex_
+};
+
+}  // namespace selvio

@@ -1,0 +1,120 @@
+// From a detected face to a decision: mapped to screen points, checked, gated.
+#include <SelvioFacialCapture/SelvioFacialCaptureAnalyzer.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "analyzer/AnalyzerState.h"
+#include "analyzer/rules/FaceChecks.h"
+
+using namespace selvio;
+using Analyzer = SelvioFacialCaptureAnalyzer;
+using Statuses = std::vector<SelvioFacialCaptureStatus>;
+
+void Analyzer::normalizeFaceLandmarkPointsFrom(const FaceObservation& observation) {
+    const auto current = results();
+    if (!current) return;
+    const FaceLandmarks landmarks = observation.landmarks.value_or(FaceLandmarks{});
+    const Rect rect = state_->get(state_->geometry).faceRect(observation.boundingBox);
+    current->setFaceRect(rect);
+    current->setFaceContourPoints(rules::landmarkInAdjustedRect(landmarks.faceContour, rect));
+    current->setNosePoints(rules::landmarkInAdjustedRect(landmarks.nose, rect));
+    current->setOuterLipsPoints(rules::landmarkInAdjustedRect(landmarks.outerLips, rect));
+}
+
+void Analyzer::analyzeFaceLandmarkPoints() {
+    State& s = *state_;
+    const auto current = results();
+    const auto settings = parameters();
+    if (s.gateFlags().anySet() || !current || !settings) return;
+    current->setOrderedStatuses(Statuses());
+
+    const rules::PreviewGeometry geometry = s.get(s.geometry);
+    const rules::FaceChecksResult checked = rules::checkFace({
+        .points = {.contour = current->faceContourPoints(), .nose = current->nosePoints(), .outerLips = current->outerLipsPoints()},
+        .limits = {.roll = settings->roll(),
+                   .pitch = settings->pitch(),
+                   .yaw = settings->yaw(),
+                   .minFill = settings->minFill(),
+                   .maxFill = settings->maxFill()},
+        .biggerScreenSide = geometry.biggerScreenSide,
+        .smallerScreenSide = geometry.smallerScreenSide,
+        .shouldHoldStill = s.shouldHoldStill,
+    });
+    {
+        const std::lock_guard lock(s.mutex);
+        s.noseMiddle = checked.noseMiddle;
+        s.lipLeft = checked.lipLeft;
+        s.lipRight = checked.lipRight;
+        s.faceHorizontalFill = checked.measures.horizontalFill;
+    }
+    current->setOrderedStatuses(checked.statuses);
+    if (checked.statuses.empty()) return gateGoodFrame();
+
+    // A bad frame ends any countdown and forgets the smile.
+    addUxpFor(checked.statuses);
+    s.smileStatus = 0;
+    s.shouldStartCountdown = true;
+    submitToMainQueue(&Analyzer::deliverResultsOrSelectManually);
+}
+
+void Analyzer::gateGoodFrame() {
+    State& s = *state_;
+    const auto settings = parameters();
+    if (!settings) return;
+    const rules::GoodFrameDecision decision = rules::decideGoodFrame({
+        .flags = s.gateFlags(),
+        .shouldSelectCurrentFrame = s.shouldSelectCurrentFrame,
+        .shouldStartCountdown = s.shouldStartCountdown,
+        .selectOnSmile = settings->selectOnSmile(),
+        .mode = settings->mode(),
+        .countdownTime = settings->countdownTime(),
+    });
+    switch (decision) {
+        case rules::GoodFrameDecision::Drop:
+            return;
+        case rules::GoodFrameDecision::TestSmile: {
+            s.smileDetectionInProgress = true;
+            const std::optional<Image> image = s.get(s.ciImage);
+            s.platform.globalQueue->async([weak = weak_from_this(), image] {
+                if (const auto self = weak.lock()) self->testSmile(image);
+            });
+            return;
+        }
+        case rules::GoodFrameDecision::SelectAutomatically:
+            return submitToMainQueue(&Analyzer::selectAutomatically);
+        case rules::GoodFrameDecision::AnnounceCountdown:
+            s.shouldStartCountdown = false;
+            return submitToMainQueue(&Analyzer::deliverCountdown);
+        case rules::GoodFrameDecision::ReportCountdown:
+            return submitToMainQueue(&Analyzer::deliverCountdownStatus);
+    }
+}
+
+void Analyzer::testSmile(const std::optional<Image>& image) {
+    State& s = *state_;
+    const auto current = results();
+    const auto settings = parameters();
+    const auto faces = image && s.faceDetector ? s.faceDetector->featuresInImage(*image, /*smile=*/true) : std::vector<FaceFeature>();
+    if (faces.size() != 1 || !current || !settings) {
+        s.smileDetectionInProgress = false;
+        return;
+    }
+    const rules::SmileJudgement judgement = rules::judgeSmile(faces.front().hasSmile, s.smileStatus, settings->mode());
+    s.smileStatus = judgement.smileStatus;
+    // Stays set on purpose, and so keeps every later frame out until `resume` clears it.
+    if (s.selectionInProgress || s.shouldSkipFrames) return;
+
+    const Statuses statuses{judgement.askToStopSmiling ? SelvioFacialCaptureStatusStopSmiling : SelvioFacialCaptureStatusGoodFrame};
+    current->setOrderedStatuses(statuses);
+    addUxpFor(statuses);
+    if (judgement.selection == rules::SmileSelection::None) {
+        submitToMainQueue(&Analyzer::deliverResultsOrSelectManually);
+    } else if (!s.selectionInProgress.exchange(true)) {
+        current->setSelectedImage(judgement.selection == rules::SmileSelection::OldestFrame ? s.history.oldest() : s.history.newest());
+        current->setResultCode(SelvioFacialCaptureResultCodeSuccessVideo);
+        finalizeObix(*current);
+        submitToMainQueue(&Analyzer::deliverSuccess);
+    }
+    s.smileDetectionInProgress = false;
+}

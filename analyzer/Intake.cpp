@@ -1,0 +1,152 @@
+// A frame's way into the analyzer: admitted, copied once, kept, detected.
+#include <SelvioFacialCapture/SelvioFacialCaptureAnalyzer.h>
+#include <SelvioFacialCapture/SelvioFacialCaptureImageUtilities.h>
+#include <SelvioFacialCapture/base/Log.h>
+
+#include <limits>
+#include <new>
+#include <utility>
+
+#include "analyzer/AnalyzerState.h"
+
+using namespace selvio;
+using Analyzer = SelvioFacialCaptureAnalyzer;
+
+namespace {
+
+constexpr std::size_t kLiveHistoryLimit = 14;
+constexpr std::size_t kStillHistoryLimit = 5;
+constexpr std::size_t kNoLimit = std::numeric_limits<std::size_t>::max();
+constexpr std::uint32_t kStillImageOrientation = 5;
+
+int landmarksRevision(int systemMajorVersion) {
+    return systemMajorVersion >= 13 ? 3 : 2;
+}
+
+}  // namespace
+
+void Analyzer::analyzeSampleBuffer(const std::shared_ptr<SampleBuffer>& sampleBuffer) {
+    if (!sampleBuffer || state_->inProgress.exchange(true)) return;
+    FrameId id = 0;
+    try {
+        auto copy = SelvioFacialCaptureImageUtilities::copySampleBuffer(sampleBuffer, *state_->framePool);
+        {
+            const std::lock_guard lock(state_->mutex);
+            state_->sampleBuffer.swap(copy);
+            id = state_->heldFrame = ++state_->lastFrame;
+        }
+        state_->analysisQueue->async([weak = weak_from_this(), id] {
+            if (const auto self = weak.lock()) self->analyzeHeldFrame(id);
+        });
+    } catch (const std::bad_alloc&) {  // this frame is dropped; the next one may do better
+        log("A frame could not be taken: not enough memory");
+        if (id != 0) releaseSampleBuffer(id);
+        state_->inProgress = false;
+    }
+}
+
+void Analyzer::analyzeHeldFrame(FrameId id) {
+    SELVIO_ASSERT_ON_QUEUE(state_->analysisQueue);
+    State& s = *state_;
+    const auto frame = s.get(s.sampleBuffer);
+    const auto parameters = this->parameters();
+    const std::shared_ptr<PixelBuffer> pixelBuffer = frame ? frame->imageBuffer() : nullptr;
+    if (!pixelBuffer || !parameters) return releaseSampleBuffer(id);
+
+    try {
+        std::optional<Image> image = SelvioFacialCaptureImageUtilities::imageFromSampleBuffer(frame);
+        if (!image) return releaseSampleBuffer(id);
+        s.set(s.ciImage, std::optional(*image));
+        s.history.append(std::move(*image), s.selectionInProgress ? kNoLimit : kLiveHistoryLimit);
+    } catch (const std::bad_alloc&) {
+        log("A frame could not be kept: not enough memory");
+        return releaseSampleBuffer(id);
+    }
+
+    const bool manual = s.manualOnly || parameters->mode() == SelvioFacialCaptureModeManual;
+    const auto host = delegate();
+    if (manual && s.shouldSelectCurrentFrame && host && host->detectionSuccess && !s.selectionInProgress.exchange(true)) {
+        releaseSampleBuffer(id);
+        submitToMainQueue(&Analyzer::deliverManually);
+    }
+
+    if (!s.canAnalyze() || s.gateFlags().anySet() || s.manualOnly) {
+        return releaseSampleBuffer(id);
+    }
+
+    auto results = std::make_shared<SelvioFacialCaptureResults>();
+    results->setOrderedStatuses(std::vector<SelvioFacialCaptureStatus>());
+    {
+        const std::lock_guard lock(s.mutex);
+        if (s.results) s.results.swap(results);  // once spent there are none
+        if (s.geometry.resolution == Size{}) {
+            s.geometry.setResolution({.width = static_cast<double>(pixelBuffer->width()), .height = static_cast<double>(pixelBuffer->height())});
+        }
+    }
+    s.exifOrientation = exifOrientationForCurrentDeviceOrientation();
+    performLandmarksRequest(pixelBuffer, s.exifOrientation, id);
+}
+
+void Analyzer::performLandmarksRequest(const std::shared_ptr<const PixelBuffer>& pixelBuffer, std::uint32_t exifOrientation, FrameId id) {
+    const auto request = std::make_shared<FaceLandmarksRequest>([this, id](const FaceLandmarksRequest& done, const std::optional<Error>& error) {
+        // The frame goes before its result is judged, so that the next one may come in meanwhile.
+        releaseSampleBuffer(id);
+        detectedFace(done, error);
+    });
+    request->setRevision(landmarksRevision(state_->systemMajorVersion));
+    const std::lock_guard lock(state_->visionMutex);
+    const auto error = state_->sequenceRequestHandler->performRequests({request}, pixelBuffer, exifOrientation);
+    if (error) log("SequenceRequestHandler couldn't perform requests: " + error->localizedDescription);
+    releaseSampleBuffer(id);
+}
+
+// Gives back the frame and opens the latch. Only the frame that is held can be given back: a second call for one that has gone changes nothing, so
+// that the next frame keeps its place.
+void Analyzer::releaseSampleBuffer(FrameId id) {
+    std::shared_ptr<SampleBuffer> released;
+    const std::lock_guard lock(state_->mutex);
+    if (id == kNoFrame || state_->heldFrame != id) return;
+    state_->heldFrame = kNoFrame;
+    released.swap(state_->sampleBuffer);
+    state_->inProgress = false;
+}
+
+void Analyzer::detectedFace(const FaceLandmarksRequest& request, const std::optional<Error>& error) {
+    if (state_->gateFlags().anySet()) return;
+    if (error) log("Detect face request error: " + error->localizedDescription);
+    const auto& observations = request.results();
+    if (!observations || observations->empty()) {
+        reportStatuses({SelvioFacialCaptureStatusFaceNotFound});
+    } else if (observations->size() > 1) {
+        reportStatuses({SelvioFacialCaptureStatusMoreThanOneFace});
+    } else {
+        normalizeFaceLandmarkPointsFrom(observations->front());
+        analyzeFaceLandmarkPoints();
+    }
+}
+
+void Analyzer::reportStatuses(std::vector<SelvioFacialCaptureStatus> statuses) {
+    const auto current = results();
+    if (!current) return;
+    current->setOrderedStatuses(statuses);
+    addUxpFor(statuses);
+    submitToMainQueue(&Analyzer::deliverResults);
+}
+
+void Analyzer::analyzeImageAtPath(const std::string& path) {
+    State& s = *state_;
+    if (!s.canAnalyze() || !s.platform.imageLoader || !results()) return;
+    const auto picture = s.platform.imageLoader->loadImage(path);
+    if (!picture) return log(picture.error().localizedDescription);
+    const std::shared_ptr<PixelBuffer>& pixels = picture.value();
+    const Image image{.bitmap = pixels};
+    const Size extent{.width = static_cast<double>(pixels->width()), .height = static_cast<double>(pixels->height())};
+    {
+        const std::lock_guard lock(s.mutex);
+        s.ciImage = image;
+        s.geometry.setScreen(extent);
+        s.geometry.setResolution(extent);
+    }
+    s.history.append(image, kStillHistoryLimit);
+    performLandmarksRequest(pixels, kStillImageOrientation, kNoFrame);
+}

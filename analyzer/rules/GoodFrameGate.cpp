@@ -1,0 +1,29 @@
+#include "analyzer/rules/GoodFrameGate.h"
+
+namespace selvio::rules {
+
+GoodFrameDecision decideGoodFrame(const GoodFrameInput& input) {
+    if (input.flags.anySet()) return GoodFrameDecision::Drop;
+    if (input.selectOnSmile || input.mode != SelvioFacialCaptureModeAuto) return GoodFrameDecision::TestSmile;
+    if (input.shouldSelectCurrentFrame || input.countdownTime <= 1) return GoodFrameDecision::SelectAutomatically;
+    return input.shouldStartCountdown ? GoodFrameDecision::AnnounceCountdown : GoodFrameDecision::ReportCountdown;
+}
+
+SmileJudgement judgeSmile(bool smiling, std::int64_t smileStatus, SelvioFacialCaptureMode mode) {
+    constexpr std::int64_t kBeganSmiling = 1;
+    constexpr std::int64_t kBeganNeutral = 2;
+    const bool manual = mode == SelvioFacialCaptureModeManual;
+
+    SmileJudgement judgement{.smileStatus = smileStatus};
+    if (smileStatus == 0) judgement.smileStatus = smiling ? kBeganSmiling : kBeganNeutral;
+    if (smiling) {
+        judgement.askToStopSmiling = judgement.smileStatus == kBeganSmiling || manual;
+        if (!judgement.askToStopSmiling) judgement.selection = SmileSelection::OldestFrame;
+    } else if (judgement.smileStatus == kBeganSmiling) {
+        judgement.selection = SmileSelection::NewestFrame;
+    }
+    if (manual) judgement.selection = SmileSelection::None;
+    return judgement;
+}
+
+}  // namespace selvio::rules

@@ -1,0 +1,53 @@
+// What a good frame leads to, as tables from (state, inputs) to (decision, state). Threads and delegates are the analyzer's business.
+#pragma once
+
+#include <SelvioFacialCapture/SelvioFacialCaptureParameters.h>
+
+#include <cstdint>
+
+namespace selvio::rules {
+
+/// The flags that keep a frame from being judged any further.
+struct GateFlags {
+    bool selectionInProgress = false;
+    bool shouldSkipFrames = false;
+    bool smileDetectionInProgress = false;
+
+    [[nodiscard]] bool anySet() const { return selectionInProgress || shouldSkipFrames || smileDetectionInProgress; }
+};
+
+enum class GoodFrameDecision {
+    Drop,                 ///< nothing is reported for this frame
+    TestSmile,            ///< judge the smile first
+    SelectAutomatically,  ///< this frame ends the capture
+    AnnounceCountdown,    ///< tell the host to start its countdown; from now on it is announced
+    ReportCountdown,      ///< the countdown runs: report its status
+};
+
+struct GoodFrameInput {
+    GateFlags flags;
+    bool shouldSelectCurrentFrame = false;
+    bool shouldStartCountdown = true;
+    bool selectOnSmile = false;
+    SelvioFacialCaptureMode mode = SelvioFacialCaptureModeAuto;
+    std::int64_t countdownTime = 0;
+};
+
+/// Decides on a frame without statuses.
+[[nodiscard]] GoodFrameDecision decideGoodFrame(const GoodFrameInput& input);
+
+/// Which of the kept frames a smile selects.
+enum class SmileSelection { None, OldestFrame, NewestFrame };
+
+struct SmileJudgement {
+    std::int64_t smileStatus = 0;   ///< the new state of the run: 1 if its first tested frame showed a smile, 2 if it showed none
+    bool askToStopSmiling = false;  ///< report "stop smiling"
+    SmileSelection selection = SmileSelection::None;
+};
+
+/// Judges a tested frame. `smileStatus` 0 means that this is the first one of a run of good frames.
+/// Who begins with a smile is asked to stop and selected once it has gone; who begins without is selected by smiling. In manual mode a smile is only
+/// ever asked to stop, and nothing is selected here.
+[[nodiscard]] SmileJudgement judgeSmile(bool smiling, std::int64_t smileStatus, SelvioFacialCaptureMode mode);
+
+}  // namespace selvio::rules
