@@ -1,0 +1,109 @@
+#include "imaging/PixelConversion.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace selvio {
+namespace {
+
+std::size_t planeBytes(const PlaneLayout& plane) {
+    return plane.bytesPerRow * static_cast<std::size_t>(plane.height);
+}
+
+std::uint8_t clampedToByte(int value) {
+    return static_cast<std::uint8_t>(std::clamp(value, 0, 255));
+}
+
+/// Places of the four channels within a 32-bit pixel.
+struct ChannelOrder {
+    std::size_t blue, green, red, alpha;
+};
+
+constexpr ChannelOrder kOrderBGRA{0, 1, 2, 3};
+constexpr ChannelOrder kOrderARGB{3, 2, 1, 0};
+
+/// One row of BT.601 video range to RGB, in 16.16 fixed point: 255/219 for Y, the colour factors times 255/224.
+template <ChannelOrder kOrder>
+void rowFrom420v(const std::uint8_t* y, const std::uint8_t* cbcr, int width, std::uint8_t* out) {
+    constexpr int kLuma = 76309, kRedCr = 104597, kGreenCb = 25675, kGreenCr = 53279, kBlueCb = 132201, kHalf = 1 << 15;
+    for (int x = 0; x < width; ++x) {
+        const int luma = kLuma * (y[x] - 16) + kHalf;
+        const int cb = cbcr[x / 2 * 2] - 128;
+        const int cr = cbcr[x / 2 * 2 + 1] - 128;
+        std::uint8_t* const pixel = out + static_cast<std::ptrdiff_t>(x) * 4;
+        pixel[kOrder.blue] = clampedToByte((luma + kBlueCb * cb) >> 16);
+        pixel[kOrder.green] = clampedToByte((luma - kGreenCb * cb - kGreenCr * cr) >> 16);
+        pixel[kOrder.red] = clampedToByte((luma + kRedCr * cr) >> 16);
+        pixel[kOrder.alpha] = 255;
+    }
+}
+
+void rowReversingChannels(const std::uint8_t* in, int width, std::uint8_t* out) {
+    for (std::ptrdiff_t i = 0; i < static_cast<std::ptrdiff_t>(width) * 4; i += 4) {
+        out[i] = in[i + 3];
+        out[i + 1] = in[i + 2];
+        out[i + 2] = in[i + 1];
+        out[i + 3] = in[i];
+    }
+}
+
+}  // namespace
+
+bool isReadable(const PixelBuffer* buffer) {
+    if (buffer == nullptr) return false;
+    const PixelBufferLayout& layout = buffer->layout();
+    const auto expected =
+        PixelBufferLayout::make(layout.width, layout.height, layout.format, {layout.planes[0].bytesPerRow, layout.planes[1].bytesPerRow});
+    return expected && *expected == layout && buffer->data(0) != nullptr && (layout.planeCount == 1 || buffer->data(1) != nullptr);
+}
+
+std::shared_ptr<PixelBuffer> convertedTo32(const PixelBuffer& source, PixelFormat target) {
+    if (!isReadable(&source) || (target != kPixelFormat32ARGB && target != kPixelFormat32BGRA)) return nullptr;
+    auto result = PixelBuffer::create(source.width(), source.height(), target);
+    if (!result) return nullptr;
+    const auto row = [](auto& buffer, int plane, int y) { return buffer.data(plane) + buffer.bytesPerRow(plane) * static_cast<std::size_t>(y); };
+    const int width = source.width();
+    for (int y = 0; y < source.height(); ++y) {
+        std::uint8_t* const out = row(*result, 0, y);
+        if (source.format() == kPixelFormat420v) {
+            const auto convert = target == kPixelFormat32ARGB ? rowFrom420v<kOrderARGB> : rowFrom420v<kOrderBGRA>;
+            convert(row(source, 0, y), row(source, 1, y / 2), width, out);
+        } else if (source.format() == target) {
+            std::memcpy(out, row(source, 0, y), static_cast<std::size_t>(width) * 4);
+        } else {
+            rowReversingChannels(row(source, 0, y), width, out);
+        }
+    }
+    return result;
+}
+
+std::shared_ptr<PixelBuffer> turned(const PixelBuffer& source, Turn turn) {
+    if (!isReadable(&source)) return nullptr;
+    auto result =
+        PixelBuffer::create(turn.turnedWidth(source.width(), source.height()), turn.turnedHeight(source.width(), source.height()), source.format());
+    if (!result) return nullptr;
+    const auto turnPlane = [&]<std::size_t kSampleSize>(int plane) {
+        const PlaneLayout& in = source.layout().planes[static_cast<std::size_t>(plane)];
+        const auto target = TurnedPlane::make(turn, in.width, in.height, kSampleSize, result->data(plane), result->bytesPerRow(plane));
+        copyTurned<kSampleSize>(source.data(plane), in.bytesPerRow, in.width, 0, in.height, target);
+    };
+    if (source.format() == kPixelFormat420v) {
+        turnPlane.operator()<1>(0);
+        turnPlane.operator()<2>(1);
+    } else {
+        turnPlane.operator()<4>(0);
+    }
+    return result;
+}
+
+void copyPixels(const PixelBuffer& source, PixelBuffer& target) {
+    if (source.isOneBlock() && target.isOneBlock()) {
+        std::memcpy(target.data(), source.data(), source.layout().byteSize());
+        return;
+    }
+    for (int plane = 0; plane < source.planeCount(); ++plane) {
+        std::memcpy(target.data(plane), source.data(plane), planeBytes(source.layout().planes[static_cast<std::size_t>(plane)]));
+    }
+}
+
+}  // namespace selvio
