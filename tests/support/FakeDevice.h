@@ -1,0 +1,36 @@
+// A device and a screen of known facts.
+#pragma once
+
+#include <SelvioFacialCapture/platform/Device.h>
+
+#include <atomic>
+
+namespace selvio {
+
+class FakeDevice final : public Device {
+public:
+    explicit FakeDevice(std::string version = "13.0") : version_(std::move(version)) {}
+    [[nodiscard]] std::string systemVersion() const override { return version_; }
+    [[nodiscard]] std::string model() const override { return "Kiosk"; }
+    [[nodiscard]] std::string machineName() const override { return "x86_64"; }
+    [[nodiscard]] DeviceOrientation orientation() const override { return orientation_; }
+    void setOrientation(DeviceOrientation orientation) { orientation_ = orientation; }
+
+private:
+    const std::string version_;
+    std::atomic<DeviceOrientation> orientation_{DeviceOrientation::Portrait};
+};
+
+class FakeScreen final : public Screen {
+public:
+    explicit FakeScreen(Size bounds = {1080.0, 1920.0}, InterfaceOrientation orientation = InterfaceOrientation::Portrait)
+        : bounds_(bounds), orientation_(orientation) {}
+    [[nodiscard]] Size bounds() const override { return bounds_; }
+    [[nodiscard]] InterfaceOrientation statusBarOrientation() const override { return orientation_; }
+
+private:
+    const Size bounds_;
+    const InterfaceOrientation orientation_;
+};
+
+}  // namespace selvio

@@ -1,0 +1,46 @@
+// A codec that "encodes" into readable text: what it was asked for, and the user comment.
+#pragma once
+
+#include <SelvioFacialCapture/platform/ImageCodec.h>
+
+#include <utility>
+
+namespace selvio {
+
+class FakeImageCodec final : public ImageCodec {
+public:
+    [[nodiscard]] std::optional<Bytes> encodeJpeg(const Image& image, double quality) const override {
+        if (!image.bitmap || failsAt_ == 1) return std::nullopt;
+        return bytes("encoded at " + std::to_string(quality));
+    }
+    [[nodiscard]] std::shared_ptr<ImageSource> openSource(Bytes bytes) const override {
+        if (failsAt_ == 2) return nullptr;
+        auto source = std::make_shared<Source>();
+        source->text.assign(bytes.begin(), bytes.end());
+        return source;
+    }
+    [[nodiscard]] std::optional<Bytes> encodeFromSource(const ImageSource& source, const ImageProperties& properties) const override {
+        if (failsAt_ == 3) return std::nullopt;
+        const auto& jfif = properties.jfif.value();
+        return bytes(static_cast<const Source&>(source).text + ", then at " + std::to_string(properties.lossyCompressionQuality.value()) + ", " +
+                     std::to_string(jfif.xDensity) + "x" + std::to_string(jfif.yDensity) + "/" + std::to_string(jfif.densityUnit) + ": " +
+                     properties.exif.value().userComment.value_or("(none)"));
+    }
+    [[nodiscard]] bool userCommentFits(std::string_view text) const override { return text.size() <= commentLimit_; }
+
+    /// 1 encoding, 2 opening, 3 encoding anew fails.
+    void setFailsAt(int step) { failsAt_ = step; }
+    void setCommentLimit(std::size_t bytes) { commentLimit_ = bytes; }
+
+private:
+    struct Source final : ImageSource {
+        [[nodiscard]] ImageProperties properties() const override { return {}; }
+        std::string text;
+    };
+    static Bytes bytes(const std::string& text) { return {text.begin(), text.end()}; }
+
+    int failsAt_ = 0;
+    std::size_t commentLimit_ = 65000;
+};
+
+}  // namespace selvio
