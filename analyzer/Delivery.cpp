@@ -77,16 +77,9 @@ void Analyzer::deliverCountdownStatus() {
 }
 
 // The host gets nothing if the capture was stopped while the picture was encoded.
-void Analyzer::finishSelection(const std::shared_ptr<SelvioFacialCaptureResults>& selected) {
-    finalizeObix(*selected);
+void Analyzer::deliverSuccess(const std::shared_ptr<SelvioFacialCaptureResults>& selected) {
     const auto host = delegate();
     if (results() && host && host->detectionSuccess) host->detectionSuccess(selected);
-}
-
-void Analyzer::deliverSuccess() {
-    const auto current = results();
-    const auto host = delegate();
-    if (current && host && host->detectionSuccess) host->detectionSuccess(current);
 }
 
 void Analyzer::deliverResultsOrSelectManually() {
@@ -97,7 +90,8 @@ void Analyzer::deliverResultsOrSelectManually() {
     if (!current) return;
     current->setSelectedImage(state_->history.newest());
     current->setResultCode(SelvioFacialCaptureResultCodeSuccessStillCamera);
-    finishSelection(current);
+    finalizeObix(*current);
+    deliverSuccess(current);
 }
 
 // The frame that triggered this is the newest of the history.
@@ -111,7 +105,8 @@ void Analyzer::deliverManually() {
         current->setOrderedStatuses(Statuses{SelvioFacialCaptureStatusGoodFrame});
     }
     current->setResultCode(SelvioFacialCaptureResultCodeSuccessStillCamera);
-    finishSelection(current);
+    finalizeObix(*current);
+    deliverSuccess(current);
 }
 
 void Analyzer::selectAutomatically() {
@@ -122,7 +117,8 @@ void Analyzer::selectAutomatically() {
     current->setSelectedImage(state_->history.newest());
     current->setOrderedStatuses(Statuses{SelvioFacialCaptureStatusGoodFrame});
     current->setResultCode(SelvioFacialCaptureResultCodeSuccessVideo);
-    finishSelection(current);
+    finalizeObix(*current);
+    deliverSuccess(current);
 }
 
 // The result code must be set before: it goes into the record, which goes into the picture.

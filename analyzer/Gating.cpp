@@ -114,7 +114,9 @@ void Analyzer::testSmile(const std::optional<Image>& image) {
         current->setSelectedImage(judgement.selection == rules::SmileSelection::OldestFrame ? s.history.oldest() : s.history.newest());
         current->setResultCode(SelvioFacialCaptureResultCodeSuccessVideo);
         finalizeObix(*current);
-        submitToMainQueue(&Analyzer::deliverSuccess);
+        s.platform.mainQueue->async([weak = weak_from_this(), current] {
+            if (const auto self = weak.lock()) self->deliverSuccess(current);
+        });
     }
     s.smileDetectionInProgress = false;
 }

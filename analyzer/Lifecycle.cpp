@@ -144,8 +144,9 @@ void Analyzer::stop() {
         if (std::exchange(state_->spent, true)) return;
         SelvioFacialCaptureUxpEventManager::destroySharedInstance();
     }
-    state_->set(state_->parameters, std::shared_ptr<SelvioFacialCaptureParameters>());
+    // The results go first: who finds no parameters must not find results to deliver.
     state_->set(state_->results, std::shared_ptr<SelvioFacialCaptureResults>());
+    state_->set(state_->parameters, std::shared_ptr<SelvioFacialCaptureParameters>());
     state_->set(state_->ciImage, std::optional<Image>());
     state_->history.close();
     const auto motion = state_->get(state_->motionManager);

@@ -25,7 +25,7 @@ enum class GoodFrameDecision {
 };
 
 struct GoodFrameInput {
-    GateFlags flags;
+    GateFlags flags{};
     bool shouldSelectCurrentFrame = false;
     bool shouldStartCountdown = true;
     bool selectOnSmile = false;

@@ -149,7 +149,7 @@ private:
     void deliverCountdown();
     void deliverCountdownStatus();
     void deliverManually();
-    void deliverSuccess();
+    void deliverSuccess(const std::shared_ptr<SelvioFacialCaptureResults>& selected);
     void selectAutomatically();
     void submitToMainQueue(Step step);
 
@@ -157,7 +157,6 @@ private:
     void addUxpFor(const std::vector<SelvioFacialCaptureStatus>& statuses);
     void addEvent(std::int64_t event);
     void finalizeObix(SelvioFacialCaptureResults& results);
-    void finishSelection(const std::shared_ptr<SelvioFacialCaptureResults>& selected);
     [[nodiscard]] std::shared_ptr<SelvioFacialCaptureAnalyzerDelegate> delegate() const;
 
     const std::unique_ptr<State> state_;

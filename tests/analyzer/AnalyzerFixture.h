@@ -1,0 +1,136 @@
+// An analyzer over fakes, on queues that the test runs.
+#pragma once
+
+#include <SelvioFacialCapture/SelvioFacialCapture.h>
+#include <gmock/gmock.h>
+
+#include "support/FakeDevice.h"
+#include "support/FakeImageCodec.h"
+#include "support/FakeMotionManager.h"
+#include "support/FakeVision.h"
+#include "support/LogCapture.h"
+#include "support/ManualClock.h"
+#include "support/ManualQueue.h"
+
+namespace selvio {
+
+/// A face on a 1080 x 1920 screen, described by the points that the checks read. As it stands nothing is wrong with it.
+struct ScreenFace {
+    Point left{200, 800};   ///< contour end at the left of the screen
+    Point right{880, 800};  ///< contour end at the right
+    Point chin{540, 1300};
+    Point nose{540, 1000};
+    double noseLeft = 500;  ///< x of the nose's sides
+    double noseRight = 580;
+
+    [[nodiscard]] FaceObservation observation() const {
+        // The bounding box is the whole frame, so that points are normalized to the screen; the detector's axes are swapped.
+        const auto normalized = [](Point p) { return Point{p.y / 1920.0, p.x / 1080.0}; };
+        FaceLandmarkRegion contour{std::vector<Point>(17, normalized(chin))};
+        contour.normalizedPoints[16] = normalized(left);
+        contour.normalizedPoints[0] = normalized(right);
+        FaceLandmarkRegion noseRegion{std::vector<Point>(9, normalized(nose))};
+        noseRegion.normalizedPoints[2] = normalized({noseLeft, nose.y});
+        noseRegion.normalizedPoints[6] = normalized({noseRight, nose.y});
+        FaceLandmarkRegion lips{std::vector<Point>(14, normalized({540, 1150}))};
+        return {.boundingBox = {0, 0, 1, 1}, .landmarks = FaceLandmarks{contour, noseRegion, lips}};
+    }
+};
+
+class AnalyzerFixture : public ::testing::Test {
+public:
+    using Status = SelvioFacialCaptureStatus;
+    using Results = SelvioFacialCaptureResults;
+
+    AnalyzerFixture() {
+        SelvioFacialCaptureUxpEventManager::destroySharedInstance();
+        delegate->detectionResults = [this](const auto& results) { told("results" + text(results)); };
+        delegate->startCountdown = [this] { told("countdown"); };
+        delegate->detectionSuccess = [this](const auto& results) {
+            told("success" + text(results) + " code " + std::to_string(results->resultCode()));
+            success = results;
+        };
+        delegate->detectionCancelled = [this](const auto& results) {
+            told("cancelled code " + std::to_string(results->resultCode()));
+            cancelled = results;
+        };
+        delegate->manualOnly = [this] { told("manualOnly"); };
+    }
+
+    void make(const std::string& systemVersion = "13.0") {
+        Platform platform = makePortablePlatform();
+        platform.mainQueue = mainQueue;
+        platform.globalQueue = globalQueue;
+        platform.makeSerialQueue = [this](const std::string& label) {
+            auto queue = std::make_shared<ManualQueue>(label);
+            if (label == "com.selvio.facialcapture.frameAnalysisQueue") analysisQueue = queue;
+            return queue;
+        };
+        platform.device = device = std::make_shared<FakeDevice>(systemVersion);
+        platform.screen = std::make_shared<FakeScreen>();
+        platform.imageCodec = std::make_shared<FakeImageCodec>();
+        platform.makeSequenceRequestHandler = [this] { return vision; };
+        platform.makeFaceDetector = [this] { return smiles; };
+        platform.makeMotionManager = [this] { return motion; };
+        platform.imageLoader = imageLoader;
+        analyzer = SelvioFacialCaptureAnalyzer::initWithParameters(parameters, platform);
+        analyzer->setDelegate(delegate);
+    }
+
+    static std::shared_ptr<SampleBuffer> frame(int width = 108, int height = 192) {
+        return SampleBuffer::makeVideo(PixelBuffer::create(width, height, kPixelFormat32BGRA),
+                                       {.presentationTime = std::chrono::seconds(1), .duration = {}});
+    }
+    void show(std::vector<ScreenFace> faces) {
+        std::vector<FaceObservation> observations;
+        for (const ScreenFace& face : faces) observations.push_back(face.observation());
+        vision->setObservations(observations);
+    }
+    /// Sends one frame all the way and answers what the delegate was told.
+    std::vector<std::string> send() {
+        analyzer->analyzeSampleBuffer(frame());
+        return settle();
+    }
+    std::vector<std::string> settle() {
+        do {
+            analysisQueue->runAll();
+            globalQueue->runAll();
+            mainQueue->runAll();
+        } while (analysisQueue->size() + globalQueue->size() > 0);
+        return std::exchange(calls, {});
+    }
+    static std::vector<std::string> loggedEvents() {
+        std::vector<std::string> codes;
+        const nlohmann::json events = SelvioFacialCaptureUxpEventManager::sharedInstance()->events();
+        for (const auto& entry : events) codes.push_back(entry.begin().key());
+        return codes;
+    }
+    static nlohmann::json record(const std::shared_ptr<Results>& results) {
+        return nlohmann::json::parse(results->obixDataString().value_or("null"));
+    }
+
+    const std::shared_ptr<SelvioFacialCaptureParameters> parameters = std::make_shared<SelvioFacialCaptureParameters>();
+    const std::shared_ptr<SelvioFacialCaptureAnalyzerDelegate> delegate = std::make_shared<SelvioFacialCaptureAnalyzerDelegate>();
+    const std::shared_ptr<ManualQueue> mainQueue = std::make_shared<ManualQueue>("main");
+    const std::shared_ptr<ManualQueue> globalQueue = std::make_shared<ManualQueue>("global");
+    const std::shared_ptr<FakeSequenceRequestHandler> vision = std::make_shared<FakeSequenceRequestHandler>();
+    const std::shared_ptr<FakeFaceDetector> smiles = std::make_shared<FakeFaceDetector>();
+    const std::shared_ptr<FakeMotionManager> motion = std::make_shared<FakeMotionManager>();
+    std::shared_ptr<const ImageLoader> imageLoader;
+    std::shared_ptr<ManualQueue> analysisQueue;
+    std::shared_ptr<FakeDevice> device;
+    std::shared_ptr<SelvioFacialCaptureAnalyzer> analyzer;
+    std::shared_ptr<Results> success;
+    std::shared_ptr<Results> cancelled;
+    std::vector<std::string> calls;
+
+private:
+    void told(std::string call) { calls.push_back(std::move(call)); }
+    static std::string text(const std::shared_ptr<Results>& results) {
+        std::string list;
+        for (const Status status : results->orderedStatuses().value_or(std::vector<Status>())) list += " " + std::to_string(status);
+        return list;
+    }
+};
+
+}  // namespace selvio

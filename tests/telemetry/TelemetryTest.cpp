@@ -1,0 +1,161 @@
+#include <SelvioFacialCapture/SelvioFacialCapture.h>
+#include <SelvioFacialCapture/imaging/Base64.h>
+#include <gmock/gmock.h>
+
+#include "support/FakeDevice.h"
+#include "support/FakeImageCodec.h"
+#include "support/LogCapture.h"
+#include "support/ManualClock.h"
+
+namespace selvio {
+namespace {
+
+using nlohmann::json;
+using Manager = SelvioFacialCaptureUxpEventManager;
+using Record = SelvioFacialCaptureObixData;
+
+SelvioFacialCaptureUxpEvent event(int number) {
+    return static_cast<SelvioFacialCaptureUxpEvent>(number);
+}
+
+TEST(UxpEvents, OnlyConsecutiveRepeatsAreMerged) {
+    struct Row {
+        std::vector<int> events;
+        std::vector<std::string> codes;
+    };
+    const std::vector<Row> rows = {
+        {{9, 9, 15, 9}, {"FENF", "FETF", "FENF"}},
+        {{20}, {}},  // the idle marker
+        {{9, 20, 20}, {"FENF", "FS"}},
+        {{21, 21, 9}, {"FENF"}},
+        {{9, -1, 9}, {"FENF", "FENF"}},  // a number without a code still separates
+        {{0, 1, 2, 3, 4, 5, 6, 7, 8, 10, 11, 12, 13, 14, 16, 17, 18, 19},
+         {"SA", "SS", "IS", "HS", "RS", "MF", "MT", "ST", "C", "FENC", "FEMF", "FER", "FEP", "FEY", "FETC", "FENS", "FESS", "FHS"}},
+    };
+    for (const Row& row : rows) {
+        const auto manager = Manager::init(std::make_shared<ManualClock>());
+        for (const int number : row.events) manager->addEvent(event(number));
+        std::vector<std::string> codes;
+        for (const json& entry : manager->events()) {
+            ASSERT_EQ(entry.size(), 1U);
+            codes.push_back(entry.begin().key());
+        }
+        EXPECT_EQ(codes, row.codes);
+    }
+}
+
+TEST(UxpEvents, TimesAreWholeMillisecondsSinceTheLastClear) {
+    const auto clock = std::make_shared<ManualClock>();
+    clock->advance(std::chrono::seconds(5));
+    const auto manager = Manager::init(clock);
+    clock->advance(std::chrono::nanoseconds(1'999'900));
+    manager->addEvent(event(9));
+    const json before = manager->events();
+    clock->advance(std::chrono::seconds(3));
+    manager->addEventWith(event(6), {{"extra", 7}});
+    EXPECT_EQ(before, json::parse(R"([{"FENF": [1]}])"));  // a copy: what comes later does not show in it
+    EXPECT_EQ(manager->events(), json::parse(R"([{"FENF": [1]}, {"MT": [3001, {"extra": 7}]}])"));
+    manager->clear();
+    manager->addEvent(event(6));
+    EXPECT_EQ(manager->events(), json::parse(R"([{"MT": [0]}])"));
+}
+
+TEST(UxpEvents, TheSharedLogStartsAnewOnceDestroyed) {
+    const auto clock = std::make_shared<ManualClock>();
+    Manager::destroySharedInstance();
+    Manager::setSharedClock(clock);
+    const auto first = Manager::sharedInstance();
+    first->addEvent(event(8));
+    EXPECT_EQ(Manager::sharedInstance(), first);
+    clock->advance(std::chrono::seconds(1));
+    Manager::destroySharedInstance();
+    EXPECT_TRUE(first->events().empty());
+    EXPECT_NE(Manager::sharedInstance(), first);
+    EXPECT_EQ(Manager::sharedInstance()->startTime(), 1.0);
+    Manager::destroySharedInstance();
+    Manager::setSharedClock(nullptr);
+}
+
+class RecordTest : public ::testing::Test {
+protected:
+    std::shared_ptr<FakeImageCodec> codec = std::make_shared<FakeImageCodec>();
+    std::shared_ptr<Record> record = Record::init([this] {
+        Platform platform;
+        platform.device = std::make_shared<FakeDevice>("13.0");
+        platform.imageCodec = codec;
+        return platform;
+    }());
+    const Image image{.bitmap = PixelBuffer::create(4, 4, kPixelFormat32BGRA)};
+
+    std::string embedded(double quality) const {
+        const auto text = record->addToImage(image, quality);
+        const auto bytes = base64::decode(text.value_or("")).value_or(Bytes());
+        return {bytes.begin(), bytes.end()};
+    }
+};
+
+TEST_F(RecordTest, ANewRecordHoldsItsSevenMembersWithoutWhiteSpace) {
+    EXPECT_EQ(json::parse(record->obixDataString().value()), json::parse(R"({"ObixVersion": "1.6", "Platform": "iOS", "OS": "13.0", "Device": "Kiosk",
+        "Model": "x86_64", "Manufacturer": "Apple", "SDKVersion": "Facial Capture 3.2.1"})"));
+    EXPECT_EQ(record->obixDataString()->find("\": "), std::string::npos);
+    EXPECT_STREQ(kSelvioPlatfrom, "Platform");
+    EXPECT_STREQ(SelvioFacialCaptureVersionString, "@(#)PROGRAM:SelvioFacialCapture  PROJECT:SelvioFacialCapture-1\n");
+    EXPECT_EQ(SelvioFacialCaptureVersionNumber, 1.0);
+}
+
+TEST_F(RecordTest, TheFirstParametersAndTheLastOfAllElseWin) {
+    record->addParameters({{"Mode", "2"}});
+    record->addParameters({{"Mode", "1"}});
+    record->addUXP(json::array({1}));
+    record->addUXP(json::array({2}));
+    record->add({{"SelvioResultCode", "None"}, {"OS", "14"}});
+    record->add({{"SelvioResultCode", "Cancelled"}});
+    record->add(json::array({"not an object"}));
+    const json members = record->obixDataDictionary();
+    EXPECT_EQ(members.at(kSelvioParameters), json({{"Mode", "2"}}));
+    EXPECT_EQ(members.at(kSelvioUxp), json::array({2}));
+    EXPECT_EQ(members.at("SelvioResultCode"), "Cancelled");
+    EXPECT_EQ(members.at(kSelvioOS), "14");
+}
+
+TEST_F(RecordTest, TextThatIsNotUtf8MakesNoJson) {
+    record->add({{"Note", "\xff\xfe"}});
+    EXPECT_EQ(record->obixDataJson(), std::nullopt);
+    EXPECT_EQ(record->obixDataString(), std::nullopt);
+    EXPECT_NE(embedded(50).find(": (none)"), std::string::npos);  // the photograph survives
+}
+
+TEST_F(RecordTest, ThePhotographIsEncodedTwiceAndCarriesTheRecord) {
+    EXPECT_EQ(embedded(5), "encoded at 1.000000, then at 0.050000, 72x72/1: " + record->obixDataString().value());
+    EXPECT_EQ(record->addToImage(std::nullopt, 95), std::nullopt);
+    for (const int step : {1, 2, 3}) {
+        codec->setFailsAt(step);
+        EXPECT_EQ(record->addToImage(image, 95), std::nullopt) << step;
+    }
+}
+
+TEST_F(RecordTest, ARecordTooLongForItsSegmentLosesItsOldestEventsInThePhotographOnly) {
+    json events = json::array();
+    for (int i = 0; i < 1000; ++i) events.push_back({{"FENF", {i}}});
+    record->addUXP(events);
+    const std::string whole = record->obixDataString().value();
+    codec->setCommentLimit(1000);
+    LogCapture log;
+    const std::string text = embedded(95);
+    const json comment = json::parse(text.substr(text.find('{')));
+    const json& kept = comment.at(kSelvioUxp);
+    ASSERT_GT(kept.size(), 10U);
+    EXPECT_EQ(kept.back(), events.back());
+    EXPECT_EQ(kept.front(), events[events.size() - kept.size()]);
+    EXPECT_LE(comment.dump().size(), 1000U);
+    EXPECT_GT(comment.dump().size() + events[0].dump().size() + 4, 1000U);  // one more would not fit
+    EXPECT_EQ(record->obixDataString(), whole);
+    EXPECT_THAT(log.take(), ::testing::ElementsAre(::testing::HasSubstr(std::to_string(1000 - kept.size()) + " oldest events")));
+
+    codec->setCommentLimit(10);
+    EXPECT_NE(embedded(95).find(": (none)"), std::string::npos);
+    EXPECT_THAT(log.take(), ::testing::ElementsAre(::testing::HasSubstr("carries none")));
+}
+
+}  // namespace
+}  // namespace selvio
