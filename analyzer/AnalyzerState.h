@@ -55,7 +55,6 @@ struct SelvioFacialCaptureAnalyzer::State {
     std::weak_ptr<SelvioFacialCaptureAnalyzerDelegate> delegate;  // guarded by mutex
     std::shared_ptr<SelvioFacialCaptureParameters> parameters;    // guarded by mutex; null once spent
     std::shared_ptr<SelvioFacialCaptureResults> results;          // guarded by mutex; null once spent
-    std::shared_ptr<selvio::MotionManager> motionManager;         // guarded by mutex; null once spent
     std::shared_ptr<selvio::SampleBuffer> sampleBuffer;           // guarded by mutex; the frame under analysis
     FrameId heldFrame = kNoFrame;                                 // guarded by mutex; which frame that is
     FrameId lastFrame = kNoFrame;                                 // guarded by mutex
@@ -68,6 +67,9 @@ struct SelvioFacialCaptureAnalyzer::State {
 
     std::mutex eventMutex;  // held while an event is logged, so that none follows after `stop`; taken before `mutex`
     bool spent = false;     // guarded by eventMutex
+
+    std::mutex motionMutex;                                // held while the feed is started or stopped; nothing else is taken inside
+    std::shared_ptr<selvio::MotionManager> motionManager;  // guarded by motionMutex; null once spent
 
     std::mutex visionMutex;  // held while a request is performed: the handler serves one thread at a time; taken before the others
 

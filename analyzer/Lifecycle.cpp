@@ -118,7 +118,8 @@ void Analyzer::pauseFor(std::int64_t reason) {
         default:
             break;
     }
-    if (const auto motion = state_->get(state_->motionManager)) motion->stopDeviceMotionUpdates();
+    const std::lock_guard lock(state_->motionMutex);
+    if (state_->motionManager) state_->motionManager->stopDeviceMotionUpdates();
 }
 
 void Analyzer::resume() {
@@ -129,13 +130,18 @@ void Analyzer::resume() {
     state_->selectionInProgress = false;
     state_->shouldSelectCurrentFrame = false;
     addEvent(current->mode() == SelvioFacialCaptureModeAuto ? SelvioFacialCaptureUxpEventStartAuto : SelvioFacialCaptureUxpEventStartManual);
-    if (const auto motion = state_->get(state_->motionManager)) {
-        motion->startDeviceMotionUpdates(state_->platform.makeSerialQueue(queueLabel(".deviceMotionQueue")),
-                                         [weak = weak_from_this()](const DeviceMotion& reading, const std::optional<Error>&) {
-                                             if (const auto self = weak.lock()) self->state_->shouldHoldStill = isRotating(reading.rotationRate);
-                                         });
-    }
+    startMotionUpdates();
     state_->obixData->addParameters(current->toDictionary());
+}
+
+void Analyzer::startMotionUpdates() {
+    const std::lock_guard lock(state_->motionMutex);
+    if (!state_->motionManager) return;
+    state_->motionManager->startDeviceMotionUpdates(state_->platform.makeSerialQueue(queueLabel(".deviceMotionQueue")),
+                                                    [weak = weak_from_this()](const DeviceMotion& motion, const std::optional<Error>&) {
+                                                        if (const auto self = weak.lock())
+                                                            self->state_->shouldHoldStill = isRotating(motion.rotationRate);
+                                                    });
 }
 
 void Analyzer::stop() {
@@ -149,9 +155,8 @@ void Analyzer::stop() {
     state_->set(state_->parameters, std::shared_ptr<SelvioFacialCaptureParameters>());
     state_->set(state_->ciImage, std::optional<Image>());
     state_->history.close();
-    const auto motion = state_->get(state_->motionManager);
-    if (motion) motion->stopDeviceMotionUpdates();
-    state_->set(state_->motionManager, std::shared_ptr<MotionManager>());
+    const std::lock_guard lock(state_->motionMutex);
+    if (const auto motion = std::exchange(state_->motionManager, nullptr)) motion->stopDeviceMotionUpdates();
 }
 
 void Analyzer::cancel() {

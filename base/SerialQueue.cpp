@@ -72,20 +72,23 @@ SerialQueue::~SerialQueue() {
     }
 }
 
+// The block may destroy the queue before the submitting call has returned, hence the reference to the state.
 void SerialQueue::async(Block block) {
+    const std::shared_ptr<State> state = state_;
     {
-        const std::lock_guard lock(state_->mutex);
-        state_->ready.push_back(std::move(block));
+        const std::lock_guard lock(state->mutex);
+        state->ready.push_back(std::move(block));
     }
-    state_->changed.notify_all();
+    state->changed.notify_all();
 }
 
 void SerialQueue::asyncAfter(std::chrono::nanoseconds delay, Block block) {
+    const std::shared_ptr<State> state = state_;
     {
-        const std::lock_guard lock(state_->mutex);
-        state_->delayed.emplace(std::chrono::steady_clock::now() + delay, std::move(block));
+        const std::lock_guard lock(state->mutex);
+        state->delayed.emplace(std::chrono::steady_clock::now() + delay, std::move(block));
     }
-    state_->changed.notify_all();
+    state->changed.notify_all();
 }
 
 bool SerialQueue::isCurrent() const {

@@ -156,6 +156,7 @@ private:
     void reportStatuses(std::vector<SelvioFacialCaptureStatus> statuses);
     void addUxpFor(const std::vector<SelvioFacialCaptureStatus>& statuses);
     void addEvent(std::int64_t event);
+    void startMotionUpdates();
     void finalizeObix(SelvioFacialCaptureResults& results);
     [[nodiscard]] std::shared_ptr<SelvioFacialCaptureAnalyzerDelegate> delegate() const;
 
