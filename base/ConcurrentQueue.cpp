@@ -1,7 +1,5 @@
 #include <SelvioFacialCapture/base/ConcurrentQueue.h>
 
-#include <SelvioFacialCapture/base/SerialQueue.h>
-
 #include <condition_variable>
 #include <deque>
 #include <mutex>
@@ -15,8 +13,9 @@ thread_local const void* currentState = nullptr;
 
 }  // namespace
 
+// Held by the threads as well, so that the queue object may go first.
 struct ConcurrentQueue::State {
-    explicit State(std::string name) : label(std::move(name)), timer(std::make_unique<SerialQueue>(label + ".timer")) {}
+    explicit State(std::string name) : label(std::move(name)) {}
 
     const std::string label;
     std::mutex mutex;
@@ -24,7 +23,14 @@ struct ConcurrentQueue::State {
     std::deque<Block> ready;  // guarded by mutex
     bool ending = false;      // guarded by mutex
     std::vector<std::thread> threads;
-    std::unique_ptr<SerialQueue> timer;  // only waits; its blocks hand the work on
+
+    void submit(Block block) {
+        {
+            const std::lock_guard lock(mutex);
+            ready.push_back(std::move(block));
+        }
+        changed.notify_one();
+    }
 
     void run() {
         currentState = this;
@@ -42,19 +48,20 @@ struct ConcurrentQueue::State {
     }
 };
 
-ConcurrentQueue::ConcurrentQueue(std::string label, unsigned threads) : state_(std::make_shared<State>(std::move(label))) {
-    for (unsigned i = 0; i < threads; ++i) state_->threads.emplace_back([state = state_.get()] { state->run(); });
+ConcurrentQueue::ConcurrentQueue(std::string label, unsigned threads)
+    : state_(std::make_shared<State>(label)), timer_(std::make_unique<SerialQueue>(label + ".timer")) {
+    for (unsigned i = 0; i < threads; ++i) state_->threads.emplace_back([state = state_] { state->run(); });
 }
 
 ConcurrentQueue::~ConcurrentQueue() {
-    assert(!isCurrent());
-    state_->timer.reset();  // hands its blocks on now
+    timer_.reset();  // hands its blocks on now
+    const bool fromOwnBlock = isCurrent();
     {
         const std::lock_guard lock(state_->mutex);
         state_->ending = true;
     }
     state_->changed.notify_all();
-    for (std::thread& thread : state_->threads) thread.join();
+    for (std::thread& thread : state_->threads) fromOwnBlock ? thread.detach() : thread.join();
 }
 
 const std::shared_ptr<ConcurrentQueue>& ConcurrentQueue::shared() {
@@ -62,16 +69,14 @@ const std::shared_ptr<ConcurrentQueue>& ConcurrentQueue::shared() {
     return queue;
 }
 
+// A block may destroy the queue before the submitting call has returned, hence the reference to the state.
 void ConcurrentQueue::async(Block block) {
-    {
-        const std::lock_guard lock(state_->mutex);
-        state_->ready.push_back(std::move(block));
-    }
-    state_->changed.notify_one();
+    const std::shared_ptr<State> state = state_;
+    state->submit(std::move(block));
 }
 
 void ConcurrentQueue::asyncAfter(std::chrono::nanoseconds delay, Block block) {
-    state_->timer->asyncAfter(delay, [this, block = std::move(block)]() mutable { async(std::move(block)); });
+    timer_->asyncAfter(delay, [state = state_, block = std::move(block)]() mutable { state->submit(std::move(block)); });
 }
 
 bool ConcurrentQueue::isCurrent() const {

@@ -1,11 +1,12 @@
 // The global queue of default priority.
 #pragma once
 
-#include <SelvioFacialCapture/base/Queue.h>
+#include <SelvioFacialCapture/base/SerialQueue.h>
 
 namespace selvio {
 
-/// Runs blocks on a small number of threads of its own, in any order. Destruction runs what was submitted and joins.
+/// Runs blocks on a small number of threads of its own, in any order. Destruction runs what was submitted (delayed
+/// blocks at once) and joins; from one of its own blocks it does the same without joining.
 class ConcurrentQueue final : public Queue {
 public:
     explicit ConcurrentQueue(std::string label, unsigned threads = 2);
@@ -22,6 +23,7 @@ public:
 private:
     struct State;
     std::shared_ptr<State> state_;
+    std::unique_ptr<SerialQueue> timer_;  // only waits; its blocks hand the work on
 };
 
 }  // namespace selvio
