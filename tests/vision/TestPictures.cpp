@@ -1,0 +1,143 @@
+#include "TestPictures.h"
+
+#include <png.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstring>
+#include <random>
+
+namespace selvio::test {
+namespace {
+
+// The face in the portrait, in its pixels and degrees: the middle between the upper ends of the jaw line, their distance, and the tilt of the head.
+constexpr double kFaceX = 225.1;
+constexpr double kFaceY = 107.1;
+constexpr double kFaceJaw = 92.8;
+constexpr double kFaceRoll = 1.9;
+
+std::uint8_t toByte(double value) {
+    return static_cast<std::uint8_t>(std::clamp(std::lround(value), 0L, 255L));
+}
+
+std::array<double, 3> sample(const Picture& picture, double x, double y) {
+    x = std::clamp(x, 0.0, picture.width - 1.001);
+    y = std::clamp(y, 0.0, picture.height - 1.001);
+    const auto column = static_cast<std::size_t>(x);
+    const auto row = static_cast<std::size_t>(y);
+    const double right = x - std::floor(x);
+    const double down = y - std::floor(y);
+    std::array<double, 3> result{};
+    const std::size_t stride = static_cast<std::size_t>(picture.width) * 3;
+    for (std::size_t c = 0; c < 3; ++c) {
+        const std::uint8_t* const p = &picture.rgb[row * stride + column * 3 + c];
+        result[c] = (p[0] * (1.0 - right) + p[3] * right) * (1.0 - down) + (p[stride] * (1.0 - right) + p[stride + 3] * right) * down;
+    }
+    return result;
+}
+
+template <typename Pixel>
+std::shared_ptr<PixelBuffer> toFourBytes(const Picture& picture, PixelFormat format, Pixel pixel) {
+    auto buffer = PixelBuffer::create(picture.width, picture.height, format);
+    for (int y = 0; y < picture.height; ++y) {
+        for (int x = 0; x < picture.width; ++x) {
+            const auto column = static_cast<std::size_t>(x);
+            const auto row = static_cast<std::size_t>(y);
+            const std::uint8_t* const rgb = &picture.rgb[(row * static_cast<std::size_t>(picture.width) + column) * 3];
+            const std::array<std::uint8_t, 4> bytes = pixel(rgb);
+            std::memcpy(buffer->data(0) + row * buffer->bytesPerRow(0) + column * 4, bytes.data(), 4);
+        }
+    }
+    return buffer;
+}
+
+}  // namespace
+
+Picture readPng(const std::string& path) {
+    Picture picture;
+    png_image image{};
+    image.version = PNG_IMAGE_VERSION;
+    if (png_image_begin_read_from_file(&image, path.c_str()) == 0) return picture;
+    image.format = PNG_FORMAT_RGB;
+    picture.rgb.resize(PNG_IMAGE_SIZE(image));
+    if (png_image_finish_read(&image, nullptr, picture.rgb.data(), 0, nullptr) == 0) return {};
+    picture.width = static_cast<int>(image.width);
+    picture.height = static_cast<int>(image.height);
+    return picture;
+}
+
+const Picture& portrait() {
+    static const Picture picture = readPng(SELVIO_TEST_PORTRAIT);
+    return picture;
+}
+
+Picture frameOf(int width, int height, const std::vector<Person>& people) {
+    const Picture& source = portrait();
+    Picture frame{width, height, std::vector<std::uint8_t>(static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 3)};
+    for (int y = 0; y < height; ++y) {
+        for (int x = 0; x < width; ++x) {
+            std::array<double, 3> colour{90.0 + 60.0 * x / width, 110.0 + 50.0 * y / height, 130.0};
+            for (const Person& person : people) {
+                const double scale = kFaceJaw / (person.jaw * width);
+                const double angle = (person.roll - kFaceRoll) * std::acos(-1.0) / 180.0;
+                const double dx = (x + 0.5 - person.x * width) * scale;
+                const double dy = (y + 0.5 - person.y * height) * scale;
+                const double sx = kFaceX + dx * std::cos(angle) + dy * std::sin(angle);
+                const double sy = kFaceY - dx * std::sin(angle) + dy * std::cos(angle);
+                // A single person fills the frame with the portrait, several have an oval of it each.
+                const bool covers = people.size() == 1 || std::hypot((sx - kFaceX) / 95.0, (sy - kFaceY) / 115.0) < 1.0;
+                if (covers) colour = sample(source, sx - 0.5, sy - 0.5);
+            }
+            std::uint8_t* const to = &frame.rgb[(static_cast<std::size_t>(y) * static_cast<std::size_t>(width) + static_cast<std::size_t>(x)) * 3];
+            for (std::size_t c = 0; c < 3; ++c) to[c] = toByte(colour[c]);
+        }
+    }
+    return frame;
+}
+
+Picture withNoise(Picture picture, double deviation, unsigned seed) {
+    // A table of draws, entered at random places, is fast enough for hundreds of frames.
+    std::mt19937 random(seed);
+    std::normal_distribution<double> normal(0.0, deviation);
+    std::vector<int> draws(1U << 16U);
+    for (int& draw : draws) draw = static_cast<int>(std::lround(normal(random)));
+    std::size_t at = 0;
+    for (std::size_t i = 0; i < picture.rgb.size(); ++i, ++at) {
+        if (i % 1024 == 0) at = random();
+        picture.rgb[i] = static_cast<std::uint8_t>(std::clamp(picture.rgb[i] + draws[at % draws.size()], 0, 255));
+    }
+    return picture;
+}
+
+std::shared_ptr<PixelBuffer> toBgra(const Picture& picture) {
+    return toFourBytes(picture, kPixelFormat32BGRA, [](const std::uint8_t* p) { return std::array<std::uint8_t, 4>{p[2], p[1], p[0], 255}; });
+}
+
+std::shared_ptr<PixelBuffer> toArgb(const Picture& picture) {
+    return toFourBytes(picture, kPixelFormat32ARGB, [](const std::uint8_t* p) { return std::array<std::uint8_t, 4>{255, p[0], p[1], p[2]}; });
+}
+
+std::shared_ptr<PixelBuffer> to420v(const Picture& picture) {
+    auto buffer = PixelBuffer::create(picture.width, picture.height, kPixelFormat420v);
+    const auto at = [&](int x, int y) {
+        return &picture.rgb[(static_cast<std::size_t>(std::min(y, picture.height - 1)) * static_cast<std::size_t>(picture.width) +
+                             static_cast<std::size_t>(std::min(x, picture.width - 1))) *
+                            3];
+    };
+    for (int y = 0; y < picture.height; ++y) {
+        for (int x = 0; x < picture.width; ++x) {
+            const std::uint8_t* const p = at(x, y);
+            buffer->data(0)[static_cast<std::size_t>(y) * buffer->bytesPerRow(0) + static_cast<std::size_t>(x)] =
+                toByte(16.0 + (65.481 * p[0] + 128.553 * p[1] + 24.966 * p[2]) / 255.0);
+            if (x % 2 == 0 && y % 2 == 0) {
+                std::uint8_t* const to = buffer->data(1) + static_cast<std::size_t>(y / 2) * buffer->bytesPerRow(1) + static_cast<std::size_t>(x);
+                to[0] = toByte(128.0 + (-37.797 * p[0] - 74.203 * p[1] + 112.0 * p[2]) / 255.0);
+                to[1] = toByte(128.0 + (112.0 * p[0] - 93.786 * p[1] - 18.214 * p[2]) / 255.0);
+            }
+        }
+    }
+    return buffer;
+}
+
+}  // namespace selvio::test

@@ -1,0 +1,44 @@
+// Pictures for the vision tests and benchmarks: a real portrait, moved, scaled, turned and made noisy.
+#pragma once
+
+#include <SelvioFacialCapture/imaging/PixelBuffer.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace selvio::test {
+
+/// Rows of R, G, B.
+struct Picture {
+    int width = 0;
+    int height = 0;
+    std::vector<std::uint8_t> rgb;
+};
+
+/// Empty if the file is missing or no PNG.
+Picture readPng(const std::string& path);
+
+/// The public-domain portrait of Debian's package python3-skimage; found at configure time, read once.
+const Picture& portrait();
+
+/// Where a person of the portrait stands in a frame.
+struct Person {
+    double x = 0.5;     ///< middle between the upper ends of the jaw line, share of the frame's width
+    double y = 0.5;     ///< the same, share of the frame's height
+    double jaw = 0.55;  ///< width of the jaw, share of the frame's width
+    double roll = 0.0;  ///< degrees, clockwise on the screen
+};
+
+/// An upright frame with these people, later ones in front, over a smooth background.
+Picture frameOf(int width, int height, const std::vector<Person>& people);
+
+/// Adds Gaussian noise of this standard deviation, the same for the same seed.
+Picture withNoise(Picture picture, double deviation, unsigned seed);
+
+std::shared_ptr<PixelBuffer> toBgra(const Picture& picture);
+std::shared_ptr<PixelBuffer> toArgb(const Picture& picture);
+std::shared_ptr<PixelBuffer> to420v(const Picture& picture);
+
+}  // namespace selvio::test
