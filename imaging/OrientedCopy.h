@@ -16,6 +16,8 @@ struct Turn {
     bool reversesX = false;  ///< in the turned picture
     bool reversesY = false;  ///< in the turned picture
 
+    friend bool operator==(const Turn&, const Turn&) = default;
+
     /// Any value outside 1...8 is 1.
     static constexpr Turn fromExif(int orientation) {
         const bool known = orientation >= 1 && orientation <= 8;

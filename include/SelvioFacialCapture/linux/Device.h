@@ -1,0 +1,61 @@
+// What a Linux device and its screen say of themselves.
+#pragma once
+
+#include <SelvioFacialCapture/platform/Device.h>
+
+#include <atomic>
+#include <filesystem>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+
+namespace selvio {
+
+class LinuxDevice final : public Device {
+public:
+    /// Tells how the device is held; called on the thread that asks the device.
+    using OrientationProvider = std::function<DeviceOrientation()>;
+
+    /// Without a provider the device is always held in portrait.
+    explicit LinuxDevice(OrientationProvider orientation = {});
+
+    /// "13.0": the level of the services that the Linux platform provides, not the kernel's version.
+    [[nodiscard]] std::string systemVersion() const override;
+    /// "Linux".
+    [[nodiscard]] std::string model() const override;
+    /// As `uname -m`; empty if the system does not say.
+    [[nodiscard]] std::string machineName() const override;
+    [[nodiscard]] DeviceOrientation orientation() const override;
+
+private:
+    const OrientationProvider orientation_;
+};
+
+/// A portrait screen, one point a pixel. Any thread.
+class LinuxScreen final : public Screen {
+public:
+    static constexpr Size kDefaultSize{1080, 1920};
+
+    /// The first mode of a connected display under `displays` (built-in panels first), its shorter side across; `kDefaultSize` if none is known.
+    explicit LinuxScreen(const std::filesystem::path& displays = "/sys/class/drm");
+    explicit LinuxScreen(Size bounds);
+
+    [[nodiscard]] Size bounds() const override;
+    /// Takes effect for the next frame that asks. A size that is not finite and positive is logged and ignored.
+    void setBounds(Size bounds);
+
+    /// Portrait until set.
+    [[nodiscard]] InterfaceOrientation statusBarOrientation() const override;
+    void setStatusBarOrientation(InterfaceOrientation orientation);
+
+private:
+    mutable std::mutex mutex_;
+    Size bounds_ = kDefaultSize;  // guarded by mutex_
+    std::atomic<InterfaceOrientation> statusBarOrientation_{InterfaceOrientation::Portrait};
+};
+
+/// The size, in portrait, of the first connected display under a directory laid out as /sys/class/drm: built-in panels before others, then by name.
+[[nodiscard]] std::optional<Size> connectedDisplaySize(const std::filesystem::path& displays);
+
+}  // namespace selvio

@@ -1,0 +1,77 @@
+#include <SelvioFacialCapture/linux/Codec.h>
+
+#include "platform/linux/codec/JpegFile.h"
+#include "platform/linux/codec/PngFile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <memory>
+#include <system_error>
+
+namespace selvio {
+namespace {
+
+struct CloseFile {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+};
+using File = std::unique_ptr<std::FILE, CloseFile>;
+
+Error systemError() {
+    return {std::generic_category().message(errno)};
+}
+
+/// Opens a regular file that is not empty, and tells its length.
+Expected<File> openPicture(const std::string& path, std::size_t& length) {
+    const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);  // does not wait for a pipe's writer
+    if (descriptor < 0) return systemError();
+    File file(fdopen(descriptor, "rb"));
+    if (!file) {
+        const Error error = systemError();
+        close(descriptor);
+        return error;
+    }
+    struct stat status {};
+    if (fstat(descriptor, &status) != 0) return systemError();
+    if (S_ISDIR(status.st_mode)) return Error{"a directory, not a picture"};
+    if (!S_ISREG(status.st_mode)) return Error{"not a regular file"};
+    if (status.st_size == 0) return Error{"empty"};
+    length = static_cast<std::size_t>(status.st_size);
+    return file;
+}
+
+Expected<std::shared_ptr<PixelBuffer>> readPicture(const std::string& path) {
+    std::size_t length = 0;
+    const auto file = openPicture(path, length);
+    if (!file) return file.error();
+    constexpr std::array<std::uint8_t, 8> kPng{0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'};
+    constexpr std::array<std::uint8_t, 3> kJpeg{0xFF, 0xD8, 0xFF};
+    std::array<std::uint8_t, 8> start{};
+    const std::size_t got = std::fread(start.data(), 1, start.size(), file.value().get());
+    std::rewind(file.value().get());
+    if (got >= kPng.size() && start == kPng) return readPngFile(file.value().get(), length);
+    if (got >= kJpeg.size() && std::equal(kJpeg.begin(), kJpeg.end(), start.begin())) return readJpegFile(file.value().get(), length);
+    return Error{"neither JPEG nor PNG"};
+}
+
+/// The message stays one line whatever the name holds.
+std::string withoutControlCharacters(std::string text) {
+    std::ranges::replace_if(
+        text, [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; }, '?');
+    return text;
+}
+
+}  // namespace
+
+Expected<std::shared_ptr<PixelBuffer>> JpegPngImageLoader::loadImage(const std::string& path) const {
+    auto picture = readPicture(path);
+    if (!picture) return Error{withoutControlCharacters(path + ": " + picture.error().localizedDescription)};
+    return picture;
+}
+
+}  // namespace selvio

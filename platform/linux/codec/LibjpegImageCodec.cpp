@@ -1,0 +1,79 @@
+#include <SelvioFacialCapture/linux/Codec.h>
+
+#include "platform/linux/codec/ExifSegment.h"
+#include "platform/linux/codec/JpegFile.h"
+
+#include <utility>
+
+namespace selvio {
+namespace {
+
+class JpegImageSource final : public ImageSource {
+public:
+    JpegImageSource(Bytes file, JpegHeader header) : file_(std::move(file)), header_(std::move(header)) {}
+    [[nodiscard]] ImageProperties properties() const override { return {header_.jfif, header_.exif, std::nullopt}; }
+    [[nodiscard]] const Bytes& file() const { return file_; }
+
+private:
+    const Bytes file_;
+    const JpegHeader header_;
+};
+
+int exifOrientationOf(ImageOrientation orientation) {
+    switch (orientation) {
+        case ImageOrientation::Down:
+            return 3;
+        case ImageOrientation::Left:
+            return 8;
+        case ImageOrientation::Right:
+            return 6;
+        case ImageOrientation::UpMirrored:
+            return 2;
+        case ImageOrientation::DownMirrored:
+            return 4;
+        case ImageOrientation::LeftMirrored:
+            return 5;
+        case ImageOrientation::RightMirrored:
+            return 7;
+        case ImageOrientation::Up:
+            break;
+    }
+    return 1;
+}
+
+}  // namespace
+
+std::optional<Bytes> LibjpegImageCodec::encodeJpeg(const Image& image, double quality) const {
+    if (!image.bitmap) return std::nullopt;
+    JpegTarget target{.quality = quality, .jfif = std::nullopt, .exifSegment = {}};
+    if (const int orientation = exifOrientationOf(image.orientation); orientation != 1) {
+        auto segment = makeExifSegment({std::nullopt, orientation});
+        if (!segment) return std::nullopt;
+        target.exifSegment = std::move(*segment);
+    }
+    return encodeJpegPixels(*image.bitmap, target);
+}
+
+std::shared_ptr<ImageSource> LibjpegImageCodec::openSource(Bytes bytes) const {
+    auto header = readJpegHeader(bytes);
+    if (!header) return nullptr;
+    return std::make_shared<JpegImageSource>(std::move(bytes), std::move(*header));
+}
+
+std::optional<Bytes> LibjpegImageCodec::encodeFromSource(const ImageSource& source, const ImageProperties& properties) const {
+    const auto* const jpeg = dynamic_cast<const JpegImageSource*>(&source);
+    if (jpeg == nullptr) return std::nullopt;
+    JpegTarget target{.quality = properties.lossyCompressionQuality.value_or(1.0F), .jfif = properties.jfif, .exifSegment = {}};
+    if (properties.exif) {
+        auto segment = makeExifSegment(*properties.exif);
+        if (!segment) return std::nullopt;
+        target.exifSegment = std::move(*segment);
+    }
+    return reencodeJpeg(jpeg->file(), target);
+}
+
+bool LibjpegImageCodec::userCommentFits(std::string_view text) const {
+    return makeExifSegment({std::string(text), 1}).has_value();
+}
+
+}  // namespace selvio
