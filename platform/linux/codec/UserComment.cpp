@@ -85,9 +85,8 @@ std::string fromUtf16(std::string_view bytes, bool bigEndian) {
             for (std::size_t i = 0; i < count; ++i) latin += unitAt(i, big) != 0 && unitAt(i, big) < 0x100 ? 1 : 0;
             return latin;
         };
-        const std::size_t big = latinUnits(true);
-        const std::size_t little = latinUnits(false);
-        if (big != little) bigEndian = big > little;
+        // Some letters, such as U+4E00, are Latin ones the wrong way round: only a good many of them, and no real one, speak for the other order.
+        if (count >= 4 && latinUnits(bigEndian) == 0 && 2 * latinUnits(!bigEndian) >= count) bigEndian = !bigEndian;
     }
     std::string text;
     for (std::size_t i = begin; i < count; ++i) {

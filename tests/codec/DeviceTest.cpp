@@ -1,0 +1,130 @@
+#include "codec/PictureFiles.h"
+
+#include <SelvioFacialCapture/base/Log.h>
+#include <SelvioFacialCapture/linux/Device.h>
+#include <SelvioFacialCapture/linux/Files.h>
+
+#include <gmock/gmock.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/utsname.h>
+
+#include <limits>
+
+namespace {
+
+using namespace selvio;
+using test::TemporaryDirectory;
+namespace fs = std::filesystem;
+
+Bytes bytes(std::string_view text) {
+    return {text.begin(), text.end()};
+}
+
+TEST(LinuxDevice, saysWhatItIs) {
+    utsname name{};
+    ASSERT_EQ(uname(&name), 0);
+    const LinuxDevice device;
+    EXPECT_EQ(device.systemVersion(), "13.0");
+    EXPECT_EQ(device.model(), "Linux");
+    EXPECT_EQ(device.machineName(), name.machine);
+    EXPECT_EQ(device.orientation(), DeviceOrientation::Portrait);
+    DeviceOrientation held = DeviceOrientation::LandscapeLeft;
+    const LinuxDevice turning([&] { return held; });
+    EXPECT_EQ(turning.orientation(), DeviceOrientation::LandscapeLeft);
+    held = DeviceOrientation::FaceUp;
+    EXPECT_EQ(turning.orientation(), DeviceOrientation::FaceUp);
+}
+
+TEST(LinuxScreen, takesTheConnectedDisplayInPortrait) {
+    struct Display {
+        const char* name;
+        const char* status;
+        const char* modes;
+    };
+    const std::pair<std::vector<Display>, Size> table[] = {
+        {{}, {1080, 1920}},
+        {{{"card0-HDMI-A-1", "disconnected\n", "800x600\n"}}, {1080, 1920}},
+        {{{"card0-HDMI-A-1", "connected\n", "2560x1440\n1920x1080\n"}}, {1440, 2560}},
+        {{{"card0-DP-1", "connected\n", "2560x1440\n"}, {"card0-eDP-1", "connected\n", "1200x1920\n"}}, {1200, 1920}},
+        {{{"card0-DP-1", "connected\n", ""}, {"card0-DP-2", "connected\n", "1920x1080i\n"}}, {1080, 1920}},
+        {{{"card0-DP-1", "connected\n", "0x0\n"}, {"card0-DP-2", "connected\n", "x\n"}, {"card0-DP-3", "connected\n", "720x400\n"}}, {400, 720}},
+    };
+    for (const auto& [displays, size] : table) {
+        const TemporaryDirectory root;
+        for (const Display& display : displays) {
+            fs::create_directory(root.path() / display.name);
+            (void)root.write(std::string(display.name) + "/status", bytes(display.status));
+            (void)root.write(std::string(display.name) + "/modes", bytes(display.modes));
+        }
+        EXPECT_EQ(LinuxScreen(root.path()).bounds(), size) << displays.size();
+    }
+    EXPECT_EQ(LinuxScreen(fs::path("/nowhere")).bounds(), LinuxScreen::kDefaultSize);
+}
+
+TEST(LinuxScreen, isSettableToWhatMakesSense) {
+    std::vector<std::string> lines;
+    const LogSink before = setLogSink([&](std::string_view line) { lines.emplace_back(line); });
+    LinuxScreen screen(Size{375, 812});
+    EXPECT_EQ(screen.bounds(), (Size{375, 812}));
+    for (const Size bad :
+         {Size{0, 5}, Size{5, -1}, Size{std::numeric_limits<double>::quiet_NaN(), 5}, Size{5, std::numeric_limits<double>::infinity()}}) {
+        screen.setBounds(bad);
+        EXPECT_EQ(screen.bounds(), (Size{375, 812}));
+    }
+    setLogSink(before);
+    EXPECT_EQ(lines.size(), 4u);
+    EXPECT_EQ(screen.statusBarOrientation(), InterfaceOrientation::Portrait);
+    screen.setStatusBarOrientation(InterfaceOrientation::LandscapeLeft);
+    EXPECT_EQ(screen.statusBarOrientation(), InterfaceOrientation::LandscapeLeft);
+}
+
+TEST(LinuxFileManager, documentsFollowTheEnvironmentAndArePrivate) {
+    const TemporaryDirectory root;
+    const fs::path home = root.path() / "home";
+    const std::pair<std::string, fs::path> table[] = {
+        {(root.path() / "data").string(), root.path() / "data"}, {"", home / ".local/share"}, {"relative", home / ".local/share"}};
+    setenv("HOME", home.c_str(), 1);
+    for (const auto& [variable, parent] : table) {
+        setenv("XDG_DATA_HOME", variable.c_str(), 1);
+        const LinuxFileManager files;
+        EXPECT_FALSE(fs::exists(parent / "SelvioFacialCapture")) << "made on demand only";
+        const fs::path documents = files.documentsDirectory();
+        EXPECT_EQ(documents, parent / "SelvioFacialCapture" / "Documents");
+        struct stat status {};
+        ASSERT_EQ(stat(documents.c_str(), &status), 0);
+        EXPECT_EQ(status.st_mode & 0777, 0700u);
+        fs::remove_all(parent);
+    }
+}
+
+TEST(LinuxFileManager, aDirectoryThatCannotBeMadeIsLogged) {
+    const TemporaryDirectory root;
+    const std::string file = root.write("file", bytes("x"));
+    std::vector<std::string> lines;
+    const LogSink before = setLogSink([&](std::string_view line) { lines.emplace_back(line); });
+    const LinuxFileManager files(fs::path(file) / "Documents");
+    EXPECT_EQ(files.documentsDirectory(), fs::path(file) / "Documents");
+    setLogSink(before);
+    EXPECT_THAT(lines, testing::ElementsAre(testing::HasSubstr("Couldn't make the documents directory " + file)));
+}
+
+TEST(LinuxFileManager, readsListsAndRemoves) {
+    const TemporaryDirectory root;
+    LinuxFileManager files(root.path());
+    const std::string one = root.write("one", bytes("first"));
+    const std::string two = root.write("two", {});
+    EXPECT_THAT(files.contentsOfDirectory(root.path()).value(), testing::UnorderedElementsAre("one", "two"));
+    EXPECT_EQ(files.readFile(one).value(), bytes("first"));
+    EXPECT_EQ(files.readFile(two).value(), Bytes{});
+    EXPECT_TRUE(files.fileExists(one));
+    EXPECT_FALSE(files.removeItem(one));
+    EXPECT_FALSE(files.fileExists(one));
+    for (const auto& error : {*files.removeItem(one), files.readFile(one).error(), files.contentsOfDirectory(one).error()}) {
+        EXPECT_EQ(error.localizedDescription, one + ": No such file or directory");
+    }
+    EXPECT_EQ(files.readFile(root.path()).error().localizedDescription, root.path().string() + ": Is a directory");
+    EXPECT_EQ(files.readFile("/dev/zero").error().localizedDescription, "/dev/zero: not a regular file");
+}
+
+}  // namespace
