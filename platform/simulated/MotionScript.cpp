@@ -120,6 +120,7 @@ Expected<MotionScript> MotionScript::parse(std::string_view json, const std::str
             if (i > 0 && keyFrame.at <= before) fields.fail("at", "must be later than in the key frame before");
             if (i > 0 && keyFrame.at < end) fields.fail("at", "falls into the hold of the key frame before");
             readState(fields, keyFrame.state, given);
+            script.tellsSmile_ = script.tellsSmile_ || fields.field("smiling") != nullptr;
             if (const auto error = fields.finish()) {
                 reader.fail(error);
                 break;

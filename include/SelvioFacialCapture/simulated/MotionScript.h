@@ -46,6 +46,8 @@ public:
     [[nodiscard]] MotionState stateAt(std::chrono::nanoseconds time) const;
     /// Until the last key frame's hold is over.
     [[nodiscard]] std::chrono::nanoseconds duration() const;
+    /// Whether any key frame states "smiling"; without it a host lets its own detector judge the picture.
+    [[nodiscard]] bool tellsSmile() const { return tellsSmile_; }
     /// Seed of the sensor noise.
     [[nodiscard]] std::uint64_t seed() const { return seed_; }
 
@@ -59,6 +61,7 @@ private:
 
     std::vector<KeyFrame> keyFrames_;  // at least one; the first at 0; ascending
     bool loop_ = false;
+    bool tellsSmile_ = false;
     std::uint64_t seed_ = 1;
 };
 

@@ -1,0 +1,98 @@
+#include "platform/simulated/SimulatedDevice.h"
+
+#include <SelvioFacialCapture/base/Log.h>
+
+#include <algorithm>
+
+namespace selvio {
+
+SimulatedDevice::SimulatedDevice(std::shared_ptr<SimulatedControl> control, MediaType mediaType, CaptureDevicePosition position)
+    : control_(std::move(control)), mediaType_(mediaType), position_(position) {
+    setActiveSize(1280, 720);
+}
+
+std::string SimulatedDevice::uniqueId() const {
+    if (mediaType_ == MediaType::Audio) return "simulated-microphone";
+    return position_ == CaptureDevicePosition::Front ? "simulated-front" : "simulated-back";
+}
+
+std::string SimulatedDevice::localizedName() const {
+    if (mediaType_ == MediaType::Audio) return "Simulated Microphone";
+    return position_ == CaptureDevicePosition::Front ? "Simulated Front Camera" : "Simulated Back Camera";
+}
+
+std::vector<CaptureDeviceFormat> SimulatedDevice::formats() const {
+    if (mediaType_ == MediaType::Audio) return {};
+    std::vector<CaptureDeviceFormat> formats;
+    for (const auto& [width, height] : {std::pair{640, 480}, {1280, 720}, {1920, 1080}}) {
+        for (const PixelFormat format : {kPixelFormat420v, kPixelFormat32BGRA}) {
+            formats.push_back({.formatDescription = {format, width, height}, .maxFrameRate = control_->options.frameRate});
+        }
+    }
+    return formats;
+}
+
+std::optional<CaptureDeviceFormat> SimulatedDevice::activeFormat() const {
+    const std::lock_guard lock(mutex_);
+    return active_;
+}
+
+std::optional<Error> SimulatedDevice::lockForConfiguration() {
+    if (control_->faults().lockFails) return Error{localizedName() + " cannot be locked for configuration"};
+    const std::lock_guard lock(mutex_);
+    ++state_.locks;
+    return std::nullopt;
+}
+
+void SimulatedDevice::unlockForConfiguration() {
+    const std::lock_guard lock(mutex_);
+    state_.locks = std::max(0, state_.locks - 1);
+}
+
+void SimulatedDevice::setActiveFormat(const CaptureDeviceFormat& format) {
+    const std::vector<CaptureDeviceFormat> known = formats();
+    if (std::find(known.begin(), known.end(), format) == known.end()) {
+        log(localizedName() + " does not have the format that was to be set");
+        return;
+    }
+    const std::lock_guard lock(mutex_);
+    active_ = format;
+}
+
+void SimulatedDevice::setActiveSize(std::int32_t width, std::int32_t height) {
+    const std::vector<CaptureDeviceFormat> known = formats();
+    const std::lock_guard lock(mutex_);
+    const PixelFormat format = active_ ? active_->formatDescription.mediaSubType : kPixelFormat420v;
+    const auto found = std::find_if(known.begin(), known.end(), [&](const CaptureDeviceFormat& candidate) {
+        return candidate.formatDescription == VideoFormatDescription{format, width, height};
+    });
+    if (found != known.end()) active_ = *found;
+}
+
+void SimulatedDevice::setFocusPointOfInterest(Point point) {
+    const std::lock_guard lock(mutex_);
+    state_.focusPointOfInterest = point;
+}
+
+bool SimulatedDevice::isFocusModeSupported(FocusMode mode) const {
+    return mediaType_ == MediaType::Video && mode >= FocusMode::Locked && mode <= FocusMode::ContinuousAutoFocus;
+}
+
+void SimulatedDevice::setFocusMode(FocusMode mode) {
+    if (!isFocusModeSupported(mode)) return;
+    const std::lock_guard lock(mutex_);
+    state_.focusMode = mode;
+}
+
+void SimulatedDevice::setTorchMode(TorchMode mode) {
+    if (!hasTorch()) return;
+    const std::lock_guard lock(mutex_);
+    state_.torchMode = mode;
+}
+
+SimulatedDeviceState SimulatedDevice::state() const {
+    const std::lock_guard lock(mutex_);
+    return state_;
+}
+
+}  // namespace selvio
