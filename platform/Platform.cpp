@@ -11,6 +11,7 @@ namespace {
 struct DefaultPlatform {
     std::mutex mutex;
     std::optional<Platform> platform;  // guarded by mutex
+    std::function<Platform()> offer;   // guarded by mutex
 };
 
 DefaultPlatform& holder() {
@@ -31,14 +32,23 @@ Platform makePortablePlatform() {
 }
 
 Platform defaultPlatform() {
-    const std::lock_guard lock(holder().mutex);
-    if (!holder().platform) holder().platform = makePortablePlatform();
-    return *holder().platform;
+    DefaultPlatform& h = holder();
+    const std::lock_guard lock(h.mutex);
+    if (!h.platform) h.platform = h.offer ? h.offer() : makePortablePlatform();
+    return *h.platform;
 }
 
 void setDefaultPlatform(Platform platform) {
-    const std::lock_guard lock(holder().mutex);
-    holder().platform = std::move(platform);
+    DefaultPlatform& h = holder();
+    const std::lock_guard lock(h.mutex);
+    h.platform = std::move(platform);
+}
+
+bool offerDefaultPlatform(std::function<Platform()> make) {
+    DefaultPlatform& h = holder();
+    const std::lock_guard lock(h.mutex);
+    h.offer = std::move(make);
+    return true;
 }
 
 }  // namespace selvio

@@ -49,8 +49,12 @@ struct Platform {
 /// a notification centre. Adapters add the rest.
 [[nodiscard]] Platform makePortablePlatform();
 
-/// The platform of the linked adapters, used where an operation is called without one. Portable parts only until an adapter library sets it.
+/// The platform used where an operation is called without one: the one set last; else the one that a linked adapter library offers, made on first
+/// use; else the portable parts alone.
 [[nodiscard]] Platform defaultPlatform();
 void setDefaultPlatform(Platform platform);
+
+/// For adapter libraries: offers a default platform. The last offer before first use counts. Returns true, so that a static variable can hold it.
+bool offerDefaultPlatform(std::function<Platform()> make);
 
 }  // namespace selvio

@@ -1,0 +1,13 @@
+// The Linux adapters, put together.
+#pragma once
+
+#include <SelvioFacialCapture/linux/Vision.h>
+#include <SelvioFacialCapture/platform/Platform.h>
+
+namespace selvio {
+
+/// A platform of Linux adapters: vision, JPEG and PNG files, device, screen, files. The vision models start to load in the background.
+/// A program that links this library and uses anything of it has this as its default platform.
+[[nodiscard]] Platform makeLinuxPlatform(const VisionOptions& vision = {});
+
+}  // namespace selvio

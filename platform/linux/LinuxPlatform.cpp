@@ -1,0 +1,26 @@
+#include <SelvioFacialCapture/linux/Codec.h>
+#include <SelvioFacialCapture/linux/Device.h>
+#include <SelvioFacialCapture/linux/Files.h>
+#include <SelvioFacialCapture/linux/LinuxPlatform.h>
+
+namespace selvio {
+namespace {
+
+[[maybe_unused]] const bool offered = offerDefaultPlatform([] { return makeLinuxPlatform(); });
+
+}  // namespace
+
+Platform makeLinuxPlatform(const VisionOptions& vision) {
+    preloadVisionModels(vision);
+    Platform platform = makePortablePlatform();
+    platform.device = std::make_shared<LinuxDevice>();
+    platform.screen = std::make_shared<LinuxScreen>();
+    platform.imageCodec = std::make_shared<LibjpegImageCodec>();
+    platform.imageLoader = std::make_shared<JpegPngImageLoader>();
+    platform.makeSequenceRequestHandler = [vision] { return makeSequenceRequestHandler(vision); };
+    platform.makeFaceDetector = [vision] { return makeFaceDetector(vision); };
+    platform.fileManager = std::make_shared<LinuxFileManager>();
+    return platform;
+}
+
+}  // namespace selvio
