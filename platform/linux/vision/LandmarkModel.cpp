@@ -181,7 +181,7 @@ private:
             for (std::size_t i = 0; i <= splits; ++i) in_.column(&leaves[(tree * (splits + 1) + i) * kValues], kValues);
             if (in_.failed()) return false;
         }
-        // Sixteen bits hold a leaf to a ten-thousandth of a pixel, at half the memory that has to be read for every face.
+        // Sixteen bits hold a leaf to a thousandth of a pixel and better, at half the memory, which is what a prediction spends its time on.
         float largest = 0.0F;
         for (const float value : leaves) largest = std::max(largest, std::abs(value));
         stage.leafScale = largest > 0.0F ? largest / 32767.0F : 1.0F;

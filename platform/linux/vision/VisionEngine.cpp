@@ -8,6 +8,11 @@
 namespace selvio {
 namespace {
 
+struct Thresholds {
+    double frontal = 0.0;
+    double turned = 0.0;
+};
+
 // Shorter side of the view in which faces are sought, in pixels, and the most pixels such a view may have however long it is.
 constexpr double kUsualSide = 200.0;
 constexpr double kUsualPixels = 200.0 * 1000.0;
@@ -15,11 +20,11 @@ constexpr double kWideSide = 400.0;
 constexpr double kWidePixels = 400.0 * 1600.0;
 constexpr double kMostEnlargement = 2.0;
 
-// How far below (negative) the filters' own thresholds a face still counts. At the usual scale no extra false boxes come with it.
-constexpr double kUsualThreshold = -0.25;
-constexpr double kTurnedThreshold = 0.0;
-constexpr double kWideThreshold = 0.0;
-constexpr double kAgainThreshold = -0.25;
+// How far above the filters' own thresholds a face must score. At the usual scale no extra false boxes come with a lower one; the larger scale shows
+// more of the background, so there a face must be surer, but not to be seen again at its place.
+constexpr Thresholds kUsual{.frontal = -0.25, .turned = 0.0};
+constexpr Thresholds kWide{.frontal = 0.2, .turned = 0.25};
+constexpr Thresholds kAgain{.frontal = -0.1, .turned = 0.0};
 
 // Looking again: side of the face in the small view, and how much of the side is added around it.
 constexpr double kAgainSide = 92.0;
@@ -112,21 +117,24 @@ std::vector<VisionEngine::Box> VisionEngine::inFullView(const std::vector<HogFac
     return boxes;
 }
 
+std::vector<HogFace> VisionEngine::search(double frontal, std::optional<double> turned) {
+    finder_.load(grey_);
+    auto faces = finder_.findFrontal(frontal);
+    // A tilted head is still a head: without this it would read as no face instead of as tilted.
+    if (faces.empty() && turned) faces = finder_.findTurned(*turned);
+    return faces;
+}
+
 std::vector<VisionEngine::Box> VisionEngine::usualPass(const PixelBuffer& buffer, ViewTransform view) {
     const double scale = scaleFor(viewSizeOf(buffer, view), kUsualSide, kUsualPixels);
     if (!load(buffer, view, {0, 0, buffer.width(), buffer.height()}, scale)) return {};
-    finder_.load(grey_);
-    auto faces = finder_.findFrontal(kUsualThreshold);
-    // A tilted head is still a head: without this it would read as no face instead of as tilted.
-    if (faces.empty()) faces = finder_.findTurned(kTurnedThreshold);
-    return inFullView(faces);
+    return inFullView(search(kUsual.frontal, kUsual.turned));
 }
 
 std::vector<VisionEngine::Box> VisionEngine::widePass(const PixelBuffer& buffer, ViewTransform view, const std::vector<Box>& known) {
     const double scale = scaleFor(viewSizeOf(buffer, view), kWideSide, kWidePixels);
     if (!load(buffer, view, {0, 0, buffer.width(), buffer.height()}, scale)) return {};
-    finder_.load(grey_);
-    std::vector<Box> boxes = inFullView(finder_.findFrontal(kWideThreshold));
+    std::vector<Box> boxes = inFullView(search(kWide.frontal, known.empty() ? std::optional(kWide.turned) : std::nullopt));
     std::erase_if(boxes, [&](const Box& box) { return std::any_of(known.begin(), known.end(), [&](const Box& other) { return same(box, other); }); });
     return boxes;
 }
@@ -135,8 +143,7 @@ std::optional<VisionEngine::Box> VisionEngine::lookAgain(const PixelBuffer& buff
     const double margin = before.side * kAgainMargin;
     const PixelArea area = areaUnder(buffer, view, before.left - margin, before.top - margin, before.side + 2.0 * margin);
     if (!load(buffer, view, area, std::min(kMostEnlargement, kAgainSide / before.side))) return std::nullopt;
-    finder_.load(grey_);
-    const auto boxes = inFullView(finder_.findFrontal(kAgainThreshold));
+    const auto boxes = inFullView(search(kAgain.frontal, kAgain.turned));
     if (boxes.empty()) return std::nullopt;
     return boxes.front();
 }

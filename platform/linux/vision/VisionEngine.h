@@ -56,8 +56,10 @@ private:
     };
 
     [[nodiscard]] static bool same(const Box& a, const Box& b);
-    /// Loads `area` of the buffer into the finder, scaled by `scale`.
+    /// Makes the grey view of `area` of the buffer, scaled by `scale`.
     [[nodiscard]] bool load(const PixelBuffer& buffer, ViewTransform view, PixelArea area, double scale);
+    /// In the view that was loaded last, by score; the filters for turned heads, if wanted, only when the frontal one finds nothing.
+    [[nodiscard]] std::vector<HogFace> search(double frontal, std::optional<double> turned);
     [[nodiscard]] std::vector<Box> inFullView(const std::vector<HogFace>& faces) const;
     [[nodiscard]] std::vector<Box> usualPass(const PixelBuffer& buffer, ViewTransform view);
     /// Only what is not among `known`.
@@ -70,7 +72,7 @@ private:
     HogFaceFinder finder_;
     GreyViewMaker viewMaker_;
     GreyImage grey_;
-    // How the picture in the finder lies in the full-size view.
+    // How the grey view lies in the full-size view.
     Point loadedOrigin_;
     Size loadedPixel_;
     std::optional<Sequence> sequence_;

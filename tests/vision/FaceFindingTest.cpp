@@ -1,0 +1,234 @@
+// The request handler on frames made of a real portrait.
+#include "analyzer/rules/FaceChecks.h"
+#include "analyzer/rules/PreviewGeometry.h"
+#include "support/ManualClock.h"
+#include "vision/TestPictures.h"
+
+#include <SelvioFacialCapture/linux/Vision.h>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+namespace selvio::test {
+namespace {
+
+using Observations = std::vector<FaceObservation>;
+
+Observations perform(SequenceRequestHandler& handler, const std::shared_ptr<const PixelBuffer>& buffer, std::uint32_t orientation = 5) {
+    int completions = 0;
+    const auto request = std::make_shared<FaceLandmarksRequest>([&](const FaceLandmarksRequest&, const std::optional<Error>&) { ++completions; });
+    const auto error = handler.performRequests({request}, buffer, orientation);
+    EXPECT_FALSE(error) << error->localizedDescription;
+    EXPECT_EQ(completions, 1);
+    return request->results().value_or(Observations{});
+}
+
+Observations findIn(const Picture& picture) {
+    return perform(*makeSequenceRequestHandler(), toBgra(picture));
+}
+
+rules::FaceChecksResult check(const FaceObservation& face, Size screen) {
+    rules::PreviewGeometry geometry;
+    geometry.setScreen(screen);
+    geometry.setResolution(screen);
+    const Rect rect = geometry.faceRect(face.boundingBox);
+    return rules::checkFace({.points = {.contour = rules::landmarkInAdjustedRect(face.landmarks->faceContour, rect),
+                                        .nose = rules::landmarkInAdjustedRect(face.landmarks->nose, rect),
+                                        .outerLips = rules::landmarkInAdjustedRect(face.landmarks->outerLips, rect)},
+                             .limits = {},
+                             .biggerScreenSide = screen.height,
+                             .smallerScreenSide = screen.width,
+                             .shouldHoldStill = false});
+}
+
+Point onScreen(const FaceObservation& face, Point p, Size screen) {
+    return {(face.boundingBox.y + p.y * face.boundingBox.height) * screen.width, (face.boundingBox.x + p.x * face.boundingBox.width) * screen.height};
+}
+
+TEST(FaceFinding, IsMirroredAndUpright) {
+    // Left of the middle in the frame is right of it on the screen; above stays above.
+    const auto faces = findIn(frameOf(720, 1280, {Person{.x = 0.4, .y = 0.4}}));
+    ASSERT_EQ(faces.size(), 1U);
+    const Size screen{720, 1280};
+    const auto& contour = faces[0].landmarks->faceContour->normalizedPoints;
+    const Point left = onScreen(faces[0], contour[16], screen);
+    const Point right = onScreen(faces[0], contour[0], screen);
+    const Point chin = onScreen(faces[0], contour[8], screen);
+    EXPECT_NEAR((left.x + right.x) / 2, 0.6 * 720, 8);
+    EXPECT_NEAR(right.x - left.x, 0.55 * 720, 12);
+    EXPECT_NEAR((left.y + right.y) / 2, 0.4 * 1280, 12);
+    EXPECT_GT(chin.y, left.y + 200);
+    const auto& lips = faces[0].landmarks->outerLips->normalizedPoints;
+    EXPECT_LT(onScreen(faces[0], lips[13], screen).x + 50, onScreen(faces[0], lips[7], screen).x);
+    const auto& nose = faces[0].landmarks->nose->normalizedPoints;
+    EXPECT_LT(onScreen(faces[0], nose[2], screen).x + 20, onScreen(faces[0], nose[6], screen).x);
+}
+
+TEST(FaceFinding, GivesTheSameAnswerHoweverTheDeviceIsHeld) {
+    const Picture picture = frameOf(360, 640, {Person{.x = 0.45, .y = 0.42, .roll = 8}});
+    const auto portraitFaces = findIn(picture);
+    ASSERT_EQ(portraitFaces.size(), 1U);
+    // The frame that shows the same view under orientation o: view (x, y) comes from these places of the upright frame.
+    struct Case {
+        std::uint32_t orientation;
+        bool sideways;
+        int (*fromX)(int x, int y);
+        int (*fromY)(int x, int y);
+    };
+    const Case cases[] = {{7, false, [](int x, int) { return 359 - x; }, [](int, int y) { return 639 - y; }},
+                          {4, true, [](int, int y) { return 359 - y; }, [](int x, int) { return x; }},
+                          {2, true, [](int, int y) { return y; }, [](int x, int) { return 639 - x; }}};
+    for (const Case& c : cases) {
+        Picture turned{c.sideways ? 640 : 360, c.sideways ? 360 : 640, std::vector<std::uint8_t>(picture.rgb.size())};
+        for (int y = 0; y < turned.height; ++y) {
+            for (int x = 0; x < turned.width; ++x) {
+                for (int k = 0; k < 3; ++k) {
+                    turned.rgb[static_cast<std::size_t>((y * turned.width + x) * 3 + k)] =
+                        picture.rgb[static_cast<std::size_t>((c.fromY(x, y) * 360 + c.fromX(x, y)) * 3 + k)];
+                }
+            }
+        }
+        const auto faces = perform(*makeSequenceRequestHandler(), toBgra(turned), c.orientation);
+        ASSERT_EQ(faces.size(), 1U) << c.orientation;
+        for (std::size_t i = 0; i < 17; ++i) {
+            const Point expected = onScreen(portraitFaces[0], portraitFaces[0].landmarks->faceContour->normalizedPoints[i], {360, 640});
+            const Point found = onScreen(faces[0], faces[0].landmarks->faceContour->normalizedPoints[i], {360, 640});
+            EXPECT_NEAR(found.x, expected.x, 2.5) << c.orientation << " contour " << i;
+            EXPECT_NEAR(found.y, expected.y, 2.5) << c.orientation << " contour " << i;
+        }
+    }
+}
+
+TEST(FaceFinding, FindsOneFaceOverSizesAndTilts) {
+    for (const double jaw : {0.2, 0.3, 0.4, 0.55, 0.7, 0.9}) {
+        for (const double roll : {-40.0, -25.0, -10.0, 0.0, 10.0, 25.0, 40.0}) {
+            const auto faces = perform(*makeSequenceRequestHandler(), to420v(frameOf(720, 1280, {Person{.jaw = jaw, .roll = roll}})));
+            ASSERT_EQ(faces.size(), 1U) << jaw << " " << roll;
+            const auto& contour = faces[0].landmarks->faceContour->normalizedPoints;
+            const Point left = onScreen(faces[0], contour[16], {720, 1280});
+            const Point right = onScreen(faces[0], contour[0], {720, 1280});
+            // The view is mirrored, so the tilt is the other way round.
+            EXPECT_NEAR(std::atan2(right.y - left.y, right.x - left.x) * 180 / std::acos(-1.0), -roll, 3.0) << jaw;
+            EXPECT_NEAR(std::hypot(right.x - left.x, right.y - left.y) / 720, jaw, 0.04 * jaw) << roll;
+        }
+    }
+}
+
+TEST(FaceFinding, CountsPeople) {
+    EXPECT_TRUE(findIn(frameOf(720, 1280, {})).empty());
+    EXPECT_EQ(findIn(frameOf(720, 1280, {Person{.x = 0.27, .jaw = 0.32}, Person{.x = 0.73, .jaw = 0.32}})).size(), 2U);
+    // Beside each other in a landscape picture.
+    EXPECT_EQ(findIn(frameOf(1280, 720, {Person{.x = 0.3, .jaw = 0.2}, Person{.x = 0.7, .jaw = 0.2}})).size(), 2U);
+}
+
+TEST(FaceFinding, SeesASmallSecondPersonWithinHalfASecond) {
+    const auto clock = std::make_shared<ManualClock>();
+    const auto handler = makeSequenceRequestHandler({.landmarkModelPath = kDefaultLandmarkModelPath, .clock = clock});
+    const Person near{.x = 0.6, .y = 0.55, .jaw = 0.5};
+    const auto alone = toBgra(frameOf(720, 1280, {near}));
+    const auto together = [&](double x) { return toBgra(frameOf(720, 1280, {Person{.x = x, .y = 0.15, .jaw = 0.17}, near})); };
+    const auto next = [&](const auto& buffer) {
+        clock->advance(std::chrono::milliseconds(33));
+        return perform(*handler, buffer).size();
+    };
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(next(alone), 1U);
+    int unseen = 0;
+    const auto standing = together(0.2);
+    while (next(standing) == 1U && unseen < 30) ++unseen;
+    EXPECT_LE(unseen, 15);
+    // Kept from frame to frame, also walking, and gone at once when gone.
+    for (int i = 0; i < 15; ++i) EXPECT_EQ(next(together(0.2 + 0.005 * i)), 2U) << i;
+    EXPECT_EQ(next(alone), 1U);
+    // Slow frames: time counts, not their number.
+    clock->advance(std::chrono::milliseconds(500));
+    EXPECT_EQ(next(standing), 2U);
+}
+
+TEST(FaceFinding, SaysWhyItCannotLook) {
+    const auto good = toBgra(frameOf(90, 160, {}));
+    PixelBufferLayout empty{.width = 0, .height = 0};
+    PixelBufferLayout unknown = good->layout();
+    unknown.format = 0x12345678;
+    const std::string path = "/nonexistent/shape.dat";
+    struct Case {
+        const char* name;
+        std::shared_ptr<const PixelBuffer> buffer;
+        std::uint32_t orientation;
+        std::string modelPath;
+        const char* words;
+    };
+    const Case cases[] = {{"null", nullptr, 5, kDefaultLandmarkModelPath, "no pixel buffer"},
+                          {"empty", PixelBuffer::wrap(empty, {nullptr, nullptr}, [] {}), 5, kDefaultLandmarkModelPath, "size or format"},
+                          {"unknown", PixelBuffer::wrap(unknown, {nullptr, nullptr}, [] {}), 5, kDefaultLandmarkModelPath, "size or format"},
+                          {"orientation", good, 9, kDefaultLandmarkModelPath, "orientation 9"},
+                          {"model", good, 5, path, "/nonexistent/shape.dat"}};
+    for (const Case& c : cases) {
+        bool completed = false;
+        const auto request = std::make_shared<FaceLandmarksRequest>([&](const auto&, const auto&) { completed = true; });
+        const auto handler = makeSequenceRequestHandler({.landmarkModelPath = c.modelPath, .clock = nullptr});
+        const auto error = handler->performRequests({request}, c.buffer, c.orientation);
+        ASSERT_TRUE(error) << c.name;
+        EXPECT_NE(error->localizedDescription.find(c.words), std::string::npos) << error->localizedDescription;
+        EXPECT_FALSE(completed) << c.name;
+    }
+    EXPECT_TRUE(waitForVisionModels({.landmarkModelPath = path, .clock = nullptr}));
+    EXPECT_FALSE(waitForVisionModels());
+}
+
+TEST(FaceFinding, SurvivesOddSizes) {
+    for (const auto& [width, height] : {std::pair{1, 1}, {2, 3}, {1, 4000}, {4000, 1}, {79, 81}, {361, 643}, {3000, 40}}) {
+        const Picture picture = frameOf(width, height, {Person{}});
+        for (const std::uint32_t orientation : {5U, 4U}) {
+            for (const auto& buffer : {toBgra(picture), to420v(picture), toArgb(picture)})
+                (void)perform(*makeSequenceRequestHandler(), buffer, orientation);
+        }
+    }
+    // A change of size between two frames, and a face in a small odd one.
+    const auto handler = makeSequenceRequestHandler();
+    EXPECT_EQ(perform(*handler, toBgra(frameOf(361, 643, {Person{}}))).size(), 1U);
+    EXPECT_EQ(perform(*handler, to420v(frameOf(181, 321, {Person{}}))).size(), 1U);
+}
+
+TEST(FaceFinding, FormatsAgree) {
+    const Picture picture = frameOf(720, 1280, {Person{.jaw = 0.6}});
+    const auto bgra = findIn(picture);
+    for (const auto& buffer : {toArgb(picture), to420v(picture)}) {
+        const auto other = perform(*makeSequenceRequestHandler(), buffer);
+        ASSERT_EQ(other.size(), 1U);
+        for (std::size_t i = 0; i < 17; ++i) {
+            const Point p = onScreen(bgra.at(0), bgra[0].landmarks->faceContour->normalizedPoints[i], {720, 1280});
+            const Point q = onScreen(other[0], other[0].landmarks->faceContour->normalizedPoints[i], {720, 1280});
+            EXPECT_LT(std::hypot(p.x - q.x, p.y - q.y), 5.0) << i;
+        }
+    }
+}
+
+TEST(FaceFinding, DoesNotFlicker) {
+    const auto handler = makeSequenceRequestHandler();
+    const auto buffer = to420v(frameOf(720, 1280, {Person{.y = 0.45, .jaw = 0.64}}));
+    // Sensor noise on the luma plane, entered at another place for every frame.
+    const Picture noise = withNoise(Picture{1024, 1024, std::vector<std::uint8_t>(std::size_t{1024} * 1024 * 3, 128)}, 5.0, 7);
+    const std::vector<std::uint8_t> clean(buffer->data(0), buffer->data(0) + buffer->bytesPerRow(0) * 1280);
+    constexpr int kFrames = 300;
+    int good = 0;
+    double sum = 0.0;
+    double squares = 0.0;
+    for (int frame = 0; frame < kFrames; ++frame) {
+        const std::size_t start = static_cast<std::size_t>(frame) * 7919;
+        for (std::size_t i = 0; i < clean.size(); ++i) {
+            buffer->data(0)[i] = static_cast<std::uint8_t>(std::clamp(clean[i] + noise.rgb[(start + i) % noise.rgb.size()] - 128, 0, 255));
+        }
+        const auto faces = perform(*handler, buffer);
+        if (faces.size() != 1) continue;
+        const auto result = check(faces[0], {720, 1280});
+        good += result.statuses.empty() ? 1 : 0;
+        sum += result.measures.yawRatio;
+        squares += result.measures.yawRatio * result.measures.yawRatio;
+    }
+    EXPECT_GE(good, kFrames * 99 / 100);
+    EXPECT_LE(std::sqrt(squares / kFrames - sum / kFrames * sum / kFrames), 0.02);
+}
+
+}  // namespace
+}  // namespace selvio::test

@@ -1,0 +1,106 @@
+// The smile classifier: its features, its decision, and what the detector does with a frame that was just examined.
+#include "platform/linux/vision/Smile.h"
+#include "vision/TestPictures.h"
+
+#include <SelvioFacialCapture/linux/Vision.h>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+namespace selvio::test {
+namespace {
+
+/// A schematic face, eyes 100 apart and level, the nose's base 60 below them.
+LandmarkPoints schematicFace(double mouthWidth, double cornersBelowNose, double lipsBelowCorners, double innerOpening) {
+    LandmarkPoints p{};
+    const auto eye = [&](std::size_t first, double x) {
+        const Point offsets[] = {{-15, 0}, {-5, -5}, {5, -5}, {15, 0}, {5, 5}, {-5, 5}};
+        for (std::size_t i = 0; i < 6; ++i) p[first + i] = {x + offsets[i].x, offsets[i].y};
+    };
+    eye(36, 0);
+    eye(42, 100);
+    p[33] = {50, 60};
+    const double corners = 60 + cornersBelowNose;
+    const double middle = corners + lipsBelowCorners;
+    p[48] = {50 - mouthWidth / 2, corners};
+    p[54] = {50 + mouthWidth / 2, corners};
+    p[51] = {50, middle - innerOpening / 2 - 10};
+    p[62] = {50, middle - innerOpening / 2};
+    p[66] = {50, middle + innerOpening / 2};
+    p[57] = {50, middle + innerOpening / 2 + 10};
+    return p;
+}
+
+TEST(Smile, MeasuresInEyeDistancesAlongTheEyeLine) {
+    const LandmarkPoints level = schematicFace(90, 30, 6, 12);
+    for (const auto& [scale, degrees] : {std::pair{1.0, 0.0}, {3.7, 0.0}, {1.0, 25.0}, {0.4, -40.0}}) {
+        LandmarkPoints points = level;
+        const double angle = degrees * std::acos(-1.0) / 180;
+        for (Point& p : points)
+            p = {7 + scale * (p.x * std::cos(angle) - p.y * std::sin(angle)), scale * (p.x * std::sin(angle) + p.y * std::cos(angle))};
+        const auto features = smileFeaturesOf(points);
+        ASSERT_TRUE(features);
+        const double expected[] = {0.90, 0.06, 0.12, 0.32, 0.30, -0.10};
+        for (std::size_t i = 0; i < features->size(); ++i) EXPECT_NEAR((*features)[i], expected[i], 1e-9) << i << " at " << degrees;
+    }
+}
+
+TEST(Smile, IsAWideMouthWithHighCorners) {
+    struct Case {
+        const char* name;
+        double width, cornersBelowNose, lipsBelowCorners, opening;
+        bool smiles;
+    };
+    for (const Case& c : {Case{"neutral", 78, 40, -1, 2, false},
+                          {"pursed", 55, 42, 0, 0, false},
+                          {"closed smile", 115, 28, 8, 2, true},
+                          {"laughing", 112, 22, 14, 28, true},
+                          {"sad", 75, 46, -6, 0, false}}) {
+        EXPECT_EQ(isSmiling(schematicFace(c.width, c.cornersBelowNose, c.lipsBelowCorners, c.opening)), c.smiles) << c.name;
+    }
+    EXPECT_FALSE(smileFeaturesOf(LandmarkPoints{}));
+    EXPECT_FALSE(isSmiling(LandmarkPoints{}));
+}
+
+TEST(FaceDetector, FindsTheSmilingFaceOfThePortrait) {
+    const auto detector = makeFaceDetector();
+    // The portrait turned on its side must be judged as it is shown.
+    const Picture upright = frameOf(360, 640, {Person{.x = 0.4, .y = 0.35}});
+    Picture turned{640, 360, std::vector<std::uint8_t>(upright.rgb.size())};
+    for (int y = 0; y < 640; ++y) {
+        for (int x = 0; x < 360; ++x) {
+            for (int c = 0; c < 3; ++c) {
+                turned.rgb[static_cast<std::size_t>(((359 - x) * 640 + y) * 3 + c)] = upright.rgb[static_cast<std::size_t>((y * 360 + x) * 3 + c)];
+            }
+        }
+    }
+    for (const Image& image : {Image{.bitmap = toBgra(upright)}, Image{.bitmap = to420v(upright)},
+                               Image{.bitmap = toBgra(turned), .orientation = ImageOrientation::Right}}) {
+        const auto faces = detector->featuresInImage(image, true);
+        ASSERT_EQ(faces.size(), 1U);
+        EXPECT_TRUE(faces[0].hasSmile);
+        EXPECT_NEAR(faces[0].bounds.x + faces[0].bounds.width / 2, 0.4 * 360, 12);
+        EXPECT_NEAR(faces[0].bounds.width, 0.55 * 360, 30);
+        EXPECT_NEAR(faces[0].bounds.y + faces[0].bounds.height / 2, 0.35 * 640 + 50, 30);
+    }
+    EXPECT_FALSE(detector->featuresInImage({.bitmap = toBgra(upright)}, false).at(0).hasSmile);
+    EXPECT_TRUE(detector->featuresInImage({}, true).empty());
+    EXPECT_TRUE(
+        makeFaceDetector({.landmarkModelPath = "/nonexistent", .clock = nullptr})->featuresInImage({.bitmap = toBgra(upright)}, true).empty());
+}
+
+TEST(FaceDetector, ReusesTheFrameThatWasJustExamined) {
+    const auto buffer = toBgra(frameOf(360, 640, {Person{.x = 0.4}}));
+    const auto request = std::make_shared<FaceLandmarksRequest>(nullptr);
+    ASSERT_FALSE(makeSequenceRequestHandler()->performRequests({request}, buffer, 5));
+    // Without a model it can only know the face from there; the view was mirrored, the picture is not.
+    const auto detector = makeFaceDetector({.landmarkModelPath = "/nonexistent", .clock = nullptr});
+    const auto faces = detector->featuresInImage({.bitmap = buffer}, true);
+    ASSERT_EQ(faces.size(), 1U);
+    EXPECT_TRUE(faces[0].hasSmile);
+    EXPECT_NEAR(faces[0].bounds.x + faces[0].bounds.width / 2, 0.4 * 360, 12);
+}
+
+}  // namespace
+}  // namespace selvio::test
