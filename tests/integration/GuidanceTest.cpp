@@ -1,0 +1,162 @@
+// The guidance on a real face: the component's statuses against the same formulas applied to where the face truly is.
+#include <SelvioFacialCapture/SelvioFacialCapture.h>
+#include <SelvioFacialCapture/linux/LinuxPlatform.h>
+#include <SelvioFacialCapture/simulated/SimulatedFrames.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+
+#include "analyzer/rules/FaceChecks.h"
+#include "support/FakeDevice.h"
+#include "support/ManualQueue.h"
+
+namespace selvio {
+namespace {
+
+constexpr int kWidth = 720;
+constexpr int kHeight = 1280;
+constexpr Size kScreen{1080, 1920};
+using Statuses = std::vector<SelvioFacialCaptureStatus>;
+
+class Guidance : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() { ASSERT_FALSE(waitForVisionModels().has_value()); }
+
+    void SetUp() override {
+        Platform platform = makeLinuxPlatform();
+        platform.mainQueue = mainQueue;
+        platform.makeSerialQueue = [this](const std::string& label) { return analysisQueue = std::make_shared<ManualQueue>(label); };
+        platform.device = std::make_shared<FakeDevice>();
+        platform.screen = std::make_shared<FakeScreen>(kScreen);
+        const auto parameters = std::make_shared<SelvioFacialCaptureParameters>();
+        analyzer = SelvioFacialCaptureAnalyzer::initWithParameters(parameters, platform);
+        delegate->detectionResults = [this](const auto& results) { reported = results->orderedStatuses(); };
+        delegate->startCountdown = [this] { reported = Statuses(); };
+        analyzer->setDelegate(delegate);
+        photograph = platform.imageLoader->loadImage(std::string(SELVIO_SAMPLES) + "/astronaut.jpg").value();
+        geometry = FaceGeometry::load(std::string(SELVIO_SAMPLES) + "/astronaut.json").value();
+    }
+
+    std::shared_ptr<const SimulatedFrames> frames(const std::string& keyFrame) const {
+        auto script = MotionScript::parse(R"({"keyFrames": [)" + keyFrame + "]}", "test");
+        EXPECT_TRUE(script) << script.error().localizedDescription;
+        return SimulatedFrames::make(photograph, geometry, script.value()).value();
+    }
+
+    /// The statuses of one frame; a countdown in progress counts as none.
+    Statuses judge(const std::shared_ptr<PixelBuffer>& pixels) {
+        reported.reset();
+        analyzer->analyzeSampleBuffer(SampleBuffer::makeVideo(pixels));
+        analysisQueue->runAll();
+        mainQueue->runAll();
+        EXPECT_TRUE(reported.has_value());
+        Statuses statuses = reported.value_or(Statuses());
+        std::erase(statuses, SelvioFacialCaptureStatusCountdown);
+        return statuses;
+    }
+
+    /// The checks applied to the true landmark positions. The screen shows the frame as a mirror does.
+    static rules::FaceChecksResult truth(const FrameFace& face) {
+        const auto onScreen = [](Point p) { return Point{(kWidth - p.x) * kScreen.width / kWidth, p.y * kScreen.height / kHeight}; };
+        rules::FaceChecksInput input;
+        input.points.contour = std::vector<Point>(17);
+        (*input.points.contour)[16] = onScreen(face.jawRight);
+        (*input.points.contour)[0] = onScreen(face.jawLeft);
+        (*input.points.contour)[8] = onScreen(face.landmarks.at("chin"));
+        const Point tip = face.landmarks.at("noseTip");
+        const Point base = face.landmarks.at("noseBase");
+        input.points.nose = std::vector<Point>(9);
+        (*input.points.nose)[2] = onScreen(face.landmarks.at("noseRight"));
+        (*input.points.nose)[4] = onScreen({(tip.x + 2 * base.x) / 3, base.y});
+        (*input.points.nose)[6] = onScreen(face.landmarks.at("noseLeft"));
+        input.biggerScreenSide = kScreen.height;
+        input.smallerScreenSide = kScreen.width;
+        return rules::checkFace(input);
+    }
+
+    const std::shared_ptr<SelvioFacialCaptureAnalyzerDelegate> delegate = std::make_shared<SelvioFacialCaptureAnalyzerDelegate>();
+    const std::shared_ptr<ManualQueue> mainQueue = std::make_shared<ManualQueue>("main");
+    std::shared_ptr<ManualQueue> analysisQueue;
+    std::shared_ptr<SelvioFacialCaptureAnalyzer> analyzer;
+    std::shared_ptr<PixelBuffer> photograph;
+    FaceGeometry geometry;
+    std::optional<Statuses> reported;
+};
+
+// A limit is near when the true value lies within 5 % of it: there either answer is right.
+bool near(double value, double limit) {
+    return std::abs(value - limit) <= 0.05 * std::abs(limit);
+}
+
+TEST_F(Guidance, EachStatusFlipsWhereTheTrueFaceSaysSo) {
+    struct Pose {
+        double x, y, width, roll;
+    };
+    std::vector<Pose> poses;
+    for (double width = 0.40; width < 0.86; width += 0.03) poses.push_back({0.5, 0.46, width, 0});
+    for (double x = 0.30; x < 0.71; x += 0.04) poses.push_back({x, 0.46, 0.60, 0});
+    for (double y = 0.30; y < 0.71; y += 0.04) poses.push_back({0.5, y, 0.60, 0});
+    for (double roll = -28; roll < 29; roll += 4) poses.push_back({0.5, 0.46, 0.60, roll});
+    for (const double x : {0.44, 0.56}) {
+        for (const double y : {0.42, 0.54}) {
+            for (const double width : {0.5, 0.7}) {
+                for (const double roll : {-8.0, 14.0}) poses.push_back({x, y, width, roll});
+            }
+        }
+    }
+    int sure = 0;
+    for (const Pose& pose : poses) {
+        char keyFrame[200];
+        std::snprintf(keyFrame, sizeof keyFrame, R"({"at": 0, "visible": true, "center": [%f, %f], "jawWidth": %f, "roll": %f})", pose.x, pose.y,
+                      pose.width, pose.roll);
+        const auto scene = frames(keyFrame);
+        const Statuses said = judge(scene->frame({}, kWidth, kHeight, kPixelFormat420v));
+        const rules::FaceChecksResult expected = truth(scene->trueGeometry({}, kWidth, kHeight).front());
+        const rules::FaceMeasures& m = expected.measures;
+        struct Check {
+            SelvioFacialCaptureStatus status;
+            bool unsure;
+        };
+        const bool rollUnsure = near(m.rollRatio, m.rollLimit);
+        const Check checks[] = {
+            {SelvioFacialCaptureStatusFaceRoll, rollUnsure},
+            {SelvioFacialCaptureStatusFaceYaw, rollUnsure || near(m.yawRatio, m.yawLimit)},
+            {SelvioFacialCaptureStatusFacePitch, near(m.pitchRatio, m.pitchLow) || near(m.pitchRatio, m.pitchHigh)},
+            {SelvioFacialCaptureStatusMoveCloser, near(m.horizontalFill, m.minFill)},
+            {SelvioFacialCaptureStatusTooClose, near(m.horizontalFill, m.maxFill)},
+            // The margin's limit is small: what counts is 5 % of the face's distance, so of the screen's width.
+            {SelvioFacialCaptureStatusNotCentered,
+             near(m.verticalRatio, m.verticalLimit) || std::abs(m.horizontalMargin - m.marginLimit) < 0.05 * 0.11},
+        };
+        for (const Check& check : checks) {
+            if (check.unsure) continue;
+            ++sure;
+            const auto has = [&](const Statuses& statuses) { return std::find(statuses.begin(), statuses.end(), check.status) != statuses.end(); };
+            EXPECT_EQ(has(said), has(expected.statuses))
+                << "status " << check.status << " at " << keyFrame << ": true roll " << m.rollRatio << " yaw " << m.yawRatio << " pitch "
+                << m.pitchRatio << " fill " << m.horizontalFill << " vertical " << m.verticalRatio << " margin " << m.horizontalMargin;
+        }
+    }
+    EXPECT_GT(sure, 300);
+}
+
+TEST_F(Guidance, ASteadyFaceUnderSensorNoiseDoesNotFlicker) {
+    const auto scene = frames(R"({"at": 0, "visible": true, "center": [0.5, 0.46], "jawWidth": 0.63, "noise": 3})");
+    int flickers = 0;
+    for (int i = 0; i < 300; ++i) {
+        flickers += judge(scene->frame(std::chrono::milliseconds(33 * i), kWidth, kHeight, kPixelFormat420v)).empty() ? 0 : 1;
+    }
+    EXPECT_LE(flickers, 3);
+}
+
+TEST_F(Guidance, AnEmptySceneAndTwoPeopleAreTold) {
+    EXPECT_EQ(judge(frames(R"({"at": 0, "visible": false, "noise": 2})")->frame({}, kWidth, kHeight, kPixelFormat32BGRA)),
+              Statuses{SelvioFacialCaptureStatusFaceNotFound});
+    const auto two = frames(
+        R"({"at": 0, "visible": true, "center": [0.27, 0.45], "jawWidth": 0.36, "second": {"center": [0.75, 0.45], "jawWidth": 0.36, "roll": 0}})");
+    EXPECT_EQ(judge(two->frame({}, kWidth, kHeight, kPixelFormat32BGRA)), Statuses{SelvioFacialCaptureStatusMoreThanOneFace});
+}
+
+}  // namespace
+}  // namespace selvio
