@@ -1,6 +1,6 @@
 #include "codec/PictureFiles.h"
+#include "support/LogCapture.h"
 
-#include <SelvioFacialCapture/base/Log.h>
 #include <SelvioFacialCapture/linux/Device.h>
 #include <SelvioFacialCapture/linux/Files.h>
 
@@ -63,8 +63,7 @@ TEST(LinuxScreen, takesTheConnectedDisplayInPortrait) {
 }
 
 TEST(LinuxScreen, isSettableToWhatMakesSense) {
-    std::vector<std::string> lines;
-    const LogSink before = setLogSink([&](std::string_view line) { lines.emplace_back(line); });
+    LogCapture log;
     LinuxScreen screen(Size{375, 812});
     EXPECT_EQ(screen.bounds(), (Size{375, 812}));
     for (const Size bad :
@@ -72,8 +71,7 @@ TEST(LinuxScreen, isSettableToWhatMakesSense) {
         screen.setBounds(bad);
         EXPECT_EQ(screen.bounds(), (Size{375, 812}));
     }
-    setLogSink(before);
-    EXPECT_EQ(lines.size(), 4u);
+    EXPECT_EQ(log.take().size(), 4u);
     EXPECT_EQ(screen.statusBarOrientation(), InterfaceOrientation::Portrait);
     screen.setStatusBarOrientation(InterfaceOrientation::LandscapeLeft);
     EXPECT_EQ(screen.statusBarOrientation(), InterfaceOrientation::LandscapeLeft);
@@ -101,12 +99,10 @@ TEST(LinuxFileManager, documentsFollowTheEnvironmentAndArePrivate) {
 TEST(LinuxFileManager, aDirectoryThatCannotBeMadeIsLogged) {
     const TemporaryDirectory root;
     const std::string file = root.write("file", bytes("x"));
-    std::vector<std::string> lines;
-    const LogSink before = setLogSink([&](std::string_view line) { lines.emplace_back(line); });
+    LogCapture log;
     const LinuxFileManager files(fs::path(file) / "Documents");
     EXPECT_EQ(files.documentsDirectory(), fs::path(file) / "Documents");
-    setLogSink(before);
-    EXPECT_THAT(lines, testing::ElementsAre(testing::HasSubstr("Couldn't make the documents directory " + file)));
+    EXPECT_THAT(log.take(), testing::ElementsAre(testing::HasSubstr("Couldn't make the documents directory " + file)));
 }
 
 TEST(LinuxFileManager, readsListsAndRemoves) {

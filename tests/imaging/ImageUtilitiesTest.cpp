@@ -1,5 +1,6 @@
+#include "support/LogCapture.h"
+
 #include <SelvioFacialCapture/SelvioFacialCaptureImageUtilities.h>
-#include <SelvioFacialCapture/base/Log.h>
 
 #include <gmock/gmock.h>
 
@@ -47,16 +48,6 @@ std::array<int, 4> channelsAt(const PixelBuffer& buffer, int column, int row) {
     const std::string s = sampleAt(buffer, 0, column, row);
     return {static_cast<std::uint8_t>(s[0]), static_cast<std::uint8_t>(s[1]), static_cast<std::uint8_t>(s[2]), static_cast<std::uint8_t>(s[3])};
 }
-
-class LogCapture {
-public:
-    LogCapture() : before_(setLogSink([this](std::string_view line) { lines.emplace_back(line); })) {}
-    ~LogCapture() { setLogSink(before_); }
-    std::vector<std::string> lines;
-
-private:
-    LogSink before_;
-};
 
 struct RotationCase {
     double radians;
@@ -260,7 +251,7 @@ TEST(ImageUtilities, aWarmPoolAllocatesNothing) {
 }
 
 TEST(ImageUtilities, nothingInNothingOut) {
-    const LogCapture log;
+    LogCapture log;
     const auto empty = SampleBuffer::makeVideo(nullptr);
     const auto sound = SampleBuffer::makeAudio({44100, 1, {1, 2, 3}}, {});
     const auto pool = PixelBufferPool::create();
@@ -277,7 +268,7 @@ TEST(ImageUtilities, nothingInNothingOut) {
         EXPECT_EQ(Utilities::copySampleBuffer(sample), nullptr);
         EXPECT_EQ(Utilities::copySampleBuffer(sample, *pool), nullptr);
     }
-    EXPECT_THAT(log.lines, testing::IsEmpty());
+    EXPECT_THAT(log.take(), testing::IsEmpty());
 }
 
 TEST(ImageUtilities, aPictureWithoutPixelsIsRefusedAndItsCopyLogged) {
@@ -288,15 +279,15 @@ TEST(ImageUtilities, aPictureWithoutPixelsIsRefusedAndItsCopyLogged) {
     const std::shared_ptr<PixelBuffer> pictures[] = {PixelBuffer::wrap(PixelBufferLayout{}, {memory.data(), nullptr}, {}),
                                                      PixelBuffer::wrap(shortRows, {memory.data(), nullptr}, {}), PixelBuffer::wrap(layout, {}, {})};
     for (const auto& picture : pictures) {
-        const LogCapture log;
+        LogCapture log;
         const auto sample = SampleBuffer::makeVideo(picture);
         EXPECT_EQ(Utilities::rotateCGImage(picture, kPi), nullptr);
         EXPECT_EQ(Utilities::sampleBufferFromCGImage(picture), nullptr);
         EXPECT_FALSE(Utilities::imageFromPixelBuffer(picture));
         EXPECT_FALSE(Utilities::imageFromSampleBuffer(sample));
-        EXPECT_THAT(log.lines, testing::IsEmpty());
+        EXPECT_THAT(log.take(), testing::IsEmpty());
         EXPECT_EQ(Utilities::copySampleBuffer(sample), nullptr);
-        EXPECT_THAT(log.lines, testing::ElementsAre("RBGBuffereCopyWithPixelBuffer :: failed"));
+        EXPECT_THAT(log.take(), testing::ElementsAre("RBGBuffereCopyWithPixelBuffer :: failed"));
     }
 }
 

@@ -112,9 +112,10 @@ void removeTrailingNuls(std::string& text) {
 std::vector<std::uint8_t> encodeUserComment(std::string_view text, bool bigEndian) {
     const bool ascii = std::ranges::all_of(text, [](char c) { return static_cast<std::uint8_t>(c) < 0x80; });
     const std::string_view code = ascii ? kAscii : kUnicode;
-    std::vector<std::uint8_t> field(code.begin(), code.end());
+    std::vector<std::uint8_t> field(kCodeSize + (ascii ? text.size() : 0));
+    const auto textBegin = std::ranges::copy(code, field.begin()).out;
     if (ascii) {
-        field.insert(field.end(), text.begin(), text.end());
+        std::ranges::copy(text, textBegin);
         return field;
     }
     const auto appendUnit = [&](char32_t unit) {
