@@ -11,11 +11,11 @@ namespace {
 
 using std::chrono::nanoseconds;
 
-constexpr int kLongestPhotographSide = 2560;    // pixels; a larger photograph is halved until it fits
-constexpr double kMarginShare = 0.3;            // of the photograph's longer side, on each side of it
-constexpr double kCoarsestStep = 1.4142;        // pixels of a level from one frame pixel to the next, above which the next smaller level is taken
-constexpr std::size_t kNoiseSamples = 1 << 16;  // a power of two
-constexpr double kNoiseUnit = 64.0;             // the table's standard deviation
+constexpr int kLongestPhotographSide = 2560;  // pixels; a larger photograph is halved until it fits
+constexpr double kMarginShare = 0.3;          // of the photograph's longer side, on each side of it
+constexpr double kCoarsestStep = 1.4142;      // pixels of a level from one frame pixel to the next, above which the next smaller level is taken
+constexpr std::size_t kNoiseSamples = 1 << 14;
+constexpr double kNoiseUnit = 64.0;  // the table's standard deviation
 
 std::uint64_t hash(std::uint64_t x) {
     x += 0x9e3779b97f4a7c15u;
@@ -215,25 +215,47 @@ void drawSpan(const Level& level, std::uint32_t background, std::int64_t u, std:
     }
 }
 
-// Brightness and noise, in place.
-void expose(std::uint32_t* row, int width, double light, double noise, std::uint64_t noiseSeed) {
-    const int gain = static_cast<int>(std::lround(light * 256));
-    const int sigma = static_cast<int>(std::lround(noise * 256));
-    if (gain == 256 && sigma == 0) return;
-    auto* const bytes = reinterpret_cast<std::uint8_t*>(row);
-    const std::vector<std::int16_t>& table = noiseTable();
-    constexpr int kRun = 1024;  // bytes between new places in the table
-    for (int start = 0; start < 4 * width; start += kRun) {
-        const int count = std::min(kRun, 4 * width - start);
-        const std::int16_t* const samples = table.data() + hash(noiseSeed + static_cast<std::uint64_t>(start)) % (kNoiseSamples - kRun);
-        std::uint8_t* const run = bytes + start;
-        for (int i = 0; i < count; ++i) {
-            const int value = (run[i] * gain + samples[i] * sigma / static_cast<int>(kNoiseUnit) + 128) >> 8;
-            run[i] = static_cast<std::uint8_t>(std::clamp(value, 0, 255));
+// Brightness and noise of one frame.
+class Exposure {
+public:
+    Exposure(double light, double noise) : gain_(static_cast<int>(std::lround(light * 256))) {
+        const int sigma = static_cast<int>(std::lround(noise * 256));
+        if (sigma == 0) return;
+        for (const std::int16_t sample : noiseTable()) {
+            const int step = static_cast<int>(std::lround(sample * sigma / (kNoiseUnit * 256)));
+            noise_.push_back(static_cast<std::int16_t>(step));
         }
     }
-    for (int x = 0; x < width; ++x) row[x] |= 0xff000000u;
-}
+
+    // In place; the noise is another for every seed.
+    void apply(std::uint32_t* row, int width, std::uint64_t seed) const {
+        auto* const bytes = reinterpret_cast<std::uint8_t*>(row);
+        if (gain_ != 256) {
+            for (int i = 0; i < 4 * width; ++i) bytes[i] = static_cast<std::uint8_t>(std::min((bytes[i] * gain_ + 128) >> 8, 255));
+        }
+        if (!noise_.empty()) {
+            constexpr int kRun = 1024;  // bytes between new places in the table
+            for (int start = 0; start < 4 * width; start += kRun) {
+                addNoise(bytes + start, std::min(kRun, 4 * width - start),
+                         noise_.data() + hash(seed + static_cast<std::uint64_t>(start)) % (kNoiseSamples - kRun));
+            }
+        }
+        if (gain_ != 256 || !noise_.empty()) {
+            for (int x = 0; x < width; ++x) row[x] |= 0xff000000u;
+        }
+    }
+
+private:
+    static void addNoise(std::uint8_t* bytes, int count, const std::int16_t* steps) {
+        for (int i = 0; i < count; ++i) {
+            const auto value = static_cast<std::int16_t>(bytes[i] + steps[i]);
+            bytes[i] = static_cast<std::uint8_t>(std::clamp<std::int16_t>(value, 0, 255));
+        }
+    }
+
+    const int gain_;  // 256: none
+    std::vector<std::int16_t> noise_;  // empty: none
+};
 
 int blueOf(std::uint32_t p) {
     return static_cast<int>(p & 0xff);
@@ -390,6 +412,7 @@ bool SimulatedFrames::render(nanoseconds time, PixelBuffer& frame) const {
         drawSpan(*d.level, canvas_->background, fixed(start.x - 0.5), fixed(start.y - 0.5), fixed(d.frameToLevel.a), fixed(d.frameToLevel.b),
                  to - from, row + from);
     };
+    const Exposure exposure(state.light, state.noise);
     const std::uint64_t frameSeed = hash(script_.seed() ^ hash(static_cast<std::uint64_t>(time.count())));
     const auto drawRow = [&](int y, std::uint32_t* row) {
         if (!state.visible) {
@@ -401,7 +424,7 @@ bool SimulatedFrames::render(nanoseconds time, PixelBuffer& frame) const {
             span(divide.firstIsLeft() ? face : second, y, 0, column, row);
             span(divide.firstIsLeft() ? second : face, y, column, width, row);
         }
-        expose(row, width, state.light, state.noise, hash(frameSeed + static_cast<std::uint64_t>(y)));
+        exposure.apply(row, width, hash(frameSeed + static_cast<std::uint64_t>(y)));
     };
 
     if (!planar) {

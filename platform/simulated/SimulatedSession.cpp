@@ -117,9 +117,9 @@ SimulatedSession::~SimulatedSession() {
         run_->wait();
     }
     for (const auto& output : outputs_) {
-        auto* const simulated = dynamic_cast<SimulatedOutput*>(output.get());
-        simulated->setConnected(false);
-        simulated->giveBack();
+        auto& simulated = dynamic_cast<SimulatedOutput&>(*output);
+        simulated.setConnected(false);
+        simulated.giveBack();
     }
 }
 
@@ -160,8 +160,8 @@ std::shared_ptr<Output> SimulatedSession::outputLocked() const {
 
 void SimulatedSession::connectLocked() {
     for (const auto& output : outputs_) {
-        auto* const simulated = dynamic_cast<SimulatedOutput*>(output.get());
-        simulated->setConnected(deviceLocked(simulated->source()) != nullptr);
+        auto& simulated = dynamic_cast<SimulatedOutput&>(*output);
+        simulated.setConnected(deviceLocked(simulated.source()) != nullptr);
     }
     if (deviceLocked(MediaType::Video) == nullptr) {
         previewConnection_.reset();

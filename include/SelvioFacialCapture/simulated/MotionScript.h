@@ -25,14 +25,14 @@ struct FacePose {
 
 /// One moment.
 struct MotionState {
-    bool visible = false;                ///< false: nothing but background
-    FacePose face;                       ///< meaningless while not visible
-    std::optional<FacePose> second;      ///< another face beside it
-    RotationRate rotationRate;           ///< of the device
-    bool smiling = false;                ///< whether the person is to be taken as smiling, whatever the photograph shows
-    double light = 1.0;                  ///< brightness, 1 as photographed
-    double noise = 0.0;                  ///< standard deviation of the sensor noise, in steps of 1/255 of full scale
-    std::optional<std::string> barcode;  ///< text of a PDF417 code in view
+    bool visible = false;                  ///< false: nothing but background
+    FacePose face;                         ///< meaningless while not visible
+    std::optional<FacePose> second{};      ///< another face beside it
+    RotationRate rotationRate{};           ///< of the device
+    bool smiling = false;                  ///< whether the person is to be taken as smiling, whatever the photograph shows
+    double light = 1.0;                    ///< brightness, 1 as photographed
+    double noise = 0.0;                    ///< standard deviation of the sensor noise, in steps of 1/255 of full scale
+    std::optional<std::string> barcode{};  ///< text of a PDF417 code in view
 };
 
 /// Key frames over time. A value; copies are independent.

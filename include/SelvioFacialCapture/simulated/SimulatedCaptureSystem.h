@@ -12,21 +12,21 @@ namespace selvio {
 
 /// What goes wrong, for as long as it is set. The value-initialized struct is a system without faults.
 struct SimulatedFaults {
-    bool noCamera = false;                 ///< discovery finds no camera
-    bool noMicrophone = false;             ///< there is no default audio device
-    bool videoInputFails = false;          ///< `makeDeviceInput` answers an error for a camera
-    bool audioInputFails = false;          ///< the same for the microphone
-    bool videoInputRefused = false;        ///< `canAddInput` says no to a camera
-    bool audioInputRefused = false;        ///< the same for the microphone
-    bool videoOutputRefused = false;       ///< `canAddOutput` says no to the video data output
-    bool audioOutputRefused = false;       ///< the same for the audio data output
-    bool metadataOutputRefused = false;    ///< the same for the metadata output
-    bool lockFails = false;                ///< `lockForConfiguration` answers an error
-    bool startFails = false;               ///< `startRunning` logs why and leaves the session stopped
-    bool deviceLost = false;               ///< cameras are unplugged: a running session logs it, stops, and discovery finds no camera
-    bool framesStall = false;              ///< the session runs, the microphone too, but no frame and no drop notice comes
-    int dropEvery = 0;                     ///< every nth frame arrives as a drop notice; 0: none
-    std::set<std::string> refusedPresets;  ///< `canSetSessionPreset` says no to these
+    bool noCamera = false;                   ///< discovery finds no camera
+    bool noMicrophone = false;               ///< there is no default audio device
+    bool videoInputFails = false;            ///< `makeDeviceInput` answers an error for a camera
+    bool audioInputFails = false;            ///< the same for the microphone
+    bool videoInputRefused = false;          ///< `canAddInput` says no to a camera
+    bool audioInputRefused = false;          ///< the same for the microphone
+    bool videoOutputRefused = false;         ///< `canAddOutput` says no to the video data output
+    bool audioOutputRefused = false;         ///< the same for the audio data output
+    bool metadataOutputRefused = false;      ///< the same for the metadata output
+    bool lockFails = false;                  ///< `lockForConfiguration` answers an error
+    bool startFails = false;                 ///< `startRunning` logs why and leaves the session stopped
+    bool deviceLost = false;                 ///< cameras are unplugged: a running session logs it, stops, and discovery finds no camera
+    bool framesStall = false;                ///< the session runs, the microphone too, but no frame and no drop notice comes
+    int dropEvery = 0;                       ///< every nth frame arrives as a drop notice; 0: none
+    std::set<std::string> refusedPresets{};  ///< `canSetSessionPreset` says no to these
 };
 
 enum class SimulatedPacing {
@@ -39,7 +39,7 @@ struct SimulatedCaptureOptions {
     double frameRate = 30.0;                       ///< frames a second, 1...240
     std::string videoCodec = kVideoCodecTypeH264;  ///< of the recommended settings for a recording
     /// Where access requests are answered; null: on the asking thread.
-    std::shared_ptr<Queue> permissionQueue;
+    std::shared_ptr<Queue> permissionQueue = nullptr;
 };
 
 /// How a simulated camera is set.

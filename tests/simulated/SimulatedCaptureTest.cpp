@@ -1,0 +1,530 @@
+#include <SelvioFacialCapture/base/SerialQueue.h>
+#include <SelvioFacialCapture/simulated/SimulatedFaceDetector.h>
+#include <SelvioFacialCapture/simulated/SimulatedMotionManager.h>
+#include <SelvioFacialCapture/simulated/SimulatedPlatform.h>
+#include <SelvioFacialCapture/simulated/SimulatedView.h>
+#include <gmock/gmock.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <filesystem>
+#include <latch>
+#include <thread>
+
+#include "tests/simulated/SimulatedSupport.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/ManualClock.h"
+#include "tests/support/ManualQueue.h"
+
+namespace selvio {
+namespace {
+
+using namespace std::chrono_literals;
+using ::testing::ElementsAre;
+
+class Recorder final : public CaptureOutputDelegate {
+public:
+    void captureOutputDidOutputSampleBuffer(const CaptureOutput&, const std::shared_ptr<SampleBuffer>& sample,
+                                            const std::shared_ptr<CaptureConnection>&) override {
+        add(sample->audio() == nullptr ? frames : sounds, sample);
+    }
+    void captureOutputDidDropSampleBuffer(const CaptureOutput&, const std::shared_ptr<SampleBuffer>& sample,
+                                          const std::shared_ptr<CaptureConnection>&) override {
+        add(drops, sample);
+    }
+    void captureOutputDidOutputMetadataObjects(const CaptureOutput&, const std::vector<MetadataObject>& objects,
+                                               const std::shared_ptr<CaptureConnection>&) override {
+        for (const MetadataObject& object : objects) codes.push_back(object.type + ":" + object.stringValue.value_or(""));
+    }
+    void waitForFrames(std::size_t count) {
+        std::unique_lock lock(mutex);
+        changed.wait(lock, [&] { return frames.size() >= count; });
+    }
+
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<std::shared_ptr<SampleBuffer>> frames, sounds, drops;  // guarded by mutex
+    std::vector<std::string> codes;
+    std::function<void()> onFrame;
+
+private:
+    void add(std::vector<std::shared_ptr<SampleBuffer>>& list, const std::shared_ptr<SampleBuffer>& sample) {
+        {
+            const std::lock_guard lock(mutex);
+            list.push_back(sample);
+        }
+        changed.notify_all();
+        if (onFrame && &list == &frames) onFrame();
+    }
+};
+
+// A capture system and, after `build`, one session with everything joined.
+struct Rig {
+    explicit Rig(const std::string& keyFrames = kSteady, const SimulatedCaptureOptions& options = {.pacing = SimulatedPacing::Manual},
+                 std::shared_ptr<const Clock> otherClock = nullptr)
+        : frames(spotFrames(keyFrames)),
+          system(std::make_shared<SimulatedCaptureSystem>(std::make_shared<SimulatedScene>(frames, otherClock == nullptr ? clock : otherClock),
+                                                          options)) {
+        clock->advance(1000s);
+    }
+    void build(const std::shared_ptr<Queue>& queue) {
+        session = system->makeSession();
+        camera = system->discoverDevices({kCaptureDeviceTypeBuiltInWideAngleCamera}, MediaType::Video, CaptureDevicePosition::Front)->devices.at(0);
+        session->addInput(system->makeDeviceInput(camera).value());
+        session->addInput(system->makeDeviceInput(system->defaultDevice(MediaType::Audio)).value());
+        session->addOutput(video);
+        session->addOutput(audio);
+        session->addOutput(metadata);
+        video->setSampleBufferDelegate(recorder, queue);
+        audio->setSampleBufferDelegate(recorder, queue);
+        metadata->setMetadataObjectsDelegate(recorder, queue);
+    }
+    void buildAndRun() {
+        build(queue);
+        session->startRunning();
+    }
+    void step(std::chrono::nanoseconds time) {
+        system->deliverFrameAt(time);
+        queue->runAll();
+    }
+
+    std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
+    std::shared_ptr<ManualQueue> queue = std::make_shared<ManualQueue>();
+    std::shared_ptr<const SimulatedFrames> frames;
+    std::shared_ptr<SimulatedCaptureSystem> system;
+    std::shared_ptr<Recorder> recorder = std::make_shared<Recorder>();
+    std::shared_ptr<CaptureSession> session;
+    std::shared_ptr<CaptureDevice> camera;
+    std::shared_ptr<VideoDataOutput> video = system->makeVideoDataOutput();
+    std::shared_ptr<AudioDataOutput> audio = system->makeAudioDataOutput();
+    std::shared_ptr<MetadataOutput> metadata = system->makeMetadataOutput();
+};
+
+TEST(SimulatedCapture, FindsItsDevices) {
+    Rig rig;
+    const auto names = [&](CaptureDevicePosition position) {
+        std::vector<std::string> found;
+        const auto discovery = rig.system->discoverDevices({kCaptureDeviceTypeBuiltInWideAngleCamera}, MediaType::Video, position);
+        for (const auto& device : discovery->devices) found.push_back(device->uniqueId());
+        return found;
+    };
+    EXPECT_THAT(names(CaptureDevicePosition::Back), ElementsAre("simulated-back"));
+    EXPECT_THAT(names(CaptureDevicePosition::Front), ElementsAre("simulated-front"));
+    EXPECT_THAT(names(CaptureDevicePosition::Unspecified), ElementsAre("simulated-back", "simulated-front"));
+    EXPECT_TRUE(rig.system->discoverDevices({"Telephoto"}, MediaType::Video, CaptureDevicePosition::Back)->devices.empty());
+
+    const auto back = rig.system->defaultDevice(MediaType::Video);
+    EXPECT_TRUE(back->hasTorch());
+    EXPECT_EQ(back->formats().size(), 6u);
+    EXPECT_FALSE(back->lockForConfiguration());
+    back->setTorchMode(TorchMode::On);
+    back->setFocusMode(FocusMode::ContinuousAutoFocus);
+    back->setFocusPointOfInterest({0.25, 0.75});
+    const SimulatedDeviceState state = rig.system->deviceState(CaptureDevicePosition::Back);
+    EXPECT_EQ(state.torchMode, TorchMode::On);
+    EXPECT_EQ(state.focusMode, FocusMode::ContinuousAutoFocus);
+    EXPECT_EQ(state.focusPointOfInterest, (Point{0.25, 0.75}));
+    EXPECT_EQ(state.locks, 1);
+}
+
+TEST(SimulatedCapture, EachFaultStopsWhatItNames) {
+    Rig rig;
+    const auto camera = rig.system->defaultDevice(MediaType::Video), microphone = rig.system->defaultDevice(MediaType::Audio);
+    const auto cameraInput = rig.system->makeDeviceInput(camera).value(), soundInput = rig.system->makeDeviceInput(microphone).value();
+    const auto session = rig.system->makeSession();
+    const auto answers = [&] {
+        return std::vector<bool>{rig.system->defaultDevice(MediaType::Video) != nullptr,
+                                 rig.system->defaultDevice(MediaType::Audio) != nullptr,
+                                 bool(rig.system->makeDeviceInput(camera)),
+                                 bool(rig.system->makeDeviceInput(microphone)),
+                                 session->canAddInput(*cameraInput),
+                                 session->canAddInput(*soundInput),
+                                 session->canAddOutput(*rig.video),
+                                 session->canAddOutput(*rig.audio),
+                                 session->canAddOutput(*rig.metadata),
+                                 !camera->lockForConfiguration(),
+                                 session->canSetSessionPreset(kCaptureSessionPreset1280x720)};
+    };
+    EXPECT_EQ(answers(), std::vector<bool>(11, true));
+    bool SimulatedFaults::*const faults[] = {
+        &SimulatedFaults::noCamera,           &SimulatedFaults::noMicrophone,       &SimulatedFaults::videoInputFails,
+        &SimulatedFaults::audioInputFails,    &SimulatedFaults::videoInputRefused,  &SimulatedFaults::audioInputRefused,
+        &SimulatedFaults::videoOutputRefused, &SimulatedFaults::audioOutputRefused, &SimulatedFaults::metadataOutputRefused,
+        &SimulatedFaults::lockFails};
+    for (std::size_t i = 0; i < std::size(faults); ++i) {
+        SimulatedFaults set;
+        set.*faults[i] = true;
+        rig.system->setFaults(set);
+        std::vector<bool> expected(11, true);
+        expected[i] = false;
+        EXPECT_EQ(answers(), expected) << "fault " << i;
+    }
+    rig.system->setFaults({.refusedPresets = {kCaptureSessionPreset1280x720}});
+    EXPECT_FALSE(answers()[10]);
+    EXPECT_FALSE(session->canSetSessionPreset("4096x4096"));
+
+    rig.system->setFaults({});
+    session->addInput(cameraInput);
+    EXPECT_FALSE(session->canAddInput(*cameraInput)) << "a second camera";
+    session->addOutput(rig.video);
+    EXPECT_FALSE(rig.system->makeSession()->canAddOutput(*rig.video)) << "an output of another session";
+    session->removeOutput(rig.video);
+    EXPECT_TRUE(session->canAddOutput(*rig.video));
+}
+
+TEST(SimulatedCapture, FramesFollowPresetFormatAndOrientation) {
+    const struct {
+        const char* preset;
+        PixelFormat format;
+        VideoOrientation orientation;
+        VideoFormatDescription expected;
+    } rows[] = {
+        {kCaptureSessionPreset640x480, 0, VideoOrientation::Portrait, {kPixelFormat32BGRA, 480, 640}},
+        {kCaptureSessionPreset1280x720, kPixelFormat420v, VideoOrientation::PortraitUpsideDown, {kPixelFormat420v, 720, 1280}},
+        {kCaptureSessionPreset1280x720, kPixelFormat420v, VideoOrientation::LandscapeRight, {kPixelFormat420v, 1280, 720}},
+        {kCaptureSessionPreset640x480, kPixelFormat32ARGB, VideoOrientation::LandscapeLeft, {kPixelFormat32BGRA, 640, 480}},
+        {kCaptureSessionPresetHigh, kPixelFormat32BGRA, VideoOrientation::NotSet, {kPixelFormat32BGRA, 1920, 1080}},
+    };
+    const LogCapture logged;
+    for (const auto& row : rows) {
+        Rig rig;
+        rig.buildAndRun();
+        rig.session->setSessionPreset(row.preset);
+        rig.video->setPixelFormat(row.format);
+        rig.video->connections().at(0)->setVideoOrientation(row.orientation);
+        rig.step(40ms);
+        ASSERT_EQ(rig.recorder->frames.size(), 1u);
+        EXPECT_EQ(rig.recorder->frames[0]->formatDescription(), row.expected) << row.preset;
+        const auto settings = rig.video->recommendedVideoSettings(kFileTypeMPEG4);
+        EXPECT_EQ(std::pair(settings.width, settings.height), std::pair(row.expected.width, row.expected.height));
+    }
+}
+
+TEST(SimulatedCapture, DeliversTheFrameOfTheTimeOnItsStamp) {
+    Rig rig(R"({"at": 0, "visible": true, "center": [0.5, 0.5], "jawWidth": 0.3, "noise": 2}, {"at": 1, "jawWidth": 0.6})");
+    rig.buildAndRun();
+    EXPECT_EQ(rig.session->masterClockTime(), 1000s);
+    rig.clock->advance(7s);  // time set by hand does not run with the clock
+    rig.step(500ms);
+    EXPECT_EQ(rig.session->masterClockTime(), 1000s + 500ms);
+    ASSERT_EQ(rig.recorder->frames.size(), 1u);
+    const auto& sample = rig.recorder->frames[0];
+    EXPECT_EQ(sample->timing().presentationTime, 1000s + 500ms);
+    EXPECT_EQ(sample->timing().duration, 33333333ns);
+    const auto same = rig.frames->frame(500ms, 1280, 720, kPixelFormat32BGRA);
+    EXPECT_EQ(std::memcmp(sample->imageBuffer()->data(), same->data(), same->layout().byteSize()), 0);
+}
+
+TEST(SimulatedCapture, LateFramesAreDroppedUnlessKept) {
+    Rig rig;
+    rig.buildAndRun();
+    for (int i = 0; i < 4; ++i) rig.system->deliverFrameAt(i * 33ms);
+    rig.queue->runAll();
+    EXPECT_EQ(rig.recorder->frames.size(), 1u);
+    EXPECT_EQ(rig.recorder->drops.size(), 3u);
+    EXPECT_EQ(rig.recorder->drops[0]->imageBuffer(), nullptr);
+    EXPECT_EQ(rig.recorder->drops[0]->timing().presentationTime, 1000s + 33ms);
+    rig.video->setAlwaysDiscardsLateVideoFrames(false);
+    for (int i = 4; i < 8; ++i) rig.system->deliverFrameAt(i * 33ms);
+    rig.queue->runAll();
+    EXPECT_EQ(rig.recorder->frames.size(), 5u);
+    EXPECT_EQ(rig.recorder->drops.size(), 3u);
+}
+
+TEST(SimulatedCapture, FaultsOfARunningSession) {
+    Rig rig;
+    LogCapture logged;
+    rig.buildAndRun();
+    rig.system->setFaults({.dropEvery = 3});
+    for (int i = 0; i < 6; ++i) rig.step(i * 33ms);
+    EXPECT_EQ(rig.recorder->frames.size(), 4u);
+    EXPECT_EQ(rig.recorder->drops.size(), 2u);
+
+    const std::size_t sounds = rig.recorder->sounds.size();
+    rig.system->setFaults({.framesStall = true});
+    rig.step(400ms);
+    EXPECT_EQ(rig.recorder->frames.size() + rig.recorder->drops.size(), 6u);
+    EXPECT_GT(rig.recorder->sounds.size(), sounds);
+    EXPECT_TRUE(rig.session->isRunning());
+
+    rig.system->setFaults({.deviceLost = true});
+    rig.step(500ms);
+    EXPECT_FALSE(rig.session->isRunning());
+    EXPECT_EQ(rig.recorder->frames.size(), 4u);
+    rig.session->startRunning();
+    EXPECT_FALSE(rig.session->isRunning());
+    EXPECT_EQ(rig.system->defaultDevice(MediaType::Video), nullptr);
+    rig.system->setFaults({.startFails = true});
+    rig.session->startRunning();
+    EXPECT_FALSE(rig.session->isRunning());
+    EXPECT_THAT(logged.take(),
+                ElementsAre("The simulated camera was disconnected", "The simulated session could not start: the camera is disconnected",
+                            "The simulated session could not start: it is set to fail"));
+    rig.system->setFaults({});
+    rig.session->startRunning();
+    rig.step(600ms);
+    EXPECT_EQ(rig.recorder->frames.size(), 5u);
+    rig.session->stopRunning();
+    rig.step(700ms);
+    EXPECT_EQ(rig.recorder->frames.size(), 5u);
+}
+
+TEST(SimulatedCapture, SoundIsOneToneInStepWithTheFrames) {
+    Rig rig;
+    rig.buildAndRun();
+    for (int i = 0; i <= 30; ++i) rig.step(i * 33333334ns);
+    std::vector<std::int16_t> all;
+    for (const auto& sample : rig.recorder->sounds) {
+        const double seconds = std::chrono::duration<double>(*sample->timing().presentationTime - 1000s).count();
+        EXPECT_NEAR(seconds, static_cast<double>(all.size()) / 48000, 1e-8);
+        EXPECT_EQ(sample->audio()->sampleRate, 48000);
+        all.insert(all.end(), sample->audio()->samples.begin(), sample->audio()->samples.end());
+    }
+    ASSERT_EQ(all.size(), 46u * 1024) << "the whole blocks of one second";
+    int rises = 0;
+    for (std::size_t i = 1; i < all.size(); ++i) {
+        rises += all[i - 1] < 0 && all[i] >= 0 ? 1 : 0;
+        ASSERT_LT(std::abs(all[i] - all[i - 1]), 500) << "a click at " << i;
+    }
+    EXPECT_NEAR(rises, 440 * 46 * 1024 / 48000, 1);
+}
+
+TEST(SimulatedCapture, CodesComeWhenTheyAreLookedFor) {
+    Rig rig(std::string(kSteady) + R"(,{"at": 1, "barcode": "M1SMITH"}, {"at": 2, "barcode": null})");
+    rig.buildAndRun();
+    rig.step(1500ms);
+    EXPECT_TRUE(rig.recorder->codes.empty());
+    rig.metadata->setMetadataObjectTypes({kMetadataObjectTypePDF417Code});
+    for (const auto time : {500ms, 1500ms, 2500ms}) rig.step(time);
+    EXPECT_THAT(rig.recorder->codes, ElementsAre("PDF417:M1SMITH"));
+}
+
+TEST(SimulatedCapture, ClearingTheDelegateEndsTheDeliveries) {
+    Rig rig;
+    rig.buildAndRun();
+    rig.system->deliverFrameAt(0ms);
+    rig.video->setSampleBufferDelegate({}, nullptr);  // the queued frame is forgotten
+    rig.queue->runAll();
+    rig.step(33ms);
+    EXPECT_TRUE(rig.recorder->frames.empty());
+
+    rig.video->setSampleBufferDelegate(rig.recorder, rig.queue);
+    rig.recorder->onFrame = [&] { rig.video->setSampleBufferDelegate({}, nullptr); };  // from its own delivery: must not wait for itself
+    rig.step(66ms);
+    rig.step(99ms);
+    EXPECT_EQ(rig.recorder->frames.size(), 1u);
+
+    const auto queue = std::make_shared<SerialQueue>("frames");  // from another thread: waits for the delivery that runs
+    std::latch entered(1), released(1);
+    std::atomic<bool> ended{false};
+    rig.recorder->onFrame = [&] {
+        entered.count_down();
+        released.wait();
+        ended = true;
+    };
+    rig.video->setSampleBufferDelegate(rig.recorder, queue);
+    rig.system->deliverFrameAt(120ms);
+    entered.wait();
+    std::thread clearing([&] {
+        rig.video->setSampleBufferDelegate({}, nullptr);
+        EXPECT_TRUE(ended);
+    });
+    released.count_down();
+    clearing.join();
+}
+
+TEST(SimulatedCapture, WarmFramesTakeNoNewPixelMemory) {
+    Rig rig;
+    rig.buildAndRun();
+    for (int i = 0; i < 40; ++i) {
+        rig.step(i * 33ms);
+        rig.recorder->frames.clear();
+    }
+    EXPECT_EQ(rig.system->pixelAllocations(), 1u);
+}
+
+TEST(SimulatedCapture, PermissionsAnswerAsSet) {
+    const struct {
+        AuthorizationStatus status;
+        bool answer;
+        bool granted;
+        AuthorizationStatus after;
+    } rows[] = {
+        {AuthorizationStatus::NotDetermined, true, true, AuthorizationStatus::Authorized},
+        {AuthorizationStatus::NotDetermined, false, false, AuthorizationStatus::Denied},
+        {AuthorizationStatus::Restricted, true, false, AuthorizationStatus::Restricted},
+        {AuthorizationStatus::Denied, true, false, AuthorizationStatus::Denied},
+        {AuthorizationStatus::Authorized, false, true, AuthorizationStatus::Authorized},
+    };
+    for (const auto& row : rows) {
+        Rig rig;
+        rig.system->setAuthorizationStatus(MediaType::Audio, row.status);
+        rig.system->setAccessAnswer(row.answer);
+        std::optional<bool> granted;
+        rig.system->requestAccess(MediaType::Audio, [&](bool answer) { granted = answer; });
+        EXPECT_EQ(granted, row.granted);
+        EXPECT_EQ(rig.system->authorizationStatus(MediaType::Audio), row.after);
+        EXPECT_EQ(bool(rig.system->makeDeviceInput(rig.system->defaultDevice(MediaType::Audio))), row.granted);
+        EXPECT_EQ(rig.system->authorizationStatus(MediaType::Video), AuthorizationStatus::Authorized);
+    }
+}
+
+std::size_t threadCount() {
+    const std::filesystem::directory_iterator tasks("/proc/self/task");
+    return static_cast<std::size_t>(std::distance(begin(tasks), end(tasks)));
+}
+
+// A joined thread stays in the list for an instant.
+void waitForThreads(std::size_t count) {
+    while (threadCount() != count) std::this_thread::yield();
+}
+
+Rig makeTimedRig() {
+    return Rig(kSteady, {.frameRate = 240}, std::make_shared<SystemClock>());
+}
+
+TEST(SimulatedCapture, APacedSessionStopsForGood) {
+    Rig rig = makeTimedRig();
+    const auto queue = std::make_shared<SerialQueue>("frames");
+    rig.build(queue);
+    rig.session->setSessionPreset(kCaptureSessionPreset640x480);
+    const std::size_t threads = threadCount();
+    for (std::size_t i = 1; i <= 50; ++i) {
+        rig.session->startRunning();
+        rig.recorder->waitForFrames(2 * i);
+        rig.session->stopRunning();
+        queue->drain();
+        const std::size_t frames = rig.recorder->frames.size();
+        waitForThreads(threads);
+        queue->drain();
+        ASSERT_EQ(rig.recorder->frames.size(), frames);
+        while (rig.recorder->frames.size() > 2 * i) rig.recorder->frames.pop_back();
+    }
+    rig.session->startRunning();  // the end of a running session ends its thread
+    rig.session.reset();
+    waitForThreads(threads);
+}
+
+TEST(SimulatedCapture, ADelegateMayStopTheSession) {
+    Rig rig = makeTimedRig();
+    const auto queue = std::make_shared<SerialQueue>("frames");
+    rig.build(queue);
+    rig.recorder->onFrame = [session = rig.session] { session->stopRunning(); };
+    rig.session->startRunning();
+    rig.recorder->waitForFrames(1);
+    queue->drain();
+    EXPECT_FALSE(rig.session->isRunning());
+    rig.recorder->onFrame = nullptr;
+}
+
+TEST(SimulatedCapture, ManyThreadsMayDriveOneSession) {
+    Rig rig = makeTimedRig();
+    const LogCapture logged;
+    const auto queue = std::make_shared<SerialQueue>("frames");
+    rig.build(queue);
+    rig.session->setSessionPreset(kCaptureSessionPreset640x480);
+    rig.metadata->setMetadataObjectTypes({kMetadataObjectTypePDF417Code});
+    const std::vector<std::function<void(int)>> works{
+        [&](int) { rig.session->startRunning(); },
+        [&](int) { rig.session->stopRunning(); },
+        [&](int i) { rig.session->setSessionPreset(i % 2 == 0 ? kCaptureSessionPreset640x480 : kCaptureSessionPreset1280x720); },
+        [&](int i) { i % 2 == 0 ? rig.video->setSampleBufferDelegate({}, nullptr) : rig.video->setSampleBufferDelegate(rig.recorder, queue); },
+        [&](int i) {
+            for (const auto& way : rig.video->connections())
+                way->setVideoOrientation(i % 2 == 0 ? VideoOrientation::Portrait : VideoOrientation::LandscapeLeft);
+        },
+        [&](int i) { rig.system->setFaults({.deviceLost = i % 16 == 0, .dropEvery = i % 3}); },
+        [&](int i) { i % 2 == 0 ? rig.session->removeOutput(rig.audio) : rig.session->addOutput(rig.audio); },
+    };
+    std::vector<std::thread> threads;
+    for (const auto& work : works) {
+        threads.emplace_back([&work] {
+            for (int i = 0; i < 200; ++i) work(i);
+        });
+    }
+    for (auto& thread : threads) thread.join();
+    rig.system->setFaults({});
+    rig.video->setSampleBufferDelegate(rig.recorder, queue);
+    rig.session->startRunning();
+    std::size_t before = 0;
+    {
+        const std::lock_guard lock(rig.recorder->mutex);
+        before = rig.recorder->frames.size();
+    }
+    rig.recorder->waitForFrames(before + 3);
+    rig.session->stopRunning();
+}
+
+TEST(SimulatedMotionManager, ReadsTheScriptUntilStopped) {
+    Rig rig(R"({"at": 0, "visible": false, "rotationRate": [0, 0.5, 0]}, {"at": 1, "rotationRate": [0, 0, 0]})");
+    SimulatedMotionManager manager(rig.system->scene());
+    std::vector<double> rates;
+    manager.setDeviceMotionUpdateInterval(300ms);
+    manager.startDeviceMotionUpdates(rig.queue,
+                                     [&](const DeviceMotion& motion, const std::optional<Error>&) { rates.push_back(motion.rotationRate.y); });
+    for (int i = 0; i < 4; ++i) {
+        rig.clock->advance(300ms);
+        rig.queue->advance(300ms);
+    }
+    ASSERT_EQ(rates.size(), 4u);
+    EXPECT_NEAR(rates[0], 0.35, 1e-6);
+    EXPECT_NEAR(rates[3], 0.0, 1e-6);
+    manager.stopDeviceMotionUpdates();
+    rig.queue->advance(10s);
+    EXPECT_EQ(rates.size(), 4u);
+    // a queue that only the manager holds ends with it, though a reading is always due
+    manager.startDeviceMotionUpdates(std::make_shared<SerialQueue>("motion"), [](const DeviceMotion&, const std::optional<Error>&) {});
+}
+
+TEST(SimulatedPlatform, FillsTheCameraGroupOnly) {
+    const auto clock = std::make_shared<ManualClock>();
+    Platform platform;
+    platform.clock = clock;
+    const auto plain = useSimulatedCamera(platform, spotFrames(kSteady));
+    EXPECT_EQ(platform.captureSystem, plain);
+    EXPECT_FALSE(platform.makeFaceDetector) << "the script does not say who smiles";
+    EXPECT_EQ(platform.assetWriters, nullptr);
+
+    const auto system =
+        useSimulatedCamera(platform, spotFrames(std::string(kSteady) + R"(,{"at": 2, "smiling": true}, {"at": 3, "visible": false})"));
+    const auto detector = platform.makeFaceDetector();
+    const Image picture{.bitmap = PixelBuffer::create(720, 1280, kPixelFormat32BGRA)};
+    const auto answer = [&](std::chrono::nanoseconds time, bool smile) {
+        system->scene()->setTime(time);
+        const auto faces = detector->featuresInImage(picture, smile);
+        return faces.empty() ? -1 : faces[0].hasSmile ? 1 : 0;
+    };
+    EXPECT_EQ(answer(1s, true), 0);
+    EXPECT_EQ(answer(2s, true), 1);
+    EXPECT_EQ(answer(2s, false), 0);
+    EXPECT_EQ(answer(3s, true), -1);
+    EXPECT_TRUE(detector->featuresInImage({}, true).empty());
+
+    const LogCapture logged;
+    EXPECT_EQ(useSimulatedCamera(platform, nullptr), nullptr);
+    EXPECT_EQ(platform.captureSystem, system);
+}
+
+TEST(SimulatedView, RemembersWhatItWasTold) {
+    Rig rig;
+    rig.build(rig.queue);
+    SimulatedView view;
+    view.setFrame({0, 0, 200, 400});
+    EXPECT_EQ(view.layer()->connection(), nullptr);
+    view.layer()->setSession(rig.session);
+    ASSERT_NE(view.layer()->connection(), nullptr);
+    view.layer()->connection()->setVideoOrientation(VideoOrientation::LandscapeLeft);
+    EXPECT_EQ(view.layer()->connection()->videoOrientation(), VideoOrientation::LandscapeLeft);
+    EXPECT_EQ(rig.video->connections().at(0)->videoOrientation(), VideoOrientation::LandscapeRight);
+    EXPECT_EQ(view.layer()->transformedMetadataObject({.type = "x", .stringValue = {}, .bounds = {0.5, 0.25, 0.5, 0.25}}).bounds,
+              (Rect{100, 100, 100, 100}));
+    for (const double x : {1.0, 2.0}) view.addSubview({.style = 1, .tag = 77, .frame = {x, 0, 0, 0}});
+    EXPECT_FALSE(view.removeSubviewWithTag(78));
+    EXPECT_TRUE(view.removeSubviewWithTag(77));
+    ASSERT_EQ(view.subviews().size(), 1u);
+    EXPECT_EQ(view.subviews()[0].frame.x, 2.0);
+}
+
+}  // namespace
+}  // namespace selvio

@@ -1,0 +1,175 @@
+#include "tests/simulated/SimulatedSupport.h"
+
+#include "analyzer/rules/FaceChecks.h"
+
+#include <gmock/gmock.h>
+
+#include <chrono>
+#include <cstring>
+
+namespace selvio {
+namespace {
+
+using namespace std::chrono_literals;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+// Brightness of a pixel above the photograph's dark grey, 0 or more.
+double brightness(const PixelBuffer& frame, int x, int y) {
+    const std::size_t step = frame.planeCount() == 1 ? 4 : 1;
+    const double value = frame.data()[static_cast<std::size_t>(y) * frame.bytesPerRow() + static_cast<std::size_t>(x) * step];
+    return std::max(0.0, value - (frame.planeCount() == 1 ? 50 : 59));
+}
+
+Point centroid(const PixelBuffer& frame, int fromX, int toX) {
+    double sum = 0, sumX = 0, sumY = 0;
+    for (int y = 0; y < frame.height(); ++y) {
+        for (int x = fromX; x < toX; ++x) {
+            const double b = brightness(frame, x, y);
+            sum += b;
+            sumX += b * (x + 0.5);
+            sumY += b * (y + 0.5);
+        }
+    }
+    return {sumX / sum, sumY / sum};
+}
+
+bool sameBytes(const PixelBuffer& a, const PixelBuffer& b) {
+    return a.layout() == b.layout() && std::memcmp(a.data(), b.data(), a.layout().byteSize()) == 0;
+}
+
+TEST(SimulatedFrames, TruePointsLieWhereTheyAreDrawn) {
+    for (const auto& [width, height] : {std::pair{360, 640}, {640, 360}, {241, 431}}) {
+        for (const PixelFormat format : {kPixelFormat32BGRA, kPixelFormat420v}) {
+            for (const double jaw : {0.08, 0.2, 0.45, 0.6}) {
+                for (const double roll : {0.0, 7.0, -30.0, 90.0, 180.0}) {
+                    const auto frames = spotFrames(R"({"at": 0, "visible": true, "center": [0.48, 0.55], "jawWidth": )" + std::to_string(jaw) +
+                                                   R"(, "roll": )" + std::to_string(roll) + "}");
+                    const auto frame = frames->frame(0s, width, height, format);
+                    const auto faces = frames->trueGeometry(0s, width, height);
+                    ASSERT_EQ(faces.size(), 1u);
+                    const Point expected = faces[0].landmarks.at("spot"), found = centroid(*frame, 0, width);
+                    EXPECT_NEAR(found.x, expected.x, 0.15) << width << " jaw " << jaw << " roll " << roll;
+                    EXPECT_NEAR(found.y, expected.y, 0.15) << width << " jaw " << jaw << " roll " << roll;
+                    const Point left = faces[0].jawLeft, right = faces[0].jawRight;
+                    EXPECT_NEAR(std::hypot(right.x - left.x, right.y - left.y), jaw * std::min(width, height), 1e-3);
+                    EXPECT_NEAR(std::cos(std::atan2(right.y - left.y, right.x - left.x) - roll * 3.14159265358979 / 180), 1.0, 1e-9);
+                    EXPECT_NEAR((left.x + right.x) / 2, 0.48 * width, 1e-6);
+                    EXPECT_NEAR((left.y + right.y) / 2, 0.55 * height, 1e-6);
+                }
+            }
+        }
+    }
+}
+
+TEST(SimulatedFrames, ASecondFaceStandsInItsOwnPart) {
+    const auto frames = spotFrames(
+        R"({"at": 0, "visible": true, "center": [0.75, 0.4], "jawWidth": 0.3, "second": {"center": [0.25, 0.5], "jawWidth": 0.2, "roll": 10}},
+           {"at": 1, "visible": false})");
+    const auto faces = frames->trueGeometry(0s, 720, 1280);
+    ASSERT_EQ(faces.size(), 2u);
+    const auto frame = frames->frame(0s, 720, 1280, kPixelFormat32BGRA);
+    for (std::size_t i = 0; i < 2; ++i) {
+        const Point found = centroid(*frame, i == 0 ? 360 : 0, i == 0 ? 720 : 360), expected = faces[i].landmarks.at("spot");
+        EXPECT_NEAR(found.x, expected.x, 0.15);
+        EXPECT_NEAR(found.y, expected.y, 0.15);
+    }
+    EXPECT_TRUE(frames->trueGeometry(1s, 720, 1280).empty());
+    EXPECT_TRUE(std::isnan(centroid(*frames->frame(1s, 720, 1280, kPixelFormat32BGRA), 0, 720).x));
+}
+
+TEST(SimulatedFrames, TheSameTimeGivesTheSameBytes) {
+    const std::string moving =
+        R"({"at": 0, "visible": true, "center": [0.3, 0.4], "jawWidth": 0.3, "noise": 3}, {"at": 2, "jawWidth": 0.7, "roll": 20})";
+    const auto one = spotFrames(moving), other = spotFrames(moving);
+    for (const PixelFormat format : {kPixelFormat32BGRA, kPixelFormat420v}) {
+        const auto first = one->frame(700ms, 320, 576, format);
+        EXPECT_TRUE(sameBytes(*first, *other->frame(700ms, 320, 576, format)));
+        EXPECT_FALSE(sameBytes(*first, *one->frame(733ms, 320, 576, format)));
+        EXPECT_FALSE(sameBytes(*one->frame(5s, 320, 576, format), *one->frame(6s, 320, 576, format))) << "the noise stands still";
+    }
+}
+
+TEST(SimulatedFrames, LightAndNoiseAreWhatTheScriptSays) {
+    const auto frame = spotFrames(R"({"at": 0, "visible": false, "light": 1.5, "noise": 4})")->frame(0s, 400, 400, kPixelFormat32BGRA);
+    double sum = 0, squares = 0;
+    for (int y = 0; y < 400; ++y) {
+        for (int x = 0; x < 400; ++x) {
+            const double value = frame->data()[static_cast<std::size_t>(y) * frame->bytesPerRow() + static_cast<std::size_t>(4 * x + 1)];
+            sum += value;
+            squares += value * value;
+        }
+    }
+    const double mean = sum / 160000;
+    EXPECT_NEAR(mean, 75, 0.1);
+    EXPECT_NEAR(std::sqrt(squares / 160000 - mean * mean), 4, 0.1);
+    EXPECT_EQ(frame->data()[3], 255);
+}
+
+TEST(SimulatedFrames, BadInputIsNamed) {
+    const auto script = MotionScript::parse(std::string("{\"keyFrames\": [") + kSteady + "]}", "test").value();
+    FaceGeometry small = spotGeometry();
+    small.width = 219;
+    EXPECT_THAT(SimulatedFrames::make(spotPhotograph(), small, script).error().localizedDescription,
+                HasSubstr("220 x 300 pixels, its face geometry states 219"));
+    EXPECT_FALSE(SimulatedFrames::make(nullptr, spotGeometry(), script));
+    EXPECT_FALSE(SimulatedFrames::make(PixelBuffer::create(220, 300, kPixelFormat420v), spotGeometry(), script));
+    EXPECT_EQ(spotFrames(kSteady)->frame(0s, 0, 5, kPixelFormat32BGRA), nullptr);
+    EXPECT_EQ(spotFrames(kSteady)->frame(0s, 5, 5, kPixelFormat32ARGB), nullptr);
+    EXPECT_NE(spotFrames(kSteady)->frame(0s, 1, 1, kPixelFormat420v), nullptr);
+}
+
+// The statuses of a face at its true place on a screen of the frame's size.
+std::vector<SelvioFacialCaptureStatus> judged(const FrameFace& face, const MotionState& state) {
+    const auto at = [&](const char* name) { return face.landmarks.at(name); };
+    std::vector<Point> contour(17), nose(9);
+    contour[16] = face.jawLeft;  // the layout is mirrored, the place on the screen is not
+    contour[0] = face.jawRight;
+    contour[8] = at("chin");
+    nose[2] = at("noseRight");
+    nose[6] = at("noseLeft");
+    nose[4] = at("noseBase");
+    return rules::checkFace({.points = {.contour = contour, .nose = nose, .outerLips = {}},
+                             .limits = {},
+                             .biggerScreenSide = 1280,
+                             .smallerScreenSide = 720,
+                             .shouldHoldStill = std::abs(state.rotationRate.y) > 0.1})
+        .statuses;
+}
+
+TEST(Samples, EachScriptShowsWhatItIsFor) {
+    const auto geometry = FaceGeometry::load(SELVIO_SAMPLES "/astronaut.json");
+    ASSERT_TRUE(geometry) << geometry.error().localizedDescription;
+    const auto load = [&](const char* name) {
+        const auto script = MotionScript::load(std::string(SELVIO_SAMPLES "/scripts/") + name);
+        EXPECT_TRUE(script) << script.error().localizedDescription;
+        const auto grey = PixelBuffer::create(geometry.value().width, geometry.value().height, kPixelFormat32BGRA);
+        std::memset(grey->data(), 128, grey->layout().byteSize());
+        return SimulatedFrames::make(grey, geometry.value(), script.value()).value();
+    };
+    const auto statusesAt = [](const SimulatedFrames& frames, std::chrono::milliseconds time) -> std::vector<SelvioFacialCaptureStatus> {
+        const auto faces = frames.trueGeometry(time, 720, 1280);
+        if (faces.empty()) return {SelvioFacialCaptureStatusFaceNotFound};
+        if (faces.size() > 1) return {SelvioFacialCaptureStatusMoreThanOneFace};
+        return judged(faces[0], frames.script().stateAt(time));
+    };
+    const auto demo = load("demo.json");
+    EXPECT_THAT(statusesAt(*demo, 600ms), ElementsAre(SelvioFacialCaptureStatusFaceNotFound));
+    EXPECT_THAT(statusesAt(*demo, 1800ms), ElementsAre(SelvioFacialCaptureStatusMoreThanOneFace));
+    EXPECT_THAT(statusesAt(*demo, 3000ms), ElementsAre(SelvioFacialCaptureStatusMoveCloser));
+    EXPECT_THAT(statusesAt(*demo, 4700ms), ElementsAre(SelvioFacialCaptureStatusTooClose));
+    EXPECT_THAT(statusesAt(*demo, 6200ms), ElementsAre(SelvioFacialCaptureStatusNotCentered));
+    EXPECT_THAT(statusesAt(*demo, 7500ms), ElementsAre(SelvioFacialCaptureStatusNotCentered));
+    EXPECT_THAT(statusesAt(*demo, 9000ms), ElementsAre(SelvioFacialCaptureStatusFaceRoll));
+    EXPECT_THAT(statusesAt(*demo, 10500ms), ElementsAre(SelvioFacialCaptureStatusHoldStill));
+    EXPECT_THAT(statusesAt(*demo, 11000ms), ElementsAre());
+    for (const char* name : {"steady.json", "smile-first.json", "smile-later.json"}) {
+        const auto frames = load(name);
+        for (const auto time : {0s, 4s, 6s, 60s}) EXPECT_THAT(statusesAt(*frames, time), ElementsAre()) << name;
+        EXPECT_EQ(frames->script().stateAt(4s).smiling, std::string(name) == "smile-first.json");
+        EXPECT_EQ(frames->script().stateAt(6s).smiling, std::string(name) == "smile-later.json");
+    }
+}
+
+}  // namespace
+}  // namespace selvio

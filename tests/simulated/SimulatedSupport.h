@@ -1,0 +1,43 @@
+// A photograph with one bright spot, and scenes made of it.
+#pragma once
+
+#include <SelvioFacialCapture/simulated/SimulatedFrames.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <string>
+
+namespace selvio {
+
+inline constexpr Point kSpot{112, 150};
+
+inline FaceGeometry spotGeometry() {
+    return {.width = 220, .height = 300, .jawLeft = {70, 100}, .jawRight = {150, 110}, .landmarks = {{"spot", kSpot}}};
+}
+
+/// Dark grey with a round white spot of radius 9, its edge one pixel soft.
+inline std::shared_ptr<PixelBuffer> spotPhotograph() {
+    const FaceGeometry geometry = spotGeometry();
+    auto photograph = PixelBuffer::create(geometry.width, geometry.height, kPixelFormat32BGRA);
+    for (int y = 0; y < geometry.height; ++y) {
+        for (int x = 0; x < geometry.width; ++x) {
+            const double inside = std::clamp(9.5 - std::hypot(x + 0.5 - kSpot.x, y + 0.5 - kSpot.y), 0.0, 1.0);
+            std::uint8_t* const pixel = photograph->data() + static_cast<std::size_t>(y) * photograph->bytesPerRow() + 4 * x;
+            std::fill_n(pixel, 4, static_cast<std::uint8_t>(std::lround(50 + 200 * inside)));
+        }
+    }
+    return photograph;
+}
+
+/// Frames whose script is the list of key frames given.
+inline std::shared_ptr<const SimulatedFrames> spotFrames(const std::string& keyFrames) {
+    auto script = MotionScript::parse("{\"keyFrames\": [" + keyFrames + "]}", "test");
+    EXPECT_TRUE(script) << script.error().localizedDescription;
+    auto frames = SimulatedFrames::make(spotPhotograph(), spotGeometry(), script.value());
+    EXPECT_TRUE(frames) << frames.error().localizedDescription;
+    return frames.value();
+}
+
+inline constexpr const char* kSteady = R"({"at": 0, "visible": true, "center": [0.5, 0.45], "jawWidth": 0.6})";
+
+}  // namespace selvio
