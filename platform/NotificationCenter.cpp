@@ -6,7 +6,17 @@ namespace selvio {
 
 void NotificationCenter::addObserver(Observer observer, ApplicationNotification notification, Handler handler) {
     const std::lock_guard lock(mutex_);
-    entries_.push_back({observer, notification, std::move(handler)});
+    entries_.push_back({observer, notification, std::move(handler), std::nullopt});
+}
+
+void NotificationCenter::addObserver(const std::shared_ptr<const void>& observer, ApplicationNotification notification, Handler handler) {
+    const std::lock_guard lock(mutex_);
+    forgetGoneObservers();
+    entries_.push_back({observer.get(), notification, std::move(handler), observer});
+}
+
+void NotificationCenter::forgetGoneObservers() {
+    std::erase_if(entries_, [](const Entry& entry) { return entry.lifetime && entry.lifetime->expired(); });
 }
 
 void NotificationCenter::removeObserver(Observer observer) {
@@ -18,6 +28,7 @@ void NotificationCenter::post(ApplicationNotification notification) {
     std::vector<Handler> handlers;
     {
         const std::lock_guard lock(mutex_);
+        forgetGoneObservers();
         for (const Entry& entry : entries_) {
             if (entry.notification == notification) handlers.push_back(entry.handler);
         }

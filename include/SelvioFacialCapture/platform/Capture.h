@@ -138,20 +138,22 @@ public:
     /// The frames' pixel format; 0 means 32-bit BGRA.
     virtual void setPixelFormat(PixelFormat format) = 0;
     virtual void setAlwaysDiscardsLateVideoFrames(bool discards) = 0;
-    /// Frames and drop notices go to `delegate`, held weakly, on `queue`; null for both ends the deliveries, and none is running on return unless
-    /// the call itself comes from the queue.
+    /// Frames and drop notices go to `delegate`, held weakly, on `queue`; null for both ends the deliveries: none begins after the return. One that
+    /// is running is not waited for, because the caller may hold the session's monitor and the delegate may want it.
     virtual void setSampleBufferDelegate(std::weak_ptr<CaptureOutputDelegate> delegate, std::shared_ptr<Queue> queue) = 0;
     [[nodiscard]] virtual VideoSettings recommendedVideoSettings(const std::string& fileType) const = 0;
 };
 
 class AudioDataOutput : public CaptureOutput {
 public:
+    /// As for video frames.
     virtual void setSampleBufferDelegate(std::weak_ptr<CaptureOutputDelegate> delegate, std::shared_ptr<Queue> queue) = 0;
     [[nodiscard]] virtual AudioSettings recommendedAudioSettings(const std::string& fileType) const = 0;
 };
 
 class MetadataOutput : public CaptureOutput {
 public:
+    /// As for video frames.
     virtual void setMetadataObjectsDelegate(std::weak_ptr<CaptureOutputDelegate> delegate, std::shared_ptr<Queue> queue) = 0;
     /// Only these types are looked for.
     virtual void setMetadataObjectTypes(std::vector<std::string> types) = 0;

@@ -50,6 +50,8 @@ public:
     using Observer = const void*;
 
     void addObserver(Observer observer, ApplicationNotification notification, Handler handler);
+    /// The same for an observer that is held weakly: once it has gone it is forgotten.
+    void addObserver(const std::shared_ptr<const void>& observer, ApplicationNotification notification, Handler handler);
     /// Removes the observer for all notifications; a handler of it that runs on another thread may still be running on return.
     void removeObserver(Observer observer);
     /// Calls the handlers on the calling thread, in the order of registration.
@@ -60,7 +62,10 @@ private:
         Observer observer;
         ApplicationNotification notification;
         Handler handler;
+        std::optional<std::weak_ptr<const void>> lifetime;  // absent for an observer that is known by its address only
     };
+    void forgetGoneObservers();  // with mutex_ held
+
     std::mutex mutex_;
     std::vector<Entry> entries_;  // guarded by mutex_
 };

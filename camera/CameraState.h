@@ -1,0 +1,82 @@
+// What a camera remembers, shared with those who work for it on other queues.
+#pragma once
+
+#include <SelvioFacialCapture/SelvioFacialCaptureCameraDelegate.h>
+#include <SelvioFacialCapture/SelvioFacialCaptureCameraParameters.h>
+#include <SelvioFacialCapture/platform/Platform.h>
+
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <type_traits>
+#include <utility>
+
+namespace selvio {
+
+/// The properties of one camera, with their defaults.
+struct CameraValues {
+    bool configured = false;
+    bool analyzeRGBVideo = true;
+    bool detectPDF417 = false;
+    bool shouldRecord = true;
+    bool deliverDepthData = false;
+    bool isTorchON = false;
+    std::weak_ptr<SelvioFacialCaptureCameraDelegate> delegate;
+    std::shared_ptr<SelvioFacialCaptureCameraParameters> parameters;
+    std::shared_ptr<CaptureDevice> videoDevice;
+    CaptureDevicePosition devicePosition = CaptureDevicePosition::Back;
+    std::shared_ptr<CaptureDeviceInput> videoInput;
+    std::shared_ptr<CaptureDevice> audioDevice;
+    std::shared_ptr<CaptureDeviceInput> audioInput;
+    std::shared_ptr<VideoDataOutput> videoDataOutput;
+    std::shared_ptr<AudioDataOutput> audioDataOutput;
+    std::shared_ptr<MetadataOutput> metaDataOutput;
+    /// Kept here so that an output that lets go of its queue does not have to wait for the queue's end.
+    std::shared_ptr<Queue> metaDataQueue;
+    std::shared_ptr<CaptureDeviceDiscoverySession> discoverySession;
+    std::shared_ptr<PreviewLayer> videoPreviewLayer;
+    std::shared_ptr<AssetWriter> assetWriter;
+    std::shared_ptr<AssetWriterInput> writerVideoInput;
+    std::shared_ptr<AssetWriterInput> writerAudioInput;
+    std::int64_t pixelBufferFormat = 0;
+    std::optional<std::filesystem::path> videoRecordingUrl;
+    std::optional<std::string> sessionPreset;
+    VideoOrientation cameraOrientation = VideoOrientation::NotSet;
+    Size resolution;
+    Size desiredResolution;
+};
+
+/// `CameraValues` under one mutex. Values go in and out by copy; nothing foreign runs while the mutex is held, so it may be taken under any other
+/// lock. Any thread.
+class CameraState {
+public:
+    template <typename T>
+    [[nodiscard]] T get(T CameraValues::*member) const {
+        const std::lock_guard lock(mutex_);
+        return values_.*member;
+    }
+
+    template <typename T>
+    void set(T CameraValues::*member, std::type_identity_t<T> value) {
+        const std::lock_guard lock(mutex_);
+        std::swap(values_.*member, value);
+    }  // the lock goes before the argument, so an old part of the graph ends outside it
+
+    /// Stores the size of the first frame; later ones change nothing.
+    void setResolutionOnce(Size size);
+
+    [[nodiscard]] std::shared_ptr<SelvioFacialCaptureCameraDelegate> delegate() const;
+    /// The session of the preview layer.
+    [[nodiscard]] std::shared_ptr<CaptureSession> session() const;
+    /// The parameters' answers; false without parameters.
+    [[nodiscard]] bool recordVideo() const;
+    [[nodiscard]] bool recordAudio() const;
+
+private:
+    mutable std::mutex mutex_;
+    CameraValues values_;  // guarded by mutex_
+};
+
+}  // namespace selvio

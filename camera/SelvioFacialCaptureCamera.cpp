@@ -1,0 +1,398 @@
+#include <SelvioFacialCapture/SelvioFacialCaptureCamera.h>
+
+#include <chrono>
+#include <nlohmann/json.hpp>
+#include <utility>
+
+#include "camera/CameraState.h"
+#include "camera/OffscreenView.h"
+#include "camera/SampleReceiver.h"
+#include "camera/SessionConfiguration.h"
+#include "camera/VideoRecorder.h"
+#include "camera/rules/SessionRules.h"
+
+using selvio::CameraValues;
+
+namespace {
+
+constexpr std::chrono::milliseconds kTorchDelay(100);
+constexpr std::int64_t kBlurViewTag = 77;
+constexpr std::int64_t kBlurStyleLight = 1;
+constexpr const char* kFrameKey = "Frame";
+
+/// A platform without the queue has nobody to do the work.
+void dispatch(const std::shared_ptr<selvio::Queue>& queue, selvio::Queue::Block block) {
+    if (queue) queue->async(std::move(block));
+}
+
+std::shared_ptr<selvio::View> makeView(const selvio::Platform& platform) {
+    auto view = platform.makeView ? platform.makeView() : nullptr;
+    return view ? view : selvio::makeOffscreenView();
+}
+
+void setTorch(selvio::CameraState& state, selvio::CaptureDevice& device, selvio::TorchMode mode) {
+    (void)device.lockForConfiguration();
+    device.setTorchMode(mode);
+    state.set(&CameraValues::isTorchON, mode == selvio::TorchMode::On);
+    device.unlockForConfiguration();
+}
+
+std::optional<selvio::Rect> decodeFrame(std::string_view archive) {
+    const nlohmann::json root = nlohmann::json::parse(archive, nullptr, /*allow_exceptions=*/false);
+    if (!root.is_object()) return std::nullopt;
+    const auto frame = root.find(kFrameKey);
+    if (frame == root.end() || !frame->is_array() || frame->size() != 4) return std::nullopt;
+    for (const auto& number : *frame) {
+        if (!number.is_number()) return std::nullopt;
+    }
+    return selvio::Rect{(*frame)[0].get<double>(), (*frame)[1].get<double>(), (*frame)[2].get<double>(), (*frame)[3].get<double>()};
+}
+
+}  // namespace
+
+// ---- Construction ----
+
+SelvioFacialCaptureCamera::SelvioFacialCaptureCamera(selvio::Platform platform)
+    : platform_(std::move(platform)), view_(makeView(platform_)), state_(std::make_shared<selvio::CameraState>()) {}
+
+SelvioFacialCaptureCamera::~SelvioFacialCaptureCamera() = default;
+
+std::shared_ptr<SelvioFacialCaptureCamera> SelvioFacialCaptureCamera::make(selvio::Platform platform) {
+    std::shared_ptr<SelvioFacialCaptureCamera> camera(new SelvioFacialCaptureCamera(std::move(platform)));
+    camera->commonInit();
+    return camera;
+}
+
+void SelvioFacialCaptureCamera::commonInit() {
+    setParameters(std::make_shared<SelvioFacialCaptureCameraParameters>());
+    setSession(platform_.captureSystem ? platform_.captureSystem->makeSession() : nullptr);
+    if (platform_.makeSerialQueue) {
+        videoQueue_ = platform_.makeSerialQueue(std::string(selvio::kQueueLabelPrefix) + ".avCaptureSessionQueue");
+        videoOutputQueue_ = platform_.makeSerialQueue(std::string(selvio::kQueueLabelPrefix) + ".videoDataOutputQueue");
+    }
+    // All other properties have their defaults in CameraValues.
+    recorder_ = std::make_shared<selvio::VideoRecorder>(platform_, state_, videoOutputQueue_);
+    receiver_ = std::make_shared<selvio::SampleReceiver>(state_, recorder_, videoOutputQueue_);
+    observe(selvio::ApplicationNotification::WillResignActive, &SelvioFacialCaptureCamera::handleAppEnteredBackground);
+    observe(selvio::ApplicationNotification::DidBecomeActive, &SelvioFacialCaptureCamera::handleAppDidBecomeActive);
+    observe(selvio::ApplicationNotification::WillTerminate, &SelvioFacialCaptureCamera::handleApplicationWillTerminate);
+}
+
+std::shared_ptr<SelvioFacialCaptureCamera> SelvioFacialCaptureCamera::init(selvio::Platform platform) {
+    return make(std::move(platform));
+}
+
+std::shared_ptr<SelvioFacialCaptureCamera> SelvioFacialCaptureCamera::initWithCoder(std::string_view archive, selvio::Platform platform) {
+    auto camera = make(std::move(platform));
+    if (const auto frame = decodeFrame(archive)) camera->view_->setFrame(*frame);
+    return camera;
+}
+
+std::shared_ptr<SelvioFacialCaptureCamera> SelvioFacialCaptureCamera::initWithPreset(std::optional<std::string> preset, std::int64_t format,
+                                                                                     selvio::CaptureDevicePosition position,
+                                                                                     selvio::VideoOrientation orientation, selvio::Rect frame,
+                                                                                     selvio::Platform platform) {
+    auto camera = make(std::move(platform));
+    camera->view_->setFrame(frame);
+    camera->setDevicePosition(position);
+    camera->setPixelBufferFormat(format);
+    camera->setSessionPreset(std::move(preset));
+    camera->setCameraOrientation(orientation);
+    return camera;
+}
+
+std::shared_ptr<SelvioFacialCaptureCamera> SelvioFacialCaptureCamera::initWithPreset(std::optional<std::string> preset, std::int64_t format,
+                                                                                     selvio::CaptureDevicePosition position, selvio::Rect frame,
+                                                                                     selvio::Platform platform) {
+    return initWithPreset(std::move(preset), format, position, selvio::VideoOrientation::Portrait, frame, std::move(platform));
+}
+
+std::shared_ptr<SelvioFacialCaptureCamera> SelvioFacialCaptureCamera::initWithDesiredResolution(selvio::Size resolution, std::int64_t format,
+                                                                                                selvio::CaptureDevicePosition position,
+                                                                                                selvio::Rect frame, selvio::Platform platform) {
+    auto camera = make(std::move(platform));
+    camera->view_->setFrame(frame);
+    camera->setDevicePosition(position);
+    camera->setPixelBufferFormat(format);
+    camera->setDesiredResolution(resolution);
+    camera->setCameraOrientation(selvio::VideoOrientation::NotSet);
+    return camera;
+}
+
+std::string SelvioFacialCaptureCamera::encodeWithCoder() const {
+    const selvio::Rect frame = view_->frame();
+    return nlohmann::json{{kFrameKey, {frame.x, frame.y, frame.width, frame.height}}}.dump();
+}
+
+// ---- Delegate and control ----
+
+void SelvioFacialCaptureCamera::setDelegate(const std::shared_ptr<SelvioFacialCaptureCameraDelegate>& value) {
+    state_->set(&CameraValues::delegate, value);
+    if (!value) return;
+    dispatch(videoQueue_, [weakSelf = weak_from_this()] {
+        if (const auto self = weakSelf.lock()) self->configureSession();
+    });
+}
+
+void SelvioFacialCaptureCamera::configureSession() {
+    SELVIO_ASSERT_ON_QUEUE(videoQueue_);
+    selvio::configureSession({platform_, state_, receiver_, videoOutputQueue_});
+}
+
+void SelvioFacialCaptureCamera::start() {
+    dispatch(videoQueue_, [weakSelf = weak_from_this()] {
+        const auto self = weakSelf.lock();
+        if (!self) return;
+        self->startRecording();
+        const auto session = self->session();
+        if (session && !session->isRunning()) session->startRunning();
+    });
+}
+
+void SelvioFacialCaptureCamera::stop() {
+    turnTorchOff();
+    const auto session = this->session();
+    if (!session) return;
+    const std::lock_guard lock(session->monitor());
+    if (!session->isRunning()) return;
+    const auto writer = assetWriter();
+    if (state_->recordVideo() && writer && writer->status() == selvio::AssetWriterStatus::Writing) stopRecording();
+    session->stopRunning();
+}
+
+void SelvioFacialCaptureCamera::shutdown() {
+    if (platform_.notificationCenter) platform_.notificationCenter->removeObserver(this);
+    const auto session = this->session();
+    if (!session) return;
+    const std::lock_guard lock(session->monitor());
+    session->beginConfiguration();
+    if (const auto output = videoDataOutput()) {
+        output->setSampleBufferDelegate({}, nullptr);
+        session->removeOutput(output);
+    }
+    if (const auto output = audioDataOutput()) {
+        output->setSampleBufferDelegate({}, nullptr);
+        session->removeOutput(output);
+    }
+    if (const auto output = metaDataOutput()) {
+        output->setMetadataObjectsDelegate({}, nullptr);
+        session->removeOutput(output);
+    }
+    if (const auto input = videoInput()) session->removeInput(input);
+    if (const auto input = audioInput()) session->removeInput(input);
+    session->commitConfiguration();
+    setVideoDataOutput(nullptr);
+    setAudioDataOutput(nullptr);
+    setMetaDataOutput(nullptr);
+    setSession(nullptr);
+}
+
+bool SelvioFacialCaptureCamera::hasTorch() const {
+    const auto device = videoDevice();
+    return device && device->hasTorch();
+}
+
+bool SelvioFacialCaptureCamera::turnTorchOn() {
+    if (!hasTorch()) return false;
+    if (!platform_.mainQueue) return true;
+    platform_.mainQueue->asyncAfter(kTorchDelay, [weakState = std::weak_ptr(state_)] {
+        const auto state = weakState.lock();
+        const auto device = state ? state->get(&CameraValues::videoDevice) : nullptr;
+        if (device) setTorch(*state, *device, selvio::TorchMode::On);
+    });
+    return true;
+}
+
+bool SelvioFacialCaptureCamera::turnTorchOff() {
+    const auto device = videoDevice();
+    if (!device || !device->hasTorch()) return false;
+    setTorch(*state_, *device, selvio::TorchMode::Off);
+    return true;
+}
+
+void SelvioFacialCaptureCamera::updatePreviewLayer(selvio::VideoOrientation orientation) {
+    const bool torchWasOn = isTorchON();
+    if (selvio::isOrientation(orientation)) {
+        const auto layer = videoPreviewLayer();
+        if (const auto connection = layer ? layer->connection() : nullptr) connection->setVideoOrientation(orientation);
+        if (const auto session = this->session()) selvio::orientOutputs(*session, cameraOrientation());
+    }
+    if (torchWasOn) turnTorchOn();
+}
+
+// ---- Recording ----
+
+void SelvioFacialCaptureCamera::startRecording() {
+    // Weak: a camera that has gone could never stop what would begin here.
+    dispatch(videoOutputQueue_, [weakRecorder = std::weak_ptr(recorder_)] {
+        if (const auto recorder = weakRecorder.lock()) recorder->start();
+    });
+}
+
+void SelvioFacialCaptureCamera::stopRecording() {
+    dispatch(videoOutputQueue_, [recorder = recorder_] { recorder->stop(); });
+}
+
+void SelvioFacialCaptureCamera::discardRecording() {
+    dispatch(videoOutputQueue_, [recorder = recorder_] { recorder->discard(); });
+}
+
+void SelvioFacialCaptureCamera::deleteCurrentRecording() {
+    recorder_->deleteCurrentRecording();
+}
+
+std::optional<std::filesystem::path> SelvioFacialCaptureCamera::url() const {
+    return recorder_->url();
+}
+
+void SelvioFacialCaptureCamera::cleanupBrokenVideos() {
+    recorder_->cleanupBrokenVideos();
+}
+
+// ---- Permissions ----
+
+void SelvioFacialCaptureCamera::permissionForPermissionGranted(selvio::MediaType mediaType, std::function<void(bool granted)> completion,
+                                                               const selvio::Platform& platform) {
+    const auto answer = [&completion](bool granted) {
+        if (completion) completion(granted);
+    };
+    if (!platform.captureSystem) return answer(false);
+    switch (platform.captureSystem->authorizationStatus(mediaType)) {
+        case selvio::AuthorizationStatus::Restricted:
+        case selvio::AuthorizationStatus::Denied:
+            return answer(false);
+        case selvio::AuthorizationStatus::Authorized:
+            return answer(true);
+        case selvio::AuthorizationStatus::NotDetermined:
+            platform.captureSystem->requestAccess(mediaType, [completion = std::move(completion)](bool granted) {
+                if (completion) completion(granted);
+            });
+            return;
+    }
+}
+
+void SelvioFacialCaptureCamera::checkCameraPermission(std::function<void(bool granted)> completion, const selvio::Platform& platform) {
+    permissionForPermissionGranted(selvio::MediaType::Video, std::move(completion), platform);
+}
+
+void SelvioFacialCaptureCamera::checkMicrophonePermission(std::function<void(bool granted)> completion, const selvio::Platform& platform) {
+    permissionForPermissionGranted(selvio::MediaType::Audio, std::move(completion), platform);
+}
+
+// ---- Life cycle of the application. On the main thread. ----
+
+void SelvioFacialCaptureCamera::observe(selvio::ApplicationNotification notification, void (SelvioFacialCaptureCamera::*handler)()) {
+    if (!platform_.notificationCenter) return;
+    platform_.notificationCenter->addObserver(shared_from_this(), notification, [weakSelf = weak_from_this(), handler] {
+        if (const auto self = weakSelf.lock()) (self.get()->*handler)();
+    });
+}
+
+void SelvioFacialCaptureCamera::handleAppEnteredBackground() {
+    selvio::Rect frame = view_->frame();
+    if (platform_.screen) frame = {0.0, 0.0, platform_.screen->bounds().width, platform_.screen->bounds().height};
+    view_->addSubview({kBlurStyleLight, kBlurViewTag, frame});
+}
+
+void SelvioFacialCaptureCamera::handleAppDidBecomeActive() {
+    view_->removeSubviewWithTag(kBlurViewTag);
+}
+
+void SelvioFacialCaptureCamera::handleApplicationWillTerminate() {
+    cleanupBrokenVideos();
+}
+
+// ---- Properties ----
+
+std::shared_ptr<selvio::CaptureSession> SelvioFacialCaptureCamera::session() const {
+    return state_->session();
+}
+
+void SelvioFacialCaptureCamera::setSession(std::shared_ptr<selvio::CaptureSession> value) {
+    auto layer = videoPreviewLayer();
+    if (!layer) {
+        layer = view_->layer();
+        if (!layer) return;
+        state_->set(&CameraValues::videoPreviewLayer, layer);
+        layer->setVideoGravity(selvio::kVideoGravityResizeAspectFill);
+    }
+    layer->setSession(std::move(value));
+}
+
+void SelvioFacialCaptureCamera::setPreset(std::optional<std::string> preset, std::int64_t format) {
+    setPreset(std::move(preset), format, selvio::CaptureDevicePosition::Back);
+}
+
+void SelvioFacialCaptureCamera::setPreset(std::optional<std::string> preset, std::int64_t format, selvio::CaptureDevicePosition position) {
+    setPixelBufferFormat(format);
+    setDevicePosition(position);
+    setSessionPreset(std::move(preset));
+}
+
+// The rest goes straight to the state. PROPERTY(type, getter, setter)
+// clang-format off
+#define SELVIO_CAMERA_PROPERTY(Type, name, setName)                                                                        \
+    Type SelvioFacialCaptureCamera::name() const { return state_->get(&CameraValues::name); }                              \
+    void SelvioFacialCaptureCamera::setName(Type value) { state_->set(&CameraValues::name, std::move(value)); }
+
+SELVIO_CAMERA_PROPERTY(bool, analyzeRGBVideo, setAnalyzeRGBVideo)
+SELVIO_CAMERA_PROPERTY(bool, detectPDF417, setDetectPDF417)
+SELVIO_CAMERA_PROPERTY(bool, deliverDepthData, setDeliverDepthData)
+SELVIO_CAMERA_PROPERTY(selvio::CaptureDevicePosition, devicePosition, setDevicePosition)
+SELVIO_CAMERA_PROPERTY(std::int64_t, pixelBufferFormat, setPixelBufferFormat)
+SELVIO_CAMERA_PROPERTY(std::optional<std::string>, sessionPreset, setSessionPreset)
+SELVIO_CAMERA_PROPERTY(selvio::Size, desiredResolution, setDesiredResolution)
+SELVIO_CAMERA_PROPERTY(selvio::VideoOrientation, cameraOrientation, setCameraOrientation)
+SELVIO_CAMERA_PROPERTY(std::shared_ptr<SelvioFacialCaptureCameraParameters>, parameters, setParameters)
+SELVIO_CAMERA_PROPERTY(bool, shouldRecord, setShouldRecord)
+SELVIO_CAMERA_PROPERTY(std::shared_ptr<selvio::CaptureDeviceDiscoverySession>, discoverySession, setDiscoverySession)
+SELVIO_CAMERA_PROPERTY(std::shared_ptr<selvio::CaptureDevice>, videoDevice, setVideoDevice)
+SELVIO_CAMERA_PROPERTY(std::shared_ptr<selvio::CaptureDeviceInput>, videoInput, setVideoInput)
+SELVIO_CAMERA_PROPERTY(std::shared_ptr<selvio::CaptureDevice>, audioDevice, setAudioDevice)
+SELVIO_CAMERA_PROPERTY(std::shared_ptr<selvio::CaptureDeviceInput>, audioInput, setAudioInput)
+SELVIO_CAMERA_PROPERTY(std::shared_ptr<selvio::VideoDataOutput>, videoDataOutput, setVideoDataOutput)
+SELVIO_CAMERA_PROPERTY(std::shared_ptr<selvio::AudioDataOutput>, audioDataOutput, setAudioDataOutput)
+SELVIO_CAMERA_PROPERTY(std::shared_ptr<selvio::MetadataOutput>, metaDataOutput, setMetaDataOutput)
+SELVIO_CAMERA_PROPERTY(std::shared_ptr<selvio::AssetWriter>, assetWriter, setAssetWriter)
+SELVIO_CAMERA_PROPERTY(std::shared_ptr<selvio::AssetWriterInput>, writerVideoInput, setWriterVideoInput)
+SELVIO_CAMERA_PROPERTY(std::shared_ptr<selvio::AssetWriterInput>, writerAudioInput, setWriterAudioInput)
+SELVIO_CAMERA_PROPERTY(std::optional<std::filesystem::path>, videoRecordingUrl, setVideoRecordingUrl)
+
+#undef SELVIO_CAMERA_PROPERTY
+// clang-format on
+
+std::shared_ptr<SelvioFacialCaptureCameraDelegate> SelvioFacialCaptureCamera::delegate() const {
+    return state_->delegate();
+}
+
+bool SelvioFacialCaptureCamera::isConfigured() const {
+    return state_->get(&CameraValues::configured);
+}
+
+bool SelvioFacialCaptureCamera::isTorchON() const {
+    return state_->get(&CameraValues::isTorchON);
+}
+
+bool SelvioFacialCaptureCamera::isTorchOn() const {
+    return isTorchON();
+}
+
+selvio::Size SelvioFacialCaptureCamera::resolution() const {
+    return state_->get(&CameraValues::resolution);
+}
+
+std::shared_ptr<selvio::PreviewLayer> SelvioFacialCaptureCamera::videoPreviewLayer() const {
+    return state_->get(&CameraValues::videoPreviewLayer);
+}
+
+const std::shared_ptr<selvio::Queue>& SelvioFacialCaptureCamera::videoQueue() const {
+    return videoQueue_;
+}
+
+const std::shared_ptr<selvio::Queue>& SelvioFacialCaptureCamera::videoOutputQueue() const {
+    return videoOutputQueue_;
+}
+
+const std::shared_ptr<selvio::View>& SelvioFacialCaptureCamera::view() const {
+    return view_;
+}

@@ -1,0 +1,23 @@
+// Building the capture graph.
+#pragma once
+
+#include "camera/CameraState.h"
+
+namespace selvio {
+
+/// Who takes part in a configuration. References are valid for the call.
+struct ConfigurationContext {
+    const Platform& platform;
+    const std::shared_ptr<CameraState>& state;
+    const std::shared_ptr<CaptureOutputDelegate>& receiver;  ///< of samples and metadata
+    const std::shared_ptr<Queue>& videoOutputQueue;          ///< for the samples
+};
+
+/// Finds the camera, adds inputs and outputs to the state's session, focuses, orients the outputs and tells the delegate. On the session queue.
+/// Failures are logged; what had been built until then stays, and the delegate is told nothing.
+void configureSession(const ConfigurationContext& context);
+
+/// Turns every output connection of the session that can be turned the way `cameraOrientation` asks.
+void orientOutputs(CaptureSession& session, VideoOrientation cameraOrientation);
+
+}  // namespace selvio

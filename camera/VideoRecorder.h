@@ -1,0 +1,54 @@
+// Recording the capture into an MP4 file.
+#pragma once
+
+#include "camera/CameraState.h"
+
+namespace selvio {
+
+/// Writes the samples of a camera to a file while its writer is writing.
+///
+///     idle ──start──▶ writing ──stop──▶ finishing ──▶ completed, failed or cancelled
+///       ▲───────────discard┴─────────────────┘
+///
+/// The state is the writer's status and `shouldRecord` of the camera; nothing is kept here. A recorder outlives its camera until a stop or a discard
+/// already requested is done, so that no file is left half-written because the camera went.
+class VideoRecorder : public std::enable_shared_from_this<VideoRecorder> {
+public:
+    /// `queue`: the video output queue, held weakly.
+    VideoRecorder(const Platform& platform, std::shared_ptr<CameraState> state, const std::shared_ptr<Queue>& queue);
+
+    // On the video output queue.
+
+    void start();
+    void stop();
+    void discard();
+    void appendVideoSample(const std::shared_ptr<SampleBuffer>& sampleBuffer) const;
+    void appendAudioSample(const std::shared_ptr<SampleBuffer>& sampleBuffer) const;
+
+    // On any thread.
+
+    void deleteCurrentRecording() const;
+    [[nodiscard]] std::optional<std::filesystem::path> url() const;
+    void cleanupBrokenVideos() const;
+
+private:
+    void configureAssetWriter() const;
+    [[nodiscard]] std::shared_ptr<AssetWriterInput> makeVideoInput() const;
+    [[nodiscard]] std::shared_ptr<AssetWriterInput> makeAudioInput(AudioDataOutput& output) const;
+    void append(std::shared_ptr<AssetWriterInput> CameraValues::*member, const std::shared_ptr<SampleBuffer>& sampleBuffer) const;
+    void markInputsAsFinished() const;
+    void writerDidFinish(AssetWriterStatus status, const std::optional<std::filesystem::path>& path) const;
+    void deliver(const std::filesystem::path& path) const;
+    void removeRecording(const std::filesystem::path& path) const;
+    [[nodiscard]] bool isOnQueue() const;
+
+    const std::shared_ptr<const Clock> clock_;
+    const std::shared_ptr<const Device> device_;
+    const std::shared_ptr<const Screen> screen_;
+    const std::shared_ptr<AssetWriterFactory> writers_;
+    const std::shared_ptr<FileManager> files_;
+    const std::shared_ptr<CameraState> state_;
+    const std::weak_ptr<Queue> queue_;
+};
+
+}  // namespace selvio
