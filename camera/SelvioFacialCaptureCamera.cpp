@@ -223,9 +223,9 @@ void SelvioFacialCaptureCamera::updatePreviewLayer(selvio::VideoOrientation orie
 // ---- Recording ----
 
 void SelvioFacialCaptureCamera::startRecording() {
-    // Weak: a camera that has gone could never stop what would begin here.
-    dispatch(videoOutputQueue_, [weakRecorder = std::weak_ptr(recorder_)] {
-        if (const auto recorder = weakRecorder.lock()) recorder->start();
+    // A camera that has gone could never stop what would begin here.
+    dispatch(videoOutputQueue_, [weakSelf = weak_from_this(), recorder = recorder_] {
+        if (!weakSelf.expired()) recorder->start();
     });
 }
 

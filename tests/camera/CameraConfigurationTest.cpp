@@ -1,0 +1,137 @@
+#include "CameraRig.h"
+
+namespace selvio {
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+TEST(CameraConfiguration, callsInOrderForTheWholeGraph) {
+    CameraRig rig;
+    rig.capture->refused = {"640x480"};
+    rig.camera = Camera::initWithPreset("640x480", kPixelFormat32BGRA, CaptureDevicePosition::Front, {}, rig.platform);
+    rig.camera->setDetectPDF417(true);
+    rig.camera->parameters()->setRecordAudio(true);
+    rig.configure();
+    EXPECT_THAT(
+        rig.capture->calls.take(),
+        ElementsAre("begin", "discover BuiltInWideAngleCamera video 2", "add camera", "can set 640x480", "can set 1920x1080", "set 1920x1080",
+                    "add microphone", "video format 1111970369", "video discards late",
+                    "video receiver on com.selvio.facialcapture.videoDataOutputQueue", "add video",
+                    "audio receiver on com.selvio.facialcapture.videoDataOutputQueue", "add audio", "metadata receiver on MetaDataOutputQueue",
+                    "add metadata", "metadata types PDF417", "commit", "camera lock", "camera focus centre", "camera focus mode 2", "camera unlock",
+                    "video orientation 1", "audio orientation 1", "metadata orientation 1", "preview orientation 1"));
+    EXPECT_THAT(rig.events, ElementsAre("configured"));
+    EXPECT_TRUE(rig.camera->isConfigured());
+    EXPECT_EQ(rig.camera->videoDevice()->uniqueId(), "camera");
+    EXPECT_EQ(rig.camera->audioInput()->device(), rig.camera->audioDevice());
+    EXPECT_EQ(rig.camera->discoverySession()->devices.size(), 2u);
+    EXPECT_THAT(rig.log.take(), IsEmpty());
+}
+
+TEST(CameraConfiguration, withDefaultsIsSmallAndTurnsPreviewAndFramesApart) {
+    CameraRig rig;
+    rig.capture->focusSupported = false;
+    rig.make();
+    rig.configure();
+    EXPECT_THAT(rig.capture->calls.take(),
+                ElementsAre("begin", "discover BuiltInWideAngleCamera video 1", "add camera", "video format 0", "video discards late",
+                            "video receiver on com.selvio.facialcapture.videoDataOutputQueue", "add video", "commit", "camera lock", "camera unlock",
+                            "video orientation 3", "preview orientation 1"));
+}
+
+// Everything that can go wrong: what is logged, what the graph then holds, and whether the delegate hears of it.
+TEST(CameraConfiguration, failures) {
+    using Script = FakeCaptureScript;
+    const std::string focus = "Failed to set continuous autofocus and point of interest";
+    const std::string noSound = "Could not add audio device input to the session";
+    const struct {
+        std::function<void(Script&)> fault;
+        Strings log;
+        std::string outputs;
+        bool configured;
+    } rows[] = {
+        // clang-format off
+        {[](Script& script) { script.noCamera = true; }, {"Could not discover a capture device"}, "", false},
+        {[](Script& script) { script.failingInputs = {"camera"}; }, {"Could not create video device input: not allowed"}, "", false},
+        {[](Script& script) { script.refused = {"camera"}; }, {"Could not add video device input to the session"}, "", false},
+        {[](Script& script) { script.refused = {"microphone"}; }, {noSound}, "video audio metadata ", true},
+        {[](Script& script) { script.failingInputs = {"microphone"}; }, {noSound, focus}, "video metadata ", false},
+        {[](Script& script) { script.noMicrophone = true; }, {noSound, focus}, "video metadata ", false},
+        {[](Script& script) { script.refused = {"video"}; }, {"Can't add videoDataOutput"}, "audio metadata ", true},
+        {[](Script& script) { script.refused = {"audio"}; }, {"Can't add audioDataOutput"}, "video metadata ", true},
+        {[](Script& script) { script.refused = {"metadata"}; }, {"Can't add metaDataOutput"}, "video audio ", true},
+        {[](Script& script) { script.lockFails = true; }, {focus}, "video audio metadata ", false},
+        // clang-format on
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.log.back() + " / " + row.outputs);
+        CameraRig rig;
+        row.fault(*rig.capture);
+        rig.make();
+        rig.camera->setDetectPDF417(true);
+        rig.camera->parameters()->setRecordAudio(true);
+        rig.configure();
+        EXPECT_EQ(rig.log.take(), row.log);
+        EXPECT_EQ(rig.camera->isConfigured(), row.configured);
+        EXPECT_EQ(rig.events.size(), row.configured ? 1u : 0u);
+        std::string outputs;
+        for (const auto& output : rig.camera->session()->outputs()) outputs += dynamic_cast<FakeOutput&>(*output).name() + " ";
+        EXPECT_EQ(outputs, row.outputs);
+        EXPECT_EQ(std::string(rig.camera->videoDataOutput() ? "video " : "") + (rig.camera->audioDataOutput() ? "audio " : "") +
+                      (rig.camera->metaDataOutput() ? "metadata " : ""),
+                  row.outputs);
+        const Strings calls = rig.capture->calls.take();
+        EXPECT_EQ(std::count(calls.begin(), calls.end(), "commit"), 1);
+        EXPECT_EQ(testing::Value(calls, Contains(testing::HasSubstr(" orientation 3"))), row.configured);
+    }
+}
+
+TEST(CameraConfiguration, resolution) {
+    const struct {
+        std::optional<std::string> preset;
+        std::int64_t format;
+        Size desired;
+        Strings calls;
+    } rows[] = {{std::nullopt, kPixelFormat420v, {}, {}},
+                {std::nullopt, kPixelFormat420v, {640, 480}, {"camera lock", "camera format width 640", "camera unlock"}},
+                {std::nullopt, kPixelFormat32BGRA, {640, 480}, {}},
+                {"High", kPixelFormat420v, {640, 480}, {"can set High", "set High"}}};
+    for (const auto& row : rows) {
+        CameraRig rig;
+        rig.capture->formats = {{{kPixelFormat420v, 640, 480}, 30.0}};
+        rig.capture->lockFails = true;  // the format is set all the same
+        rig.make();
+        rig.camera->setPreset(row.preset, row.format);
+        rig.camera->setDesiredResolution(row.desired);
+        rig.configure();
+        const Strings calls = rig.capture->calls.take();
+        const auto from = std::find(calls.begin(), calls.end(), "add camera") + 1;
+        const auto to = std::find_if(from, calls.end(), [](const std::string& call) { return call.starts_with("video format"); });
+        EXPECT_EQ(Strings(from, to), row.calls);
+    }
+}
+
+TEST(CameraConfiguration, dependsOnTheDelegate) {
+    CameraRig rig;
+    rig.make();
+    rig.camera->setDelegate(nullptr);
+    rig.run();
+    EXPECT_THAT(rig.capture->calls.take(), IsEmpty());
+
+    const auto silent = std::make_shared<SelvioFacialCaptureCameraDelegate>();
+    rig.camera->setAnalyzeRGBVideo(false);
+    rig.camera->setDelegate(silent);
+    rig.run();
+    EXPECT_THAT(rig.capture->calls.take(), Contains("video format 875704438"));
+    EXPECT_FALSE(rig.camera->isConfigured()) << "the graph is complete, but nobody was told";
+
+    rig.configure();  // a second run on the same session
+    EXPECT_THAT(rig.log.take(), ElementsAre("Could not add video device input to the session"));
+    EXPECT_EQ(rig.camera->session()->outputs().size(), 1u);
+    EXPECT_THAT(rig.events, IsEmpty());
+}
+
+}  // namespace
+}  // namespace selvio

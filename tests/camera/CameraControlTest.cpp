@@ -1,0 +1,279 @@
+#include "CameraRig.h"
+
+namespace selvio {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr auto kTorchDelay = std::chrono::milliseconds(100);
+
+TEST(CameraControl, initializers) {
+    CameraRig rig;
+    const Platform& on = rig.platform;
+    const Rect own{1.0, 2.0, 3.0, 4.0};
+    const Rect given{5.0, 6.0, 7.5, 8.0};
+    const auto front = CaptureDevicePosition::Front;
+    const auto back = CaptureDevicePosition::Back;
+    const auto unset = VideoOrientation::NotSet;
+    const auto left = VideoOrientation::LandscapeLeft;
+    const struct {
+        std::function<std::shared_ptr<Camera>()> make;
+        Rect frame;
+        CaptureDevicePosition position;
+        std::int64_t format;
+        std::optional<std::string> preset;
+        Size desired;
+        VideoOrientation orientation;
+    } rows[] = {
+        // clang-format off
+        {[&] { return Camera::init(on); }, own, back, 0, {}, {}, unset},
+        {[&] { return Camera::initWithCoder(R"({"Frame":[5,6,7.5,8]})", on); }, given, back, 0, {}, {}, unset},
+        {[&] { return Camera::initWithCoder("{", on); }, own, back, 0, {}, {}, unset},
+        {[&] { return Camera::initWithCoder(R"({"Frame":[5,6,null,8]})", on); }, own, back, 0, {}, {}, unset},
+        {[&] { return Camera::initWithPreset("High", 32, front, left, given, on); }, given, front, 32, "High", {}, left},
+        {[&] { return Camera::initWithPreset("High", 32, front, given, on); }, given, front, 32, "High", {}, VideoOrientation::Portrait},
+        {[&] { return Camera::initWithDesiredResolution({640, 480}, 32, front, given, on); }, given, front, 32, {}, {640, 480}, unset},
+        // clang-format on
+    };
+    for (const auto& row : rows) {
+        rig.view->setFrame(own);
+        const auto camera = row.make();
+        EXPECT_EQ(camera->view()->frame(), row.frame);
+        EXPECT_EQ(camera->devicePosition(), row.position);
+        EXPECT_EQ(camera->pixelBufferFormat(), row.format);
+        EXPECT_EQ(camera->sessionPreset(), row.preset);
+        EXPECT_EQ(camera->desiredResolution(), row.desired);
+        EXPECT_EQ(camera->cameraOrientation(), row.orientation);
+        EXPECT_TRUE(camera->analyzeRGBVideo() && camera->shouldRecord() && camera->parameters() && camera->session());
+        EXPECT_FALSE(camera->isConfigured() || camera->detectPDF417() || camera->deliverDepthData() || camera->isTorchON());
+        EXPECT_EQ(camera->resolution(), Size());
+        EXPECT_EQ(rig.layer->gravity, kVideoGravityResizeAspectFill);
+        rig.view->setFrame(given);
+        EXPECT_EQ(Camera::initWithCoder(camera->encodeWithCoder(), on)->view()->frame(), given);
+    }
+}
+
+TEST(CameraControl, startStopShutdown) {
+    CameraRig rig;
+    rig.make();
+    rig.camera->setDetectPDF417(true);
+    rig.camera->parameters()->setRecordAudio(true);
+    rig.configure();
+    (void)rig.capture->calls.take();
+    rig.camera->stop();
+    EXPECT_THAT(rig.capture->calls.take(), IsEmpty()) << "not running";
+    rig.camera->start();
+    rig.camera->start();
+    EXPECT_FALSE(rig.camera->session()->isRunning()) << "starting is the session queue's work";
+    rig.run();
+    rig.camera->stop();
+    EXPECT_THAT(rig.capture->calls.take(), ElementsAre("run", "stop"));
+
+    const auto session = rig.camera->session();
+    rig.camera->shutdown();
+    EXPECT_THAT(rig.capture->calls.take(),
+                ElementsAre("begin", "video receiver on nothing", "remove video", "audio receiver on nothing", "remove audio",
+                            "metadata receiver on nothing", "remove metadata", "remove camera", "remove microphone", "commit"));
+    EXPECT_TRUE(!rig.camera->session() && !rig.camera->videoDataOutput() && !rig.camera->audioDataOutput() && !rig.camera->metaDataOutput());
+    EXPECT_TRUE(rig.camera->isConfigured() && rig.camera->videoInput() && rig.camera->audioInput() && rig.camera->videoDevice());
+    rig.camera->shutdown();
+    rig.camera->start();
+    rig.camera->stop();
+    rig.run();
+    EXPECT_THAT(rig.capture->calls.take(), IsEmpty()) << "no session to work on";
+}
+
+TEST(CameraControl, torch) {
+    CameraRig rig;
+    rig.make();
+    EXPECT_FALSE(rig.camera->hasTorch() || rig.camera->turnTorchOn() || rig.camera->turnTorchOff()) << "no device yet";
+    rig.configure();
+    (void)rig.capture->calls.take();
+    EXPECT_FALSE(rig.camera->hasTorch() || rig.camera->turnTorchOn() || rig.camera->turnTorchOff());
+    rig.main->advance(kTorchDelay);
+    EXPECT_FALSE(rig.camera->isTorchON());
+
+    rig.capture->torch = true;
+    rig.capture->lockFails = true;  // makes no difference
+    EXPECT_TRUE(rig.camera->hasTorch() && rig.camera->turnTorchOn());
+    rig.main->advance(kTorchDelay - std::chrono::nanoseconds(1));
+    EXPECT_FALSE(rig.camera->isTorchON());
+    rig.main->advance(std::chrono::nanoseconds(1));
+    EXPECT_TRUE(rig.camera->isTorchON() && rig.camera->isTorchOn());
+    EXPECT_TRUE(rig.camera->turnTorchOff());
+    EXPECT_FALSE(rig.camera->isTorchOn());
+    EXPECT_THAT(rig.capture->calls.take(),
+                ElementsAre("camera lock", "camera torch on", "camera unlock", "camera lock", "camera torch off", "camera unlock"));
+
+    EXPECT_TRUE(rig.camera->turnTorchOn());
+    rig.camera.reset();
+    rig.main->advance(kTorchDelay);
+    EXPECT_THAT(rig.capture->calls.take(), IsEmpty()) << "the camera has gone";
+}
+
+TEST(CameraControl, previewFollowsTheInterfaceAndFramesDoNot) {
+    CameraRig rig;
+    rig.capture->torch = true;
+    rig.make();
+    rig.camera->setCameraOrientation(VideoOrientation::LandscapeLeft);
+    rig.configure();
+    const struct {
+        std::int64_t orientation;
+        bool torch;
+        Strings calls;
+    } rows[] = {{2, false, {"preview orientation 2", "video orientation 4"}},
+                {4, true, {"preview orientation 4", "video orientation 4", "camera lock", "camera torch on", "camera unlock"}},
+                {0, true, {"camera lock", "camera torch on", "camera unlock"}},
+                {5, false, {}}};
+    for (const auto& row : rows) {
+        rig.camera->turnTorchOff();
+        if (row.torch) rig.camera->turnTorchOn();
+        rig.main->advance(kTorchDelay);
+        (void)rig.capture->calls.take();
+        rig.camera->updatePreviewLayer(static_cast<VideoOrientation>(row.orientation));
+        rig.main->advance(kTorchDelay);
+        EXPECT_EQ(rig.capture->calls.take(), row.calls) << row.orientation;
+    }
+}
+
+TEST(CameraControl, framesAndDropsReachTheDelegate) {
+    CameraRig rig;
+    rig.make();
+    rig.camera->parameters()->setRecordAudio(true);
+    rig.configure();
+    rig.events.clear();
+    rig.video()->deliver(SampleBuffer::makeVideo(nullptr));
+    rig.run();
+    EXPECT_EQ(rig.camera->resolution(), Size());
+    rig.video()->deliver(frame(4, 2));
+    rig.video()->deliver(frame(8, 6));
+    rig.video()->drop(frame());
+    rig.audio()->deliver(frame());
+    rig.audio()->drop(frame());
+    rig.run();
+    EXPECT_THAT(rig.events, ElementsAre("frame", "frame", "frame", "drop"));
+    EXPECT_EQ(rig.camera->resolution(), (Size{4.0, 2.0})) << "the first picture's";
+
+    const auto silent = std::make_shared<SelvioFacialCaptureCameraDelegate>();
+    rig.camera->setDelegate(silent);
+    rig.video()->deliver(frame());
+    rig.video()->drop(frame());
+    rig.run();
+    const auto video = rig.video();
+    video->deliver(frame());
+    rig.camera->setDelegate(rig.delegate);
+    rig.camera.reset();
+    rig.run();
+    EXPECT_EQ(rig.events.size(), 4u) << "neither an empty delegate nor a camera that has gone hears of anything";
+}
+
+TEST(CameraControl, barcodes) {
+    const std::string type = kMetadataObjectTypePDF417Code;
+    const struct {
+        std::vector<MetadataObject> batch;
+        Strings events;
+    } rows[] = {{{{type, "one", {}}, {type, "two", {}}}, {"barcode one"}},
+                {{{"QR", "no", {}}, {type, std::nullopt, {}}, {type, "two", {}}}, {"barcode two"}},
+                {{{type, "", {}}, {type, "two", {}}}, {"barcode "}},
+                {{{"QR", "no", {}}}, {}},
+                {{}, {}}};
+    for (const auto& row : rows) {
+        CameraRig rig;
+        rig.make();
+        rig.camera->setDetectPDF417(true);
+        rig.configure();
+        rig.events.clear();
+        std::dynamic_pointer_cast<FakeMetadataOutput>(rig.camera->metaDataOutput())->decode(row.batch);
+        rig.run();
+        EXPECT_EQ(rig.events, row.events);
+    }
+}
+
+TEST(CameraControl, lifeCycle) {
+    CameraRig rig;
+    rig.make();
+    const auto post = [&rig](ApplicationNotification notification) { rig.notifications->post(notification); };
+    post(ApplicationNotification::WillResignActive);
+    post(ApplicationNotification::WillResignActive);
+    post(ApplicationNotification::DidBecomeActive);
+    ASSERT_EQ(rig.view->subviews.size(), 1u);
+    EXPECT_EQ(rig.view->subviews[0].style, 1);
+    EXPECT_EQ(rig.view->subviews[0].tag, 77);
+    EXPECT_EQ(rig.view->subviews[0].frame, (Rect{0.0, 0.0, 300.0, 600.0}));
+    rig.files->put("selvio_a.mp4");
+    rig.camera->shutdown();
+    post(ApplicationNotification::DidBecomeActive);
+    post(ApplicationNotification::WillTerminate);
+    EXPECT_EQ(rig.view->subviews.size(), 1u) << "shut down: nobody listens";
+    EXPECT_THAT(rig.files->names(), ElementsAre("selvio_a.mp4"));
+
+    rig.make();
+    post(ApplicationNotification::WillTerminate);
+    EXPECT_THAT(rig.files->names(), IsEmpty());
+    rig.camera.reset();
+    post(ApplicationNotification::WillResignActive);
+    EXPECT_EQ(rig.view->subviews.size(), 1u) << "gone without a shutdown";
+}
+
+TEST(CameraControl, permissions) {
+    const struct {
+        std::int64_t status;
+        std::optional<bool> camera, microphone;
+    } rows[] = {{0, true, false}, {1, false, false}, {2, false, false}, {3, true, true}, {4, {}, {}}};  // 0: the fake's person grants video only
+    for (const auto& row : rows) {
+        CameraRig rig;
+        rig.capture->authorization = static_cast<AuthorizationStatus>(row.status);
+        std::optional<bool> camera, microphone;
+        Camera::checkCameraPermission([&](bool granted) { camera = granted; }, rig.platform);
+        Camera::checkMicrophonePermission([&](bool granted) { microphone = granted; }, rig.platform);
+        Camera::checkCameraPermission(nullptr, rig.platform);
+        EXPECT_EQ(camera, row.camera);
+        EXPECT_EQ(microphone, row.microphone);
+    }
+}
+
+// Each port missing in turn, and all of them: nothing crashes, and what needs no port still works.
+TEST(CameraControl, missingPorts) {
+    const std::vector<std::function<void(Platform&)>> removals = {
+        // clang-format off
+        [](Platform& on) { on.clock = nullptr; }, [](Platform& on) { on.mainQueue = nullptr; }, [](Platform& on) { on.makeSerialQueue = {}; },
+        [](Platform& on) { on.device = nullptr; }, [](Platform& on) { on.screen = nullptr; }, [](Platform& on) { on.captureSystem = nullptr; },
+        [](Platform& on) { on.assetWriters = nullptr; }, [](Platform& on) { on.fileManager = nullptr; }, [](Platform& on) { on.makeView = {}; },
+        [](Platform& on) { on.notificationCenter = nullptr; }, [](Platform& on) { on = {}; },
+        // clang-format on
+    };
+    for (std::size_t i = 0; i < removals.size(); ++i) {
+        SCOPED_TRACE(i);
+        CameraRig rig;
+        rig.capture->torch = true;
+        removals[i](rig.platform);
+        rig.make();
+        rig.camera->parameters()->setRecordVideo(true);
+        rig.camera->setDetectPDF417(true);
+        rig.configure();
+        EXPECT_EQ(rig.camera->isConfigured(), rig.platform.captureSystem && rig.platform.makeSerialQueue);
+        rig.camera->start();
+        rig.run();
+        if (rig.video()) rig.video()->deliver(frame());
+        rig.run();
+        rig.camera->turnTorchOn();
+        rig.camera->updatePreviewLayer(VideoOrientation::Portrait);
+        rig.notifications->post(ApplicationNotification::WillResignActive);
+        rig.notifications->post(ApplicationNotification::DidBecomeActive);
+        rig.main->advance(kTorchDelay);
+        rig.camera->stop();
+        rig.camera->discardRecording();
+        rig.camera->setParameters(nullptr);
+        rig.camera->startRecording();
+        rig.run();
+        rig.camera->shutdown();
+        EXPECT_FALSE(rig.camera->session());
+        bool granted = true;
+        Camera::checkCameraPermission([&](bool answer) { granted = answer; }, rig.platform);
+        EXPECT_EQ(granted, rig.platform.captureSystem != nullptr);
+    }
+}
+
+}  // namespace
+}  // namespace selvio

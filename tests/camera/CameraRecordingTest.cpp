@@ -1,0 +1,216 @@
+#include "CameraRig.h"
+
+namespace selvio {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+std::shared_ptr<FakeAssetWriter> writerOf(const CameraRig& rig) {
+    return std::dynamic_pointer_cast<FakeAssetWriter>(rig.camera->assetWriter());
+}
+
+TEST(CameraRecording, callsInOrderForAWholeRecording) {
+    CameraRig rig;
+    rig.files->put("selvio_left over.mp4");
+    rig.makeRecording();
+    EXPECT_THAT(rig.files->names(), IsEmpty());
+    const std::string path = rig.camera->url().value().string();
+    EXPECT_EQ(rig.camera->videoRecordingUrl(), path);
+    EXPECT_EQ(path.rfind("/documents/selvio_20", 0), 0u) << path;
+    EXPECT_THAT(rig.writing->calls.take(), ElementsAre("make MPEG4 " + path, "video H264 720x1280 at 1500000", "video real time", "add video",
+                                                       "audio 44100 at 128000", "audio real time", "add audio", "start", "from 42 s"));
+    rig.events.clear();
+    rig.video()->deliver(frame());
+    rig.audio()->deliver(frame());
+    rig.run();
+    rig.camera->stop();
+    rig.video()->deliver(frame());
+    rig.run();
+    EXPECT_THAT(rig.writing->calls.take(), ElementsAre("video sample", "audio sample", "video finished", "audio finished", "finish"));
+    EXPECT_THAT(rig.events, ElementsAre("frame", "frame")) << "the delegate gets every frame, recorded or not";
+    EXPECT_FALSE(rig.camera->shouldRecord());
+
+    rig.files->put(std::filesystem::path(path).filename().string(), {1, 2, 3});
+    writerOf(rig)->finish(AssetWriterStatus::Completed);
+    EXPECT_EQ(rig.events.back(), "recording of 3");
+    EXPECT_THAT(rig.files->names(), IsEmpty());
+    EXPECT_TRUE(rig.camera->assetWriter() && rig.camera->writerVideoInput() && rig.camera->videoRecordingUrl());
+    EXPECT_THAT(rig.log.take(), IsEmpty());
+
+    rig.camera->start();
+    rig.run();
+    EXPECT_TRUE(rig.camera->shouldRecord());
+    EXPECT_EQ(rig.camera->assetWriter()->status(), AssetWriterStatus::Writing) << "a new file";
+}
+
+TEST(CameraRecording, settings) {
+    const struct {
+        InterfaceOrientation orientation;
+        const char *codec, *version;
+        std::int64_t quality;
+        const char* call;
+    } rows[] = {{InterfaceOrientation::LandscapeLeft, kVideoCodecTypeHEVC, "11.0", 55, "video HEVC 1280x720 at 3250000"},
+                {InterfaceOrientation::PortraitUpsideDown, kVideoCodecTypeHEVC, "10.0", 100, "video HEVC 720x1280 at 13000000"}};
+    for (const auto& row : rows) {
+        CameraRig rig;
+        rig.capture->codec = row.codec;
+        rig.platform.device = std::make_shared<FakeDevice>(row.version);
+        rig.platform.screen = std::make_shared<FakeScreen>(Size{}, row.orientation);
+        rig.make();
+        rig.camera->parameters()->setRecordVideo(true);
+        rig.camera->parameters()->setVideoQuality(row.quality);
+        rig.configure();
+        rig.camera->startRecording();
+        rig.run();
+        EXPECT_EQ(rig.writing->calls.take().at(1), row.call);
+        EXPECT_FALSE(rig.camera->writerAudioInput());
+    }
+}
+
+// How a recording can fail to begin: the messages, and the writer that is left.
+TEST(CameraRecording, failuresAtTheStart) {
+    const std::string noVideo = "Can't add writerInputVideo";
+    const std::string noAudio = "Can't add writerInputAudio";
+    const struct {
+        std::set<std::string> refused;
+        Strings log;
+        bool writer;
+    } rows[] = {{{"video"}, {noVideo, noAudio}, false}, {{"audio"}, {noAudio}, true}, {{"writer"}, {noVideo, noAudio}, false}};
+    for (const auto& row : rows) {
+        CameraRig rig;
+        rig.writing->refused = row.refused;
+        rig.makeRecording();
+        EXPECT_EQ(rig.log.take(), row.log);
+        EXPECT_EQ(rig.camera->assetWriter() != nullptr, row.writer);
+        EXPECT_TRUE(rig.camera->session()->isRunning()) << "the capture goes on";
+    }
+    CameraRig rig;
+    rig.capture->refused = {"audio"};
+    rig.makeRecording();
+    EXPECT_THAT(rig.log.take(), ElementsAre("Can't add audioDataOutput")) << "then without sound and without a further message";
+    EXPECT_TRUE(rig.camera->assetWriter() && !rig.camera->writerAudioInput());
+}
+
+// Each condition alone keeps a sample out of the file.
+TEST(CameraRecording, appendingConditions) {
+    const struct {
+        const char* what;
+        std::function<void(CameraRig&)> spoil;
+        bool ready;
+    } rows[] = {
+        {"writer not writing", [](CameraRig& rig) { writerOf(rig)->finish(AssetWriterStatus::Failed); }, true},
+        {"no writer", [](CameraRig& rig) { rig.camera->setAssetWriter(nullptr); }, true},
+        {"no input", [](CameraRig& rig) { rig.camera->setWriterVideoInput(nullptr), rig.camera->setWriterAudioInput(nullptr); }, true},
+        {"input not ready", [](CameraRig& rig) { rig.writing->ready = false; }, true},
+        {"told not to record", [](CameraRig& rig) { rig.camera->setShouldRecord(false); }, true},
+        {"data not ready", [](CameraRig&) {}, false},
+    };
+    for (const auto& row : rows) {
+        CameraRig rig;
+        rig.makeRecording();
+        (void)rig.writing->calls.take();
+        row.spoil(rig);
+        rig.video()->deliver(frame(4, 2, row.ready));
+        rig.audio()->deliver(frame(4, 2, row.ready));
+        rig.run();
+        EXPECT_THAT(rig.writing->calls.take(), IsEmpty()) << row.what;
+        EXPECT_EQ(rig.events.back(), "frame") << row.what;
+    }
+}
+
+TEST(CameraRecording, endings) {
+    const struct {
+        AssetWriterStatus status;
+        bool implemented, fileThere;
+        Strings log;
+        bool delivered, fileLeft;
+    } rows[] = {{AssetWriterStatus::Completed, true, true, {}, true, false},
+                {AssetWriterStatus::Completed, false, true, {}, false, true},
+                {AssetWriterStatus::Completed, true, false, {"Couldn't read item at path: selvio_r.mp4\nno such file"}, false, false},
+                {AssetWriterStatus::Failed, true, true, {"*** AVAssetWriterStatusFailed"}, false, true},
+                {AssetWriterStatus::Cancelled, true, true, {"*** AVAssetWriterStatusCancelled"}, false, true},
+                {AssetWriterStatus::Unknown, true, true, {"*** AVAssetWriterStatus other"}, false, true},
+                {AssetWriterStatus::Writing, true, true, {"*** AVAssetWriterStatus other"}, false, true}};
+    for (const auto& row : rows) {
+        CameraRig rig;
+        if (!row.implemented) rig.delegate->didFinishRecordingVideo = {};
+        rig.makeRecording();
+        rig.events.clear();
+        rig.camera->setVideoRecordingUrl("/documents/selvio_r.mp4");
+        rig.camera->stopRecording();
+        rig.run();
+        if (row.fileThere) rig.files->put("selvio_r.mp4", {1});
+        const auto writer = writerOf(rig);
+        rig.camera->setVideoRecordingUrl("/documents/the next one");  // begun meanwhile
+        rig.camera.reset();                                           // and the camera may be gone
+        writer->finish(row.status);
+        EXPECT_EQ(rig.log.take(), row.log);
+        EXPECT_EQ(rig.events.size(), row.delivered ? 1u : 0u);
+        EXPECT_EQ(rig.files->names().size(), row.fileLeft ? 1u : 0u);
+    }
+}
+
+TEST(CameraRecording, discardAndStopWithoutAWriter) {
+    CameraRig rig;
+    rig.makeRecording();
+    rig.files->put(rig.camera->videoRecordingUrl().value().filename().string());
+    rig.files->put("other.mp4");
+    (void)rig.writing->calls.take();
+    rig.events.clear();
+    rig.camera->discardRecording();
+    rig.run();
+    EXPECT_THAT(rig.writing->calls.take(), ElementsAre("video finished", "audio finished", "cancel"));
+    EXPECT_TRUE(!rig.camera->assetWriter() && !rig.camera->writerVideoInput() && !rig.camera->writerAudioInput());
+    EXPECT_FALSE(rig.camera->shouldRecord());
+    EXPECT_THAT(rig.files->names(), ElementsAre("other.mp4"));
+
+    rig.camera->setShouldRecord(true);
+    rig.camera->stopRecording();
+    rig.run();
+    EXPECT_FALSE(rig.camera->shouldRecord());
+    EXPECT_THAT(rig.writing->calls.take(), IsEmpty());
+    EXPECT_THAT(rig.log.take(), IsEmpty());
+    EXPECT_THAT(rig.events, IsEmpty());
+}
+
+TEST(CameraRecording, aRequestedStopOutlivesTheCameraAndAStartDoesNot) {
+    CameraRig rig;
+    rig.makeRecording();
+    (void)rig.writing->calls.take();
+    rig.camera->stopRecording();
+    rig.camera->startRecording();
+    rig.camera.reset();
+    rig.run();
+    EXPECT_THAT(rig.writing->calls.take(), ElementsAre("video finished", "audio finished", "finish"));
+}
+
+TEST(CameraRecording, cleanup) {
+    const Strings before = {"selvio_a.mp4", "selvio_b.MP4", "x_selvio_c.mp4", "selvio_d.mov", "selvio_e.mp4"};
+    const struct {
+        bool listingFails;
+        std::set<std::string> undeletable;
+        Strings log, left;
+    } rows[] = {
+        // clang-format off
+        {false, {}, {}, {before[1], before[2], before[3]}},
+        {false, {before[0]}, {"Couldn't delete item at path: selvio_a.mp4\nread-only"}, {before[0], before[1], before[2], before[3]}},
+        {true, {}, {"Couldn't get contents of Documents directory:\nno such directory"}, before},
+        // clang-format on
+    };
+    for (const auto& row : rows) {
+        CameraRig rig;
+        for (const std::string& name : before) rig.files->put(name);
+        rig.files->listingFails = row.listingFails;
+        rig.files->undeletable = row.undeletable;
+        rig.make();
+        rig.camera->startRecording();  // recordVideo is off
+        rig.run();
+        EXPECT_EQ(rig.log.take(), row.log);
+        EXPECT_EQ(rig.files->names(), row.left);
+        EXPECT_FALSE(rig.camera->assetWriter());
+    }
+}
+
+}  // namespace
+}  // namespace selvio

@@ -1,0 +1,104 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <ctime>
+#include <set>
+
+#include "camera/rules/RecordingRules.h"
+#include "camera/rules/SessionRules.h"
+
+namespace selvio {
+namespace {
+
+constexpr PixelFormat k420v = kPixelFormat420v;
+
+TEST(CameraRules, presetFallsBackInOrder) {
+    const struct {
+        std::set<std::string> taken;
+        std::string set;
+        int asked;
+    } rows[] = {
+        {{"640x480", "1920x1080"}, "640x480", 1}, {{"1920x1080", "1280x720"}, "1920x1080", 2}, {{"1280x720"}, "1280x720", 3}, {{}, "High", 3}};
+    for (const auto& row : rows) {
+        int asked = 0;
+        EXPECT_EQ(presetToSet("640x480", [&](const std::string& preset) { return ++asked, row.taken.contains(preset); }), row.set);
+        EXPECT_EQ(asked, row.asked) << "High is set without asking";
+    }
+}
+
+TEST(CameraRules, formatSearchStopsOnlyAtANewWidest) {
+    const auto format = [](int width, int height, PixelFormat code = k420v) { return CaptureDeviceFormat{{code, width, height}, 30.0}; };
+    const struct {
+        const char* what;
+        std::vector<CaptureDeviceFormat> formats;
+        std::int64_t code;
+        std::optional<CaptureDeviceFormat> found;
+    } rows[] = {
+        {"stops at an exact match", {format(1280, 720), format(1920, 1080)}, k420v, format(1280, 720)},
+        {"exact after wider", {format(1920, 1080), format(1280, 720)}, k420v, format(1920, 1080)},
+        {"exact after equally wide", {format(1280, 960), format(1280, 720)}, k420v, format(1280, 960)},
+        {"height must match too", {format(1280, 960), format(1920, 1080)}, k420v, format(1920, 1080)},
+        {"first of the widest", {format(640, 480), format(960, 720), format(960, 540)}, k420v, format(960, 720)},
+        {"other pixel formats are passed over", {format(1280, 720, 32), format(640, 480)}, k420v, format(640, 480)},
+        {"no such pixel format; 0 is a code like others", {format(1280, 720)}, 0, std::nullopt},
+        {"code with bits above the 32", {format(1280, 720)}, (std::int64_t{1} << 40) | k420v, std::nullopt},
+    };
+    for (const auto& row : rows) EXPECT_EQ(searchFormat(row.formats, row.code, {1280, 720}), row.found) << row.what;
+}
+
+TEST(CameraRules, orientationsAndPixelFormat) {
+    const std::int64_t rows[][3] = {{0, 1, 3}, {1, 1, 1}, {2, 2, 2}, {3, 3, 3}, {4, 4, 4}, {5, 5, 3}};  // camera, preview, outputs
+    for (const auto& [value, preview, output] : rows) {
+        const auto camera = static_cast<VideoOrientation>(value);
+        EXPECT_EQ(static_cast<std::int64_t>(previewOrientation(camera)), preview);
+        EXPECT_EQ(static_cast<std::int64_t>(outputOrientation(camera)), output);
+        EXPECT_EQ(isOrientation(camera), value >= 1 && value <= 4);
+    }
+    EXPECT_EQ(framePixelFormat(true, kPixelFormat32BGRA), kPixelFormat32BGRA);
+    EXPECT_EQ(framePixelFormat(false, kPixelFormat32BGRA), 0x34323076u);
+}
+
+TEST(CameraRules, bitRates) {
+    const std::int64_t rows[][3] = {{10, 500'000, 1'500'000}, {11, 561'111, 1'627'777}, {55, 3'250'000, 7'250'000}, {100, 6'000'000, 13'000'000}};
+    for (const auto& [quality, hevc, other] : rows) {
+        EXPECT_EQ(averageBitRate(quality, kVideoCodecTypeHEVC, "11.0"), hevc);
+        EXPECT_EQ(averageBitRate(quality, kVideoCodecTypeHEVC, "10.3.4"), other);
+        EXPECT_EQ(averageBitRate(quality, kVideoCodecTypeHEVC, ""), other);
+        EXPECT_EQ(averageBitRate(quality, kVideoCodecTypeH264, "13.0"), other);
+    }
+}
+
+TEST(CameraRules, settingsKeepWhatTheyDoNotDecide) {
+    for (const std::int64_t orientation : {0, 1, 2, 3, 4, -1}) {  // -1: cannot be known
+        const auto known = orientation < 0 ? std::nullopt : std::optional(static_cast<InterfaceOrientation>(orientation));
+        const auto settings = recordingSettings({"H264", 640, 480, {{"Profile", 7}, {"AverageBitRate", 1}}}, known, 10, "13.0");
+        const bool portrait = orientation == 1 || orientation == 2;
+        EXPECT_EQ(settings.width, !known ? 640 : portrait ? 720 : 1280) << orientation;
+        EXPECT_EQ(settings.height, !known ? 480 : portrait ? 1280 : 720) << orientation;
+        EXPECT_EQ(settings.codec, "H264");
+        EXPECT_EQ(settings.compressionProperties, (std::map<std::string, std::int64_t>{{"Profile", 7}, {"AverageBitRate", 1'500'000}}));
+    }
+}
+
+TEST(CameraRules, fileNamesAreInLocalTime) {
+    const char* const before = std::getenv("TZ");
+    const std::string saved = before ? before : "";
+    const struct {
+        const char* zone;
+        double seconds;
+        const char* name;
+    } rows[] = {{"UTC0", 1.9996, "selvio_2001-01-01_00-00-01-999.mp4"},
+                {"IST-5:30", 0.5, "selvio_2001-01-01_05-30-00-500.mp4"},
+                {"EST5", -0.25, "selvio_2000-12-31_18-59-59-750.mp4"},
+                {"UTC0", 800'000'000.123, "selvio_2026-05-09_06-13-20-123.mp4"}};
+    for (const auto& row : rows) {
+        setenv("TZ", row.zone, 1);
+        EXPECT_EQ((tzset(), recordingFileName(row.seconds)), row.name);
+        EXPECT_TRUE(isLeftoverRecording(row.name));
+    }
+    before ? setenv("TZ", saved.c_str(), 1) : unsetenv("TZ");
+    tzset();
+}
+
+}  // namespace
+}  // namespace selvio

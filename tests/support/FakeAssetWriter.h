@@ -1,0 +1,102 @@
+// Writers that write down what they are given; the test says how they finish.
+#pragma once
+
+#include <SelvioFacialCapture/platform/AssetWriter.h>
+
+#include <atomic>
+#include <set>
+#include <utility>
+
+#include "support/CallLog.h"
+
+namespace selvio {
+
+/// What the writers share. Fill it before the calls.
+struct FakeWriterScript {
+    CallLog calls;
+    std::set<std::string> refused;  ///< "writer" (cannot be made), "video", "audio" (inputs)
+    std::atomic<bool> ready{true};
+    std::atomic<bool> finishesAtOnce{false};
+};
+
+class FakeAssetWriterInput final : public AssetWriterInput {
+public:
+    FakeAssetWriterInput(std::shared_ptr<FakeWriterScript> script, std::string name) : script_(std::move(script)), name_(std::move(name)) {}
+    void setExpectsMediaDataInRealTime(bool expects) override { script_->calls.add(name_ + (expects ? " real time" : " batch")); }
+    [[nodiscard]] bool isReadyForMoreMediaData() const override { return script_->ready; }
+    bool appendSampleBuffer(const std::shared_ptr<SampleBuffer>&) override {
+        script_->calls.add(name_ + " sample");
+        return true;
+    }
+    void markAsFinished() override { script_->calls.add(name_ + " finished"); }
+    [[nodiscard]] const std::string& name() const { return name_; }
+
+private:
+    const std::shared_ptr<FakeWriterScript> script_;
+    const std::string name_;
+};
+
+class FakeAssetWriter final : public AssetWriter {
+public:
+    explicit FakeAssetWriter(std::shared_ptr<FakeWriterScript> script) : script_(std::move(script)) {}
+    [[nodiscard]] AssetWriterStatus status() const override { return status_; }
+    [[nodiscard]] bool canAddInput(const AssetWriterInput& input) const override {
+        return !script_->refused.contains(dynamic_cast<const FakeAssetWriterInput&>(input).name());
+    }
+    void addInput(std::shared_ptr<AssetWriterInput> input) override {
+        script_->calls.add("add " + dynamic_cast<const FakeAssetWriterInput&>(*input).name());
+    }
+    bool startWriting() override {
+        script_->calls.add("start");
+        status_ = AssetWriterStatus::Writing;
+        return true;
+    }
+    void startSessionAtSourceTime(std::chrono::nanoseconds time) override {
+        script_->calls.add("from " + std::to_string(std::chrono::duration_cast<std::chrono::seconds>(time).count()) + " s");
+    }
+    void finishWriting(std::function<void()> completion) override {
+        script_->calls.add("finish");
+        completion_ = std::move(completion);
+        if (script_->finishesAtOnce) finish(AssetWriterStatus::Completed);
+    }
+    void cancelWriting() override {
+        script_->calls.add("cancel");
+        status_ = AssetWriterStatus::Cancelled;
+    }
+
+    /// The end of the writing, as the test has it.
+    void finish(AssetWriterStatus status) {
+        status_ = status;
+        if (const auto completion = std::exchange(completion_, nullptr)) completion();
+    }
+
+private:
+    const std::shared_ptr<FakeWriterScript> script_;
+    std::atomic<AssetWriterStatus> status_{AssetWriterStatus::Unknown};
+    std::function<void()> completion_;
+};
+
+class FakeAssetWriterFactory final : public AssetWriterFactory {
+public:
+    explicit FakeAssetWriterFactory(std::shared_ptr<FakeWriterScript> script) : script_(std::move(script)) {}
+    [[nodiscard]] Expected<std::shared_ptr<AssetWriter>> makeAssetWriter(const std::filesystem::path& path, const std::string& fileType) override {
+        script_->calls.add("make " + fileType + " " + path.string());
+        if (script_->refused.contains("writer")) return Error{"no room"};
+        return std::shared_ptr<AssetWriter>(std::make_shared<FakeAssetWriter>(script_));
+    }
+    [[nodiscard]] std::shared_ptr<AssetWriterInput> makeVideoInput(const VideoSettings& settings) override {
+        const auto rate = settings.compressionProperties.find(kVideoAverageBitRateKey);
+        script_->calls.add("video " + settings.codec + " " + std::to_string(settings.width) + "x" + std::to_string(settings.height) + " at " +
+                           (rate == settings.compressionProperties.end() ? "no rate" : std::to_string(rate->second)));
+        return std::make_shared<FakeAssetWriterInput>(script_, "video");
+    }
+    [[nodiscard]] std::shared_ptr<AssetWriterInput> makeAudioInput(const AudioSettings& settings) override {
+        script_->calls.add("audio " + std::to_string(settings.sampleRate) + " at " + std::to_string(settings.bitRate));
+        return std::make_shared<FakeAssetWriterInput>(script_, "audio");
+    }
+
+private:
+    const std::shared_ptr<FakeWriterScript> script_;
+};
+
+}  // namespace selvio

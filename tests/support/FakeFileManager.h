@@ -1,0 +1,57 @@
+// One directory in memory.
+#pragma once
+
+#include <SelvioFacialCapture/platform/Files.h>
+
+#include <algorithm>
+#include <mutex>
+#include <set>
+#include <utility>
+
+namespace selvio {
+
+class FakeFileManager final : public FileManager {
+public:
+    using Bytes = std::vector<std::uint8_t>;
+
+    [[nodiscard]] std::filesystem::path documentsDirectory() const override { return "/documents"; }
+    [[nodiscard]] Expected<std::vector<std::string>> contentsOfDirectory(const std::filesystem::path& directory) const override {
+        if (directory != documentsDirectory() || listingFails) return Error{"no such directory"};
+        return names();
+    }
+    [[nodiscard]] bool fileExists(const std::filesystem::path& path) const override { return static_cast<bool>(readFile(path)); }
+    std::optional<Error> removeItem(const std::filesystem::path& path) override {
+        if (undeletable.contains(path.filename().string())) return Error{"read-only"};
+        const std::lock_guard lock(mutex_);
+        std::erase_if(files_, [&](const auto& file) { return documentsDirectory() / file.first == path; });
+        return std::nullopt;
+    }
+    [[nodiscard]] Expected<Bytes> readFile(const std::filesystem::path& path) const override {
+        const std::lock_guard lock(mutex_);
+        for (const auto& [name, bytes] : files_) {
+            if (documentsDirectory() / name == path) return bytes;
+        }
+        return Error{"no such file"};
+    }
+
+    void put(std::string name, Bytes bytes = {}) {
+        const std::lock_guard lock(mutex_);
+        files_.emplace_back(std::move(name), std::move(bytes));
+    }
+    [[nodiscard]] std::vector<std::string> names() const {
+        const std::lock_guard lock(mutex_);
+        std::vector<std::string> names;
+        for (const auto& file : files_) names.push_back(file.first);
+        return names;
+    }
+
+    // Fill these before the calls.
+    bool listingFails = false;
+    std::set<std::string> undeletable;
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<std::pair<std::string, Bytes>> files_;  // guarded by mutex_; in listing order
+};
+
+}  // namespace selvio
