@@ -178,10 +178,12 @@ TEST(CameraRecording, aRequestedStopOutlivesTheCameraAndAStartDoesNot) {
     CameraRig rig;
     rig.makeRecording();
     (void)rig.writing->calls.take();
+    const auto writer = writerOf(rig);
     rig.camera->stopRecording();
     rig.camera->startRecording();
     rig.camera.reset();
     rig.run();
+    writer->finish(AssetWriterStatus::Failed);
     EXPECT_THAT(rig.writing->calls.take(), ElementsAre("video finished", "audio finished", "finish"));
 }
 
