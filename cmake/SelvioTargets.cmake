@@ -21,6 +21,7 @@ function(selvio_shared name export_name)
   target_compile_features(${name} PUBLIC cxx_std_20)
   target_link_libraries(${name} PUBLIC ${ARG_LINKS} PRIVATE $<BUILD_INTERFACE:selvio_options> ${ARG_PRIVATE_LINKS})
   set_target_properties(
-    ${name} PROPERTIES OUTPUT_NAME ${name} EXPORT_NAME ${export_name} VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
+    ${name} PROPERTIES OUTPUT_NAME ${name} EXPORT_NAME ${export_name} VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
+                       INSTALL_RPATH $ORIGIN)
   install(TARGETS ${name} EXPORT SelvioFacialCaptureTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 endfunction()

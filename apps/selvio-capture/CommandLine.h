@@ -1,0 +1,63 @@
+// What the person asked for.
+#pragma once
+
+#include "ExitCode.h"
+
+#include <SelvioFacialCapture/SelvioFacialCaptureParameters.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+namespace selvio::app {
+
+/// How strictly a face is judged. An absent value keeps the parameters' default; a present one lies in its documented range.
+struct RuleOptions {
+    std::optional<std::int64_t> minFill;  ///< thousandths of the screen's width
+    std::optional<std::int64_t> maxFill;
+    std::optional<std::int64_t> roll;
+    std::optional<std::int64_t> pitch;
+    std::optional<std::int64_t> yaw;
+};
+
+struct SourceOption {
+    enum class Kind { Automatic, Simulated, Camera, Video };
+    Kind kind = Kind::Automatic;
+    std::string name;  ///< of the camera (empty: the first one), or the path of the video
+};
+
+struct RunOptions {
+    SourceOption source;
+    std::filesystem::path photo;   ///< empty: the sample
+    std::filesystem::path script;  ///< empty: the sample's demonstration
+    std::filesystem::path out = "capture";
+    bool json = false;
+    bool preview = false;
+    std::shared_ptr<SelvioFacialCaptureParameters> parameters;
+};
+
+struct CheckOptions {
+    std::vector<std::string> images;
+    bool json = false;
+    std::shared_ptr<SelvioFacialCaptureParameters> parameters;
+};
+
+struct ShowOptions {
+    std::string photograph;
+};
+
+struct DevicesOptions {
+    bool json = false;
+};
+
+using Command = std::variant<RunOptions, CheckOptions, ShowOptions, DevicesOptions>;
+
+/// The command that the arguments (without the program's name) ask for. An exit code instead when there is nothing left to do: help or the version was
+/// asked for and printed on standard output, or the arguments are wrong, which standard error says.
+[[nodiscard]] std::variant<Command, ExitCode> parseCommandLine(std::vector<std::string> arguments);
+
+}  // namespace selvio::app

@@ -1,0 +1,41 @@
+// What `run` says while it runs: JSON lines, or guidance for a person.
+#pragma once
+
+#include "Texts.h"
+
+#include <SelvioFacialCapture/SelvioFacialCaptureResults.h>
+
+#include <iosfwd>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace selvio::app {
+
+/// One call of the analyzer's delegate.
+struct RunEvent {
+    std::string name;    ///< of the delegate's function
+    double time = 0.0;   ///< seconds since the capture was started
+    std::vector<SelvioFacialCaptureStatus> statuses;
+};
+
+/// All calls come from the main queue.
+class RunOutput {
+public:
+    virtual ~RunOutput() = default;
+    virtual void event(const RunEvent& event) = 0;
+    virtual void countdown(std::int64_t secondsLeft) = 0;
+    /// How the capture ended, or where a result is.
+    virtual void message(const std::string& text) = 0;
+};
+
+/// One JSON object a line for every event; nothing else.
+[[nodiscard]] std::unique_ptr<RunOutput> makeJsonOutput(std::ostream& stream);
+
+/// Guidance in one line that changes; where the stream is no terminal, a line whenever the text changes. `recordingMark` goes before the guidance.
+[[nodiscard]] std::unique_ptr<RunOutput> makePersonOutput(std::ostream& stream, bool terminal, Language language, std::string recordingMark);
+
+/// The localisation keys of statuses; "" for one without a key.
+[[nodiscard]] std::vector<std::string> keysOf(const std::vector<SelvioFacialCaptureStatus>& statuses);
+
+}  // namespace selvio::app

@@ -1,0 +1,69 @@
+#include "Texts.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+
+namespace selvio::app {
+namespace {
+
+struct StatusText {
+    std::string_view key;
+    std::string_view english;
+    std::string_view german;
+};
+
+constexpr std::array<StatusText, 15> kStatusTexts{{
+    {"selvio_facial_capture_status_none", "Please wait", "Bitte warten"},
+    {"selvio_facial_capture_status_face_not_found", "Show your face to the camera", "Zeigen Sie der Kamera Ihr Gesicht"},
+    {"selvio_facial_capture_status_more_than_one_face", "Only one face, please", "Bitte nur ein Gesicht"},
+    {"selvio_facial_capture_status_face_roll", "Hold your head upright", "Halten Sie den Kopf aufrecht"},
+    {"selvio_facial_capture_status_face_pitch", "Hold your chin level", "Halten Sie das Kinn gerade"},
+    {"selvio_facial_capture_status_face_yaw", "Look straight ahead", "Schauen Sie geradeaus"},
+    {"selvio_facial_capture_status_move_closer", "Move closer", "Kommen Sie näher"},
+    {"selvio_facial_capture_status_too_close", "Move back a little", "Gehen Sie etwas zurück"},
+    {"selvio_facial_capture_status_not_centered", "Move your face to the middle", "Bringen Sie das Gesicht in die Mitte"},
+    {"selvio_facial_capture_status_hold_still", "Hold still", "Halten Sie still"},
+    {"selvio_facial_capture_status_countdown", "Stay like that", "Bleiben Sie so"},
+    {"selvio_facial_capture_status_too_dark", "It is too dark", "Es ist zu dunkel"},
+    {"selvio_facial_capture_status_non_uniform_light", "Find more even light", "Suchen Sie gleichmäßigeres Licht"},
+    {"selvio_facial_capture_status_stop_smiling", "Stop smiling, please", "Bitte nicht lächeln"},
+    {"selvio_facial_capture_status_good_frame", "Very good", "Sehr gut"},
+}};
+
+}  // namespace
+
+Language languageOfLocale() {
+    for (const char* name : {"LC_ALL", "LC_MESSAGES", "LANG"}) {
+        const char* value = std::getenv(name);
+        if (value == nullptr || *value == '\0') continue;
+        const std::string_view locale(value);
+        const auto language = locale.substr(0, locale.find_first_of("_.@"));
+        return language == "de" ? Language::German : Language::English;
+    }
+    return Language::English;
+}
+
+std::optional<std::string> textForKey(std::string_view key, Language language) {
+    const auto* entry = std::ranges::find(kStatusTexts, key, &StatusText::key);
+    if (entry == kStatusTexts.end()) return std::nullopt;
+    return std::string(language == Language::German ? entry->german : entry->english);
+}
+
+std::string text(Phrase phrase, Language language) {
+    const bool german = language == Language::German;
+    switch (phrase) {
+        case Phrase::TimedOut: return german ? "Die Zeit ist um" : "Timed out";
+        case Phrase::Cancelled: return german ? "Abgebrochen" : "Cancelled";
+        case Phrase::FramesStopped: return german ? "Die Kamera liefert keine Bilder mehr" : "The camera has stopped delivering frames";
+        case Phrase::NoFrames: return german ? "Die Kamera liefert keine Bilder" : "The camera delivers no frames";
+        case Phrase::Photograph: return german ? "Foto" : "Photograph";
+        case Phrase::Record: return german ? "Datensatz" : "Record";
+        case Phrase::Recording: return german ? "Aufzeichnung" : "Recording";
+        case Phrase::PressEnter: return german ? "Eingabetaste: Foto aufnehmen" : "Press Enter to take the picture";
+        case Phrase::Source: return german ? "Quelle" : "Source";
+    }
+    return {};
+}
+
+}  // namespace selvio::app
