@@ -56,8 +56,8 @@ struct DevicesOptions {
 
 using Command = std::variant<RunOptions, CheckOptions, ShowOptions, DevicesOptions>;
 
-/// The command that the arguments (without the program's name) ask for. An exit code instead when there is nothing left to do: help or the version was
-/// asked for and printed on standard output, or the arguments are wrong, which standard error says.
+/// The command that the arguments (without the program's name) ask for. An exit code instead when there is nothing left to do: help or the version
+/// was asked for and printed on standard output, or the arguments are wrong, which standard error says.
 [[nodiscard]] std::variant<Command, ExitCode> parseCommandLine(std::vector<std::string> arguments);
 
 }  // namespace selvio::app

@@ -1,10 +1,10 @@
 #include "OutputFiles.h"
 
-#include <cerrno>
 #include <fcntl.h>
+#include <unistd.h>
+#include <cerrno>
 #include <string>
 #include <system_error>
-#include <unistd.h>
 
 namespace selvio::app {
 namespace {

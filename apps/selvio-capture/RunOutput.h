@@ -14,8 +14,8 @@ namespace selvio::app {
 
 /// One call of the analyzer's delegate.
 struct RunEvent {
-    std::string name;    ///< of the delegate's function
-    double time = 0.0;   ///< seconds since the capture was started
+    std::string name;   ///< of the delegate's function
+    double time = 0.0;  ///< seconds since the capture was started
     std::vector<SelvioFacialCaptureStatus> statuses;
 };
 

@@ -53,15 +53,24 @@ std::optional<std::string> textForKey(std::string_view key, Language language) {
 std::string text(Phrase phrase, Language language) {
     const bool german = language == Language::German;
     switch (phrase) {
-        case Phrase::TimedOut: return german ? "Die Zeit ist um" : "Timed out";
-        case Phrase::Cancelled: return german ? "Abgebrochen" : "Cancelled";
-        case Phrase::FramesStopped: return german ? "Die Kamera liefert keine Bilder mehr" : "The camera has stopped delivering frames";
-        case Phrase::NoFrames: return german ? "Die Kamera liefert keine Bilder" : "The camera delivers no frames";
-        case Phrase::Photograph: return german ? "Foto" : "Photograph";
-        case Phrase::Record: return german ? "Datensatz" : "Record";
-        case Phrase::Recording: return german ? "Aufzeichnung" : "Recording";
-        case Phrase::PressEnter: return german ? "Eingabetaste: Foto aufnehmen" : "Press Enter to take the picture";
-        case Phrase::Source: return german ? "Quelle" : "Source";
+        case Phrase::TimedOut:
+            return german ? "Die Zeit ist um" : "Timed out";
+        case Phrase::Cancelled:
+            return german ? "Abgebrochen" : "Cancelled";
+        case Phrase::FramesStopped:
+            return german ? "Die Kamera liefert keine Bilder mehr" : "The camera has stopped delivering frames";
+        case Phrase::NoFrames:
+            return german ? "Die Kamera liefert keine Bilder" : "The camera delivers no frames";
+        case Phrase::Photograph:
+            return german ? "Foto" : "Photograph";
+        case Phrase::Record:
+            return german ? "Datensatz" : "Record";
+        case Phrase::Recording:
+            return german ? "Aufzeichnung" : "Recording";
+        case Phrase::PressEnter:
+            return german ? "Eingabetaste: Foto aufnehmen" : "Press Enter to take the picture";
+        case Phrase::Source:
+            return german ? "Quelle" : "Source";
     }
     return {};
 }

@@ -1,0 +1,20 @@
+// The program's commands.
+#pragma once
+
+#include "CommandLine.h"
+
+namespace selvio::app {
+
+/// One capture, live. Runs the main queue on the calling thread until it has ended.
+[[nodiscard]] ExitCode run(const RunOptions& options);
+/// Judges each image and prints the verdicts. Images that cannot be read do not keep the others from being judged.
+[[nodiscard]] ExitCode check(const CheckOptions& options);
+/// Prints the record in the photograph's EXIF user comment as it stands there.
+[[nodiscard]] ExitCode show(const ShowOptions& options);
+/// Lists what there is to capture with.
+[[nodiscard]] ExitCode devices(const DevicesOptions& options);
+
+/// One line on standard error, under the program's name.
+void complain(const std::string& text);
+
+}  // namespace selvio::app

@@ -1,0 +1,30 @@
+// `show`: the record in a photograph.
+#include "Commands.h"
+#include "HostPlatform.h"
+
+#include <iostream>
+
+namespace selvio::app {
+
+ExitCode show(const ShowOptions& options) {
+    const auto codec = makeImageCodec();
+    auto bytes = makeFileManager()->readFile(options.photograph);
+    if (!bytes) {
+        complain(bytes.error().localizedDescription);
+        return ExitCode::UnreadableInput;
+    }
+    const auto source = codec->openSource(std::move(bytes.value()));
+    if (!source) {
+        complain(options.photograph + ": not a JPEG photograph");
+        return ExitCode::UnreadableInput;
+    }
+    const auto exif = source->properties().exif;
+    if (!exif || !exif->userComment) {
+        complain(options.photograph + ": carries no data record");
+        return ExitCode::UnreadableInput;
+    }
+    std::cout << *exif->userComment << '\n';
+    return ExitCode::Success;
+}
+
+}  // namespace selvio::app

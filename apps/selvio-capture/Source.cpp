@@ -1,0 +1,85 @@
+#include "Source.h"
+
+#include "HostPlatform.h"
+#include "OneCamera.h"
+
+#include <SelvioFacialCapture/simulated/SimulatedPlatform.h>
+
+#include <utility>
+#include <vector>
+
+namespace selvio::app {
+namespace {
+
+/// The camera of this name or identifier; the first one for an empty name.
+std::shared_ptr<CaptureDevice> findCamera(const std::vector<std::shared_ptr<CaptureDevice>>& cameras, const std::string& name) {
+    for (const auto& camera : cameras) {
+        if (name.empty() || camera->localizedName() == name || camera->uniqueId() == name) return camera;
+    }
+    return nullptr;
+}
+
+std::string listOf(const std::vector<std::shared_ptr<CaptureDevice>>& cameras) {
+    std::string names;
+    for (const auto& camera : cameras) names += (names.empty() ? "'" : ", '") + camera->localizedName() + "'";
+    return names.empty() ? "no cameras" : names;
+}
+
+std::variant<Source, SourceFailure> useCamera(Platform& platform, std::shared_ptr<CaptureSystem> system, const std::string& name) {
+    const auto cameras = camerasOf(system);
+    const auto camera = findCamera(cameras, name);
+    if (!camera) {
+        const bool denied = system && system->authorizationStatus(MediaType::Video) == AuthorizationStatus::Denied;
+        if (denied) return SourceFailure{ExitCode::NoCamera, "no access to the camera"};
+        if (cameras.empty()) return SourceFailure{ExitCode::NoCamera, "there is no camera"};
+        return SourceFailure{ExitCode::NoCamera, "there is no camera named '" + name + "'; there are " + listOf(cameras)};
+    }
+    platform.captureSystem = std::make_shared<OneCamera>(std::move(system), camera);
+    return Source{camera->localizedName(), camera->position()};
+}
+
+std::variant<Source, SourceFailure> useSimulatedFront(Platform& platform, const RunOptions& options) {
+    if (const auto error = useSimulated(platform, options.photo, options.script)) {
+        return SourceFailure{ExitCode::UnreadableInput, error->localizedDescription};
+    }
+    return Source{"simulated", CaptureDevicePosition::Front};
+}
+
+}  // namespace
+
+std::optional<Error> useSimulated(Platform& platform, const std::filesystem::path& photo, const std::filesystem::path& script) {
+    const auto photograph = photo.empty() ? samplesDirectory() / "astronaut.jpg" : photo;
+    const auto picture = platform.imageLoader->loadImage(photograph.string());
+    if (!picture) return picture.error();
+    const auto geometry = FaceGeometry::load(FaceGeometry::pathBeside(photograph));
+    if (!geometry) return geometry.error();
+    const auto motion = MotionScript::load(script.empty() ? samplesDirectory() / "scripts/demo.json" : script);
+    if (!motion) return motion.error();
+    const auto frames = SimulatedFrames::make(picture.value(), geometry.value(), motion.value());
+    if (!frames) return Error{photograph.string() + ": " + frames.error().localizedDescription};
+    useSimulatedCamera(platform, frames.value());
+    return std::nullopt;
+}
+
+std::shared_ptr<CaptureSystem> machineCaptureSystem() {
+    return nullptr;
+}
+
+std::variant<Source, SourceFailure> useSource(Platform& platform, const RunOptions& options) {
+    using Kind = SourceOption::Kind;
+    switch (options.source.kind) {
+        case Kind::Simulated:
+            return useSimulatedFront(platform, options);
+        case Kind::Camera:
+            return useCamera(platform, machineCaptureSystem(), options.source.name);
+        case Kind::Video:
+            return SourceFailure{ExitCode::NoCamera, "video files cannot be played here"};
+        case Kind::Automatic:
+            break;
+    }
+    auto system = machineCaptureSystem();
+    if (camerasOf(system).empty()) return useSimulatedFront(platform, options);
+    return useCamera(platform, std::move(system), "");
+}
+
+}  // namespace selvio::app
