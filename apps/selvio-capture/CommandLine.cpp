@@ -75,7 +75,8 @@ void addRun(CLI::App& run, RunOptions& options, RunTexts& texts) {
     run.add_option("--out", options.out, "directory for the results")->capture_default_str();
     run.add_flag("--json", options.json, "one JSON object a line for every call of the component");
     run.add_flag("--preview", options.preview, "show the camera in a window where there is a display");
-    run.add_option("--mode", texts.mode, "auto or manual (Enter takes the picture; without a terminal the first good frame does)")
+    run.add_option("--mode", texts.mode,
+                   "auto or manual (Enter takes the picture; without a terminal the first well placed face does, smiling or not)")
         ->check(CLI::IsMember({"auto", "manual"}))
         ->capture_default_str();
     addNumber(run, "--timeout", texts.timeout, 3, 30, "seconds until the capture is given up, default 20");

@@ -65,7 +65,7 @@ private:
     void say(const std::string& text);
     void write(const char* name, Phrase what, std::string_view bytes);
     void fail(ExitCode code);
-    [[nodiscard]] bool takesFirstGoodFrame() const;
+    [[nodiscard]] bool takesFirstGoodFace() const;
 
     /// The function, as a block for another queue that does nothing once the session has gone.
     template <typename... Arguments>
@@ -153,7 +153,7 @@ void Session::cameraConfigured() {
     camera_->start();
     resumeTime_ = platform_.clock->monotonicTime();
     analyzer_->resume();
-    if (analyzerIsManualOnly_ && takesFirstGoodFrame()) analyzer_->selectFrame();  // no frame will be judged
+    if (analyzerIsManualOnly_ && takesFirstGoodFace()) analyzer_->selectFrame();  // no frame will be judged
     platform_.mainQueue->asyncAfter(std::chrono::seconds(options_.parameters->timeout()), weakly(&Session::timedOut));
     afterSessionQueue(&Session::cameraStarted);
 }
@@ -186,7 +186,7 @@ void Session::timedOut() {
 }
 
 /// In manual mode without a terminal nobody can press Enter.
-bool Session::takesFirstGoodFrame() const {
+bool Session::takesFirstGoodFace() const {
     return options_.parameters->mode() == SelvioFacialCaptureModeManual && ::isatty(STDIN_FILENO) == 0;
 }
 
@@ -195,7 +195,9 @@ void Session::detectionResults(const Results& results) {
     const auto status = results->highestPriorityStatus();
     if (status != SelvioFacialCaptureStatusCountdown) countdown_->cancel();  // the face is lost; the next good frame asks for a new countdown
     report("detectionResults", results);
-    if (takesFirstGoodFrame() && status == SelvioFacialCaptureStatusGoodFrame && !std::exchange(selected_, true)) analyzer_->selectFrame();
+    // Manual captures report a smile, which does not keep a person from pressing Enter.
+    const bool good = status == SelvioFacialCaptureStatusGoodFrame || status == SelvioFacialCaptureStatusStopSmiling;
+    if (good && takesFirstGoodFace() && !std::exchange(selected_, true)) analyzer_->selectFrame();
 }
 
 void Session::startCountdown() {

@@ -1,0 +1,223 @@
+// The host program's parts, without a process, a camera or a clock.
+#include "CommandLine.h"
+#include "Countdown.h"
+#include "FrameWatch.h"
+#include "OutputFiles.h"
+#include "RunOutput.h"
+#include "Texts.h"
+#include "support/ManualQueue.h"
+
+#include <gmock/gmock.h>
+
+#include <unistd.h>
+#include <cstdlib>
+#include <fstream>
+#include <set>
+#include <sstream>
+
+namespace selvio::app {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::HasSubstr;
+
+struct Parsed {
+    std::variant<Command, ExitCode> outcome;
+    std::string complaints;
+};
+
+Parsed parse(const std::string& line) {
+    std::istringstream words(line);
+    std::vector<std::string> arguments{std::istream_iterator<std::string>(words), {}};
+    testing::internal::CaptureStderr();
+    auto outcome = parseCommandLine(arguments);
+    return {outcome, testing::internal::GetCapturedStderr()};
+}
+
+TEST(CommandLine, RefusesWhatItDoesNotUnderstandAndSaysWhy) {
+    const std::vector<std::pair<std::string, std::string>> rows = {
+        {"--timeout 2", "in range 3 to 30"},
+        {"run --timeout 31", "--timeout"},
+        {"--timeout soon", "--timeout"},
+        {"--timeout 4.5", "--timeout"},
+        {"--timeout", "--timeout"},
+        {"--timeout 5 --timeout 6", "--timeout"},
+        {"--min-fill 399", "in range 400 to 800"},
+        {"--max-fill 901", "in range 500 to 900"},
+        {"--min-fill 700 --max-fill 799", "at least 100 more than --min-fill"},
+        {"--roll -1", "in range 0 to 1000"},
+        {"--pitch 1001", "in range 0 to 1000"},
+        {"--yaw 99999999999999999999", "--yaw"},
+        {"--image-quality 4", "in range 5 to 100"},
+        {"--countdown-time 6", "in range 0 to 5"},
+        {"--video-quality 9", "in range 10 to 100"},
+        {"--mode automatic", "--mode"},
+        {"--source webcam", "none of simulated, camera, camera:NAME, video:PATH"},
+        {"--source camera:", "none of"},
+        {"--source video:", "none of"},
+        {"--source camera --photo a.jpg", "--photo: belongs to --source simulated"},
+        {"--source video:a.mp4 --script a.json", "--script: belongs to --source simulated"},
+        {"--no-such-option", "--no-such-option"},
+        {"capture", "capture"},
+        {"check", "IMAGE"},
+        {"check a.jpg --timeout 5", "--timeout"},
+        {"show", "PHOTO"},
+        {"show a.jpg b.jpg", "b.jpg"},
+        {"devices here", "here"},
+    };
+    for (const auto& [line, message] : rows) {
+        const auto parsed = parse(line);
+        ASSERT_TRUE(std::holds_alternative<ExitCode>(parsed.outcome)) << line;
+        EXPECT_EQ(std::get<ExitCode>(parsed.outcome), ExitCode::Usage) << line;
+        EXPECT_THAT(parsed.complaints, HasSubstr(message)) << line;
+    }
+}
+
+TEST(CommandLine, PassesEveryCaptureParameterOn) {
+    const auto defaults = SelvioFacialCaptureParameters().toDictionary();
+    const std::vector<std::tuple<std::string, std::string, std::string>> rows = {
+        {"--mode manual", "Mode", "1"},
+        {"--timeout 30", "Timeout", "30"},
+        {"--min-fill 600", "MinFill", "600"},
+        {"--max-fill 650", "MaxFill", "650"},
+        {"--roll 0", "Roll", "0"},
+        {"--pitch 1000", "Pitch", "1000"},
+        {"--yaw 501", "Yaw", "501"},
+        {"--image-quality 5", "ImageQuality", "5"},
+        {"--select-on-smile", "SelectOnSmile", "1"},
+        {"--countdown-time 0", "CountdownTime", "0"},
+        {"--record-video", "RecordVideo", "1"},
+        {"--record-audio", "RecordAudio", "1"},
+        {"--no-show-recording-ui", "ShowRecordingUI", "0"},
+        {"--video-quality 100", "VideoQuality", "100"},
+    };
+    std::set<std::string> seen;
+    for (const auto& [line, key, value] : rows) {
+        const auto outcome = parse(line).outcome;
+        ASSERT_TRUE(std::holds_alternative<Command>(outcome)) << line;
+        auto expected = defaults;
+        expected[key] = value;
+        EXPECT_EQ(std::get<RunOptions>(std::get<Command>(outcome)).parameters->toDictionary(), expected) << line;
+        seen.insert(key);
+    }
+    EXPECT_EQ(seen.size(), defaults.size());
+}
+
+TEST(CommandLine, SaysWhenOneFillBoundMovesTheOther) {
+    const auto parsed = parse("check a.jpg --min-fill 800");
+    EXPECT_EQ(std::get<CheckOptions>(std::get<Command>(parsed.outcome)).parameters->maxFill(), 900);
+    EXPECT_THAT(parsed.complaints, HasSubstr("--max-fill becomes 900"));
+}
+
+TEST(CommandLine, TakesThePartsOfASource) {
+    using Kind = SourceOption::Kind;
+    const std::vector<std::tuple<std::string, Kind, std::string>> rows = {{"", Kind::Automatic, ""},
+                                                                          {"--source camera", Kind::Camera, ""},
+                                                                          {"--source camera:a:b", Kind::Camera, "a:b"},
+                                                                          {"run --source video:/a.mp4", Kind::Video, "/a.mp4"},
+                                                                          {"--script a.json", Kind::Simulated, ""}};
+    for (const auto& [line, kind, name] : rows) {
+        const auto source = std::get<RunOptions>(std::get<Command>(parse(line).outcome)).source;
+        EXPECT_EQ(source.kind, kind) << line;
+        EXPECT_EQ(source.name, name) << line;
+    }
+}
+
+TEST(Countdown, CountsDownAndStartsAnewAfterTheFaceWasLost) {
+    const auto queue = std::make_shared<ManualQueue>();
+    std::vector<std::int64_t> calls;  // the seconds left; 0: finished
+    const auto countdown = std::make_shared<Countdown>(
+        queue, [&](std::int64_t left) { calls.push_back(left); }, [&] { calls.push_back(0); });
+    const auto start = [&](std::int64_t seconds) {
+        queue->async([&, seconds] { countdown->start(seconds); });
+        queue->runAll();
+    };
+    start(3);
+    queue->advance(1900ms);
+    EXPECT_EQ(calls, (std::vector<std::int64_t>{3, 2}));
+    countdown->cancel();
+    queue->advance(10s);
+    EXPECT_EQ(calls.size(), 2U);
+    EXPECT_FALSE(countdown->isRunning());
+    start(2);
+    queue->advance(500ms);
+    start(2);  // a second announcement replaces the first, whose steps must not count along
+    queue->advance(1s);
+    queue->advance(1s);
+    EXPECT_EQ(calls, (std::vector<std::int64_t>{3, 2, 2, 2, 1, 0}));
+    EXPECT_FALSE(countdown->isRunning());
+}
+
+TEST(FrameWatch, TellsASlowStartFromASilentCamera) {
+    FrameWatch watch(100s);
+    EXPECT_EQ(watch.stateAt(110s), FrameWatch::State::Flowing);
+    EXPECT_EQ(watch.stateAt(110s + 1ns), FrameWatch::State::NeverCame);
+    watch.noteFrame(111s);
+    EXPECT_EQ(watch.stateAt(113s), FrameWatch::State::Flowing);
+    EXPECT_EQ(watch.stateAt(113s + 1ns), FrameWatch::State::Stopped);
+}
+
+TEST(Texts, ExistForEveryKeyInBothLanguages) {
+    std::set<std::string> texts;
+    for (std::int64_t status = 0; status <= 14; ++status) {
+        const auto key = SelvioFacialCaptureResults::localizeKeyFrom(static_cast<SelvioFacialCaptureStatus>(status));
+        for (const auto language : {Language::English, Language::German}) texts.insert(textForKey(key.value(), language).value());
+    }
+    EXPECT_EQ(texts.size(), 30U);
+    EXPECT_FALSE(textForKey("selvio_facial_capture_status_other", Language::English));
+}
+
+TEST(Texts, FollowTheFirstLocaleVariableThatSaysSomething) {
+    struct Row {
+        const char* all;
+        const char* messages;
+        const char* lang;
+        Language language;
+    };
+    for (const auto& row :
+         {Row{"", "", "", Language::English}, Row{"", "", "de_AT.UTF-8", Language::German}, Row{"", "de", "en_GB", Language::German},
+          Row{"C", "de_DE", "de_DE", Language::English}, Row{"de@euro", "en", "en", Language::German}, Row{"", "", "den_XX", Language::English}}) {
+        ::setenv("LC_ALL", row.all, 1);
+        ::setenv("LC_MESSAGES", row.messages, 1);
+        ::setenv("LANG", row.lang, 1);
+        EXPECT_EQ(languageOfLocale(), row.language) << row.all << '/' << row.messages << '/' << row.lang;
+    }
+}
+
+TEST(PersonOutput, ChangesOneLineOnATerminalAndPrintsEachChangeElsewhere) {
+    const std::vector<RunEvent> events = {{"detectionResults", 0.1, {SelvioFacialCaptureStatusMoveCloser, SelvioFacialCaptureStatusNotCentered}},
+                                          {"detectionResults", 0.2, {SelvioFacialCaptureStatusMoveCloser}},
+                                          {"detectionResults", 0.3, {SelvioFacialCaptureStatusHoldStill}}};
+    for (const bool terminal : {true, false}) {
+        std::ostringstream stream;
+        const auto output = makePersonOutput(stream, terminal, Language::English, "[REC] ");
+        for (const auto& event : events) output->event(event);
+        output->countdown(2);
+        output->event({"detectionResults", 0.4, {SelvioFacialCaptureStatusCountdown}});  // does not hide the number
+        output->message("end");
+        EXPECT_EQ(stream.str(), terminal ? "\r\033[K[REC] Move closer\r\033[K[REC] Hold still\r\033[K[REC] Stay like that … 2\nend\n"
+                                         : "[REC] Move closer\n[REC] Hold still\n[REC] Stay like that … 2\nend\n");
+    }
+}
+
+TEST(OutputFiles, AppearWholeOrNotAtAll) {
+    const auto directory = std::filesystem::path(testing::TempDir()) / ("selvio_output_" + std::to_string(::getpid()));
+    EXPECT_FALSE(prepareOutputDirectory(directory / "a/b"));
+    const auto file = directory / "a/b/file";
+    for (const std::string content : {"first", "second, longer", ""}) {
+        ASSERT_FALSE(writeFileAtomically(file, content));
+        std::ifstream stream(file);
+        EXPECT_EQ(std::string(std::istreambuf_iterator<char>(stream), {}), content);
+    }
+    EXPECT_TRUE(writeFileAtomically(directory / "missing/file", "x"));
+    std::filesystem::create_directory(directory / "taken");
+    EXPECT_TRUE(writeFileAtomically(directory / "taken", "x"));
+    EXPECT_THAT(prepareOutputDirectory(file / "below").value().localizedDescription, HasSubstr("below"));
+    std::size_t entries = 0;
+    for ([[maybe_unused]] const auto& entry : std::filesystem::recursive_directory_iterator(directory)) ++entries;
+    EXPECT_EQ(entries, 4U);  // a, a/b, a/b/file, taken: nothing temporary stays
+    std::filesystem::remove_all(directory);
+}
+
+}  // namespace
+}  // namespace selvio::app

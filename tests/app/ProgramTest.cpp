@@ -1,0 +1,341 @@
+// The real program: exit codes, what it prints and what it leaves behind.
+#include <SelvioFacialCapture/SelvioFacialCaptureStatus.h>
+#include <SelvioFacialCapture/linux/Codec.h>
+#include <SelvioFacialCapture/simulated/SimulatedFrames.h>
+
+#include <gmock/gmock.h>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <pty.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+
+namespace selvio {
+namespace {
+
+using nlohmann::json;
+using testing::ElementsAre;
+using testing::HasSubstr;
+namespace fs = std::filesystem;
+
+const fs::path kSamples = SELVIO_SAMPLES;
+
+std::string contentOf(const fs::path& path) {
+    std::ifstream stream(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+void writeFile(const fs::path& path, const std::string& bytes) {
+    std::ofstream(path, std::ios::binary) << bytes;
+}
+
+struct Ended {
+    int exitCode = -1;  ///< -1: killed by a signal
+    std::string out;
+    std::string err;
+    long maxKilobytes = 0;
+    [[nodiscard]] std::vector<json> lines() const {
+        std::vector<json> parsed;
+        std::istringstream stream(out);
+        for (std::string line; std::getline(stream, line);) parsed.push_back(json::parse(line));
+        return parsed;
+    }
+};
+
+class SelvioCapture : public testing::Test {
+protected:
+    void SetUp() override { fs::create_directories(directory_); }
+    void TearDown() override { fs::remove_all(directory_); }
+
+    fs::path path(const std::string& name) const { return directory_ / name; }
+
+    /// Runs the program to its end. `onOutput` gets everything it has printed so far, once there is something new, and its process.
+    Ended run(std::vector<std::string> arguments, const std::function<void(const std::string& out, pid_t program)>& onOutput = {},
+              const std::string& outputFile = "") {
+        arguments.insert(arguments.begin(), SELVIO_CAPTURE_PROGRAM);
+        std::vector<char*> argv;
+        for (auto& argument : arguments) argv.push_back(argument.data());
+        argv.push_back(nullptr);
+        int pipe[2];
+        if (::pipe(pipe) != 0) return {};
+        const auto errors = path("errors.txt");
+        const pid_t program = ::fork();
+        if (program == 0) {
+            ::setenv("LC_ALL", language_.c_str(), 1);
+            ::setenv("XDG_DATA_HOME", directory_.c_str(), 1);
+            ::dup2(::open("/dev/null", O_RDONLY), STDIN_FILENO);
+            ::dup2(outputFile.empty() ? pipe[1] : ::open(outputFile.c_str(), O_WRONLY), STDOUT_FILENO);
+            ::dup2(::open(errors.c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0600), STDERR_FILENO);
+            ::close(pipe[0]);
+            ::close(pipe[1]);
+            ::execv(argv[0], argv.data());
+            ::_exit(127);
+        }
+        ::close(pipe[1]);
+        Ended ended;
+        char buffer[4096];
+        for (ssize_t count = 0; (count = ::read(pipe[0], buffer, sizeof buffer)) > 0;) {
+            ended.out.append(buffer, static_cast<std::size_t>(count));
+            if (onOutput) onOutput(ended.out, program);
+        }
+        ::close(pipe[0]);
+        int status = 0;
+        rusage usage{};
+        ::wait4(program, &status, 0, &usage);
+        ended.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        ended.err = contentOf(errors);
+        ended.maxKilobytes = usage.ru_maxrss;
+        return ended;
+    }
+
+    /// `run` over the simulated camera with one of the sample's scripts, results in "out".
+    std::vector<std::string> capture(const fs::path& script, std::vector<std::string> more) const {
+        std::vector<std::string> arguments = {"run", "--json", "--source", "simulated", "--script", script.string(), "--out", path("out").string()};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        return arguments;
+    }
+    fs::path emptyScene() const {
+        writeFile(path("empty.json"), R"({"keyFrames": [{"at": 0, "visible": false}]})");
+        return path("empty.json");
+    }
+    json record() const { return json::parse(contentOf(path("out/record.json"))); }
+    std::vector<std::string> results() const {
+        std::vector<std::string> names;
+        for (const auto& entry : fs::directory_iterator(path("out"))) names.push_back(entry.path().filename());
+        std::ranges::sort(names);
+        return names;
+    }
+
+    const fs::path directory_ = fs::path(testing::TempDir()) / ("selvio_capture_" + std::to_string(::getpid()));
+    std::string language_ = "C";
+};
+
+/// A portrait as the simulated camera sees it, with what the script says.
+std::shared_ptr<PixelBuffer> scene(const std::string& keyFrame) {
+    const auto script = MotionScript::parse(R"({"keyFrames": [)" + keyFrame + "]}", "test");
+    const auto photograph = JpegPngImageLoader().loadImage((kSamples / "astronaut.jpg").string());
+    const auto geometry = FaceGeometry::load(kSamples / "astronaut.json");
+    const auto frames = SimulatedFrames::make(photograph.value(), geometry.value(), script.value());
+    return frames.value()->frame({}, 720, 1280, kPixelFormat32BGRA);
+}
+
+void writeJpeg(const fs::path& path, const std::shared_ptr<PixelBuffer>& picture) {
+    const auto bytes = LibjpegImageCodec().encodeJpeg(Image{picture}, 0.95).value();
+    writeFile(path, {bytes.begin(), bytes.end()});
+}
+
+TEST_F(SelvioCapture, AnswersQuestionsAboutItself) {
+    const auto help = run({"--help"});
+    EXPECT_EQ(help.exitCode, 0);
+    for (const char* word : {"run", "check", "show", "devices", "Exit codes"}) EXPECT_THAT(help.out, HasSubstr(word));
+    EXPECT_EQ(run({"run", "--help"}).exitCode, 0);
+    EXPECT_THAT(run({"--version"}).out, HasSubstr("3.2.1"));
+    const auto wrong = run({"--timeout", "100"});
+    EXPECT_EQ(wrong.exitCode, 2);
+    EXPECT_THAT(wrong.err, HasSubstr("range 3 to 30"));
+    EXPECT_EQ(wrong.out, "");
+}
+
+TEST_F(SelvioCapture, JudgesPictures) {
+    const std::string good = R"({"at": 0, "visible": true, "center": [0.5, 0.46], "jawWidth": 0.63})";
+    const std::vector<std::tuple<std::string, std::string, std::size_t, std::vector<int>>> rows = {
+        {"good.jpg", good, 1, {14}},
+        {"nobody.jpg", R"({"at": 0, "visible": false})", 0, {1}},
+        {"two.jpg",
+         R"({"at": 0, "visible": true, "center": [0.26, 0.45], "jawWidth": 0.37, "second": {"center": [0.76, 0.45], "jawWidth": 0.37}})",
+         2,
+         {2}},
+        {"far.jpg", R"({"at": 0, "visible": true, "center": [0.5, 0.46], "jawWidth": 0.42})", 1, {6}},
+    };
+    std::vector<std::string> arguments = {"check", "--json"};
+    for (const auto& [name, keyFrame, faces, statuses] : rows) {
+        writeJpeg(path(name), scene(keyFrame));
+        arguments.push_back(path(name));
+    }
+    const auto ended = run(arguments);
+    EXPECT_EQ(ended.exitCode, 0) << ended.err;
+    const auto lines = ended.lines();
+    ASSERT_EQ(lines.size(), rows.size());
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        const auto& [name, keyFrame, faces, statuses] = rows[i];
+        EXPECT_EQ(lines[i]["image"], path(name).string());
+        EXPECT_EQ(lines[i]["faces"], faces) << name;
+        EXPECT_EQ(lines[i]["statuses"], statuses) << name;
+        EXPECT_EQ(lines[i]["keys"].size(), statuses.size()) << name;
+        EXPECT_EQ(lines[i]["measures"].is_null(), faces != 1) << name;
+    }
+    const auto& fill = lines[0]["measures"]["fill"];
+    EXPECT_NEAR(fill["value"].get<double>(), 0.63, 0.03);
+    EXPECT_EQ(fill["min"], 0.55);
+    EXPECT_EQ(fill["max"], 0.725);
+    EXPECT_EQ(lines[0]["faceRect"].size(), 4U);
+
+    // The same picture under other limits.
+    const auto strict = run({"check", "--json", "--min-fill", "750", "--max-fill", "850", path("good.jpg")});
+    EXPECT_EQ(strict.lines().at(0)["statuses"], json({6}));
+    language_ = "de_DE.UTF-8";
+    EXPECT_THAT(run({"check", path("far.jpg")}).out, HasSubstr("Kommen Sie näher"));
+}
+
+TEST_F(SelvioCapture, NamesPicturesThatItCannotRead) {
+    const auto sample = contentOf(kSamples / "astronaut.jpg");
+    auto huge = sample;
+    const auto frame = huge.find("\xFF\xC0");  // start of frame: length, precision, height, width
+    ASSERT_NE(frame, std::string::npos);
+    huge.replace(frame + 5, 4, "\xFF\xFF\xFF\xFF");
+    const std::vector<std::pair<std::string, std::string>> files = {
+        {"empty.jpg", ""}, {"text.jpg", "This is not a picture.\n"}, {"cut.jpg", sample.substr(0, sample.size() / 2)}, {"huge.jpg", huge}};
+    std::vector<std::string> arguments = {"check", "--json", path("missing.jpg")};
+    for (const auto& [name, bytes] : files) {
+        writeFile(path(name), bytes);
+        arguments.push_back(path(name));
+    }
+    arguments.push_back(kSamples / "astronaut.jpg");
+    const auto ended = run(arguments);
+    EXPECT_EQ(ended.exitCode, 5);
+    const auto lines = ended.lines();
+    ASSERT_EQ(lines.size(), files.size() + 2);
+    for (std::size_t i = 0; i + 1 < lines.size(); ++i) {
+        EXPECT_EQ(lines[i]["image"], arguments[i + 2]);
+        EXPECT_THAT(lines[i].at("error").get<std::string>(), HasSubstr(arguments[i + 2]));
+    }
+    EXPECT_EQ(lines.back()["faces"], 1) << "the good one among the bad";
+
+    const auto text = run({"check", path("text.jpg")});
+    const auto claim = run({"check", path("huge.jpg")});
+    EXPECT_EQ(claim.exitCode, 5);
+    EXPECT_THAT(claim.err, HasSubstr("huge.jpg"));
+    EXPECT_LT(claim.maxKilobytes, text.maxKilobytes + 16 * 1024) << "memory for pixels that the file does not have";
+}
+
+TEST_F(SelvioCapture, CapturesAndShowsTheRecord) {
+    const auto ended = run(capture(kSamples / "scripts/steady.json", {"--countdown-time", "2", "--image-quality", "80"}));
+    ASSERT_EQ(ended.exitCode, 0) << ended.err;
+    EXPECT_THAT(results(), ElementsAre("record.json", "selfie.jpg"));
+    EXPECT_EQ(record()["SelvioResultCode"], "SuccessVideo");
+    EXPECT_EQ(record()["Autocapture"], "1");
+    EXPECT_EQ(record()["Parameters"]["ImageQuality"], "80");
+
+    std::vector<std::string> events;
+    double time = 0.0;
+    for (const auto& line : ended.lines()) {
+        if (events.empty() || events.back() != line["event"]) events.push_back(line["event"]);
+        EXPECT_GE(line["time"].get<double>(), time);
+        time = line["time"].get<double>();
+        EXPECT_EQ(line["statuses"].size(), line["keys"].size());
+    }
+    EXPECT_THAT(events, testing::IsSupersetOf({"startCountdown", "detectionResults"}));
+    EXPECT_EQ(events.back(), "detectionSuccess");
+    EXPECT_EQ(ended.lines().back()["statuses"], json({14}));
+    EXPECT_GE(time, 2.0) << "the countdown's two seconds";
+
+    const auto shown = run({"show", path("out/selfie.jpg")});
+    EXPECT_EQ(shown.exitCode, 0);
+    EXPECT_EQ(shown.out, contentOf(path("out/record.json")));
+    EXPECT_EQ(run({"show", path("out/selfie.jpg")}, {}, "/dev/full").exitCode, 6);
+    const auto selfie = JpegPngImageLoader().loadImage(path("out/selfie.jpg"));
+    ASSERT_TRUE(selfie);
+    EXPECT_EQ(selfie.value()->width(), 720);
+    EXPECT_EQ(selfie.value()->height(), 1280);
+}
+
+TEST_F(SelvioCapture, TakesThePictureInManualModeWithoutATerminal) {
+    const auto ended = run(capture(kSamples / "scripts/steady.json", {"--mode", "manual"}));
+    ASSERT_EQ(ended.exitCode, 0) << ended.err;
+    EXPECT_EQ(record()["SelvioResultCode"], "SuccessStillCamera");
+    EXPECT_EQ(record()["Autocapture"], "0");
+    for (const char* code : {"SS", "ST"}) EXPECT_THAT(record()["UXP"].dump(), HasSubstr(code));
+}
+
+TEST_F(SelvioCapture, GuidesOnATerminalAndTakesThePictureWhenEnterIsPressed) {
+    int terminal = -1;
+    const pid_t program = ::forkpty(&terminal, nullptr, nullptr, nullptr);
+    if (program == 0) {
+        ::setenv("LC_ALL", "C", 1);
+        const auto out = path("out").string();
+        ::execl(SELVIO_CAPTURE_PROGRAM, "selvio-capture", "--mode", "manual", "--script", emptyScene().c_str(), "--out", out.c_str(), nullptr);
+        ::_exit(127);
+    }
+    std::string printed;
+    bool entered = false;
+    char buffer[4096];
+    for (ssize_t count = 0; (count = ::read(terminal, buffer, sizeof buffer)) > 0;) {
+        printed.append(buffer, static_cast<std::size_t>(count));
+        if (!entered && printed.find("\r\033[KShow your face to the camera") != std::string::npos) {
+            entered = ::write(terminal, "\n", 1) == 1;
+        }
+    }
+    int status = 0;
+    ::waitpid(program, &status, 0);
+    ::close(terminal);
+    EXPECT_TRUE(entered) << printed;
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0) << printed;
+    EXPECT_THAT(results(), ElementsAre("record.json", "selfie.jpg"));
+    EXPECT_EQ(record()["SelvioResultCode"], "SuccessStillCamera");
+}
+
+TEST_F(SelvioCapture, LeavesTheRecordWhenItIsInterruptedOrTimesOut) {
+    for (const int signal : {SIGINT, SIGTERM, 0}) {
+        bool sent = signal == 0;  // then the time runs out
+        const auto ended = run(capture(emptyScene(), {"--timeout", "3"}), [&](const std::string&, pid_t program) {
+            if (!std::exchange(sent, true)) ::kill(program, signal);
+        });
+        EXPECT_EQ(ended.exitCode, 3) << ended.err;
+        EXPECT_EQ(ended.lines().back()["event"], "detectionCancelled");
+        EXPECT_THAT(results(), ElementsAre("record.json"));
+        EXPECT_EQ(record()["SelvioResultCode"], "Cancelled");
+        EXPECT_THAT(ended.err, HasSubstr(signal == 0 ? "Timed out" : "Cancelled"));
+        fs::remove_all(path("out"));
+    }
+}
+
+TEST_F(SelvioCapture, EndsWithTheCodeOfWhatIsMissing) {
+    writeFile(path("file"), "x");
+    fs::copy_file(kSamples / "astronaut.jpg", path("alone.jpg"));
+    writeFile(path("bad.json"), "{");
+    struct Row {
+        std::vector<std::string> arguments;
+        int exitCode;
+        std::string message;
+    };
+    const std::vector<Row> rows = {
+        {{"--out", path("file/out"), "--source", "simulated"}, 6, "file/out"},
+        {{"--out", path("out"), "--source", "camera:no such camera"}, 4, "camera"},
+        {{"--out", path("out"), "--photo", path("none.jpg")}, 5, "none.jpg"},
+        {{"--out", path("out"), "--photo", path("alone.jpg")}, 5, "alone.json"},
+        {{"--out", path("out"), "--script", path("bad.json")}, 5, "bad.json"},
+        {{"show", path("none.jpg")}, 5, "none.jpg"},
+        {{"show", path("file")}, 5, "not a JPEG"},
+        {{"show", kSamples / "astronaut.jpg"}, 5, "no data record"},
+        {{"show", directory_}, 5, directory_},
+    };
+    for (const auto& row : rows) {
+        const auto ended = run(row.arguments);
+        EXPECT_EQ(ended.exitCode, row.exitCode) << row.message;
+        EXPECT_THAT(ended.err, HasSubstr(row.message));
+        EXPECT_EQ(ended.out, "");
+    }
+}
+
+TEST_F(SelvioCapture, ListsTheSimulatedCamera) {
+    const auto ended = run({"devices", "--json"});
+    EXPECT_EQ(ended.exitCode, 0);
+    bool found = false;
+    for (const auto& line : ended.lines()) {
+        if (line.value("kind", "") != "camera" || line["source"] != "simulated") continue;
+        found = true;
+        EXPECT_THAT(line["formats"].dump(), HasSubstr(R"({"format":"420v","height":720,"maxFrameRate":30.0,"width":1280})"));
+    }
+    EXPECT_TRUE(found) << ended.out;
+}
+
+}  // namespace
+}  // namespace selvio
