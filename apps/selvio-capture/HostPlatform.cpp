@@ -3,38 +3,23 @@
 #include <SelvioFacialCapture/linux/Codec.h>
 #include <SelvioFacialCapture/linux/Device.h>
 #include <SelvioFacialCapture/linux/Files.h>
-#include <SelvioFacialCapture/linux/Vision.h>
+#include <SelvioFacialCapture/linux/LinuxPlatform.h>
 
 namespace selvio::app {
 
-std::shared_ptr<const ImageCodec> makeImageCodec() {
-    return std::make_shared<LibjpegImageCodec>();
-}
+std::shared_ptr<const ImageCodec> makeImageCodec() { return std::make_shared<LibjpegImageCodec>(); }
 
-std::shared_ptr<const ImageLoader> makeImageLoader() {
-    return std::make_shared<JpegPngImageLoader>();
-}
+std::shared_ptr<const ImageLoader> makeImageLoader() { return std::make_shared<JpegPngImageLoader>(); }
 
-std::shared_ptr<FileManager> makeFileManager() {
-    return std::make_shared<LinuxFileManager>();
-}
+std::shared_ptr<FileManager> makeFileManager() { return std::make_shared<LinuxFileManager>(); }
 
 Platform makeHostPlatform() {
-    preloadVisionModels();
-    auto platform = makePortablePlatform();
-    platform.device = std::make_shared<LinuxDevice>();
+    auto platform = makeLinuxPlatform();
     platform.screen = std::make_shared<LinuxScreen>(Size{1080, 1920});
-    platform.imageCodec = makeImageCodec();
-    platform.imageLoader = makeImageLoader();
-    platform.makeSequenceRequestHandler = [] { return makeSequenceRequestHandler(); };
-    platform.makeFaceDetector = [] { return makeFaceDetector(); };
-    platform.fileManager = makeFileManager();
     return platform;
 }
 
-std::optional<Error> waitForModels() {
-    return waitForVisionModels();
-}
+std::optional<Error> waitForModels() { return waitForVisionModels(); }
 
 std::filesystem::path samplesDirectory() {
     std::error_code code;
