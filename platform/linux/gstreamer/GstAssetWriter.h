@@ -1,0 +1,130 @@
+// Writes captured samples into an MP4 file with GStreamer.
+#pragma once
+
+#include "AudioTimeline.h"
+#include "GstSupport.h"
+#include "VideoEncoders.h"
+
+#include <SelvioFacialCapture/base/SerialQueue.h>
+#include <SelvioFacialCapture/linux/Recording.h>
+
+#include <gst/app/gstappsrc.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+
+namespace selvio {
+
+class GstRecording;
+
+/// One track; works once it belongs to a writer that writes.
+class GstAssetWriterInput final : public AssetWriterInput {
+public:
+    explicit GstAssetWriterInput(VideoSettings settings) : mediaType_(MediaType::Video), videoSettings_(std::move(settings)) {}
+    explicit GstAssetWriterInput(AudioSettings settings) : mediaType_(MediaType::Audio), audioSettings_(settings) {}
+
+    void setExpectsMediaDataInRealTime(bool expects) override { realTime_ = expects; }
+    [[nodiscard]] bool isReadyForMoreMediaData() const override;
+    bool appendSampleBuffer(const std::shared_ptr<SampleBuffer>& sampleBuffer) override;
+    void markAsFinished() override;
+
+    [[nodiscard]] MediaType mediaType() const { return mediaType_; }
+    [[nodiscard]] const VideoSettings& videoSettings() const { return videoSettings_; }
+    [[nodiscard]] const AudioSettings& audioSettings() const { return audioSettings_; }
+    void attach(std::weak_ptr<GstRecording> recording) { recording_ = std::move(recording); }
+
+private:
+    const MediaType mediaType_;
+    const VideoSettings videoSettings_;
+    const AudioSettings audioSettings_;
+    bool realTime_ = false;
+    std::weak_ptr<GstRecording> recording_;
+};
+
+/// The pipeline of one file and what became of it. Shared by the writer, its inputs (weakly) and the work that finishes the file, which may
+/// outlive the writer. The operations run on the writer's one queue, `status` on any thread.
+///
+///     Unknown ──start──▶ Writing ──finish──▶ Completed
+///        │                  ├── error, any time ──▶ Failed
+///        └──── cancel ──────┴── cancel ──▶ Cancelled
+class GstRecording : public std::enable_shared_from_this<GstRecording> {
+public:
+    GstRecording(std::filesystem::path path, RecordingOptions options);
+    ~GstRecording();
+
+    [[nodiscard]] AssetWriterStatus status() const { return status_; }
+    [[nodiscard]] bool canAdd(const GstAssetWriterInput& input) const;
+    void add(const GstAssetWriterInput& input);
+    bool start();
+    void startSession(std::chrono::nanoseconds time);
+    void finish(std::function<void()> completion);
+    void cancel();
+
+    [[nodiscard]] bool isReady(MediaType mediaType) const;
+    bool append(MediaType mediaType, const std::shared_ptr<SampleBuffer>& sample);
+    void endTrack(MediaType mediaType);
+
+private:
+    struct Track {
+        bool added = false;
+        bool ended = false;
+        GstPtr<GstElement> source;  ///< appsrc
+    };
+
+    [[nodiscard]] bool isAvailable(const std::string& element) const;
+    [[nodiscard]] Expected<const VideoEncoder*> chooseVideoEncoder(const VideoSettings& settings) const;
+    [[nodiscard]] Expected<const AudioEncoder*> chooseAudioEncoder() const;
+    std::optional<Error> build();
+    std::optional<Error> buildVideo(GstElement* muxer);
+    std::optional<Error> buildAudio(GstElement* muxer);
+
+    bool appendVideo(const std::shared_ptr<SampleBuffer>& sample, std::chrono::nanoseconds time);
+    bool appendAudio(const std::shared_ptr<SampleBuffer>& sample, std::chrono::nanoseconds time);
+    void adoptAudioFormat(int sampleRate, int channels);
+    void pushSilence(std::int64_t frames);
+    void pushAudio(GstBuffer* buffer, std::int64_t frames);
+    void fillAudioUntil(std::chrono::nanoseconds time);
+    [[nodiscard]] std::chrono::nanoseconds audioEnd() const;
+
+    static GstBusSyncReply onMessage(GstBus* bus, GstMessage* message, gpointer recording);
+    void fail(const std::string& reason);
+    bool moveTo(AssetWriterStatus status);
+    void waitForEnd();
+    void completeFile();
+    void tearDown();
+
+    const std::filesystem::path path_;
+    const std::filesystem::path partPath_;  ///< the finished file until it is moved into place
+    const std::filesystem::path dataPath_;
+    const RecordingOptions options_;
+
+    VideoSettings videoSettings_;
+    AudioSettings audioSettings_;
+    Track video_;
+    Track audio_;
+    GstPtr<GstElement> pipeline_;
+    GstPtr<GstElement> scaler_;
+    bool ownsPart_ = false;  ///< the part file is this recording's
+    int mediaData_ = -1;     ///< descriptor of the nameless file that holds the media data until `moov` can be written before them
+
+    std::optional<std::chrono::nanoseconds> sessionStart_;
+    std::optional<PixelBufferLayout> videoLayout_;
+    int framesPerSecond_ = 0;
+    std::chrono::nanoseconds lastVideoTime_{-1};
+    std::chrono::nanoseconds videoEnd_{0};
+    std::chrono::nanoseconds audioDelay_{0};
+    int audioRate_ = 0;
+    int audioChannels_ = 0;
+    std::chrono::nanoseconds audioBase_{0};  ///< where the samples of the present format begin
+    std::int64_t audioFrames_ = 0;           ///< written since then
+
+    std::atomic<AssetWriterStatus> status_{AssetWriterStatus::Unknown};
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    bool ended_ = false;                   // guarded by mutex_; the end of the stream has reached the file
+    bool tornDown_ = false;                // guarded by mutex_; no pipeline runs and no unfinished file lies about
+    std::unique_ptr<SerialQueue> worker_;  ///< made by start; ends the pipeline, since that waits for GStreamer's threads
+};
+
+}  // namespace selvio

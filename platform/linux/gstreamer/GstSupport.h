@@ -1,0 +1,66 @@
+// What every GStreamer adapter needs: start-up, owning pointers, pixels to and from GStreamer's buffers.
+#pragma once
+
+#include <SelvioFacialCapture/base/Error.h>
+#include <SelvioFacialCapture/imaging/SampleBuffer.h>
+
+#include <gst/gst.h>
+#include <gst/video/video.h>
+
+#include <memory>
+#include <string>
+
+namespace selvio {
+
+struct GstUnref {
+    void operator()(GstElement* element) const { gst_object_unref(element); }
+    void operator()(GstBus* bus) const { gst_object_unref(bus); }
+    void operator()(GstPad* pad) const { gst_object_unref(pad); }
+    void operator()(GstDevice* device) const { gst_object_unref(device); }
+    void operator()(GstDeviceMonitor* monitor) const { gst_object_unref(monitor); }
+    void operator()(GstCaps* caps) const { gst_caps_unref(caps); }
+    void operator()(GstSample* sample) const { gst_sample_unref(sample); }
+    void operator()(GstMessage* message) const { gst_message_unref(message); }
+    void operator()(GstStructure* structure) const { gst_structure_free(structure); }
+    void operator()(char* text) const { g_free(text); }
+    void operator()(GError* error) const { g_error_free(error); }
+};
+
+/// Owns one reference.
+template <typename T>
+using GstPtr = std::unique_ptr<T, GstUnref>;
+
+/// Starts GStreamer once a process; false, logged once, if it cannot start.
+bool startGStreamer();
+
+/// The rank of an installed element, -1 if there is none of that name.
+[[nodiscard]] int elementRank(const std::string& element);
+
+/// GStreamer's name of a pixel format ("BGRA", "NV12"), null for a format without one.
+[[nodiscard]] const char* gstFormatName(PixelFormat format);
+/// The component's code of a raw format; 0 if it has none.
+[[nodiscard]] PixelFormat pixelFormatOf(GstVideoFormat format);
+
+/// Caps of raw frames of this layout; no frame rate if `framesPerSecond` is not positive.
+[[nodiscard]] GstPtr<GstCaps> rawVideoCaps(const PixelBufferLayout& layout, int framesPerSecond);
+
+/// A GStreamer buffer over the sample's pixels, which it keeps alive and does not copy. Null without a picture.
+[[nodiscard]] GstBuffer* wrapSample(const std::shared_ptr<SampleBuffer>& sample);
+
+/// Part of a frame, in pixels.
+struct FrameCrop {
+    int x = 0;
+    int y = 0;
+    int width = 0;
+    int height = 0;
+    friend bool operator==(const FrameCrop&, const FrameCrop&) = default;
+};
+
+/// A pixel buffer over the part `crop` of a GStreamer frame, which stays mapped and referenced as long as the buffer lives; nothing is copied.
+/// Null if the frame is neither BGRA nor 420v, the crop does not lie inside it, or for 420v does not begin on even places.
+[[nodiscard]] std::shared_ptr<PixelBuffer> wrapFrame(GstBuffer* buffer, const GstVideoInfo& info, const FrameCrop& crop);
+
+/// The text of an error or warning message, with its source.
+[[nodiscard]] std::string describe(GstMessage* message);
+
+}  // namespace selvio

@@ -1,0 +1,74 @@
+// Reads recordings with an independent reader, and feeds writers with frames and sound of known content.
+#pragma once
+
+#include <SelvioFacialCapture/imaging/SampleBuffer.h>
+
+#include <nlohmann/json.hpp>
+
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <string>
+
+namespace selvio::test {
+
+/// A directory that goes with its contents.
+class TemporaryDirectory {
+public:
+    TemporaryDirectory() {
+        std::string name = (std::filesystem::temp_directory_path() / "selvio-test-XXXXXX").string();
+        path_ = ::mkdtemp(name.data());
+    }
+    ~TemporaryDirectory() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+    [[nodiscard]] const std::filesystem::path& path() const { return path_; }
+    [[nodiscard]] std::size_t fileCount() const {
+        if (!std::filesystem::exists(path_)) return 0;
+        return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(path_), std::filesystem::directory_iterator()));
+    }
+
+private:
+    std::filesystem::path path_;
+};
+
+inline std::string outputOf(const std::string& command) {
+    std::string output;
+    std::FILE* const pipe = ::popen(command.c_str(), "r");
+    char block[4096];
+    for (std::size_t n = 0; pipe != nullptr && (n = std::fread(block, 1, sizeof block, pipe)) > 0;) output.append(block, n);
+    if (pipe != nullptr) ::pclose(pipe);
+    return output;
+}
+
+/// What ffprobe says of a file's streams; an empty object for a file that it cannot read.
+inline nlohmann::json probe(const std::filesystem::path& file) {
+    const std::string text = outputOf("ffprobe -v error -count_frames -show_streams -show_format -of json '" + file.string() + "'");
+    return nlohmann::json::parse(text, nullptr, false);
+}
+
+inline nlohmann::json streamOfType(const nlohmann::json& media, const std::string& type) {
+    for (const auto& stream : media.value("streams", nlohmann::json::array())) {
+        if (stream.value("codec_type", "") == type) return stream;
+    }
+    return nlohmann::json::object();
+}
+
+inline double numberIn(const nlohmann::json& object, const char* key) {
+    const std::string text = object.value(key, "nan");
+    return text == "nan" ? std::nan("") : std::stod(text);
+}
+
+/// A frame of one grey level.
+inline std::shared_ptr<PixelBuffer> greyFrame(int width, int height, PixelFormat format, std::uint8_t level) {
+    auto pixels = PixelBuffer::create(width, height, format);
+    for (int plane = 0; plane < pixels->planeCount(); ++plane) {
+        const auto& layout = pixels->layout().planes[static_cast<std::size_t>(plane)];
+        std::memset(pixels->data(plane), plane == 0 ? level : 128, layout.bytesPerRow * static_cast<std::size_t>(layout.height));
+    }
+    return pixels;
+}
+
+}  // namespace selvio::test
