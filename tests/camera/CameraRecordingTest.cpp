@@ -13,12 +13,15 @@ std::shared_ptr<FakeAssetWriter> writerOf(const CameraRig& rig) {
 TEST(CameraRecording, callsInOrderForAWholeRecording) {
     CameraRig rig;
     rig.files->put("selvio_left over.mp4");
-    rig.makeRecording();
+    rig.capture->codec = kVideoCodecTypeHEVC;
+    rig.platform.device = std::make_shared<FakeDevice>("11.0");
+    rig.platform.screen = std::make_shared<FakeScreen>(Size{}, InterfaceOrientation::LandscapeLeft);
+    rig.makeRecording(55);
     EXPECT_THAT(rig.files->names(), IsEmpty());
     const std::string path = rig.camera->url().value().string();
     EXPECT_EQ(rig.camera->videoRecordingUrl(), path);
     EXPECT_EQ(path.rfind("/documents/selvio_20", 0), 0u) << path;
-    EXPECT_THAT(rig.writing->calls.take(), ElementsAre("make MPEG4 " + path, "video H264 720x1280 at 1500000", "video real time", "add video",
+    EXPECT_THAT(rig.writing->calls.take(), ElementsAre("make MPEG4 " + path, "video HEVC 1280x720 at 3250000", "video real time", "add video",
                                                        "audio 44100 at 128000", "audio real time", "add audio", "start", "from 42 s"));
     rig.events.clear();
     rig.video()->deliver(frame());
@@ -42,30 +45,6 @@ TEST(CameraRecording, callsInOrderForAWholeRecording) {
     rig.run();
     EXPECT_TRUE(rig.camera->shouldRecord());
     EXPECT_EQ(rig.camera->assetWriter()->status(), AssetWriterStatus::Writing) << "a new file";
-}
-
-TEST(CameraRecording, settings) {
-    const struct {
-        InterfaceOrientation orientation;
-        const char *codec, *version;
-        std::int64_t quality;
-        const char* call;
-    } rows[] = {{InterfaceOrientation::LandscapeLeft, kVideoCodecTypeHEVC, "11.0", 55, "video HEVC 1280x720 at 3250000"},
-                {InterfaceOrientation::PortraitUpsideDown, kVideoCodecTypeHEVC, "10.0", 100, "video HEVC 720x1280 at 13000000"}};
-    for (const auto& row : rows) {
-        CameraRig rig;
-        rig.capture->codec = row.codec;
-        rig.platform.device = std::make_shared<FakeDevice>(row.version);
-        rig.platform.screen = std::make_shared<FakeScreen>(Size{}, row.orientation);
-        rig.make();
-        rig.camera->parameters()->setRecordVideo(true);
-        rig.camera->parameters()->setVideoQuality(row.quality);
-        rig.configure();
-        rig.camera->startRecording();
-        rig.run();
-        EXPECT_EQ(rig.writing->calls.take().at(1), row.call);
-        EXPECT_FALSE(rig.camera->writerAudioInput());
-    }
 }
 
 // How a recording can fail to begin: the messages, and the writer that is left.

@@ -48,9 +48,10 @@ struct CameraRig {
         camera->setDelegate(delegate);
         run();
     }
-    /// A configured camera with sound and codes, told to record.
-    void makeRecording() {
+    /// A camera that runs and records with sound.
+    void makeRecording(SelvioFacialCaptureVideoQuality quality = 10) {
         make();
+        camera->parameters()->setVideoQuality(quality);
         camera->parameters()->setRecordVideo(true);
         camera->parameters()->setRecordAudio(true);
         configure();

@@ -132,25 +132,28 @@ public:
     }
 };
 
-class FakeVideoDataOutput final : public FakeOutputOf<VideoDataOutput> {
+template <typename Port>
+class FakeSampleOutput : public FakeOutputOf<Port> {
 public:
-    using FakeOutputOf::FakeOutputOf;
+    using FakeOutputOf<Port>::FakeOutputOf;
+    void setSampleBufferDelegate(std::weak_ptr<CaptureOutputDelegate> delegate, std::shared_ptr<Queue> queue) override {
+        this->setReceiver(std::move(delegate), std::move(queue));
+    }
+};
+
+class FakeVideoDataOutput final : public FakeSampleOutput<VideoDataOutput> {
+public:
+    using FakeSampleOutput::FakeSampleOutput;
     void setPixelFormat(PixelFormat format) override { say("format " + std::to_string(format)); }
     void setAlwaysDiscardsLateVideoFrames(bool discards) override { say(discards ? "discards late" : "keeps late"); }
-    void setSampleBufferDelegate(std::weak_ptr<CaptureOutputDelegate> delegate, std::shared_ptr<Queue> queue) override {
-        setReceiver(std::move(delegate), std::move(queue));
-    }
     [[nodiscard]] VideoSettings recommendedVideoSettings(const std::string& fileType) const override {
         return {fileType == kFileTypeMPEG4 ? script_->codec : "", 640, 480, {{"Profile", 7}}};
     }
 };
 
-class FakeAudioDataOutput final : public FakeOutputOf<AudioDataOutput> {
+class FakeAudioDataOutput final : public FakeSampleOutput<AudioDataOutput> {
 public:
-    using FakeOutputOf::FakeOutputOf;
-    void setSampleBufferDelegate(std::weak_ptr<CaptureOutputDelegate> delegate, std::shared_ptr<Queue> queue) override {
-        setReceiver(std::move(delegate), std::move(queue));
-    }
+    using FakeSampleOutput::FakeSampleOutput;
     [[nodiscard]] AudioSettings recommendedAudioSettings(const std::string&) const override { return {44100, 2, 128000}; }
 };
 
