@@ -3,7 +3,10 @@
 
 #include <SelvioFacialCapture/SelvioFacialCaptureAnalyzer.h>
 #include <SelvioFacialCapture/SelvioFacialCaptureAnalyzerDelegate.h>
+#include <SelvioFacialCapture/SelvioFacialCaptureCamera.h>
+#include <SelvioFacialCapture/SelvioFacialCaptureCameraDelegate.h>
 #include <SelvioFacialCapture/SelvioFacialCaptureCameraParameters.h>
+#include <SelvioFacialCapture/SelvioFacialCaptureImageUtilities.h>
 #include <SelvioFacialCapture/SelvioFacialCaptureObixData.h>
 #include <SelvioFacialCapture/SelvioFacialCaptureParameters.h>
 #include <SelvioFacialCapture/SelvioFacialCaptureResults.h>

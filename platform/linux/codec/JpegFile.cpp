@@ -203,23 +203,36 @@ private:
     std::array<JSAMPARRAY, 3> pointers_{};
 };
 
+/// n / divisor for n up to 9000, as a multiplication that the compiler turns into one vector instruction; `kFactor` is 2^23 / divisor, rounded up.
+template <std::uint32_t kFactor>
+constexpr std::uint16_t quotient(std::uint16_t n) {
+    return static_cast<std::uint16_t>(static_cast<std::uint16_t>((n * kFactor) >> 16) >> 7);
+}
+
+/// Video-range luma (16...235) to 0...255, rounded: v * 255 / 219 is v and v * 36 / 219 more.
+constexpr JSAMPLE fullRangeLuma(std::uint8_t y) {
+    const auto v = static_cast<std::uint16_t>(std::max<std::uint8_t>(y, 16) - 16);
+    const auto n = static_cast<std::uint16_t>(v * 36 + 109);
+    return static_cast<JSAMPLE>(std::min<std::uint16_t>(static_cast<std::uint16_t>(v + quotient<38305>(n)), 255));
+}
+
+/// Video-range chroma (16...240 about 128) to the full range about 128, rounded: v * 255 / 224 is v and v * 31 / 224 more.
+constexpr JSAMPLE fullRangeChroma(std::uint8_t c) {
+    const auto v = static_cast<std::uint16_t>(std::clamp<std::uint8_t>(c, 16, 240) - 16);
+    const auto n = static_cast<std::uint16_t>(v * 31);
+    return static_cast<JSAMPLE>(std::min<std::uint16_t>(static_cast<std::uint16_t>(v + 1 + quotient<37450>(n)), 255));
+}
+
 /// One row of video-range luma to full range, its last sample repeated up to `paddedWidth`.
 void expandLuma(const std::uint8_t* in, std::size_t width, std::size_t paddedWidth, JSAMPROW out) {
-    constexpr int kFactor = 76309;  // 255/219 in 16.16
-    for (std::size_t x = 0; x < width; ++x) {
-        out[x] = static_cast<JSAMPLE>(std::clamp((kFactor * (in[x] - 16) + (1 << 15)) >> 16, 0, 255));
-    }
+    for (std::size_t x = 0; x < width; ++x) out[x] = fullRangeLuma(in[x]);
     std::memset(out + width, out[width - 1], paddedWidth - width);
 }
 
 void expandChroma(const std::uint8_t* in, std::size_t width, std::size_t paddedWidth, JSAMPROW cb, JSAMPROW cr) {
-    constexpr int kFactor = 74606;  // 255/224 in 16.16
-    const auto expanded = [](int value) {
-        return static_cast<JSAMPLE>(std::clamp((kFactor * (value - 128) + (128 << 16) + (1 << 15)) >> 16, 0, 255));
-    };
     for (std::size_t x = 0; x < width; ++x) {
-        cb[x] = expanded(in[2 * x]);
-        cr[x] = expanded(in[2 * x + 1]);
+        cb[x] = fullRangeChroma(in[2 * x]);
+        cr[x] = fullRangeChroma(in[2 * x + 1]);
     }
     std::memset(cb + width, cb[width - 1], paddedWidth - width);
     std::memset(cr + width, cr[width - 1], paddedWidth - width);
