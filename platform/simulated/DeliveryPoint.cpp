@@ -6,7 +6,7 @@
 
 namespace selvio {
 
-// Held by queued blocks as well, so that the output may go first.
+// Held weakly by queued blocks, because it holds their queue.
 struct DeliveryPoint::State {
     std::mutex mutex;
     std::weak_ptr<CaptureOutputDelegate> delegate;  // guarded by mutex
@@ -46,7 +46,9 @@ void DeliveryPoint::submit(Delivery delivery) {
         generation = state_->generation;
         ++state_->pending;
     }
-    queue->async([state = state_, generation, delivery = std::move(delivery)] {
+    queue->async([weakState = std::weak_ptr(state_), generation, delivery = std::move(delivery)] {
+        const auto state = weakState.lock();
+        if (state == nullptr) return;
         std::shared_ptr<CaptureOutputDelegate> delegate;
         {
             const std::lock_guard lock(state->mutex);

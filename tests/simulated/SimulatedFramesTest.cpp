@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstring>
+#include <numbers>
 
 namespace selvio {
 namespace {
@@ -39,23 +40,22 @@ bool sameBytes(const PixelBuffer& a, const PixelBuffer& b) {
 }
 
 TEST(SimulatedFrames, TruePointsLieWhereTheyAreDrawn) {
-    for (const auto& [width, height] : {std::pair{360, 640}, {640, 360}, {241, 431}}) {
-        for (const PixelFormat format : {kPixelFormat32BGRA, kPixelFormat420v}) {
-            for (const double jaw : {0.08, 0.2, 0.45, 0.6}) {
-                for (const double roll : {0.0, 7.0, -30.0, 90.0, 180.0}) {
-                    const auto frames = spotFrames(R"({"at": 0, "visible": true, "center": [0.48, 0.55], "jawWidth": )" + std::to_string(jaw) +
-                                                   R"(, "roll": )" + std::to_string(roll) + "}");
-                    const auto frame = frames->frame(0s, width, height, format);
-                    const auto faces = frames->trueGeometry(0s, width, height);
-                    ASSERT_EQ(faces.size(), 1u);
-                    const Point expected = faces[0].landmarks.at("spot"), found = centroid(*frame, 0, width);
-                    EXPECT_NEAR(found.x, expected.x, 0.15) << width << " jaw " << jaw << " roll " << roll;
-                    EXPECT_NEAR(found.y, expected.y, 0.15) << width << " jaw " << jaw << " roll " << roll;
-                    const Point left = faces[0].jawLeft, right = faces[0].jawRight;
-                    EXPECT_NEAR(std::hypot(right.x - left.x, right.y - left.y), jaw * std::min(width, height), 1e-3);
-                    EXPECT_NEAR(std::cos(std::atan2(right.y - left.y, right.x - left.x) - roll * 3.14159265358979 / 180), 1.0, 1e-9);
-                    EXPECT_NEAR((left.x + right.x) / 2, 0.48 * width, 1e-6);
-                    EXPECT_NEAR((left.y + right.y) / 2, 0.55 * height, 1e-6);
+    for (const double jaw : {0.08, 0.2, 0.45, 0.6}) {
+        for (const double roll : {0.0, 7.0, -30.0, 90.0, 180.0}) {
+            const auto frames = spotFrames(R"({"at": 0, "visible": true, "center": [0.48, 0.55], "jawWidth": )" + std::to_string(jaw) +
+                                           R"(, "roll": )" + std::to_string(roll) + "}");
+            for (const auto& [width, height] : {std::pair{360, 640}, {640, 360}, {241, 431}}) {
+                const auto faces = frames->trueGeometry(0s, width, height);
+                ASSERT_EQ(faces.size(), 1u);
+                const Point left = faces[0].jawLeft, right = faces[0].jawRight, spot = faces[0].landmarks.at("spot");
+                EXPECT_NEAR(std::hypot(right.x - left.x, right.y - left.y), jaw * std::min(width, height), 1e-3);
+                EXPECT_NEAR(std::cos(std::atan2(right.y - left.y, right.x - left.x) - roll * std::numbers::pi / 180), 1.0, 1e-9);
+                EXPECT_NEAR((left.x + right.x) / 2, 0.48 * width, 1e-6);
+                EXPECT_NEAR((left.y + right.y) / 2, 0.55 * height, 1e-6);
+                for (const PixelFormat format : {kPixelFormat32BGRA, kPixelFormat420v}) {
+                    const Point found = centroid(*frames->frame(0s, width, height, format), 0, width);
+                    EXPECT_NEAR(found.x, spot.x, 0.15) << width << " jaw " << jaw << " roll " << roll;
+                    EXPECT_NEAR(found.y, spot.y, 0.15) << width << " jaw " << jaw << " roll " << roll;
                 }
             }
         }
