@@ -68,13 +68,14 @@ HogFaceFinder::HogFaceFinder(std::shared_ptr<const HogFilters> filters) : filter
 
 HogFaceFinder::~HogFaceFinder() = default;
 
-void HogFaceFinder::load(const GreyImage& image) {
+void HogFaceFinder::load(const GreyImage& image, int levels) {
     auto& copy = scanner_->image;
     copy.set_size(image.height, image.width);
     for (long row = 0; row < image.height; ++row) {
         const std::uint8_t* const from = image.pixels.data() + row * image.width;
         std::copy(from, from + image.width, &copy[row][0]);
     }
+    scanner_->scanner.set_max_pyramid_levels(static_cast<unsigned long>(levels));
     scanner_->scanner.load(copy);
 }
 

@@ -40,8 +40,9 @@ public:
     explicit HogFaceFinder(std::shared_ptr<const HogFilters> filters);
     ~HogFaceFinder();
 
-    /// Takes the picture in for the searches that follow.
-    void load(const GreyImage& image);
+    /// Takes the picture in for the searches that follow. Each level of sizes beyond the first finds faces a third larger than the one before.
+    void load(const GreyImage& image, int levels = kAllLevels);
+    static constexpr int kAllLevels = 1000;
     /// Faces in the picture taken in last whose score exceeds `threshold`, the best first, one box a face.
     [[nodiscard]] std::vector<HogFace> findFrontal(double threshold);
     [[nodiscard]] std::vector<HogFace> findTurned(double threshold);

@@ -15,6 +15,8 @@ constexpr std::uint64_t kMostTrees = 4096;
 constexpr std::uint64_t kMostSplits = 255;
 constexpr std::uint64_t kMostProbes = 4096;
 
+constexpr std::size_t kAhead = 8;
+
 /// Least-squares scale, turn and shift from one shape to another.
 template <typename From, typename To>
 FaceFrame similarity(std::size_t count, From from, To to) {
@@ -211,71 +213,96 @@ FaceFrame FaceFrame::around(Point middle, double side, double tilt) {
     return frame;
 }
 
-LandmarkPoints LandmarkModel::predict(const GreyImage& image, const FaceFrame& frame) const {
-    Shape shape = meanShape_;
-    std::vector<float> seen;
-    std::vector<const std::int16_t*> leaves;
-    const auto pointOf = [](const Shape& values, std::size_t i) { return Point{values[2 * i], values[2 * i + 1]}; };
-    for (const Stage& stage : stages_) {
-        // Where the probes lie now: turned and scaled with the shape as it is known so far.
-        const FaceFrame turn = similarity(
-            kLandmarkCount, [&](std::size_t i) { return pointOf(meanShape_, i); }, [&](std::size_t i) { return pointOf(shape, i); });
-        const auto ta = static_cast<float>(turn.a);
-        const auto tb = static_cast<float>(turn.b);
-        const auto fa = static_cast<float>(frame.a);
-        const auto fb = static_cast<float>(frame.b);
-        // Half a pixel for rounding to the nearest one.
-        const auto fx = static_cast<float>(frame.x) + 0.5F;
-        const auto fy = static_cast<float>(frame.y) + 0.5F;
-        seen.resize(stage.probes.size());
-        for (std::size_t i = 0; i < stage.probes.size(); ++i) {
-            const Probe& probe = stage.probes[i];
-            const float x = ta * probe.dx - tb * probe.dy + shape[2U * probe.anchor];
-            const float y = tb * probe.dx + ta * probe.dy + shape[2U * probe.anchor + 1U];
-            const float column = fa * x - fb * y + fx;
-            const float row = fb * x + fa * y + fy;
-            const bool inside = column >= 0.0F && row >= 0.0F && column < static_cast<float>(image.width) && row < static_cast<float>(image.height);
-            seen[i] =
-                inside ? static_cast<float>(
-                             image.pixels[static_cast<std::size_t>(row) * static_cast<std::size_t>(image.width) + static_cast<std::size_t>(column)])
-                       : 0.0F;
-        }
-        // All paths first, so that the leaves, which are far apart in memory, can be fetched ahead.
-        leaves.resize(stage.trees);
-        const std::size_t leavesPerTree = splitsPerTree_ + 1;
-        for (std::size_t tree = 0; tree < stage.trees; ++tree) {
-            const Split* const splits = &stage.splits[tree * splitsPerTree_];
-            std::size_t node = 0;
-            while (node < splitsPerTree_) {
-                const Split& split = splits[node];
-                node = 2 * node + (seen[split.first] - seen[split.second] > split.threshold ? 1U : 2U);
-            }
-            leaves[tree] = &stage.leaves[(tree * leavesPerTree + node - splitsPerTree_) * kValues];
-        }
-        std::array<std::int32_t, kValues> sum{};
-        constexpr std::size_t kAhead = 12;
-        for (std::size_t tree = 0; tree < stage.trees; ++tree) {
-            if (tree + kAhead < stage.trees) {
-                const auto* const next = reinterpret_cast<const char*>(leaves[tree + kAhead]);
-                for (std::size_t offset = 0; offset < kValues * sizeof(std::int16_t); offset += 64) __builtin_prefetch(next + offset);
-            }
-            const std::int16_t* const leaf = leaves[tree];
-            for (std::size_t i = 0; i < kValues; ++i) sum[i] += leaf[i];
-        }
-        for (std::size_t i = 0; i < kValues; ++i) shape[i] += static_cast<float>(sum[i]) * stage.leafScale;
+/// One evaluation on its way through the cascade.
+struct LandmarkModel::Run {
+    FaceFrame frame;
+    Shape shape{};
+    std::vector<float> seen;                  // the probes' pixels
+    std::vector<const std::int16_t*> leaves;  // where each tree's path ended
+    std::array<std::int32_t, kValues> sum{};  // of the leaves
+
+    static void fetch(const std::int16_t* leaf) {
+        constexpr std::size_t kCacheLine = 64 / sizeof(std::int16_t);
+        for (std::size_t i = 0; i < kValues; i += kCacheLine) __builtin_prefetch(leaf + i);
     }
-    LandmarkPoints points;
-    for (std::size_t i = 0; i < kLandmarkCount; ++i) points[i] = frame.apply(pointOf(shape, i));
-    return points;
+    void add(const std::int16_t* leaf) {
+        for (std::size_t i = 0; i < kValues; ++i) sum[i] += leaf[i];
+    }
+};
+
+void LandmarkModel::followPaths(const GreyImage& image, const Stage& stage, Run& run) const {
+    // Where the probes lie now: turned and scaled with the shape as it is known so far.
+    const FaceFrame turn = similarity(
+        kLandmarkCount, [&](std::size_t i) { return pointOf(meanShape_, i); }, [&](std::size_t i) { return pointOf(run.shape, i); });
+    const auto ta = static_cast<float>(turn.a);
+    const auto tb = static_cast<float>(turn.b);
+    const auto fa = static_cast<float>(run.frame.a);
+    const auto fb = static_cast<float>(run.frame.b);
+    // Half a pixel for rounding to the nearest one.
+    const auto fx = static_cast<float>(run.frame.x) + 0.5F;
+    const auto fy = static_cast<float>(run.frame.y) + 0.5F;
+    run.seen.resize(stage.probes.size());
+    for (std::size_t i = 0; i < stage.probes.size(); ++i) {
+        const Probe& probe = stage.probes[i];
+        const float x = ta * probe.dx - tb * probe.dy + run.shape[2U * probe.anchor];
+        const float y = tb * probe.dx + ta * probe.dy + run.shape[2U * probe.anchor + 1U];
+        const float column = fa * x - fb * y + fx;
+        const float row = fb * x + fa * y + fy;
+        const bool inside = column >= 0.0F && row >= 0.0F && column < static_cast<float>(image.width) && row < static_cast<float>(image.height);
+        const auto pixel = [&] {
+            return image.pixels[static_cast<std::size_t>(row) * static_cast<std::size_t>(image.width) + static_cast<std::size_t>(column)];
+        };
+        run.seen[i] = inside ? static_cast<float>(pixel()) : 0.0F;
+    }
+    run.leaves.resize(stage.trees);
+    const std::size_t leavesPerTree = splitsPerTree_ + 1;
+    for (std::size_t tree = 0; tree < stage.trees; ++tree) {
+        const Split* const splits = &stage.splits[tree * splitsPerTree_];
+        std::size_t node = 0;
+        while (node < splitsPerTree_) {
+            const Split& split = splits[node];
+            node = 2 * node + (run.seen[split.first] - run.seen[split.second] > split.threshold ? 1U : 2U);
+        }
+        run.leaves[tree] = &stage.leaves[(tree * leavesPerTree + node - splitsPerTree_) * kValues];
+    }
+}
+
+LandmarkPoints LandmarkModel::predict(const GreyImage& image, std::span<const FaceFrame> frames, std::size_t stages) const {
+    std::vector<Run> runs(frames.size());
+    for (std::size_t i = 0; i < frames.size(); ++i) {
+        runs[i].frame = frames[i];
+        runs[i].shape = meanShape_;
+    }
+    // Stage by stage for all, because runs from similar boxes end in mostly the same leaves.
+    for (std::size_t level = 0; level < std::min(stages, stages_.size()); ++level) {
+        const Stage& stage = stages_[level];
+        for (Run& run : runs) followPaths(image, stage, run);
+        // The leaves lie far apart in memory: fetch them some trees ahead, and add a tree's leaves of all runs while they are near.
+        for (std::size_t tree = 0; tree < stage.trees + kAhead; ++tree) {
+            for (Run& run : runs) {
+                if (tree < stage.trees) Run::fetch(run.leaves[tree]);
+                if (tree >= kAhead) run.add(run.leaves[tree - kAhead]);
+            }
+        }
+        for (Run& run : runs) {
+            for (std::size_t i = 0; i < kValues; ++i) run.shape[i] += static_cast<float>(run.sum[i]) * stage.leafScale;
+            run.sum = {};
+        }
+    }
+    LandmarkPoints mean{};
+    for (const Run& run : runs) {
+        for (std::size_t i = 0; i < kLandmarkCount; ++i) {
+            const Point point = run.frame.apply(pointOf(run.shape, i));
+            mean[i].x += point.x / static_cast<double>(runs.size());
+            mean[i].y += point.y / static_cast<double>(runs.size());
+        }
+    }
+    return mean;
 }
 
 FaceFrame LandmarkModel::frameOf(const LandmarkPoints& points) const {
     return similarity(
-        kLandmarkCount,
-        [&](std::size_t i) {
-            return Point{meanShape_[2 * i], meanShape_[2 * i + 1]};
-        },
-        [&](std::size_t i) { return points[i]; });
+        kLandmarkCount, [&](std::size_t i) { return pointOf(meanShape_, i); }, [&](std::size_t i) { return points[i]; });
 }
 
 }  // namespace selvio

@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -43,8 +44,13 @@ public:
     /// Reads a predictor in dlib's format (`shape_predictor_68_face_landmarks.dat`). The error names the file and what is wrong with it.
     static Expected<std::shared_ptr<const LandmarkModel>> load(const std::string& path);
 
-    /// The points of the face whose box is `frame`, in pixels of `image` (the centre of the first pixel is 0, 0).
-    [[nodiscard]] LandmarkPoints predict(const GreyImage& image, const FaceFrame& frame) const;
+    /// The points of the face whose box is `frame`, in pixels of `image` (the centre of the first pixel is 0, 0); with several boxes the mean of what
+    /// each gives, at less than the price of asking for each. Fewer stages of the cascade cost less and give rougher points.
+    [[nodiscard]] LandmarkPoints predict(const GreyImage& image, std::span<const FaceFrame> frames, std::size_t stages = kAllStages) const;
+    [[nodiscard]] LandmarkPoints predict(const GreyImage& image, const FaceFrame& frame, std::size_t stages = kAllStages) const {
+        return predict(image, std::span(&frame, 1), stages);
+    }
+    static constexpr std::size_t kAllStages = static_cast<std::size_t>(-1);
 
     /// The box that the model would have expected around a face with these points: what is left when the chance of the detector's box is taken out.
     [[nodiscard]] FaceFrame frameOf(const LandmarkPoints& points) const;
@@ -72,8 +78,12 @@ private:
         std::size_t trees = 0;
     };
     class Reader;
+    struct Run;
 
     LandmarkModel() = default;
+    static Point pointOf(const Shape& shape, std::size_t i) { return {shape[2 * i], shape[2 * i + 1]}; }
+    /// Looks at the stage's probes and follows each tree's path.
+    void followPaths(const GreyImage& image, const Stage& stage, Run& run) const;
 
     Shape meanShape_{};
     std::size_t splitsPerTree_ = 0;

@@ -14,16 +14,18 @@ struct Thresholds {
 };
 
 // Shorter side of the view in which faces are sought, in pixels, and the most pixels such a view may have however long it is.
-constexpr double kUsualSide = 200.0;
-constexpr double kUsualPixels = 200.0 * 1000.0;
-constexpr double kWideSide = 400.0;
-constexpr double kWidePixels = 400.0 * 1600.0;
+constexpr double kUsualSide = 180.0;
+constexpr double kUsualPixels = 180.0 * 900.0;
+constexpr double kWideSide = 384.0;
+constexpr double kWidePixels = 384.0 * 1600.0;
+// Beside a face that the usual scale found; larger ones are that scale's business.
+constexpr int kWideLevels = 3;
 constexpr double kMostEnlargement = 2.0;
 
 // How far above the filters' own thresholds a face must score. At the usual scale no extra false boxes come with a lower one; the larger scale shows
 // more of the background, so there a face must be surer, but not to be seen again at its place.
 constexpr Thresholds kUsual{.frontal = -0.25, .turned = 0.0};
-constexpr Thresholds kWide{.frontal = 0.2, .turned = 0.25};
+constexpr Thresholds kWide{.frontal = 0.2, .turned = 0.12};
 constexpr Thresholds kAgain{.frontal = -0.1, .turned = 0.0};
 
 // Looking again: side of the face in the small view, and how much of the side is added around it.
@@ -32,13 +34,17 @@ constexpr double kAgainMargin = 0.35;
 
 // Landmarks: side of the face's box in the small view, at which the nose spans more than 24 pixels, and how much of the side is added around it.
 constexpr double kLandmarkSide = 144.0;
-constexpr double kLandmarkMargin = 0.4;
+constexpr double kLandmarkMargin = 0.32;
 
-// Boxes beside the refined one, in its own units; together they neither shift nor scale it.
-constexpr double kStep = 0.02;
-constexpr std::array<FaceFrame, 4> kBeside{
-    FaceFrame{1.0 + kStep, 0.0, -kStep / 2.0 + kStep, -kStep / 2.0}, FaceFrame{1.0 + kStep, 0.0, -kStep / 2.0 - kStep, -kStep / 2.0},
-    FaceFrame{1.0 - kStep, 0.0, kStep / 2.0, kStep / 2.0 + kStep}, FaceFrame{1.0 - kStep, 0.0, kStep / 2.0, kStep / 2.0 - kStep}};
+// Stages of the cascade for the first, rough points.
+constexpr std::size_t kRoughStages = 8;
+
+/// A box beside the refined one, moved and scaled about its middle, all in shares of its side.
+constexpr FaceFrame beside(double right, double down, double larger) {
+    return {1.0 + larger, 0.0, right - larger / 2.0, down - larger / 2.0};
+}
+// Together they neither move nor scale it.
+constexpr std::array<FaceFrame, 3> kBeside{beside(0.02, 0.0, 0.0), beside(-0.01, 0.017, 0.02), beside(-0.01, -0.017, -0.02)};
 
 constexpr double kRadian = 3.14159265358979323846 / 180.0;
 constexpr std::size_t kMostFaces = 8;
@@ -58,19 +64,13 @@ PixelArea areaUnder(const PixelBuffer& buffer, ViewTransform view, double left, 
     return {x, y, right - x, bottom - y};
 }
 
-/// The detector's box moves in steps, and the trees' answers jump with single pixels. A second run starts from the box that the first run's points
-/// imply, turned with the head, which takes out the steps; averaging runs from boxes a little beside it takes out most of the jumps.
+/// The detector's box moves in steps, and the trees' answers jump with single pixels. A second run starts from the box that a rough first run's
+/// points imply, turned with the head, which takes out the steps; the mean of runs from boxes a little beside it takes out most of the jumps.
 LandmarkPoints steadyPoints(const LandmarkModel& model, const GreyImage& image, const FaceFrame& detected) {
-    const FaceFrame refined = model.frameOf(model.predict(image, detected));
-    LandmarkPoints mean{};
-    for (const FaceFrame& beside : kBeside) {
-        const LandmarkPoints points = model.predict(image, refined.after(beside));
-        for (std::size_t i = 0; i < points.size(); ++i) {
-            mean[i].x += points[i].x / static_cast<double>(kBeside.size());
-            mean[i].y += points[i].y / static_cast<double>(kBeside.size());
-        }
-    }
-    return mean;
+    const FaceFrame refined = model.frameOf(model.predict(image, detected, kRoughStages));
+    std::array<FaceFrame, kBeside.size()> frames;
+    std::transform(kBeside.begin(), kBeside.end(), frames.begin(), [&](const FaceFrame& other) { return refined.after(other); });
+    return model.predict(image, frames);
 }
 
 double scaleFor(Size size, double side, double pixels) {
@@ -117,8 +117,8 @@ std::vector<VisionEngine::Box> VisionEngine::inFullView(const std::vector<HogFac
     return boxes;
 }
 
-std::vector<HogFace> VisionEngine::search(double frontal, std::optional<double> turned) {
-    finder_.load(grey_);
+std::vector<HogFace> VisionEngine::search(double frontal, std::optional<double> turned, int levels) {
+    finder_.load(grey_, levels);
     auto faces = finder_.findFrontal(frontal);
     // A tilted head is still a head: without this it would read as no face instead of as tilted.
     if (faces.empty() && turned) faces = finder_.findTurned(*turned);
@@ -134,7 +134,7 @@ std::vector<VisionEngine::Box> VisionEngine::usualPass(const PixelBuffer& buffer
 std::vector<VisionEngine::Box> VisionEngine::widePass(const PixelBuffer& buffer, ViewTransform view, const std::vector<Box>& known) {
     const double scale = scaleFor(viewSizeOf(buffer, view), kWideSide, kWidePixels);
     if (!load(buffer, view, {0, 0, buffer.width(), buffer.height()}, scale)) return {};
-    std::vector<Box> boxes = inFullView(search(kWide.frontal, known.empty() ? std::optional(kWide.turned) : std::nullopt));
+    std::vector<Box> boxes = inFullView(known.empty() ? search(kWide.frontal, kWide.turned) : search(kWide.frontal, std::nullopt, kWideLevels));
     std::erase_if(boxes, [&](const Box& box) { return std::any_of(known.begin(), known.end(), [&](const Box& other) { return same(box, other); }); });
     return boxes;
 }

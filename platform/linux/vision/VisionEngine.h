@@ -22,13 +22,13 @@ struct VisionModels {
 /// The size in pixels of the view of a buffer.
 [[nodiscard]] Size viewSizeOf(const PixelBuffer& buffer, ViewTransform view);
 
-/// Finds faces: in every picture at a small scale (faces from 28 % of the view's shorter side on), and at a larger one (from 17 %) in single pictures
-/// and now and then in a sequence, where a small face that was seen is looked for again at its place until the next such pass. Nothing else is
-/// carried from frame to frame, so nothing lags. One thread at a time.
+/// Finds faces: in every picture at a small scale (faces from about 31 % of the view's shorter side on), and at a larger one (from 17 %) in single
+/// pictures and now and then in a sequence, where a small face that was seen is looked for again at its place until the next such pass. Nothing else
+/// is carried from frame to frame, so nothing lags. One thread at a time.
 class VisionEngine {
 public:
     /// How often the larger scale is used in a sequence: after this many frames or this much time, whichever comes first.
-    static constexpr int kFramesBetweenWidePasses = 12;
+    static constexpr int kFramesBetweenWidePasses = 14;
     static constexpr std::chrono::nanoseconds kTimeBetweenWidePasses = std::chrono::milliseconds(400);
 
     explicit VisionEngine(std::shared_ptr<const VisionModels> models);
@@ -59,7 +59,7 @@ private:
     /// Makes the grey view of `area` of the buffer, scaled by `scale`.
     [[nodiscard]] bool load(const PixelBuffer& buffer, ViewTransform view, PixelArea area, double scale);
     /// In the view that was loaded last, by score; the filters for turned heads, if wanted, only when the frontal one finds nothing.
-    [[nodiscard]] std::vector<HogFace> search(double frontal, std::optional<double> turned);
+    [[nodiscard]] std::vector<HogFace> search(double frontal, std::optional<double> turned, int levels = HogFaceFinder::kAllLevels);
     [[nodiscard]] std::vector<Box> inFullView(const std::vector<HogFace>& faces) const;
     [[nodiscard]] std::vector<Box> usualPass(const PixelBuffer& buffer, ViewTransform view);
     /// Only what is not among `known`.
