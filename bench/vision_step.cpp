@@ -1,7 +1,7 @@
 // The vision step (grey view, face search on every frame, landmarks, smile) beside the usual ways to do it.
 //
-// Prints the times, then the ratios, then what the speed must not cost: how still the yaw ratio is and which faces are found.
-#include "analyzer/rules/FaceChecks.h"
+// Prints the times and their ratios, then what the speed must not cost: how still the yaw ratio is and which faces are found.
+#include "Ratios.h"
 #include "platform/linux/vision/GreyView.h"
 #include "vision/TestPictures.h"
 
@@ -16,7 +16,6 @@
 
 #include <cmath>
 #include <cstdio>
-#include <map>
 #include <random>
 #include <string>
 
@@ -107,33 +106,6 @@ void haarStep(benchmark::State& state, int width, int height, double smallest) {
 }
 #endif
 
-/// Remembers the time of every benchmark by name.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const Run& run : runs) {
-            if (!run.error_occurred && run.run_type == Run::RT_Iteration) milliseconds[run.run_name.function_name] = run.GetAdjustedCPUTime();
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
-    std::map<std::string, double> milliseconds;
-};
-
-void printRatios(const std::map<std::string, double>& times) {
-    std::printf("\n| frame | vision step, ms | stock dlib on the full frame, ms | times faster (target 20) |\n|---|---|---|---|\n");
-    for (const char* size : {"720x1280", "1080x1920"}) {
-        for (const char* format : {"BGRA", "420v"}) {
-            const auto step = times.find(std::string("vision step/") + size + "/" + format);
-            const auto other = times.find(std::string("stock dlib/") + size);
-            if (step == times.end() || other == times.end()) continue;
-            std::printf("| %s %s | %.2f | %.1f | %.1f |\n", size, format, step->second, other->second, other->second / step->second);
-        }
-    }
-    for (const auto& [name, time] : times) {
-        if (name.rfind("Haar", 0) == 0) std::printf("%s: %.1f ms\n", name.c_str(), time);
-    }
-}
-
 double yawRatioOf(const FaceObservation& face) {
     const auto& nose = face.landmarks->nose->normalizedPoints;
     const double right = std::abs(nose[6].y - nose[4].y);
@@ -188,28 +160,28 @@ void printDetectionRates() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
     if (const auto error = waitForVisionModels()) {
         std::fprintf(stderr, "%s\n", error->localizedDescription.c_str());
         return 5;
     }
+    std::vector<bench::Ratio> ratios;
     for (const auto& [width, height] : {std::pair{720, 1280}, {1080, 1920}}) {
         const std::string size = std::to_string(width) + "x" + std::to_string(height);
+        const std::string stockName = "stock dlib on the full frame/" + size;
+        benchmark::RegisterBenchmark(stockName.c_str(), stockStep, width, height)->Unit(benchmark::kMillisecond);
         for (const bool yuv : {false, true}) {
-            benchmark::RegisterBenchmark(("vision step/" + size + (yuv ? "/420v" : "/BGRA")).c_str(), visionStep, width, height, yuv)
-                ->Unit(benchmark::kMillisecond);
+            const std::string name = "vision step/" + size + (yuv ? "/420v" : "/BGRA");
+            benchmark::RegisterBenchmark(name.c_str(), visionStep, width, height, yuv)->Unit(benchmark::kMillisecond);
+            ratios.push_back({name + " against stock dlib", name, stockName, 0.05});
         }
-        benchmark::RegisterBenchmark(("stock dlib/" + size).c_str(), stockStep, width, height)->Unit(benchmark::kMillisecond);
     }
 #ifdef SELVIO_HAAR_CASCADE
-    benchmark::RegisterBenchmark("Haar cascade at 640, any size", haarStep, 720, 1280, 0.0)->Unit(benchmark::kMillisecond);
-    benchmark::RegisterBenchmark("Haar cascade at 640, faces from 30 %", haarStep, 720, 1280, 0.3)->Unit(benchmark::kMillisecond);
+    for (const auto& [name, smallest] : {std::pair{"Haar cascade at 640, any size", 0.0}, {"Haar cascade at 640, faces from 30 %", 0.3}}) {
+        benchmark::RegisterBenchmark(name, haarStep, 720, 1280, smallest)->Unit(benchmark::kMillisecond);
+        ratios.push_back({std::string("vision step/720x1280/BGRA against ") + name, "vision step/720x1280/BGRA", name, 1.0});
+    }
 #endif
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
-    printRatios(reporter.milliseconds);
+    if (const int code = bench::runWithRatios(argc, argv, ratios); code != 0) return code;
     printYawJitter();
     printDetectionRates();
     return 0;
