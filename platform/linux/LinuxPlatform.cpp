@@ -2,6 +2,7 @@
 #include <SelvioFacialCapture/linux/Device.h>
 #include <SelvioFacialCapture/linux/Files.h>
 #include <SelvioFacialCapture/linux/LinuxPlatform.h>
+#include <SelvioFacialCapture/linux/Recording.h>
 
 namespace selvio {
 namespace {
@@ -20,6 +21,7 @@ Platform makeLinuxPlatform(const VisionOptions& vision) {
     platform.makeSequenceRequestHandler = [vision] { return makeSequenceRequestHandler(vision); };
     platform.makeFaceDetector = [vision] { return makeFaceDetector(vision); };
     platform.fileManager = std::make_shared<LinuxFileManager>();
+    platform.assetWriters = makeGstAssetWriterFactory();
     return platform;
 }
 
