@@ -23,7 +23,8 @@ std::vector<Listed> listDevices() {
             const bool usable = !simulated || camera->position() == CaptureDevicePosition::Front;
             listed.push_back({!usable ? "" : simulated ? "simulated" : "camera:" + camera->localizedName(), camera});
         }
-        if (const auto microphone = system->defaultDevice(MediaType::Audio)) listed.push_back({"", microphone});
+        const auto microphones = system->discoverDevices({}, MediaType::Audio, CaptureDevicePosition::Unspecified);
+        for (const auto& microphone : microphones->devices) listed.push_back({"", microphone});
     };
     add(machineCaptureSystem(), false);
     auto platform = makePortablePlatform();

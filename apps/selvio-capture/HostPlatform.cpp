@@ -7,11 +7,17 @@
 
 namespace selvio::app {
 
-std::shared_ptr<const ImageCodec> makeImageCodec() { return std::make_shared<LibjpegImageCodec>(); }
+std::shared_ptr<const ImageCodec> makeImageCodec() {
+    return std::make_shared<LibjpegImageCodec>();
+}
 
-std::shared_ptr<const ImageLoader> makeImageLoader() { return std::make_shared<JpegPngImageLoader>(); }
+std::shared_ptr<const ImageLoader> makeImageLoader() {
+    return std::make_shared<JpegPngImageLoader>();
+}
 
-std::shared_ptr<FileManager> makeFileManager() { return std::make_shared<LinuxFileManager>(); }
+std::shared_ptr<FileManager> makeFileManager() {
+    return std::make_shared<LinuxFileManager>();
+}
 
 Platform makeHostPlatform() {
     auto platform = makeLinuxPlatform();
@@ -19,7 +25,9 @@ Platform makeHostPlatform() {
     return platform;
 }
 
-std::optional<Error> waitForModels() { return waitForVisionModels(); }
+std::optional<Error> waitForModels() {
+    return waitForVisionModels();
+}
 
 std::filesystem::path samplesDirectory() {
     std::error_code code;

@@ -143,6 +143,11 @@ void Session::makeCamera() {
 void Session::openCamera(bool granted) {
     if (ending_) return;
     if (!granted) return cancel(ExitCode::NoCamera, "no access to the camera");
+    const auto parameters = camera_->parameters();
+    if (parameters->recordAudio() && !platform_.captureSystem->defaultDevice(MediaType::Audio)) {
+        complain("there is no microphone; going on without sound");  // the camera would not open at all
+        parameters->setRecordAudio(false);
+    }
     camera_->setDelegate(cameraDelegate_);
     afterSessionQueue(&Session::cameraConfigured);
 }

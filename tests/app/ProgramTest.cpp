@@ -246,6 +246,23 @@ TEST_F(SelvioCapture, CapturesAndShowsTheRecord) {
     EXPECT_EQ(selfie.value()->height(), 1280);
 }
 
+TEST_F(SelvioCapture, KeepsTheRecordingHoweverTheCaptureEnds) {
+    for (const bool interrupt : {false, true}) {
+        bool sent = !interrupt;
+        const auto script = interrupt ? emptyScene() : kSamples / "scripts/steady.json";
+        const auto ended = run(capture(script, {"--record-video", "--record-audio"}), [&](const std::string& out, pid_t program) {
+            if (std::ranges::count(out, '\n') > 20 && !std::exchange(sent, true)) ::kill(program, SIGINT);
+        });
+        EXPECT_EQ(ended.exitCode, interrupt ? 3 : 0) << ended.err;
+        EXPECT_EQ(record()["Parameters"]["RecordVideo"], "1");
+        const auto recording = contentOf(path("out/recording.mp4"));
+        EXPECT_THAT(recording.substr(0, 16), HasSubstr("ftyp"));
+        EXPECT_LT(recording.find("moov"), recording.find("mdat"));
+        EXPECT_TRUE(fs::is_empty(path("SelvioFacialCapture/Documents"))) << "the component's own copy";
+        fs::remove_all(path("out"));
+    }
+}
+
 TEST_F(SelvioCapture, TakesThePictureInManualModeWithoutATerminal) {
     const auto ended = run(capture(kSamples / "scripts/steady.json", {"--mode", "manual"}));
     ASSERT_EQ(ended.exitCode, 0) << ended.err;
