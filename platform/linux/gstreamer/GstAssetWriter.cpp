@@ -35,33 +35,10 @@ void removeQuietly(const fs::path& path) {
     fs::remove(path, ignored);
 }
 
-GstElement* makeElement(const std::string& name) {
-    return gst_element_factory_make(name.c_str(), nullptr);
-}
-
 void set(GstElement* element, const std::string& property, const std::string& value) {
     // Encoders differ between versions; a setting that one does not know is not worth a failure.
     if (g_object_class_find_property(G_OBJECT_GET_CLASS(element), property.c_str()) == nullptr) return;
     gst_util_set_object_arg(G_OBJECT(element), property.c_str(), value.c_str());
-}
-
-// Adds the elements to the pipeline and links them one behind the other. An element that could not be made is null and reported.
-std::optional<Error> addChain(GstElement* pipeline, const std::vector<GstElement*>& chain) {
-    bool complete = true;
-    for (GstElement* element : chain) {
-        if (element == nullptr) {
-            complete = false;
-        } else {
-            gst_bin_add(GST_BIN(pipeline), element);
-        }
-    }
-    if (!complete) return Error{"an element of the pipeline could not be made"};
-    for (std::size_t i = 1; i < chain.size(); ++i) {
-        if (gst_element_link(chain[i - 1], chain[i]) == FALSE) {
-            return Error{std::string("could not link ") + GST_ELEMENT_NAME(chain[i - 1]) + " to " + GST_ELEMENT_NAME(chain[i])};
-        }
-    }
-    return std::nullopt;
 }
 
 GstElement* makeSource() {
@@ -70,12 +47,6 @@ GstElement* makeSource() {
         g_object_set(source, "format", GST_FORMAT_TIME, "max-bytes", guint64{0}, "block", FALSE, "emit-signals", FALSE, nullptr);
     }
     return source;
-}
-
-GstElement* makeCapsFilter(const std::string& text) {
-    GstElement* const filter = makeElement("capsfilter");
-    if (filter != nullptr) set(filter, "caps", text);
-    return filter;
 }
 
 // A thread boundary. `buffers` of 0 lets it grow: encoded data is small, and the muxer waits for the slower track.

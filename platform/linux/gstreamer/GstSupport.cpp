@@ -122,6 +122,34 @@ std::shared_ptr<PixelBuffer> wrapFrame(GstBuffer* buffer, const GstVideoInfo& in
     return PixelBuffer::wrap(*layout, planes, [mapped] {});
 }
 
+GstElement* makeElement(const std::string& factory) {
+    return gst_element_factory_make(factory.c_str(), nullptr);
+}
+
+GstElement* makeCapsFilter(const std::string& caps) {
+    GstElement* const filter = makeElement("capsfilter");
+    if (filter != nullptr) gst_util_set_object_arg(G_OBJECT(filter), "caps", caps.c_str());
+    return filter;
+}
+
+std::optional<Error> addChain(GstElement* pipeline, const std::vector<GstElement*>& chain) {
+    bool complete = true;
+    for (GstElement* element : chain) {
+        if (element == nullptr) {
+            complete = false;
+        } else {
+            gst_bin_add(GST_BIN(pipeline), element);
+        }
+    }
+    if (!complete) return Error{"an element of the pipeline could not be made"};
+    for (std::size_t i = 1; i < chain.size(); ++i) {
+        if (gst_element_link(chain[i - 1], chain[i]) == FALSE) {
+            return Error{std::string("could not link ") + GST_ELEMENT_NAME(chain[i - 1]) + " to " + GST_ELEMENT_NAME(chain[i])};
+        }
+    }
+    return std::nullopt;
+}
+
 std::string describe(GstMessage* message) {
     GError* failure = nullptr;
     if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR) {

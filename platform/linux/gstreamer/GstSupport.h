@@ -1,6 +1,8 @@
 // What every GStreamer adapter needs: start-up, owning pointers, pixels to and from GStreamer's buffers.
 #pragma once
 
+#include "FrameCrop.h"
+
 #include <SelvioFacialCapture/base/Error.h>
 #include <SelvioFacialCapture/imaging/SampleBuffer.h>
 
@@ -8,7 +10,9 @@
 #include <gst/video/video.h>
 
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace selvio {
 
@@ -47,18 +51,14 @@ bool startGStreamer();
 /// A GStreamer buffer over the sample's pixels, which it keeps alive and does not copy. Null without a picture.
 [[nodiscard]] GstBuffer* wrapSample(const std::shared_ptr<SampleBuffer>& sample);
 
-/// Part of a frame, in pixels.
-struct FrameCrop {
-    int x = 0;
-    int y = 0;
-    int width = 0;
-    int height = 0;
-    friend bool operator==(const FrameCrop&, const FrameCrop&) = default;
-};
-
 /// A pixel buffer over the part `crop` of a GStreamer frame, which stays mapped and referenced as long as the buffer lives; nothing is copied.
 /// Null if the frame is neither BGRA nor 420v, the crop does not lie inside it, or for 420v does not begin on even places.
 [[nodiscard]] std::shared_ptr<PixelBuffer> wrapFrame(GstBuffer* buffer, const GstVideoInfo& info, const FrameCrop& crop);
+
+/// Adds the elements to a pipeline and links them one behind the other; those that could not be made (null) are an error.
+std::optional<Error> addChain(GstElement* pipeline, const std::vector<GstElement*>& chain);
+[[nodiscard]] GstElement* makeElement(const std::string& factory);
+[[nodiscard]] GstElement* makeCapsFilter(const std::string& caps);
 
 /// The text of an error or warning message, with its source.
 [[nodiscard]] std::string describe(GstMessage* message);

@@ -1,0 +1,145 @@
+#include "CaptureRules.h"
+
+#include <algorithm>
+#include <cmath>
+#include <tuple>
+
+namespace selvio {
+namespace {
+
+constexpr double kWantedRate = 30.0;
+constexpr double kRateSlack = 0.5;  // 29.97 is 30
+
+bool isFullRate(const FrameRate& rate) {
+    return rate.numerator == 0 || rate.value() >= kWantedRate - kRateSlack;
+}
+
+bool matchesFormat(const CameraMode& mode, PixelFormat format) {
+    return !mode.jpeg && mode.format == (format == kPixelFormat420v ? "NV12" : "BGRA");
+}
+
+int evenBelow(int n) {
+    return n & ~1;
+}
+
+}  // namespace
+
+FrameRate preferredRate(const std::vector<FrameRate>& rates) {
+    FrameRate best{0, 1};
+    for (const FrameRate& rate : rates) {
+        const bool above = rate.value() >= kWantedRate - kRateSlack;
+        const bool bestAbove = best.value() >= kWantedRate - kRateSlack;
+        const bool better = above ? !bestAbove || rate.value() < best.value() : !bestAbove && rate.value() > best.value();
+        if (better) best = rate;
+    }
+    return best;
+}
+
+std::vector<CaptureDeviceFormat> formatsOf(const std::vector<CameraMode>& modes) {
+    std::vector<CaptureDeviceFormat> formats;
+    for (const CameraMode& mode : modes) {
+        bool known = false;
+        for (CaptureDeviceFormat& format : formats) {
+            if (format.formatDescription.width != mode.width || format.formatDescription.height != mode.height) continue;
+            format.maxFrameRate = std::max(format.maxFrameRate, mode.rate.value());
+            known = true;
+        }
+        if (known) continue;
+        for (const PixelFormat pixelFormat : {kPixelFormat420v, kPixelFormat32BGRA}) {
+            formats.push_back({{pixelFormat, mode.width, mode.height}, mode.rate.value()});
+        }
+    }
+    return formats;
+}
+
+const CameraMode* chooseMode(const std::vector<CameraMode>& modes, int width, int height, PixelFormat format) {
+    const CameraMode* best = nullptr;
+    const auto merit = [&](const CameraMode& mode) {
+        return std::tuple(isFullRate(mode.rate) ? kWantedRate : mode.rate.value(), matchesFormat(mode, format), !mode.jpeg);
+    };
+    for (const CameraMode& mode : modes) {
+        if (mode.width != width || mode.height != height) continue;
+        if (best == nullptr || merit(mode) > merit(*best)) best = &mode;
+    }
+    return best;
+}
+
+std::optional<CaptureDeviceFormat> formatForPreset(const std::vector<CaptureDeviceFormat>& formats, const std::string& preset) {
+    const auto longer = [](const CaptureDeviceFormat& f) { return std::max(f.formatDescription.width, f.formatDescription.height); };
+    const auto shorter = [](const CaptureDeviceFormat& f) { return std::min(f.formatDescription.width, f.formatDescription.height); };
+    const auto area = [](const CaptureDeviceFormat& f) { return static_cast<std::int64_t>(f.formatDescription.width) * f.formatDescription.height; };
+    struct Named {
+        const char* preset;
+        int width, height;
+    };
+    for (const Named& named : {Named{kCaptureSessionPreset1920x1080, 1920, 1080}, Named{kCaptureSessionPreset1280x720, 1280, 720},
+                               Named{kCaptureSessionPreset640x480, 640, 480}}) {
+        if (preset != named.preset) continue;
+        const auto found =
+            std::find_if(formats.begin(), formats.end(), [&](const auto& f) { return longer(f) == named.width && shorter(f) == named.height; });
+        return found == formats.end() ? std::nullopt : std::optional(*found);
+    }
+    if (preset != kCaptureSessionPresetHigh || formats.empty()) return std::nullopt;
+    const CaptureDeviceFormat* best = nullptr;
+    for (const CaptureDeviceFormat& format : formats) {
+        if (longer(format) <= 1920 && (best == nullptr || area(format) > area(*best))) best = &format;
+    }
+    if (best != nullptr) return *best;
+    return *std::min_element(formats.begin(), formats.end(), [&](const auto& a, const auto& b) { return area(a) < area(b); });
+}
+
+std::optional<CaptureDeviceFormat> initialFormat(const std::vector<CaptureDeviceFormat>& formats) {
+    const auto usual = formatForPreset(formats, kCaptureSessionPreset1280x720);
+    return usual ? usual : formatForPreset(formats, kCaptureSessionPresetHigh);
+}
+
+FrameCrop cropFor(int width, int height, VideoOrientation orientation) {
+    const bool wantsPortrait = orientation == VideoOrientation::Portrait || orientation == VideoOrientation::PortraitUpsideDown;
+    const bool isPortrait = height > width;
+    if (wantsPortrait == isPortrait) return {0, 0, width, height};
+    FrameCrop crop{0, 0, evenBelow(width), evenBelow(height)};
+    if (wantsPortrait) {
+        crop.width = std::min(evenBelow(crop.height * 9 / 16), crop.width);
+        crop.x = evenBelow((width - crop.width) / 2);
+    } else {
+        crop.height = std::min(evenBelow(crop.width * 9 / 16), crop.height);
+        crop.y = evenBelow((height - crop.height) / 2);
+    }
+    return crop;
+}
+
+FrameCrop cropToFill(int width, int height, Size surface) {
+    if (surface.width <= 0.0 || surface.height <= 0.0) return {0, 0, width, height};
+    const double shape = surface.width / surface.height;
+    FrameCrop crop{0, 0, evenBelow(width), evenBelow(height)};
+    crop.width = std::clamp(evenBelow(static_cast<int>(std::lround(crop.height * shape))), 2, crop.width);
+    crop.height = std::clamp(evenBelow(static_cast<int>(std::lround(crop.width / shape))), 2, crop.height);
+    crop.x = evenBelow((width - crop.width) / 2);
+    crop.y = evenBelow((height - crop.height) / 2);
+    return crop;
+}
+
+Rect onMirroredSurface(Rect part, int width, int height, Size surface) {
+    const double scale = std::max(surface.width / width, surface.height / height);
+    const double shownWidth = width * scale;
+    const double shownHeight = height * scale;
+    return {surface.width / 2 + (0.5 - part.x - part.width) * shownWidth, surface.height / 2 + (part.y - 0.5) * shownHeight, part.width * shownWidth,
+            part.height * shownHeight};
+}
+
+int positionMatch(CaptureDevicePosition actual, CaptureDevicePosition wanted) {
+    if (actual == wanted || wanted == CaptureDevicePosition::Unspecified) return 2;
+    return actual == CaptureDevicePosition::Unspecified ? 1 : 0;
+}
+
+std::chrono::nanoseconds AudioClock::place(std::chrono::nanoseconds time, std::int64_t frames, int sampleRate) {
+    using std::chrono::nanoseconds;
+    constexpr nanoseconds kBreak = std::chrono::milliseconds(100);  // beyond this samples were lost
+    constexpr int kPull = 32;                                       // a constant offset has gone after about that many blocks
+    nanoseconds placed = time;
+    if (next_ && std::chrono::abs(time - *next_) < kBreak) placed = *next_ + (time - *next_) / kPull;
+    next_ = placed + nanoseconds(frames * 1'000'000'000 / std::max(sampleRate, 1));
+    return placed;
+}
+
+}  // namespace selvio

@@ -1,0 +1,70 @@
+// What capture decides: camera modes, presets, cropping, audio times. No GStreamer here.
+#pragma once
+
+#include "FrameCrop.h"
+
+#include <SelvioFacialCapture/platform/Capture.h>
+
+#include <string>
+#include <vector>
+
+namespace selvio {
+
+/// Frames a second as a fraction.
+struct FrameRate {
+    int numerator = 0;
+    int denominator = 1;
+    [[nodiscard]] double value() const { return denominator > 0 ? static_cast<double>(numerator) / denominator : 0.0; }
+    friend bool operator==(const FrameRate&, const FrameRate&) = default;
+};
+
+/// One way in which a camera sends frames.
+struct CameraMode {
+    bool jpeg = false;     ///< Motion JPEG; else raw
+    std::string format{};  ///< GStreamer's name of a raw format
+    int width = 0;         ///< pixels
+    int height = 0;        ///< pixels
+    FrameRate rate{};      ///< the one to ask for; 0: whatever comes
+    friend bool operator==(const CameraMode&, const CameraMode&) = default;
+};
+
+/// The rate to ask for among those that a camera has at one size: 30 if it is there, else the nearest above, else the highest. Nothing: {0, 1}.
+[[nodiscard]] FrameRate preferredRate(const std::vector<FrameRate>& rates);
+
+/// Each size of the modes, in their order, as 420v and as BGRA, with the highest rate of that size.
+[[nodiscard]] std::vector<CaptureDeviceFormat> formatsOf(const std::vector<CameraMode>& modes);
+
+/// The mode to open for frames of this size in this pixel format: close to 30 frames a second before slow ones, then without conversion, then raw.
+/// Null if no mode has the size.
+[[nodiscard]] const CameraMode* chooseMode(const std::vector<CameraMode>& modes, int width, int height, PixelFormat format);
+
+/// The format that a preset stands for: the first of its size, upright or not; for "High" the largest whose longer side is at most 1920, or else
+/// the smallest of all. Nothing if there is none, or the preset is not known.
+[[nodiscard]] std::optional<CaptureDeviceFormat> formatForPreset(const std::vector<CaptureDeviceFormat>& formats, const std::string& preset);
+
+/// The format of a camera on which nothing was set: 1280x720, else "High".
+[[nodiscard]] std::optional<CaptureDeviceFormat> initialFormat(const std::vector<CaptureDeviceFormat>& formats);
+
+/// The part of a sensor's picture that a connection of this orientation delivers. Sides and places are even.
+[[nodiscard]] FrameCrop cropFor(int width, int height, VideoOrientation orientation);
+
+/// The middle part of a picture that fills a surface of this shape.
+[[nodiscard]] FrameCrop cropToFill(int width, int height, Size surface);
+
+/// Where a part of a frame (normalized, from the top left) lies on a surface that shows the frame mirrored and filling it, in the surface's units.
+[[nodiscard]] Rect onMirroredSurface(Rect part, int width, int height, Size surface);
+
+/// Whether a camera at `actual` is an answer to a search at `wanted`: 0 no, 1 it states no position, 2 yes.
+[[nodiscard]] int positionMatch(CaptureDevicePosition actual, CaptureDevicePosition wanted);
+
+/// Evens out the times of audio blocks, which arrive when the scheduler lets them: the samples themselves are the better clock.
+class AudioClock {
+public:
+    /// The time of a block of `frames` that came at `time`.
+    std::chrono::nanoseconds place(std::chrono::nanoseconds time, std::int64_t frames, int sampleRate);
+
+private:
+    std::optional<std::chrono::nanoseconds> next_;
+};
+
+}  // namespace selvio

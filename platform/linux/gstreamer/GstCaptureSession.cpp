@@ -1,0 +1,473 @@
+#include "GstCaptureSession.h"
+
+#include <SelvioFacialCapture/base/Log.h>
+
+#include <gst/audio/audio.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+namespace selvio {
+namespace {
+
+using std::chrono::nanoseconds;
+
+constexpr int kSampleRate = 48000;
+constexpr int kMaxLoans = 4;  // frames lent out of the camera's own memory at once; it has about eight, and stalls when it runs out of them
+
+nanoseconds now() {
+    return std::chrono::steady_clock::now().time_since_epoch();
+}
+
+// Every pipeline runs on the system's monotonic clock, on which a buffer's time is its running time after the pipeline's base time.
+void useMonotonicTime(GstElement* pipeline) {
+    GstClock* const clock = GST_CLOCK(g_object_new(GST_TYPE_SYSTEM_CLOCK, "clock-type", GST_CLOCK_TYPE_MONOTONIC, nullptr));
+    gst_object_ref_sink(clock);
+    gst_pipeline_use_clock(GST_PIPELINE(pipeline), clock);
+    gst_object_unref(clock);
+}
+
+GstElement* makeSink(GstAppSinkCallbacks callbacks, gpointer owner, bool inRealTime) {
+    GstElement* const sink = makeElement("appsink");
+    if (sink == nullptr) return nullptr;
+    // The callback takes each sample at once; the sink only keeps time, for files.
+    g_object_set(sink, "sync", inRealTime ? TRUE : FALSE, "max-buffers", 2U, "drop", inRealTime ? FALSE : TRUE, "emit-signals", FALSE,
+                 "enable-last-sample", FALSE, "qos", FALSE, nullptr);
+    gst_app_sink_set_callbacks(GST_APP_SINK(sink), &callbacks, owner, nullptr);
+    return sink;
+}
+
+GstPtr<GstElement> makePipeline() {
+    return GstPtr<GstElement>(GST_ELEMENT(gst_object_ref_sink(gst_pipeline_new(nullptr))));
+}
+
+void close(GstPtr<GstElement>& pipeline) {
+    if (!pipeline) return;
+    gst_element_set_state(pipeline.get(), GST_STATE_NULL);
+    const GstPtr<GstBus> bus(gst_element_get_bus(pipeline.get()));
+    gst_bus_set_sync_handler(bus.get(), nullptr, nullptr, nullptr);
+    pipeline.reset();
+}
+
+void copyPlanes(const PixelBuffer& from, PixelBuffer& to) {
+    for (int plane = 0; plane < from.planeCount(); ++plane) {
+        const auto& layout = from.layout().planes[static_cast<std::size_t>(plane)];
+        const std::size_t bytes = static_cast<std::size_t>(layout.width) * (from.format() == kPixelFormat420v ? (plane == 0 ? 1U : 2U) : 4U);
+        for (std::size_t row = 0; row < static_cast<std::size_t>(layout.height); ++row) {
+            std::memcpy(to.data(plane) + row * to.bytesPerRow(plane), from.data(plane) + row * from.bytesPerRow(plane), bytes);
+        }
+    }
+}
+
+}  // namespace
+
+// ---- configuration
+
+GstCaptureSession::GstCaptureSession(CaptureOptions options) : options_(std::move(options)), receivers_(std::make_shared<const Receivers>()) {}
+
+GstCaptureSession::~GstCaptureSession() {
+    const std::lock_guard lifecycle(lifecycle_);
+    stop();
+}
+
+void GstCaptureSession::beginConfiguration() {
+    const std::lock_guard lock(configurationMutex_);
+    ++configuring_;
+}
+
+void GstCaptureSession::commitConfiguration() {
+    {
+        const std::lock_guard lock(configurationMutex_);
+        if (configuring_ > 0) --configuring_;
+    }
+    configurationChanged();
+}
+
+void GstCaptureSession::configurationChanged() {
+    {
+        const std::lock_guard lock(configurationMutex_);
+        updateReceivers();
+        if (configuring_ > 0) return;
+    }
+    if (!running_) return;
+    const std::lock_guard lifecycle(lifecycle_);
+    if (!running_ || runningPlan_ == plan()) return;
+    stop();
+    if (plan().camera) start();
+}
+
+// With configurationMutex_ held.
+void GstCaptureSession::updateReceivers() {
+    auto receivers = std::make_shared<Receivers>();
+    receivers->watchers = watchers_;
+    for (const auto& output : outputs_) {
+        auto* const own = dynamic_cast<GstOutput*>(output.get());
+        own->setConnected(own->inputType() == MediaType::Video ? camera_ != nullptr : microphone_ != nullptr);
+        if (auto video = std::dynamic_pointer_cast<GstVideoDataOutput>(output)) receivers->video = std::move(video);
+        if (auto audio = std::dynamic_pointer_cast<GstAudioDataOutput>(output)) receivers->audio = std::move(audio);
+        if (auto metadata = std::dynamic_pointer_cast<GstMetadataOutput>(output)) receivers->metadata = std::move(metadata);
+    }
+    receivers_ = std::move(receivers);
+}
+
+std::shared_ptr<const GstCaptureSession::Receivers> GstCaptureSession::receivers() const {
+    const std::lock_guard lock(configurationMutex_);
+    return receivers_;
+}
+
+GstCaptureSession::Plan GstCaptureSession::plan() const {
+    const std::lock_guard lock(configurationMutex_);
+    Plan plan;
+    if (camera_) plan.camera = camera_->own();
+    if (microphone_ && receivers_->audio) plan.microphone = microphone_->own();
+    if (receivers_->video) plan.pixelFormat = receivers_->video->pixelFormat();
+    const auto format = plan.camera ? plan.camera->activeFormat() : std::nullopt;
+    if (!format) return plan;
+    const auto& [subtype, width, height] = format->formatDescription;
+    if (const CameraMode* const mode = chooseMode(plan.camera->description().modes, width, height, plan.pixelFormat)) plan.mode = *mode;
+    return plan;
+}
+
+bool GstCaptureSession::canSetSessionPreset(const std::string& preset) const {
+    const std::lock_guard lock(configurationMutex_);
+    return camera_ && formatForPreset(camera_->own()->formats(), preset).has_value();
+}
+
+void GstCaptureSession::setSessionPreset(const std::string& preset) {
+    {
+        const std::lock_guard lock(configurationMutex_);
+        const auto format = camera_ ? formatForPreset(camera_->own()->formats(), preset) : std::nullopt;
+        if (format) {
+            camera_->own()->setActiveFormat(*format);
+        } else {
+            log("Capture: the preset " + preset + " cannot be set");
+        }
+    }
+    configurationChanged();
+}
+
+bool GstCaptureSession::canAddInput(const CaptureDeviceInput& input) const {
+    const auto* const own = dynamic_cast<const GstCaptureDeviceInput*>(&input);
+    const std::lock_guard lock(configurationMutex_);
+    return own != nullptr && !(own->own()->mediaType() == MediaType::Video ? camera_ : microphone_);
+}
+
+void GstCaptureSession::addInput(std::shared_ptr<CaptureDeviceInput> input) {
+    if (!input || !canAddInput(*input)) return;
+    {
+        const std::lock_guard lock(configurationMutex_);
+        auto own = std::dynamic_pointer_cast<GstCaptureDeviceInput>(input);
+        (own->own()->mediaType() == MediaType::Video ? camera_ : microphone_) = std::move(own);
+    }
+    configurationChanged();
+}
+
+void GstCaptureSession::removeInput(const std::shared_ptr<CaptureDeviceInput>& input) {
+    {
+        const std::lock_guard lock(configurationMutex_);
+        if (camera_ == input) camera_.reset();
+        if (microphone_ == input) microphone_.reset();
+    }
+    configurationChanged();
+}
+
+bool GstCaptureSession::canAddOutput(const CaptureOutput& output) const {
+    if (dynamic_cast<const GstOutput*>(&output) == nullptr) return false;
+    const std::lock_guard lock(configurationMutex_);
+    return std::none_of(outputs_.begin(), outputs_.end(), [&](const auto& other) { return typeid(*other) == typeid(output); });
+}
+
+void GstCaptureSession::addOutput(std::shared_ptr<CaptureOutput> output) {
+    if (!output || !canAddOutput(*output)) return;
+    {
+        const std::lock_guard lock(configurationMutex_);
+        outputs_.push_back(std::move(output));
+    }
+    configurationChanged();
+}
+
+void GstCaptureSession::removeOutput(const std::shared_ptr<CaptureOutput>& output) {
+    {
+        const std::lock_guard lock(configurationMutex_);
+        const auto found = std::find(outputs_.begin(), outputs_.end(), output);
+        if (found == outputs_.end()) return;
+        dynamic_cast<GstOutput&>(**found).setConnected(false);
+        outputs_.erase(found);
+    }
+    configurationChanged();
+}
+
+std::vector<std::shared_ptr<CaptureOutput>> GstCaptureSession::outputs() const {
+    const std::lock_guard lock(configurationMutex_);
+    return outputs_;
+}
+
+bool GstCaptureSession::hasVideoInput() const {
+    const std::lock_guard lock(configurationMutex_);
+    return camera_ != nullptr;
+}
+
+void GstCaptureSession::addWatcher(std::weak_ptr<FrameWatcher> watcher) {
+    const std::lock_guard lock(configurationMutex_);
+    watchers_.push_back(std::move(watcher));
+    updateReceivers();
+}
+
+void GstCaptureSession::removeWatcher(const FrameWatcher* watcher) {
+    const std::lock_guard lock(configurationMutex_);
+    std::erase_if(watchers_, [&](const auto& held) { return held.expired() || held.lock().get() == watcher; });
+    updateReceivers();
+}
+
+// ---- running
+
+nanoseconds GstCaptureSession::masterClockTime() const {
+    return now();
+}
+
+void GstCaptureSession::startRunning() {
+    const std::lock_guard lifecycle(lifecycle_);
+    if (!running_) start();
+}
+
+void GstCaptureSession::stopRunning() {
+    const std::lock_guard lifecycle(lifecycle_);
+    stop();
+}
+
+// With lifecycle_ held.
+void GstCaptureSession::start() {
+    stop();  // takes down what a run that ended by itself has left
+    const Plan plan = this->plan();
+    std::uint64_t run = 0;
+    {
+        const std::lock_guard lock(openingMutex_);
+        firstFrame_ = false;
+        failure_.reset();
+        run = ++run_;
+    }
+    std::optional<std::string> reason;
+    if (const auto error = openCamera(plan)) reason = error->localizedDescription;
+    if (!reason && plan.microphone) {
+        if (const auto error = openMicrophone(plan)) log("Capture: no sound: " + error->localizedDescription);
+    }
+    if (!reason) {
+        std::unique_lock lock(openingMutex_);
+        opened_.wait_for(lock, options_.openingTimeout, [this] { return firstFrame_ || failure_; });
+        reason = failure_;
+        if (!reason && !firstFrame_) reason = "\"" + plan.camera->localizedName() + "\" delivers no frames";
+    }
+    if (reason) {
+        stop();
+        log("Capture: could not start: " + *reason);
+        return;
+    }
+    runningPlan_ = plan;
+    running_ = true;
+    {
+        const std::lock_guard lock(openingMutex_);
+        reason = failure_;
+    }
+    // It may have ended between its first frame and now.
+    if (reason && running_.exchange(false)) log("Capture: stopped: " + *reason);
+    watch(run);
+}
+
+// With lifecycle_ held.
+void GstCaptureSession::stop() {
+    running_ = false;
+    close(cameraPipeline_);
+    close(soundPipeline_);
+    runningPlan_.reset();
+}
+
+bool GstCaptureSession::play(GstElement* pipeline) {
+    useMonotonicTime(pipeline);
+    return gst_element_set_state(pipeline, GST_STATE_PLAYING) != GST_STATE_CHANGE_FAILURE;
+}
+
+std::optional<Error> GstCaptureSession::openCamera(const Plan& plan) {
+    if (!plan.camera) return Error{"the session has no camera"};
+    const DeviceDescription& device = plan.camera->description();
+    if (plan.mode.width == 0) return Error{"\"" + device.name + "\" has no format that can be delivered"};
+
+    const bool native = !plan.mode.jpeg && !device.playsFile && plan.mode.format == gstFormatName(plan.pixelFormat);
+    GstAppSinkCallbacks callbacks{};
+    callbacks.new_sample = [](GstAppSink* sink, gpointer self) {
+        if (const GstPtr<GstSample> sample(gst_app_sink_pull_sample(sink)); sample)
+            static_cast<GstCaptureSession*>(self)->frameArrived(sample.get(), GST_ELEMENT(sink));
+        return GST_FLOW_OK;
+    };
+    std::vector<GstElement*> chain{device.makeSource()};
+    if (chain.front() == nullptr) return Error{"\"" + device.name + "\" could not be opened"};
+    // Right behind the source, so that this very mode is opened.
+    if (!device.playsFile) chain.push_back(makeCapsFilter(capsOf(plan.mode)));
+    if (plan.mode.jpeg) chain.push_back(makeElement("jpegdec"));
+    if (!native) {
+        chain.push_back(makeElement("videoconvert"));
+        chain.push_back(makeCapsFilter(std::string("video/x-raw,format=") + gstFormatName(plan.pixelFormat)));
+    }
+    chain.push_back(makeSink(callbacks, this, device.playsFile));
+
+    cameraPipeline_ = makePipeline();
+    if (auto error = addChain(cameraPipeline_.get(), chain)) return error;
+    lendsCameraMemory_ = native;
+    if (const auto video = receivers()->video)
+        video->setFrameRate(plan.mode.rate.numerator > 0 ? static_cast<int>(std::lround(plan.mode.rate.value())) : 30);
+
+    const GstPtr<GstBus> bus(gst_element_get_bus(cameraPipeline_.get()));
+    const auto onMessage = [](GstBus*, GstMessage* message, gpointer owner) {
+        auto* const self = static_cast<GstCaptureSession*>(owner);
+        if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR) self->fail(describe(message));
+        if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_EOS) self->fail("the video has ended");
+        gst_message_unref(message);
+        return GST_BUS_DROP;
+    };
+    gst_bus_set_sync_handler(bus.get(), onMessage, this, nullptr);
+    if (!play(cameraPipeline_.get())) {
+        const std::lock_guard lock(openingMutex_);
+        return Error{failure_.value_or("\"" + device.name + "\" could not be opened")};
+    }
+    return std::nullopt;
+}
+
+std::optional<Error> GstCaptureSession::openMicrophone(const Plan& plan) {
+    GstAppSinkCallbacks callbacks{};
+    callbacks.new_sample = [](GstAppSink* sink, gpointer self) {
+        if (const GstPtr<GstSample> sample(gst_app_sink_pull_sample(sink)); sample)
+            static_cast<GstCaptureSession*>(self)->soundArrived(sample.get(), GST_ELEMENT(sink));
+        return GST_FLOW_OK;
+    };
+    GstElement* const source = plan.microphone->description().makeSource();
+    if (source == nullptr) return Error{"\"" + plan.microphone->localizedName() + "\" could not be opened"};
+    const std::string format = std::string("audio/x-raw,layout=interleaved,channels=1,rate=") + std::to_string(kSampleRate) +
+                               ",format=" + (G_BYTE_ORDER == G_LITTLE_ENDIAN ? "S16LE" : "S16BE");
+    audioClock_ = {};
+    soundPipeline_ = makePipeline();
+    const std::vector<GstElement*> chain{source, makeElement("audioconvert"), makeElement("audioresample"), makeCapsFilter(format),
+                                         makeSink(callbacks, this, false)};
+    if (auto error = addChain(soundPipeline_.get(), chain)) return error;
+    const GstPtr<GstBus> bus(gst_element_get_bus(soundPipeline_.get()));
+    const auto onMessage = [](GstBus*, GstMessage* message, gpointer) {
+        if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR) log("Capture: no sound: " + describe(message));
+        gst_message_unref(message);
+        return GST_BUS_DROP;
+    };
+    gst_bus_set_sync_handler(bus.get(), onMessage, this, nullptr);
+    if (!play(soundPipeline_.get())) return Error{"\"" + plan.microphone->localizedName() + "\" could not be opened"};
+    return std::nullopt;
+}
+
+// Any thread. The pipelines are taken down by the next start or stop; a thread of theirs cannot do it.
+void GstCaptureSession::fail(const std::string& reason) {
+    {
+        const std::lock_guard lock(openingMutex_);
+        if (failure_) return;
+        failure_ = reason;
+    }
+    opened_.notify_all();
+    if (!running_.exchange(false)) return;  // while opening, starting reports it
+    log("Capture: stopped: " + reason);
+    control_.async([weak = weak_from_this()] {
+        const auto self = weak.lock();
+        if (!self) return;
+        const std::lock_guard lifecycle(self->lifecycle_);
+        if (!self->running_) self->stop();
+    });
+}
+
+void GstCaptureSession::watch(std::uint64_t run) {
+    control_.asyncAfter(options_.stallTimeout / 4, [weak = weak_from_this(), run] {
+        const auto self = weak.lock();
+        if (!self || !self->running_) return;
+        {
+            const std::lock_guard lock(self->openingMutex_);
+            if (self->run_ != run) return;
+        }
+        const nanoseconds silence = now() - nanoseconds(self->lastFrame_);
+        if (silence > self->options_.stallTimeout) {
+            self->fail("the camera delivers no more frames");
+        } else {
+            self->watch(run);
+        }
+    });
+}
+
+// ---- samples
+
+std::optional<nanoseconds> GstCaptureSession::timeOf(GstSample* sample, GstElement* sink) {
+    GstBuffer* const buffer = gst_sample_get_buffer(sample);
+    const GstSegment* const segment = gst_sample_get_segment(sample);
+    if (buffer == nullptr || segment == nullptr || !GST_BUFFER_PTS_IS_VALID(buffer)) return std::nullopt;
+    const guint64 time = gst_segment_to_running_time(segment, GST_FORMAT_TIME, GST_BUFFER_PTS(buffer));
+    if (!GST_CLOCK_TIME_IS_VALID(time)) return std::nullopt;
+    return nanoseconds(static_cast<std::int64_t>(time + gst_element_get_base_time(sink)));
+}
+
+std::shared_ptr<PixelBuffer> GstCaptureSession::borrow(GstBuffer* buffer, const GstVideoInfo& info, const FrameCrop& crop) {
+    auto pixels = wrapFrame(buffer, info, crop);
+    if (!pixels || !lendsCameraMemory_) return pixels;
+    if (loans_->count >= kMaxLoans) {
+        auto copy = copies_->acquire(*PixelBufferLayout::make(pixels->width(), pixels->height(), pixels->format()));
+        if (copy) copyPlanes(*pixels, *copy);
+        return copy;
+    }
+    ++loans_->count;
+    PixelBuffer& lent = *pixels;
+    return PixelBuffer::wrap(lent.layout(), {lent.data(0), lent.planeCount() == 2 ? lent.data(1) : nullptr},
+                             [loans = loans_, pixels = std::move(pixels)]() mutable {
+                                 pixels.reset();
+                                 --loans->count;
+                             });
+}
+
+void GstCaptureSession::frameArrived(GstSample* sample, GstElement* sink) {
+    const nanoseconds arrival = now();
+    lastFrame_ = arrival.count();
+    GstVideoInfo info;
+    GstBuffer* const buffer = gst_sample_get_buffer(sample);
+    if (buffer == nullptr || gst_sample_get_caps(sample) == nullptr) return;
+    if (gst_video_info_from_caps(&info, gst_sample_get_caps(sample)) == FALSE) return;
+    const int width = GST_VIDEO_INFO_WIDTH(&info);
+    const int height = GST_VIDEO_INFO_HEIGHT(&info);
+
+    SampleTiming timing{timeOf(sample, sink).value_or(arrival), std::nullopt};
+    if (GST_VIDEO_INFO_FPS_N(&info) > 0) timing.duration = nanoseconds(1'000'000'000LL * GST_VIDEO_INFO_FPS_D(&info) / GST_VIDEO_INFO_FPS_N(&info));
+    if (*timing.presentationTime > arrival || *timing.presentationTime < arrival - std::chrono::hours(1)) timing.presentationTime = arrival;
+
+    const auto to = receivers();
+    if (to->video) {
+        if (auto pixels = borrow(buffer, info, cropFor(width, height, to->video->connection()->videoOrientation()))) {
+            to->video->deliver(SampleBuffer::makeVideo(std::move(pixels), timing));
+        }
+    }
+    if (to->metadata && to->metadata->wantsFrame()) {
+        to->metadata->search(borrow(buffer, info, cropFor(width, height, to->metadata->connection()->videoOrientation())));
+    }
+    for (const auto& held : to->watchers) {
+        const auto watcher = held.lock();
+        if (!watcher) continue;
+        if (auto pixels = borrow(buffer, info, {0, 0, width, height})) watcher->frameArrived(SampleBuffer::makeVideo(std::move(pixels), timing));
+    }
+    {
+        const std::lock_guard lock(openingMutex_);
+        if (std::exchange(firstFrame_, true)) return;
+    }
+    opened_.notify_all();
+}
+
+void GstCaptureSession::soundArrived(GstSample* sample, GstElement* sink) {
+    const auto output = receivers()->audio;
+    GstBuffer* const buffer = gst_sample_get_buffer(sample);
+    if (!output || buffer == nullptr) return;
+    AudioData audio{
+        .sampleRate = kSampleRate, .channels = 1, .samples = std::vector<std::int16_t>(gst_buffer_get_size(buffer) / sizeof(std::int16_t))};
+    gst_buffer_extract(buffer, 0, audio.samples.data(), audio.samples.size() * sizeof(std::int16_t));
+    const auto frames = static_cast<std::int64_t>(audio.samples.size());
+    const nanoseconds length(frames * 1'000'000'000 / kSampleRate);
+    const nanoseconds time = audioClock_.place(timeOf(sample, sink).value_or(now() - length), frames, kSampleRate);
+    output->deliver(SampleBuffer::makeAudio(std::move(audio), {time, length}));
+}
+
+}  // namespace selvio

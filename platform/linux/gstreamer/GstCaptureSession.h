@@ -1,0 +1,126 @@
+// Joins a camera and a microphone to outputs, and runs them.
+#pragma once
+
+#include "GstDevices.h"
+#include "GstOutputs.h"
+
+#include <SelvioFacialCapture/base/SerialQueue.h>
+
+#include <gst/app/gstappsink.h>
+
+#include <condition_variable>
+
+namespace selvio {
+
+/// Sees every frame of a session beside its outputs: a preview. Called on the camera's thread; must not wait.
+class FrameWatcher {
+public:
+    virtual ~FrameWatcher() = default;
+    /// The whole picture, whatever the outputs are cut to.
+    virtual void frameArrived(const std::shared_ptr<SampleBuffer>& frame) = 0;
+};
+
+/// Configuration may be changed at any time and on any thread; a running session takes it up when the configuration is committed.
+///
+///     stopped ──startRunning──▶ opening ──first frame──▶ running
+///        ▲                         │ error, time-out        │ stopRunning, error, silence, end of a file
+///        └─────────────────────────┴────────────────────────┘
+///
+/// GStreamer's threads call `frameArrived`, `soundArrived` and `onMessage`; these never take `lifecycle_`, since stopping waits for those threads.
+class GstCaptureSession final : public CaptureSession, public std::enable_shared_from_this<GstCaptureSession> {
+public:
+    explicit GstCaptureSession(CaptureOptions options);
+    ~GstCaptureSession() override;
+
+    [[nodiscard]] std::recursive_mutex& monitor() override { return monitor_; }
+    void beginConfiguration() override;
+    void commitConfiguration() override;
+    [[nodiscard]] bool canSetSessionPreset(const std::string& preset) const override;
+    void setSessionPreset(const std::string& preset) override;
+    [[nodiscard]] bool canAddInput(const CaptureDeviceInput& input) const override;
+    void addInput(std::shared_ptr<CaptureDeviceInput> input) override;
+    void removeInput(const std::shared_ptr<CaptureDeviceInput>& input) override;
+    [[nodiscard]] bool canAddOutput(const CaptureOutput& output) const override;
+    void addOutput(std::shared_ptr<CaptureOutput> output) override;
+    void removeOutput(const std::shared_ptr<CaptureOutput>& output) override;
+    [[nodiscard]] std::vector<std::shared_ptr<CaptureOutput>> outputs() const override;
+    [[nodiscard]] bool isRunning() const override { return running_; }
+    void startRunning() override;
+    void stopRunning() override;
+    [[nodiscard]] std::chrono::nanoseconds masterClockTime() const override;
+
+    [[nodiscard]] bool hasVideoInput() const;
+    void addWatcher(std::weak_ptr<FrameWatcher> watcher);
+    void removeWatcher(const FrameWatcher* watcher);
+
+private:
+    /// What a running session was built from; when this changes it is built anew.
+    struct Plan {
+        std::shared_ptr<GstCaptureDevice> camera;
+        std::shared_ptr<GstCaptureDevice> microphone;
+        CameraMode mode;
+        PixelFormat pixelFormat = kPixelFormat32BGRA;
+        friend bool operator==(const Plan&, const Plan&) = default;
+    };
+    /// Where GStreamer's threads hand frames on.
+    struct Receivers {
+        std::shared_ptr<GstVideoDataOutput> video;
+        std::shared_ptr<GstAudioDataOutput> audio;
+        std::shared_ptr<GstMetadataOutput> metadata;
+        std::vector<std::weak_ptr<FrameWatcher>> watchers;
+    };
+    /// Frames in the camera's own memory that are still in use.
+    struct Loans {
+        std::atomic<int> count{0};
+    };
+
+    void configurationChanged();
+    [[nodiscard]] Plan plan() const;
+    [[nodiscard]] std::shared_ptr<const Receivers> receivers() const;
+    void updateReceivers();
+
+    void start();
+    void stop();
+    std::optional<Error> openCamera(const Plan& plan);
+    std::optional<Error> openMicrophone(const Plan& plan);
+    bool play(GstElement* pipeline);
+    void fail(const std::string& reason);
+    void watch(std::uint64_t run);
+
+    void frameArrived(GstSample* sample, GstElement* sink);
+    void soundArrived(GstSample* sample, GstElement* sink);
+    [[nodiscard]] static std::optional<std::chrono::nanoseconds> timeOf(GstSample* sample, GstElement* sink);
+    std::shared_ptr<PixelBuffer> borrow(GstBuffer* buffer, const GstVideoInfo& info, const FrameCrop& crop);
+
+    const CaptureOptions options_;
+    std::recursive_mutex monitor_;
+
+    mutable std::mutex configurationMutex_;
+    int configuring_ = 0;                                  // guarded by configurationMutex_
+    std::shared_ptr<GstCaptureDeviceInput> camera_;        // guarded by configurationMutex_
+    std::shared_ptr<GstCaptureDeviceInput> microphone_;    // guarded by configurationMutex_
+    std::vector<std::shared_ptr<CaptureOutput>> outputs_;  // guarded by configurationMutex_
+    std::vector<std::weak_ptr<FrameWatcher>> watchers_;    // guarded by configurationMutex_
+    std::shared_ptr<const Receivers> receivers_;           // guarded by configurationMutex_; never null
+
+    std::recursive_mutex lifecycle_;     // held while the pipelines are built or taken down
+    std::optional<Plan> runningPlan_;    // guarded by lifecycle_
+    GstPtr<GstElement> cameraPipeline_;  // guarded by lifecycle_
+    GstPtr<GstElement> soundPipeline_;   // guarded by lifecycle_
+
+    const std::shared_ptr<Loans> loans_ = std::make_shared<Loans>();
+    const std::shared_ptr<PixelBufferPool> copies_ = PixelBufferPool::create();
+    std::atomic<bool> lendsCameraMemory_{false};
+    AudioClock audioClock_;  // used on the microphone's thread; set anew while it does not run
+
+    std::atomic<bool> running_{false};
+    std::atomic<std::int64_t> lastFrame_{0};  // monotonic nanoseconds
+    std::mutex openingMutex_;
+    std::condition_variable opened_;
+    bool firstFrame_ = false;             // guarded by openingMutex_
+    std::optional<std::string> failure_;  // guarded by openingMutex_; why this run ended by itself
+    std::uint64_t run_ = 0;               // guarded by openingMutex_; counts the starts
+    SerialQueue control_{"capture control"};
+};
+
+}  // namespace selvio

@@ -1,0 +1,69 @@
+#include "GstCaptureSession.h"
+#include "GstDevices.h"
+#include "GstOutputs.h"
+
+#include <SelvioFacialCapture/base/ConcurrentQueue.h>
+
+#include <algorithm>
+
+namespace selvio {
+namespace {
+
+class GstCaptureSystem final : public CaptureSystem {
+public:
+    explicit GstCaptureSystem(CaptureOptions options) : options_(std::move(options)) {}
+
+    std::shared_ptr<CaptureDeviceDiscoverySession> discoverDevices(const std::vector<std::string>&, MediaType mediaType,
+                                                                   CaptureDevicePosition position) override {
+        auto discovery = std::make_shared<CaptureDeviceDiscoverySession>();
+        const auto found = findDevices(options_, mediaType);
+        for (const int match : {2, 1}) {
+            for (const DeviceDescription& description : found) {
+                if (positionMatch(description.position, position) != match) continue;
+                discovery->devices.push_back(std::make_shared<GstCaptureDevice>(description, options_.ledDirectory));
+            }
+        }
+        return discovery;
+    }
+
+    std::shared_ptr<CaptureDevice> defaultDevice(MediaType mediaType) override {
+        const auto devices = discoverDevices({}, mediaType, CaptureDevicePosition::Unspecified)->devices;
+        return devices.empty() ? nullptr : devices.front();
+    }
+
+    Expected<std::shared_ptr<CaptureDeviceInput>> makeDeviceInput(const std::shared_ptr<CaptureDevice>& device) override {
+        const auto own = std::dynamic_pointer_cast<GstCaptureDevice>(device);
+        if (!own) return Error{device ? "\"" + device->localizedName() + "\" is not a device of this system" : "there is no device"};
+        return std::shared_ptr<CaptureDeviceInput>(std::make_shared<GstCaptureDeviceInput>(own));
+    }
+
+    std::shared_ptr<CaptureSession> makeSession() override { return std::make_shared<GstCaptureSession>(options_); }
+    std::shared_ptr<VideoDataOutput> makeVideoDataOutput() override { return std::make_shared<GstVideoDataOutput>(options_.recording); }
+    std::shared_ptr<AudioDataOutput> makeAudioDataOutput() override { return std::make_shared<GstAudioDataOutput>(); }
+    std::shared_ptr<MetadataOutput> makeMetadataOutput() override { return std::make_shared<GstMetadataOutput>(); }
+
+    AuthorizationStatus authorizationStatus(MediaType mediaType) override {
+        if (mediaType == MediaType::Audio || !options_.systemDevices) return AuthorizationStatus::Authorized;
+        if (cameraNodeAccess(options_.deviceDirectory) != NodeAccess::Refused) return AuthorizationStatus::Authorized;
+        // A camera may still be offered through PipeWire, which opens the node in our stead.
+        return findDevices(options_, MediaType::Video).empty() ? AuthorizationStatus::Denied : AuthorizationStatus::Authorized;
+    }
+
+    void requestAccess(MediaType mediaType, std::function<void(bool granted)> completion) override {
+        const bool granted = authorizationStatus(mediaType) == AuthorizationStatus::Authorized;
+        ConcurrentQueue::shared()->async([granted, completion = std::move(completion)] {
+            if (completion) completion(granted);
+        });
+    }
+
+private:
+    const CaptureOptions options_;
+};
+
+}  // namespace
+
+std::shared_ptr<CaptureSystem> makeGstCaptureSystem(CaptureOptions options) {
+    return std::make_shared<GstCaptureSystem>(std::move(options));
+}
+
+}  // namespace selvio

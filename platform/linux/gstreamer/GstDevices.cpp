@@ -1,0 +1,330 @@
+#include "GstDevices.h"
+
+#include <SelvioFacialCapture/base/Log.h>
+
+#include <gst/pbutils/pbutils.h>
+
+#include <fcntl.h>
+#include <linux/videodev2.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+#include <algorithm>
+#include <cstring>
+#include <fstream>
+
+namespace selvio {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string textOf(const GstStructure* structure, const char* field) {
+    const char* const text = structure != nullptr ? gst_structure_get_string(structure, field) : nullptr;
+    return text != nullptr ? text : "";
+}
+
+// Every fraction in a value: one, a list, or the ends of a range with the usual rates between them.
+std::vector<FrameRate> ratesIn(const GValue* value) {
+    std::vector<FrameRate> rates;
+    if (value == nullptr) return rates;
+    if (GST_VALUE_HOLDS_FRACTION(value)) {
+        rates.push_back({gst_value_get_fraction_numerator(value), gst_value_get_fraction_denominator(value)});
+    } else if (GST_VALUE_HOLDS_LIST(value)) {
+        for (guint i = 0; i < gst_value_list_get_size(value); ++i) {
+            for (const FrameRate& rate : ratesIn(gst_value_list_get_value(value, i))) rates.push_back(rate);
+        }
+    } else if (GST_VALUE_HOLDS_FRACTION_RANGE(value)) {
+        const FrameRate low = ratesIn(gst_value_get_fraction_range_min(value)).front();
+        const FrameRate high = ratesIn(gst_value_get_fraction_range_max(value)).front();
+        if (low.value() <= 30.0 && high.value() >= 30.0) rates.push_back({30, 1});
+        rates.push_back(high);
+    }
+    std::erase_if(rates, [](const FrameRate& rate) { return rate.numerator <= 0 || rate.value() > 1000.0; });
+    return rates;
+}
+
+std::vector<std::string> textsIn(const GValue* value) {
+    std::vector<std::string> texts;
+    if (value == nullptr) return texts;
+    if (G_VALUE_HOLDS_STRING(value)) {
+        texts.emplace_back(g_value_get_string(value));
+    } else if (GST_VALUE_HOLDS_LIST(value)) {
+        for (guint i = 0; i < gst_value_list_get_size(value); ++i) {
+            for (auto& text : textsIn(gst_value_list_get_value(value, i))) texts.push_back(std::move(text));
+        }
+    }
+    return texts;
+}
+
+bool holdsInt(const GValue* value, int wanted) {
+    if (value == nullptr) return false;
+    if (G_VALUE_HOLDS_INT(value)) return g_value_get_int(value) == wanted;
+    if (GST_VALUE_HOLDS_INT_RANGE(value)) {
+        const int low = gst_value_get_int_range_min(value);
+        const int step = std::max(gst_value_get_int_range_step(value), 1);
+        return wanted >= low && wanted <= gst_value_get_int_range_max(value) && (wanted - low) % step == 0;
+    }
+    if (GST_VALUE_HOLDS_LIST(value)) {
+        for (guint i = 0; i < gst_value_list_get_size(value); ++i) {
+            if (holdsInt(gst_value_list_get_value(value, i), wanted)) return true;
+        }
+    }
+    return false;
+}
+
+std::vector<std::pair<int, int>> sizesIn(const GstStructure* structure) {
+    const GValue* const width = gst_structure_get_value(structure, "width");
+    const GValue* const height = gst_structure_get_value(structure, "height");
+    if (width == nullptr || height == nullptr) return {};
+    if (G_VALUE_HOLDS_INT(width) && G_VALUE_HOLDS_INT(height)) return {{g_value_get_int(width), g_value_get_int(height)}};
+    std::vector<std::pair<int, int>> sizes;
+    for (const auto& [w, h] : {std::pair{640, 480}, {1280, 720}, {1920, 1080}}) {
+        if (holdsInt(width, w) && holdsInt(height, h)) sizes.emplace_back(w, h);
+    }
+    return sizes;
+}
+
+CaptureDevicePosition positionOf(const GstStructure* properties) {
+    const std::string location = textOf(properties, "api.libcamera.location");
+    if (location == "front") return CaptureDevicePosition::Front;
+    if (location == "back") return CaptureDevicePosition::Back;
+    return CaptureDevicePosition::Unspecified;
+}
+
+// A device of GStreamer's. The GstDevice is kept by the function that makes its source.
+std::optional<DeviceDescription> describeDevice(GstDevice* device, MediaType mediaType) {
+    const GstPtr<GstStructure> properties(gst_device_get_properties(device));
+    const GstPtr<char> name(gst_device_get_display_name(device));
+    const bool isMonitor = textOf(properties.get(), "device.class") == "monitor" || textOf(properties.get(), "media.class") == "Audio/Sink";
+    if (mediaType == MediaType::Audio && isMonitor) return std::nullopt;
+
+    DeviceDescription description{.id = {}, .name = name ? name.get() : "", .mediaType = mediaType, .position = positionOf(properties.get())};
+    for (const char* const field : {"device.path", "api.v4l2.path"}) {
+        if (description.node.empty()) description.node = textOf(properties.get(), field);
+    }
+    for (const std::string& id : {textOf(properties.get(), "node.name"), description.node.string(), description.name}) {
+        if (description.id.empty()) description.id = id;
+    }
+    if (mediaType == MediaType::Video) {
+        const GstPtr<GstCaps> caps(gst_device_get_caps(device));
+        if (caps) description.modes = modesOf(caps.get());
+        if (description.modes.empty()) return std::nullopt;  // nothing that could be shown
+    }
+    const std::shared_ptr<GstDevice> kept(GST_DEVICE(gst_object_ref(device)), GstUnref());
+    description.makeSource = [kept] {
+        GstElement* const source = gst_device_create_element(kept.get(), nullptr);
+        if (source != nullptr && g_object_class_find_property(G_OBJECT_GET_CLASS(source), "do-timestamp") != nullptr) {
+            g_object_set(source, "do-timestamp", TRUE, nullptr);
+        }
+        return source;
+    };
+    return description;
+}
+
+// The monitor is asked without ever being started: stopping one can crash inside the PipeWire provider.
+std::vector<DeviceDescription> systemDevices(MediaType mediaType) {
+    std::vector<DeviceDescription> found;
+    const GstPtr<GstDeviceMonitor> monitor(gst_device_monitor_new());
+    gst_device_monitor_add_filter(monitor.get(), mediaType == MediaType::Video ? "Video/Source" : "Audio/Source", nullptr);
+    GList* const devices = gst_device_monitor_get_devices(monitor.get());
+    for (GList* item = devices; item != nullptr; item = item->next) {
+        auto description = describeDevice(GST_DEVICE(item->data), mediaType);
+        // One camera can be offered by Video4Linux and by PipeWire: the first stands for both.
+        const bool isKnown = description && !description->node.empty() &&
+                             std::any_of(found.begin(), found.end(), [&](const auto& other) { return other.node == description->node; });
+        if (description && !isKnown) found.push_back(std::move(*description));
+    }
+    g_list_free_full(devices, gst_object_unref);
+    return found;
+}
+
+std::optional<DeviceDescription> describeFile(const fs::path& path) {
+    GError* failure = nullptr;
+    const GstPtr<char> uri(gst_filename_to_uri(path.c_str(), nullptr));
+    GstDiscoverer* const discoverer = gst_discoverer_new(5 * GST_SECOND, nullptr);
+    if (!uri || discoverer == nullptr) return std::nullopt;
+    GstDiscovererInfo* const info = gst_discoverer_discover_uri(discoverer, uri.get(), &failure);
+    const GstPtr<GError> error(failure);
+    DeviceDescription description{.id = path.string(), .name = path.string(), .playsFile = true};
+    GList* const streams = info != nullptr ? gst_discoverer_info_get_video_streams(info) : nullptr;
+    if (streams != nullptr) {
+        auto* const video = GST_DISCOVERER_VIDEO_INFO(streams->data);
+        CameraMode mode{.format = "any",
+                        .width = static_cast<int>(gst_discoverer_video_info_get_width(video)),
+                        .height = static_cast<int>(gst_discoverer_video_info_get_height(video)),
+                        .rate = {static_cast<int>(gst_discoverer_video_info_get_framerate_num(video)),
+                                 static_cast<int>(gst_discoverer_video_info_get_framerate_denom(video))}};
+        const GstTagList* const tags = gst_discoverer_stream_info_get_tags(GST_DISCOVERER_STREAM_INFO(video));
+        char* orientation = nullptr;
+        if (tags != nullptr) gst_tag_list_get_string(tags, GST_TAG_IMAGE_ORIENTATION, &orientation);
+        const GstPtr<char> turned(orientation);
+        if (turned && std::strstr(turned.get(), "90") != nullptr) std::swap(mode.width, mode.height);
+        if (turned && std::strstr(turned.get(), "270") != nullptr) std::swap(mode.width, mode.height);
+        description.modes.push_back(mode);
+    } else {
+        log("Capture: \"" + path.string() + "\" cannot be played: " + (error ? error->message : "it holds no video"));
+    }
+    gst_discoverer_stream_info_list_free(streams);
+    if (info != nullptr) gst_discoverer_info_unref(info);
+    g_object_unref(discoverer);
+    if (description.modes.empty()) return std::nullopt;
+    description.makeSource = [path] {
+        GstElement* const bin =
+            gst_parse_bin_from_description("filesrc name=file ! decodebin ! videoconvert ! videoflip video-direction=auto", TRUE, nullptr);
+        GstElement* const file = bin != nullptr ? gst_bin_get_by_name(GST_BIN(bin), "file") : nullptr;
+        if (file == nullptr) return bin;
+        g_object_set(file, "location", path.c_str(), nullptr);
+        gst_object_unref(file);
+        return bin;
+    };
+    return description;
+}
+
+DeviceDescription describeSource(const SourceCamera& camera) {
+    DeviceDescription description{.id = camera.name, .name = camera.name, .position = camera.position};
+    description.modes.push_back({.format = camera.rawFormat, .width = camera.width, .height = camera.height, .rate = {camera.framesPerSecond, 1}});
+    description.makeSource = [source = camera.source]() -> GstElement* {
+        GError* failure = nullptr;
+        GstElement* const bin = gst_parse_bin_from_description(source.c_str(), TRUE, &failure);
+        const GstPtr<GError> error(failure);
+        if (error) log("Capture: \"" + source + "\": " + error->message);
+        return bin;
+    };
+    return description;
+}
+
+// The LED that can light a scene. Kernel drivers name its function after the last colon.
+fs::path findTorch(const fs::path& ledDirectory) {
+    std::error_code ignored;
+    for (const auto& entry : fs::directory_iterator(ledDirectory, ignored)) {
+        const std::string name = entry.path().filename().string();
+        const std::string function = name.substr(name.rfind(':') == std::string::npos ? 0 : name.rfind(':') + 1);
+        const bool lights = function.starts_with("flash") || function.starts_with("torch");
+        if (lights && fs::exists(entry.path() / "brightness", ignored)) return entry.path();
+    }
+    return {};
+}
+
+// A control of a Video4Linux device. Opening beside a running stream is allowed.
+bool hasControl(const fs::path& node, std::uint32_t control) {
+    const int file = node.empty() ? -1 : ::open(node.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    if (file < 0) return false;
+    v4l2_queryctrl query{};
+    query.id = control;
+    const bool present = ::ioctl(file, VIDIOC_QUERYCTRL, &query) == 0 && (query.flags & V4L2_CTRL_FLAG_DISABLED) == 0;
+    ::close(file);
+    return present;
+}
+
+bool setControl(const fs::path& node, std::uint32_t control, int value) {
+    const int file = node.empty() ? -1 : ::open(node.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    if (file < 0) return false;
+    v4l2_control setting{control, value};
+    const bool done = ::ioctl(file, VIDIOC_S_CTRL, &setting) == 0;
+    ::close(file);
+    return done;
+}
+
+}  // namespace
+
+std::vector<CameraMode> modesOf(const GstCaps* caps) {
+    std::vector<CameraMode> modes;
+    for (guint i = 0; i < gst_caps_get_size(caps); ++i) {
+        const GstStructure* const structure = gst_caps_get_structure(caps, i);
+        const bool raw = gst_structure_has_name(structure, "video/x-raw");
+        const bool jpeg = gst_structure_has_name(structure, "image/jpeg");
+        if (!raw && !jpeg) continue;
+        if (raw && gst_caps_features_contains(gst_caps_get_features(caps, i), "memory:DMABuf") != FALSE) continue;
+        std::vector<std::string> formats = raw ? textsIn(gst_structure_get_value(structure, "format")) : std::vector<std::string>{""};
+        std::erase_if(formats, [&](const auto& f) { return raw && gst_video_format_from_string(f.c_str()) == GST_VIDEO_FORMAT_UNKNOWN; });
+        const FrameRate rate = preferredRate(ratesIn(gst_structure_get_value(structure, "framerate")));
+        for (const auto& [width, height] : sizesIn(structure)) {
+            for (const std::string& format : formats) {
+                const CameraMode mode{jpeg, format, width, height, rate};
+                if (std::find(modes.begin(), modes.end(), mode) == modes.end()) modes.push_back(mode);
+            }
+        }
+    }
+    return modes;
+}
+
+std::string capsOf(const CameraMode& mode) {
+    std::string caps = mode.jpeg ? "image/jpeg" : "video/x-raw,format=" + mode.format;
+    caps += ",width=" + std::to_string(mode.width) + ",height=" + std::to_string(mode.height);
+    if (mode.rate.numerator > 0) caps += ",framerate=" + std::to_string(mode.rate.numerator) + "/" + std::to_string(mode.rate.denominator);
+    return caps;
+}
+
+std::vector<DeviceDescription> findDevices(const CaptureOptions& options, MediaType mediaType) {
+    std::vector<DeviceDescription> found;
+    if (!startGStreamer()) return found;
+    if (mediaType == MediaType::Video) {
+        for (const SourceCamera& camera : options.sources) found.push_back(describeSource(camera));
+        for (const fs::path& path : options.videoFiles) {
+            if (auto description = describeFile(path)) found.push_back(std::move(*description));
+        }
+    }
+    if (options.systemDevices) {
+        for (auto& description : systemDevices(mediaType)) found.push_back(std::move(description));
+    }
+    return found;
+}
+
+NodeAccess cameraNodeAccess(const fs::path& deviceDirectory) {
+    NodeAccess access = NodeAccess::None;
+    std::error_code ignored;
+    for (const auto& entry : fs::directory_iterator(deviceDirectory, ignored)) {
+        if (!entry.path().filename().string().starts_with("video")) continue;
+        if (::faccessat(AT_FDCWD, entry.path().c_str(), R_OK | W_OK, AT_EACCESS) == 0) return NodeAccess::Granted;
+        access = NodeAccess::Refused;
+    }
+    return access;
+}
+
+GstCaptureDevice::GstCaptureDevice(DeviceDescription description, fs::path ledDirectory)
+    : description_(std::move(description)),
+      formats_(description_.mediaType == MediaType::Video ? formatsOf(description_.modes) : std::vector<CaptureDeviceFormat>{}),
+      led_(description_.mediaType == MediaType::Video && description_.position != CaptureDevicePosition::Front ? findTorch(ledDirectory)
+                                                                                                               : fs::path()),
+      activeFormat_(initialFormat(formats_)) {}
+
+std::optional<CaptureDeviceFormat> GstCaptureDevice::activeFormat() const {
+    const std::lock_guard lock(mutex_);
+    return activeFormat_;
+}
+
+std::optional<Error> GstCaptureDevice::lockForConfiguration() {
+    return std::nullopt;  // every setting below is atomic by itself
+}
+
+void GstCaptureDevice::unlockForConfiguration() {}
+
+void GstCaptureDevice::setActiveFormat(const CaptureDeviceFormat& format) {
+    if (std::find(formats_.begin(), formats_.end(), format) == formats_.end()) {
+        log("Capture: \"" + description_.name + "\" has no such format");
+        return;
+    }
+    const std::lock_guard lock(mutex_);
+    activeFormat_ = format;
+}
+
+bool GstCaptureDevice::isFocusModeSupported(FocusMode mode) const {
+    return hasControl(description_.node, mode == FocusMode::AutoFocus ? V4L2_CID_AUTO_FOCUS_START : V4L2_CID_FOCUS_AUTO);
+}
+
+void GstCaptureDevice::setFocusMode(FocusMode mode) {
+    const bool done = mode == FocusMode::AutoFocus
+                          ? setControl(description_.node, V4L2_CID_AUTO_FOCUS_START, 1)
+                          : setControl(description_.node, V4L2_CID_FOCUS_AUTO, mode == FocusMode::ContinuousAutoFocus ? 1 : 0);
+    if (!done) log("Capture: the focus of \"" + description_.name + "\" could not be set");
+}
+
+void GstCaptureDevice::setTorchMode(TorchMode mode) {
+    if (led_.empty()) return;
+    int level = 0;
+    if (mode == TorchMode::On && !(std::ifstream(led_ / "max_brightness") >> level)) level = 1;
+    std::ofstream brightness(led_ / "brightness");
+    brightness << level << std::flush;
+    if (!brightness) log("Capture: the torch \"" + led_.string() + "\" could not be set");
+}
+
+}  // namespace selvio

@@ -1,0 +1,81 @@
+// Cameras and microphones: where they are found and how they are set.
+#pragma once
+
+#include "CaptureRules.h"
+#include "GstSupport.h"
+
+#include <SelvioFacialCapture/linux/Capture.h>
+
+#include <atomic>
+#include <functional>
+#include <mutex>
+
+namespace selvio {
+
+/// What discovery learns of a device.
+struct DeviceDescription {
+    std::string id;
+    std::string name;
+    MediaType mediaType = MediaType::Video;
+    CaptureDevicePosition position = CaptureDevicePosition::Unspecified;
+    std::vector<CameraMode> modes{};            ///< of a camera
+    std::filesystem::path node{};               ///< device node, empty if it has none of its own
+    bool playsFile = false;                     ///< its frames come as they lie in a file, and it chooses their format itself
+    std::function<GstElement*()> makeSource{};  ///< a new source element (floating), null if it cannot be made
+};
+
+/// The cameras (best first) or microphones that there are now.
+[[nodiscard]] std::vector<DeviceDescription> findDevices(const CaptureOptions& options, MediaType mediaType);
+
+/// Whether camera nodes exist in the directory, and whether one may be opened.
+enum class NodeAccess { None, Refused, Granted };
+[[nodiscard]] NodeAccess cameraNodeAccess(const std::filesystem::path& deviceDirectory);
+
+/// The caps of a device as modes, in their order. Ranges of sizes are asked for the sizes of the presets.
+[[nodiscard]] std::vector<CameraMode> modesOf(const GstCaps* caps);
+
+/// The caps that pick a mode right behind the source.
+[[nodiscard]] std::string capsOf(const CameraMode& mode);
+
+class GstCaptureDevice final : public CaptureDevice {
+public:
+    GstCaptureDevice(DeviceDescription description, std::filesystem::path ledDirectory);
+
+    [[nodiscard]] std::string uniqueId() const override { return description_.id; }
+    [[nodiscard]] std::string localizedName() const override { return description_.name; }
+    [[nodiscard]] MediaType mediaType() const override { return description_.mediaType; }
+    [[nodiscard]] CaptureDevicePosition position() const override { return description_.position; }
+    [[nodiscard]] std::vector<CaptureDeviceFormat> formats() const override { return formats_; }
+    [[nodiscard]] std::optional<CaptureDeviceFormat> activeFormat() const override;
+    std::optional<Error> lockForConfiguration() override;
+    void unlockForConfiguration() override;
+    void setActiveFormat(const CaptureDeviceFormat& format) override;
+    [[nodiscard]] bool isFocusPointOfInterestSupported() const override { return false; }
+    void setFocusPointOfInterest(Point) override {}
+    [[nodiscard]] bool isFocusModeSupported(FocusMode mode) const override;
+    void setFocusMode(FocusMode mode) override;
+    [[nodiscard]] bool hasTorch() const override { return !led_.empty(); }
+    void setTorchMode(TorchMode mode) override;
+
+    [[nodiscard]] const DeviceDescription& description() const { return description_; }
+
+private:
+    const DeviceDescription description_;
+    const std::vector<CaptureDeviceFormat> formats_;
+    const std::filesystem::path led_;  ///< directory of the LED; empty without a torch
+    mutable std::mutex mutex_;
+    std::optional<CaptureDeviceFormat> activeFormat_;  // guarded by mutex_
+};
+
+class GstCaptureDeviceInput final : public CaptureDeviceInput {
+public:
+    explicit GstCaptureDeviceInput(std::shared_ptr<GstCaptureDevice> device) : own_(device), device_(std::move(device)) {}
+    [[nodiscard]] const std::shared_ptr<CaptureDevice>& device() const override { return device_; }
+    [[nodiscard]] const std::shared_ptr<GstCaptureDevice>& own() const { return own_; }
+
+private:
+    const std::shared_ptr<GstCaptureDevice> own_;
+    const std::shared_ptr<CaptureDevice> device_;
+};
+
+}  // namespace selvio

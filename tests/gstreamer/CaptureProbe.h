@@ -1,0 +1,102 @@
+// A delegate that remembers, and lets a test wait for what it is to see.
+#pragma once
+
+#include <SelvioFacialCapture/base/SerialQueue.h>
+#include <SelvioFacialCapture/platform/Capture.h>
+
+#include <condition_variable>
+#include <mutex>
+#include <vector>
+
+namespace selvio::test {
+
+class CaptureProbe : public CaptureOutputDelegate {
+public:
+    void captureOutputDidOutputSampleBuffer(const CaptureOutput&, const std::shared_ptr<SampleBuffer>& sample,
+                                            const std::shared_ptr<CaptureConnection>&) override {
+        std::unique_lock lock(mutex_);
+        (sample->audio() != nullptr ? sounds_ : frames_).push_back(sample->timing());
+        if (sample->imageBuffer()) last_ = *sample->formatDescription();
+        changed_.notify_all();
+        changed_.wait(lock, [this] { return !blocked_; });
+        if (onSample) onSample(sample);
+    }
+    void captureOutputDidDropSampleBuffer(const CaptureOutput&, const std::shared_ptr<SampleBuffer>& sample,
+                                          const std::shared_ptr<CaptureConnection>&) override {
+        const std::lock_guard lock(mutex_);
+        if (!sample->imageBuffer() && sample->timing().isValid()) ++drops_;
+        changed_.notify_all();
+    }
+    void captureOutputDidOutputMetadataObjects(const CaptureOutput&, const std::vector<MetadataObject>& objects,
+                                               const std::shared_ptr<CaptureConnection>&) override {
+        const std::lock_guard lock(mutex_);
+        objects_.insert(objects_.end(), objects.begin(), objects.end());
+        changed_.notify_all();
+    }
+
+    /// Waits until the condition holds, for ten seconds at most.
+    template <typename Condition>
+    bool waitFor(Condition condition) {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, std::chrono::seconds(10), condition);
+    }
+    bool waitForFrames(std::size_t more) {
+        const std::size_t wanted = frameCount() + more;
+        return waitFor([&] { return frames_.size() >= wanted; });
+    }
+    bool waitForSize(int width, int height) {
+        return waitFor([&] { return last_.width == width && last_.height == height; });
+    }
+    void block(bool blocked) {
+        const std::lock_guard lock(mutex_);
+        blocked_ = blocked;
+        changed_.notify_all();
+    }
+    std::size_t frameCount() {
+        const std::lock_guard lock(mutex_);
+        return frames_.size();
+    }
+    VideoFormatDescription lastFormat() {
+        const std::lock_guard lock(mutex_);
+        return last_;
+    }
+
+    std::function<void(const std::shared_ptr<SampleBuffer>&)> onSample;  // set before frames flow
+
+    // To be read while nothing flows, or inside waitFor.
+    std::vector<SampleTiming> frames_, sounds_;
+    std::vector<MetadataObject> objects_;
+    int drops_ = 0;
+
+private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    VideoFormatDescription last_;
+    bool blocked_ = false;
+};
+
+/// A session with one camera, wired as a camera object wires it.
+struct Rig {
+    explicit Rig(const std::shared_ptr<CaptureSystem>& system, const std::shared_ptr<CaptureDevice>& device, PixelFormat format = 0)
+        : session(system->makeSession()), output(system->makeVideoDataOutput()), camera(device) {
+        input = system->makeDeviceInput(device).value();
+        session->addInput(input);
+        output->setPixelFormat(format);
+        output->setAlwaysDiscardsLateVideoFrames(true);
+        output->setSampleBufferDelegate(probe, queue);
+        session->addOutput(output);
+    }
+    ~Rig() {
+        session->stopRunning();
+        output->setSampleBufferDelegate({}, nullptr);
+    }
+
+    std::shared_ptr<CaptureProbe> probe = std::make_shared<CaptureProbe>();
+    std::shared_ptr<SerialQueue> queue = std::make_shared<SerialQueue>("frames");
+    std::shared_ptr<CaptureSession> session;
+    std::shared_ptr<VideoDataOutput> output;
+    std::shared_ptr<CaptureDevice> camera;
+    std::shared_ptr<CaptureDeviceInput> input;
+};
+
+}  // namespace selvio::test

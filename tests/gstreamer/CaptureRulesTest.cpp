@@ -1,0 +1,142 @@
+#include <platform/linux/gstreamer/CaptureRules.h>
+
+#include <gtest/gtest.h>
+
+namespace selvio {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::nanoseconds;
+
+constexpr auto kNV12 = kPixelFormat420v;
+constexpr auto kBGRA = kPixelFormat32BGRA;
+
+TEST(PreferredRate, IsThirtyOrTheNextBest) {
+    struct Case {
+        std::vector<FrameRate> rates;
+        FrameRate expected;
+    };
+    const Case cases[] = {
+        {{}, {0, 1}},
+        {{{60, 1}, {30, 1}, {15, 1}}, {30, 1}},
+        {{{60, 1}, {30000, 1001}}, {30000, 1001}},
+        {{{120, 1}, {60, 1}}, {60, 1}},
+        {{{5, 1}, {15, 2}}, {15, 2}},
+    };
+    for (const Case& c : cases) EXPECT_EQ(preferredRate(c.rates), c.expected);
+}
+
+TEST(ChooseMode, PrefersFullRateThenNoConversionThenRaw) {
+    const CameraMode yuyv{false, "YUY2", 1280, 720, {10, 1}};
+    const CameraMode jpeg{true, "", 1280, 720, {30, 1}};
+    const CameraMode nv12{false, "NV12", 1280, 720, {30, 1}};
+    const CameraMode i420{false, "I420", 1280, 720, {60, 1}};
+    const CameraMode small{false, "NV12", 640, 480, {30, 1}};
+    struct Case {
+        const char* what;
+        std::vector<CameraMode> modes;
+        PixelFormat format;
+        std::optional<CameraMode> expected;
+    };
+    const Case cases[] = {
+        {"a slow raw mode gives way to Motion JPEG", {yuyv, jpeg}, kBGRA, jpeg},
+        {"no conversion", {jpeg, i420, nv12, yuyv}, kNV12, nv12},
+        {"raw before JPEG; beyond 30 a second is no better", {jpeg, i420}, kNV12, i420},
+        {"first of equals", {nv12, i420}, kBGRA, nv12},
+        {"only the size that was asked for", {small}, kNV12, std::nullopt},
+        {"slow is better than nothing", {yuyv, small}, kBGRA, yuyv},
+    };
+    for (const Case& c : cases) {
+        const CameraMode* const chosen = chooseMode(c.modes, 1280, 720, c.format);
+        EXPECT_EQ(chosen != nullptr ? std::optional(*chosen) : std::nullopt, c.expected) << c.what;
+    }
+}
+
+TEST(Formats, EverySizeOnceAs420vAndBgra) {
+    const auto formats = formatsOf({{true, "", 1280, 720, {30, 1}}, {false, "YUY2", 640, 480, {30, 1}}, {false, "YUY2", 1280, 720, {10, 1}}});
+    const std::vector<CaptureDeviceFormat> expected{
+        {{kNV12, 1280, 720}, 30}, {{kBGRA, 1280, 720}, 30}, {{kNV12, 640, 480}, 30}, {{kBGRA, 640, 480}, 30}};
+    EXPECT_EQ(formats, expected);
+}
+
+TEST(Presets, StandForSizes) {
+    const auto sized = [](std::vector<std::pair<int, int>> sizes) {
+        std::vector<CameraMode> modes;
+        for (const auto& [w, h] : sizes) modes.push_back({false, "NV12", w, h, {30, 1}});
+        return formatsOf(modes);
+    };
+    struct Case {
+        std::vector<std::pair<int, int>> sizes;
+        const char* preset;  // null: nothing was set
+        std::pair<int, int> expected;
+    };
+    const Case cases[] = {
+        {{{640, 480}, {1280, 720}}, kCaptureSessionPreset1280x720, {1280, 720}},
+        {{{720, 1280}}, kCaptureSessionPreset1280x720, {720, 1280}},
+        {{{640, 480}, {1280, 720}}, kCaptureSessionPreset1920x1080, {0, 0}},
+        {{{640, 480}, {3840, 2160}, {1280, 960}}, kCaptureSessionPresetHigh, {1280, 960}},
+        {{{3840, 2160}, {2560, 1440}}, kCaptureSessionPresetHigh, {2560, 1440}},
+        {{{640, 480}}, "Photo", {0, 0}},
+        {{{1920, 1080}, {1280, 720}}, nullptr, {1280, 720}},
+        {{{320, 240}, {640, 480}}, nullptr, {640, 480}},
+        {{}, nullptr, {0, 0}},
+    };
+    for (const Case& c : cases) {
+        const auto format = c.preset != nullptr ? formatForPreset(sized(c.sizes), c.preset) : initialFormat(sized(c.sizes));
+        const auto found = format.value_or(CaptureDeviceFormat{}).formatDescription;
+        EXPECT_EQ(std::pair(found.width, found.height), c.expected) << (c.preset != nullptr ? c.preset : "initial");
+    }
+}
+
+TEST(CropFor, CutsTheMiddleInTheShapeOfTheOrientation) {
+    struct Case {
+        int width, height;
+        std::int64_t orientation;
+        FrameCrop expected;
+    };
+    const Case cases[] = {
+        {1280, 720, 1, {438, 0, 404, 720}}, {1280, 720, 2, {438, 0, 404, 720}}, {1280, 720, 3, {0, 0, 1280, 720}},
+        {1280, 720, 4, {0, 0, 1280, 720}},  {1280, 720, 0, {0, 0, 1280, 720}},  {1920, 1080, 1, {656, 0, 606, 1080}},
+        {720, 1280, 1, {0, 0, 720, 1280}},  {720, 1280, 2, {0, 0, 720, 1280}},  {720, 1280, 3, {0, 438, 720, 404}},
+        {640, 480, 1, {184, 0, 270, 480}},  {480, 480, 1, {104, 0, 270, 480}},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(cropFor(c.width, c.height, static_cast<VideoOrientation>(c.orientation)), c.expected)
+            << c.width << "x" << c.height << " orientation " << c.orientation;
+    }
+}
+
+TEST(Preview, FillsTheSurfaceMirrored) {
+    EXPECT_EQ(cropToFill(404, 720, {360, 640}), (FrameCrop{0, 0, 404, 718}));
+    EXPECT_EQ(cropToFill(1280, 720, {100, 100}), (FrameCrop{280, 0, 720, 720}));
+    EXPECT_EQ(cropToFill(64, 48, {0, 0}), (FrameCrop{0, 0, 64, 48}));
+    // The left quarter of the frame appears at the right; 100 x 200 shows the middle half of a square.
+    EXPECT_EQ(onMirroredSurface({0, 0, 0.25, 1}, 100, 100, {200, 200}), (Rect{150, 0, 50, 200}));
+    EXPECT_EQ(onMirroredSurface({0.5, 0.25, 0.25, 0.5}, 100, 100, {100, 200}), (Rect{0, 50, 50, 100}));
+}
+
+TEST(PositionMatch, UnknownPositionsComeSecondAndOppositeOnesNever) {
+    using P = CaptureDevicePosition;
+    EXPECT_EQ(positionMatch(P::Back, P::Back), 2);
+    EXPECT_EQ(positionMatch(P::Unspecified, P::Back), 1);
+    EXPECT_EQ(positionMatch(P::Front, P::Back), 0);
+    EXPECT_EQ(positionMatch(P::Front, P::Unspecified), 2);
+}
+
+TEST(AudioClock, SmoothsJitterFollowsDriftAndJumpsOverLosses) {
+    AudioClock clock;
+    const milliseconds block{10};
+    EXPECT_EQ(clock.place(milliseconds(5000), 480, 48000), milliseconds(5000));
+    for (int i = 1; i <= 50; ++i) {
+        const nanoseconds ideal = milliseconds(5000) + i * block;
+        const nanoseconds placed = clock.place(ideal + milliseconds(i % 2 == 0 ? 9 : 0), 480, 48000);
+        EXPECT_LT(std::chrono::abs(placed - ideal), milliseconds(6)) << i;
+    }
+    nanoseconds placed{0};
+    for (int i = 51; i <= 250; ++i) placed = clock.place(milliseconds(5040) + i * block, 480, 48000);
+    EXPECT_LT(std::chrono::abs(placed - milliseconds(5040) - 250 * block), milliseconds(1)) << "a lasting offset is taken up";
+    EXPECT_EQ(clock.place(milliseconds(9000), 480, 48000), milliseconds(9000));
+}
+
+}  // namespace
+}  // namespace selvio

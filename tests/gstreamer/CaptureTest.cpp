@@ -1,0 +1,293 @@
+#include "CaptureProbe.h"
+#include "MediaProbe.h"
+
+#include <SelvioFacialCapture/linux/Capture.h>
+
+#include <support/LogCapture.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+#include <fstream>
+#include <thread>
+
+namespace selvio {
+namespace {
+
+using namespace test;
+using std::chrono::milliseconds;
+using ::testing::Contains;
+using ::testing::HasSubstr;
+
+SourceCamera testPicture(std::string rawFormat = "NV12", int width = 320, int height = 240) {
+    return {.name = "picture", .source = "videotestsrc is-live=true", .width = width, .height = height, .rawFormat = std::move(rawFormat)};
+}
+
+std::shared_ptr<CaptureSystem> systemOf(CaptureOptions options) {
+    options.systemDevices = false;
+    return makeGstCaptureSystem(std::move(options));
+}
+
+std::shared_ptr<CaptureDevice> firstCamera(const std::shared_ptr<CaptureSystem>& system) {
+    const auto found = system->discoverDevices({}, MediaType::Video, CaptureDevicePosition::Back)->devices;
+    return found.empty() ? nullptr : found.front();
+}
+
+std::size_t entriesOf(const char* directory) {
+    return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(directory), std::filesystem::directory_iterator()));
+}
+
+TEST(Capture, DeliversFramesInFormatAndShapeOnTheMasterClock) {
+    struct Case {
+        const char* raw;
+        PixelFormat format;
+        std::int64_t orientation;
+        VideoFormatDescription expected;
+    };
+    const Case cases[] = {
+        {"NV12", kPixelFormat420v, 3, {kPixelFormat420v, 320, 240}},
+        {"NV12", kPixelFormat420v, 1, {kPixelFormat420v, 134, 240}},
+        {"BGRA", 0, 2, {kPixelFormat32BGRA, 134, 240}},
+        {"YUY2", 0, 4, {kPixelFormat32BGRA, 320, 240}},
+        {"YUY2", kPixelFormat420v, 1, {kPixelFormat420v, 134, 240}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.raw << " orientation " << c.orientation);
+        const auto system = systemOf({.sources = {testPicture(c.raw)}});
+        Rig rig(system, firstCamera(system), c.format);
+        rig.output->connections().at(0)->setVideoOrientation(static_cast<VideoOrientation>(c.orientation));
+        const auto before = rig.session->masterClockTime();
+        rig.session->startRunning();
+        ASSERT_TRUE(rig.session->isRunning());
+        ASSERT_TRUE(rig.probe->waitForFrames(10));
+        rig.session->stopRunning();
+        rig.queue->drain();
+        EXPECT_FALSE(rig.session->isRunning());
+        EXPECT_EQ(rig.probe->lastFormat(), c.expected);
+        for (std::size_t i = 0; i < rig.probe->frames_.size(); ++i) {
+            const auto& timing = rig.probe->frames_[i];
+            EXPECT_GE(*timing.presentationTime, i == 0 ? before : *rig.probe->frames_[i - 1].presentationTime + milliseconds(20));
+            EXPECT_LE(*timing.presentationTime, rig.session->masterClockTime());
+        }
+        const auto count = rig.probe->frameCount();
+        rig.queue->drain();
+        EXPECT_EQ(rig.probe->frameCount(), count) << "nothing comes after stop";
+    }
+}
+
+TEST(Capture, TakesUpChangesWhileItRuns) {
+    const auto system = systemOf({.sources = {testPicture()}});
+    Rig rig(system, firstCamera(system));
+    rig.session->startRunning();
+    ASSERT_TRUE(rig.probe->waitForSize(320, 240));
+    rig.output->connections().at(0)->setVideoOrientation(VideoOrientation::Portrait);
+    EXPECT_TRUE(rig.probe->waitForSize(134, 240)) << "a turn takes effect with the next frame";
+    rig.session->beginConfiguration();
+    rig.output->setPixelFormat(kPixelFormat420v);
+    rig.session->commitConfiguration();
+    EXPECT_TRUE(rig.probe->waitForFrames(2));
+    EXPECT_EQ(rig.probe->lastFormat().mediaSubType, kPixelFormat420v);
+    rig.session->removeInput(rig.input);
+    EXPECT_FALSE(rig.session->isRunning()) << "without a camera there is nothing to run";
+}
+
+TEST(Capture, ALateFrameGivesWayToTheNewestWithANotice) {
+    const auto system = systemOf({.sources = {testPicture()}});
+    Rig rig(system, firstCamera(system));
+    rig.probe->block(true);
+    rig.session->startRunning();
+    // The delegate sits on its first frame: the camera goes on, and the notices queue up behind it.
+    const auto start = rig.session->masterClockTime();
+    while (rig.session->masterClockTime() - start < milliseconds(400)) std::this_thread::yield();
+    rig.probe->block(false);
+    ASSERT_TRUE(rig.probe->waitForFrames(1));
+    EXPECT_TRUE(rig.probe->waitFor([&] { return rig.probe->drops_ >= 5; }));
+    ASSERT_TRUE(rig.probe->waitForFrames(2));
+    rig.session->stopRunning();
+    rig.queue->drain();
+    EXPECT_GT(*rig.probe->frames_.at(1).presentationTime - *rig.probe->frames_.at(0).presentationTime, milliseconds(250));
+}
+
+TEST(Capture, EndedDeliveriesStayEnded) {
+    const auto system = systemOf({.sources = {testPicture()}});
+    Rig rig(system, firstCamera(system));
+    rig.session->startRunning();
+    ASSERT_TRUE(rig.probe->waitForFrames(2));
+    rig.output->setSampleBufferDelegate({}, nullptr);
+    const auto count = rig.probe->frameCount();
+    rig.queue->drain();
+    EXPECT_EQ(rig.probe->frameCount(), count);
+    EXPECT_TRUE(rig.session->isRunning());
+}
+
+TEST(Capture, SaysWhyACameraDoesNotStart) {
+    struct Case {
+        const char* what;
+        SourceCamera camera;
+        const char* log;
+    };
+    const Case cases[] = {
+        {"no such element", {.name = "a", .source = "nosuchsource"}, "could not be opened"},
+        {"no frames", {.name = "b", .source = "appsrc is-live=true", .width = 320, .height = 240}, "\"b\" delivers no frames"},
+        {"fails at once", {.name = "c", .source = "videotestsrc ! identity error-after=1", .width = 320, .height = 240}, "identity"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        LogCapture log;
+        const auto system = systemOf({.sources = {c.camera}, .openingTimeout = milliseconds(300)});
+        Rig rig(system, firstCamera(system));
+        rig.session->startRunning();
+        EXPECT_FALSE(rig.session->isRunning());
+        EXPECT_THAT(log.take(), Contains(HasSubstr(c.log)));
+    }
+    LogCapture log;
+    const auto session = systemOf({})->makeSession();
+    session->startRunning();
+    EXPECT_FALSE(session->isRunning());
+    EXPECT_THAT(log.take(), Contains("Capture: could not start: the session has no camera"));
+}
+
+TEST(Capture, ACameraThatFallsSilentOrFailsEndsTheRun) {
+    struct Case {
+        const char* source;
+        const char* log;
+    };
+    const Case cases[] = {
+        {"videotestsrc is-live=true ! identity error-after=10", "Capture: stopped: identity"},
+        // After ten frames the next source is waited for, which never sends any.
+        {"concat name=c videotestsrc is-live=true num-buffers=10 ! c.sink_0 appsrc is-live=true ! c.sink_1",
+         "Capture: stopped: the camera delivers no more"},
+    };
+    for (const Case& c : cases) {
+        LogCapture log;
+        const SourceCamera camera{.name = "ends", .source = c.source, .width = 320, .height = 240};
+        const auto system = systemOf({.sources = {camera}, .stallTimeout = milliseconds(300)});
+        Rig rig(system, firstCamera(system));
+        rig.session->startRunning();
+        ASSERT_TRUE(rig.probe->waitForFrames(1));
+        while (rig.session->isRunning()) std::this_thread::yield();
+        EXPECT_THAT(log.take(), Contains(HasSubstr(c.log)));
+        rig.session->startRunning();
+        EXPECT_TRUE(rig.session->isRunning()) << "and may be started again";
+    }
+}
+
+TEST(Capture, RefusesSecondInputsAndForeignOutputs) {
+    const auto system = systemOf({.sources = {testPicture()}});
+    Rig rig(system, firstCamera(system));
+    EXPECT_FALSE(rig.session->canAddInput(*rig.input));
+    EXPECT_FALSE(rig.session->canAddOutput(*system->makeVideoDataOutput()));
+    EXPECT_TRUE(rig.session->canAddOutput(*system->makeMetadataOutput()));
+    const auto audio = system->makeAudioDataOutput();
+    rig.session->addOutput(audio);
+    EXPECT_TRUE(audio->connections().empty()) << "there is no microphone";
+    EXPECT_EQ(rig.output->connections().size(), 1U);
+    EXPECT_FALSE(rig.session->canSetSessionPreset(kCaptureSessionPreset1280x720));
+    EXPECT_TRUE(rig.session->canSetSessionPreset(kCaptureSessionPresetHigh));
+    rig.session->removeOutput(rig.output);
+    EXPECT_TRUE(rig.output->connections().empty());
+    EXPECT_FALSE(system->makeDeviceInput(nullptr));
+    EXPECT_EQ(system->defaultDevice(MediaType::Audio), nullptr);
+}
+
+TEST(Capture, AVideoFileIsACameraThatPlaysOnce) {
+    TemporaryDirectory directory;
+    const auto file = directory.path() / "clip with space.mp4";
+    outputOf(
+        "gst-launch-1.0 -q videotestsrc num-buffers=20 ! video/x-raw,width=360,height=640,framerate=30/1 ! x264enc ! mp4mux ! filesink location='" +
+        file.string() + "'");
+    LogCapture log;
+    const auto system = systemOf({.videoFiles = {file, directory.path() / "missing.mp4"}});
+    const auto devices = system->discoverDevices({}, MediaType::Video, CaptureDevicePosition::Front)->devices;
+    ASSERT_EQ(devices.size(), 1U);
+    EXPECT_THAT(log.take(), Contains(HasSubstr("missing.mp4\" cannot be played")));
+    EXPECT_EQ(devices[0]->localizedName(), file.string());
+    EXPECT_EQ(devices[0]->activeFormat()->formatDescription.height, 640);
+    Rig rig(system, devices[0]);
+    rig.output->connections().at(0)->setVideoOrientation(VideoOrientation::Portrait);
+    rig.session->startRunning();
+    ASSERT_TRUE(rig.probe->waitForFrames(15));
+    EXPECT_EQ(rig.probe->lastFormat(), (VideoFormatDescription{kPixelFormat32BGRA, 360, 640}));
+    while (rig.session->isRunning()) std::this_thread::yield();
+    EXPECT_THAT(log.take(), Contains("Capture: stopped: the video has ended"));
+    rig.queue->drain();
+    const auto played = *rig.probe->frames_.back().presentationTime - *rig.probe->frames_.front().presentationTime;
+    EXPECT_GT(played, milliseconds(450)) << "in real time";
+}
+
+TEST(Capture, TorchIsAnLedWhoseFunctionIsLight) {
+    TemporaryDirectory leds;
+    for (const char* const name : {"input3::capslock", "white:flash"}) {
+        std::filesystem::create_directory(leds.path() / name);
+        std::ofstream(leds.path() / name / "brightness") << 0;
+        std::ofstream(leds.path() / name / "max_brightness") << 37;
+    }
+    const auto brightness = [&](const char* name) {
+        int level = -1;
+        std::ifstream(leds.path() / name / "brightness") >> level;
+        return level;
+    };
+    SourceCamera front = testPicture();
+    front.position = CaptureDevicePosition::Front;
+    const auto system = systemOf({.sources = {front, testPicture()}, .ledDirectory = leds.path()});
+    EXPECT_FALSE(system->discoverDevices({}, MediaType::Video, CaptureDevicePosition::Front)->devices.at(0)->hasTorch());
+    const auto camera = firstCamera(system);
+    ASSERT_TRUE(camera->hasTorch());
+    camera->setTorchMode(TorchMode::On);
+    EXPECT_EQ(brightness("white:flash"), 37);
+    EXPECT_EQ(brightness("input3::capslock"), 0);
+    camera->setTorchMode(TorchMode::Off);
+    EXPECT_EQ(brightness("white:flash"), 0);
+    EXPECT_FALSE(camera->isFocusModeSupported(FocusMode::ContinuousAutoFocus)) << "a picture has no focus";
+}
+
+TEST(Capture, NodesThatMayNotBeOpenedMeanDenied) {
+    TemporaryDirectory nodes;
+    const auto status = [&] {
+        CaptureOptions options;
+        options.deviceDirectory = nodes.path();
+        return makeGstCaptureSystem(options)->authorizationStatus(MediaType::Video);
+    };
+    EXPECT_EQ(status(), AuthorizationStatus::Authorized) << "no camera is not a refusal";
+    std::ofstream(nodes.path() / "video0").put('x');
+    EXPECT_EQ(status(), AuthorizationStatus::Authorized);
+    ::chmod((nodes.path() / "video0").c_str(), 0);
+    ::chmod(nodes.path().c_str(), 0755);
+    const bool isRoot = ::geteuid() == 0;
+    ASSERT_TRUE(!isRoot || ::seteuid(65534) == 0);
+    EXPECT_EQ(status(), AuthorizationStatus::Denied);
+    ASSERT_TRUE(!isRoot || ::seteuid(0) == 0);
+}
+
+TEST(Capture, ManyStartsAndStopsLeaveNothingBehind) {
+    const auto system = systemOf({.sources = {testPicture("NV12", 64, 48)}});
+    Rig rig(system, firstCamera(system), kPixelFormat420v);
+    const auto cycle = [&](int times) {
+        for (int i = 0; i < times; ++i) {
+            rig.session->startRunning();
+            ASSERT_TRUE(rig.session->isRunning()) << i;
+            rig.session->stopRunning();
+        }
+        rig.queue->drain();
+    };
+    const auto residentKilobytes = [] {
+        std::ifstream status("/proc/self/status");
+        for (std::string word; status >> word;) {
+            if (word == "VmRSS:" && status >> word) return std::stol(word);
+        }
+        return 0L;
+    };
+    cycle(50);  // GStreamer keeps a few threads for the next time
+    const auto threads = entriesOf("/proc/self/task");
+    const auto descriptors = entriesOf("/proc/self/fd");
+    const auto memory = residentKilobytes();
+    cycle(1000);
+    EXPECT_LE(entriesOf("/proc/self/task"), threads + 2);
+    EXPECT_LE(entriesOf("/proc/self/fd"), descriptors);
+    EXPECT_LT(residentKilobytes() - memory, 8 << 10) << "less than 8 KB a cycle, which the allocator keeps";
+}
+
+}  // namespace
+}  // namespace selvio

@@ -1,0 +1,1 @@
+int placeholder_for_pipewire_tests = 0;
