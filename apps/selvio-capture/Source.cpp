@@ -1,10 +1,13 @@
 #include "Source.h"
 
+#include "Commands.h"
 #include "HostPlatform.h"
 #include "OneCamera.h"
 
+#include <SelvioFacialCapture/linux/Capture.h>
 #include <SelvioFacialCapture/simulated/SimulatedPlatform.h>
 
+#include <fstream>
 #include <utility>
 #include <vector>
 
@@ -25,12 +28,16 @@ std::string listOf(const std::vector<std::shared_ptr<CaptureDevice>>& cameras) {
     return names.empty() ? "no cameras" : names;
 }
 
+// A camera that may not be opened is not offered, but it is there.
+bool isDenied(const std::shared_ptr<CaptureSystem>& system) {
+    return system && system->authorizationStatus(MediaType::Video) == AuthorizationStatus::Denied;
+}
+
 std::variant<Source, SourceFailure> useCamera(Platform& platform, std::shared_ptr<CaptureSystem> system, const std::string& name) {
     const auto cameras = camerasOf(system);
     const auto camera = findCamera(cameras, name);
     if (!camera) {
-        const bool denied = system && system->authorizationStatus(MediaType::Video) == AuthorizationStatus::Denied;
-        if (denied) return SourceFailure{ExitCode::NoCamera, "no access to the camera"};
+        if (isDenied(system)) return SourceFailure{ExitCode::NoCamera, "no access to the camera"};
         if (cameras.empty()) return SourceFailure{ExitCode::NoCamera, "there is no camera"};
         return SourceFailure{ExitCode::NoCamera, "there is no camera named '" + name + "'; there are " + listOf(cameras)};
     }
@@ -38,7 +45,13 @@ std::variant<Source, SourceFailure> useCamera(Platform& platform, std::shared_pt
     return Source{camera->localizedName(), camera->position()};
 }
 
+std::variant<Source, SourceFailure> useVideo(Platform& platform, const std::string& path) {
+    if (!std::ifstream(path)) return SourceFailure{ExitCode::UnreadableInput, path + ": cannot be read"};
+    return useCamera(platform, makeGstCaptureSystem({.systemDevices = false, .videoFiles = {path}}), "");
+}
+
 std::variant<Source, SourceFailure> useSimulatedFront(Platform& platform, const RunOptions& options) {
+    if (options.preview) complain("--preview shows real cameras and videos only");
     if (const auto error = useSimulated(platform, options.photo, options.script)) {
         return SourceFailure{ExitCode::UnreadableInput, error->localizedDescription};
     }
@@ -62,10 +75,11 @@ std::optional<Error> useSimulated(Platform& platform, const std::filesystem::pat
 }
 
 std::shared_ptr<CaptureSystem> machineCaptureSystem() {
-    return nullptr;
+    return makeGstCaptureSystem();
 }
 
 std::variant<Source, SourceFailure> useSource(Platform& platform, const RunOptions& options) {
+    if (options.preview) platform.makeView = [] { return makeGstView({.window = true, .title = "selvio-capture"}); };
     using Kind = SourceOption::Kind;
     switch (options.source.kind) {
         case Kind::Simulated:
@@ -73,12 +87,12 @@ std::variant<Source, SourceFailure> useSource(Platform& platform, const RunOptio
         case Kind::Camera:
             return useCamera(platform, machineCaptureSystem(), options.source.name);
         case Kind::Video:
-            return SourceFailure{ExitCode::NoCamera, "video files cannot be played here"};
+            return useVideo(platform, options.source.name);
         case Kind::Automatic:
             break;
     }
     auto system = machineCaptureSystem();
-    if (camerasOf(system).empty()) return useSimulatedFront(platform, options);
+    if (camerasOf(system).empty() && !isDenied(system)) return useSimulatedFront(platform, options);
     return useCamera(platform, std::move(system), "");
 }
 

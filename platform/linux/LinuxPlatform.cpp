@@ -1,8 +1,8 @@
+#include <SelvioFacialCapture/linux/Capture.h>
 #include <SelvioFacialCapture/linux/Codec.h>
 #include <SelvioFacialCapture/linux/Device.h>
 #include <SelvioFacialCapture/linux/Files.h>
 #include <SelvioFacialCapture/linux/LinuxPlatform.h>
-#include <SelvioFacialCapture/linux/Recording.h>
 
 namespace selvio {
 namespace {
@@ -21,7 +21,9 @@ Platform makeLinuxPlatform(const VisionOptions& vision) {
     platform.makeSequenceRequestHandler = [vision] { return makeSequenceRequestHandler(vision); };
     platform.makeFaceDetector = [vision] { return makeFaceDetector(vision); };
     platform.fileManager = std::make_shared<LinuxFileManager>();
+    platform.captureSystem = makeGstCaptureSystem();
     platform.assetWriters = makeGstAssetWriterFactory();
+    platform.makeView = [] { return makeGstView(); };
     return platform;
 }
 
