@@ -208,7 +208,7 @@ TEST(Capture, AVideoFileIsACameraThatPlaysOnce) {
     Rig rig(system, devices[0]);
     rig.output->connections().at(0)->setVideoOrientation(VideoOrientation::Portrait);
     rig.session->startRunning();
-    ASSERT_TRUE(rig.probe->waitForFrames(15));
+    EXPECT_TRUE(rig.probe->waitForFrames(15)) << rig.probe->frameCount();
     EXPECT_EQ(rig.probe->lastFormat(), (VideoFormatDescription{kPixelFormat32BGRA, 360, 640}));
     while (rig.session->isRunning()) std::this_thread::yield();
     EXPECT_THAT(log.take(), Contains("Capture: stopped: the video has ended"));

@@ -50,7 +50,10 @@ struct CaptureOptions {
 ///   A preset is a camera's frame size, upright or not; "High" is the largest up to 1920x1080. Until something is set, a camera delivers 1280x720
 ///   if it can, else "High".
 /// - Orientation: 1 and 2 deliver an upright portrait picture: the middle 9:16 of a landscape sensor, all of an upright one. Everything else
-///   delivers a landscape picture: all of a landscape sensor, the middle 16:9 of an upright one. Cropping copies nothing.
+///   delivers a landscape picture: all of a landscape sensor, the middle 16:9 of an upright one.
+/// - Frames are handed on, and cropped, without copying, in the memory of the camera or of the converter. Two exceptions: PipeWire takes its memory
+///   back when a camera goes, so that the part of the picture that is delivered is copied once; and a camera of which four frames are in use
+///   elsewhere delivers copies, so that it never waits for its memory.
 /// - Frames go to the delegate's queue; one may wait there beside the one that is being handled. When a newer one comes (and late frames are
 ///   discarded) it takes the place of the waiting one, for which a drop notice without a picture is delivered.
 /// - Times are on the system's monotonic clock.

@@ -259,7 +259,7 @@ void GstCaptureSession::start() {
         if (!reason && !firstFrame_) reason = "\"" + plan.camera->localizedName() + "\" delivers no frames";
     }
     if (reason) {
-        stop();
+        abandon();
         log("Capture: could not start: " + *reason);
         return;
     }
@@ -282,6 +282,19 @@ void GstCaptureSession::stop() {
     runningPlan_.reset();
 }
 
+// With lifecycle_ held. A camera that does not answer can take half a minute to be closed; no one waits for that.
+void GstCaptureSession::abandon() {
+    const auto self = weak_from_this().lock();
+    if (!self) return stop();
+    for (GstPtr<GstElement>* pipeline : {&cameraPipeline_, &soundPipeline_}) {
+        if (!*pipeline) continue;
+        control_.async([self, held = std::shared_ptr<GstElement>(std::move(*pipeline))] {
+            GstPtr<GstElement> last(GST_ELEMENT(gst_object_ref(held.get())));
+            close(last);
+        });
+    }
+}
+
 bool GstCaptureSession::play(GstElement* pipeline) {
     useMonotonicTime(pipeline);
     return gst_element_set_state(pipeline, GST_STATE_PLAYING) != GST_STATE_CHANGE_FAILURE;
@@ -299,6 +312,7 @@ std::optional<Error> GstCaptureSession::openCamera(const Plan& plan) {
             static_cast<GstCaptureSession*>(self)->frameArrived(sample.get(), GST_ELEMENT(sink));
         return GST_FLOW_OK;
     };
+    if (device.isThere && !device.isThere()) return Error{"\"" + device.name + "\" is not there any more"};
     std::vector<GstElement*> chain{device.makeSource()};
     if (chain.front() == nullptr) return Error{"\"" + device.name + "\" could not be opened"};
     // Right behind the source, so that this very mode is opened.
@@ -312,7 +326,7 @@ std::optional<Error> GstCaptureSession::openCamera(const Plan& plan) {
 
     cameraPipeline_ = makePipeline();
     if (auto error = addChain(cameraPipeline_.get(), chain)) return error;
-    lendsCameraMemory_ = native;
+    frameMemory_ = !native ? FrameMemory::Converter : device.fleetingMemory ? FrameMemory::Fleeting : FrameMemory::Camera;
     if (const auto video = receivers()->video)
         video->setFrameRate(plan.mode.rate.numerator > 0 ? static_cast<int>(std::lround(plan.mode.rate.value())) : 30);
 
@@ -407,8 +421,9 @@ std::optional<nanoseconds> GstCaptureSession::timeOf(GstSample* sample, GstEleme
 
 std::shared_ptr<PixelBuffer> GstCaptureSession::borrow(GstBuffer* buffer, const GstVideoInfo& info, const FrameCrop& crop) {
     auto pixels = wrapFrame(buffer, info, crop);
-    if (!pixels || !lendsCameraMemory_) return pixels;
-    if (loans_->count >= kMaxLoans) {
+    const FrameMemory memory = frameMemory_;
+    if (!pixels || memory == FrameMemory::Converter) return pixels;
+    if (memory == FrameMemory::Fleeting || loans_->count >= kMaxLoans) {
         auto copy = copies_->acquire(*PixelBufferLayout::make(pixels->width(), pixels->height(), pixels->format()));
         if (copy) copyPlanes(*pixels, *copy);
         return copy;

@@ -69,6 +69,12 @@ private:
         std::shared_ptr<GstMetadataOutput> metadata;
         std::vector<std::weak_ptr<FrameWatcher>> watchers;
     };
+    /// Whose memory frames come in.
+    enum class FrameMemory {
+        Converter,  ///< a converter's, which has as much of it as is wanted
+        Camera,     ///< the camera's own, of which there is little: lent out up to a limit, copied beyond it
+        Fleeting,   ///< PipeWire's, which goes when the camera does, whoever still reads it: copied at once
+    };
     /// Frames in the camera's own memory that are still in use.
     struct Loans {
         std::atomic<int> count{0};
@@ -81,6 +87,7 @@ private:
 
     void start();
     void stop();
+    void abandon();
     std::optional<Error> openCamera(const Plan& plan);
     std::optional<Error> openMicrophone(const Plan& plan);
     bool play(GstElement* pipeline);
@@ -110,7 +117,7 @@ private:
 
     const std::shared_ptr<Loans> loans_ = std::make_shared<Loans>();
     const std::shared_ptr<PixelBufferPool> copies_ = PixelBufferPool::create();
-    std::atomic<bool> lendsCameraMemory_{false};
+    std::atomic<FrameMemory> frameMemory_{FrameMemory::Converter};
     AudioClock audioClock_;  // used on the microphone's thread; set anew while it does not run
 
     std::atomic<bool> running_{false};

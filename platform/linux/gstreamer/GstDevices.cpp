@@ -109,6 +109,7 @@ std::optional<DeviceDescription> describeDevice(GstDevice* device, MediaType med
         if (caps) description.modes = modesOf(caps.get());
         if (description.modes.empty()) return std::nullopt;  // nothing that could be shown
     }
+    description.fleetingMemory = std::strcmp(G_OBJECT_TYPE_NAME(device), "GstPipeWireDevice") == 0;
     const std::shared_ptr<GstDevice> kept(GST_DEVICE(gst_object_ref(device)), GstUnref());
     description.makeSource = [kept] {
         GstElement* const source = gst_device_create_element(kept.get(), nullptr);
@@ -134,6 +135,12 @@ std::vector<DeviceDescription> systemDevices(MediaType mediaType) {
         if (description && !isKnown) found.push_back(std::move(*description));
     }
     g_list_free_full(devices, gst_object_unref);
+    for (DeviceDescription& description : found) {
+        description.isThere = [id = description.id, mediaType] {
+            const auto now = systemDevices(mediaType);
+            return std::any_of(now.begin(), now.end(), [&](const auto& other) { return other.id == id; });
+        };
+    }
     return found;
 }
 
@@ -167,13 +174,16 @@ std::optional<DeviceDescription> describeFile(const fs::path& path) {
     if (info != nullptr) gst_discoverer_info_unref(info);
     g_object_unref(discoverer);
     if (description.modes.empty()) return std::nullopt;
-    description.makeSource = [path] {
+    description.makeSource = [path]() -> GstElement* {
+        // The end is made a pad of the bin by hand: done by the parser, it would take the decoder's place at the beginning as well.
         GstElement* const bin =
-            gst_parse_bin_from_description("filesrc name=file ! decodebin ! videoconvert ! videoflip video-direction=auto", TRUE, nullptr);
-        GstElement* const file = bin != nullptr ? gst_bin_get_by_name(GST_BIN(bin), "file") : nullptr;
-        if (file == nullptr) return bin;
-        g_object_set(file, "location", path.c_str(), nullptr);
-        gst_object_unref(file);
+            gst_parse_bin_from_description("filesrc name=file ! decodebin ! videoconvert ! videoflip name=end video-direction=auto", FALSE, nullptr);
+        if (bin == nullptr) return nullptr;
+        const GstPtr<GstElement> file(gst_bin_get_by_name(GST_BIN(bin), "file"));
+        const GstPtr<GstElement> end(gst_bin_get_by_name(GST_BIN(bin), "end"));
+        g_object_set(file.get(), "location", path.c_str(), nullptr);
+        const GstPtr<GstPad> pad(gst_element_get_static_pad(end.get(), "src"));
+        gst_element_add_pad(bin, gst_ghost_pad_new("src", pad.get()));
         return bin;
     };
     return description;

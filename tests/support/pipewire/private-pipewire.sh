@@ -40,7 +40,7 @@ wait_for() {
         sleep 0.02
     done
 }
-manager_is_up() { pw-cli ls Client 2>/dev/null | grep -q 'wireplumber'; }
+manager_is_up() { pw-cli ls Client 2>/dev/null | grep -q 'WirePlumber \[export\]'; }
 
 pipewire >"$home/pipewire.log" 2>&1 </dev/null &
 pids+=($!)
