@@ -25,7 +25,8 @@ constexpr double kMostEnlargement = 2.0;
 // How far above the filters' own thresholds a face must score. At the usual scale no extra false boxes come with a lower one; the larger scale shows
 // more of the background, so there a face must be surer, but not to be seen again at its place.
 constexpr Thresholds kUsual{.frontal = -0.25, .turned = 0.0};
-constexpr Thresholds kWide{.frontal = 0.2, .turned = 0.12};
+constexpr Thresholds kWideAlone{.frontal = 0.3, .turned = 0.12};
+constexpr double kWideSecond = 0.5;  // a second face that is none would keep a good picture from being taken
 constexpr Thresholds kAgain{.frontal = -0.1, .turned = 0.0};
 
 // Looking again: side of the face in the small view, and how much of the side is added around it.
@@ -37,14 +38,14 @@ constexpr double kLandmarkSide = 144.0;
 constexpr double kLandmarkMargin = 0.32;
 
 // Stages of the cascade for the first, rough points.
-constexpr std::size_t kRoughStages = 8;
+constexpr std::size_t kRoughStages = 6;
 
 /// A box beside the refined one, moved and scaled about its middle, all in shares of its side.
 constexpr FaceFrame beside(double right, double down, double larger) {
     return {1.0 + larger, 0.0, right - larger / 2.0, down - larger / 2.0};
 }
 // Together they neither move nor scale it.
-constexpr std::array<FaceFrame, 3> kBeside{beside(0.02, 0.0, 0.0), beside(-0.01, 0.017, 0.02), beside(-0.01, -0.017, -0.02)};
+constexpr std::array<FaceFrame, 2> kBeside{beside(0.015, 0.01, 0.015), beside(-0.015, -0.01, -0.015)};
 
 constexpr double kRadian = 3.14159265358979323846 / 180.0;
 constexpr std::size_t kMostFaces = 8;
@@ -134,7 +135,8 @@ std::vector<VisionEngine::Box> VisionEngine::usualPass(const PixelBuffer& buffer
 std::vector<VisionEngine::Box> VisionEngine::widePass(const PixelBuffer& buffer, ViewTransform view, const std::vector<Box>& known) {
     const double scale = scaleFor(viewSizeOf(buffer, view), kWideSide, kWidePixels);
     if (!load(buffer, view, {0, 0, buffer.width(), buffer.height()}, scale)) return {};
-    std::vector<Box> boxes = inFullView(known.empty() ? search(kWide.frontal, kWide.turned) : search(kWide.frontal, std::nullopt, kWideLevels));
+    std::vector<Box> boxes =
+        inFullView(known.empty() ? search(kWideAlone.frontal, kWideAlone.turned) : search(kWideSecond, std::nullopt, kWideLevels));
     std::erase_if(boxes, [&](const Box& box) { return std::any_of(known.begin(), known.end(), [&](const Box& other) { return same(box, other); }); });
     return boxes;
 }
