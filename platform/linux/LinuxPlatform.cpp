@@ -3,6 +3,7 @@
 #include <SelvioFacialCapture/linux/Device.h>
 #include <SelvioFacialCapture/linux/Files.h>
 #include <SelvioFacialCapture/linux/LinuxPlatform.h>
+#include <SelvioFacialCapture/linux/Sensors.h>
 
 namespace selvio {
 namespace {
@@ -14,13 +15,14 @@ namespace {
 Platform makeLinuxPlatform(const VisionOptions& vision) {
     preloadVisionModels(vision);
     Platform platform = makePortablePlatform();
-    platform.device = std::make_shared<LinuxDevice>();
+    platform.device = std::make_shared<LinuxDevice>([sensor = makeOrientationSensor()] { return sensor->orientation(); });
     platform.screen = std::make_shared<LinuxScreen>();
     platform.imageCodec = std::make_shared<LibjpegImageCodec>();
     platform.imageLoader = std::make_shared<JpegPngImageLoader>();
     platform.makeSequenceRequestHandler = [vision] { return makeSequenceRequestHandler(vision); };
     platform.makeFaceDetector = [vision] { return makeFaceDetector(vision); };
     platform.fileManager = std::make_shared<LinuxFileManager>();
+    platform.makeMotionManager = [] { return makeIioMotionManager(); };
     platform.captureSystem = makeGstCaptureSystem();
     platform.assetWriters = makeGstAssetWriterFactory();
     platform.makeView = [] { return makeGstView(); };
