@@ -253,7 +253,7 @@ private:
         }
     }
 
-    const int gain_;  // 256: none
+    const int gain_;                   // 256: none
     std::vector<std::int16_t> noise_;  // empty: none
 };
 
