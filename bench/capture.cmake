@@ -1,0 +1,7 @@
+if(TARGET selvio_linux_gstreamer)
+  foreach(program IN ITEMS capture recording)
+    add_executable(bench_${program} ${program}.cpp)
+    target_include_directories(bench_${program} PRIVATE ${PROJECT_SOURCE_DIR})
+    target_link_libraries(bench_${program} PRIVATE SelvioFacialCaptureLinux PkgConfig::GSTREAMER selvio_options benchmark::benchmark)
+  endforeach()
+endif()

@@ -1,0 +1,144 @@
+// What capture adds to GStreamer: the processor time from the camera to the delegate, beside a bare pipeline of the same source with the same
+// conversion into fakesink. Each run is three seconds of 1280x720 at 30 frames a second.
+//
+// With a camera's name in SELVIO_BENCH_CAMERA that camera is measured as well, for example a virtual one:
+//   private-pipewire.sh sh -c 'selvio-virtual-camera Bench front 30 NV12:1280x720 & SELVIO_BENCH_CAMERA=Bench bench_capture'
+#include <SelvioFacialCapture/base/SerialQueue.h>
+#include <SelvioFacialCapture/linux/Capture.h>
+#include <benchmark/benchmark.h>
+#include <gst/gst.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <thread>
+
+#include "Ratios.h"
+
+namespace {
+
+using namespace selvio;
+
+constexpr std::chrono::seconds kRun{3};
+
+class Counter final : public CaptureOutputDelegate {
+public:
+    void captureOutputDidOutputSampleBuffer(const CaptureOutput&, const std::shared_ptr<SampleBuffer>& sample,
+                                            const std::shared_ptr<CaptureConnection>&) override {
+        benchmark::DoNotOptimize(sample->imageBuffer()->data());
+        ++frames;
+    }
+    void captureOutputDidDropSampleBuffer(const CaptureOutput&, const std::shared_ptr<SampleBuffer>&,
+                                          const std::shared_ptr<CaptureConnection>&) override {
+        ++drops;
+    }
+    void captureOutputDidOutputMetadataObjects(const CaptureOutput&, const std::vector<MetadataObject>&,
+                                               const std::shared_ptr<CaptureConnection>&) override {}
+    std::atomic<int> frames{0};
+    std::atomic<int> drops{0};
+};
+
+void runSession(benchmark::State& state, const std::shared_ptr<CaptureSystem>& system, PixelFormat format, const char* name, bool codes = false) {
+    std::shared_ptr<CaptureDevice> camera;
+    const auto found = system->discoverDevices({}, MediaType::Video, CaptureDevicePosition::Unspecified);
+    for (const auto& device : found->devices) {
+        if (device->localizedName() == name) camera = device;
+    }
+    if (!camera) return state.SkipWithError("there is no such camera");
+    const auto session = system->makeSession();
+    const auto output = system->makeVideoDataOutput();
+    const auto metadata = system->makeMetadataOutput();
+    const auto queue = std::make_shared<SerialQueue>("frames");
+    const auto counter = std::make_shared<Counter>();
+    session->addInput(system->makeDeviceInput(camera).value());
+    output->setPixelFormat(format);
+    output->setAlwaysDiscardsLateVideoFrames(true);
+    output->setSampleBufferDelegate(counter, queue);
+    session->addOutput(output);
+    if (codes) {
+        metadata->setMetadataObjectsDelegate(counter, queue);
+        metadata->setMetadataObjectTypes({kMetadataObjectTypePDF417Code});
+        session->addOutput(metadata);
+    }
+    for (auto _ : state) {
+        session->startRunning();
+        std::this_thread::sleep_for(kRun);
+        session->stopRunning();
+    }
+    state.counters["frames"] = counter->frames.load();
+    state.counters["drops"] = counter->drops.load();
+}
+
+void runBare(benchmark::State& state, const std::string& description) {
+    for (auto _ : state) {
+        GstElement* const pipeline = gst_parse_launch(description.c_str(), nullptr);
+        gst_element_set_state(pipeline, GST_STATE_PLAYING);
+        std::this_thread::sleep_for(kRun);
+        gst_element_set_state(pipeline, GST_STATE_NULL);
+        gst_object_unref(pipeline);
+    }
+}
+
+const std::string kPicture = "videotestsrc is-live=true pattern=solid-color";
+
+std::shared_ptr<CaptureSystem> pictureOf(const char* rawFormat) {
+    CaptureOptions options;
+    options.systemDevices = false;
+    options.sources = {{.name = "picture", .source = kPicture, .rawFormat = rawFormat}};
+    return makeGstCaptureSystem(options);
+}
+
+void BM_native(benchmark::State& state) {
+    runSession(state, pictureOf("NV12"), kPixelFormat420v, "picture");
+}
+void BM_native_bare(benchmark::State& state) {
+    runBare(state, kPicture + " ! video/x-raw,format=NV12,width=1280,height=720,framerate=30/1 ! fakesink sync=false");
+}
+void BM_converted(benchmark::State& state) {
+    runSession(state, pictureOf("YUY2"), kPixelFormat32BGRA, "picture");
+}
+void BM_converted_bare(benchmark::State& state) {
+    runBare(
+        state,
+        kPicture + " ! video/x-raw,format=YUY2,width=1280,height=720,framerate=30/1 ! videoconvert ! video/x-raw,format=BGRA ! fakesink sync=false");
+}
+void BM_converted_codes(benchmark::State& state) {
+    runSession(state, pictureOf("YUY2"), kPixelFormat32BGRA, "picture", true);
+}
+
+const char* const kCamera = std::getenv("SELVIO_BENCH_CAMERA");
+
+void BM_camera(benchmark::State& state) {
+    runSession(state, makeGstCaptureSystem(), kPixelFormat32BGRA, kCamera);
+}
+void BM_camera_bare(benchmark::State& state) {
+    runBare(state, std::string("pipewiresrc do-timestamp=true target-object=\"") + kCamera +
+                       "\" ! video/x-raw,width=1280,height=720 ! videoconvert ! video/x-raw,format=BGRA ! fakesink sync=false");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    gst_init(nullptr, nullptr);
+    const auto add = [](const char* name, auto* function) {
+        benchmark::RegisterBenchmark(name, function)
+            ->Iterations(1)
+            ->Repetitions(5)
+            ->MeasureProcessCPUTime()
+            ->UseRealTime()
+            ->Unit(benchmark::kMillisecond);
+    };
+    add("native", BM_native);
+    add("native_bare", BM_native_bare);
+    add("converted", BM_converted);
+    add("converted_bare", BM_converted_bare);
+    add("converted_codes", BM_converted_codes);
+    if (kCamera != nullptr) {
+        add("camera", BM_camera);
+        add("camera_bare", BM_camera_bare);
+    }
+    return selvio::bench::runWithRatios(argc, argv,
+                                        {{"camera to delegate, 1280x720 420v untouched, over the bare pipeline", "native", "native_bare", 1.15},
+                                         {"camera to delegate, 1280x720 YUYV to BGRA, over the bare pipeline", "converted", "converted_bare", 1.15},
+                                         {"the named camera to delegate, BGRA, over the bare pipeline", "camera", "camera_bare", 1.15}});
+}
