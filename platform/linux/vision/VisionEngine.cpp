@@ -15,6 +15,8 @@ struct Thresholds {
 
 // Shorter side of the view in which faces are sought, in pixels, and the most pixels such a view may have however long it is.
 constexpr double kUsualSide = 180.0;
+// Tried when that finds nothing: its sizes lie between the other's.
+constexpr double kSecondSide = 156.0;
 constexpr double kUsualPixels = 180.0 * 900.0;
 constexpr double kWideSide = 384.0;
 constexpr double kWidePixels = 384.0 * 1600.0;
@@ -127,9 +129,14 @@ std::vector<HogFace> VisionEngine::search(double frontal, std::optional<double> 
 }
 
 std::vector<VisionEngine::Box> VisionEngine::usualPass(const PixelBuffer& buffer, ViewTransform view) {
-    const double scale = scaleFor(viewSizeOf(buffer, view), kUsualSide, kUsualPixels);
-    if (!load(buffer, view, {0, 0, buffer.width(), buffer.height()}, scale)) return {};
-    return inFullView(search(kUsual.frontal, kUsual.turned));
+    std::vector<Box> boxes;
+    for (const double side : {kUsualSide, kSecondSide}) {
+        const double scale = scaleFor(viewSizeOf(buffer, view), side, kUsualPixels);
+        if (!load(buffer, view, {0, 0, buffer.width(), buffer.height()}, scale)) return {};
+        boxes = inFullView(search(kUsual.frontal, kUsual.turned));
+        if (!boxes.empty()) break;
+    }
+    return boxes;
 }
 
 std::vector<VisionEngine::Box> VisionEngine::widePass(const PixelBuffer& buffer, ViewTransform view, const std::vector<Box>& known) {
