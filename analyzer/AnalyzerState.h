@@ -2,13 +2,31 @@
 #pragma once
 
 #include <SelvioFacialCapture/SelvioFacialCaptureAnalyzer.h>
+#include <SelvioFacialCapture/base/Log.h>
 
 #include <atomic>
 #include <mutex>
+#include <new>
 
 #include "analyzer/FrameHistory.h"
 #include "analyzer/rules/GoodFrameGate.h"
 #include "analyzer/rules/PreviewGeometry.h"
+
+namespace selvio {
+
+/// Runs a block that must not throw into its queue: where memory is short, says what was given up and answers false.
+template <typename Block>
+bool withoutThrowing(const char* givenUp, const Block& block) {
+    try {
+        block();
+        return true;
+    } catch (const std::bad_alloc&) {
+        log(std::string(givenUp) + ": not enough memory");
+        return false;
+    }
+}
+
+}  // namespace selvio
 
 struct SelvioFacialCaptureAnalyzer::State {
     explicit State(const selvio::Platform& ports);
@@ -35,7 +53,6 @@ struct SelvioFacialCaptureAnalyzer::State {
     const selvio::InterfaceOrientation statusbarOrientation;
     const std::shared_ptr<selvio::SequenceRequestHandler> sequenceRequestHandler;
     const std::shared_ptr<selvio::FaceDetector> faceDetector;
-    const std::shared_ptr<SelvioFacialCaptureObixData> obixData;
     const std::shared_ptr<selvio::PixelBufferPool> framePool;
     selvio::FrameHistory history;
 
@@ -52,6 +69,7 @@ struct SelvioFacialCaptureAnalyzer::State {
     std::atomic<std::uint32_t> exifOrientation{0};
 
     mutable std::mutex mutex;
+    std::shared_ptr<SelvioFacialCaptureObixData> obixData;        // guarded by mutex
     std::weak_ptr<SelvioFacialCaptureAnalyzerDelegate> delegate;  // guarded by mutex
     std::shared_ptr<SelvioFacialCaptureParameters> parameters;    // guarded by mutex; null once spent
     std::shared_ptr<SelvioFacialCaptureResults> results;          // guarded by mutex; null once spent
@@ -67,6 +85,9 @@ struct SelvioFacialCaptureAnalyzer::State {
 
     std::mutex eventMutex;  // held while an event is logged, so that none follows after `stop`; taken before `mutex`
     bool spent = false;     // guarded by eventMutex
+
+    // Held while a selection or `cancel` closes the record and fills the results, so that neither mixes with the other; taken before eventMutex.
+    std::mutex closingMutex;
 
     std::mutex motionMutex;                                // held while the feed is started or stopped; nothing else is taken inside
     std::shared_ptr<selvio::MotionManager> motionManager;  // guarded by motionMutex; null once spent

@@ -1,6 +1,5 @@
 // What reaches the host: statuses, countdown, the selected picture. Steps run on the main queue and read the results as they are then.
 #include <SelvioFacialCapture/SelvioFacialCaptureAnalyzer.h>
-#include <SelvioFacialCapture/SelvioFacialCaptureUxpEventManager.h>
 
 #include <utility>
 
@@ -48,7 +47,10 @@ SelvioFacialCaptureUxpEvent eventFor(SelvioFacialCaptureStatus status) {
 
 void Analyzer::submitToMainQueue(Step step) {
     state_->platform.mainQueue->async([weak = weak_from_this(), step] {
-        if (const auto self = weak.lock()) (self.get()->*step)();
+        const auto self = weak.lock();
+        if (!self) return;
+        SELVIO_ASSERT_ON_QUEUE(self->state_->platform.mainQueue);
+        withoutThrowing("A frame's result could not be delivered", [&] { (self.get()->*step)(); });
     });
 }
 
@@ -56,10 +58,14 @@ void Analyzer::addUxpFor(const Statuses& statuses) {
     for (const SelvioFacialCaptureStatus status : statuses) addEvent(eventFor(status));
 }
 
-void Analyzer::deliverResults() {
-    const auto current = results();
+void Analyzer::deliverResults(const Results& results) {
     const auto host = delegate();
-    if (current && host && host->detectionResults) host->detectionResults(current);
+    if (results && host && host->detectionResults) host->detectionResults(results);
+}
+
+// The results as they are now: with a main queue that lags behind, those of a later frame.
+void Analyzer::deliverCurrentResults() {
+    deliverResults(results());
 }
 
 void Analyzer::deliverCountdown() {
@@ -73,40 +79,33 @@ void Analyzer::deliverCountdownStatus() {
     const Statuses statuses{SelvioFacialCaptureStatusCountdown};
     current->setOrderedStatuses(statuses);
     addUxpFor(statuses);
-    deliverResults();
+    deliverResults(current);
 }
 
-// The host gets nothing if the capture was stopped while the picture was encoded.
-void Analyzer::deliverSuccess(const std::shared_ptr<SelvioFacialCaptureResults>& selected) {
+// The host gets nothing if the capture was ended while the picture was encoded.
+void Analyzer::deliverSuccess(const Results& selected) {
     const auto host = delegate();
-    if (results() && host && host->detectionSuccess) host->detectionSuccess(selected);
+    if (results() && !state_->cancelling && host && host->detectionSuccess) host->detectionSuccess(selected);
 }
 
 void Analyzer::deliverResultsOrSelectManually() {
     const auto host = delegate();
-    if (!state_->shouldSelectCurrentFrame || !host || !host->detectionSuccess) return deliverResults();
+    if (!state_->shouldSelectCurrentFrame || !host || !host->detectionSuccess) return deliverCurrentResults();
     if (state_->selectionInProgress.exchange(true)) return;
     const auto current = results();
-    if (!current) return;
-    current->setSelectedImage(state_->history.newest());
-    current->setResultCode(SelvioFacialCaptureResultCodeSuccessStillCamera);
-    finalizeObix(*current);
-    deliverSuccess(current);
+    if (closeCapture(current, state_->history.newest(), SelvioFacialCaptureResultCodeSuccessStillCamera)) deliverSuccess(current);
 }
 
 // The frame that triggered this is the newest of the history.
 void Analyzer::deliverManually() {
     const auto current = results();
     if (!current) return;
-    current->setSelectedImage(state_->history.newest());
     if (state_->manualOnly) {
         current->setOrderedStatuses(Statuses{SelvioFacialCaptureStatusNone});
     } else if (current->orderedStatuses().value_or(Statuses()).empty()) {
         current->setOrderedStatuses(Statuses{SelvioFacialCaptureStatusGoodFrame});
     }
-    current->setResultCode(SelvioFacialCaptureResultCodeSuccessStillCamera);
-    finalizeObix(*current);
-    deliverSuccess(current);
+    if (closeCapture(current, state_->history.newest(), SelvioFacialCaptureResultCodeSuccessStillCamera)) deliverSuccess(current);
 }
 
 void Analyzer::selectAutomatically() {
@@ -114,23 +113,30 @@ void Analyzer::selectAutomatically() {
     if (state_->selectionInProgress.exchange(true)) return;
     const auto current = results();
     if (!current) return;
-    current->setSelectedImage(state_->history.newest());
     current->setOrderedStatuses(Statuses{SelvioFacialCaptureStatusGoodFrame});
-    current->setResultCode(SelvioFacialCaptureResultCodeSuccessVideo);
-    finalizeObix(*current);
-    deliverSuccess(current);
+    if (closeCapture(current, state_->history.newest(), SelvioFacialCaptureResultCodeSuccessVideo)) deliverSuccess(current);
+}
+
+// The end of every selection; false if there is nothing to deliver, because the capture was stopped or cancelled before.
+bool Analyzer::closeCapture(const Results& selected, std::optional<Image> image, SelvioFacialCaptureResultCode code) {
+    const std::lock_guard lock(state_->closingMutex);
+    if (!selected || !parameters() || state_->cancelling) return false;
+    selected->setSelectedImage(std::move(image));
+    selected->setResultCode(code);
+    finalizeObix(*selected);
+    return true;
 }
 
 // The result code must be set before: it goes into the record, which goes into the picture.
 void Analyzer::finalizeObix(SelvioFacialCaptureResults& results) {
     const auto settings = parameters();
     if (!settings) return;
-    SelvioFacialCaptureObixData& record = *state_->obixData;
+    const auto record = obixData();
     const bool automatic = settings->mode() == SelvioFacialCaptureModeAuto;
     addEvent(automatic ? SelvioFacialCaptureUxpEventFinalizedAuto : SelvioFacialCaptureUxpEventFinalizedManual);
-    record.addUXP(SelvioFacialCaptureUxpEventManager::sharedInstance()->events());
-    record.add({{"Autocapture", automatic ? "1" : "0"}});
-    record.add({{"SelvioResultCode", SelvioFacialCaptureResults::stringFrom(results.resultCode()).value_or("")}});
-    results.setEncodedSelectedImage(record.addToImage(results.selectedImage(), static_cast<double>(settings->imageQuality())));
-    results.setObixDataString(record.obixDataString());
+    if (const auto log = events()) record->addUXP(*log);
+    record->add({{"Autocapture", automatic ? "1" : "0"}});
+    record->add({{"SelvioResultCode", SelvioFacialCaptureResults::stringFrom(results.resultCode()).value_or("")}});
+    results.setEncodedSelectedImage(record->addToImage(results.selectedImage(), static_cast<double>(settings->imageQuality())));
+    results.setObixDataString(record->obixDataString());
 }

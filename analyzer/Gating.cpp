@@ -1,9 +1,6 @@
 // From a detected face to a decision: mapped to screen points, checked, gated.
 #include <SelvioFacialCapture/SelvioFacialCaptureAnalyzer.h>
 
-#include <algorithm>
-#include <utility>
-
 #include "analyzer/AnalyzerState.h"
 #include "analyzer/rules/FaceChecks.h"
 
@@ -11,27 +8,24 @@ using namespace selvio;
 using Analyzer = SelvioFacialCaptureAnalyzer;
 using Statuses = std::vector<SelvioFacialCaptureStatus>;
 
-void Analyzer::normalizeFaceLandmarkPointsFrom(const FaceObservation& observation) {
-    const auto current = results();
-    if (!current) return;
+void Analyzer::normalizeFaceLandmarkPointsFrom(const FaceObservation& observation, SelvioFacialCaptureResults& results) const {
     const FaceLandmarks landmarks = observation.landmarks.value_or(FaceLandmarks{});
     const Rect rect = state_->get(state_->geometry).faceRect(observation.boundingBox);
-    current->setFaceRect(rect);
-    current->setFaceContourPoints(rules::landmarkInAdjustedRect(landmarks.faceContour, rect));
-    current->setNosePoints(rules::landmarkInAdjustedRect(landmarks.nose, rect));
-    current->setOuterLipsPoints(rules::landmarkInAdjustedRect(landmarks.outerLips, rect));
+    results.setFaceRect(rect);
+    results.setFaceContourPoints(rules::landmarkInAdjustedRect(landmarks.faceContour, rect));
+    results.setNosePoints(rules::landmarkInAdjustedRect(landmarks.nose, rect));
+    results.setOuterLipsPoints(rules::landmarkInAdjustedRect(landmarks.outerLips, rect));
 }
 
-void Analyzer::analyzeFaceLandmarkPoints() {
+void Analyzer::analyzeFaceLandmarkPoints(SelvioFacialCaptureResults& results) {
     State& s = *state_;
-    const auto current = results();
     const auto settings = parameters();
-    if (s.gateFlags().anySet() || !current || !settings) return;
-    current->setOrderedStatuses(Statuses());
+    if (s.gateFlags().anySet() || !settings) return;
+    results.setOrderedStatuses(Statuses());
 
     const rules::PreviewGeometry geometry = s.get(s.geometry);
     const rules::FaceChecksResult checked = rules::checkFace({
-        .points = {.contour = current->faceContourPoints(), .nose = current->nosePoints(), .outerLips = current->outerLipsPoints()},
+        .points = {.contour = results.faceContourPoints(), .nose = results.nosePoints(), .outerLips = results.outerLipsPoints()},
         .limits = {.roll = settings->roll(),
                    .pitch = settings->pitch(),
                    .yaw = settings->yaw(),
@@ -48,7 +42,7 @@ void Analyzer::analyzeFaceLandmarkPoints() {
         s.lipRight = checked.lipRight;
         s.faceHorizontalFill = checked.measures.horizontalFill;
     }
-    current->setOrderedStatuses(checked.statuses);
+    results.setOrderedStatuses(checked.statuses);
     if (checked.statuses.empty()) return gateGoodFrame();
 
     // A bad frame ends any countdown and forgets the smile.
@@ -75,9 +69,10 @@ void Analyzer::gateGoodFrame() {
             return;
         case rules::GoodFrameDecision::TestSmile: {
             s.smileDetectionInProgress = true;
+            // Frames go on being kept meanwhile; the test is about this one.
             const std::optional<Image> image = s.get(s.ciImage);
             s.platform.globalQueue->async([weak = weak_from_this(), image] {
-                if (const auto self = weak.lock()) self->testSmile(image);
+                if (const auto self = weak.lock()) withoutThrowing("A smile could not be judged", [&] { self->testSmile(image); });
             });
             return;
         }
@@ -93,6 +88,7 @@ void Analyzer::gateGoodFrame() {
 
 void Analyzer::testSmile(const std::optional<Image>& image) {
     State& s = *state_;
+    SELVIO_ASSERT_ON_QUEUE(s.platform.globalQueue);
     const auto current = results();
     const auto settings = parameters();
     const auto faces = image && s.faceDetector ? s.faceDetector->featuresInImage(*image, /*smile=*/true) : std::vector<FaceFeature>();
@@ -101,7 +97,8 @@ void Analyzer::testSmile(const std::optional<Image>& image) {
         return;
     }
     const rules::SmileJudgement judgement = rules::judgeSmile(faces.front().hasSmile, s.smileStatus, settings->mode());
-    s.smileStatus = judgement.smileStatus;
+    std::int64_t untested = 0;  // only the first test of a run says how it began
+    s.smileStatus.compare_exchange_strong(untested, judgement.smileStatus);
     // Stays set on purpose, and so keeps every later frame out until `resume` clears it.
     if (s.selectionInProgress || s.shouldSkipFrames) return;
 
@@ -111,12 +108,12 @@ void Analyzer::testSmile(const std::optional<Image>& image) {
     if (judgement.selection == rules::SmileSelection::None) {
         submitToMainQueue(&Analyzer::deliverResultsOrSelectManually);
     } else if (!s.selectionInProgress.exchange(true)) {
-        current->setSelectedImage(judgement.selection == rules::SmileSelection::OldestFrame ? s.history.oldest() : s.history.newest());
-        current->setResultCode(SelvioFacialCaptureResultCodeSuccessVideo);
-        finalizeObix(*current);
-        s.platform.mainQueue->async([weak = weak_from_this(), current] {
-            if (const auto self = weak.lock()) self->deliverSuccess(current);
-        });
+        auto image = judgement.selection == rules::SmileSelection::OldestFrame ? s.history.oldest() : s.history.newest();
+        if (closeCapture(current, std::move(image), SelvioFacialCaptureResultCodeSuccessVideo)) {
+            s.platform.mainQueue->async([weak = weak_from_this(), current] {
+                if (const auto self = weak.lock()) self->deliverSuccess(current);
+            });
+        }
     }
     s.smileDetectionInProgress = false;
 }

@@ -27,7 +27,7 @@ int landmarksRevision(int systemMajorVersion) {
 
 void Analyzer::analyzeSampleBuffer(const std::shared_ptr<SampleBuffer>& sampleBuffer) {
     if (!sampleBuffer || state_->inProgress.exchange(true)) return;
-    FrameId id = 0;
+    FrameId id = kNoFrame;
     try {
         auto copy = SelvioFacialCaptureImageUtilities::copySampleBuffer(sampleBuffer, *state_->framePool);
         {
@@ -36,12 +36,13 @@ void Analyzer::analyzeSampleBuffer(const std::shared_ptr<SampleBuffer>& sampleBu
             id = state_->heldFrame = ++state_->lastFrame;
         }
         state_->analysisQueue->async([weak = weak_from_this(), id] {
-            if (const auto self = weak.lock()) self->analyzeHeldFrame(id);
+            const auto self = weak.lock();
+            if (self && !withoutThrowing("A frame could not be analysed", [&] { self->analyzeHeldFrame(id); })) self->releaseSampleBuffer(id);
         });
     } catch (const std::bad_alloc&) {  // this frame is dropped; the next one may do better
         log("A frame could not be taken: not enough memory");
-        if (id != 0) releaseSampleBuffer(id);
-        state_->inProgress = false;
+        if (id == kNoFrame) state_->inProgress = false;
+        releaseSampleBuffer(id);
     }
 }
 
@@ -53,15 +54,10 @@ void Analyzer::analyzeHeldFrame(FrameId id) {
     const std::shared_ptr<PixelBuffer> pixelBuffer = frame ? frame->imageBuffer() : nullptr;
     if (!pixelBuffer || !parameters) return releaseSampleBuffer(id);
 
-    try {
-        std::optional<Image> image = SelvioFacialCaptureImageUtilities::imageFromSampleBuffer(frame);
-        if (!image) return releaseSampleBuffer(id);
-        s.set(s.ciImage, std::optional(*image));
-        s.history.append(std::move(*image), s.selectionInProgress ? kNoLimit : kLiveHistoryLimit);
-    } catch (const std::bad_alloc&) {
-        log("A frame could not be kept: not enough memory");
-        return releaseSampleBuffer(id);
-    }
+    const std::optional<Image> image = SelvioFacialCaptureImageUtilities::imageFromSampleBuffer(frame);
+    if (!image) return releaseSampleBuffer(id);
+    s.set(s.ciImage, image);
+    s.history.append(*image, s.selectionInProgress ? kNoLimit : kLiveHistoryLimit);
 
     const bool manual = s.manualOnly || parameters->mode() == SelvioFacialCaptureModeManual;
     const auto host = delegate();
@@ -88,6 +84,7 @@ void Analyzer::analyzeHeldFrame(FrameId id) {
 }
 
 void Analyzer::performLandmarksRequest(const std::shared_ptr<const PixelBuffer>& pixelBuffer, std::uint32_t exifOrientation, FrameId id) {
+    // The handler calls back before it returns, while the caller holds this.
     const auto request = std::make_shared<FaceLandmarksRequest>([this, id](const FaceLandmarksRequest& done, const std::optional<Error>& error) {
         // The frame goes before its result is judged, so that the next one may come in meanwhile.
         releaseSampleBuffer(id);
@@ -112,25 +109,24 @@ void Analyzer::releaseSampleBuffer(FrameId id) {
 }
 
 void Analyzer::detectedFace(const FaceLandmarksRequest& request, const std::optional<Error>& error) {
-    if (state_->gateFlags().anySet()) return;
+    const auto current = results();
+    if (state_->gateFlags().anySet() || !current) return;
     if (error) log("Detect face request error: " + error->localizedDescription);
     const auto& observations = request.results();
     if (!observations || observations->empty()) {
-        reportStatuses({SelvioFacialCaptureStatusFaceNotFound});
+        reportStatuses(*current, {SelvioFacialCaptureStatusFaceNotFound});
     } else if (observations->size() > 1) {
-        reportStatuses({SelvioFacialCaptureStatusMoreThanOneFace});
+        reportStatuses(*current, {SelvioFacialCaptureStatusMoreThanOneFace});
     } else {
-        normalizeFaceLandmarkPointsFrom(observations->front());
-        analyzeFaceLandmarkPoints();
+        normalizeFaceLandmarkPointsFrom(observations->front(), *current);
+        analyzeFaceLandmarkPoints(*current);
     }
 }
 
-void Analyzer::reportStatuses(std::vector<SelvioFacialCaptureStatus> statuses) {
-    const auto current = results();
-    if (!current) return;
-    current->setOrderedStatuses(statuses);
+void Analyzer::reportStatuses(SelvioFacialCaptureResults& results, const std::vector<SelvioFacialCaptureStatus>& statuses) {
+    results.setOrderedStatuses(statuses);
     addUxpFor(statuses);
-    submitToMainQueue(&Analyzer::deliverResults);
+    submitToMainQueue(&Analyzer::deliverCurrentResults);
 }
 
 void Analyzer::analyzeImageAtPath(const std::string& path) {
@@ -139,6 +135,7 @@ void Analyzer::analyzeImageAtPath(const std::string& path) {
     const auto picture = s.platform.imageLoader->loadImage(path);
     if (!picture) return log(picture.error().localizedDescription);
     const std::shared_ptr<PixelBuffer>& pixels = picture.value();
+    if (!pixels) return;
     const Image image{.bitmap = pixels};
     const Size extent{.width = static_cast<double>(pixels->width()), .height = static_cast<double>(pixels->height())};
     {

@@ -1,6 +1,5 @@
 // Construction, control and state of the analyzer.
 #include <SelvioFacialCapture/SelvioFacialCaptureAnalyzer.h>
-#include <SelvioFacialCapture/SelvioFacialCaptureUxpEventManager.h>
 #include <SelvioFacialCapture/base/Log.h>
 
 #include <charconv>
@@ -48,11 +47,11 @@ Analyzer::State::State(const Platform& ports)
       statusbarOrientation(ports.screen ? ports.screen->statusBarOrientation() : InterfaceOrientation::Unknown),
       sequenceRequestHandler(systemMajorVersion >= kSequenceHandlerVersion ? made(ports.makeSequenceRequestHandler) : nullptr),
       faceDetector(made(ports.makeFaceDetector)),
-      obixData(SelvioFacialCaptureObixData::init(ports)),
       framePool(PixelBufferPool::create()),
-      results(std::make_shared<SelvioFacialCaptureResults>()),
-      motionManager(made(ports.makeMotionManager)),
       analysisQueue(ports.makeSerialQueue(queueLabel(".frameAnalysisQueue"))) {
+    obixData = SelvioFacialCaptureObixData::init(ports);
+    results = std::make_shared<SelvioFacialCaptureResults>();
+    motionManager = made(ports.makeMotionManager);
     if (ports.screen) geometry.setScreen(ports.screen->bounds());
     if (motionManager) motionManager->setDeviceMotionUpdateInterval(kMotionInterval);
 }
@@ -71,6 +70,10 @@ std::shared_ptr<Analyzer> Analyzer::initWithParameters(std::shared_ptr<SelvioFac
         return nullptr;
     }
     auto state = std::make_unique<State>(platform);
+    if (!state->analysisQueue) {
+        log("An analyzer cannot be made without an analysis queue");
+        return nullptr;
+    }
     state->parameters = std::move(parameters);
     return std::shared_ptr<Analyzer>(new Analyzer(std::move(state)));
 }
@@ -131,12 +134,13 @@ void Analyzer::resume() {
     state_->shouldSelectCurrentFrame = false;
     addEvent(current->mode() == SelvioFacialCaptureModeAuto ? SelvioFacialCaptureUxpEventStartAuto : SelvioFacialCaptureUxpEventStartManual);
     startMotionUpdates();
-    state_->obixData->addParameters(current->toDictionary());
+    obixData()->addParameters(current->toDictionary());
 }
 
 void Analyzer::startMotionUpdates() {
     const std::lock_guard lock(state_->motionMutex);
-    if (!state_->motionManager) return;
+    // A pause that came meanwhile has set its flag and stopped the feed, or waits to.
+    if (!state_->motionManager || state_->shouldSkipFrames) return;
     state_->motionManager->startDeviceMotionUpdates(state_->platform.makeSerialQueue(queueLabel(".deviceMotionQueue")),
                                                     [weak = weak_from_this()](const DeviceMotion& motion, const std::optional<Error>&) {
                                                         if (const auto self = weak.lock())
@@ -160,15 +164,22 @@ void Analyzer::stop() {
 }
 
 void Analyzer::cancel() {
-    const auto current = results();
-    if (!current || state_->cancelling.exchange(true)) return;
-    addEvent(SelvioFacialCaptureUxpEventCancelled);
-    const SelvioFacialCaptureResultCode code = SelvioFacialCaptureResultCodeCancelled;
-    state_->obixData->addUXP(SelvioFacialCaptureUxpEventManager::sharedInstance()->events());
-    state_->obixData->add({{"SelvioResultCode", *SelvioFacialCaptureResults::stringFrom(code)}});
-    current->setObixDataString(state_->obixData->obixDataString());
-    current->setResultCode(code);
-    if (const auto host = delegate(); host && host->detectionCancelled) host->detectionCancelled(current);
+    const auto self = shared_from_this();  // the host may let go of the analyzer when it is told
+    Results cancelled = results();
+    if (!cancelled || state_->cancelling.exchange(true)) return;
+    {
+        const std::lock_guard lock(state_->closingMutex);
+        // What a selection has filled may be in the host's hands already.
+        if (cancelled->resultCode() != SelvioFacialCaptureResultCodeNone) cancelled = std::make_shared<SelvioFacialCaptureResults>();
+        const auto record = obixData();
+        const SelvioFacialCaptureResultCode code = SelvioFacialCaptureResultCodeCancelled;
+        addEvent(SelvioFacialCaptureUxpEventCancelled);
+        if (const auto log = events()) record->addUXP(*log);
+        record->add({{"SelvioResultCode", *SelvioFacialCaptureResults::stringFrom(code)}});
+        cancelled->setObixDataString(record->obixDataString());
+        cancelled->setResultCode(code);
+    }
+    if (const auto host = delegate(); host && host->detectionCancelled) host->detectionCancelled(cancelled);
     stop();
 }
 
@@ -176,10 +187,16 @@ void Analyzer::selectFrame() {
     state_->shouldSelectCurrentFrame = true;
 }
 
-void Analyzer::addEvent(std::int64_t event) {
+void Analyzer::addEvent(SelvioFacialCaptureUxpEvent event) {
     const std::lock_guard lock(state_->eventMutex);
     if (state_->spent) return;  // the log may belong to the next capture by now
-    SelvioFacialCaptureUxpEventManager::sharedInstance()->addEvent(static_cast<SelvioFacialCaptureUxpEvent>(event));
+    SelvioFacialCaptureUxpEventManager::sharedInstance()->addEvent(event);
+}
+
+std::optional<nlohmann::json> Analyzer::events() const {
+    const std::lock_guard lock(state_->eventMutex);
+    if (state_->spent) return std::nullopt;
+    return SelvioFacialCaptureUxpEventManager::sharedInstance()->events();
 }
 
 std::shared_ptr<SelvioFacialCaptureAnalyzerDelegate> Analyzer::delegate() const {
@@ -201,7 +218,7 @@ std::uint32_t Analyzer::exifOrientation() const { return state_->exifOrientation
 std::shared_ptr<SelvioFacialCaptureParameters> Analyzer::parameters() const { return state_->get(state_->parameters); }
 std::shared_ptr<SelvioFacialCaptureResults> Analyzer::results() const { return state_->get(state_->results); }
 std::vector<Image> Analyzer::imagesArray() const { return state_->history.images(); }
-std::shared_ptr<SelvioFacialCaptureObixData> Analyzer::obixData() const { return state_->obixData; }
+std::shared_ptr<SelvioFacialCaptureObixData> Analyzer::obixData() const { return state_->get(state_->obixData); }
 Size Analyzer::resolution() const { return state_->get(state_->geometry).resolution; }
 double Analyzer::biggerScreenSide() const { return state_->get(state_->geometry).biggerScreenSide; }
 double Analyzer::smallerScreenSide() const { return state_->get(state_->geometry).smallerScreenSide; }
@@ -217,6 +234,10 @@ Point Analyzer::noseMiddle() const { return state_->get(state_->noseMiddle); }
 Point Analyzer::lipLeft() const { return state_->get(state_->lipLeft); }
 Point Analyzer::lipRight() const { return state_->get(state_->lipRight); }
 // clang-format on
+
+void Analyzer::setObixData(std::shared_ptr<SelvioFacialCaptureObixData> obixData) {
+    if (obixData) state_->set(state_->obixData, std::move(obixData));
+}
 
 void Analyzer::setResolution(Size resolution) {
     const std::lock_guard lock(state_->mutex);

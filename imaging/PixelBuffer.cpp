@@ -82,7 +82,9 @@ bool PixelBuffer::isOneBlock() const {
 }
 
 std::shared_ptr<PixelBufferPool> PixelBufferPool::create() {
-    return std::shared_ptr<PixelBufferPool>(new PixelBufferPool);
+    std::shared_ptr<PixelBufferPool> pool(new PixelBufferPool);
+    pool->idle_.reserve(kMostIdleBlocks);  // so that recycling cannot fail
+    return pool;
 }
 
 PixelBufferPool::~PixelBufferPool() {
@@ -128,7 +130,7 @@ std::size_t PixelBufferPool::allocations() const {
 void PixelBufferPool::recycle(std::uint8_t* block, std::size_t byteSize) {
     {
         const std::lock_guard lock(mutex_);
-        if (byteSize == blockSize_) {
+        if (byteSize == blockSize_ && idle_.size() < kMostIdleBlocks) {
             idle_.push_back(block);
             return;
         }

@@ -5,6 +5,7 @@
 #include <SelvioFacialCapture/SelvioFacialCaptureObixData.h>
 #include <SelvioFacialCapture/SelvioFacialCaptureParameters.h>
 #include <SelvioFacialCapture/SelvioFacialCaptureResults.h>
+#include <SelvioFacialCapture/SelvioFacialCaptureUxpEventManager.h>
 #include <SelvioFacialCapture/imaging/SampleBuffer.h>
 #include <SelvioFacialCapture/platform/Platform.h>
 
@@ -21,6 +22,7 @@
 ///     Constructed ──resume──▶ Running ──selection──▶ Selecting ──resume──▶ Running
 ///          │                   │   ▲
 ///          └────pause────▶ Paused──┘ resume
+///     Constructed, Paused ──manual selection──▶ Selecting
 ///     any state ──stop, cancel──▶ Spent
 ///
 /// - Constructed: frames are analysed as soon as they arrive; no motion updates.
@@ -34,7 +36,8 @@
 /// are lines in the platform log. The analyzer keeps no timer: the host ends a capture that takes too long.
 class SelvioFacialCaptureAnalyzer : public std::enable_shared_from_this<SelvioFacialCaptureAnalyzer> {
 public:
-    /// A new analyzer for these parameters, which stay shared with the host. Null (with a line in the log) without parameters.
+    /// A new analyzer for these parameters, which stay shared with the host. Null (with a line in the log) without parameters or on a platform
+    /// without queues.
     [[nodiscard]] static std::shared_ptr<SelvioFacialCaptureAnalyzer> initWithParameters(
         std::shared_ptr<SelvioFacialCaptureParameters> parameters, const selvio::Platform& platform = selvio::defaultPlatform());
 
@@ -56,11 +59,13 @@ public:
     void pauseFor(std::int64_t reason);
     /// Starts or restarts analysis and the motion feed, logs the start event and adds the parameters to the data record (the first ones stay).
     void resume();
-    /// Ends the capture without telling the delegate, and discards the process-wide event log. Afterwards no delegate call is started.
+    /// Ends the capture without telling the delegate, and discards the process-wide event log. Afterwards no delegate call is started; one that the
+    /// main queue was making while another thread called this may still be under way.
     void stop();
-    /// Ends the capture as cancelled: closes the data record, calls `detectionCancelled` on this thread, then stops.
+    /// Ends the capture as cancelled: closes the data record, calls `detectionCancelled` on this thread, then stops. Waits for a selection that is
+    /// closing the record on another thread; a selection that has not been delivered by then never is.
     void cancel();
-    /// Asks for a capture: in manual mode the next frame is selected, in automatic mode the next frame that is delivered. Cleared by `resume`.
+    /// Asks for a capture: in manual mode the next frame is selected, in automatic mode the next one with exactly one face. Cleared by `resume`.
     void selectFrame();
 
     // Frames
@@ -68,8 +73,8 @@ public:
     /// Takes a camera frame. Ignored if it is null or while another frame is held (frames are dropped, never queued); otherwise its pixels are copied
     /// once, and the rest runs on the analysis queue. The caller's buffer is not kept.
     void analyzeSampleBuffer(const std::shared_ptr<selvio::SampleBuffer>& sampleBuffer);
-    /// Analyses the picture in a file on the calling thread, whatever the pause flags say; the picture takes the place of the screen. A file that
-    /// cannot be read is a line in the log and nothing else. Does nothing on systems older than version 12.
+    /// Analyses the picture in a file on the calling thread, even while paused, though its result is then dropped like any other; the picture takes
+    /// the place of the screen. A file that cannot be read is a line in the log and nothing else. Does nothing on systems older than version 12.
     void analyzeImageAtPath(const std::string& path);
 
     /// The orientation of the front camera's mirrored image, as EXIF orientation: 7, 4, 2 for devices held upside down, landscape left and landscape
@@ -80,7 +85,7 @@ public:
     /// The EXIF orientation of an image orientation; 1 for a value outside the enumeration.
     [[nodiscard]] static std::uint32_t cgOrientationFrom(selvio::ImageOrientation orientation);
 
-    // State. Every getter may be called on any thread and answers a value of the moment.
+    // State. Every getter may be called on any thread and answers a value of the moment. Hosts change it by the operations above only.
 
     [[nodiscard]] bool selectionInProgress() const;
     [[nodiscard]] bool smileDetectionInProgress() const;
@@ -101,10 +106,15 @@ public:
     [[nodiscard]] std::shared_ptr<SelvioFacialCaptureParameters> parameters() const;
     /// The current frame's results, replaced for every analysed live frame; null once spent.
     [[nodiscard]] std::shared_ptr<SelvioFacialCaptureResults> results() const;
-    /// The recent frames, newest last; empty once spent.
+    /// The recent frames, newest last; empty once spent. The 14 newest live frames, or the 5 newest still images: what exceeds that goes when the
+    /// next one comes. While a selection is in progress nothing goes, so a host stops or resumes soon after it.
     [[nodiscard]] std::vector<selvio::Image> imagesArray() const;
     /// The capture's data record, which accumulates over the analyzer's life.
     [[nodiscard]] std::shared_ptr<SelvioFacialCaptureObixData> obixData() const;
+    /// Replaces the record; null is ignored.
+    void setObixData(std::shared_ptr<SelvioFacialCaptureObixData> obixData);
+    /// Null if there is none or the host has let it go.
+    [[nodiscard]] std::shared_ptr<SelvioFacialCaptureAnalyzerDelegate> delegate() const;
 
     /// Pixel size of the frames: that of the first analysed one.
     [[nodiscard]] selvio::Size resolution() const;
@@ -120,7 +130,7 @@ public:
     [[nodiscard]] double yAdjuster() const;           ///< points cropped away at each end of the long side
     /// How the interface was turned when the analyzer was made.
     [[nodiscard]] selvio::InterfaceOrientation statusbarOrientation() const;
-    /// Width of the last checked face as a share of the screen's width.
+    /// Width of the last checked face as a share of the screen's width (of 1.218 times it on a screen longer than 1.78 : 1).
     [[nodiscard]] double faceHorizontalFill() const;
     [[nodiscard]] selvio::Point noseMiddle() const;
     [[nodiscard]] selvio::Point lipLeft() const;
@@ -128,6 +138,7 @@ public:
 
 private:
     struct State;
+    using Results = std::shared_ptr<SelvioFacialCaptureResults>;
     using Step = void (SelvioFacialCaptureAnalyzer::*)();
     using FrameId = std::uint64_t;
     static constexpr FrameId kNoFrame = 0;
@@ -137,28 +148,30 @@ private:
     void analyzeHeldFrame(FrameId id);
     void performLandmarksRequest(const std::shared_ptr<const selvio::PixelBuffer>& pixelBuffer, std::uint32_t exifOrientation, FrameId id);
     void detectedFace(const selvio::FaceLandmarksRequest& request, const std::optional<selvio::Error>& error);
-    void normalizeFaceLandmarkPointsFrom(const selvio::FaceObservation& observation);
-    void analyzeFaceLandmarkPoints();
+    void normalizeFaceLandmarkPointsFrom(const selvio::FaceObservation& observation, SelvioFacialCaptureResults& results) const;
+    void analyzeFaceLandmarkPoints(SelvioFacialCaptureResults& results);
     void gateGoodFrame();
     void testSmile(const std::optional<selvio::Image>& image);  // global queue
     void releaseSampleBuffer(FrameId id);
 
     // Steps on the main queue.
-    void deliverResults();
+    void deliverCurrentResults();
     void deliverResultsOrSelectManually();
     void deliverCountdown();
     void deliverCountdownStatus();
     void deliverManually();
-    void deliverSuccess(const std::shared_ptr<SelvioFacialCaptureResults>& selected);
     void selectAutomatically();
     void submitToMainQueue(Step step);
+    void deliverResults(const Results& results);
+    void deliverSuccess(const Results& selected);
 
-    void reportStatuses(std::vector<SelvioFacialCaptureStatus> statuses);
+    void reportStatuses(SelvioFacialCaptureResults& results, const std::vector<SelvioFacialCaptureStatus>& statuses);
     void addUxpFor(const std::vector<SelvioFacialCaptureStatus>& statuses);
-    void addEvent(std::int64_t event);
+    void addEvent(SelvioFacialCaptureUxpEvent event);
+    [[nodiscard]] std::optional<nlohmann::json> events() const;
     void startMotionUpdates();
+    bool closeCapture(const Results& selected, std::optional<selvio::Image> image, SelvioFacialCaptureResultCode code);
     void finalizeObix(SelvioFacialCaptureResults& results);
-    [[nodiscard]] std::shared_ptr<SelvioFacialCaptureAnalyzerDelegate> delegate() const;
 
     const std::unique_ptr<State> state_;
 };

@@ -68,7 +68,7 @@ public:
         };
         platform.device = device = std::make_shared<FakeDevice>(systemVersion);
         platform.screen = std::make_shared<FakeScreen>();
-        platform.imageCodec = std::make_shared<FakeImageCodec>();
+        platform.imageCodec = codec;
         platform.makeSequenceRequestHandler = [this] { return vision; };
         platform.makeFaceDetector = [this] { return smiles; };
         platform.makeMotionManager = [this] { return motion; };
@@ -115,6 +115,7 @@ public:
     const std::shared_ptr<ManualQueue> globalQueue = std::make_shared<ManualQueue>("global");
     const std::shared_ptr<FakeSequenceRequestHandler> vision = std::make_shared<FakeSequenceRequestHandler>();
     const std::shared_ptr<FakeFaceDetector> smiles = std::make_shared<FakeFaceDetector>();
+    const std::shared_ptr<FakeImageCodec> codec = std::make_shared<FakeImageCodec>();
     const std::shared_ptr<FakeMotionManager> motion = std::make_shared<FakeMotionManager>();
     std::shared_ptr<const ImageLoader> imageLoader;
     std::shared_ptr<ManualQueue> analysisQueue;

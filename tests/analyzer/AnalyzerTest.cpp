@@ -1,4 +1,6 @@
 // Lifecycle, intake and manual selection.
+#include <thread>
+
 #include "analyzer/AnalyzerFixture.h"
 
 namespace selvio {
@@ -58,7 +60,9 @@ TEST_F(Lifecycle, ResumeClearsTheFlagsLogsTheModeAndStartsTheMotionFeed) {
     EXPECT_FALSE(analyzer->shouldSelectCurrentFrame());
     parameters->setRoll(700);
     analyzer->updateMode(1);
+    const auto firstQueue = motion->queue();
     analyzer->resume();
+    EXPECT_NE(motion->queue(), firstQueue);  // each feed has a queue of its own
     EXPECT_THAT(loggedEvents(), ElementsAre("SA", "SS"));
     EXPECT_EQ(analyzer->obixData()->obixDataDictionary().at("Parameters").at("Roll"), "500");  // the first ones win
     analyzer->pause();
@@ -109,6 +113,47 @@ TEST_F(Lifecycle, CancelClosesTheRecordTellsTheHostAtOnceAndSpendsTheAnalyzer) {
     EXPECT_FALSE(analyzer->inProgress());
     EXPECT_FALSE(motion->isRunning());
     EXPECT_THAT(loggedEvents(), IsEmpty());
+}
+
+TEST_F(Lifecycle, TheHostMayLetGoOfTheAnalyzerWhenItIsCancelled) {
+    make();
+    delegate->detectionCancelled = [&](const auto&) { analyzer.reset(); };
+    analyzer->cancel();
+    EXPECT_EQ(analyzer, nullptr);
+    EXPECT_FALSE(motion->isRunning());
+}
+
+TEST_F(Lifecycle, ACancelledCaptureIsNoSuccess) {
+    make();
+    show({ScreenFace{}});
+    parameters->setSelectOnSmile(true);
+    smiles->setSmiling(true);
+    send();
+    smiles->setSmiling(false);
+    analyzer->analyzeSampleBuffer(frame());
+    analysisQueue->runAll();
+    globalQueue->runAll();  // selected, and on its way to the host
+    calls.clear();
+    analyzer->cancel();
+    EXPECT_THAT(settle(), ElementsAre("cancelled code 3"));
+    EXPECT_EQ(cancelled->selectedImage().has_value() || cancelled->encodedSelectedImage().has_value(), false);
+    EXPECT_EQ(record(cancelled).at("SelvioResultCode"), "Cancelled");
+
+    // From another thread in the middle of the encoding: the two do not mix.
+    make();
+    analyzer->resume();
+    parameters->setSelectOnSmile(false);
+    parameters->setCountdownTime(0);
+    delegate->detectionSuccess = [](const auto&) {};
+    std::thread other;
+    codec->setDuringEncode([&] { other = std::thread([&] { analyzer->cancel(); }); });
+    analyzer->analyzeSampleBuffer(frame());
+    analysisQueue->runAll();
+    mainQueue->runAll();
+    other.join();
+    EXPECT_EQ(cancelled->resultCode(), SelvioFacialCaptureResultCodeCancelled);
+    EXPECT_EQ(record(cancelled).at("SelvioResultCode"), "Cancelled");
+    EXPECT_EQ(cancelled->selectedImage().has_value(), false);
 }
 
 TEST_F(Lifecycle, WhatIsQueuedAtStopEndsQuietly) {
@@ -183,6 +228,7 @@ TEST_F(Intake, EveryWayOutReleasesTheFrame) {
         {"analysed", [](Intake&) {}, usual, {"results 1"}, 1},
         {"no picture", [](Intake&) {}, SampleBuffer::makeVideo(nullptr), {}, 0},
         {"audio", [](Intake&) {}, SampleBuffer::makeAudio({}, {}), {}, 0},
+        {"zero-sized", [](Intake&) {}, SampleBuffer::makeVideo(PixelBuffer::wrap({.width = 0, .height = 0}, {nullptr, nullptr}, {})), {}, 0},
         {"handler error", [](Intake& t) { t.vision->setHandlerError(Error{"no model"}); }, usual, {}, 1},
         {"paused", [](Intake& t) { t.analyzer->pause(); }, usual, {}, 1},
         {"old system",
@@ -208,7 +254,7 @@ TEST_F(Intake, EveryWayOutReleasesTheFrame) {
         EXPECT_FALSE(analyzer->inProgress()) << row.name;
         EXPECT_EQ(analyzer->imagesArray().size(), row.kept) << row.name;
     }
-    EXPECT_THAT(log.take(), ElementsAre("SequenceRequestHandler couldn't perform requests: no model"));
+    EXPECT_THAT(log.take(), ElementsAre("RBGBuffereCopyWithPixelBuffer :: failed", "SequenceRequestHandler couldn't perform requests: no model"));
 }
 
 TEST_F(Intake, NoFaceAndSeveralFacesAreSaidAndLogged) {
@@ -229,15 +275,34 @@ TEST_F(Intake, NoFaceAndSeveralFacesAreSaidAndLogged) {
     EXPECT_EQ(vision->lastRevision(), 2);
 }
 
+// Reads the time when an event is logged: what it sees then is what came before.
+class WitnessClock final : public Clock {
+public:
+    explicit WitnessClock(std::function<void()> witness) : witness_(std::move(witness)) {}
+    [[nodiscard]] double secondsSinceReferenceDate() const override {
+        witness_();
+        return 0;
+    }
+    [[nodiscard]] std::chrono::nanoseconds monotonicTime() const override { return {}; }
+
+private:
+    const std::function<void()> witness_;
+};
+
 TEST_F(Intake, StatusesAreStoredThenLoggedThenDelivered) {
     make();
     show({});
-    analyzer->analyzeSampleBuffer(frame());
-    analysisQueue->runAll();
-    EXPECT_EQ(analyzer->results()->highestPriorityStatus(), SelvioFacialCaptureStatusFaceNotFound);
-    EXPECT_THAT(loggedEvents(), ElementsAre("FENF"));
-    EXPECT_THAT(calls, IsEmpty());
-    EXPECT_THAT(settle(), ElementsAre("results 1"));
+    SelvioFacialCaptureUxpEventManager::destroySharedInstance();
+    std::vector<std::string> seen;
+    SelvioFacialCaptureUxpEventManager::setSharedClock(std::make_shared<WitnessClock>(
+        [&] { seen.push_back("logged with status " + std::to_string(analyzer->results()->highestPriorityStatus())); }));
+    (void)SelvioFacialCaptureUxpEventManager::sharedInstance();
+    seen.clear();
+    delegate->detectionResults = [&](const auto&) { seen.emplace_back("delivered"); };
+    send();
+    EXPECT_THAT(seen, ElementsAre("logged with status 1", "delivered"));
+    SelvioFacialCaptureUxpEventManager::setSharedClock(nullptr);
+    SelvioFacialCaptureUxpEventManager::destroySharedInstance();
 }
 
 TEST_F(Intake, TheHistoryHoldsFourteenFramesUnlessOneWasSelected) {

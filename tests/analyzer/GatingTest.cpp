@@ -156,9 +156,25 @@ TEST_F(Automatic, FramesWaitForTheSmileTestAndAreDroppedUntilResumeIfItWasOverta
     analyzer->resume();
     EXPECT_THAT(send(), ElementsAre("results 14"));
 
-    smiles->setFaces(2);
-    EXPECT_THAT(send(), IsEmpty());  // not exactly one face: the frame is dropped
-    EXPECT_FALSE(analyzer->smileDetectionInProgress());
+    for (const int faces : {0, 2}) {
+        smiles->setFaces(faces);
+        EXPECT_THAT(send(), IsEmpty());  // not exactly one face: the frame is dropped
+        EXPECT_FALSE(analyzer->smileDetectionInProgress());
+    }
+}
+
+TEST_F(Automatic, AskedForDuringTheSmileTestTheFrameIsTakenWithItsStatus) {
+    parameters->setSelectOnSmile(true);
+    for (const bool smiling : {false, true}) {
+        analyzer->pause();
+        analyzer->resume();
+        smiles->setSmiling(smiling);
+        motion->rotate({1, 0, 0});
+        send();  // a bad frame: the run begins anew
+        motion->rotate({0, 0, 0});
+        analyzer->selectFrame();
+        EXPECT_THAT(send(), ElementsAre(smiling ? "success 13 code 1" : "success 14 code 1"));
+    }
 }
 
 }  // namespace

@@ -11,10 +11,10 @@ namespace selvio {
 class FakeMotionManager final : public MotionManager {
 public:
     void setDeviceMotionUpdateInterval(std::chrono::nanoseconds interval) override { interval_ = interval; }
-    void startDeviceMotionUpdates(std::shared_ptr<Queue>, Handler handler) override {
+    void startDeviceMotionUpdates(std::shared_ptr<Queue> queue, Handler handler) override {
         const std::lock_guard lock(mutex_);
         handler_ = std::move(handler);
-        ++starts_;
+        queue_ = std::move(queue);
     }
     void stopDeviceMotionUpdates() override {
         const std::lock_guard lock(mutex_);
@@ -34,13 +34,16 @@ public:
         const std::lock_guard lock(mutex_);
         return handler_ != nullptr;
     }
-    [[nodiscard]] int starts() const { return starts_; }
+    [[nodiscard]] std::shared_ptr<Queue> queue() const {
+        const std::lock_guard lock(mutex_);
+        return queue_;
+    }
     [[nodiscard]] std::chrono::nanoseconds interval() const { return interval_; }
 
 private:
     mutable std::mutex mutex_;
-    Handler handler_;  // guarded by mutex_
-    int starts_ = 0;
+    Handler handler_;               // guarded by mutex_
+    std::shared_ptr<Queue> queue_;  // guarded by mutex_
     std::chrono::nanoseconds interval_{0};
 };
 

@@ -79,7 +79,8 @@ private:
 };
 
 /// Recycles the memory of pixel buffers of one size, so that a steady stream of frames allocates none.
-/// Buffers may outlive the pool; memory comes back to it from any thread. A request for another size frees what is idle.
+/// Buffers may outlive the pool; memory comes back to it from any thread. A request for another size frees what is idle,
+/// and no more than a few blocks are kept idle.
 class PixelBufferPool : public std::enable_shared_from_this<PixelBufferPool> {
 public:
     static std::shared_ptr<PixelBufferPool> create();
@@ -91,6 +92,8 @@ public:
     [[nodiscard]] std::size_t allocations() const;
 
 private:
+    static constexpr std::size_t kMostIdleBlocks = 4;
+
     PixelBufferPool() = default;
     void recycle(std::uint8_t* block, std::size_t byteSize);
 

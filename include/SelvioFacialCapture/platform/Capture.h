@@ -138,8 +138,8 @@ public:
     /// The frames' pixel format; 0 means 32-bit BGRA.
     virtual void setPixelFormat(PixelFormat format) = 0;
     virtual void setAlwaysDiscardsLateVideoFrames(bool discards) = 0;
-    /// Frames and drop notices go to `delegate`, held weakly, on `queue`; null for both ends the deliveries: none begins after the return. One that
-    /// is running is not waited for, because the caller may hold the session's monitor and the delegate may want it.
+    /// Frames and drop notices go to `delegate`, held weakly, on `queue`; null for both ends the deliveries. One that has
+    /// begun or been picked up is not waited for, because the caller may hold the session's monitor and the delegate may want it.
     virtual void setSampleBufferDelegate(std::weak_ptr<CaptureOutputDelegate> delegate, std::shared_ptr<Queue> queue) = 0;
     [[nodiscard]] virtual VideoSettings recommendedVideoSettings(const std::string& fileType) const = 0;
 };

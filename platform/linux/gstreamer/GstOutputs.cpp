@@ -12,13 +12,9 @@ constexpr std::chrono::milliseconds kSearchPause{70};  // between two searches f
 // ---- deliveries
 
 void DeliveryTarget::set(std::weak_ptr<CaptureOutputDelegate> delegate, std::shared_ptr<Queue> queue) {
-    std::shared_ptr<Queue> previous;
-    {
-        const std::lock_guard lock(mutex_);
-        delegate_ = std::move(delegate);
-        previous = std::exchange(queue_, std::move(queue));
-    }
-    if (previous && !previous->isCurrent()) const std::lock_guard wait(calling_);
+    const std::lock_guard lock(mutex_);
+    delegate_ = std::move(delegate);
+    queue_.swap(queue);  // the one before goes after the lock: the end of a queue runs what it still holds
 }
 
 std::shared_ptr<Queue> DeliveryTarget::queue() const {
@@ -27,7 +23,6 @@ std::shared_ptr<Queue> DeliveryTarget::queue() const {
 }
 
 void DeliveryTarget::call(const Call& call) {
-    const std::lock_guard calling(calling_);
     std::shared_ptr<CaptureOutputDelegate> delegate;
     {
         const std::lock_guard lock(mutex_);

@@ -31,7 +31,7 @@ class DeliveryTarget {
 public:
     using Call = std::function<void(CaptureOutputDelegate&)>;
 
-    /// Both null ends the deliveries; none runs on return unless the call comes from the queue itself.
+    /// Both null ends the deliveries. One that runs is not waited for: the caller may hold a lock that the delegate is about to take.
     void set(std::weak_ptr<CaptureOutputDelegate> delegate, std::shared_ptr<Queue> queue);
     /// The queue to submit to; null if there is no delegate.
     [[nodiscard]] std::shared_ptr<Queue> queue() const;
@@ -42,7 +42,6 @@ private:
     mutable std::mutex mutex_;
     std::weak_ptr<CaptureOutputDelegate> delegate_;  // guarded by mutex_
     std::shared_ptr<Queue> queue_;                   // guarded by mutex_
-    std::mutex calling_;                             // held during a call, so that set can wait for its end
 };
 
 /// What the three kinds of output share. Deliveries hold their output weakly.
