@@ -1,4 +1,5 @@
 #include "CaptureProbe.h"
+#include "Child.h"
 #include "MediaProbe.h"
 
 #include <SelvioFacialCapture/linux/Capture.h>
@@ -10,6 +11,7 @@
 
 #include <sys/stat.h>
 #include <unistd.h>
+#include <algorithm>
 #include <fstream>
 #include <thread>
 
@@ -259,6 +261,47 @@ TEST(Capture, NodesThatMayNotBeOpenedMeanDenied) {
     ASSERT_TRUE(!isRoot || ::seteuid(65534) == 0);
     EXPECT_EQ(status(), AuthorizationStatus::Denied);
     ASSERT_TRUE(!isRoot || ::seteuid(0) == 0);
+}
+
+TEST(Preview, ShowsTheFramesMirroredInAWindow) {
+    if (outputOf("command -v Xvfb").empty()) GTEST_SKIP() << "Xvfb is not installed";
+    Child server({"Xvfb", "-displayfd", "1", "-screen", "0", "720x720x24"});
+    const std::string display = ":" + server.readLine().value_or("");  // said when it is ready
+    ::setenv("DISPLAY", display.c_str(), 1);
+    LogCapture log;
+    {
+        // Colour bars: white at the left of the picture, blue at its right.
+        const SourceCamera bars{.name = "bars", .source = "videotestsrc is-live=true pattern=smpte", .width = 360, .height = 640};
+        const auto system = systemOf({.sources = {bars}});
+        const auto view = makeGstView({.window = true});
+        view->setFrame({0, 0, 360, 640});
+        EXPECT_EQ(view->layer()->connection(), nullptr);
+        Rig rig(system, firstCamera(system));
+        view->layer()->setSession(rig.session);
+        EXPECT_NE(view->layer()->connection(), nullptr);
+        rig.session->startRunning();
+        const auto row = [&] {
+            const std::string grabbed = outputOf("ffmpeg -v error -f x11grab -video_size 720x720 -i " + display +
+                                                 " -frames:v 1 -vf crop=720:2:0:200,scale=720:1 -pix_fmt gray -f rawvideo -");
+            return grabbed.size() == 720 ? grabbed : std::string(720, '\0');
+        };
+        const auto isDark = [](char c) { return c == '\0'; };
+        std::string seen = row();
+        for (int i = 0; i < 20 && std::all_of(seen.begin(), seen.end(), isDark); ++i) seen = row();
+        const auto lit = [&](std::size_t x) { return static_cast<unsigned char>(seen[x]); };
+        const auto first = std::find_if_not(seen.begin(), seen.end(), isDark) - seen.begin();
+        EXPECT_LT(lit(static_cast<std::size_t>(first) + 20), 60) << "blue is at the left now";
+        EXPECT_GT(lit(static_cast<std::size_t>(first) + 340), 150) << "and white at the right";
+        const auto mapped = view->layer()->transformedMetadataObject({kMetadataObjectTypePDF417Code, std::nullopt, {0, 0, 0.25, 0.5}});
+        EXPECT_NEAR(mapped.bounds.x, 270, 1);
+        EXPECT_NEAR(mapped.bounds.height, 320, 1);
+        view->addSubview({1, 77, {}});
+        EXPECT_TRUE(view->removeSubviewWithTag(77));
+        EXPECT_FALSE(view->removeSubviewWithTag(77));
+        view->layer()->setSession(nullptr);
+    }
+    EXPECT_TRUE(log.take().empty());
+    ::unsetenv("DISPLAY");
 }
 
 TEST(Capture, ManyStartsAndStopsLeaveNothingBehind) {

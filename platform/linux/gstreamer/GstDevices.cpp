@@ -109,6 +109,8 @@ std::optional<DeviceDescription> describeDevice(GstDevice* device, MediaType med
         if (caps) description.modes = modesOf(caps.get());
         if (description.modes.empty()) return std::nullopt;  // nothing that could be shown
     }
+    gboolean isDefault = FALSE;
+    if (properties && gst_structure_get_boolean(properties.get(), "is-default", &isDefault) != FALSE) description.isDefault = isDefault != FALSE;
     description.fleetingMemory = std::strcmp(G_OBJECT_TYPE_NAME(device), "GstPipeWireDevice") == 0;
     const std::shared_ptr<GstDevice> kept(GST_DEVICE(gst_object_ref(device)), GstUnref());
     description.makeSource = [kept] {
@@ -135,6 +137,7 @@ std::vector<DeviceDescription> systemDevices(MediaType mediaType) {
         if (description && !isKnown) found.push_back(std::move(*description));
     }
     g_list_free_full(devices, gst_object_unref);
+    std::stable_partition(found.begin(), found.end(), [](const DeviceDescription& description) { return description.isDefault; });
     for (DeviceDescription& description : found) {
         description.isThere = [id = description.id, mediaType] {
             const auto now = systemDevices(mediaType);

@@ -21,6 +21,7 @@ struct DeviceDescription {
     std::vector<CameraMode> modes{};            ///< of a camera
     std::filesystem::path node{};               ///< device node, empty if it has none of its own
     bool playsFile = false;                     ///< its frames come as they lie in a file, and it chooses their format itself
+    bool isDefault = false;                     ///< the person's choice among the system's devices
     bool fleetingMemory = false;                ///< frames must not be held on to
     std::function<bool()> isThere{};            ///< asks whether it still is; empty if that cannot change
     std::function<GstElement*()> makeSource{};  ///< a new source element (floating), null if it cannot be made
