@@ -142,8 +142,11 @@ std::vector<VisionEngine::Box> VisionEngine::usualPass(const PixelBuffer& buffer
 std::vector<VisionEngine::Box> VisionEngine::widePass(const PixelBuffer& buffer, ViewTransform view, const std::vector<Box>& known) {
     const double scale = scaleFor(viewSizeOf(buffer, view), kWideSide, kWidePixels);
     if (!load(buffer, view, {0, 0, buffer.width(), buffer.height()}, scale)) return {};
-    std::vector<Box> boxes =
-        inFullView(known.empty() ? search(kWideAlone.frontal, kWideAlone.turned) : search(kWideSecond, std::nullopt, kWideLevels));
+    auto faces = known.empty() ? search(kWideAlone.frontal, kWideAlone.turned) : search(kWideSecond, std::nullopt, kWideLevels);
+    // The best one may be unsure when there is no other, but not those behind it.
+    const auto unsure = [](const HogFace& face) { return face.score < kWideSecond; };
+    if (faces.size() > 1) faces.erase(std::find_if(faces.begin() + 1, faces.end(), unsure), faces.end());
+    auto boxes = inFullView(faces);
     std::erase_if(boxes, [&](const Box& box) { return std::any_of(known.begin(), known.end(), [&](const Box& other) { return same(box, other); }); });
     return boxes;
 }
