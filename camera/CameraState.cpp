@@ -2,13 +2,19 @@
 
 namespace selvio {
 
+void DelegateSlot::set(std::weak_ptr<SelvioFacialCaptureCameraDelegate> delegate) {
+    const std::lock_guard lock(mutex_);
+    delegate_ = std::move(delegate);
+}
+
+std::shared_ptr<SelvioFacialCaptureCameraDelegate> DelegateSlot::get() const {
+    const std::lock_guard lock(mutex_);
+    return delegate_.lock();
+}
+
 void CameraState::setResolutionOnce(Size size) {
     const std::lock_guard lock(mutex_);
     if (values_.resolution == Size{}) values_.resolution = size;
-}
-
-std::shared_ptr<SelvioFacialCaptureCameraDelegate> CameraState::delegate() const {
-    return get(&CameraValues::delegate).lock();
 }
 
 std::shared_ptr<CaptureSession> CameraState::session() const {
@@ -24,6 +30,11 @@ bool CameraState::recordVideo() const {
 bool CameraState::recordAudio() const {
     const auto parameters = get(&CameraValues::parameters);
     return parameters && parameters->recordAudio();
+}
+
+bool isOnOrEnding(const std::weak_ptr<Queue>& queue) {
+    const auto held = queue.lock();
+    return !held || held->isCurrent();
 }
 
 }  // namespace selvio

@@ -15,7 +15,20 @@
 
 namespace selvio {
 
-/// The properties of one camera, with their defaults.
+/// The place of a camera's delegate. A recording that outlives its camera shares it, so that a delegate taken away is not told even then.
+/// Any thread.
+class DelegateSlot {
+public:
+    void set(std::weak_ptr<SelvioFacialCaptureCameraDelegate> delegate);
+    /// Null once the host has let go of it.
+    [[nodiscard]] std::shared_ptr<SelvioFacialCaptureCameraDelegate> get() const;
+
+private:
+    mutable std::mutex mutex_;
+    std::weak_ptr<SelvioFacialCaptureCameraDelegate> delegate_;  // guarded by mutex_
+};
+
+/// The properties of one camera but for its delegate, with their defaults.
 struct CameraValues {
     bool configured = false;
     bool analyzeRGBVideo = true;
@@ -23,7 +36,6 @@ struct CameraValues {
     bool shouldRecord = true;
     bool deliverDepthData = false;
     bool isTorchON = false;
-    std::weak_ptr<SelvioFacialCaptureCameraDelegate> delegate;
     std::shared_ptr<SelvioFacialCaptureCameraParameters> parameters;
     std::shared_ptr<CaptureDevice> videoDevice;
     CaptureDevicePosition devicePosition = CaptureDevicePosition::Back;
@@ -67,7 +79,8 @@ public:
     /// Stores the size of the first frame; later ones change nothing.
     void setResolutionOnce(Size size);
 
-    [[nodiscard]] std::shared_ptr<SelvioFacialCaptureCameraDelegate> delegate() const;
+    [[nodiscard]] std::shared_ptr<SelvioFacialCaptureCameraDelegate> delegate() const { return delegateSlot_->get(); }
+    [[nodiscard]] const std::shared_ptr<DelegateSlot>& delegateSlot() const { return delegateSlot_; }
     /// The session of the preview layer.
     [[nodiscard]] std::shared_ptr<CaptureSession> session() const;
     /// The parameters' answers; false without parameters.
@@ -77,6 +90,10 @@ public:
 private:
     mutable std::mutex mutex_;
     CameraValues values_;  // guarded by mutex_
+    const std::shared_ptr<DelegateSlot> delegateSlot_ = std::make_shared<DelegateSlot>();
 };
+
+/// For assertions: whether this is the queue's thread. A queue that is ending still runs its last blocks when nobody holds it any more.
+[[nodiscard]] bool isOnOrEnding(const std::weak_ptr<Queue>& queue);
 
 }  // namespace selvio

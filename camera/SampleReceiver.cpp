@@ -8,7 +8,7 @@ SampleReceiver::SampleReceiver(std::shared_ptr<CameraState> state, std::shared_p
 
 void SampleReceiver::captureOutputDidOutputSampleBuffer(const CaptureOutput& output, const std::shared_ptr<SampleBuffer>& sampleBuffer,
                                                         const std::shared_ptr<CaptureConnection>&) {
-    assert(isOnVideoOutputQueue());
+    assert(isOnOrEnding(videoOutputQueue_));
     if (!sampleBuffer) return;
     if (&output == state_->get(&CameraValues::audioDataOutput).get()) recorder_->appendAudioSample(sampleBuffer);
     if (&output != state_->get(&CameraValues::videoDataOutput).get()) return;
@@ -23,7 +23,7 @@ void SampleReceiver::captureOutputDidOutputSampleBuffer(const CaptureOutput& out
 
 void SampleReceiver::captureOutputDidDropSampleBuffer(const CaptureOutput& output, const std::shared_ptr<SampleBuffer>& sampleBuffer,
                                                       const std::shared_ptr<CaptureConnection>&) {
-    assert(isOnVideoOutputQueue());
+    assert(isOnOrEnding(videoOutputQueue_));
     if (&output != state_->get(&CameraValues::videoDataOutput).get()) return;
     const auto delegate = state_->delegate();
     if (delegate && delegate->didDropSampleBuffer) delegate->didDropSampleBuffer(sampleBuffer);
@@ -40,12 +40,6 @@ void SampleReceiver::captureOutputDidOutputMetadataObjects(const CaptureOutput&,
         if (delegate && delegate->didDecodeBarcode) delegate->didDecodeBarcode(*object.stringValue);
         return;
     }
-}
-
-// A queue that is ending still runs its last blocks.
-bool SampleReceiver::isOnVideoOutputQueue() const {
-    const auto queue = videoOutputQueue_.lock();
-    return !queue || queue->isCurrent();
 }
 
 }  // namespace selvio

@@ -22,8 +22,6 @@ public:
                                                const std::shared_ptr<CaptureConnection>& connection) override;
 
 private:
-    [[nodiscard]] bool isOnVideoOutputQueue() const;
-
     const std::shared_ptr<CameraState> state_;
     const std::shared_ptr<VideoRecorder> recorder_;
     const std::weak_ptr<Queue> videoOutputQueue_;

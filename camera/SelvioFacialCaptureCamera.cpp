@@ -127,7 +127,7 @@ std::string SelvioFacialCaptureCamera::encodeWithCoder() const {
 // ---- Delegate and control ----
 
 void SelvioFacialCaptureCamera::setDelegate(const std::shared_ptr<SelvioFacialCaptureCameraDelegate>& value) {
-    state_->set(&CameraValues::delegate, value);
+    state_->delegateSlot()->set(value);
     if (!value) return;
     dispatch(videoQueue_, [weakSelf = weak_from_this()] {
         if (const auto self = weakSelf.lock()) self->configureSession();
@@ -155,8 +155,8 @@ void SelvioFacialCaptureCamera::stop() {
     if (!session) return;
     const std::lock_guard lock(session->monitor());
     if (!session->isRunning()) return;
-    const auto writer = assetWriter();
-    if (state_->recordVideo() && writer && writer->status() == selvio::AssetWriterStatus::Writing) stopRecording();
+    // Whether anything is being written shows on the queue where recordings begin: a start may still be waiting there.
+    if (state_->recordVideo()) dispatch(videoOutputQueue_, [recorder = recorder_] { recorder->stopIfWriting(); });
     session->stopRunning();
 }
 

@@ -5,6 +5,43 @@
 #include "camera/rules/RecordingRules.h"
 
 namespace selvio {
+namespace {
+
+void removeFile(FileManager* files, const std::filesystem::path& path) {
+    if (files && files->fileExists(path)) (void)files->removeItem(path);  // what remains goes with the next clean-up
+}
+
+void deliver(FileManager* files, const std::filesystem::path& path, const DelegateSlot& delegateSlot) {
+    const auto delegate = delegateSlot.get();
+    if (!delegate || !delegate->didFinishRecordingVideo || !files) return;
+    auto data = files->readFile(path);
+    if (!data) {
+        log("Couldn't read item at path: " + path.filename().string() + "\n" + data.error().localizedDescription);
+        return;
+    }
+    removeFile(files, path);
+    delegate->didFinishRecordingVideo(std::move(data.value()));
+}
+
+void writerDidFinish(AssetWriterStatus status, FileManager* files, const std::optional<std::filesystem::path>& path,
+                     const DelegateSlot& delegateSlot) {
+    switch (status) {
+        case AssetWriterStatus::Completed:
+            if (path) deliver(files, *path, delegateSlot);
+            break;
+        case AssetWriterStatus::Failed:
+            log("*** AVAssetWriterStatusFailed");
+            break;
+        case AssetWriterStatus::Cancelled:
+            log("*** AVAssetWriterStatusCancelled");
+            break;
+        default:
+            log("*** AVAssetWriterStatus other");
+            break;
+    }
+}
+
+}  // namespace
 
 VideoRecorder::VideoRecorder(const Platform& platform, std::shared_ptr<CameraState> state, const std::shared_ptr<Queue>& queue)
     : clock_(platform.clock),
@@ -16,7 +53,7 @@ VideoRecorder::VideoRecorder(const Platform& platform, std::shared_ptr<CameraSta
       queue_(queue) {}
 
 void VideoRecorder::start() {
-    assert(isOnQueue());
+    assert(isOnOrEnding(queue_));
     cleanupBrokenVideos();
     if (!state_->recordVideo()) return;
     state_->set(&CameraValues::shouldRecord, true);
@@ -84,7 +121,7 @@ void VideoRecorder::appendAudioSample(const std::shared_ptr<SampleBuffer>& sampl
 }
 
 void VideoRecorder::append(std::shared_ptr<AssetWriterInput> CameraValues::*member, const std::shared_ptr<SampleBuffer>& sampleBuffer) const {
-    assert(isOnQueue());
+    assert(isOnOrEnding(queue_));
     const auto writer = state_->get(&CameraValues::assetWriter);
     if (!writer || writer->status() != AssetWriterStatus::Writing) return;
     const auto input = state_->get(member);
@@ -93,47 +130,26 @@ void VideoRecorder::append(std::shared_ptr<AssetWriterInput> CameraValues::*memb
 }
 
 void VideoRecorder::stop() {
-    assert(isOnQueue());
+    assert(isOnOrEnding(queue_));
     state_->set(&CameraValues::shouldRecord, false);
     const auto writer = state_->get(&CameraValues::assetWriter);
-    if (!writer) return;
+    if (!writer || writer == finishing_.lock()) return;
+    finishing_ = writer;
     if (writer->status() == AssetWriterStatus::Writing) markInputsAsFinished();
     // The path of this file, because the next recording may have begun when it is finished.
-    writer->finishWriting(
-        [self = shared_from_this(), writer, path = state_->get(&CameraValues::videoRecordingUrl)] { self->writerDidFinish(writer->status(), path); });
+    writer->finishWriting([files = files_, writer, path = state_->get(&CameraValues::videoRecordingUrl), delegateSlot = state_->delegateSlot()] {
+        writerDidFinish(writer->status(), files.get(), path, *delegateSlot);
+    });
 }
 
-void VideoRecorder::writerDidFinish(AssetWriterStatus status, const std::optional<std::filesystem::path>& path) const {
-    switch (status) {
-        case AssetWriterStatus::Completed:
-            if (path) deliver(*path);
-            break;
-        case AssetWriterStatus::Failed:
-            log("*** AVAssetWriterStatusFailed");
-            break;
-        case AssetWriterStatus::Cancelled:
-            log("*** AVAssetWriterStatusCancelled");
-            break;
-        default:
-            log("*** AVAssetWriterStatus other");
-            break;
-    }
-}
-
-void VideoRecorder::deliver(const std::filesystem::path& path) const {
-    const auto delegate = state_->delegate();
-    if (!delegate || !delegate->didFinishRecordingVideo || !files_) return;
-    auto data = files_->readFile(path);
-    if (!data) {
-        log("Couldn't read item at path: " + path.filename().string() + "\n" + data.error().localizedDescription);
-        return;
-    }
-    removeRecording(path);
-    delegate->didFinishRecordingVideo(std::move(data.value()));
+void VideoRecorder::stopIfWriting() {
+    assert(isOnOrEnding(queue_));
+    const auto writer = state_->get(&CameraValues::assetWriter);
+    if (writer && writer->status() == AssetWriterStatus::Writing) stop();
 }
 
 void VideoRecorder::discard() {
-    assert(isOnQueue());
+    assert(isOnOrEnding(queue_));
     state_->set(&CameraValues::shouldRecord, false);
     markInputsAsFinished();
     if (const auto writer = state_->get(&CameraValues::assetWriter)) writer->cancelWriting();
@@ -150,11 +166,7 @@ void VideoRecorder::markInputsAsFinished() const {
 }
 
 void VideoRecorder::deleteCurrentRecording() const {
-    if (const auto path = state_->get(&CameraValues::videoRecordingUrl)) removeRecording(*path);
-}
-
-void VideoRecorder::removeRecording(const std::filesystem::path& path) const {
-    if (files_ && files_->fileExists(path)) (void)files_->removeItem(path);  // what remains goes with the next clean-up
+    if (const auto path = state_->get(&CameraValues::videoRecordingUrl)) removeFile(files_.get(), *path);
 }
 
 std::optional<std::filesystem::path> VideoRecorder::url() const {
@@ -176,12 +188,6 @@ void VideoRecorder::cleanupBrokenVideos() const {
             log("Couldn't delete item at path: " + name + "\n" + error->localizedDescription);
         }
     }
-}
-
-// A queue that is ending still runs its last blocks.
-bool VideoRecorder::isOnQueue() const {
-    const auto queue = queue_.lock();
-    return !queue || queue->isCurrent();
 }
 
 }  // namespace selvio

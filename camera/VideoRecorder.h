@@ -10,9 +10,10 @@ namespace selvio {
 ///     idle ──start──▶ writing ──stop──▶ finishing ──▶ completed, failed or cancelled
 ///       ▲───────────discard┴─────────────────┘
 ///
-/// The state is the writer's status and `shouldRecord` of the camera; nothing is kept here. A recorder outlives its camera until a stop or a discard
-/// already requested is done, so that no file is left half-written because the camera went.
-class VideoRecorder : public std::enable_shared_from_this<VideoRecorder> {
+/// The state is the writer's status and `shouldRecord` of the camera; kept here is only which writer has been asked to finish. A recorder outlives
+/// its camera until a stop or a discard already requested has run, so that no file is left half-written because the camera went. While the writer
+/// then finishes, it keeps nothing of the camera alive.
+class VideoRecorder {
 public:
     /// `queue`: the video output queue, held weakly.
     VideoRecorder(const Platform& platform, std::shared_ptr<CameraState> state, const std::shared_ptr<Queue>& queue);
@@ -21,6 +22,8 @@ public:
 
     void start();
     void stop();
+    /// `stop`, unless nothing is being written.
+    void stopIfWriting();
     void discard();
     void appendVideoSample(const std::shared_ptr<SampleBuffer>& sampleBuffer) const;
     void appendAudioSample(const std::shared_ptr<SampleBuffer>& sampleBuffer) const;
@@ -37,10 +40,6 @@ private:
     [[nodiscard]] std::shared_ptr<AssetWriterInput> makeAudioInput(AudioDataOutput& output) const;
     void append(std::shared_ptr<AssetWriterInput> CameraValues::*member, const std::shared_ptr<SampleBuffer>& sampleBuffer) const;
     void markInputsAsFinished() const;
-    void writerDidFinish(AssetWriterStatus status, const std::optional<std::filesystem::path>& path) const;
-    void deliver(const std::filesystem::path& path) const;
-    void removeRecording(const std::filesystem::path& path) const;
-    [[nodiscard]] bool isOnQueue() const;
 
     const std::shared_ptr<const Clock> clock_;
     const std::shared_ptr<const Device> device_;
@@ -49,6 +48,7 @@ private:
     const std::shared_ptr<FileManager> files_;
     const std::shared_ptr<CameraState> state_;
     const std::weak_ptr<Queue> queue_;
+    std::weak_ptr<AssetWriter> finishing_;  // asked to finish, which a writer may be only once; video output queue only
 };
 
 }  // namespace selvio

@@ -117,8 +117,10 @@ public:
 
     /// Requests `startRecording` and then runs the session if it is not running, on the session queue. Returns at once.
     void start();
-    /// Torch off; a running session is stopped, and a recording that is being written is finished first. On the caller's thread; returns when the
-    /// source has stopped. Frames already on their queue may still reach the delegate. Nothing but the torch without a session.
+    /// Torch off; a running session is stopped and, if `recordVideo` is true, the recording that is being written, or about to begin, is finished
+    /// as by `stopRecording`. On the caller's thread; returns when the source has stopped. Frames already on their queue may still reach the
+    /// delegate. Only the torch without a session or with one that does not run: after a session that ended by itself, as with a camera that was
+    /// unplugged, finish the recording with `stopRecording`.
     void stop();
     /// Takes the graph and the observers down, on the caller's thread. The session is neither stopped nor finished recording: call `stop` before.
     /// Afterwards `session` and the three outputs are null; inputs and devices keep their values, `isConfigured` is not reset.
@@ -148,7 +150,8 @@ public:
     void startRecording();
     /// Ends taking samples and finishes the file. A completed file is read, removed and handed to `didFinishRecordingVideo`. Otherwise logs
     /// "*** AVAssetWriterStatusFailed", "*** AVAssetWriterStatusCancelled" or "*** AVAssetWriterStatus other"; the file then stays until the next
-    /// clean-up, as does one that cannot be read back ("Couldn't read item at path: …"). Without a writer only `shouldRecord` becomes false.
+    /// clean-up, as does one that cannot be read back ("Couldn't read item at path: …"). Without a writer, or with one that has been asked already,
+    /// only `shouldRecord` becomes false.
     void stopRecording();
     /// Ends taking samples, drops the writer and removes the file. The delegate is not told.
     void discardRecording();

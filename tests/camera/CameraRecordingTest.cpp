@@ -130,6 +130,24 @@ TEST(CameraRecording, endings) {
     }
 }
 
+TEST(CameraRecording, aStopFindsARecordingThatIsAboutToBegin) {
+    for (const bool recordVideo : {true, false}) {
+        CameraRig rig;
+        rig.makeRecording();
+        rig.camera->stop();
+        rig.run();
+        rig.camera->start();
+        rig.queues[rig.camera->videoQueue()->label()]->runAll();
+        (void)rig.writing->calls.take();
+        rig.camera->parameters()->setRecordVideo(recordVideo);
+        rig.camera->stop();
+        rig.camera->parameters()->setRecordVideo(true);
+        rig.run();
+        EXPECT_EQ(rig.writing->calls.take().back(), recordVideo ? "finish" : "from 42 s");
+        EXPECT_EQ(rig.camera->shouldRecord(), !recordVideo);
+    }
+}
+
 TEST(CameraRecording, discardAndStopWithoutAWriter) {
     CameraRig rig;
     rig.makeRecording();
@@ -159,9 +177,13 @@ TEST(CameraRecording, aRequestedStopOutlivesTheCameraAndAStartDoesNot) {
     (void)rig.writing->calls.take();
     const auto writer = writerOf(rig);
     rig.camera->stopRecording();
+    rig.camera->stopRecording();  // asks no second time
     rig.camera->startRecording();
+    rig.camera->shutdown();
+    const std::weak_ptr<CaptureDeviceInput> input = rig.camera->videoInput();
     rig.camera.reset();
     rig.run();
+    EXPECT_TRUE(input.expired()) << "a finishing writer keeps nothing of the camera";
     writer->finish(AssetWriterStatus::Failed);
     EXPECT_THAT(rig.writing->calls.take(), ElementsAre("video finished", "audio finished", "finish"));
 }
