@@ -7,6 +7,7 @@
 #include <SelvioFacialCapture/linux/Capture.h>
 #include <SelvioFacialCapture/simulated/SimulatedPlatform.h>
 
+#include <cstdlib>
 #include <fstream>
 #include <utility>
 #include <vector>
@@ -46,8 +47,13 @@ std::variant<Source, SourceFailure> useCamera(Platform& platform, std::shared_pt
 }
 
 std::variant<Source, SourceFailure> useVideo(Platform& platform, const std::string& path) {
-    if (!std::ifstream(path)) return SourceFailure{ExitCode::UnreadableInput, path + ": cannot be read"};
-    return useCamera(platform, makeGstCaptureSystem({.systemDevices = false, .videoFiles = {path}}), "");
+    std::error_code code;
+    if (!std::filesystem::is_regular_file(path, code) || !std::ifstream(path)) {
+        return SourceFailure{ExitCode::UnreadableInput, path + ": " + (code ? code.message() : "cannot be read as a file")};
+    }
+    auto used = useCamera(platform, makeGstCaptureSystem({.systemDevices = false, .videoFiles = {path}}), "");
+    if (std::holds_alternative<SourceFailure>(used)) return SourceFailure{ExitCode::UnreadableInput, path + ": cannot be played"};
+    return used;
 }
 
 std::variant<Source, SourceFailure> useSimulatedFront(Platform& platform, const RunOptions& options) {
@@ -79,7 +85,10 @@ std::shared_ptr<CaptureSystem> machineCaptureSystem() {
 }
 
 std::variant<Source, SourceFailure> useSource(Platform& platform, const RunOptions& options) {
-    if (options.preview) platform.makeView = [] { return makeGstView({.window = true, .title = "selvio-capture"}); };
+    if (options.preview) {
+        if (std::getenv("DISPLAY") == nullptr) complain("--preview: there is no display");
+        platform.makeView = [] { return makeGstView({.window = true, .title = "selvio-capture"}); };
+    }
     using Kind = SourceOption::Kind;
     switch (options.source.kind) {
         case Kind::Simulated:

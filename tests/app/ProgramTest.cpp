@@ -263,6 +263,17 @@ TEST_F(SelvioCapture, KeepsTheRecordingHoweverTheCaptureEnds) {
     }
 }
 
+TEST_F(SelvioCapture, EndsWhenFramesStop) {
+    ASSERT_EQ(run(capture(kSamples / "scripts/steady.json", {"--record-video"})).exitCode, 0);
+    fs::rename(path("out/recording.mp4"), path("short.mp4"));
+    fs::remove_all(path("out"));
+    const auto ended = run({"--json", "--source", "video:" + path("short.mp4").string(), "--countdown-time", "5", "--out", path("out")});
+    EXPECT_EQ(ended.exitCode, 4);
+    EXPECT_THAT(ended.err, HasSubstr("The camera has stopped delivering frames"));
+    EXPECT_EQ(ended.lines().back()["event"], "detectionCancelled");
+    EXPECT_THAT(results(), ElementsAre("record.json"));
+}
+
 TEST_F(SelvioCapture, TakesThePictureInManualModeWithoutATerminal) {
     const auto ended = run(capture(kSamples / "scripts/steady.json", {"--mode", "manual"}));
     ASSERT_EQ(ended.exitCode, 0) << ended.err;
@@ -329,6 +340,9 @@ TEST_F(SelvioCapture, EndsWithTheCodeOfWhatIsMissing) {
         {{"--out", path("out"), "--photo", path("none.jpg")}, 5, "none.jpg"},
         {{"--out", path("out"), "--photo", path("alone.jpg")}, 5, "alone.json"},
         {{"--out", path("out"), "--script", path("bad.json")}, 5, "bad.json"},
+        {{"--out", path("out"), "--source", "video:" + path("none.mp4").string()}, 5, "none.mp4"},
+        {{"--out", path("out"), "--source", "video:" + path("file").string()}, 5, "file: cannot be played"},
+        {{"--out", path("out"), "--source", "video:" + directory_.string()}, 5, "cannot be read as a file"},
         {{"show", path("none.jpg")}, 5, "none.jpg"},
         {{"show", path("file")}, 5, "not a JPEG"},
         {{"show", kSamples / "astronaut.jpg"}, 5, "no data record"},

@@ -106,8 +106,8 @@ private:
 }  // namespace
 
 RecentFaces& RecentFaces::shared() {
-    static RecentFaces faces;
-    return faces;
+    static RecentFaces* const faces = new RecentFaces;  // outlives every thread that may still analyse a frame at exit
+    return *faces;
 }
 
 void RecentFaces::add(Entry entry) {

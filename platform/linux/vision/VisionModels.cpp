@@ -9,8 +9,9 @@ namespace selvio {
 namespace {
 
 const std::shared_ptr<const HogFilters>& sharedFilters() {
-    static const std::shared_ptr<const HogFilters> filters = HogFilters::load();
-    return filters;
+    // Outlives every thread that may still load models at exit.
+    static const auto* const filters = new std::shared_ptr<const HogFilters>(HogFilters::load());
+    return *filters;
 }
 
 LoadedModels loadModels(const std::string& path) try {
