@@ -12,6 +12,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <algorithm>
+#include <atomic>
 #include <fstream>
 #include <thread>
 
@@ -302,6 +303,42 @@ TEST(Preview, ShowsTheFramesMirroredInAWindow) {
     }
     EXPECT_TRUE(log.take().empty());
     ::unsetenv("DISPLAY");
+}
+
+TEST(Capture, StandsEveryOperationFromSeveralThreadsAtOnce) {
+    const auto system = systemOf({.sources = {testPicture("NV12", 64, 48)}});
+    Rig rig(system, firstCamera(system), kPixelFormat420v);
+    std::atomic<bool> ending{false};
+    const std::function<void(int)> operations[] = {
+        [&](int i) { i % 2 == 0 ? rig.session->startRunning() : rig.session->stopRunning(); },
+        [&](int i) { i % 2 == 0 ? rig.session->stopRunning() : rig.session->startRunning(); },
+        [&](int i) {
+            if (i % 2 == 0) rig.output->setSampleBufferDelegate({}, nullptr);
+            rig.output->setSampleBufferDelegate(rig.probe, rig.queue);
+        },
+        [&](int i) {
+            for (const auto& connection : rig.output->connections()) connection->setVideoOrientation(static_cast<VideoOrientation>(i % 5));
+            rig.camera->setTorchMode(i % 2 == 0 ? TorchMode::On : TorchMode::Off);
+        },
+        [&](int i) {
+            const std::lock_guard monitor(rig.session->monitor());
+            rig.session->beginConfiguration();
+            rig.output->setPixelFormat(i % 2 == 0 ? 0 : kPixelFormat420v);
+            rig.session->commitConfiguration();
+        },
+    };
+    std::vector<std::thread> threads;
+    for (const auto& operation : operations) {
+        threads.emplace_back([&] {
+            for (int i = 0; !ending; ++i) operation(i);
+        });
+    }
+    const auto end = std::chrono::steady_clock::now() + milliseconds(700);
+    while (std::chrono::steady_clock::now() < end) std::this_thread::yield();
+    ending = true;
+    for (std::thread& thread : threads) thread.join();
+    rig.session->startRunning();
+    EXPECT_TRUE(rig.probe->waitForFrames(2)) << "and still works";
 }
 
 TEST(Capture, ManyStartsAndStopsLeaveNothingBehind) {
