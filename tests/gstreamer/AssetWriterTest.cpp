@@ -1,4 +1,4 @@
-#include "MediaProbe.h"
+#include "support/MediaProbe.h"
 
 #include <SelvioFacialCapture/base/Log.h>
 #include <SelvioFacialCapture/linux/Recording.h>

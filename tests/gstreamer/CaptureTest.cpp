@@ -1,6 +1,6 @@
 #include "CaptureProbe.h"
-#include "Child.h"
-#include "MediaProbe.h"
+#include "support/Child.h"
+#include "support/MediaProbe.h"
 
 #include <SelvioFacialCapture/linux/Capture.h>
 

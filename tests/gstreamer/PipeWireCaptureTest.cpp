@@ -1,7 +1,7 @@
 // A real capture stack: a PipeWire of its own, on which a program publishes cameras.
 #include "CaptureProbe.h"
-#include "Child.h"
-#include "MediaProbe.h"
+#include "support/Child.h"
+#include "support/MediaProbe.h"
 
 #include <SelvioFacialCapture/linux/Capture.h>
 

@@ -1,6 +1,6 @@
 #include "TestPictures.h"
 
-#include <png.h>
+#include <SelvioFacialCapture/linux/Codec.h>
 
 #include <algorithm>
 #include <array>
@@ -12,7 +12,7 @@ namespace selvio::test {
 namespace {
 
 // The face in the portrait, in its pixels and degrees: the middle between the upper ends of the jaw line, their distance, and the tilt of the head.
-constexpr double kFaceX = 225.1;
+constexpr double kFaceX = 125.1;
 constexpr double kFaceY = 107.1;
 constexpr double kFaceJaw = 92.8;
 constexpr double kFaceRoll = 1.9;
@@ -54,21 +54,16 @@ std::shared_ptr<PixelBuffer> toFourBytes(const Picture& picture, PixelFormat for
 
 }  // namespace
 
-Picture readPng(const std::string& path) {
-    Picture picture;
-    png_image image{};
-    image.version = PNG_IMAGE_VERSION;
-    if (png_image_begin_read_from_file(&image, path.c_str()) == 0) return picture;
-    image.format = PNG_FORMAT_RGB;
-    picture.rgb.resize(PNG_IMAGE_SIZE(image));
-    if (png_image_finish_read(&image, nullptr, picture.rgb.data(), 0, nullptr) == 0) return {};
-    picture.width = static_cast<int>(image.width);
-    picture.height = static_cast<int>(image.height);
-    return picture;
-}
-
 const Picture& portrait() {
-    static const Picture picture = readPng(SELVIO_TEST_PORTRAIT);
+    static const Picture picture = [] {
+        const auto pixels = JpegPngImageLoader().loadImage(SELVIO_TEST_PORTRAIT).value();
+        Picture rgb{pixels->width(), pixels->height(), {}};
+        for (int y = 0; y < rgb.height; ++y) {
+            const std::uint8_t* p = pixels->data() + static_cast<std::size_t>(y) * pixels->bytesPerRow();
+            for (int x = 0; x < rgb.width; ++x, p += 4) rgb.rgb.insert(rgb.rgb.end(), {p[2], p[1], p[0]});
+        }
+        return rgb;
+    }();
     return picture;
 }
 

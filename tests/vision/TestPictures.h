@@ -17,10 +17,7 @@ struct Picture {
     std::vector<std::uint8_t> rgb;
 };
 
-/// Empty if the file is missing or no PNG.
-Picture readPng(const std::string& path);
-
-/// The public-domain portrait of Debian's package python3-skimage; found at configure time, read once.
+/// The sample portrait, read once.
 const Picture& portrait();
 
 /// Where a person of the portrait stands in a frame.

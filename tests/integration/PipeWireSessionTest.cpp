@@ -1,0 +1,77 @@
+// The host program on a real capture stack: a PipeWire of its own, a published camera that shows a person, a published microphone.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+
+#include "support/MediaProbe.h"
+
+namespace selvio {
+namespace {
+
+using namespace test;
+using ::testing::Contains;
+using ::testing::HasSubstr;
+
+// Waits, within limits, for the two devices, lists them, and captures. Everything published ends with the shell.
+constexpr const char* kSession = R"(
+set -u
+ffmpeg -v error -f lavfi -i sine=frequency=440:duration=60 -ar 48000 -ac 1 "$OUT/tone.wav"
+"$CAMERA" "Test Camera" "$SAMPLES/astronaut.jpg" "$SAMPLES/scripts/steady.json" & camera=$!
+pw-cat -p --target=0 -P '{media.class=Audio/Source,node.name=Tone,node.description=Tone}' "$OUT/tone.wav" & tone=$!
+trap 'kill $camera $tone' EXIT
+for attempt in $(seq 100); do
+    "$PROGRAM" devices --json > "$OUT/devices.json" 2>/dev/null
+    grep -q "Test Camera" "$OUT/devices.json" && grep -q '"Tone"' "$OUT/devices.json" && break
+done
+"$PROGRAM" --json --source "camera:Test Camera" --record-video --record-audio --countdown-time 2 --timeout 20 --out "$OUT/x" > "$OUT/lines.json" 2> "$OUT/errors.txt"
+echo $? > "$OUT/code"
+)";
+
+std::string contentsOf(const std::filesystem::path& path) {
+    std::ifstream file(path);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+TEST(PipeWireSession, ACaptureEndsWithPhotographRecordAndRecording) {
+    if (*SELVIO_VIRTUAL_PORTRAIT == '\0') GTEST_SKIP() << "the virtual camera was not built: install libpipewire-0.3-dev";
+    const TemporaryDirectory directory;
+    const std::filesystem::path out = directory.path();
+    ::setenv("OUT", out.c_str(), 1);
+    ::setenv("CAMERA", SELVIO_VIRTUAL_PORTRAIT, 1);
+    ::setenv("SAMPLES", SELVIO_SAMPLES, 1);
+    ::setenv("PROGRAM", SELVIO_PROGRAM, 1);
+    ::setenv("XDG_DATA_HOME", (out / "data").c_str(), 1);
+    std::ofstream(out / "session.sh") << kSession;
+    const std::string said = outputOf(std::string(SELVIO_PIPEWIRE_SCRIPT) + " bash '" + (out / "session.sh").string() + "'");
+    if (said.starts_with("UNAVAILABLE")) GTEST_SKIP() << said;
+
+    const std::string errors = contentsOf(out / "errors.txt");
+    EXPECT_EQ(contentsOf(out / "code"), "0\n") << errors;
+    const std::string devices = contentsOf(out / "devices.json");
+    EXPECT_THAT(devices, HasSubstr("Simulated Front Camera"));
+    EXPECT_THAT(devices, HasSubstr("\"Test Camera\""));
+    EXPECT_THAT(contentsOf(out / "lines.json"), HasSubstr("startCountdown"));
+
+    const auto record = nlohmann::json::parse(contentsOf(out / "x/record.json"), nullptr, false);
+    ASSERT_TRUE(record.is_object()) << errors;
+    EXPECT_EQ(record.at("SelvioResultCode"), "SuccessVideo");
+    EXPECT_EQ(record.at("Parameters").at("RecordVideo"), "1");
+    EXPECT_GT(std::filesystem::file_size(out / "x/selfie.jpg"), 20000U);
+
+    const auto media = probe(out / "x/recording.mp4");
+    const auto video = streamOfType(media, "video");
+    const auto audio = streamOfType(media, "audio");
+    EXPECT_EQ(video.value("codec_name", ""), "h264");
+    EXPECT_EQ(video.value("width", 0), 720);
+    EXPECT_EQ(video.value("height", 0), 1280);
+    EXPECT_GT(numberIn(video, "duration"), 1.5);
+    EXPECT_GT(std::stoi(video.value("nb_read_frames", "0")), 15);  // how many depends on how busy the machine is
+    EXPECT_EQ(audio.value("codec_name", ""), "aac");
+    EXPECT_TRUE(std::filesystem::is_empty(out / "data/SelvioFacialCapture/Documents"));  // delivered, then deleted
+}
+
+}  // namespace
+}  // namespace selvio
