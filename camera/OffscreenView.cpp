@@ -1,9 +1,7 @@
 #include "camera/OffscreenView.h"
 
-#include <algorithm>
 #include <mutex>
 #include <utility>
-#include <vector>
 
 namespace selvio {
 namespace {
@@ -32,19 +30,12 @@ public:
     [[nodiscard]] std::shared_ptr<PreviewLayer> layer() const override { return layer_; }
     void setFrame(Rect frame) override { frame_ = frame; }
     [[nodiscard]] Rect frame() const override { return frame_; }
-    void addSubview(const BlurView& view) override { subviews_.push_back(view); }
-    bool removeSubviewWithTag(std::int64_t tag) override {
-        const auto found = std::find_if(subviews_.begin(), subviews_.end(), [tag](const BlurView& view) { return view.tag == tag; });
-        if (found == subviews_.end()) return false;
-        subviews_.erase(found);
-        return true;
-    }
+    void addSubview(const BlurView&) override {}
+    bool removeSubviewWithTag(std::int64_t) override { return false; }
 
 private:
     const std::shared_ptr<PreviewLayer> layer_ = std::make_shared<OffscreenLayer>();
-    // Main thread only, as the port says.
-    Rect frame_;
-    std::vector<BlurView> subviews_;
+    Rect frame_;  // main thread only, as the port says
 };
 
 }  // namespace

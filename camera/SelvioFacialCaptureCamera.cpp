@@ -30,13 +30,6 @@ std::shared_ptr<selvio::View> makeView(const selvio::Platform& platform) {
     return view ? view : selvio::makeOffscreenView();
 }
 
-void setTorch(selvio::CameraState& state, selvio::CaptureDevice& device, selvio::TorchMode mode) {
-    (void)device.lockForConfiguration();
-    device.setTorchMode(mode);
-    state.set(&CameraValues::isTorchON, mode == selvio::TorchMode::On);
-    device.unlockForConfiguration();
-}
-
 std::optional<selvio::Rect> decodeFrame(std::string_view archive) {
     const nlohmann::json root = nlohmann::json::parse(archive, nullptr, /*allow_exceptions=*/false);
     if (!root.is_object()) return std::nullopt;
@@ -129,8 +122,17 @@ std::string SelvioFacialCaptureCamera::encodeWithCoder() const {
 void SelvioFacialCaptureCamera::setDelegate(const std::shared_ptr<SelvioFacialCaptureCameraDelegate>& value) {
     state_->delegateSlot()->set(value);
     if (!value) return;
-    dispatch(videoQueue_, [weakSelf = weak_from_this()] {
-        if (const auto self = weakSelf.lock()) self->configureSession();
+    onSessionQueue(&SelvioFacialCaptureCamera::configureSession);
+}
+
+void SelvioFacialCaptureCamera::onSessionQueue(void (SelvioFacialCaptureCamera::*work)()) {
+    dispatch(videoQueue_, [weakSelf = weak_from_this(), work] {
+        auto self = weakSelf.lock();
+        if (!self) return;
+        (self.get()->*work)();
+        // The host may have let go of the camera meanwhile, and the view must end on the main thread.
+        const auto main = self->platform_.mainQueue;
+        dispatch(main, [self = std::move(self)] {});
     });
 }
 
@@ -140,13 +142,14 @@ void SelvioFacialCaptureCamera::configureSession() {
 }
 
 void SelvioFacialCaptureCamera::start() {
-    dispatch(videoQueue_, [weakSelf = weak_from_this()] {
-        const auto self = weakSelf.lock();
-        if (!self) return;
-        self->startRecording();
-        const auto session = self->session();
-        if (session && !session->isRunning()) session->startRunning();
-    });
+    onSessionQueue(&SelvioFacialCaptureCamera::startSession);
+}
+
+void SelvioFacialCaptureCamera::startSession() {
+    SELVIO_ASSERT_ON_QUEUE(videoQueue_);
+    startRecording();
+    const auto session = this->session();
+    if (session && !session->isRunning()) session->startRunning();
 }
 
 void SelvioFacialCaptureCamera::stop() {
@@ -165,25 +168,7 @@ void SelvioFacialCaptureCamera::shutdown() {
     const auto session = this->session();
     if (!session) return;
     const std::lock_guard lock(session->monitor());
-    session->beginConfiguration();
-    if (const auto output = videoDataOutput()) {
-        output->setSampleBufferDelegate({}, nullptr);
-        session->removeOutput(output);
-    }
-    if (const auto output = audioDataOutput()) {
-        output->setSampleBufferDelegate({}, nullptr);
-        session->removeOutput(output);
-    }
-    if (const auto output = metaDataOutput()) {
-        output->setMetadataObjectsDelegate({}, nullptr);
-        session->removeOutput(output);
-    }
-    if (const auto input = videoInput()) session->removeInput(input);
-    if (const auto input = audioInput()) session->removeInput(input);
-    session->commitConfiguration();
-    setVideoDataOutput(nullptr);
-    setAudioDataOutput(nullptr);
-    setMetaDataOutput(nullptr);
+    selvio::dismantleSession(*session, *state_);
     setSession(nullptr);
 }
 
@@ -193,12 +178,10 @@ bool SelvioFacialCaptureCamera::hasTorch() const {
 }
 
 bool SelvioFacialCaptureCamera::turnTorchOn() {
-    if (!hasTorch()) return false;
-    if (!platform_.mainQueue) return true;
-    platform_.mainQueue->asyncAfter(kTorchDelay, [weakState = std::weak_ptr(state_)] {
-        const auto state = weakState.lock();
-        const auto device = state ? state->get(&CameraValues::videoDevice) : nullptr;
-        if (device) setTorch(*state, *device, selvio::TorchMode::On);
+    if (!hasTorch() || !platform_.mainQueue) return false;
+    platform_.mainQueue->asyncAfter(kTorchDelay, [weakSelf = weak_from_this()] {
+        const auto self = weakSelf.lock();
+        if (const auto device = self ? self->videoDevice() : nullptr) self->setTorch(*device, selvio::TorchMode::On);
     });
     return true;
 }
@@ -206,8 +189,16 @@ bool SelvioFacialCaptureCamera::turnTorchOn() {
 bool SelvioFacialCaptureCamera::turnTorchOff() {
     const auto device = videoDevice();
     if (!device || !device->hasTorch()) return false;
-    setTorch(*state_, *device, selvio::TorchMode::Off);
+    setTorch(*device, selvio::TorchMode::Off);
     return true;
+}
+
+void SelvioFacialCaptureCamera::setTorch(selvio::CaptureDevice& device, selvio::TorchMode mode) {
+    const std::lock_guard lock(torchMutex_);
+    (void)device.lockForConfiguration();
+    device.setTorchMode(mode);
+    state_->set(&CameraValues::isTorchON, mode == selvio::TorchMode::On);
+    device.unlockForConfiguration();
 }
 
 void SelvioFacialCaptureCamera::updatePreviewLayer(selvio::VideoOrientation orientation) {
@@ -251,10 +242,10 @@ void SelvioFacialCaptureCamera::cleanupBrokenVideos() {
 
 // ---- Permissions ----
 
-void SelvioFacialCaptureCamera::permissionForPermissionGranted(selvio::MediaType mediaType, std::function<void(bool granted)> completion,
-                                                               const selvio::Platform& platform) {
-    const auto answer = [&completion](bool granted) {
-        if (completion) completion(granted);
+void SelvioFacialCaptureCamera::permissionFor(selvio::MediaType mediaType, std::function<void(bool granted)> permissionGranted,
+                                              const selvio::Platform& platform) {
+    const auto answer = [&permissionGranted](bool granted) {
+        if (permissionGranted) permissionGranted(granted);
     };
     if (!platform.captureSystem) return answer(false);
     switch (platform.captureSystem->authorizationStatus(mediaType)) {
@@ -264,19 +255,19 @@ void SelvioFacialCaptureCamera::permissionForPermissionGranted(selvio::MediaType
         case selvio::AuthorizationStatus::Authorized:
             return answer(true);
         case selvio::AuthorizationStatus::NotDetermined:
-            platform.captureSystem->requestAccess(mediaType, [completion = std::move(completion)](bool granted) {
-                if (completion) completion(granted);
+            platform.captureSystem->requestAccess(mediaType, [permissionGranted = std::move(permissionGranted)](bool granted) {
+                if (permissionGranted) permissionGranted(granted);
             });
             return;
     }
 }
 
 void SelvioFacialCaptureCamera::checkCameraPermission(std::function<void(bool granted)> completion, const selvio::Platform& platform) {
-    permissionForPermissionGranted(selvio::MediaType::Video, std::move(completion), platform);
+    permissionFor(selvio::MediaType::Video, std::move(completion), platform);
 }
 
 void SelvioFacialCaptureCamera::checkMicrophonePermission(std::function<void(bool granted)> completion, const selvio::Platform& platform) {
-    permissionForPermissionGranted(selvio::MediaType::Audio, std::move(completion), platform);
+    permissionFor(selvio::MediaType::Audio, std::move(completion), platform);
 }
 
 // ---- Life cycle of the application. On the main thread. ----

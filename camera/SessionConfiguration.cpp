@@ -11,8 +11,7 @@ namespace {
 /// The session may be null, after a shutdown; it then takes nothing, and the run ends where the video input is refused.
 class Configuration {
 public:
-    explicit Configuration(const ConfigurationContext& context)
-        : platform_(context.platform), state_(context.state), receiver_(context.receiver), videoOutputQueue_(context.videoOutputQueue) {}
+    explicit Configuration(const ConfigurationContext& context) : context_(context) {}
 
     void run() {
         if (session_) session_->beginConfiguration();
@@ -26,8 +25,8 @@ public:
             addMetaDataOutput();
         }
         if (session_) session_->commitConfiguration();
-        if (!built || !focus()) return;
-        orientOutputs(*session_, state_->get(&CameraValues::cameraOrientation));
+        if (!built || wasShutDown() || !focus()) return;
+        orientOutputs(*session_, state_.get(&CameraValues::cameraOrientation));
         tellDelegate();
     }
 
@@ -36,18 +35,18 @@ private:
         std::shared_ptr<CaptureDeviceDiscoverySession> discovery;
         if (platform_.captureSystem) {
             discovery = platform_.captureSystem->discoverDevices({kCaptureDeviceTypeBuiltInWideAngleCamera}, MediaType::Video,
-                                                                 state_->get(&CameraValues::devicePosition));
+                                                                 state_.get(&CameraValues::devicePosition));
         }
         if (discovery && !discovery->devices.empty()) device_ = discovery->devices.front();
-        state_->set(&CameraValues::discoverySession, discovery);
-        state_->set(&CameraValues::videoDevice, device_);
+        state_.set(&CameraValues::discoverySession, discovery);
+        state_.set(&CameraValues::videoDevice, device_);
         if (!device_) log("Could not discover a capture device");
         return device_ != nullptr;
     }
 
     bool addVideoInput() {
         const std::shared_ptr<CaptureDeviceInput> input = makeInput(device_);
-        state_->set(&CameraValues::videoInput, input);
+        state_.set(&CameraValues::videoInput, input);
         if (!input) {
             log("Could not create video device input: " + error_->localizedDescription);
             return false;
@@ -61,7 +60,7 @@ private:
 
     void orientPreview() const {
         if (!platform_.mainQueue) return;
-        platform_.mainQueue->async([weakState = std::weak_ptr(state_)] {
+        platform_.mainQueue->async([weakState = std::weak_ptr(context_.state)] {
             const auto state = weakState.lock();
             const auto layer = state ? state->get(&CameraValues::videoPreviewLayer) : nullptr;
             const auto connection = layer ? layer->connection() : nullptr;
@@ -70,11 +69,11 @@ private:
     }
 
     void chooseResolution() const {
-        const Size desired = state_->get(&CameraValues::desiredResolution);
-        if (const auto preset = state_->get(&CameraValues::sessionPreset)) {
+        const Size desired = state_.get(&CameraValues::desiredResolution);
+        if (const auto preset = state_.get(&CameraValues::sessionPreset)) {
             session_->setSessionPreset(presetToSet(*preset, [this](const std::string& name) { return session_->canSetSessionPreset(name); }));
         } else if (desired != Size{}) {
-            const auto format = searchFormat(device_->formats(), state_->get(&CameraValues::pixelBufferFormat), desired);
+            const auto format = searchFormat(device_->formats(), state_.get(&CameraValues::pixelBufferFormat), desired);
             if (!format) return;
             (void)device_->lockForConfiguration();  // a device that cannot be locked refuses the format itself
             device_->setActiveFormat(*format);
@@ -83,44 +82,53 @@ private:
     }
 
     void addAudioInput() {
-        if (!state_->recordAudio()) return;
+        if (!state_.recordAudio()) return;
         const auto device = platform_.captureSystem->defaultDevice(MediaType::Audio);
-        state_->set(&CameraValues::audioDevice, device);
+        state_.set(&CameraValues::audioDevice, device);
         const auto input = makeInput(device);
-        state_->set(&CameraValues::audioInput, input);
+        state_.set(&CameraValues::audioInput, input);
         if (!input || !addToSession(input)) log("Could not add audio device input to the session");
     }
 
     void addVideoDataOutput() const {
         const auto output = platform_.captureSystem->makeVideoDataOutput();
         if (output) {
-            output->setPixelFormat(framePixelFormat(state_->get(&CameraValues::analyzeRGBVideo), state_->get(&CameraValues::pixelBufferFormat)));
+            output->setPixelFormat(framePixelFormat(state_.get(&CameraValues::analyzeRGBVideo), state_.get(&CameraValues::pixelBufferFormat)));
             output->setAlwaysDiscardsLateVideoFrames(true);
         }
         addSampleOutput(&CameraValues::videoDataOutput, output, "Can't add videoDataOutput");
     }
 
     void addAudioDataOutput() const {
-        if (!state_->recordAudio() || !state_->get(&CameraValues::audioInput)) return;
+        if (!state_.recordAudio() || !state_.get(&CameraValues::audioInput)) return;
         addSampleOutput(&CameraValues::audioDataOutput, platform_.captureSystem->makeAudioDataOutput(), "Can't add audioDataOutput");
     }
 
     void addMetaDataOutput() const {
-        if (!state_->get(&CameraValues::detectPDF417)) return;
+        if (!state_.get(&CameraValues::detectPDF417)) return;
         const auto output = platform_.captureSystem->makeMetadataOutput();
-        state_->set(&CameraValues::metaDataOutput, output);
+        state_.set(&CameraValues::metaDataOutput, output);
         if (output && platform_.makeSerialQueue) {
             const auto queue = platform_.makeSerialQueue("MetaDataOutputQueue");
-            state_->set(&CameraValues::metaDataQueue, queue);
-            output->setMetadataObjectsDelegate(receiver_, queue);
+            state_.set(&CameraValues::metaDataQueue, queue);
+            output->setMetadataObjectsDelegate(context_.receiver, queue);
         }
         if (!output || !session_->canAddOutput(*output)) {
             log("Can't add metaDataOutput");
-            state_->set(&CameraValues::metaDataOutput, nullptr);
+            state_.set(&CameraValues::metaDataOutput, nullptr);
             return;
         }
         session_->addOutput(output);
         output->setMetadataObjectTypes({kMetadataObjectTypePDF417Code});  // an output knows its types only once it has been added
+    }
+
+    /// A shutdown since the beginning took down what there was of the graph then; the rest goes here.
+    bool wasShutDown() const {
+        const std::lock_guard lock(session_->monitor());
+        if (state_.session() == session_) return false;
+        dismantleSession(*session_, state_);
+        for (const auto& output : session_->outputs()) session_->removeOutput(output);  // added after the state had forgotten it
+        return true;
     }
 
     bool focus() {
@@ -133,9 +141,9 @@ private:
     }
 
     void tellDelegate() const {
-        const auto delegate = state_->delegate();
+        const auto delegate = state_.delegate();
         if (!delegate || !delegate->didFinishConfiguringSession) return;
-        state_->set(&CameraValues::configured, true);
+        state_.set(&CameraValues::configured, true);
         delegate->didFinishConfiguringSession();
     }
 
@@ -160,21 +168,20 @@ private:
 
     template <typename Output>
     void addSampleOutput(std::shared_ptr<Output> CameraValues::*member, const std::shared_ptr<Output>& output, const char* refused) const {
-        state_->set(member, output);
-        if (output) output->setSampleBufferDelegate(receiver_, videoOutputQueue_);
+        state_.set(member, output);
+        if (output) output->setSampleBufferDelegate(context_.receiver, context_.videoOutputQueue);
         if (output && session_->canAddOutput(*output)) {
             session_->addOutput(output);
         } else {
             log(refused);
-            state_->set(member, nullptr);
+            state_.set(member, nullptr);
         }
     }
 
-    const Platform& platform_;
-    const std::shared_ptr<CameraState>& state_;
-    const std::shared_ptr<CaptureOutputDelegate>& receiver_;
-    const std::shared_ptr<Queue>& videoOutputQueue_;
-    const std::shared_ptr<CaptureSession> session_ = state_->session();
+    const ConfigurationContext& context_;
+    const Platform& platform_ = context_.platform;
+    CameraState& state_ = *context_.state;
+    const std::shared_ptr<CaptureSession> session_ = state_.session();
     std::shared_ptr<CaptureDevice> device_;
     /// The one error slot of a run. A microphone that could not be opened leaves its error here, and the focus step, which only looks whether the
     /// slot is empty, then ends the run: a recording that was asked for with sound does not silently go without.
@@ -185,6 +192,24 @@ private:
 
 void configureSession(const ConfigurationContext& context) {
     Configuration(context).run();
+}
+
+void dismantleSession(CaptureSession& session, CameraState& state) {
+    session.beginConfiguration();
+    const auto remove = [&session](const auto& output, auto clearDelegate) {
+        if (!output) return;
+        ((*output).*clearDelegate)({}, nullptr);
+        session.removeOutput(output);
+    };
+    remove(state.get(&CameraValues::videoDataOutput), &VideoDataOutput::setSampleBufferDelegate);
+    remove(state.get(&CameraValues::audioDataOutput), &AudioDataOutput::setSampleBufferDelegate);
+    remove(state.get(&CameraValues::metaDataOutput), &MetadataOutput::setMetadataObjectsDelegate);
+    if (const auto input = state.get(&CameraValues::videoInput)) session.removeInput(input);
+    if (const auto input = state.get(&CameraValues::audioInput)) session.removeInput(input);
+    session.commitConfiguration();
+    state.set(&CameraValues::videoDataOutput, nullptr);
+    state.set(&CameraValues::audioDataOutput, nullptr);
+    state.set(&CameraValues::metaDataOutput, nullptr);
 }
 
 void orientOutputs(CaptureSession& session, VideoOrientation cameraOrientation) {

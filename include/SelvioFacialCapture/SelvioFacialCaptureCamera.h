@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -28,15 +29,16 @@ class VideoRecorder;
 /// Queues. "Session queue" is `videoQueue`, "video output queue" is `videoOutputQueue`, both serial and the camera's own; "main thread" is the one
 /// that drains the platform's main queue. Unless an operation says otherwise it may be called on any thread.
 ///
-/// Locks. Every stored value is guarded by one internal mutex and handed out by value. That mutex is the innermost one: no port, delegate or queue
-/// is called while it is held. `stop` and `shutdown` hold the session's monitor and may take the internal mutex inside it, never the other way
-/// round; neither waits for a queue, so a delegate may call both from any of its members.
+/// Locks, the outer ones first: the session's monitor (`stop`, `shutdown` and the last step of a configuration), the torch's mutex (while the device
+/// is told and `isTorchON` follows), and the mutex that guards every stored value, which are handed out by value: no port, delegate or queue is
+/// called while that one is held. Nothing waits for a queue, so a delegate may call every operation from any of its members.
 ///
 /// Failures are never returned: they go to the platform log as fixed messages, and success shows in the delegate calls. Nothing throws. A port
 /// that the platform lacks makes what needs it do nothing; without `makeView` the preview goes nowhere and all else works.
 ///
 /// Release the last reference on the main thread, because it takes the view along. Blocks still queued then find no camera and end quietly, but
-/// a `stopRecording` or `discardRecording` already requested is carried out.
+/// a `stopRecording` or `discardRecording` already requested is carried out. One that runs just then on the session queue hands its own reference
+/// to the main queue, where the camera ends.
 class SelvioFacialCaptureCamera final : public std::enable_shared_from_this<SelvioFacialCaptureCamera> {
 public:
     // ---- Construction. On the main thread. ----
@@ -131,8 +133,8 @@ public:
     /// The camera's own record of the torch. Both names give the same value.
     [[nodiscard]] bool isTorchON() const;
     [[nodiscard]] bool isTorchOn() const;
-    /// False without a torch. Otherwise true at once; the torch goes on 100 ms later, on the main queue. A `turnTorchOff` in between does not
-    /// call that off. A failure to lock the device is ignored.
+    /// False without a torch or a main queue. Otherwise true at once; the torch goes on 100 ms later, on the main queue. A `turnTorchOff` in between
+    /// does not call that off. A failure to lock the device is ignored.
     bool turnTorchOn();
     /// False without a torch. Otherwise the torch is off on return. A failure to lock the device is ignored.
     bool turnTorchOff();
@@ -169,15 +171,16 @@ public:
 
     // ---- Permissions. ----
 
-    /// Calls `completion` with whether the medium may be used: at once, on the caller's thread, if that is settled, else once the person has
+    /// Calls `permissionGranted` with whether the medium may be used: at once, on the caller's thread, if that is settled, else once the person has
     /// answered, on a thread of the platform's choice. An authorization status outside 0 to 3 never calls it. Without a capture system: false, at
     /// once.
-    static void permissionForPermissionGranted(selvio::MediaType mediaType, std::function<void(bool granted)> completion,
-                                               const selvio::Platform& platform = selvio::defaultPlatform());
+    static void permissionFor(selvio::MediaType mediaType, std::function<void(bool granted)> permissionGranted,
+                              const selvio::Platform& platform = selvio::defaultPlatform());
+    /// The same for the camera and the microphone.
     static void checkCameraPermission(std::function<void(bool granted)> completion, const selvio::Platform& platform = selvio::defaultPlatform());
     static void checkMicrophonePermission(std::function<void(bool granted)> completion, const selvio::Platform& platform = selvio::defaultPlatform());
 
-    // ---- What the camera has made. ----
+    // ---- What the camera alone decides. The host reads these (and `isTorchON` above) and cannot set them. ----
 
     /// True once the configuration is complete and the delegate has been, or is about to be, told.
     [[nodiscard]] bool isConfigured() const;
@@ -226,8 +229,11 @@ private:
     explicit SelvioFacialCaptureCamera(selvio::Platform platform);
     static std::shared_ptr<SelvioFacialCaptureCamera> make(selvio::Platform platform);
     void commonInit();
+    /// Submits the work to the session queue; a camera that has gone by then does none.
+    void onSessionQueue(void (SelvioFacialCaptureCamera::*work)());
     void configureSession();
-    void setOutputOrientations();
+    void startSession();
+    void setTorch(selvio::CaptureDevice& device, selvio::TorchMode mode);
 
     void observe(selvio::ApplicationNotification notification, void (SelvioFacialCaptureCamera::*handler)());
     void handleAppEnteredBackground();
@@ -237,6 +243,7 @@ private:
     const selvio::Platform platform_;
     const std::shared_ptr<selvio::View> view_;
     const std::shared_ptr<selvio::CameraState> state_;  // guards itself
+    std::mutex torchMutex_;                             // keeps the device's torch and `isTorchON` together
     // Made by commonInit, before anyone else knows the camera; not changed afterwards.
     std::shared_ptr<selvio::Queue> videoQueue_;
     std::shared_ptr<selvio::Queue> videoOutputQueue_;

@@ -30,17 +30,6 @@ TEST(CameraConfiguration, callsInOrderForTheWholeGraph) {
     EXPECT_THAT(rig.log.take(), IsEmpty());
 }
 
-TEST(CameraConfiguration, withDefaultsIsSmallAndTurnsPreviewAndFramesApart) {
-    CameraRig rig;
-    rig.capture->focusSupported = false;
-    rig.make();
-    rig.configure();
-    EXPECT_THAT(rig.capture->calls.take(),
-                ElementsAre("begin", "discover BuiltInWideAngleCamera video 1", "add camera", "video format 0", "video discards late",
-                            "video receiver on com.selvio.facialcapture.videoDataOutputQueue", "add video", "commit", "camera lock", "camera unlock",
-                            "video orientation 3", "preview orientation 1"));
-}
-
 // Everything that can go wrong: what is logged, what the graph then holds, and whether the delegate hears of it.
 TEST(CameraConfiguration, failures) {
     using Script = FakeCaptureScript;
@@ -77,7 +66,7 @@ TEST(CameraConfiguration, failures) {
         EXPECT_EQ(rig.camera->isConfigured(), row.configured);
         EXPECT_EQ(rig.events.size(), row.configured ? 1u : 0u);
         std::string outputs;
-        for (const auto& output : rig.camera->session()->outputs()) outputs += dynamic_cast<FakeOutput&>(*output).name() + " ";
+        for (const auto& output : rig.camera->session()->outputs()) outputs += nameOf(*output) + " ";
         EXPECT_EQ(outputs, row.outputs);
         EXPECT_EQ(std::string(rig.camera->videoDataOutput() ? "video " : "") + (rig.camera->audioDataOutput() ? "audio " : "") +
                       (rig.camera->metaDataOutput() ? "metadata " : ""),
@@ -113,8 +102,10 @@ TEST(CameraConfiguration, resolution) {
     }
 }
 
+// Defaults make a small graph, and preview and frames part. It is the delegate that asks for the configuration and that wants to know.
 TEST(CameraConfiguration, dependsOnTheDelegate) {
     CameraRig rig;
+    rig.capture->focusSupported = false;
     rig.make();
     rig.camera->setDelegate(nullptr);
     rig.run();
@@ -124,13 +115,41 @@ TEST(CameraConfiguration, dependsOnTheDelegate) {
     rig.camera->setAnalyzeRGBVideo(false);
     rig.camera->setDelegate(silent);
     rig.run();
-    EXPECT_THAT(rig.capture->calls.take(), Contains("video format 875704438"));
+    EXPECT_THAT(rig.capture->calls.take(),
+                ElementsAre("begin", "discover BuiltInWideAngleCamera video 1", "add camera", "video format 875704438", "video discards late",
+                            "video receiver on com.selvio.facialcapture.videoDataOutputQueue", "add video", "commit", "camera lock", "camera unlock",
+                            "video orientation 3", "preview orientation 1"));
     EXPECT_FALSE(rig.camera->isConfigured()) << "the graph is complete, but nobody was told";
 
     rig.configure();  // a second run on the same session
     EXPECT_THAT(rig.log.take(), ElementsAre("Could not add video device input to the session"));
     EXPECT_EQ(rig.camera->session()->outputs().size(), 1u);
     EXPECT_THAT(rig.events, IsEmpty());
+}
+
+TEST(CameraConfiguration, shutDownInTheMiddleLeavesNothing) {
+    CameraRig rig;
+    std::shared_ptr<CaptureSession> session;
+    rig.platform.makeSerialQueue = [&rig, &session, make = rig.platform.makeSerialQueue](const std::string& label) {
+        if (label == "MetaDataOutputQueue") session = rig.camera->session(), rig.camera->shutdown();
+        return make(label);
+    };
+    rig.makeConfigured(true, true);
+    EXPECT_TRUE(session && session->outputs().empty() && !rig.camera->metaDataOutput() && !rig.camera->isConfigured());
+    EXPECT_THAT(rig.log.take(), IsEmpty());
+}
+
+// What only a delegate still holds ends with the view, on the main thread.
+TEST(CameraConfiguration, theLastReferenceEndsOnTheMainQueue) {
+    CameraRig rig;
+    rig.make();
+    const std::weak_ptr<Camera> camera = rig.camera;
+    rig.delegate->didFinishConfiguringSession = [&rig] { rig.camera.reset(); };
+    rig.camera->setDelegate(rig.delegate);
+    rig.runSessionQueue();
+    EXPECT_FALSE(camera.expired());
+    rig.run();
+    EXPECT_TRUE(camera.expired());
 }
 
 }  // namespace

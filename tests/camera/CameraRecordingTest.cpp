@@ -137,7 +137,7 @@ TEST(CameraRecording, aStopFindsARecordingThatIsAboutToBegin) {
         rig.camera->stop();
         rig.run();
         rig.camera->start();
-        rig.queues[rig.camera->videoQueue()->label()]->runAll();
+        rig.runSessionQueue();
         (void)rig.writing->calls.take();
         rig.camera->parameters()->setRecordVideo(recordVideo);
         rig.camera->stop();

@@ -37,24 +37,31 @@ struct CameraRig {
 
     /// Runs every queue until all are idle.
     void run() {
-        bool any = true;
-        while (any) {
+        for (bool any = true; any;) {
             any = main->runNext();
             for (const auto& [label, queue] : queues) any = queue->runNext() || any;
         }
     }
+    void runSessionQueue() { queues[camera->videoQueue()->label()]->runAll(); }
     void make() { camera = Camera::init(platform); }
+    /// The calls and events of the configuration are forgotten.
+    void makeConfigured(bool recordAudio = false, bool detectPDF417 = false) {
+        make();
+        camera->parameters()->setRecordAudio(recordAudio);
+        camera->setDetectPDF417(detectPDF417);
+        configure();
+        (void)capture->calls.take();
+        events.clear();
+    }
     void configure() {
         camera->setDelegate(delegate);
         run();
     }
     /// A camera that runs and records with sound.
     void makeRecording(SelvioFacialCaptureVideoQuality quality = 10) {
-        make();
+        makeConfigured(true);
         camera->parameters()->setVideoQuality(quality);
         camera->parameters()->setRecordVideo(true);
-        camera->parameters()->setRecordAudio(true);
-        configure();
         camera->start();
         run();
         (void)capture->calls.take();
@@ -83,20 +90,17 @@ struct CameraRig {
     std::shared_ptr<Camera> camera;
 
 private:
-    void tell(const std::string& event, const std::string& queue) {
-        const auto found = queues.find(queue);
-        events.push_back(event + (found != queues.end() && found->second->isCurrent() ? "" : " off its queue"));
+    void tell(const std::string& event, std::string_view queue) {
+        const auto runs = [queue](const auto& entry) { return entry.first.ends_with(queue) && entry.second->isCurrent(); };
+        events.push_back(event + (std::any_of(queues.begin(), queues.end(), runs) ? "" : " off its queue"));
     }
     std::shared_ptr<SelvioFacialCaptureCameraDelegate> makeDelegate() {
-        const std::string prefix = kQueueLabelPrefix;
         auto made = std::make_shared<SelvioFacialCaptureCameraDelegate>();
-        made->didFinishConfiguringSession = [this, prefix] { tell("configured", prefix + ".avCaptureSessionQueue"); };
-        made->didReceiveSampleBuffer = [this, prefix](const auto&) { tell("frame", prefix + ".videoDataOutputQueue"); };
-        made->didDropSampleBuffer = [this, prefix](const auto&) { tell("drop", prefix + ".videoDataOutputQueue"); };
+        made->didFinishConfiguringSession = [this] { tell("configured", ".avCaptureSessionQueue"); };
+        made->didReceiveSampleBuffer = [this](const auto&) { tell("frame", ".videoDataOutputQueue"); };
+        made->didDropSampleBuffer = [this](const auto&) { tell("drop", ".videoDataOutputQueue"); };
         made->didDecodeBarcode = [this](const std::string& text) { tell("barcode " + text, "MetaDataOutputQueue"); };
-        made->didFinishRecordingVideo = [this](const std::vector<std::uint8_t>& data) {
-            events.push_back("recording of " + std::to_string(data.size()));
-        };
+        made->didFinishRecordingVideo = [this](const auto& data) { events.push_back("recording of " + std::to_string(data.size())); };
         return made;
     }
 };

@@ -81,7 +81,13 @@ TEST(CameraStress, controlFromManyThreadsAgainstRunningFrames) {
         video->deliver(frame());
         drain(rig.camera->videoOutputQueue());
         EXPECT_EQ(frames, seen) << "after the shutdown nothing is delivered";
-        drain(rig.camera->videoQueue());  // a block that runs there holds the camera for so long
+        drain(rig.camera->videoQueue());  // a block that runs there hands its camera to the main queue
+        rig.clock->advance(std::chrono::seconds(1));
+        main->drain();
+        const Strings calls = rig.capture->calls.take();
+        const auto torch = std::find_if(calls.rbegin(), calls.rend(), [](const std::string& call) { return call.starts_with("camera torch "); });
+        ASSERT_NE(torch, calls.rend());
+        EXPECT_EQ(rig.camera->isTorchON(), *torch == "camera torch on");
         const std::weak_ptr<Camera> gone = rig.camera;
         rig.camera.reset();
         EXPECT_TRUE(gone.expired());

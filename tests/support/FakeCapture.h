@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <future>
 #include <set>
 #include <utility>
 
@@ -83,20 +84,19 @@ private:
     const std::shared_ptr<CaptureDevice> device_;
 };
 
-/// The part that all outputs share: a name, a connection that can be turned and one that cannot, and the receiver.
-class FakeOutput {
+/// What all outputs share: a name, a connection that can be turned and one that cannot, and the receiver.
+template <typename Port>
+class FakeOutput : public Port {
 public:
     FakeOutput(FakeScript script, std::string name) : script_(std::move(script)), name_(std::move(name)) {}
-    virtual ~FakeOutput() = default;
-    [[nodiscard]] const std::string& name() const { return name_; }
-
-    /// Submits `deliver(delegate)` to the delegate's queue, if one is set.
-    void submit(std::function<void(CaptureOutputDelegate&)> deliver) {
-        const std::lock_guard lock(mutex_);
-        if (!queue_) return;
-        queue_->async([weak = delegate_, deliver = std::move(deliver)] {
-            if (const auto delegate = weak.lock()) deliver(*delegate);
-        });
+    [[nodiscard]] std::vector<std::shared_ptr<CaptureConnection>> connections() const override {
+        return {std::make_shared<FakeConnection>(script_, name_ + " fixed", false), std::make_shared<FakeConnection>(script_, name_)};
+    }
+    void deliver(const std::shared_ptr<SampleBuffer>& sample) {
+        submit([this, sample](CaptureOutputDelegate& to) { to.captureOutputDidOutputSampleBuffer(*this, sample, nullptr); });
+    }
+    void drop(const std::shared_ptr<SampleBuffer>& sample) {
+        submit([this, sample](CaptureOutputDelegate& to) { to.captureOutputDidDropSampleBuffer(*this, sample, nullptr); });
     }
 
 protected:
@@ -106,8 +106,13 @@ protected:
         delegate_ = std::move(delegate);
         queue_ = std::move(queue);
     }
-    [[nodiscard]] std::vector<std::shared_ptr<CaptureConnection>> bothConnections() const {
-        return {std::make_shared<FakeConnection>(script_, name_ + " fixed", false), std::make_shared<FakeConnection>(script_, name_)};
+    /// Submits `deliver(delegate)` to the delegate's queue, if one is set.
+    void submit(std::function<void(CaptureOutputDelegate&)> deliver) {
+        const std::lock_guard lock(mutex_);
+        if (!queue_) return;
+        queue_->async([weak = delegate_, deliver = std::move(deliver)] {
+            if (const auto delegate = weak.lock()) deliver(*delegate);
+        });
     }
     void say(const std::string& what) { script_->calls.add(name_ + " " + what); }
     const FakeScript script_;
@@ -119,31 +124,12 @@ private:
     std::shared_ptr<Queue> queue_;                   // guarded by mutex_
 };
 
-template <typename Port>
-class FakeOutputOf : public Port, public FakeOutput {
+class FakeVideoDataOutput final : public FakeOutput<VideoDataOutput> {
 public:
     using FakeOutput::FakeOutput;
-    [[nodiscard]] std::vector<std::shared_ptr<CaptureConnection>> connections() const override { return bothConnections(); }
-    void deliver(const std::shared_ptr<SampleBuffer>& sample) {
-        submit([this, sample](CaptureOutputDelegate& to) { to.captureOutputDidOutputSampleBuffer(*this, sample, nullptr); });
-    }
-    void drop(const std::shared_ptr<SampleBuffer>& sample) {
-        submit([this, sample](CaptureOutputDelegate& to) { to.captureOutputDidDropSampleBuffer(*this, sample, nullptr); });
-    }
-};
-
-template <typename Port>
-class FakeSampleOutput : public FakeOutputOf<Port> {
-public:
-    using FakeOutputOf<Port>::FakeOutputOf;
     void setSampleBufferDelegate(std::weak_ptr<CaptureOutputDelegate> delegate, std::shared_ptr<Queue> queue) override {
-        this->setReceiver(std::move(delegate), std::move(queue));
+        setReceiver(std::move(delegate), std::move(queue));
     }
-};
-
-class FakeVideoDataOutput final : public FakeSampleOutput<VideoDataOutput> {
-public:
-    using FakeSampleOutput::FakeSampleOutput;
     void setPixelFormat(PixelFormat format) override { say("format " + std::to_string(format)); }
     void setAlwaysDiscardsLateVideoFrames(bool discards) override { say(discards ? "discards late" : "keeps late"); }
     [[nodiscard]] VideoSettings recommendedVideoSettings(const std::string& fileType) const override {
@@ -151,15 +137,18 @@ public:
     }
 };
 
-class FakeAudioDataOutput final : public FakeSampleOutput<AudioDataOutput> {
+class FakeAudioDataOutput final : public FakeOutput<AudioDataOutput> {
 public:
-    using FakeSampleOutput::FakeSampleOutput;
+    using FakeOutput::FakeOutput;
+    void setSampleBufferDelegate(std::weak_ptr<CaptureOutputDelegate> delegate, std::shared_ptr<Queue> queue) override {
+        setReceiver(std::move(delegate), std::move(queue));
+    }
     [[nodiscard]] AudioSettings recommendedAudioSettings(const std::string&) const override { return {44100, 2, 128000}; }
 };
 
-class FakeMetadataOutput final : public FakeOutputOf<MetadataOutput> {
+class FakeMetadataOutput final : public FakeOutput<MetadataOutput> {
 public:
-    using FakeOutputOf::FakeOutputOf;
+    using FakeOutput::FakeOutput;
     void setMetadataObjectsDelegate(std::weak_ptr<CaptureOutputDelegate> delegate, std::shared_ptr<Queue> queue) override {
         setReceiver(std::move(delegate), std::move(queue));
     }
@@ -168,6 +157,11 @@ public:
         submit([this, objects](CaptureOutputDelegate& to) { to.captureOutputDidOutputMetadataObjects(*this, objects, nullptr); });
     }
 };
+
+inline std::string nameOf(const CaptureOutput& output) {
+    if (dynamic_cast<const VideoDataOutput*>(&output)) return "video";
+    return dynamic_cast<const AudioDataOutput*>(&output) ? "audio" : "metadata";
+}
 
 class FakeCaptureSession final : public CaptureSession {
 public:
@@ -192,7 +186,7 @@ public:
         inputs_.push_back(std::move(input));
     }
     void removeInput(const std::shared_ptr<CaptureDeviceInput>& input) override {
-        script_->calls.add("remove " + input->device()->uniqueId());
+        sayGuarded("remove " + input->device()->uniqueId());
         const std::lock_guard lock(mutex_);
         std::erase(inputs_, input);
     }
@@ -203,7 +197,7 @@ public:
         outputs_.push_back(std::move(output));
     }
     void removeOutput(const std::shared_ptr<CaptureOutput>& output) override {
-        script_->calls.add("remove " + nameOf(*output));
+        sayGuarded("remove " + nameOf(*output));
         const std::lock_guard lock(mutex_);
         std::erase(outputs_, output);
     }
@@ -217,13 +211,18 @@ public:
         running_ = true;
     }
     void stopRunning() override {
-        script_->calls.add("stop");
+        sayGuarded("stop");
         running_ = false;
     }
     [[nodiscard]] std::chrono::nanoseconds masterClockTime() const override { return std::chrono::seconds(42); }
 
 private:
-    static std::string nameOf(const CaptureOutput& output) { return dynamic_cast<const FakeOutput&>(output).name(); }
+    /// For what must not be done without the monitor.
+    void sayGuarded(const std::string& call) {
+        const auto isFree = [this] { return std::unique_lock(monitor_, std::try_to_lock).owns_lock(); };
+        script_->calls.add(call + (std::async(std::launch::async, isFree).get() ? " unlocked" : ""));
+    }
+
     const FakeScript script_;
     std::recursive_mutex monitor_;
     mutable std::mutex mutex_;
