@@ -4,11 +4,6 @@
 
 namespace selvio {
 
-void NotificationCenter::addObserver(Observer observer, ApplicationNotification notification, Handler handler) {
-    const std::lock_guard lock(mutex_);
-    entries_.push_back({observer, notification, std::move(handler), std::nullopt});
-}
-
 void NotificationCenter::addObserver(const std::shared_ptr<const void>& observer, ApplicationNotification notification, Handler handler) {
     const std::lock_guard lock(mutex_);
     forgetGoneObservers();
@@ -16,7 +11,7 @@ void NotificationCenter::addObserver(const std::shared_ptr<const void>& observer
 }
 
 void NotificationCenter::forgetGoneObservers() {
-    std::erase_if(entries_, [](const Entry& entry) { return entry.lifetime && entry.lifetime->expired(); });
+    std::erase_if(entries_, [](const Entry& entry) { return entry.lifetime.expired(); });
 }
 
 void NotificationCenter::removeObserver(Observer observer) {

@@ -49,8 +49,7 @@ public:
     /// Identifies an observer; any address of the observer's own.
     using Observer = const void*;
 
-    void addObserver(Observer observer, ApplicationNotification notification, Handler handler);
-    /// The same for an observer that is held weakly: once it has gone it is forgotten.
+    /// The observer is held weakly: once it has gone it is forgotten.
     void addObserver(const std::shared_ptr<const void>& observer, ApplicationNotification notification, Handler handler);
     /// Removes the observer for all notifications; a handler of it that runs on another thread may still be running on return.
     void removeObserver(Observer observer);
@@ -62,7 +61,7 @@ private:
         Observer observer;
         ApplicationNotification notification;
         Handler handler;
-        std::optional<std::weak_ptr<const void>> lifetime;  // absent for an observer that is known by its address only
+        std::weak_ptr<const void> lifetime;
     };
     void forgetGoneObservers();  // with mutex_ held
 
