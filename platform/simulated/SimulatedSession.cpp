@@ -345,7 +345,7 @@ void SimulatedSession::tick(nanoseconds clockTime) {
             joined.audio->deliver(run->samples, {.presentationTime = run->start + timeOfSamples(run->samples), .duration = timeOfSamples(kBlock)});
         }
     }
-    if (joined.metadata != nullptr) {
+    if (joined.metadata != nullptr && !faults.framesStall) {
         if (const auto barcode = control_->scene->frames().script().stateAt(scriptTime).barcode) joined.metadata->deliver(*barcode);
     }
 }

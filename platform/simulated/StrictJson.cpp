@@ -63,7 +63,9 @@ private:
 
 Expected<std::string> readText(const std::filesystem::path& path) {
     std::error_code ignored;
-    if (std::filesystem::is_directory(path, ignored)) return Error{path.string() + ": is a directory"};
+    if (std::filesystem::exists(path, ignored) && !std::filesystem::is_regular_file(path, ignored)) {
+        return Error{path.string() + ": is not a regular file"};  // reading from a pipe might never end
+    }
     std::ifstream file(path, std::ios::binary);
     if (!file) return Error{path.string() + ": cannot be opened"};
     std::string text(kLargestFile + 1, '\0');

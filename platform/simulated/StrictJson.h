@@ -14,7 +14,7 @@
 
 namespace selvio::strictjson {
 
-/// The file's text; files above 4 MiB are refused.
+/// The file's text; files above 4 MiB and what is not a regular file are refused.
 [[nodiscard]] Expected<std::string> readText(const std::filesystem::path& path);
 
 /// Parses; the error says "source:line:column: reason". A key given twice in one object is an error.

@@ -52,7 +52,7 @@ TEST(MotionScript, NamesWhatIsWrong) {
         EXPECT_THAT(script.error().localizedDescription, HasSubstr("face.json"));
     }
     EXPECT_THAT(MotionScript::load("/nowhere/x.json").error().localizedDescription, HasSubstr("/nowhere/x.json: cannot be opened"));
-    EXPECT_THAT(MotionScript::load("/tmp").error().localizedDescription, HasSubstr("is a directory"));
+    EXPECT_THAT(MotionScript::load("/tmp").error().localizedDescription, HasSubstr("/tmp: is not a regular file"));
 }
 
 TEST(FaceGeometry, NamesWhatIsWrong) {

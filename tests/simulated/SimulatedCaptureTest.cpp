@@ -296,6 +296,9 @@ TEST(SimulatedCapture, CodesComeWhenTheyAreLookedFor) {
     rig.step(1500ms);
     EXPECT_TRUE(rig.recorder->codes.empty());
     rig.metadata->setMetadataObjectTypes({kMetadataObjectTypePDF417Code});
+    rig.system->setFaults({.framesStall = true});
+    rig.step(1500ms);
+    rig.system->setFaults({});
     for (const auto time : {500ms, 1500ms, 2500ms}) rig.step(time);
     EXPECT_THAT(rig.recorder->codes, ElementsAre("PDF417:M1SMITH"));
 }

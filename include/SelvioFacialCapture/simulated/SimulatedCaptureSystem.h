@@ -24,7 +24,7 @@ struct SimulatedFaults {
     bool lockFails = false;                  ///< `lockForConfiguration` answers an error
     bool startFails = false;                 ///< `startRunning` logs why and leaves the session stopped
     bool deviceLost = false;                 ///< cameras are unplugged: a running session logs it, stops, and discovery finds no camera
-    bool framesStall = false;                ///< the session runs, the microphone too, but no frame and no drop notice comes
+    bool framesStall = false;                ///< the session runs, the microphone too, but no frame, drop notice or code comes
     int dropEvery = 0;                       ///< every nth frame arrives as a drop notice; 0: none
     std::set<std::string> refusedPresets{};  ///< `canSetSessionPreset` says no to these
 };
