@@ -253,7 +253,10 @@ void Session::end(ExitCode code) {
     ending_ = true;
     fail(code);
     countdown_->cancel();
-    afterSessionQueue(&Session::stopCamera);  // a start that was asked for comes first, else it would come after the stop
+    // A start that was asked for comes first, on both queues, else it would come after the stop.
+    camera_->videoQueue()->async([output = camera_->videoOutputQueue(), main = platform_.mainQueue, block = weakly(&Session::stopCamera)] {
+        output->async([main, block] { main->async(block); });
+    });
     platform_.mainQueue->asyncAfter(kLongestEnding, [code = exitCode_] {
         complain("the camera does not end");
         std::cout.flush();
@@ -266,6 +269,7 @@ void Session::stopCamera() {
     const bool recording = writer && writer->status() == AssetWriterStatus::Writing;
     camera_->stop();
     if (recording) {
+        camera_->stopRecording();  // a session that ended by itself left that to us; a second request does nothing
         platform_.mainQueue->asyncAfter(kLongestFinishing, [weak = weak_from_this()] {
             if (const auto self = weak.lock()) self->recordingFinished({});
         });
