@@ -152,8 +152,7 @@ TEST(CameraControl, barcodes) {
     } rows[] = {{{{type, "one", {}}, {type, "two", {}}}, {"barcode one"}},
                 {{{"QR", "no", {}}, {type, std::nullopt, {}}, {type, "two", {}}}, {"barcode two"}},
                 {{{type, "", {}}, {type, "two", {}}}, {"barcode "}},
-                {{{"QR", "no", {}}}, {}},
-                {{}, {}}};
+                {{{"QR", "no", {}}}, {}}};
     for (const auto& row : rows) {
         CameraRig rig;
         rig.makeConfigured(false, true);
