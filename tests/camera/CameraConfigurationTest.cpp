@@ -81,24 +81,21 @@ TEST(CameraConfiguration, resolution) {
     const struct {
         std::optional<std::string> preset;
         std::int64_t format;
-        Size desired;
         Strings calls;
-    } rows[] = {{std::nullopt, kPixelFormat420v, {}, {}},
-                {std::nullopt, kPixelFormat420v, {640, 480}, {"camera lock", "camera format width 640", "camera unlock"}},
-                {std::nullopt, kPixelFormat32BGRA, {640, 480}, {}},
-                {"High", kPixelFormat420v, {640, 480}, {"can set High", "set High"}}};
+    } rows[] = {{std::nullopt, kPixelFormat420v, {"camera lock", "camera format width 640", "camera unlock"}},
+                {std::nullopt, kPixelFormat32BGRA, {}},  // the camera has no such format
+                {"High", kPixelFormat420v, {"can set High", "set High"}}};
     for (const auto& row : rows) {
         CameraRig rig;
         rig.capture->formats = {{{kPixelFormat420v, 640, 480}, 30.0}};
         rig.capture->lockFails = true;  // the format is set all the same
         rig.make();
         rig.camera->setPreset(row.preset, row.format);
-        rig.camera->setDesiredResolution(row.desired);
+        rig.camera->setDesiredResolution({640, 480});
         rig.configure();
         const Strings calls = rig.capture->calls.take();
         const auto from = std::find(calls.begin(), calls.end(), "add camera") + 1;
-        const auto to = std::find_if(from, calls.end(), [](const std::string& call) { return call.starts_with("video format"); });
-        EXPECT_EQ(Strings(from, to), row.calls);
+        EXPECT_EQ(Strings(from, std::find(from, calls.end(), "video format " + std::to_string(row.format))), row.calls);
     }
 }
 

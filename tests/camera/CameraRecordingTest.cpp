@@ -188,13 +188,13 @@ TEST(CameraRecording, aRequestedStopOutlivesTheCameraAndAStartDoesNot) {
 }
 
 TEST(CameraRecording, cleanup) {
-    const Strings before = {"selvio_a.mp4", "selvio_b.MP4", "x_selvio_c.mp4", "selvio_d.mov", "selvio_e.mp4"};
+    const Strings before = {"selvio_a.mp4", "selvio_b.MP4", "selvio_d.mov", "selvio_e.mp4", "x_selvio_c.mp4"};
     const struct {
         bool listingFails;
         std::set<std::string> undeletable;
         Strings log, left;
     } rows[] = {
-        {false, {before[0]}, {"Couldn't delete item at path: selvio_a.mp4\nread-only"}, {before[0], before[1], before[2], before[3]}},
+        {false, {before[0]}, {"Couldn't delete item at path: selvio_a.mp4\nread-only"}, {before[0], before[1], before[2], before[4]}},
         {true, {}, {"Couldn't get contents of Documents directory:\nno such directory"}, before},
     };
     for (const auto& row : rows) {

@@ -3,7 +3,7 @@
 
 #include <SelvioFacialCapture/platform/Files.h>
 
-#include <algorithm>
+#include <map>
 #include <mutex>
 #include <set>
 #include <utility>
@@ -23,25 +23,23 @@ public:
     std::optional<Error> removeItem(const std::filesystem::path& path) override {
         if (undeletable.contains(path.filename().string())) return Error{"read-only"};
         const std::lock_guard lock(mutex_);
-        std::erase_if(files_, [&](const auto& file) { return documentsDirectory() / file.first == path; });
+        files_.erase(path);
         return std::nullopt;
     }
     [[nodiscard]] Expected<Bytes> readFile(const std::filesystem::path& path) const override {
         const std::lock_guard lock(mutex_);
-        for (const auto& [name, bytes] : files_) {
-            if (documentsDirectory() / name == path) return bytes;
-        }
-        return Error{"no such file"};
+        const auto found = files_.find(path);
+        return found == files_.end() ? Expected<Bytes>(Error{"no such file"}) : found->second;
     }
 
-    void put(std::string name, Bytes bytes = {}) {
+    void put(const std::string& name, Bytes bytes = {}) {
         const std::lock_guard lock(mutex_);
-        files_.emplace_back(std::move(name), std::move(bytes));
+        files_.insert_or_assign(documentsDirectory() / name, std::move(bytes));
     }
     [[nodiscard]] std::vector<std::string> names() const {
         const std::lock_guard lock(mutex_);
         std::vector<std::string> names;
-        for (const auto& file : files_) names.push_back(file.first);
+        for (const auto& [path, bytes] : files_) names.push_back(path.filename().string());
         return names;
     }
 
@@ -51,7 +49,7 @@ public:
 
 private:
     mutable std::mutex mutex_;
-    std::vector<std::pair<std::string, Bytes>> files_;  // guarded by mutex_; in listing order
+    std::map<std::filesystem::path, Bytes> files_;  // guarded by mutex_
 };
 
 }  // namespace selvio
