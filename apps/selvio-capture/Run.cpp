@@ -4,6 +4,7 @@
 #include "FrameWatch.h"
 #include "HostPlatform.h"
 #include "InputWatcher.h"
+#include "KeptQueues.h"
 #include "OutputFiles.h"
 #include "RunOutput.h"
 #include "Source.h"
@@ -358,6 +359,8 @@ ExitCode run(const RunOptions& options) {
         output->message(where);
     }
 
+    KeptQueues queues;  // outlives the session
+    platform.makeSerialQueue = [&queues](const std::string& label) { return queues.make(label); };
     const auto session = std::make_shared<Session>(std::move(platform), options, source, *output, language);
     const bool enterSelects = options.parameters->mode() == SelvioFacialCaptureModeManual && ::isatty(STDIN_FILENO) == 1;
     if (enterSelects) std::cerr << text(Phrase::PressEnter, language) << std::endl;

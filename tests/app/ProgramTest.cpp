@@ -313,7 +313,7 @@ TEST_F(SelvioCapture, GuidesOnATerminalAndTakesThePictureWhenEnterIsPressed) {
 TEST_F(SelvioCapture, LeavesTheRecordWhenItIsInterruptedOrTimesOut) {
     for (const int signal : {SIGINT, SIGTERM, 0}) {
         bool sent = signal == 0;  // then the time runs out
-        const auto ended = run(capture(emptyScene(), {"--timeout", "3"}), [&](const std::string&, pid_t program) {
+        const auto ended = run(capture(emptyScene(), {"--timeout", sent ? "3" : "30"}), [&](const std::string&, pid_t program) {
             if (!std::exchange(sent, true)) ::kill(program, signal);
         });
         EXPECT_EQ(ended.exitCode, 3) << ended.err;
