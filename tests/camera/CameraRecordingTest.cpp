@@ -136,6 +136,7 @@ TEST(CameraRecording, endings) {
 TEST(CameraRecording, aStopFindsARecordingThatIsAboutToBegin) {
     for (const bool recordVideo : {true, false}) {
         CameraRig rig;
+        rig.writing->finishesAtOnce = true;
         rig.makeConfigured();
         rig.camera->parameters()->setRecordVideo(true);
         rig.camera->start();
