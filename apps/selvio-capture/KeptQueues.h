@@ -14,6 +14,16 @@ namespace selvio::app {
 /// turn out to be the last owner of its object, and a thread would still be about when the program ends.
 class KeptQueues {
 public:
+    KeptQueues() = default;
+    KeptQueues(const KeptQueues&) = delete;
+    KeptQueues& operator=(const KeptQueues&) = delete;
+    /// Runs every block, those that blocks of other queues submit included, while the queues are still held: who owns one besides is gone afterwards.
+    ~KeptQueues() {
+        for (int round = 0; round < 2; ++round) {
+            for (const auto& queue : queues_) queue->drain();
+        }
+    }
+
     /// Any thread.
     std::shared_ptr<Queue> make(const std::string& label) {
         const std::lock_guard lock(mutex_);

@@ -251,7 +251,7 @@ TEST_F(SelvioCapture, KeepsTheRecordingHoweverTheCaptureEnds) {
         bool sent = !interrupt;
         const auto script = interrupt ? emptyScene() : kSamples / "scripts/steady.json";
         const auto ended = run(capture(script, {"--record-video", "--record-audio"}), [&](const std::string& out, pid_t program) {
-            if (std::ranges::count(out, '\n') > 20 && !std::exchange(sent, true)) ::kill(program, SIGINT);
+            if (std::ranges::count(out, '\n') > 5 && !std::exchange(sent, true)) ::kill(program, SIGINT);
         });
         EXPECT_EQ(ended.exitCode, interrupt ? 3 : 0) << ended.err;
         EXPECT_EQ(record()["Parameters"]["RecordVideo"], "1");
