@@ -1,0 +1,130 @@
+#include "CaptureProbe.h"
+#include "support/MediaProbe.h"
+
+#include <SelvioFacialCapture/linux/Capture.h>
+
+#include <ZXing/BitMatrix.h>
+#include <ZXing/MultiFormatWriter.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <fstream>
+
+namespace selvio {
+namespace {
+
+using namespace test;
+
+constexpr int kWidth = 1280;
+constexpr int kHeight = 720;
+constexpr int kQuiet = 12;  // pixels of white around a code
+
+/// A grey camera picture.
+struct Picture {
+    std::string levels = std::string(static_cast<std::size_t>(kWidth) * kHeight, '\0');
+
+    void set(int x, int y, int level) { levels.at(static_cast<std::size_t>(y) * kWidth + static_cast<std::size_t>(x)) = static_cast<char>(level); }
+};
+
+enum class Light { Even, DarkAround, FallingOff };
+
+/// What the camera sees of a card with a PDF417 code, and where the code's bars are in it. `turned` stands the code on its side.
+std::pair<Picture, Rect> cardWith(const std::string& text, int module, Light light, bool turned) {
+    auto code = ZXing::MultiFormatWriter(ZXing::BarcodeFormat::PDF417).setMargin(0).encode(text, 0, 0);
+    if (turned) code.rotate90();
+    const int width = code.width() * module;
+    const int height = code.height() * module;
+    const int left = (kWidth - width) / 2;
+    const int top = (kHeight - height) / 2 + 40;
+    Picture picture;
+    for (int y = 0; y < kHeight; ++y) {
+        for (int x = 0; x < kWidth; ++x) {
+            const bool onCard = x >= left - kQuiet && x < left + width + kQuiet && y >= top - kQuiet && y < top + height + kQuiet;
+            const bool inCode = x >= left && x < left + width && y >= top && y < top + height;
+            const bool ink = inCode && code.get((x - left) / module, (y - top) / module);
+            int level = ink ? 40 : onCard || light != Light::DarkAround ? 200 : 25;
+            if (light == Light::FallingOff) level = level * (kWidth - x) / kWidth;
+            picture.set(x, y, level);
+        }
+    }
+    return {picture, {1.0 * left, 1.0 * top, 1.0 * width, 1.0 * height}};
+}
+
+class CodeProbe final : public CaptureProbe {
+public:
+    explicit CodeProbe(std::shared_ptr<Queue> queue) : queue_(std::move(queue)) {}
+    void captureOutputDidOutputMetadataObjects(const CaptureOutput& output, const std::vector<MetadataObject>& objects,
+                                               const std::shared_ptr<CaptureConnection>& connection) override {
+        if (!queue_->isCurrent()) elsewhere = true;
+        CaptureProbe::captureOutputDidOutputMetadataObjects(output, objects, connection);
+    }
+    std::atomic<bool> elsewhere{false};
+
+private:
+    const std::shared_ptr<Queue> queue_;
+};
+
+TEST(Barcode, ReadsPdf417CodesWhileFramesKeepArriving) {
+    const std::string brief = "ID 4711-0815 Jane Doe";
+    const std::string full =
+        "@ANSI 636000080002DL00410278ZV03190008DLDAQT64235789 DCSSAMPLE DDEN DACMICHAEL DDFN DADJOHN DCUJR DCAD DCBK DCDPH DBD06062019";
+    struct Case {
+        const char* what;
+        std::string text;
+        int module;
+        Light light;
+        bool turned;
+        VideoOrientation orientation;
+        PixelFormat format;
+    };
+    const Case cases[] = {
+        {"landscape", full, 3, Light::Even, false, VideoOrientation::LandscapeRight, kPixelFormat420v},
+        {"dark around the card", full, 3, Light::DarkAround, false, VideoOrientation::LandscapeRight, kPixelFormat32BGRA},
+        {"light that falls off", full, 2, Light::FallingOff, false, VideoOrientation::LandscapeRight, kPixelFormat420v},
+        {"portrait", brief, 3, Light::Even, false, VideoOrientation::Portrait, kPixelFormat32BGRA},
+        {"portrait, a code on its side", full, 3, Light::DarkAround, true, VideoOrientation::Portrait, kPixelFormat420v},
+    };
+    TemporaryDirectory directory;
+    const auto file = directory.path() / "card.gray";
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        const auto [picture, place] = cardWith(c.text, c.module, c.light, c.turned);
+        std::ofstream(file, std::ios::binary) << picture.levels;
+        const SourceCamera camera{.name = "card",
+                                  .source = "filesrc location=" + file.string() + " blocksize=" + std::to_string(picture.levels.size()) +
+                                            " ! rawvideoparse format=gray8 width=1280 height=720 ! imagefreeze is-live=true ! videoconvert",
+                                  .rawFormat = c.format == kPixelFormat420v ? "NV12" : "BGRA"};
+        const auto system = makeGstCaptureSystem({.systemDevices = false, .sources = {camera}});
+        const auto devices = system->discoverDevices({}, MediaType::Video, CaptureDevicePosition::Unspecified)->devices;
+        Rig rig(system, devices.at(0), c.format);
+        const auto queue = std::make_shared<SerialQueue>("codes");
+        const auto codes = std::make_shared<CodeProbe>(queue);
+        const auto output = system->makeMetadataOutput();
+        output->setMetadataObjectsDelegate(codes, queue);
+        rig.session->addOutput(output);
+        output->setMetadataObjectTypes({kMetadataObjectTypePDF417Code});
+        for (const auto& connection : {output->connections().at(0), rig.output->connections().at(0)}) connection->setVideoOrientation(c.orientation);
+
+        rig.session->startRunning();
+        ASSERT_TRUE(codes->waitFor([&] { return !codes->objects_.empty(); }));
+        EXPECT_TRUE(rig.probe->waitForFrames(5));
+        EXPECT_TRUE(codes->waitFor([&] { return codes->objects_.size() >= 3; })) << "a code that stays in view is told again";
+        rig.session->stopRunning();
+        queue->drain();
+        EXPECT_FALSE(codes->elsewhere) << "every call is on the queue that was asked for";
+        const VideoFormatDescription frame = rig.probe->lastFormat();
+        const double cropped = (kWidth - frame.width) / 2.0;
+        for (const MetadataObject& object : codes->objects_) {
+            EXPECT_EQ(object.type, kMetadataObjectTypePDF417Code);
+            EXPECT_EQ(object.stringValue, c.text);
+            EXPECT_NEAR(object.bounds.x * frame.width, place.x - cropped, 20);
+            EXPECT_NEAR(object.bounds.y * frame.height, place.y, 20);
+            EXPECT_NEAR(object.bounds.width * frame.width, place.width, 40);
+            EXPECT_NEAR(object.bounds.height * frame.height, place.height, 40);
+        }
+        output->setMetadataObjectsDelegate({}, nullptr);
+    }
+}
+
+}  // namespace
+}  // namespace selvio
