@@ -4,17 +4,26 @@
 // Without a conversion ("native") the bare pipeline does next to nothing; the difference in processor time, not the ratio, is the cost of handing
 // 90 frames on to another thread.
 //
+// How late frames reach a camera's delegate, with and without an analyzer that is fed there, is printed as well (five seconds each, a portrait before
+// the camera): "latest" is the longest way of a frame from its capture to the delegate, in frame times, which should stay below 1.
+//
 // With a camera's name in SELVIO_BENCH_CAMERA that camera is measured as well, for example a virtual one:
 //   private-pipewire.sh sh -c 'selvio-virtual-camera Bench front 30 NV12:1280x720 & SELVIO_BENCH_CAMERA=Bench bench_capture'
+#include <SelvioFacialCapture/SelvioFacialCapture.h>
+#include <SelvioFacialCapture/base/MainQueue.h>
 #include <SelvioFacialCapture/base/SerialQueue.h>
 #include <SelvioFacialCapture/linux/Capture.h>
+#include <SelvioFacialCapture/linux/LinuxPlatform.h>
 #include <benchmark/benchmark.h>
 #include <gst/gst.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <future>
 #include <thread>
+#include <vector>
 
 #include "Ratios.h"
 
@@ -109,6 +118,72 @@ void BM_converted_codes(benchmark::State& state) {
     runSession(state, pictureOf("YUY2"), kPixelFormat32BGRA, "picture", true);
 }
 
+// ---- lateness
+
+constexpr std::chrono::seconds kLatenessRun{5};
+constexpr double kFrameTime = 1.0 / 30;  // seconds
+
+/// The middle of the sample portrait, still, in 1280x720.
+SourceCamera portraitCamera() {
+    return {.name = "portrait",
+            .source = "filesrc location=\"" SELVIO_BENCH_PORTRAIT
+                      "\" ! jpegdec ! videoscale add-borders=true ! videoconvert ! "
+                      "video/x-raw,format=NV12,width=1280,height=720,pixel-aspect-ratio=1/1 ! imagefreeze is-live=true"};
+}
+
+void runCamera(benchmark::State& state, bool analyse) {
+    if (const auto error = waitForVisionModels()) return state.SkipWithError(error->localizedDescription.c_str());
+    const auto mainQueue = std::make_shared<MainQueue>();
+    Platform platform = makeLinuxPlatform();
+    platform.mainQueue = mainQueue;
+    platform.captureSystem = makeGstCaptureSystem({.systemDevices = false, .sources = {portraitCamera()}});
+    const auto analyzer = SelvioFacialCaptureAnalyzer::initWithParameters(std::make_shared<SelvioFacialCaptureParameters>(), platform);
+    const auto host = std::make_shared<SelvioFacialCaptureAnalyzerDelegate>();
+    int faces = 0;
+    host->detectionResults = [&](const auto& results) {
+        const auto statuses = results->orderedStatuses();
+        if (statuses && (statuses->empty() || statuses->front() != SelvioFacialCaptureStatusFaceNotFound)) ++faces;
+    };
+    analyzer->setDelegate(host);
+
+    const auto camera = SelvioFacialCaptureCamera::initWithPreset(kCaptureSessionPreset1280x720, kPixelFormat420v, CaptureDevicePosition::Unspecified,
+                                                                  VideoOrientation::Portrait, Rect{}, platform);
+    camera->setAnalyzeRGBVideo(false);
+    const auto parameters = std::make_shared<SelvioFacialCaptureCameraParameters>();
+    parameters->setRecordVideo(false);
+    parameters->setRecordAudio(false);
+    camera->setParameters(parameters);
+    const auto events = std::make_shared<SelvioFacialCaptureCameraDelegate>();
+    std::vector<double> lateness;  // frame times; of the video output queue until the camera has stopped
+    int drops = 0;
+    events->didFinishConfiguringSession = [] {};
+    events->didReceiveSampleBuffer = [&](const auto& frame) {
+        const std::chrono::duration<double> late = platform.clock->monotonicTime() - *frame->timing().presentationTime;
+        lateness.push_back(late.count() / kFrameTime);
+        if (analyse) analyzer->analyzeSampleBuffer(frame);
+    };
+    events->didDropSampleBuffer = [&](const auto&) { ++drops; };
+    camera->setDelegate(events);
+    for (auto _ : state) {
+        camera->start();
+        mainQueue->asyncAfter(kLatenessRun, [&] { mainQueue->quit(); });
+        mainQueue->run();
+        camera->stop();
+        std::promise<void> last;  // frame on its queue
+        camera->videoOutputQueue()->async([&] { last.set_value(); });
+        last.get_future().wait();
+    }
+    camera->shutdown();
+    analyzer->stop();
+    if (lateness.empty()) return state.SkipWithError("no frames came");
+    std::sort(lateness.begin(), lateness.end());
+    state.counters["frames"] = static_cast<double>(lateness.size());
+    state.counters["drops"] = drops;
+    state.counters["faces"] = faces;
+    state.counters["median"] = lateness[lateness.size() / 2];
+    state.counters["latest"] = lateness.back();
+}
+
 const char* const kCamera = std::getenv("SELVIO_BENCH_CAMERA");
 
 void BM_camera(benchmark::State& state) {
@@ -136,6 +211,14 @@ int main(int argc, char** argv) {
     add("converted", BM_converted);
     add("converted_bare", BM_converted_bare);
     add("converted_codes", BM_converted_codes);
+    for (const bool analyse : {false, true}) {
+        benchmark::RegisterBenchmark(analyse ? "lateness_analysing" : "lateness", runCamera, analyse)
+            ->Iterations(1)
+            ->Repetitions(1)
+            ->ReportAggregatesOnly(false)
+            ->UseRealTime()
+            ->Unit(benchmark::kMillisecond);
+    }
     if (kCamera != nullptr) {
         add("camera", BM_camera);
         add("camera_bare", BM_camera_bare);
