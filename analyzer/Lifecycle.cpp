@@ -254,5 +254,5 @@ std::uint32_t Analyzer::exifOrientationForCurrentDeviceOrientation() const {
 }
 
 std::uint32_t Analyzer::cgOrientationFrom(ImageOrientation orientation) {
-    return rules::exifOrientationFor(orientation);
+    return exifOrientationFor(orientation);
 }

@@ -1,7 +1,6 @@
-// Orientation tables: how a device or an image is held, as EXIF orientation (1 to 8).
+// How a device is held, as EXIF orientation (1 to 8).
 #pragma once
 
-#include <SelvioFacialCapture/imaging/Image.h>
 #include <SelvioFacialCapture/platform/Device.h>
 
 #include <cstdint>
@@ -11,8 +10,5 @@ namespace selvio::rules {
 /// The front camera's mirrored image: 7 (right mirrored) upside down, 4 (down mirrored) landscape left, 2 (up mirrored) landscape right, else 5
 /// (left mirrored).
 [[nodiscard]] std::uint32_t exifOrientationFor(DeviceOrientation orientation);
-
-/// 1 for a value outside the enumeration.
-[[nodiscard]] std::uint32_t exifOrientationFor(ImageOrientation orientation);
 
 }  // namespace selvio::rules

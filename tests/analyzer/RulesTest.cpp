@@ -238,8 +238,8 @@ TEST(Orientations, DeviceAndImageTables) {
     for (std::size_t i = 0; i < device.size(); ++i) EXPECT_EQ(exifOrientationFor(static_cast<DeviceOrientation>(i)), device[i]) << i;
     EXPECT_EQ(exifOrientationFor(static_cast<DeviceOrientation>(-1)), 5U);
     const std::vector<std::uint32_t> image = {1, 3, 8, 6, 2, 4, 5, 7, 1};
-    for (std::size_t i = 0; i < image.size(); ++i) EXPECT_EQ(exifOrientationFor(static_cast<ImageOrientation>(i)), image[i]) << i;
-    EXPECT_EQ(exifOrientationFor(static_cast<ImageOrientation>(-1)), 1U);
+    for (std::size_t i = 0; i < image.size(); ++i) EXPECT_EQ(selvio::exifOrientationFor(static_cast<ImageOrientation>(i)), image[i]) << i;
+    EXPECT_EQ(selvio::exifOrientationFor(static_cast<ImageOrientation>(-1)), 1U);
 }
 
 }  // namespace

@@ -20,6 +20,13 @@ enum class ImageOrientation : std::int64_t {
     RightMirrored = 7,
 };
 
+/// The EXIF orientation (1 to 8) of an image orientation; 1 for a value outside the enumeration.
+[[nodiscard]] constexpr std::uint32_t exifOrientationFor(ImageOrientation orientation) {
+    constexpr std::uint32_t kTable[] = {1, 3, 8, 6, 2, 4, 5, 7};
+    const auto value = static_cast<std::int64_t>(orientation);
+    return value >= 0 && value < 8 ? kTable[value] : 1;
+}
+
 /// A bitmap that is shared and no longer written.
 using Bitmap = std::shared_ptr<const PixelBuffer>;
 

@@ -19,34 +19,12 @@ private:
     const JpegHeader header_;
 };
 
-int exifOrientationOf(ImageOrientation orientation) {
-    switch (orientation) {
-        case ImageOrientation::Down:
-            return 3;
-        case ImageOrientation::Left:
-            return 8;
-        case ImageOrientation::Right:
-            return 6;
-        case ImageOrientation::UpMirrored:
-            return 2;
-        case ImageOrientation::DownMirrored:
-            return 4;
-        case ImageOrientation::LeftMirrored:
-            return 5;
-        case ImageOrientation::RightMirrored:
-            return 7;
-        case ImageOrientation::Up:
-            break;
-    }
-    return 1;
-}
-
 }  // namespace
 
 std::optional<Bytes> LibjpegImageCodec::encodeJpeg(const Image& image, double quality) const {
     if (!image.bitmap) return std::nullopt;
     JpegTarget target{.quality = quality, .jfif = std::nullopt, .exifSegment = {}};
-    if (const int orientation = exifOrientationOf(image.orientation); orientation != 1) {
+    if (const int orientation = static_cast<int>(exifOrientationFor(image.orientation)); orientation != 1) {
         auto segment = makeExifSegment({std::nullopt, orientation});
         if (!segment) return std::nullopt;
         target.exifSegment = std::move(*segment);
