@@ -4,8 +4,11 @@
 #include <SelvioFacialCapture/base/SerialQueue.h>
 #include <SelvioFacialCapture/platform/Capture.h>
 
+#include <support/LogCapture.h>
+
 #include <condition_variable>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 namespace selvio::test {
@@ -98,5 +101,16 @@ struct Rig {
     std::shared_ptr<CaptureDevice> camera;
     std::shared_ptr<CaptureDeviceInput> input;
 };
+
+/// What a run that ends by itself says, waiting ten seconds for it at most: the line comes just after the session has ceased to run.
+inline std::vector<std::string> linesAtTheEndOf(const CaptureSession& session, LogCapture& log) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    std::vector<std::string> lines;
+    while ((session.isRunning() || lines.empty()) && std::chrono::steady_clock::now() < end) {
+        std::this_thread::yield();
+        if (!session.isRunning()) lines = log.take();
+    }
+    return lines;
+}
 
 }  // namespace selvio::test

@@ -42,15 +42,6 @@ std::size_t entriesOf(const char* directory) {
     return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(directory), std::filesystem::directory_iterator()));
 }
 
-// What a run that ends by itself says; the line comes just after the session has ceased to run.
-std::vector<std::string> linesAtTheEndOf(const CaptureSession& session, LogCapture& log) {
-    while (session.isRunning()) std::this_thread::yield();
-    std::vector<std::string> lines;
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (lines.empty() && std::chrono::steady_clock::now() < end) lines = log.take();
-    return lines;
-}
-
 TEST(Capture, DeliversFramesInFormatAndShapeOnTheMasterClock) {
     struct Case {
         const char* raw;
