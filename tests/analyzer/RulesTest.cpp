@@ -3,6 +3,8 @@
 #include <cmath>
 #include <limits>
 
+#include <SelvioFacialCapture/imaging/Image.h>
+
 #include "analyzer/rules/DeviceOrientation.h"
 #include "analyzer/rules/FaceChecks.h"
 #include "analyzer/rules/GoodFrameGate.h"
