@@ -48,7 +48,7 @@ struct ConcurrentQueue::State {
     }
 };
 
-ConcurrentQueue::ConcurrentQueue(std::string label, unsigned threads)
+ConcurrentQueue::ConcurrentQueue(const std::string& label, unsigned threads)
     : state_(std::make_shared<State>(label)), timer_(std::make_unique<SerialQueue>(label + ".timer")) {
     for (unsigned i = 0; i < threads; ++i) state_->threads.emplace_back([state = state_] { state->run(); });
 }

@@ -100,14 +100,14 @@ std::shared_ptr<AssetWriterInput> VideoRecorder::makeVideoInput() const {
     if (!writers_ || !output || !parameters) return nullptr;
     // The orientation may be read on any thread, so the size is settled before the track is made.
     const auto orientation = screen_ ? std::optional(screen_->statusBarOrientation()) : std::nullopt;
-    const auto input = writers_->makeVideoInput(recordingSettings(output->recommendedVideoSettings(kFileTypeMPEG4), orientation,
+    auto input = writers_->makeVideoInput(recordingSettings(output->recommendedVideoSettings(kFileTypeMPEG4), orientation,
                                                                   parameters->videoQuality(), device_ ? device_->systemVersion() : std::string()));
     if (input) input->setExpectsMediaDataInRealTime(true);
     return input;
 }
 
 std::shared_ptr<AssetWriterInput> VideoRecorder::makeAudioInput(AudioDataOutput& output) const {
-    const auto input = writers_ ? writers_->makeAudioInput(output.recommendedAudioSettings(kFileTypeMPEG4)) : nullptr;
+    auto input = writers_ ? writers_->makeAudioInput(output.recommendedAudioSettings(kFileTypeMPEG4)) : nullptr;
     if (input) input->setExpectsMediaDataInRealTime(true);
     return input;
 }

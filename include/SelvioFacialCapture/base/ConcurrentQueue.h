@@ -9,7 +9,7 @@ namespace selvio {
 /// blocks at once) and joins; from one of its own blocks it does the same without joining.
 class ConcurrentQueue final : public Queue {
 public:
-    explicit ConcurrentQueue(std::string label, unsigned threads = 2);
+    explicit ConcurrentQueue(const std::string& label, unsigned threads = 2);
     ~ConcurrentQueue() override;
 
     /// The process's global queue, made on first use.
