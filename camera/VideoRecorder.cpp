@@ -100,8 +100,8 @@ std::shared_ptr<AssetWriterInput> VideoRecorder::makeVideoInput() const {
     if (!writers_ || !output || !parameters) return nullptr;
     // The orientation may be read on any thread, so the size is settled before the track is made.
     const auto orientation = screen_ ? std::optional(screen_->statusBarOrientation()) : std::nullopt;
-    auto input = writers_->makeVideoInput(recordingSettings(output->recommendedVideoSettings(kFileTypeMPEG4), orientation,
-                                                                  parameters->videoQuality(), device_ ? device_->systemVersion() : std::string()));
+    auto input = writers_->makeVideoInput(recordingSettings(output->recommendedVideoSettings(kFileTypeMPEG4), orientation, parameters->videoQuality(),
+                                                            device_ ? device_->systemVersion() : std::string()));
     if (input) input->setExpectsMediaDataInRealTime(true);
     return input;
 }
