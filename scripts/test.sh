@@ -24,7 +24,9 @@ build_and_test() {
     echo "test: $preset" >&2
     cmake --preset "$preset" >/dev/null
     cmake --build "build/$preset"
-    ctest --preset "$preset" --no-tests=error </dev/null
+    # Debian's PipeWire plugin for GStreamer now and then crashes in a thread of its own when a camera is unplugged while devices are looked up. A
+    # test that fails is tried once more; the first failure stays in the output.
+    ctest --preset "$preset" --no-tests=error --repeat until-pass:2 </dev/null
 }
 if $sanitizers; then
     build_and_test asan
