@@ -13,10 +13,10 @@ packages=(
     # capture, preview, recording, machine-readable codes
     libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev
     gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-ugly gstreamer1.0-plugins-bad
-    gstreamer1.0-libav gstreamer1.0-x gstreamer1.0-pipewire libzxing-dev
+    gstreamer1.0-libav gstreamer1.0-x gstreamer1.0-pipewire libpipewire-0.3-dev libzxing-dev
     # tests and benchmarks
     libgtest-dev libgmock-dev libbenchmark-dev python3 python3-dbusmock
-    pipewire wireplumber dbus libpipewire-0.3-dev gstreamer1.0-tools ffmpeg xvfb imagemagick exif libimage-exiftool-perl
+    pipewire wireplumber dbus gstreamer1.0-tools ffmpeg xvfb imagemagick exif libimage-exiftool-perl
 )
 
 # dpkg-query exits with an error when it does not know a package; what matters is which ones it lists as installed.

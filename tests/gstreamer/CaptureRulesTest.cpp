@@ -22,6 +22,10 @@ TEST(PreferredRate, IsThirtyOrTheNextBest) {
         {{{60, 1}, {30000, 1001}}, {30000, 1001}},
         {{{120, 1}, {60, 1}}, {60, 1}},
         {{{5, 1}, {15, 2}}, {15, 2}},
+        {{{0, 1}, {1, 0}, {2147483647, 1}, {10, 1}}, {10, 1}},
+        {ratesBetween({1, 1}, {60, 1}), {30, 1}},
+        {ratesBetween({1, 1}, {25, 1}), {25, 1}},
+        {ratesBetween({50, 1}, {60, 1}), {60, 1}},
     };
     for (const Case& c : cases) EXPECT_EQ(preferredRate(c.rates), c.expected);
 }

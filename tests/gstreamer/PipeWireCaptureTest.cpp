@@ -7,9 +7,17 @@
 
 #include <support/LogCapture.h>
 
+#include <platform/linux/gstreamer/PipeWireDevices.h>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+#include <algorithm>
+#include <atomic>
+#include <functional>
 #include <future>
 #include <thread>
 
@@ -24,10 +32,6 @@ using ::testing::HasSubstr;
 class PipeWireCapture : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        if (*SELVIO_VIRTUAL_CAMERA == '\0') {
-            unavailable_ = "UNAVAILABLE: the virtual camera was not built: install libpipewire-0.3-dev";
-            return;
-        }
         server_ = std::make_unique<Child>(std::vector<std::string>{SELVIO_PIPEWIRE_SCRIPT, "--serve"});
         server_->killAtEnd = false;  // it ends with its input, and tidies up
         const std::string first = server_->readLine().value_or("UNAVAILABLE: the script says nothing");
@@ -51,18 +55,25 @@ protected:
         arguments.insert(arguments.end(), modes.begin(), modes.end());
         return std::make_unique<Child>(arguments);
     }
+    static bool comesTrue(const std::function<bool()>& condition) {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (!condition()) {
+            if (std::chrono::steady_clock::now() > deadline) return false;
+        }
+        return true;
+    }
     // Waits until a device of this name is there, or is not.
     std::shared_ptr<CaptureDevice> find(const std::string& name, MediaType type = MediaType::Video, bool expected = true) {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        while (std::chrono::steady_clock::now() < deadline) {
-            std::shared_ptr<CaptureDevice> found;
+        std::shared_ptr<CaptureDevice> found;
+        comesTrue([&] {
+            found.reset();
             const auto discovery = system_->discoverDevices({}, type, CaptureDevicePosition::Unspecified);
             for (const auto& device : discovery->devices) {
                 if (device->localizedName() == name) found = device;
             }
-            if ((found != nullptr) == expected) return found;
-        }
-        return nullptr;
+            return (found != nullptr) == expected;
+        });
+        return found;
     }
 
     static inline std::unique_ptr<Child> server_;
@@ -70,10 +81,31 @@ protected:
     std::shared_ptr<CaptureSystem> system_ = makeGstCaptureSystem({.stallTimeout = milliseconds(1000)});
 };
 
+TEST(PipeWireLookUp, AServerThatDoesNotAnswerIsNone) {
+    const TemporaryDirectory directory;
+    sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
+    (directory.path() / "silent").string().copy(address.sun_path, sizeof address.sun_path - 1);
+    const int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_EQ(::bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(::listen(listener, 8), 0);
+    ::setenv("PIPEWIRE_REMOTE", address.sun_path, 1);
+    LogCapture log;
+    EXPECT_FALSE(findPipeWireNodes(MediaType::Audio));
+    EXPECT_THAT(log.take(), Contains("Capture: PipeWire does not answer"));
+    ::unsetenv("PIPEWIRE_REMOTE");
+    ::close(listener);
+}
+
 TEST_F(PipeWireCapture, CamerasComeAndGo) {
     auto front = publish("Front One", "front", {"NV12:1280x720", "BGRx:640x480"});
     auto webcam = publish("Some Webcam", "unknown", {"BGRA:320x240"});
-    ASSERT_NE(find("Some Webcam"), nullptr);
+    const auto adjustable = publish("Any Size", "back", {"BGRx:any"});
+    for (const auto& [name, first] : {std::pair{"Some Webcam", VideoFormatDescription{kPixelFormat420v, 320, 240}},
+                                      std::pair{"Any Size", VideoFormatDescription{kPixelFormat420v, 640, 480}}}) {
+        const auto device = find(name);
+        ASSERT_NE(device, nullptr) << name;
+        EXPECT_EQ(device->formats().front(), (CaptureDeviceFormat{first, 30}));
+    }
     const auto camera = find("Front One");
     ASSERT_NE(camera, nullptr);
     EXPECT_EQ(camera->position(), CaptureDevicePosition::Front);
@@ -86,11 +118,34 @@ TEST_F(PipeWireCapture, CamerasComeAndGo) {
     EXPECT_EQ(system_->authorizationStatus(MediaType::Video), AuthorizationStatus::Authorized);
 
     const auto backDevices = system_->discoverDevices({}, MediaType::Video, CaptureDevicePosition::Back)->devices;
-    ASSERT_EQ(backDevices.size(), 1U) << "the front camera is no answer, one without position is";
-    EXPECT_EQ(backDevices[0]->localizedName(), "Some Webcam");
+    ASSERT_EQ(backDevices.size(), 2U) << "the front camera is no answer, one without position is, behind the one that states it";
+    EXPECT_EQ(backDevices[0]->localizedName(), "Any Size");
+    EXPECT_EQ(backDevices[1]->localizedName(), "Some Webcam");
+
+    // The person's choice comes first.
+    for (const std::string name : {"Some Webcam", "Front One"}) {
+        outputOf("pw-metadata 0 default.configured.video.source '{\"name\":\"" + name + "\"}' Spa:String:JSON");
+        EXPECT_TRUE(comesTrue([&, wanted = name] { return system_->defaultDevice(MediaType::Video)->localizedName() == wanted; })) << name;
+    }
     webcam.reset();
     EXPECT_EQ(find("Some Webcam", MediaType::Video, false), nullptr);
     EXPECT_NE(find("Front One"), nullptr);
+}
+
+TEST_F(PipeWireCapture, DevicesMayGoWhileTheyAreLookedUp) {
+    std::atomic<bool> done = false;
+    const auto lookUp = [&] {
+        while (!done) system_->discoverDevices({}, MediaType::Video, CaptureDevicePosition::Unspecified);
+    };
+    std::thread one(lookUp), two(lookUp);
+    for (int i = 0; i < 100; ++i) {
+        const auto here = publish("Restless", "front", {"NV12:640x480"});
+        EXPECT_NE(find("Restless"), nullptr);
+    }
+    done = true;
+    one.join();
+    two.join();
+    EXPECT_EQ(find("Restless", MediaType::Video, false), nullptr);
 }
 
 TEST_F(PipeWireCapture, DeliversEveryFormatUprightAndCropped) {
@@ -130,8 +185,14 @@ TEST_F(PipeWireCapture, DeliversEveryFormatUprightAndCropped) {
         rig.queue->drain();
         EXPECT_EQ(rig.probe->lastFormat(), c.expected);
         EXPECT_GT(bars, 0);
-        const auto span = *rig.probe->frames_.back().presentationTime - *rig.probe->frames_.front().presentationTime;
-        EXPECT_NEAR(static_cast<double>(span.count()) / 1e9 / static_cast<double>(rig.probe->frames_.size() - 1), 1.0 / 30, 0.006);
+        // The middle one of all distances: a busy machine leaves out a frame now and then.
+        std::vector<double> distances;
+        for (std::size_t i = 1; i < rig.probe->frames_.size(); ++i) {
+            const auto distance = *rig.probe->frames_[i].presentationTime - *rig.probe->frames_[i - 1].presentationTime;
+            distances.push_back(std::chrono::duration<double>(distance).count());
+        }
+        std::ranges::nth_element(distances, distances.begin() + 15);
+        EXPECT_NEAR(distances[15], 1.0 / 30, 0.006);
     }
 }
 
@@ -150,7 +211,7 @@ TEST_F(PipeWireCapture, HeldFramesDoNotHoldUpTheCamera) {
 }
 
 TEST_F(PipeWireCapture, AnUnpluggedCameraEndsTheRun) {
-    auto publisher = publish("Camera 3", "front", {"NV12:640x480"});
+    auto publisher = publish("Camera 3", "front", {"NV12:any"});
     LogCapture log;
     Rig rig(system_, find("Camera 3"), kPixelFormat420v);
     rig.session->startRunning();
@@ -158,7 +219,12 @@ TEST_F(PipeWireCapture, AnUnpluggedCameraEndsTheRun) {
     publisher.reset();
     EXPECT_THAT(linesAtTheEndOf(*rig.session, log), Contains(HasSubstr("Capture: stopped: ")));
     rig.session->startRunning();
-    EXPECT_FALSE(rig.session->isRunning()) << "it is not there any more";
+    EXPECT_THAT(log.take(), Contains(HasSubstr("\"Camera 3\" is not there any more")));
+    EXPECT_FALSE(rig.session->isRunning());
+    publisher = publish("Camera 3", "front", {"NV12:any"});
+    ASSERT_NE(find("Camera 3"), nullptr);
+    rig.session->startRunning();
+    EXPECT_TRUE(rig.session->isRunning()) << "plugged in again, the same device object opens it";
 }
 
 TEST_F(PipeWireCapture, RecordsPictureAndSoundOfASession) {

@@ -36,7 +36,6 @@ std::string contentsOf(const std::filesystem::path& path) {
 }
 
 TEST(PipeWireSession, ACaptureEndsWithPhotographRecordAndRecording) {
-    if (*SELVIO_VIRTUAL_PORTRAIT == '\0') GTEST_SKIP() << "the virtual camera was not built: install libpipewire-0.3-dev";
     const TemporaryDirectory directory;
     const std::filesystem::path out = directory.path();
     ::setenv("OUT", out.c_str(), 1);
@@ -68,7 +67,7 @@ TEST(PipeWireSession, ACaptureEndsWithPhotographRecordAndRecording) {
     EXPECT_EQ(video.value("width", 0), 720);
     EXPECT_EQ(video.value("height", 0), 1280);
     EXPECT_GT(numberIn(video, "duration"), 1.5);
-    EXPECT_GT(std::stoi(video.value("nb_read_frames", "0")), 15);  // how many depends on how busy the machine is
+    EXPECT_GT(std::stoi(video.value("nb_read_frames", "0")), 5);  // how many depends on how busy the machine is
     EXPECT_EQ(audio.value("codec_name", ""), "aac");
     EXPECT_TRUE(std::filesystem::is_empty(out / "data/SelvioFacialCapture/Documents"));  // delivered, then deleted
 }

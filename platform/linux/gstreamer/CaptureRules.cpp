@@ -9,6 +9,7 @@ namespace {
 
 constexpr double kWantedRate = 30.0;
 constexpr double kRateSlack = 0.5;  // 29.97 is 30
+constexpr double kHighestRate = 1000.0;
 
 bool isFullRate(const FrameRate& rate) {
     return rate.numerator == 0 || rate.value() >= kWantedRate - kRateSlack;
@@ -24,9 +25,20 @@ int evenBelow(int n) {
 
 }  // namespace
 
+void addMode(std::vector<CameraMode>& modes, CameraMode mode) {
+    if (std::find(modes.begin(), modes.end(), mode) == modes.end()) modes.push_back(std::move(mode));
+}
+
+std::vector<FrameRate> ratesBetween(FrameRate lowest, FrameRate highest) {
+    std::vector<FrameRate> rates{highest};
+    if (lowest.value() <= kWantedRate && highest.value() >= kWantedRate) rates.push_back({static_cast<int>(kWantedRate), 1});
+    return rates;
+}
+
 FrameRate preferredRate(const std::vector<FrameRate>& rates) {
     FrameRate best{0, 1};
     for (const FrameRate& rate : rates) {
+        if (rate.numerator <= 0 || rate.value() <= 0.0 || rate.value() > kHighestRate) continue;
         const bool above = rate.value() >= kWantedRate - kRateSlack;
         const bool bestAbove = best.value() >= kWantedRate - kRateSlack;
         const bool better = above ? !bestAbove || rate.value() < best.value() : !bestAbove && rate.value() > best.value();

@@ -5,6 +5,7 @@
 
 #include <SelvioFacialCapture/platform/Capture.h>
 
+#include <array>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,15 @@ struct FrameRate {
     friend bool operator==(const FrameRate&, const FrameRate&) = default;
 };
 
+/// Pixels.
+struct FrameSize {
+    int width = 0;
+    int height = 0;
+};
+
+/// The sizes to ask a camera for that takes a range of them: those of the presets.
+inline constexpr std::array kPresetSizes{FrameSize{640, 480}, FrameSize{1280, 720}, FrameSize{1920, 1080}};
+
 /// One way in which a camera sends frames.
 struct CameraMode {
     bool jpeg = false;     ///< Motion JPEG; else raw
@@ -28,7 +38,14 @@ struct CameraMode {
     friend bool operator==(const CameraMode&, const CameraMode&) = default;
 };
 
-/// The rate to ask for among those that a camera has at one size: 30 if it is there, else the nearest above, else the highest. Nothing: {0, 1}.
+/// Adds a mode that is not there yet.
+void addMode(std::vector<CameraMode>& modes, CameraMode mode);
+
+/// The rates worth asking for in a range: the highest, and 30 if it lies within.
+[[nodiscard]] std::vector<FrameRate> ratesBetween(FrameRate lowest, FrameRate highest);
+
+/// The rate to ask for among those that a camera has at one size: 30 if it is there, else the nearest above, else the highest. Rates that are not
+/// above 0 or are above 1000 are no rates (a still camera says 0, a loopback device the largest number there is). Nothing: {0, 1}.
 [[nodiscard]] FrameRate preferredRate(const std::vector<FrameRate>& rates);
 
 /// Each size of the modes, in their order, as 420v and as BGRA, with the highest rate of that size.

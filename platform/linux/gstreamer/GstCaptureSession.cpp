@@ -312,9 +312,9 @@ std::optional<Error> GstCaptureSession::openCamera(const Plan& plan) {
             static_cast<GstCaptureSession*>(self)->frameArrived(sample.get(), GST_ELEMENT(sink));
         return GST_FLOW_OK;
     };
-    if (device.isThere && !device.isThere()) return Error{"\"" + device.name + "\" is not there any more"};
-    std::vector<GstElement*> chain{device.makeSource()};
-    if (chain.front() == nullptr) return Error{"\"" + device.name + "\" could not be opened"};
+    const auto source = device.makeSource();
+    if (!source) return source.error();
+    std::vector<GstElement*> chain{source.value()};
     // Right behind the source, so that this very mode is opened.
     if (!device.playsFile) chain.push_back(makeCapsFilter(capsOf(plan.mode)));
     if (plan.mode.jpeg) chain.push_back(makeElement("jpegdec"));
@@ -353,13 +353,13 @@ std::optional<Error> GstCaptureSession::openMicrophone(const Plan& plan) {
             static_cast<GstCaptureSession*>(self)->soundArrived(sample.get(), GST_ELEMENT(sink));
         return GST_FLOW_OK;
     };
-    GstElement* const source = plan.microphone->description().makeSource();
-    if (source == nullptr) return Error{"\"" + plan.microphone->localizedName() + "\" could not be opened"};
+    const auto source = plan.microphone->description().makeSource();
+    if (!source) return source.error();
     const std::string format = std::string("audio/x-raw,layout=interleaved,channels=1,rate=") + std::to_string(kSampleRate) +
                                ",format=" + (G_BYTE_ORDER == G_LITTLE_ENDIAN ? "S16LE" : "S16BE");
     audioClock_ = {};
     soundPipeline_ = makePipeline();
-    const std::vector<GstElement*> chain{source, makeElement("audioconvert"), makeElement("audioresample"), makeCapsFilter(format),
+    const std::vector<GstElement*> chain{source.value(), makeElement("audioconvert"), makeElement("audioresample"), makeCapsFilter(format),
                                          makeSink(callbacks, this, false)};
     if (auto error = addChain(soundPipeline_.get(), chain)) return error;
     const GstPtr<GstBus> bus(gst_element_get_bus(soundPipeline_.get()));

@@ -1,5 +1,7 @@
 #include "GstDevices.h"
 
+#include "PipeWireDevices.h"
+
 #include <SelvioFacialCapture/base/Log.h>
 
 #include <gst/pbutils/pbutils.h>
@@ -22,7 +24,7 @@ std::string textOf(const GstStructure* structure, const char* field) {
     return text != nullptr ? text : "";
 }
 
-// Every fraction in a value: one, a list, or the ends of a range with the usual rates between them.
+// Every fraction in a value: one, a list, or those of a range that are worth asking for.
 std::vector<FrameRate> ratesIn(const GValue* value) {
     std::vector<FrameRate> rates;
     if (value == nullptr) return rates;
@@ -33,12 +35,8 @@ std::vector<FrameRate> ratesIn(const GValue* value) {
             for (const FrameRate& rate : ratesIn(gst_value_list_get_value(value, i))) rates.push_back(rate);
         }
     } else if (GST_VALUE_HOLDS_FRACTION_RANGE(value)) {
-        const FrameRate low = ratesIn(gst_value_get_fraction_range_min(value)).front();
-        const FrameRate high = ratesIn(gst_value_get_fraction_range_max(value)).front();
-        if (low.value() <= 30.0 && high.value() >= 30.0) rates.push_back({30, 1});
-        rates.push_back(high);
+        return ratesBetween(ratesIn(gst_value_get_fraction_range_min(value)).front(), ratesIn(gst_value_get_fraction_range_max(value)).front());
     }
-    std::erase_if(rates, [](const FrameRate& rate) { return rate.numerator <= 0 || rate.value() > 1000.0; });
     return rates;
 }
 
@@ -71,79 +69,124 @@ bool holdsInt(const GValue* value, int wanted) {
     return false;
 }
 
-std::vector<std::pair<int, int>> sizesIn(const GstStructure* structure) {
+std::vector<FrameSize> sizesIn(const GstStructure* structure) {
     const GValue* const width = gst_structure_get_value(structure, "width");
     const GValue* const height = gst_structure_get_value(structure, "height");
     if (width == nullptr || height == nullptr) return {};
     if (G_VALUE_HOLDS_INT(width) && G_VALUE_HOLDS_INT(height)) return {{g_value_get_int(width), g_value_get_int(height)}};
-    std::vector<std::pair<int, int>> sizes;
-    for (const auto& [w, h] : {std::pair{640, 480}, {1280, 720}, {1920, 1080}}) {
-        if (holdsInt(width, w) && holdsInt(height, h)) sizes.emplace_back(w, h);
+    std::vector<FrameSize> sizes;
+    for (const FrameSize& size : kPresetSizes) {
+        if (holdsInt(width, size.width) && holdsInt(height, size.height)) sizes.push_back(size);
     }
     return sizes;
 }
 
-CaptureDevicePosition positionOf(const GstStructure* properties) {
-    const std::string location = textOf(properties, "api.libcamera.location");
-    if (location == "front") return CaptureDevicePosition::Front;
-    if (location == "back") return CaptureDevicePosition::Back;
-    return CaptureDevicePosition::Unspecified;
+// The caps of a device as modes, in their order. Ranges of sizes are asked for the sizes of the presets.
+std::vector<CameraMode> modesOf(const GstCaps* caps) {
+    std::vector<CameraMode> modes;
+    for (guint i = 0; i < gst_caps_get_size(caps); ++i) {
+        const GstStructure* const structure = gst_caps_get_structure(caps, i);
+        const bool raw = gst_structure_has_name(structure, "video/x-raw");
+        const bool jpeg = gst_structure_has_name(structure, "image/jpeg");
+        if (!raw && !jpeg) continue;
+        if (raw && gst_caps_features_contains(gst_caps_get_features(caps, i), "memory:DMABuf") != FALSE) continue;
+        std::vector<std::string> formats = raw ? textsIn(gst_structure_get_value(structure, "format")) : std::vector<std::string>{""};
+        const FrameRate rate = preferredRate(ratesIn(gst_structure_get_value(structure, "framerate")));
+        for (const auto& [width, height] : sizesIn(structure)) {
+            for (const std::string& format : formats) {
+                addMode(modes, {jpeg, format, width, height, rate});
+            }
+        }
+    }
+    return modes;
 }
 
-// A device of GStreamer's. The GstDevice is kept by the function that makes its source.
-std::optional<DeviceDescription> describeDevice(GstDevice* device, MediaType mediaType) {
-    const GstPtr<GstStructure> properties(gst_device_get_properties(device));
-    const GstPtr<char> name(gst_device_get_display_name(device));
-    const bool isMonitor = textOf(properties.get(), "device.class") == "monitor" || textOf(properties.get(), "media.class") == "Audio/Sink";
-    if (mediaType == MediaType::Audio && isMonitor) return std::nullopt;
+// An element that was made, or what could not be.
+Expected<GstElement*> opened(GstElement* source, const std::string& name) {
+    if (source == nullptr) return Error{"\"" + name + "\" could not be opened"};
+    if (g_object_class_find_property(G_OBJECT_GET_CLASS(source), "do-timestamp") != nullptr) g_object_set(source, "do-timestamp", TRUE, nullptr);
+    return source;
+}
 
-    DeviceDescription description{.id = {}, .name = name ? name.get() : "", .mediaType = mediaType, .position = positionOf(properties.get())};
-    for (const char* const field : {"device.path", "api.v4l2.path"}) {
-        if (description.node.empty()) description.node = textOf(properties.get(), field);
-    }
-    for (const std::string& id : {textOf(properties.get(), "node.name"), description.node.string(), description.name}) {
-        if (description.id.empty()) description.id = id;
-    }
-    if (mediaType == MediaType::Video) {
-        const GstPtr<GstCaps> caps(gst_device_get_caps(device));
-        if (caps) description.modes = modesOf(caps.get());
-        if (description.modes.empty()) return std::nullopt;  // nothing that could be shown
-    }
-    gboolean isDefault = FALSE;
-    if (properties && gst_structure_get_boolean(properties.get(), "is-default", &isDefault) != FALSE) description.isDefault = isDefault != FALSE;
-    description.fleetingMemory = std::strcmp(G_OBJECT_TYPE_NAME(device), "GstPipeWireDevice") == 0;
-    const std::shared_ptr<GstDevice> kept(GST_DEVICE(gst_object_ref(device)), GstUnref());
-    description.makeSource = [kept] {
-        GstElement* const source = gst_device_create_element(kept.get(), nullptr);
-        if (source != nullptr && g_object_class_find_property(G_OBJECT_GET_CLASS(source), "do-timestamp") != nullptr) {
-            g_object_set(source, "do-timestamp", TRUE, nullptr);
-        }
+DeviceDescription describeNode(PipeWireNode node, MediaType mediaType) {
+    DeviceDescription description{.id = node.name, .name = node.description, .mediaType = mediaType};
+    if (node.location == "front") description.position = CaptureDevicePosition::Front;
+    if (node.location == "back") description.position = CaptureDevicePosition::Back;
+    description.modes = std::move(node.modes);
+    std::erase_if(description.modes,
+                  [](const CameraMode& mode) { return !mode.jpeg && gst_video_format_from_string(mode.format.c_str()) == GST_VIDEO_FORMAT_UNKNOWN; });
+    description.node = std::move(node.node);
+    description.isDefault = node.isDefault;
+    description.fleetingMemory = true;  // the server takes it back when the stream ends
+    description.makeSource = [id = description.id, name = description.name, mediaType]() -> Expected<GstElement*> {
+        // It may have been plugged in anew. One that has gone would be waited for without end.
+        const auto now = findPipeWireNodes(mediaType).value_or(std::vector<PipeWireNode>());
+        const auto same = std::find_if(now.begin(), now.end(), [&](const PipeWireNode& other) { return other.name == id; });
+        if (same == now.end()) return Error{"\"" + name + "\" is not there any more"};
+        auto source = opened(makeElement("pipewiresrc"), name);
+        if (source) g_object_set(source.value(), "target-object", same->serial.c_str(), nullptr);
         return source;
     };
     return description;
 }
 
-// The monitor is asked without ever being started: stopping one can crash inside the PipeWire provider.
-std::vector<DeviceDescription> systemDevices(MediaType mediaType) {
+// A device of GStreamer's; the function that makes its source keeps it.
+DeviceDescription describeDevice(GstDevice* device, MediaType mediaType) {
+    const GstPtr<GstStructure> properties(gst_device_get_properties(device));
+    const GstPtr<char> name(gst_device_get_display_name(device));
+    DeviceDescription description{.id = {}, .name = name ? name.get() : "", .mediaType = mediaType};
+    description.node = textOf(properties.get(), "device.path");
+    description.id = description.node.empty() ? description.name : description.node.string();
+    const GstPtr<GstCaps> caps(mediaType == MediaType::Video ? gst_device_get_caps(device) : nullptr);
+    if (caps) description.modes = modesOf(caps.get());
+    gboolean isDefault = FALSE;
+    if (properties && gst_structure_get_boolean(properties.get(), "is-default", &isDefault) != FALSE) description.isDefault = isDefault != FALSE;
+    const std::shared_ptr<GstDevice> kept(GST_DEVICE(gst_object_ref(device)), GstUnref());
+    description.makeSource = [kept, id = description.name] { return opened(gst_device_create_element(kept.get(), nullptr), id); };
+    return description;
+}
+
+// What GStreamer's providers find, the one of highest rank first. The sound systems show each other's microphones: the first that has some is taken.
+std::vector<DeviceDescription> providedDevices(MediaType mediaType) {
+    const char* const wanted = mediaType == MediaType::Video ? "Video/Source" : "Audio/Source";
     std::vector<DeviceDescription> found;
-    const GstPtr<GstDeviceMonitor> monitor(gst_device_monitor_new());
-    gst_device_monitor_add_filter(monitor.get(), mediaType == MediaType::Video ? "Video/Source" : "Audio/Source", nullptr);
-    GList* const devices = gst_device_monitor_get_devices(monitor.get());
-    for (GList* item = devices; item != nullptr; item = item->next) {
-        auto description = describeDevice(GST_DEVICE(item->data), mediaType);
-        // One camera can be offered by Video4Linux and by PipeWire: the first stands for both.
-        const bool isKnown = description && !description->node.empty() &&
-                             std::any_of(found.begin(), found.end(), [&](const auto& other) { return other.node == description->node; });
-        if (description && !isKnown) found.push_back(std::move(*description));
+    GList* const factories =
+        g_list_sort(gst_device_provider_factory_list_get_device_providers(GST_RANK_MARGINAL), gst_plugin_feature_rank_compare_func);
+    for (GList* item = factories; item != nullptr && (mediaType == MediaType::Video || found.empty()); item = item->next) {
+        auto* const factory = GST_DEVICE_PROVIDER_FACTORY(item->data);
+        const bool isPipeWire = std::strcmp(GST_OBJECT_NAME(factory), "pipewiredeviceprovider") == 0;
+        if (isPipeWire || gst_device_provider_factory_has_classes(factory, wanted) == FALSE) continue;
+        const GstPtr<GstDeviceProvider> provider(gst_device_provider_factory_get(factory));
+        GList* const devices = provider ? gst_device_provider_get_devices(provider.get()) : nullptr;
+        for (GList* device = devices; device != nullptr; device = device->next) {
+            const GstPtr<GstStructure> properties(gst_device_get_properties(GST_DEVICE(device->data)));
+            const bool isMonitor = textOf(properties.get(), "device.class") == "monitor";  // of a loudspeaker
+            if (gst_device_has_classes(GST_DEVICE(device->data), wanted) != FALSE && !isMonitor)
+                found.push_back(describeDevice(GST_DEVICE(device->data), mediaType));
+        }
+        g_list_free_full(devices, gst_object_unref);
     }
-    g_list_free_full(devices, gst_object_unref);
+    gst_plugin_feature_list_free(factories);
+    return found;
+}
+
+std::vector<DeviceDescription> systemDevices(MediaType mediaType) {
+    const bool isVideo = mediaType == MediaType::Video;
+    const auto nodes = findPipeWireNodes(mediaType);
+    std::vector<DeviceDescription> candidates;
+    for (const PipeWireNode& node : nodes.value_or(std::vector<PipeWireNode>())) candidates.push_back(describeNode(node, mediaType));
+    if (!nodes || isVideo) {
+        for (auto& description : providedDevices(mediaType)) candidates.push_back(std::move(description));
+    }
+    std::vector<DeviceDescription> found;
+    for (DeviceDescription& description : candidates) {
+        if (isVideo && description.modes.empty()) continue;  // nothing that could be shown
+        // One camera can be offered by PipeWire and by Video4Linux: the first stands for both.
+        const bool isKnown =
+            !description.node.empty() && std::any_of(found.begin(), found.end(), [&](const auto& other) { return other.node == description.node; });
+        if (!isKnown) found.push_back(std::move(description));
+    }
     std::stable_partition(found.begin(), found.end(), [](const DeviceDescription& description) { return description.isDefault; });
-    for (DeviceDescription& description : found) {
-        description.isThere = [id = description.id, mediaType] {
-            const auto now = systemDevices(mediaType);
-            return std::any_of(now.begin(), now.end(), [&](const auto& other) { return other.id == id; });
-        };
-    }
     return found;
 }
 
@@ -177,11 +220,11 @@ std::optional<DeviceDescription> describeFile(const fs::path& path) {
     if (info != nullptr) gst_discoverer_info_unref(info);
     g_object_unref(discoverer);
     if (description.modes.empty()) return std::nullopt;
-    description.makeSource = [path]() -> GstElement* {
+    description.makeSource = [path]() -> Expected<GstElement*> {
         // The end is made a pad of the bin by hand: done by the parser, it would take the decoder's place at the beginning as well.
         GstElement* const bin =
             gst_parse_bin_from_description("filesrc name=file ! decodebin ! videoconvert ! videoflip name=end video-direction=auto", FALSE, nullptr);
-        if (bin == nullptr) return nullptr;
+        if (bin == nullptr) return Error{"\"" + path.string() + "\" could not be opened"};
         const GstPtr<GstElement> file(gst_bin_get_by_name(GST_BIN(bin), "file"));
         const GstPtr<GstElement> end(gst_bin_get_by_name(GST_BIN(bin), "end"));
         g_object_set(file.get(), "location", path.c_str(), nullptr);
@@ -195,11 +238,14 @@ std::optional<DeviceDescription> describeFile(const fs::path& path) {
 DeviceDescription describeSource(const SourceCamera& camera) {
     DeviceDescription description{.id = camera.name, .name = camera.name, .position = camera.position};
     description.modes.push_back({.format = camera.rawFormat, .width = camera.width, .height = camera.height, .rate = {camera.framesPerSecond, 1}});
-    description.makeSource = [source = camera.source]() -> GstElement* {
+    description.makeSource = [source = camera.source]() -> Expected<GstElement*> {
         GError* failure = nullptr;
         GstElement* const bin = gst_parse_bin_from_description(source.c_str(), TRUE, &failure);
         const GstPtr<GError> error(failure);
-        if (error) log("Capture: \"" + source + "\": " + error->message);
+        if (bin == nullptr || error) {
+            if (bin != nullptr) gst_object_unref(gst_object_ref_sink(bin));
+            return Error{"\"" + source + "\": " + (error ? error->message : "could not be opened")};
+        }
         return bin;
     };
     return description;
@@ -239,27 +285,6 @@ bool setControl(const fs::path& node, std::uint32_t control, int value) {
 
 }  // namespace
 
-std::vector<CameraMode> modesOf(const GstCaps* caps) {
-    std::vector<CameraMode> modes;
-    for (guint i = 0; i < gst_caps_get_size(caps); ++i) {
-        const GstStructure* const structure = gst_caps_get_structure(caps, i);
-        const bool raw = gst_structure_has_name(structure, "video/x-raw");
-        const bool jpeg = gst_structure_has_name(structure, "image/jpeg");
-        if (!raw && !jpeg) continue;
-        if (raw && gst_caps_features_contains(gst_caps_get_features(caps, i), "memory:DMABuf") != FALSE) continue;
-        std::vector<std::string> formats = raw ? textsIn(gst_structure_get_value(structure, "format")) : std::vector<std::string>{""};
-        std::erase_if(formats, [&](const auto& f) { return raw && gst_video_format_from_string(f.c_str()) == GST_VIDEO_FORMAT_UNKNOWN; });
-        const FrameRate rate = preferredRate(ratesIn(gst_structure_get_value(structure, "framerate")));
-        for (const auto& [width, height] : sizesIn(structure)) {
-            for (const std::string& format : formats) {
-                const CameraMode mode{jpeg, format, width, height, rate};
-                if (std::find(modes.begin(), modes.end(), mode) == modes.end()) modes.push_back(mode);
-            }
-        }
-    }
-    return modes;
-}
-
 std::string capsOf(const CameraMode& mode) {
     std::string caps = mode.jpeg ? "image/jpeg" : "video/x-raw,format=" + mode.format;
     caps += ",width=" + std::to_string(mode.width) + ",height=" + std::to_string(mode.height);
@@ -293,7 +318,7 @@ NodeAccess cameraNodeAccess(const fs::path& deviceDirectory) {
     return access;
 }
 
-GstCaptureDevice::GstCaptureDevice(DeviceDescription description, fs::path ledDirectory)
+GstCaptureDevice::GstCaptureDevice(DeviceDescription description, const fs::path& ledDirectory)
     : description_(std::move(description)),
       formats_(description_.mediaType == MediaType::Video ? formatsOf(description_.modes) : std::vector<CaptureDeviceFormat>{}),
       led_(description_.mediaType == MediaType::Video && description_.position != CaptureDevicePosition::Front ? findTorch(ledDirectory)

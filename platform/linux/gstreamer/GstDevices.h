@@ -18,13 +18,13 @@ struct DeviceDescription {
     std::string name;
     MediaType mediaType = MediaType::Video;
     CaptureDevicePosition position = CaptureDevicePosition::Unspecified;
-    std::vector<CameraMode> modes{};            ///< of a camera
-    std::filesystem::path node{};               ///< device node, empty if it has none of its own
-    bool playsFile = false;                     ///< its frames come as they lie in a file, and it chooses their format itself
-    bool isDefault = false;                     ///< the person's choice among the system's devices
-    bool fleetingMemory = false;                ///< frames must not be held on to
-    std::function<bool()> isThere{};            ///< asks whether it still is; empty if that cannot change
-    std::function<GstElement*()> makeSource{};  ///< a new source element (floating), null if it cannot be made
+    std::vector<CameraMode> modes{};  ///< of a camera
+    std::filesystem::path node{};     ///< device node, empty if it has none of its own
+    bool playsFile = false;           ///< its frames come as they lie in a file, and it chooses their format itself
+    bool isDefault = false;           ///< the person's choice among the system's devices
+    bool fleetingMemory = false;      ///< frames must not be held on to
+    /// A new source element (floating), or why there is none.
+    std::function<Expected<GstElement*>()> makeSource{};
 };
 
 /// The cameras (best first) or microphones that there are now.
@@ -34,15 +34,12 @@ struct DeviceDescription {
 enum class NodeAccess { None, Refused, Granted };
 [[nodiscard]] NodeAccess cameraNodeAccess(const std::filesystem::path& deviceDirectory);
 
-/// The caps of a device as modes, in their order. Ranges of sizes are asked for the sizes of the presets.
-[[nodiscard]] std::vector<CameraMode> modesOf(const GstCaps* caps);
-
 /// The caps that pick a mode right behind the source.
 [[nodiscard]] std::string capsOf(const CameraMode& mode);
 
 class GstCaptureDevice final : public CaptureDevice {
 public:
-    GstCaptureDevice(DeviceDescription description, std::filesystem::path ledDirectory);
+    GstCaptureDevice(DeviceDescription description, const std::filesystem::path& ledDirectory);
 
     [[nodiscard]] std::string uniqueId() const override { return description_.id; }
     [[nodiscard]] std::string localizedName() const override { return description_.name; }

@@ -21,7 +21,7 @@ struct GstUnref {
     void operator()(GstBus* bus) const { gst_object_unref(bus); }
     void operator()(GstPad* pad) const { gst_object_unref(pad); }
     void operator()(GstDevice* device) const { gst_object_unref(device); }
-    void operator()(GstDeviceMonitor* monitor) const { gst_object_unref(monitor); }
+    void operator()(GstDeviceProvider* provider) const { gst_object_unref(provider); }
     void operator()(GstCaps* caps) const { gst_caps_unref(caps); }
     void operator()(GstSample* sample) const { gst_sample_unref(sample); }
     void operator()(GstMessage* message) const { gst_message_unref(message); }

@@ -49,9 +49,9 @@ void onParameter(void* data, std::uint32_t id, const spa_pod* parameter) {
     spa_video_info_raw chosen{};
     if (id != SPA_PARAM_Format || parameter == nullptr || spa_format_video_raw_parse(parameter, &chosen) < 0) return;
     for (const VirtualCameraMode& mode : camera->modes) {
-        const bool same = formatOf(mode.format) == chosen.format && mode.width == static_cast<int>(chosen.size.width) &&
-                          mode.height == static_cast<int>(chosen.size.height);
-        if (same) camera->mode = mode;
+        const VirtualCameraMode wanted{mode.format, static_cast<int>(chosen.size.width), static_cast<int>(chosen.size.height)};
+        const bool sameSize = mode.width == 0 || (mode.width == wanted.width && mode.height == wanted.height);
+        if (sameSize && formatOf(mode.format) == chosen.format) camera->mode = wanted;
     }
     std::array<std::uint8_t, 1024> memory{};
     spa_pod_builder builder{};
@@ -126,11 +126,23 @@ int publishVirtualCamera(const std::string& name, const std::string& position, c
     for (std::size_t i = 0; i < modes.size(); ++i) {
         spa_pod_builder builder{};
         spa_pod_builder_init(&builder, memory[i].data(), static_cast<std::uint32_t>(memory[i].size()));
-        spa_video_info_raw info{};
-        info.format = formatOf(modes[i].format);
-        info.size = {static_cast<std::uint32_t>(modes[i].width), static_cast<std::uint32_t>(modes[i].height)};
-        info.framerate = {static_cast<std::uint32_t>(framesPerSecond), 1};
-        formats.push_back(spa_format_video_raw_build(&builder, SPA_PARAM_EnumFormat, &info));
+        const spa_rectangle size{static_cast<std::uint32_t>(modes[i].width), static_cast<std::uint32_t>(modes[i].height)};
+        const spa_fraction rate{static_cast<std::uint32_t>(framesPerSecond), 1};
+        if (size.width > 0) {
+            spa_video_info_raw info{};
+            info.format = formatOf(modes[i].format);
+            info.size = size;
+            info.framerate = rate;
+            formats.push_back(spa_format_video_raw_build(&builder, SPA_PARAM_EnumFormat, &info));
+            continue;
+        }
+        const spa_rectangle smallest{320, 240}, largest{1280, 720};
+        const spa_fraction slow{15, 1};
+        formats.push_back(static_cast<const spa_pod*>(spa_pod_builder_add_object(
+            &builder, SPA_TYPE_OBJECT_Format, SPA_PARAM_EnumFormat, SPA_FORMAT_mediaType, SPA_POD_Id(SPA_MEDIA_TYPE_video), SPA_FORMAT_mediaSubtype,
+            SPA_POD_Id(SPA_MEDIA_SUBTYPE_raw), SPA_FORMAT_VIDEO_format, SPA_POD_Id(formatOf(modes[i].format)), SPA_FORMAT_VIDEO_size,
+            SPA_POD_CHOICE_RANGE_Rectangle(&smallest, &smallest, &largest), SPA_FORMAT_VIDEO_framerate,
+            SPA_POD_CHOICE_ENUM_Fraction(3, &slow, &slow, &rate))));
     }
     const auto flags = static_cast<pw_stream_flags>(PW_STREAM_FLAG_DRIVER | PW_STREAM_FLAG_MAP_BUFFERS);
     const int result =

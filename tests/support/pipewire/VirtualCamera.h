@@ -12,7 +12,7 @@ namespace selvio::test {
 
 struct VirtualCameraMode {
     std::string format;  ///< "BGRx", "BGRA" or "NV12"
-    int width = 0;       ///< a multiple of 4
+    int width = 0;       ///< a multiple of 4; 0: any size from 320x240 to 1280x720, at 15 frames a second or at the camera's rate
     int height = 0;      ///< even
 };
 
