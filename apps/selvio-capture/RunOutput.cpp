@@ -84,6 +84,7 @@ std::unique_ptr<RunOutput> makePersonOutput(std::ostream& stream, bool terminal,
 
 std::vector<std::string> keysOf(const std::vector<SelvioFacialCaptureStatus>& statuses) {
     std::vector<std::string> keys;
+    keys.reserve(statuses.size());
     for (const auto status : statuses) keys.push_back(SelvioFacialCaptureResults::localizeKeyFrom(status).value_or(""));
     return keys;
 }

@@ -140,8 +140,8 @@ void GstPreviewLayer::frameArrived(const std::shared_ptr<SampleBuffer>& frame) {
         return;
     }
     const bool twoPlanes = whole->planeCount() == 2;
-    const std::size_t x = static_cast<std::size_t>(upright.x + fill.x);
-    const std::size_t y = static_cast<std::size_t>(upright.y + fill.y);
+    const std::size_t x = static_cast<std::size_t>(upright.x) + static_cast<std::size_t>(fill.x);
+    const std::size_t y = static_cast<std::size_t>(upright.y) + static_cast<std::size_t>(fill.y);
     const auto layout =
         PixelBufferLayout::make(fill.width, fill.height, whole->format(), {whole->bytesPerRow(0), twoPlanes ? whole->bytesPerRow(1) : 0});
     if (!layout) return;

@@ -48,6 +48,7 @@ public:
         for (const auto& request : requests) {
             if (!request) continue;
             std::vector<FaceObservation> observations;
+            observations.reserve(faces.size());
             for (const FoundFace& face : faces) observations.push_back(observationOf(face, viewSize, request->revision()));
             request->complete(std::move(observations));
         }

@@ -113,6 +113,7 @@ bool VisionEngine::load(const PixelBuffer& buffer, ViewTransform view, PixelArea
 
 std::vector<VisionEngine::Box> VisionEngine::inFullView(const std::vector<HogFace>& faces) const {
     std::vector<Box> boxes;
+    boxes.reserve(faces.size());
     for (const HogFace& face : faces) {
         boxes.push_back({loadedOrigin_.x + (face.left + 0.5) * loadedPixel_.width, loadedOrigin_.y + (face.top + 0.5) * loadedPixel_.height,
                          face.side * loadedPixel_.width, face.tilt});
