@@ -16,7 +16,7 @@ packages=(
     gstreamer1.0-libav gstreamer1.0-x gstreamer1.0-pipewire libpipewire-0.3-dev libzxing-dev
     # tests and benchmarks
     libgtest-dev libgmock-dev libbenchmark-dev python3 python3-dbusmock
-    pipewire wireplumber dbus gstreamer1.0-tools ffmpeg xvfb imagemagick exif libimage-exiftool-perl
+    pipewire wireplumber dbus umockdev gstreamer1.0-tools ffmpeg xvfb imagemagick exif libimage-exiftool-perl
 )
 
 # dpkg-query exits with an error when it does not know a package; what matters is which ones it lists as installed.

@@ -1,0 +1,308 @@
+// A Video4Linux camera without a driver. Preloaded, it answers the ioctls on a node named /dev/video0 (a plain file: umockdev makes it) and passes on
+// all others. YUYV in 640x480 at 30 frames a second and 1280x720 at 10, Motion JPEG in 1280x720 at 30, NV12 in 320x240 at 30; focus controls.
+//
+// The directory SELVIO_EMULATED_CAMERA steers it: `frame.jpg` is every Motion JPEG frame, `controls` collects the settings ("ID=value" lines), and
+// when a file `unplugged` appears, the camera is gone.
+#include <fcntl.h>
+#include <linux/videodev2.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <fstream>
+#include <iterator>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+struct Mode {
+    std::uint32_t format, width, height, rate;
+};
+constexpr Mode kModes[] = {
+    {V4L2_PIX_FMT_YUYV, 640, 480, 30},
+    {V4L2_PIX_FMT_YUYV, 1280, 720, 10},
+    {V4L2_PIX_FMT_MJPEG, 1280, 720, 30},
+    {V4L2_PIX_FMT_NV12, 320, 240, 30},
+};
+constexpr std::uint32_t kFormats[] = {V4L2_PIX_FMT_YUYV, V4L2_PIX_FMT_MJPEG, V4L2_PIX_FMT_NV12};
+constexpr std::uint32_t kBufferBytes = 1280 * 720 * 2;
+
+std::mutex mutex;
+// All guarded by mutex.
+Mode mode = kModes[0];
+std::uint32_t bufferCount = 0;
+std::deque<std::uint32_t> queued;
+std::uint32_t sequence = 0;
+Clock::time_point started;
+bool streaming = false;
+int autoFocus = 0;
+
+std::string fileIn(const char* name) {
+    const char* const directory = std::getenv("SELVIO_EMULATED_CAMERA");
+    return std::string(directory != nullptr ? directory : "/nonexistent") + "/" + name;
+}
+
+bool isCamera(int file) {
+    char path[512];
+    const ssize_t length = ::readlink(("/proc/self/fd/" + std::to_string(file)).c_str(), path, sizeof path);
+    return length > 0 && std::string_view(path, static_cast<std::size_t>(length)).ends_with("/dev/video0");
+}
+
+// Whoever finds it gone leaves it as new for the next time.
+bool isGone() {
+    if (::access(fileIn("unplugged").c_str(), F_OK) != 0) return false;
+    const std::lock_guard lock(mutex);
+    bufferCount = 0;
+    queued.clear();
+    streaming = false;
+    return true;
+}
+
+int fail(int error) {
+    errno = error;
+    return -1;
+}
+
+void copyName(__u8* to, std::size_t size, const char* name) {
+    std::memset(to, 0, size);
+    std::memcpy(to, name, std::min(std::strlen(name), size - 1));
+}
+
+void adjust(v4l2_format& format) {
+    auto& pixels = format.fmt.pix;
+    const Mode* chosen = nullptr;
+    for (const Mode& candidate : kModes) {
+        const bool same = candidate.format == pixels.pixelformat && candidate.width == pixels.width && candidate.height == pixels.height;
+        if (same || (chosen == nullptr && candidate.format == pixels.pixelformat)) chosen = &candidate;
+    }
+    if (chosen == nullptr) chosen = &kModes[0];
+    const bool jpeg = chosen->format == V4L2_PIX_FMT_MJPEG;
+    pixels = {};
+    pixels.width = chosen->width;
+    pixels.height = chosen->height;
+    pixels.pixelformat = chosen->format;
+    pixels.field = V4L2_FIELD_NONE;
+    const bool planar = chosen->format == V4L2_PIX_FMT_NV12;
+    pixels.bytesperline = jpeg ? 0 : chosen->width * (planar ? 1 : 2);
+    pixels.sizeimage = jpeg ? kBufferBytes : chosen->width * chosen->height * (planar ? 3 : 4) / 2;
+    pixels.colorspace = jpeg ? V4L2_COLORSPACE_JPEG : V4L2_COLORSPACE_SRGB;
+}
+
+// A grey picture with a white bar that moves on with each frame.
+std::vector<char> draw() {
+    if (mode.format == V4L2_PIX_FMT_MJPEG) {
+        std::ifstream file(fileIn("frame.jpg"), std::ios::binary);
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+    const bool planar = mode.format == V4L2_PIX_FMT_NV12;
+    const std::size_t step = planar ? 1 : 2;
+    std::vector<char> pixels(std::size_t{mode.width} * mode.height * (planar ? 3 : 4) / 2, static_cast<char>(0x80));
+    const std::size_t bar = sequence * 16 % (mode.width - 16);
+    for (std::size_t row = 0; row < mode.height; ++row) {
+        for (std::size_t x = bar; x < bar + 16; ++x) pixels[(row * mode.width + x) * step] = static_cast<char>(0xEB);
+    }
+    return pixels;
+}
+
+void describe(v4l2_buffer& buffer) {
+    buffer.bytesused = 0;
+    buffer.flags = V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC;
+    buffer.field = V4L2_FIELD_NONE;
+    buffer.memory = V4L2_MEMORY_MMAP;
+    buffer.m.offset = buffer.index * kBufferBytes;
+    buffer.length = kBufferBytes;
+}
+
+int dequeue(int file, v4l2_buffer& buffer) {
+    std::unique_lock lock(mutex);
+    if (!streaming || queued.empty()) return fail(streaming ? EAGAIN : EINVAL);
+    const auto due = started + std::chrono::microseconds(1'000'000LL * (sequence + 1) / mode.rate);
+    lock.unlock();
+    std::this_thread::sleep_until(due);  // a camera has its own pace
+    if (isGone()) return fail(ENODEV);
+    lock.lock();
+    if (!streaming || queued.empty()) return fail(EINVAL);
+    buffer.index = queued.front();
+    queued.pop_front();
+    describe(buffer);
+    const std::vector<char> picture = draw();
+    if (::pwrite(file, picture.data(), picture.size(), buffer.m.offset) != static_cast<ssize_t>(picture.size())) return fail(EIO);
+    const auto micros = std::chrono::duration_cast<std::chrono::microseconds>(due.time_since_epoch()).count();
+    buffer.bytesused = static_cast<std::uint32_t>(picture.size());
+    buffer.timestamp = {micros / 1'000'000, micros % 1'000'000};
+    buffer.sequence = sequence++;
+    return 0;
+}
+
+int answer(int file, unsigned long request, void* argument) {
+    if (request == VIDIOC_DQBUF) return dequeue(file, *static_cast<v4l2_buffer*>(argument));
+    if (isGone()) return fail(ENODEV);
+    const std::lock_guard lock(mutex);
+    switch (request) {
+        case VIDIOC_QUERYCAP: {
+            auto& capability = *static_cast<v4l2_capability*>(argument);
+            capability = {};
+            copyName(capability.driver, sizeof capability.driver, "emulated");
+            copyName(capability.card, sizeof capability.card, "Emulated Camera");
+            copyName(capability.bus_info, sizeof capability.bus_info, "platform:emulated");
+            capability.version = 0x60100;
+            capability.device_caps = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_STREAMING;
+            capability.capabilities = capability.device_caps | V4L2_CAP_DEVICE_CAPS;
+            return 0;
+        }
+        case VIDIOC_ENUM_FMT: {
+            auto& format = *static_cast<v4l2_fmtdesc*>(argument);
+            if (format.type != V4L2_BUF_TYPE_VIDEO_CAPTURE || format.index >= std::size(kFormats)) return fail(EINVAL);
+            format.pixelformat = kFormats[format.index];
+            format.flags = format.pixelformat == V4L2_PIX_FMT_MJPEG ? V4L2_FMT_FLAG_COMPRESSED : 0;
+            copyName(format.description, sizeof format.description, "format");
+            return 0;
+        }
+        case VIDIOC_ENUM_FRAMESIZES: {
+            auto& size = *static_cast<v4l2_frmsizeenum*>(argument);
+            std::uint32_t index = 0;
+            for (const Mode& candidate : kModes) {
+                if (candidate.format != size.pixel_format || index++ != size.index) continue;
+                size.type = V4L2_FRMSIZE_TYPE_DISCRETE;
+                size.discrete = {candidate.width, candidate.height};
+                return 0;
+            }
+            return fail(EINVAL);
+        }
+        case VIDIOC_ENUM_FRAMEINTERVALS: {
+            auto& interval = *static_cast<v4l2_frmivalenum*>(argument);
+            for (const Mode& candidate : kModes) {
+                if (interval.index > 0 || candidate.format != interval.pixel_format || candidate.width != interval.width) continue;
+                interval.type = V4L2_FRMIVAL_TYPE_DISCRETE;
+                interval.discrete = {1, candidate.rate};
+                return 0;
+            }
+            return fail(EINVAL);
+        }
+        case VIDIOC_G_FMT: {
+            auto& format = *static_cast<v4l2_format*>(argument);
+            if (format.type != V4L2_BUF_TYPE_VIDEO_CAPTURE) return fail(EINVAL);
+            format.fmt.pix.width = mode.width;
+            format.fmt.pix.height = mode.height;
+            format.fmt.pix.pixelformat = mode.format;
+            adjust(format);
+            return 0;
+        }
+        case VIDIOC_TRY_FMT:
+        case VIDIOC_S_FMT: {
+            auto& format = *static_cast<v4l2_format*>(argument);
+            if (format.type != V4L2_BUF_TYPE_VIDEO_CAPTURE) return fail(EINVAL);
+            adjust(format);
+            if (request == VIDIOC_TRY_FMT) return 0;
+            if (bufferCount > 0) return fail(EBUSY);
+            for (const Mode& candidate : kModes) {
+                if (candidate.format == format.fmt.pix.pixelformat && candidate.width == format.fmt.pix.width) mode = candidate;
+            }
+            return 0;
+        }
+        case VIDIOC_G_PARM:
+        case VIDIOC_S_PARM: {
+            auto& parameters = *static_cast<v4l2_streamparm*>(argument);
+            if (parameters.type != V4L2_BUF_TYPE_VIDEO_CAPTURE) return fail(EINVAL);
+            parameters.parm.capture = {};
+            parameters.parm.capture.capability = V4L2_CAP_TIMEPERFRAME;
+            parameters.parm.capture.timeperframe = {1, mode.rate};
+            return 0;
+        }
+        case VIDIOC_ENUMINPUT: {
+            auto& input = *static_cast<v4l2_input*>(argument);
+            if (input.index > 0) return fail(EINVAL);
+            input = {};
+            copyName(input.name, sizeof input.name, "Camera");
+            input.type = V4L2_INPUT_TYPE_CAMERA;
+            return 0;
+        }
+        case VIDIOC_G_INPUT:
+            *static_cast<int*>(argument) = 0;
+            return 0;
+        case VIDIOC_S_INPUT:
+            return *static_cast<int*>(argument) == 0 ? 0 : fail(EINVAL);
+        case VIDIOC_QUERYCTRL: {
+            auto& control = *static_cast<v4l2_queryctrl*>(argument);
+            const bool known = control.id == V4L2_CID_FOCUS_AUTO || control.id == V4L2_CID_AUTO_FOCUS_START;
+            if (!known) return fail(EINVAL);
+            const std::uint32_t id = control.id;
+            control = {};
+            control.id = id;
+            control.type = id == V4L2_CID_FOCUS_AUTO ? V4L2_CTRL_TYPE_BOOLEAN : V4L2_CTRL_TYPE_BUTTON;
+            control.maximum = 1;
+            control.step = 1;
+            return 0;
+        }
+        case VIDIOC_G_CTRL: {
+            auto& control = *static_cast<v4l2_control*>(argument);
+            if (control.id != V4L2_CID_FOCUS_AUTO) return fail(EINVAL);
+            control.value = autoFocus;
+            return 0;
+        }
+        case VIDIOC_S_CTRL: {
+            const auto& control = *static_cast<const v4l2_control*>(argument);
+            const bool automatic = control.id == V4L2_CID_FOCUS_AUTO;
+            if (!automatic && control.id != V4L2_CID_AUTO_FOCUS_START) return fail(EINVAL);
+            if (automatic) autoFocus = control.value;
+            std::ofstream(fileIn("controls"), std::ios::app) << (automatic ? "FOCUS_AUTO=" : "AUTO_FOCUS_START=") << control.value << '\n';
+            return 0;
+        }
+        case VIDIOC_REQBUFS: {
+            auto& buffers = *static_cast<v4l2_requestbuffers*>(argument);
+            if (buffers.type != V4L2_BUF_TYPE_VIDEO_CAPTURE || buffers.memory != V4L2_MEMORY_MMAP) return fail(EINVAL);
+            buffers.count = std::min(buffers.count, 8U);
+            buffers.capabilities = V4L2_BUF_CAP_SUPPORTS_MMAP;
+            bufferCount = buffers.count;
+            queued.clear();
+            return bufferCount == 0 || ::ftruncate(file, off_t{bufferCount} * kBufferBytes) == 0 ? 0 : -1;
+        }
+        case VIDIOC_QUERYBUF:
+        case VIDIOC_QBUF: {
+            auto& buffer = *static_cast<v4l2_buffer*>(argument);
+            if (buffer.index >= bufferCount) return fail(EINVAL);
+            describe(buffer);
+            if (request == VIDIOC_QBUF) {
+                queued.push_back(buffer.index);
+                buffer.flags |= V4L2_BUF_FLAG_QUEUED;
+            }
+            return 0;
+        }
+        case VIDIOC_STREAMON:
+            streaming = true;
+            started = Clock::now();
+            sequence = 0;
+            return 0;
+        case VIDIOC_STREAMOFF:
+            streaming = false;
+            queued.clear();
+            return 0;
+        default:
+            return fail(ENOTTY);
+    }
+}
+
+}  // namespace
+
+extern "C" int ioctl(int file, unsigned long request, ...) noexcept {
+    va_list arguments;
+    va_start(arguments, request);
+    void* const argument = va_arg(arguments, void*);
+    va_end(arguments);
+    if (_IOC_TYPE(request) == 'V' && isCamera(file)) return answer(file, request, argument);
+    return static_cast<int>(::syscall(SYS_ioctl, file, request, argument));
+}
