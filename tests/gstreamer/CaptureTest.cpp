@@ -132,7 +132,7 @@ TEST(Capture, SaysWhyACameraDoesNotStart) {
         const char* log;
     };
     const Case cases[] = {
-        {"no such element", {.name = "a", .source = "nosuchsource"}, "could not be opened"},
+        {"no such element", {.name = "a", .source = "nosuchsource"}, "Capture: could not start: \"nosuchsource\": no element \"nosuchsource\""},
         {"no frames", {.name = "b", .source = "appsrc is-live=true", .width = 320, .height = 240}, "\"b\" delivers no frames"},
         {"fails at once", {.name = "c", .source = "videotestsrc ! identity error-after=1", .width = 320, .height = 240}, "identity"},
     };
