@@ -158,8 +158,13 @@ void SelvioFacialCaptureCamera::stop() {
     if (!session) return;
     const std::lock_guard lock(session->monitor());
     if (!session->isRunning()) return;
-    // Whether anything is being written shows on the queue where recordings begin: a start may still be waiting there.
-    if (state_->recordVideo()) dispatch(videoOutputQueue_, [recorder = recorder_] { recorder->stopIfWriting(); });
+    if (state_->recordVideo()) {
+        // What is being written now is finished even if it fails meanwhile, so that the failure is told. Otherwise it shows on the queue where
+        // recordings begin: a start may still be waiting there.
+        const auto writer = assetWriter();
+        const bool isWriting = writer && writer->status() == selvio::AssetWriterStatus::Writing;
+        dispatch(videoOutputQueue_, [recorder = recorder_, isWriting] { isWriting ? recorder->stop() : recorder->stopIfWriting(); });
+    }
     session->stopRunning();
 }
 

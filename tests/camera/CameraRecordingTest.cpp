@@ -40,10 +40,18 @@ TEST(CameraRecording, callsInOrderForAWholeRecording) {
     EXPECT_TRUE(rig.camera->assetWriter() && rig.camera->writerVideoInput() && rig.camera->videoRecordingUrl());
     EXPECT_THAT(rig.log.take(), IsEmpty());
 
+    rig.camera->parameters()->setRecordAudio(false);
     rig.camera->start();
     rig.run();
     EXPECT_TRUE(rig.camera->shouldRecord());
     EXPECT_EQ(rig.camera->assetWriter()->status(), AssetWriterStatus::Writing) << "a new file";
+    EXPECT_FALSE(rig.camera->writerAudioInput()) << "without the sound track of the file before";
+
+    rig.camera->stop();
+    writerOf(rig)->finish(AssetWriterStatus::Failed);  // before the queue gets to the stop
+    rig.run();
+    writerOf(rig)->finish(AssetWriterStatus::Failed);
+    EXPECT_THAT(rig.log.take(), ElementsAre("*** AVAssetWriterStatusFailed"));
 }
 
 // How a recording can fail to begin: the messages, and the writer that is left.
@@ -102,6 +110,7 @@ TEST(CameraRecording, endings) {
     const Spoil nothing = [](CameraRig&) {};
     const Spoil unimplemented = [](CameraRig& rig) { rig.delegate->didFinishRecordingVideo = {}; };
     const Spoil delegateTaken = [](CameraRig& rig) { rig.camera->setDelegate(nullptr); };
+    const Spoil undeletable = [](CameraRig& rig) { rig.files->undeletable = {"selvio_r.mp4"}; };
     const Spoil fileGone = [](CameraRig& rig) { (void)rig.files->removeItem("/documents/selvio_r.mp4"); };
     const struct {
         AssetWriterStatus status;
@@ -111,6 +120,7 @@ TEST(CameraRecording, endings) {
     } rows[] = {{AssetWriterStatus::Completed, nothing, {}, true, false},
                 {AssetWriterStatus::Completed, unimplemented, {}, false, true},
                 {AssetWriterStatus::Completed, delegateTaken, {}, false, true},
+                {AssetWriterStatus::Completed, undeletable, {}, true, true},
                 {AssetWriterStatus::Completed, fileGone, {"Couldn't read item at path: selvio_r.mp4\nno such file"}, false, false},
                 {AssetWriterStatus::Failed, nothing, {"*** AVAssetWriterStatusFailed"}, false, true},
                 {AssetWriterStatus::Cancelled, nothing, {"*** AVAssetWriterStatusCancelled"}, false, true},
