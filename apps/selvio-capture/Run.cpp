@@ -258,8 +258,9 @@ void Session::end(ExitCode code) {
     camera_->videoQueue()->async([output = camera_->videoOutputQueue(), main = platform_.mainQueue, block = weakly(&Session::stopCamera)] {
         output->async([main, block] { main->async(block); });
     });
-    platform_.mainQueue->asyncAfter(kLongestEnding, [code = exitCode_] {
+    platform_.mainQueue->asyncAfter(kLongestEnding, [code = exitCode_, center = platform_.notificationCenter] {
         complain("the camera does not end");
+        center->post(ApplicationNotification::WillTerminate);
         std::cout.flush();
         std::_Exit(static_cast<int>(code == ExitCode::Success ? ExitCode::Other : code));
     });
@@ -294,6 +295,7 @@ void Session::recordingFinished(const std::vector<std::uint8_t>& data) {
 }
 
 void Session::complete() {
+    platform_.notificationCenter->post(ApplicationNotification::WillTerminate);  // the camera removes what is left of recordings
     camera_->shutdown();
     MainQueue::shared()->quit();
 }

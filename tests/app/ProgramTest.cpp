@@ -248,17 +248,19 @@ TEST_F(SelvioCapture, CapturesAndShowsTheRecord) {
 
 TEST_F(SelvioCapture, KeepsTheRecordingHoweverTheCaptureEnds) {
     for (const bool interrupt : {false, true}) {
-        bool sent = !interrupt;
+        bool done = false;
         const auto script = interrupt ? emptyScene() : kSamples / "scripts/steady.json";
         const auto ended = run(capture(script, {"--record-video", "--record-audio"}), [&](const std::string& out, pid_t program) {
-            if (std::ranges::count(out, '\n') > 5 && !std::exchange(sent, true)) ::kill(program, SIGINT);
+            if (std::ranges::count(out, '\n') <= 5 || std::exchange(done, true)) return;
+            writeFile(path("SelvioFacialCapture/Documents/selvio_left over.mp4"), "x");
+            if (interrupt) ::kill(program, SIGINT);
         });
         EXPECT_EQ(ended.exitCode, interrupt ? 3 : 0) << ended.err;
         EXPECT_EQ(record()["Parameters"]["RecordVideo"], "1");
         const auto recording = contentOf(path("out/recording.mp4"));
         EXPECT_THAT(recording.substr(0, 16), HasSubstr("ftyp"));
         EXPECT_LT(recording.find("moov"), recording.find("mdat"));
-        EXPECT_TRUE(fs::is_empty(path("SelvioFacialCapture/Documents"))) << "the component's own copy";
+        EXPECT_TRUE(fs::is_empty(path("SelvioFacialCapture/Documents"))) << "neither the component's own copy nor what was left over";
         fs::remove_all(path("out"));
     }
 }
@@ -267,11 +269,12 @@ TEST_F(SelvioCapture, EndsWhenFramesStop) {
     ASSERT_EQ(run(capture(kSamples / "scripts/steady.json", {"--record-video"})).exitCode, 0);
     fs::rename(path("out/recording.mp4"), path("short.mp4"));
     fs::remove_all(path("out"));
-    const auto ended = run({"--json", "--source", "video:" + path("short.mp4").string(), "--countdown-time", "5", "--out", path("out")});
+    const auto ended =
+        run({"--json", "--source", "video:" + path("short.mp4").string(), "--countdown-time", "5", "--record-video", "--out", path("out")});
     EXPECT_EQ(ended.exitCode, 4);
     EXPECT_THAT(ended.err, HasSubstr("The camera has stopped delivering frames"));
     EXPECT_EQ(ended.lines().back()["event"], "detectionCancelled");
-    EXPECT_THAT(results(), ElementsAre("record.json"));
+    EXPECT_THAT(results(), ElementsAre("record.json", "recording.mp4")) << "what was recorded until then";
 }
 
 TEST_F(SelvioCapture, TakesThePictureInManualModeWithoutATerminal) {
