@@ -6,8 +6,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <sys/resource.h>
-#include <csignal>
 #include <fstream>
 #include <future>
 #include <random>
@@ -149,22 +147,6 @@ TEST_F(AssetWriterTest, FitsFramesWholeWithBlackBorders) {
     EXPECT_LT(level(440), 12);
 }
 
-// Where a recording turns white and where its tone begins, in seconds.
-std::pair<double, double> onsets(const std::filesystem::path& file) {
-    const std::string sound = outputOf("ffmpeg -v error -i '" + file.string() + "' -f s16le -ac 1 -ar 48000 -");
-    std::size_t onset = 0;
-    for (std::int16_t sample = 0; onset < sound.size() / 2; ++onset) {
-        std::memcpy(&sample, sound.data() + onset * 2, 2);
-        if (std::abs(sample) > 3000) break;
-    }
-    std::istringstream lines(outputOf("ffprobe -v error -f lavfi -i \"movie='" + file.string() +
-                                      "',signalstats\" -show_entries frame=pts_time:frame_tags=lavfi.signalstats.YAVG -of csv=p=0"));
-    for (std::string line; std::getline(lines, line);) {
-        if (std::stod(line.substr(line.find(',') + 1)) > 128) return {std::stod(line), static_cast<double>(onset) / 48000.0};
-    }
-    return {-1.0, -1.0};
-}
-
 TEST_F(AssetWriterTest, PictureAndSoundStayTogether) {
     for (const std::vector<std::string>& disabled : {std::vector<std::string>{}, {"fdkaacenc", "avenc_aac"}}) {
         std::filesystem::remove(file_);
@@ -268,12 +250,7 @@ TEST_F(AssetWriterTest, FailureAndCancellingLeaveNoFile) {
 TEST_F(AssetWriterTest, AFullDiskFailsTheRecordingAndNothingElse) {
     const CapturedLog captured;
     make({kVideoCodecTypeH264, 360, 640, {{kVideoAverageBitRateKey, 13'000'000}}});
-    const auto previousHandler = std::signal(SIGXFSZ, SIG_IGN);
-    rlimit previous{};
-    getrlimit(RLIMIT_FSIZE, &previous);
-    rlimit small = previous;
-    small.rlim_cur = 256 << 10;
-    setrlimit(RLIMIT_FSIZE, &small);
+    std::optional<FullDisk> full(std::in_place);
     start();
     std::mt19937 noise(1);
     for (int i = 0; i < 150 && writer_->status() == AssetWriterStatus::Writing; ++i) {
@@ -282,8 +259,7 @@ TEST_F(AssetWriterTest, AFullDiskFailsTheRecordingAndNothingElse) {
         append(video_, videoSample(frame, i * kFrame));
     }
     const AssetWriterStatus status = finish();
-    setrlimit(RLIMIT_FSIZE, &previous);
-    std::signal(SIGXFSZ, previousHandler);
+    full.reset();
     EXPECT_EQ(status, AssetWriterStatus::Failed);
     EXPECT_THAT(captured.text(), HasSubstr("Recording failed: "));
     EXPECT_EQ(directory_.fileCount(), 0U);

@@ -1,6 +1,7 @@
 #include "CaptureProbe.h"
 #include "support/Child.h"
 #include "support/MediaProbe.h"
+#include "support/Resources.h"
 
 #include <SelvioFacialCapture/linux/Capture.h>
 
@@ -36,10 +37,6 @@ std::shared_ptr<CaptureSystem> systemOf(CaptureOptions options) {
 std::shared_ptr<CaptureDevice> firstCamera(const std::shared_ptr<CaptureSystem>& system) {
     const auto found = system->discoverDevices({}, MediaType::Video, CaptureDevicePosition::Back)->devices;
     return found.empty() ? nullptr : found.front();
-}
-
-std::size_t entriesOf(const char* directory) {
-    return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(directory), std::filesystem::directory_iterator()));
 }
 
 TEST(Capture, DeliversFramesInFormatAndShapeOnTheMasterClock) {
@@ -350,25 +347,13 @@ TEST(Capture, ManyStartsAndStopsLeaveNothingBehind) {
         }
         rig.queue->drain();
     };
-    const auto residentKilobytes = [] {
-        std::ifstream status("/proc/self/status");
-        for (std::string word; status >> word;) {
-            if (word == "VmRSS:" && status >> word) return std::stol(word);
-        }
-        return 0L;
-    };
     cycle(50);  // GStreamer keeps a few threads for the next time
-    const auto threads = entriesOf("/proc/self/task");
-    const auto descriptors = entriesOf("/proc/self/fd");
-    const auto memory = residentKilobytes();
+    const auto before = Resources::now();
     cycle(1000);
-    EXPECT_LE(entriesOf("/proc/self/task"), threads + 2);
-    EXPECT_LE(entriesOf("/proc/self/fd"), descriptors);
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // which keep what was freed, and find leaks themselves
-    EXPECT_LT(residentKilobytes() - memory, 8 << 10) << "less than 8 KB a cycle, which the allocator keeps";
-#else
-    (void)memory;
-#endif
+    const auto after = Resources::now();
+    EXPECT_LE(after.threads, before.threads + 2);
+    EXPECT_LE(after.descriptors, before.descriptors);
+    EXPECT_LT(after.kilobytes - before.kilobytes, 8 << 10) << "less than 8 KB a cycle, which the allocator keeps";
 }
 
 }  // namespace

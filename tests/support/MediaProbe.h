@@ -5,11 +5,15 @@
 
 #include <nlohmann/json.hpp>
 
+#include <sys/resource.h>
 #include <cmath>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <sstream>
 #include <string>
+#include <utility>
 
 namespace selvio::test {
 
@@ -32,6 +36,26 @@ public:
 
 private:
     std::filesystem::path path_;
+};
+
+/// While it lives, no file of this process grows beyond 256 KB.
+class FullDisk {
+public:
+    FullDisk() : handler_(std::signal(SIGXFSZ, SIG_IGN)) {
+        ::getrlimit(RLIMIT_FSIZE, &previous_);
+        const rlimit small{256 << 10, previous_.rlim_max};
+        ::setrlimit(RLIMIT_FSIZE, &small);
+    }
+    ~FullDisk() {
+        ::setrlimit(RLIMIT_FSIZE, &previous_);
+        std::signal(SIGXFSZ, handler_);
+    }
+    FullDisk(const FullDisk&) = delete;
+    FullDisk& operator=(const FullDisk&) = delete;
+
+private:
+    void (*const handler_)(int);
+    rlimit previous_{};
 };
 
 inline std::string outputOf(const std::string& command) {
@@ -59,6 +83,22 @@ inline nlohmann::json streamOfType(const nlohmann::json& media, const std::strin
 inline double numberIn(const nlohmann::json& object, const char* key) {
     const std::string text = object.value(key, "nan");
     return text == "nan" ? std::nan("") : std::stod(text);
+}
+
+/// Where a recording turns white and where its tone begins, in seconds; -1 if it never turns white.
+inline std::pair<double, double> onsets(const std::filesystem::path& file) {
+    const std::string sound = outputOf("ffmpeg -v error -i '" + file.string() + "' -f s16le -ac 1 -ar 48000 -");
+    std::size_t onset = 0;
+    for (std::int16_t sample = 0; onset < sound.size() / 2; ++onset) {
+        std::memcpy(&sample, sound.data() + onset * 2, 2);
+        if (std::abs(sample) > 3000) break;
+    }
+    std::istringstream lines(outputOf("ffprobe -v error -f lavfi -i \"movie='" + file.string() +
+                                      "',signalstats\" -show_entries frame=pts_time:frame_tags=lavfi.signalstats.YAVG -of csv=p=0"));
+    for (std::string line; std::getline(lines, line);) {
+        if (std::stod(line.substr(line.find(',') + 1)) > 128) return {std::stod(line), static_cast<double>(onset) / 48000.0};
+    }
+    return {-1.0, -1.0};
 }
 
 /// A frame of one grey level.

@@ -1,0 +1,252 @@
+// The whole camera over the simulated devices, with real queues, real files and the real MP4 writer.
+#include <SelvioFacialCapture/SelvioFacialCaptureCamera.h>
+#include <SelvioFacialCapture/base/SerialQueue.h>
+#include <SelvioFacialCapture/linux/Files.h>
+#include <SelvioFacialCapture/linux/Recording.h>
+#include <SelvioFacialCapture/simulated/SimulatedPlatform.h>
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <fstream>
+#include <optional>
+#include <thread>
+
+#include "simulated/SimulatedSupport.h"
+#include "support/FakeDevice.h"
+#include "support/LogCapture.h"
+#include "support/MediaProbe.h"
+#include "support/Resources.h"
+
+namespace selvio {
+namespace {
+
+using namespace test;
+using testing::Contains;
+using testing::HasSubstr;
+namespace fs = std::filesystem;
+
+constexpr std::chrono::nanoseconds kFrame{33'333'333};
+
+struct Rig {
+    explicit Rig(const std::string& keyFrames, std::int64_t orientation = 1, const SimulatedCaptureOptions& options = {SimulatedPacing::Manual}) {
+        Platform platform = makePortablePlatform();
+        platform.mainQueue = main;
+        platform.device = std::make_shared<FakeDevice>();
+        platform.screen = std::make_shared<FakeScreen>(Size{}, static_cast<InterfaceOrientation>(orientation));
+        platform.fileManager = std::make_shared<LinuxFileManager>(documents);
+        platform.assetWriters = makeGstAssetWriterFactory();
+        system = useSimulatedCamera(platform, spotFrames(keyFrames), options);
+        camera = SelvioFacialCaptureCamera::initWithPreset(
+            options.pacing == SimulatedPacing::Manual ? kCaptureSessionPreset1280x720 : kCaptureSessionPreset640x480, 0, CaptureDevicePosition::Front,
+            static_cast<VideoOrientation>(orientation), {}, platform);
+        camera->setAnalyzeRGBVideo(false);
+        camera->parameters()->setRecordVideo(true);
+        camera->parameters()->setRecordAudio(true);
+        delegate->didFinishConfiguringSession = [] {};
+        delegate->didReceiveSampleBuffer = [this](const auto&) { ++frames; };
+        delegate->didFinishRecordingVideo = [this](const std::vector<std::uint8_t>& data) {
+            std::ofstream(file, std::ios::binary).write(reinterpret_cast<const char*>(data.data()), static_cast<std::streamsize>(data.size()));
+            ++recordings;
+        };
+        camera->setDelegate(delegate);
+        drain(camera->videoQueue());
+        if (options.pacing == SimulatedPacing::Manual) system->scene()->setTime({});  // stands still until the first frame
+    }
+    ~Rig() {
+        camera->stop();
+        camera->shutdown();
+        for (const auto& queue : {camera->videoQueue(), camera->videoOutputQueue(), std::shared_ptr<Queue>(main)}) drain(queue);
+    }
+    static void drain(const std::shared_ptr<Queue>& queue) { dynamic_cast<SerialQueue&>(*queue).drain(); }
+    void start() {
+        camera->start();
+        drain(camera->videoQueue());
+        drain(camera->videoOutputQueue());
+    }
+    [[nodiscard]] bool isWriting() const { return camera->assetWriter() && camera->assetWriter()->status() == AssetWriterStatus::Writing; }
+    /// The next frames, each once the recording has room for it.
+    void step(int count) {
+        for (; count > 0; --count) {
+            while (isWriting() && !camera->writerVideoInput()->isReadyForMoreMediaData()) std::this_thread::yield();
+            system->deliverFrameAt(next++ * kFrame);
+            drain(camera->videoOutputQueue());
+        }
+    }
+    /// Waits ten seconds at most.
+    template <typename Condition>
+    static bool waitFor(Condition condition) {
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (!condition() && std::chrono::steady_clock::now() < end) std::this_thread::yield();
+        return condition();
+    }
+    [[nodiscard]] bool stopAndReceive() {
+        const int before = recordings;
+        camera->stop();
+        return waitFor([&] { return recordings > before; });
+    }
+
+    [[nodiscard]] std::string recordedFrames() const {
+        return fs::exists(file) ? streamOfType(probe(file), "video").value("nb_read_frames", "unreadable") : "none";
+    }
+
+    const TemporaryDirectory directory;
+    const fs::path documents = directory.path() / "Documents";
+    const fs::path file = directory.path() / "recording.mp4";
+    const std::shared_ptr<SerialQueue> main = std::make_shared<SerialQueue>("main");
+    const std::shared_ptr<SelvioFacialCaptureCameraDelegate> delegate = std::make_shared<SelvioFacialCaptureCameraDelegate>();
+    std::shared_ptr<SimulatedCaptureSystem> system;
+    std::shared_ptr<SelvioFacialCaptureCamera> camera;
+    std::atomic<int> frames{0};
+    std::atomic<int> recordings{0};
+    int next = 0;  ///< frame
+};
+
+TEST(Recording, IsPlayableInEveryOrientation) {
+    for (const std::int64_t orientation : {1, 2, 3, 4}) {
+        SCOPED_TRACE(orientation);
+        // It becomes light at 1 s, which is when the microphone is joined again.
+        Rig rig(R"({"at": 0, "hold": 0.99, "visible": false, "light": 0}, {"at": 1, "light": 4})", orientation);
+        const auto microphone = rig.camera->audioInput();
+        rig.camera->session()->removeInput(microphone);
+        rig.start();
+        rig.step(30);
+        rig.camera->session()->addInput(microphone);
+        rig.step(30);
+        ASSERT_TRUE(rig.stopAndReceive());
+        EXPECT_TRUE(fs::is_empty(rig.documents));
+
+        const auto media = probe(rig.file);
+        const auto video = streamOfType(media, "video");
+        const auto audio = streamOfType(media, "audio");
+        EXPECT_EQ(video.value("codec_name", ""), "h264");
+        EXPECT_EQ(video.value("width", 0), orientation <= 2 ? 720 : 1280);
+        EXPECT_EQ(video.value("height", 0), orientation <= 2 ? 1280 : 720);
+        EXPECT_EQ(rig.frames, 60);
+        EXPECT_EQ(video.value("nb_read_frames", ""), "60");
+        EXPECT_NEAR(numberIn(video, "duration"), 2.0, 0.04);
+        EXPECT_EQ(audio.value("codec_name", ""), "aac");
+        EXPECT_NEAR(numberIn(audio, "duration"), 2.0, 0.04);
+        const auto [white, tone] = onsets(rig.file);
+        EXPECT_NEAR(white, 1.0, 0.01);
+        EXPECT_NEAR(tone, 45 * 1024 / 48000.0, 0.04) << "the first block that is not over at the last dark frame";
+    }
+}
+
+// What befalls a recording is logged and leaves no half of a file; the capture goes on, and once the cause has gone the next recording succeeds.
+TEST(Recording, FaultsSpareTheCapture) {
+    std::optional<FullDisk> full;
+    const std::string failed = "*** AVAssetWriterStatusFailed";
+    using Act = std::function<void(Rig&)>;
+    const Act nothing = [](Rig&) {};
+    const auto remove = [](Rig& rig) { fs::remove_all(rig.documents); };
+    const struct {
+        const char* what;
+        Act before, during, lift;
+        std::vector<std::string> log;
+        bool runs, delivered;
+    } rows[] = {
+        {"full disk", nothing, [&](Rig&) { full.emplace(); }, [&](Rig&) { full.reset(); }, {"Recording failed: ", failed}, true, false},
+        {"directory not writable",
+         [](Rig& rig) { fs::create_directory_symlink("/proc", rig.documents); },
+         nothing,
+         remove,
+         {"could not create", failed},
+         true,
+         false},
+        {"no directory",
+         [](Rig& rig) { std::ofstream(rig.documents) << "a file"; },
+         nothing,
+         remove,
+         {"Couldn't get contents of Documents directory:\n", "could not create", failed},
+         true,
+         false},
+        {"recording deleted",
+         nothing,
+         [](Rig& rig) { rig.camera->cleanupBrokenVideos(); },
+         nothing,
+         {"could not move the recording", failed},
+         true,
+         false},
+        {"writer killed",
+         nothing,
+         [](Rig& rig) { rig.camera->videoOutputQueue()->async([writer = rig.camera->assetWriter()] { writer->cancelWriting(); }); },
+         nothing,
+         {"*** AVAssetWriterStatusCancelled"},
+         true,
+         false},
+        {"camera unplugged",
+         nothing,
+         [](Rig& rig) { rig.system->setFaults({.deviceLost = true}); },
+         [](Rig& rig) { rig.system->setFaults({}); },
+         {"The simulated camera was disconnected"},
+         false,
+         true},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        Rig rig(R"({"at": 0, "visible": false, "noise": 64})");
+        rig.camera->parameters()->setVideoQuality(100);
+        LogCapture log;
+        row.before(rig);
+        rig.start();
+        rig.step(5);
+        row.during(rig);
+        for (int i = 0; i < 100 && rig.isWriting() && full; ++i) rig.step(1);
+        const int before = rig.frames;
+        rig.step(5);
+        EXPECT_EQ(rig.frames - before, row.runs ? 5 : 0);
+        EXPECT_EQ(rig.camera->session()->isRunning(), row.runs);
+
+        rig.camera->stopRecording();
+        std::vector<std::string> lines;
+        EXPECT_TRUE(Rig::waitFor([&] {
+            for (auto& line : log.take()) lines.push_back(std::move(line));
+            return row.delivered ? rig.recordings > 0 : !lines.empty() && lines.back().starts_with("***");
+        }));
+        for (const std::string& part : row.log) EXPECT_THAT(lines, Contains(HasSubstr(part)));
+        EXPECT_EQ(rig.recordings, row.delivered ? 1 : 0);
+        EXPECT_EQ(rig.recordedFrames(), row.delivered ? std::to_string(before) : "none");
+
+        row.lift(rig);
+        rig.camera->stop();
+        rig.start();
+        rig.step(5);
+        EXPECT_TRUE(rig.stopAndReceive());
+        EXPECT_EQ(rig.recordedFrames(), "5");
+        EXPECT_TRUE(fs::is_empty(rig.documents));
+        EXPECT_TRUE(log.take().empty());
+    }
+}
+
+TEST(Recording, ManyStartsAndStopsLeaveNothingBehind) {
+    Rig rig(kSteady, 1, {.frameRate = 240});
+    const auto cycle = [&](int times, bool record) {
+        rig.camera->parameters()->setRecordVideo(record);
+        for (; times > 0; --times) {
+            const int before = rig.frames;
+            rig.start();
+            const int enough = before + (record ? 3 : 1);  // the first may be older than the recording
+            ASSERT_TRUE(Rig::waitFor([&] { return rig.frames >= enough; }));
+            if (record) {
+                ASSERT_TRUE(rig.stopAndReceive());
+            } else {
+                rig.camera->stop();
+            }
+        }
+        rig.camera->discardRecording();  // the last writer goes
+        Rig::drain(rig.camera->videoOutputQueue());
+    };
+    cycle(5, true);  // GStreamer and the allocator keep something for the next time
+    cycle(50, false);
+    const auto before = Resources::now();
+    cycle(1000, false);
+    EXPECT_LT(Resources::now().kilobytes - before.kilobytes, 4 << 10) << "less than 4 KB a cycle";
+    cycle(20, true);
+    // A writer's own thread may still be at its end.
+    const auto nothingMore = [&] { return Resources::now().descriptors <= before.descriptors && Resources::now().threads <= before.threads + 6; };
+    EXPECT_TRUE(Rig::waitFor(nothingMore)) << Resources::now().descriptors << " descriptors, " << Resources::now().threads << " threads";
+    EXPECT_TRUE(fs::is_empty(rig.documents));
+}
+
+}  // namespace
+}  // namespace selvio
