@@ -52,8 +52,10 @@ TEST(Capture, DeliversFramesInFormatAndShapeOnTheMasterClock) {
         {"BGRA", 0, 2, {kPixelFormat32BGRA, 134, 240}},
         {"YUY2", 0, 4, {kPixelFormat32BGRA, 320, 240}},
         {"YUY2", kPixelFormat420v, 1, {kPixelFormat420v, 134, 240}},
+        {"NV12", 0x34323066, 3, {kPixelFormat32BGRA, 320, 240}},  // 420f, which is refused
     };
     for (const Case& c : cases) {
+        LogCapture log;
         SCOPED_TRACE(testing::Message() << c.raw << " orientation " << c.orientation);
         const auto system = systemOf({.sources = {testPicture(c.raw)}});
         Rig rig(system, firstCamera(system), c.format);
@@ -66,6 +68,7 @@ TEST(Capture, DeliversFramesInFormatAndShapeOnTheMasterClock) {
         rig.queue->drain();
         EXPECT_FALSE(rig.session->isRunning());
         EXPECT_EQ(rig.probe->lastFormat(), c.expected);
+        EXPECT_EQ(log.take().empty(), c.format == 0 || c.format == c.expected.mediaSubType);
         for (std::size_t i = 0; i < rig.probe->frames_.size(); ++i) {
             const auto& timing = rig.probe->frames_[i];
             EXPECT_GE(*timing.presentationTime, i == 0 ? before : *rig.probe->frames_[i - 1].presentationTime + milliseconds(20));

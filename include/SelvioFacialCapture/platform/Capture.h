@@ -135,7 +135,7 @@ struct AudioSettings {
 
 class VideoDataOutput : public CaptureOutput {
 public:
-    /// The frames' pixel format; 0 means 32-bit BGRA.
+    /// The frames' pixel format; 0 means 32-bit BGRA. One that the platform does not deliver is logged and changes nothing.
     virtual void setPixelFormat(PixelFormat format) = 0;
     virtual void setAlwaysDiscardsLateVideoFrames(bool discards) = 0;
     /// Frames and drop notices go to `delegate`, held weakly, on `queue`; null for both ends the deliveries. One that has

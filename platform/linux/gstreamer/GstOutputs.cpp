@@ -1,5 +1,9 @@
 #include "GstOutputs.h"
 
+#include "GstSupport.h"
+
+#include <SelvioFacialCapture/base/Log.h>
+
 #include <algorithm>
 
 namespace selvio {
@@ -32,6 +36,14 @@ void DeliveryTarget::call(const Call& call) {
 }
 
 // ---- frames
+
+void GstVideoDataOutput::setPixelFormat(PixelFormat format) {
+    if (gstFormatName(format) == nullptr) {
+        log("Capture: frames come in BGRA, ARGB or 420v, in no other pixel format; the format stays as it was");
+        return;
+    }
+    pixelFormat_ = format == 0 ? kPixelFormat32BGRA : format;
+}
 
 void GstVideoDataOutput::setSampleBufferDelegate(std::weak_ptr<CaptureOutputDelegate> delegate, std::shared_ptr<Queue> queue) {
     target_.set(std::move(delegate), std::move(queue));

@@ -72,7 +72,8 @@ public:
         : GstOutput(std::make_shared<GstConnection>(true, VideoOrientation::LandscapeRight)), recording_(std::move(recording)) {}
 
     [[nodiscard]] std::vector<std::shared_ptr<CaptureConnection>> connections() const override { return activeConnections(); }
-    void setPixelFormat(PixelFormat format) override { pixelFormat_ = format == 0 ? kPixelFormat32BGRA : format; }
+    /// A format that cannot be delivered is logged and changes nothing.
+    void setPixelFormat(PixelFormat format) override;
     [[nodiscard]] PixelFormat pixelFormat() const { return pixelFormat_; }
     void setAlwaysDiscardsLateVideoFrames(bool discards) override { discardsLate_ = discards; }
     void setSampleBufferDelegate(std::weak_ptr<CaptureOutputDelegate> delegate, std::shared_ptr<Queue> queue) override;
