@@ -170,8 +170,9 @@ void VideoRecorder::deleteCurrentRecording() const {
 }
 
 std::optional<std::filesystem::path> VideoRecorder::url() const {
-    if (!clock_ || !files_) return std::nullopt;
-    return files_->documentsDirectory() / recordingFileName(clock_->secondsSinceReferenceDate());
+    const auto directory = files_ ? files_->documentsDirectory() : std::filesystem::path();
+    if (!clock_ || directory.empty()) return std::nullopt;  // not to the working directory
+    return directory / recordingFileName(clock_->secondsSinceReferenceDate());
 }
 
 void VideoRecorder::cleanupBrokenVideos() const {

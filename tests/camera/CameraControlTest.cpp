@@ -234,6 +234,7 @@ TEST(CameraControl, missingPorts) {
         {[](Platform& on) { on.captureSystem = nullptr; }, ""},
         {[](Platform& on) { on.assetWriters = nullptr; }, "configured frame torch allowed "},
         {[](Platform& on) { on.fileManager = nullptr; }, "configured frame torch allowed "},
+        {[](Platform& on) { on.fileManager = std::make_shared<FakeFileManager>(""); }, "configured frame torch allowed "},
         {[](Platform& on) { on.makeView = {}; }, all},
         {[](Platform& on) { on.notificationCenter = nullptr; }, all},
         {[](Platform& on) { on = {}; }, ""},

@@ -13,7 +13,8 @@ namespace selvio {
 class FileManager {
 public:
     virtual ~FileManager() = default;
-    /// The directory that holds recordings; private to the component, because the clean-up deletes files in it by pattern.
+    /// The directory that holds recordings; private to the component, because the clean-up deletes files in it by pattern. Empty if there is
+    /// none.
     [[nodiscard]] virtual std::filesystem::path documentsDirectory() const = 0;
     /// The names in a directory, in listing order, without recursion.
     [[nodiscard]] virtual Expected<std::vector<std::string>> contentsOfDirectory(const std::filesystem::path& directory) const = 0;
