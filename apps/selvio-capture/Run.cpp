@@ -59,6 +59,7 @@ private:
     void cancel(ExitCode code, const std::string& why);
     void end(ExitCode code);
     void stopCamera();
+    void awaitRecording();
     void recordingFinished(const std::vector<std::uint8_t>& data);
     void complete();
 
@@ -93,6 +94,7 @@ private:
     std::shared_ptr<Countdown> countdown_;
     std::shared_ptr<FrameWatch> frames_;
     std::chrono::nanoseconds resumeTime_{0};
+    std::chrono::nanoseconds stopTime_{0};
     bool analyzerIsManualOnly_ = false;
     bool selected_ = false;
     bool ending_ = false;
@@ -272,16 +274,22 @@ void Session::stopCamera() {
     camera_->stop();
     if (recording) {
         camera_->stopRecording();  // a session that ended by itself left that to us; a second request does nothing
-        platform_.mainQueue->asyncAfter(kLongestFinishing, [weak = weak_from_this()] {
-            if (const auto self = weak.lock()) self->recordingFinished({});
-        });
-        return;
+        stopTime_ = platform_.clock->monotonicTime();
+        return awaitRecording();
     }
     if (exitCode_ == ExitCode::Success && camera_->parameters()->recordVideo()) {
         complain("nothing was recorded");
         fail(ExitCode::NotWritten);
     }
     complete();
+}
+
+/// That a recording failed is told by its writer alone.
+void Session::awaitRecording() {
+    const auto status = camera_->assetWriter()->status();
+    const bool failed = status == AssetWriterStatus::Failed || status == AssetWriterStatus::Cancelled;
+    if (failed || platform_.clock->monotonicTime() - stopTime_ > kLongestFinishing) return recordingFinished({});
+    platform_.mainQueue->asyncAfter(kWatchInterval, weakly(&Session::awaitRecording));
 }
 
 void Session::recordingFinished(const std::vector<std::uint8_t>& data) {

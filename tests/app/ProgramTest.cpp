@@ -265,6 +265,21 @@ TEST_F(SelvioCapture, KeepsTheRecordingHoweverTheCaptureEnds) {
     }
 }
 
+TEST_F(SelvioCapture, SaysSoonThatARecordingWasLost) {
+    std::optional<std::chrono::steady_clock::time_point> interrupted;
+    const auto ended = run(capture(emptyScene(), {"--record-video"}), [&](const std::string& out, pid_t program) {
+        if (std::ranges::count(out, '\n') <= 5 || interrupted) return;
+        for (const auto& entry : fs::directory_iterator(path("SelvioFacialCapture/Documents"))) fs::remove(entry);
+        interrupted = std::chrono::steady_clock::now();
+        ::kill(program, SIGINT);
+    });
+    EXPECT_EQ(ended.exitCode, 3);
+    EXPECT_THAT(ended.err, HasSubstr("the recording could not be finished"));
+    EXPECT_THAT(results(), ElementsAre("record.json"));
+    ASSERT_TRUE(interrupted);
+    EXPECT_LT(std::chrono::steady_clock::now() - *interrupted, std::chrono::seconds(10)) << "no wait for what cannot come";
+}
+
 TEST_F(SelvioCapture, EndsWhenFramesStop) {
     ASSERT_EQ(run(capture(kSamples / "scripts/steady.json", {"--record-video"})).exitCode, 0);
     fs::rename(path("out/recording.mp4"), path("short.mp4"));
