@@ -6,7 +6,9 @@
 #include <SelvioFacialCapture/simulated/SimulatedPlatform.h>
 #include <gmock/gmock.h>
 
+#include <sys/resource.h>
 #include <atomic>
+#include <csignal>
 #include <fstream>
 #include <optional>
 #include <thread>
@@ -26,6 +28,26 @@ using testing::HasSubstr;
 namespace fs = std::filesystem;
 
 constexpr std::chrono::nanoseconds kFrame{33'333'333};
+
+// While it lives, no file of this process grows beyond 256 KB.
+class FullDisk {
+public:
+    FullDisk() : handler_(std::signal(SIGXFSZ, SIG_IGN)) {
+        ::getrlimit(RLIMIT_FSIZE, &previous_);
+        const rlimit small{256 << 10, previous_.rlim_max};
+        ::setrlimit(RLIMIT_FSIZE, &small);
+    }
+    ~FullDisk() {
+        ::setrlimit(RLIMIT_FSIZE, &previous_);
+        std::signal(SIGXFSZ, handler_);
+    }
+    FullDisk(const FullDisk&) = delete;
+    FullDisk& operator=(const FullDisk&) = delete;
+
+private:
+    void (*const handler_)(int);
+    rlimit previous_{};
+};
 
 struct Rig {
     explicit Rig(const std::string& keyFrames, std::int64_t orientation = 1, const SimulatedCaptureOptions& options = {SimulatedPacing::Manual}) {
@@ -54,6 +76,7 @@ struct Rig {
     }
     ~Rig() {
         camera->stop();
+        camera->discardRecording();  // a test that failed may have left one
         camera->shutdown();
         for (const auto& queue : {camera->videoQueue(), camera->videoOutputQueue(), std::shared_ptr<Queue>(main)}) drain(queue);
     }

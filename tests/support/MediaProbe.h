@@ -5,9 +5,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include <sys/resource.h>
 #include <cmath>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -36,26 +34,6 @@ public:
 
 private:
     std::filesystem::path path_;
-};
-
-/// While it lives, no file of this process grows beyond 256 KB.
-class FullDisk {
-public:
-    FullDisk() : handler_(std::signal(SIGXFSZ, SIG_IGN)) {
-        ::getrlimit(RLIMIT_FSIZE, &previous_);
-        const rlimit small{256 << 10, previous_.rlim_max};
-        ::setrlimit(RLIMIT_FSIZE, &small);
-    }
-    ~FullDisk() {
-        ::setrlimit(RLIMIT_FSIZE, &previous_);
-        std::signal(SIGXFSZ, handler_);
-    }
-    FullDisk(const FullDisk&) = delete;
-    FullDisk& operator=(const FullDisk&) = delete;
-
-private:
-    void (*const handler_)(int);
-    rlimit previous_{};
 };
 
 inline std::string outputOf(const std::string& command) {
