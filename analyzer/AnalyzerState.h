@@ -3,6 +3,7 @@
 
 #include <SelvioFacialCapture/SelvioFacialCaptureAnalyzer.h>
 #include <SelvioFacialCapture/base/Log.h>
+#include <SelvioFacialCapture/base/MemberMutex.h>
 
 #include <atomic>
 #include <mutex>
@@ -36,17 +37,6 @@ struct SelvioFacialCaptureAnalyzer::State {
 
     [[nodiscard]] selvio::rules::GateFlags gateFlags() const;
     [[nodiscard]] bool canAnalyze() const { return systemMajorVersion >= kAutomaticAnalysisVersion && sequenceRequestHandler != nullptr; }
-    /// Reads or replaces a member that `mutex` guards.
-    template <typename T>
-    [[nodiscard]] T get(const T& member) const {
-        const std::lock_guard lock(mutex);
-        return member;
-    }
-    template <typename T>
-    void set(T& member, T value) {
-        const std::lock_guard lock(mutex);
-        std::swap(member, value);  // what was replaced goes after the lock
-    }
 
     const selvio::Platform platform;
     const int systemMajorVersion;
@@ -68,7 +58,7 @@ struct SelvioFacialCaptureAnalyzer::State {
     std::atomic<std::int64_t> smileStatus{0};
     std::atomic<std::uint32_t> exifOrientation{0};
 
-    mutable std::mutex mutex;
+    mutable selvio::MemberMutex mutex;
     std::shared_ptr<SelvioFacialCaptureObixData> obixData;        // guarded by mutex
     std::weak_ptr<SelvioFacialCaptureAnalyzerDelegate> delegate;  // guarded by mutex
     std::shared_ptr<SelvioFacialCaptureParameters> parameters;    // guarded by mutex; null once spent

@@ -10,7 +10,7 @@ using Statuses = std::vector<SelvioFacialCaptureStatus>;
 
 void Analyzer::normalizeFaceLandmarkPointsFrom(const FaceObservation& observation, SelvioFacialCaptureResults& results) const {
     const FaceLandmarks landmarks = observation.landmarks.value_or(FaceLandmarks{});
-    const Rect rect = state_->get(state_->geometry).faceRect(observation.boundingBox);
+    const Rect rect = state_->mutex.get(state_->geometry).faceRect(observation.boundingBox);
     results.setFaceRect(rect);
     results.setFaceContourPoints(rules::landmarkInAdjustedRect(landmarks.faceContour, rect));
     results.setNosePoints(rules::landmarkInAdjustedRect(landmarks.nose, rect));
@@ -23,7 +23,7 @@ void Analyzer::analyzeFaceLandmarkPoints(SelvioFacialCaptureResults& results) {
     if (s.gateFlags().anySet() || !settings) return;
     results.setOrderedStatuses(Statuses());
 
-    const rules::PreviewGeometry geometry = s.get(s.geometry);
+    const rules::PreviewGeometry geometry = s.mutex.get(s.geometry);
     const rules::FaceChecksResult checked = rules::checkFace({
         .points = {.contour = results.faceContourPoints(), .nose = results.nosePoints(), .outerLips = results.outerLipsPoints()},
         .limits = {.roll = settings->roll(),
@@ -70,7 +70,7 @@ void Analyzer::gateGoodFrame() {
         case rules::GoodFrameDecision::TestSmile: {
             s.smileDetectionInProgress = true;
             // Frames go on being kept meanwhile; the test is about this one.
-            const std::optional<Image> image = s.get(s.ciImage);
+            const std::optional<Image> image = s.mutex.get(s.ciImage);
             s.platform.globalQueue->async([weak = weak_from_this(), image] {
                 if (const auto self = weak.lock()) withoutThrowing("A smile could not be judged", [&] { self->testSmile(image); });
             });

@@ -49,14 +49,14 @@ void Analyzer::analyzeSampleBuffer(const std::shared_ptr<SampleBuffer>& sampleBu
 void Analyzer::analyzeHeldFrame(FrameId id) {
     SELVIO_ASSERT_ON_QUEUE(state_->analysisQueue);
     State& s = *state_;
-    const auto frame = s.get(s.sampleBuffer);
+    const auto frame = s.mutex.get(s.sampleBuffer);
     const auto parameters = this->parameters();
     const std::shared_ptr<PixelBuffer> pixelBuffer = frame ? frame->imageBuffer() : nullptr;
     if (!pixelBuffer || !parameters) return releaseSampleBuffer(id);
 
     const std::optional<Image> image = SelvioFacialCaptureImageUtilities::imageFromSampleBuffer(frame);
     if (!image) return releaseSampleBuffer(id);
-    s.set(s.ciImage, image);
+    s.mutex.set(s.ciImage, image);
     s.history.append(*image, s.selectionInProgress ? kNoLimit : kLiveHistoryLimit);
 
     const bool manual = s.manualOnly || parameters->mode() == SelvioFacialCaptureModeManual;

@@ -86,7 +86,7 @@ Analyzer::~SelvioFacialCaptureAnalyzer() {
 
 void Analyzer::setDelegate(std::weak_ptr<SelvioFacialCaptureAnalyzerDelegate> delegate) {
     const std::shared_ptr<SelvioFacialCaptureAnalyzerDelegate> host = delegate.lock();
-    state_->set(state_->delegate, std::move(delegate));
+    state_->mutex.set(state_->delegate, std::move(delegate));
     if (!host || state_->systemMajorVersion >= State::kAutomaticAnalysisVersion) return;
     state_->manualOnly = true;
     updateMode(SelvioFacialCaptureModeManual);
@@ -155,9 +155,9 @@ void Analyzer::stop() {
         SelvioFacialCaptureUxpEventManager::destroySharedInstance();
     }
     // The results go first: who finds no parameters must not find results to deliver.
-    state_->set(state_->results, std::shared_ptr<SelvioFacialCaptureResults>());
-    state_->set(state_->parameters, std::shared_ptr<SelvioFacialCaptureParameters>());
-    state_->set(state_->ciImage, std::optional<Image>());
+    state_->mutex.set(state_->results, nullptr);
+    state_->mutex.set(state_->parameters, nullptr);
+    state_->mutex.set(state_->ciImage, std::nullopt);
     state_->history.close();
     const std::lock_guard lock(state_->motionMutex);
     if (const auto motion = std::exchange(state_->motionManager, nullptr)) motion->stopDeviceMotionUpdates();
@@ -200,7 +200,7 @@ std::optional<nlohmann::json> Analyzer::events() const {
 }
 
 std::shared_ptr<SelvioFacialCaptureAnalyzerDelegate> Analyzer::delegate() const {
-    return state_->get(state_->delegate).lock();
+    return state_->mutex.get(state_->delegate).lock();
 }
 
 // clang-format off
@@ -215,28 +215,28 @@ bool Analyzer::shouldStartCountdown() const { return state_->shouldStartCountdow
 bool Analyzer::inProgress() const { return state_->inProgress; }
 std::int64_t Analyzer::smileStatus() const { return state_->smileStatus; }
 std::uint32_t Analyzer::exifOrientation() const { return state_->exifOrientation; }
-std::shared_ptr<SelvioFacialCaptureParameters> Analyzer::parameters() const { return state_->get(state_->parameters); }
-std::shared_ptr<SelvioFacialCaptureResults> Analyzer::results() const { return state_->get(state_->results); }
+std::shared_ptr<SelvioFacialCaptureParameters> Analyzer::parameters() const { return state_->mutex.get(state_->parameters); }
+std::shared_ptr<SelvioFacialCaptureResults> Analyzer::results() const { return state_->mutex.get(state_->results); }
 std::vector<Image> Analyzer::imagesArray() const { return state_->history.images(); }
-std::shared_ptr<SelvioFacialCaptureObixData> Analyzer::obixData() const { return state_->get(state_->obixData); }
-Size Analyzer::resolution() const { return state_->get(state_->geometry).resolution; }
-double Analyzer::biggerScreenSide() const { return state_->get(state_->geometry).biggerScreenSide; }
-double Analyzer::smallerScreenSide() const { return state_->get(state_->geometry).smallerScreenSide; }
-double Analyzer::biggerPreviewSide() const { return state_->get(state_->geometry).biggerPreviewSide; }
-double Analyzer::smallerPreviewSide() const { return state_->get(state_->geometry).smallerPreviewSide; }
-double Analyzer::wAdjuster() const { return state_->get(state_->geometry).wAdjuster; }
-double Analyzer::hAdjuster() const { return state_->get(state_->geometry).hAdjuster; }
-double Analyzer::xAdjuster() const { return state_->get(state_->geometry).xAdjuster; }
-double Analyzer::yAdjuster() const { return state_->get(state_->geometry).yAdjuster; }
+std::shared_ptr<SelvioFacialCaptureObixData> Analyzer::obixData() const { return state_->mutex.get(state_->obixData); }
+Size Analyzer::resolution() const { return state_->mutex.get(state_->geometry).resolution; }
+double Analyzer::biggerScreenSide() const { return state_->mutex.get(state_->geometry).biggerScreenSide; }
+double Analyzer::smallerScreenSide() const { return state_->mutex.get(state_->geometry).smallerScreenSide; }
+double Analyzer::biggerPreviewSide() const { return state_->mutex.get(state_->geometry).biggerPreviewSide; }
+double Analyzer::smallerPreviewSide() const { return state_->mutex.get(state_->geometry).smallerPreviewSide; }
+double Analyzer::wAdjuster() const { return state_->mutex.get(state_->geometry).wAdjuster; }
+double Analyzer::hAdjuster() const { return state_->mutex.get(state_->geometry).hAdjuster; }
+double Analyzer::xAdjuster() const { return state_->mutex.get(state_->geometry).xAdjuster; }
+double Analyzer::yAdjuster() const { return state_->mutex.get(state_->geometry).yAdjuster; }
 InterfaceOrientation Analyzer::statusbarOrientation() const { return state_->statusbarOrientation; }
-double Analyzer::faceHorizontalFill() const { return state_->get(state_->faceHorizontalFill); }
-Point Analyzer::noseMiddle() const { return state_->get(state_->noseMiddle); }
-Point Analyzer::lipLeft() const { return state_->get(state_->lipLeft); }
-Point Analyzer::lipRight() const { return state_->get(state_->lipRight); }
+double Analyzer::faceHorizontalFill() const { return state_->mutex.get(state_->faceHorizontalFill); }
+Point Analyzer::noseMiddle() const { return state_->mutex.get(state_->noseMiddle); }
+Point Analyzer::lipLeft() const { return state_->mutex.get(state_->lipLeft); }
+Point Analyzer::lipRight() const { return state_->mutex.get(state_->lipRight); }
 // clang-format on
 
 void Analyzer::setObixData(std::shared_ptr<SelvioFacialCaptureObixData> obixData) {
-    if (obixData) state_->set(state_->obixData, std::move(obixData));
+    if (obixData) state_->mutex.set(state_->obixData, std::move(obixData));
 }
 
 void Analyzer::setResolution(Size resolution) {

@@ -3,6 +3,7 @@
 
 #include <SelvioFacialCapture/SelvioFacialCaptureCameraDelegate.h>
 #include <SelvioFacialCapture/SelvioFacialCaptureCameraParameters.h>
+#include <SelvioFacialCapture/base/MemberMutex.h>
 #include <SelvioFacialCapture/platform/Platform.h>
 
 #include <filesystem>
@@ -66,15 +67,13 @@ class CameraState {
 public:
     template <typename T>
     [[nodiscard]] T get(T CameraValues::*member) const {
-        const std::lock_guard lock(mutex_);
-        return values_.*member;
+        return mutex_.get(values_.*member);
     }
 
     template <typename T>
     void set(T CameraValues::*member, std::type_identity_t<T> value) {
-        const std::lock_guard lock(mutex_);
-        std::swap(values_.*member, value);
-    }  // the lock goes before the argument, so an old part of the graph ends outside it
+        mutex_.set(values_.*member, std::move(value));
+    }
 
     /// Stores the size of the first frame; later ones change nothing.
     void setResolutionOnce(Size size);
@@ -88,7 +87,7 @@ public:
     [[nodiscard]] bool recordAudio() const;
 
 private:
-    mutable std::mutex mutex_;
+    mutable MemberMutex mutex_;
     CameraValues values_;  // guarded by mutex_
     const std::shared_ptr<DelegateSlot> delegateSlot_ = std::make_shared<DelegateSlot>();
 };

@@ -32,43 +32,35 @@ SelvioFacialCaptureCameraParameters::SelvioFacialCaptureCameraParameters() {
 }
 
 bool SelvioFacialCaptureCameraParameters::recordVideo() const {
-    const std::lock_guard lock(mutex_);
-    return recordVideo_;
+    return mutex_.get(recordVideo_);
 }
 
 void SelvioFacialCaptureCameraParameters::setRecordVideo(bool value) {
-    const std::lock_guard lock(mutex_);
-    recordVideo_ = value;
+    mutex_.set(recordVideo_, value);
 }
 
 bool SelvioFacialCaptureCameraParameters::recordAudio() const {
-    const std::lock_guard lock(mutex_);
-    return recordAudio_;
+    return mutex_.get(recordAudio_);
 }
 
 void SelvioFacialCaptureCameraParameters::setRecordAudio(bool value) {
-    const std::lock_guard lock(mutex_);
-    recordAudio_ = value;
+    mutex_.set(recordAudio_, value);
 }
 
 bool SelvioFacialCaptureCameraParameters::showRecordingUI() const {
-    const std::lock_guard lock(mutex_);
-    return showRecordingUI_;
+    return mutex_.get(showRecordingUI_);
 }
 
 void SelvioFacialCaptureCameraParameters::setShowRecordingUI(bool value) {
-    const std::lock_guard lock(mutex_);
-    showRecordingUI_ = value;
+    mutex_.set(showRecordingUI_, value);
 }
 
 SelvioFacialCaptureVideoQuality SelvioFacialCaptureCameraParameters::videoQuality() const {
-    const std::lock_guard lock(mutex_);
-    return videoQuality_;
+    return mutex_.get(videoQuality_);
 }
 
 void SelvioFacialCaptureCameraParameters::setVideoQuality(SelvioFacialCaptureVideoQuality value) {
-    const std::lock_guard lock(mutex_);
-    videoQuality_ = SelvioFacialCaptureParameters::clampInteger(value, 10, 100);
+    mutex_.set(videoQuality_, SelvioFacialCaptureParameters::clampInteger(value, 10, 100));
 }
 
 std::optional<std::string> SelvioFacialCaptureCameraParameters::stringFrom(std::int64_t index) {

@@ -22,8 +22,7 @@ std::int64_t SelvioFacialCaptureParameters::clampInteger(std::int64_t value, std
 }
 
 void SelvioFacialCaptureParameters::setMode(std::int64_t value) {
-    const std::lock_guard lock(mutex_);
-    mode_ = value == SelvioFacialCaptureModeManual ? SelvioFacialCaptureModeManual : SelvioFacialCaptureModeAuto;
+    mutex_.set(mode_, value == SelvioFacialCaptureModeManual ? SelvioFacialCaptureModeManual : SelvioFacialCaptureModeAuto);
 }
 
 SelvioFacialCaptureMode SelvioFacialCaptureParameters::mode() const {
@@ -53,103 +52,83 @@ void SelvioFacialCaptureParameters::setMaxFill(std::int64_t value) {
 }
 
 bool SelvioFacialCaptureParameters::selectOnSmile() const {
-    const std::lock_guard lock(mutex_);
-    return selectOnSmile_;
+    return mutex_.get(selectOnSmile_);
 }
 
 void SelvioFacialCaptureParameters::setSelectOnSmile(bool value) {
-    const std::lock_guard lock(mutex_);
-    selectOnSmile_ = value;
+    mutex_.set(selectOnSmile_, value);
 }
 
 bool SelvioFacialCaptureParameters::highlightLandmarks() const {
-    const std::lock_guard lock(mutex_);
-    return highlightLandmarks_;
+    return mutex_.get(highlightLandmarks_);
 }
 
 void SelvioFacialCaptureParameters::setHighlightLandmarks(bool value) {
-    const std::lock_guard lock(mutex_);
-    highlightLandmarks_ = value;
+    mutex_.set(highlightLandmarks_, value);
 }
 
 std::int64_t SelvioFacialCaptureParameters::minFill() const {
-    const std::lock_guard lock(mutex_);
-    return minFill_;
+    return mutex_.get(minFill_);
 }
 
 std::int64_t SelvioFacialCaptureParameters::maxFill() const {
-    const std::lock_guard lock(mutex_);
-    return maxFill_;
+    return mutex_.get(maxFill_);
 }
 
 std::int64_t SelvioFacialCaptureParameters::timeout() const {
-    const std::lock_guard lock(mutex_);
-    return timeout_;
+    return mutex_.get(timeout_);
 }
 
 void SelvioFacialCaptureParameters::setTimeout(std::int64_t value) {
-    const std::lock_guard lock(mutex_);
-    timeout_ = clampInteger(value, 3, 30);
+    mutex_.set(timeout_, clampInteger(value, 3, 30));
 }
 
 std::int64_t SelvioFacialCaptureParameters::roll() const {
-    const std::lock_guard lock(mutex_);
-    return roll_;
+    return mutex_.get(roll_);
 }
 
 void SelvioFacialCaptureParameters::setRoll(std::int64_t value) {
-    const std::lock_guard lock(mutex_);
-    roll_ = clampInteger(value, 0, 1000);
+    mutex_.set(roll_, clampInteger(value, 0, 1000));
 }
 
 std::int64_t SelvioFacialCaptureParameters::pitch() const {
-    const std::lock_guard lock(mutex_);
-    return pitch_;
+    return mutex_.get(pitch_);
 }
 
 void SelvioFacialCaptureParameters::setPitch(std::int64_t value) {
-    const std::lock_guard lock(mutex_);
-    pitch_ = clampInteger(value, 0, 1000);
+    mutex_.set(pitch_, clampInteger(value, 0, 1000));
 }
 
 std::int64_t SelvioFacialCaptureParameters::yaw() const {
-    const std::lock_guard lock(mutex_);
-    return yaw_;
+    return mutex_.get(yaw_);
 }
 
 void SelvioFacialCaptureParameters::setYaw(std::int64_t value) {
-    const std::lock_guard lock(mutex_);
-    yaw_ = clampInteger(value, 0, 1000);
+    mutex_.set(yaw_, clampInteger(value, 0, 1000));
 }
 
 std::int64_t SelvioFacialCaptureParameters::imageQuality() const {
-    const std::lock_guard lock(mutex_);
-    return imageQuality_;
+    return mutex_.get(imageQuality_);
 }
 
 void SelvioFacialCaptureParameters::setImageQuality(std::int64_t value) {
-    const std::lock_guard lock(mutex_);
-    imageQuality_ = clampInteger(value, 5, 100);
+    mutex_.set(imageQuality_, clampInteger(value, 5, 100));
 }
 
 std::int64_t SelvioFacialCaptureParameters::countdownTime() const {
-    const std::lock_guard lock(mutex_);
-    return countdownTime_;
+    return mutex_.get(countdownTime_);
 }
 
 void SelvioFacialCaptureParameters::setCountdownTime(std::int64_t value) {
-    const std::lock_guard lock(mutex_);
-    countdownTime_ = clampInteger(value, 0, 5);
+    mutex_.set(countdownTime_, clampInteger(value, 0, 5));
 }
 
 std::shared_ptr<SelvioFacialCaptureCameraParameters> SelvioFacialCaptureParameters::cameraParameters() const {
-    const std::lock_guard lock(mutex_);
-    return cameraParameters_;
+    return mutex_.get(cameraParameters_);
 }
 
 void SelvioFacialCaptureParameters::setCameraParameters(std::shared_ptr<SelvioFacialCaptureCameraParameters> parameters) {
-    const std::lock_guard lock(mutex_);
-    std::swap(cameraParameters_, parameters);
+    mutex_.set(cameraParameters_, std::move(parameters));
 }
 
 std::map<std::string, std::string> SelvioFacialCaptureParameters::toDictionary() const {

@@ -47,83 +47,83 @@ void SelvioFacialCaptureResults::setOrderedStatuses(Statuses statuses) {
 }
 
 SelvioFacialCaptureStatus SelvioFacialCaptureResults::highestPriorityStatus() const {
-    return get(highestPriorityStatus_);
+    return mutex_.get(highestPriorityStatus_);
 }
 void SelvioFacialCaptureResults::setHighestPriorityStatus(SelvioFacialCaptureStatus status) {
-    set(highestPriorityStatus_, status);
+    mutex_.set(highestPriorityStatus_, status);
 }
 SelvioFacialCaptureResults::Statuses SelvioFacialCaptureResults::orderedStatuses() const {
-    return get(orderedStatuses_);
+    return mutex_.get(orderedStatuses_);
 }
 SelvioFacialCaptureResults::Points SelvioFacialCaptureResults::faceContourPoints() const {
-    return get(faceContourPoints_);
+    return mutex_.get(faceContourPoints_);
 }
 void SelvioFacialCaptureResults::setFaceContourPoints(Points points) {
-    set(faceContourPoints_, std::move(points));
+    mutex_.set(faceContourPoints_, std::move(points));
 }
 SelvioFacialCaptureResults::Points SelvioFacialCaptureResults::noseCrestPoints() const {
-    return get(noseCrestPoints_);
+    return mutex_.get(noseCrestPoints_);
 }
 void SelvioFacialCaptureResults::setNoseCrestPoints(Points points) {
-    set(noseCrestPoints_, std::move(points));
+    mutex_.set(noseCrestPoints_, std::move(points));
 }
 SelvioFacialCaptureResults::Points SelvioFacialCaptureResults::nosePoints() const {
-    return get(nosePoints_);
+    return mutex_.get(nosePoints_);
 }
 void SelvioFacialCaptureResults::setNosePoints(Points points) {
-    set(nosePoints_, std::move(points));
+    mutex_.set(nosePoints_, std::move(points));
 }
 SelvioFacialCaptureResults::Points SelvioFacialCaptureResults::leftEyePoints() const {
-    return get(leftEyePoints_);
+    return mutex_.get(leftEyePoints_);
 }
 void SelvioFacialCaptureResults::setLeftEyePoints(Points points) {
-    set(leftEyePoints_, std::move(points));
+    mutex_.set(leftEyePoints_, std::move(points));
 }
 SelvioFacialCaptureResults::Points SelvioFacialCaptureResults::rightEyePoints() const {
-    return get(rightEyePoints_);
+    return mutex_.get(rightEyePoints_);
 }
 void SelvioFacialCaptureResults::setRightEyePoints(Points points) {
-    set(rightEyePoints_, std::move(points));
+    mutex_.set(rightEyePoints_, std::move(points));
 }
 SelvioFacialCaptureResults::Points SelvioFacialCaptureResults::innerLipsPoints() const {
-    return get(innerLipsPoints_);
+    return mutex_.get(innerLipsPoints_);
 }
 void SelvioFacialCaptureResults::setInnerLipsPoints(Points points) {
-    set(innerLipsPoints_, std::move(points));
+    mutex_.set(innerLipsPoints_, std::move(points));
 }
 SelvioFacialCaptureResults::Points SelvioFacialCaptureResults::outerLipsPoints() const {
-    return get(outerLipsPoints_);
+    return mutex_.get(outerLipsPoints_);
 }
 void SelvioFacialCaptureResults::setOuterLipsPoints(Points points) {
-    set(outerLipsPoints_, std::move(points));
+    mutex_.set(outerLipsPoints_, std::move(points));
 }
 std::optional<selvio::Image> SelvioFacialCaptureResults::selectedImage() const {
-    return get(selectedImage_);
+    return mutex_.get(selectedImage_);
 }
 void SelvioFacialCaptureResults::setSelectedImage(std::optional<selvio::Image> image) {
-    set(selectedImage_, std::move(image));
+    mutex_.set(selectedImage_, std::move(image));
 }
 std::optional<std::string> SelvioFacialCaptureResults::encodedSelectedImage() const {
-    return get(encodedSelectedImage_);
+    return mutex_.get(encodedSelectedImage_);
 }
 void SelvioFacialCaptureResults::setEncodedSelectedImage(std::optional<std::string> base64) {
-    set(encodedSelectedImage_, std::move(base64));
+    mutex_.set(encodedSelectedImage_, std::move(base64));
 }
 std::optional<std::string> SelvioFacialCaptureResults::obixDataString() const {
-    return get(obixDataString_);
+    return mutex_.get(obixDataString_);
 }
 void SelvioFacialCaptureResults::setObixDataString(std::optional<std::string> json) {
-    set(obixDataString_, std::move(json));
+    mutex_.set(obixDataString_, std::move(json));
 }
 SelvioFacialCaptureResultCode SelvioFacialCaptureResults::resultCode() const {
-    return get(resultCode_);
+    return mutex_.get(resultCode_);
 }
 void SelvioFacialCaptureResults::setResultCode(SelvioFacialCaptureResultCode code) {
-    set(resultCode_, code);
+    mutex_.set(resultCode_, code);
 }
 selvio::Rect SelvioFacialCaptureResults::faceRect() const {
-    return get(faceRect_);
+    return mutex_.get(faceRect_);
 }
 void SelvioFacialCaptureResults::setFaceRect(selvio::Rect rect) {
-    set(faceRect_, rect);
+    mutex_.set(faceRect_, rect);
 }

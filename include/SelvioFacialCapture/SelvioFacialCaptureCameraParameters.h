@@ -1,9 +1,10 @@
 // The host's settings for the recording.
 #pragma once
 
+#include <SelvioFacialCapture/base/MemberMutex.h>
+
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -39,7 +40,7 @@ public:
     [[nodiscard]] static std::shared_ptr<SelvioFacialCaptureCameraParameters> initWithCoder(std::string_view archive);
 
 private:
-    mutable std::mutex mutex_;  // guards every member below
+    mutable selvio::MemberMutex mutex_;  // guards every member below
     bool recordVideo_ = false;
     bool recordAudio_ = false;
     bool showRecordingUI_ = false;

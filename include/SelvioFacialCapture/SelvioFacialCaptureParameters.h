@@ -2,11 +2,11 @@
 #pragma once
 
 #include <SelvioFacialCapture/SelvioFacialCaptureCameraParameters.h>
+#include <SelvioFacialCapture/base/MemberMutex.h>
 
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 
 /// Who takes the picture.
@@ -70,7 +70,7 @@ private:
     void storeMinFill(std::int64_t value);
     void storeMaxFill(std::int64_t value);
 
-    mutable std::mutex mutex_;  // guards every member below
+    mutable selvio::MemberMutex mutex_;  // guards every member below
     bool selectOnSmile_ = false;
     bool highlightLandmarks_ = false;
     std::int64_t mode_ = 0;

@@ -2,10 +2,10 @@
 #pragma once
 
 #include <SelvioFacialCapture/SelvioFacialCaptureStatus.h>
+#include <SelvioFacialCapture/base/MemberMutex.h>
 #include <SelvioFacialCapture/imaging/Geometry.h>
 #include <SelvioFacialCapture/imaging/Image.h>
 
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -67,18 +67,7 @@ public:
     void setFaceRect(selvio::Rect rect);
 
 private:
-    template <typename T>
-    T get(const T& member) const {
-        const std::lock_guard lock(mutex_);
-        return member;
-    }
-    template <typename T>
-    void set(T& member, T value) {
-        const std::lock_guard lock(mutex_);
-        std::swap(member, value);  // what was replaced goes after the lock
-    }
-
-    mutable std::mutex mutex_;  // guards every member below
+    mutable selvio::MemberMutex mutex_;  // guards every member below
     SelvioFacialCaptureStatus highestPriorityStatus_ = SelvioFacialCaptureStatusNone;
     Statuses orderedStatuses_;
     Points faceContourPoints_;
