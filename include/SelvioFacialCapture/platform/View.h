@@ -1,6 +1,7 @@
 // Ports: the view on screen, its preview layer, and the notifications of the application's life cycle.
 #pragma once
 
+#include <SelvioFacialCapture/base/MemberMutex.h>
 #include <SelvioFacialCapture/imaging/Geometry.h>
 #include <SelvioFacialCapture/platform/Capture.h>
 
@@ -38,6 +39,22 @@ public:
     virtual void addSubview(const BlurView& view) = 0;
     /// Removes the first subview with the tag; false if there is none.
     virtual bool removeSubviewWithTag(std::int64_t tag) = 0;
+};
+
+/// What views have in common: remembers the frame and what is laid over it. Any thread.
+class PlainView : public View {
+public:
+    void setFrame(Rect frame) override;
+    [[nodiscard]] Rect frame() const final;
+    void addSubview(const BlurView& view) override;
+    bool removeSubviewWithTag(std::int64_t tag) override;
+    /// Oldest first.
+    [[nodiscard]] std::vector<BlurView> subviews() const;
+
+private:
+    mutable MemberMutex mutex_;
+    Rect frame_;                      // guarded by mutex_
+    std::vector<BlurView> subviews_;  // guarded by mutex_
 };
 
 enum class ApplicationNotification { WillResignActive, DidBecomeActive, WillTerminate };

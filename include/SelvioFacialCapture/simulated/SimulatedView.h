@@ -4,9 +4,7 @@
 #include <SelvioFacialCapture/platform/View.h>
 
 #include <memory>
-#include <mutex>
 #include <string>
-#include <vector>
 
 namespace selvio {
 
@@ -24,29 +22,21 @@ public:
     void setSize(Size size);
 
 private:
-    mutable std::mutex mutex_;
+    mutable MemberMutex mutex_;
     std::shared_ptr<CaptureSession> session_;  // guarded by mutex_
     std::string gravity_;                      // guarded by mutex_
     Size size_;                                // guarded by mutex_
 };
 
 /// Any thread.
-class SimulatedView final : public View {
+class SimulatedView final : public PlainView {
 public:
     SimulatedView() : layer_(std::make_shared<SimulatedPreviewLayer>()) {}
     [[nodiscard]] std::shared_ptr<PreviewLayer> layer() const override { return layer_; }
     void setFrame(Rect frame) override;
-    [[nodiscard]] Rect frame() const override;
-    void addSubview(const BlurView& view) override;
-    bool removeSubviewWithTag(std::int64_t tag) override;
-    /// Oldest first.
-    [[nodiscard]] std::vector<BlurView> subviews() const;
 
 private:
     const std::shared_ptr<SimulatedPreviewLayer> layer_;
-    mutable std::mutex mutex_;
-    Rect frame_;                      // guarded by mutex_
-    std::vector<BlurView> subviews_;  // guarded by mutex_
 };
 
 }  // namespace selvio

@@ -154,28 +154,18 @@ void GstPreviewLayer::frameArrived(const std::shared_ptr<SampleBuffer>& frame) {
 
 void GstView::setFrame(Rect frame) {
     layer_->setSize({frame.width, frame.height});
-    const std::lock_guard lock(mutex_);
-    frame_ = frame;
-}
-
-Rect GstView::frame() const {
-    const std::lock_guard lock(mutex_);
-    return frame_;
+    PlainView::setFrame(frame);
 }
 
 void GstView::addSubview(const BlurView& view) {
-    const std::lock_guard lock(mutex_);
-    subviews_.push_back(view);
+    PlainView::addSubview(view);
     layer_->setCovered(true);
 }
 
 bool GstView::removeSubviewWithTag(std::int64_t tag) {
-    const std::lock_guard lock(mutex_);
-    const auto found = std::find_if(subviews_.begin(), subviews_.end(), [&](const BlurView& view) { return view.tag == tag; });
-    if (found == subviews_.end()) return false;
-    subviews_.erase(found);
-    layer_->setCovered(!subviews_.empty());
-    return true;
+    const bool removed = PlainView::removeSubviewWithTag(tag);
+    layer_->setCovered(!subviews().empty());
+    return removed;
 }
 
 std::shared_ptr<View> makeGstView(ViewOptions options) {

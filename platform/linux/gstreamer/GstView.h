@@ -52,20 +52,16 @@ private:
     std::unique_ptr<PreviewWindow> window_;  // used on the camera's thread
 };
 
-class GstView final : public View {
+class GstView final : public PlainView {
 public:
     explicit GstView(ViewOptions options) : layer_(std::make_shared<GstPreviewLayer>(std::move(options))) {}
     [[nodiscard]] std::shared_ptr<PreviewLayer> layer() const override { return layer_; }
     void setFrame(Rect frame) override;
-    [[nodiscard]] Rect frame() const override;
     void addSubview(const BlurView& view) override;
     bool removeSubviewWithTag(std::int64_t tag) override;
 
 private:
     const std::shared_ptr<GstPreviewLayer> layer_;
-    mutable std::mutex mutex_;
-    Rect frame_;                      // guarded by mutex_
-    std::vector<BlurView> subviews_;  // guarded by mutex_
 };
 
 }  // namespace selvio
