@@ -37,6 +37,16 @@ private:
     std::map<std::string, double> medians_;
 };
 
+/// Adds a benchmark of what takes seconds, in threads of its own: five runs, the processor time of the whole process.
+inline void addLong(const char* name, void (*function)(benchmark::State&)) {
+    benchmark::RegisterBenchmark(name, function)
+        ->Iterations(1)
+        ->Repetitions(5)
+        ->MeasureProcessCPUTime()
+        ->UseRealTime()
+        ->Unit(benchmark::kMillisecond);
+}
+
 /// The body of `main`: the benchmarks take turns, so that what else the machine does meets them alike.
 inline int runWithRatios(int argc, char** argv, const std::vector<Ratio>& ratios) {
     std::vector<std::string> arguments(argv, argv + argc);

@@ -30,6 +30,7 @@
 namespace {
 
 using namespace selvio;
+using namespace selvio::bench;
 
 constexpr std::chrono::seconds kRun{3};
 
@@ -198,19 +199,11 @@ void BM_camera_bare(benchmark::State& state) {
 
 int main(int argc, char** argv) {
     gst_init(nullptr, nullptr);
-    const auto add = [](const char* name, auto* function) {
-        benchmark::RegisterBenchmark(name, function)
-            ->Iterations(1)
-            ->Repetitions(5)
-            ->MeasureProcessCPUTime()
-            ->UseRealTime()
-            ->Unit(benchmark::kMillisecond);
-    };
-    add("native", BM_native);
-    add("native_bare", BM_native_bare);
-    add("converted", BM_converted);
-    add("converted_bare", BM_converted_bare);
-    add("converted_codes", BM_converted_codes);
+    addLong("native", BM_native);
+    addLong("native_bare", BM_native_bare);
+    addLong("converted", BM_converted);
+    addLong("converted_bare", BM_converted_bare);
+    addLong("converted_codes", BM_converted_codes);
     for (const bool analyse : {false, true}) {
         benchmark::RegisterBenchmark(analyse ? "lateness_analysing" : "lateness", runCamera, analyse)
             ->Iterations(1)
@@ -220,10 +213,10 @@ int main(int argc, char** argv) {
             ->Unit(benchmark::kMillisecond);
     }
     if (kCamera != nullptr) {
-        add("camera", BM_camera);
-        add("camera_bare", BM_camera_bare);
+        addLong("camera", BM_camera);
+        addLong("camera_bare", BM_camera_bare);
     }
-    return selvio::bench::runWithRatios(argc, argv,
-                                        {{"camera to delegate, 1280x720 YUYV to BGRA, over the bare pipeline", "converted", "converted_bare", 1.15},
-                                         {"the named camera to delegate, BGRA, over the bare pipeline", "camera", "camera_bare", 1.15}});
+    return runWithRatios(argc, argv,
+                         {{"camera to delegate, 1280x720 YUYV to BGRA, over the bare pipeline", "converted", "converted_bare", 1.15},
+                          {"the named camera to delegate, BGRA, over the bare pipeline", "camera", "camera_bare", 1.15}});
 }

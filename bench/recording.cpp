@@ -19,6 +19,7 @@
 namespace {
 
 using namespace selvio;
+using namespace selvio::bench;
 using std::chrono::nanoseconds;
 
 constexpr int kWidth = 720;
@@ -147,18 +148,9 @@ void reportBitRates() {
 
 int main(int argc, char** argv) {
     gst_init(nullptr, nullptr);
-    const auto add = [](const char* name, auto* function) {
-        benchmark::RegisterBenchmark(name, function)
-            ->Iterations(1)
-            ->Repetitions(5)
-            ->MeasureProcessCPUTime()
-            ->UseRealTime()
-            ->Unit(benchmark::kMillisecond);
-    };
-    add("writer", BM_writer);
-    add("bare_encoder", BM_bare);
-    const int code =
-        selvio::bench::runWithRatios(argc, argv, {{"recording 720x1280 H.264, over the bare encoder pipeline", "writer", "bare_encoder", 1.10}});
+    addLong("writer", BM_writer);
+    addLong("bare_encoder", BM_bare);
+    const int code = runWithRatios(argc, argv, {{"recording 720x1280 H.264, over the bare encoder pipeline", "writer", "bare_encoder", 1.10}});
     if (code == 0) reportBitRates();
     return code;
 }
