@@ -1,5 +1,5 @@
-#include "codec/PictureFiles.h"
 #include "support/LogCapture.h"
+#include "support/TemporaryDirectory.h"
 
 #include <SelvioFacialCapture/linux/Device.h>
 #include <SelvioFacialCapture/linux/Files.h>
@@ -16,10 +16,6 @@ namespace {
 using namespace selvio;
 using test::TemporaryDirectory;
 namespace fs = std::filesystem;
-
-Bytes bytes(std::string_view text) {
-    return {text.begin(), text.end()};
-}
 
 TEST(LinuxDevice, saysWhatItIs) {
     utsname name{};
@@ -53,9 +49,8 @@ TEST(LinuxScreen, takesTheConnectedDisplayInPortrait) {
     for (const auto& [displays, size] : table) {
         const TemporaryDirectory root;
         for (const Display& display : displays) {
-            fs::create_directory(root.path() / display.name);
-            (void)root.write(std::string(display.name) + "/status", bytes(display.status));
-            (void)root.write(std::string(display.name) + "/modes", bytes(display.modes));
+            root.write(std::string(display.name) + "/status", display.status);
+            root.write(std::string(display.name) + "/modes", display.modes);
         }
         EXPECT_EQ(LinuxScreen(root.path()).bounds(), size) << displays.size();
     }
@@ -98,7 +93,7 @@ TEST(LinuxFileManager, documentsFollowTheEnvironmentAndArePrivate) {
 
 TEST(LinuxFileManager, aDirectoryThatCannotBeMadeIsLogged) {
     const TemporaryDirectory root;
-    const std::string file = root.write("file", bytes("x"));
+    const std::string file = root.write("file", "x");
     LogCapture log;
     const LinuxFileManager files(fs::path(file) / "Documents");
     EXPECT_EQ(files.documentsDirectory(), fs::path(file) / "Documents");
@@ -108,11 +103,11 @@ TEST(LinuxFileManager, aDirectoryThatCannotBeMadeIsLogged) {
 TEST(LinuxFileManager, readsListsAndRemoves) {
     const TemporaryDirectory root;
     LinuxFileManager files(root.path());
-    const std::string one = root.write("one", bytes("first"));
-    const std::string two = root.write("two", {});
+    const std::string one = root.write("one", "1");
+    const std::string two = root.write("two", "");
     EXPECT_THAT(files.contentsOfDirectory(root.path()).value(), testing::UnorderedElementsAre("one", "two"));
-    EXPECT_EQ(files.readFile(one).value(), bytes("first"));
-    EXPECT_EQ(files.readFile(two).value(), Bytes{});
+    EXPECT_EQ(files.readFile(one).value(), std::vector<std::uint8_t>{'1'});
+    EXPECT_EQ(files.readFile(two).value(), std::vector<std::uint8_t>{});
     EXPECT_TRUE(files.fileExists(one));
     EXPECT_FALSE(files.removeItem(one));
     EXPECT_FALSE(files.fileExists(one));

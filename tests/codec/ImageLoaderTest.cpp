@@ -26,15 +26,6 @@ protected:
     const JpegPngImageLoader loader;
 };
 
-/// The colours in the middle of the four quarters, in reading order.
-void expectQuarters(const PixelBuffer& picture, const std::array<Colour, 4>& expected) {
-    EXPECT_EQ(picture.format(), kPixelFormat32BGRA);
-    for (int i = 0; i < 4; ++i) {
-        const Colour got = colourAt(picture, picture.width() * (1 + i % 2 * 2) / 4, picture.height() * (1 + i / 2 * 2) / 4);
-        for (std::size_t k = 0; k < 3; ++k) EXPECT_NEAR(got[k], expected[static_cast<std::size_t>(i)][k], 3) << "quarter " << i << " channel " << k;
-    }
-}
-
 constexpr std::array<Colour, 4> kQuarters{kRed, kGreen, kBlue, kWhite};
 
 TEST_F(ImageLoaderTest, readsEveryKindOfJpeg) {
@@ -72,9 +63,6 @@ TEST_F(ImageLoaderTest, readsEveryKindOfPng) {
 }
 
 TEST_F(ImageLoaderTest, appliesThePicturesOwnOrientation) {
-    const Colour r = kRed, g = kGreen, b = kBlue, w = kWhite;
-    const std::array<Colour, 4> upright[] = {{r, g, b, w}, {g, r, w, b}, {w, b, g, r}, {b, w, r, g},
-                                             {r, b, g, w}, {b, r, w, g}, {w, g, b, r}, {g, w, r, b}};
     const LibjpegImageCodec codec;
     for (int orientation = 1; orientation <= 8; ++orientation) {
         const auto source = codec.openSource(jpegFile(JpegKind::Baseline, 70, 50));
@@ -85,7 +73,7 @@ TEST_F(ImageLoaderTest, appliesThePicturesOwnOrientation) {
             const auto picture = loader.loadImage(directory.write("a", file));
             ASSERT_TRUE(picture) << picture.error().localizedDescription;
             EXPECT_EQ(picture.value()->width(), orientation < 5 ? 70 : 50);
-            expectQuarters(*picture.value(), upright[orientation - 1]);
+            expectQuarters(*picture.value(), quartersTurned(orientation));
         }
     }
 }

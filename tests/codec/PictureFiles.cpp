@@ -1,33 +1,16 @@
 #include "codec/PictureFiles.h"
 
+#include <gtest/gtest.h>
 #include <jpeglib.h>
 #include <png.h>
 #include <stdlib.h>
 
 #include <algorithm>
-#include <cstring>
-#include <fstream>
 
 namespace selvio::test {
 
-TemporaryDirectory::TemporaryDirectory() {
-    std::string name = (std::filesystem::temp_directory_path() / "selvio-test-XXXXXX").string();
-    path_ = mkdtemp(name.data());
-}
-
-TemporaryDirectory::~TemporaryDirectory() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-}
-
-std::string TemporaryDirectory::write(const std::string& name, const Bytes& bytes) const {
-    std::ofstream file(path_ / name, std::ios::binary);
-    file.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-    return (path_ / name).string();
-}
-
 Colour colourAt(const PixelBuffer& bgra, int x, int y) {
-    const std::uint8_t* const p = bgra.data() + static_cast<std::size_t>(y) * bgra.bytesPerRow() + static_cast<std::size_t>(x) * 4;
+    const std::uint8_t* const p = sampleAt(bgra, x, y);
     return {p[0], p[1], p[2]};
 }
 
@@ -44,14 +27,25 @@ std::uint8_t byteOf(int value) {
 }  // namespace
 
 std::shared_ptr<PixelBuffer> quarters(int width, int height) {
-    auto picture = PixelBuffer::create(width, height, kPixelFormat32BGRA);
-    for (int i = 0; i < width * height; ++i) {
-        const auto [b, g, r] = quarterAt(i % width, i / width, width, height);
-        const std::array<std::uint8_t, 4> pixel{byteOf(b), byteOf(g), byteOf(r), 255};
-        std::memcpy(picture->data() + static_cast<std::size_t>(i / width) * picture->bytesPerRow() + static_cast<std::size_t>(i % width) * 4,
-                    pixel.data(), 4);
+    return painted(width, height, kPixelFormat32BGRA, [&](std::uint8_t* pixel, int x, int y, int) {
+        const auto [b, g, r] = quarterAt(x, y, width, height);
+        for (const int value : {b, g, r, 255}) *pixel++ = byteOf(value);
+    });
+}
+
+std::array<Colour, 4> quartersTurned(int orientation) {
+    const Colour r = kRed, g = kGreen, b = kBlue, w = kWhite;
+    const std::array<Colour, 4> turned[] = {{r, g, b, w}, {g, r, w, b}, {w, b, g, r}, {b, w, r, g},
+                                            {r, b, g, w}, {b, r, w, g}, {w, g, b, r}, {g, w, r, b}};
+    return turned[orientation - 1];
+}
+
+void expectQuarters(const PixelBuffer& bgra, const std::array<Colour, 4>& expected) {
+    EXPECT_EQ(bgra.format(), kPixelFormat32BGRA);
+    for (int i = 0; i < 4; ++i) {
+        const Colour got = colourAt(bgra, bgra.width() * (1 + i % 2 * 2) / 4, bgra.height() * (1 + i / 2 * 2) / 4);
+        for (std::size_t k = 0; k < 3; ++k) EXPECT_NEAR(got[k], expected[static_cast<std::size_t>(i)][k], 3) << "quarter " << i << " channel " << k;
     }
-    return picture;
 }
 
 Bytes jpegFile(JpegKind kind, int width, int height) {
@@ -75,7 +69,7 @@ Bytes jpegFile(JpegKind kind, int width, int height) {
     jpeg_start_compress(&info, TRUE);
     const auto picture = quarters(width, height);
     for (int y = 0; y < height; ++y) {
-        JSAMPROW row = picture->data() + static_cast<std::size_t>(y) * picture->bytesPerRow();
+        JSAMPROW row = sampleAt(*picture, 0, y);
         if (kind == JpegKind::Cmyk) {
             for (int x = 0; x < width; ++x) std::swap(row[4 * x], row[4 * x + 2]);  // inverted C, M, Y are R, G, B; inverted K is full light
         }

@@ -1,26 +1,13 @@
-// Picture files of every kind, made for the tests, and a directory to keep them in.
+// Picture files of every kind, made for the tests.
 #pragma once
 
 #include <SelvioFacialCapture/imaging/PixelBuffer.h>
 #include <SelvioFacialCapture/platform/ImageCodec.h>
 
-#include <filesystem>
-#include <string>
+#include "support/Pixels.h"
+#include "support/TemporaryDirectory.h"
 
 namespace selvio::test {
-
-/// A directory of its own, removed with all that is in it.
-class TemporaryDirectory {
-public:
-    TemporaryDirectory();
-    ~TemporaryDirectory();
-    [[nodiscard]] const std::filesystem::path& path() const { return path_; }
-    /// Writes a file and tells its path.
-    [[nodiscard]] std::string write(const std::string& name, const Bytes& bytes) const;
-
-private:
-    std::filesystem::path path_;
-};
 
 /// Blue, green and red at a place.
 using Colour = std::array<int, 3>;
@@ -29,6 +16,11 @@ using Colour = std::array<int, 3>;
 /// Four flat quarters: red, green, blue and white from the top left in reading order.
 [[nodiscard]] std::shared_ptr<PixelBuffer> quarters(int width, int height);
 inline constexpr Colour kRed{0, 0, 255}, kGreen{0, 255, 0}, kBlue{255, 0, 0}, kWhite{255, 255, 255};
+
+/// The colours of `quarters`, in reading order, as an EXIF orientation has them shown.
+[[nodiscard]] std::array<Colour, 4> quartersTurned(int orientation);
+/// Expects these colours in the middle of the four quarters, in reading order.
+void expectQuarters(const PixelBuffer& bgra, const std::array<Colour, 4>& expected);
 
 enum class JpegKind { Baseline, Progressive, Grey, Cmyk, Arithmetic };
 /// `quarters` as a JPEG file without EXIF.

@@ -3,33 +3,26 @@
 
 #include <SelvioFacialCapture/base/Log.h>
 
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "support/CallLog.h"
 
 namespace selvio {
 
 class LogCapture {
 public:
-    LogCapture()
-        : previous_(setLogSink([this](std::string_view message) {
-              const std::lock_guard lock(mutex_);
-              messages_.emplace_back(message);
-          })) {}
+    LogCapture() : previous_(setLogSink([this](std::string_view message) { messages_.add(std::string(message)); })) {}
     ~LogCapture() { setLogSink(std::move(previous_)); }
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
     /// What was logged since the last call.
-    std::vector<std::string> take() {
-        const std::lock_guard lock(mutex_);
-        return std::exchange(messages_, {});
-    }
+    std::vector<std::string> take() { return messages_.take(); }
 
 private:
-    std::mutex mutex_;
-    std::vector<std::string> messages_;  // guarded by mutex_
+    CallLog messages_;
     LogSink previous_;
 };
 

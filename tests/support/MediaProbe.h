@@ -13,28 +13,9 @@
 #include <string>
 #include <utility>
 
+#include "support/TemporaryDirectory.h"
+
 namespace selvio::test {
-
-/// A directory that goes with its contents.
-class TemporaryDirectory {
-public:
-    TemporaryDirectory() {
-        std::string name = (std::filesystem::temp_directory_path() / "selvio-test-XXXXXX").string();
-        path_ = ::mkdtemp(name.data());
-    }
-    ~TemporaryDirectory() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-    [[nodiscard]] const std::filesystem::path& path() const { return path_; }
-    [[nodiscard]] std::size_t fileCount() const {
-        if (!std::filesystem::exists(path_)) return 0;
-        return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(path_), std::filesystem::directory_iterator()));
-    }
-
-private:
-    std::filesystem::path path_;
-};
 
 inline std::string outputOf(const std::string& command) {
     std::string output;
