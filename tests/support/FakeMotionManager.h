@@ -1,9 +1,9 @@
 // A motion feed that the test speaks for.
 #pragma once
 
+#include <SelvioFacialCapture/base/MemberMutex.h>
 #include <SelvioFacialCapture/platform/MotionManager.h>
 
-#include <mutex>
 #include <utility>
 
 namespace selvio {
@@ -12,36 +12,21 @@ class FakeMotionManager final : public MotionManager {
 public:
     void setDeviceMotionUpdateInterval(std::chrono::nanoseconds interval) override { interval_ = interval; }
     void startDeviceMotionUpdates(std::shared_ptr<Queue> queue, Handler handler) override {
-        const std::lock_guard lock(mutex_);
-        handler_ = std::move(handler);
-        queue_ = std::move(queue);
+        mutex_.set(handler_, std::move(handler));
+        mutex_.set(queue_, std::move(queue));
     }
-    void stopDeviceMotionUpdates() override {
-        const std::lock_guard lock(mutex_);
-        handler_ = nullptr;
-    }
+    void stopDeviceMotionUpdates() override { mutex_.set(handler_, nullptr); }
 
     /// Hands a reading to the handler, if one is set.
     void rotate(RotationRate rate) {
-        Handler handler;
-        {
-            const std::lock_guard lock(mutex_);
-            handler = handler_;
-        }
-        if (handler) handler({.rotationRate = rate}, std::nullopt);
+        if (const auto handler = mutex_.get(handler_)) handler({.rotationRate = rate}, std::nullopt);
     }
-    [[nodiscard]] bool isRunning() const {
-        const std::lock_guard lock(mutex_);
-        return handler_ != nullptr;
-    }
-    [[nodiscard]] std::shared_ptr<Queue> queue() const {
-        const std::lock_guard lock(mutex_);
-        return queue_;
-    }
+    [[nodiscard]] bool isRunning() const { return mutex_.get(handler_) != nullptr; }
+    [[nodiscard]] std::shared_ptr<Queue> queue() const { return mutex_.get(queue_); }
     [[nodiscard]] std::chrono::nanoseconds interval() const { return interval_; }
 
 private:
-    mutable std::mutex mutex_;
+    mutable MemberMutex mutex_;
     Handler handler_;               // guarded by mutex_
     std::shared_ptr<Queue> queue_;  // guarded by mutex_
     std::chrono::nanoseconds interval_{0};

@@ -11,14 +11,8 @@ namespace selvio {
 class FakePreviewLayer final : public PreviewLayer {
 public:
     explicit FakePreviewLayer(std::shared_ptr<CaptureConnection> connection) : connection_(std::move(connection)) {}
-    [[nodiscard]] std::shared_ptr<CaptureSession> session() const override {
-        const std::lock_guard lock(mutex_);
-        return session_;
-    }
-    void setSession(std::shared_ptr<CaptureSession> session) override {
-        const std::lock_guard lock(mutex_);
-        session_ = std::move(session);
-    }
+    [[nodiscard]] std::shared_ptr<CaptureSession> session() const override { return mutex_.get(session_); }
+    void setSession(std::shared_ptr<CaptureSession> session) override { mutex_.set(session_, std::move(session)); }
     void setVideoGravity(const std::string& value) override { gravity = value; }
     [[nodiscard]] std::shared_ptr<CaptureConnection> connection() const override { return connection_; }
     [[nodiscard]] MetadataObject transformedMetadataObject(const MetadataObject& object) const override {
@@ -29,7 +23,7 @@ public:
 
 private:
     const std::shared_ptr<CaptureConnection> connection_;
-    mutable std::mutex mutex_;
+    mutable MemberMutex mutex_;
     std::shared_ptr<CaptureSession> session_;  // guarded by mutex_
 };
 

@@ -1,11 +1,11 @@
 // Detectors that find what the test put there.
 #pragma once
 
+#include <SelvioFacialCapture/base/MemberMutex.h>
 #include <SelvioFacialCapture/platform/FaceDetector.h>
 #include <SelvioFacialCapture/platform/FaceLandmarks.h>
 
 #include <atomic>
-#include <mutex>
 #include <utility>
 
 namespace selvio {
@@ -17,18 +17,11 @@ public:
                                          const std::shared_ptr<const PixelBuffer>& pixelBuffer, std::uint32_t exifOrientation) override {
         ++count_;
         lastOrientation_ = exifOrientation;
-        std::optional<std::vector<FaceObservation>> observations;
-        std::optional<Error> requestError;
-        std::function<void()> hook;
-        {
-            const std::lock_guard lock(mutex_);
-            if (handlerError_) return handlerError_;
-            observations = observations_;
-            requestError = requestError_;
-            hook = duringRequest_;
-        }
+        if (const auto error = mutex_.get(handlerError_)) return error;
         lastSize_ = pixelBuffer ? pixelBuffer->width() : 0;
-        if (hook) hook();
+        const auto observations = mutex_.get(observations_);
+        const auto requestError = mutex_.get(requestError_);
+        if (const auto hook = mutex_.get(duringRequest_)) hook();
         for (const auto& request : requests) {
             lastRevision_ = request->revision();
             request->complete(observations, requestError);
@@ -36,25 +29,13 @@ public:
         return std::nullopt;
     }
 
-    void setObservations(std::optional<std::vector<FaceObservation>> observations) {
-        const std::lock_guard lock(mutex_);
-        observations_ = std::move(observations);
-    }
+    void setObservations(std::optional<std::vector<FaceObservation>> observations) { mutex_.set(observations_, std::move(observations)); }
     /// The request runs, but fails.
-    void setRequestError(std::optional<Error> error) {
-        const std::lock_guard lock(mutex_);
-        requestError_ = std::move(error);
-    }
+    void setRequestError(std::optional<Error> error) { mutex_.set(requestError_, std::move(error)); }
     /// The request cannot be run.
-    void setHandlerError(std::optional<Error> error) {
-        const std::lock_guard lock(mutex_);
-        handlerError_ = std::move(error);
-    }
+    void setHandlerError(std::optional<Error> error) { mutex_.set(handlerError_, std::move(error)); }
     /// Called in the middle of each request, before it completes.
-    void setDuringRequest(std::function<void()> hook) {
-        const std::lock_guard lock(mutex_);
-        duringRequest_ = std::move(hook);
-    }
+    void setDuringRequest(std::function<void()> hook) { mutex_.set(duringRequest_, std::move(hook)); }
 
     [[nodiscard]] int count() const { return count_; }
     [[nodiscard]] int lastRevision() const { return lastRevision_; }
@@ -62,7 +43,7 @@ public:
     [[nodiscard]] std::uint32_t lastOrientation() const { return lastOrientation_; }
 
 private:
-    std::mutex mutex_;
+    MemberMutex mutex_;
     std::optional<std::vector<FaceObservation>> observations_;  // guarded by mutex_
     std::optional<Error> requestError_;                         // guarded by mutex_
     std::optional<Error> handlerError_;                         // guarded by mutex_
