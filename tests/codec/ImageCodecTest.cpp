@@ -129,6 +129,7 @@ TEST_F(ImageCodecTest, densityCommentAndOrientationStandInOneFile) {
 TEST_F(ImageCodecTest, qualityDecidesTheTablesAndIsClamped) {
     const Image image{smooth(160, 120, kPixelFormat32BGRA)};
     const auto sizeAt = [&](double quality) { return codec.encodeJpeg(image, quality)->size(); };
+    EXPECT_LT(sizeAt(0.01), sizeAt(0.05));
     EXPECT_LT(sizeAt(0.05), sizeAt(0.5));
     EXPECT_LT(sizeAt(0.5), sizeAt(0.95));
     EXPECT_LT(sizeAt(0.95), sizeAt(1.0));

@@ -67,14 +67,7 @@ TEST(FaceDetector, FindsTheSmilingFaceOfThePortrait) {
     const auto detector = makeFaceDetector();
     // The portrait turned on its side must be judged as it is shown.
     const Picture upright = frameOf(360, 640, {Person{.x = 0.4, .y = 0.35}});
-    Picture turned{640, 360, std::vector<std::uint8_t>(upright.rgb.size())};
-    for (int y = 0; y < 640; ++y) {
-        for (int x = 0; x < 360; ++x) {
-            for (int c = 0; c < 3; ++c) {
-                turned.rgb[static_cast<std::size_t>(((359 - x) * 640 + y) * 3 + c)] = upright.rgb[static_cast<std::size_t>((y * 360 + x) * 3 + c)];
-            }
-        }
-    }
+    const Picture turned = rearranged(upright, 640, 360, [](int x, int y) { return std::pair(359 - y, x); });
     for (const Image& image : {Image{.bitmap = toBgra(upright)}, Image{.bitmap = to420v(upright)},
                                Image{.bitmap = toBgra(turned), .orientation = ImageOrientation::Right}}) {
         const auto faces = detector->featuresInImage(image, true);

@@ -1,11 +1,12 @@
 #include "TestPictures.h"
 
+#include "support/Pixels.h"
+
 #include <SelvioFacialCapture/linux/Codec.h>
 
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <cstring>
 #include <random>
 
 namespace selvio::test {
@@ -24,32 +25,23 @@ std::uint8_t toByte(double value) {
 std::array<double, 3> sample(const Picture& picture, double x, double y) {
     x = std::clamp(x, 0.0, picture.width - 1.001);
     y = std::clamp(y, 0.0, picture.height - 1.001);
-    const auto column = static_cast<std::size_t>(x);
-    const auto row = static_cast<std::size_t>(y);
     const double right = x - std::floor(x);
     const double down = y - std::floor(y);
     std::array<double, 3> result{};
     const std::size_t stride = static_cast<std::size_t>(picture.width) * 3;
     for (std::size_t c = 0; c < 3; ++c) {
-        const std::uint8_t* const p = &picture.rgb[row * stride + column * 3 + c];
+        const std::uint8_t* const p = &picture.rgb[picture.indexOf(static_cast<int>(x), static_cast<int>(y)) + c];
         result[c] = (p[0] * (1.0 - right) + p[3] * right) * (1.0 - down) + (p[stride] * (1.0 - right) + p[stride + 3] * right) * down;
     }
     return result;
 }
 
-template <typename Pixel>
-std::shared_ptr<PixelBuffer> toFourBytes(const Picture& picture, PixelFormat format, Pixel pixel) {
-    auto buffer = PixelBuffer::create(picture.width, picture.height, format);
-    for (int y = 0; y < picture.height; ++y) {
-        for (int x = 0; x < picture.width; ++x) {
-            const auto column = static_cast<std::size_t>(x);
-            const auto row = static_cast<std::size_t>(y);
-            const std::uint8_t* const rgb = &picture.rgb[(row * static_cast<std::size_t>(picture.width) + column) * 3];
-            const std::array<std::uint8_t, 4> bytes = pixel(rgb);
-            std::memcpy(buffer->data(0) + row * buffer->bytesPerRow(0) + column * 4, bytes.data(), 4);
-        }
-    }
-    return buffer;
+/// Four bytes a pixel: `order` says which of R, G, B and 255 (number 3) comes first, second, third and last.
+std::shared_ptr<PixelBuffer> toFourBytes(const Picture& picture, PixelFormat format, const std::array<std::size_t, 4>& order) {
+    return painted(picture.width, picture.height, format, [&](std::uint8_t* pixel, int x, int y, int) {
+        const std::uint8_t* const rgb = &picture.rgb[picture.indexOf(x, y)];
+        for (const std::size_t channel : order) *pixel++ = channel == 3 ? 255 : rgb[channel];
+    });
 }
 
 }  // namespace
@@ -59,7 +51,7 @@ const Picture& portrait() {
         const auto pixels = JpegPngImageLoader().loadImage(SELVIO_TEST_PORTRAIT).value();
         Picture rgb{pixels->width(), pixels->height(), {}};
         for (int y = 0; y < rgb.height; ++y) {
-            const std::uint8_t* p = pixels->data() + static_cast<std::size_t>(y) * pixels->bytesPerRow();
+            const std::uint8_t* p = sampleAt(*pixels, 0, y);
             for (int x = 0; x < rgb.width; ++x, p += 4) rgb.rgb.insert(rgb.rgb.end(), {p[2], p[1], p[0]});
         }
         return rgb;
@@ -84,7 +76,7 @@ Picture frameOf(int width, int height, const std::vector<Person>& people) {
                 const bool covers = people.size() == 1 || std::hypot((sx - kFaceX) / 95.0, (sy - kFaceY) / 115.0) < 1.0;
                 if (covers) colour = sample(source, sx - 0.5, sy - 0.5);
             }
-            std::uint8_t* const to = &frame.rgb[(static_cast<std::size_t>(y) * static_cast<std::size_t>(width) + static_cast<std::size_t>(x)) * 3];
+            std::uint8_t* const to = &frame.rgb[frame.indexOf(x, y)];
             for (std::size_t c = 0; c < 3; ++c) to[c] = toByte(colour[c]);
         }
     }
@@ -106,33 +98,23 @@ Picture withNoise(Picture picture, double deviation, unsigned seed) {
 }
 
 std::shared_ptr<PixelBuffer> toBgra(const Picture& picture) {
-    return toFourBytes(picture, kPixelFormat32BGRA, [](const std::uint8_t* p) { return std::array<std::uint8_t, 4>{p[2], p[1], p[0], 255}; });
+    return toFourBytes(picture, kPixelFormat32BGRA, {2, 1, 0, 3});
 }
 
 std::shared_ptr<PixelBuffer> toArgb(const Picture& picture) {
-    return toFourBytes(picture, kPixelFormat32ARGB, [](const std::uint8_t* p) { return std::array<std::uint8_t, 4>{255, p[0], p[1], p[2]}; });
+    return toFourBytes(picture, kPixelFormat32ARGB, {3, 0, 1, 2});
 }
 
 std::shared_ptr<PixelBuffer> to420v(const Picture& picture) {
-    auto buffer = PixelBuffer::create(picture.width, picture.height, kPixelFormat420v);
-    const auto at = [&](int x, int y) {
-        return &picture.rgb[(static_cast<std::size_t>(std::min(y, picture.height - 1)) * static_cast<std::size_t>(picture.width) +
-                             static_cast<std::size_t>(std::min(x, picture.width - 1))) *
-                            3];
-    };
-    for (int y = 0; y < picture.height; ++y) {
-        for (int x = 0; x < picture.width; ++x) {
-            const std::uint8_t* const p = at(x, y);
-            buffer->data(0)[static_cast<std::size_t>(y) * buffer->bytesPerRow(0) + static_cast<std::size_t>(x)] =
-                toByte(16.0 + (65.481 * p[0] + 128.553 * p[1] + 24.966 * p[2]) / 255.0);
-            if (x % 2 == 0 && y % 2 == 0) {
-                std::uint8_t* const to = buffer->data(1) + static_cast<std::size_t>(y / 2) * buffer->bytesPerRow(1) + static_cast<std::size_t>(x);
-                to[0] = toByte(128.0 + (-37.797 * p[0] - 74.203 * p[1] + 112.0 * p[2]) / 255.0);
-                to[1] = toByte(128.0 + (112.0 * p[0] - 93.786 * p[1] - 18.214 * p[2]) / 255.0);
-            }
+    return painted(picture.width, picture.height, kPixelFormat420v, [&](std::uint8_t* sample, int x, int y, int plane) {
+        const std::uint8_t* const p = &picture.rgb[plane == 0 ? picture.indexOf(x, y) : picture.indexOf(2 * x, 2 * y)];
+        if (plane == 0) {
+            sample[0] = toByte(16.0 + (65.481 * p[0] + 128.553 * p[1] + 24.966 * p[2]) / 255.0);
+        } else {
+            sample[0] = toByte(128.0 + (-37.797 * p[0] - 74.203 * p[1] + 112.0 * p[2]) / 255.0);
+            sample[1] = toByte(128.0 + (112.0 * p[0] - 93.786 * p[1] - 18.214 * p[2]) / 255.0);
         }
-    }
-    return buffer;
+    });
 }
 
 }  // namespace selvio::test

@@ -15,7 +15,25 @@ struct Picture {
     int width = 0;
     int height = 0;
     std::vector<std::uint8_t> rgb;
+
+    [[nodiscard]] std::size_t indexOf(int x, int y) const {
+        return (static_cast<std::size_t>(y) * static_cast<std::size_t>(width) + static_cast<std::size_t>(x)) * 3;
+    }
 };
+
+/// A picture of the given size whose pixel (x, y) is the source's at `from(x, y)`.
+template <typename From>
+Picture rearranged(const Picture& source, int width, int height, From from) {
+    Picture picture{width, height, {}};
+    for (int y = 0; y < height; ++y) {
+        for (int x = 0; x < width; ++x) {
+            const auto [fromX, fromY] = from(x, y);
+            const std::uint8_t* const rgb = &source.rgb[source.indexOf(fromX, fromY)];
+            picture.rgb.insert(picture.rgb.end(), rgb, rgb + 3);
+        }
+    }
+    return picture;
+}
 
 /// The sample portrait, read once.
 const Picture& portrait();
