@@ -37,28 +37,60 @@ struct ScreenFace {
     }
 };
 
-class AnalyzerFixture : public ::testing::Test {
+/// Loads every path but "missing.jpg".
+class FakeImageLoader final : public ImageLoader {
+public:
+    [[nodiscard]] Expected<std::shared_ptr<PixelBuffer>> loadImage(const std::string& path) const override {
+        if (path == "missing.jpg") return Error{"missing.jpg: no such file"};
+        return PixelBuffer::create(300, 400, kPixelFormat32BGRA);
+    }
+};
+
+/// What an analyzer works with, but for its queues.
+struct AnalyzerFakes {
+    [[nodiscard]] Platform platform() const {
+        Platform platform = makePortablePlatform();
+        platform.device = device;
+        platform.screen = std::make_shared<FakeScreen>();
+        platform.imageCodec = codec;
+        platform.imageLoader = std::make_shared<FakeImageLoader>();
+        platform.makeSequenceRequestHandler = [vision = vision] { return vision; };
+        platform.makeFaceDetector = [smiles = smiles] { return smiles; };
+        platform.makeMotionManager = [motion = motion] { return motion; };
+        return platform;
+    }
+
+    const std::shared_ptr<FakeSequenceRequestHandler> vision = std::make_shared<FakeSequenceRequestHandler>();
+    const std::shared_ptr<FakeFaceDetector> smiles = std::make_shared<FakeFaceDetector>();
+    const std::shared_ptr<FakeImageCodec> codec = std::make_shared<FakeImageCodec>();
+    const std::shared_ptr<FakeMotionManager> motion = std::make_shared<FakeMotionManager>();
+    std::shared_ptr<FakeDevice> device = std::make_shared<FakeDevice>();
+    const std::shared_ptr<SelvioFacialCaptureParameters> parameters = std::make_shared<SelvioFacialCaptureParameters>();
+};
+
+class AnalyzerFixture : public ::testing::Test, public AnalyzerFakes {
 public:
     using Status = SelvioFacialCaptureStatus;
     using Results = SelvioFacialCaptureResults;
 
     AnalyzerFixture() {
         SelvioFacialCaptureUxpEventManager::destroySharedInstance();
-        delegate->detectionResults = [this](const auto& results) { told("results" + text(results)); };
-        delegate->startCountdown = [this] { told("countdown"); };
+        delegate->detectionResults = [this](const auto& results) { calls.push_back("results" + text(results)); };
+        delegate->startCountdown = [this] { calls.emplace_back("countdown"); };
         delegate->detectionSuccess = [this](const auto& results) {
-            told("success" + text(results) + " code " + std::to_string(results->resultCode()));
+            calls.push_back("success" + text(results) + " code " + std::to_string(results->resultCode()));
             success = results;
         };
         delegate->detectionCancelled = [this](const auto& results) {
-            told("cancelled code " + std::to_string(results->resultCode()));
+            calls.push_back("cancelled code " + std::to_string(results->resultCode()));
             cancelled = results;
         };
-        delegate->manualOnly = [this] { told("manualOnly"); };
+        delegate->manualOnly = [this] { calls.emplace_back("manualOnly"); };
     }
 
     void make(const std::string& systemVersion = "13.0") {
-        Platform platform = makePortablePlatform();
+        device = std::make_shared<FakeDevice>(systemVersion);
+        Platform platform = AnalyzerFakes::platform();
         platform.mainQueue = mainQueue;
         platform.globalQueue = globalQueue;
         platform.makeSerialQueue = [this](const std::string& label) {
@@ -66,13 +98,6 @@ public:
             if (label == "com.selvio.facialcapture.frameAnalysisQueue") analysisQueue = queue;
             return queue;
         };
-        platform.device = device = std::make_shared<FakeDevice>(systemVersion);
-        platform.screen = std::make_shared<FakeScreen>();
-        platform.imageCodec = codec;
-        platform.makeSequenceRequestHandler = [this] { return vision; };
-        platform.makeFaceDetector = [this] { return smiles; };
-        platform.makeMotionManager = [this] { return motion; };
-        platform.imageLoader = imageLoader;
         analyzer = SelvioFacialCaptureAnalyzer::initWithParameters(parameters, platform);
         analyzer->setDelegate(delegate);
     }
@@ -109,24 +134,16 @@ public:
         return nlohmann::json::parse(results->obixDataString().value_or("null"));
     }
 
-    const std::shared_ptr<SelvioFacialCaptureParameters> parameters = std::make_shared<SelvioFacialCaptureParameters>();
     const std::shared_ptr<SelvioFacialCaptureAnalyzerDelegate> delegate = std::make_shared<SelvioFacialCaptureAnalyzerDelegate>();
     const std::shared_ptr<ManualQueue> mainQueue = std::make_shared<ManualQueue>("main");
     const std::shared_ptr<ManualQueue> globalQueue = std::make_shared<ManualQueue>("global");
-    const std::shared_ptr<FakeSequenceRequestHandler> vision = std::make_shared<FakeSequenceRequestHandler>();
-    const std::shared_ptr<FakeFaceDetector> smiles = std::make_shared<FakeFaceDetector>();
-    const std::shared_ptr<FakeImageCodec> codec = std::make_shared<FakeImageCodec>();
-    const std::shared_ptr<FakeMotionManager> motion = std::make_shared<FakeMotionManager>();
-    std::shared_ptr<const ImageLoader> imageLoader;
     std::shared_ptr<ManualQueue> analysisQueue;
-    std::shared_ptr<FakeDevice> device;
     std::shared_ptr<SelvioFacialCaptureAnalyzer> analyzer;
     std::shared_ptr<Results> success;
     std::shared_ptr<Results> cancelled;
     std::vector<std::string> calls;
 
 private:
-    void told(std::string call) { calls.push_back(std::move(call)); }
     static std::string text(const std::shared_ptr<Results>& results) {
         std::string list;
         for (const Status status : results->orderedStatuses().value_or(std::vector<Status>())) list += " " + std::to_string(status);

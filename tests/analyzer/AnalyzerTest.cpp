@@ -28,14 +28,12 @@ TEST_F(Lifecycle, OldSystemsAreManualOnly) {
         EXPECT_EQ(parameters->mode(), row.manualOnly ? 1 : 2) << row.version;
         EXPECT_EQ(calls.size(), row.manualOnly ? 1U : 0U) << row.version;
     }
-    make("11.0");
     EXPECT_EQ(SelvioFacialCaptureAnalyzer::initWithParameters(nullptr), nullptr);
-}
 
-TEST_F(Lifecycle, ANullDelegateSetsNothingOnAnOldSystem) {
-    Platform platform = makePortablePlatform();
-    platform.device = std::make_shared<FakeDevice>("9.1");
-    const auto old = SelvioFacialCaptureAnalyzer::initWithParameters(parameters, platform);
+    // Not before there is a delegate.
+    parameters->setMode(2);
+    device = std::make_shared<FakeDevice>("9.1");
+    const auto old = SelvioFacialCaptureAnalyzer::initWithParameters(parameters, platform());
     old->setDelegate({});
     EXPECT_FALSE(old->manualOnly());
     EXPECT_EQ(parameters->mode(), 2);
@@ -231,14 +229,7 @@ TEST_F(Intake, EveryWayOutReleasesTheFrame) {
         {"zero-sized", [](Intake&) {}, SampleBuffer::makeVideo(PixelBuffer::wrap({.width = 0, .height = 0}, {nullptr, nullptr}, {})), {}, 0},
         {"handler error", [](Intake& t) { t.vision->setHandlerError(Error{"no model"}); }, usual, {}, 1},
         {"paused", [](Intake& t) { t.analyzer->pause(); }, usual, {}, 1},
-        {"old system",
-         [](Intake& t) {
-             t.make("11.4");
-             t.calls.clear();
-         },
-         usual,
-         {},
-         1},
+        {"old system", [](Intake& t) { t.make("11.4"); }, usual, {"manualOnly"}, 1},
         {"stopped while queued", [](Intake& t) { t.vision->setDuringRequest([&t] { t.analyzer->stop(); }); }, usual, {}, 0},
         {"paused during the request", [](Intake& t) { t.vision->setDuringRequest([&t] { t.analyzer->pause(); }); }, usual, {}, 1},
     };
@@ -336,16 +327,7 @@ TEST_F(Intake, ThePixelsAreCopiedOnceAndTheResolutionIsTheFirstFrames) {
     EXPECT_EQ(vision->lastWidth(), 192);
 }
 
-class PictureLoader final : public ImageLoader {
-public:
-    [[nodiscard]] Expected<std::shared_ptr<PixelBuffer>> loadImage(const std::string& path) const override {
-        if (path == "missing.jpg") return Error{"missing.jpg: no such file"};
-        return PixelBuffer::create(300, 400, kPixelFormat32BGRA);
-    }
-};
-
 TEST_F(Intake, AStillImageTakesThePlaceOfTheScreen) {
-    imageLoader = std::make_shared<PictureLoader>();
     make();
     analyzer->pause();
     LogCapture log;
@@ -390,20 +372,24 @@ TEST_F(ManualSelection, TheStatusesOfTheLastAnalysedFrameAreKept) {
     struct Row {
         const char* version;
         std::vector<ScreenFace> faces;
-        bool analyseFirst;
+        void (*first)(AnalyzerFixture&);
         const char* told;
     };
+    const auto nothing = [](AnalyzerFixture&) {};
+    const auto analyse = [](AnalyzerFixture& t) { t.send(); };
+    const auto pause = [](AnalyzerFixture& t) { t.analyzer->pause(); };
     const std::vector<Row> rows = {
-        {"13.0", {ScreenFace{.left = {400, 800}, .right = {700, 800}}}, true, "success 6 code 1"},
-        {"13.0", {}, true, "success 1 code 1"},
-        {"13.0", {}, false, "success 14 code 1"},
-        {"11.0", {}, false, "success 0 code 1"},
+        {"13.0", {ScreenFace{.left = {400, 800}, .right = {700, 800}}}, analyse, "success 6 code 1"},
+        {"13.0", {}, analyse, "success 1 code 1"},
+        {"13.0", {}, nothing, "success 14 code 1"},
+        {"13.0", {}, pause, "success 14 code 1"},
+        {"11.0", {}, nothing, "success 0 code 1"},
     };
     for (const Row& row : rows) {
         make(row.version);
         parameters->setMode(1);
         show(row.faces);
-        if (row.analyseFirst) send();
+        row.first(*this);
         calls.clear();
         analyzer->selectFrame();
         EXPECT_THAT(send(), ElementsAre(row.told));
@@ -419,14 +405,6 @@ TEST_F(ManualSelection, WithoutASuccessHandlerTheFlagStaysSet) {
     EXPECT_THAT(send(), ElementsAre("results 1"));
     EXPECT_TRUE(analyzer->shouldSelectCurrentFrame());
     EXPECT_FALSE(analyzer->selectionInProgress());
-}
-
-TEST_F(ManualSelection, APausedAnalyzerStillHonoursIt) {
-    make();
-    parameters->setMode(1);
-    analyzer->pause();
-    analyzer->selectFrame();
-    EXPECT_THAT(send(), ElementsAre("success 14 code 1"));
 }
 
 }  // namespace

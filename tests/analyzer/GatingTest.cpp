@@ -132,11 +132,15 @@ TEST_F(Automatic, ASmileThatGoesSelectsTheNewestFrame) {
 
 TEST_F(Automatic, InManualModeASmileIsOnlyEverAskedToStop) {
     analyzer->updateMode(1);
-    EXPECT_THAT(send(), ElementsAre("results 14"));
-    smiles->setSmiling(true);
-    EXPECT_THAT(send(), ElementsAre("results 13"));
-    smiles->setSmiling(false);
-    EXPECT_THAT(send(), ElementsAre("results 14"));
+    for (const bool beginsSmiling : {false, true}) {
+        showTooFar();
+        send();  // a bad frame: the run begins anew
+        show({ScreenFace{}});
+        for (const bool smiling : {beginsSmiling, true, false}) {
+            smiles->setSmiling(smiling);
+            EXPECT_THAT(send(), ElementsAre(smiling ? "results 13" : "results 14"));
+        }
+    }
     EXPECT_EQ(success, nullptr);
 }
 

@@ -11,31 +11,14 @@
 namespace selvio {
 namespace {
 
-class StillLoader final : public ImageLoader {
-public:
-    [[nodiscard]] Expected<std::shared_ptr<PixelBuffer>> loadImage(const std::string&) const override {
-        return PixelBuffer::create(108, 192, kPixelFormat32BGRA);
-    }
-};
-
 // One capture: two threads send frames, three others call whatever comes, and at last one of them stops or cancels.
 void runCapture(unsigned seed, std::atomic<int>& delivered) {
     const auto mainQueue = std::make_shared<MainQueue>();
-    const auto vision = std::make_shared<FakeSequenceRequestHandler>();
-    const auto smiles = std::make_shared<FakeFaceDetector>();
-    const auto motion = std::make_shared<FakeMotionManager>();
-    Platform platform = makePortablePlatform();
+    const AnalyzerFakes fakes;
+    Platform platform = fakes.platform();
     platform.mainQueue = mainQueue;
     platform.globalQueue = std::make_shared<ConcurrentQueue>("global");
-    platform.device = std::make_shared<FakeDevice>();
-    platform.screen = std::make_shared<FakeScreen>();
-    platform.imageCodec = std::make_shared<FakeImageCodec>();
-    platform.imageLoader = std::make_shared<StillLoader>();
-    platform.makeSequenceRequestHandler = [&] { return vision; };
-    platform.makeFaceDetector = [&] { return smiles; };
-    platform.makeMotionManager = [&] { return motion; };
-    const auto parameters = std::make_shared<SelvioFacialCaptureParameters>();
-    const auto analyzer = SelvioFacialCaptureAnalyzer::initWithParameters(parameters, platform);
+    const auto analyzer = SelvioFacialCaptureAnalyzer::initWithParameters(fakes.parameters, platform);
     const auto delegate = std::make_shared<SelvioFacialCaptureAnalyzerDelegate>();
     const auto read = [&](const std::shared_ptr<SelvioFacialCaptureResults>& results) {
         ASSERT_NE(results, nullptr);
@@ -74,15 +57,13 @@ void runCapture(unsigned seed, std::atomic<int>& delivered) {
                 [&] { analyzer->pauseFor(static_cast<std::int64_t>(random() % 6)); },
                 [&] { analyzer->selectFrame(); },
                 [&] { analyzer->updateMode(random() % 2 == 0 ? 1 : 2); },
-                [&] { parameters->setSelectOnSmile(random() % 2 == 0); },
-                [&] { parameters->setCountdownTime(static_cast<std::int64_t>(random() % 3)); },
-                [&] { smiles->setSmiling(random() % 2 == 0); },
-                [&] {
-                    motion->rotate({random() % 2 == 0 ? 1.0 : 0.0, 0, 0});
-                },
+                [&] { fakes.parameters->setSelectOnSmile(random() % 2 == 0); },
+                [&] { fakes.parameters->setCountdownTime(static_cast<std::int64_t>(random() % 3)); },
+                [&] { fakes.smiles->setSmiling(random() % 2 == 0); },
+                [&] { fakes.motion->rotate({.x = random() % 2 == 0 ? 1.0 : 0.0}); },
                 [&] { analyzer->setDelegate(delegate); },
-                [&] { vision->setObservations(std::vector<FaceObservation>(random() % 3, ScreenFace{}.observation())); },
-                [&] { vision->setObservations(std::vector<FaceObservation>{ScreenFace{}.observation()}); },
+                [&] { fakes.vision->setObservations(std::vector<FaceObservation>(random() % 3, ScreenFace{}.observation())); },
+                [&] { fakes.vision->setObservations(std::vector<FaceObservation>{ScreenFace{}.observation()}); },
                 [&] { analyzer->analyzeImageAtPath("still"); },
                 [&] { (void)analyzer->imagesArray(); },
             };
@@ -96,7 +77,7 @@ void runCapture(unsigned seed, std::atomic<int>& delivered) {
     }
     for (std::thread& host : hosts) host.join();
     EXPECT_EQ(analyzer->results(), nullptr);
-    EXPECT_EQ(motion->isRunning(), false);
+    EXPECT_FALSE(fakes.motion->isRunning());
     running = false;
     for (std::thread& camera : cameras) camera.join();
     EXPECT_LE(cancellations, 1);
