@@ -6,12 +6,11 @@
 #include "RunOutput.h"
 #include "Texts.h"
 #include "support/ManualQueue.h"
+#include "support/TemporaryDirectory.h"
 
 #include <gmock/gmock.h>
 
-#include <unistd.h>
 #include <cstdlib>
-#include <fstream>
 #include <set>
 #include <sstream>
 
@@ -201,13 +200,13 @@ TEST(PersonOutput, ChangesOneLineOnATerminalAndPrintsEachChangeElsewhere) {
 }
 
 TEST(OutputFiles, AppearWholeOrNotAtAll) {
-    const auto directory = std::filesystem::path(testing::TempDir()) / ("selvio_output_" + std::to_string(::getpid()));
+    const test::TemporaryDirectory root;
+    const auto directory = root.path() / "made";
     EXPECT_FALSE(prepareOutputDirectory(directory / "a/b"));
     const auto file = directory / "a/b/file";
     for (const std::string content : {"first", "second, longer", ""}) {
         ASSERT_FALSE(writeFileAtomically(file, content));
-        std::ifstream stream(file);
-        EXPECT_EQ(std::string(std::istreambuf_iterator<char>(stream), {}), content);
+        EXPECT_EQ(test::contentOf(file), content);
     }
     EXPECT_TRUE(writeFileAtomically(directory / "missing/file", "x"));
     std::filesystem::create_directory(directory / "taken");
@@ -216,7 +215,6 @@ TEST(OutputFiles, AppearWholeOrNotAtAll) {
     std::size_t entries = 0;
     for ([[maybe_unused]] const auto& entry : std::filesystem::recursive_directory_iterator(directory)) ++entries;
     EXPECT_EQ(entries, 4U);  // a, a/b, a/b/file, taken: nothing temporary stays
-    std::filesystem::remove_all(directory);
 }
 
 }  // namespace

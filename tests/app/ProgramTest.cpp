@@ -13,28 +13,21 @@
 #include <unistd.h>
 #include <csignal>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <nlohmann/json.hpp>
+
+#include "support/TemporaryDirectory.h"
 
 namespace selvio {
 namespace {
 
 using nlohmann::json;
+using test::contentOf;
+using test::TemporaryDirectory;
 using testing::ElementsAre;
 using testing::HasSubstr;
 namespace fs = std::filesystem;
 
 const fs::path kSamples = SELVIO_SAMPLES;
-
-std::string contentOf(const fs::path& path) {
-    std::ifstream stream(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(stream), {}};
-}
-
-void writeFile(const fs::path& path, const std::string& bytes) {
-    std::ofstream(path, std::ios::binary) << bytes;
-}
 
 struct Ended {
     int exitCode = -1;  ///< -1: killed by a signal
@@ -51,10 +44,7 @@ struct Ended {
 
 class SelvioCapture : public testing::Test {
 protected:
-    void SetUp() override { fs::create_directories(directory_); }
-    void TearDown() override { fs::remove_all(directory_); }
-
-    fs::path path(const std::string& name) const { return directory_ / name; }
+    fs::path path(const std::string& name) const { return directory_.path() / name; }
 
     /// Runs the program to its end. `onOutput` gets everything it has printed so far, once there is something new, and its process.
     Ended run(std::vector<std::string> arguments, const std::function<void(const std::string& out, pid_t program)>& onOutput = {},
@@ -69,7 +59,7 @@ protected:
         const pid_t program = ::fork();
         if (program == 0) {
             ::setenv("LC_ALL", language_.c_str(), 1);
-            ::setenv("XDG_DATA_HOME", directory_.c_str(), 1);
+            ::setenv("XDG_DATA_HOME", directory_.path().c_str(), 1);
             ::dup2(::open("/dev/null", O_RDONLY), STDIN_FILENO);
             ::dup2(outputFile.empty() ? pipe[1] : ::open(outputFile.c_str(), O_WRONLY), STDOUT_FILENO);
             ::dup2(::open(errors.c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0600), STDERR_FILENO);
@@ -101,10 +91,7 @@ protected:
         arguments.insert(arguments.end(), more.begin(), more.end());
         return arguments;
     }
-    fs::path emptyScene() const {
-        writeFile(path("empty.json"), R"({"keyFrames": [{"at": 0, "visible": false}]})");
-        return path("empty.json");
-    }
+    fs::path emptyScene() const { return directory_.write("empty.json", R"({"keyFrames": [{"at": 0, "visible": false}]})"); }
     json record() const { return json::parse(contentOf(path("out/record.json"))); }
     std::vector<std::string> results() const {
         std::vector<std::string> names;
@@ -113,7 +100,7 @@ protected:
         return names;
     }
 
-    const fs::path directory_ = fs::path(testing::TempDir()) / ("selvio_capture_" + std::to_string(::getpid()));
+    const TemporaryDirectory directory_;
     std::string language_ = "C";
 };
 
@@ -124,11 +111,6 @@ std::shared_ptr<PixelBuffer> scene(const std::string& keyFrame) {
     const auto geometry = FaceGeometry::load(kSamples / "astronaut.json");
     const auto frames = SimulatedFrames::make(photograph.value(), geometry.value(), script.value());
     return frames.value()->frame({}, 720, 1280, kPixelFormat32BGRA);
-}
-
-void writeJpeg(const fs::path& path, const std::shared_ptr<PixelBuffer>& picture) {
-    const auto bytes = LibjpegImageCodec().encodeJpeg(Image{picture}, 0.95).value();
-    writeFile(path, {bytes.begin(), bytes.end()});
 }
 
 TEST_F(SelvioCapture, AnswersQuestionsAboutItself) {
@@ -156,8 +138,7 @@ TEST_F(SelvioCapture, JudgesPictures) {
     };
     std::vector<std::string> arguments = {"check", "--json"};
     for (const auto& [name, keyFrame, faces, statuses] : rows) {
-        writeJpeg(path(name), scene(keyFrame));
-        arguments.push_back(path(name));
+        arguments.push_back(directory_.write(name, LibjpegImageCodec().encodeJpeg(Image{scene(keyFrame)}, 0.95).value()));
     }
     const auto ended = run(arguments);
     EXPECT_EQ(ended.exitCode, 0) << ended.err;
@@ -194,8 +175,7 @@ TEST_F(SelvioCapture, NamesPicturesThatItCannotRead) {
         {"empty.jpg", ""}, {"text.jpg", "This is not a picture.\n"}, {"cut.jpg", sample.substr(0, sample.size() / 2)}, {"huge.jpg", huge}};
     std::vector<std::string> arguments = {"check", "--json", path("missing.jpg")};
     for (const auto& [name, bytes] : files) {
-        writeFile(path(name), bytes);
-        arguments.push_back(path(name));
+        arguments.push_back(directory_.write(name, bytes));
     }
     arguments.push_back(kSamples / "astronaut.jpg");
     const auto ended = run(arguments);
@@ -344,9 +324,9 @@ TEST_F(SelvioCapture, LeavesTheRecordWhenItIsInterruptedOrTimesOut) {
 }
 
 TEST_F(SelvioCapture, EndsWithTheCodeOfWhatIsMissing) {
-    writeFile(path("file"), "x");
+    directory_.write("file", "x");
     fs::copy_file(kSamples / "astronaut.jpg", path("alone.jpg"));
-    writeFile(path("bad.json"), "{");
+    directory_.write("bad.json", "{");
     struct Row {
         std::vector<std::string> arguments;
         int exitCode;
@@ -360,11 +340,11 @@ TEST_F(SelvioCapture, EndsWithTheCodeOfWhatIsMissing) {
         {{"--out", path("out"), "--script", path("bad.json")}, 5, "bad.json"},
         {{"--out", path("out"), "--source", "video:" + path("none.mp4").string()}, 5, "none.mp4"},
         {{"--out", path("out"), "--source", "video:" + path("file").string()}, 5, "file: cannot be played"},
-        {{"--out", path("out"), "--source", "video:" + directory_.string()}, 5, "cannot be read as a file"},
+        {{"--out", path("out"), "--source", "video:" + path("").string()}, 5, "cannot be read as a file"},
         {{"show", path("none.jpg")}, 5, "none.jpg"},
         {{"show", path("file")}, 5, "not a JPEG"},
         {{"show", kSamples / "astronaut.jpg"}, 5, "no data record"},
-        {{"show", directory_}, 5, directory_},
+        {{"show", path("")}, 5, path("")},
     };
     for (const auto& row : rows) {
         const auto ended = run(row.arguments);

@@ -221,15 +221,10 @@ TEST(Capture, AVideoFileIsACameraThatPlaysOnce) {
 TEST(Capture, TorchIsAnLedWhoseFunctionIsLight) {
     TemporaryDirectory leds;
     for (const char* const name : {"input3::capslock", "white:flash"}) {
-        std::filesystem::create_directory(leds.path() / name);
-        std::ofstream(leds.path() / name / "brightness") << 0;
-        std::ofstream(leds.path() / name / "max_brightness") << 37;
+        leds.write(std::string(name) + "/brightness", "0");
+        leds.write(std::string(name) + "/max_brightness", "37");
     }
-    const auto brightness = [&](const char* name) {
-        int level = -1;
-        std::ifstream(leds.path() / name / "brightness") >> level;
-        return level;
-    };
+    const auto brightness = [&](const char* name) { return std::stoi(contentOf(leds.path() / name / "brightness")); };
     SourceCamera front = testPicture();
     front.position = CaptureDevicePosition::Front;
     const auto system = systemOf({.sources = {front, testPicture()}, .ledDirectory = leds.path()});
@@ -252,9 +247,9 @@ TEST(Capture, NodesThatMayNotBeOpenedMeanDenied) {
         return makeGstCaptureSystem(options)->authorizationStatus(MediaType::Video);
     };
     EXPECT_EQ(status(), AuthorizationStatus::Authorized) << "no camera is not a refusal";
-    std::ofstream(nodes.path() / "video0").put('x');
+    const std::string node = nodes.write("video0", "x");
     EXPECT_EQ(status(), AuthorizationStatus::Authorized);
-    ::chmod((nodes.path() / "video0").c_str(), 0);
+    ::chmod(node.c_str(), 0);
     ::chmod(nodes.path().c_str(), 0755);
     const bool isRoot = ::geteuid() == 0;
     ASSERT_TRUE(!isRoot || ::seteuid(65534) == 0);

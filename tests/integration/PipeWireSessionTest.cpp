@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 #include <nlohmann/json.hpp>
 
 #include "support/MediaProbe.h"
@@ -30,11 +29,6 @@ done
 echo $? > "$OUT/code"
 )";
 
-std::string contentsOf(const std::filesystem::path& path) {
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
-
 TEST(PipeWireSession, ACaptureEndsWithPhotographRecordAndRecording) {
     const TemporaryDirectory directory;
     const std::filesystem::path out = directory.path();
@@ -43,18 +37,17 @@ TEST(PipeWireSession, ACaptureEndsWithPhotographRecordAndRecording) {
     ::setenv("SAMPLES", SELVIO_SAMPLES, 1);
     ::setenv("PROGRAM", SELVIO_PROGRAM, 1);
     ::setenv("XDG_DATA_HOME", (out / "data").c_str(), 1);
-    std::ofstream(out / "session.sh") << kSession;
-    const std::string said = outputOf(std::string(SELVIO_PIPEWIRE_SCRIPT) + " bash '" + (out / "session.sh").string() + "'");
+    const std::string said = outputOf(std::string(SELVIO_PIPEWIRE_SCRIPT) + " bash '" + directory.write("session.sh", kSession) + "'");
     if (said.starts_with("UNAVAILABLE")) GTEST_SKIP() << said;
 
-    const std::string errors = contentsOf(out / "errors.txt");
-    EXPECT_EQ(contentsOf(out / "code"), "0\n") << errors;
-    const std::string devices = contentsOf(out / "devices.json");
+    const std::string errors = contentOf(out / "errors.txt");
+    EXPECT_EQ(contentOf(out / "code"), "0\n") << errors;
+    const std::string devices = contentOf(out / "devices.json");
     EXPECT_THAT(devices, HasSubstr("Simulated Front Camera"));
     EXPECT_THAT(devices, HasSubstr("\"Test Camera\""));
-    EXPECT_THAT(contentsOf(out / "lines.json"), HasSubstr("startCountdown"));
+    EXPECT_THAT(contentOf(out / "lines.json"), HasSubstr("startCountdown"));
 
-    const auto record = nlohmann::json::parse(contentsOf(out / "x/record.json"), nullptr, false);
+    const auto record = nlohmann::json::parse(contentOf(out / "x/record.json"), nullptr, false);
     ASSERT_TRUE(record.is_object()) << errors;
     EXPECT_EQ(record.at("SelvioResultCode"), "SuccessVideo");
     EXPECT_EQ(record.at("Parameters").at("RecordVideo"), "1");

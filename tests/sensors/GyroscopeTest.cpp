@@ -6,9 +6,10 @@
 #include <gtest/gtest.h>
 
 #include <condition_variable>
-#include <fstream>
 #include <map>
 #include <mutex>
+
+#include "support/TemporaryDirectory.h"
 
 namespace selvio {
 namespace {
@@ -18,16 +19,11 @@ namespace fs = std::filesystem;
 // A tree of files such as the kernel shows.
 class IioTree : public ::testing::Test {
 protected:
-    IioTree() {
-        std::string name = (fs::temp_directory_path() / "selvio-iio-XXXXXX").string();
-        root_ = ::mkdtemp(name.data());
-    }
-    ~IioTree() override { fs::remove_all(root_); }
     void write(const std::string& device, const std::map<std::string, std::string>& files) {
-        fs::create_directories(root_ / device);
-        for (const auto& [name, text] : files) std::ofstream(root_ / device / name) << text << "\n";
+        for (const auto& [name, text] : files) directory_.write((fs::path(device) / name).string(), text + "\n");
     }
-    fs::path root_;
+    const test::TemporaryDirectory directory_;
+    const fs::path root_ = directory_.path();
 };
 
 TEST_F(IioTree, ReadsRatesInRadiansPerSecond) {

@@ -1,6 +1,7 @@
 // The shape predictor and the layout of its points.
 #include "platform/linux/vision/LandmarkLayout.h"
 #include "platform/linux/vision/LandmarkModel.h"
+#include "support/TemporaryDirectory.h"
 #include "vision/TestPictures.h"
 
 #include <SelvioFacialCapture/linux/Vision.h>
@@ -9,7 +10,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <fstream>
 
 namespace selvio::test {
 namespace {
@@ -44,9 +44,9 @@ TEST(LandmarkModel, AgreesWithTheOriginalPredictor) {
 }
 
 TEST(LandmarkModel, SaysWhichFileIsMissingOrDamaged) {
-    std::ifstream good(kDefaultLandmarkModelPath, std::ios::binary);
+    const TemporaryDirectory directory;
     std::string start(200'000, '\0');
-    good.read(start.data(), static_cast<std::streamsize>(start.size()));
+    std::ifstream(kDefaultLandmarkModelPath, std::ios::binary).read(start.data(), static_cast<std::streamsize>(start.size()));
     std::string flipped = start;
     for (std::size_t i = 100; i < flipped.size(); i += 97) flipped[i] = static_cast<char>(~flipped[i]);
     const std::pair<const char*, std::string> cases[] = {{"empty", ""}, {"text", "this is not a model"}, {"truncated", start}, {"damaged", flipped}};
@@ -59,10 +59,7 @@ TEST(LandmarkModel, SaysWhichFileIsMissingOrDamaged) {
     expectError("/nonexistent/model.dat");
     expectError("/");
     for (const auto& [name, content] : cases) {
-        const std::string path = testing::TempDir() + "selvio-model-" + name;
-        std::ofstream(path, std::ios::binary) << content;
-        expectError(path);
-        std::remove(path.c_str());
+        expectError(directory.write(name, content));
     }
 }
 
