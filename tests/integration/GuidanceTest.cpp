@@ -7,9 +7,9 @@
 #include <algorithm>
 #include <cmath>
 
-#include "analyzer/rules/FaceChecks.h"
 #include "support/FakeDevice.h"
 #include "support/ManualQueue.h"
+#include "support/TrueFace.h"
 
 namespace selvio {
 namespace {
@@ -56,25 +56,6 @@ protected:
         return statuses;
     }
 
-    /// The checks applied to the true landmark positions. The screen shows the frame as a mirror does.
-    static rules::FaceChecksResult truth(const FrameFace& face) {
-        const auto onScreen = [](Point p) { return Point{(kWidth - p.x) * kScreen.width / kWidth, p.y * kScreen.height / kHeight}; };
-        rules::FaceChecksInput input;
-        input.points.contour = std::vector<Point>(17);
-        (*input.points.contour)[16] = onScreen(face.jawRight);
-        (*input.points.contour)[0] = onScreen(face.jawLeft);
-        (*input.points.contour)[8] = onScreen(face.landmarks.at("chin"));
-        const Point tip = face.landmarks.at("noseTip");
-        const Point base = face.landmarks.at("noseBase");
-        input.points.nose = std::vector<Point>(9);
-        (*input.points.nose)[2] = onScreen(face.landmarks.at("noseRight"));
-        (*input.points.nose)[4] = onScreen({(tip.x + 2 * base.x) / 3, base.y});
-        (*input.points.nose)[6] = onScreen(face.landmarks.at("noseLeft"));
-        input.biggerScreenSide = kScreen.height;
-        input.smallerScreenSide = kScreen.width;
-        return rules::checkFace(input);
-    }
-
     const std::shared_ptr<SelvioFacialCaptureAnalyzerDelegate> delegate = std::make_shared<SelvioFacialCaptureAnalyzerDelegate>();
     const std::shared_ptr<ManualQueue> mainQueue = std::make_shared<ManualQueue>("main");
     std::shared_ptr<ManualQueue> analysisQueue;
@@ -112,7 +93,7 @@ TEST_F(Guidance, EachStatusFlipsWhereTheTrueFaceSaysSo) {
                       pose.width, pose.roll);
         const auto scene = frames(keyFrame);
         const Statuses said = judge(scene->frame({}, kWidth, kHeight, kPixelFormat420v));
-        const rules::FaceChecksResult expected = truth(scene->trueGeometry({}, kWidth, kHeight).front());
+        const auto expected = rules::checkFace(trueChecksInput(scene->trueGeometry({}, kWidth, kHeight).front(), {kWidth, kHeight}, kScreen));
         const rules::FaceMeasures& m = expected.measures;
         struct Check {
             SelvioFacialCaptureStatus status;

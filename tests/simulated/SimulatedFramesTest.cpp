@@ -1,6 +1,6 @@
 #include "tests/simulated/SimulatedSupport.h"
 
-#include "analyzer/rules/FaceChecks.h"
+#include "tests/support/TrueFace.h"
 
 #include <gmock/gmock.h>
 
@@ -17,9 +17,7 @@ using ::testing::HasSubstr;
 
 // Brightness of a pixel above the photograph's dark grey, 0 or more.
 double brightness(const PixelBuffer& frame, int x, int y) {
-    const std::size_t step = frame.planeCount() == 1 ? 4 : 1;
-    const double value = frame.data()[static_cast<std::size_t>(y) * frame.bytesPerRow() + static_cast<std::size_t>(x) * step];
-    return std::max(0.0, value - (frame.planeCount() == 1 ? 50 : 59));
+    return std::max(0.0, *test::sampleAt(frame, x, y) - (frame.planeCount() == 1 ? 50.0 : 59.0));
 }
 
 Point centroid(const PixelBuffer& frame, int fromX, int toX) {
@@ -95,7 +93,7 @@ TEST(SimulatedFrames, LightAndNoiseAreWhatTheScriptSays) {
     double sum = 0, squares = 0;
     for (int y = 0; y < 400; ++y) {
         for (int x = 0; x < 400; ++x) {
-            const double value = frame->data()[static_cast<std::size_t>(y) * frame->bytesPerRow() + static_cast<std::size_t>(4 * x + 1)];
+            const double value = test::sampleAt(*frame, x, y)[1];
             sum += value;
             squares += value * value;
         }
@@ -119,24 +117,6 @@ TEST(SimulatedFrames, BadInputIsNamed) {
     EXPECT_NE(spotFrames(kSteady)->frame(0s, 1, 1, kPixelFormat420v), nullptr);
 }
 
-// The statuses of a face at its true place on a screen of the frame's size.
-std::vector<SelvioFacialCaptureStatus> judged(const FrameFace& face, const MotionState& state) {
-    const auto at = [&](const char* name) { return face.landmarks.at(name); };
-    std::vector<Point> contour(17), nose(9);
-    contour[16] = face.jawLeft;  // the layout is mirrored, the place on the screen is not
-    contour[0] = face.jawRight;
-    contour[8] = at("chin");
-    nose[2] = at("noseRight");
-    nose[6] = at("noseLeft");
-    nose[4] = at("noseBase");
-    return rules::checkFace({.points = {.contour = contour, .nose = nose, .outerLips = {}},
-                             .limits = {},
-                             .biggerScreenSide = 1280,
-                             .smallerScreenSide = 720,
-                             .shouldHoldStill = std::abs(state.rotationRate.y) > 0.1})
-        .statuses;
-}
-
 TEST(Samples, EachScriptShowsWhatItIsFor) {
     const auto geometry = FaceGeometry::load(SELVIO_SAMPLES "/astronaut.json");
     ASSERT_TRUE(geometry) << geometry.error().localizedDescription;
@@ -151,18 +131,22 @@ TEST(Samples, EachScriptShowsWhatItIsFor) {
         const auto faces = frames.trueGeometry(time, 720, 1280);
         if (faces.empty()) return {SelvioFacialCaptureStatusFaceNotFound};
         if (faces.size() > 1) return {SelvioFacialCaptureStatusMoreThanOneFace};
-        return judged(faces[0], frames.script().stateAt(time));
+        rules::FaceChecksInput input = trueChecksInput(faces[0], {720, 1280}, {720, 1280});
+        input.shouldHoldStill = std::abs(frames.script().stateAt(time).rotationRate.y) > 0.1;
+        return rules::checkFace(input).statuses;
     };
     const auto demo = load("demo.json");
-    EXPECT_THAT(statusesAt(*demo, 600ms), ElementsAre(SelvioFacialCaptureStatusFaceNotFound));
-    EXPECT_THAT(statusesAt(*demo, 1800ms), ElementsAre(SelvioFacialCaptureStatusMoreThanOneFace));
-    EXPECT_THAT(statusesAt(*demo, 3000ms), ElementsAre(SelvioFacialCaptureStatusMoveCloser));
-    EXPECT_THAT(statusesAt(*demo, 4700ms), ElementsAre(SelvioFacialCaptureStatusTooClose));
-    EXPECT_THAT(statusesAt(*demo, 6200ms), ElementsAre(SelvioFacialCaptureStatusNotCentered));
-    EXPECT_THAT(statusesAt(*demo, 7500ms), ElementsAre(SelvioFacialCaptureStatusNotCentered));
-    EXPECT_THAT(statusesAt(*demo, 9000ms), ElementsAre(SelvioFacialCaptureStatusFaceRoll));
-    EXPECT_THAT(statusesAt(*demo, 10500ms), ElementsAre(SelvioFacialCaptureStatusHoldStill));
-    EXPECT_THAT(statusesAt(*demo, 11000ms), ElementsAre());
+    using Statuses = std::vector<SelvioFacialCaptureStatus>;
+    const std::pair<std::chrono::milliseconds, Statuses> shown[] = {{600ms, {SelvioFacialCaptureStatusFaceNotFound}},
+                                                                    {1800ms, {SelvioFacialCaptureStatusMoreThanOneFace}},
+                                                                    {3000ms, {SelvioFacialCaptureStatusMoveCloser}},
+                                                                    {4700ms, {SelvioFacialCaptureStatusTooClose}},
+                                                                    {6200ms, {SelvioFacialCaptureStatusNotCentered}},
+                                                                    {7500ms, {SelvioFacialCaptureStatusNotCentered}},
+                                                                    {9000ms, {SelvioFacialCaptureStatusFaceRoll, SelvioFacialCaptureStatusFacePitch}},
+                                                                    {10500ms, {SelvioFacialCaptureStatusHoldStill}},
+                                                                    {11000ms, {}}};
+    for (const auto& [time, statuses] : shown) EXPECT_EQ(statusesAt(*demo, time), statuses) << time.count();
     for (const char* name : {"steady.json", "smile-first.json", "smile-later.json"}) {
         const auto frames = load(name);
         for (const auto time : {0s, 4s, 6s, 60s}) EXPECT_THAT(statusesAt(*frames, time), ElementsAre()) << name;
