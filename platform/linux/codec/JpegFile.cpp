@@ -392,17 +392,22 @@ std::optional<std::string> problemWith(const jpeg_decompress_struct& info, std::
     return lengthProblem(fileBytes, leastBytesOf(info), info.image_width, info.image_height);
 }
 
+/// Reads as far as the picture. `setSource` tells libjpeg where the file is.
+template <typename SetSource>
+bool readHeader(ErrorTrap& trap, Decompressor& in, const SetSource& setSource) {
+    return trap.attempt([&] {
+        in.create();
+        setSource();
+        jpeg_read_header(&in.info, TRUE);
+    });
+}
+
 }  // namespace
 
 std::optional<JpegHeader> readJpegHeader(std::span<const std::uint8_t> file) {
     ErrorTrap trap;
     Decompressor in(trap);
-    const bool read = trap.attempt([&] {
-        in.create();
-        jpeg_mem_src(&in.info, file.data(), file.size());
-        jpeg_read_header(&in.info, TRUE);
-    });
-    if (!read) return std::nullopt;
+    if (!readHeader(trap, in, [&] { jpeg_mem_src(&in.info, file.data(), file.size()); })) return std::nullopt;
     JpegHeader header;
     if (in.info.saw_JFIF_marker) header.jfif = JfifProperties{in.info.X_density, in.info.Y_density, in.info.density_unit};
     header.exif = exifOf(in.info);
@@ -417,11 +422,7 @@ std::optional<Bytes> encodeJpegPixels(const PixelBuffer& picture, const JpegTarg
 std::optional<Bytes> reencodeJpeg(std::span<const std::uint8_t> file, const JpegTarget& target) {
     ErrorTrap trap;
     Decompressor in(trap);
-    const bool read = trap.attempt([&] {
-        in.create();
-        jpeg_mem_src(&in.info, file.data(), file.size());
-        jpeg_read_header(&in.info, TRUE);
-    });
+    const bool read = readHeader(trap, in, [&] { jpeg_mem_src(&in.info, file.data(), file.size()); });
     if (!read || problemWith(in.info, file.size())) return std::nullopt;
     Bytes bytes;
     if (!reserveFor(bytes, static_cast<std::size_t>(in.info.image_width) * in.info.image_height)) return std::nullopt;
@@ -444,11 +445,7 @@ std::optional<Bytes> reencodeJpeg(std::span<const std::uint8_t> file, const Jpeg
 Expected<std::shared_ptr<PixelBuffer>> readJpegFile(std::FILE* file, std::size_t fileBytes) {
     ErrorTrap trap;
     Decompressor in(trap);
-    const bool read = trap.attempt([&] {
-        in.create();
-        jpeg_stdio_src(&in.info, file);
-        jpeg_read_header(&in.info, TRUE);
-    });
+    const bool read = readHeader(trap, in, [&] { jpeg_stdio_src(&in.info, file); });
     if (!read && trap.code() == JERR_IMAGE_TOO_BIG) return Error{sizeProblem(in.info.image_width, in.info.image_height).value_or(trap.reason())};
     if (!read) return Error{trap.reason()};
     if (auto problem = problemWith(in.info, fileBytes)) return Error{std::move(*problem)};
