@@ -53,22 +53,25 @@ protected:
         std::vector<char*> argv;
         for (auto& argument : arguments) argv.push_back(argument.data());
         argv.push_back(nullptr);
-        int pipe[2];
-        if (::pipe(pipe) != 0) return {};
+        int pipe[2] = {-1, -1};
+        if (!onTerminal_ && ::pipe(pipe) != 0) return {};
         const auto errors = path("errors.txt");
-        const pid_t program = ::fork();
+        const pid_t program = onTerminal_ ? ::forkpty(&pipe[0], nullptr, nullptr, nullptr) : ::fork();
         if (program == 0) {
             ::setenv("LC_ALL", language_.c_str(), 1);
             ::setenv("XDG_DATA_HOME", directory_.path().c_str(), 1);
-            ::dup2(::open("/dev/null", O_RDONLY), STDIN_FILENO);
-            ::dup2(outputFile.empty() ? pipe[1] : ::open(outputFile.c_str(), O_WRONLY), STDOUT_FILENO);
-            ::dup2(::open(errors.c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0600), STDERR_FILENO);
-            ::close(pipe[0]);
-            ::close(pipe[1]);
+            if (!onTerminal_) {
+                ::dup2(::open("/dev/null", O_RDONLY), STDIN_FILENO);
+                ::dup2(outputFile.empty() ? pipe[1] : ::open(outputFile.c_str(), O_WRONLY), STDOUT_FILENO);
+                ::dup2(::open(errors.c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0600), STDERR_FILENO);
+                ::close(pipe[0]);
+                ::close(pipe[1]);
+            }
             ::execv(argv[0], argv.data());
             ::_exit(127);
         }
-        ::close(pipe[1]);
+        if (!onTerminal_) ::close(pipe[1]);
+        terminal_ = pipe[0];
         Ended ended;
         char buffer[4096];
         for (ssize_t count = 0; (count = ::read(pipe[0], buffer, sizeof buffer)) > 0;) {
@@ -102,6 +105,8 @@ protected:
 
     const TemporaryDirectory directory_;
     std::string language_ = "C";
+    bool onTerminal_ = false;  ///< instead of pipes; `terminal_` is then the person's side of it
+    int terminal_ = -1;
 };
 
 /// A portrait as the simulated camera sees it, with what the script says.
@@ -281,29 +286,13 @@ TEST_F(SelvioCapture, TakesThePictureInManualModeWithoutATerminal) {
 }
 
 TEST_F(SelvioCapture, GuidesOnATerminalAndTakesThePictureWhenEnterIsPressed) {
-    int terminal = -1;
-    const pid_t program = ::forkpty(&terminal, nullptr, nullptr, nullptr);
-    if (program == 0) {
-        ::setenv("LC_ALL", "C", 1);
-        const auto out = path("out").string();
-        ::execl(SELVIO_CAPTURE_PROGRAM, "selvio-capture", "--mode", "manual", "--script", emptyScene().c_str(), "--out", out.c_str(), nullptr);
-        ::_exit(127);
-    }
-    std::string printed;
+    onTerminal_ = true;
     bool entered = false;
-    char buffer[4096];
-    for (ssize_t count = 0; (count = ::read(terminal, buffer, sizeof buffer)) > 0;) {
-        printed.append(buffer, static_cast<std::size_t>(count));
-        if (!entered && printed.find("\r\033[KShow your face to the camera") != std::string::npos) {
-            entered = ::write(terminal, "\n", 1) == 1;
-        }
-    }
-    int status = 0;
-    ::waitpid(program, &status, 0);
-    ::close(terminal);
-    EXPECT_TRUE(entered) << printed;
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0) << printed;
+    const auto ended = run({"--mode", "manual", "--script", emptyScene(), "--out", path("out")}, [&](const std::string& out, pid_t) {
+        if (!entered && out.find("\r\033[KShow your face to the camera") != std::string::npos) entered = ::write(terminal_, "\n", 1) == 1;
+    });
+    EXPECT_TRUE(entered) << ended.out;
+    EXPECT_EQ(ended.exitCode, 0) << ended.out;
     EXPECT_THAT(results(), ElementsAre("record.json", "selfie.jpg"));
     EXPECT_EQ(record()["SelvioResultCode"], "SuccessStillCamera");
 }

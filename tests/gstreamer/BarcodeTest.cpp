@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <fstream>
 
 namespace selvio {
 namespace {
@@ -19,24 +18,17 @@ constexpr int kWidth = 1280;
 constexpr int kHeight = 720;
 constexpr int kQuiet = 12;  // pixels of white around a code
 
-/// A grey camera picture.
-struct Picture {
-    std::string levels = std::string(static_cast<std::size_t>(kWidth) * kHeight, '\0');
-
-    void set(int x, int y, int level) { levels.at(static_cast<std::size_t>(y) * kWidth + static_cast<std::size_t>(x)) = static_cast<char>(level); }
-};
-
 enum class Light { Even, DarkAround, FallingOff };
 
-/// What the camera sees of a card with a PDF417 code, and where the code's bars are in it. `turned` stands the code on its side.
-std::pair<Picture, Rect> cardWith(const std::string& text, int module, Light light, bool turned) {
+/// The grey levels that the camera sees of a card with a PDF417 code, and where the code's bars are in it. `turned` stands the code on its side.
+std::pair<std::string, Rect> cardWith(const std::string& text, int module, Light light, bool turned) {
     auto code = ZXing::MultiFormatWriter(ZXing::BarcodeFormat::PDF417).setMargin(0).encode(text, 0, 0);
     if (turned) code.rotate90();
     const int width = code.width() * module;
     const int height = code.height() * module;
     const int left = (kWidth - width) / 2;
     const int top = (kHeight - height) / 2 + 40;
-    Picture picture;
+    std::string levels;
     for (int y = 0; y < kHeight; ++y) {
         for (int x = 0; x < kWidth; ++x) {
             const bool onCard = x >= left - kQuiet && x < left + width + kQuiet && y >= top - kQuiet && y < top + height + kQuiet;
@@ -44,10 +36,10 @@ std::pair<Picture, Rect> cardWith(const std::string& text, int module, Light lig
             const bool ink = inCode && code.get((x - left) / module, (y - top) / module);
             int level = ink ? 40 : onCard || light != Light::DarkAround ? 200 : 25;
             if (light == Light::FallingOff) level = level * (kWidth - x) / kWidth;
-            picture.set(x, y, level);
+            levels.push_back(static_cast<char>(level));
         }
     }
-    return {picture, {1.0 * left, 1.0 * top, 1.0 * width, 1.0 * height}};
+    return {levels, {1.0 * left, 1.0 * top, 1.0 * width, 1.0 * height}};
 }
 
 class CodeProbe final : public CaptureProbe {
@@ -85,13 +77,12 @@ TEST(Barcode, ReadsPdf417CodesWhileFramesKeepArriving) {
         {"portrait, a code on its side", full, 3, Light::DarkAround, true, VideoOrientation::Portrait, kPixelFormat420v},
     };
     TemporaryDirectory directory;
-    const auto file = directory.path() / "card.gray";
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
-        const auto [picture, place] = cardWith(c.text, c.module, c.light, c.turned);
-        std::ofstream(file, std::ios::binary) << picture.levels;
+        const auto [levels, place] = cardWith(c.text, c.module, c.light, c.turned);
+        const std::string file = directory.write("card.gray", levels);
         const SourceCamera camera{.name = "card",
-                                  .source = "filesrc location=" + file.string() + " blocksize=" + std::to_string(picture.levels.size()) +
+                                  .source = "filesrc location=" + file + " blocksize=" + std::to_string(levels.size()) +
                                             " ! rawvideoparse format=gray8 width=1280 height=720 ! imagefreeze is-live=true ! videoconvert",
                                   .rawFormat = c.format == kPixelFormat420v ? "NV12" : "BGRA"};
         const auto system = makeGstCaptureSystem({.systemDevices = false, .sources = {camera}});

@@ -92,6 +92,11 @@ TEST(Capture, TakesUpChangesWhileItRuns) {
     rig.session->commitConfiguration();
     EXPECT_TRUE(rig.probe->waitForFrames(2));
     EXPECT_EQ(rig.probe->lastFormat().mediaSubType, kPixelFormat420v);
+    rig.output->setSampleBufferDelegate({}, nullptr);
+    const auto count = rig.probe->frameCount();
+    rig.queue->drain();
+    EXPECT_EQ(rig.probe->frameCount(), count) << "ended deliveries stay ended";
+    EXPECT_TRUE(rig.session->isRunning());
     rig.session->removeInput(rig.input);
     EXPECT_FALSE(rig.session->isRunning()) << "without a camera there is nothing to run";
 }
@@ -111,18 +116,6 @@ TEST(Capture, ALateFrameGivesWayToTheNewestWithANotice) {
     rig.session->stopRunning();
     rig.queue->drain();
     EXPECT_GT(*rig.probe->frames_.at(1).presentationTime - *rig.probe->frames_.at(0).presentationTime, milliseconds(250));
-}
-
-TEST(Capture, EndedDeliveriesStayEnded) {
-    const auto system = systemOf({.sources = {testPicture()}});
-    Rig rig(system, firstCamera(system));
-    rig.session->startRunning();
-    ASSERT_TRUE(rig.probe->waitForFrames(2));
-    rig.output->setSampleBufferDelegate({}, nullptr);
-    const auto count = rig.probe->frameCount();
-    rig.queue->drain();
-    EXPECT_EQ(rig.probe->frameCount(), count);
-    EXPECT_TRUE(rig.session->isRunning());
 }
 
 TEST(Capture, SaysWhyACameraDoesNotStart) {
@@ -351,7 +344,9 @@ TEST(Capture, ManyStartsAndStopsLeaveNothingBehind) {
     const auto after = Resources::now();
     EXPECT_LE(after.threads, before.threads + 2);
     EXPECT_LE(after.descriptors, before.descriptors);
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // which keep what was freed, and find leaks themselves
     EXPECT_LT(after.kilobytes - before.kilobytes, 8 << 10) << "less than 8 KB a cycle, which the allocator keeps";
+#endif
 }
 
 }  // namespace

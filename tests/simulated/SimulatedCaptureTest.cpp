@@ -8,7 +8,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
-#include <filesystem>
 #include <latch>
 #include <thread>
 
@@ -16,6 +15,7 @@
 #include "tests/support/LogCapture.h"
 #include "tests/support/ManualClock.h"
 #include "tests/support/ManualQueue.h"
+#include "tests/support/TemporaryDirectory.h"
 
 namespace selvio {
 namespace {
@@ -371,8 +371,7 @@ TEST(SimulatedCapture, PermissionsAnswerAsSet) {
 }
 
 std::size_t threadCount() {
-    const std::filesystem::directory_iterator tasks("/proc/self/task");
-    return static_cast<std::size_t>(std::distance(begin(tasks), end(tasks)));
+    return test::entriesIn("/proc/self/task");
 }
 
 // A joined thread stays in the list for an instant.

@@ -17,6 +17,12 @@ inline std::string contentOf(const std::filesystem::path& path) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
+/// How many files and directories stand in a directory; 0 where there is none.
+inline std::size_t entriesIn(const std::filesystem::path& directory) {
+    std::error_code none;
+    return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(directory, none), std::filesystem::directory_iterator()));
+}
+
 /// A directory of its own, removed with all that is in it.
 class TemporaryDirectory {
 public:
@@ -41,10 +47,7 @@ public:
     std::string write(const std::string& name, const std::vector<std::uint8_t>& bytes) const {
         return write(name, std::string(bytes.begin(), bytes.end()));
     }
-    [[nodiscard]] std::size_t fileCount() const {
-        if (!std::filesystem::exists(path_)) return 0;
-        return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(path_), std::filesystem::directory_iterator()));
-    }
+    [[nodiscard]] std::size_t fileCount() const { return entriesIn(path_); }
 
 private:
     std::filesystem::path path_;
