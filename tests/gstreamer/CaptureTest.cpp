@@ -39,6 +39,12 @@ std::shared_ptr<CaptureDevice> firstCamera(const std::shared_ptr<CaptureSystem>&
     return found.empty() ? nullptr : found.front();
 }
 
+/// Lets the camera run on for some time of its own clock.
+void letPass(const CaptureSession& session, milliseconds time) {
+    const auto start = session.masterClockTime();
+    while (session.masterClockTime() - start < time) std::this_thread::yield();
+}
+
 TEST(Capture, DeliversFramesInFormatAndShapeOnTheMasterClock) {
     struct Case {
         const char* raw;
@@ -94,6 +100,7 @@ TEST(Capture, TakesUpChangesWhileItRuns) {
     EXPECT_EQ(rig.probe->lastFormat().mediaSubType, kPixelFormat420v);
     rig.output->setSampleBufferDelegate({}, nullptr);
     const auto count = rig.probe->frameCount();
+    letPass(*rig.session, milliseconds(100));
     rig.queue->drain();
     EXPECT_EQ(rig.probe->frameCount(), count) << "ended deliveries stay ended";
     EXPECT_TRUE(rig.session->isRunning());
@@ -107,8 +114,7 @@ TEST(Capture, ALateFrameGivesWayToTheNewestWithANotice) {
     rig.probe->block(true);
     rig.session->startRunning();
     // The delegate sits on its first frame: the camera goes on, and the notices queue up behind it.
-    const auto start = rig.session->masterClockTime();
-    while (rig.session->masterClockTime() - start < milliseconds(400)) std::this_thread::yield();
+    letPass(*rig.session, milliseconds(400));
     rig.probe->block(false);
     ASSERT_TRUE(rig.probe->waitForFrames(1));
     EXPECT_TRUE(rig.probe->waitFor([&] { return rig.probe->drops_ >= 5; }));
