@@ -219,7 +219,7 @@ TEST_F(SelvioCapture, KeepsTheRecordingHoweverTheCaptureEnds) {
         const auto script = interrupt ? emptyScene() : kSamples / "scripts/steady.json";
         const auto ended = run(capture(script, {"--record-video", "--record-audio"}), [&](const std::string& out, pid_t program) {
             if (std::ranges::count(out, '\n') <= 5 || std::exchange(done, true)) return;
-            writeFile(path("SelvioFacialCapture/Documents/selvio_left over.mp4"), "x");
+            directory_.write("SelvioFacialCapture/Documents/selvio_left over.mp4", "x");
             if (interrupt) ::kill(program, SIGINT);
         });
         EXPECT_EQ(ended.exitCode, interrupt ? 3 : 0) << ended.err;

@@ -6,6 +6,7 @@
 
 #include <support/LogCapture.h>
 
+#include <algorithm>
 #include <condition_variable>
 #include <mutex>
 #include <thread>
@@ -101,6 +102,27 @@ struct Rig {
     std::shared_ptr<CaptureDevice> camera;
     std::shared_ptr<CaptureDeviceInput> input;
 };
+
+/// How many pixels of a frame's middle row are nearly white.
+inline int brightPixels(const SampleBuffer& sample) {
+    const PixelBuffer& pixels = *sample.imageBuffer();
+    const std::uint8_t* const row = pixels.data() + pixels.bytesPerRow() * static_cast<std::size_t>(pixels.height() / 2);
+    const int step = pixels.planeCount() == 2 ? 1 : 4;
+    int bright = 0;
+    for (int x = 0; x < pixels.width(); ++x) bright += row[x * step] > 0xD0 ? 1 : 0;
+    return bright;
+}
+
+/// The middle one of all distances between frames, in seconds: a busy machine leaves out a frame now and then.
+inline double middleDistance(const std::vector<SampleTiming>& frames) {
+    std::vector<double> distances;
+    for (std::size_t i = 1; i < frames.size(); ++i) {
+        distances.push_back(std::chrono::duration<double>(*frames[i].presentationTime - *frames[i - 1].presentationTime).count());
+    }
+    const auto middle = distances.begin() + static_cast<std::ptrdiff_t>(distances.size() / 2);
+    std::ranges::nth_element(distances, middle);
+    return *middle;
+}
 
 /// What a run that ends by itself says, waiting ten seconds for it at most: the line comes just after the session has ceased to run.
 inline std::vector<std::string> linesAtTheEndOf(const CaptureSession& session, LogCapture& log) {
