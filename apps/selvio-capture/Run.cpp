@@ -94,6 +94,7 @@ private:
     std::shared_ptr<Countdown> countdown_;
     std::shared_ptr<FrameWatch> frames_;
     std::chrono::nanoseconds resumeTime_{0};
+    std::shared_ptr<AssetWriter> finishing_;  // the recording that is waited for
     std::chrono::nanoseconds stopTime_{0};
     bool analyzerIsManualOnly_ = false;
     bool selected_ = false;
@@ -274,6 +275,7 @@ void Session::stopCamera() {
     camera_->stop();
     if (recording) {
         camera_->stopRecording();  // a session that ended by itself left that to us; a second request does nothing
+        finishing_ = writer;
         stopTime_ = platform_.clock->monotonicTime();
         return awaitRecording();
     }
@@ -286,7 +288,7 @@ void Session::stopCamera() {
 
 /// That a recording failed is told by its writer alone.
 void Session::awaitRecording() {
-    const auto status = camera_->assetWriter()->status();
+    const auto status = finishing_->status();
     const bool failed = status == AssetWriterStatus::Failed || status == AssetWriterStatus::Cancelled;
     if (failed || platform_.clock->monotonicTime() - stopTime_ > kLongestFinishing) return recordingFinished({});
     platform_.mainQueue->asyncAfter(kWatchInterval, weakly(&Session::awaitRecording));

@@ -159,7 +159,8 @@ public:
     void discardRecording();
     /// Removes the file at `videoRecordingUrl`, if there is one; a failure is ignored. On the caller's thread.
     void deleteCurrentRecording();
-    /// A path for a new recording: "selvio_yyyy-MM-dd_HH-mm-ss-SSS.mp4", local time, in the Documents directory. Absent without a clock or that directory.
+    /// A path for a new recording: "selvio_yyyy-MM-dd_HH-mm-ss-SSS.mp4", local time, in the Documents directory. Absent without a clock or that
+    /// directory.
     [[nodiscard]] std::optional<std::filesystem::path> url() const;
     /// Removes everything named "selvio_….mp4" in the Documents directory, a recording being written included. On the caller's thread. Logs
     /// "Couldn't get contents of Documents directory:" or, for each file, "Couldn't delete item at path:", with the reason on a second line.

@@ -158,11 +158,13 @@ void GstView::setFrame(Rect frame) {
 }
 
 void GstView::addSubview(const BlurView& view) {
+    const std::lock_guard lock(coverMutex_);
     PlainView::addSubview(view);
     layer_->setCovered(true);
 }
 
 bool GstView::removeSubviewWithTag(std::int64_t tag) {
+    const std::lock_guard lock(coverMutex_);
     const bool removed = PlainView::removeSubviewWithTag(tag);
     layer_->setCovered(!subviews().empty());
     return removed;

@@ -62,6 +62,7 @@ public:
 
 private:
     const std::shared_ptr<GstPreviewLayer> layer_;
+    std::mutex coverMutex_;  // the layer is covered exactly while something lies over it
 };
 
 }  // namespace selvio
