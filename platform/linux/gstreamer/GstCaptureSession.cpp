@@ -28,13 +28,30 @@ void useMonotonicTime(GstElement* pipeline) {
     gst_object_unref(clock);
 }
 
-GstElement* makeSink(GstAppSinkCallbacks callbacks, gpointer owner, bool inRealTime) {
+// GStreamer keeps a callback's data as a pointer, and tells when it wants it no more.
+template <typename T>
+gpointer keep(const std::shared_ptr<T>& data) {
+    return new std::shared_ptr<T>(data);
+}
+template <typename T>
+T& kept(gpointer data) {
+    return **static_cast<std::shared_ptr<T>*>(data);
+}
+template <typename T>
+void letGo(gpointer data) {
+    delete static_cast<std::shared_ptr<T>*>(data);
+}
+
+template <typename T>
+GstElement* makeSink(GstFlowReturn (*onSample)(GstAppSink*, gpointer), const std::shared_ptr<T>& owner, bool inRealTime) {
     GstElement* const sink = makeElement("appsink");
     if (sink == nullptr) return nullptr;
+    GstAppSinkCallbacks callbacks{};
+    callbacks.new_sample = onSample;
     // The callback takes each sample at once; the sink only keeps time, for files.
     g_object_set(sink, "sync", inRealTime ? TRUE : FALSE, "max-buffers", 2U, "drop", inRealTime ? FALSE : TRUE, "emit-signals", FALSE,
                  "enable-last-sample", FALSE, "qos", FALSE, nullptr);
-    gst_app_sink_set_callbacks(GST_APP_SINK(sink), &callbacks, owner, nullptr);
+    gst_app_sink_set_callbacks(GST_APP_SINK(sink), &callbacks, keep(owner), letGo<T>);
     return sink;
 }
 
@@ -240,17 +257,17 @@ void GstCaptureSession::stopRunning() {
 void GstCaptureSession::start() {
     stop();  // takes down what a run that ended by itself has left
     const Plan plan = this->plan();
-    std::uint64_t run = 0;
+    std::shared_ptr<Run> run;
     {
         const std::lock_guard lock(openingMutex_);
         firstFrame_ = false;
         failure_.reset();
-        run = ++run_;
+        run = std::make_shared<Run>(*this, ++run_);
     }
     std::optional<std::string> reason;
-    if (const auto error = openCamera(plan)) reason = error->localizedDescription;
+    if (const auto error = openCamera(plan, run)) reason = error->localizedDescription;
     if (!reason && plan.microphone) {
-        if (const auto error = openMicrophone(plan)) log("Capture: no sound: " + error->localizedDescription);
+        if (const auto error = openMicrophone(plan, run)) log("Capture: no sound: " + error->localizedDescription);
     }
     if (!reason) {
         std::unique_lock lock(openingMutex_);
@@ -271,7 +288,7 @@ void GstCaptureSession::start() {
     }
     // It may have ended between its first frame and now.
     if (reason && running_.exchange(false)) log("Capture: stopped: " + *reason);
-    watch(run);
+    watch(run->number);
 }
 
 // With lifecycle_ held.
@@ -300,16 +317,15 @@ bool GstCaptureSession::play(GstElement* pipeline) {
     return gst_element_set_state(pipeline, GST_STATE_PLAYING) != GST_STATE_CHANGE_FAILURE;
 }
 
-std::optional<Error> GstCaptureSession::openCamera(const Plan& plan) {
+std::optional<Error> GstCaptureSession::openCamera(const Plan& plan, const std::shared_ptr<Run>& run) {
     if (!plan.camera) return Error{"the session has no camera"};
     const DeviceDescription& device = plan.camera->description();
     if (plan.mode.width == 0) return Error{"\"" + device.name + "\" has no format that can be delivered"};
 
     const bool native = !plan.mode.jpeg && !device.playsFile && plan.mode.format == gstFormatName(plan.pixelFormat);
-    GstAppSinkCallbacks callbacks{};
-    callbacks.new_sample = [](GstAppSink* sink, gpointer self) {
-        if (const GstPtr<GstSample> sample(gst_app_sink_pull_sample(sink)); sample)
-            static_cast<GstCaptureSession*>(self)->frameArrived(sample.get(), GST_ELEMENT(sink));
+    const auto onSample = [](GstAppSink* sink, gpointer data) {
+        const Run& from = kept<Run>(data);
+        if (const GstPtr<GstSample> sample(gst_app_sink_pull_sample(sink)); sample) from.session.frameArrived(from, sample.get(), GST_ELEMENT(sink));
         return GST_FLOW_OK;
     };
     const auto source = device.makeSource();
@@ -322,23 +338,23 @@ std::optional<Error> GstCaptureSession::openCamera(const Plan& plan) {
         chain.push_back(makeElement("videoconvert"));
         chain.push_back(makeCapsFilter(std::string("video/x-raw,format=") + gstFormatName(plan.pixelFormat)));
     }
-    chain.push_back(makeSink(callbacks, this, device.playsFile));
+    chain.push_back(makeSink(onSample, run, device.playsFile));
 
     cameraPipeline_ = makePipeline();
     if (auto error = addChain(cameraPipeline_.get(), chain)) return error;
-    frameMemory_ = !native ? FrameMemory::Converter : device.fleetingMemory ? FrameMemory::Fleeting : FrameMemory::Camera;
+    run->memory = !native ? FrameMemory::Converter : device.fleetingMemory ? FrameMemory::Fleeting : FrameMemory::Camera;
     if (const auto video = receivers()->video)
         video->setFrameRate(plan.mode.rate.numerator > 0 ? static_cast<int>(std::lround(plan.mode.rate.value())) : 30);
 
     const GstPtr<GstBus> bus(gst_element_get_bus(cameraPipeline_.get()));
-    const auto onMessage = [](GstBus*, GstMessage* message, gpointer owner) {
-        auto* const self = static_cast<GstCaptureSession*>(owner);
-        if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR) self->fail(describe(message));
-        if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_EOS) self->fail("the video has ended");
+    const auto onMessage = [](GstBus*, GstMessage* message, gpointer data) {
+        const Run& from = kept<Run>(data);
+        if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR) from.session.fail(from.number, describe(message));
+        if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_EOS) from.session.fail(from.number, "the video has ended");
         gst_message_unref(message);
         return GST_BUS_DROP;
     };
-    gst_bus_set_sync_handler(bus.get(), onMessage, this, nullptr);
+    gst_bus_set_sync_handler(bus.get(), onMessage, keep(run), letGo<Run>);
     if (!play(cameraPipeline_.get())) {
         const std::lock_guard lock(openingMutex_);
         return Error{failure_.value_or("\"" + device.name + "\" could not be opened")};
@@ -346,21 +362,19 @@ std::optional<Error> GstCaptureSession::openCamera(const Plan& plan) {
     return std::nullopt;
 }
 
-std::optional<Error> GstCaptureSession::openMicrophone(const Plan& plan) {
-    GstAppSinkCallbacks callbacks{};
-    callbacks.new_sample = [](GstAppSink* sink, gpointer self) {
-        if (const GstPtr<GstSample> sample(gst_app_sink_pull_sample(sink)); sample)
-            static_cast<GstCaptureSession*>(self)->soundArrived(sample.get(), GST_ELEMENT(sink));
+std::optional<Error> GstCaptureSession::openMicrophone(const Plan& plan, const std::shared_ptr<Run>& run) {
+    const auto onSample = [](GstAppSink* sink, gpointer data) {
+        Run& from = kept<Run>(data);
+        if (const GstPtr<GstSample> sample(gst_app_sink_pull_sample(sink)); sample) from.session.soundArrived(from, sample.get(), GST_ELEMENT(sink));
         return GST_FLOW_OK;
     };
     const auto source = plan.microphone->description().makeSource();
     if (!source) return source.error();
     const std::string format = std::string("audio/x-raw,layout=interleaved,channels=1,rate=") + std::to_string(kSampleRate) +
                                ",format=" + (G_BYTE_ORDER == G_LITTLE_ENDIAN ? "S16LE" : "S16BE");
-    audioClock_ = {};
     soundPipeline_ = makePipeline();
     const std::vector<GstElement*> chain{source.value(), makeElement("audioconvert"), makeElement("audioresample"), makeCapsFilter(format),
-                                         makeSink(callbacks, this, false)};
+                                         makeSink(onSample, run, false)};
     if (auto error = addChain(soundPipeline_.get(), chain)) return error;
     const GstPtr<GstBus> bus(gst_element_get_bus(soundPipeline_.get()));
     const auto onMessage = [](GstBus*, GstMessage* message, gpointer) {
@@ -368,16 +382,16 @@ std::optional<Error> GstCaptureSession::openMicrophone(const Plan& plan) {
         gst_message_unref(message);
         return GST_BUS_DROP;
     };
-    gst_bus_set_sync_handler(bus.get(), onMessage, this, nullptr);
+    gst_bus_set_sync_handler(bus.get(), onMessage, nullptr, nullptr);
     if (!play(soundPipeline_.get())) return Error{"\"" + plan.microphone->localizedName() + "\" could not be opened"};
     return std::nullopt;
 }
 
 // Any thread. The pipelines are taken down by the next start or stop; a thread of theirs cannot do it.
-void GstCaptureSession::fail(const std::string& reason) {
+void GstCaptureSession::fail(std::uint64_t run, const std::string& reason) {
     {
         const std::lock_guard lock(openingMutex_);
-        if (failure_) return;
+        if (run != run_ || failure_) return;
         failure_ = reason;
     }
     opened_.notify_all();
@@ -394,14 +408,10 @@ void GstCaptureSession::fail(const std::string& reason) {
 void GstCaptureSession::watch(std::uint64_t run) {
     control_.asyncAfter(options_.stallTimeout / 4, [weak = weak_from_this(), run] {
         const auto self = weak.lock();
-        if (!self || !self->running_) return;
-        {
-            const std::lock_guard lock(self->openingMutex_);
-            if (self->run_ != run) return;
-        }
+        if (!self || !self->running_ || self->run_ != run) return;
         const nanoseconds silence = now() - nanoseconds(self->lastFrame_);
         if (silence > self->options_.stallTimeout) {
-            self->fail("the camera delivers no more frames");
+            self->fail(run, "the camera delivers no more frames");
         } else {
             self->watch(run);
         }
@@ -419,9 +429,8 @@ std::optional<nanoseconds> GstCaptureSession::timeOf(GstSample* sample, GstEleme
     return nanoseconds(static_cast<std::int64_t>(time + gst_element_get_base_time(sink)));
 }
 
-std::shared_ptr<PixelBuffer> GstCaptureSession::borrow(GstBuffer* buffer, const GstVideoInfo& info, const FrameCrop& crop) {
+std::shared_ptr<PixelBuffer> GstCaptureSession::borrow(FrameMemory memory, GstBuffer* buffer, const GstVideoInfo& info, const FrameCrop& crop) {
     auto pixels = wrapFrame(buffer, info, crop);
-    const FrameMemory memory = frameMemory_;
     if (!pixels || memory == FrameMemory::Converter) return pixels;
     if (memory == FrameMemory::Fleeting || loans_->count >= kMaxLoans) {
         auto copy = copies_->acquire(*PixelBufferLayout::make(pixels->width(), pixels->height(), pixels->format()));
@@ -437,7 +446,8 @@ std::shared_ptr<PixelBuffer> GstCaptureSession::borrow(GstBuffer* buffer, const 
                              });
 }
 
-void GstCaptureSession::frameArrived(GstSample* sample, GstElement* sink) {
+void GstCaptureSession::frameArrived(const Run& run, GstSample* sample, GstElement* sink) {
+    if (run.number != run_) return;
     const nanoseconds arrival = now();
     lastFrame_ = arrival.count();
     GstVideoInfo info;
@@ -453,26 +463,28 @@ void GstCaptureSession::frameArrived(GstSample* sample, GstElement* sink) {
 
     const auto to = receivers();
     if (to->video) {
-        if (auto pixels = borrow(buffer, info, cropFor(width, height, to->video->connection()->videoOrientation()))) {
+        if (auto pixels = borrow(run.memory, buffer, info, cropFor(width, height, to->video->connection()->videoOrientation()))) {
             to->video->deliver(SampleBuffer::makeVideo(std::move(pixels), timing));
         }
     }
     if (to->metadata && to->metadata->wantsFrame()) {
-        to->metadata->search(borrow(buffer, info, cropFor(width, height, to->metadata->connection()->videoOrientation())));
+        to->metadata->search(borrow(run.memory, buffer, info, cropFor(width, height, to->metadata->connection()->videoOrientation())));
     }
     for (const auto& held : to->watchers) {
         const auto watcher = held.lock();
         if (!watcher) continue;
-        if (auto pixels = borrow(buffer, info, {0, 0, width, height})) watcher->frameArrived(SampleBuffer::makeVideo(std::move(pixels), timing));
+        if (auto pixels = borrow(run.memory, buffer, info, {0, 0, width, height}))
+            watcher->frameArrived(SampleBuffer::makeVideo(std::move(pixels), timing));
     }
     {
         const std::lock_guard lock(openingMutex_);
-        if (std::exchange(firstFrame_, true)) return;
+        if (run.number != run_ || std::exchange(firstFrame_, true)) return;
     }
     opened_.notify_all();
 }
 
-void GstCaptureSession::soundArrived(GstSample* sample, GstElement* sink) {
+void GstCaptureSession::soundArrived(Run& run, GstSample* sample, GstElement* sink) {
+    if (run.number != run_) return;
     const auto output = receivers()->audio;
     GstBuffer* const buffer = gst_sample_get_buffer(sample);
     if (!output || buffer == nullptr) return;
@@ -481,7 +493,7 @@ void GstCaptureSession::soundArrived(GstSample* sample, GstElement* sink) {
     gst_buffer_extract(buffer, 0, audio.samples.data(), audio.samples.size() * sizeof(std::int16_t));
     const auto frames = static_cast<std::int64_t>(audio.samples.size());
     const nanoseconds length(frames * 1'000'000'000 / kSampleRate);
-    const nanoseconds time = audioClock_.place(timeOf(sample, sink).value_or(now() - length), frames, kSampleRate);
+    const nanoseconds time = run.audioClock.place(timeOf(sample, sink).value_or(now() - length), frames, kSampleRate);
     output->deliver(SampleBuffer::makeAudio(std::move(audio), {time, length}));
 }
 

@@ -75,6 +75,13 @@ private:
         Camera,     ///< the camera's own, of which there is little: lent out up to a limit, copied beyond it
         Fleeting,   ///< PipeWire's, which goes when the camera does, whoever still reads it: copied at once
     };
+    /// What one start has opened. A pipeline that did not start is closed later, beside the next run: what it still says counts no more.
+    struct Run {
+        GstCaptureSession& session;
+        const std::uint64_t number;
+        FrameMemory memory = FrameMemory::Converter;  // set before frames come
+        AudioClock audioClock{};                      // used on the microphone's thread
+    };
     /// Frames in the camera's own memory that are still in use.
     struct Loans {
         std::atomic<int> count{0};
@@ -88,16 +95,16 @@ private:
     void start();
     void stop();
     void abandon();
-    std::optional<Error> openCamera(const Plan& plan);
-    std::optional<Error> openMicrophone(const Plan& plan);
+    std::optional<Error> openCamera(const Plan& plan, const std::shared_ptr<Run>& run);
+    std::optional<Error> openMicrophone(const Plan& plan, const std::shared_ptr<Run>& run);
     bool play(GstElement* pipeline);
-    void fail(const std::string& reason);
+    void fail(std::uint64_t run, const std::string& reason);
     void watch(std::uint64_t run);
 
-    void frameArrived(GstSample* sample, GstElement* sink);
-    void soundArrived(GstSample* sample, GstElement* sink);
+    void frameArrived(const Run& run, GstSample* sample, GstElement* sink);
+    void soundArrived(Run& run, GstSample* sample, GstElement* sink);
     [[nodiscard]] static std::optional<std::chrono::nanoseconds> timeOf(GstSample* sample, GstElement* sink);
-    std::shared_ptr<PixelBuffer> borrow(GstBuffer* buffer, const GstVideoInfo& info, const FrameCrop& crop);
+    std::shared_ptr<PixelBuffer> borrow(FrameMemory memory, GstBuffer* buffer, const GstVideoInfo& info, const FrameCrop& crop);
 
     const CaptureOptions options_;
     std::recursive_mutex monitor_;
@@ -117,8 +124,6 @@ private:
 
     const std::shared_ptr<Loans> loans_ = std::make_shared<Loans>();
     const std::shared_ptr<PixelBufferPool> copies_ = PixelBufferPool::create();
-    std::atomic<FrameMemory> frameMemory_{FrameMemory::Converter};
-    AudioClock audioClock_;  // used on the microphone's thread; set anew while it does not run
 
     std::atomic<bool> running_{false};
     std::atomic<std::int64_t> lastFrame_{0};  // monotonic nanoseconds
@@ -126,7 +131,7 @@ private:
     std::condition_variable opened_;
     bool firstFrame_ = false;             // guarded by openingMutex_
     std::optional<std::string> failure_;  // guarded by openingMutex_; why this run ended by itself
-    std::uint64_t run_ = 0;               // guarded by openingMutex_; counts the starts
+    std::atomic<std::uint64_t> run_{0};   // counts the starts; counted up under openingMutex_
     SerialQueue control_{"capture control"};
 };
 
