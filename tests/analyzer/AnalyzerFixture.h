@@ -86,8 +86,10 @@ public:
             cancelled = results;
         };
         delegate->manualOnly = [this] { calls.emplace_back("manualOnly"); };
+        make();
     }
 
+    /// An analyzer anew.
     void make(const std::string& systemVersion = "13.0") {
         device = std::make_shared<FakeDevice>(systemVersion);
         Platform platform = AnalyzerFakes::platform();

@@ -1,4 +1,6 @@
-// Automatic capture: statuses, countdown, smile, selection.
+// What becomes of a frame: statuses, countdown, smile, selection.
+#include <sstream>
+
 #include "analyzer/AnalyzerFixture.h"
 
 namespace selvio {
@@ -7,177 +9,157 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-class Automatic : public AnalyzerFixture {
+class Gating : public AnalyzerFixture {
 protected:
     void SetUp() override {
-        make();
         analyzer->resume();
         show({ScreenFace{}});
     }
-    void showTooFar() { show({ScreenFace{.left = {400, 800}, .right = {700, 800}}}); }
+    /// Plays steps, one word each, and answers what the delegate was told of each frame ("-": nothing).
+    std::string play(const std::string& steps) {
+        const auto frameOf = [this](const std::vector<ScreenFace>& faces, bool smiling = false, bool moving = false) {
+            show(faces);
+            smiles->setSmiling(smiling);
+            motion->rotate({0, 0, moving ? 1.0 : 0.0});
+            const auto calls = send();
+            told_ += told_.empty() ? "" : ", ";
+            told_ += calls.empty() ? "-" : "";
+            for (const std::string& call : calls) told_ += call;
+        };
+        const std::map<std::string, std::function<void()>> actions = {
+            {"good", [&] { frameOf({ScreenFace{}}); }},
+            {"smile", [&] { frameOf({ScreenFace{}}, true); }},
+            {"moving", [&] { frameOf({ScreenFace{}}, false, true); }},
+            {"far",
+             [&] {
+                 frameOf({ScreenFace{.left = {400, 800}, .right = {700, 800}}});
+             }},
+            {"nobody", [&] { frameOf({}); }},
+            {"select", [&] { analyzer->selectFrame(); }},
+            {"pause", [&] { analyzer->pause(); }},
+            {"resume", [&] { analyzer->resume(); }},
+            {"manual", [&] { analyzer->updateMode(1); }},
+            {"on-smile", [&] { parameters->setSelectOnSmile(true); }},
+            {"deaf", [&] { std::swap(delegate->detectionSuccess, aside_); }},
+            {"hears", [&] { std::swap(delegate->detectionSuccess, aside_); }},
+        };
+        std::istringstream words(steps);
+        for (std::string word; words >> word;) actions.at(word)();
+        return std::exchange(told_, {});
+    }
+
+private:
+    std::string told_;
+    std::function<void(const std::shared_ptr<Results>&)> aside_;
 };
 
-TEST_F(Automatic, ASteadyFaceGoesThroughTheCountdownToItsSelection) {
-    EXPECT_THAT(send(), ElementsAre("countdown"));
-    EXPECT_THAT(send(), ElementsAre("results 10"));
-    EXPECT_THAT(send(), ElementsAre("results 10"));
-    analyzer->selectFrame();
-    EXPECT_THAT(send(), ElementsAre("success 14 code 2"));
+TEST_F(Gating, EachStateTakesItsFramesAsTheTableSays) {
+    const struct {
+        const char* steps;
+        const char* told;
+    } rows[] = {
+        // The countdown ends with a bad frame, with a movement and with a pause.
+        {"good far good moving good pause resume good", "countdown, results 6, countdown, results 9, countdown, countdown"},
+        // Asked for while badly placed, the frame is taken as it is; without a face the request waits; without a handler it stays.
+        {"select far", "success 6 code 1"},
+        {"select nobody good", "results 1, success 14 code 2"},
+        {"deaf select far hears far", "results 6, success 6 code 1"},
+        // A smile selects when it comes or goes, not when it is there; a bad frame forgets it.
+        {"on-smile good good smile", "results 14, results 14, success 14 code 2"},
+        {"on-smile smile smile good", "results 13, results 13, success 14 code 2"},
+        {"on-smile smile far good", "results 13, results 6, results 14"},
+        {"on-smile select smile", "success 13 code 1"},
+        {"on-smile select good", "success 14 code 1"},
+        // In manual mode it is only ever asked to stop, and the statuses of the last frame analysed are kept.
+        {"manual good smile good", "results 14, results 13, results 14"},
+        {"manual smile smile good", "results 13, results 13, results 14"},
+        {"manual far select far", "results 6, success 6 code 1"},
+        {"manual nobody select nobody", "results 1, success 1 code 1"},
+        {"manual pause select nobody", "success 14 code 1"},
+        {"manual deaf select nobody hears nobody", "results 1, success 1 code 1"},
+    };
+    for (const auto& row : rows) {
+        parameters->setMode(2);
+        parameters->setSelectOnSmile(false);
+        make();
+        analyzer->resume();
+        EXPECT_EQ(play(row.steps), row.told) << row.steps;
+    }
+}
+
+TEST_F(Gating, ASteadyFaceGoesThroughTheCountdownToItsSelection) {
+    EXPECT_EQ(play("good good good select good"), "countdown, results 10, results 10, success 14 code 2");
     const auto members = record(success);
     EXPECT_EQ(members.at("Autocapture"), "1");
     EXPECT_EQ(members.at("SelvioResultCode"), "SuccessVideo");
     EXPECT_THAT(loggedEvents(), ElementsAre("SA", "FHS", "MT"));  // the selection itself logs no good frame
     EXPECT_EQ(success->selectedImage()->bitmap, analyzer->imagesArray().back().bitmap);
-    EXPECT_THAT(send(), IsEmpty());
+    EXPECT_EQ(play("good"), "-");
 }
 
-TEST_F(Automatic, ABadFrameEndsTheCountdown) {
-    EXPECT_THAT(send(), ElementsAre("countdown"));
-    showTooFar();
-    EXPECT_THAT(send(), ElementsAre("results 6"));
-    show({ScreenFace{}});
-    EXPECT_THAT(send(), ElementsAre("countdown"));
-    motion->rotate({0, 0, 1});
-    EXPECT_THAT(send(), ElementsAre("results 9"));
-    motion->rotate({0, 0, 0});
-    EXPECT_THAT(send(), ElementsAre("countdown"));
-    analyzer->pause();
-    analyzer->resume();
-    EXPECT_THAT(send(), ElementsAre("countdown"));
+TEST_F(Gating, InManualModeTheNextFrameIsDeliveredWithItsRecord) {
+    EXPECT_EQ(play("manual resume good select good"), "results 14, success 14 code 1");
+    EXPECT_EQ(success->selectedImage()->bitmap, analyzer->imagesArray().back().bitmap);
+    const auto members = record(success);
+    EXPECT_EQ(members.at("SelvioResultCode"), "SuccessStillCamera");
+    EXPECT_EQ(members.at("Autocapture"), "0");
+    EXPECT_EQ(members.at("UXP").back().begin().key(), "ST");
+    EXPECT_TRUE(members.contains("Parameters"));
+    EXPECT_THAT(success->encodedSelectedImage(), ::testing::Optional(::testing::Not(IsEmpty())));
+    EXPECT_EQ(play("good resume good"), "-, results 14");  // selecting: nothing until resume
 }
 
-TEST_F(Automatic, WithoutACountdownTheFirstGoodFrameIsSelected) {
+TEST_F(Gating, WithoutACountdownTheFirstGoodFrameIsSelectedOnce) {
     for (const int time : {0, 1}) {
         parameters->setCountdownTime(time);
         analyzer->resume();
-        EXPECT_THAT(send(), ElementsAre("success 14 code 2")) << time;
+        for (int i = 0; i < 2; ++i) {
+            analyzer->analyzeSampleBuffer(frame());
+            analysisQueue->runAll();
+        }
+        EXPECT_THAT(settle(), ElementsAre("success 14 code 2")) << time;
     }
 }
 
-TEST_F(Automatic, TwoGoodFramesBeforeTheMainQueueRunsMakeOneSelection) {
-    parameters->setCountdownTime(0);
-    for (int i = 0; i < 2; ++i) {
-        analyzer->analyzeSampleBuffer(frame());
-        analysisQueue->runAll();
-    }
-    EXPECT_THAT(settle(), ElementsAre("success 14 code 2"));
+TEST_F(Gating, ASmileThatComesSelectsTheOldestFrameAndOneThatGoesTheNewest) {
+    play("on-smile good good smile");
+    EXPECT_EQ(success->selectedImage()->bitmap, analyzer->imagesArray().front().bitmap);
+    EXPECT_THAT(loggedEvents(), ElementsAre("SA", "FS", "MT"));
+    play("resume far smile good");
+    EXPECT_EQ(success->selectedImage()->bitmap, analyzer->imagesArray().back().bitmap);
 }
 
-TEST_F(Automatic, AskedForWhileBadlyPlacedTheFrameIsTakenAsItIs) {
-    showTooFar();
-    analyzer->selectFrame();
-    EXPECT_THAT(send(), ElementsAre("success 6 code 1"));
-    EXPECT_EQ(record(success).at("SelvioResultCode"), "SuccessStillCamera");
-    EXPECT_EQ(record(success).at("Autocapture"), "1");
-
-    delegate->detectionSuccess = nullptr;
-    analyzer->resume();
-    analyzer->selectFrame();
-    EXPECT_THAT(send(), ElementsAre("results 6"));
-    EXPECT_TRUE(analyzer->shouldSelectCurrentFrame());
-}
-
-TEST_F(Automatic, WithoutAFaceTheRequestWaitsForTheNextJudgedFrame) {
-    show({});
-    analyzer->selectFrame();
-    EXPECT_THAT(send(), ElementsAre("results 1"));
-    show({ScreenFace{}});
-    EXPECT_THAT(send(), ElementsAre("success 14 code 2"));
-}
-
-TEST_F(Automatic, TheResultsCarryTheFaceInScreenPoints) {
-    ScreenFace face;
-    show({face});
-    send();
-    const auto results = analyzer->results();
-    const auto contour = results->faceContourPoints().value();
+TEST_F(Gating, TheResultsCarryTheFaceInScreenPoints) {
+    const ScreenFace face;
+    play("good");
+    const auto contour = analyzer->results()->faceContourPoints().value();
     EXPECT_NEAR(contour[16].x, face.left.x, 1e-9);
     EXPECT_NEAR(contour[0].y, face.right.y, 1e-9);
     EXPECT_NEAR(analyzer->noseMiddle().y, face.nose.y, 1e-9);
     EXPECT_NEAR(analyzer->faceHorizontalFill(), 680.0 / 1080.0, 1e-9);
-    EXPECT_EQ(results->noseCrestPoints(), std::nullopt);
     vision->setObservations(std::vector<FaceObservation>{FaceObservation{.boundingBox = {0, 0, 1, 1}, .landmarks = std::nullopt}});
     send();
     EXPECT_EQ(analyzer->results()->faceContourPoints(), std::nullopt);
 }
 
-TEST_F(Automatic, ASmileThatComesSelectsTheOldestFrame) {
+TEST_F(Gating, FramesWaitForTheSmileTestAndAreDroppedUntilResumeIfItWasOvertaken) {
     parameters->setSelectOnSmile(true);
-    EXPECT_THAT(send(), ElementsAre("results 14"));
-    EXPECT_THAT(send(), ElementsAre("results 14"));
-    EXPECT_EQ(analyzer->smileStatus(), 2);
-    smiles->setSmiling(true);
-    const auto oldest = analyzer->imagesArray().front();
-    EXPECT_THAT(send(), ElementsAre("success 14 code 2"));
-    EXPECT_EQ(success->selectedImage()->bitmap, oldest.bitmap);
-    EXPECT_THAT(loggedEvents(), ElementsAre("SA", "FS", "MT"));
-}
-
-TEST_F(Automatic, ASmileThatGoesSelectsTheNewestFrame) {
-    parameters->setSelectOnSmile(true);
-    smiles->setSmiling(true);
-    EXPECT_THAT(send(), ElementsAre("results 13"));
-    EXPECT_EQ(analyzer->smileStatus(), 1);
-    smiles->setSmiling(false);
-    EXPECT_THAT(send(), ElementsAre("success 14 code 2"));
-    EXPECT_EQ(success->selectedImage()->bitmap, analyzer->imagesArray().back().bitmap);
-
-    analyzer->resume();
-    smiles->setSmiling(true);
-    send();
-    showTooFar();
-    send();
-    EXPECT_EQ(analyzer->smileStatus(), 0);  // a bad frame forgets the smile
-}
-
-TEST_F(Automatic, InManualModeASmileIsOnlyEverAskedToStop) {
-    analyzer->updateMode(1);
-    for (const bool beginsSmiling : {false, true}) {
-        showTooFar();
-        send();  // a bad frame: the run begins anew
-        show({ScreenFace{}});
-        for (const bool smiling : {beginsSmiling, true, false}) {
-            smiles->setSmiling(smiling);
-            EXPECT_THAT(send(), ElementsAre(smiling ? "results 13" : "results 14"));
-        }
+    for (int i = 0; i < 2; ++i) {
+        analyzer->analyzeSampleBuffer(frame());
+        analysisQueue->runAll();
+        EXPECT_TRUE(analyzer->smileDetectionInProgress());
     }
-    EXPECT_EQ(success, nullptr);
-}
-
-TEST_F(Automatic, FramesWaitForTheSmileTestAndAreDroppedUntilResumeIfItWasOvertaken) {
-    parameters->setSelectOnSmile(true);
-    analyzer->analyzeSampleBuffer(frame());
-    analysisQueue->runAll();
-    EXPECT_TRUE(analyzer->smileDetectionInProgress());
-    analyzer->analyzeSampleBuffer(frame());
-    analysisQueue->runAll();
     EXPECT_EQ(vision->count(), 1);  // kept, not analysed
     EXPECT_EQ(analyzer->imagesArray().size(), 2U);
     analyzer->pause();
     EXPECT_THAT(settle(), IsEmpty());
     EXPECT_TRUE(analyzer->smileDetectionInProgress());  // deliberately stuck
-    EXPECT_THAT(send(), IsEmpty());
-    analyzer->resume();
-    EXPECT_THAT(send(), ElementsAre("results 14"));
+    EXPECT_EQ(play("good resume good"), "-, results 14");
 
     for (const int faces : {0, 2}) {
         smiles->setFaces(faces);
-        EXPECT_THAT(send(), IsEmpty());  // not exactly one face: the frame is dropped
+        EXPECT_EQ(play("good"), "-");  // not exactly one face: the frame is dropped
         EXPECT_FALSE(analyzer->smileDetectionInProgress());
-    }
-}
-
-TEST_F(Automatic, AskedForDuringTheSmileTestTheFrameIsTakenWithItsStatus) {
-    parameters->setSelectOnSmile(true);
-    for (const bool smiling : {false, true}) {
-        analyzer->pause();
-        analyzer->resume();
-        smiles->setSmiling(smiling);
-        motion->rotate({1, 0, 0});
-        send();  // a bad frame: the run begins anew
-        motion->rotate({0, 0, 0});
-        analyzer->selectFrame();
-        EXPECT_THAT(send(), ElementsAre(smiling ? "success 13 code 1" : "success 14 code 1"));
     }
 }
 

@@ -1,8 +1,5 @@
 #include <gmock/gmock.h>
 
-#include <cmath>
-#include <limits>
-
 #include <SelvioFacialCapture/imaging/Image.h>
 
 #include "analyzer/rules/DeviceOrientation.h"
@@ -24,20 +21,15 @@ TEST(PreviewGeometry, TheAdjustersFollowTheRatiosAndKeepWhatTheyNeedNotChange) {
         std::vector<Size> resolutions;
         double w, h, x, y;
     };
+    const double wide = 16.0 / 9 * 375 / 812;
+    const double wideX = (812 / (16.0 / 9) - 375) * 0.5;
+    const double squat = 1024 / (16.0 / 9 * 768);
+    const double squatY = (16.0 / 9 * 768 - 1024) * 0.5;
     const std::vector<Row> rows = {
-        {"16:9 on 16:9", {375, 667}, {{1080, 1920}}, 1, 1, 0, 0},
         {"third decimal only", {1000, 1775.1}, {{1000, 1777.8}}, 1, 1, 0, 0},
-        {"tall screen", {375, 812}, {{1080, 1920}}, 16.0 / 9 * 375 / 812, 1, (812 / (16.0 / 9) - 375) * 0.5, 0},
-        {"landscape sizes give the same", {812, 375}, {{1920, 1080}}, 16.0 / 9 * 375 / 812, 1, (812 / (16.0 / 9) - 375) * 0.5, 0},
-        {"squat screen", {768, 1024}, {{1080, 1920}}, 1, 1024 / (16.0 / 9 * 768), 0, (16.0 / 9 * 768 - 1024) * 0.5},
-        {"the zero size keeps all", {375, 812}, {{1080, 1920}, {0, 0}}, 16.0 / 9 * 375 / 812, 1, (812 / (16.0 / 9) - 375) * 0.5, 0},
-        {"the other branch keeps the first pair",
-         {768, 1024},
-         {{1080, 1920}, {1000, 1100}},
-         1.1 * 768 / 1024,
-         1024 / (16.0 / 9 * 768),
-         (1024 / 1.1 - 768) * 0.5,
-         (16.0 / 9 * 768 - 1024) * 0.5},
+        {"tall screen, landscape sizes; the zero size keeps all", {812, 375}, {{1920, 1080}, {0, 0}}, wide, 1, wideX, 0},
+        {"squat screen", {768, 1024}, {{1080, 1920}}, 1, squat, 0, squatY},
+        {"the other branch keeps it", {768, 1024}, {{1080, 1920}, {1000, 1100}}, 1.1 * 768 / 1024, squat, (1024 / 1.1 - 768) * 0.5, squatY},
         {"no screen", {0, 0}, {{1080, 1920}}, 1, 1, 0, 0},
     };
     for (const Row& row : rows) {
@@ -48,10 +40,7 @@ TEST(PreviewGeometry, TheAdjustersFollowTheRatiosAndKeepWhatTheyNeedNotChange) {
         EXPECT_NEAR(geometry.hAdjuster, row.h, 1e-9) << row.name;
         EXPECT_NEAR(geometry.xAdjuster, row.x, 1e-9) << row.name;
         EXPECT_NEAR(geometry.yAdjuster, row.y, 1e-9) << row.name;
-        EXPECT_EQ(geometry.resolution, row.resolutions.back()) << row.name;
     }
-    EXPECT_EQ(roundToTwoDecimals(1.125), 1.13);
-    EXPECT_EQ(roundToTwoDecimals(-1.125), -1.13);
 }
 
 TEST(PreviewGeometry, MapsTheDetectorsAxesOntoTheScreen) {
@@ -66,11 +55,9 @@ TEST(PreviewGeometry, MapsTheDetectorsAxesOntoTheScreen) {
     EXPECT_NEAR(rect.height, 0.5 * 812, 1e-9);
 
     const Rect r{.x = 10, .y = 20, .width = 100, .height = 200};
-    EXPECT_EQ(pointInAdjustedRect({0, 0}, r), (Point{10, 20}));
     EXPECT_EQ(pointInAdjustedRect({1, 0}, r), (Point{10, 220}));
     EXPECT_EQ(pointInAdjustedRect({0, 1}, r), (Point{110, 20}));
     EXPECT_EQ(landmarkInAdjustedRect(std::nullopt, r), std::nullopt);
-    EXPECT_EQ(landmarkInAdjustedRect(FaceLandmarkRegion{}, r), std::vector<Point>{});
 }
 
 // A face on a screen of 1000 x 1700, in the layout of 17 and 14 points or that of 11 and 10.
@@ -107,18 +94,15 @@ TEST(FaceChecks, EachRuleAloneAndTogether) {
         std::vector<int> statuses;
     };
     const std::vector<Row> rows = {
-        {"good", {}, {}},
         {"roll at its limit", {.a = {190, 720}, .b = {810, 900}}, {}},
         {"roll beyond it", {.a = {190, 720}, .b = {810, 901}}, {3}},
         {"roll the other way", {.a = {190, 901}, .b = {810, 720}, .chin = {500, 1400}, .nose = {500, 1000}}, {3}},
         {"yaw at its limit", {.n2 = 410, .n6 = 550}, {}},
         {"yaw beyond it", {.n2 = 409, .n6 = 550}, {5}},
         {"yaw the other way", {.n2 = 450, .n6 = 591}, {5}},
-        {"a rolled head hides its yaw", {.a = {190, 720}, .b = {810, 901}, .n2 = 400}, {3}},
         {"pitch down to its limit", {.chin = {500, 1300}, .nose = {500, 800}}, {}},
         {"pitch below it", {.chin = {500, 1300}, .nose = {500, 799}}, {4}},
         {"pitch above it", {.nose = {500, 983}}, {4}},
-        {"pitch does not depend on roll", {.a = {190, 720}, .b = {810, 901}, .nose = {500, 995}}, {3, 4}},
         {"fill at its lower limit", {.a = {225, 700}, .b = {775, 700}}, {}},
         {"fill below it", {.a = {225.5, 700}, .b = {775, 700}}, {6}},
         {"fill at its upper limit", {.a = {137.5, 700}, .b = {862.5, 700}}, {}},
@@ -129,8 +113,7 @@ TEST(FaceChecks, EachRuleAloneAndTogether) {
         {"too far right", {.a = {271, 700}, .b = {891, 700}}, {8}},
         {"at the margin", {.a = {110, 700}, .b = {730, 700}}, {}},
         {"off centre both ways counts twice", {.a = {109, 600}, .b = {729, 600}, .chin = {400, 1100}, .nose = {500, 800}}, {8, 8}},
-        {"moving", {.holdStill = true}, {9}},
-        {"sorted", {.a = {300, 720}, .b = {700, 901}, .nose = {500, 995}, .holdStill = true}, {3, 4, 6, 9}},
+        {"sorted; a rolled head hides its yaw", {.a = {300, 720}, .b = {700, 901}, .nose = {500, 995}, .n2 = 400, .holdStill = true}, {3, 4, 6, 9}},
         {"tall screens use 1.218 of their width and no margin",
          {.a = {120, 800}, .b = {800, 800}, .chin = {500, 1300}, .nose = {500, 1000}, .height = 1790},
          {}},
@@ -160,28 +143,17 @@ TEST(FaceChecks, StrictnessMovesTheLimits) {
 }
 
 TEST(FaceChecks, MissingPointsReadAsZeroAndOddNumbersBreakNothing) {
-    struct Row {
-        const char* name;
-        FacePoints points;
-        std::vector<int> statuses;
-    };
+    FaceChecksInput input = Face{}.input();
+    input.points = {};
+    EXPECT_THAT(checkFace(input).statuses, ElementsAre(6, 8, 8));  // 0/0 for roll and pitch: no status; no fill; no room above
     const std::vector<Point> shortList(3, Point{300, 300});
-    const std::vector<Row> rows = {
-        // 0/0 for roll and pitch: no status; no fill; no room above.
-        {"nothing", {}, {6, 8, 8}},
-        {"short lists", {.contour = shortList, .nose = shortList, .outerLips = shortList}, {3, 4, 6, 8}},
-        {"no nose", {.contour = Face{}.input().points.contour, .nose = {}, .outerLips = {}}, {4}},
-    };
-    for (const Row& row : rows) {
-        FaceChecksInput input = Face{}.input();
-        input.points = row.points;
-        EXPECT_THAT(checkFace(input).statuses, ElementsAreArray(row.statuses)) << row.name;
-    }
+    input.points = {.contour = shortList, .nose = shortList, .outerLips = shortList};
+    EXPECT_THAT(checkFace(input).statuses, ElementsAre(3, 4, 6, 8));
+
     Face flat;  // the nose sides and the middle coincide on one side: an infinite ratio
     flat.n6 = 500;
     EXPECT_THAT(checkFace(flat.input()).statuses, ElementsAre(SelvioFacialCaptureStatusFaceYaw));
     flat.n2 = 500;  // on both sides: not a number
-    EXPECT_TRUE(std::isnan(checkFace(flat.input()).measures.yawRatio));
     EXPECT_THAT(checkFace(flat.input()).statuses, ElementsAre());
 }
 

@@ -34,6 +34,8 @@ void runCapture(unsigned seed, std::atomic<int>& delivered) {
     };
     delegate->detectionCancelled = [&](const auto& results) {
         read(results);
+        EXPECT_EQ(results->resultCode(), SelvioFacialCaptureResultCodeCancelled);
+        EXPECT_FALSE(results->selectedImage().has_value());  // of a selection that ran at the same time
         ++cancellations;
     };
     analyzer->setDelegate(delegate);
