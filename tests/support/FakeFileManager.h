@@ -14,8 +14,7 @@ class FakeFileManager final : public FileManager {
 public:
     using Bytes = std::vector<std::uint8_t>;
 
-    explicit FakeFileManager(std::filesystem::path directory = "/documents") : directory_(std::move(directory)) {}
-    [[nodiscard]] std::filesystem::path documentsDirectory() const override { return directory_; }
+    [[nodiscard]] std::filesystem::path documentsDirectory() const override { return "/documents"; }
     [[nodiscard]] Expected<std::vector<std::string>> contentsOfDirectory(const std::filesystem::path& directory) const override {
         if (directory != documentsDirectory() || listingFails) return Error{"no such directory"};
         return names();
@@ -49,7 +48,6 @@ public:
     std::set<std::string> undeletable;
 
 private:
-    const std::filesystem::path directory_;
     mutable std::mutex mutex_;
     std::map<std::filesystem::path, Bytes> files_;  // guarded by mutex_
 };

@@ -3,15 +3,11 @@
 
 #include <SelvioFacialCapture/platform/ImageCodec.h>
 
-#include <functional>
-#include <utility>
-
 namespace selvio {
 
 class FakeImageCodec final : public ImageCodec {
 public:
     [[nodiscard]] std::optional<Bytes> encodeJpeg(const Image& image, double quality) const override {
-        if (duringEncode_) duringEncode_();
         if (!image.bitmap || failsAt_ == 1) return std::nullopt;
         return bytes("encoded at " + std::to_string(quality));
     }
@@ -32,8 +28,6 @@ public:
 
     /// 1 encoding, 2 opening, 3 encoding anew fails.
     void setFailsAt(int step) { failsAt_ = step; }
-    /// Called in the middle of each encoding.
-    void setDuringEncode(std::function<void()> hook) { duringEncode_ = std::move(hook); }
     void setCommentLimit(std::size_t bytes) { commentLimit_ = bytes; }
 
 private:
@@ -44,7 +38,6 @@ private:
     static Bytes bytes(const std::string& text) { return {text.begin(), text.end()}; }
 
     int failsAt_ = 0;
-    std::function<void()> duringEncode_;
     std::size_t commentLimit_ = 65000;
 };
 

@@ -11,10 +11,7 @@ namespace selvio {
 class FakeMotionManager final : public MotionManager {
 public:
     void setDeviceMotionUpdateInterval(std::chrono::nanoseconds interval) override { interval_ = interval; }
-    void startDeviceMotionUpdates(std::shared_ptr<Queue> queue, Handler handler) override {
-        mutex_.set(handler_, std::move(handler));
-        mutex_.set(queue_, std::move(queue));
-    }
+    void startDeviceMotionUpdates(std::shared_ptr<Queue>, Handler handler) override { mutex_.set(handler_, std::move(handler)); }
     void stopDeviceMotionUpdates() override { mutex_.set(handler_, nullptr); }
 
     /// Hands a reading to the handler, if one is set.
@@ -22,13 +19,11 @@ public:
         if (const auto handler = mutex_.get(handler_)) handler({.rotationRate = rate}, std::nullopt);
     }
     [[nodiscard]] bool isRunning() const { return mutex_.get(handler_) != nullptr; }
-    [[nodiscard]] std::shared_ptr<Queue> queue() const { return mutex_.get(queue_); }
     [[nodiscard]] std::chrono::nanoseconds interval() const { return interval_; }
 
 private:
     mutable MemberMutex mutex_;
-    Handler handler_;               // guarded by mutex_
-    std::shared_ptr<Queue> queue_;  // guarded by mutex_
+    Handler handler_;  // guarded by mutex_
     std::chrono::nanoseconds interval_{0};
 };
 

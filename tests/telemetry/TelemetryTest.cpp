@@ -98,22 +98,16 @@ TEST_F(RecordTest, ANewRecordHoldsItsSevenMembersWithoutWhiteSpace) {
     EXPECT_EQ(json::parse(record->obixDataString().value()), json::parse(R"({"ObixVersion": "1.6", "Platform": "iOS", "OS": "13.0", "Device": "Kiosk",
         "Model": "x86_64", "Manufacturer": "Apple", "SDKVersion": "Facial Capture 3.2.1"})"));
     EXPECT_EQ(record->obixDataString()->find("\": "), std::string::npos);
-    EXPECT_STREQ(kSelvioPlatfrom, "Platform");
-    EXPECT_STREQ(SelvioFacialCaptureVersionString, "@(#)PROGRAM:SelvioFacialCapture  PROJECT:SelvioFacialCapture-1\n");
-    EXPECT_EQ(SelvioFacialCaptureVersionNumber, 1.0);
 }
 
 TEST_F(RecordTest, TheFirstParametersAndTheLastOfAllElseWin) {
     record->addParameters({{"Mode", "2"}});
     record->addParameters({{"Mode", "1"}});
-    record->addUXP(json::array({1}));
-    record->addUXP(json::array({2}));
     record->add({{"SelvioResultCode", "None"}, {"OS", "14"}});
     record->add({{"SelvioResultCode", "Cancelled"}});
     record->add(json::array({"not an object"}));
     const json members = record->obixDataDictionary();
     EXPECT_EQ(members.at(kSelvioParameters), json({{"Mode", "2"}}));
-    EXPECT_EQ(members.at(kSelvioUxp), json::array({2}));
     EXPECT_EQ(members.at("SelvioResultCode"), "Cancelled");
     EXPECT_EQ(members.at(kSelvioOS), "14");
 }
