@@ -4,6 +4,7 @@
 #include <SelvioFacialCapture/SelvioFacialCapture.h>
 #include <gmock/gmock.h>
 
+#include "analyzer/rules/FaceChecks.h"
 #include "support/FakeDevice.h"
 #include "support/FakeImageCodec.h"
 #include "support/FakeMotionManager.h"
@@ -14,26 +15,38 @@
 
 namespace selvio {
 
-/// A face on a 1080 x 1920 screen, described by the points that the checks read. As it stands nothing is wrong with it.
+/// A face on a screen of 1000 x 1700, described by the points that the checks read. As it stands nothing is wrong with it.
 struct ScreenFace {
-    Point left{200, 800};   ///< contour end at the left of the screen
-    Point right{880, 800};  ///< contour end at the right
-    Point chin{540, 1300};
-    Point nose{540, 1000};
-    double noseLeft = 500;  ///< x of the nose's sides
-    double noseRight = 580;
+    Point left{190, 700};   ///< contour end at the left of the screen
+    Point right{810, 700};  ///< contour end at the right
+    Point chin{500, 1200};
+    Point nose{500, 900};
+    double noseLeft = 460;  ///< x of the nose's sides
+    double noseRight = 540;
 
+    /// In the layout of 17 and 14 points or that of 11 and 10.
+    [[nodiscard]] rules::FacePoints points(bool older = false) const {
+        std::vector<Point> contour(older ? 11 : 17);
+        contour[older ? 0 : 16] = left;
+        contour[older ? 10 : 0] = right;
+        contour[older ? 5 : 8] = chin;
+        std::vector<Point> noses(9);
+        noses[4] = nose;
+        noses[2].x = noseLeft;
+        noses[6].x = noseRight;
+        std::vector<Point> lips(older ? 10 : 14);
+        lips[older ? 9 : 13] = {450, 1000};
+        lips[older ? 5 : 7] = {550, 1000};
+        return {contour, noses, lips};
+    }
     [[nodiscard]] FaceObservation observation() const {
         // The bounding box is the whole frame, so that points are normalized to the screen; the detector's axes are swapped.
-        const auto normalized = [](Point p) { return Point{p.y / 1920.0, p.x / 1080.0}; };
-        FaceLandmarkRegion contour{std::vector<Point>(17, normalized(chin))};
-        contour.normalizedPoints[16] = normalized(left);
-        contour.normalizedPoints[0] = normalized(right);
-        FaceLandmarkRegion noseRegion{std::vector<Point>(9, normalized(nose))};
-        noseRegion.normalizedPoints[2] = normalized({noseLeft, nose.y});
-        noseRegion.normalizedPoints[6] = normalized({noseRight, nose.y});
-        FaceLandmarkRegion lips{std::vector<Point>(14, normalized({540, 1150}))};
-        return {.boundingBox = {0, 0, 1, 1}, .landmarks = FaceLandmarks{contour, noseRegion, lips}};
+        const auto region = [](std::optional<std::vector<Point>> points) {
+            for (Point& p : *points) p = {p.y / 1700.0, p.x / 1000.0};
+            return FaceLandmarkRegion{*points};
+        };
+        const auto [contour, noses, lips] = points();
+        return {.boundingBox = {0, 0, 1, 1}, .landmarks = FaceLandmarks{region(contour), region(noses), region(lips)}};
     }
 };
 
@@ -51,7 +64,7 @@ struct AnalyzerFakes {
     [[nodiscard]] Platform platform() const {
         Platform platform = makePortablePlatform();
         platform.device = device;
-        platform.screen = std::make_shared<FakeScreen>();
+        platform.screen = std::make_shared<FakeScreen>(Size{1000, 1700});
         platform.imageCodec = codec;
         platform.imageLoader = std::make_shared<FakeImageLoader>();
         platform.makeSequenceRequestHandler = [vision = vision] { return vision; };
@@ -104,7 +117,7 @@ public:
         analyzer->setDelegate(delegate);
     }
 
-    static std::shared_ptr<SampleBuffer> frame(int width = 108, int height = 192) {
+    static std::shared_ptr<SampleBuffer> frame(int width = 100, int height = 170) {
         return SampleBuffer::makeVideo(PixelBuffer::create(width, height, kPixelFormat32BGRA),
                                        {.presentationTime = std::chrono::seconds(1), .duration = {}});
     }

@@ -235,10 +235,10 @@ TEST_F(Intake, TheHistoryHoldsFourteenFramesUnlessOneWasSelected) {
 }
 
 TEST_F(Intake, TheResolutionIsTheFirstFramesThoughTheSizeChanges) {
-    for (const int width : {108, 192}) {
-        analyzer->analyzeSampleBuffer(frame(width, 300 - width));
+    for (const int width : {100, 170}) {
+        analyzer->analyzeSampleBuffer(frame(width, 270 - width));
         settle();
-        EXPECT_EQ(analyzer->resolution(), (Size{108, 192}));
+        EXPECT_EQ(analyzer->resolution(), (Size{100, 170}));
         EXPECT_EQ(vision->lastWidth(), width);
     }
 }

@@ -32,7 +32,7 @@ protected:
             {"moving", [&] { frameOf({ScreenFace{}}, false, true); }},
             {"far",
              [&] {
-                 frameOf({ScreenFace{.left = {400, 800}, .right = {700, 800}}});
+                 frameOf({ScreenFace{.left = {350, 700}, .right = {650, 700}}});
              }},
             {"nobody", [&] { frameOf({}); }},
             {"select", [&] { analyzer->selectFrame(); }},
@@ -122,7 +122,7 @@ TEST_F(Gating, TheResultsCarryTheFaceInScreenPoints) {
     EXPECT_NEAR(contour[16].x, face.left.x, 1e-9);
     EXPECT_NEAR(contour[0].y, face.right.y, 1e-9);
     EXPECT_NEAR(analyzer->noseMiddle().y, face.nose.y, 1e-9);
-    EXPECT_NEAR(analyzer->faceHorizontalFill(), 680.0 / 1080.0, 1e-9);
+    EXPECT_NEAR(analyzer->faceHorizontalFill(), 0.62, 1e-9);
 }
 
 TEST_F(Gating, FramesWaitForTheSmileTestAndAreDroppedUntilResumeIfItWasOvertaken) {

@@ -1,9 +1,5 @@
-#include <gmock/gmock.h>
-
-#include <SelvioFacialCapture/imaging/Image.h>
-
+#include "analyzer/AnalyzerFixture.h"
 #include "analyzer/rules/DeviceOrientation.h"
-#include "analyzer/rules/FaceChecks.h"
 #include "analyzer/rules/GoodFrameGate.h"
 #include "analyzer/rules/PreviewGeometry.h"
 
@@ -60,70 +56,53 @@ TEST(PreviewGeometry, MapsTheDetectorsAxesOntoTheScreen) {
     EXPECT_EQ(landmarkInAdjustedRect(std::nullopt, r), std::nullopt);
 }
 
-// A face on a screen of 1000 x 1700, in the layout of 17 and 14 points or that of 11 and 10.
-struct Face {
-    Point a{190, 700};
-    Point b{810, 700};
-    Point chin{500, 1200};
-    Point nose{500, 900};
-    double n2 = 460;
-    double n6 = 540;
-    bool holdStill = false;
-    double height = 1700;
-
-    [[nodiscard]] FaceChecksInput input(bool older = false) const {
-        std::vector<Point> contour(older ? 11 : 17);
-        contour[older ? 0 : 16] = a;
-        contour[older ? 10 : 0] = b;
-        contour[older ? 5 : 8] = chin;
-        std::vector<Point> noses(9);
-        noses[2].x = n2;
-        noses[4] = nose;
-        noses[6].x = n6;
-        std::vector<Point> lips(older ? 10 : 14);
-        lips[older ? 9 : 13] = {450, 1000};
-        lips[older ? 5 : 7] = {550, 1000};
-        return {.points = {contour, noses, lips}, .limits = {}, .biggerScreenSide = height, .smallerScreenSide = 1000, .shouldHoldStill = holdStill};
-    }
-};
+FaceChecksInput inputOf(const FacePoints& points, bool holdStill = false, double height = 1700) {
+    return {.points = points, .limits = {}, .biggerScreenSide = height, .smallerScreenSide = 1000, .shouldHoldStill = holdStill};
+}
 
 TEST(FaceChecks, EachRuleAloneAndTogether) {
     struct Row {
         const char* name;
-        Face face;
+        ScreenFace face;
         std::vector<int> statuses;
+        bool holdStill = false;
+        double height = 1700;
     };
     const std::vector<Row> rows = {
-        {"roll at its limit", {.a = {190, 720}, .b = {810, 900}}, {}},
-        {"roll beyond it", {.a = {190, 720}, .b = {810, 901}}, {3}},
-        {"roll the other way", {.a = {190, 901}, .b = {810, 720}, .chin = {500, 1400}, .nose = {500, 1000}}, {3}},
-        {"yaw at its limit", {.n2 = 410, .n6 = 550}, {}},
-        {"yaw beyond it", {.n2 = 409, .n6 = 550}, {5}},
-        {"yaw the other way", {.n2 = 450, .n6 = 591}, {5}},
+        {"roll at its limit", {.left = {190, 720}, .right = {810, 900}}, {}},
+        {"roll beyond it", {.left = {190, 720}, .right = {810, 901}}, {3}},
+        {"roll the other way", {.left = {190, 901}, .right = {810, 720}, .chin = {500, 1400}, .nose = {500, 1000}}, {3}},
+        {"yaw at its limit", {.noseLeft = 410, .noseRight = 550}, {}},
+        {"yaw beyond it", {.noseLeft = 409, .noseRight = 550}, {5}},
+        {"yaw the other way", {.noseLeft = 450, .noseRight = 591}, {5}},
         {"pitch down to its limit", {.chin = {500, 1300}, .nose = {500, 800}}, {}},
         {"pitch below it", {.chin = {500, 1300}, .nose = {500, 799}}, {4}},
         {"pitch above it", {.nose = {500, 983}}, {4}},
-        {"fill at its lower limit", {.a = {225, 700}, .b = {775, 700}}, {}},
-        {"fill below it", {.a = {225.5, 700}, .b = {775, 700}}, {6}},
-        {"fill at its upper limit", {.a = {137.5, 700}, .b = {862.5, 700}}, {}},
-        {"fill above it", {.a = {137, 700}, .b = {863, 700}}, {7}},
-        {"too high on the screen", {.a = {190, 679}, .b = {810, 679}}, {8}},
-        {"at the vertical limit", {.a = {190, 680}, .b = {810, 680}}, {}},
-        {"too far left", {.a = {109, 700}, .b = {729, 700}}, {8}},
-        {"too far right", {.a = {271, 700}, .b = {891, 700}}, {8}},
-        {"at the margin", {.a = {110, 700}, .b = {730, 700}}, {}},
-        {"off centre both ways counts twice", {.a = {109, 600}, .b = {729, 600}, .chin = {400, 1100}, .nose = {500, 800}}, {8, 8}},
-        {"sorted; a rolled head hides its yaw", {.a = {300, 720}, .b = {700, 901}, .nose = {500, 995}, .n2 = 400, .holdStill = true}, {3, 4, 6, 9}},
+        {"fill at its lower limit", {.left = {225, 700}, .right = {775, 700}}, {}},
+        {"fill below it", {.left = {225.5, 700}, .right = {775, 700}}, {6}},
+        {"fill at its upper limit", {.left = {137.5, 700}, .right = {862.5, 700}}, {}},
+        {"fill above it", {.left = {137, 700}, .right = {863, 700}}, {7}},
+        {"too high on the screen", {.left = {190, 679}, .right = {810, 679}}, {8}},
+        {"at the vertical limit", {.left = {190, 680}, .right = {810, 680}}, {}},
+        {"too far left", {.left = {109, 700}, .right = {729, 700}}, {8}},
+        {"too far right", {.left = {271, 700}, .right = {891, 700}}, {8}},
+        {"at the margin", {.left = {110, 700}, .right = {730, 700}}, {}},
+        {"off centre both ways counts twice", {.left = {109, 600}, .right = {729, 600}, .chin = {400, 1100}, .nose = {500, 800}}, {8, 8}},
+        {"sorted; a rolled head hides its yaw", {.left = {300, 720}, .right = {700, 901}, .nose = {500, 995}, .noseLeft = 400}, {3, 4, 6, 9}, true},
         {"tall screens use 1.218 of their width and no margin",
-         {.a = {120, 800}, .b = {800, 800}, .chin = {500, 1300}, .nose = {500, 1000}, .height = 1790},
-         {}},
+         {.left = {120, 800}, .right = {800, 800}, .chin = {500, 1300}, .nose = {500, 1000}},
+         {},
+         false,
+         1790},
         {"so that a narrower face is too small there",
-         {.a = {190, 800}, .b = {810, 800}, .chin = {500, 1300}, .nose = {500, 1000}, .height = 1790},
-         {6}},
+         {.left = {190, 800}, .right = {810, 800}, .chin = {500, 1300}, .nose = {500, 1000}},
+         {6},
+         false,
+         1790},
     };
     for (const Row& row : rows) {
         for (const bool older : {false, true}) {
-            const FaceChecksResult result = checkFace(row.face.input(older));
+            const FaceChecksResult result = checkFace(inputOf(row.face.points(older), row.holdStill, row.height));
             EXPECT_THAT(result.statuses, ElementsAreArray(row.statuses)) << row.name << (older ? ", 11 points" : ", 17 points");
             EXPECT_EQ(result.lipLeft, (Point{450, 1000}));
             EXPECT_EQ(result.lipRight, (Point{550, 1000}));
@@ -133,7 +112,7 @@ TEST(FaceChecks, EachRuleAloneAndTogether) {
 }
 
 TEST(FaceChecks, StrictnessMovesTheLimits) {
-    FaceChecksInput input = Face{}.input();
+    FaceChecksInput input = inputOf(ScreenFace{}.points());
     input.limits = {.roll = 600, .pitch = 600, .yaw = 600};
     const FaceMeasures strict = checkFace(input).measures;
     EXPECT_NEAR(strict.rollLimit, 1.2, 1e-12);
@@ -143,18 +122,18 @@ TEST(FaceChecks, StrictnessMovesTheLimits) {
 }
 
 TEST(FaceChecks, MissingPointsReadAsZeroAndOddNumbersBreakNothing) {
-    FaceChecksInput input = Face{}.input();
+    FaceChecksInput input = inputOf(ScreenFace{}.points());
     input.points = {};
     EXPECT_THAT(checkFace(input).statuses, ElementsAre(6, 8, 8));  // 0/0 for roll and pitch: no status; no fill; no room above
     const std::vector<Point> shortList(3, Point{300, 300});
     input.points = {.contour = shortList, .nose = shortList, .outerLips = shortList};
     EXPECT_THAT(checkFace(input).statuses, ElementsAre(3, 4, 6, 8));
 
-    Face flat;  // the nose sides and the middle coincide on one side: an infinite ratio
-    flat.n6 = 500;
-    EXPECT_THAT(checkFace(flat.input()).statuses, ElementsAre(SelvioFacialCaptureStatusFaceYaw));
-    flat.n2 = 500;  // on both sides: not a number
-    EXPECT_THAT(checkFace(flat.input()).statuses, ElementsAre());
+    ScreenFace flat;  // the nose sides and the middle coincide on one side: an infinite ratio
+    flat.noseRight = 500;
+    EXPECT_THAT(checkFace(inputOf(flat.points())).statuses, ElementsAre(SelvioFacialCaptureStatusFaceYaw));
+    flat.noseLeft = 500;  // on both sides: not a number
+    EXPECT_THAT(checkFace(inputOf(flat.points())).statuses, ElementsAre());
 }
 
 TEST(GoodFrameGate, AnyFlagKeepsAFrameOut) {

@@ -45,7 +45,7 @@ void runCapture(unsigned seed, std::atomic<int>& delivered) {
     std::vector<std::thread> cameras;
     for (int t = 0; t < 2; ++t) {
         cameras.emplace_back([&] {
-            const auto frame = SampleBuffer::makeVideo(PixelBuffer::create(108, 192, kPixelFormat420v));
+            const auto frame = SampleBuffer::makeVideo(PixelBuffer::create(100, 170, kPixelFormat420v));
             while (running) analyzer->analyzeSampleBuffer(frame);
         });
     }

@@ -239,7 +239,7 @@ public:
         script_->calls.add("discover " + (types.size() == 1 ? types[0] : "wrong") + (mediaType == MediaType::Video ? " video " : " audio ") +
                            std::to_string(static_cast<std::int64_t>(position)));
         auto found = std::make_shared<CaptureDeviceDiscoverySession>();
-        if (!script_->noCamera) found->devices = {camera_, std::make_shared<FakeCaptureDevice>(script_, "second camera")};
+        if (!script_->noCamera) found->devices = {camera_, microphone_};  // the first is to be taken
         return found;
     }
     [[nodiscard]] std::shared_ptr<CaptureDevice> defaultDevice(MediaType mediaType) override {
