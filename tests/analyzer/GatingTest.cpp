@@ -115,6 +115,18 @@ TEST_F(Gating, ASmileThatComesSelectsTheOldestFrameAndOneThatGoesTheNewest) {
     EXPECT_EQ(success->selectedImage()->bitmap, analyzer->imagesArray().back().bitmap);
 }
 
+TEST_F(Gating, ACancelledCaptureIsNoSuccess) {
+    play("on-smile smile");
+    smiles->setSmiling(false);
+    analyzer->analyzeSampleBuffer(frame());
+    analysisQueue->runAll();
+    globalQueue->runAll();
+    analyzer->cancel();  // a frame was selected, and is on its way to the host
+    EXPECT_THAT(settle(), ElementsAre("cancelled code 3"));
+    EXPECT_FALSE(cancelled->selectedImage().has_value() || cancelled->encodedSelectedImage().has_value());
+    EXPECT_EQ(record(cancelled).at("SelvioResultCode"), "Cancelled");
+}
+
 TEST_F(Gating, TheResultsCarryTheFaceInScreenPoints) {
     const ScreenFace face;
     play("good");

@@ -10,11 +10,8 @@ using Results = SelvioFacialCaptureResults;
 using Status = SelvioFacialCaptureStatus;
 
 TEST(Results, LookUpsCoverTheirTablesAndNothingElse) {
-    EXPECT_EQ(Results::localizeKeyFrom(SelvioFacialCaptureStatusNonUniformLight), "selvio_facial_capture_status_non_uniform_light");
     EXPECT_EQ(Results::localizeKeyFrom(SelvioFacialCaptureStatusMoveCloser), "selvio_facial_capture_status_move_closer");
-    EXPECT_EQ(Results::stringFrom(SelvioFacialCaptureResultCodeSuccessVideo), "SuccessVideo");
-    EXPECT_EQ(Results::stringFrom(SelvioFacialCaptureResultCodeCancelled), "Cancelled");
-    for (const int outside : {-1, 15, 4000}) EXPECT_EQ(Results::localizeKeyFrom(static_cast<Status>(outside)), std::nullopt);
+    for (const int outside : {-1, 15}) EXPECT_EQ(Results::localizeKeyFrom(static_cast<Status>(outside)), std::nullopt);
     for (const int outside : {-1, 4}) EXPECT_EQ(Results::stringFrom(static_cast<SelvioFacialCaptureResultCode>(outside)), std::nullopt);
 }
 

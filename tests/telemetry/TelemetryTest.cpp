@@ -25,8 +25,7 @@ TEST(UxpEvents, OnlyConsecutiveRepeatsAreMerged) {
     };
     const std::vector<Row> rows = {
         {{9, 9, 15, 9}, {"FENF", "FETF", "FENF"}},
-        {{20}, {}},  // the idle marker
-        {{9, 20, 20}, {"FENF", "FS"}},
+        {{20, 9, 20, 20}, {"FENF", "FS"}},  // first of all it is the idle marker
         {{21, 21, 9}, {"FENF"}},
         {{9, -1, 9}, {"FENF", "FENF"}},  // a number without a code still separates
         {{0, 1, 2, 3, 4, 5, 6, 7, 8, 10, 11, 12, 13, 14, 16, 17, 18, 19},
@@ -60,22 +59,6 @@ TEST(UxpEvents, TimesAreWholeMillisecondsSinceTheLastClear) {
     EXPECT_EQ(manager->events(), json::parse(R"([{"MT": [0]}])"));
 }
 
-TEST(UxpEvents, TheSharedLogStartsAnewOnceDestroyed) {
-    const auto clock = std::make_shared<ManualClock>();
-    Manager::destroySharedInstance();
-    Manager::setSharedClock(clock);
-    const auto first = Manager::sharedInstance();
-    first->addEvent(event(8));
-    EXPECT_EQ(Manager::sharedInstance(), first);
-    clock->advance(std::chrono::seconds(1));
-    Manager::destroySharedInstance();
-    EXPECT_TRUE(first->events().empty());
-    EXPECT_NE(Manager::sharedInstance(), first);
-    EXPECT_EQ(Manager::sharedInstance()->startTime(), 1.0);
-    Manager::destroySharedInstance();
-    Manager::setSharedClock(nullptr);
-}
-
 class RecordTest : public ::testing::Test {
 protected:
     std::shared_ptr<FakeImageCodec> codec = std::make_shared<FakeImageCodec>();
@@ -100,14 +83,11 @@ TEST_F(RecordTest, ANewRecordHoldsItsSevenMembersWithoutWhiteSpace) {
     EXPECT_EQ(record->obixDataString()->find("\": "), std::string::npos);
 }
 
-TEST_F(RecordTest, TheFirstParametersAndTheLastOfAllElseWin) {
-    record->addParameters({{"Mode", "2"}});
-    record->addParameters({{"Mode", "1"}});
+TEST_F(RecordTest, TheLastMembersWin) {
     record->add({{"SelvioResultCode", "None"}, {"OS", "14"}});
     record->add({{"SelvioResultCode", "Cancelled"}});
     record->add(json::array({"not an object"}));
     const json members = record->obixDataDictionary();
-    EXPECT_EQ(members.at(kSelvioParameters), json({{"Mode", "2"}}));
     EXPECT_EQ(members.at("SelvioResultCode"), "Cancelled");
     EXPECT_EQ(members.at(kSelvioOS), "14");
 }
