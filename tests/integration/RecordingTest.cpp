@@ -160,50 +160,34 @@ TEST(Recording, FaultsSpareTheCapture) {
     std::optional<FullDisk> full;
     const std::string failed = "*** AVAssetWriterStatusFailed";
     using Act = std::function<void(Rig&)>;
-    const Act nothing = [](Rig&) {};
     const auto remove = [](Rig& rig) { fs::remove_all(rig.documents); };
-    const struct {
+    struct Row {
         const char* what;
-        Act before, during, lift;
+        Act before = [](Rig&) {};
+        Act during = [](Rig&) {};
+        Act lift = [](Rig&) {};
         std::vector<std::string> log;
-        bool runs, delivered;
-    } rows[] = {
-        {"full disk", nothing, [&](Rig&) { full.emplace(); }, [&](Rig&) { full.reset(); }, {"Recording failed: ", failed}, true, false},
-        {"directory not writable",
-         [](Rig& rig) { fs::create_directory_symlink("/proc", rig.documents); },
-         nothing,
-         remove,
-         {"could not create", failed},
-         true,
-         false},
-        {"no directory",
-         [](Rig& rig) { std::ofstream(rig.documents) << "a file"; },
-         nothing,
-         remove,
-         {"Couldn't get contents of Documents directory:\n", "could not create", failed},
-         true,
-         false},
-        {"recording deleted",
-         nothing,
-         [](Rig& rig) { rig.camera->cleanupBrokenVideos(); },
-         nothing,
-         {"could not move the recording", failed},
-         true,
-         false},
-        {"writer killed",
-         nothing,
-         [](Rig& rig) { rig.camera->videoOutputQueue()->async([writer = rig.camera->assetWriter()] { writer->cancelWriting(); }); },
-         nothing,
-         {"*** AVAssetWriterStatusCancelled"},
-         true,
-         false},
-        {"camera unplugged",
-         nothing,
-         [](Rig& rig) { rig.system->setFaults({.deviceLost = true}); },
-         [](Rig& rig) { rig.system->setFaults({}); },
-         {"The simulated camera was disconnected"},
-         false,
-         true},
+        bool endsTheRun = false;  // with the recording delivered
+    };
+    const Row rows[] = {
+        {.what = "full disk", .during = [&](Rig&) { full.emplace(); }, .lift = [&](Rig&) { full.reset(); }, .log = {"Recording failed: ", failed}},
+        {.what = "directory not writable",
+         .before = [](Rig& rig) { fs::create_directory_symlink("/proc", rig.documents); },
+         .lift = remove,
+         .log = {"could not create", failed}},
+        {.what = "no directory",
+         .before = [](Rig& rig) { std::ofstream(rig.documents) << "a file"; },
+         .lift = remove,
+         .log = {"Couldn't get contents of Documents directory:\n", "could not create", failed}},
+        {.what = "recording deleted", .during = [](Rig& rig) { rig.camera->cleanupBrokenVideos(); }, .log = {"could not move the recording", failed}},
+        {.what = "writer killed",
+         .during = [](Rig& rig) { rig.camera->videoOutputQueue()->async([writer = rig.camera->assetWriter()] { writer->cancelWriting(); }); },
+         .log = {"*** AVAssetWriterStatusCancelled"}},
+        {.what = "camera unplugged",
+         .during = [](Rig& rig) { rig.system->setFaults({.deviceLost = true}); },
+         .lift = [](Rig& rig) { rig.system->setFaults({}); },
+         .log = {"The simulated camera was disconnected"},
+         .endsTheRun = true},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.what);
@@ -216,18 +200,18 @@ TEST(Recording, FaultsSpareTheCapture) {
         for (int i = 0; i < 100 && rig.isWriting() && full; ++i) rig.step(1);
         const int before = rig.frames;
         rig.step(5);
-        EXPECT_EQ(rig.frames - before, row.runs ? 5 : 0);
-        EXPECT_EQ(rig.camera->session()->isRunning(), row.runs);
+        EXPECT_EQ(rig.frames - before, row.endsTheRun ? 0 : 5);
+        EXPECT_EQ(rig.camera->session()->isRunning(), !row.endsTheRun);
 
         rig.camera->stopRecording();
         std::vector<std::string> lines;
         EXPECT_TRUE(Rig::waitFor([&] {
             for (auto& line : log.take()) lines.push_back(std::move(line));
-            return row.delivered ? rig.recordings > 0 : !lines.empty() && lines.back().starts_with("***");
+            return row.endsTheRun ? rig.recordings > 0 : !lines.empty() && lines.back().starts_with("***");
         }));
         for (const std::string& part : row.log) EXPECT_THAT(lines, Contains(HasSubstr(part)));
-        EXPECT_EQ(rig.recordings, row.delivered ? 1 : 0);
-        EXPECT_EQ(rig.recordedFrames(), row.delivered ? std::to_string(before) : "none");
+        EXPECT_EQ(rig.recordings, row.endsTheRun ? 1 : 0);
+        EXPECT_EQ(rig.recordedFrames(), row.endsTheRun ? std::to_string(before) : "none");
 
         row.lift(rig);
         rig.camera->stop();
