@@ -1,29 +1,51 @@
-// A delegate that remembers, and lets a test wait for what it is to see.
+// A session with one camera and a delegate that remembers, and lets a test wait for what it is to see.
 #pragma once
 
 #include <SelvioFacialCapture/base/SerialQueue.h>
-#include <SelvioFacialCapture/platform/Capture.h>
+#include <SelvioFacialCapture/linux/Capture.h>
 
 #include <support/LogCapture.h>
+#include <support/MediaProbe.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 #include <thread>
 #include <vector>
 
 namespace selvio::test {
 
+using std::chrono::milliseconds;
+using ::testing::Contains;
+using ::testing::HasSubstr;
+
+/// Waits for what nothing announces, ten seconds at most.
+inline bool comesTrue(const std::function<bool()>& condition) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end) return false;
+        std::this_thread::yield();
+    }
+    return true;
+}
+
 class CaptureProbe : public CaptureOutputDelegate {
 public:
+    explicit CaptureProbe(std::shared_ptr<SerialQueue> queue) : queue_(std::move(queue)) {}
+
     void captureOutputDidOutputSampleBuffer(const CaptureOutput&, const std::shared_ptr<SampleBuffer>& sample,
                                             const std::shared_ptr<CaptureConnection>&) override {
+        EXPECT_TRUE(queue_->isCurrent());
         std::unique_lock lock(mutex_);
-        (sample->audio() != nullptr ? sounds_ : frames_).push_back(sample->timing());
-        if (sample->imageBuffer()) last_ = *sample->formatDescription();
+        frames_.push_back(sample->timing());
+        last_ = *sample->formatDescription();
         changed_.notify_all();
         changed_.wait(lock, [this] { return !blocked_; });
-        if (onSample) onSample(sample);
+        if (onFrame) onFrame(sample);
     }
     void captureOutputDidDropSampleBuffer(const CaptureOutput&, const std::shared_ptr<SampleBuffer>& sample,
                                           const std::shared_ptr<CaptureConnection>&) override {
@@ -33,6 +55,7 @@ public:
     }
     void captureOutputDidOutputMetadataObjects(const CaptureOutput&, const std::vector<MetadataObject>& objects,
                                                const std::shared_ptr<CaptureConnection>&) override {
+        EXPECT_TRUE(queue_->isCurrent());
         const std::lock_guard lock(mutex_);
         objects_.insert(objects_.end(), objects.begin(), objects.end());
         changed_.notify_all();
@@ -48,9 +71,6 @@ public:
         const std::size_t wanted = frameCount() + more;
         return waitFor([&] { return frames_.size() >= wanted; });
     }
-    bool waitForSize(int width, int height) {
-        return waitFor([&] { return last_.width == width && last_.height == height; });
-    }
     void block(bool blocked) {
         const std::lock_guard lock(mutex_);
         blocked_ = blocked;
@@ -60,43 +80,49 @@ public:
         const std::lock_guard lock(mutex_);
         return frames_.size();
     }
-    VideoFormatDescription lastFormat() {
-        const std::lock_guard lock(mutex_);
-        return last_;
-    }
 
-    std::function<void(const std::shared_ptr<SampleBuffer>&)> onSample;  // set before frames flow
+    std::function<void(const std::shared_ptr<SampleBuffer>&)> onFrame;  // set before frames flow
 
     // To be read while nothing flows, or inside waitFor.
-    std::vector<SampleTiming> frames_, sounds_;
+    std::vector<SampleTiming> frames_;
     std::vector<MetadataObject> objects_;
+    VideoFormatDescription last_;
     int drops_ = 0;
 
 private:
+    const std::shared_ptr<SerialQueue> queue_;
     std::mutex mutex_;
     std::condition_variable changed_;
-    VideoFormatDescription last_;
     bool blocked_ = false;
 };
 
 /// A session with one camera, wired as a camera object wires it.
 struct Rig {
-    explicit Rig(const std::shared_ptr<CaptureSystem>& system, const std::shared_ptr<CaptureDevice>& device, PixelFormat format = 0)
-        : session(system->makeSession()), output(system->makeVideoDataOutput()), camera(device) {
-        input = system->makeDeviceInput(device).value();
+    Rig(const std::shared_ptr<CaptureSystem>& system, const std::shared_ptr<CaptureDevice>& device, PixelFormat format = 0,
+        VideoOrientation orientation = VideoOrientation::LandscapeRight)
+        : session(system->makeSession()), output(system->makeVideoDataOutput()), camera(device), input(system->makeDeviceInput(device).value()) {
         session->addInput(input);
         output->setPixelFormat(format);
         output->setAlwaysDiscardsLateVideoFrames(true);
         output->setSampleBufferDelegate(probe, queue);
         session->addOutput(output);
+        output->connections().at(0)->setVideoOrientation(orientation);
     }
     ~Rig() {
         session->stopRunning();
         output->setSampleBufferDelegate({}, nullptr);
     }
+    /// Starts, takes so many frames, and stops.
+    void capture(std::size_t frames) {
+        session->startRunning();
+        ASSERT_TRUE(session->isRunning());
+        EXPECT_TRUE(probe->waitForFrames(frames));
+        session->stopRunning();
+        queue->drain();
+    }
 
-    std::shared_ptr<CaptureProbe> probe = std::make_shared<CaptureProbe>();
     std::shared_ptr<SerialQueue> queue = std::make_shared<SerialQueue>("frames");
+    std::shared_ptr<CaptureProbe> probe = std::make_shared<CaptureProbe>(queue);
     std::shared_ptr<CaptureSession> session;
     std::shared_ptr<VideoDataOutput> output;
     std::shared_ptr<CaptureDevice> camera;
@@ -113,26 +139,81 @@ inline int brightPixels(const SampleBuffer& sample) {
     return bright;
 }
 
-/// The middle one of all distances between frames, in seconds: a busy machine leaves out a frame now and then.
-inline double middleDistance(const std::vector<SampleTiming>& frames) {
+struct Delivery {
+    int width, height;  // of the sensor
+    PixelFormat format;
+    VideoOrientation orientation;
+    int expectedWidth, expectedHeight;
+    int leastBright, mostBright;  // pixels of the middle row in all frames together
+};
+
+/// What a camera at 30 frames a second delivers in one of its formats.
+inline void expectDelivery(const std::shared_ptr<CaptureSystem>& system, const std::shared_ptr<CaptureDevice>& camera, const Delivery& c) {
+    SCOPED_TRACE(testing::Message() << c.width << "x" << c.height << " as " << c.expectedWidth << "x" << c.expectedHeight);
+    camera->setActiveFormat({{c.format, c.width, c.height}, 30});
+    Rig rig(system, camera, c.format, c.orientation);
+    int bright = 0;
+    rig.probe->onFrame = [&](const auto& sample) { bright += brightPixels(*sample); };
+    const auto before = rig.session->masterClockTime();
+    ASSERT_NO_FATAL_FAILURE(rig.capture(32));
+    EXPECT_EQ(rig.probe->last_, (VideoFormatDescription{c.format, c.expectedWidth, c.expectedHeight}));
+    EXPECT_GE(bright, c.leastBright);
+    EXPECT_LE(bright, c.mostBright);
+    // The middle one of all distances between frames: a busy machine leaves out a frame now and then.
+    const auto& frames = rig.probe->frames_;
+    ASSERT_GT(frames.size(), 1U);
     std::vector<double> distances;
     for (std::size_t i = 1; i < frames.size(); ++i) {
         distances.push_back(std::chrono::duration<double>(*frames[i].presentationTime - *frames[i - 1].presentationTime).count());
     }
-    const auto middle = distances.begin() + static_cast<std::ptrdiff_t>(distances.size() / 2);
-    std::ranges::nth_element(distances, middle);
-    return *middle;
+    std::ranges::sort(distances);
+    EXPECT_GT(distances.front(), 0);
+    EXPECT_NEAR(distances[distances.size() / 2], 1.0 / 30, 0.006);
+    EXPECT_GE(*frames.front().presentationTime, before);
+    EXPECT_LE(*frames.back().presentationTime, rig.session->masterClockTime());
+    const auto count = frames.size();
+    rig.queue->drain();
+    EXPECT_EQ(frames.size(), count) << "nothing comes after stop";
 }
 
-/// What a run that ends by itself says, waiting ten seconds for it at most: the line comes just after the session has ceased to run.
+/// What a run that ends by itself says: the line comes just after the session has ceased to run.
 inline std::vector<std::string> linesAtTheEndOf(const CaptureSession& session, LogCapture& log) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     std::vector<std::string> lines;
-    while ((session.isRunning() || lines.empty()) && std::chrono::steady_clock::now() < end) {
-        std::this_thread::yield();
+    comesTrue([&] {
         if (!session.isRunning()) lines = log.take();
-    }
+        return !lines.empty();
+    });
     return lines;
+}
+
+/// A camera that can be held against its frames: more of them than it has buffers are kept, and must stay as they came.
+inline void expectFramesMayBeHeld(const std::shared_ptr<CaptureSystem>& system, const std::shared_ptr<CaptureDevice>& camera) {
+    Rig rig(system, camera, kPixelFormat420v);
+    const auto rowOf = [](const SampleBuffer& sample) {
+        const PixelBuffer& pixels = *sample.imageBuffer();
+        return std::string(reinterpret_cast<const char*>(pixels.data()), static_cast<std::size_t>(pixels.width()));
+    };
+    std::vector<std::pair<std::shared_ptr<SampleBuffer>, std::string>> kept;
+    rig.probe->onFrame = [&](const auto& sample) { kept.emplace_back(sample, rowOf(*sample)); };
+    ASSERT_NO_FATAL_FAILURE(rig.capture(40));
+    for (const auto& [sample, row] : kept) EXPECT_TRUE(rowOf(*sample) == row) << "a frame was written over";
+}
+
+/// A camera that is plugged out while it delivers, and in again.
+inline void expectUnpluggingEndsTheRun(const std::shared_ptr<CaptureSystem>& system, const std::shared_ptr<CaptureDevice>& camera,
+                                       const std::function<void()>& unplug, const std::function<void()>& plugIn, const char* refusal) {
+    LogCapture log;
+    Rig rig(system, camera, kPixelFormat420v);
+    rig.session->startRunning();
+    ASSERT_TRUE(rig.probe->waitForFrames(3));
+    unplug();
+    EXPECT_THAT(linesAtTheEndOf(*rig.session, log), Contains(HasSubstr("Capture: stopped: ")));
+    rig.session->startRunning();
+    EXPECT_FALSE(rig.session->isRunning());
+    EXPECT_THAT(log.take(), Contains(HasSubstr(refusal)));
+    plugIn();
+    rig.session->startRunning();
+    EXPECT_TRUE(rig.probe->waitForFrames(3)) << "the same device object opens it again";
 }
 
 }  // namespace selvio::test

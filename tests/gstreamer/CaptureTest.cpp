@@ -1,32 +1,19 @@
 #include "CaptureProbe.h"
 #include "support/Child.h"
-#include "support/MediaProbe.h"
 #include "support/Resources.h"
-
-#include <SelvioFacialCapture/linux/Capture.h>
-
-#include <support/LogCapture.h>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <sys/stat.h>
 #include <unistd.h>
-#include <algorithm>
 #include <atomic>
-#include <fstream>
-#include <thread>
 
 namespace selvio {
 namespace {
 
 using namespace test;
-using std::chrono::milliseconds;
-using ::testing::Contains;
-using ::testing::HasSubstr;
 
 SourceCamera testPicture(std::string rawFormat = "NV12", int width = 320, int height = 240) {
-    return {.name = "picture", .source = "videotestsrc is-live=true", .width = width, .height = height, .rawFormat = std::move(rawFormat)};
+    return {
+        .name = "picture", .source = "videotestsrc is-live=true pattern=white", .width = width, .height = height, .rawFormat = std::move(rawFormat)};
 }
 
 std::shared_ptr<CaptureSystem> systemOf(CaptureOptions options) {
@@ -45,59 +32,32 @@ void letPass(const CaptureSession& session, milliseconds time) {
     while (session.masterClockTime() - start < time) std::this_thread::yield();
 }
 
-TEST(Capture, DeliversFramesInFormatAndShapeOnTheMasterClock) {
-    struct Case {
-        const char* raw;
-        PixelFormat format;
-        std::int64_t orientation;
-        VideoFormatDescription expected;
+TEST(Capture, DeliversFramesInFormatAndShape) {
+    const auto system = systemOf({.sources = {testPicture("YUY2")}});
+    const Delivery deliveries[] = {
+        {320, 240, kPixelFormat32BGRA, VideoOrientation::PortraitUpsideDown, 134, 240, 32 * 134, 100 * 134},
+        {320, 240, kPixelFormat420v, VideoOrientation::Portrait, 134, 240, 32 * 134, 100 * 134},
     };
-    const Case cases[] = {
-        {"NV12", kPixelFormat420v, 3, {kPixelFormat420v, 320, 240}},
-        {"NV12", kPixelFormat420v, 1, {kPixelFormat420v, 134, 240}},
-        {"BGRA", 0, 2, {kPixelFormat32BGRA, 134, 240}},
-        {"YUY2", 0, 4, {kPixelFormat32BGRA, 320, 240}},
-        {"YUY2", kPixelFormat420v, 1, {kPixelFormat420v, 134, 240}},
-        {"NV12", 0x34323066, 3, {kPixelFormat32BGRA, 320, 240}},  // 420f, which is refused
-    };
-    for (const Case& c : cases) {
-        LogCapture log;
-        SCOPED_TRACE(testing::Message() << c.raw << " orientation " << c.orientation);
-        const auto system = systemOf({.sources = {testPicture(c.raw)}});
-        Rig rig(system, firstCamera(system), c.format);
-        rig.output->connections().at(0)->setVideoOrientation(static_cast<VideoOrientation>(c.orientation));
-        const auto before = rig.session->masterClockTime();
-        rig.session->startRunning();
-        ASSERT_TRUE(rig.session->isRunning());
-        ASSERT_TRUE(rig.probe->waitForFrames(10));
-        rig.session->stopRunning();
-        rig.queue->drain();
-        EXPECT_FALSE(rig.session->isRunning());
-        EXPECT_EQ(rig.probe->lastFormat(), c.expected);
-        EXPECT_EQ(log.take().empty(), c.format == 0 || c.format == c.expected.mediaSubType);
-        for (std::size_t i = 0; i < rig.probe->frames_.size(); ++i) {
-            const auto& timing = rig.probe->frames_[i];
-            EXPECT_GE(*timing.presentationTime, i == 0 ? before : *rig.probe->frames_[i - 1].presentationTime + milliseconds(20));
-            EXPECT_LE(*timing.presentationTime, rig.session->masterClockTime());
-        }
-        const auto count = rig.probe->frameCount();
-        rig.queue->drain();
-        EXPECT_EQ(rig.probe->frameCount(), count) << "nothing comes after stop";
-    }
+    for (const Delivery& delivery : deliveries) expectDelivery(system, firstCamera(system), delivery);
 }
 
 TEST(Capture, TakesUpChangesWhileItRuns) {
     const auto system = systemOf({.sources = {testPicture()}});
     Rig rig(system, firstCamera(system));
+    const auto comes = [&](PixelFormat format, int width) {
+        return rig.probe->waitFor([&] { return rig.probe->last_ == VideoFormatDescription{format, width, 240}; });
+    };
     rig.session->startRunning();
-    ASSERT_TRUE(rig.probe->waitForSize(320, 240));
+    ASSERT_TRUE(comes(kPixelFormat32BGRA, 320));
     rig.output->connections().at(0)->setVideoOrientation(VideoOrientation::Portrait);
-    EXPECT_TRUE(rig.probe->waitForSize(134, 240)) << "a turn takes effect with the next frame";
+    EXPECT_TRUE(comes(kPixelFormat32BGRA, 134));
     rig.session->beginConfiguration();
     rig.output->setPixelFormat(kPixelFormat420v);
+    LogCapture log;
+    rig.output->setPixelFormat(0x34323066);
+    EXPECT_FALSE(log.take().empty()) << "420f is refused";
     rig.session->commitConfiguration();
-    EXPECT_TRUE(rig.probe->waitForFrames(2));
-    EXPECT_EQ(rig.probe->lastFormat().mediaSubType, kPixelFormat420v);
+    EXPECT_TRUE(comes(kPixelFormat420v, 134));
     rig.output->setSampleBufferDelegate({}, nullptr);
     const auto count = rig.probe->frameCount();
     letPass(*rig.session, milliseconds(100));
@@ -124,73 +84,39 @@ TEST(Capture, ALateFrameGivesWayToTheNewestWithANotice) {
     EXPECT_GT(*rig.probe->frames_.at(1).presentationTime - *rig.probe->frames_.at(0).presentationTime, milliseconds(250));
 }
 
-TEST(Capture, SaysWhyACameraDoesNotStart) {
+TEST(Capture, SaysWhyACameraDoesNotStartOrEnds) {
     struct Case {
-        const char* what;
-        SourceCamera camera;
+        const char* source;
+        bool starts;
         const char* log;
     };
     const Case cases[] = {
-        {"no such element", {.name = "a", .source = "nosuchsource"}, "Capture: could not start: \"nosuchsource\": no element \"nosuchsource\""},
-        {"no frames", {.name = "b", .source = "appsrc is-live=true", .width = 320, .height = 240}, "\"b\" delivers no frames"},
-        {"fails at once", {.name = "c", .source = "videotestsrc ! identity error-after=1", .width = 320, .height = 240}, "identity"},
+        {"nosuchsource", false, "Capture: could not start: \"nosuchsource\": no element \"nosuchsource\""},
+        {"appsrc is-live=true", false, "\"camera\" delivers no frames"},
+        {"videotestsrc ! identity error-after=1", false, "identity"},
+        {"videotestsrc is-live=true ! identity error-after=10", true, "Capture: stopped: identity"},
+        // After ten frames the next source is waited for, which never sends any.
+        {"concat name=c videotestsrc is-live=true num-buffers=10 ! c.sink_0 appsrc is-live=true ! c.sink_1", true,
+         "Capture: stopped: the camera delivers no more"},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
+        SCOPED_TRACE(c.source);
         LogCapture log;
-        const auto system = systemOf({.sources = {c.camera}, .openingTimeout = milliseconds(300)});
+        const SourceCamera camera{.name = "camera", .source = c.source, .width = 320, .height = 240};
+        const milliseconds opening{c.starts ? 5000 : 300};
+        const auto system = systemOf({.sources = {camera}, .openingTimeout = opening, .stallTimeout = milliseconds(300)});
         Rig rig(system, firstCamera(system));
-        rig.session->startRunning();
-        EXPECT_FALSE(rig.session->isRunning());
-        EXPECT_THAT(log.take(), Contains(HasSubstr(c.log)));
+        for (int attempt = 0; attempt < 2; ++attempt) {  // it may be started again
+            rig.session->startRunning();
+            EXPECT_TRUE(!c.starts || rig.probe->waitForFrames(1));
+            EXPECT_THAT(linesAtTheEndOf(*rig.session, log), Contains(HasSubstr(c.log)));
+        }
     }
     LogCapture log;
     const auto session = systemOf({})->makeSession();
     session->startRunning();
     EXPECT_FALSE(session->isRunning());
     EXPECT_THAT(log.take(), Contains("Capture: could not start: the session has no camera"));
-}
-
-TEST(Capture, ACameraThatFallsSilentOrFailsEndsTheRun) {
-    struct Case {
-        const char* source;
-        const char* log;
-    };
-    const Case cases[] = {
-        {"videotestsrc is-live=true ! identity error-after=10", "Capture: stopped: identity"},
-        // After ten frames the next source is waited for, which never sends any.
-        {"concat name=c videotestsrc is-live=true num-buffers=10 ! c.sink_0 appsrc is-live=true ! c.sink_1",
-         "Capture: stopped: the camera delivers no more"},
-    };
-    for (const Case& c : cases) {
-        LogCapture log;
-        const SourceCamera camera{.name = "ends", .source = c.source, .width = 320, .height = 240};
-        const auto system = systemOf({.sources = {camera}, .stallTimeout = milliseconds(300)});
-        Rig rig(system, firstCamera(system));
-        rig.session->startRunning();
-        ASSERT_TRUE(rig.probe->waitForFrames(1));
-        EXPECT_THAT(linesAtTheEndOf(*rig.session, log), Contains(HasSubstr(c.log)));
-        rig.session->startRunning();
-        EXPECT_TRUE(rig.session->isRunning()) << "and may be started again";
-    }
-}
-
-TEST(Capture, RefusesSecondInputsAndForeignOutputs) {
-    const auto system = systemOf({.sources = {testPicture()}});
-    Rig rig(system, firstCamera(system));
-    EXPECT_FALSE(rig.session->canAddInput(*rig.input));
-    EXPECT_FALSE(rig.session->canAddOutput(*system->makeVideoDataOutput()));
-    EXPECT_TRUE(rig.session->canAddOutput(*system->makeMetadataOutput()));
-    const auto audio = system->makeAudioDataOutput();
-    rig.session->addOutput(audio);
-    EXPECT_TRUE(audio->connections().empty()) << "there is no microphone";
-    EXPECT_EQ(rig.output->connections().size(), 1U);
-    EXPECT_FALSE(rig.session->canSetSessionPreset(kCaptureSessionPreset1280x720));
-    EXPECT_TRUE(rig.session->canSetSessionPreset(kCaptureSessionPresetHigh));
-    rig.session->removeOutput(rig.output);
-    EXPECT_TRUE(rig.output->connections().empty());
-    EXPECT_FALSE(system->makeDeviceInput(nullptr));
-    EXPECT_EQ(system->defaultDevice(MediaType::Audio), nullptr);
 }
 
 TEST(Capture, AVideoFileIsACameraThatPlaysOnce) {
@@ -204,15 +130,12 @@ TEST(Capture, AVideoFileIsACameraThatPlaysOnce) {
     const auto devices = system->discoverDevices({}, MediaType::Video, CaptureDevicePosition::Front)->devices;
     ASSERT_EQ(devices.size(), 1U);
     EXPECT_THAT(log.take(), Contains(HasSubstr("missing.mp4\" cannot be played")));
-    EXPECT_EQ(devices[0]->localizedName(), file.string());
-    EXPECT_EQ(devices[0]->activeFormat()->formatDescription.height, 640);
-    Rig rig(system, devices[0]);
-    rig.output->connections().at(0)->setVideoOrientation(VideoOrientation::Portrait);
+    Rig rig(system, devices[0], 0, VideoOrientation::Portrait);
     rig.session->startRunning();
-    EXPECT_TRUE(rig.probe->waitForFrames(15)) << rig.probe->frameCount();
-    EXPECT_EQ(rig.probe->lastFormat(), (VideoFormatDescription{kPixelFormat32BGRA, 360, 640}));
     EXPECT_THAT(linesAtTheEndOf(*rig.session, log), Contains("Capture: stopped: the video has ended"));
     rig.queue->drain();
+    EXPECT_GE(rig.probe->frames_.size(), 15U);
+    EXPECT_EQ(rig.probe->last_, (VideoFormatDescription{kPixelFormat32BGRA, 360, 640}));
     const auto played = *rig.probe->frames_.back().presentationTime - *rig.probe->frames_.front().presentationTime;
     EXPECT_GT(played, milliseconds(450)) << "in real time";
 }
@@ -224,18 +147,13 @@ TEST(Capture, TorchIsAnLedWhoseFunctionIsLight) {
         leds.write(std::string(name) + "/max_brightness", "37");
     }
     const auto brightness = [&](const char* name) { return std::stoi(contentOf(leds.path() / name / "brightness")); };
-    SourceCamera front = testPicture();
-    front.position = CaptureDevicePosition::Front;
-    const auto system = systemOf({.sources = {front, testPicture()}, .ledDirectory = leds.path()});
-    EXPECT_FALSE(system->discoverDevices({}, MediaType::Video, CaptureDevicePosition::Front)->devices.at(0)->hasTorch());
-    const auto camera = firstCamera(system);
+    const auto camera = firstCamera(systemOf({.sources = {testPicture()}, .ledDirectory = leds.path()}));
     ASSERT_TRUE(camera->hasTorch());
     camera->setTorchMode(TorchMode::On);
     EXPECT_EQ(brightness("white:flash"), 37);
     EXPECT_EQ(brightness("input3::capslock"), 0);
     camera->setTorchMode(TorchMode::Off);
     EXPECT_EQ(brightness("white:flash"), 0);
-    EXPECT_FALSE(camera->isFocusModeSupported(FocusMode::ContinuousAutoFocus)) << "a picture has no focus";
 }
 
 TEST(Capture, NodesThatMayNotBeOpenedMeanDenied) {
@@ -247,7 +165,6 @@ TEST(Capture, NodesThatMayNotBeOpenedMeanDenied) {
     };
     EXPECT_EQ(status(), AuthorizationStatus::Authorized) << "no camera is not a refusal";
     const std::string node = nodes.write("video0", "x");
-    EXPECT_EQ(status(), AuthorizationStatus::Authorized);
     ::chmod(node.c_str(), 0);
     ::chmod(nodes.path().c_str(), 0755);
     const bool isRoot = ::geteuid() == 0;
@@ -268,10 +185,8 @@ TEST(Preview, ShowsTheFramesMirroredInAWindow) {
         const auto system = systemOf({.sources = {bars}});
         const auto view = makeGstView({.window = true});
         view->setFrame({0, 0, 360, 640});
-        EXPECT_EQ(view->layer()->connection(), nullptr);
         Rig rig(system, firstCamera(system));
         view->layer()->setSession(rig.session);
-        EXPECT_NE(view->layer()->connection(), nullptr);
         rig.session->startRunning();
         const auto row = [&] {
             const std::string grabbed = outputOf("ffmpeg -v error -f x11grab -video_size 720x720 -i " + display +
@@ -285,12 +200,6 @@ TEST(Preview, ShowsTheFramesMirroredInAWindow) {
         const auto first = std::find_if_not(seen.begin(), seen.end(), isDark) - seen.begin();
         EXPECT_LT(lit(static_cast<std::size_t>(first) + 20), 60) << "blue is at the left now";
         EXPECT_GT(lit(static_cast<std::size_t>(first) + 340), 150) << "and white at the right";
-        const auto mapped = view->layer()->transformedMetadataObject({kMetadataObjectTypePDF417Code, std::nullopt, {0, 0, 0.25, 0.5}});
-        EXPECT_NEAR(mapped.bounds.x, 270, 1);
-        EXPECT_NEAR(mapped.bounds.height, 320, 1);
-        view->addSubview({1, 77, {}});
-        EXPECT_TRUE(view->removeSubviewWithTag(77));
-        EXPECT_FALSE(view->removeSubviewWithTag(77));
         view->layer()->setSession(nullptr);
     }
     EXPECT_TRUE(log.take().empty());
