@@ -94,8 +94,6 @@ void fillPattern(std::chrono::nanoseconds time, const VirtualCameraMode& mode, s
     const auto bar = static_cast<std::size_t>(time.count() % 1'000'000'000 * mode.width / 1'000'000'000);
     for (std::size_t row = 0; row < height; ++row)
         std::memset(out + (row * width + bar) * pixelBytes, 0xEB, std::min<std::size_t>(16, width - bar) * pixelBytes);
-    const auto number = static_cast<std::uint32_t>(time / std::chrono::milliseconds(1));
-    std::memcpy(out, &number, sizeof number);
 }
 
 int publishVirtualCamera(const std::string& name, const std::string& position, const std::vector<VirtualCameraMode>& modes, int framesPerSecond,

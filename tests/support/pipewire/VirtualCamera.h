@@ -20,7 +20,7 @@ struct VirtualCameraMode {
 /// width x height bytes and then the Cb and Cr plane.
 using FrameFiller = std::function<void(std::chrono::nanoseconds time, const VirtualCameraMode& mode, std::uint8_t* out)>;
 
-/// A grey picture with a white bar that crosses it once a second; the frame's number stands in the first row.
+/// A grey picture with a white bar that crosses it once a second.
 void fillPattern(std::chrono::nanoseconds time, const VirtualCameraMode& mode, std::uint8_t* out);
 
 /// Publishes the camera until the process is told to end (SIGINT, SIGTERM) and returns the exit code. `position` is "front", "back" or empty.

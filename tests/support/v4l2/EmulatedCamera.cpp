@@ -77,11 +77,6 @@ int fail(int error) {
     return -1;
 }
 
-void copyName(__u8* to, std::size_t size, const char* name) {
-    std::memset(to, 0, size);
-    std::memcpy(to, name, std::min(std::strlen(name), size - 1));
-}
-
 void adjust(v4l2_format& format) {
     auto& pixels = format.fmt.pix;
     const Mode* chosen = nullptr;
@@ -156,10 +151,7 @@ int answer(int file, unsigned long request, void* argument) {
         case VIDIOC_QUERYCAP: {
             auto& capability = *static_cast<v4l2_capability*>(argument);
             capability = {};
-            copyName(capability.driver, sizeof capability.driver, "emulated");
-            copyName(capability.card, sizeof capability.card, "Emulated Camera");
-            copyName(capability.bus_info, sizeof capability.bus_info, "platform:emulated");
-            capability.version = 0x60100;
+            std::strcpy(reinterpret_cast<char*>(capability.card), "Emulated Camera");
             capability.device_caps = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_STREAMING;
             capability.capabilities = capability.device_caps | V4L2_CAP_DEVICE_CAPS;
             return 0;
@@ -169,7 +161,6 @@ int answer(int file, unsigned long request, void* argument) {
             if (format.type != V4L2_BUF_TYPE_VIDEO_CAPTURE || format.index >= std::size(kFormats)) return fail(EINVAL);
             format.pixelformat = kFormats[format.index];
             format.flags = format.pixelformat == V4L2_PIX_FMT_MJPEG ? V4L2_FMT_FLAG_COMPRESSED : 0;
-            copyName(format.description, sizeof format.description, "format");
             return 0;
         }
         case VIDIOC_ENUM_FRAMESIZES: {
@@ -223,19 +214,6 @@ int answer(int file, unsigned long request, void* argument) {
             parameters.parm.capture.timeperframe = {1, mode.rate};
             return 0;
         }
-        case VIDIOC_ENUMINPUT: {
-            auto& input = *static_cast<v4l2_input*>(argument);
-            if (input.index > 0) return fail(EINVAL);
-            input = {};
-            copyName(input.name, sizeof input.name, "Camera");
-            input.type = V4L2_INPUT_TYPE_CAMERA;
-            return 0;
-        }
-        case VIDIOC_G_INPUT:
-            *static_cast<int*>(argument) = 0;
-            return 0;
-        case VIDIOC_S_INPUT:
-            return *static_cast<int*>(argument) == 0 ? 0 : fail(EINVAL);
         case VIDIOC_QUERYCTRL: {
             auto& control = *static_cast<v4l2_queryctrl*>(argument);
             const bool known = control.id == V4L2_CID_FOCUS_AUTO || control.id == V4L2_CID_AUTO_FOCUS_START;
@@ -266,7 +244,6 @@ int answer(int file, unsigned long request, void* argument) {
             auto& buffers = *static_cast<v4l2_requestbuffers*>(argument);
             if (buffers.type != V4L2_BUF_TYPE_VIDEO_CAPTURE || buffers.memory != V4L2_MEMORY_MMAP) return fail(EINVAL);
             buffers.count = std::min(buffers.count, 8U);
-            buffers.capabilities = V4L2_BUF_CAP_SUPPORTS_MMAP;
             bufferCount = buffers.count;
             queued.clear();
             return bufferCount == 0 || ::ftruncate(file, off_t{bufferCount} * kBufferBytes) == 0 ? 0 : -1;
