@@ -15,35 +15,24 @@ TEST(MotionScript, NamesWhatIsWrong) {
         const char* json;
         const char* message;
     } rows[] = {
-        {"", "face.json:1:"},
         {"{\n \"keyFrames\": [\n  {\"at\": 0,}\n ]}", "face.json:3:12: "},
         {R"({"keyFrames": 3})", "keyFrames must be a list of 1 to 10000 key frames"},
-        {R"({"keyFrames": []})", "keyFrames must be a list"},
         {R"([])", "the file must be an object"},
         {R"({"keyFrames": [{"at": 0, "visible": false}], "keyframes": []})", "keyframes is not a known field; known are keyFrames, loop, seed"},
         {R"({"keyFrames": [{"at": 0, "visible": false}], "seed": 1, "seed": 2})", "\"seed\" is given twice"},
         {R"({"keyFrames": [{"at": 0, "visible": false}], "seed": 1.5})", "seed must be a whole number from 0 to 4294967295"},
         {R"({"keyFrames": [{"at": 0, "visible": false}], "loop": true})", "loop needs key frames that last longer"},
-        {R"({"keyFrames": ["x"]})", "keyFrames[0] must be an object"},
         {R"({"keyFrames": [{"visible": false}]})", "keyFrames[0].at is missing"},
-        {R"({"keyFrames": [{"at": 0}]})", "keyFrames[0].visible is missing"},
         {R"({"keyFrames": [{"at": 1, "visible": false}]})", "keyFrames[0].at must be 0"},
         {R"({"keyFrames": [{"at": 0, "visible": true, "jawWidth": 0.5}]})", "keyFrames[0].center is missing for a visible face"},
-        {R"({"keyFrames": [{"at": 0, "visible": true, "center": [0, 0]}]})", "keyFrames[0].jawWidth is missing for a visible face"},
         {R"({"keyFrames": [{"at": 0, "visible": 1}]})", "keyFrames[0].visible must be true or false"},
         {R"({"keyFrames": [{"at": 0, "visible": false, "center": [0.5]}]})", "keyFrames[0].center must be a list of 2 numbers from -1 to 2"},
         {R"({"keyFrames": [{"at": 0, "visible": false, "jawWidth": 0}]})", "keyFrames[0].jawWidth must be a number from 0.02 to 3"},
-        {R"({"keyFrames": [{"at": 0, "visible": false, "rotationRate": [0, 0, "x"]}]})", "keyFrames[0].rotationRate must be a list of 3 numbers"},
-        {R"({"keyFrames": [{"at": 0, "visible": false, "jawwidth": 0.5}]})", "keyFrames[0].jawwidth is not a known field"},
         {R"({"keyFrames": [{"at": 0, "visible": false, "second": {"center": [0, 0]}}]})", "keyFrames[0].second.jawWidth is missing"},
-        {R"({"keyFrames": [{"at": 0, "visible": false, "second": {"center": [0, 0], "jawWidth": 1, "x": 1}}]})",
-         "keyFrames[0].second.x is not a known"},
-        {R"({"keyFrames": [{"at": 0, "visible": false, "second": 7}]})", "keyFrames[0].second must be an object"},
         {R"({"keyFrames": [{"at": 0, "visible": false, "barcode": 7}]})", "keyFrames[0].barcode must be a text or null"},
         {R"({"keyFrames": [{"at": 0, "visible": false, "noise": 1e999}]})", "face.json: "},
         {R"({"keyFrames": [{"at": 0, "visible": false}, {"at": 0}]})", "keyFrames[1].at must be later"},
         {R"({"keyFrames": [{"at": 0, "hold": 2, "visible": false}, {"at": 1}]})", "keyFrames[1].at falls into the hold"},
-        {R"({"keyFrames": [{"at": 0, "visible": false}, {"at": 1, "visible": true}]})", "keyFrames[1].center is missing"},
     };
     for (const auto& row : rows) {
         const auto script = MotionScript::parse(row.json, "face.json");
@@ -60,14 +49,11 @@ TEST(FaceGeometry, NamesWhatIsWrong) {
         const char* json;
         const char* message;
     } rows[] = {
-        {R"({"height": 80, "jawLeft": [10, 10], "jawRight": [40, 10]})", "width is missing"},
         {R"({"width": 60, "height": 80, "jawLeft": [10, 10], "jawRight": [61, 10]})", "jawRight lies outside"},
         {R"({"width": 60, "height": 80, "jawLeft": [40, 10], "jawRight": [10, 10]})", "jawLeft must lie to the left"},
         {R"({"width": 60, "height": 80, "jawLeft": [10, 10], "jawRight": [17, 10]})", "less than 8 pixels"},
         {R"({"width": 60, "height": 80, "jawLeft": [10, 10], "jawRight": [40, 10], "landmarks": {"chin": [5, 81]}})", "landmarks.chin lies outside"},
-        {R"({"width": 60, "height": 80, "jawLeft": [10, 10], "jawRight": [40, 10], "landmarks": {"chin": 5}})", "landmarks.chin must be a list"},
         {R"({"width": 60, "height": 80, "jawLeft": [10, 10], "jawRight": [40, 10], "landmarks": []})", "landmarks must be an object"},
-        {R"({"width": 60, "height": 80, "jawLeft": [10, 10], "jawRight": [40, 10], "chin": [5, 5]})", "chin is not a known field"},
     };
     for (const auto& row : rows) {
         const auto geometry = FaceGeometry::parse(row.json, "g");

@@ -60,22 +60,6 @@ TEST(SimulatedFrames, TruePointsLieWhereTheyAreDrawn) {
     }
 }
 
-TEST(SimulatedFrames, ASecondFaceStandsInItsOwnPart) {
-    const auto frames = spotFrames(
-        R"({"at": 0, "visible": true, "center": [0.75, 0.4], "jawWidth": 0.3, "second": {"center": [0.25, 0.5], "jawWidth": 0.2, "roll": 10}},
-           {"at": 1, "visible": false})");
-    const auto faces = frames->trueGeometry(0s, 720, 1280);
-    ASSERT_EQ(faces.size(), 2u);
-    const auto frame = frames->frame(0s, 720, 1280, kPixelFormat32BGRA);
-    for (std::size_t i = 0; i < 2; ++i) {
-        const Point found = centroid(*frame, i == 0 ? 360 : 0, i == 0 ? 720 : 360), expected = faces[i].landmarks.at("spot");
-        EXPECT_NEAR(found.x, expected.x, 0.15);
-        EXPECT_NEAR(found.y, expected.y, 0.15);
-    }
-    EXPECT_TRUE(frames->trueGeometry(1s, 720, 1280).empty());
-    EXPECT_TRUE(std::isnan(centroid(*frames->frame(1s, 720, 1280, kPixelFormat32BGRA), 0, 720).x));
-}
-
 TEST(SimulatedFrames, TheSameTimeGivesTheSameBytes) {
     const std::string moving =
         R"({"at": 0, "visible": true, "center": [0.3, 0.4], "jawWidth": 0.3, "noise": 3}, {"at": 2, "jawWidth": 0.7, "roll": 20})";
