@@ -58,9 +58,7 @@ TEST(LandmarkModel, SaysWhichFileIsMissingOrDamaged) {
     };
     expectError("/nonexistent/model.dat");
     expectError("/");
-    for (const auto& [name, content] : cases) {
-        expectError(directory.write(name, content));
-    }
+    for (const auto& [name, content] : cases) expectError(directory.write(name, content));
 }
 
 /// A face whose point i lies at (i, 100 + i) in a box of 100 x 50 at (10, 20) of a view of 400 x 200.

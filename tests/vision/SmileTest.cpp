@@ -6,8 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cmath>
-
 namespace selvio::test {
 namespace {
 
@@ -32,20 +30,6 @@ LandmarkPoints schematicFace(double mouthWidth, double cornersBelowNose, double 
     return p;
 }
 
-TEST(Smile, MeasuresInEyeDistancesAlongTheEyeLine) {
-    const LandmarkPoints level = schematicFace(90, 30, 6, 12);
-    for (const auto& [scale, degrees] : {std::pair{1.0, 0.0}, {3.7, 0.0}, {1.0, 25.0}, {0.4, -40.0}}) {
-        LandmarkPoints points = level;
-        const double angle = degrees * std::acos(-1.0) / 180;
-        for (Point& p : points)
-            p = {7 + scale * (p.x * std::cos(angle) - p.y * std::sin(angle)), scale * (p.x * std::sin(angle) + p.y * std::cos(angle))};
-        const auto features = smileFeaturesOf(points);
-        ASSERT_TRUE(features);
-        const double expected[] = {0.90, 0.06, 0.12, 0.32, 0.30, -0.10};
-        for (std::size_t i = 0; i < features->size(); ++i) EXPECT_NEAR((*features)[i], expected[i], 1e-9) << i << " at " << degrees;
-    }
-}
-
 TEST(Smile, IsAWideMouthWithHighCorners) {
     struct Case {
         const char* name;
@@ -59,7 +43,6 @@ TEST(Smile, IsAWideMouthWithHighCorners) {
                           {"sad", 75, 46, -6, 0, false}}) {
         EXPECT_EQ(isSmiling(schematicFace(c.width, c.cornersBelowNose, c.lipsBelowCorners, c.opening)), c.smiles) << c.name;
     }
-    EXPECT_FALSE(smileFeaturesOf(LandmarkPoints{}));
     EXPECT_FALSE(isSmiling(LandmarkPoints{}));
 }
 

@@ -44,8 +44,7 @@ std::shared_ptr<PixelBuffer> toFourBytes(const Picture& picture, PixelFormat for
     });
 }
 
-}  // namespace
-
+/// The sample portrait, read once.
 const Picture& portrait() {
     static const Picture picture = [] {
         const auto pixels = JpegPngImageLoader().loadImage(SELVIO_TEST_PORTRAIT).value();
@@ -58,6 +57,8 @@ const Picture& portrait() {
     }();
     return picture;
 }
+
+}  // namespace
 
 Picture frameOf(int width, int height, const std::vector<Person>& people) {
     const Picture& source = portrait();

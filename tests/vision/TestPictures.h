@@ -35,9 +35,6 @@ Picture rearranged(const Picture& source, int width, int height, From from) {
     return picture;
 }
 
-/// The sample portrait, read once.
-const Picture& portrait();
-
 /// Where a person of the portrait stands in a frame.
 struct Person {
     double x = 0.5;     ///< middle between the upper ends of the jaw line, share of the frame's width
