@@ -23,14 +23,6 @@ TEST(Base64, encodesTheStandardVectors) {
     }
 }
 
-TEST(Base64, everyByteValueInEveryPlaceComesBack) {
-    for (std::size_t offset = 0; offset < 3; ++offset) {
-        Bytes bytes(offset, 7);
-        for (int i = 0; i < 256; ++i) bytes.push_back(static_cast<std::uint8_t>(i));
-        EXPECT_EQ(base64::decode(base64::encode(bytes)), bytes);
-    }
-}
-
 TEST(Base64, refusesWhatIsNotItsOwnText) {
     for (const char* text : {"Zg", "Zg=", "Z===", "====", "Zg==Zg==", "Zm9v\n", "Zm9-", "Zh==", "Zm9=", "Zm 9v==="}) {
         EXPECT_EQ(base64::decode(text), std::nullopt) << text;
