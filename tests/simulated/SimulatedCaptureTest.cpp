@@ -222,16 +222,6 @@ TEST(SimulatedCapture, ClearingTheDelegateEndsTheDeliveries) {
     EXPECT_EQ(rig.recorder->frames.size(), 1u);
 }
 
-TEST(SimulatedCapture, WarmFramesTakeNoNewPixelMemory) {
-    Rig rig;
-    rig.buildAndRun();
-    for (int i = 0; i < 40; ++i) {
-        rig.step(i * 33ms);
-        rig.recorder->frames.clear();
-    }
-    EXPECT_EQ(rig.system->pixelAllocations(), 1u);
-}
-
 // Runs by itself, on a queue of its own.
 struct TimedRig : Rig {
     TimedRig() : Rig(kSteady, {.frameRate = 240}, std::make_shared<SystemClock>()) {

@@ -1,5 +1,6 @@
 // The smile classifier: its features, its decision, and what the detector does with a frame that was just examined.
 #include "platform/linux/vision/Smile.h"
+#include "platform/linux/vision/ViewTransform.h"
 #include "vision/TestPictures.h"
 
 #include <SelvioFacialCapture/linux/Vision.h>
@@ -44,6 +45,15 @@ TEST(Smile, IsAWideMouthWithHighCorners) {
         EXPECT_EQ(isSmiling(schematicFace(c.width, c.cornersBelowNose, c.lipsBelowCorners, c.opening)), c.smiles) << c.name;
     }
     EXPECT_FALSE(isSmiling(LandmarkPoints{}));
+}
+
+TEST(FaceDetector, ShowsPicturesAsTheirOrientationSays) {
+    // Where the buffer's top left corner is shown.
+    const std::pair<ImageOrientation, Point> cases[] = {{ImageOrientation::Up, {0, 0}},           {ImageOrientation::Down, {1, 1}},
+                                                        {ImageOrientation::Left, {0, 1}},         {ImageOrientation::Right, {1, 0}},
+                                                        {ImageOrientation::UpMirrored, {1, 0}},   {ImageOrientation::DownMirrored, {0, 1}},
+                                                        {ImageOrientation::LeftMirrored, {0, 0}}, {ImageOrientation::RightMirrored, {1, 1}}};
+    for (const auto& [orientation, corner] : cases) EXPECT_EQ(viewForImageOrientation(orientation).toView(Point{}), corner);
 }
 
 TEST(FaceDetector, FindsTheSmilingFaceOfThePortrait) {
