@@ -31,7 +31,7 @@ LandmarkPoints schematicFace(double mouthWidth, double cornersBelowNose, double 
     return p;
 }
 
-TEST(Smile, IsAWideMouthWithHighCorners) {
+TEST(Smile, IsAWideMouthWithHighCornersHoweverTheHeadIsHeld) {
     struct Case {
         const char* name;
         double width, cornersBelowNose, lipsBelowCorners, opening;
@@ -42,7 +42,11 @@ TEST(Smile, IsAWideMouthWithHighCorners) {
                           {"closed smile", 115, 28, 8, 2, true},
                           {"laughing", 112, 22, 14, 28, true},
                           {"sad", 75, 46, -6, 0, false}}) {
-        EXPECT_EQ(isSmiling(schematicFace(c.width, c.cornersBelowNose, c.lipsBelowCorners, c.opening)), c.smiles) << c.name;
+        LandmarkPoints points = schematicFace(c.width, c.cornersBelowNose, c.lipsBelowCorners, c.opening);
+        EXPECT_EQ(isSmiling(points), c.smiles) << c.name;
+        const auto features = smileFeaturesOf(points).value();
+        for (Point& p : points) p = {7 + 3.7 * (0.8 * p.x + 0.6 * p.y), 3.7 * (0.8 * p.y - 0.6 * p.x)};  // near and tilted
+        for (std::size_t i = 0; i < features.size(); ++i) EXPECT_NEAR(smileFeaturesOf(points).value()[i], features[i], 1e-9) << i << c.name;
     }
     EXPECT_FALSE(isSmiling(LandmarkPoints{}));
 }
