@@ -13,7 +13,6 @@
 #include "tests/support/LogCapture.h"
 #include "tests/support/ManualClock.h"
 #include "tests/support/ManualQueue.h"
-#include "tests/support/TemporaryDirectory.h"
 
 namespace selvio {
 namespace {

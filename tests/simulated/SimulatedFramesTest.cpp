@@ -20,10 +20,10 @@ double brightness(const PixelBuffer& frame, int x, int y) {
     return std::max(0.0, *test::sampleAt(frame, x, y) - (frame.planeCount() == 1 ? 50.0 : 59.0));
 }
 
-Point centroid(const PixelBuffer& frame, int fromX, int toX) {
+Point centroid(const PixelBuffer& frame) {
     double sum = 0, sumX = 0, sumY = 0;
     for (int y = 0; y < frame.height(); ++y) {
-        for (int x = fromX; x < toX; ++x) {
+        for (int x = 0; x < frame.width(); ++x) {
             const double b = brightness(frame, x, y);
             sum += b;
             sumX += b * (x + 0.5);
@@ -51,7 +51,7 @@ TEST(SimulatedFrames, TruePointsLieWhereTheyAreDrawn) {
                 EXPECT_NEAR((left.x + right.x) / 2, 0.48 * width, 1e-6);
                 EXPECT_NEAR((left.y + right.y) / 2, 0.55 * height, 1e-6);
                 for (const PixelFormat format : {kPixelFormat32BGRA, kPixelFormat420v}) {
-                    const Point found = centroid(*frames->frame(0s, width, height, format), 0, width);
+                    const Point found = centroid(*frames->frame(0s, width, height, format));
                     EXPECT_NEAR(found.x, spot.x, 0.15) << width << " jaw " << jaw << " roll " << roll;
                     EXPECT_NEAR(found.y, spot.y, 0.15) << width << " jaw " << jaw << " roll " << roll;
                 }
