@@ -98,6 +98,87 @@ struct Rig {
     std::shared_ptr<MetadataOutput> metadata = system->makeMetadataOutput();
 };
 
+TEST(SimulatedCapture, FindsItsDevices) {
+    Rig rig;
+    const auto names = [&](CaptureDevicePosition position) {
+        std::vector<std::string> found;
+        const auto discovery = rig.system->discoverDevices({kCaptureDeviceTypeBuiltInWideAngleCamera}, MediaType::Video, position);
+        for (const auto& device : discovery->devices) found.push_back(device->uniqueId());
+        return found;
+    };
+    EXPECT_THAT(names(CaptureDevicePosition::Back), ElementsAre("simulated-back"));
+    EXPECT_THAT(names(CaptureDevicePosition::Front), ElementsAre("simulated-front"));
+    EXPECT_THAT(names(CaptureDevicePosition::Unspecified), ElementsAre("simulated-back", "simulated-front"));
+    EXPECT_TRUE(rig.system->discoverDevices({"Telephoto"}, MediaType::Video, CaptureDevicePosition::Back)->devices.empty());
+
+    const auto back = rig.system->defaultDevice(MediaType::Video);
+    EXPECT_TRUE(back->hasTorch());
+    EXPECT_EQ(back->formats().size(), 6u);
+    EXPECT_FALSE(back->lockForConfiguration());
+    back->setTorchMode(TorchMode::On);
+    back->setFocusMode(FocusMode::ContinuousAutoFocus);
+    back->setFocusPointOfInterest({0.25, 0.75});
+    const SimulatedDeviceState state = rig.system->deviceState(CaptureDevicePosition::Back);
+    EXPECT_EQ(state.torchMode, TorchMode::On);
+    EXPECT_EQ(state.focusMode, FocusMode::ContinuousAutoFocus);
+    EXPECT_EQ(state.focusPointOfInterest, (Point{0.25, 0.75}));
+    EXPECT_EQ(state.locks, 1);
+}
+
+TEST(SimulatedCapture, FramesFollowPresetFormatAndOrientation) {
+    const struct {
+        const char* preset;
+        PixelFormat format;
+        VideoOrientation orientation;
+        VideoFormatDescription expected;
+    } rows[] = {
+        {kCaptureSessionPreset640x480, 0, VideoOrientation::Portrait, {kPixelFormat32BGRA, 480, 640}},
+        {kCaptureSessionPreset1280x720, kPixelFormat420v, VideoOrientation::PortraitUpsideDown, {kPixelFormat420v, 720, 1280}},
+        {kCaptureSessionPreset1280x720, kPixelFormat420v, VideoOrientation::LandscapeRight, {kPixelFormat420v, 1280, 720}},
+        {kCaptureSessionPreset640x480, kPixelFormat32ARGB, VideoOrientation::LandscapeLeft, {kPixelFormat32BGRA, 640, 480}},
+        {kCaptureSessionPresetHigh, kPixelFormat32BGRA, VideoOrientation::NotSet, {kPixelFormat32BGRA, 1920, 1080}},
+    };
+    const LogCapture logged;
+    for (const auto& row : rows) {
+        Rig rig;
+        rig.buildAndRun();
+        rig.session->setSessionPreset(row.preset);
+        rig.video->setPixelFormat(row.format);
+        rig.video->connections().at(0)->setVideoOrientation(row.orientation);
+        rig.step(40ms);
+        ASSERT_EQ(rig.recorder->frames.size(), 1u);
+        EXPECT_EQ(rig.recorder->frames[0]->formatDescription(), row.expected) << row.preset;
+        const auto settings = rig.video->recommendedVideoSettings(kFileTypeMPEG4);
+        EXPECT_EQ(std::pair(settings.width, settings.height), std::pair(row.expected.width, row.expected.height));
+    }
+}
+
+TEST(SimulatedCapture, PermissionsAnswerAsSet) {
+    const struct {
+        AuthorizationStatus status;
+        bool answer;
+        bool granted;
+        AuthorizationStatus after;
+    } rows[] = {
+        {AuthorizationStatus::NotDetermined, true, true, AuthorizationStatus::Authorized},
+        {AuthorizationStatus::NotDetermined, false, false, AuthorizationStatus::Denied},
+        {AuthorizationStatus::Restricted, true, false, AuthorizationStatus::Restricted},
+        {AuthorizationStatus::Denied, true, false, AuthorizationStatus::Denied},
+        {AuthorizationStatus::Authorized, false, true, AuthorizationStatus::Authorized},
+    };
+    for (const auto& row : rows) {
+        Rig rig;
+        rig.system->setAuthorizationStatus(MediaType::Audio, row.status);
+        rig.system->setAccessAnswer(row.answer);
+        std::optional<bool> granted;
+        rig.system->requestAccess(MediaType::Audio, [&](bool answer) { granted = answer; });
+        EXPECT_EQ(granted, row.granted);
+        EXPECT_EQ(rig.system->authorizationStatus(MediaType::Audio), row.after);
+        EXPECT_EQ(bool(rig.system->makeDeviceInput(rig.system->defaultDevice(MediaType::Audio))), row.granted);
+        EXPECT_EQ(rig.system->authorizationStatus(MediaType::Video), AuthorizationStatus::Authorized);
+    }
+}
+
 TEST(SimulatedCapture, EachFaultStopsWhatItNames) {
     Rig rig;
     const auto camera = rig.system->defaultDevice(MediaType::Video), microphone = rig.system->defaultDevice(MediaType::Audio);
