@@ -43,6 +43,12 @@ TEST(CameraRecording, callsInOrderForAWholeRecording) {
     rig.run();
     EXPECT_TRUE(rig.camera->shouldRecord());
     EXPECT_FALSE(rig.camera->writerAudioInput()) << "without the sound track of the file before";
+
+    rig.camera->stop();
+    writerOf(rig)->finish(AssetWriterStatus::Failed);  // before the queue gets to the stop
+    rig.run();
+    writerOf(rig)->finish(AssetWriterStatus::Failed);
+    EXPECT_THAT(rig.log.take(), ElementsAre("*** AVAssetWriterStatusFailed"));
 }
 
 // How a recording can fail to begin: the messages, and the writer that is left.
