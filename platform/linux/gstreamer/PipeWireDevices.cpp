@@ -109,11 +109,11 @@ public:
         if (context_) core_.reset(pw_context_connect(context_.get(), nullptr, 0));
         if (!core_) return std::nullopt;
 
-        pw_core_add_listener(core_.get(), &coreHook_, &coreEvents(), this);
+        pw_core_add_listener(core_.get(), &coreHook_, &kCoreEvents, this);
         auto* const registry = pw_core_get_registry(core_.get(), PW_VERSION_REGISTRY, 0);
         if (registry == nullptr) return std::nullopt;
         registry_.reset(reinterpret_cast<pw_proxy*>(registry));
-        pw_registry_add_listener(registry, &registryHook_, &registryEvents(), this);
+        pw_registry_add_listener(registry, &registryHook_, &kRegistryEvents, this);
 
         const auto timeOut = [](void* self, std::uint64_t) { static_cast<Lookup*>(self)->end(Outcome::TimedOut); };
         spa_source* const timer = pw_loop_add_timer(loop, timeOut, this);
@@ -145,56 +145,10 @@ private:
     };
 
     // Tables of callbacks; the library keeps pointers to them.
-    static const pw_core_events& coreEvents() {
-        static const pw_core_events events = [] {
-            pw_core_events core{};
-            core.version = PW_VERSION_CORE_EVENTS;
-            core.done = [](void* self, std::uint32_t, int sequence) { static_cast<Lookup*>(self)->answered(sequence); };
-            core.error = [](void* self, std::uint32_t id, int, int, const char*) {
-                if (id == PW_ID_CORE) static_cast<Lookup*>(self)->end(Outcome::Failed);  // others: an object that has just gone
-            };
-            return core;
-        }();
-        return events;
-    }
-    static const pw_registry_events& registryEvents() {
-        static const pw_registry_events events = [] {
-            pw_registry_events registry{};
-            registry.version = PW_VERSION_REGISTRY_EVENTS;
-            registry.global = [](void* self, std::uint32_t id, std::uint32_t, const char* type, std::uint32_t, const spa_dict* properties) {
-                static_cast<Lookup*>(self)->objectAppeared(id, type, properties);
-            };
-            registry.global_remove = [](void* self, std::uint32_t id) {
-                for (Entry& entry : static_cast<Lookup*>(self)->entries_) entry.gone |= entry.id == id;
-            };
-            return registry;
-        }();
-        return events;
-    }
-    static const pw_node_events& nodeEvents() {
-        static const pw_node_events events = [] {
-            pw_node_events node{};
-            node.version = PW_VERSION_NODE_EVENTS;
-            node.info = [](void* entry, const pw_node_info* info) { describe(static_cast<Entry*>(entry)->node, info->props); };
-            node.param = [](void* entry, int, std::uint32_t parameter, std::uint32_t, std::uint32_t, const spa_pod* value) {
-                if (parameter == SPA_PARAM_EnumFormat && value != nullptr) addModes(value, static_cast<Entry*>(entry)->node.modes);
-            };
-            return node;
-        }();
-        return events;
-    }
-    static const pw_metadata_events& metadataEvents() {
-        static const pw_metadata_events events = [] {
-            pw_metadata_events metadata{};
-            metadata.version = PW_VERSION_METADATA_EVENTS;
-            metadata.property = [](void* self, std::uint32_t, const char* key, const char*, const char* value) {
-                static_cast<Lookup*>(self)->settingRead(key, value);
-                return 0;
-            };
-            return metadata;
-        }();
-        return events;
-    }
+    static const pw_core_events kCoreEvents;
+    static const pw_registry_events kRegistryEvents;
+    static const pw_node_events kNodeEvents;
+    static const pw_metadata_events kMetadataEvents;
 
     void end(Outcome outcome) {
         outcome_ = outcome;
@@ -230,7 +184,7 @@ private:
         Entry& entry = entries_.emplace_back();
         entry.id = id;
         entry.proxy.reset(reinterpret_cast<pw_proxy*>(node));
-        pw_node_add_listener(node, &entry.hook, &nodeEvents(), &entry);
+        pw_node_add_listener(node, &entry.hook, &kNodeEvents, &entry);
         if (mediaType_ == MediaType::Video) pw_node_enum_params(node, 0, SPA_PARAM_EnumFormat, 0, UINT32_MAX, nullptr);
     }
 
@@ -251,7 +205,7 @@ private:
         auto* const metadata = metadata_ ? nullptr : static_cast<pw_metadata*>(bind(id, PW_TYPE_INTERFACE_Metadata, PW_VERSION_METADATA));
         if (metadata == nullptr) return;
         metadata_.reset(reinterpret_cast<pw_proxy*>(metadata));
-        pw_metadata_add_listener(metadata, &metadataHook_, &metadataEvents(), this);
+        pw_metadata_add_listener(metadata, &metadataHook_, &kMetadataEvents, this);
     }
 
     // The session manager keeps the person's choice as {"name": "..."}.
@@ -277,6 +231,43 @@ private:
     PipeWirePtr<pw_proxy> registry_;
     PipeWirePtr<pw_proxy> metadata_;
     std::list<Entry> entries_;  // listeners point at them
+};
+
+const pw_core_events Lookup::kCoreEvents{
+    .version = PW_VERSION_CORE_EVENTS,
+    .done = [](void* self, std::uint32_t, int sequence) { static_cast<Lookup*>(self)->answered(sequence); },
+    .error =
+        [](void* self, std::uint32_t id, int, int, const char*) {
+            if (id == PW_ID_CORE) static_cast<Lookup*>(self)->end(Outcome::Failed);  // others: an object that has just gone
+        },
+};
+
+const pw_registry_events Lookup::kRegistryEvents{
+    .version = PW_VERSION_REGISTRY_EVENTS,
+    .global = [](void* self, std::uint32_t id, std::uint32_t, const char* type, std::uint32_t,
+                 const spa_dict* properties) { static_cast<Lookup*>(self)->objectAppeared(id, type, properties); },
+    .global_remove =
+        [](void* self, std::uint32_t id) {
+            for (Entry& entry : static_cast<Lookup*>(self)->entries_) entry.gone |= entry.id == id;
+        },
+};
+
+const pw_node_events Lookup::kNodeEvents{
+    .version = PW_VERSION_NODE_EVENTS,
+    .info = [](void* entry, const pw_node_info* info) { describe(static_cast<Entry*>(entry)->node, info->props); },
+    .param =
+        [](void* entry, int, std::uint32_t parameter, std::uint32_t, std::uint32_t, const spa_pod* value) {
+            if (parameter == SPA_PARAM_EnumFormat && value != nullptr) addModes(value, static_cast<Entry*>(entry)->node.modes);
+        },
+};
+
+const pw_metadata_events Lookup::kMetadataEvents{
+    .version = PW_VERSION_METADATA_EVENTS,
+    .property =
+        [](void* self, std::uint32_t, const char* key, const char*, const char* value) {
+            static_cast<Lookup*>(self)->settingRead(key, value);
+            return 0;
+        },
 };
 
 }  // namespace
