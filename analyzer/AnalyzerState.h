@@ -36,7 +36,9 @@ struct SelvioFacialCaptureAnalyzer::State {
     static constexpr int kAutomaticAnalysisVersion = 12;
 
     [[nodiscard]] selvio::rules::GateFlags gateFlags() const;
-    [[nodiscard]] bool canAnalyze() const { return systemMajorVersion >= kAutomaticAnalysisVersion && sequenceRequestHandler != nullptr; }
+    [[nodiscard]] bool canAnalyze() const {
+        return systemMajorVersion >= kAutomaticAnalysisVersion && sequenceRequestHandler != nullptr;
+    }
 
     const selvio::Platform platform;
     const int systemMajorVersion;
@@ -66,23 +68,25 @@ struct SelvioFacialCaptureAnalyzer::State {
     std::shared_ptr<selvio::SampleBuffer> sampleBuffer;           // guarded by mutex; the frame under analysis
     FrameId heldFrame = kNoFrame;                                 // guarded by mutex; which frame that is
     FrameId lastFrame = kNoFrame;                                 // guarded by mutex
-    std::optional<selvio::Image> ciImage;                         // guarded by mutex; the frame that the smile test examines
-    selvio::rules::PreviewGeometry geometry;                      // guarded by mutex
-    double faceHorizontalFill = 0.0;                              // guarded by mutex
-    selvio::Point noseMiddle;                                     // guarded by mutex
-    selvio::Point lipLeft;                                        // guarded by mutex
-    selvio::Point lipRight;                                       // guarded by mutex
+    std::optional<selvio::Image> ciImage;     // guarded by mutex; the frame that the smile test examines
+    selvio::rules::PreviewGeometry geometry;  // guarded by mutex
+    double faceHorizontalFill = 0.0;          // guarded by mutex
+    selvio::Point noseMiddle;                 // guarded by mutex
+    selvio::Point lipLeft;                    // guarded by mutex
+    selvio::Point lipRight;                   // guarded by mutex
 
     std::mutex eventMutex;  // held while an event is logged, so that none follows after `stop`; taken before `mutex`
     bool spent = false;     // guarded by eventMutex
 
-    // Held while a selection or `cancel` closes the record and fills the results, so that neither mixes with the other; taken before eventMutex.
+    // Held while a selection or `cancel` closes the record and fills the results, so that neither mixes with the other;
+    // taken before eventMutex.
     std::mutex closingMutex;
 
-    std::mutex motionMutex;                                // held while the feed is started or stopped; nothing else is taken inside
+    std::mutex motionMutex;  // held while the feed is started or stopped; nothing else is taken inside
     std::shared_ptr<selvio::MotionManager> motionManager;  // guarded by motionMutex; null once spent
 
-    std::mutex visionMutex;  // held while a request is performed: the handler serves one thread at a time; taken before the others
+    std::mutex visionMutex;  // held while a request is performed: the handler serves one thread at a time; taken before
+                             // the others
 
     // Last, so that it is joined first: its blocks use the members above.
     const std::shared_ptr<selvio::Queue> analysisQueue;

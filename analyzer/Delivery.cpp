@@ -1,4 +1,5 @@
-// What reaches the host: statuses, countdown, the selected picture. Steps run on the main queue and read the results as they are then.
+// What reaches the host: statuses, countdown, the selected picture. Steps run on the main queue and read the results as
+// they are then.
 #include <SelvioFacialCapture/SelvioFacialCaptureAnalyzer.h>
 
 #include <utility>
@@ -93,7 +94,8 @@ void Analyzer::deliverResultsOrSelectManually() {
     if (!state_->shouldSelectCurrentFrame || !host || !host->detectionSuccess) return deliverCurrentResults();
     if (state_->selectionInProgress.exchange(true)) return;
     const auto current = results();
-    if (closeCapture(current, state_->history.newest(), SelvioFacialCaptureResultCodeSuccessStillCamera)) deliverSuccess(current);
+    if (closeCapture(current, state_->history.newest(), SelvioFacialCaptureResultCodeSuccessStillCamera))
+        deliverSuccess(current);
 }
 
 // The frame that triggered this is the newest of the history.
@@ -105,7 +107,8 @@ void Analyzer::deliverManually() {
     } else if (current->orderedStatuses().value_or(Statuses()).empty()) {
         current->setOrderedStatuses(Statuses{SelvioFacialCaptureStatusGoodFrame});
     }
-    if (closeCapture(current, state_->history.newest(), SelvioFacialCaptureResultCodeSuccessStillCamera)) deliverSuccess(current);
+    if (closeCapture(current, state_->history.newest(), SelvioFacialCaptureResultCodeSuccessStillCamera))
+        deliverSuccess(current);
 }
 
 void Analyzer::selectAutomatically() {
@@ -114,10 +117,12 @@ void Analyzer::selectAutomatically() {
     const auto current = results();
     if (!current) return;
     current->setOrderedStatuses(Statuses{SelvioFacialCaptureStatusGoodFrame});
-    if (closeCapture(current, state_->history.newest(), SelvioFacialCaptureResultCodeSuccessVideo)) deliverSuccess(current);
+    if (closeCapture(current, state_->history.newest(), SelvioFacialCaptureResultCodeSuccessVideo))
+        deliverSuccess(current);
 }
 
-// The end of every selection; false if there is nothing to deliver, because the capture was stopped or cancelled before.
+// The end of every selection; false if there is nothing to deliver, because the capture was stopped or cancelled
+// before.
 bool Analyzer::closeCapture(const Results& selected, std::optional<Image> image, SelvioFacialCaptureResultCode code) {
     const std::lock_guard lock(state_->closingMutex);
     if (!selected || !parameters() || state_->cancelling) return false;
@@ -137,6 +142,7 @@ void Analyzer::finalizeObix(SelvioFacialCaptureResults& results) {
     if (const auto log = events()) record->addUXP(*log);
     record->add({{"Autocapture", automatic ? "1" : "0"}});
     record->add({{"SelvioResultCode", SelvioFacialCaptureResults::stringFrom(results.resultCode()).value_or("")}});
-    results.setEncodedSelectedImage(record->addToImage(results.selectedImage(), static_cast<double>(settings->imageQuality())));
+    results.setEncodedSelectedImage(
+        record->addToImage(results.selectedImage(), static_cast<double>(settings->imageQuality())));
     results.setObixDataString(record->obixDataString());
 }

@@ -8,7 +8,8 @@ using namespace selvio;
 using Analyzer = SelvioFacialCaptureAnalyzer;
 using Statuses = std::vector<SelvioFacialCaptureStatus>;
 
-void Analyzer::normalizeFaceLandmarkPointsFrom(const FaceObservation& observation, SelvioFacialCaptureResults& results) const {
+void Analyzer::normalizeFaceLandmarkPointsFrom(const FaceObservation& observation,
+                                               SelvioFacialCaptureResults& results) const {
     const FaceLandmarks landmarks = observation.landmarks.value_or(FaceLandmarks{});
     const Rect rect = state_->mutex.get(state_->geometry).faceRect(observation.boundingBox);
     results.setFaceRect(rect);
@@ -25,7 +26,9 @@ void Analyzer::analyzeFaceLandmarkPoints(SelvioFacialCaptureResults& results) {
 
     const rules::PreviewGeometry geometry = s.mutex.get(s.geometry);
     const rules::FaceChecksResult checked = rules::checkFace({
-        .points = {.contour = results.faceContourPoints(), .nose = results.nosePoints(), .outerLips = results.outerLipsPoints()},
+        .points = {.contour = results.faceContourPoints(),
+                   .nose = results.nosePoints(),
+                   .outerLips = results.outerLipsPoints()},
         .limits = {.roll = settings->roll(),
                    .pitch = settings->pitch(),
                    .yaw = settings->yaw(),
@@ -72,7 +75,8 @@ void Analyzer::gateGoodFrame() {
             // Frames go on being kept meanwhile; the test is about this one.
             const std::optional<Image> image = s.mutex.get(s.ciImage);
             s.platform.globalQueue->async([weak = weak_from_this(), image] {
-                if (const auto self = weak.lock()) withoutThrowing("A smile could not be judged", [&] { self->testSmile(image); });
+                if (const auto self = weak.lock())
+                    withoutThrowing("A smile could not be judged", [&] { self->testSmile(image); });
             });
             return;
         }
@@ -91,7 +95,8 @@ void Analyzer::testSmile(const std::optional<Image>& image) {
     SELVIO_ASSERT_ON_QUEUE(s.platform.globalQueue);
     const auto current = results();
     const auto settings = parameters();
-    const auto faces = image && s.faceDetector ? s.faceDetector->featuresInImage(*image, /*smile=*/true) : std::vector<FaceFeature>();
+    const auto faces =
+        image && s.faceDetector ? s.faceDetector->featuresInImage(*image, /*smile=*/true) : std::vector<FaceFeature>();
     if (faces.size() != 1 || !current || !settings) {
         s.smileDetectionInProgress = false;
         return;
@@ -102,13 +107,15 @@ void Analyzer::testSmile(const std::optional<Image>& image) {
     // Stays set on purpose, and so keeps every later frame out until `resume` clears it.
     if (s.selectionInProgress || s.shouldSkipFrames) return;
 
-    const Statuses statuses{judgement.askToStopSmiling ? SelvioFacialCaptureStatusStopSmiling : SelvioFacialCaptureStatusGoodFrame};
+    const Statuses statuses{judgement.askToStopSmiling ? SelvioFacialCaptureStatusStopSmiling
+                                                       : SelvioFacialCaptureStatusGoodFrame};
     current->setOrderedStatuses(statuses);
     addUxpFor(statuses);
     if (judgement.selection == rules::SmileSelection::None) {
         submitToMainQueue(&Analyzer::deliverResultsOrSelectManually);
     } else if (!s.selectionInProgress.exchange(true)) {
-        auto image = judgement.selection == rules::SmileSelection::OldestFrame ? s.history.oldest() : s.history.newest();
+        auto image =
+            judgement.selection == rules::SmileSelection::OldestFrame ? s.history.oldest() : s.history.newest();
         if (closeCapture(current, std::move(image), SelvioFacialCaptureResultCodeSuccessVideo)) {
             s.platform.mainQueue->async([weak = weak_from_this(), current] {
                 if (const auto self = weak.lock()) self->deliverSuccess(current);

@@ -37,7 +37,8 @@ void Analyzer::analyzeSampleBuffer(const std::shared_ptr<SampleBuffer>& sampleBu
         }
         state_->analysisQueue->async([weak = weak_from_this(), id] {
             const auto self = weak.lock();
-            if (self && !withoutThrowing("A frame could not be analysed", [&] { self->analyzeHeldFrame(id); })) self->releaseSampleBuffer(id);
+            if (self && !withoutThrowing("A frame could not be analysed", [&] { self->analyzeHeldFrame(id); }))
+                self->releaseSampleBuffer(id);
         });
     } catch (const std::bad_alloc&) {  // this frame is dropped; the next one may do better
         log("A frame could not be taken: not enough memory");
@@ -61,7 +62,8 @@ void Analyzer::analyzeHeldFrame(FrameId id) {
 
     const bool manual = s.manualOnly || parameters->mode() == SelvioFacialCaptureModeManual;
     const auto host = delegate();
-    if (manual && s.shouldSelectCurrentFrame && host && host->detectionSuccess && !s.selectionInProgress.exchange(true)) {
+    if (manual && s.shouldSelectCurrentFrame && host && host->detectionSuccess &&
+        !s.selectionInProgress.exchange(true)) {
         releaseSampleBuffer(id);
         submitToMainQueue(&Analyzer::deliverManually);
     }
@@ -76,20 +78,23 @@ void Analyzer::analyzeHeldFrame(FrameId id) {
         const std::lock_guard lock(s.mutex);
         if (s.results) s.results.swap(results);  // once spent there are none
         if (s.geometry.resolution == Size{}) {
-            s.geometry.setResolution({.width = static_cast<double>(pixelBuffer->width()), .height = static_cast<double>(pixelBuffer->height())});
+            s.geometry.setResolution({.width = static_cast<double>(pixelBuffer->width()),
+                                      .height = static_cast<double>(pixelBuffer->height())});
         }
     }
     s.exifOrientation = exifOrientationForCurrentDeviceOrientation();
     performLandmarksRequest(pixelBuffer, s.exifOrientation, id);
 }
 
-void Analyzer::performLandmarksRequest(const std::shared_ptr<const PixelBuffer>& pixelBuffer, std::uint32_t exifOrientation, FrameId id) {
+void Analyzer::performLandmarksRequest(const std::shared_ptr<const PixelBuffer>& pixelBuffer,
+                                       std::uint32_t exifOrientation, FrameId id) {
     // The handler calls back before it returns, while the caller holds this.
-    const auto request = std::make_shared<FaceLandmarksRequest>([this, id](const FaceLandmarksRequest& done, const std::optional<Error>& error) {
-        // The frame goes before its result is judged, so that the next one may come in meanwhile.
-        releaseSampleBuffer(id);
-        detectedFace(done, error);
-    });
+    const auto request = std::make_shared<FaceLandmarksRequest>(
+        [this, id](const FaceLandmarksRequest& done, const std::optional<Error>& error) {
+            // The frame goes before its result is judged, so that the next one may come in meanwhile.
+            releaseSampleBuffer(id);
+            detectedFace(done, error);
+        });
     request->setRevision(landmarksRevision(state_->systemMajorVersion));
     const std::lock_guard lock(state_->visionMutex);
     const auto error = state_->sequenceRequestHandler->performRequests({request}, pixelBuffer, exifOrientation);
@@ -97,8 +102,8 @@ void Analyzer::performLandmarksRequest(const std::shared_ptr<const PixelBuffer>&
     releaseSampleBuffer(id);
 }
 
-// Gives back the frame and opens the latch. Only the frame that is held can be given back: a second call for one that has gone changes nothing, so
-// that the next frame keeps its place.
+// Gives back the frame and opens the latch. Only the frame that is held can be given back: a second call for one that
+// has gone changes nothing, so that the next frame keeps its place.
 void Analyzer::releaseSampleBuffer(FrameId id) {
     std::shared_ptr<SampleBuffer> released;
     const std::lock_guard lock(state_->mutex);
@@ -123,7 +128,8 @@ void Analyzer::detectedFace(const FaceLandmarksRequest& request, const std::opti
     }
 }
 
-void Analyzer::reportStatuses(SelvioFacialCaptureResults& results, const std::vector<SelvioFacialCaptureStatus>& statuses) {
+void Analyzer::reportStatuses(SelvioFacialCaptureResults& results,
+                              const std::vector<SelvioFacialCaptureStatus>& statuses) {
     results.setOrderedStatuses(statuses);
     addUxpFor(statuses);
     submitToMainQueue(&Analyzer::deliverCurrentResults);

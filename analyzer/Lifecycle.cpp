@@ -32,7 +32,8 @@ std::shared_ptr<T> made(const std::function<std::shared_ptr<T>()>& make) {
 }
 
 bool isRotating(const RotationRate& rate) {
-    return std::abs(rate.x) > kHoldStillThreshold || std::abs(rate.y) > kHoldStillThreshold || std::abs(rate.z) > kHoldStillThreshold;
+    return std::abs(rate.x) > kHoldStillThreshold || std::abs(rate.y) > kHoldStillThreshold ||
+           std::abs(rate.z) > kHoldStillThreshold;
 }
 
 std::string queueLabel(const char* name) {
@@ -45,7 +46,8 @@ Analyzer::State::State(const Platform& ports)
     : platform(ports),
       systemMajorVersion(majorVersion(ports.device)),
       statusbarOrientation(ports.screen ? ports.screen->statusBarOrientation() : InterfaceOrientation::Unknown),
-      sequenceRequestHandler(systemMajorVersion >= kSequenceHandlerVersion ? made(ports.makeSequenceRequestHandler) : nullptr),
+      sequenceRequestHandler(systemMajorVersion >= kSequenceHandlerVersion ? made(ports.makeSequenceRequestHandler)
+                                                                           : nullptr),
       faceDetector(made(ports.makeFaceDetector)),
       framePool(PixelBufferPool::create()),
       analysisQueue(ports.makeSerialQueue(queueLabel(".frameAnalysisQueue"))) {
@@ -57,10 +59,13 @@ Analyzer::State::State(const Platform& ports)
 }
 
 rules::GateFlags Analyzer::State::gateFlags() const {
-    return {.selectionInProgress = selectionInProgress, .shouldSkipFrames = shouldSkipFrames, .smileDetectionInProgress = smileDetectionInProgress};
+    return {.selectionInProgress = selectionInProgress,
+            .shouldSkipFrames = shouldSkipFrames,
+            .smileDetectionInProgress = smileDetectionInProgress};
 }
 
-std::shared_ptr<Analyzer> Analyzer::initWithParameters(std::shared_ptr<SelvioFacialCaptureParameters> parameters, const Platform& platform) {
+std::shared_ptr<Analyzer> Analyzer::initWithParameters(std::shared_ptr<SelvioFacialCaptureParameters> parameters,
+                                                       const Platform& platform) {
     if (!parameters) {
         log("An analyzer cannot be made without parameters");
         return nullptr;
@@ -132,7 +137,8 @@ void Analyzer::resume() {
     state_->smileDetectionInProgress = false;
     state_->selectionInProgress = false;
     state_->shouldSelectCurrentFrame = false;
-    addEvent(current->mode() == SelvioFacialCaptureModeAuto ? SelvioFacialCaptureUxpEventStartAuto : SelvioFacialCaptureUxpEventStartManual);
+    addEvent(current->mode() == SelvioFacialCaptureModeAuto ? SelvioFacialCaptureUxpEventStartAuto
+                                                            : SelvioFacialCaptureUxpEventStartManual);
     startMotionUpdates();
     obixData()->addParameters(current->toDictionary());
 }
@@ -141,11 +147,11 @@ void Analyzer::startMotionUpdates() {
     const std::lock_guard lock(state_->motionMutex);
     // A pause that came meanwhile has set its flag and stopped the feed, or waits to.
     if (!state_->motionManager || state_->shouldSkipFrames) return;
-    state_->motionManager->startDeviceMotionUpdates(state_->platform.makeSerialQueue(queueLabel(".deviceMotionQueue")),
-                                                    [weak = weak_from_this()](const DeviceMotion& motion, const std::optional<Error>&) {
-                                                        if (const auto self = weak.lock())
-                                                            self->state_->shouldHoldStill = isRotating(motion.rotationRate);
-                                                    });
+    state_->motionManager->startDeviceMotionUpdates(
+        state_->platform.makeSerialQueue(queueLabel(".deviceMotionQueue")),
+        [weak = weak_from_this()](const DeviceMotion& motion, const std::optional<Error>&) {
+            if (const auto self = weak.lock()) self->state_->shouldHoldStill = isRotating(motion.rotationRate);
+        });
 }
 
 void Analyzer::stop() {
@@ -170,7 +176,8 @@ void Analyzer::cancel() {
     {
         const std::lock_guard lock(state_->closingMutex);
         // What a selection has filled may be in the host's hands already.
-        if (cancelled->resultCode() != SelvioFacialCaptureResultCodeNone) cancelled = std::make_shared<SelvioFacialCaptureResults>();
+        if (cancelled->resultCode() != SelvioFacialCaptureResultCodeNone)
+            cancelled = std::make_shared<SelvioFacialCaptureResults>();
         const auto record = obixData();
         const SelvioFacialCaptureResultCode code = SelvioFacialCaptureResultCodeCancelled;
         addEvent(SelvioFacialCaptureUxpEventCancelled);

@@ -76,7 +76,8 @@ void ConcurrentQueue::async(Block block) {
 }
 
 void ConcurrentQueue::asyncAfter(std::chrono::nanoseconds delay, Block block) {
-    timer_->asyncAfter(delay, [state = state_, block = std::move(block)]() mutable { state->submit(std::move(block)); });
+    timer_->asyncAfter(delay,
+                       [state = state_, block = std::move(block)]() mutable { state->submit(std::move(block)); });
 }
 
 bool ConcurrentQueue::isCurrent() const {

@@ -84,7 +84,8 @@ void MainQueue::run() {
         if (delayed_.empty()) {
             changed_.wait(lock);
         } else {
-            changed_.wait_for(lock, std::max(delayed_.begin()->first - clock_->monotonicTime(), std::chrono::nanoseconds(0)));
+            changed_.wait_for(lock,
+                              std::max(delayed_.begin()->first - clock_->monotonicTime(), std::chrono::nanoseconds(0)));
         }
     }
 }

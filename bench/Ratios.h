@@ -23,7 +23,8 @@ public:
     RatioReporter() : ConsoleReporter(OO_Tabular) {}
     void ReportRuns(const std::vector<Run>& runs) override {
         for (const Run& run : runs) {
-            if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median") medians_[run.run_name.function_name] = run.GetAdjustedCPUTime();
+            if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median")
+                medians_[run.run_name.function_name] = run.GetAdjustedCPUTime();
         }
         ConsoleReporter::ReportRuns(runs);
     }
@@ -63,7 +64,8 @@ inline int runWithRatios(int argc, char** argv, const std::vector<Ratio>& ratios
     for (const Ratio& ratio : ratios) {
         const double measured = reporter.median(ratio.measured);
         const double baseline = reporter.median(ratio.baseline);
-        if (measured > 0 && baseline > 0) std::printf("%-60s ratio %.3f (at most %.2f)\n", ratio.title.c_str(), measured / baseline, ratio.atMost);
+        if (measured > 0 && baseline > 0)
+            std::printf("%-60s ratio %.3f (at most %.2f)\n", ratio.title.c_str(), measured / baseline, ratio.atMost);
     }
     return 0;
 }

@@ -1,4 +1,5 @@
-// What the analyzer adds to a frame: the refusal of one that comes too early, the way of one that is analysed, and the rules alone.
+// What the analyzer adds to a frame: the refusal of one that comes too early, the way of one that is analysed, and the
+// rules alone.
 #include <SelvioFacialCapture/SelvioFacialCapture.h>
 #include <SelvioFacialCapture/base/SerialQueue.h>
 #include <benchmark/benchmark.h>
@@ -39,7 +40,8 @@ namespace {
 
 using namespace selvio;
 
-/// A face that nothing is wrong with but its size, so that every frame ends in statuses, in the detector's coordinates of a 1080 x 1920 screen.
+/// A face that nothing is wrong with but its size, so that every frame ends in statuses, in the detector's coordinates
+/// of a 1080 x 1920 screen.
 FaceObservation smallFace() {
     FaceLandmarkRegion contour{std::vector<Point>(17, Point{1300.0 / 1920, 0.5})};
     contour.normalizedPoints[16] = {800.0 / 1920, 0.35};
@@ -47,7 +49,8 @@ FaceObservation smallFace() {
     FaceLandmarkRegion nose{std::vector<Point>(9, Point{1000.0 / 1920, 0.5})};
     nose.normalizedPoints[2] = {1000.0 / 1920, 0.46};
     nose.normalizedPoints[6] = {1000.0 / 1920, 0.54};
-    return {.boundingBox = {0, 0, 1, 1}, .landmarks = FaceLandmarks{contour, nose, FaceLandmarkRegion{std::vector<Point>(14, Point{0.6, 0.5})}}};
+    return {.boundingBox = {0, 0, 1, 1},
+            .landmarks = FaceLandmarks{contour, nose, FaceLandmarkRegion{std::vector<Point>(14, Point{0.6, 0.5})}}};
 }
 
 Platform fakePlatform(const std::shared_ptr<FakeSequenceRequestHandler>& vision) {
@@ -60,8 +63,11 @@ Platform fakePlatform(const std::shared_ptr<FakeSequenceRequestHandler>& vision)
 
 void refusedFrame(benchmark::State& state) {
     Platform platform = fakePlatform(std::make_shared<FakeSequenceRequestHandler>());
-    platform.makeSerialQueue = [](const std::string& label) { return std::make_shared<ManualQueue>(label); };  // never run: the frame stays held
-    const auto analyzer = SelvioFacialCaptureAnalyzer::initWithParameters(std::make_shared<SelvioFacialCaptureParameters>(), platform);
+    platform.makeSerialQueue = [](const std::string& label) {
+        return std::make_shared<ManualQueue>(label);
+    };  // never run: the frame stays held
+    const auto analyzer =
+        SelvioFacialCaptureAnalyzer::initWithParameters(std::make_shared<SelvioFacialCaptureParameters>(), platform);
     const auto frame = SampleBuffer::makeVideo(PixelBuffer::create(720, 1280, kPixelFormat420v));
     analyzer->analyzeSampleBuffer(frame);
     const long before = allocations;
@@ -69,19 +75,22 @@ void refusedFrame(benchmark::State& state) {
     state.counters["allocations"] = static_cast<double>(allocations - before);
 }
 
-// From submission to the delegate's turn on the main queue, over two threads that wait in between. The frame is tiny, so that its copy costs nothing.
+// From submission to the delegate's turn on the main queue, over two threads that wait in between. The frame is tiny,
+// so that its copy costs nothing.
 void analysedFrame(benchmark::State& state) {
     const auto vision = std::make_shared<FakeSequenceRequestHandler>();
     vision->setObservations(std::vector<FaceObservation>{smallFace()});
     const auto mainQueue = std::make_shared<MainQueue>();
     Platform platform = fakePlatform(vision);
     platform.mainQueue = mainQueue;
-    const auto analyzer = SelvioFacialCaptureAnalyzer::initWithParameters(std::make_shared<SelvioFacialCaptureParameters>(), platform);
+    const auto analyzer =
+        SelvioFacialCaptureAnalyzer::initWithParameters(std::make_shared<SelvioFacialCaptureParameters>(), platform);
     const auto delegate = std::make_shared<SelvioFacialCaptureAnalyzerDelegate>();
     std::vector<double> microseconds;
     std::chrono::steady_clock::time_point submitted;
     delegate->detectionResults = [&](const auto&) {
-        microseconds.push_back(std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - submitted).count());
+        microseconds.push_back(
+            std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - submitted).count());
         mainQueue->quit();
     };
     analyzer->setDelegate(delegate);
@@ -94,7 +103,8 @@ void analysedFrame(benchmark::State& state) {
         while (analyzer->inProgress()) {
         }
     }
-    std::nth_element(microseconds.begin(), microseconds.begin() + static_cast<std::ptrdiff_t>(microseconds.size() / 2), microseconds.end());
+    std::nth_element(microseconds.begin(), microseconds.begin() + static_cast<std::ptrdiff_t>(microseconds.size() / 2),
+                     microseconds.end());
     state.counters["median_us"] = microseconds[microseconds.size() / 2];
 }
 

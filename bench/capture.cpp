@@ -1,14 +1,16 @@
-// What capture adds to GStreamer: the processor time from the camera to the delegate, beside a bare pipeline of the same source with the same
-// conversion into fakesink. Each run is three seconds of 1280x720 at 30 frames a second.
+// What capture adds to GStreamer: the processor time from the camera to the delegate, beside a bare pipeline of the
+// same source with the same conversion into fakesink. Each run is three seconds of 1280x720 at 30 frames a second.
 //
-// Without a conversion ("native") the bare pipeline does next to nothing; the difference in processor time, not the ratio, is the cost of handing
-// 90 frames on to another thread.
+// Without a conversion ("native") the bare pipeline does next to nothing; the difference in processor time, not the
+// ratio, is the cost of handing 90 frames on to another thread.
 //
-// How late frames reach a camera's delegate, with and without an analyzer that is fed there, is printed as well (five seconds each, a portrait before
-// the camera): "latest" is the longest way of a frame from its capture to the delegate, in frame times, which should stay below 1.
+// How late frames reach a camera's delegate, with and without an analyzer that is fed there, is printed as well (five
+// seconds each, a portrait before the camera): "latest" is the longest way of a frame from its capture to the delegate,
+// in frame times, which should stay below 1.
 //
 // With a camera's name in SELVIO_BENCH_CAMERA that camera is measured as well, for example a virtual one:
-//   private-pipewire.sh sh -c 'selvio-virtual-camera Bench front 30 NV12:1280x720 & SELVIO_BENCH_CAMERA=Bench bench_capture'
+//   private-pipewire.sh sh -c 'selvio-virtual-camera Bench front 30 NV12:1280x720 & SELVIO_BENCH_CAMERA=Bench
+//   bench_capture'
 #include <SelvioFacialCapture/SelvioFacialCapture.h>
 #include <SelvioFacialCapture/base/MainQueue.h>
 #include <SelvioFacialCapture/base/SerialQueue.h>
@@ -51,7 +53,8 @@ public:
     std::atomic<int> drops{0};
 };
 
-void runSession(benchmark::State& state, const std::shared_ptr<CaptureSystem>& system, PixelFormat format, const char* name, bool codes = false) {
+void runSession(benchmark::State& state, const std::shared_ptr<CaptureSystem>& system, PixelFormat format,
+                const char* name, bool codes = false) {
     std::shared_ptr<CaptureDevice> camera;
     const auto found = system->discoverDevices({}, MediaType::Video, CaptureDevicePosition::Unspecified);
     for (const auto& device : found->devices) {
@@ -111,9 +114,9 @@ void BM_converted(benchmark::State& state) {
     runSession(state, pictureOf("YUY2"), kPixelFormat32BGRA, "picture");
 }
 void BM_converted_bare(benchmark::State& state) {
-    runBare(
-        state,
-        kPicture + " ! video/x-raw,format=YUY2,width=1280,height=720,framerate=30/1 ! videoconvert ! video/x-raw,format=BGRA ! fakesink sync=false");
+    runBare(state, kPicture +
+                       " ! video/x-raw,format=YUY2,width=1280,height=720,framerate=30/1 ! videoconvert ! "
+                       "video/x-raw,format=BGRA ! fakesink sync=false");
 }
 void BM_converted_codes(benchmark::State& state) {
     runSession(state, pictureOf("YUY2"), kPixelFormat32BGRA, "picture", true);
@@ -127,9 +130,10 @@ constexpr double kFrameTime = 1.0 / 30;  // seconds
 /// The middle of the sample portrait, still, in 1280x720.
 SourceCamera portraitCamera() {
     return {.name = "portrait",
-            .source = "filesrc location=\"" SELVIO_BENCH_PORTRAIT
-                      "\" ! jpegdec ! videoscale add-borders=true ! videoconvert ! "
-                      "video/x-raw,format=NV12,width=1280,height=720,pixel-aspect-ratio=1/1 ! imagefreeze is-live=true"};
+            .source =
+                "filesrc location=\"" SELVIO_BENCH_PORTRAIT
+                "\" ! jpegdec ! videoscale add-borders=true ! videoconvert ! "
+                "video/x-raw,format=NV12,width=1280,height=720,pixel-aspect-ratio=1/1 ! imagefreeze is-live=true"};
 }
 
 void runCamera(benchmark::State& state, bool analyse) {
@@ -138,7 +142,8 @@ void runCamera(benchmark::State& state, bool analyse) {
     Platform platform = makeLinuxPlatform();
     platform.mainQueue = mainQueue;
     platform.captureSystem = makeGstCaptureSystem({.systemDevices = false, .sources = {portraitCamera()}});
-    const auto analyzer = SelvioFacialCaptureAnalyzer::initWithParameters(std::make_shared<SelvioFacialCaptureParameters>(), platform);
+    const auto analyzer =
+        SelvioFacialCaptureAnalyzer::initWithParameters(std::make_shared<SelvioFacialCaptureParameters>(), platform);
     const auto host = std::make_shared<SelvioFacialCaptureAnalyzerDelegate>();
     int faces = 0;
     host->detectionResults = [&](const auto& results) {
@@ -147,7 +152,8 @@ void runCamera(benchmark::State& state, bool analyse) {
     };
     analyzer->setDelegate(host);
 
-    const auto camera = SelvioFacialCaptureCamera::initWithPreset(kCaptureSessionPreset1280x720, kPixelFormat420v, CaptureDevicePosition::Unspecified,
+    const auto camera = SelvioFacialCaptureCamera::initWithPreset(kCaptureSessionPreset1280x720, kPixelFormat420v,
+                                                                  CaptureDevicePosition::Unspecified,
                                                                   VideoOrientation::Portrait, Rect{}, platform);
     camera->setAnalyzeRGBVideo(false);
     const auto parameters = std::make_shared<SelvioFacialCaptureCameraParameters>();
@@ -191,8 +197,10 @@ void BM_camera(benchmark::State& state) {
     runSession(state, makeGstCaptureSystem(), kPixelFormat32BGRA, kCamera);
 }
 void BM_camera_bare(benchmark::State& state) {
-    runBare(state, std::string("pipewiresrc do-timestamp=true target-object=\"") + kCamera +
-                       "\" ! video/x-raw,width=1280,height=720 ! videoconvert ! video/x-raw,format=BGRA ! fakesink sync=false");
+    runBare(
+        state,
+        std::string("pipewiresrc do-timestamp=true target-object=\"") + kCamera +
+            "\" ! video/x-raw,width=1280,height=720 ! videoconvert ! video/x-raw,format=BGRA ! fakesink sync=false");
 }
 
 }  // namespace
@@ -216,7 +224,8 @@ int main(int argc, char** argv) {
         addLong("camera", BM_camera);
         addLong("camera_bare", BM_camera_bare);
     }
-    return runWithRatios(argc, argv,
-                         {{"camera to delegate, 1280x720 YUYV to BGRA, over the bare pipeline", "converted", "converted_bare", 1.15},
-                          {"the named camera to delegate, BGRA, over the bare pipeline", "camera", "camera_bare", 1.15}});
+    return runWithRatios(
+        argc, argv,
+        {{"camera to delegate, 1280x720 YUYV to BGRA, over the bare pipeline", "converted", "converted_bare", 1.15},
+         {"the named camera to delegate, BGRA, over the bare pipeline", "camera", "camera_bare", 1.15}});
 }

@@ -2,13 +2,13 @@
 //
 //     guidance FOLDER [TABLE]      TABLE defaults to FOLDER/truth.csv
 //
-// The table's first line names its columns, in any order: file, faces, roll, yaw, pitch, smiling, fill. Angles in degrees (signs do not matter),
-// smiling 0 or 1, fill the width of the jaw as a share of the picture's width. An empty cell is not known and not judged. Lines that start with # are
-// comments.
+// The table's first line names its columns, in any order: file, faces, roll, yaw, pitch, smiling, fill. Angles in
+// degrees (signs do not matter), smiling 0 or 1, fill the width of the jaw as a share of the picture's width. An empty
+// cell is not known and not judged. Lines that start with # are comments.
 //
-// For every status: in how many photographs it should appear and did, and in how many it should not and did. Photographs near a limit belong to
-// neither. Prints a table on standard error and the same as one JSON object on standard output. Exit codes: 2 wrong usage or table, 5 unreadable file
-// or model.
+// For every status: in how many photographs it should appear and did, and in how many it should not and did.
+// Photographs near a limit belong to neither. Prints a table on standard error and the same as one JSON object on
+// standard output. Exit codes: 2 wrong usage or table, 5 unreadable file or model.
 #include <SelvioFacialCapture/SelvioFacialCapture.h>
 #include <SelvioFacialCapture/base/MainQueue.h>
 #include <SelvioFacialCapture/linux/LinuxPlatform.h>
@@ -50,7 +50,8 @@ std::vector<std::string> cellsOf(const std::string& line) {
     std::istringstream stream(line + ",");
     for (std::string cell; std::getline(stream, cell, ',');) {
         const auto first = cell.find_first_not_of(" \t\r");
-        cells.push_back(first == std::string::npos ? "" : cell.substr(first, cell.find_last_not_of(" \t\r") - first + 1));
+        cells.push_back(first == std::string::npos ? ""
+                                                   : cell.substr(first, cell.find_last_not_of(" \t\r") - first + 1));
     }
     return cells;
 }
@@ -63,14 +64,17 @@ Expected<std::vector<Truth>> readTable(const std::string& path) {
     std::string line;
     for (int number = 1; std::getline(file, line); ++number) {
         const auto cells = cellsOf(line);
-        if (line.starts_with("#") || std::all_of(cells.begin(), cells.end(), [](const auto& cell) { return cell.empty(); })) continue;
+        if (line.starts_with("#") ||
+            std::all_of(cells.begin(), cells.end(), [](const auto& cell) { return cell.empty(); }))
+            continue;
         const std::string where = path + ", line " + std::to_string(number) + ": ";
         if (columns.empty()) {
             for (const auto& cell : cells) {
                 if (!kColumns.contains(cell)) return Error{where + "there is no column \"" + cell + "\""};
             }
             columns = cells;
-            if (std::find(columns.begin(), columns.end(), "file") == columns.end()) return Error{where + "the column \"file\" is missing"};
+            if (std::find(columns.begin(), columns.end(), "file") == columns.end())
+                return Error{where + "the column \"file\" is missing"};
             continue;
         }
         if (cells.size() > columns.size()) return Error{where + "more cells than columns"};
@@ -95,7 +99,8 @@ Expected<std::vector<Truth>> readTable(const std::string& path) {
 Expected<Answer> judge(const std::string& path, const Platform& platform, FaceDetector& smiles) {
     const auto picture = platform.imageLoader->loadImage(path);
     if (!picture) return picture.error();
-    const auto analyzer = SelvioFacialCaptureAnalyzer::initWithParameters(std::make_shared<SelvioFacialCaptureParameters>(), platform);
+    const auto analyzer =
+        SelvioFacialCaptureAnalyzer::initWithParameters(std::make_shared<SelvioFacialCaptureParameters>(), platform);
     analyzer->analyzeImageAtPath(path);
     Answer answer;
     // Read before the main queue runs: what the gating makes of a good photograph is not asked here.
@@ -137,9 +142,11 @@ std::optional<bool> expected(SelvioFacialCaptureStatus status, const Truth& trut
             return beyond(truth.value("roll"), kRoll, kNear);
         // A rolled head hides the yaw and, measured along the screen, looks pitched.
         case SelvioFacialCaptureStatusFacePitch:
-            return beyond(truth.value("roll"), kRoll, kNear) == false ? beyond(truth.value("pitch"), kPitch, kNear) : std::nullopt;
+            return beyond(truth.value("roll"), kRoll, kNear) == false ? beyond(truth.value("pitch"), kPitch, kNear)
+                                                                      : std::nullopt;
         case SelvioFacialCaptureStatusFaceYaw:
-            return beyond(truth.value("roll"), kRoll, kNear) == false ? beyond(truth.value("yaw"), kYaw, kNear) : std::nullopt;
+            return beyond(truth.value("roll"), kRoll, kNear) == false ? beyond(truth.value("yaw"), kYaw, kNear)
+                                                                      : std::nullopt;
         case SelvioFacialCaptureStatusMoveCloser: {
             const auto enough = beyond(across, static_cast<double>(parameters.minFill()) / 1000.0, kNearFill);
             return enough ? std::optional(!*enough) : std::nullopt;
@@ -184,10 +191,14 @@ int main(int argc, char** argv) {
         return 5;
     }
     constexpr std::pair<SelvioFacialCaptureStatus, const char*> kStatuses[] = {
-        {SelvioFacialCaptureStatusFaceNotFound, "no face"}, {SelvioFacialCaptureStatusMoreThanOneFace, "more than one face"},
-        {SelvioFacialCaptureStatusFaceRoll, "roll"},        {SelvioFacialCaptureStatusFacePitch, "pitch"},
-        {SelvioFacialCaptureStatusFaceYaw, "yaw"},          {SelvioFacialCaptureStatusMoveCloser, "move closer"},
-        {SelvioFacialCaptureStatusTooClose, "too close"},   {SelvioFacialCaptureStatusStopSmiling, "smile"},
+        {SelvioFacialCaptureStatusFaceNotFound, "no face"},
+        {SelvioFacialCaptureStatusMoreThanOneFace, "more than one face"},
+        {SelvioFacialCaptureStatusFaceRoll, "roll"},
+        {SelvioFacialCaptureStatusFacePitch, "pitch"},
+        {SelvioFacialCaptureStatusFaceYaw, "yaw"},
+        {SelvioFacialCaptureStatusMoveCloser, "move closer"},
+        {SelvioFacialCaptureStatusTooClose, "too close"},
+        {SelvioFacialCaptureStatusStopSmiling, "smile"},
     };
     const Platform platform = makeLinuxPlatform();
     const auto smiles = platform.makeFaceDetector();
@@ -215,7 +226,8 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "%-20s %22s %22s\n", "status", "said where it should", "where it should not");
     for (const auto& [status, name] : kStatuses) {
         const Count& count = counts[status];
-        std::fprintf(stderr, "%-20s %13d of %5d %13d of %5d\n", name, count.shouldAndDid, count.should, count.shouldNotButDid, count.shouldNot);
+        std::fprintf(stderr, "%-20s %13d of %5d %13d of %5d\n", name, count.shouldAndDid, count.should,
+                     count.shouldNotButDid, count.shouldNot);
         statuses[name] = {{"status", status},
                           {"should", count.should},
                           {"shouldAndDid", count.shouldAndDid},

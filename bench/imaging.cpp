@@ -53,7 +53,8 @@ BENCHMARK(base64Of)->Name("base64_encode")->Unit(benchmark::kMicrosecond);
 }  // namespace
 
 int main(int argc, char** argv) {
-    return bench::runWithRatios(argc, argv,
-                                {{"deep copy of a 1920x1080 BGRA frame / memcpy", "copySampleBuffer_BGRA", "memcpy_BGRA", 1.10},
-                                 {"deep copy of a 1920x1080 420v frame / memcpy", "copySampleBuffer_420v", "memcpy_420v", 1.10}});
+    return bench::runWithRatios(
+        argc, argv,
+        {{"deep copy of a 1920x1080 BGRA frame / memcpy", "copySampleBuffer_BGRA", "memcpy_BGRA", 1.10},
+         {"deep copy of a 1920x1080 420v frame / memcpy", "copySampleBuffer_420v", "memcpy_420v", 1.10}});
 }

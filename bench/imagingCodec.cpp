@@ -1,5 +1,5 @@
-// The photograph with its record, as `addToImage` makes it, against the bare libjpeg-turbo calls for the same pixels: one encode at full quality, one
-// decode, one encode at the wanted quality, the same colour sampling.
+// The photograph with its record, as `addToImage` makes it, against the bare libjpeg-turbo calls for the same pixels:
+// one encode at full quality, one decode, one encode at the wanted quality, the same colour sampling.
 #include <SelvioFacialCapture/SelvioFacialCaptureObixData.h>
 #include <SelvioFacialCapture/linux/Codec.h>
 #include <SelvioFacialCapture/linux/Device.h>
@@ -91,7 +91,8 @@ unsigned long bareEncode(std::uint8_t* pixels, std::size_t bytesPerRow, int qual
     return size;
 }
 
-void bareDecode(const std::vector<unsigned char>& file, unsigned long size, std::uint8_t* pixels, std::size_t bytesPerRow) {
+void bareDecode(const std::vector<unsigned char>& file, unsigned long size, std::uint8_t* pixels,
+                std::size_t bytesPerRow) {
     jpeg_error_mgr errors{};
     jpeg_decompress_struct info{};
     info.err = jpeg_std_error(&errors);
@@ -126,7 +127,8 @@ BENCHMARK(bare)->Name("bare_libjpeg_BGRA")->Unit(benchmark::kMillisecond);
 }  // namespace
 
 int main(int argc, char** argv) {
-    return bench::runWithRatios(argc, argv,
-                                {{"addToImage for 1080x1920 BGRA / bare libjpeg-turbo", "addToImage_BGRA", "bare_libjpeg_BGRA", 1.10},
-                                 {"addToImage for 1080x1920 420v / bare libjpeg-turbo, BGRA", "addToImage_420v", "bare_libjpeg_BGRA", 1.10}});
+    return bench::runWithRatios(
+        argc, argv,
+        {{"addToImage for 1080x1920 BGRA / bare libjpeg-turbo", "addToImage_BGRA", "bare_libjpeg_BGRA", 1.10},
+         {"addToImage for 1080x1920 420v / bare libjpeg-turbo, BGRA", "addToImage_420v", "bare_libjpeg_BGRA", 1.10}});
 }

@@ -1,5 +1,6 @@
-// What recording adds to the encoder: processor time of the writer beside a bare encoder pipeline on the same frames. Then, as text, how near the
-// files come to the bit rates asked for, and whether the encoder keeps up with 30 frames a second.
+// What recording adds to the encoder: processor time of the writer beside a bare encoder pipeline on the same frames.
+// Then, as text, how near the files come to the bit rates asked for, and whether the encoder keeps up with 30 frames a
+// second.
 #include <SelvioFacialCapture/linux/Recording.h>
 #include <benchmark/benchmark.h>
 #include <gst/app/gstappsrc.h>
@@ -43,7 +44,8 @@ const std::vector<std::shared_ptr<PixelBuffer>>& noisyFrames() {
                 std::uint8_t* const row = pixels->data() + static_cast<std::size_t>(y) * pixels->bytesPerRow();
                 for (int x = 0; x < kWidth; ++x) {
                     const double wave = std::sin((x + 12 * i) * 0.02) + std::cos((y + 6 * i) * 0.013);
-                    row[x] = static_cast<std::uint8_t>(std::clamp(128 + static_cast<int>(40 * wave) + noise[n++ % noise.size()], 16, 235));
+                    row[x] = static_cast<std::uint8_t>(
+                        std::clamp(128 + static_cast<int>(40 * wave) + noise[n++ % noise.size()], 16, 235));
                 }
             }
             std::memset(pixels->data(1), 128, pixels->bytesPerRow(1) * static_cast<std::size_t>(kHeight / 2));
@@ -72,7 +74,8 @@ Recorded record(const std::string& codec, std::int64_t bitRate, int frames, bool
     Recorded result;
     const auto start = std::chrono::steady_clock::now();
     for (int i = 0; i < frames; ++i) {
-        const auto sample = SampleBuffer::makeVideo(noisyFrames()[static_cast<std::size_t>(i) % noisyFrames().size()], {i * kFrame, kFrame});
+        const auto sample = SampleBuffer::makeVideo(noisyFrames()[static_cast<std::size_t>(i) % noisyFrames().size()],
+                                                    {i * kFrame, kFrame});
         if (inRealTime) {
             std::this_thread::sleep_until(start + i * kFrame);
         } else {
@@ -91,7 +94,8 @@ Recorded record(const std::string& codec, std::int64_t bitRate, int frames, bool
 void BM_writer(benchmark::State& state) {
     noisyFrames();
     for (auto _ : state) {
-        if (record(kVideoCodecTypeH264, 7'250'000, kFrames, false).status != AssetWriterStatus::Completed) state.SkipWithError("not recorded");
+        if (record(kVideoCodecTypeH264, 7'250'000, kFrames, false).status != AssetWriterStatus::Completed)
+            state.SkipWithError("not recorded");
     }
 }
 
@@ -99,8 +103,10 @@ void BM_bare(benchmark::State& state) {
     noisyFrames();
     for (auto _ : state) {
         GstElement* const pipeline =
-            gst_parse_launch(("appsrc name=in format=time max-bytes=0 max-buffers=4 block=true caps=video/x-raw,format=NV12,width=720,height=1280,"
-                              "framerate=30/1,colorimetry=bt601 ! x264enc speed-preset=superfast bframes=0 key-int-max=60 bitrate=7250 ! h264parse ! "
+            gst_parse_launch(("appsrc name=in format=time max-bytes=0 max-buffers=4 block=true "
+                              "caps=video/x-raw,format=NV12,width=720,height=1280,"
+                              "framerate=30/1,colorimetry=bt601 ! x264enc speed-preset=superfast bframes=0 "
+                              "key-int-max=60 bitrate=7250 ! h264parse ! "
                               "mp4mux faststart=true ! filesink location=" +
                               kFile.string())
                                  .c_str(),
@@ -118,7 +124,8 @@ void BM_bare(benchmark::State& state) {
         }
         gst_app_src_end_of_stream(GST_APP_SRC(source));
         GstBus* const bus = gst_element_get_bus(pipeline);
-        gst_message_unref(gst_bus_timed_pop_filtered(bus, GST_CLOCK_TIME_NONE, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR)));
+        gst_message_unref(gst_bus_timed_pop_filtered(bus, GST_CLOCK_TIME_NONE,
+                                                     static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR)));
         gst_object_unref(bus);
         gst_object_unref(source);
         gst_element_set_state(pipeline, GST_STATE_NULL);
@@ -135,8 +142,9 @@ void reportBitRates() {
             const Recorded result = record(codec, rates[i], kLong, false);
             if (result.status != AssetWriterStatus::Completed) continue;
             const double rate = static_cast<double>(std::filesystem::file_size(kFile)) * 8 / (kLong / 30.0);
-            std::printf("%s quality %3d: asked %5.2f, measured %5.2f Mbit/s, ratio %.3f (0.85 to 1.15); %.0f frames a second\n", codec,
-                        std::array{10, 55, 100}[i], rates[i] / 1e6, rate / 1e6, rate / rates[i], kLong / result.seconds);
+            std::printf(
+                "%s quality %3d: asked %5.2f, measured %5.2f Mbit/s, ratio %.3f (0.85 to 1.15); %.0f frames a second\n",
+                codec, std::array{10, 55, 100}[i], rates[i] / 1e6, rate / 1e6, rate / rates[i], kLong / result.seconds);
         }
         const Recorded live = record(codec, rates[1], kFrames, true);
         std::printf("%s quality  55 at 30 frames a second: %d of %d frames dropped\n", codec, live.dropped, kFrames);
@@ -150,7 +158,8 @@ int main(int argc, char** argv) {
     gst_init(nullptr, nullptr);
     addLong("writer", BM_writer);
     addLong("bare_encoder", BM_bare);
-    const int code = runWithRatios(argc, argv, {{"recording 720x1280 H.264, over the bare encoder pipeline", "writer", "bare_encoder", 1.10}});
+    const int code = runWithRatios(
+        argc, argv, {{"recording 720x1280 H.264, over the bare encoder pipeline", "writer", "bare_encoder", 1.10}});
     if (code == 0) reportBitRates();
     return code;
 }

@@ -20,7 +20,8 @@ std::shared_ptr<const SimulatedFrames> makeFrames(const std::string& pose) {
         std::exit(1);
     }
     auto photograph = PixelBuffer::create(geometry.value().width, geometry.value().height, kPixelFormat32BGRA);
-    for (std::size_t i = 0; i < photograph->layout().byteSize(); ++i) photograph->data()[i] = static_cast<std::uint8_t>(i * 7 + i / 1000);
+    for (std::size_t i = 0; i < photograph->layout().byteSize(); ++i)
+        photograph->data()[i] = static_cast<std::uint8_t>(i * 7 + i / 1000);
     return SimulatedFrames::make(photograph, geometry.value(), script.value()).value();
 }
 
@@ -33,7 +34,8 @@ void drawFrame(benchmark::State& state, PixelFormat format, const std::string& p
         benchmark::DoNotOptimize(frame->data());
         time += std::chrono::milliseconds(33);
     }
-    state.counters["times_30fps"] = benchmark::Counter(static_cast<double>(state.iterations()) / 30, benchmark::Counter::kIsRate);
+    state.counters["times_30fps"] =
+        benchmark::Counter(static_cast<double>(state.iterations()) / 30, benchmark::Counter::kIsRate);
 }
 
 constexpr const char* kGood = R"("center": [0.5, 0.46], "jawWidth": 0.63)";
@@ -44,8 +46,10 @@ constexpr const char* kRolled = R"("center": [0.5, 0.46], "jawWidth": 0.3, "roll
 
 int main(int argc, char** argv) {
     for (const auto& [name, format] : {std::pair{"bgra", kPixelFormat32BGRA}, {"420v", kPixelFormat420v}}) {
-        for (const auto& [what, pose] : {std::pair{"good", kGood}, {"good+noise", kNoisy}, {"far+rolled+noise", kRolled}}) {
-            benchmark::RegisterBenchmark((std::string("frame/") + name + "/" + what).c_str(), drawFrame, format, std::string(pose))
+        for (const auto& [what, pose] :
+             {std::pair{"good", kGood}, {"good+noise", kNoisy}, {"far+rolled+noise", kRolled}}) {
+            benchmark::RegisterBenchmark((std::string("frame/") + name + "/" + what).c_str(), drawFrame, format,
+                                         std::string(pose))
                 ->Args({720, 1280})
                 ->Args({1080, 1920})
                 ->Unit(benchmark::kMillisecond);

@@ -1,6 +1,7 @@
 // The vision step (grey view, face search on every frame, landmarks, smile) beside the usual ways to do it.
 //
-// Prints the times and their ratios, then what the speed must not cost: how still the yaw ratio is and which faces are found.
+// Prints the times and their ratios, then what the speed must not cost: how still the yaw ratio is and which faces are
+// found.
 #include "Ratios.h"
 #include "platform/linux/vision/GreyView.h"
 #include "vision/TestPictures.h"
@@ -98,9 +99,11 @@ void haarStep(benchmark::State& state, int width, int height, double smallest) {
     const int smallHeight = 640 * height / width;
     std::vector<cv::Rect> faces;
     for (auto _ : state) {
-        if (!maker.make(*buffer, {0, 0, width, height}, {false, true, false}, 640, smallHeight, grey)) state.SkipWithError("no grey view");
+        if (!maker.make(*buffer, {0, 0, width, height}, {false, true, false}, 640, smallHeight, grey))
+            state.SkipWithError("no grey view");
         const int side = static_cast<int>(smallest * 640);
-        cascade.detectMultiScale(cv::Mat(smallHeight, 640, CV_8UC1, grey.pixels.data()), faces, 1.1, 3, 0, cv::Size(side, side));
+        cascade.detectMultiScale(cv::Mat(smallHeight, 640, CV_8UC1, grey.pixels.data()), faces, 1.1, 3, 0,
+                                 cv::Size(side, side));
     }
     state.counters["faces"] = static_cast<double>(faces.size());
 }
@@ -134,7 +137,8 @@ void printYawJitter() {
             squares += ratio * ratio;
         }
         const double mean = sum / found;
-        std::printf("| %.0f %% | %.3f | %.4f (%d of %d frames) |\n", jaw * 100, mean, std::sqrt(squares / found - mean * mean), found, kFrames);
+        std::printf("| %.0f %% | %.3f | %.4f (%d of %d frames) |\n", jaw * 100, mean,
+                    std::sqrt(squares / found - mean * mean), found, kFrames);
     }
 }
 
@@ -147,7 +151,8 @@ void printDetectionRates() {
         int there = 0;
         for (const double roll : {-20.0, -10.0, 0.0, 10.0, 20.0}) {
             for (const double x : {0.48, 0.53}) {
-                const Picture picture = withNoise(frameOf(720, 1280, {Person{.x = x, .y = 0.45, .jaw = percent / 100.0, .roll = roll}}), 5.0, 3);
+                const Picture picture = withNoise(
+                    frameOf(720, 1280, {Person{.x = x, .y = 0.45, .jaw = percent / 100.0, .roll = roll}}), 5.0, 3);
                 ++frames;
                 here += Ours()(toBgra(picture)).size() == 1 ? 1 : 0;
                 there += stock()(toDlib(picture)) == 1 ? 1 : 0;
@@ -176,9 +181,11 @@ int main(int argc, char** argv) {
         }
     }
 #ifdef SELVIO_HAAR_CASCADE
-    for (const auto& [name, smallest] : {std::pair{"Haar cascade at 640, any size", 0.0}, {"Haar cascade at 640, faces from 30 %", 0.3}}) {
+    for (const auto& [name, smallest] :
+         {std::pair{"Haar cascade at 640, any size", 0.0}, {"Haar cascade at 640, faces from 30 %", 0.3}}) {
         benchmark::RegisterBenchmark(name, haarStep, 720, 1280, smallest)->Unit(benchmark::kMillisecond);
-        ratios.push_back({std::string("vision step/720x1280/BGRA against ") + name, "vision step/720x1280/BGRA", name, 1.0});
+        ratios.push_back(
+            {std::string("vision step/720x1280/BGRA against ") + name, "vision step/720x1280/BGRA", name, 1.0});
     }
 #endif
     if (const int code = bench::runWithRatios(argc, argv, ratios); code != 0) return code;

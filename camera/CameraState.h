@@ -16,8 +16,8 @@
 
 namespace selvio {
 
-/// The place of a camera's delegate. A recording that outlives its camera shares it, so that a delegate taken away is not told even then.
-/// Any thread.
+/// The place of a camera's delegate. A recording that outlives its camera shares it, so that a delegate taken away is
+/// not told even then. Any thread.
 class DelegateSlot {
 public:
     void set(std::weak_ptr<SelvioFacialCaptureCameraDelegate> delegate);
@@ -61,8 +61,8 @@ struct CameraValues {
     Size desiredResolution;
 };
 
-/// `CameraValues` under one mutex. Values go in and out by copy; nothing foreign runs while the mutex is held, so it may be taken under any other
-/// lock. Any thread.
+/// `CameraValues` under one mutex. Values go in and out by copy; nothing foreign runs while the mutex is held, so it
+/// may be taken under any other lock. Any thread.
 class CameraState {
 public:
     template <typename T>
@@ -92,7 +92,8 @@ private:
     const std::shared_ptr<DelegateSlot> delegateSlot_ = std::make_shared<DelegateSlot>();
 };
 
-/// For assertions: whether this is the queue's thread. A queue that is ending still runs its last blocks when nobody holds it any more.
+/// For assertions: whether this is the queue's thread. A queue that is ending still runs its last blocks when nobody
+/// holds it any more.
 [[nodiscard]] bool isOnOrEnding(const std::weak_ptr<Queue>& queue);
 
 }  // namespace selvio

@@ -18,7 +18,9 @@ public:
     }
     void setVideoGravity(const std::string&) override {}
     [[nodiscard]] std::shared_ptr<CaptureConnection> connection() const override { return nullptr; }
-    [[nodiscard]] MetadataObject transformedMetadataObject(const MetadataObject& object) const override { return object; }
+    [[nodiscard]] MetadataObject transformedMetadataObject(const MetadataObject& object) const override {
+        return object;
+    }
 
 private:
     mutable std::mutex mutex_;

@@ -6,7 +6,8 @@ SampleReceiver::SampleReceiver(std::shared_ptr<CameraState> state, std::shared_p
                                const std::shared_ptr<Queue>& videoOutputQueue)
     : state_(std::move(state)), recorder_(std::move(recorder)), videoOutputQueue_(videoOutputQueue) {}
 
-void SampleReceiver::captureOutputDidOutputSampleBuffer(const CaptureOutput& output, const std::shared_ptr<SampleBuffer>& sampleBuffer,
+void SampleReceiver::captureOutputDidOutputSampleBuffer(const CaptureOutput& output,
+                                                        const std::shared_ptr<SampleBuffer>& sampleBuffer,
                                                         const std::shared_ptr<CaptureConnection>&) {
     assert(isOnOrEnding(videoOutputQueue_));
     if (!sampleBuffer) return;
@@ -21,7 +22,8 @@ void SampleReceiver::captureOutputDidOutputSampleBuffer(const CaptureOutput& out
     if (delegate && delegate->didReceiveSampleBuffer) delegate->didReceiveSampleBuffer(sampleBuffer);
 }
 
-void SampleReceiver::captureOutputDidDropSampleBuffer(const CaptureOutput& output, const std::shared_ptr<SampleBuffer>& sampleBuffer,
+void SampleReceiver::captureOutputDidDropSampleBuffer(const CaptureOutput& output,
+                                                      const std::shared_ptr<SampleBuffer>& sampleBuffer,
                                                       const std::shared_ptr<CaptureConnection>&) {
     assert(isOnOrEnding(videoOutputQueue_));
     if (&output != state_->get(&CameraValues::videoDataOutput).get()) return;
@@ -29,12 +31,15 @@ void SampleReceiver::captureOutputDidDropSampleBuffer(const CaptureOutput& outpu
     if (delegate && delegate->didDropSampleBuffer) delegate->didDropSampleBuffer(sampleBuffer);
 }
 
-void SampleReceiver::captureOutputDidOutputMetadataObjects(const CaptureOutput&, const std::vector<MetadataObject>& metadataObjects,
+void SampleReceiver::captureOutputDidOutputMetadataObjects(const CaptureOutput&,
+                                                           const std::vector<MetadataObject>& metadataObjects,
                                                            const std::shared_ptr<CaptureConnection>&) {
     const auto layer = state_->get(&CameraValues::videoPreviewLayer);
     for (const MetadataObject& object : metadataObjects) {
         if (object.type != kMetadataObjectTypePDF417Code) continue;
-        if (layer) (void)layer->transformedMetadataObject(object);  // the place of the code is found, but only its text is reported
+        if (layer)
+            (void)layer->transformedMetadataObject(
+                object);  // the place of the code is found, but only its text is reported
         if (!object.stringValue) continue;
         const auto delegate = state_->delegate();
         if (delegate && delegate->didDecodeBarcode) delegate->didDecodeBarcode(*object.stringValue);

@@ -6,19 +6,24 @@
 
 namespace selvio {
 
-/// A frame's way: remembered size → recording → delegate. Owned by the camera, held weakly by the outputs. Takes no session lock.
+/// A frame's way: remembered size → recording → delegate. Owned by the camera, held weakly by the outputs. Takes no
+/// session lock.
 class SampleReceiver final : public CaptureOutputDelegate {
 public:
-    SampleReceiver(std::shared_ptr<CameraState> state, std::shared_ptr<VideoRecorder> recorder, const std::shared_ptr<Queue>& videoOutputQueue);
+    SampleReceiver(std::shared_ptr<CameraState> state, std::shared_ptr<VideoRecorder> recorder,
+                   const std::shared_ptr<Queue>& videoOutputQueue);
 
     /// On the video output queue.
-    void captureOutputDidOutputSampleBuffer(const CaptureOutput& output, const std::shared_ptr<SampleBuffer>& sampleBuffer,
+    void captureOutputDidOutputSampleBuffer(const CaptureOutput& output,
+                                            const std::shared_ptr<SampleBuffer>& sampleBuffer,
                                             const std::shared_ptr<CaptureConnection>& connection) override;
     /// On the video output queue.
-    void captureOutputDidDropSampleBuffer(const CaptureOutput& output, const std::shared_ptr<SampleBuffer>& sampleBuffer,
+    void captureOutputDidDropSampleBuffer(const CaptureOutput& output,
+                                          const std::shared_ptr<SampleBuffer>& sampleBuffer,
                                           const std::shared_ptr<CaptureConnection>& connection) override;
     /// On the metadata queue.
-    void captureOutputDidOutputMetadataObjects(const CaptureOutput& output, const std::vector<MetadataObject>& metadataObjects,
+    void captureOutputDidOutputMetadataObjects(const CaptureOutput& output,
+                                               const std::vector<MetadataObject>& metadataObjects,
                                                const std::shared_ptr<CaptureConnection>& connection) override;
 
 private:

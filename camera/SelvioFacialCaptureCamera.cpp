@@ -38,7 +38,8 @@ std::optional<selvio::Rect> decodeFrame(std::string_view archive) {
     for (const auto& number : *frame) {
         if (!number.is_number()) return std::nullopt;
     }
-    return selvio::Rect{(*frame)[0].get<double>(), (*frame)[1].get<double>(), (*frame)[2].get<double>(), (*frame)[3].get<double>()};
+    return selvio::Rect{(*frame)[0].get<double>(), (*frame)[1].get<double>(), (*frame)[2].get<double>(),
+                        (*frame)[3].get<double>()};
 }
 
 }  // namespace
@@ -75,16 +76,16 @@ std::shared_ptr<SelvioFacialCaptureCamera> SelvioFacialCaptureCamera::init(selvi
     return make(std::move(platform));
 }
 
-std::shared_ptr<SelvioFacialCaptureCamera> SelvioFacialCaptureCamera::initWithCoder(std::string_view archive, selvio::Platform platform) {
+std::shared_ptr<SelvioFacialCaptureCamera> SelvioFacialCaptureCamera::initWithCoder(std::string_view archive,
+                                                                                    selvio::Platform platform) {
     auto camera = make(std::move(platform));
     if (const auto frame = decodeFrame(archive)) camera->view_->setFrame(*frame);
     return camera;
 }
 
-std::shared_ptr<SelvioFacialCaptureCamera> SelvioFacialCaptureCamera::initWithPreset(std::optional<std::string> preset, std::int64_t format,
-                                                                                     selvio::CaptureDevicePosition position,
-                                                                                     selvio::VideoOrientation orientation, selvio::Rect frame,
-                                                                                     selvio::Platform platform) {
+std::shared_ptr<SelvioFacialCaptureCamera> SelvioFacialCaptureCamera::initWithPreset(
+    std::optional<std::string> preset, std::int64_t format, selvio::CaptureDevicePosition position,
+    selvio::VideoOrientation orientation, selvio::Rect frame, selvio::Platform platform) {
     auto camera = make(std::move(platform));
     camera->view_->setFrame(frame);
     camera->setDevicePosition(position);
@@ -94,15 +95,16 @@ std::shared_ptr<SelvioFacialCaptureCamera> SelvioFacialCaptureCamera::initWithPr
     return camera;
 }
 
-std::shared_ptr<SelvioFacialCaptureCamera> SelvioFacialCaptureCamera::initWithPreset(std::optional<std::string> preset, std::int64_t format,
-                                                                                     selvio::CaptureDevicePosition position, selvio::Rect frame,
-                                                                                     selvio::Platform platform) {
-    return initWithPreset(std::move(preset), format, position, selvio::VideoOrientation::Portrait, frame, std::move(platform));
+std::shared_ptr<SelvioFacialCaptureCamera> SelvioFacialCaptureCamera::initWithPreset(
+    std::optional<std::string> preset, std::int64_t format, selvio::CaptureDevicePosition position, selvio::Rect frame,
+    selvio::Platform platform) {
+    return initWithPreset(std::move(preset), format, position, selvio::VideoOrientation::Portrait, frame,
+                          std::move(platform));
 }
 
-std::shared_ptr<SelvioFacialCaptureCamera> SelvioFacialCaptureCamera::initWithDesiredResolution(selvio::Size resolution, std::int64_t format,
-                                                                                                selvio::CaptureDevicePosition position,
-                                                                                                selvio::Rect frame, selvio::Platform platform) {
+std::shared_ptr<SelvioFacialCaptureCamera> SelvioFacialCaptureCamera::initWithDesiredResolution(
+    selvio::Size resolution, std::int64_t format, selvio::CaptureDevicePosition position, selvio::Rect frame,
+    selvio::Platform platform) {
     auto camera = make(std::move(platform));
     camera->view_->setFrame(frame);
     camera->setDevicePosition(position);
@@ -159,11 +161,12 @@ void SelvioFacialCaptureCamera::stop() {
     const std::lock_guard lock(session->monitor());
     if (!session->isRunning()) return;
     if (state_->recordVideo()) {
-        // What is being written now is finished even if it fails meanwhile, so that the failure is told. Otherwise it shows on the queue where
-        // recordings begin: a start may still be waiting there.
+        // What is being written now is finished even if it fails meanwhile, so that the failure is told. Otherwise it
+        // shows on the queue where recordings begin: a start may still be waiting there.
         const auto writer = assetWriter();
         const bool isWriting = writer && writer->status() == selvio::AssetWriterStatus::Writing;
-        dispatch(videoOutputQueue_, [recorder = recorder_, isWriting] { isWriting ? recorder->stop() : recorder->stopIfWriting(); });
+        dispatch(videoOutputQueue_,
+                 [recorder = recorder_, isWriting] { isWriting ? recorder->stop() : recorder->stopIfWriting(); });
     }
     session->stopRunning();
 }
@@ -247,7 +250,8 @@ void SelvioFacialCaptureCamera::cleanupBrokenVideos() {
 
 // ---- Permissions ----
 
-void SelvioFacialCaptureCamera::permissionFor(selvio::MediaType mediaType, std::function<void(bool granted)> permissionGranted,
+void SelvioFacialCaptureCamera::permissionFor(selvio::MediaType mediaType,
+                                              std::function<void(bool granted)> permissionGranted,
                                               const selvio::Platform& platform) {
     const auto answer = [&permissionGranted](bool granted) {
         if (permissionGranted) permissionGranted(granted);
@@ -260,24 +264,28 @@ void SelvioFacialCaptureCamera::permissionFor(selvio::MediaType mediaType, std::
         case selvio::AuthorizationStatus::Authorized:
             return answer(true);
         case selvio::AuthorizationStatus::NotDetermined:
-            platform.captureSystem->requestAccess(mediaType, [permissionGranted = std::move(permissionGranted)](bool granted) {
-                if (permissionGranted) permissionGranted(granted);
-            });
+            platform.captureSystem->requestAccess(mediaType,
+                                                  [permissionGranted = std::move(permissionGranted)](bool granted) {
+                                                      if (permissionGranted) permissionGranted(granted);
+                                                  });
             return;
     }
 }
 
-void SelvioFacialCaptureCamera::checkCameraPermission(std::function<void(bool granted)> completion, const selvio::Platform& platform) {
+void SelvioFacialCaptureCamera::checkCameraPermission(std::function<void(bool granted)> completion,
+                                                      const selvio::Platform& platform) {
     permissionFor(selvio::MediaType::Video, std::move(completion), platform);
 }
 
-void SelvioFacialCaptureCamera::checkMicrophonePermission(std::function<void(bool granted)> completion, const selvio::Platform& platform) {
+void SelvioFacialCaptureCamera::checkMicrophonePermission(std::function<void(bool granted)> completion,
+                                                          const selvio::Platform& platform) {
     permissionFor(selvio::MediaType::Audio, std::move(completion), platform);
 }
 
 // ---- Life cycle of the application. On the main thread. ----
 
-void SelvioFacialCaptureCamera::observe(selvio::ApplicationNotification notification, void (SelvioFacialCaptureCamera::*handler)()) {
+void SelvioFacialCaptureCamera::observe(selvio::ApplicationNotification notification,
+                                        void (SelvioFacialCaptureCamera::*handler)()) {
     if (!platform_.notificationCenter) return;
     platform_.notificationCenter->addObserver(shared_from_this(), notification, [weakSelf = weak_from_this(), handler] {
         if (const auto self = weakSelf.lock()) (self.get()->*handler)();
@@ -319,7 +327,8 @@ void SelvioFacialCaptureCamera::setPreset(std::optional<std::string> preset, std
     setPreset(std::move(preset), format, selvio::CaptureDevicePosition::Back);
 }
 
-void SelvioFacialCaptureCamera::setPreset(std::optional<std::string> preset, std::int64_t format, selvio::CaptureDevicePosition position) {
+void SelvioFacialCaptureCamera::setPreset(std::optional<std::string> preset, std::int64_t format,
+                                          selvio::CaptureDevicePosition position) {
     setPixelBufferFormat(format);
     setDevicePosition(position);
     setSessionPreset(std::move(preset));

@@ -34,8 +34,9 @@ private:
     bool discoverDevice() {
         std::shared_ptr<CaptureDeviceDiscoverySession> discovery;
         if (platform_.captureSystem) {
-            discovery = platform_.captureSystem->discoverDevices({kCaptureDeviceTypeBuiltInWideAngleCamera}, MediaType::Video,
-                                                                 state_.get(&CameraValues::devicePosition));
+            discovery =
+                platform_.captureSystem->discoverDevices({kCaptureDeviceTypeBuiltInWideAngleCamera}, MediaType::Video,
+                                                         state_.get(&CameraValues::devicePosition));
         }
         if (discovery && !discovery->devices.empty()) device_ = discovery->devices.front();
         state_.set(&CameraValues::discoverySession, discovery);
@@ -64,14 +65,16 @@ private:
             const auto state = weakState.lock();
             const auto layer = state ? state->get(&CameraValues::videoPreviewLayer) : nullptr;
             const auto connection = layer ? layer->connection() : nullptr;
-            if (connection) connection->setVideoOrientation(previewOrientation(state->get(&CameraValues::cameraOrientation)));
+            if (connection)
+                connection->setVideoOrientation(previewOrientation(state->get(&CameraValues::cameraOrientation)));
         });
     }
 
     void chooseResolution() const {
         const Size desired = state_.get(&CameraValues::desiredResolution);
         if (const auto preset = state_.get(&CameraValues::sessionPreset)) {
-            session_->setSessionPreset(presetToSet(*preset, [this](const std::string& name) { return session_->canSetSessionPreset(name); }));
+            session_->setSessionPreset(
+                presetToSet(*preset, [this](const std::string& name) { return session_->canSetSessionPreset(name); }));
         } else if (desired != Size{}) {
             const auto format = searchFormat(device_->formats(), state_.get(&CameraValues::pixelBufferFormat), desired);
             if (!format) return;
@@ -93,7 +96,8 @@ private:
     void addVideoDataOutput() const {
         const auto output = platform_.captureSystem->makeVideoDataOutput();
         if (output) {
-            output->setPixelFormat(framePixelFormat(state_.get(&CameraValues::analyzeRGBVideo), state_.get(&CameraValues::pixelBufferFormat)));
+            output->setPixelFormat(framePixelFormat(state_.get(&CameraValues::analyzeRGBVideo),
+                                                    state_.get(&CameraValues::pixelBufferFormat)));
             output->setAlwaysDiscardsLateVideoFrames(true);
         }
         addSampleOutput(&CameraValues::videoDataOutput, output, "Can't add videoDataOutput");
@@ -101,7 +105,8 @@ private:
 
     void addAudioDataOutput() const {
         if (!state_.recordAudio() || !state_.get(&CameraValues::audioInput)) return;
-        addSampleOutput(&CameraValues::audioDataOutput, platform_.captureSystem->makeAudioDataOutput(), "Can't add audioDataOutput");
+        addSampleOutput(&CameraValues::audioDataOutput, platform_.captureSystem->makeAudioDataOutput(),
+                        "Can't add audioDataOutput");
     }
 
     void addMetaDataOutput() const {
@@ -119,7 +124,8 @@ private:
             return;
         }
         session_->addOutput(output);
-        output->setMetadataObjectTypes({kMetadataObjectTypePDF417Code});  // an output knows its types only once it has been added
+        output->setMetadataObjectTypes(
+            {kMetadataObjectTypePDF417Code});  // an output knows its types only once it has been added
     }
 
     /// A shutdown since the beginning took down what there was of the graph then; the rest goes here.
@@ -127,14 +133,16 @@ private:
         const std::lock_guard lock(session_->monitor());
         if (state_.session() == session_) return false;
         dismantleSession(*session_, state_);
-        for (const auto& output : session_->outputs()) session_->removeOutput(output);  // added after the state had forgotten it
+        for (const auto& output : session_->outputs())
+            session_->removeOutput(output);  // added after the state had forgotten it
         return true;
     }
 
     bool focus() {
         if (auto lockError = device_->lockForConfiguration()) error_ = std::move(lockError);
         if (device_->isFocusPointOfInterestSupported()) device_->setFocusPointOfInterest({0.5, 0.5});
-        if (device_->isFocusModeSupported(FocusMode::ContinuousAutoFocus)) device_->setFocusMode(FocusMode::ContinuousAutoFocus);
+        if (device_->isFocusModeSupported(FocusMode::ContinuousAutoFocus))
+            device_->setFocusMode(FocusMode::ContinuousAutoFocus);
         device_->unlockForConfiguration();
         if (error_) log("Failed to set continuous autofocus and point of interest");
         return !error_;
@@ -167,7 +175,8 @@ private:
     }
 
     template <typename Output>
-    void addSampleOutput(std::shared_ptr<Output> CameraValues::*member, const std::shared_ptr<Output>& output, const char* refused) const {
+    void addSampleOutput(std::shared_ptr<Output> CameraValues::*member, const std::shared_ptr<Output>& output,
+                         const char* refused) const {
         state_.set(member, output);
         if (output) output->setSampleBufferDelegate(context_.receiver, context_.videoOutputQueue);
         if (output && session_->canAddOutput(*output)) {
@@ -183,8 +192,9 @@ private:
     CameraState& state_ = *context_.state;
     const std::shared_ptr<CaptureSession> session_ = state_.session();
     std::shared_ptr<CaptureDevice> device_;
-    /// The one error slot of a run. A microphone that could not be opened leaves its error here, and the focus step, which only looks whether the
-    /// slot is empty, then ends the run: a recording that was asked for with sound does not silently go without.
+    /// The one error slot of a run. A microphone that could not be opened leaves its error here, and the focus step,
+    /// which only looks whether the slot is empty, then ends the run: a recording that was asked for with sound does
+    /// not silently go without.
     std::optional<Error> error_;
 };
 
@@ -215,7 +225,8 @@ void dismantleSession(CaptureSession& session, CameraState& state) {
 void orientOutputs(CaptureSession& session, VideoOrientation cameraOrientation) {
     for (const auto& output : session.outputs()) {
         for (const auto& connection : output->connections()) {
-            if (connection->isVideoOrientationSupported()) connection->setVideoOrientation(outputOrientation(cameraOrientation));
+            if (connection->isVideoOrientationSupported())
+                connection->setVideoOrientation(outputOrientation(cameraOrientation));
         }
     }
 }

@@ -13,9 +13,10 @@ struct ConfigurationContext {
     const std::shared_ptr<Queue>& videoOutputQueue;          ///< for the samples
 };
 
-/// Finds the camera, adds inputs and outputs to the state's session, focuses, orients the outputs and tells the delegate. On the session queue.
-/// Failures are logged; what had been built until then stays, and the delegate is told nothing. If the session is taken from the state meanwhile,
-/// nothing of the graph stays, and the delegate is told nothing either.
+/// Finds the camera, adds inputs and outputs to the state's session, focuses, orients the outputs and tells the
+/// delegate. On the session queue. Failures are logged; what had been built until then stays, and the delegate is told
+/// nothing. If the session is taken from the state meanwhile, nothing of the graph stays, and the delegate is told
+/// nothing either.
 void configureSession(const ConfigurationContext& context);
 
 /// Takes the state's inputs and outputs out of the session and forgets the outputs. With the session's monitor held.

@@ -43,7 +43,8 @@ void writerDidFinish(AssetWriterStatus status, FileManager* files, const std::op
 
 }  // namespace
 
-VideoRecorder::VideoRecorder(const Platform& platform, std::shared_ptr<CameraState> state, const std::shared_ptr<Queue>& queue)
+VideoRecorder::VideoRecorder(const Platform& platform, std::shared_ptr<CameraState> state,
+                             const std::shared_ptr<Queue>& queue)
     : clock_(platform.clock),
       device_(platform.device),
       screen_(platform.screen),
@@ -88,7 +89,8 @@ void VideoRecorder::configureAssetWriter() const {
 
     const auto audioOutput = state_->recordAudio() ? state_->get(&CameraValues::audioDataOutput) : nullptr;
     const auto audioInput = audioOutput ? makeAudioInput(*audioOutput) : nullptr;
-    state_->set(&CameraValues::writerAudioInput, audioInput);  // null without sound, lest samples go to the recording before
+    state_->set(&CameraValues::writerAudioInput,
+                audioInput);  // null without sound, lest samples go to the recording before
     if (audioOutput && !add(audioInput)) log("Can't add writerInputAudio");
 
     state_->set(&CameraValues::assetWriter, writer);
@@ -100,7 +102,8 @@ std::shared_ptr<AssetWriterInput> VideoRecorder::makeVideoInput() const {
     if (!writers_ || !output || !parameters) return nullptr;
     // The orientation may be read on any thread, so the size is settled before the track is made.
     const auto orientation = screen_ ? std::optional(screen_->statusBarOrientation()) : std::nullopt;
-    auto input = writers_->makeVideoInput(recordingSettings(output->recommendedVideoSettings(kFileTypeMPEG4), orientation, parameters->videoQuality(),
+    auto input = writers_->makeVideoInput(recordingSettings(output->recommendedVideoSettings(kFileTypeMPEG4),
+                                                            orientation, parameters->videoQuality(),
                                                             device_ ? device_->systemVersion() : std::string()));
     if (input) input->setExpectsMediaDataInRealTime(true);
     return input;
@@ -120,7 +123,8 @@ void VideoRecorder::appendAudioSample(const std::shared_ptr<SampleBuffer>& sampl
     append(&CameraValues::writerAudioInput, sampleBuffer);
 }
 
-void VideoRecorder::append(std::shared_ptr<AssetWriterInput> CameraValues::*member, const std::shared_ptr<SampleBuffer>& sampleBuffer) const {
+void VideoRecorder::append(std::shared_ptr<AssetWriterInput> CameraValues::*member,
+                           const std::shared_ptr<SampleBuffer>& sampleBuffer) const {
     assert(isOnOrEnding(queue_));
     const auto writer = state_->get(&CameraValues::assetWriter);
     if (!writer || writer->status() != AssetWriterStatus::Writing) return;
@@ -137,7 +141,8 @@ void VideoRecorder::stop() {
     finishing_ = writer;
     if (writer->status() == AssetWriterStatus::Writing) markInputsAsFinished();
     // The path of this file, because the next recording may have begun when it is finished.
-    writer->finishWriting([files = files_, writer, path = state_->get(&CameraValues::videoRecordingUrl), delegateSlot = state_->delegateSlot()] {
+    writer->finishWriting([files = files_, writer, path = state_->get(&CameraValues::videoRecordingUrl),
+                           delegateSlot = state_->delegateSlot()] {
         writerDidFinish(writer->status(), files.get(), path, *delegateSlot);
     });
 }

@@ -10,9 +10,9 @@ namespace selvio {
 ///     idle ──start──▶ writing ──stop──▶ finishing ──▶ completed, failed or cancelled
 ///       ▲───────────discard┴─────────────────┘
 ///
-/// The state is the writer's status and `shouldRecord` of the camera; kept here is only which writer has been asked to finish. A recorder outlives
-/// its camera until a stop or a discard already requested has run, so that no file is left half-written because the camera went. While the writer
-/// then finishes, it keeps nothing of the camera alive.
+/// The state is the writer's status and `shouldRecord` of the camera; kept here is only which writer has been asked to
+/// finish. A recorder outlives its camera until a stop or a discard already requested has run, so that no file is left
+/// half-written because the camera went. While the writer then finishes, it keeps nothing of the camera alive.
 class VideoRecorder {
 public:
     /// `queue`: the video output queue, held weakly.
@@ -38,7 +38,8 @@ private:
     void configureAssetWriter() const;
     [[nodiscard]] std::shared_ptr<AssetWriterInput> makeVideoInput() const;
     [[nodiscard]] std::shared_ptr<AssetWriterInput> makeAudioInput(AudioDataOutput& output) const;
-    void append(std::shared_ptr<AssetWriterInput> CameraValues::*member, const std::shared_ptr<SampleBuffer>& sampleBuffer) const;
+    void append(std::shared_ptr<AssetWriterInput> CameraValues::*member,
+                const std::shared_ptr<SampleBuffer>& sampleBuffer) const;
     void markInputsAsFinished() const;
 
     const std::shared_ptr<const Clock> clock_;

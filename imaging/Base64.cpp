@@ -24,7 +24,8 @@ constexpr std::uint8_t kNotInAlphabet = 255;
 constexpr auto kValues = [] {
     std::array<std::uint8_t, 256> values{};
     values.fill(kNotInAlphabet);
-    for (std::size_t i = 0; i < kAlphabet.size(); ++i) values[static_cast<std::uint8_t>(kAlphabet[i])] = static_cast<std::uint8_t>(i);
+    for (std::size_t i = 0; i < kAlphabet.size(); ++i)
+        values[static_cast<std::uint8_t>(kAlphabet[i])] = static_cast<std::uint8_t>(i);
     return values;
 }();
 
@@ -36,12 +37,14 @@ std::string encode(std::span<const std::uint8_t> bytes) {
     char* out = text.data();
     std::size_t left = bytes.size();
     for (; left >= 3; left -= 3, in += 3, out += 4) {
-        const std::uint32_t bits = static_cast<std::uint32_t>(in[0]) << 16 | static_cast<std::uint32_t>(in[1]) << 8 | in[2];
+        const std::uint32_t bits =
+            static_cast<std::uint32_t>(in[0]) << 16 | static_cast<std::uint32_t>(in[1]) << 8 | in[2];
         std::memcpy(out, &kPairs[(bits >> 12) * 2], 2);
         std::memcpy(out + 2, &kPairs[(bits & 0xfff) * 2], 2);
     }
     if (left > 0) {
-        const std::uint32_t bits = static_cast<std::uint32_t>(in[0]) << 16 | (left == 2 ? static_cast<std::uint32_t>(in[1]) << 8 : 0);
+        const std::uint32_t bits =
+            static_cast<std::uint32_t>(in[0]) << 16 | (left == 2 ? static_cast<std::uint32_t>(in[1]) << 8 : 0);
         std::memcpy(out, &kPairs[(bits >> 12) * 2], 2);
         if (left == 2) out[2] = kAlphabet[bits >> 6 & 63];
     }

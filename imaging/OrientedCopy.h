@@ -8,9 +8,12 @@
 
 namespace selvio {
 
-/// How a stored picture is turned to be upright, numbered as EXIF orientations (1...8). Column c, row r of a picture w wide and h high goes to:
-///   1 (c, r)   2 (w-1-c, r)   3 (w-1-c, h-1-r)   4 (c, h-1-r)   5 (r, c)   6 (h-1-r, c)   7 (h-1-r, w-1-c)   8 (r, w-1-c)
-/// So 6 turns clockwise, 8 counter-clockwise, 3 by half a turn, and 4 turns the picture upside down as in a mirror on the floor.
+/// How a stored picture is turned to be upright, numbered as EXIF orientations (1...8). Column c, row r of a picture w
+/// wide and h high goes to:
+///   1 (c, r)   2 (w-1-c, r)   3 (w-1-c, h-1-r)   4 (c, h-1-r)   5 (r, c)   6 (h-1-r, c)   7 (h-1-r, w-1-c)   8 (r,
+///   w-1-c)
+/// So 6 turns clockwise, 8 counter-clockwise, 3 by half a turn, and 4 turns the picture upside down as in a mirror on
+/// the floor.
 struct Turn {
     bool swapsAxes = false;
     bool reversesX = false;  ///< in the turned picture
@@ -35,7 +38,8 @@ struct TurnedPlane {
     std::ptrdiff_t rowStep = 0;      ///< bytes from one source row to the next
 
     /// `width` and `height` are the source's; `sampleSize` is in bytes.
-    static TurnedPlane make(Turn turn, int width, int height, std::size_t sampleSize, std::uint8_t* data, std::size_t bytesPerRow) {
+    static TurnedPlane make(Turn turn, int width, int height, std::size_t sampleSize, std::uint8_t* data,
+                            std::size_t bytesPerRow) {
         const auto sample = static_cast<std::ptrdiff_t>(sampleSize);
         const auto row = static_cast<std::ptrdiff_t>(bytesPerRow);
         const std::ptrdiff_t stepX = turn.reversesX ? -sample : sample;
@@ -49,7 +53,8 @@ struct TurnedPlane {
 
 /// Copies `rows` source rows, the first of which is row `firstRow` of the whole source, to their places.
 template <std::size_t kSampleSize>
-void copyTurned(const std::uint8_t* source, std::size_t sourceBytesPerRow, int width, int firstRow, int rows, const TurnedPlane& target) {
+void copyTurned(const std::uint8_t* source, std::size_t sourceBytesPerRow, int width, int firstRow, int rows,
+                const TurnedPlane& target) {
     constexpr int kTile = 32;  // a tile of source and target stays in the first-level cache when the axes are swapped
     std::uint8_t* const origin = target.origin + firstRow * target.rowStep;
     if (target.columnStep == static_cast<std::ptrdiff_t>(kSampleSize)) {
@@ -67,7 +72,8 @@ void copyTurned(const std::uint8_t* source, std::size_t sourceBytesPerRow, int w
                 const std::uint8_t* const in = source + static_cast<std::size_t>(r) * sourceBytesPerRow;
                 std::uint8_t* const out = origin + r * target.rowStep;
                 for (int c = tileColumn; c < endColumn; ++c) {
-                    std::memcpy(out + c * target.columnStep, in + static_cast<std::size_t>(c) * kSampleSize, kSampleSize);
+                    std::memcpy(out + c * target.columnStep, in + static_cast<std::size_t>(c) * kSampleSize,
+                                kSampleSize);
                 }
             }
         }

@@ -19,12 +19,14 @@ void freeBlock(std::uint8_t* block) {
 
 std::array<std::uint8_t*, 2> planesOf(const PixelBufferLayout& layout, std::uint8_t* block) {
     const PlaneLayout& first = layout.planes[0];
-    return {block, layout.planeCount == 2 ? block + first.bytesPerRow * static_cast<std::size_t>(first.height) : nullptr};
+    return {block,
+            layout.planeCount == 2 ? block + first.bytesPerRow * static_cast<std::size_t>(first.height) : nullptr};
 }
 
 }  // namespace
 
-std::optional<PixelBufferLayout> PixelBufferLayout::make(int width, int height, PixelFormat format, std::array<std::size_t, 2> bytesPerRow) {
+std::optional<PixelBufferLayout> PixelBufferLayout::make(int width, int height, PixelFormat format,
+                                                         std::array<std::size_t, 2> bytesPerRow) {
     if (width < 1 || height < 1 || width > kLongestSide || height > kLongestSide) return std::nullopt;
     PixelBufferLayout layout{.width = width, .height = height, .format = format == 0 ? kPixelFormat32BGRA : format};
     std::array<std::size_t, 2> bytesPerSample{4, 0};
@@ -52,10 +54,12 @@ std::optional<PixelBufferLayout> PixelBufferLayout::make(int width, int height, 
 }
 
 std::size_t PixelBufferLayout::byteSize() const {
-    return planes[0].bytesPerRow * static_cast<std::size_t>(planes[0].height) + planes[1].bytesPerRow * static_cast<std::size_t>(planes[1].height);
+    return planes[0].bytesPerRow * static_cast<std::size_t>(planes[0].height) +
+           planes[1].bytesPerRow * static_cast<std::size_t>(planes[1].height);
 }
 
-PixelBuffer::PixelBuffer(const PixelBufferLayout& layout, std::array<std::uint8_t*, 2> planes, std::function<void()> release)
+PixelBuffer::PixelBuffer(const PixelBufferLayout& layout, std::array<std::uint8_t*, 2> planes,
+                         std::function<void()> release)
     : layout_(layout), planes_(planes), release_(std::move(release)) {}
 
 PixelBuffer::~PixelBuffer() {
@@ -73,7 +77,8 @@ std::shared_ptr<PixelBuffer> PixelBuffer::create(const PixelBufferLayout& layout
     return wrap(layout, planesOf(layout, block), [block] { freeBlock(block); });
 }
 
-std::shared_ptr<PixelBuffer> PixelBuffer::wrap(const PixelBufferLayout& layout, std::array<std::uint8_t*, 2> planes, std::function<void()> release) {
+std::shared_ptr<PixelBuffer> PixelBuffer::wrap(const PixelBufferLayout& layout, std::array<std::uint8_t*, 2> planes,
+                                               std::function<void()> release) {
     return std::shared_ptr<PixelBuffer>(new PixelBuffer(layout, planes, std::move(release)));
 }
 

@@ -52,16 +52,19 @@ void rowReversingChannels(const std::uint8_t* in, int width, std::uint8_t* out) 
 bool isReadable(const PixelBuffer* buffer) {
     if (buffer == nullptr) return false;
     const PixelBufferLayout& layout = buffer->layout();
-    const auto expected =
-        PixelBufferLayout::make(layout.width, layout.height, layout.format, {layout.planes[0].bytesPerRow, layout.planes[1].bytesPerRow});
-    return expected && *expected == layout && buffer->data(0) != nullptr && (layout.planeCount == 1 || buffer->data(1) != nullptr);
+    const auto expected = PixelBufferLayout::make(layout.width, layout.height, layout.format,
+                                                  {layout.planes[0].bytesPerRow, layout.planes[1].bytesPerRow});
+    return expected && *expected == layout && buffer->data(0) != nullptr &&
+           (layout.planeCount == 1 || buffer->data(1) != nullptr);
 }
 
 std::shared_ptr<PixelBuffer> convertedTo32(const PixelBuffer& source, PixelFormat target) {
     if (!isReadable(&source) || (target != kPixelFormat32ARGB && target != kPixelFormat32BGRA)) return nullptr;
     auto result = PixelBuffer::create(source.width(), source.height(), target);
     if (!result) return nullptr;
-    const auto row = [](auto& buffer, int plane, int y) { return buffer.data(plane) + buffer.bytesPerRow(plane) * static_cast<std::size_t>(y); };
+    const auto row = [](auto& buffer, int plane, int y) {
+        return buffer.data(plane) + buffer.bytesPerRow(plane) * static_cast<std::size_t>(y);
+    };
     const int width = source.width();
     for (int y = 0; y < source.height(); ++y) {
         std::uint8_t* const out = row(*result, 0, y);
@@ -79,12 +82,13 @@ std::shared_ptr<PixelBuffer> convertedTo32(const PixelBuffer& source, PixelForma
 
 std::shared_ptr<PixelBuffer> turned(const PixelBuffer& source, Turn turn) {
     if (!isReadable(&source)) return nullptr;
-    auto result =
-        PixelBuffer::create(turn.turnedWidth(source.width(), source.height()), turn.turnedHeight(source.width(), source.height()), source.format());
+    auto result = PixelBuffer::create(turn.turnedWidth(source.width(), source.height()),
+                                      turn.turnedHeight(source.width(), source.height()), source.format());
     if (!result) return nullptr;
     const auto turnPlane = [&]<std::size_t kSampleSize>(int plane) {
         const PlaneLayout& in = source.layout().planes[static_cast<std::size_t>(plane)];
-        const auto target = TurnedPlane::make(turn, in.width, in.height, kSampleSize, result->data(plane), result->bytesPerRow(plane));
+        const auto target =
+            TurnedPlane::make(turn, in.width, in.height, kSampleSize, result->data(plane), result->bytesPerRow(plane));
         copyTurned<kSampleSize>(source.data(plane), in.bytesPerRow, in.width, 0, in.height, target);
     };
     if (source.format() == kPixelFormat420v) {
@@ -102,7 +106,8 @@ void copyPixels(const PixelBuffer& source, PixelBuffer& target) {
         return;
     }
     for (int plane = 0; plane < source.planeCount(); ++plane) {
-        std::memcpy(target.data(plane), source.data(plane), planeBytes(source.layout().planes[static_cast<std::size_t>(plane)]));
+        std::memcpy(target.data(plane), source.data(plane),
+                    planeBytes(source.layout().planes[static_cast<std::size_t>(plane)]));
     }
 }
 

@@ -4,7 +4,8 @@
 
 namespace selvio {
 
-std::shared_ptr<SampleBuffer> SampleBuffer::makeVideo(std::shared_ptr<PixelBuffer> imageBuffer, SampleTiming timing, bool dataIsReady) {
+std::shared_ptr<SampleBuffer> SampleBuffer::makeVideo(std::shared_ptr<PixelBuffer> imageBuffer, SampleTiming timing,
+                                                      bool dataIsReady) {
     std::shared_ptr<SampleBuffer> sample(new SampleBuffer);
     sample->imageBuffer_ = std::move(imageBuffer);
     sample->timing_ = timing;

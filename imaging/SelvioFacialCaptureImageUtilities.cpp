@@ -18,8 +18,9 @@ using selvio::Turn;
 constexpr double kQuarterTurn = std::numbers::pi / 2;
 constexpr double kHalfTurn = std::numbers::pi;
 
-/// The angle, applied about the middle of a canvas whose y axis points down, to a picture that is drawn with y up: the flip of the one undoes that of
-/// the other, so a positive angle turns clockwise, and an angle that sets no transform leaves the picture flipped.
+/// The angle, applied about the middle of a canvas whose y axis points down, to a picture that is drawn with y up: the
+/// flip of the one undoes that of the other, so a positive angle turns clockwise, and an angle that sets no transform
+/// leaves the picture flipped.
 Turn turnByRadians(double angle) {
     if (angle == 0.0) return Turn::fromExif(1);
     if (angle == kQuarterTurn) return Turn::fromExif(6);
@@ -95,7 +96,8 @@ std::optional<Image> SelvioFacialCaptureImageUtilities::imageFromSampleBufferWit
     return Image{std::move(picture), imageOrientationForDevice(deviceOrientation), 1.0};
 }
 
-std::optional<Image> SelvioFacialCaptureImageUtilities::imageFromSampleBuffer(const std::shared_ptr<const SampleBuffer>& sampleBuffer) {
+std::optional<Image> SelvioFacialCaptureImageUtilities::imageFromSampleBuffer(
+    const std::shared_ptr<const SampleBuffer>& sampleBuffer) {
     return imageFromSampleBufferWithDeviceOrientation(sampleBuffer, 0);
 }
 
@@ -104,32 +106,38 @@ std::optional<Image> SelvioFacialCaptureImageUtilities::imageFromSampleBufferAdj
     return imageFromSampleBuffer(sampleBuffer);
 }
 
-std::optional<Image> SelvioFacialCaptureImageUtilities::imageFromPixelBuffer(const std::shared_ptr<const PixelBuffer>& pixelBuffer) {
+std::optional<Image> SelvioFacialCaptureImageUtilities::imageFromPixelBuffer(
+    const std::shared_ptr<const PixelBuffer>& pixelBuffer) {
     auto bitmap = pixelBuffer ? convertedTo32(*pixelBuffer, selvio::kPixelFormat32BGRA) : nullptr;
     if (!bitmap) return std::nullopt;
     return Image{std::move(bitmap), ImageOrientation::Up, 1.0};
 }
 
-std::optional<Image> SelvioFacialCaptureImageUtilities::imageFromUIImage(const std::optional<Image>& image, std::int64_t orientation) {
+std::optional<Image> SelvioFacialCaptureImageUtilities::imageFromUIImage(const std::optional<Image>& image,
+                                                                         std::int64_t orientation) {
     auto bitmap = image ? rotateCGImage(image->bitmap, radiansForOrientation(orientation)) : nullptr;
     if (!bitmap) return std::nullopt;
     return Image{std::move(bitmap), ImageOrientation::Up, 1.0};
 }
 
-std::shared_ptr<PixelBuffer> SelvioFacialCaptureImageUtilities::copyPixelBuffer(const std::shared_ptr<const PixelBuffer>& pixelBuffer) {
-    return deepCopy(pixelBuffer.get(), [](const selvio::PixelBufferLayout& layout) { return PixelBuffer::create(layout); });
+std::shared_ptr<PixelBuffer> SelvioFacialCaptureImageUtilities::copyPixelBuffer(
+    const std::shared_ptr<const PixelBuffer>& pixelBuffer) {
+    return deepCopy(pixelBuffer.get(),
+                    [](const selvio::PixelBufferLayout& layout) { return PixelBuffer::create(layout); });
 }
 
-std::shared_ptr<PixelBuffer> SelvioFacialCaptureImageUtilities::copyPixelBuffer(const std::shared_ptr<const PixelBuffer>& pixelBuffer,
-                                                                                PixelBufferPool& pool) {
-    return deepCopy(pixelBuffer.get(), [&pool](const selvio::PixelBufferLayout& layout) { return pool.acquire(layout); });
+std::shared_ptr<PixelBuffer> SelvioFacialCaptureImageUtilities::copyPixelBuffer(
+    const std::shared_ptr<const PixelBuffer>& pixelBuffer, PixelBufferPool& pool) {
+    return deepCopy(pixelBuffer.get(),
+                    [&pool](const selvio::PixelBufferLayout& layout) { return pool.acquire(layout); });
 }
 
-std::shared_ptr<SampleBuffer> SelvioFacialCaptureImageUtilities::copySampleBuffer(const std::shared_ptr<const SampleBuffer>& sampleBuffer) {
+std::shared_ptr<SampleBuffer> SelvioFacialCaptureImageUtilities::copySampleBuffer(
+    const std::shared_ptr<const SampleBuffer>& sampleBuffer) {
     return sampleOver(copyPixelBuffer(pictureOf(sampleBuffer)));
 }
 
-std::shared_ptr<SampleBuffer> SelvioFacialCaptureImageUtilities::copySampleBuffer(const std::shared_ptr<const SampleBuffer>& sampleBuffer,
-                                                                                  PixelBufferPool& pool) {
+std::shared_ptr<SampleBuffer> SelvioFacialCaptureImageUtilities::copySampleBuffer(
+    const std::shared_ptr<const SampleBuffer>& sampleBuffer, PixelBufferPool& pool) {
     return sampleOver(copyPixelBuffer(pictureOf(sampleBuffer), pool));
 }

@@ -78,7 +78,8 @@ std::string SelvioFacialCaptureCameraParameters::encodeWithCoder() const {
     return archive.dump();
 }
 
-std::shared_ptr<SelvioFacialCaptureCameraParameters> SelvioFacialCaptureCameraParameters::initWithCoder(std::string_view text) {
+std::shared_ptr<SelvioFacialCaptureCameraParameters> SelvioFacialCaptureCameraParameters::initWithCoder(
+    std::string_view text) {
     nlohmann::json archive = nlohmann::json::parse(text, nullptr, /*allow_exceptions=*/false);
     if (!archive.is_object()) archive = nlohmann::json::object();
     auto parameters = std::make_shared<SelvioFacialCaptureCameraParameters>();

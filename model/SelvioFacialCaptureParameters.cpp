@@ -2,7 +2,8 @@
 
 #include <utility>
 
-SelvioFacialCaptureParameters::SelvioFacialCaptureParameters() : cameraParameters_(std::make_shared<SelvioFacialCaptureCameraParameters>()) {
+SelvioFacialCaptureParameters::SelvioFacialCaptureParameters()
+    : cameraParameters_(std::make_shared<SelvioFacialCaptureCameraParameters>()) {
     setMode(2);
     setTimeout(20);
     setMinFill(550);  // lifts maxFill to 650, so that the next line leaves minFill alone
@@ -22,7 +23,8 @@ std::int64_t SelvioFacialCaptureParameters::clampInteger(std::int64_t value, std
 }
 
 void SelvioFacialCaptureParameters::setMode(std::int64_t value) {
-    mutex_.set(mode_, value == SelvioFacialCaptureModeManual ? SelvioFacialCaptureModeManual : SelvioFacialCaptureModeAuto);
+    mutex_.set(mode_,
+               value == SelvioFacialCaptureModeManual ? SelvioFacialCaptureModeManual : SelvioFacialCaptureModeAuto);
 }
 
 SelvioFacialCaptureMode SelvioFacialCaptureParameters::mode() const {
@@ -127,7 +129,8 @@ std::shared_ptr<SelvioFacialCaptureCameraParameters> SelvioFacialCaptureParamete
     return mutex_.get(cameraParameters_);
 }
 
-void SelvioFacialCaptureParameters::setCameraParameters(std::shared_ptr<SelvioFacialCaptureCameraParameters> parameters) {
+void SelvioFacialCaptureParameters::setCameraParameters(
+    std::shared_ptr<SelvioFacialCaptureCameraParameters> parameters) {
     mutex_.set(cameraParameters_, std::move(parameters));
 }
 

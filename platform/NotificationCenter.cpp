@@ -4,7 +4,8 @@
 
 namespace selvio {
 
-void NotificationCenter::addObserver(const std::shared_ptr<const void>& observer, ApplicationNotification notification, Handler handler) {
+void NotificationCenter::addObserver(const std::shared_ptr<const void>& observer, ApplicationNotification notification,
+                                     Handler handler) {
     const std::lock_guard lock(mutex_);
     forgetGoneObservers();
     entries_.push_back({observer.get(), notification, std::move(handler), observer});

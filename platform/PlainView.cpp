@@ -19,7 +19,8 @@ void PlainView::addSubview(const BlurView& view) {
 
 bool PlainView::removeSubviewWithTag(std::int64_t tag) {
     const std::lock_guard lock(mutex_);
-    const auto found = std::find_if(subviews_.begin(), subviews_.end(), [tag](const BlurView& view) { return view.tag == tag; });
+    const auto found =
+        std::find_if(subviews_.begin(), subviews_.end(), [tag](const BlurView& view) { return view.tag == tag; });
     if (found == subviews_.end()) return false;
     subviews_.erase(found);
     return true;

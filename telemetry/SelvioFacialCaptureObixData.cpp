@@ -35,7 +35,8 @@ std::shared_ptr<SelvioFacialCaptureObixData> SelvioFacialCaptureObixData::init(c
     return record;
 }
 
-SelvioFacialCaptureObixData::SelvioFacialCaptureObixData(const selvio::Platform& platform) : device_(platform.device), codec_(platform.imageCodec) {}
+SelvioFacialCaptureObixData::SelvioFacialCaptureObixData(const selvio::Platform& platform)
+    : device_(platform.device), codec_(platform.imageCodec) {}
 
 std::string SelvioFacialCaptureObixData::obixVersion() {
     return "1.6";
@@ -110,11 +111,13 @@ std::optional<std::string> SelvioFacialCaptureObixData::userComment() const {
         selvio::log("The data record is too long for the photograph, which carries none");
         return std::nullopt;
     }
-    selvio::log("The data record is too long for the photograph: its " + std::to_string(all.size() - fits) + " oldest events were left out there");
+    selvio::log("The data record is too long for the photograph: its " + std::to_string(all.size() - fits) +
+                " oldest events were left out there");
     return text;
 }
 
-std::optional<std::string> SelvioFacialCaptureObixData::addToImage(const std::optional<selvio::Image>& image, double compression) const {
+std::optional<std::string> SelvioFacialCaptureObixData::addToImage(const std::optional<selvio::Image>& image,
+                                                                   double compression) const {
     if (!image || !codec_) return std::nullopt;
     std::optional<selvio::Bytes> fullQuality = codec_->encodeJpeg(*image, 1.0);
     if (!fullQuality) return std::nullopt;

@@ -37,15 +37,18 @@ void SelvioFacialCaptureUxpEventManager::setSharedClock(std::shared_ptr<const se
     s.clock = std::move(clock);
 }
 
-std::shared_ptr<SelvioFacialCaptureUxpEventManager> SelvioFacialCaptureUxpEventManager::init(std::shared_ptr<const selvio::Clock> clock) {
+std::shared_ptr<SelvioFacialCaptureUxpEventManager> SelvioFacialCaptureUxpEventManager::init(
+    std::shared_ptr<const selvio::Clock> clock) {
     if (!clock) clock = std::make_shared<selvio::SystemClock>();
-    return std::shared_ptr<SelvioFacialCaptureUxpEventManager>(new SelvioFacialCaptureUxpEventManager(std::move(clock)));
+    return std::shared_ptr<SelvioFacialCaptureUxpEventManager>(
+        new SelvioFacialCaptureUxpEventManager(std::move(clock)));
 }
 
 SelvioFacialCaptureUxpEventManager::SelvioFacialCaptureUxpEventManager(std::shared_ptr<const selvio::Clock> clock)
-    : clock_(std::move(clock)), codes_{{0, "SA"},   {1, "SS"},    {2, "IS"},    {3, "HS"},    {4, "RS"},    {5, "MF"},   {6, "MT"},
-                                       {7, "ST"},   {8, "C"},     {9, "FENF"},  {10, "FENC"}, {11, "FEMF"}, {12, "FER"}, {13, "FEP"},
-                                       {14, "FEY"}, {15, "FETF"}, {16, "FETC"}, {17, "FENS"}, {18, "FESS"}, {19, "FHS"}, {20, "FS"}} {
+    : clock_(std::move(clock)), codes_{{0, "SA"},    {1, "SS"},   {2, "IS"},   {3, "HS"},    {4, "RS"},    {5, "MF"},
+                                       {6, "MT"},    {7, "ST"},   {8, "C"},    {9, "FENF"},  {10, "FENC"}, {11, "FEMF"},
+                                       {12, "FER"},  {13, "FEP"}, {14, "FEY"}, {15, "FETF"}, {16, "FETC"}, {17, "FENS"},
+                                       {18, "FESS"}, {19, "FHS"}, {20, "FS"}} {
     clear();
 }
 
@@ -87,6 +90,7 @@ double SelvioFacialCaptureUxpEventManager::startTime() const {
     return startTime_;
 }
 
-const std::map<std::int64_t, std::string>& SelvioFacialCaptureUxpEventManager::uxpEventToStringMappingDictionary() const {
+const std::map<std::int64_t, std::string>& SelvioFacialCaptureUxpEventManager::uxpEventToStringMappingDictionary()
+    const {
     return codes_;
 }

@@ -7,8 +7,8 @@
 
 namespace selvio::rules {
 
-/// The front camera's mirrored image: 7 (right mirrored) upside down, 4 (down mirrored) landscape left, 2 (up mirrored) landscape right, else 5
-/// (left mirrored).
+/// The front camera's mirrored image: 7 (right mirrored) upside down, 4 (down mirrored) landscape left, 2 (up mirrored)
+/// landscape right, else 5 (left mirrored).
 [[nodiscard]] std::uint32_t exifOrientationFor(DeviceOrientation orientation);
 
 }  // namespace selvio::rules

@@ -41,7 +41,8 @@ double largerOverSmaller(double a, double b) {
     return a > b ? a / b : b / a;
 }
 
-FaceMeasures measure(const Landmarks& face, const FaceLimits& limits, double biggerScreenSide, double smallerScreenSide) {
+FaceMeasures measure(const Landmarks& face, const FaceLimits& limits, double biggerScreenSide,
+                     double smallerScreenSide) {
     const Point& a = face.firstContourEnd;
     const Point& b = face.secondContourEnd;
     const bool tallScreen = biggerScreenSide / smallerScreenSide > 1.78;
@@ -51,7 +52,8 @@ FaceMeasures measure(const Landmarks& face, const FaceLimits& limits, double big
     FaceMeasures m;
     m.rollRatio = largerOverSmaller(a.y, b.y);
     m.rollLimit = fromNeutral(limits.roll) * 0.0005 + 1.25;
-    m.yawRatio = largerOverSmaller(std::abs(face.noseSideB.x - face.noseMiddle.x), std::abs(face.noseSideA.x - face.noseMiddle.x));
+    m.yawRatio = largerOverSmaller(std::abs(face.noseSideB.x - face.noseMiddle.x),
+                                   std::abs(face.noseSideA.x - face.noseMiddle.x));
     m.yawLimit = fromNeutral(limits.yaw) * 0.001 + 1.8;
     m.pitchRatio = std::abs((face.chin.y - a.y) / (face.noseMiddle.y - face.chin.y));
     m.pitchLow = fromNeutral(limits.pitch) * -0.0004 + 1.2;
@@ -86,7 +88,11 @@ FaceChecksResult checkFace(const FaceChecksInput& input) {
     addIf(input.shouldHoldStill, SelvioFacialCaptureStatusHoldStill);
     std::sort(statuses.begin(), statuses.end());
 
-    return {.measures = m, .noseMiddle = face.noseMiddle, .lipLeft = face.lipLeft, .lipRight = face.lipRight, .statuses = std::move(statuses)};
+    return {.measures = m,
+            .noseMiddle = face.noseMiddle,
+            .lipLeft = face.lipLeft,
+            .lipRight = face.lipRight,
+            .statuses = std::move(statuses)};
 }
 
 }  // namespace selvio::rules

@@ -21,8 +21,9 @@ struct FaceLimits {
     std::int64_t maxFill = 725;
 };
 
-/// A face's landmarks in screen points; absent or short lists read as points at zero. The contour has 17 points (ends at 16 and 0, chin at 8) or else
-/// is read in the layout of 11 (0, 10, 5); the outer lips have 14 (corners at 13 and 7) or else are read in the layout of 10 (9, 5).
+/// A face's landmarks in screen points; absent or short lists read as points at zero. The contour has 17 points (ends
+/// at 16 and 0, chin at 8) or else is read in the layout of 11 (0, 10, 5); the outer lips have 14 (corners at 13 and 7)
+/// or else are read in the layout of 10 (9, 5).
 struct FacePoints {
     std::optional<std::vector<Point>> contour;
     std::optional<std::vector<Point>> nose;
@@ -37,8 +38,8 @@ struct FaceChecksInput {
     bool shouldHoldStill = false;    ///< the device is moving
 };
 
-/// What was measured, each value beside its limits. Values may be infinite or not a number when points coincide; such a number breaks no limit
-/// unless it is really beyond it.
+/// What was measured, each value beside its limits. Values may be infinite or not a number when points coincide; such a
+/// number breaks no limit unless it is really beyond it.
 struct FaceMeasures {
     double rollRatio = 0.0;  ///< the lower contour end's y over the upper one's
     double rollLimit = 0.0;
@@ -61,7 +62,8 @@ struct FaceChecksResult {
     Point noseMiddle;
     Point lipLeft;
     Point lipRight;
-    /// In ascending order. Vertical and horizontal centring each add "not centred", so that it may stand twice; a rolled head hides the yaw status.
+    /// In ascending order. Vertical and horizontal centring each add "not centred", so that it may stand twice; a
+    /// rolled head hides the yaw status.
     std::vector<SelvioFacialCaptureStatus> statuses;
 };
 

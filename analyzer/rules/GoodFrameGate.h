@@ -1,4 +1,5 @@
-// What a good frame leads to, as tables from (state, inputs) to (decision, state). Threads and delegates are the analyzer's business.
+// What a good frame leads to, as tables from (state, inputs) to (decision, state). Threads and delegates are the
+// analyzer's business.
 #pragma once
 
 #include <SelvioFacialCapture/SelvioFacialCaptureParameters.h>
@@ -40,14 +41,15 @@ struct GoodFrameInput {
 enum class SmileSelection { None, OldestFrame, NewestFrame };
 
 struct SmileJudgement {
-    std::int64_t smileStatus = 0;   ///< the new state of the run: 1 if its first tested frame showed a smile, 2 if it showed none
+    std::int64_t smileStatus =
+        0;  ///< the new state of the run: 1 if its first tested frame showed a smile, 2 if it showed none
     bool askToStopSmiling = false;  ///< report "stop smiling"
     SmileSelection selection = SmileSelection::None;
 };
 
 /// Judges a tested frame. `smileStatus` 0 means that this is the first one of a run of good frames.
-/// Who begins with a smile is asked to stop and selected once it has gone; who begins without is selected by smiling. In manual mode a smile is only
-/// ever asked to stop, and nothing is selected here.
+/// Who begins with a smile is asked to stop and selected once it has gone; who begins without is selected by smiling.
+/// In manual mode a smile is only ever asked to stop, and nothing is selected here.
 [[nodiscard]] SmileJudgement judgeSmile(bool smiling, std::int64_t smileStatus, SelvioFacialCaptureMode mode);
 
 }  // namespace selvio::rules

@@ -46,7 +46,8 @@ Point pointInAdjustedRect(Point point, const Rect& rect) {
     return {.x = rect.x + point.y * rect.width, .y = rect.y + point.x * rect.height};
 }
 
-std::optional<std::vector<Point>> landmarkInAdjustedRect(const std::optional<FaceLandmarkRegion>& region, const Rect& rect) {
+std::optional<std::vector<Point>> landmarkInAdjustedRect(const std::optional<FaceLandmarkRegion>& region,
+                                                         const Rect& rect) {
     if (!region) return std::nullopt;
     std::vector<Point> points;
     points.reserve(region->normalizedPoints.size());

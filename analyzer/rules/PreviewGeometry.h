@@ -12,7 +12,8 @@ namespace selvio::rules {
 /// Two decimals, halves away from zero: round(v * 100) / 100.
 [[nodiscard]] double roundToTwoDecimals(double value);
 
-/// The image fills the screen with an aspect fill: the adjusters say what is cropped away. Screen sides are in points, preview sides in pixels.
+/// The image fills the screen with an aspect fill: the adjusters say what is cropped away. Screen sides are in points,
+/// preview sides in pixels.
 struct PreviewGeometry {
     Size resolution;
     double biggerScreenSide = 0.0;
@@ -25,10 +26,12 @@ struct PreviewGeometry {
     double yAdjuster = 0.0;  ///< points cropped away at each end of the long side
 
     void setScreen(Size size);
-    /// Stores the image's size and, unless it is zero, the preview sides and the adjusters of the side that is cropped: the ratios of the long to
-    /// the short side, rounded to two decimals, decide which. The other pair of adjusters keeps its values, as do all when the ratios are equal.
+    /// Stores the image's size and, unless it is zero, the preview sides and the adjusters of the side that is cropped:
+    /// the ratios of the long to the short side, rounded to two decimals, decide which. The other pair of adjusters
+    /// keeps its values, as do all when the ratios are equal.
     void setResolution(Size size);
-    /// A face's bounding box as a rectangle on the screen. The detector's x runs down the screen, so the axes are swapped.
+    /// A face's bounding box as a rectangle on the screen. The detector's x runs down the screen, so the axes are
+    /// swapped.
     [[nodiscard]] Rect faceRect(const Rect& boundingBox) const;
 };
 
@@ -36,6 +39,7 @@ struct PreviewGeometry {
 [[nodiscard]] Point pointInAdjustedRect(Point point, const Rect& rect);
 
 /// A region's points in the face's rectangle on the screen, in order; nothing for an absent region.
-[[nodiscard]] std::optional<std::vector<Point>> landmarkInAdjustedRect(const std::optional<FaceLandmarkRegion>& region, const Rect& rect);
+[[nodiscard]] std::optional<std::vector<Point>> landmarkInAdjustedRect(const std::optional<FaceLandmarkRegion>& region,
+                                                                       const Rect& rect);
 
 }  // namespace selvio::rules

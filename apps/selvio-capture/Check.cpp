@@ -38,7 +38,8 @@ public:
         : handler_(std::move(handler)), detection_(std::move(detection)) {}
 
     std::optional<Error> performRequests(const std::vector<std::shared_ptr<FaceLandmarksRequest>>& requests,
-                                         const std::shared_ptr<const PixelBuffer>& pixelBuffer, std::uint32_t exifOrientation) override {
+                                         const std::shared_ptr<const PixelBuffer>& pixelBuffer,
+                                         std::uint32_t exifOrientation) override {
         detection_->error = handler_->performRequests(requests, pixelBuffer, exifOrientation);
         for (const auto& request : requests) detection_->faces = request->results() ? request->results()->size() : 0;
         return detection_->error;
@@ -60,13 +61,15 @@ rules::FaceMeasures measure(const SelvioFacialCaptureAnalyzer& analyzer, const S
                             const SelvioFacialCaptureParameters& parameters) {
     rules::FaceChecksInput input;
     input.points = {results.faceContourPoints(), results.nosePoints(), results.outerLipsPoints()};
-    input.limits = {parameters.roll(), parameters.pitch(), parameters.yaw(), parameters.minFill(), parameters.maxFill()};
+    input.limits = {parameters.roll(), parameters.pitch(), parameters.yaw(), parameters.minFill(),
+                    parameters.maxFill()};
     input.biggerScreenSide = analyzer.biggerScreenSide();
     input.smallerScreenSide = analyzer.smallerScreenSide();
     return rules::checkFace(input).measures;
 }
 
-Expected<Verdict> judge(const std::string& path, Platform platform, const std::shared_ptr<SelvioFacialCaptureParameters>& parameters) {
+Expected<Verdict> judge(const std::string& path, Platform platform,
+                        const std::shared_ptr<SelvioFacialCaptureParameters>& parameters) {
     const auto picture = platform.imageLoader->loadImage(path);
     if (!picture) return picture.error();
     platform.imageLoader = std::make_shared<LoadedImage>(picture.value());
@@ -80,7 +83,10 @@ Expected<Verdict> judge(const std::string& path, Platform platform, const std::s
     MainQueue::shared()->drain();  // a good frame is selected there
     if (detection->error) return *detection->error;
     const auto results = analyzer->results();
-    Verdict verdict{detection->faces, results->orderedStatuses().value_or(std::vector<SelvioFacialCaptureStatus>{}), results->faceRect(), {}};
+    Verdict verdict{detection->faces,
+                    results->orderedStatuses().value_or(std::vector<SelvioFacialCaptureStatus>{}),
+                    results->faceRect(),
+                    {}};
     if (detection->faces == 1) verdict.measures = measure(*analyzer, *results, *parameters);
     analyzer->stop();
     return verdict;
@@ -108,7 +114,8 @@ nlohmann::ordered_json number(double value) {
 }
 
 nlohmann::ordered_json jsonOf(const std::string& path, const Verdict& verdict) {
-    nlohmann::ordered_json line = {{"image", path}, {"faces", verdict.faces}, {"statuses", verdict.statuses}, {"keys", keysOf(verdict.statuses)}};
+    nlohmann::ordered_json line = {
+        {"image", path}, {"faces", verdict.faces}, {"statuses", verdict.statuses}, {"keys", keysOf(verdict.statuses)}};
     line["faceRect"] = nullptr;
     line["measures"] = nullptr;
     if (!verdict.measures) return line;
@@ -168,7 +175,8 @@ ExitCode check(const CheckOptions& options) {
         }
         if (options.json) {
             std::cout << compact(verdict ? jsonOf(path, verdict.value())
-                                         : nlohmann::ordered_json{{"image", path}, {"error", verdict.error().localizedDescription}})
+                                         : nlohmann::ordered_json{{"image", path},
+                                                                  {"error", verdict.error().localizedDescription}})
                       << std::endl;
         } else if (verdict) {
             std::cout << textOf(path, verdict.value(), language) << std::flush;

@@ -11,19 +11,23 @@ namespace {
 
 using Number = std::optional<std::int64_t>;
 
-CLI::Option* addNumber(CLI::App& command, const std::string& name, Number& target, std::int64_t min, std::int64_t max, const std::string& text) {
+CLI::Option* addNumber(CLI::App& command, const std::string& name, Number& target, std::int64_t min, std::int64_t max,
+                       const std::string& text) {
     return command.add_option(name, target, text)->check(CLI::Range(min, max))->type_name("NUMBER");
 }
 
 void addRuleOptions(CLI::App& command, RuleOptions& rules) {
-    addNumber(command, "--min-fill", rules.minFill, 400, 800, "smallest accepted face width in thousandths of the screen's, default 550");
-    addNumber(command, "--max-fill", rules.maxFill, 500, 900, "largest accepted face width, at least 100 more, default 725");
+    addNumber(command, "--min-fill", rules.minFill, 400, 800,
+              "smallest accepted face width in thousandths of the screen's, default 550");
+    addNumber(command, "--max-fill", rules.maxFill, 500, 900,
+              "largest accepted face width, at least 100 more, default 725");
     addNumber(command, "--roll", rules.roll, 0, 1000, "strictness of the roll check, default 500, more is stricter");
     addNumber(command, "--pitch", rules.pitch, 0, 1000, "strictness of the pitch check, default 500");
     addNumber(command, "--yaw", rules.yaw, 0, 1000, "strictness of the yaw check, default 500");
 }
 
-/// Sets the bounds that were given. The parameters move the other bound along where one alone would come too close to it; that is said aloud.
+/// Sets the bounds that were given. The parameters move the other bound along where one alone would come too close to
+/// it; that is said aloud.
 void applyRules(const RuleOptions& rules, SelvioFacialCaptureParameters& parameters) {
     if (rules.minFill && rules.maxFill && *rules.maxFill - *rules.minFill < 100) {
         throw CLI::ValidationError("--max-fill", "must be at least 100 more than --min-fill");
@@ -48,7 +52,8 @@ SourceOption parseSource(const std::string& text) {
     if (text.empty()) return {};
     if (text == "simulated") return {Kind::Simulated, ""};
     if (text == "camera") return {Kind::Camera, ""};
-    for (const auto& [prefix, kind] : {std::pair<std::string, Kind>{"camera:", Kind::Camera}, {"video:", Kind::Video}}) {
+    for (const auto& [prefix, kind] :
+         {std::pair<std::string, Kind>{"camera:", Kind::Camera}, {"video:", Kind::Video}}) {
         if (text.starts_with(prefix) && text.size() > prefix.size()) return {kind, text.substr(prefix.size())};
     }
     throw CLI::ValidationError("--source", "'" + text + "' is none of simulated, camera, camera:NAME, video:PATH");
@@ -69,36 +74,43 @@ struct RunTexts {
 };
 
 void addRun(CLI::App& run, RunOptions& options, RunTexts& texts) {
-    run.add_option("--source", texts.source, "simulated, camera, camera:NAME or video:PATH; default: a camera if there is one, else simulated");
-    run.add_option("--photo", options.photo, "photograph for the simulated camera, a JPEG or PNG with its face geometry (.json) beside it");
+    run.add_option("--source", texts.source,
+                   "simulated, camera, camera:NAME or video:PATH; default: a camera if there is one, else simulated");
+    run.add_option("--photo", options.photo,
+                   "photograph for the simulated camera, a JPEG or PNG with its face geometry (.json) beside it");
     run.add_option("--script", options.script, "motion script for the simulated camera");
     run.add_option("--out", options.out, "directory for the results")->capture_default_str();
     run.add_flag("--json", options.json, "one JSON object a line for every call of the component");
     run.add_flag("--preview", options.preview, "show the camera in a window where there is a display");
     run.add_option("--mode", texts.mode,
-                   "auto or manual (Enter takes the picture; without a terminal the first well placed face does, smiling or not)")
+                   "auto or manual (Enter takes the picture; without a terminal the first well placed face does, "
+                   "smiling or not)")
         ->check(CLI::IsMember({"auto", "manual"}))
         ->capture_default_str();
     addNumber(run, "--timeout", texts.timeout, 3, 30, "seconds until the capture is given up, default 20");
     addRuleOptions(run, texts.rules);
     addNumber(run, "--image-quality", texts.imageQuality, 5, 100, "JPEG quality in percent, default 95");
     run.add_flag("--select-on-smile", texts.selectOnSmile, "take the picture around a smile");
-    addNumber(run, "--countdown-time", texts.countdownTime, 0, 5, "seconds of countdown before the picture, default 2; 0 and 1: none");
+    addNumber(run, "--countdown-time", texts.countdownTime, 0, 5,
+              "seconds of countdown before the picture, default 2; 0 and 1: none");
     run.add_flag("--record-video", texts.recordVideo, "record the session");
     run.add_flag("--record-audio", texts.recordAudio, "with sound; has no effect without --record-video");
-    run.add_flag("--show-recording-ui,!--no-show-recording-ui", texts.showRecordingUI, "mark the guidance while recording (on unless negated)");
+    run.add_flag("--show-recording-ui,!--no-show-recording-ui", texts.showRecordingUI,
+                 "mark the guidance while recording (on unless negated)");
     addNumber(run, "--video-quality", texts.videoQuality, 10, 100, "quality of the recording, default 10");
 }
 
 void applyRun(RunOptions& options, const RunTexts& texts) {
     options.source = parseSource(texts.source);
     const bool simulatedOnly = !options.photo.empty() || !options.script.empty();
-    if (simulatedOnly && options.source.kind == SourceOption::Kind::Automatic) options.source.kind = SourceOption::Kind::Simulated;
+    if (simulatedOnly && options.source.kind == SourceOption::Kind::Automatic)
+        options.source.kind = SourceOption::Kind::Simulated;
     if (simulatedOnly && options.source.kind != SourceOption::Kind::Simulated) {
         throw CLI::ValidationError(options.photo.empty() ? "--script" : "--photo", "belongs to --source simulated");
     }
     if (options.out.empty()) throw CLI::ValidationError("--out", "is empty");
-    if (texts.recordAudio && !texts.recordVideo) std::cerr << "selvio-capture: --record-audio has no effect without --record-video\n";
+    if (texts.recordAudio && !texts.recordVideo)
+        std::cerr << "selvio-capture: --record-audio has no effect without --record-video\n";
 
     options.parameters = std::make_shared<SelvioFacialCaptureParameters>();
     auto& parameters = *options.parameters;

@@ -15,7 +15,8 @@
 
 namespace selvio::app {
 
-/// How strictly a face is judged. An absent value keeps the parameters' default; a present one lies in its documented range.
+/// How strictly a face is judged. An absent value keeps the parameters' default; a present one lies in its documented
+/// range.
 struct RuleOptions {
     std::optional<std::int64_t> minFill;  ///< thousandths of the screen's width
     std::optional<std::int64_t> maxFill;
@@ -56,8 +57,9 @@ struct DevicesOptions {
 
 using Command = std::variant<RunOptions, CheckOptions, ShowOptions, DevicesOptions>;
 
-/// The command that the arguments (without the program's name) ask for. An exit code instead when there is nothing left to do: help or the version
-/// was asked for and printed on standard output, or the arguments are wrong, which standard error says.
+/// The command that the arguments (without the program's name) ask for. An exit code instead when there is nothing left
+/// to do: help or the version was asked for and printed on standard output, or the arguments are wrong, which standard
+/// error says.
 [[nodiscard]] std::variant<Command, ExitCode> parseCommandLine(std::vector<std::string> arguments);
 
 }  // namespace selvio::app

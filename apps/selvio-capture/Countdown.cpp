@@ -4,7 +4,8 @@
 
 namespace selvio::app {
 
-Countdown::Countdown(std::shared_ptr<Queue> queue, std::function<void(std::int64_t)> tick, std::function<void()> finished)
+Countdown::Countdown(std::shared_ptr<Queue> queue, std::function<void(std::int64_t)> tick,
+                     std::function<void()> finished)
     : queue_(std::move(queue)), tick_(std::move(tick)), finished_(std::move(finished)) {}
 
 void Countdown::start(std::int64_t seconds) {

@@ -13,7 +13,8 @@ namespace selvio::app {
 class Countdown : public std::enable_shared_from_this<Countdown> {
 public:
     /// `tick` is called with the seconds left, from the full number down to 1; `finished` a second after that.
-    Countdown(std::shared_ptr<Queue> queue, std::function<void(std::int64_t secondsLeft)> tick, std::function<void()> finished);
+    Countdown(std::shared_ptr<Queue> queue, std::function<void(std::int64_t secondsLeft)> tick,
+              std::function<void()> finished);
 
     /// Starts anew, whatever ran before.
     void start(std::int64_t seconds);

@@ -56,8 +56,9 @@ const char* nameOf(CaptureDevicePosition position) {
 
 nlohmann::ordered_json jsonOf(const Listed& entry) {
     const auto& device = *entry.device;
-    nlohmann::ordered_json line = {
-        {"kind", device.mediaType() == MediaType::Video ? "camera" : "microphone"}, {"name", device.localizedName()}, {"id", device.uniqueId()}};
+    nlohmann::ordered_json line = {{"kind", device.mediaType() == MediaType::Video ? "camera" : "microphone"},
+                                   {"name", device.localizedName()},
+                                   {"id", device.uniqueId()}};
     if (device.mediaType() != MediaType::Video) return line;
     line["source"] = entry.source.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(entry.source);
     line["position"] = nameOf(device.position());
@@ -80,8 +81,8 @@ void printText(const Listed& entry) {
     std::cout << '\n';
     for (const auto& format : device.formats()) {
         const auto& description = format.formatDescription;
-        std::cout << "    " << nameOf(description.mediaSubType) << ' ' << description.width << 'x' << description.height << " at up to "
-                  << format.maxFrameRate << " frames a second\n";
+        std::cout << "    " << nameOf(description.mediaSubType) << ' ' << description.width << 'x' << description.height
+                  << " at up to " << format.maxFrameRate << " frames a second\n";
     }
 }
 

@@ -9,8 +9,8 @@
 
 namespace selvio::app {
 
-/// The Linux adapters, and a portrait screen of 1080 x 1920 points: the program shows no more than that of a frame, so that the same face is judged
-/// alike on every machine. Loading of the vision models begins.
+/// The Linux adapters, and a portrait screen of 1080 x 1920 points: the program shows no more than that of a frame, so
+/// that the same face is judged alike on every machine. Loading of the vision models begins.
 [[nodiscard]] Platform makeHostPlatform();
 
 /// The same services one by one, for commands that need no more.

@@ -27,7 +27,8 @@ void blockInterrupts() {
     std::signal(SIGPIPE, SIG_IGN);
 }
 
-InputWatcher::InputWatcher(std::shared_ptr<Queue> queue, std::function<void()> interrupted, std::function<void()> entered)
+InputWatcher::InputWatcher(std::shared_ptr<Queue> queue, std::function<void()> interrupted,
+                           std::function<void()> entered)
     : queue_(std::move(queue)), interrupted_(std::move(interrupted)), entered_(std::move(entered)) {
     const auto set = interrupts();
     signals_ = ::signalfd(-1, &set, SFD_CLOEXEC);
@@ -43,7 +44,8 @@ InputWatcher::~InputWatcher() {
 }
 
 void InputWatcher::watch(bool standardInput) {
-    std::array<pollfd, 3> files{{{end_, POLLIN, 0}, {signals_, POLLIN, 0}, {standardInput ? STDIN_FILENO : -1, POLLIN, 0}}};
+    std::array<pollfd, 3> files{
+        {{end_, POLLIN, 0}, {signals_, POLLIN, 0}, {standardInput ? STDIN_FILENO : -1, POLLIN, 0}}};
     for (;;) {
         if (::poll(files.data(), files.size(), -1) < 0 && errno != EINTR) return;
         if (files[0].revents != 0) return;

@@ -9,10 +9,12 @@
 
 namespace selvio::app {
 
-/// Keeps SIGINT, SIGTERM and SIGHUP from ending the process, and SIGPIPE from being sent. Call it before any thread is started: threads inherit it.
+/// Keeps SIGINT, SIGTERM and SIGHUP from ending the process, and SIGPIPE from being sent. Call it before any thread is
+/// started: threads inherit it.
 void blockInterrupts();
 
-/// Waits for interrupts and, if wanted, lines on standard input, on a thread of its own, and answers each with a block on `queue`.
+/// Waits for interrupts and, if wanted, lines on standard input, on a thread of its own, and answers each with a block
+/// on `queue`.
 class InputWatcher {
 public:
     InputWatcher(std::shared_ptr<Queue> queue, std::function<void()> interrupted, std::function<void()> entered);

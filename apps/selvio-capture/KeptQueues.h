@@ -10,14 +10,16 @@
 
 namespace selvio::app {
 
-/// Makes queues and keeps them to its own end, where their blocks have run and their threads are joined. Without it the last block of a queue may
-/// turn out to be the last owner of its object, and a thread would still be about when the program ends.
+/// Makes queues and keeps them to its own end, where their blocks have run and their threads are joined. Without it the
+/// last block of a queue may turn out to be the last owner of its object, and a thread would still be about when the
+/// program ends.
 class KeptQueues {
 public:
     KeptQueues() = default;
     KeptQueues(const KeptQueues&) = delete;
     KeptQueues& operator=(const KeptQueues&) = delete;
-    /// Runs every block, those that blocks of other queues submit included, while the queues are still held: who owns one besides is gone afterwards.
+    /// Runs every block, those that blocks of other queues submit included, while the queues are still held: who owns
+    /// one besides is gone afterwards.
     ~KeptQueues() {
         for (int round = 0; round < 2; ++round) {
             for (const auto& queue : queues_) queue->drain();

@@ -17,7 +17,8 @@ Error failure(const std::string& doing, const std::filesystem::path& path, int c
 class TemporaryFile {
 public:
     explicit TemporaryFile(const std::filesystem::path& target)
-        : path_(target.parent_path() / ("." + target.filename().string() + "." + std::to_string(::getpid()) + ".part")) {
+        : path_(target.parent_path() /
+                ("." + target.filename().string() + "." + std::to_string(::getpid()) + ".part")) {
         ::unlink(path_.c_str());  // what a killed process of the same number may have left
         descriptor_ = ::open(path_.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0666);
         error_ = descriptor_ < 0 ? errno : 0;

@@ -106,13 +106,16 @@ private:
 
 void Session::begin() {
     countdown_ = std::make_shared<Countdown>(
-        platform_.mainQueue, [this](std::int64_t left) { output_.countdown(left); }, [this] { analyzer_->selectFrame(); });
+        platform_.mainQueue, [this](std::int64_t left) { output_.countdown(left); },
+        [this] { analyzer_->selectFrame(); });
     resumeTime_ = platform_.clock->monotonicTime();
     frames_ = std::make_shared<FrameWatch>(resumeTime_);
     makeAnalyzer();
     makeCamera();
     SelvioFacialCaptureCamera::checkCameraPermission(
-        [main = platform_.mainQueue, answer = weakly(&Session::openCamera)](bool granted) { main->async([answer, granted] { answer(granted); }); },
+        [main = platform_.mainQueue, answer = weakly(&Session::openCamera)](bool granted) {
+            main->async([answer, granted] { answer(granted); });
+        },
         platform_);
 }
 
@@ -128,20 +131,24 @@ void Session::makeAnalyzer() {
 }
 
 void Session::makeCamera() {
-    camera_ = SelvioFacialCaptureCamera::initWithPreset(kCaptureSessionPreset1280x720, kPixelFormat420v, source_.position, VideoOrientation::Portrait,
-                                                        Rect{0, 0, platform_.screen->bounds().width, platform_.screen->bounds().height}, platform_);
+    camera_ = SelvioFacialCaptureCamera::initWithPreset(
+        kCaptureSessionPreset1280x720, kPixelFormat420v, source_.position, VideoOrientation::Portrait,
+        Rect{0, 0, platform_.screen->bounds().width, platform_.screen->bounds().height}, platform_);
     camera_->setAnalyzeRGBVideo(false);  // as cameras deliver: the detector and the encoders take it without a detour
     camera_->setParameters(options_.parameters->cameraParameters());
     cameraDelegate_ = std::make_shared<SelvioFacialCaptureCameraDelegate>();
-    cameraDelegate_->didFinishConfiguringSession = [] {};  // the camera counts as configured only for a delegate that wants to know
-    cameraDelegate_->didReceiveSampleBuffer = [analyzer = analyzer_, frames = frames_, clock = platform_.clock](const auto& sampleBuffer) {
+    cameraDelegate_->didFinishConfiguringSession = [] {
+    };  // the camera counts as configured only for a delegate that wants to know
+    cameraDelegate_->didReceiveSampleBuffer = [analyzer = analyzer_, frames = frames_,
+                                               clock = platform_.clock](const auto& sampleBuffer) {
         frames->noteFrame(clock->monotonicTime());
         analyzer->analyzeSampleBuffer(sampleBuffer);
     };
-    cameraDelegate_->didFinishRecordingVideo = [main = platform_.mainQueue,
-                                                block = weakly(&Session::recordingFinished)](std::vector<std::uint8_t> data) {
-        main->async([block, data = std::make_shared<const std::vector<std::uint8_t>>(std::move(data))] { block(*data); });
-    };
+    cameraDelegate_->didFinishRecordingVideo =
+        [main = platform_.mainQueue, block = weakly(&Session::recordingFinished)](std::vector<std::uint8_t> data) {
+            main->async(
+                [block, data = std::make_shared<const std::vector<std::uint8_t>>(std::move(data))] { block(*data); });
+        };
 }
 
 void Session::openCamera(bool granted) {
@@ -202,7 +209,8 @@ bool Session::takesFirstGoodFace() const {
 void Session::detectionResults(const Results& results) {
     if (ending_) return;
     const auto status = results->highestPriorityStatus();
-    if (status != SelvioFacialCaptureStatusCountdown) countdown_->cancel();  // the face is lost; the next good frame asks for a new countdown
+    if (status != SelvioFacialCaptureStatusCountdown)
+        countdown_->cancel();  // the face is lost; the next good frame asks for a new countdown
     report("detectionResults", results);
     // Manual captures report a smile, which does not keep a person from pressing Enter.
     const bool good = status == SelvioFacialCaptureStatusGoodFrame || status == SelvioFacialCaptureStatusStopSmiling;
@@ -220,7 +228,8 @@ void Session::detectionSuccess(const Results& results) {
     report("detectionSuccess", results);
     const auto photograph = base64::decode(results->encodedSelectedImage().value_or("-"));
     if (photograph) {
-        write("selfie.jpg", Phrase::Photograph, {reinterpret_cast<const char*>(photograph->data()), photograph->size()});
+        write("selfie.jpg", Phrase::Photograph,
+              {reinterpret_cast<const char*>(photograph->data()), photograph->size()});
     } else {
         complain("the photograph could not be encoded");
         fail(ExitCode::NotWritten);
@@ -258,9 +267,10 @@ void Session::end(ExitCode code) {
     fail(code);
     countdown_->cancel();
     // A start that was asked for comes first, on both queues, else it would come after the stop.
-    camera_->videoQueue()->async([output = camera_->videoOutputQueue(), main = platform_.mainQueue, block = weakly(&Session::stopCamera)] {
-        output->async([main, block] { main->async(block); });
-    });
+    camera_->videoQueue()->async(
+        [output = camera_->videoOutputQueue(), main = platform_.mainQueue, block = weakly(&Session::stopCamera)] {
+            output->async([main, block] { main->async(block); });
+        });
     platform_.mainQueue->asyncAfter(kLongestEnding, [code = exitCode_, center = platform_.notificationCenter] {
         complain("the camera does not end");
         center->post(ApplicationNotification::WillTerminate);
@@ -305,7 +315,8 @@ void Session::recordingFinished(const std::vector<std::uint8_t>& data) {
 }
 
 void Session::complete() {
-    platform_.notificationCenter->post(ApplicationNotification::WillTerminate);  // the camera removes what is left of recordings
+    platform_.notificationCenter->post(
+        ApplicationNotification::WillTerminate);  // the camera removes what is left of recordings
     camera_->shutdown();
     MainQueue::shared()->quit();
 }
@@ -314,9 +325,9 @@ void Session::complete() {
 
 void Session::report(const char* event, const Results& results) {
     const std::chrono::duration<double> time = platform_.clock->monotonicTime() - resumeTime_;
-    output_.event(
-        {event, time.count(),
-         results ? results->orderedStatuses().value_or(std::vector<SelvioFacialCaptureStatus>{}) : std::vector<SelvioFacialCaptureStatus>{}});
+    output_.event({event, time.count(),
+                   results ? results->orderedStatuses().value_or(std::vector<SelvioFacialCaptureStatus>{})
+                           : std::vector<SelvioFacialCaptureStatus>{}});
 }
 
 void Session::say(const std::string& text) {
@@ -333,7 +344,8 @@ void Session::write(const char* name, Phrase what, std::string_view bytes) {
         complain(error->localizedDescription);
         return fail(ExitCode::NotWritten);
     }
-    if (!options_.json) output_.message(text(what, language_) + ": " + std::filesystem::absolute(path).lexically_normal().string());
+    if (!options_.json)
+        output_.message(text(what, language_) + ": " + std::filesystem::absolute(path).lexically_normal().string());
 }
 
 /// The first thing that goes wrong decides the exit code.
@@ -363,7 +375,8 @@ ExitCode run(const RunOptions& options) {
     const auto& source = std::get<Source>(chosen);
     const auto camera = options.parameters->cameraParameters();
     const std::string mark = camera->recordVideo() && camera->showRecordingUI() ? "[REC] " : "";
-    const auto output = options.json ? makeJsonOutput(std::cout) : makePersonOutput(std::cout, ::isatty(STDOUT_FILENO) == 1, language, mark);
+    const auto output = options.json ? makeJsonOutput(std::cout)
+                                     : makePersonOutput(std::cout, ::isatty(STDOUT_FILENO) == 1, language, mark);
     const auto where = text(Phrase::Source, language) + ": " + source.description;
     if (options.json) {
         complain(where);
@@ -374,7 +387,8 @@ ExitCode run(const RunOptions& options) {
     KeptQueues queues;  // outlives the session
     platform.makeSerialQueue = [&queues](const std::string& label) { return queues.make(label); };
     const auto session = std::make_shared<Session>(std::move(platform), options, source, *output, language);
-    const bool enterSelects = options.parameters->mode() == SelvioFacialCaptureModeManual && ::isatty(STDIN_FILENO) == 1;
+    const bool enterSelects =
+        options.parameters->mode() == SelvioFacialCaptureModeManual && ::isatty(STDIN_FILENO) == 1;
     if (enterSelects) std::cerr << text(Phrase::PressEnter, language) << std::endl;
     const auto queue = MainQueue::shared();
     const InputWatcher watcher(

@@ -78,7 +78,8 @@ std::unique_ptr<RunOutput> makeJsonOutput(std::ostream& stream) {
     return std::make_unique<JsonOutput>(stream);
 }
 
-std::unique_ptr<RunOutput> makePersonOutput(std::ostream& stream, bool terminal, Language language, std::string recordingMark) {
+std::unique_ptr<RunOutput> makePersonOutput(std::ostream& stream, bool terminal, Language language,
+                                            std::string recordingMark) {
     return std::make_unique<PersonOutput>(stream, terminal, language, std::move(recordingMark));
 }
 

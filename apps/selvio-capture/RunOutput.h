@@ -32,8 +32,10 @@ public:
 /// One JSON object a line for every event; nothing else.
 [[nodiscard]] std::unique_ptr<RunOutput> makeJsonOutput(std::ostream& stream);
 
-/// Guidance in one line that changes; where the stream is no terminal, a line whenever the text changes. `recordingMark` goes before the guidance.
-[[nodiscard]] std::unique_ptr<RunOutput> makePersonOutput(std::ostream& stream, bool terminal, Language language, std::string recordingMark);
+/// Guidance in one line that changes; where the stream is no terminal, a line whenever the text changes.
+/// `recordingMark` goes before the guidance.
+[[nodiscard]] std::unique_ptr<RunOutput> makePersonOutput(std::ostream& stream, bool terminal, Language language,
+                                                          std::string recordingMark);
 
 /// The localisation keys of statuses; "" for one without a key.
 [[nodiscard]] std::vector<std::string> keysOf(const std::vector<SelvioFacialCaptureStatus>& statuses);

@@ -16,7 +16,8 @@ namespace selvio::app {
 namespace {
 
 /// The camera of this name or identifier; the first one for an empty name.
-std::shared_ptr<CaptureDevice> findCamera(const std::vector<std::shared_ptr<CaptureDevice>>& cameras, const std::string& name) {
+std::shared_ptr<CaptureDevice> findCamera(const std::vector<std::shared_ptr<CaptureDevice>>& cameras,
+                                          const std::string& name) {
     for (const auto& camera : cameras) {
         if (name.empty() || camera->localizedName() == name || camera->uniqueId() == name) return camera;
     }
@@ -34,13 +35,15 @@ bool isDenied(const std::shared_ptr<CaptureSystem>& system) {
     return system && system->authorizationStatus(MediaType::Video) == AuthorizationStatus::Denied;
 }
 
-std::variant<Source, SourceFailure> useCamera(Platform& platform, std::shared_ptr<CaptureSystem> system, const std::string& name) {
+std::variant<Source, SourceFailure> useCamera(Platform& platform, std::shared_ptr<CaptureSystem> system,
+                                              const std::string& name) {
     const auto cameras = camerasOf(system);
     const auto camera = findCamera(cameras, name);
     if (!camera) {
         if (isDenied(system)) return SourceFailure{ExitCode::NoCamera, "no access to the camera"};
         if (cameras.empty()) return SourceFailure{ExitCode::NoCamera, "there is no camera"};
-        return SourceFailure{ExitCode::NoCamera, "there is no camera named '" + name + "'; there are " + listOf(cameras)};
+        return SourceFailure{ExitCode::NoCamera,
+                             "there is no camera named '" + name + "'; there are " + listOf(cameras)};
     }
     platform.captureSystem = std::make_shared<OneCamera>(std::move(system), camera);
     return Source{camera->localizedName(), camera->position()};
@@ -49,10 +52,12 @@ std::variant<Source, SourceFailure> useCamera(Platform& platform, std::shared_pt
 std::variant<Source, SourceFailure> useVideo(Platform& platform, const std::string& path) {
     std::error_code code;
     if (!std::filesystem::is_regular_file(path, code) || !std::ifstream(path)) {
-        return SourceFailure{ExitCode::UnreadableInput, path + ": " + (code ? code.message() : "cannot be read as a file")};
+        return SourceFailure{ExitCode::UnreadableInput,
+                             path + ": " + (code ? code.message() : "cannot be read as a file")};
     }
     auto used = useCamera(platform, makeGstCaptureSystem({.systemDevices = false, .videoFiles = {path}}), "");
-    if (std::holds_alternative<SourceFailure>(used)) return SourceFailure{ExitCode::UnreadableInput, path + ": cannot be played"};
+    if (std::holds_alternative<SourceFailure>(used))
+        return SourceFailure{ExitCode::UnreadableInput, path + ": cannot be played"};
     return used;
 }
 
@@ -66,7 +71,8 @@ std::variant<Source, SourceFailure> useSimulatedFront(Platform& platform, const 
 
 }  // namespace
 
-std::optional<Error> useSimulated(Platform& platform, const std::filesystem::path& photo, const std::filesystem::path& script) {
+std::optional<Error> useSimulated(Platform& platform, const std::filesystem::path& photo,
+                                  const std::filesystem::path& script) {
     const auto photograph = photo.empty() ? samplesDirectory() / "astronaut.jpg" : photo;
     const auto picture = platform.imageLoader->loadImage(photograph.string());
     if (!picture) return picture.error();

@@ -22,12 +22,14 @@ struct SourceFailure {
     std::string message;
 };
 
-/// Fits the wanted source into the platform: its capture system then offers exactly one camera, the chosen one. Files are read here.
+/// Fits the wanted source into the platform: its capture system then offers exactly one camera, the chosen one. Files
+/// are read here.
 [[nodiscard]] std::variant<Source, SourceFailure> useSource(Platform& platform, const RunOptions& options);
 
 /// The capture system of the machine's own cameras; null where there is none.
 [[nodiscard]] std::shared_ptr<CaptureSystem> machineCaptureSystem();
 /// Fits the simulated cameras into the platform; a failure names the file.
-[[nodiscard]] std::optional<Error> useSimulated(Platform& platform, const std::filesystem::path& photo, const std::filesystem::path& script);
+[[nodiscard]] std::optional<Error> useSimulated(Platform& platform, const std::filesystem::path& photo,
+                                                const std::filesystem::path& script);
 
 }  // namespace selvio::app

@@ -15,14 +15,16 @@ struct StatusText {
 
 constexpr std::array<StatusText, 15> kStatusTexts{{
     {"selvio_facial_capture_status_none", "Please wait", "Bitte warten"},
-    {"selvio_facial_capture_status_face_not_found", "Show your face to the camera", "Zeigen Sie der Kamera Ihr Gesicht"},
+    {"selvio_facial_capture_status_face_not_found", "Show your face to the camera",
+     "Zeigen Sie der Kamera Ihr Gesicht"},
     {"selvio_facial_capture_status_more_than_one_face", "Only one face, please", "Bitte nur ein Gesicht"},
     {"selvio_facial_capture_status_face_roll", "Hold your head upright", "Halten Sie den Kopf aufrecht"},
     {"selvio_facial_capture_status_face_pitch", "Hold your chin level", "Halten Sie das Kinn gerade"},
     {"selvio_facial_capture_status_face_yaw", "Look straight ahead", "Schauen Sie geradeaus"},
     {"selvio_facial_capture_status_move_closer", "Move closer", "Kommen Sie näher"},
     {"selvio_facial_capture_status_too_close", "Move back a little", "Gehen Sie etwas zurück"},
-    {"selvio_facial_capture_status_not_centered", "Move your face to the middle", "Bringen Sie das Gesicht in die Mitte"},
+    {"selvio_facial_capture_status_not_centered", "Move your face to the middle",
+     "Bringen Sie das Gesicht in die Mitte"},
     {"selvio_facial_capture_status_hold_still", "Hold still", "Halten Sie still"},
     {"selvio_facial_capture_status_countdown", "Stay like that", "Bleiben Sie so"},
     {"selvio_facial_capture_status_too_dark", "It is too dark", "Es ist zu dunkel"},

@@ -12,8 +12,8 @@ enum class Language { English, German };
 /// Texts of the program itself, beside those for the statuses.
 enum class Phrase { TimedOut, Cancelled, FramesStopped, NoFrames, Photograph, Record, Recording, PressEnter, Source };
 
-/// The language that the locale's variables name: the first of LC_ALL, LC_MESSAGES and LANG that is set and not empty decides. English for any but
-/// German.
+/// The language that the locale's variables name: the first of LC_ALL, LC_MESSAGES and LANG that is set and not empty
+/// decides. English for any but German.
 [[nodiscard]] Language languageOfLocale();
 
 /// The text for a localisation key of a status; nothing for an unknown key.

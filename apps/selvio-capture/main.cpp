@@ -1,4 +1,5 @@
-// Takes one good photograph of a face. The program wires the component to its services and shows what it says; it decides nothing about faces.
+// Takes one good photograph of a face. The program wires the component to its services and shows what it says; it
+// decides nothing about faces.
 #include "Commands.h"
 
 #include <exception>

@@ -20,8 +20,10 @@ bool isAtLeastVersion(std::string_view version, int major) {
 
 }  // namespace
 
-std::int64_t averageBitRate(SelvioFacialCaptureVideoQuality quality, std::string_view codec, std::string_view systemVersion) {
-    if (isAtLeastVersion(systemVersion, 11) && codec == kVideoCodecTypeHEVC) return (5'500'000 * quality - 55'000'000) / 90 + 500'000;
+std::int64_t averageBitRate(SelvioFacialCaptureVideoQuality quality, std::string_view codec,
+                            std::string_view systemVersion) {
+    if (isAtLeastVersion(systemVersion, 11) && codec == kVideoCodecTypeHEVC)
+        return (5'500'000 * quality - 55'000'000) / 90 + 500'000;
     return (11'500'000 * quality - 115'000'000) / 90 + 1'500'000;
 }
 
@@ -29,8 +31,8 @@ VideoSettings recordingSettings(VideoSettings recommended, std::optional<Interfa
                                 SelvioFacialCaptureVideoQuality quality, std::string_view systemVersion) {
     VideoSettings settings = std::move(recommended);
     if (interfaceOrientation) {
-        const bool portrait =
-            *interfaceOrientation == InterfaceOrientation::Portrait || *interfaceOrientation == InterfaceOrientation::PortraitUpsideDown;
+        const bool portrait = *interfaceOrientation == InterfaceOrientation::Portrait ||
+                              *interfaceOrientation == InterfaceOrientation::PortraitUpsideDown;
         settings.width = portrait ? 720 : 1280;
         settings.height = portrait ? 1280 : 720;
     }
@@ -49,8 +51,8 @@ std::string recordingFileName(double secondsSinceReferenceDate) {
     std::tm local{};
     localtime_r(&time, &local);
     char text[80];
-    std::snprintf(text, sizeof text, "%04d-%02d-%02d_%02d-%02d-%02d-%03d", local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour,
-                  local.tm_min, local.tm_sec, static_cast<int>(milliseconds));
+    std::snprintf(text, sizeof text, "%04d-%02d-%02d_%02d-%02d-%02d-%03d", local.tm_year + 1900, local.tm_mon + 1,
+                  local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, static_cast<int>(milliseconds));
     return std::string(kFilePrefix) + text + std::string(kFileSuffix);
 }
 

@@ -3,13 +3,15 @@
 namespace selvio {
 
 std::string presetToSet(const std::string& wanted, const std::function<bool(const std::string& preset)>& canSet) {
-    for (const std::string& preset : {wanted, std::string(kCaptureSessionPreset1920x1080), std::string(kCaptureSessionPreset1280x720)}) {
+    for (const std::string& preset :
+         {wanted, std::string(kCaptureSessionPreset1920x1080), std::string(kCaptureSessionPreset1280x720)}) {
         if (canSet(preset)) return preset;
     }
     return kCaptureSessionPresetHigh;
 }
 
-std::optional<CaptureDeviceFormat> searchFormat(const std::vector<CaptureDeviceFormat>& formats, std::int64_t pixelBufferFormat, Size desired) {
+std::optional<CaptureDeviceFormat> searchFormat(const std::vector<CaptureDeviceFormat>& formats,
+                                                std::int64_t pixelBufferFormat, Size desired) {
     const auto code = static_cast<std::uint64_t>(pixelBufferFormat);
     const CaptureDeviceFormat* best = nullptr;
     for (const CaptureDeviceFormat& format : formats) {

@@ -29,17 +29,20 @@
 /// - Running: frames are analysed; the motion feed drives the hold-still status.
 /// - Paused: frames are kept in the history but not analysed; motion stopped.
 /// - Selecting: a frame was chosen; frames are kept, the history is no longer trimmed. Left only by `resume`.
-/// - Spent: parameters, results, history and motion source are gone. Every operation does nothing; make a new analyzer for a new capture.
+/// - Spent: parameters, results, history and motion source are gone. Every operation does nothing; make a new analyzer
+/// for a new capture.
 ///
-/// The control operations may be called on any thread, at any time, while frames arrive; a change takes effect for the next frame or detection
-/// result. Delegate calls run on the main queue unless their documentation says otherwise. Nothing here reports a failure to the caller: failures
-/// are lines in the platform log. The analyzer keeps no timer: the host ends a capture that takes too long.
+/// The control operations may be called on any thread, at any time, while frames arrive; a change takes effect for the
+/// next frame or detection result. Delegate calls run on the main queue unless their documentation says otherwise.
+/// Nothing here reports a failure to the caller: failures are lines in the platform log. The analyzer keeps no timer:
+/// the host ends a capture that takes too long.
 class SelvioFacialCaptureAnalyzer : public std::enable_shared_from_this<SelvioFacialCaptureAnalyzer> {
 public:
-    /// A new analyzer for these parameters, which stay shared with the host. Null (with a line in the log) without parameters or on a platform
-    /// without queues.
+    /// A new analyzer for these parameters, which stay shared with the host. Null (with a line in the log) without
+    /// parameters or on a platform without queues.
     [[nodiscard]] static std::shared_ptr<SelvioFacialCaptureAnalyzer> initWithParameters(
-        std::shared_ptr<SelvioFacialCaptureParameters> parameters, const selvio::Platform& platform = selvio::defaultPlatform());
+        std::shared_ptr<SelvioFacialCaptureParameters> parameters,
+        const selvio::Platform& platform = selvio::defaultPlatform());
 
     SelvioFacialCaptureAnalyzer(const SelvioFacialCaptureAnalyzer&) = delete;
     SelvioFacialCaptureAnalyzer& operator=(const SelvioFacialCaptureAnalyzer&) = delete;
@@ -48,44 +51,50 @@ public:
 
     // Control
 
-    /// Holds the delegate weakly. On a system older than version 12, a non-null delegate makes the analyzer manual-only: mode 1, and the delegate's
-    /// `manualOnly` is called before this returns.
+    /// Holds the delegate weakly. On a system older than version 12, a non-null delegate makes the analyzer
+    /// manual-only: mode 1, and the delegate's `manualOnly` is called before this returns.
     void setDelegate(std::weak_ptr<SelvioFacialCaptureAnalyzerDelegate> delegate);
     /// Sets the parameters' mode.
     void updateMode(std::int64_t mode);
     /// Pauses without a reason.
     void pause();
-    /// Pauses analysis and the motion feed. Reasons 1 to 4 are logged as "IS", "HS", "MF" and "RS"; any other is not logged.
+    /// Pauses analysis and the motion feed. Reasons 1 to 4 are logged as "IS", "HS", "MF" and "RS"; any other is not
+    /// logged.
     void pauseFor(std::int64_t reason);
-    /// Starts or restarts analysis and the motion feed, logs the start event and adds the parameters to the data record (the first ones stay).
+    /// Starts or restarts analysis and the motion feed, logs the start event and adds the parameters to the data record
+    /// (the first ones stay).
     void resume();
-    /// Ends the capture without telling the delegate, and discards the process-wide event log. Afterwards no delegate call is started; one that the
-    /// main queue was making while another thread called this may still be under way.
+    /// Ends the capture without telling the delegate, and discards the process-wide event log. Afterwards no delegate
+    /// call is started; one that the main queue was making while another thread called this may still be under way.
     void stop();
-    /// Ends the capture as cancelled: closes the data record, calls `detectionCancelled` on this thread, then stops. Waits for a selection that is
-    /// closing the record on another thread; a selection that has not been delivered by then never is.
+    /// Ends the capture as cancelled: closes the data record, calls `detectionCancelled` on this thread, then stops.
+    /// Waits for a selection that is closing the record on another thread; a selection that has not been delivered by
+    /// then never is.
     void cancel();
-    /// Asks for a capture: in manual mode the next frame is selected, in automatic mode the next one with exactly one face. Cleared by `resume`.
+    /// Asks for a capture: in manual mode the next frame is selected, in automatic mode the next one with exactly one
+    /// face. Cleared by `resume`.
     void selectFrame();
 
     // Frames
 
-    /// Takes a camera frame. Ignored if it is null or while another frame is held (frames are dropped, never queued); otherwise its pixels are copied
-    /// once, and the rest runs on the analysis queue. The caller's buffer is not kept.
+    /// Takes a camera frame. Ignored if it is null or while another frame is held (frames are dropped, never queued);
+    /// otherwise its pixels are copied once, and the rest runs on the analysis queue. The caller's buffer is not kept.
     void analyzeSampleBuffer(const std::shared_ptr<selvio::SampleBuffer>& sampleBuffer);
-    /// Analyses the picture in a file on the calling thread, even while paused, though its result is then dropped like any other; the picture takes
-    /// the place of the screen. A file that cannot be read is a line in the log and nothing else. Does nothing on systems older than version 12.
+    /// Analyses the picture in a file on the calling thread, even while paused, though its result is then dropped like
+    /// any other; the picture takes the place of the screen. A file that cannot be read is a line in the log and
+    /// nothing else. Does nothing on systems older than version 12.
     void analyzeImageAtPath(const std::string& path);
 
-    /// The orientation of the front camera's mirrored image, as EXIF orientation: 7, 4, 2 for devices held upside down, landscape left and landscape
-    /// right, else 5.
+    /// The orientation of the front camera's mirrored image, as EXIF orientation: 7, 4, 2 for devices held upside down,
+    /// landscape left and landscape right, else 5.
     [[nodiscard]] static std::uint32_t exifOrientationForDeviceOrientation(selvio::DeviceOrientation orientation);
     /// The same for the device as it is held now.
     [[nodiscard]] std::uint32_t exifOrientationForCurrentDeviceOrientation() const;
     /// The EXIF orientation of an image orientation; 1 for a value outside the enumeration.
     [[nodiscard]] static std::uint32_t cgOrientationFrom(selvio::ImageOrientation orientation);
 
-    // State. Every getter may be called on any thread and answers a value of the moment. Hosts change it by the operations above only.
+    // State. Every getter may be called on any thread and answers a value of the moment. Hosts change it by the
+    // operations above only.
 
     [[nodiscard]] bool selectionInProgress() const;
     [[nodiscard]] bool smileDetectionInProgress() const;
@@ -106,8 +115,9 @@ public:
     [[nodiscard]] std::shared_ptr<SelvioFacialCaptureParameters> parameters() const;
     /// The current frame's results, replaced for every analysed live frame; null once spent.
     [[nodiscard]] std::shared_ptr<SelvioFacialCaptureResults> results() const;
-    /// The recent frames, newest last; empty once spent. The 14 newest live frames, or the 5 newest still images: what exceeds that goes when the
-    /// next one comes. While a selection is in progress nothing goes, so a host stops or resumes soon after it.
+    /// The recent frames, newest last; empty once spent. The 14 newest live frames, or the 5 newest still images: what
+    /// exceeds that goes when the next one comes. While a selection is in progress nothing goes, so a host stops or
+    /// resumes soon after it.
     [[nodiscard]] std::vector<selvio::Image> imagesArray() const;
     /// The capture's data record, which accumulates over the analyzer's life.
     [[nodiscard]] std::shared_ptr<SelvioFacialCaptureObixData> obixData() const;
@@ -130,7 +140,8 @@ public:
     [[nodiscard]] double yAdjuster() const;           ///< points cropped away at each end of the long side
     /// How the interface was turned when the analyzer was made.
     [[nodiscard]] selvio::InterfaceOrientation statusbarOrientation() const;
-    /// Width of the last checked face as a share of the screen's width (of 1.218 times it on a screen longer than 1.78 : 1).
+    /// Width of the last checked face as a share of the screen's width (of 1.218 times it on a screen longer than 1.78
+    /// : 1).
     [[nodiscard]] double faceHorizontalFill() const;
     [[nodiscard]] selvio::Point noseMiddle() const;
     [[nodiscard]] selvio::Point lipLeft() const;
@@ -146,9 +157,11 @@ private:
 
     // A frame's way, in this order. Analysis queue, or the thread of a still image.
     void analyzeHeldFrame(FrameId id);
-    void performLandmarksRequest(const std::shared_ptr<const selvio::PixelBuffer>& pixelBuffer, std::uint32_t exifOrientation, FrameId id);
+    void performLandmarksRequest(const std::shared_ptr<const selvio::PixelBuffer>& pixelBuffer,
+                                 std::uint32_t exifOrientation, FrameId id);
     void detectedFace(const selvio::FaceLandmarksRequest& request, const std::optional<selvio::Error>& error);
-    void normalizeFaceLandmarkPointsFrom(const selvio::FaceObservation& observation, SelvioFacialCaptureResults& results) const;
+    void normalizeFaceLandmarkPointsFrom(const selvio::FaceObservation& observation,
+                                         SelvioFacialCaptureResults& results) const;
     void analyzeFaceLandmarkPoints(SelvioFacialCaptureResults& results);
     void gateGoodFrame();
     void testSmile(const std::optional<selvio::Image>& image);  // global queue

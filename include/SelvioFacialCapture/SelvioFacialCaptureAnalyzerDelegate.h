@@ -7,7 +7,8 @@
 #include <memory>
 
 /// The host's side of a capture. An empty member means that the host does not implement it, and the call is skipped.
-/// Fill the members before the struct is handed to `setDelegate`, and keep it in a shared_ptr: the analyzer holds it weakly.
+/// Fill the members before the struct is handed to `setDelegate`, and keep it in a shared_ptr: the analyzer holds it
+/// weakly.
 struct SelvioFacialCaptureAnalyzerDelegate {
     using Results = std::shared_ptr<SelvioFacialCaptureResults>;
 
@@ -15,10 +16,13 @@ struct SelvioFacialCaptureAnalyzerDelegate {
     std::function<void(const Results& results)> detectionResults;
     /// Show a countdown of the parameters' `countdownTime` seconds and call `selectFrame` at its end. Main queue.
     std::function<void()> startCountdown;
-    /// A frame has been selected: `selectedImage`, `encodedSelectedImage`, `obixDataString` and `resultCode` are set. Main queue.
+    /// A frame has been selected: `selectedImage`, `encodedSelectedImage`, `obixDataString` and `resultCode` are set.
+    /// Main queue.
     std::function<void(const Results& results)> detectionSuccess;
-    /// The capture was cancelled: `obixDataString` and `resultCode` are set. The thread that called `cancel`, before `cancel` returns.
+    /// The capture was cancelled: `obixDataString` and `resultCode` are set. The thread that called `cancel`, before
+    /// `cancel` returns.
     std::function<void(const Results& results)> detectionCancelled;
-    /// The system cannot analyse frames automatically; only manual capture works. The thread that called `setDelegate`, before it returns.
+    /// The system cannot analyse frames automatically; only manual capture works. The thread that called `setDelegate`,
+    /// before it returns.
     std::function<void()> manualOnly;
 };

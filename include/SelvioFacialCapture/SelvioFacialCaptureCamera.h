@@ -23,45 +23,52 @@ class VideoRecorder;
 
 /// A view that shows a live camera and hands every frame to its delegate.
 ///
-///     init… ──setDelegate──▶ configuring ──didFinishConfiguringSession──▶ configured ──start──▶ running ──stop──▶ configured
+///     init… ──setDelegate──▶ configuring ──didFinishConfiguringSession──▶ configured ──start──▶ running ──stop──▶
+///     configured
 ///       any of them ──shutdown──▶ finished (the graph is gone; starting again has no session to run)
 ///
-/// Queues. "Session queue" is `videoQueue`, "video output queue" is `videoOutputQueue`, both serial and the camera's own; "main thread" is the one
-/// that drains the platform's main queue. Unless an operation says otherwise it may be called on any thread.
+/// Queues. "Session queue" is `videoQueue`, "video output queue" is `videoOutputQueue`, both serial and the camera's
+/// own; "main thread" is the one that drains the platform's main queue. Unless an operation says otherwise it may be
+/// called on any thread.
 ///
-/// Locks, the outer ones first: the session's monitor (`stop`, `shutdown` and the last step of a configuration), the torch's mutex (while the device
-/// is told and `isTorchON` follows), and the mutex that guards every stored value, which are handed out by value: no port, delegate or queue is
-/// called while that one is held. Nothing waits for a queue, so a delegate may call every operation from any of its members.
+/// Locks, the outer ones first: the session's monitor (`stop`, `shutdown` and the last step of a configuration), the
+/// torch's mutex (while the device is told and `isTorchON` follows), and the mutex that guards every stored value,
+/// which are handed out by value: no port, delegate or queue is called while that one is held. Nothing waits for a
+/// queue, so a delegate may call every operation from any of its members.
 ///
-/// Failures are never returned: they go to the platform log as fixed messages, and success shows in the delegate calls. Nothing throws. A port
-/// that the platform lacks makes what needs it do nothing; without `makeView` the preview goes nowhere and all else works.
+/// Failures are never returned: they go to the platform log as fixed messages, and success shows in the delegate calls.
+/// Nothing throws. A port that the platform lacks makes what needs it do nothing; without `makeView` the preview goes
+/// nowhere and all else works.
 ///
-/// Release the last reference on the main thread, because it takes the view along. Blocks still queued then find no camera and end quietly, but
-/// a `stopRecording` or `discardRecording` already requested is carried out. One that runs just then on the session queue hands its own reference
-/// to the main queue, where the camera ends.
+/// Release the last reference on the main thread, because it takes the view along. Blocks still queued then find no
+/// camera and end quietly, but a `stopRecording` or `discardRecording` already requested is carried out. One that runs
+/// just then on the session queue hands its own reference to the main queue, where the camera ends.
 class SelvioFacialCaptureCamera final : public std::enable_shared_from_this<SelvioFacialCaptureCamera> {
 public:
     // ---- Construction. On the main thread. ----
 
     /// The back camera, the session's own preset, pixel format code 0, orientation not set, the view's default frame.
-    [[nodiscard]] static std::shared_ptr<SelvioFacialCaptureCamera> init(selvio::Platform platform = selvio::defaultPlatform());
-    /// As `init`, with the frame from an archive made by `encodeWithCoder`. Text that holds no frame leaves the view's default frame.
-    [[nodiscard]] static std::shared_ptr<SelvioFacialCaptureCamera> initWithCoder(std::string_view archive,
-                                                                                  selvio::Platform platform = selvio::defaultPlatform());
-    /// `preset`: one of `kCaptureSessionPreset…`, or nothing; `format`: a four-character pixel format code; `frame` in points.
-    [[nodiscard]] static std::shared_ptr<SelvioFacialCaptureCamera> initWithPreset(std::optional<std::string> preset, std::int64_t format,
-                                                                                   selvio::CaptureDevicePosition position,
-                                                                                   selvio::VideoOrientation orientation, selvio::Rect frame,
-                                                                                   selvio::Platform platform = selvio::defaultPlatform());
+    [[nodiscard]] static std::shared_ptr<SelvioFacialCaptureCamera> init(
+        selvio::Platform platform = selvio::defaultPlatform());
+    /// As `init`, with the frame from an archive made by `encodeWithCoder`. Text that holds no frame leaves the view's
+    /// default frame.
+    [[nodiscard]] static std::shared_ptr<SelvioFacialCaptureCamera> initWithCoder(
+        std::string_view archive, selvio::Platform platform = selvio::defaultPlatform());
+    /// `preset`: one of `kCaptureSessionPreset…`, or nothing; `format`: a four-character pixel format code; `frame` in
+    /// points.
+    [[nodiscard]] static std::shared_ptr<SelvioFacialCaptureCamera> initWithPreset(
+        std::optional<std::string> preset, std::int64_t format, selvio::CaptureDevicePosition position,
+        selvio::VideoOrientation orientation, selvio::Rect frame,
+        selvio::Platform platform = selvio::defaultPlatform());
     /// As above with portrait orientation.
-    [[nodiscard]] static std::shared_ptr<SelvioFacialCaptureCamera> initWithPreset(std::optional<std::string> preset, std::int64_t format,
-                                                                                   selvio::CaptureDevicePosition position, selvio::Rect frame,
-                                                                                   selvio::Platform platform = selvio::defaultPlatform());
-    /// No preset: the camera's formats are searched for `resolution` (pixels, in the device's own terms) in `format`. Orientation not set.
-    [[nodiscard]] static std::shared_ptr<SelvioFacialCaptureCamera> initWithDesiredResolution(selvio::Size resolution, std::int64_t format,
-                                                                                              selvio::CaptureDevicePosition position,
-                                                                                              selvio::Rect frame,
-                                                                                              selvio::Platform platform = selvio::defaultPlatform());
+    [[nodiscard]] static std::shared_ptr<SelvioFacialCaptureCamera> initWithPreset(
+        std::optional<std::string> preset, std::int64_t format, selvio::CaptureDevicePosition position,
+        selvio::Rect frame, selvio::Platform platform = selvio::defaultPlatform());
+    /// No preset: the camera's formats are searched for `resolution` (pixels, in the device's own terms) in `format`.
+    /// Orientation not set.
+    [[nodiscard]] static std::shared_ptr<SelvioFacialCaptureCamera> initWithDesiredResolution(
+        selvio::Size resolution, std::int64_t format, selvio::CaptureDevicePosition position, selvio::Rect frame,
+        selvio::Platform platform = selvio::defaultPlatform());
 
     SelvioFacialCaptureCamera(const SelvioFacialCaptureCamera&) = delete;
     SelvioFacialCaptureCamera& operator=(const SelvioFacialCaptureCamera&) = delete;
@@ -85,10 +92,12 @@ public:
     /// Default: back.
     [[nodiscard]] selvio::CaptureDevicePosition devicePosition() const;
     void setDevicePosition(selvio::CaptureDevicePosition value);
-    /// Four-character code wanted for frames and in the format search; 0 (the default) gives BGRA frames and finds no format.
+    /// Four-character code wanted for frames and in the format search; 0 (the default) gives BGRA frames and finds no
+    /// format.
     [[nodiscard]] std::int64_t pixelBufferFormat() const;
     void setPixelBufferFormat(std::int64_t value);
-    /// The session preset wanted. A refused one falls back to 1920x1080, 1280x720 and High, in this order. Default: none.
+    /// The session preset wanted. A refused one falls back to 1920x1080, 1280x720 and High, in this order. Default:
+    /// none.
     [[nodiscard]] std::optional<std::string> sessionPreset() const;
     void setSessionPreset(std::optional<std::string> value);
     /// Resolution in pixels wanted when there is no preset; (0, 0), the default, leaves the device as it is.
@@ -100,7 +109,8 @@ public:
     /// Sets `pixelBufferFormat`, `devicePosition` (back if not given) and `sessionPreset`, in this order.
     void setPreset(std::optional<std::string> preset, std::int64_t format);
     void setPreset(std::optional<std::string> preset, std::int64_t format, selvio::CaptureDevicePosition position);
-    /// Recording settings, shared with the host and read when they are needed; null means no recording. Default: a new object.
+    /// Recording settings, shared with the host and read when they are needed; null means no recording. Default: a new
+    /// object.
     [[nodiscard]] std::shared_ptr<SelvioFacialCaptureCameraParameters> parameters() const;
     void setParameters(std::shared_ptr<SelvioFacialCaptureCameraParameters> value);
 
@@ -108,24 +118,29 @@ public:
 
     /// Null once the host has let go of it.
     [[nodiscard]] std::shared_ptr<SelvioFacialCaptureCameraDelegate> delegate() const;
-    /// Holds the delegate weakly. A delegate that is not null has the capture graph configured, on the session queue, each time it is set. On a
-    /// camera that is already configured the second run is refused with "Could not add video device input to the session"; the graph stays.
+    /// Holds the delegate weakly. A delegate that is not null has the capture graph configured, on the session queue,
+    /// each time it is set. On a camera that is already configured the second run is refused with "Could not add video
+    /// device input to the session"; the graph stays.
     ///
-    /// The configuration logs, and then goes on unless said otherwise: "Could not discover a capture device" (ends), "Could not create video device
-    /// input: " with the error (ends), "Could not add video device input to the session" (ends), "Could not add audio device input to the session",
-    /// "Can't add videoDataOutput", "Can't add audioDataOutput", "Can't add metaDataOutput", "Failed to set continuous autofocus and point of
-    /// interest" (ends; also when a microphone was asked for and could not be opened). After an ending no `didFinishConfiguringSession` comes.
+    /// The configuration logs, and then goes on unless said otherwise: "Could not discover a capture device" (ends),
+    /// "Could not create video device input: " with the error (ends), "Could not add video device input to the session"
+    /// (ends), "Could not add audio device input to the session", "Can't add videoDataOutput", "Can't add
+    /// audioDataOutput", "Can't add metaDataOutput", "Failed to set continuous autofocus and point of interest" (ends;
+    /// also when a microphone was asked for and could not be opened). After an ending no `didFinishConfiguringSession`
+    /// comes.
     void setDelegate(const std::shared_ptr<SelvioFacialCaptureCameraDelegate>& value);
 
     /// Requests `startRecording` and then runs the session if it is not running, on the session queue. Returns at once.
     void start();
-    /// Torch off; a running session is stopped and, if `recordVideo` is true, the recording that is being written, or about to begin, is finished
-    /// as by `stopRecording`. On the caller's thread; returns when the source has stopped. Frames already on their queue may still reach the
-    /// delegate. Only the torch without a session or with one that does not run: after a session that ended by itself, as with a camera that was
-    /// unplugged, finish the recording with `stopRecording`.
+    /// Torch off; a running session is stopped and, if `recordVideo` is true, the recording that is being written, or
+    /// about to begin, is finished as by `stopRecording`. On the caller's thread; returns when the source has stopped.
+    /// Frames already on their queue may still reach the delegate. Only the torch without a session or with one that
+    /// does not run: after a session that ended by itself, as with a camera that was unplugged, finish the recording
+    /// with `stopRecording`.
     void stop();
-    /// Takes the graph and the observers down, on the caller's thread. The session is neither stopped nor finished recording: call `stop` before.
-    /// Afterwards `session` and the three outputs are null; inputs and devices keep their values, `isConfigured` is not reset.
+    /// Takes the graph and the observers down, on the caller's thread. The session is neither stopped nor finished
+    /// recording: call `stop` before. Afterwards `session` and the three outputs are null; inputs and devices keep
+    /// their values, `isConfigured` is not reset.
     void shutdown();
 
     /// Whether the chosen camera has a torch; false before the configuration.
@@ -133,53 +148,59 @@ public:
     /// The camera's own record of the torch. Both names give the same value.
     [[nodiscard]] bool isTorchON() const;
     [[nodiscard]] bool isTorchOn() const;
-    /// False without a torch or a main queue. Otherwise true at once; the torch goes on 100 ms later, on the main queue. A `turnTorchOff` in between
-    /// does not call that off. A failure to lock the device is ignored.
+    /// False without a torch or a main queue. Otherwise true at once; the torch goes on 100 ms later, on the main
+    /// queue. A `turnTorchOff` in between does not call that off. A failure to lock the device is ignored.
     bool turnTorchOn();
     /// False without a torch. Otherwise the torch is off on return. A failure to lock the device is ignored.
     bool turnTorchOff();
 
-    /// For a turned interface: gives the preview the orientation (1 to 4), frames keep `cameraOrientation`, and a torch that was on is turned on
-    /// again. Any other orientation only does the last. On the main thread.
+    /// For a turned interface: gives the preview the orientation (1 to 4), frames keep `cameraOrientation`, and a torch
+    /// that was on is turned on again. Any other orientation only does the last. On the main thread.
     void updatePreviewLayer(selvio::VideoOrientation orientation);
 
     // ---- Recording. The work runs on the video output queue. ----
 
-    /// Removes leftover recordings and, if `recordVideo` of the parameters is true, begins a new MP4 file in the Documents directory. Frames are
-    /// 720x1280 for a portrait interface, else 1280x720: the interface orientation is read before the video track is made, so the file always has
-    /// the size of the moment when recording began (without a screen port the size that the output recommends).
-    /// Logs "Can't add writerInputVideo" (nothing is recorded; also when the file cannot be made) and "Can't add writerInputAudio" (video only).
+    /// Removes leftover recordings and, if `recordVideo` of the parameters is true, begins a new MP4 file in the
+    /// Documents directory. Frames are 720x1280 for a portrait interface, else 1280x720: the interface orientation is
+    /// read before the video track is made, so the file always has the size of the moment when recording began (without
+    /// a screen port the size that the output recommends). Logs "Can't add writerInputVideo" (nothing is recorded; also
+    /// when the file cannot be made) and "Can't add writerInputAudio" (video only).
     void startRecording();
-    /// Ends taking samples and finishes the file. A completed file is read, removed and handed to `didFinishRecordingVideo`. Otherwise logs
-    /// "*** AVAssetWriterStatusFailed", "*** AVAssetWriterStatusCancelled" or "*** AVAssetWriterStatus other"; the file then stays until the next
-    /// clean-up, as does one that cannot be read back ("Couldn't read item at path: …"). Without a writer, or with one that has been asked already,
-    /// only `shouldRecord` becomes false.
+    /// Ends taking samples and finishes the file. A completed file is read, removed and handed to
+    /// `didFinishRecordingVideo`. Otherwise logs
+    /// "*** AVAssetWriterStatusFailed", "*** AVAssetWriterStatusCancelled" or "*** AVAssetWriterStatus other"; the file
+    /// then stays until the next clean-up, as does one that cannot be read back ("Couldn't read item at path: …").
+    /// Without a writer, or with one that has been asked already, only `shouldRecord` becomes false.
     void stopRecording();
     /// Ends taking samples, drops the writer and removes the file. The delegate is not told.
     void discardRecording();
     /// Removes the file at `videoRecordingUrl`, if there is one; a failure is ignored. On the caller's thread.
     void deleteCurrentRecording();
-    /// A path for a new recording: "selvio_yyyy-MM-dd_HH-mm-ss-SSS.mp4", local time, in the Documents directory. Absent without a clock or that
-    /// directory.
+    /// A path for a new recording: "selvio_yyyy-MM-dd_HH-mm-ss-SSS.mp4", local time, in the Documents directory. Absent
+    /// without a clock or that directory.
     [[nodiscard]] std::optional<std::filesystem::path> url() const;
-    /// Removes everything named "selvio_….mp4" in the Documents directory, a recording being written included. On the caller's thread. Logs
-    /// "Couldn't get contents of Documents directory:" or, for each file, "Couldn't delete item at path:", with the reason on a second line.
+    /// Removes everything named "selvio_….mp4" in the Documents directory, a recording being written included. On the
+    /// caller's thread. Logs "Couldn't get contents of Documents directory:" or, for each file, "Couldn't delete item
+    /// at path:", with the reason on a second line.
     void cleanupBrokenVideos();
 
-    /// Gate for the samples of a recording. True until the recording is stopped or discarded, true again when the next one begins.
+    /// Gate for the samples of a recording. True until the recording is stopped or discarded, true again when the next
+    /// one begins.
     [[nodiscard]] bool shouldRecord() const;
     void setShouldRecord(bool value);
 
     // ---- Permissions. ----
 
-    /// Calls `permissionGranted` with whether the medium may be used: at once, on the caller's thread, if that is settled, else once the person has
-    /// answered, on a thread of the platform's choice. An authorization status outside 0 to 3 never calls it. Without a capture system: false, at
-    /// once.
+    /// Calls `permissionGranted` with whether the medium may be used: at once, on the caller's thread, if that is
+    /// settled, else once the person has answered, on a thread of the platform's choice. An authorization status
+    /// outside 0 to 3 never calls it. Without a capture system: false, at once.
     static void permissionFor(selvio::MediaType mediaType, std::function<void(bool granted)> permissionGranted,
                               const selvio::Platform& platform = selvio::defaultPlatform());
     /// The same for the camera and the microphone.
-    static void checkCameraPermission(std::function<void(bool granted)> completion, const selvio::Platform& platform = selvio::defaultPlatform());
-    static void checkMicrophonePermission(std::function<void(bool granted)> completion, const selvio::Platform& platform = selvio::defaultPlatform());
+    static void checkCameraPermission(std::function<void(bool granted)> completion,
+                                      const selvio::Platform& platform = selvio::defaultPlatform());
+    static void checkMicrophonePermission(std::function<void(bool granted)> completion,
+                                          const selvio::Platform& platform = selvio::defaultPlatform());
 
     // ---- What the camera alone decides. The host reads these (and `isTorchON` above) and cannot set them. ----
 
@@ -198,8 +219,8 @@ public:
     [[nodiscard]] std::shared_ptr<selvio::CaptureSession> session() const;
     void setSession(std::shared_ptr<selvio::CaptureSession> value);
 
-    // Parts of the graph and of the recording, null until they are made. The camera sets them itself; the setters are there for a host that brings
-    // its own part, and change nothing but the stored value.
+    // Parts of the graph and of the recording, null until they are made. The camera sets them itself; the setters are
+    // there for a host that brings its own part, and change nothing but the stored value.
     [[nodiscard]] std::shared_ptr<selvio::CaptureDeviceDiscoverySession> discoverySession() const;
     void setDiscoverySession(std::shared_ptr<selvio::CaptureDeviceDiscoverySession> value);
     [[nodiscard]] std::shared_ptr<selvio::CaptureDevice> videoDevice() const;

@@ -30,13 +30,15 @@ public:
     /// Clamps into 10...100.
     void setVideoQuality(SelvioFacialCaptureVideoQuality value);
 
-    /// The archive keys: 0 "RecordVideo", 1 "RecordAudio", 2 "ShowRecordingUI", 3 "VideoQuality"; nothing for any other index.
+    /// The archive keys: 0 "RecordVideo", 1 "RecordAudio", 2 "ShowRecordingUI", 3 "VideoQuality"; nothing for any other
+    /// index.
     [[nodiscard]] static std::optional<std::string> stringFrom(std::int64_t index);
 
     /// The keyed archive: one JSON object with the four keys, three booleans and an integer.
     [[nodiscard]] std::string encodeWithCoder() const;
-    /// Reads a keyed archive. A key that is missing or holds another type reads as false or 0 (0 is then clamped, so videoQuality becomes 10); text
-    /// that is not a JSON object reads as an archive without keys. Unknown keys are ignored. Note that `showRecordingUI` is false without its key.
+    /// Reads a keyed archive. A key that is missing or holds another type reads as false or 0 (0 is then clamped, so
+    /// videoQuality becomes 10); text that is not a JSON object reads as an archive without keys. Unknown keys are
+    /// ignored. Note that `showRecordingUI` is false without its key.
     [[nodiscard]] static std::shared_ptr<SelvioFacialCaptureCameraParameters> initWithCoder(std::string_view archive);
 
 private:

@@ -27,14 +27,16 @@ extern const char* const kSelvioSdkVersion;
 class SelvioFacialCaptureObixData {
 public:
     /// A record with the seven initial members. `platform` supplies the device's facts and the image codec.
-    [[nodiscard]] static std::shared_ptr<SelvioFacialCaptureObixData> init(const selvio::Platform& platform = selvio::defaultPlatform());
+    [[nodiscard]] static std::shared_ptr<SelvioFacialCaptureObixData> init(
+        const selvio::Platform& platform = selvio::defaultPlatform());
 
     /// The format of the record: "1.6".
     [[nodiscard]] static std::string obixVersion();
 
     /// Sets the members that describe the record, the device and the component.
     void addInitialElements();
-    /// Merges the members of a JSON object; a key already present is overwritten. Anything but an object changes nothing.
+    /// Merges the members of a JSON object; a key already present is overwritten. Anything but an object changes
+    /// nothing.
     void add(const nlohmann::json& dictionary);
     /// Stores the parameters unless the record has some already: the first ones of a capture win.
     void addParameters(const nlohmann::json& dictionary);
@@ -51,13 +53,15 @@ public:
     /// The hardware identifier.
     [[nodiscard]] std::string getMachineName() const;
 
-    /// The image as base64 text (one line) of a JPEG at `compression` percent (0...100), 72 x 72 dots per inch, with the record in its EXIF user
-    /// comment. The image is encoded at full quality first and then anew at the quality asked for. Nothing if there is no image or it cannot be
-    /// encoded.
+    /// The image as base64 text (one line) of a JPEG at `compression` percent (0...100), 72 x 72 dots per inch, with
+    /// the record in its EXIF user comment. The image is encoded at full quality first and then anew at the quality
+    /// asked for. Nothing if there is no image or it cannot be encoded.
     ///
-    /// An EXIF segment holds 64 KiB. From a record that is longer, the oldest events are left out of the user comment until it fits; if even a
-    /// record without events is too long, the photograph carries none. Both are logged; `obixDataString` stays whole.
-    [[nodiscard]] std::optional<std::string> addToImage(const std::optional<selvio::Image>& image, double compression) const;
+    /// An EXIF segment holds 64 KiB. From a record that is longer, the oldest events are left out of the user comment
+    /// until it fits; if even a record without events is too long, the photograph carries none. Both are logged;
+    /// `obixDataString` stays whole.
+    [[nodiscard]] std::optional<std::string> addToImage(const std::optional<selvio::Image>& image,
+                                                        double compression) const;
 
 private:
     explicit SelvioFacialCaptureObixData(const selvio::Platform& platform);

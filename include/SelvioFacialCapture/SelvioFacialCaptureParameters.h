@@ -15,11 +15,13 @@ enum SelvioFacialCaptureMode : std::int64_t {
     SelvioFacialCaptureModeAuto = 2,    ///< the analyzer
 };
 
-/// Everything about a capture that a host may change. Every operation may be called on any thread; a change takes effect with the next frame.
-/// Setters never refuse a value: numbers are clamped, and the two fill bounds keep a distance of at least 100.
+/// Everything about a capture that a host may change. Every operation may be called on any thread; a change takes
+/// effect with the next frame. Setters never refuse a value: numbers are clamped, and the two fill bounds keep a
+/// distance of at least 100.
 class SelvioFacialCaptureParameters {
 public:
-    /// mode automatic, timeout 20, fill 550...725, roll, pitch and yaw 500, imageQuality 95, no landmarks highlighted, no smile, countdown 2.
+    /// mode automatic, timeout 20, fill 550...725, roll, pitch and yaw 500, imageQuality 95, no landmarks highlighted,
+    /// no smile, countdown 2.
     SelvioFacialCaptureParameters();
     SelvioFacialCaptureParameters(const SelvioFacialCaptureParameters&) = delete;
     SelvioFacialCaptureParameters& operator=(const SelvioFacialCaptureParameters&) = delete;
@@ -39,10 +41,12 @@ public:
     /// Seconds, 3...30. Enforced by the host; the component only records it.
     [[nodiscard]] std::int64_t timeout() const;
     void setTimeout(std::int64_t value);
-    /// Smallest accepted width of the face in thousandths of the screen's width, 400...800. Setting it lifts `maxFill` to at least 100 more.
+    /// Smallest accepted width of the face in thousandths of the screen's width, 400...800. Setting it lifts `maxFill`
+    /// to at least 100 more.
     [[nodiscard]] std::int64_t minFill() const;
     void setMinFill(std::int64_t value);
-    /// Largest accepted width of the face in thousandths of the screen's width, 500...900. Setting it lowers `minFill` to at least 100 less.
+    /// Largest accepted width of the face in thousandths of the screen's width, 500...900. Setting it lowers `minFill`
+    /// to at least 100 less.
     [[nodiscard]] std::int64_t maxFill() const;
     void setMaxFill(std::int64_t value);
     /// Strictness of the head-angle checks, 0...1000; 500 is neutral, more is stricter.
@@ -55,15 +59,16 @@ public:
     /// JPEG quality of the delivered picture in percent, 5...100.
     [[nodiscard]] std::int64_t imageQuality() const;
     void setImageQuality(std::int64_t value);
-    /// Length in seconds of the countdown that the host shows, 0...5; with 0 or 1 a good frame is selected without a countdown.
+    /// Length in seconds of the countdown that the host shows, 0...5; with 0 or 1 a good frame is selected without a
+    /// countdown.
     [[nodiscard]] std::int64_t countdownTime() const;
     void setCountdownTime(std::int64_t value);
     /// Recording settings; null only if the host set null.
     [[nodiscard]] std::shared_ptr<SelvioFacialCaptureCameraParameters> cameraParameters() const;
     void setCameraParameters(std::shared_ptr<SelvioFacialCaptureCameraParameters> parameters);
 
-    /// Both objects' settings as text: the fourteen members of "Parameters" in the data record. Booleans are "0" or "1"; without camera parameters
-    /// their four members read as "0".
+    /// Both objects' settings as text: the fourteen members of "Parameters" in the data record. Booleans are "0" or
+    /// "1"; without camera parameters their four members read as "0".
     [[nodiscard]] std::map<std::string, std::string> toDictionary() const;
 
 private:

@@ -12,8 +12,9 @@
 
 /// The results object: made anew for every analysed frame and handed to the delegate.
 ///
-/// Every operation may be called on any thread: the object guards itself and hands out values. What is absent was never set.
-/// Points and rectangles are in screen points of a portrait screen, origin at the top left, in the detector's point order.
+/// Every operation may be called on any thread: the object guards itself and hands out values. What is absent was never
+/// set. Points and rectangles are in screen points of a portrait screen, origin at the top left, in the detector's
+/// point order.
 class SelvioFacialCaptureResults {
 public:
     using Points = std::optional<std::vector<selvio::Point>>;
@@ -30,8 +31,8 @@ public:
 
     /// Every status of the current frame, the most important first.
     [[nodiscard]] Statuses orderedStatuses() const;
-    /// Stores the list as it is given, without sorting. Its first element becomes the highest-priority status; an absent or empty list leaves that
-    /// one as it was.
+    /// Stores the list as it is given, without sorting. Its first element becomes the highest-priority status; an
+    /// absent or empty list leaves that one as it was.
     void setOrderedStatuses(Statuses statuses);
 
     [[nodiscard]] Points faceContourPoints() const;

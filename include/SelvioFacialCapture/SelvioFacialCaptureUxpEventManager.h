@@ -13,12 +13,12 @@
 
 /// The events of the log; each enumerator's comment is the code that the log writes.
 enum SelvioFacialCaptureUxpEvent : std::int64_t {
-    SelvioFacialCaptureUxpEventStartAuto = 0,         ///< "SA"; also what a status without an event of its own is logged as
-    SelvioFacialCaptureUxpEventStartManual = 1,       ///< "SS"
-    SelvioFacialCaptureUxpEventPauseReason1 = 2,      ///< "IS"
-    SelvioFacialCaptureUxpEventPauseReason2 = 3,      ///< "HS"
-    SelvioFacialCaptureUxpEventPauseReason4 = 4,      ///< "RS"
-    SelvioFacialCaptureUxpEventPauseReason3 = 5,      ///< "MF"
+    SelvioFacialCaptureUxpEventStartAuto = 0,     ///< "SA"; also what a status without an event of its own is logged as
+    SelvioFacialCaptureUxpEventStartManual = 1,   ///< "SS"
+    SelvioFacialCaptureUxpEventPauseReason1 = 2,  ///< "IS"
+    SelvioFacialCaptureUxpEventPauseReason2 = 3,  ///< "HS"
+    SelvioFacialCaptureUxpEventPauseReason4 = 4,  ///< "RS"
+    SelvioFacialCaptureUxpEventPauseReason3 = 5,  ///< "MF"
     SelvioFacialCaptureUxpEventFinalizedAuto = 6,     ///< "MT"
     SelvioFacialCaptureUxpEventFinalizedManual = 7,   ///< "ST"
     SelvioFacialCaptureUxpEventCancelled = 8,         ///< "C"
@@ -38,8 +38,8 @@ enum SelvioFacialCaptureUxpEvent : std::int64_t {
 
 /// The process-wide event log. Every operation may be called on any thread.
 ///
-/// An entry is a JSON object with one member: the event's code, whose value is an array of the milliseconds since the log was started and, if the
-/// caller gave one, an extra value. Consecutive repeats of an event make one entry.
+/// An entry is a JSON object with one member: the event's code, whose value is an array of the milliseconds since the
+/// log was started and, if the caller gave one, an extra value. Consecutive repeats of an event make one entry.
 class SelvioFacialCaptureUxpEventManager {
 public:
     /// The one manager, made on first use.
@@ -50,11 +50,14 @@ public:
     static void setSharedClock(std::shared_ptr<const selvio::Clock> clock);
 
     /// A new, empty log that starts now.
-    [[nodiscard]] static std::shared_ptr<SelvioFacialCaptureUxpEventManager> init(std::shared_ptr<const selvio::Clock> clock = nullptr);
+    [[nodiscard]] static std::shared_ptr<SelvioFacialCaptureUxpEventManager> init(
+        std::shared_ptr<const selvio::Clock> clock = nullptr);
 
-    /// Empties the log, restarts its time at zero and sets `currentEvent` to 20, so that a good frame as the very first event is not logged.
+    /// Empties the log, restarts its time at zero and sets `currentEvent` to 20, so that a good frame as the very first
+    /// event is not logged.
     void clear();
-    /// Logs an event unless it equals the last one. A number without a code is remembered as the last event and logs nothing.
+    /// Logs an event unless it equals the last one. A number without a code is remembered as the last event and logs
+    /// nothing.
     void addEvent(SelvioFacialCaptureUxpEvent event);
     /// The same with an extra value; a null one counts as none.
     void addEventWith(SelvioFacialCaptureUxpEvent event, const nlohmann::json& extra);

@@ -15,7 +15,8 @@ namespace {
 Platform makeLinuxPlatform(const VisionOptions& vision) {
     preloadVisionModels(vision);
     Platform platform = makePortablePlatform();
-    platform.device = std::make_shared<LinuxDevice>([sensor = makeOrientationSensor()] { return sensor->orientation(); });
+    platform.device =
+        std::make_shared<LinuxDevice>([sensor = makeOrientationSensor()] { return sensor->orientation(); });
     platform.screen = std::make_shared<LinuxScreen>();
     platform.imageCodec = std::make_shared<LibjpegImageCodec>();
     platform.imageLoader = std::make_shared<JpegPngImageLoader>();

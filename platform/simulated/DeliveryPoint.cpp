@@ -18,7 +18,8 @@ struct DeliveryPoint::State {
 DeliveryPoint::DeliveryPoint() : state_(std::make_shared<State>()) {}
 
 void DeliveryPoint::set(std::weak_ptr<CaptureOutputDelegate> delegate, std::shared_ptr<Queue> queue) {
-    std::shared_ptr<Queue> before = std::move(queue);  // goes after the lock: the end of a queue runs what it still holds
+    std::shared_ptr<Queue> before =
+        std::move(queue);  // goes after the lock: the end of a queue runs what it still holds
     const std::lock_guard lock(state_->mutex);
     state_->queue.swap(before);
     state_->delegate = std::move(delegate);

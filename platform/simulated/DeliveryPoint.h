@@ -15,8 +15,8 @@ public:
     using Delivery = std::function<void(CaptureOutputDelegate&)>;
 
     DeliveryPoint();
-    /// Deliveries not yet begun for the delegate before are forgotten. One that is running is not waited for: the caller may hold a lock that the
-    /// delegate is about to take.
+    /// Deliveries not yet begun for the delegate before are forgotten. One that is running is not waited for: the
+    /// caller may hold a lock that the delegate is about to take.
     void set(std::weak_ptr<CaptureOutputDelegate> delegate, std::shared_ptr<Queue> queue);
     [[nodiscard]] bool isSet() const;
     /// Deliveries submitted for the present delegate that have not ended.

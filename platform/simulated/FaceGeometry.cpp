@@ -53,7 +53,8 @@ std::optional<Error> FaceGeometry::check() const {
         if (!inside(point)) return Error{"landmarks." + name + " lies outside the photograph"};
     }
     if (jawLeft.x >= jawRight.x) return Error{"jawLeft must lie to the left of jawRight as seen in the photograph"};
-    if (std::hypot(jawRight.x - jawLeft.x, jawRight.y - jawLeft.y) < kShortestJaw) return Error{"the jaw is less than 8 pixels wide"};
+    if (std::hypot(jawRight.x - jawLeft.x, jawRight.y - jawLeft.y) < kShortestJaw)
+        return Error{"the jaw is less than 8 pixels wide"};
     return std::nullopt;
 }
 

@@ -66,7 +66,8 @@ void readState(ObjectReader& reader, MotionState& state, Given& given) {
     given.jawWidth = given.jawWidth || reader.field("jawWidth") != nullptr;
     readPose(reader, state.face);
     readSecond(reader, state.second);
-    if (const auto rate = reader.numbers("rotationRate", 3, -100, 100)) state.rotationRate = {(*rate)[0], (*rate)[1], (*rate)[2]};
+    if (const auto rate = reader.numbers("rotationRate", 3, -100, 100))
+        state.rotationRate = {(*rate)[0], (*rate)[1], (*rate)[2]};
     state.smiling = reader.boolean("smiling").value_or(state.smiling);
     state.light = reader.number("light", 0, 4).value_or(state.light);
     state.noise = reader.number("noise", 0, 64).value_or(state.noise);
@@ -86,7 +87,8 @@ MotionState mix(const MotionState& a, const MotionState& b, double t) {
     MotionState state = a;
     state.face = mix(a.face, b.face, t);
     if (a.second && b.second) state.second = mix(*a.second, *b.second, t);
-    state.rotationRate = {std::lerp(a.rotationRate.x, b.rotationRate.x, t), std::lerp(a.rotationRate.y, b.rotationRate.y, t),
+    state.rotationRate = {std::lerp(a.rotationRate.x, b.rotationRate.x, t),
+                          std::lerp(a.rotationRate.y, b.rotationRate.y, t),
                           std::lerp(a.rotationRate.z, b.rotationRate.z, t)};
     state.light = std::lerp(a.light, b.light, t);
     state.noise = std::lerp(a.noise, b.noise, t);
@@ -146,12 +148,14 @@ nanoseconds MotionScript::duration() const {
 
 MotionState MotionScript::stateAt(nanoseconds time) const {
     if (loop_ && time > nanoseconds(0)) time %= duration();
-    const auto next = std::upper_bound(keyFrames_.begin(), keyFrames_.end(), time, [](nanoseconds t, const KeyFrame& k) { return t < k.at; });
+    const auto next = std::upper_bound(keyFrames_.begin(), keyFrames_.end(), time,
+                                       [](nanoseconds t, const KeyFrame& k) { return t < k.at; });
     if (next == keyFrames_.begin()) return next->state;
     const KeyFrame& last = *std::prev(next);
     const nanoseconds start = last.at + last.hold;
     if (next == keyFrames_.end() || time <= start) return last.state;
-    return mix(last.state, next->state, static_cast<double>((time - start).count()) / static_cast<double>((next->at - start).count()));
+    return mix(last.state, next->state,
+               static_cast<double>((time - start).count()) / static_cast<double>((next->at - start).count()));
 }
 
 }  // namespace selvio

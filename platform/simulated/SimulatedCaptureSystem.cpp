@@ -13,7 +13,8 @@ constexpr double kHighestFrameRate = 240.0;
 SimulatedCaptureOptions checked(SimulatedCaptureOptions options) {
     const double wanted = options.frameRate;
     options.frameRate = wanted >= kLowestFrameRate ? std::min(wanted, kHighestFrameRate) : kLowestFrameRate;
-    if (options.frameRate != wanted) log("The simulated camera's frame rate " + std::to_string(wanted) + " is outside of 1 to 240");
+    if (options.frameRate != wanted)
+        log("The simulated camera's frame rate " + std::to_string(wanted) + " is outside of 1 to 240");
     return options;
 }
 
@@ -24,7 +25,8 @@ struct SimulatedCaptureSystem::State {
         : control(std::make_shared<SimulatedControl>(std::move(scene), checked(std::move(options)))),
           back(std::make_shared<SimulatedDevice>(control, MediaType::Video, CaptureDevicePosition::Back)),
           front(std::make_shared<SimulatedDevice>(control, MediaType::Video, CaptureDevicePosition::Front)),
-          microphone(std::make_shared<SimulatedDevice>(control, MediaType::Audio, CaptureDevicePosition::Unspecified)) {}
+          microphone(std::make_shared<SimulatedDevice>(control, MediaType::Audio, CaptureDevicePosition::Unspecified)) {
+    }
 
     const std::shared_ptr<SimulatedControl> control;
     const std::shared_ptr<SimulatedDevice> back;
@@ -37,7 +39,9 @@ struct SimulatedCaptureSystem::State {
     AuthorizationStatus sound = AuthorizationStatus::Authorized;   // guarded by mutex
     bool accessAnswer = true;                                      // guarded by mutex
 
-    [[nodiscard]] AuthorizationStatus& statusLocked(MediaType mediaType) { return mediaType == MediaType::Video ? camera : sound; }
+    [[nodiscard]] AuthorizationStatus& statusLocked(MediaType mediaType) {
+        return mediaType == MediaType::Video ? camera : sound;
+    }
 };
 
 SimulatedCaptureSystem::SimulatedCaptureSystem(std::shared_ptr<SimulatedScene> scene, SimulatedCaptureOptions options)
@@ -91,15 +95,16 @@ std::size_t SimulatedCaptureSystem::pixelAllocations() const {
     return state_->control->pool->allocations();
 }
 
-std::shared_ptr<CaptureDeviceDiscoverySession> SimulatedCaptureSystem::discoverDevices(const std::vector<std::string>& deviceTypes,
-                                                                                       MediaType mediaType, CaptureDevicePosition position) {
+std::shared_ptr<CaptureDeviceDiscoverySession> SimulatedCaptureSystem::discoverDevices(
+    const std::vector<std::string>& deviceTypes, MediaType mediaType, CaptureDevicePosition position) {
     auto found = std::make_shared<CaptureDeviceDiscoverySession>();
     const SimulatedFaults faults = this->faults();
     if (mediaType == MediaType::Audio) {
         if (!faults.noMicrophone) found->devices.push_back(state_->microphone);
         return found;
     }
-    const bool wanted = std::find(deviceTypes.begin(), deviceTypes.end(), kCaptureDeviceTypeBuiltInWideAngleCamera) != deviceTypes.end();
+    const bool wanted = std::find(deviceTypes.begin(), deviceTypes.end(), kCaptureDeviceTypeBuiltInWideAngleCamera) !=
+                        deviceTypes.end();
     if (!wanted || faults.noCamera || faults.deviceLost) return found;
     if (position != CaptureDevicePosition::Front) found->devices.push_back(state_->back);
     if (position != CaptureDevicePosition::Back) found->devices.push_back(state_->front);
@@ -107,16 +112,20 @@ std::shared_ptr<CaptureDeviceDiscoverySession> SimulatedCaptureSystem::discoverD
 }
 
 std::shared_ptr<CaptureDevice> SimulatedCaptureSystem::defaultDevice(MediaType mediaType) {
-    const auto found = discoverDevices({kCaptureDeviceTypeBuiltInWideAngleCamera}, mediaType, CaptureDevicePosition::Unspecified);
+    const auto found =
+        discoverDevices({kCaptureDeviceTypeBuiltInWideAngleCamera}, mediaType, CaptureDevicePosition::Unspecified);
     return found->devices.empty() ? nullptr : found->devices.front();
 }
 
-Expected<std::shared_ptr<CaptureDeviceInput>> SimulatedCaptureSystem::makeDeviceInput(const std::shared_ptr<CaptureDevice>& device) {
+Expected<std::shared_ptr<CaptureDeviceInput>> SimulatedCaptureSystem::makeDeviceInput(
+    const std::shared_ptr<CaptureDevice>& device) {
     auto simulated = std::dynamic_pointer_cast<SimulatedDevice>(device);
-    if (simulated == nullptr || !simulated->belongsTo(state_->control.get())) return Error{"The device is not one of this simulated capture system"};
+    if (simulated == nullptr || !simulated->belongsTo(state_->control.get()))
+        return Error{"The device is not one of this simulated capture system"};
     const SimulatedFaults faults = this->faults();
     const bool video = device->mediaType() == MediaType::Video;
-    if (video ? faults.videoInputFails : faults.audioInputFails) return Error{device->localizedName() + " cannot be opened"};
+    if (video ? faults.videoInputFails : faults.audioInputFails)
+        return Error{device->localizedName() + " cannot be opened"};
     if (video && faults.deviceLost) return Error{device->localizedName() + " is disconnected"};
     if (authorizationStatus(device->mediaType()) != AuthorizationStatus::Authorized)
         return Error{"Access to " + device->localizedName() + " has not been granted"};

@@ -6,7 +6,8 @@
 
 namespace selvio {
 
-SimulatedDevice::SimulatedDevice(std::shared_ptr<SimulatedControl> control, MediaType mediaType, CaptureDevicePosition position)
+SimulatedDevice::SimulatedDevice(std::shared_ptr<SimulatedControl> control, MediaType mediaType,
+                                 CaptureDevicePosition position)
     : control_(std::move(control)), mediaType_(mediaType), position_(position) {
     setActiveSize(1280, 720);
 }
@@ -26,7 +27,8 @@ std::vector<CaptureDeviceFormat> SimulatedDevice::formats() const {
     std::vector<CaptureDeviceFormat> formats;
     for (const auto& [width, height] : {std::pair{640, 480}, {1280, 720}, {1920, 1080}}) {
         for (const PixelFormat format : {kPixelFormat420v, kPixelFormat32BGRA}) {
-            formats.push_back({.formatDescription = {format, width, height}, .maxFrameRate = control_->options.frameRate});
+            formats.push_back(
+                {.formatDescription = {format, width, height}, .maxFrameRate = control_->options.frameRate});
         }
     }
     return formats;

@@ -43,7 +43,8 @@ private:
 
 class SimulatedDeviceInput final : public CaptureDeviceInput {
 public:
-    explicit SimulatedDeviceInput(std::shared_ptr<SimulatedDevice> device) : simulated_(device), device_(std::move(device)) {}
+    explicit SimulatedDeviceInput(std::shared_ptr<SimulatedDevice> device)
+        : simulated_(device), device_(std::move(device)) {}
     const std::shared_ptr<CaptureDevice>& device() const override { return device_; }
     [[nodiscard]] const std::shared_ptr<SimulatedDevice>& simulatedDevice() const { return simulated_; }
 

@@ -13,7 +13,8 @@ using std::chrono::nanoseconds;
 
 constexpr int kLongestPhotographSide = 2560;  // pixels; a larger photograph is halved until it fits
 constexpr double kMarginShare = 0.3;          // of the photograph's longer side, on each side of it
-constexpr double kCoarsestStep = 1.4142;      // pixels of a level from one frame pixel to the next, above which the next smaller level is taken
+constexpr double kCoarsestStep =
+    1.4142;  // pixels of a level from one frame pixel to the next, above which the next smaller level is taken
 constexpr std::size_t kNoiseSamples = 1 << 14;
 constexpr double kNoiseUnit = 64.0;  // the table's standard deviation
 
@@ -24,7 +25,8 @@ std::uint64_t hash(std::uint64_t x) {
     return x ^ (x >> 31);
 }
 
-// Normally distributed samples (sums of twelve uniform ones) in units of 1/kNoiseUnit standard deviations. One table for the process.
+// Normally distributed samples (sums of twelve uniform ones) in units of 1/kNoiseUnit standard deviations. One table
+// for the process.
 const std::vector<std::int16_t>& noiseTable() {
     static const std::vector<std::int16_t> table = [] {
         std::vector<std::int16_t> samples(kNoiseSamples);
@@ -32,7 +34,8 @@ const std::vector<std::int16_t>& noiseTable() {
             std::int64_t sum = 0;
             for (std::uint64_t k = 0; k < 3; ++k) {
                 const std::uint64_t bits = hash(i * 3 + k);
-                for (unsigned shift = 0; shift < 64; shift += 16) sum += static_cast<std::int64_t>((bits >> shift) & 0xffff);
+                for (unsigned shift = 0; shift < 64; shift += 16)
+                    sum += static_cast<std::int64_t>((bits >> shift) & 0xffff);
             }
             samples[i] = static_cast<std::int16_t>((sum - 12 * 32768) * static_cast<std::int64_t>(kNoiseUnit) / 65536);
         }
@@ -46,14 +49,19 @@ struct Level {
     int width = 0;
     int height = 0;
     std::vector<std::uint32_t> pixels;
-    [[nodiscard]] const std::uint32_t* row(int y) const { return pixels.data() + static_cast<std::size_t>(y) * static_cast<std::size_t>(width); }
-    [[nodiscard]] std::uint32_t* row(int y) { return pixels.data() + static_cast<std::size_t>(y) * static_cast<std::size_t>(width); }
+    [[nodiscard]] const std::uint32_t* row(int y) const {
+        return pixels.data() + static_cast<std::size_t>(y) * static_cast<std::size_t>(width);
+    }
+    [[nodiscard]] std::uint32_t* row(int y) {
+        return pixels.data() + static_cast<std::size_t>(y) * static_cast<std::size_t>(width);
+    }
 };
 
 std::uint32_t mean4(std::uint32_t a, std::uint32_t b, std::uint32_t c, std::uint32_t d) {
     constexpr std::uint32_t kMask = 0x00ff00ff;
     const std::uint32_t even = (a & kMask) + (b & kMask) + (c & kMask) + (d & kMask) + 0x00020002;
-    const std::uint32_t odd = ((a >> 8) & kMask) + ((b >> 8) & kMask) + ((c >> 8) & kMask) + ((d >> 8) & kMask) + 0x00020002;
+    const std::uint32_t odd =
+        ((a >> 8) & kMask) + ((b >> 8) & kMask) + ((c >> 8) & kMask) + ((d >> 8) & kMask) + 0x00020002;
     return ((even >> 2) & kMask) | (((odd >> 2) & kMask) << 8);
 }
 
@@ -87,7 +95,9 @@ std::uint32_t pixelOf(const Color& c) {
 class AreaSums {
 public:
     explicit AreaSums(const Level& level)
-        : width_(level.width), height_(level.height), sums_(static_cast<std::size_t>(width_ + 1) * static_cast<std::size_t>(height_ + 1)) {
+        : width_(level.width),
+          height_(level.height),
+          sums_(static_cast<std::size_t>(width_ + 1) * static_cast<std::size_t>(height_ + 1)) {
         for (int y = 0; y < height_; ++y) {
             Sum line;
             for (int x = 0; x < width_; ++x) {
@@ -128,7 +138,8 @@ private:
     std::vector<Sum> sums_;
 };
 
-// The tone that surrounds the photograph: the mean of its upper edge and of the upper halves of its sides, where a portrait shows background.
+// The tone that surrounds the photograph: the mean of its upper edge and of the upper halves of its sides, where a
+// portrait shows background.
 Color surroundings(const Level& photograph, const AreaSums& sums) {
     const int w = photograph.width, h = photograph.height;
     const int border = std::max(1, std::max(w, h) / 50);
@@ -154,7 +165,8 @@ Level withMargin(const Level& photograph, const AreaSums& sums, const Color& ton
             const Color edge = sums.mean(px, py, static_cast<int>(distance));
             const double t = std::min(1.0, distance / margin);
             const double fade = t * t * (3 - 2 * t);
-            canvas.row(y)[x] = pixelOf({std::lerp(edge.b, tone.b, fade), std::lerp(edge.g, tone.g, fade), std::lerp(edge.r, tone.r, fade)});
+            canvas.row(y)[x] = pixelOf(
+                {std::lerp(edge.b, tone.b, fade), std::lerp(edge.g, tone.g, fade), std::lerp(edge.r, tone.r, fade)});
         }
     }
     return canvas;
@@ -174,7 +186,9 @@ constexpr std::int64_t kOne = std::int64_t{1} << kFraction;
 
 // The half-open range of steps i in [first, last) for which 0 <= start + i * step <= limit.
 void clip(std::int64_t start, std::int64_t step, std::int64_t limit, std::int64_t& first, std::int64_t& last) {
-    const auto floorDivide = [](std::int64_t a, std::int64_t b) { return a / b - ((a % b != 0) && ((a < 0) != (b < 0)) ? 1 : 0); };
+    const auto floorDivide = [](std::int64_t a, std::int64_t b) {
+        return a / b - ((a % b != 0) && ((a < 0) != (b < 0)) ? 1 : 0);
+    };
     if (step == 0) {
         if (start < 0 || start > limit) last = first;
     } else if (step > 0) {
@@ -187,9 +201,10 @@ void clip(std::int64_t start, std::int64_t step, std::int64_t limit, std::int64_
     last = std::max(first, last);
 }
 
-// Draws `count` frame pixels; the first lies at (u, v), the next at (u + du, v + dv), in 16.16 pixels of the level, pixel centres at whole numbers.
-void drawSpan(const Level& level, std::uint32_t background, std::int64_t u, std::int64_t v, std::int64_t du, std::int64_t dv, std::int64_t count,
-              std::uint32_t* out) {
+// Draws `count` frame pixels; the first lies at (u, v), the next at (u + du, v + dv), in 16.16 pixels of the level,
+// pixel centres at whole numbers.
+void drawSpan(const Level& level, std::uint32_t background, std::int64_t u, std::int64_t v, std::int64_t du,
+              std::int64_t dv, std::int64_t count, std::uint32_t* out) {
     std::int64_t first = 0, last = count;
     clip(u, du, (level.width - 1) * kOne - 1, first, last);
     clip(v, dv, (level.height - 1) * kOne - 1, first, last);
@@ -210,7 +225,8 @@ void drawSpan(const Level& level, std::uint32_t background, std::int64_t u, std:
         const auto fx = static_cast<std::uint32_t>(x >> (kFraction - 8)) & 0xff;
         const auto fy = static_cast<std::uint32_t>(y >> (kFraction - 8)) & 0xff;
         const std::uint32_t w11 = (fx * fy + 128) >> 8, w01 = fx - w11, w10 = fy - w11, w00 = 256 - fx - fy + w11;
-        const std::uint64_t sum = spread(p[0]) * w00 + spread(p[1]) * w01 + spread(p[stride]) * w10 + spread(p[stride + 1]) * w11;
+        const std::uint64_t sum =
+            spread(p[0]) * w00 + spread(p[1]) * w01 + spread(p[stride]) * w10 + spread(p[stride + 1]) * w11;
         out[i] = gathered(((sum + 0x0080008000800080u) >> 8) & 0x00ff00ff00ff00ffu);
     }
 }
@@ -231,7 +247,8 @@ public:
     void apply(std::uint32_t* row, int width, std::uint64_t seed) const {
         auto* const bytes = reinterpret_cast<std::uint8_t*>(row);
         if (gain_ != 256) {
-            for (int i = 0; i < 4 * width; ++i) bytes[i] = static_cast<std::uint8_t>(std::min((bytes[i] * gain_ + 128) >> 8, 255));
+            for (int i = 0; i < 4 * width; ++i)
+                bytes[i] = static_cast<std::uint8_t>(std::min((bytes[i] * gain_ + 128) >> 8, 255));
         }
         if (!noise_.empty()) {
             constexpr int kRun = 1024;  // bytes between new places in the table
@@ -270,7 +287,8 @@ int redOf(std::uint32_t p) {
 // BT.601, video range.
 void lumaRow(const std::uint32_t* row, int width, std::uint8_t* out) {
     for (int x = 0; x < width; ++x)
-        out[x] = static_cast<std::uint8_t>(((66 * redOf(row[x]) + 129 * greenOf(row[x]) + 25 * blueOf(row[x]) + 128) >> 8) + 16);
+        out[x] = static_cast<std::uint8_t>(
+            ((66 * redOf(row[x]) + 129 * greenOf(row[x]) + 25 * blueOf(row[x]) + 128) >> 8) + 16);
 }
 
 void chromaPair(std::uint32_t mean, std::uint8_t* out) {
@@ -281,8 +299,10 @@ void chromaPair(std::uint32_t mean, std::uint8_t* out) {
 
 void chromaRow(const std::uint32_t* upper, const std::uint32_t* lower, int width, std::uint8_t* out) {
     const int pairs = width / 2;
-    for (int x = 0; x < pairs; ++x) chromaPair(mean4(upper[2 * x], upper[2 * x + 1], lower[2 * x], lower[2 * x + 1]), out + 2 * x);
-    if (width % 2 != 0) chromaPair(mean4(upper[width - 1], upper[width - 1], lower[width - 1], lower[width - 1]), out + 2 * pairs);
+    for (int x = 0; x < pairs; ++x)
+        chromaPair(mean4(upper[2 * x], upper[2 * x + 1], lower[2 * x], lower[2 * x + 1]), out + 2 * x);
+    if (width % 2 != 0)
+        chromaPair(mean4(upper[width - 1], upper[width - 1], lower[width - 1], lower[width - 1]), out + 2 * pairs);
 }
 
 // One face on its way into a frame: which level of the canvas, and where frame pixels lie in it.
@@ -299,7 +319,8 @@ struct Divide {
     [[nodiscard]] int column(int y, int width) const {
         const double dy = (y + 0.5 - middle.y) * direction.y;
         if (std::abs(direction.x) < 1e-9) return (dy > 0) == (direction.x >= 0) ? 0 : width;
-        return static_cast<int>(std::clamp(std::ceil(middle.x - dy / direction.x - 0.5), 0.0, static_cast<double>(width)));
+        return static_cast<int>(
+            std::clamp(std::ceil(middle.x - dy / direction.x - 0.5), 0.0, static_cast<double>(width)));
     }
     [[nodiscard]] bool firstIsLeft() const { return direction.x >= 0; }
 };
@@ -323,13 +344,14 @@ SimulatedFrames::SimulatedFrames(FaceGeometry geometry, MotionScript script, std
 
 SimulatedFrames::~SimulatedFrames() = default;
 
-Expected<std::shared_ptr<const SimulatedFrames>> SimulatedFrames::make(const std::shared_ptr<const PixelBuffer>& photograph,
-                                                                       const FaceGeometry& geometry, MotionScript script) {
+Expected<std::shared_ptr<const SimulatedFrames>> SimulatedFrames::make(
+    const std::shared_ptr<const PixelBuffer>& photograph, const FaceGeometry& geometry, MotionScript script) {
     if (photograph == nullptr) return Error{"the simulated camera has no photograph"};
     if (photograph->format() != kPixelFormat32BGRA) return Error{"the simulated camera's photograph is not in BGRA"};
     if (photograph->width() != geometry.width || photograph->height() != geometry.height) {
-        return Error{"the photograph has " + std::to_string(photograph->width()) + " x " + std::to_string(photograph->height()) +
-                     " pixels, its face geometry states " + std::to_string(geometry.width) + " x " + std::to_string(geometry.height)};
+        return Error{"the photograph has " + std::to_string(photograph->width()) + " x " +
+                     std::to_string(photograph->height()) + " pixels, its face geometry states " +
+                     std::to_string(geometry.width) + " x " + std::to_string(geometry.height)};
     }
     if (auto error = geometry.check()) return *error;
 
@@ -349,13 +371,15 @@ Expected<std::shared_ptr<const SimulatedFrames>> SimulatedFrames::make(const std
     canvas->background = pixelOf(tone);
     canvas->fromPhotograph = {scale, 0.0, static_cast<double>(margin), static_cast<double>(margin)};
     canvas->levels.push_back(withMargin(picture, sums, tone, margin));
-    while (std::min(canvas->levels.back().width, canvas->levels.back().height) >= 4) canvas->levels.push_back(halved(canvas->levels.back()));
+    while (std::min(canvas->levels.back().width, canvas->levels.back().height) >= 4)
+        canvas->levels.push_back(halved(canvas->levels.back()));
     return std::shared_ptr<const SimulatedFrames>(new SimulatedFrames(geometry, std::move(script), std::move(canvas)));
 }
 
 Similarity SimulatedFrames::photographToFrame(const FacePose& pose, int width, int height) const {
     const double jawX = geometry_.jawRight.x - geometry_.jawLeft.x, jawY = geometry_.jawRight.y - geometry_.jawLeft.y;
-    const Point middle{(geometry_.jawLeft.x + geometry_.jawRight.x) / 2, (geometry_.jawLeft.y + geometry_.jawRight.y) / 2};
+    const Point middle{(geometry_.jawLeft.x + geometry_.jawRight.x) / 2,
+                       (geometry_.jawLeft.y + geometry_.jawRight.y) / 2};
     const double scale = pose.jawWidth * std::min(width, height) / std::hypot(jawX, jawY);
     const double turn = pose.roll * std::numbers::pi / 180.0 - std::atan2(jawY, jawX);
     Similarity map{scale * std::cos(turn), scale * std::sin(turn), 0.0, 0.0};
@@ -369,10 +393,14 @@ std::vector<FrameFace> SimulatedFrames::trueGeometry(nanoseconds time, int width
     const MotionState state = script_.stateAt(time);
     std::vector<FrameFace> faces;
     const auto add = [&](const FacePose& pose) {
-        FrameFace face{.photographToFrame = photographToFrame(pose, width, height), .jawLeft = {}, .jawRight = {}, .landmarks = {}};
+        FrameFace face{.photographToFrame = photographToFrame(pose, width, height),
+                       .jawLeft = {},
+                       .jawRight = {},
+                       .landmarks = {}};
         face.jawLeft = face.photographToFrame.apply(geometry_.jawLeft);
         face.jawRight = face.photographToFrame.apply(geometry_.jawRight);
-        for (const auto& [name, point] : geometry_.landmarks) face.landmarks.emplace(name, face.photographToFrame.apply(point));
+        for (const auto& [name, point] : geometry_.landmarks)
+            face.landmarks.emplace(name, face.photographToFrame.apply(point));
         faces.push_back(std::move(face));
     };
     if (state.visible) add(state.face);
@@ -403,14 +431,17 @@ bool SimulatedFrames::render(nanoseconds time, PixelBuffer& frame) const {
         const FacePose &one = state.face, &other = *state.second;
         const double share = one.jawWidth / (one.jawWidth + other.jawWidth);
         divide.direction = {(other.center.x - one.center.x) * width, (other.center.y - one.center.y) * height};
-        divide.middle = {one.center.x * width + share * divide.direction.x, one.center.y * height + share * divide.direction.y};
+        divide.middle = {one.center.x * width + share * divide.direction.x,
+                         one.center.y * height + share * divide.direction.y};
     }
 
     const auto span = [&](const Drawing& d, int y, int from, int to, std::uint32_t* row) {
         const Point start = d.frameToLevel.apply({from + 0.5, y + 0.5});
-        const auto fixed = [](double v) { return static_cast<std::int64_t>(std::llround(v * static_cast<double>(kOne))); };
-        drawSpan(*d.level, canvas_->background, fixed(start.x - 0.5), fixed(start.y - 0.5), fixed(d.frameToLevel.a), fixed(d.frameToLevel.b),
-                 to - from, row + from);
+        const auto fixed = [](double v) {
+            return static_cast<std::int64_t>(std::llround(v * static_cast<double>(kOne)));
+        };
+        drawSpan(*d.level, canvas_->background, fixed(start.x - 0.5), fixed(start.y - 0.5), fixed(d.frameToLevel.a),
+                 fixed(d.frameToLevel.b), to - from, row + from);
     };
     const Exposure exposure(state.light, state.noise);
     const std::uint64_t frameSeed = hash(script_.seed() ^ hash(static_cast<std::uint64_t>(time.count())));
@@ -429,7 +460,8 @@ bool SimulatedFrames::render(nanoseconds time, PixelBuffer& frame) const {
 
     if (!planar) {
         for (int y = 0; y < height; ++y) {
-            drawRow(y, reinterpret_cast<std::uint32_t*>(frame.data() + static_cast<std::size_t>(y) * frame.bytesPerRow()));
+            drawRow(y,
+                    reinterpret_cast<std::uint32_t*>(frame.data() + static_cast<std::size_t>(y) * frame.bytesPerRow()));
         }
         return true;
     }
@@ -442,7 +474,8 @@ bool SimulatedFrames::render(nanoseconds time, PixelBuffer& frame) const {
         if (both) drawRow(y + 1, lower);
         lumaRow(upper, width, frame.data() + static_cast<std::size_t>(y) * frame.bytesPerRow());
         if (both) lumaRow(lower, width, frame.data() + static_cast<std::size_t>(y + 1) * frame.bytesPerRow());
-        chromaRow(upper, both ? lower : upper, width, frame.data(1) + static_cast<std::size_t>(y / 2) * frame.bytesPerRow(1));
+        chromaRow(upper, both ? lower : upper, width,
+                  frame.data(1) + static_cast<std::size_t>(y / 2) * frame.bytesPerRow(1));
     }
     return true;
 }

@@ -11,7 +11,8 @@ constexpr std::chrono::nanoseconds kShortestInterval{1'000'000};
 
 }  // namespace
 
-// One start. Queued blocks hold it weakly: a queue that runs its delayed blocks at once when it ends must find nothing to go on with.
+// One start. Queued blocks hold it weakly: a queue that runs its delayed blocks at once when it ends must find nothing
+// to go on with.
 struct SimulatedMotionManager::Feed : std::enable_shared_from_this<Feed> {
     std::shared_ptr<SimulatedScene> scene;
     std::shared_ptr<Queue> queue;

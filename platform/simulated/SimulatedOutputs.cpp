@@ -23,7 +23,8 @@ void SimulatedOutput::setConnected(bool connected) {
     if (!connected) {
         connection_.reset();
     } else if (connection_ == nullptr) {
-        connection_ = std::make_shared<SimulatedConnection>(source_ == MediaType::Video, VideoOrientation::LandscapeRight);
+        connection_ =
+            std::make_shared<SimulatedConnection>(source_ == MediaType::Video, VideoOrientation::LandscapeRight);
     }
 }
 
@@ -46,7 +47,8 @@ void SimulatedVideoDataOutput::setPixelFormat(PixelFormat format) {
     }
 }
 
-void SimulatedVideoDataOutput::setSampleBufferDelegate(std::weak_ptr<CaptureOutputDelegate> delegate, std::shared_ptr<Queue> queue) {
+void SimulatedVideoDataOutput::setSampleBufferDelegate(std::weak_ptr<CaptureOutputDelegate> delegate,
+                                                       std::shared_ptr<Queue> queue) {
     deliveries().set(std::move(delegate), std::move(queue));
 }
 
@@ -59,22 +61,26 @@ std::pair<int, int> SimulatedVideoDataOutput::frameSize() const {
     const auto width = static_cast<int>(packed >> 32), height = static_cast<int>(packed & 0xffffffffu);
     const auto way = connection();
     const VideoOrientation orientation = way == nullptr ? VideoOrientation::NotSet : way->videoOrientation();
-    const bool portrait = orientation == VideoOrientation::Portrait || orientation == VideoOrientation::PortraitUpsideDown;
+    const bool portrait =
+        orientation == VideoOrientation::Portrait || orientation == VideoOrientation::PortraitUpsideDown;
     return portrait ? std::pair{height, width} : std::pair{width, height};
 }
 
 VideoSettings SimulatedVideoDataOutput::recommendedVideoSettings(const std::string&) const {
     const auto [width, height] = frameSize();
     const std::int64_t bitRate = static_cast<std::int64_t>(width) * height * 8;
-    return {.codec = control_->options.videoCodec, .width = width, .height = height, .compressionProperties = {{kVideoAverageBitRateKey, bitRate}}};
+    return {.codec = control_->options.videoCodec,
+            .width = width,
+            .height = height,
+            .compressionProperties = {{kVideoAverageBitRateKey, bitRate}}};
 }
 
 void SimulatedVideoDataOutput::deliverDropNotice(const SampleTiming& timing) {
     if (deliveries().pending() >= kMostWaitingNotices) return;
-    deliveries().submit(
-        [self = weak_from_this(), sample = SampleBuffer::makeVideo(nullptr, timing), way = connection()](CaptureOutputDelegate& delegate) {
-            if (const auto output = self.lock()) delegate.captureOutputDidDropSampleBuffer(*output, sample, way);
-        });
+    deliveries().submit([self = weak_from_this(), sample = SampleBuffer::makeVideo(nullptr, timing),
+                         way = connection()](CaptureOutputDelegate& delegate) {
+        if (const auto output = self.lock()) delegate.captureOutputDidDropSampleBuffer(*output, sample, way);
+    });
 }
 
 void SimulatedVideoDataOutput::deliver(std::chrono::nanoseconds scriptTime, const SampleTiming& timing, bool drop) {
@@ -91,12 +97,14 @@ void SimulatedVideoDataOutput::deliver(std::chrono::nanoseconds scriptTime, cons
         deliverDropNotice(timing);
         return;
     }
-    deliveries().submit([self = weak_from_this(), sample = SampleBuffer::makeVideo(std::move(buffer), timing), way](CaptureOutputDelegate& delegate) {
+    deliveries().submit([self = weak_from_this(), sample = SampleBuffer::makeVideo(std::move(buffer), timing),
+                         way](CaptureOutputDelegate& delegate) {
         if (const auto output = self.lock()) delegate.captureOutputDidOutputSampleBuffer(*output, sample, way);
     });
 }
 
-void SimulatedAudioDataOutput::setSampleBufferDelegate(std::weak_ptr<CaptureOutputDelegate> delegate, std::shared_ptr<Queue> queue) {
+void SimulatedAudioDataOutput::setSampleBufferDelegate(std::weak_ptr<CaptureOutputDelegate> delegate,
+                                                       std::shared_ptr<Queue> queue) {
     deliveries().set(std::move(delegate), std::move(queue));
 }
 
@@ -107,15 +115,17 @@ void SimulatedAudioDataOutput::deliver(std::int64_t firstSample, const SampleTim
     for (std::size_t i = 0; i < audio.samples.size(); ++i) {
         // the tone has a whole number of periods a second
         const auto inSecond = static_cast<double>((firstSample + static_cast<std::int64_t>(i)) % kSampleRate);
-        audio.samples[i] =
-            static_cast<std::int16_t>(std::lround(kToneAmplitude * std::sin(2 * std::numbers::pi * kToneFrequency * inSecond / kSampleRate)));
+        audio.samples[i] = static_cast<std::int16_t>(
+            std::lround(kToneAmplitude * std::sin(2 * std::numbers::pi * kToneFrequency * inSecond / kSampleRate)));
     }
-    deliveries().submit([self = weak_from_this(), sample = SampleBuffer::makeAudio(std::move(audio), timing), way](CaptureOutputDelegate& delegate) {
+    deliveries().submit([self = weak_from_this(), sample = SampleBuffer::makeAudio(std::move(audio), timing),
+                         way](CaptureOutputDelegate& delegate) {
         if (const auto output = self.lock()) delegate.captureOutputDidOutputSampleBuffer(*output, sample, way);
     });
 }
 
-void SimulatedMetadataOutput::setMetadataObjectsDelegate(std::weak_ptr<CaptureOutputDelegate> delegate, std::shared_ptr<Queue> queue) {
+void SimulatedMetadataOutput::setMetadataObjectsDelegate(std::weak_ptr<CaptureOutputDelegate> delegate,
+                                                         std::shared_ptr<Queue> queue) {
     deliveries().set(std::move(delegate), std::move(queue));
 }
 
@@ -131,7 +141,8 @@ void SimulatedMetadataOutput::deliver(const std::string& barcode) {
     }
     const auto way = connection();
     if (way == nullptr || deliveries().pending() > 0) return;
-    std::vector<MetadataObject> objects{{.type = kMetadataObjectTypePDF417Code, .stringValue = barcode, .bounds = kBarcodeBounds}};
+    std::vector<MetadataObject> objects{
+        {.type = kMetadataObjectTypePDF417Code, .stringValue = barcode, .bounds = kBarcodeBounds}};
     deliveries().submit([self = weak_from_this(), objects = std::move(objects), way](CaptureOutputDelegate& delegate) {
         if (const auto output = self.lock()) delegate.captureOutputDidOutputMetadataObjects(*output, objects, way);
     });

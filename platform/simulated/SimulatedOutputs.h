@@ -50,9 +50,12 @@ private:
     std::shared_ptr<SimulatedConnection> connection_;  // guarded by mutex_
 };
 
-class SimulatedVideoDataOutput final : public VideoDataOutput, public SimulatedOutput, public std::enable_shared_from_this<SimulatedVideoDataOutput> {
+class SimulatedVideoDataOutput final : public VideoDataOutput,
+                                       public SimulatedOutput,
+                                       public std::enable_shared_from_this<SimulatedVideoDataOutput> {
 public:
-    explicit SimulatedVideoDataOutput(std::shared_ptr<SimulatedControl> control) : SimulatedOutput(MediaType::Video), control_(std::move(control)) {}
+    explicit SimulatedVideoDataOutput(std::shared_ptr<SimulatedControl> control)
+        : SimulatedOutput(MediaType::Video), control_(std::move(control)) {}
     std::vector<std::shared_ptr<CaptureConnection>> connections() const override { return connectionList(); }
     bool refused(const SimulatedFaults& faults) const override { return faults.videoOutputRefused; }
     void setPixelFormat(PixelFormat format) override;
@@ -62,7 +65,8 @@ public:
 
     /// The size of the source's frames as the sensor lies.
     void setSensorSize(std::int32_t width, std::int32_t height);
-    /// Draws and delivers the frame of a script time, or a drop notice if `drop` is set or the delegate has not kept up.
+    /// Draws and delivers the frame of a script time, or a drop notice if `drop` is set or the delegate has not kept
+    /// up.
     void deliver(std::chrono::nanoseconds scriptTime, const SampleTiming& timing, bool drop);
 
 private:
@@ -75,7 +79,9 @@ private:
     std::atomic<std::uint64_t> sensorSize_{(std::uint64_t{1280} << 32) | 720};  // width, height
 };
 
-class SimulatedAudioDataOutput final : public AudioDataOutput, public SimulatedOutput, public std::enable_shared_from_this<SimulatedAudioDataOutput> {
+class SimulatedAudioDataOutput final : public AudioDataOutput,
+                                       public SimulatedOutput,
+                                       public std::enable_shared_from_this<SimulatedAudioDataOutput> {
 public:
     SimulatedAudioDataOutput() : SimulatedOutput(MediaType::Audio) {}
     std::vector<std::shared_ptr<CaptureConnection>> connections() const override { return connectionList(); }
@@ -83,18 +89,22 @@ public:
     void setSampleBufferDelegate(std::weak_ptr<CaptureOutputDelegate> delegate, std::shared_ptr<Queue> queue) override;
     AudioSettings recommendedAudioSettings(const std::string&) const override { return {}; }
 
-    /// One block of the tone, `firstSample` samples after the session's start; left out while the delegate has far too many waiting.
+    /// One block of the tone, `firstSample` samples after the session's start; left out while the delegate has far too
+    /// many waiting.
     void deliver(std::int64_t firstSample, const SampleTiming& timing);
     static constexpr int kSampleRate = 48000;
     static constexpr int kBlockSamples = 1024;
 };
 
-class SimulatedMetadataOutput final : public MetadataOutput, public SimulatedOutput, public std::enable_shared_from_this<SimulatedMetadataOutput> {
+class SimulatedMetadataOutput final : public MetadataOutput,
+                                      public SimulatedOutput,
+                                      public std::enable_shared_from_this<SimulatedMetadataOutput> {
 public:
     SimulatedMetadataOutput() : SimulatedOutput(MediaType::Video) {}
     std::vector<std::shared_ptr<CaptureConnection>> connections() const override { return connectionList(); }
     bool refused(const SimulatedFaults& faults) const override { return faults.metadataOutputRefused; }
-    void setMetadataObjectsDelegate(std::weak_ptr<CaptureOutputDelegate> delegate, std::shared_ptr<Queue> queue) override;
+    void setMetadataObjectsDelegate(std::weak_ptr<CaptureOutputDelegate> delegate,
+                                    std::shared_ptr<Queue> queue) override;
     void setMetadataObjectTypes(std::vector<std::string> types) override;
 
     /// Delivers the code in view, if it is looked for and the one before has been taken.

@@ -6,7 +6,8 @@
 
 namespace selvio {
 
-std::shared_ptr<SimulatedCaptureSystem> useSimulatedCamera(Platform& platform, std::shared_ptr<const SimulatedFrames> frames,
+std::shared_ptr<SimulatedCaptureSystem> useSimulatedCamera(Platform& platform,
+                                                           std::shared_ptr<const SimulatedFrames> frames,
                                                            SimulatedCaptureOptions options) {
     if (frames == nullptr) {
         log("The simulated camera has no frames to show");

@@ -13,7 +13,8 @@ namespace {
 
 using std::chrono::nanoseconds;
 
-constexpr nanoseconds kLongestWait{50'000'000};  // after which a clock that does not run with the system's is read again
+constexpr nanoseconds kLongestWait{
+    50'000'000};  // after which a clock that does not run with the system's is read again
 constexpr nanoseconds kLongestSilence{1'000'000'000};
 
 struct PresetSize {
@@ -50,14 +51,17 @@ public:
 
     const nanoseconds start;  // the clock's time at the start
 
-    // Guards frames and samples; recursive, because a queue may run a block, and that block stop the session, inside of a tick.
+    // Guards frames and samples; recursive, because a queue may run a block, and that block stop the session, inside of
+    // a tick.
     std::recursive_mutex ticking;
     std::int64_t frames = 0;
     std::int64_t samples = 0;
 
-    void startThread(std::weak_ptr<SimulatedSession> session, std::shared_ptr<Run> self, std::shared_ptr<const Clock> clock, double rate) {
-        thread_ = std::thread(
-            [session = std::move(session), self = std::move(self), clock = std::move(clock), rate] { self->pace(session, *clock, rate); });
+    void startThread(std::weak_ptr<SimulatedSession> session, std::shared_ptr<Run> self,
+                     std::shared_ptr<const Clock> clock, double rate) {
+        thread_ = std::thread([session = std::move(session), self = std::move(self), clock = std::move(clock), rate] {
+            self->pace(session, *clock, rate);
+        });
         threaded_ = true;
     }
     void end() {
@@ -81,7 +85,9 @@ public:
 private:
     void pace(const std::weak_ptr<SimulatedSession>& weakSession, const Clock& clock, double rate) {
         currentRun = this;
-        const auto timeOf = [&](std::int64_t frame) { return start + nanoseconds(std::llround(static_cast<double>(frame) * 1e9 / rate)); };
+        const auto timeOf = [&](std::int64_t frame) {
+            return start + nanoseconds(std::llround(static_cast<double>(frame) * 1e9 / rate));
+        };
         for (std::int64_t frame = 0;;) {
             {
                 std::unique_lock lock(mutex_);
@@ -206,7 +212,8 @@ void SimulatedSession::removeInput(const std::shared_ptr<CaptureDeviceInput>& in
 bool SimulatedSession::canAddOutputLocked(const CaptureOutput& output, const SimulatedFaults& faults) const {
     const auto* const simulated = dynamic_cast<const SimulatedOutput*>(&output);
     if (simulated == nullptr || simulated->refused(faults) || simulated->isTaken()) return false;
-    return std::none_of(outputs_.begin(), outputs_.end(), [&](const auto& present) { return typeid(*present) == typeid(output); });
+    return std::none_of(outputs_.begin(), outputs_.end(),
+                        [&](const auto& present) { return typeid(*present) == typeid(output); });
 }
 
 bool SimulatedSession::canAddOutput(const CaptureOutput& output) const {
@@ -342,18 +349,20 @@ void SimulatedSession::tick(nanoseconds clockTime) {
         const nanoseconds elapsed = clockTime - run->start;
         while (timeOfSamples(run->samples + kBlock) + kLongestSilence < elapsed) run->samples += kBlock;
         for (; timeOfSamples(run->samples + kBlock) <= elapsed; run->samples += kBlock) {
-            joined.audio->deliver(run->samples, {.presentationTime = run->start + timeOfSamples(run->samples), .duration = timeOfSamples(kBlock)});
+            joined.audio->deliver(run->samples, {.presentationTime = run->start + timeOfSamples(run->samples),
+                                                 .duration = timeOfSamples(kBlock)});
         }
     }
     if (joined.metadata != nullptr && !faults.framesStall) {
-        if (const auto barcode = control_->scene->frames().script().stateAt(scriptTime).barcode) joined.metadata->deliver(*barcode);
+        if (const auto barcode = control_->scene->frames().script().stateAt(scriptTime).barcode)
+            joined.metadata->deliver(*barcode);
     }
 }
 
 SimulatedSession::Joined SimulatedSession::joinedParts() const {
     const std::lock_guard lock(mutex_);
-    return {deviceLocked(MediaType::Video), outputLocked<SimulatedVideoDataOutput>(), outputLocked<SimulatedAudioDataOutput>(),
-            outputLocked<SimulatedMetadataOutput>()};
+    return {deviceLocked(MediaType::Video), outputLocked<SimulatedVideoDataOutput>(),
+            outputLocked<SimulatedAudioDataOutput>(), outputLocked<SimulatedMetadataOutput>()};
 }
 
 }  // namespace selvio

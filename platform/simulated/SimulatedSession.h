@@ -6,8 +6,8 @@
 
 namespace selvio {
 
-/// Stopped -> startRunning -> running -> stopRunning, or the loss of the device -> stopped. Inputs and outputs may change at any time and count
-/// from the next frame on.
+/// Stopped -> startRunning -> running -> stopRunning, or the loss of the device -> stopped. Inputs and outputs may
+/// change at any time and count from the next frame on.
 class SimulatedSession final : public CaptureSession, public std::enable_shared_from_this<SimulatedSession> {
 public:
     explicit SimulatedSession(std::shared_ptr<SimulatedControl> control);

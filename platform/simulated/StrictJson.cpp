@@ -29,7 +29,8 @@ std::string placeOf(std::string_view text, std::size_t byte) {
 std::string reasonOf(const json::exception& exception) {
     std::string reason = exception.what();
     if (const auto end = reason.find("] "); end != std::string::npos) reason = reason.substr(end + 2);
-    if (const auto end = reason.find(": "); reason.starts_with("parse error") && end != std::string::npos) reason = reason.substr(end + 2);
+    if (const auto end = reason.find(": "); reason.starts_with("parse error") && end != std::string::npos)
+        reason = reason.substr(end + 2);
     return reason;
 }
 
@@ -45,7 +46,8 @@ public:
                 open_.pop_back();
                 break;
             case json::parse_event_t::key:
-                if (!open_.back().insert(parsed.get<std::string>()).second && !duplicate) duplicate = parsed.get<std::string>();
+                if (!open_.back().insert(parsed.get<std::string>()).second && !duplicate)
+                    duplicate = parsed.get<std::string>();
                 break;
             default:
                 break;
@@ -80,7 +82,8 @@ Expected<json> parse(std::string_view text, const std::string& source) {
     DuplicateKeys keys;
     try {
         json value = json::parse(text.begin(), text.end(), std::ref(keys));
-        if (keys.duplicate) return Error{source + ": the field \"" + *keys.duplicate + "\" is given twice in one object"};
+        if (keys.duplicate)
+            return Error{source + ": the field \"" + *keys.duplicate + "\" is given twice in one object"};
         return value;
     } catch (const json::parse_error& error) {
         return Error{source + ":" + placeOf(text, error.byte) + ": " + reasonOf(error)};
@@ -127,7 +130,8 @@ std::optional<double> ObjectReader::number(const std::string& name, double low, 
 std::optional<std::int64_t> ObjectReader::integer(const std::string& name, std::int64_t low, std::int64_t high) {
     const json* const value = field(name);
     if (value == nullptr) return std::nullopt;
-    if (value->is_number_integer() && value->get<double>() >= static_cast<double>(low) && value->get<double>() <= static_cast<double>(high)) {
+    if (value->is_number_integer() && value->get<double>() >= static_cast<double>(low) &&
+        value->get<double>() <= static_cast<double>(high)) {
         return value->get<std::int64_t>();
     }
     fail(name, "must be a whole number from " + std::to_string(low) + " to " + std::to_string(high));
@@ -142,17 +146,20 @@ std::optional<bool> ObjectReader::boolean(const std::string& name) {
     return std::nullopt;
 }
 
-std::optional<std::vector<double>> ObjectReader::numbers(const std::string& name, std::size_t count, double low, double high) {
+std::optional<std::vector<double>> ObjectReader::numbers(const std::string& name, std::size_t count, double low,
+                                                         double high) {
     const json* const value = field(name);
     if (value == nullptr) return std::nullopt;
     std::vector<double> result;
     if (value->is_array() && value->size() == count) {
         for (const json& item : *value) {
-            if (item.is_number() && item.get<double>() >= low && item.get<double>() <= high) result.push_back(item.get<double>());
+            if (item.is_number() && item.get<double>() >= low && item.get<double>() <= high)
+                result.push_back(item.get<double>());
         }
         if (result.size() == count) return result;
     }
-    fail(name, "must be a list of " + std::to_string(count) + " numbers from " + shortNumber(low) + " to " + shortNumber(high));
+    fail(name, "must be a list of " + std::to_string(count) + " numbers from " + shortNumber(low) + " to " +
+                   shortNumber(high));
     return std::nullopt;
 }
 

@@ -20,7 +20,8 @@ namespace selvio::strictjson {
 /// Parses; the error says "source:line:column: reason". A key given twice in one object is an error.
 [[nodiscard]] Expected<nlohmann::json> parse(std::string_view text, const std::string& source);
 
-/// Takes the fields of one object, keeps the first thing that is wrong, and at the end finds the fields that nobody took.
+/// Takes the fields of one object, keeps the first thing that is wrong, and at the end finds the fields that nobody
+/// took.
 class ObjectReader {
 public:
     /// `path` names the object in messages, as "keyFrames[2]"; empty for the whole file.
@@ -33,7 +34,8 @@ public:
     [[nodiscard]] std::optional<double> number(const std::string& name, double low, double high);
     [[nodiscard]] std::optional<std::int64_t> integer(const std::string& name, std::int64_t low, std::int64_t high);
     [[nodiscard]] std::optional<bool> boolean(const std::string& name);
-    [[nodiscard]] std::optional<std::vector<double>> numbers(const std::string& name, std::size_t count, double low, double high);
+    [[nodiscard]] std::optional<std::vector<double>> numbers(const std::string& name, std::size_t count, double low,
+                                                             double high);
     [[nodiscard]] std::optional<Point> point(const std::string& name, double low, double high);
 
     void fail(const std::string& field, const std::string& reason);

@@ -15,7 +15,8 @@
 
 namespace selvio {
 
-/// A face on a screen of 1000 x 1700, described by the points that the checks read. As it stands nothing is wrong with it.
+/// A face on a screen of 1000 x 1700, described by the points that the checks read. As it stands nothing is wrong with
+/// it.
 struct ScreenFace {
     Point left{190, 700};   ///< contour end at the left of the screen
     Point right{810, 700};  ///< contour end at the right
@@ -40,7 +41,8 @@ struct ScreenFace {
         return {contour, noses, lips};
     }
     [[nodiscard]] FaceObservation observation() const {
-        // The bounding box is the whole frame, so that points are normalized to the screen; the detector's axes are swapped.
+        // The bounding box is the whole frame, so that points are normalized to the screen; the detector's axes are
+        // swapped.
         const auto region = [](std::optional<std::vector<Point>> points) {
             for (Point& p : *points) p = {p.y / 1700.0, p.x / 1000.0};
             return FaceLandmarkRegion{*points};
@@ -149,7 +151,8 @@ public:
         return nlohmann::json::parse(results->obixDataString().value_or("null"));
     }
 
-    const std::shared_ptr<SelvioFacialCaptureAnalyzerDelegate> delegate = std::make_shared<SelvioFacialCaptureAnalyzerDelegate>();
+    const std::shared_ptr<SelvioFacialCaptureAnalyzerDelegate> delegate =
+        std::make_shared<SelvioFacialCaptureAnalyzerDelegate>();
     const std::shared_ptr<ManualQueue> mainQueue = std::make_shared<ManualQueue>("main");
     const std::shared_ptr<ManualQueue> globalQueue = std::make_shared<ManualQueue>("global");
     std::shared_ptr<ManualQueue> analysisQueue;
@@ -161,7 +164,8 @@ public:
 private:
     static std::string text(const std::shared_ptr<Results>& results) {
         std::string list;
-        for (const Status status : results->orderedStatuses().value_or(std::vector<Status>())) list += " " + std::to_string(status);
+        for (const Status status : results->orderedStatuses().value_or(std::vector<Status>()))
+            list += " " + std::to_string(status);
         return list;
     }
 };

@@ -47,8 +47,10 @@ TEST_F(Lifecycle, ResumeClearsTheFlagsLogsTheModeAndStartsTheMotionFeed) {
 
 TEST_F(Lifecycle, AnyAxisBeyondATenthOfARadianIsMoving) {
     analyzer->resume();
-    for (const auto& [rate, moving] :
-         {std::pair(RotationRate{0, -0.11, 0}, true), {{-0.1, 0.1, -0.1}, false}, {{0, 0, 0.11}, true}, {{0.11, 0, 0}, true}}) {
+    for (const auto& [rate, moving] : {std::pair(RotationRate{0, -0.11, 0}, true),
+                                       {{-0.1, 0.1, -0.1}, false},
+                                       {{0, 0, 0.11}, true},
+                                       {{0.11, 0, 0}, true}}) {
         motion->rotate(rate);
         EXPECT_EQ(analyzer->shouldHoldStill(), moving);
     }
@@ -143,11 +145,19 @@ TEST_F(Intake, EveryWayOutReleasesTheFrame) {
         {"analysed", [] {}, frame(), {"results 1"}, 1},
         {"no picture", [] {}, SampleBuffer::makeVideo(nullptr), {}, 0},
         {"audio", [] {}, SampleBuffer::makeAudio({}, {}), {}, 0},
-        {"zero-sized", [] {}, SampleBuffer::makeVideo(PixelBuffer::wrap({.width = 0, .height = 0}, {nullptr, nullptr}, {})), {}, 0},
+        {"zero-sized",
+         [] {},
+         SampleBuffer::makeVideo(PixelBuffer::wrap({.width = 0, .height = 0}, {nullptr, nullptr}, {})),
+         {},
+         0},
         {"paused", [this] { analyzer->pause(); }, frame(), {}, 1},
         {"old system", [this] { make("11.4"); }, frame(), {"manualOnly"}, 1},
         {"stopped while queued", [this] { vision->setDuringRequest([this] { analyzer->stop(); }); }, frame(), {}, 0},
-        {"paused during the request", [this] { vision->setDuringRequest([this] { analyzer->pause(); }); }, frame(), {}, 1},
+        {"paused during the request",
+         [this] { vision->setDuringRequest([this] { analyzer->pause(); }); },
+         frame(),
+         {},
+         1},
         {"handler error", [this] { vision->setHandlerError(Error{"no model"}); }, frame(), {}, 1},
     };
     for (const auto& row : rows) {
@@ -160,7 +170,8 @@ TEST_F(Intake, EveryWayOutReleasesTheFrame) {
         EXPECT_FALSE(analyzer->inProgress()) << row.name;
         EXPECT_EQ(analyzer->imagesArray().size(), row.kept) << row.name;
     }
-    EXPECT_THAT(log.take(), ElementsAre("RBGBuffereCopyWithPixelBuffer :: failed", "SequenceRequestHandler couldn't perform requests: no model"));
+    EXPECT_THAT(log.take(), ElementsAre("RBGBuffereCopyWithPixelBuffer :: failed",
+                                        "SequenceRequestHandler couldn't perform requests: no model"));
 }
 
 TEST_F(Intake, NoFaceAndSeveralFacesAreSaidAndLogged) {
@@ -193,7 +204,9 @@ TEST_F(Intake, StatusesAreStoredThenLoggedThenDelivered) {
     const auto clock = std::make_shared<WitnessClock>();
     SelvioFacialCaptureUxpEventManager::setSharedClock(clock);
     (void)SelvioFacialCaptureUxpEventManager::sharedInstance();
-    clock->witness = [this] { calls.push_back("logged with status " + std::to_string(analyzer->results()->highestPriorityStatus())); };
+    clock->witness = [this] {
+        calls.push_back("logged with status " + std::to_string(analyzer->results()->highestPriorityStatus()));
+    };
     EXPECT_THAT(send(), ElementsAre("logged with status 1", "results 1"));
     SelvioFacialCaptureUxpEventManager::setSharedClock(nullptr);
     SelvioFacialCaptureUxpEventManager::destroySharedInstance();

@@ -59,8 +59,10 @@ TEST_F(Gating, EachStateTakesItsFramesAsTheTableSays) {
         const char* told;
     } rows[] = {
         // The countdown ends with a bad frame, with a movement and with a pause.
-        {"good far good moving good pause resume good", "countdown, results 6, countdown, results 9, countdown, countdown"},
-        // Asked for while badly placed, the frame is taken as it is; without a face the request waits; without a handler it stays.
+        {"good far good moving good pause resume good",
+         "countdown, results 6, countdown, results 9, countdown, countdown"},
+        // Asked for while badly placed, the frame is taken as it is; without a face the request waits; without a
+        // handler it stays.
         {"select far", "success 6 code 1"},
         {"select nobody good", "results 1, success 14 code 2"},
         {"deaf select far hears far", "results 6, success 6 code 1"},

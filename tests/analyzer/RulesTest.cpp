@@ -23,9 +23,21 @@ TEST(PreviewGeometry, TheAdjustersFollowTheRatiosAndKeepWhatTheyNeedNotChange) {
     const double squatY = (16.0 / 9 * 768 - 1024) * 0.5;
     const std::vector<Row> rows = {
         {"third decimal only", {1000, 1775.1}, {{1000, 1777.8}}, 1, 1, 0, 0},
-        {"tall screen, landscape sizes; the zero size keeps all", {812, 375}, {{1920, 1080}, {0, 0}}, wide, 1, wideX, 0},
+        {"tall screen, landscape sizes; the zero size keeps all",
+         {812, 375},
+         {{1920, 1080}, {0, 0}},
+         wide,
+         1,
+         wideX,
+         0},
         {"squat screen", {768, 1024}, {{1080, 1920}}, 1, squat, 0, squatY},
-        {"the other branch keeps it", {768, 1024}, {{1080, 1920}, {1000, 1100}}, 1.1 * 768 / 1024, squat, (1024 / 1.1 - 768) * 0.5, squatY},
+        {"the other branch keeps it",
+         {768, 1024},
+         {{1080, 1920}, {1000, 1100}},
+         1.1 * 768 / 1024,
+         squat,
+         (1024 / 1.1 - 768) * 0.5,
+         squatY},
         {"no screen", {0, 0}, {{1080, 1920}}, 1, 1, 0, 0},
     };
     for (const Row& row : rows) {
@@ -57,7 +69,11 @@ TEST(PreviewGeometry, MapsTheDetectorsAxesOntoTheScreen) {
 }
 
 FaceChecksInput inputOf(const FacePoints& points, bool holdStill = false, double height = 1700) {
-    return {.points = points, .limits = {}, .biggerScreenSide = height, .smallerScreenSide = 1000, .shouldHoldStill = holdStill};
+    return {.points = points,
+            .limits = {},
+            .biggerScreenSide = height,
+            .smallerScreenSide = 1000,
+            .shouldHoldStill = holdStill};
 }
 
 TEST(FaceChecks, EachRuleAloneAndTogether) {
@@ -71,7 +87,9 @@ TEST(FaceChecks, EachRuleAloneAndTogether) {
     const std::vector<Row> rows = {
         {"roll at its limit", {.left = {190, 720}, .right = {810, 900}}, {}},
         {"roll beyond it", {.left = {190, 720}, .right = {810, 901}}, {3}},
-        {"roll the other way", {.left = {190, 901}, .right = {810, 720}, .chin = {500, 1400}, .nose = {500, 1000}}, {3}},
+        {"roll the other way",
+         {.left = {190, 901}, .right = {810, 720}, .chin = {500, 1400}, .nose = {500, 1000}},
+         {3}},
         {"yaw at its limit", {.noseLeft = 410, .noseRight = 550}, {}},
         {"yaw beyond it", {.noseLeft = 409, .noseRight = 550}, {5}},
         {"yaw the other way", {.noseLeft = 450, .noseRight = 591}, {5}},
@@ -87,8 +105,13 @@ TEST(FaceChecks, EachRuleAloneAndTogether) {
         {"too far left", {.left = {109, 700}, .right = {729, 700}}, {8}},
         {"too far right", {.left = {271, 700}, .right = {891, 700}}, {8}},
         {"at the margin", {.left = {110, 700}, .right = {730, 700}}, {}},
-        {"off centre both ways counts twice", {.left = {109, 600}, .right = {729, 600}, .chin = {400, 1100}, .nose = {500, 800}}, {8, 8}},
-        {"sorted; a rolled head hides its yaw", {.left = {300, 720}, .right = {700, 901}, .nose = {500, 995}, .noseLeft = 400}, {3, 4, 6, 9}, true},
+        {"off centre both ways counts twice",
+         {.left = {109, 600}, .right = {729, 600}, .chin = {400, 1100}, .nose = {500, 800}},
+         {8, 8}},
+        {"sorted; a rolled head hides its yaw",
+         {.left = {300, 720}, .right = {700, 901}, .nose = {500, 995}, .noseLeft = 400},
+         {3, 4, 6, 9},
+         true},
         {"tall screens use 1.218 of their width and no margin",
          {.left = {120, 800}, .right = {800, 800}, .chin = {500, 1300}, .nose = {500, 1000}},
          {},
@@ -103,7 +126,8 @@ TEST(FaceChecks, EachRuleAloneAndTogether) {
     for (const Row& row : rows) {
         for (const bool older : {false, true}) {
             const FaceChecksResult result = checkFace(inputOf(row.face.points(older), row.holdStill, row.height));
-            EXPECT_THAT(result.statuses, ElementsAreArray(row.statuses)) << row.name << (older ? ", 11 points" : ", 17 points");
+            EXPECT_THAT(result.statuses, ElementsAreArray(row.statuses))
+                << row.name << (older ? ", 11 points" : ", 17 points");
             EXPECT_EQ(result.lipLeft, (Point{450, 1000}));
             EXPECT_EQ(result.lipRight, (Point{550, 1000}));
             EXPECT_EQ(result.noseMiddle, row.face.nose);
@@ -124,7 +148,8 @@ TEST(FaceChecks, StrictnessMovesTheLimits) {
 TEST(FaceChecks, MissingPointsReadAsZeroAndOddNumbersBreakNothing) {
     FaceChecksInput input = inputOf(ScreenFace{}.points());
     input.points = {};
-    EXPECT_THAT(checkFace(input).statuses, ElementsAre(6, 8, 8));  // 0/0 for roll and pitch: no status; no fill; no room above
+    EXPECT_THAT(checkFace(input).statuses,
+                ElementsAre(6, 8, 8));  // 0/0 for roll and pitch: no status; no fill; no room above
     const std::vector<Point> shortList(3, Point{300, 300});
     input.points = {.contour = shortList, .nose = shortList, .outerLips = shortList};
     EXPECT_THAT(checkFace(input).statuses, ElementsAre(3, 4, 6, 8));
@@ -137,17 +162,20 @@ TEST(FaceChecks, MissingPointsReadAsZeroAndOddNumbersBreakNothing) {
 }
 
 TEST(GoodFrameGate, AnyFlagKeepsAFrameOut) {
-    for (const GateFlags flags : {GateFlags{.selectionInProgress = true}, {.shouldSkipFrames = true}, {.smileDetectionInProgress = true}}) {
+    for (const GateFlags flags :
+         {GateFlags{.selectionInProgress = true}, {.shouldSkipFrames = true}, {.smileDetectionInProgress = true}}) {
         EXPECT_EQ(decideGoodFrame({.flags = flags, .selectOnSmile = true}), GoodFrameDecision::Drop);
     }
 }
 
 TEST(Orientations, DeviceAndImageTables) {
     const std::vector<std::uint32_t> device = {5, 5, 7, 4, 2, 5, 5, 5};
-    for (std::size_t i = 0; i < device.size(); ++i) EXPECT_EQ(exifOrientationFor(static_cast<DeviceOrientation>(i)), device[i]) << i;
+    for (std::size_t i = 0; i < device.size(); ++i)
+        EXPECT_EQ(exifOrientationFor(static_cast<DeviceOrientation>(i)), device[i]) << i;
     EXPECT_EQ(exifOrientationFor(static_cast<DeviceOrientation>(-1)), 5U);
     const std::vector<std::uint32_t> image = {1, 3, 8, 6, 2, 4, 5, 7, 1};
-    for (std::size_t i = 0; i < image.size(); ++i) EXPECT_EQ(selvio::exifOrientationFor(static_cast<ImageOrientation>(i)), image[i]) << i;
+    for (std::size_t i = 0; i < image.size(); ++i)
+        EXPECT_EQ(selvio::exifOrientationFor(static_cast<ImageOrientation>(i)), image[i]) << i;
     EXPECT_EQ(selvio::exifOrientationFor(static_cast<ImageOrientation>(-1)), 1U);
 }
 

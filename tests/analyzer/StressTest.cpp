@@ -64,7 +64,10 @@ void runCapture(unsigned seed, std::atomic<int>& delivered) {
                 [&] { fakes.smiles->setSmiling(random() % 2 == 0); },
                 [&] { fakes.motion->rotate({.x = random() % 2 == 0 ? 1.0 : 0.0}); },
                 [&] { analyzer->setDelegate(delegate); },
-                [&] { fakes.vision->setObservations(std::vector<FaceObservation>(random() % 3, ScreenFace{}.observation())); },
+                [&] {
+                    fakes.vision->setObservations(
+                        std::vector<FaceObservation>(random() % 3, ScreenFace{}.observation()));
+                },
                 [&] { fakes.vision->setObservations(std::vector<FaceObservation>{ScreenFace{}.observation()}); },
                 [&] { analyzer->analyzeImageAtPath("still"); },
                 [&] { (void)analyzer->imagesArray(); },

@@ -139,7 +139,8 @@ TEST(Texts, ExistForEveryKeyInBothLanguages) {
     std::set<std::string> texts;
     for (std::int64_t status = 0; status <= 14; ++status) {
         const auto key = SelvioFacialCaptureResults::localizeKeyFrom(static_cast<SelvioFacialCaptureStatus>(status));
-        for (const auto language : {Language::English, Language::German}) texts.insert(textForKey(key.value(), language).value());
+        for (const auto language : {Language::English, Language::German})
+            texts.insert(textForKey(key.value(), language).value());
     }
     EXPECT_EQ(texts.size(), 30U);
     EXPECT_FALSE(textForKey("selvio_facial_capture_status_other", Language::English));
@@ -152,9 +153,9 @@ TEST(Texts, FollowTheFirstLocaleVariableThatSaysSomething) {
         const char* lang;
         Language language;
     };
-    for (const auto& row :
-         {Row{"", "", "", Language::English}, Row{"", "", "de_AT.UTF-8", Language::German}, Row{"", "de", "en_GB", Language::German},
-          Row{"C", "de_DE", "de_DE", Language::English}, Row{"de@euro", "en", "en", Language::German}, Row{"", "", "den_XX", Language::English}}) {
+    for (const auto& row : {Row{"", "", "", Language::English}, Row{"", "", "de_AT.UTF-8", Language::German},
+                            Row{"", "de", "en_GB", Language::German}, Row{"C", "de_DE", "de_DE", Language::English},
+                            Row{"de@euro", "en", "en", Language::German}, Row{"", "", "den_XX", Language::English}}) {
         ::setenv("LC_ALL", row.all, 1);
         ::setenv("LC_MESSAGES", row.messages, 1);
         ::setenv("LANG", row.lang, 1);
@@ -163,9 +164,10 @@ TEST(Texts, FollowTheFirstLocaleVariableThatSaysSomething) {
 }
 
 TEST(PersonOutput, ChangesOneLineOnATerminalAndPrintsEachChangeElsewhere) {
-    const std::vector<RunEvent> events = {{"detectionResults", 0.1, {SelvioFacialCaptureStatusMoveCloser, SelvioFacialCaptureStatusNotCentered}},
-                                          {"detectionResults", 0.2, {SelvioFacialCaptureStatusMoveCloser}},
-                                          {"detectionResults", 0.3, {SelvioFacialCaptureStatusHoldStill}}};
+    const std::vector<RunEvent> events = {
+        {"detectionResults", 0.1, {SelvioFacialCaptureStatusMoveCloser, SelvioFacialCaptureStatusNotCentered}},
+        {"detectionResults", 0.2, {SelvioFacialCaptureStatusMoveCloser}},
+        {"detectionResults", 0.3, {SelvioFacialCaptureStatusHoldStill}}};
     for (const bool terminal : {true, false}) {
         std::ostringstream stream;
         const auto output = makePersonOutput(stream, terminal, Language::English, "[REC] ");
@@ -173,8 +175,9 @@ TEST(PersonOutput, ChangesOneLineOnATerminalAndPrintsEachChangeElsewhere) {
         output->countdown(2);
         output->event({"detectionResults", 0.4, {SelvioFacialCaptureStatusCountdown}});  // does not hide the number
         output->message("end");
-        EXPECT_EQ(stream.str(), terminal ? "\r\033[K[REC] Move closer\r\033[K[REC] Hold still\r\033[K[REC] Stay like that … 2\nend\n"
-                                         : "[REC] Move closer\n[REC] Hold still\n[REC] Stay like that … 2\nend\n");
+        EXPECT_EQ(stream.str(),
+                  terminal ? "\r\033[K[REC] Move closer\r\033[K[REC] Hold still\r\033[K[REC] Stay like that … 2\nend\n"
+                           : "[REC] Move closer\n[REC] Hold still\n[REC] Stay like that … 2\nend\n");
     }
 }
 

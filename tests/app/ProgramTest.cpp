@@ -44,8 +44,10 @@ class SelvioCapture : public testing::Test {
 protected:
     fs::path path(const std::string& name) const { return directory_.path() / name; }
 
-    /// Runs the program to its end. `onOutput` gets everything it has printed so far, once there is something new, and its process.
-    Ended run(std::vector<std::string> arguments, const std::function<void(const std::string& out, pid_t program)>& onOutput = {},
+    /// Runs the program to its end. `onOutput` gets everything it has printed so far, once there is something new, and
+    /// its process.
+    Ended run(std::vector<std::string> arguments,
+              const std::function<void(const std::string& out, pid_t program)>& onOutput = {},
               const std::string& outputFile = "") {
         arguments.insert(arguments.begin(), SELVIO_CAPTURE_PROGRAM);
         std::vector<char*> argv;
@@ -86,11 +88,14 @@ protected:
 
     /// `run` over the simulated camera with one of the sample's scripts, results in "out".
     std::vector<std::string> capture(const fs::path& script, std::vector<std::string> more) const {
-        std::vector<std::string> arguments = {"run", "--json", "--source", "simulated", "--script", script.string(), "--out", path("out").string()};
+        std::vector<std::string> arguments = {"run",      "--json",        "--source", "simulated",
+                                              "--script", script.string(), "--out",    path("out").string()};
         arguments.insert(arguments.end(), more.begin(), more.end());
         return arguments;
     }
-    fs::path emptyScene() const { return directory_.write("empty.json", R"({"keyFrames": [{"at": 0, "visible": false}]})"); }
+    fs::path emptyScene() const {
+        return directory_.write("empty.json", R"({"keyFrames": [{"at": 0, "visible": false}]})");
+    }
     json record() const { return json::parse(contentOf(path("out/record.json"))); }
     std::vector<std::string> results() const {
         std::vector<std::string> names;
@@ -115,7 +120,8 @@ std::shared_ptr<PixelBuffer> scene(const std::string& keyFrame) {
 }
 
 TEST_F(SelvioCapture, AnswersQuestionsAboutItself) {
-    for (const auto& arguments : {std::vector<std::string>{"--help"}, {"run", "--help"}}) EXPECT_EQ(run(arguments).exitCode, 0);
+    for (const auto& arguments : {std::vector<std::string>{"--help"}, {"run", "--help"}})
+        EXPECT_EQ(run(arguments).exitCode, 0);
     EXPECT_THAT(run({"--version"}).out, HasSubstr("3.2.1"));
     const auto wrong = run({"--timeout", "100"});
     EXPECT_EQ(wrong.exitCode, 2);
@@ -136,7 +142,8 @@ TEST_F(SelvioCapture, JudgesPictures) {
     };
     std::vector<std::string> arguments = {"check", "--json"};
     for (const auto& [name, keyFrame, faces, statuses] : rows) {
-        arguments.push_back(directory_.write(name, LibjpegImageCodec().encodeJpeg(Image{scene(keyFrame)}, 0.95).value()));
+        arguments.push_back(
+            directory_.write(name, LibjpegImageCodec().encodeJpeg(Image{scene(keyFrame)}, 0.95).value()));
     }
     const auto ended = run(arguments);
     EXPECT_EQ(ended.exitCode, 0) << ended.err;
@@ -178,7 +185,8 @@ TEST_F(SelvioCapture, NamesPicturesThatItCannotRead) {
 }
 
 TEST_F(SelvioCapture, CapturesAndShowsTheRecord) {
-    const auto ended = run(capture(kSamples / "scripts/steady.json", {"--countdown-time", "2", "--image-quality", "80"}));
+    const auto ended =
+        run(capture(kSamples / "scripts/steady.json", {"--countdown-time", "2", "--image-quality", "80"}));
     ASSERT_EQ(ended.exitCode, 0) << ended.err;
     EXPECT_THAT(results(), ElementsAre("record.json", "selfie.jpg"));
     EXPECT_EQ(record()["SelvioResultCode"], "SuccessVideo");
@@ -210,17 +218,19 @@ TEST_F(SelvioCapture, KeepsTheRecordingHoweverTheCaptureEnds) {
     for (const bool interrupt : {false, true}) {
         bool done = false;
         const auto script = interrupt ? emptyScene() : kSamples / "scripts/steady.json";
-        const auto ended = run(capture(script, {"--record-video", "--record-audio"}), [&](const std::string& out, pid_t program) {
-            if (std::ranges::count(out, '\n') <= 5 || std::exchange(done, true)) return;
-            directory_.write("SelvioFacialCapture/Documents/selvio_left over.mp4", "x");
-            if (interrupt) ::kill(program, SIGINT);
-        });
+        const auto ended =
+            run(capture(script, {"--record-video", "--record-audio"}), [&](const std::string& out, pid_t program) {
+                if (std::ranges::count(out, '\n') <= 5 || std::exchange(done, true)) return;
+                directory_.write("SelvioFacialCapture/Documents/selvio_left over.mp4", "x");
+                if (interrupt) ::kill(program, SIGINT);
+            });
         EXPECT_EQ(ended.exitCode, interrupt ? 3 : 0) << ended.err;
         EXPECT_EQ(record()["Parameters"]["RecordVideo"], "1");
         const auto recording = contentOf(path("out/recording.mp4"));
         EXPECT_THAT(recording.substr(0, 16), HasSubstr("ftyp"));
         EXPECT_LT(recording.find("moov"), recording.find("mdat"));
-        EXPECT_TRUE(fs::is_empty(path("SelvioFacialCapture/Documents"))) << "neither the component's own copy nor what was left over";
+        EXPECT_TRUE(fs::is_empty(path("SelvioFacialCapture/Documents")))
+            << "neither the component's own copy nor what was left over";
         fs::remove_all(path("out"));
     }
 }
@@ -237,15 +247,16 @@ TEST_F(SelvioCapture, SaysSoonThatARecordingWasLost) {
     EXPECT_THAT(ended.err, HasSubstr("the recording could not be finished"));
     EXPECT_THAT(results(), ElementsAre("record.json"));
     ASSERT_TRUE(interrupted);
-    EXPECT_LT(std::chrono::steady_clock::now() - *interrupted, std::chrono::seconds(14)) << "no wait for what cannot come";
+    EXPECT_LT(std::chrono::steady_clock::now() - *interrupted, std::chrono::seconds(14))
+        << "no wait for what cannot come";
 }
 
 TEST_F(SelvioCapture, EndsWhenFramesStop) {
     ASSERT_EQ(run(capture(kSamples / "scripts/steady.json", {"--record-video"})).exitCode, 0);
     fs::rename(path("out/recording.mp4"), path("short.mp4"));
     fs::remove_all(path("out"));
-    const auto ended =
-        run({"--json", "--source", "video:" + path("short.mp4").string(), "--countdown-time", "5", "--record-video", "--out", path("out")});
+    const auto ended = run({"--json", "--source", "video:" + path("short.mp4").string(), "--countdown-time", "5",
+                            "--record-video", "--out", path("out")});
     EXPECT_EQ(ended.exitCode, 4);
     EXPECT_THAT(ended.err, HasSubstr("The camera has stopped delivering frames"));
     EXPECT_EQ(ended.lines().back()["event"], "detectionCancelled");
@@ -263,9 +274,11 @@ TEST_F(SelvioCapture, TakesThePictureInManualModeWithoutATerminal) {
 TEST_F(SelvioCapture, GuidesOnATerminalAndTakesThePictureWhenEnterIsPressed) {
     onTerminal_ = true;
     bool entered = false;
-    const auto ended = run({"--mode", "manual", "--script", emptyScene(), "--out", path("out")}, [&](const std::string& out, pid_t) {
-        if (!entered && out.find("\r\033[KShow your face to the camera") != std::string::npos) entered = ::write(terminal_, "\n", 1) == 1;
-    });
+    const auto ended =
+        run({"--mode", "manual", "--script", emptyScene(), "--out", path("out")}, [&](const std::string& out, pid_t) {
+            if (!entered && out.find("\r\033[KShow your face to the camera") != std::string::npos)
+                entered = ::write(terminal_, "\n", 1) == 1;
+        });
     EXPECT_TRUE(entered) << ended.out;
     EXPECT_EQ(ended.exitCode, 0) << ended.out;
     EXPECT_THAT(results(), ElementsAre("record.json", "selfie.jpg"));
@@ -275,9 +288,10 @@ TEST_F(SelvioCapture, GuidesOnATerminalAndTakesThePictureWhenEnterIsPressed) {
 TEST_F(SelvioCapture, LeavesTheRecordWhenItIsInterruptedOrTimesOut) {
     for (const int signal : {SIGINT, SIGTERM, 0}) {
         bool sent = signal == 0;  // then the time runs out
-        const auto ended = run(capture(emptyScene(), {"--timeout", sent ? "3" : "30"}), [&](const std::string&, pid_t program) {
-            if (!std::exchange(sent, true)) ::kill(program, signal);
-        });
+        const auto ended =
+            run(capture(emptyScene(), {"--timeout", sent ? "3" : "30"}), [&](const std::string&, pid_t program) {
+                if (!std::exchange(sent, true)) ::kill(program, signal);
+            });
         EXPECT_EQ(ended.exitCode, 3) << ended.err;
         EXPECT_EQ(ended.lines().back()["event"], "detectionCancelled");
         EXPECT_THAT(results(), ElementsAre("record.json"));
@@ -325,7 +339,8 @@ TEST_F(SelvioCapture, ListsTheSimulatedCamera) {
     for (const auto& line : ended.lines()) {
         if (line.value("kind", "") != "camera" || line["source"] != "simulated") continue;
         found = true;
-        EXPECT_THAT(line["formats"].dump(), HasSubstr(R"({"format":"420v","height":720,"maxFrameRate":30.0,"width":1280})"));
+        EXPECT_THAT(line["formats"].dump(),
+                    HasSubstr(R"({"format":"420v","height":720,"maxFrameRate":30.0,"width":1280})"));
     }
     EXPECT_TRUE(found) << ended.out;
 }

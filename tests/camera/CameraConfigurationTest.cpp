@@ -16,12 +16,13 @@ TEST(CameraConfiguration, callsInOrderForTheWholeGraph) {
     rig.configure();
     EXPECT_THAT(
         rig.capture->calls.take(),
-        ElementsAre("begin", "discover BuiltInWideAngleCamera video 2", "add camera", "can set 640x480", "can set 1920x1080", "set 1920x1080",
-                    "add microphone", "video format 1111970369", "video discards late",
-                    "video receiver on com.selvio.facialcapture.videoDataOutputQueue", "add video",
-                    "audio receiver on com.selvio.facialcapture.videoDataOutputQueue", "add audio", "metadata receiver on MetaDataOutputQueue",
-                    "add metadata", "metadata types PDF417", "commit", "camera lock", "camera focus centre", "camera focus mode 2", "camera unlock",
-                    "video orientation 1", "audio orientation 1", "metadata orientation 1", "preview orientation 1"));
+        ElementsAre("begin", "discover BuiltInWideAngleCamera video 2", "add camera", "can set 640x480",
+                    "can set 1920x1080", "set 1920x1080", "add microphone", "video format 1111970369",
+                    "video discards late", "video receiver on com.selvio.facialcapture.videoDataOutputQueue",
+                    "add video", "audio receiver on com.selvio.facialcapture.videoDataOutputQueue", "add audio",
+                    "metadata receiver on MetaDataOutputQueue", "add metadata", "metadata types PDF417", "commit",
+                    "camera lock", "camera focus centre", "camera focus mode 2", "camera unlock", "video orientation 1",
+                    "audio orientation 1", "metadata orientation 1", "preview orientation 1"));
     EXPECT_THAT(rig.events, ElementsAre("configured"));
     EXPECT_EQ(rig.camera->audioInput()->device(), rig.camera->audioDevice());
     EXPECT_THAT(rig.log.take(), IsEmpty());
@@ -62,7 +63,8 @@ TEST(CameraConfiguration, failures) {
         EXPECT_EQ(rig.log.take(), row.log);
         EXPECT_EQ(rig.camera->isConfigured(), row.configured);
         EXPECT_EQ(rig.events.size(), row.configured ? 1u : 0u);
-        EXPECT_EQ(std::string(rig.camera->videoDataOutput() ? "video " : "") + (rig.camera->audioDataOutput() ? "audio " : "") +
+        EXPECT_EQ(std::string(rig.camera->videoDataOutput() ? "video " : "") +
+                      (rig.camera->audioDataOutput() ? "audio " : "") +
                       (rig.camera->metaDataOutput() ? "metadata " : ""),
                   row.outputs);
         const Strings calls = rig.capture->calls.take();
@@ -93,7 +95,8 @@ TEST(CameraConfiguration, resolution) {
     }
 }
 
-// Defaults make a small graph, and preview and frames part. It is the delegate that asks for the configuration and that wants to know.
+// Defaults make a small graph, and preview and frames part. It is the delegate that asks for the configuration and that
+// wants to know.
 TEST(CameraConfiguration, dependsOnTheDelegate) {
     CameraRig rig;
     rig.capture->focusSupported = false;
@@ -107,9 +110,10 @@ TEST(CameraConfiguration, dependsOnTheDelegate) {
     rig.camera->setDelegate(silent);
     rig.run();
     EXPECT_THAT(rig.capture->calls.take(),
-                ElementsAre("begin", "discover BuiltInWideAngleCamera video 1", "add camera", "video format 875704438", "video discards late",
-                            "video receiver on com.selvio.facialcapture.videoDataOutputQueue", "add video", "commit", "camera lock", "camera unlock",
-                            "video orientation 3", "preview orientation 1"));
+                ElementsAre("begin", "discover BuiltInWideAngleCamera video 1", "add camera", "video format 875704438",
+                            "video discards late", "video receiver on com.selvio.facialcapture.videoDataOutputQueue",
+                            "add video", "commit", "camera lock", "camera unlock", "video orientation 3",
+                            "preview orientation 1"));
     EXPECT_FALSE(rig.camera->isConfigured()) << "the graph is complete, but nobody was told";
 }
 

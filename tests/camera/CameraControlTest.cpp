@@ -35,8 +35,9 @@ TEST(CameraControl, initializers) {
         rig.view->setFrame(own);
         const auto camera = row.make();
         std::ostringstream is;
-        is << static_cast<int>(camera->devicePosition()) << ' ' << camera->pixelBufferFormat() << ' ' << camera->sessionPreset().value_or("-") << ' '
-           << camera->desiredResolution().width << 'x' << camera->desiredResolution().height << ' ' << static_cast<int>(camera->cameraOrientation());
+        is << static_cast<int>(camera->devicePosition()) << ' ' << camera->pixelBufferFormat() << ' '
+           << camera->sessionPreset().value_or("-") << ' ' << camera->desiredResolution().width << 'x'
+           << camera->desiredResolution().height << ' ' << static_cast<int>(camera->cameraOrientation());
         EXPECT_EQ(is.str(), row.is);
         EXPECT_EQ(camera->view()->frame(), row.frame);
         EXPECT_TRUE(camera->analyzeRGBVideo() && camera->shouldRecord() && camera->parameters() && camera->session());
@@ -59,11 +60,14 @@ TEST(CameraControl, startStopShutdown) {
 
     const auto session = rig.camera->session();
     rig.camera->shutdown();
-    EXPECT_THAT(rig.capture->calls.take(),
-                ElementsAre("begin", "video receiver on nothing", "remove video", "audio receiver on nothing", "remove audio",
-                            "metadata receiver on nothing", "remove metadata", "remove camera", "remove microphone", "commit"));
-    EXPECT_TRUE(!rig.camera->session() && !rig.camera->videoDataOutput() && !rig.camera->audioDataOutput() && !rig.camera->metaDataOutput());
-    EXPECT_TRUE(rig.camera->isConfigured() && rig.camera->videoInput() && rig.camera->audioInput() && rig.camera->videoDevice());
+    EXPECT_THAT(
+        rig.capture->calls.take(),
+        ElementsAre("begin", "video receiver on nothing", "remove video", "audio receiver on nothing", "remove audio",
+                    "metadata receiver on nothing", "remove metadata", "remove camera", "remove microphone", "commit"));
+    EXPECT_TRUE(!rig.camera->session() && !rig.camera->videoDataOutput() && !rig.camera->audioDataOutput() &&
+                !rig.camera->metaDataOutput());
+    EXPECT_TRUE(rig.camera->isConfigured() && rig.camera->videoInput() && rig.camera->audioInput() &&
+                rig.camera->videoDevice());
 }
 
 TEST(CameraControl, torch) {
@@ -82,8 +86,8 @@ TEST(CameraControl, torch) {
     EXPECT_TRUE(rig.camera->isTorchON() && rig.camera->isTorchOn());
     EXPECT_TRUE(rig.camera->turnTorchOff());
     EXPECT_FALSE(rig.camera->isTorchOn());
-    EXPECT_THAT(rig.capture->calls.take(),
-                ElementsAre("camera lock", "camera torch on", "camera unlock", "camera lock", "camera torch off", "camera unlock"));
+    EXPECT_THAT(rig.capture->calls.take(), ElementsAre("camera lock", "camera torch on", "camera unlock", "camera lock",
+                                                       "camera torch off", "camera unlock"));
 }
 
 TEST(CameraControl, previewFollowsTheInterfaceAndFramesDoNot) {
@@ -135,7 +139,8 @@ TEST(CameraControl, barcodes) {
     const struct {
         std::vector<MetadataObject> batch;
         Strings events;
-    } rows[] = {{{{"QR", "no", {}}, {type, std::nullopt, {}}, {type, "", {}}, {type, "two", {}}}, {"barcode "}}, {{{"QR", "no", {}}}, {}}};
+    } rows[] = {{{{"QR", "no", {}}, {type, std::nullopt, {}}, {type, "", {}}, {type, "two", {}}}, {"barcode "}},
+                {{{"QR", "no", {}}}, {}}};
     for (const auto& row : rows) {
         CameraRig rig;
         rig.makeConfigured(false, true);
@@ -188,7 +193,11 @@ TEST(CameraControl, permissions) {
     const struct {
         std::int64_t status;
         std::optional<bool> camera, microphone;
-    } rows[] = {{0, true, false}, {1, false, false}, {2, false, false}, {3, true, true}, {4, {}, {}}};  // 0: the fake's person grants video only
+    } rows[] = {{0, true, false},
+                {1, false, false},
+                {2, false, false},
+                {3, true, true},
+                {4, {}, {}}};  // 0: the fake's person grants video only
     for (const auto& row : rows) {
         CameraRig rig;
         rig.capture->authorization = static_cast<AuthorizationStatus>(row.status);

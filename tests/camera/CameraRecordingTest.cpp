@@ -21,15 +21,17 @@ TEST(CameraRecording, callsInOrderForAWholeRecording) {
     const std::string path = rig.camera->url().value().string();
     EXPECT_EQ(rig.camera->videoRecordingUrl(), path);
     EXPECT_EQ(path.rfind("/documents/selvio_20", 0), 0u) << path;
-    EXPECT_THAT(rig.writing->calls.take(), ElementsAre("make MPEG4 " + path, "video HEVC 1280x720 at 3250000", "video real time", "add video",
-                                                       "audio 44100 at 128000", "audio real time", "add audio", "start", "from 42 s"));
+    EXPECT_THAT(rig.writing->calls.take(),
+                ElementsAre("make MPEG4 " + path, "video HEVC 1280x720 at 3250000", "video real time", "add video",
+                            "audio 44100 at 128000", "audio real time", "add audio", "start", "from 42 s"));
     rig.video()->deliver(frame());
     rig.audio()->deliver(frame());
     rig.run();
     rig.camera->stop();
     rig.video()->deliver(frame());
     rig.run();
-    EXPECT_THAT(rig.writing->calls.take(), ElementsAre("video sample", "audio sample", "video finished", "audio finished", "finish"));
+    EXPECT_THAT(rig.writing->calls.take(),
+                ElementsAre("video sample", "audio sample", "video finished", "audio finished", "finish"));
     EXPECT_THAT(rig.events, ElementsAre("frame", "frame")) << "the delegate gets every frame, recorded or not";
     EXPECT_FALSE(rig.camera->shouldRecord());
 
@@ -59,7 +61,8 @@ TEST(CameraRecording, failuresAtTheStart) {
         std::set<std::string> refused;
         Strings log;
         bool writer;
-    } rows[] = {{{"video"}, {noVideo, noAudio}, false}, {{"audio"}, {noAudio}, true}, {{"writer"}, {noVideo, noAudio}, false}};
+    } rows[] = {
+        {{"video"}, {noVideo, noAudio}, false}, {{"audio"}, {noAudio}, true}, {{"writer"}, {noVideo, noAudio}, false}};
     for (const auto& row : rows) {
         CameraRig rig;
         rig.writing->refused = row.refused;
@@ -71,7 +74,8 @@ TEST(CameraRecording, failuresAtTheStart) {
     CameraRig rig;
     rig.capture->refused = {"audio"};
     rig.makeRecording();
-    EXPECT_THAT(rig.log.take(), ElementsAre("Can't add audioDataOutput")) << "then without sound and without a further message";
+    EXPECT_THAT(rig.log.take(), ElementsAre("Can't add audioDataOutput"))
+        << "then without sound and without a further message";
     EXPECT_TRUE(rig.camera->assetWriter() && !rig.camera->writerAudioInput());
 }
 
@@ -83,7 +87,9 @@ TEST(CameraRecording, appendingConditions) {
         bool ready;
     } rows[] = {
         {"writer not writing", [](CameraRig& rig) { writerOf(rig)->finish(AssetWriterStatus::Failed); }, true},
-        {"no input", [](CameraRig& rig) { rig.camera->setWriterVideoInput(nullptr), rig.camera->setWriterAudioInput(nullptr); }, true},
+        {"no input",
+         [](CameraRig& rig) { rig.camera->setWriterVideoInput(nullptr), rig.camera->setWriterAudioInput(nullptr); },
+         true},
         {"input not ready", [](CameraRig& rig) { rig.writing->ready = false; }, true},
         {"told not to record", [](CameraRig& rig) { rig.camera->setShouldRecord(false); }, true},
         {"data not ready", [](CameraRig&) {}, false},
@@ -117,7 +123,11 @@ TEST(CameraRecording, endings) {
                 {AssetWriterStatus::Completed, unimplemented, {}, false, true},
                 {AssetWriterStatus::Completed, delegateTaken, {}, false, true},
                 {AssetWriterStatus::Completed, undeletable, {}, true, true},
-                {AssetWriterStatus::Completed, fileGone, {"Couldn't read item at path: selvio_r.mp4\nno such file"}, false, false},
+                {AssetWriterStatus::Completed,
+                 fileGone,
+                 {"Couldn't read item at path: selvio_r.mp4\nno such file"},
+                 false,
+                 false},
                 {AssetWriterStatus::Failed, nothing, {"*** AVAssetWriterStatusFailed"}, false, true},
                 {AssetWriterStatus::Cancelled, nothing, {"*** AVAssetWriterStatusCancelled"}, false, true},
                 {AssetWriterStatus::Unknown, nothing, {"*** AVAssetWriterStatus other"}, false, true}};
@@ -196,7 +206,10 @@ TEST(CameraRecording, cleanup) {
         std::set<std::string> undeletable;
         Strings log, left;
     } rows[] = {
-        {false, {before[0]}, {"Couldn't delete item at path: selvio_a.mp4\nread-only"}, {before[0], before[1], before[2], before[4]}},
+        {false,
+         {before[0]},
+         {"Couldn't delete item at path: selvio_a.mp4\nread-only"},
+         {before[0], before[1], before[2], before[4]}},
         {true, {}, {"Couldn't get contents of Documents directory:\nno such directory"}, before},
     };
     for (const auto& row : rows) {

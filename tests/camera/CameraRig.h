@@ -24,7 +24,9 @@ struct CameraRig {
     CameraRig() {
         platform.clock = clock;
         platform.mainQueue = main;
-        platform.makeSerialQueue = [this](const std::string& label) { return queues[label] = std::make_shared<ManualQueue>(label); };
+        platform.makeSerialQueue = [this](const std::string& label) {
+            return queues[label] = std::make_shared<ManualQueue>(label);
+        };
         platform.device = std::make_shared<FakeDevice>();
         platform.screen = std::make_shared<FakeScreen>(Size{300.0, 600.0});
         platform.captureSystem = std::make_shared<FakeCaptureSystem>(capture);
@@ -80,7 +82,8 @@ struct CameraRig {
     const std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
     const std::shared_ptr<ManualQueue> main = std::make_shared<ManualQueue>("main");
     std::map<std::string, std::shared_ptr<ManualQueue>> queues;
-    const std::shared_ptr<FakePreviewLayer> layer = std::make_shared<FakePreviewLayer>(std::make_shared<FakeConnection>(capture, "preview"));
+    const std::shared_ptr<FakePreviewLayer> layer =
+        std::make_shared<FakePreviewLayer>(std::make_shared<FakeConnection>(capture, "preview"));
     const std::shared_ptr<FakeView> view = std::make_shared<FakeView>(layer);
     const std::shared_ptr<NotificationCenter> notifications = std::make_shared<NotificationCenter>();
     Platform platform;
@@ -91,7 +94,9 @@ struct CameraRig {
 
 private:
     void tell(const std::string& event, std::string_view queue) {
-        const auto runs = [queue](const auto& entry) { return entry.first.ends_with(queue) && entry.second->isCurrent(); };
+        const auto runs = [queue](const auto& entry) {
+            return entry.first.ends_with(queue) && entry.second->isCurrent();
+        };
         events.push_back(event + (std::any_of(queues.begin(), queues.end(), runs) ? "" : " off its queue"));
     }
     std::shared_ptr<SelvioFacialCaptureCameraDelegate> makeDelegate() {
@@ -100,7 +105,9 @@ private:
         made->didReceiveSampleBuffer = [this](const auto&) { tell("frame", ".videoDataOutputQueue"); };
         made->didDropSampleBuffer = [this](const auto&) { tell("drop", ".videoDataOutputQueue"); };
         made->didDecodeBarcode = [this](const std::string& text) { tell("barcode " + text, "MetaDataOutputQueue"); };
-        made->didFinishRecordingVideo = [this](const auto& data) { events.push_back("recording of " + std::to_string(data.size())); };
+        made->didFinishRecordingVideo = [this](const auto& data) {
+            events.push_back("recording of " + std::to_string(data.size()));
+        };
         return made;
     }
 };

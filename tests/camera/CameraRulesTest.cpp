@@ -17,17 +17,23 @@ TEST(CameraRules, presetFallsBackInOrder) {
         std::set<std::string> taken;
         std::string set;
         int asked;
-    } rows[] = {
-        {{"640x480", "1920x1080"}, "640x480", 1}, {{"1920x1080", "1280x720"}, "1920x1080", 2}, {{"1280x720"}, "1280x720", 3}, {{}, "High", 3}};
+    } rows[] = {{{"640x480", "1920x1080"}, "640x480", 1},
+                {{"1920x1080", "1280x720"}, "1920x1080", 2},
+                {{"1280x720"}, "1280x720", 3},
+                {{}, "High", 3}};
     for (const auto& row : rows) {
         int asked = 0;
-        EXPECT_EQ(presetToSet("640x480", [&](const std::string& preset) { return ++asked, row.taken.contains(preset); }), row.set);
+        EXPECT_EQ(
+            presetToSet("640x480", [&](const std::string& preset) { return ++asked, row.taken.contains(preset); }),
+            row.set);
         EXPECT_EQ(asked, row.asked) << "High is set without asking";
     }
 }
 
 TEST(CameraRules, formatSearchStopsOnlyAtANewWidest) {
-    const auto format = [](int width, int height, PixelFormat code = k420v) { return CaptureDeviceFormat{{code, width, height}, 30.0}; };
+    const auto format = [](int width, int height, PixelFormat code = k420v) {
+        return CaptureDeviceFormat{{code, width, height}, 30.0};
+    };
     const struct {
         const char* what;
         std::vector<CaptureDeviceFormat> formats;
@@ -46,7 +52,8 @@ TEST(CameraRules, formatSearchStopsOnlyAtANewWidest) {
 }
 
 TEST(CameraRules, orientations) {
-    const std::int64_t rows[][3] = {{0, 1, 3}, {1, 1, 1}, {2, 2, 2}, {3, 3, 3}, {4, 4, 4}, {5, 5, 3}};  // camera, preview, outputs
+    const std::int64_t rows[][3] = {{0, 1, 3}, {1, 1, 1}, {2, 2, 2},
+                                    {3, 3, 3}, {4, 4, 4}, {5, 5, 3}};  // camera, preview, outputs
     for (const auto& [value, preview, output] : rows) {
         const auto camera = static_cast<VideoOrientation>(value);
         EXPECT_EQ(static_cast<std::int64_t>(previewOrientation(camera)), preview);
@@ -56,7 +63,8 @@ TEST(CameraRules, orientations) {
 }
 
 TEST(CameraRules, bitRates) {
-    const std::int64_t rows[][3] = {{10, 500'000, 1'500'000}, {11, 561'111, 1'627'777}, {55, 3'250'000, 7'250'000}, {100, 6'000'000, 13'000'000}};
+    const std::int64_t rows[][3] = {
+        {10, 500'000, 1'500'000}, {11, 561'111, 1'627'777}, {55, 3'250'000, 7'250'000}, {100, 6'000'000, 13'000'000}};
     for (const auto& [quality, hevc, other] : rows) {
         EXPECT_EQ(averageBitRate(quality, kVideoCodecTypeHEVC, "11.0"), hevc);
         EXPECT_EQ(averageBitRate(quality, kVideoCodecTypeHEVC, "10.3.4"), other);
@@ -66,10 +74,12 @@ TEST(CameraRules, bitRates) {
 }
 
 TEST(CameraRules, settingsKeepWhatTheyDoNotDecide) {
-    const auto settings = recordingSettings({"H264", 640, 480, {{"Profile", 7}, {"AverageBitRate", 1}}}, std::nullopt, 10, "13.0");
+    const auto settings =
+        recordingSettings({"H264", 640, 480, {{"Profile", 7}, {"AverageBitRate", 1}}}, std::nullopt, 10, "13.0");
     EXPECT_EQ(std::pair(settings.width, settings.height), std::pair(640, 480)) << "the orientation cannot be known";
     EXPECT_EQ(settings.codec, "H264");
-    EXPECT_EQ(settings.compressionProperties, (std::map<std::string, std::int64_t>{{"Profile", 7}, {"AverageBitRate", 1'500'000}}));
+    EXPECT_EQ(settings.compressionProperties,
+              (std::map<std::string, std::int64_t>{{"Profile", 7}, {"AverageBitRate", 1'500'000}}));
 }
 
 TEST(CameraRules, fileNamesAreInLocalTime) {

@@ -85,7 +85,8 @@ TEST(CameraStress, controlFromManyThreadsAgainstRunningFrames) {
         rig.clock->advance(std::chrono::seconds(1));
         main->drain();
         const Strings calls = rig.capture->calls.take();
-        const auto torch = std::find_if(calls.rbegin(), calls.rend(), [](const std::string& call) { return call.starts_with("camera torch "); });
+        const auto torch = std::find_if(calls.rbegin(), calls.rend(),
+                                        [](const std::string& call) { return call.starts_with("camera torch "); });
         ASSERT_NE(torch, calls.rend());
         EXPECT_EQ(rig.camera->isTorchON(), *torch == "camera torch on");
         const std::weak_ptr<Camera> gone = rig.camera;

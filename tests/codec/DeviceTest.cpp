@@ -25,7 +25,10 @@ TEST(LinuxScreen, takesTheConnectedDisplayInPortrait) {
         {{{"card0-HDMI-A-1", "connected\n", "2560x1440\n1920x1080\n"}}, {1440, 2560}},
         {{{"card0-DP-1", "connected\n", "2560x1440\n"}, {"card0-eDP-1", "connected\n", "1200x1920\n"}}, {1200, 1920}},
         {{{"card0-DP-1", "connected\n", ""}, {"card0-DP-2", "connected\n", "1920x1080i\n"}}, {1080, 1920}},
-        {{{"card0-DP-1", "connected\n", "0x0\n"}, {"card0-DP-2", "connected\n", "x\n"}, {"card0-DP-3", "connected\n", "720x400\n"}}, {400, 720}},
+        {{{"card0-DP-1", "connected\n", "0x0\n"},
+          {"card0-DP-2", "connected\n", "x\n"},
+          {"card0-DP-3", "connected\n", "720x400\n"}},
+         {400, 720}},
     };
     for (const auto& [displays, size] : table) {
         const TemporaryDirectory root;
@@ -41,8 +44,9 @@ TEST(LinuxScreen, takesTheConnectedDisplayInPortrait) {
 TEST(LinuxFileManager, documentsFollowTheEnvironmentAndArePrivate) {
     const TemporaryDirectory root;
     const fs::path home = root.path() / "home";
-    const std::pair<std::string, fs::path> table[] = {
-        {(root.path() / "data").string(), root.path() / "data"}, {"", home / ".local/share"}, {"relative", home / ".local/share"}};
+    const std::pair<std::string, fs::path> table[] = {{(root.path() / "data").string(), root.path() / "data"},
+                                                      {"", home / ".local/share"},
+                                                      {"relative", home / ".local/share"}};
     setenv("HOME", home.c_str(), 1);
     for (const auto& [variable, parent] : table) {
         setenv("XDG_DATA_HOME", variable.c_str(), 1);
@@ -72,7 +76,8 @@ TEST(LinuxFileManager, saysWhyItCannot) {
     const std::string one = root.write("one", "1");
     EXPECT_EQ(files.readFile(root.write("two", "")).value(), std::vector<std::uint8_t>{});
     EXPECT_FALSE(files.removeItem(one));
-    for (const auto& error : {*files.removeItem(one), files.readFile(one).error(), files.contentsOfDirectory(one).error()}) {
+    for (const auto& error :
+         {*files.removeItem(one), files.readFile(one).error(), files.contentsOfDirectory(one).error()}) {
         EXPECT_EQ(error.localizedDescription, one + ": No such file or directory");
     }
     EXPECT_EQ(files.readFile(root.path()).error().localizedDescription, root.path().string() + ": Is a directory");

@@ -76,7 +76,9 @@ TEST_F(ImageCodecTest, everyFormatAndOddSizesKeepTheirColours) {
 
 TEST_F(ImageCodecTest, videoRangeIsStretchedToFullRange) {
     const auto picture = painted(256, 256, kPixelFormat420v, [](std::uint8_t* sample, int x, int y, int plane) {
-        if (plane == 0) sample[0] = static_cast<std::uint8_t>(y / 16 * 16 + x / 16);  // a flat block for every luma, so that nothing is lost
+        if (plane == 0)
+            sample[0] = static_cast<std::uint8_t>(y / 16 * 16 +
+                                                  x / 16);  // a flat block for every luma, so that nothing is lost
         if (plane == 1) sample[0] = sample[1] = 128;
     });
     const auto result = decoded(codec.encodeJpeg({picture}, 1.0));
@@ -88,10 +90,15 @@ TEST_F(ImageCodecTest, videoRangeIsStretchedToFullRange) {
 }
 
 TEST_F(ImageCodecTest, theOrientationTagBringsThePictureUpright) {
-    const std::pair<ImageOrientation, std::optional<int>> table[] = {
-        {ImageOrientation::Up, std::nullopt}, {ImageOrientation::Down, 3},          {ImageOrientation::Left, 8},
-        {ImageOrientation::Right, 6},         {ImageOrientation::UpMirrored, 2},    {ImageOrientation::DownMirrored, 4},
-        {ImageOrientation::LeftMirrored, 5},  {ImageOrientation::RightMirrored, 7}, {static_cast<ImageOrientation>(99), std::nullopt}};
+    const std::pair<ImageOrientation, std::optional<int>> table[] = {{ImageOrientation::Up, std::nullopt},
+                                                                     {ImageOrientation::Down, 3},
+                                                                     {ImageOrientation::Left, 8},
+                                                                     {ImageOrientation::Right, 6},
+                                                                     {ImageOrientation::UpMirrored, 2},
+                                                                     {ImageOrientation::DownMirrored, 4},
+                                                                     {ImageOrientation::LeftMirrored, 5},
+                                                                     {ImageOrientation::RightMirrored, 7},
+                                                                     {static_cast<ImageOrientation>(99), std::nullopt}};
     for (const auto& [orientation, tag] : table) {
         SCOPED_TRACE(static_cast<int>(orientation));
         const auto file = codec.encodeJpeg({quarters(64, 32), orientation}, 1.0);
@@ -145,7 +152,8 @@ TEST_F(ImageCodecTest, aCommentFitsExactlyUpToOneSegment) {
     EXPECT_GT(longest, 65400u);
     EXPECT_LT(longest, 65533u);
     EXPECT_FALSE(codec.userCommentFits(std::string(1 << 20, 'x')));
-    EXPECT_EQ(codec.userCommentFits(std::string(longest / 2, 'x') + "\xC3\xA4"), false) << "two bytes a letter once one is not ASCII";
+    EXPECT_EQ(codec.userCommentFits(std::string(longest / 2, 'x') + "\xC3\xA4"), false)
+        << "two bytes a letter once one is not ASCII";
     const auto written = [&](std::size_t length) {
         return reencoded(source, {std::nullopt, ExifProperties{std::string(length, 'x'), 1}, std::nullopt});
     };

@@ -60,8 +60,10 @@ TEST_F(ImageLoaderTest, appliesThePicturesOwnOrientation) {
     const LibjpegImageCodec codec;
     for (int orientation = 1; orientation <= 8; ++orientation) {
         const auto source = codec.openSource(jpegFile(JpegKind::Baseline, 70, 50));
-        const Bytes files[] = {*codec.encodeFromSource(*source, {std::nullopt, ExifProperties{std::nullopt, orientation}, std::nullopt}),
-                               pngFile({.orientation = orientation}, 70, 50), pngFile({.interlaced = true, .orientation = orientation}, 70, 50)};
+        const Bytes files[] = {
+            *codec.encodeFromSource(*source, {std::nullopt, ExifProperties{std::nullopt, orientation}, std::nullopt}),
+            pngFile({.orientation = orientation}, 70, 50),
+            pngFile({.interlaced = true, .orientation = orientation}, 70, 50)};
         for (const Bytes& file : files) {
             SCOPED_TRACE(orientation);
             const auto picture = loader.loadImage(directory.write("a", file));
@@ -87,13 +89,14 @@ TEST_F(ImageLoaderTest, namesTheFileAndTheReasonInOneLine) {
 }
 
 TEST_F(ImageLoaderTest, aFileCutShortAnywhereIsAnErrorAndNoGreyPicture) {
-    const Bytes files[] = {jpegFile(JpegKind::Baseline, 120, 90), jpegFile(JpegKind::Progressive, 120, 90), pngFile({}, 120, 90),
-                           pngFile({.interlaced = true}, 120, 90)};
+    const Bytes files[] = {jpegFile(JpegKind::Baseline, 120, 90), jpegFile(JpegKind::Progressive, 120, 90),
+                           pngFile({}, 120, 90), pngFile({.interlaced = true}, 120, 90)};
     for (const Bytes& file : files) {
         // A PNG's last bytes, its end marker, come after the picture.
         const std::size_t picture = file[0] == 0xFF ? file.size() : file.size() - 16;
         for (std::size_t length = 8; length < picture; length += 23) {
-            ASSERT_THAT(errorOf(Bytes(file.begin(), file.begin() + static_cast<std::ptrdiff_t>(length))), HasSubstr("/bad: "))
+            ASSERT_THAT(errorOf(Bytes(file.begin(), file.begin() + static_cast<std::ptrdiff_t>(length))),
+                        HasSubstr("/bad: "))
                 << length << " of " << file.size();
         }
     }
@@ -105,14 +108,19 @@ TEST_F(ImageLoaderTest, whatAFileOnlyClaimsCostsNoMemory) {
         getrusage(RUSAGE_SELF, &usage);
         return usage.ru_maxrss * 1024;
     };
-    const Bytes jpegs[] = {jpegFile(JpegKind::Baseline, 120, 90), jpegFile(JpegKind::Progressive, 120, 90), jpegFile(JpegKind::Grey, 120, 90)};
-    const Bytes pngs[] = {pngFile({}, 120, 90), pngFile({.interlaced = true}, 120, 90), pngFile({.colourType = 6, .bitDepth = 16}, 120, 90)};
+    const Bytes jpegs[] = {jpegFile(JpegKind::Baseline, 120, 90), jpegFile(JpegKind::Progressive, 120, 90),
+                           jpegFile(JpegKind::Grey, 120, 90)};
+    const Bytes pngs[] = {pngFile({}, 120, 90), pngFile({.interlaced = true}, 120, 90),
+                          pngFile({.colourType = 6, .bitDepth = 16}, 120, 90)};
     const auto before = peakBytes();
-    for (const auto& [side, reason] :
-         {std::pair{65535, "claims 65535 x 65535 pixels"}, {30000, "claims 30000 x 30000 pixels"}, {16000, "cut short"}}) {
+    for (const auto& [side, reason] : {std::pair{65535, "claims 65535 x 65535 pixels"},
+                                       {30000, "claims 30000 x 30000 pixels"},
+                                       {16000, "cut short"}}) {
         for (const Bytes& file : jpegs) EXPECT_THAT(errorOf(claimingJpegSize(file, side, side)), HasSubstr(reason));
         for (const Bytes& file : pngs)
-            EXPECT_THAT(errorOf(claimingPngSize(file, static_cast<std::uint32_t>(side), static_cast<std::uint32_t>(side))), HasSubstr(reason));
+            EXPECT_THAT(
+                errorOf(claimingPngSize(file, static_cast<std::uint32_t>(side), static_cast<std::uint32_t>(side))),
+                HasSubstr(reason));
     }
     EXPECT_THAT(errorOf(claimingPngSize(pngs[0], 0x7FFFFFFF, 1)), HasSubstr("/bad: "));
     EXPECT_THAT(errorOf(claimingPngSize(pngs[0], 0, 5)), HasSubstr("/bad: "));

@@ -44,7 +44,8 @@ void expectQuarters(const PixelBuffer& bgra, const std::array<Colour, 4>& expect
     EXPECT_EQ(bgra.format(), kPixelFormat32BGRA);
     for (int i = 0; i < 4; ++i) {
         const Colour got = colourAt(bgra, bgra.width() * (1 + i % 2 * 2) / 4, bgra.height() * (1 + i / 2 * 2) / 4);
-        for (std::size_t k = 0; k < 3; ++k) EXPECT_NEAR(got[k], expected[static_cast<std::size_t>(i)][k], 3) << "quarter " << i << " channel " << k;
+        for (std::size_t k = 0; k < 3; ++k)
+            EXPECT_NEAR(got[k], expected[static_cast<std::size_t>(i)][k], 3) << "quarter " << i << " channel " << k;
     }
 }
 
@@ -71,7 +72,8 @@ Bytes jpegFile(JpegKind kind, int width, int height) {
     for (int y = 0; y < height; ++y) {
         JSAMPROW row = sampleAt(*picture, 0, y);
         if (kind == JpegKind::Cmyk) {
-            for (int x = 0; x < width; ++x) std::swap(row[4 * x], row[4 * x + 2]);  // inverted C, M, Y are R, G, B; inverted K is full light
+            for (int x = 0; x < width; ++x)
+                std::swap(row[4 * x], row[4 * x + 2]);  // inverted C, M, Y are R, G, B; inverted K is full light
         }
         jpeg_write_scanlines(&info, &row, 1);
     }
@@ -83,9 +85,10 @@ Bytes jpegFile(JpegKind kind, int width, int height) {
 }
 
 Bytes claimingJpegSize(Bytes file, int width, int height) {
-    const auto frame =
-        std::adjacent_find(file.begin(), file.end(), [](std::uint8_t a, std::uint8_t b) { return a == 0xFF && (b == 0xC0 || b == 0xC2); });
-    const std::array<std::uint8_t, 4> size{byteOf(height >> 8), byteOf(height & 255), byteOf(width >> 8), byteOf(width & 255)};
+    const auto frame = std::adjacent_find(
+        file.begin(), file.end(), [](std::uint8_t a, std::uint8_t b) { return a == 0xFF && (b == 0xC0 || b == 0xC2); });
+    const std::array<std::uint8_t, 4> size{byteOf(height >> 8), byteOf(height & 255), byteOf(width >> 8),
+                                           byteOf(width & 255)};
     std::copy(size.begin(), size.end(), frame + 5);
     return file;
 }
@@ -101,11 +104,13 @@ Bytes pngFile(const PngKind& kind, int width, int height) {
             out.insert(out.end(), bytes, bytes + count);
         },
         nullptr);
-    png_set_IHDR(png, info, static_cast<png_uint_32>(width), static_cast<png_uint_32>(height), kind.bitDepth, kind.colourType,
-                 kind.interlaced ? PNG_INTERLACE_ADAM7 : PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
+    png_set_IHDR(png, info, static_cast<png_uint_32>(width), static_cast<png_uint_32>(height), kind.bitDepth,
+                 kind.colourType, kind.interlaced ? PNG_INTERLACE_ADAM7 : PNG_INTERLACE_NONE,
+                 PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
     const std::array<png_color, 4> palette{{{255, 0, 0}, {0, 255, 0}, {0, 0, 255}, {255, 255, 255}}};
     if (kind.colourType == PNG_COLOR_TYPE_PALETTE) png_set_PLTE(png, info, palette.data(), 4);
-    std::array<png_byte, 26> exif{'M', 'M', 0, 42, 0, 0, 0, 8, 0, 1, 0x01, 0x12, 0, 3, 0, 0, 0, 1, 0, byteOf(kind.orientation), 0, 0, 0, 0, 0, 0};
+    std::array<png_byte, 26> exif{
+        'M', 'M', 0, 42, 0, 0, 0, 8, 0, 1, 0x01, 0x12, 0, 3, 0, 0, 0, 1, 0, byteOf(kind.orientation), 0, 0, 0, 0, 0, 0};
     if (kind.orientation != 0) png_set_eXIf_1(png, info, static_cast<png_uint_32>(exif.size()), exif.data());
     png_write_info(png, info);
     const int passes = png_set_interlace_handling(png);
@@ -116,7 +121,8 @@ Bytes pngFile(const PngKind& kind, int width, int height) {
                 const Colour c = quarterAt(x, y, width, height);
                 Bytes pixel{byteOf(c[2]), byteOf(c[1]), byteOf(c[0])};
                 if ((kind.colourType & PNG_COLOR_MASK_COLOR) == 0) pixel = {c[1] == 255 ? byteOf(255) : byteOf(0)};
-                if (kind.colourType == PNG_COLOR_TYPE_PALETTE) pixel = {byteOf((y < height / 2 ? 0 : 2) + (x < width / 2 ? 0 : 1))};
+                if (kind.colourType == PNG_COLOR_TYPE_PALETTE)
+                    pixel = {byteOf((y < height / 2 ? 0 : 2) + (x < width / 2 ? 0 : 1))};
                 if ((kind.colourType & PNG_COLOR_MASK_ALPHA) != 0) pixel.push_back(y < height / 2 ? 255 : 128);
                 for (const std::uint8_t sample : pixel) row.insert(row.end(), kind.bitDepth == 16 ? 2 : 1, sample);
             }

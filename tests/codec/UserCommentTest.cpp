@@ -52,7 +52,8 @@ TEST(UserComment, isReadInEveryCodeThatWritersUse) {
         {"UNICODE\0\xD8\x3D\xDE\x00\xD8\x3D"s, true, "\xF0\x9F\x98\x80\xEF\xBF\xBD"},
         {"UNICODE\0\0a\0"s, true, "a"},
     };
-    for (const Case& c : table) EXPECT_EQ(decoded(c.field, c.bigEndian), c.text) << testing::PrintToString(c.field) << c.bigEndian;
+    for (const Case& c : table)
+        EXPECT_EQ(decoded(c.field, c.bigEndian), c.text) << testing::PrintToString(c.field) << c.bigEndian;
 }
 
 TEST(ExifSegment, damageNeverGivesWhatWasNotWritten) {

@@ -55,7 +55,8 @@ protected:
     }
     // As a caller that is not in real time: waits until the input is ready.
     bool append(const std::shared_ptr<AssetWriterInput>& input, const std::shared_ptr<SampleBuffer>& sample) {
-        while (writer_->status() == AssetWriterStatus::Writing && !input->isReadyForMoreMediaData()) std::this_thread::yield();
+        while (writer_->status() == AssetWriterStatus::Writing && !input->isReadyForMoreMediaData())
+            std::this_thread::yield();
         return input->appendSampleBuffer(sample);
     }
     AssetWriterStatus finish() {
@@ -66,7 +67,9 @@ protected:
         done.get_future().wait();
         return writer_->status();
     }
-    static VideoSettings h264(int width, int height) { return {kVideoCodecTypeH264, width, height, {{kVideoAverageBitRateKey, 1'500'000}}}; }
+    static VideoSettings h264(int width, int height) {
+        return {kVideoCodecTypeH264, width, height, {{kVideoAverageBitRateKey, 1'500'000}}};
+    }
 
     TemporaryDirectory directory_;
     std::filesystem::path file_ = directory_.path() / "selvio_test.mp4";
@@ -94,7 +97,8 @@ TEST_F(AssetWriterTest, WritesEveryFrameWholeInTheCodecAndSizeAskedFor) {
         std::filesystem::remove(file_);
         make({c.codec, 360, 640, {{kVideoAverageBitRateKey, 500'000}}});
         start();
-        const auto frame = greyFrame(c.width, c.height, c.format, c.format == kPixelFormat420v ? 188 : 200);  // the same grey
+        const auto frame =
+            greyFrame(c.width, c.height, c.format, c.format == kPixelFormat420v ? 188 : 200);  // the same grey
         for (int i = 0; i < 45; ++i) ASSERT_TRUE(append(video_, videoSample(frame, i * kFrame)));
         ASSERT_EQ(finish(), AssetWriterStatus::Completed);
         const auto media = probe(file_);
@@ -110,7 +114,8 @@ TEST_F(AssetWriterTest, WritesEveryFrameWholeInTheCodecAndSizeAskedFor) {
         const std::string head = contentOf(file_);
         EXPECT_LT(head.find("moov"), head.find("mdat")) << "a player can start before it has all of the file";
         const std::string column =
-            outputOf("ffmpeg -v error -i '" + file_.string() + "' -vf 'crop=2:640:180:0,scale=1:640' -frames:v 1 -pix_fmt gray -f rawvideo -");
+            outputOf("ffmpeg -v error -i '" + file_.string() +
+                     "' -vf 'crop=2:640:180:0,scale=1:640' -frames:v 1 -pix_fmt gray -f rawvideo -");
         ASSERT_EQ(column.size(), 640U);
         EXPECT_NEAR(static_cast<unsigned char>(column[200]), c.levelAt200, 12);
         EXPECT_NEAR(static_cast<unsigned char>(column[320]), 200, 8);
@@ -174,7 +179,8 @@ TEST_F(AssetWriterTest, FailureAndCancellingLeaveNoFile) {
     const auto record = [&](int frames) {
         make(h264(180, 320));
         start();
-        for (int i = 0; i < frames; ++i) append(video_, videoSample(greyFrame(180, 320, kPixelFormat420v, 90), i * kFrame));
+        for (int i = 0; i < frames; ++i)
+            append(video_, videoSample(greyFrame(180, 320, kPixelFormat420v, 90), i * kFrame));
     };
     record(0);
     EXPECT_EQ(finish(), AssetWriterStatus::Failed);
@@ -194,7 +200,8 @@ TEST_F(AssetWriterTest, FailureAndCancellingLeaveNoFile) {
 TEST_F(AssetWriterTest, CannotStartWhereNoFileCanBeMade) {
     std::ofstream(file_) << "already here";
     const auto there = file_;
-    for (const auto& path : {directory_.path() / "missing" / "selvio_a.mp4", std::filesystem::path("/proc/selvio_a.mp4"), there}) {
+    for (const auto& path :
+         {directory_.path() / "missing" / "selvio_a.mp4", std::filesystem::path("/proc/selvio_a.mp4"), there}) {
         SCOPED_TRACE(path);
         LogCapture log;
         file_ = path;

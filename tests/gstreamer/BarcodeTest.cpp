@@ -13,11 +13,13 @@ constexpr int kHeight = 720;
 constexpr int kQuiet = 12;  // pixels of white around a code
 
 constexpr const char* kText =
-    "@ANSI 636000080002DL00410278ZV03190008DLDAQT64235789 DCSSAMPLE DDEN DACMICHAEL DDFN DADJOHN DCUJR DCAD DCBK DCDPH DBD06062019";
+    "@ANSI 636000080002DL00410278ZV03190008DLDAQT64235789 DCSSAMPLE DDEN DACMICHAEL DDFN DADJOHN DCUJR DCAD DCBK DCDPH "
+    "DBD06062019";
 
 enum class Light { DarkAround, FallingOff };
 
-/// The grey levels that the camera sees of a card with a PDF417 code, and where the code's bars are in it. `turned` stands the code on its side.
+/// The grey levels that the camera sees of a card with a PDF417 code, and where the code's bars are in it. `turned`
+/// stands the code on its side.
 std::pair<std::string, Rect> cardWith(int module, Light light, bool turned) {
     auto code = ZXing::MultiFormatWriter(ZXing::BarcodeFormat::PDF417).setMargin(0).encode(kText, 0, 0);
     if (turned) code.rotate90();
@@ -28,7 +30,8 @@ std::pair<std::string, Rect> cardWith(int module, Light light, bool turned) {
     std::string levels;
     for (int y = 0; y < kHeight; ++y) {
         for (int x = 0; x < kWidth; ++x) {
-            const bool onCard = x >= left - kQuiet && x < left + width + kQuiet && y >= top - kQuiet && y < top + height + kQuiet;
+            const bool onCard =
+                x >= left - kQuiet && x < left + width + kQuiet && y >= top - kQuiet && y < top + height + kQuiet;
             const bool inCode = x >= left && x < left + width && y >= top && y < top + height;
             const bool ink = inCode && code.get((x - left) / module, (y - top) / module);
             int level = ink ? 40 : onCard || light != Light::DarkAround ? 200 : 25;
@@ -58,10 +61,11 @@ TEST(Barcode, ReadsPdf417CodesWhileFramesKeepArriving) {
         SCOPED_TRACE(c.what);
         const auto [levels, place] = cardWith(c.module, c.light, c.turned);
         const std::string file = directory.write("card.gray", levels);
-        const SourceCamera camera{.name = "card",
-                                  .source = "filesrc location=" + file + " blocksize=" + std::to_string(levels.size()) +
-                                            " ! rawvideoparse format=gray8 width=1280 height=720 ! imagefreeze is-live=true ! videoconvert",
-                                  .rawFormat = c.format == kPixelFormat420v ? "NV12" : "BGRA"};
+        const SourceCamera camera{
+            .name = "card",
+            .source = "filesrc location=" + file + " blocksize=" + std::to_string(levels.size()) +
+                      " ! rawvideoparse format=gray8 width=1280 height=720 ! imagefreeze is-live=true ! videoconvert",
+            .rawFormat = c.format == kPixelFormat420v ? "NV12" : "BGRA"};
         const auto system = makeGstCaptureSystem({.systemDevices = false, .sources = {camera}});
         const auto devices = system->discoverDevices({}, MediaType::Video, CaptureDevicePosition::Unspecified)->devices;
         Rig rig(system, devices.at(0), c.format, c.orientation);
@@ -72,7 +76,8 @@ TEST(Barcode, ReadsPdf417CodesWhileFramesKeepArriving) {
         output->connections().at(0)->setVideoOrientation(c.orientation);
 
         rig.session->startRunning();
-        ASSERT_TRUE(rig.probe->waitFor([&] { return rig.probe->objects_.size() >= 3; })) << "a code that stays in view is told again";
+        ASSERT_TRUE(rig.probe->waitFor([&] { return rig.probe->objects_.size() >= 3; }))
+            << "a code that stays in view is told again";
         EXPECT_TRUE(rig.probe->waitForFrames(5));
         rig.session->stopRunning();
         rig.queue->drain();

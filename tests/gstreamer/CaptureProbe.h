@@ -98,9 +98,12 @@ private:
 
 /// A session with one camera, wired as a camera object wires it.
 struct Rig {
-    Rig(const std::shared_ptr<CaptureSystem>& system, const std::shared_ptr<CaptureDevice>& device, PixelFormat format = 0,
-        VideoOrientation orientation = VideoOrientation::LandscapeRight)
-        : session(system->makeSession()), output(system->makeVideoDataOutput()), camera(device), input(system->makeDeviceInput(device).value()) {
+    Rig(const std::shared_ptr<CaptureSystem>& system, const std::shared_ptr<CaptureDevice>& device,
+        PixelFormat format = 0, VideoOrientation orientation = VideoOrientation::LandscapeRight)
+        : session(system->makeSession()),
+          output(system->makeVideoDataOutput()),
+          camera(device),
+          input(system->makeDeviceInput(device).value()) {
         session->addInput(input);
         output->setPixelFormat(format);
         output->setAlwaysDiscardsLateVideoFrames(true);
@@ -132,7 +135,8 @@ struct Rig {
 /// How many pixels of a frame's middle row are nearly white.
 inline int brightPixels(const SampleBuffer& sample) {
     const PixelBuffer& pixels = *sample.imageBuffer();
-    const std::uint8_t* const row = pixels.data() + pixels.bytesPerRow() * static_cast<std::size_t>(pixels.height() / 2);
+    const std::uint8_t* const row =
+        pixels.data() + pixels.bytesPerRow() * static_cast<std::size_t>(pixels.height() / 2);
     const int step = pixels.planeCount() == 2 ? 1 : 4;
     int bright = 0;
     for (int x = 0; x < pixels.width(); ++x) bright += row[x * step] > 0xD0 ? 1 : 0;
@@ -148,8 +152,10 @@ struct Delivery {
 };
 
 /// What a camera at 30 frames a second delivers in one of its formats.
-inline void expectDelivery(const std::shared_ptr<CaptureSystem>& system, const std::shared_ptr<CaptureDevice>& camera, const Delivery& c) {
-    SCOPED_TRACE(testing::Message() << c.width << "x" << c.height << " as " << c.expectedWidth << "x" << c.expectedHeight);
+inline void expectDelivery(const std::shared_ptr<CaptureSystem>& system, const std::shared_ptr<CaptureDevice>& camera,
+                           const Delivery& c) {
+    SCOPED_TRACE(testing::Message() << c.width << "x" << c.height << " as " << c.expectedWidth << "x"
+                                    << c.expectedHeight);
     camera->setActiveFormat({{c.format, c.width, c.height}, 30});
     Rig rig(system, camera, c.format, c.orientation);
     int bright = 0;
@@ -164,7 +170,8 @@ inline void expectDelivery(const std::shared_ptr<CaptureSystem>& system, const s
     ASSERT_GT(frames.size(), 1U);
     std::vector<double> distances;
     for (std::size_t i = 1; i < frames.size(); ++i) {
-        distances.push_back(std::chrono::duration<double>(*frames[i].presentationTime - *frames[i - 1].presentationTime).count());
+        distances.push_back(
+            std::chrono::duration<double>(*frames[i].presentationTime - *frames[i - 1].presentationTime).count());
     }
     std::ranges::sort(distances);
     EXPECT_GT(distances.front(), 0);
@@ -187,7 +194,8 @@ inline std::vector<std::string> linesAtTheEndOf(const CaptureSession& session, L
 }
 
 /// A camera that can be held against its frames: more of them than it has buffers are kept, and must stay as they came.
-inline void expectFramesMayBeHeld(const std::shared_ptr<CaptureSystem>& system, const std::shared_ptr<CaptureDevice>& camera) {
+inline void expectFramesMayBeHeld(const std::shared_ptr<CaptureSystem>& system,
+                                  const std::shared_ptr<CaptureDevice>& camera) {
     Rig rig(system, camera, kPixelFormat420v);
     const auto rowOf = [](const SampleBuffer& sample) {
         const PixelBuffer& pixels = *sample.imageBuffer();
@@ -200,8 +208,10 @@ inline void expectFramesMayBeHeld(const std::shared_ptr<CaptureSystem>& system, 
 }
 
 /// A camera that is plugged out while it delivers, and in again.
-inline void expectUnpluggingEndsTheRun(const std::shared_ptr<CaptureSystem>& system, const std::shared_ptr<CaptureDevice>& camera,
-                                       const std::function<void()>& unplug, const std::function<void()>& plugIn, const char* refusal) {
+inline void expectUnpluggingEndsTheRun(const std::shared_ptr<CaptureSystem>& system,
+                                       const std::shared_ptr<CaptureDevice>& camera,
+                                       const std::function<void()>& unplug, const std::function<void()>& plugIn,
+                                       const char* refusal) {
     LogCapture log;
     Rig rig(system, camera, kPixelFormat420v);
     rig.session->startRunning();

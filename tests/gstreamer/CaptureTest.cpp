@@ -12,8 +12,11 @@ namespace {
 using namespace test;
 
 SourceCamera testPicture(std::string rawFormat = "NV12", int width = 320, int height = 240) {
-    return {
-        .name = "picture", .source = "videotestsrc is-live=true pattern=white", .width = width, .height = height, .rawFormat = std::move(rawFormat)};
+    return {.name = "picture",
+            .source = "videotestsrc is-live=true pattern=white",
+            .width = width,
+            .height = height,
+            .rawFormat = std::move(rawFormat)};
 }
 
 std::shared_ptr<CaptureSystem> systemOf(CaptureOptions options) {
@@ -81,7 +84,8 @@ TEST(Capture, ALateFrameGivesWayToTheNewestWithANotice) {
     ASSERT_TRUE(rig.probe->waitForFrames(2));
     rig.session->stopRunning();
     rig.queue->drain();
-    EXPECT_GT(*rig.probe->frames_.at(1).presentationTime - *rig.probe->frames_.at(0).presentationTime, milliseconds(250));
+    EXPECT_GT(*rig.probe->frames_.at(1).presentationTime - *rig.probe->frames_.at(0).presentationTime,
+              milliseconds(250));
 }
 
 TEST(Capture, SaysWhyACameraDoesNotStartOrEnds) {
@@ -104,7 +108,8 @@ TEST(Capture, SaysWhyACameraDoesNotStartOrEnds) {
         LogCapture log;
         const SourceCamera camera{.name = "camera", .source = c.source, .width = 320, .height = 240};
         const milliseconds opening{c.starts ? 5000 : 300};
-        const auto system = systemOf({.sources = {camera}, .openingTimeout = opening, .stallTimeout = milliseconds(300)});
+        const auto system =
+            systemOf({.sources = {camera}, .openingTimeout = opening, .stallTimeout = milliseconds(300)});
         Rig rig(system, firstCamera(system));
         rig.session->startRunning();
         EXPECT_TRUE(!c.starts || rig.probe->waitForFrames(1));
@@ -123,7 +128,8 @@ TEST(Capture, AVideoFileIsACameraThatPlaysOnce) {
     TemporaryDirectory directory;
     const auto file = directory.path() / "clip with space.mp4";
     outputOf(
-        "gst-launch-1.0 -q videotestsrc num-buffers=20 ! video/x-raw,width=360,height=640,framerate=30/1 ! x264enc ! mp4mux ! filesink location='" +
+        "gst-launch-1.0 -q videotestsrc num-buffers=20 ! video/x-raw,width=360,height=640,framerate=30/1 ! x264enc ! "
+        "mp4mux ! filesink location='" +
         file.string() + "'");
     LogCapture log;
     const auto system = systemOf({.videoFiles = {file, directory.path() / "missing.mp4"}});
@@ -181,7 +187,8 @@ TEST(Preview, ShowsTheFramesMirroredInAWindow) {
     LogCapture log;
     {
         // Colour bars: white at the left of the picture, blue at its right.
-        const SourceCamera bars{.name = "bars", .source = "videotestsrc is-live=true pattern=smpte", .width = 360, .height = 640};
+        const SourceCamera bars{
+            .name = "bars", .source = "videotestsrc is-live=true pattern=smpte", .width = 360, .height = 640};
         const auto system = systemOf({.sources = {bars}});
         const auto view = makeGstView({.window = true});
         view->setFrame({0, 0, 360, 640});
@@ -189,8 +196,9 @@ TEST(Preview, ShowsTheFramesMirroredInAWindow) {
         view->layer()->setSession(rig.session);
         rig.session->startRunning();
         const auto row = [&] {
-            const std::string grabbed = outputOf("ffmpeg -v error -f x11grab -video_size 720x720 -i " + display +
-                                                 " -frames:v 1 -vf crop=720:2:0:200,scale=720:1 -pix_fmt gray -f rawvideo -");
+            const std::string grabbed =
+                outputOf("ffmpeg -v error -f x11grab -video_size 720x720 -i " + display +
+                         " -frames:v 1 -vf crop=720:2:0:200,scale=720:1 -pix_fmt gray -f rawvideo -");
             return grabbed.size() == 720 ? grabbed : std::string(720, '\0');
         };
         const auto isDark = [](char c) { return c == '\0'; };
@@ -218,7 +226,8 @@ TEST(Capture, StandsEveryOperationFromSeveralThreadsAtOnce) {
             rig.output->setSampleBufferDelegate(rig.probe, rig.queue);
         },
         [&](int i) {
-            for (const auto& connection : rig.output->connections()) connection->setVideoOrientation(static_cast<VideoOrientation>(i % 5));
+            for (const auto& connection : rig.output->connections())
+                connection->setVideoOrientation(static_cast<VideoOrientation>(i % 5));
             rig.camera->setTorchMode(i % 2 == 0 ? TorchMode::On : TorchMode::Off);
         },
         [&](int i) {

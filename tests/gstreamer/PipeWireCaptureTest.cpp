@@ -24,7 +24,8 @@ protected:
             unavailable_ = first;
             return;
         }
-        for (std::string line = server_->readLine().value_or(""); !line.empty(); line = server_->readLine().value_or("")) {
+        for (std::string line = server_->readLine().value_or(""); !line.empty();
+             line = server_->readLine().value_or("")) {
             const auto equals = line.find('=');
             ::setenv(line.substr(0, equals).c_str(), line.substr(equals + 1).c_str(), 1);
         }
@@ -35,13 +36,15 @@ protected:
         if (!unavailable_.empty()) GTEST_SKIP() << unavailable_;
     }
 
-    static std::unique_ptr<Child> publish(const std::string& name, const std::string& position, std::vector<std::string> modes) {
+    static std::unique_ptr<Child> publish(const std::string& name, const std::string& position,
+                                          std::vector<std::string> modes) {
         std::vector<std::string> arguments{SELVIO_VIRTUAL_CAMERA, name, position, "30"};
         arguments.insert(arguments.end(), modes.begin(), modes.end());
         return std::make_unique<Child>(arguments);
     }
     // Waits until a device of this name is there, or is not.
-    std::shared_ptr<CaptureDevice> find(const std::string& name, MediaType type = MediaType::Video, bool expected = true) {
+    std::shared_ptr<CaptureDevice> find(const std::string& name, MediaType type = MediaType::Video,
+                                        bool expected = true) {
         std::shared_ptr<CaptureDevice> found;
         comesTrue([&] {
             found.reset();
@@ -91,14 +94,17 @@ TEST_F(PipeWireCapture, CamerasComeAndGo) {
                                                     {{kPixelFormat32BGRA, 640, 480}, 30}};
     EXPECT_EQ(camera->formats(), expected);
     const auto backDevices = system_->discoverDevices({}, MediaType::Video, CaptureDevicePosition::Back)->devices;
-    ASSERT_EQ(backDevices.size(), 2U) << "the front camera is no answer, one without position is, behind the one that states it";
+    ASSERT_EQ(backDevices.size(), 2U)
+        << "the front camera is no answer, one without position is, behind the one that states it";
     EXPECT_EQ(backDevices[0]->localizedName(), "Any Size");
     EXPECT_EQ(backDevices[1]->localizedName(), "Some Webcam");
 
     // The person's choice comes first.
     for (const std::string name : {"Some Webcam", "Front One"}) {
         outputOf("pw-metadata 0 default.configured.video.source '{\"name\":\"" + name + "\"}' Spa:String:JSON");
-        EXPECT_TRUE(comesTrue([&, wanted = name] { return system_->defaultDevice(MediaType::Video)->localizedName() == wanted; })) << name;
+        EXPECT_TRUE(comesTrue([&, wanted = name] {
+            return system_->defaultDevice(MediaType::Video)->localizedName() == wanted;
+        })) << name;
     }
     webcam.reset();
     EXPECT_EQ(find("Some Webcam", MediaType::Video, false), nullptr);

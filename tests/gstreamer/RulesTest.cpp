@@ -79,7 +79,8 @@ TEST(Presets, StandForSizes) {
         {{{320, 240}, {640, 480}}, nullptr, {640, 480}},
     };
     for (const Case& c : cases) {
-        const auto format = c.preset != nullptr ? formatForPreset(sized(c.sizes), c.preset) : initialFormat(sized(c.sizes));
+        const auto format =
+            c.preset != nullptr ? formatForPreset(sized(c.sizes), c.preset) : initialFormat(sized(c.sizes));
         const auto found = format.value_or(CaptureDeviceFormat{}).formatDescription;
         EXPECT_EQ(std::pair(found.width, found.height), c.expected) << (c.preset != nullptr ? c.preset : "initial");
     }
@@ -97,7 +98,8 @@ TEST(CropFor, CutsTheMiddleInTheShapeOfTheOrientation) {
         {720, 1280, O::LandscapeLeft, {0, 438, 720, 404}}, {1920, 1080, O::PortraitUpsideDown, {656, 0, 606, 1080}},
         {480, 480, O::Portrait, {104, 0, 270, 480}},
     };
-    for (const Case& c : cases) EXPECT_EQ(cropFor(c.width, c.height, c.orientation), c.expected) << c.width << "x" << c.height;
+    for (const Case& c : cases)
+        EXPECT_EQ(cropFor(c.width, c.height, c.orientation), c.expected) << c.width << "x" << c.height;
 }
 
 TEST(Preview, FillsTheSurfaceMirrored) {
@@ -120,7 +122,8 @@ TEST(AudioClock, SmoothsJitterFollowsDriftAndJumpsOverLosses) {
     }
     nanoseconds placed{0};
     for (int i = 51; i <= 250; ++i) placed = clock.place(milliseconds(5040) + i * block, 480, 48000);
-    EXPECT_LT(std::chrono::abs(placed - milliseconds(5040) - 250 * block), milliseconds(1)) << "a lasting offset is taken up";
+    EXPECT_LT(std::chrono::abs(placed - milliseconds(5040) - 250 * block), milliseconds(1))
+        << "a lasting offset is taken up";
     EXPECT_EQ(clock.place(milliseconds(9000), 480, 48000), milliseconds(9000));
 }
 
@@ -139,7 +142,10 @@ TEST(PlaceAudio, PutsEveryBlockWhereItsTimeSays) {
         {"jitter joins seamlessly", 4800, milliseconds(110), {0, 0}},
         {"a hole is filled", 4800, milliseconds(350), {12000, 0}},
         {"an overlap beyond jitter is cut", 4800, milliseconds(88), {0, 480}},
-        {"a hole is filled exactly after a day", 24LL * 3600 * 48000, std::chrono::hours(24) + milliseconds(250), {12000, 0}},
+        {"a hole is filled exactly after a day",
+         24LL * 3600 * 48000,
+         std::chrono::hours(24) + milliseconds(250),
+         {12000, 0}},
         {"rounds to the nearest frame", 0, nanoseconds(31'250), {2, 0}},
     };
     for (const Case& c : cases) EXPECT_EQ(placeAudio(c.written, c.time, 480, 48000), c.expected) << c.what;
@@ -154,22 +160,29 @@ TEST(VideoEncoders, HardwareByRankComesBeforeSoftwareInOrder) {
     };
     const Case cases[] = {
         {kVideoCodecTypeH264, {{"openh264enc", 128}, {"x264enc", 0}}, {"x264enc", "openh264enc"}},
-        {kVideoCodecTypeH264, {{"x264enc", 300}, {"v4l2h264enc", 257}, {"vah264enc", 0}}, {"v4l2h264enc", "vah264enc", "x264enc"}},
+        {kVideoCodecTypeH264,
+         {{"x264enc", 300}, {"v4l2h264enc", 257}, {"vah264enc", 0}},
+         {"v4l2h264enc", "vah264enc", "x264enc"}},
         {kVideoCodecTypeH264, {{"vah264enc", 256}, {"nvh264enc", 256}}, {"vah264enc", "nvh264enc"}},
         {kVideoCodecTypeHEVC, {{"x265enc", 128}, {"x264enc", 256}, {"vah265lpenc", 1}}, {"vah265lpenc", "x265enc"}},
     };
     for (const Case& c : cases) {
-        const auto rank = [&](const std::string& name) { return c.installed.contains(name) ? c.installed.at(name) : -1; };
+        const auto rank = [&](const std::string& name) {
+            return c.installed.contains(name) ? c.installed.at(name) : -1;
+        };
         std::vector<std::string> names;
-        for (const VideoEncoder* encoder : installedEncoders(*findVideoCodec(c.codec), rank)) names.push_back(encoder->element);
+        for (const VideoEncoder* encoder : installedEncoders(*findVideoCodec(c.codec), rank))
+            names.push_back(encoder->element);
         EXPECT_EQ(names, c.expected) << c.codec;
     }
 }
 
 TEST(VideoEncoders, BitRateIsPutInTheEncodersOwnUnit) {
     using Setting = std::pair<std::string, std::string>;
-    EXPECT_EQ(bitRateSetting({.element = "a", .unit = BitRateUnit::KilobitsPerSecond}, 1'627'777), (Setting{"bitrate", "1628"}));
-    EXPECT_EQ(bitRateSetting({.element = "b", .unit = BitRateUnit::BitsPerSecond}, 1'627'777), (Setting{"bitrate", "1627777"}));
+    EXPECT_EQ(bitRateSetting({.element = "a", .unit = BitRateUnit::KilobitsPerSecond}, 1'627'777),
+              (Setting{"bitrate", "1628"}));
+    EXPECT_EQ(bitRateSetting({.element = "b", .unit = BitRateUnit::BitsPerSecond}, 1'627'777),
+              (Setting{"bitrate", "1627777"}));
     const auto [property, value] = bitRateSetting({.element = "c", .unit = BitRateUnit::V4l2Control}, 1'627'777);
     EXPECT_EQ(property, "extra-controls");
     EXPECT_NE(value.find("video_bitrate=1627777"), std::string::npos);

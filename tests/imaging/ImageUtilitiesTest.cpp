@@ -28,7 +28,8 @@ std::string bytesAt(const PixelBuffer& buffer, int x, int y, int plane = 0) {
 std::shared_ptr<PixelBuffer> distinctPicture(int width, int height, PixelFormat format) {
     return painted(width, height, format, [&](std::uint8_t* sample, int x, int y, int plane) {
         const int number = y * (plane == 0 ? width : (width + 1) / 2) + x;
-        for (int k = 0; k < (format != kPixelFormat420v ? 4 : plane + 1); ++k) sample[k] = static_cast<std::uint8_t>(number + 3 * k);
+        for (int k = 0; k < (format != kPixelFormat420v ? 4 : plane + 1); ++k)
+            sample[k] = static_cast<std::uint8_t>(number + 3 * k);
     });
 }
 
@@ -63,7 +64,8 @@ TEST(ImageUtilities, rotateMovesEverySampleOfEveryPlaneToItsPlace) {
         for (const auto& [width, height] : {std::pair{6, 4}, {5, 3}, {1, 7}, {3, 70}}) {
             const auto source = distinctPicture(width, height, format);
             for (const Rotation& rotation : kRotations) {
-                SCOPED_TRACE(testing::Message() << format << " " << width << "x" << height << " by " << rotation.radians);
+                SCOPED_TRACE(testing::Message()
+                             << format << " " << width << "x" << height << " by " << rotation.radians);
                 const Bitmap result = Utilities::rotateCGImage(source, rotation.radians);
                 ASSERT_NE(result, nullptr);
                 EXPECT_EQ(result->format(), format);
@@ -84,7 +86,8 @@ TEST(ImageUtilities, rotateMovesEverySampleOfEveryPlaneToItsPlace) {
 
 TEST(ImageUtilities, imageFromUIImageTurnsTheBitmapByItsTable) {
     const auto source = distinctPicture(6, 4, kPixelFormat32BGRA);
-    const std::pair<std::int64_t, Place> table[] = {{1, kClockwise}, {2, kCounterclockwise}, {3, kUnturned}, {4, kOver}, {9, kUnturned}};
+    const std::pair<std::int64_t, Place> table[] = {
+        {1, kClockwise}, {2, kCounterclockwise}, {3, kUnturned}, {4, kOver}, {9, kUnturned}};
     for (const auto& [orientation, place] : table) {
         const auto image = Utilities::imageFromUIImage(Image{source, ImageOrientation::Right, 2.0}, orientation);
         ASSERT_TRUE(image) << orientation;
@@ -99,8 +102,9 @@ TEST(ImageUtilities, sampleImagesShareThePixelsAndFollowTheDeviceTable) {
     const auto picture = distinctPicture(4, 4, kPixelFormat420v);
     const auto sample = SampleBuffer::makeVideo(picture, {std::chrono::nanoseconds(5), {}});
     const std::pair<std::int64_t, ImageOrientation> table[] = {
-        {0, ImageOrientation::Up},   {1, ImageOrientation::Right}, {2, ImageOrientation::Right}, {3, ImageOrientation::Up},
-        {4, ImageOrientation::Down}, {5, ImageOrientation::Right}, {77, ImageOrientation::Right}};
+        {0, ImageOrientation::Up},    {1, ImageOrientation::Right}, {2, ImageOrientation::Right},
+        {3, ImageOrientation::Up},    {4, ImageOrientation::Down},  {5, ImageOrientation::Right},
+        {77, ImageOrientation::Right}};
     for (const auto& [device, orientation] : table) {
         const auto image = Utilities::imageFromSampleBufferWithDeviceOrientation(sample, device);
         ASSERT_TRUE(image);
@@ -144,9 +148,10 @@ TEST(ImageUtilities, converts420vFromVideoRange) {
         std::array<std::uint8_t, 3> yCbCr;
         std::array<int, 4> argb;
     };
-    const Case table[] = {{{16, 128, 128}, {255, 0, 0, 0}},  {{235, 128, 128}, {255, 255, 255, 255}}, {{126, 128, 128}, {255, 128, 128, 128}},
-                          {{81, 90, 240}, {255, 255, 0, 0}}, {{145, 54, 34}, {255, 0, 255, 1}},       {{41, 240, 110}, {255, 0, 0, 255}},
-                          {{0, 128, 128}, {255, 0, 0, 0}},   {{255, 128, 128}, {255, 255, 255, 255}}};
+    const Case table[] = {{{16, 128, 128}, {255, 0, 0, 0}},        {{235, 128, 128}, {255, 255, 255, 255}},
+                          {{126, 128, 128}, {255, 128, 128, 128}}, {{81, 90, 240}, {255, 255, 0, 0}},
+                          {{145, 54, 34}, {255, 0, 255, 1}},       {{41, 240, 110}, {255, 0, 0, 255}},
+                          {{0, 128, 128}, {255, 0, 0, 0}},         {{255, 128, 128}, {255, 255, 255, 255}}};
     for (const Case& c : table) {
         // Odd: the last column and row have colour of their own.
         const auto source = painted(3, 3, kPixelFormat420v, [&](std::uint8_t* sample, int, int, int plane) {
@@ -156,7 +161,8 @@ TEST(ImageUtilities, converts420vFromVideoRange) {
         ASSERT_NE(argb, nullptr);
         for (int i = 0; i < 9; ++i) {
             const auto got = channelsAt(*argb, i % 3, i / 3);
-            for (std::size_t k = 0; k < 4; ++k) EXPECT_NEAR(got[k], c.argb[k], 1) << "luma " << int{c.yCbCr[0]} << " channel " << k;
+            for (std::size_t k = 0; k < 4; ++k)
+                EXPECT_NEAR(got[k], c.argb[k], 1) << "luma " << int{c.yCbCr[0]} << " channel " << k;
         }
     }
 }
@@ -176,7 +182,8 @@ TEST(ImageUtilities, copiesAreDeepEqualAndWithoutTiming) {
     const auto pool = PixelBufferPool::create();
     for (const auto& source : {distinctPicture(7, 5, kPixelFormat32BGRA), distinctPicture(7, 5, kPixelFormat32ARGB),
                                distinctPicture(7, 5, kPixelFormat420v), pictureInTwoBlocks(luma, chroma)}) {
-        const auto sample = SampleBuffer::makeVideo(source, {std::chrono::nanoseconds(5), std::chrono::nanoseconds(1)}, false);
+        const auto sample =
+            SampleBuffer::makeVideo(source, {std::chrono::nanoseconds(5), std::chrono::nanoseconds(1)}, false);
         for (const auto& copy : {Utilities::copySampleBuffer(sample), Utilities::copySampleBuffer(sample, *pool)}) {
             ASSERT_NE(copy, nullptr);
             EXPECT_FALSE(copy->timing().isValid());
@@ -187,7 +194,9 @@ TEST(ImageUtilities, copiesAreDeepEqualAndWithoutTiming) {
             for (int plane = 0; plane < source->planeCount(); ++plane) {
                 EXPECT_NE(pixels.data(plane), source->data(plane));
                 const PlaneLayout& layout = source->layout().planes[static_cast<std::size_t>(plane)];
-                EXPECT_EQ(std::memcmp(pixels.data(plane), source->data(plane), layout.bytesPerRow * static_cast<std::size_t>(layout.height)), 0);
+                EXPECT_EQ(std::memcmp(pixels.data(plane), source->data(plane),
+                                      layout.bytesPerRow * static_cast<std::size_t>(layout.height)),
+                          0);
             }
         }
     }
@@ -202,7 +211,8 @@ TEST(ImageUtilities, aWarmPoolAllocatesNothing) {
         if (history.size() > 14) history.erase(history.begin());
     }
     EXPECT_EQ(pool->allocations(), 15u);
-    const auto other = Utilities::copyPixelBuffer(distinctPicture(4, 4, kPixelFormat32BGRA), *pool);  // the size changes in mid-session
+    const auto other = Utilities::copyPixelBuffer(distinctPicture(4, 4, kPixelFormat32BGRA),
+                                                  *pool);  // the size changes in mid-session
     EXPECT_EQ(other->width(), 4);
     EXPECT_EQ(pool->allocations(), 16u);
     history.clear();
@@ -215,8 +225,9 @@ TEST(ImageUtilities, nothingComesOfAPictureWithoutPixelsAndOnlyItsCopyIsLogged) 
     PixelBufferLayout shortRows = layout;
     shortRows.planes[0].bytesPerRow = 4;
     std::array<std::uint8_t, 128> memory{};
-    const std::shared_ptr<PixelBuffer> pictures[] = {nullptr, PixelBuffer::wrap(PixelBufferLayout{}, {memory.data(), nullptr}, {}),
-                                                     PixelBuffer::wrap(shortRows, {memory.data(), nullptr}, {}), PixelBuffer::wrap(layout, {}, {})};
+    const std::shared_ptr<PixelBuffer> pictures[] = {
+        nullptr, PixelBuffer::wrap(PixelBufferLayout{}, {memory.data(), nullptr}, {}),
+        PixelBuffer::wrap(shortRows, {memory.data(), nullptr}, {}), PixelBuffer::wrap(layout, {}, {})};
     for (const auto& picture : pictures) {
         LogCapture log;
         const auto sample = SampleBuffer::makeVideo(picture);
@@ -227,7 +238,8 @@ TEST(ImageUtilities, nothingComesOfAPictureWithoutPixelsAndOnlyItsCopyIsLogged) 
         EXPECT_FALSE(Utilities::imageFromSampleBuffer(sample));
         EXPECT_THAT(log.take(), testing::IsEmpty());
         EXPECT_EQ(Utilities::copySampleBuffer(sample), nullptr);
-        EXPECT_EQ(log.take(), std::vector<std::string>(picture == nullptr ? 0 : 1, "RBGBuffereCopyWithPixelBuffer :: failed"));
+        EXPECT_EQ(log.take(),
+                  std::vector<std::string>(picture == nullptr ? 0 : 1, "RBGBuffereCopyWithPixelBuffer :: failed"));
     }
     const auto sound = SampleBuffer::makeAudio({44100, 1, {1, 2, 3}}, {});
     for (const auto& sample : {std::shared_ptr<SampleBuffer>(), sound}) {

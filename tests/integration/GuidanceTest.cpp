@@ -26,10 +26,13 @@ protected:
     void SetUp() override {
         Platform platform = makeLinuxPlatform();
         platform.mainQueue = mainQueue;
-        platform.makeSerialQueue = [this](const std::string& label) { return analysisQueue = std::make_shared<ManualQueue>(label); };
+        platform.makeSerialQueue = [this](const std::string& label) {
+            return analysisQueue = std::make_shared<ManualQueue>(label);
+        };
         platform.device = std::make_shared<FakeDevice>();
         platform.screen = std::make_shared<FakeScreen>(kScreen);
-        analyzer = SelvioFacialCaptureAnalyzer::initWithParameters(std::make_shared<SelvioFacialCaptureParameters>(), platform);
+        analyzer = SelvioFacialCaptureAnalyzer::initWithParameters(std::make_shared<SelvioFacialCaptureParameters>(),
+                                                                   platform);
         delegate->detectionResults = [this](const auto& results) { reported = results->orderedStatuses(); };
         delegate->startCountdown = [this] { reported = Statuses(); };
         analyzer->setDelegate(delegate);
@@ -38,7 +41,9 @@ protected:
     }
 
     std::shared_ptr<const SimulatedFrames> frames(const std::string& keyFrame) const {
-        return SimulatedFrames::make(photograph, geometry, MotionScript::parse(R"({"keyFrames": [)" + keyFrame + "]}", "test").value()).value();
+        return SimulatedFrames::make(photograph, geometry,
+                                     MotionScript::parse(R"({"keyFrames": [)" + keyFrame + "]}", "test").value())
+            .value();
     }
 
     /// The statuses of one frame; a countdown in progress counts as none.
@@ -53,7 +58,8 @@ protected:
         return statuses;
     }
 
-    const std::shared_ptr<SelvioFacialCaptureAnalyzerDelegate> delegate = std::make_shared<SelvioFacialCaptureAnalyzerDelegate>();
+    const std::shared_ptr<SelvioFacialCaptureAnalyzerDelegate> delegate =
+        std::make_shared<SelvioFacialCaptureAnalyzerDelegate>();
     const std::shared_ptr<ManualQueue> mainQueue = std::make_shared<ManualQueue>("main");
     std::shared_ptr<ManualQueue> analysisQueue;
     std::shared_ptr<SelvioFacialCaptureAnalyzer> analyzer;
@@ -86,11 +92,13 @@ TEST_F(Guidance, EachStatusFlipsWhereTheTrueFaceSaysSo) {
     int sure = 0;
     for (const Pose& pose : poses) {
         char keyFrame[200];
-        std::snprintf(keyFrame, sizeof keyFrame, R"({"at": 0, "visible": true, "center": [%f, %f], "jawWidth": %f, "roll": %f})", pose.x, pose.y,
+        std::snprintf(keyFrame, sizeof keyFrame,
+                      R"({"at": 0, "visible": true, "center": [%f, %f], "jawWidth": %f, "roll": %f})", pose.x, pose.y,
                       pose.width, pose.roll);
         const auto scene = frames(keyFrame);
         const Statuses said = judge(scene->frame({}, kWidth, kHeight, kPixelFormat420v));
-        const auto expected = rules::checkFace(trueChecksInput(scene->trueGeometry({}, kWidth, kHeight).front(), {kWidth, kHeight}, kScreen));
+        const auto expected = rules::checkFace(
+            trueChecksInput(scene->trueGeometry({}, kWidth, kHeight).front(), {kWidth, kHeight}, kScreen));
         const rules::FaceMeasures& m = expected.measures;
         struct Check {
             SelvioFacialCaptureStatus status;
@@ -110,10 +118,13 @@ TEST_F(Guidance, EachStatusFlipsWhereTheTrueFaceSaysSo) {
         for (const Check& check : checks) {
             if (check.unsure) continue;
             ++sure;
-            const auto has = [&](const Statuses& statuses) { return std::find(statuses.begin(), statuses.end(), check.status) != statuses.end(); };
+            const auto has = [&](const Statuses& statuses) {
+                return std::find(statuses.begin(), statuses.end(), check.status) != statuses.end();
+            };
             EXPECT_EQ(has(said), has(expected.statuses))
-                << "status " << check.status << " at " << keyFrame << ": true roll " << m.rollRatio << " yaw " << m.yawRatio << " pitch "
-                << m.pitchRatio << " fill " << m.horizontalFill << " vertical " << m.verticalRatio << " margin " << m.horizontalMargin;
+                << "status " << check.status << " at " << keyFrame << ": true roll " << m.rollRatio << " yaw "
+                << m.yawRatio << " pitch " << m.pitchRatio << " fill " << m.horizontalFill << " vertical "
+                << m.verticalRatio << " margin " << m.horizontalMargin;
         }
     }
     EXPECT_GT(sure, 300);
@@ -123,17 +134,20 @@ TEST_F(Guidance, ASteadyFaceUnderSensorNoiseDoesNotFlicker) {
     const auto scene = frames(R"({"at": 0, "visible": true, "center": [0.5, 0.46], "jawWidth": 0.63, "noise": 3})");
     int flickers = 0;
     for (int i = 0; i < 300; ++i) {
-        flickers += judge(scene->frame(std::chrono::milliseconds(33 * i), kWidth, kHeight, kPixelFormat420v)).empty() ? 0 : 1;
+        flickers +=
+            judge(scene->frame(std::chrono::milliseconds(33 * i), kWidth, kHeight, kPixelFormat420v)).empty() ? 0 : 1;
     }
     EXPECT_LE(flickers, 3);
 }
 
 TEST_F(Guidance, AnEmptySceneAndTwoPeopleAreTold) {
-    EXPECT_EQ(judge(frames(R"({"at": 0, "visible": false, "noise": 2})")->frame({}, kWidth, kHeight, kPixelFormat32BGRA)),
-              Statuses{SelvioFacialCaptureStatusFaceNotFound});
+    EXPECT_EQ(
+        judge(frames(R"({"at": 0, "visible": false, "noise": 2})")->frame({}, kWidth, kHeight, kPixelFormat32BGRA)),
+        Statuses{SelvioFacialCaptureStatusFaceNotFound});
     const auto two = frames(
         R"({"at": 0, "visible": true, "center": [0.27, 0.45], "jawWidth": 0.36, "second": {"center": [0.75, 0.45], "jawWidth": 0.36, "roll": 0}})");
-    EXPECT_EQ(judge(two->frame({}, kWidth, kHeight, kPixelFormat32BGRA)), Statuses{SelvioFacialCaptureStatusMoreThanOneFace});
+    EXPECT_EQ(judge(two->frame({}, kWidth, kHeight, kPixelFormat32BGRA)),
+              Statuses{SelvioFacialCaptureStatusMoreThanOneFace});
 }
 
 }  // namespace

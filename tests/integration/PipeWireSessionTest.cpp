@@ -1,4 +1,5 @@
-// The host program on a real capture stack: a PipeWire of its own, a published camera that shows a person, a published microphone.
+// The host program on a real capture stack: a PipeWire of its own, a published camera that shows a person, a published
+// microphone.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -37,12 +38,14 @@ TEST(PipeWireSession, ACaptureEndsWithPhotographRecordAndRecording) {
     ::setenv("SAMPLES", SELVIO_SAMPLES, 1);
     ::setenv("PROGRAM", SELVIO_PROGRAM, 1);
     ::setenv("XDG_DATA_HOME", (out / "data").c_str(), 1);
-    const std::string said = outputOf(std::string(SELVIO_PIPEWIRE_SCRIPT) + " bash '" + directory.write("session.sh", kSession) + "'");
+    const std::string said =
+        outputOf(std::string(SELVIO_PIPEWIRE_SCRIPT) + " bash '" + directory.write("session.sh", kSession) + "'");
     if (said.starts_with("UNAVAILABLE")) GTEST_SKIP() << said;
 
     const std::string errors = contentOf(out / "errors.txt");
     EXPECT_EQ(contentOf(out / "code"), "0\n") << errors;
-    EXPECT_THAT(contentOf(out / "devices.json"), AllOf(HasSubstr("Simulated Front Camera"), HasSubstr("\"Test Camera\"")));
+    EXPECT_THAT(contentOf(out / "devices.json"),
+                AllOf(HasSubstr("Simulated Front Camera"), HasSubstr("\"Test Camera\"")));
     EXPECT_THAT(contentOf(out / "lines.json"), HasSubstr("startCountdown"));
 
     const auto record = nlohmann::json::parse(contentOf(out / "x/record.json"), nullptr, false);
@@ -65,7 +68,8 @@ TEST(PipeWireSession, ACaptureEndsWithPhotographRecordAndRecording) {
 #endif
     EXPECT_GT(std::stoi(video.value("nb_read_frames", "0")), kFewFrames);
     EXPECT_EQ(audio.value("codec_name", ""), "aac");
-    EXPECT_NEAR(numberIn(audio, "start_time") + numberIn(audio, "duration"), numberIn(video, "start_time") + numberIn(video, "duration"), 0.25);
+    EXPECT_NEAR(numberIn(audio, "start_time") + numberIn(audio, "duration"),
+                numberIn(video, "start_time") + numberIn(video, "duration"), 0.25);
     EXPECT_TRUE(std::filesystem::is_empty(out / "data/SelvioFacialCapture/Documents"));  // delivered, then deleted
 }
 

@@ -50,7 +50,8 @@ private:
 };
 
 struct Rig {
-    explicit Rig(const std::string& keyFrames, std::int64_t orientation = 1, const SimulatedCaptureOptions& options = {SimulatedPacing::Manual}) {
+    explicit Rig(const std::string& keyFrames, std::int64_t orientation = 1,
+                 const SimulatedCaptureOptions& options = {SimulatedPacing::Manual}) {
         Platform platform = makePortablePlatform();
         platform.mainQueue = main;
         platform.device = std::make_shared<FakeDevice>();
@@ -59,26 +60,29 @@ struct Rig {
         platform.assetWriters = makeGstAssetWriterFactory();
         system = useSimulatedCamera(platform, spotFrames(keyFrames), options);
         camera = SelvioFacialCaptureCamera::initWithPreset(
-            options.pacing == SimulatedPacing::Manual ? kCaptureSessionPreset1280x720 : kCaptureSessionPreset640x480, 0, CaptureDevicePosition::Front,
-            static_cast<VideoOrientation>(orientation), {}, platform);
+            options.pacing == SimulatedPacing::Manual ? kCaptureSessionPreset1280x720 : kCaptureSessionPreset640x480, 0,
+            CaptureDevicePosition::Front, static_cast<VideoOrientation>(orientation), {}, platform);
         camera->setAnalyzeRGBVideo(false);
         camera->parameters()->setRecordVideo(true);
         camera->parameters()->setRecordAudio(true);
         delegate->didFinishConfiguringSession = [] {};
         delegate->didReceiveSampleBuffer = [this](const auto&) { ++frames; };
         delegate->didFinishRecordingVideo = [this](const std::vector<std::uint8_t>& data) {
-            std::ofstream(file, std::ios::binary).write(reinterpret_cast<const char*>(data.data()), static_cast<std::streamsize>(data.size()));
+            std::ofstream(file, std::ios::binary)
+                .write(reinterpret_cast<const char*>(data.data()), static_cast<std::streamsize>(data.size()));
             ++recordings;
         };
         camera->setDelegate(delegate);
         drain(camera->videoQueue());
-        if (options.pacing == SimulatedPacing::Manual) system->scene()->setTime({});  // stands still until the first frame
+        if (options.pacing == SimulatedPacing::Manual)
+            system->scene()->setTime({});  // stands still until the first frame
     }
     ~Rig() {
         camera->stop();
         camera->discardRecording();  // a test that failed may have left one
         camera->shutdown();
-        for (const auto& queue : {camera->videoQueue(), camera->videoOutputQueue(), std::shared_ptr<Queue>(main)}) drain(queue);
+        for (const auto& queue : {camera->videoQueue(), camera->videoOutputQueue(), std::shared_ptr<Queue>(main)})
+            drain(queue);
     }
     static void drain(const std::shared_ptr<Queue>& queue) { dynamic_cast<SerialQueue&>(*queue).drain(); }
     void start() {
@@ -86,7 +90,9 @@ struct Rig {
         drain(camera->videoQueue());
         drain(camera->videoOutputQueue());
     }
-    [[nodiscard]] bool isWriting() const { return camera->assetWriter() && camera->assetWriter()->status() == AssetWriterStatus::Writing; }
+    [[nodiscard]] bool isWriting() const {
+        return camera->assetWriter() && camera->assetWriter()->status() == AssetWriterStatus::Writing;
+    }
     /// The next frames, each once the recording has room for it.
     void step(int count) {
         for (; count > 0; --count) {
@@ -116,7 +122,8 @@ struct Rig {
     const fs::path documents = directory.path() / "Documents";
     const fs::path file = directory.path() / "recording.mp4";
     const std::shared_ptr<SerialQueue> main = std::make_shared<SerialQueue>("main");
-    const std::shared_ptr<SelvioFacialCaptureCameraDelegate> delegate = std::make_shared<SelvioFacialCaptureCameraDelegate>();
+    const std::shared_ptr<SelvioFacialCaptureCameraDelegate> delegate =
+        std::make_shared<SelvioFacialCaptureCameraDelegate>();
     std::shared_ptr<SimulatedCaptureSystem> system;
     std::shared_ptr<SelvioFacialCaptureCamera> camera;
     std::atomic<int> frames{0};
@@ -155,7 +162,8 @@ TEST(Recording, IsPlayableInEveryOrientation) {
     }
 }
 
-// What befalls a recording is logged and leaves no half of a file; the capture goes on, and once the cause has gone the next recording succeeds.
+// What befalls a recording is logged and leaves no half of a file; the capture goes on, and once the cause has gone the
+// next recording succeeds.
 TEST(Recording, FaultsSpareTheCapture) {
     std::optional<FullDisk> full;
     const std::string failed = "*** AVAssetWriterStatusFailed";
@@ -170,7 +178,10 @@ TEST(Recording, FaultsSpareTheCapture) {
         bool endsTheRun = false;  // with the recording delivered
     };
     const Row rows[] = {
-        {.what = "full disk", .during = [&](Rig&) { full.emplace(); }, .lift = [&](Rig&) { full.reset(); }, .log = {"Recording failed: ", failed}},
+        {.what = "full disk",
+         .during = [&](Rig&) { full.emplace(); },
+         .lift = [&](Rig&) { full.reset(); },
+         .log = {"Recording failed: ", failed}},
         {.what = "directory not writable",
          .before = [](Rig& rig) { fs::create_directory_symlink("/proc", rig.documents); },
          .lift = remove,
@@ -179,9 +190,15 @@ TEST(Recording, FaultsSpareTheCapture) {
          .before = [](Rig& rig) { std::ofstream(rig.documents) << "a file"; },
          .lift = remove,
          .log = {"Couldn't get contents of Documents directory:\n", "could not create", failed}},
-        {.what = "recording deleted", .during = [](Rig& rig) { rig.camera->cleanupBrokenVideos(); }, .log = {"could not move the recording", failed}},
+        {.what = "recording deleted",
+         .during = [](Rig& rig) { rig.camera->cleanupBrokenVideos(); },
+         .log = {"could not move the recording", failed}},
         {.what = "writer killed",
-         .during = [](Rig& rig) { rig.camera->videoOutputQueue()->async([writer = rig.camera->assetWriter()] { writer->cancelWriting(); }); },
+         .during =
+             [](Rig& rig) {
+                 rig.camera->videoOutputQueue()->async(
+                     [writer = rig.camera->assetWriter()] { writer->cancelWriting(); });
+             },
          .log = {"*** AVAssetWriterStatusCancelled"}},
         {.what = "camera unplugged",
          .during = [](Rig& rig) { rig.system->setFaults({.deviceLost = true}); },
@@ -249,8 +266,11 @@ TEST(Recording, ManyStartsAndStopsLeaveNothingBehind) {
     EXPECT_LT(Resources::now().kilobytes - before.kilobytes, 4 << 10) << "less than 4 KB a cycle";
     cycle(20, true);
     // A writer's own thread may still be at its end.
-    const auto nothingMore = [&] { return Resources::now().descriptors <= before.descriptors && Resources::now().threads <= before.threads + 6; };
-    EXPECT_TRUE(Rig::waitFor(nothingMore)) << Resources::now().descriptors << " descriptors, " << Resources::now().threads << " threads";
+    const auto nothingMore = [&] {
+        return Resources::now().descriptors <= before.descriptors && Resources::now().threads <= before.threads + 6;
+    };
+    EXPECT_TRUE(Rig::waitFor(nothingMore))
+        << Resources::now().descriptors << " descriptors, " << Resources::now().threads << " threads";
     EXPECT_TRUE(fs::is_empty(rig.documents));
 }
 

@@ -10,9 +10,11 @@ using Results = SelvioFacialCaptureResults;
 using Status = SelvioFacialCaptureStatus;
 
 TEST(Results, LookUpsCoverTheirTablesAndNothingElse) {
-    EXPECT_EQ(Results::localizeKeyFrom(SelvioFacialCaptureStatusMoveCloser), "selvio_facial_capture_status_move_closer");
+    EXPECT_EQ(Results::localizeKeyFrom(SelvioFacialCaptureStatusMoveCloser),
+              "selvio_facial_capture_status_move_closer");
     for (const int outside : {-1, 15}) EXPECT_EQ(Results::localizeKeyFrom(static_cast<Status>(outside)), std::nullopt);
-    for (const int outside : {-1, 4}) EXPECT_EQ(Results::stringFrom(static_cast<SelvioFacialCaptureResultCode>(outside)), std::nullopt);
+    for (const int outside : {-1, 4})
+        EXPECT_EQ(Results::stringFrom(static_cast<SelvioFacialCaptureResultCode>(outside)), std::nullopt);
 }
 
 TEST(Results, TheFirstStatusOfAListIsTheMostImportantOne) {
@@ -29,9 +31,20 @@ TEST(Results, TheFirstStatusOfAListIsTheMostImportantOne) {
 
 TEST(Parameters, SettersClampAndTheFillBoundsKeepTheirDistance) {
     using Dictionary = std::map<std::string, std::string>;
-    const Dictionary defaults = {{"Mode", "2"},        {"Timeout", "20"},    {"MinFill", "550"},       {"MaxFill", "725"},     {"Roll", "500"},
-                                 {"Pitch", "500"},     {"Yaw", "500"},       {"ImageQuality", "95"},   {"SelectOnSmile", "0"}, {"CountdownTime", "2"},
-                                 {"RecordVideo", "0"}, {"RecordAudio", "0"}, {"ShowRecordingUI", "1"}, {"VideoQuality", "10"}};
+    const Dictionary defaults = {{"Mode", "2"},
+                                 {"Timeout", "20"},
+                                 {"MinFill", "550"},
+                                 {"MaxFill", "725"},
+                                 {"Roll", "500"},
+                                 {"Pitch", "500"},
+                                 {"Yaw", "500"},
+                                 {"ImageQuality", "95"},
+                                 {"SelectOnSmile", "0"},
+                                 {"CountdownTime", "2"},
+                                 {"RecordVideo", "0"},
+                                 {"RecordAudio", "0"},
+                                 {"ShowRecordingUI", "1"},
+                                 {"VideoQuality", "10"}};
     struct Row {
         void (*change)(Parameters&);
         Dictionary changes;
@@ -83,7 +96,8 @@ TEST(CameraParameters, TheArchiveRoundTripsAndSurvivesDamage) {
         {whole, true, true, false, 73},
         {"[1, 2]", false, false, false, 10},
         {whole.substr(0, whole.size() - 2), false, false, false, 10},
-        {R"({"RecordVideo": 1, "RecordAudio": "true", "ShowRecordingUI": null, "VideoQuality": "50"})", false, false, false, 10},
+        {R"({"RecordVideo": 1, "RecordAudio": "true", "ShowRecordingUI": null, "VideoQuality": "50"})", false, false,
+         false, 10},
         {R"({"ShowRecordingUI": true, "VideoQuality": 3.7, "Other": {}})", false, false, true, 10},
         {R"({"RecordVideo": true, "VideoQuality": 18446744073709551615})", true, false, false, 100},
     };

@@ -34,9 +34,13 @@ TEST_F(IioTree, ReadsRatesInRadiansPerSecond) {
         std::optional<RotationRate> expected;
     };
     const Case cases[] = {
-        {"a scale for each axis", {{"in_anglvel_x_scale", "0.01"}, {"in_anglvel_y_scale", "0.02"}, {"in_anglvel_z_scale", "1"}}, {{1, -4, 0}}},
+        {"a scale for each axis",
+         {{"in_anglvel_x_scale", "0.01"}, {"in_anglvel_y_scale", "0.02"}, {"in_anglvel_z_scale", "1"}},
+         {{1, -4, 0}}},
         {"an offset", {{"in_anglvel_scale", "0.001"}, {"in_anglvel_x_offset", "-100"}}, {{0, -0.2, 0}}},
-        {"mounted crosswise", {{"in_anglvel_scale", "0.001"}, {"in_mount_matrix", "0, 1, 0; -1, 0, 0; 0, 0, 1"}}, {{-0.2, -0.1, 0}}},
+        {"mounted crosswise",
+         {{"in_anglvel_scale", "0.001"}, {"in_mount_matrix", "0, 1, 0; -1, 0, 0; 0, 0, 1"}},
+         {{-0.2, -0.1, 0}}},
         {"no scale", {}, std::nullopt},
         {"not a number", {{"in_anglvel_scale", "fast"}}, std::nullopt},
     };
@@ -59,7 +63,8 @@ TEST_F(IioTree, ReadsRatesInRadiansPerSecond) {
 }
 
 TEST_F(IioTree, FeedsTheHandlerUntilStopped) {
-    write("iio:device0", {{"in_anglvel_x_raw", "7"}, {"in_anglvel_y_raw", "0"}, {"in_anglvel_z_raw", "0"}, {"in_anglvel_scale", "1"}});
+    write("iio:device0",
+          {{"in_anglvel_x_raw", "7"}, {"in_anglvel_y_raw", "0"}, {"in_anglvel_z_raw", "0"}, {"in_anglvel_scale", "1"}});
     const auto queue = std::make_shared<SerialQueue>("motion");
     const auto manager = makeIioMotionManager({.iioDirectory = root_, .busAddress = {}});
     std::atomic<int> readings = 0;
@@ -86,7 +91,8 @@ TEST_F(IioTree, FeedsTheHandlerUntilStopped) {
     const int total = readings + errors;
     queue->drain();
     EXPECT_EQ(readings + errors, total);
-    manager->startDeviceMotionUpdates(queue, [](const auto&, const auto&) { ADD_FAILURE() << "there is no sensor any more"; });
+    manager->startDeviceMotionUpdates(queue,
+                                      [](const auto&, const auto&) { ADD_FAILURE() << "there is no sensor any more"; });
     manager->stopDeviceMotionUpdates();
     queue->drain();
 }

@@ -20,13 +20,15 @@ class StandInProxy {
 public:
     explicit StandInProxy(const char* address) {
         g_main_context_push_thread_default(context_);
-        const auto flags =
-            static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT | G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
+        const auto flags = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                                             G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
         bus_ = g_dbus_connection_new_for_address_sync(address, flags, nullptr, nullptr, nullptr);
         node_ = g_dbus_node_info_new_for_xml(kInterface, nullptr);
         static const GDBusInterfaceVTable table = {&onCall, &onGet, nullptr, {}};
-        g_dbus_connection_register_object(bus_, "/net/hadess/SensorProxy", node_->interfaces[0], &table, this, nullptr, nullptr);
-        g_bus_own_name_on_connection(bus_, "net.hadess.SensorProxy", G_BUS_NAME_OWNER_FLAGS_NONE, nullptr, nullptr, nullptr, nullptr);
+        g_dbus_connection_register_object(bus_, "/net/hadess/SensorProxy", node_->interfaces[0], &table, this, nullptr,
+                                          nullptr);
+        g_bus_own_name_on_connection(bus_, "net.hadess.SensorProxy", G_BUS_NAME_OWNER_FLAGS_NONE, nullptr, nullptr,
+                                     nullptr, nullptr);
         g_main_context_pop_thread_default(context_);
     }
     ~StandInProxy() {
@@ -42,18 +44,20 @@ public:
     }
     void turn(const std::string& word) {
         word_ = word;
-        GVariant* const changed = g_variant_new_parsed("('net.hadess.SensorProxy', {'AccelerometerOrientation': <%s>}, @as [])", word.c_str());
-        g_dbus_connection_emit_signal(bus_, nullptr, "/net/hadess/SensorProxy", "org.freedesktop.DBus.Properties", "PropertiesChanged", changed,
-                                      nullptr);
+        GVariant* const changed = g_variant_new_parsed(
+            "('net.hadess.SensorProxy', {'AccelerometerOrientation': <%s>}, @as [])", word.c_str());
+        g_dbus_connection_emit_signal(bus_, nullptr, "/net/hadess/SensorProxy", "org.freedesktop.DBus.Properties",
+                                      "PropertiesChanged", changed, nullptr);
     }
 
 private:
-    static void onCall(GDBusConnection*, const char*, const char*, const char*, const char* method, GVariant*, GDBusMethodInvocation* call,
-                       gpointer self) {
+    static void onCall(GDBusConnection*, const char*, const char*, const char*, const char* method, GVariant*,
+                       GDBusMethodInvocation* call, gpointer self) {
         if (std::string(method) == "ClaimAccelerometer") static_cast<StandInProxy*>(self)->claimed_ = true;
         g_dbus_method_invocation_return_value(call, nullptr);
     }
-    static GVariant* onGet(GDBusConnection*, const char*, const char*, const char*, const char*, GError**, gpointer data) {
+    static GVariant* onGet(GDBusConnection*, const char*, const char*, const char*, const char*, GError**,
+                           gpointer data) {
         const auto* const self = static_cast<StandInProxy*>(data);
         return g_variant_new_string(self->claimed_ ? self->word_.c_str() : "undefined");
     }
@@ -99,7 +103,8 @@ TEST(OrientationSensor, FollowsTheProxyWhileThereIsOne) {
 
 TEST(OrientationSensor, WithoutABusTheDeviceIsInPortrait) {
     for (int i = 0; i < 20; ++i) {
-        EXPECT_EQ(makeOrientationSensor({.busAddress = "unix:path=/nonexistent/bus"})->orientation(), DeviceOrientation::Portrait);
+        EXPECT_EQ(makeOrientationSensor({.busAddress = "unix:path=/nonexistent/bus"})->orientation(),
+                  DeviceOrientation::Portrait);
     }
 }
 

@@ -32,7 +32,8 @@ public:
     }
     void captureOutputDidOutputMetadataObjects(const CaptureOutput&, const std::vector<MetadataObject>& objects,
                                                const std::shared_ptr<CaptureConnection>&) override {
-        for (const MetadataObject& object : objects) codes.push_back(object.type + ":" + object.stringValue.value_or(""));
+        for (const MetadataObject& object : objects)
+            codes.push_back(object.type + ":" + object.stringValue.value_or(""));
     }
     void waitForFrames(std::size_t count) {
         std::unique_lock lock(mutex);
@@ -58,16 +59,20 @@ private:
 
 // A capture system and, after `build`, one session with everything joined.
 struct Rig {
-    explicit Rig(const std::string& keyFrames = kSteady, const SimulatedCaptureOptions& options = {.pacing = SimulatedPacing::Manual},
+    explicit Rig(const std::string& keyFrames = kSteady,
+                 const SimulatedCaptureOptions& options = {.pacing = SimulatedPacing::Manual},
                  std::shared_ptr<const Clock> otherClock = nullptr)
         : frames(spotFrames(keyFrames)),
-          system(std::make_shared<SimulatedCaptureSystem>(std::make_shared<SimulatedScene>(frames, otherClock == nullptr ? clock : otherClock),
-                                                          options)) {
+          system(std::make_shared<SimulatedCaptureSystem>(
+              std::make_shared<SimulatedScene>(frames, otherClock == nullptr ? clock : otherClock), options)) {
         clock->advance(1000s);
     }
     void build(const std::shared_ptr<Queue>& queue) {
         session = system->makeSession();
-        camera = system->discoverDevices({kCaptureDeviceTypeBuiltInWideAngleCamera}, MediaType::Video, CaptureDevicePosition::Front)->devices.at(0);
+        camera = system
+                     ->discoverDevices({kCaptureDeviceTypeBuiltInWideAngleCamera}, MediaType::Video,
+                                       CaptureDevicePosition::Front)
+                     ->devices.at(0);
         session->addInput(system->makeDeviceInput(camera).value());
         session->addInput(system->makeDeviceInput(system->defaultDevice(MediaType::Audio)).value());
         session->addOutput(video);
@@ -102,14 +107,16 @@ TEST(SimulatedCapture, FindsItsDevices) {
     Rig rig;
     const auto names = [&](CaptureDevicePosition position) {
         std::vector<std::string> found;
-        const auto discovery = rig.system->discoverDevices({kCaptureDeviceTypeBuiltInWideAngleCamera}, MediaType::Video, position);
+        const auto discovery =
+            rig.system->discoverDevices({kCaptureDeviceTypeBuiltInWideAngleCamera}, MediaType::Video, position);
         for (const auto& device : discovery->devices) found.push_back(device->uniqueId());
         return found;
     };
     EXPECT_THAT(names(CaptureDevicePosition::Back), ElementsAre("simulated-back"));
     EXPECT_THAT(names(CaptureDevicePosition::Front), ElementsAre("simulated-front"));
     EXPECT_THAT(names(CaptureDevicePosition::Unspecified), ElementsAre("simulated-back", "simulated-front"));
-    EXPECT_TRUE(rig.system->discoverDevices({"Telephoto"}, MediaType::Video, CaptureDevicePosition::Back)->devices.empty());
+    EXPECT_TRUE(
+        rig.system->discoverDevices({"Telephoto"}, MediaType::Video, CaptureDevicePosition::Back)->devices.empty());
 
     const auto back = rig.system->defaultDevice(MediaType::Video);
     EXPECT_TRUE(back->hasTorch());
@@ -133,9 +140,18 @@ TEST(SimulatedCapture, FramesFollowPresetFormatAndOrientation) {
         VideoFormatDescription expected;
     } rows[] = {
         {kCaptureSessionPreset640x480, 0, VideoOrientation::Portrait, {kPixelFormat32BGRA, 480, 640}},
-        {kCaptureSessionPreset1280x720, kPixelFormat420v, VideoOrientation::PortraitUpsideDown, {kPixelFormat420v, 720, 1280}},
-        {kCaptureSessionPreset1280x720, kPixelFormat420v, VideoOrientation::LandscapeRight, {kPixelFormat420v, 1280, 720}},
-        {kCaptureSessionPreset640x480, kPixelFormat32ARGB, VideoOrientation::LandscapeLeft, {kPixelFormat32BGRA, 640, 480}},
+        {kCaptureSessionPreset1280x720,
+         kPixelFormat420v,
+         VideoOrientation::PortraitUpsideDown,
+         {kPixelFormat420v, 720, 1280}},
+        {kCaptureSessionPreset1280x720,
+         kPixelFormat420v,
+         VideoOrientation::LandscapeRight,
+         {kPixelFormat420v, 1280, 720}},
+        {kCaptureSessionPreset640x480,
+         kPixelFormat32ARGB,
+         VideoOrientation::LandscapeLeft,
+         {kPixelFormat32BGRA, 640, 480}},
         {kCaptureSessionPresetHigh, kPixelFormat32BGRA, VideoOrientation::NotSet, {kPixelFormat32BGRA, 1920, 1080}},
     };
     const LogCapture logged;
@@ -181,8 +197,10 @@ TEST(SimulatedCapture, PermissionsAnswerAsSet) {
 
 TEST(SimulatedCapture, EachFaultStopsWhatItNames) {
     Rig rig;
-    const auto camera = rig.system->defaultDevice(MediaType::Video), microphone = rig.system->defaultDevice(MediaType::Audio);
-    const auto cameraInput = rig.system->makeDeviceInput(camera).value(), soundInput = rig.system->makeDeviceInput(microphone).value();
+    const auto camera = rig.system->defaultDevice(MediaType::Video),
+               microphone = rig.system->defaultDevice(MediaType::Audio);
+    const auto cameraInput = rig.system->makeDeviceInput(camera).value(),
+               soundInput = rig.system->makeDeviceInput(microphone).value();
     const auto session = rig.system->makeSession();
     const std::pair<SimulatedFaults, std::function<bool()>> rows[] = {
         {{}, [] { return true; }},
@@ -196,16 +214,19 @@ TEST(SimulatedCapture, EachFaultStopsWhatItNames) {
         {{.audioOutputRefused = true}, [&] { return session->canAddOutput(*rig.audio); }},
         {{.metadataOutputRefused = true}, [&] { return session->canAddOutput(*rig.metadata); }},
         {{.lockFails = true}, [&] { return !camera->lockForConfiguration(); }},
-        {{.refusedPresets = {kCaptureSessionPreset1280x720}}, [&] { return session->canSetSessionPreset(kCaptureSessionPreset1280x720); }},
+        {{.refusedPresets = {kCaptureSessionPreset1280x720}},
+         [&] { return session->canSetSessionPreset(kCaptureSessionPreset1280x720); }},
     };
     for (std::size_t set = 0; set < std::size(rows); ++set) {
         rig.system->setFaults(rows[set].first);
-        for (std::size_t i = 1; i < std::size(rows); ++i) EXPECT_EQ(rows[i].second(), i != set) << "fault " << set << ", answer " << i;
+        for (std::size_t i = 1; i < std::size(rows); ++i)
+            EXPECT_EQ(rows[i].second(), i != set) << "fault " << set << ", answer " << i;
     }
 }
 
 TEST(SimulatedCapture, DeliversTheFrameOfTheTimeOnItsStamp) {
-    Rig rig(R"({"at": 0, "visible": true, "center": [0.5, 0.5], "jawWidth": 0.3, "noise": 2}, {"at": 1, "jawWidth": 0.6})");
+    Rig rig(
+        R"({"at": 0, "visible": true, "center": [0.5, 0.5], "jawWidth": 0.3, "noise": 2}, {"at": 1, "jawWidth": 0.6})");
     rig.buildAndRun();
     EXPECT_EQ(rig.session->masterClockTime(), 1000s);
     rig.clock->advance(7s);  // time set by hand does not run with the clock
@@ -261,9 +282,9 @@ TEST(SimulatedCapture, FaultsOfARunningSession) {
     rig.system->setFaults({.startFails = true});
     rig.session->startRunning();
     EXPECT_FALSE(rig.session->isRunning());
-    EXPECT_THAT(logged.take(),
-                ElementsAre("The simulated camera was disconnected", "The simulated session could not start: the camera is disconnected",
-                            "The simulated session could not start: it is set to fail"));
+    EXPECT_THAT(logged.take(), ElementsAre("The simulated camera was disconnected",
+                                           "The simulated session could not start: the camera is disconnected",
+                                           "The simulated session could not start: it is set to fail"));
     rig.system->setFaults({});
     rig.session->startRunning();
     rig.step(600ms);
@@ -296,7 +317,9 @@ TEST(SimulatedCapture, ClearingTheDelegateEndsTheDeliveries) {
     EXPECT_TRUE(rig.recorder->frames.empty());
 
     rig.video->setSampleBufferDelegate(rig.recorder, rig.queue);
-    rig.recorder->onFrame = [&] { rig.video->setSampleBufferDelegate({}, nullptr); };  // from its own delivery: must not wait for itself
+    rig.recorder->onFrame = [&] {
+        rig.video->setSampleBufferDelegate({}, nullptr);
+    };  // from its own delivery: must not wait for itself
     rig.step(66ms);
     rig.step(99ms);
     EXPECT_EQ(rig.recorder->frames.size(), 1u);
@@ -328,9 +351,12 @@ TEST(SimulatedCapture, ManyThreadsMayDriveOneSession) {
     const std::vector<std::function<void(int)>> works{
         [&](int) { rig.session->startRunning(); },
         [&](int) { rig.session->stopRunning(); },
-        [&](int i) { rig.session->setSessionPreset(i % 2 == 0 ? kCaptureSessionPreset640x480 : kCaptureSessionPreset1280x720); },
         [&](int i) {
-            i % 2 == 0 ? rig.video->setSampleBufferDelegate({}, nullptr) : rig.video->setSampleBufferDelegate(rig.recorder, rig.frameQueue);
+            rig.session->setSessionPreset(i % 2 == 0 ? kCaptureSessionPreset640x480 : kCaptureSessionPreset1280x720);
+        },
+        [&](int i) {
+            i % 2 == 0 ? rig.video->setSampleBufferDelegate({}, nullptr)
+                       : rig.video->setSampleBufferDelegate(rig.recorder, rig.frameQueue);
         },
         [&](int i) {
             for (const auto& way : rig.video->connections())
@@ -360,8 +386,9 @@ TEST(SimulatedMotionManager, ReadsTheScriptUntilStopped) {
     SimulatedMotionManager manager(rig.system->scene());
     std::vector<double> rates;
     manager.setDeviceMotionUpdateInterval(300ms);
-    manager.startDeviceMotionUpdates(rig.queue,
-                                     [&](const DeviceMotion& motion, const std::optional<Error>&) { rates.push_back(motion.rotationRate.y); });
+    manager.startDeviceMotionUpdates(rig.queue, [&](const DeviceMotion& motion, const std::optional<Error>&) {
+        rates.push_back(motion.rotationRate.y);
+    });
     for (int i = 0; i < 4; ++i) {
         rig.clock->advance(300ms);
         rig.queue->advance(300ms);
@@ -373,15 +400,16 @@ TEST(SimulatedMotionManager, ReadsTheScriptUntilStopped) {
     rig.queue->advance(10s);
     EXPECT_EQ(rates.size(), 4u);
     // a queue that only the manager holds ends with it, though a reading is always due
-    manager.startDeviceMotionUpdates(std::make_shared<SerialQueue>("motion"), [](const DeviceMotion&, const std::optional<Error>&) {});
+    manager.startDeviceMotionUpdates(std::make_shared<SerialQueue>("motion"),
+                                     [](const DeviceMotion&, const std::optional<Error>&) {});
 }
 
 TEST(SimulatedPlatform, ItsDetectorSaysWhatTheScriptSays) {
     const auto clock = std::make_shared<ManualClock>();
     Platform platform;
     platform.clock = clock;
-    const auto system =
-        useSimulatedCamera(platform, spotFrames(std::string(kSteady) + R"(,{"at": 2, "smiling": true}, {"at": 3, "visible": false})"));
+    const auto system = useSimulatedCamera(
+        platform, spotFrames(std::string(kSteady) + R"(,{"at": 2, "smiling": true}, {"at": 3, "visible": false})"));
     const auto detector = platform.makeFaceDetector();
     const Image picture{.bitmap = PixelBuffer::create(720, 1280, kPixelFormat32BGRA)};
     const auto answer = [&](std::chrono::nanoseconds time, bool smile) {

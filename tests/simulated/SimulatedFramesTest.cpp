@@ -40,14 +40,15 @@ bool sameBytes(const PixelBuffer& a, const PixelBuffer& b) {
 TEST(SimulatedFrames, TruePointsLieWhereTheyAreDrawn) {
     for (const double jaw : {0.08, 0.2, 0.45, 0.6}) {
         for (const double roll : {0.0, 7.0, -30.0, 90.0, 180.0}) {
-            const auto frames = spotFrames(R"({"at": 0, "visible": true, "center": [0.48, 0.55], "jawWidth": )" + std::to_string(jaw) +
-                                           R"(, "roll": )" + std::to_string(roll) + "}");
+            const auto frames = spotFrames(R"({"at": 0, "visible": true, "center": [0.48, 0.55], "jawWidth": )" +
+                                           std::to_string(jaw) + R"(, "roll": )" + std::to_string(roll) + "}");
             for (const auto& [width, height] : {std::pair{360, 640}, {640, 360}, {241, 431}}) {
                 const auto faces = frames->trueGeometry(0s, width, height);
                 ASSERT_EQ(faces.size(), 1u);
                 const Point left = faces[0].jawLeft, right = faces[0].jawRight, spot = faces[0].landmarks.at("spot");
                 EXPECT_NEAR(std::hypot(right.x - left.x, right.y - left.y), jaw * std::min(width, height), 1e-3);
-                EXPECT_NEAR(std::cos(std::atan2(right.y - left.y, right.x - left.x) - roll * std::numbers::pi / 180), 1.0, 1e-9);
+                EXPECT_NEAR(std::cos(std::atan2(right.y - left.y, right.x - left.x) - roll * std::numbers::pi / 180),
+                            1.0, 1e-9);
                 EXPECT_NEAR((left.x + right.x) / 2, 0.48 * width, 1e-6);
                 EXPECT_NEAR((left.y + right.y) / 2, 0.55 * height, 1e-6);
                 for (const PixelFormat format : {kPixelFormat32BGRA, kPixelFormat420v}) {
@@ -68,12 +69,14 @@ TEST(SimulatedFrames, TheSameTimeGivesTheSameBytes) {
         const auto first = one->frame(700ms, 320, 576, format);
         EXPECT_TRUE(sameBytes(*first, *other->frame(700ms, 320, 576, format)));
         EXPECT_FALSE(sameBytes(*first, *one->frame(733ms, 320, 576, format)));
-        EXPECT_FALSE(sameBytes(*one->frame(5s, 320, 576, format), *one->frame(6s, 320, 576, format))) << "the noise stands still";
+        EXPECT_FALSE(sameBytes(*one->frame(5s, 320, 576, format), *one->frame(6s, 320, 576, format)))
+            << "the noise stands still";
     }
 }
 
 TEST(SimulatedFrames, LightAndNoiseAreWhatTheScriptSays) {
-    const auto frame = spotFrames(R"({"at": 0, "visible": false, "light": 1.5, "noise": 4})")->frame(0s, 400, 400, kPixelFormat32BGRA);
+    const auto frame =
+        spotFrames(R"({"at": 0, "visible": false, "light": 1.5, "noise": 4})")->frame(0s, 400, 400, kPixelFormat32BGRA);
     double sum = 0, squares = 0;
     for (int y = 0; y < 400; ++y) {
         for (int x = 0; x < 400; ++x) {
@@ -111,7 +114,8 @@ TEST(Samples, EachScriptShowsWhatItIsFor) {
         std::memset(grey->data(), 128, grey->layout().byteSize());
         return SimulatedFrames::make(grey, geometry.value(), script.value()).value();
     };
-    const auto statusesAt = [](const SimulatedFrames& frames, std::chrono::milliseconds time) -> std::vector<SelvioFacialCaptureStatus> {
+    const auto statusesAt = [](const SimulatedFrames& frames,
+                               std::chrono::milliseconds time) -> std::vector<SelvioFacialCaptureStatus> {
         const auto faces = frames.trueGeometry(time, 720, 1280);
         if (faces.empty()) return {SelvioFacialCaptureStatusFaceNotFound};
         if (faces.size() > 1) return {SelvioFacialCaptureStatusMoreThanOneFace};
@@ -121,15 +125,16 @@ TEST(Samples, EachScriptShowsWhatItIsFor) {
     };
     const auto demo = load("demo.json");
     using Statuses = std::vector<SelvioFacialCaptureStatus>;
-    const std::pair<std::chrono::milliseconds, Statuses> shown[] = {{600ms, {SelvioFacialCaptureStatusFaceNotFound}},
-                                                                    {1800ms, {SelvioFacialCaptureStatusMoreThanOneFace}},
-                                                                    {3000ms, {SelvioFacialCaptureStatusMoveCloser}},
-                                                                    {4700ms, {SelvioFacialCaptureStatusTooClose}},
-                                                                    {6200ms, {SelvioFacialCaptureStatusNotCentered}},
-                                                                    {7500ms, {SelvioFacialCaptureStatusNotCentered}},
-                                                                    {9000ms, {SelvioFacialCaptureStatusFaceRoll, SelvioFacialCaptureStatusFacePitch}},
-                                                                    {10500ms, {SelvioFacialCaptureStatusHoldStill}},
-                                                                    {11000ms, {}}};
+    const std::pair<std::chrono::milliseconds, Statuses> shown[] = {
+        {600ms, {SelvioFacialCaptureStatusFaceNotFound}},
+        {1800ms, {SelvioFacialCaptureStatusMoreThanOneFace}},
+        {3000ms, {SelvioFacialCaptureStatusMoveCloser}},
+        {4700ms, {SelvioFacialCaptureStatusTooClose}},
+        {6200ms, {SelvioFacialCaptureStatusNotCentered}},
+        {7500ms, {SelvioFacialCaptureStatusNotCentered}},
+        {9000ms, {SelvioFacialCaptureStatusFaceRoll, SelvioFacialCaptureStatusFacePitch}},
+        {10500ms, {SelvioFacialCaptureStatusHoldStill}},
+        {11000ms, {}}};
     for (const auto& [time, statuses] : shown) EXPECT_EQ(statusesAt(*demo, time), statuses) << time.count();
     for (const char* name : {"steady.json", "smile-first.json", "smile-later.json"}) {
         const auto frames = load(name);

@@ -21,8 +21,11 @@ struct FakeWriterScript {
 
 class FakeAssetWriterInput final : public AssetWriterInput {
 public:
-    FakeAssetWriterInput(std::shared_ptr<FakeWriterScript> script, std::string name) : script_(std::move(script)), name_(std::move(name)) {}
-    void setExpectsMediaDataInRealTime(bool expects) override { script_->calls.add(name_ + (expects ? " real time" : " batch")); }
+    FakeAssetWriterInput(std::shared_ptr<FakeWriterScript> script, std::string name)
+        : script_(std::move(script)), name_(std::move(name)) {}
+    void setExpectsMediaDataInRealTime(bool expects) override {
+        script_->calls.add(name_ + (expects ? " real time" : " batch"));
+    }
     [[nodiscard]] bool isReadyForMoreMediaData() const override { return script_->ready; }
     bool appendSampleBuffer(const std::shared_ptr<SampleBuffer>&) override {
         script_->calls.add(name_ + " sample");
@@ -52,7 +55,8 @@ public:
         return true;
     }
     void startSessionAtSourceTime(std::chrono::nanoseconds time) override {
-        script_->calls.add("from " + std::to_string(std::chrono::duration_cast<std::chrono::seconds>(time).count()) + " s");
+        script_->calls.add("from " + std::to_string(std::chrono::duration_cast<std::chrono::seconds>(time).count()) +
+                           " s");
     }
     void finishWriting(std::function<void()> completion) override {
         script_->calls.add("finish");
@@ -79,14 +83,16 @@ private:
 class FakeAssetWriterFactory final : public AssetWriterFactory {
 public:
     explicit FakeAssetWriterFactory(std::shared_ptr<FakeWriterScript> script) : script_(std::move(script)) {}
-    [[nodiscard]] Expected<std::shared_ptr<AssetWriter>> makeAssetWriter(const std::filesystem::path& path, const std::string& fileType) override {
+    [[nodiscard]] Expected<std::shared_ptr<AssetWriter>> makeAssetWriter(const std::filesystem::path& path,
+                                                                         const std::string& fileType) override {
         script_->calls.add("make " + fileType + " " + path.string());
         if (script_->refused.contains("writer")) return Error{"no room"};
         return std::shared_ptr<AssetWriter>(std::make_shared<FakeAssetWriter>(script_));
     }
     [[nodiscard]] std::shared_ptr<AssetWriterInput> makeVideoInput(const VideoSettings& settings) override {
         const auto rate = settings.compressionProperties.find(kVideoAverageBitRateKey);
-        script_->calls.add("video " + settings.codec + " " + std::to_string(settings.width) + "x" + std::to_string(settings.height) + " at " +
+        script_->calls.add("video " + settings.codec + " " + std::to_string(settings.width) + "x" +
+                           std::to_string(settings.height) + " at " +
                            (rate == settings.compressionProperties.end() ? "no rate" : std::to_string(rate->second)));
         return std::make_shared<FakeAssetWriterInput>(script_, "video");
     }

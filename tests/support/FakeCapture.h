@@ -1,4 +1,5 @@
-// A capture system of one camera and one microphone that writes down what is asked of it and refuses what the test says.
+// A capture system of one camera and one microphone that writes down what is asked of it and refuses what the test
+// says.
 #pragma once
 
 #include <SelvioFacialCapture/platform/Capture.h>
@@ -16,7 +17,8 @@ namespace selvio {
 /// What goes wrong, and everything the fakes share. Fill it before the calls.
 struct FakeCaptureScript {
     CallLog calls;
-    std::set<std::string> refused;        ///< by the session: "camera", "microphone", "video", "audio", "metadata", or a preset
+    std::set<std::string>
+        refused;  ///< by the session: "camera", "microphone", "video", "audio", "metadata", or a preset
     std::set<std::string> failingInputs;  ///< "camera", "microphone"
     bool noCamera = false;
     bool noMicrophone = false;
@@ -50,7 +52,9 @@ public:
     FakeCaptureDevice(FakeScript script, std::string name) : script_(std::move(script)), name_(std::move(name)) {}
     [[nodiscard]] std::string uniqueId() const override { return name_; }
     [[nodiscard]] std::string localizedName() const override { return name_; }
-    [[nodiscard]] MediaType mediaType() const override { return name_ == "camera" ? MediaType::Video : MediaType::Audio; }
+    [[nodiscard]] MediaType mediaType() const override {
+        return name_ == "camera" ? MediaType::Video : MediaType::Audio;
+    }
     [[nodiscard]] CaptureDevicePosition position() const override { return CaptureDevicePosition::Back; }
     [[nodiscard]] std::vector<CaptureDeviceFormat> formats() const override { return script_->formats; }
     [[nodiscard]] std::optional<CaptureDeviceFormat> activeFormat() const override { return std::nullopt; }
@@ -59,9 +63,13 @@ public:
         return script_->lockFails ? std::optional(Error{"in use"}) : std::nullopt;
     }
     void unlockForConfiguration() override { say("unlock"); }
-    void setActiveFormat(const CaptureDeviceFormat& format) override { say("format width " + std::to_string(format.formatDescription.width)); }
+    void setActiveFormat(const CaptureDeviceFormat& format) override {
+        say("format width " + std::to_string(format.formatDescription.width));
+    }
     [[nodiscard]] bool isFocusPointOfInterestSupported() const override { return script_->focusSupported; }
-    void setFocusPointOfInterest(Point point) override { say(point == Point{0.5, 0.5} ? "focus centre" : "focus elsewhere"); }
+    void setFocusPointOfInterest(Point point) override {
+        say(point == Point{0.5, 0.5} ? "focus centre" : "focus elsewhere");
+    }
     [[nodiscard]] bool isFocusModeSupported(FocusMode mode) const override {
         return script_->focusSupported && mode == FocusMode::ContinuousAutoFocus;
     }
@@ -90,13 +98,17 @@ class FakeOutput : public Port {
 public:
     FakeOutput(FakeScript script, std::string name) : script_(std::move(script)), name_(std::move(name)) {}
     [[nodiscard]] std::vector<std::shared_ptr<CaptureConnection>> connections() const override {
-        return {std::make_shared<FakeConnection>(script_, name_ + " fixed", false), std::make_shared<FakeConnection>(script_, name_)};
+        return {std::make_shared<FakeConnection>(script_, name_ + " fixed", false),
+                std::make_shared<FakeConnection>(script_, name_)};
     }
     void deliver(const std::shared_ptr<SampleBuffer>& sample) {
-        submit([this, sample](CaptureOutputDelegate& to) { to.captureOutputDidOutputSampleBuffer(*this, sample, nullptr); });
+        submit([this, sample](CaptureOutputDelegate& to) {
+            to.captureOutputDidOutputSampleBuffer(*this, sample, nullptr);
+        });
     }
     void drop(const std::shared_ptr<SampleBuffer>& sample) {
-        submit([this, sample](CaptureOutputDelegate& to) { to.captureOutputDidDropSampleBuffer(*this, sample, nullptr); });
+        submit(
+            [this, sample](CaptureOutputDelegate& to) { to.captureOutputDidDropSampleBuffer(*this, sample, nullptr); });
     }
 
 protected:
@@ -143,18 +155,25 @@ public:
     void setSampleBufferDelegate(std::weak_ptr<CaptureOutputDelegate> delegate, std::shared_ptr<Queue> queue) override {
         setReceiver(std::move(delegate), std::move(queue));
     }
-    [[nodiscard]] AudioSettings recommendedAudioSettings(const std::string&) const override { return {44100, 2, 128000}; }
+    [[nodiscard]] AudioSettings recommendedAudioSettings(const std::string&) const override {
+        return {44100, 2, 128000};
+    }
 };
 
 class FakeMetadataOutput final : public FakeOutput<MetadataOutput> {
 public:
     using FakeOutput::FakeOutput;
-    void setMetadataObjectsDelegate(std::weak_ptr<CaptureOutputDelegate> delegate, std::shared_ptr<Queue> queue) override {
+    void setMetadataObjectsDelegate(std::weak_ptr<CaptureOutputDelegate> delegate,
+                                    std::shared_ptr<Queue> queue) override {
         setReceiver(std::move(delegate), std::move(queue));
     }
-    void setMetadataObjectTypes(std::vector<std::string> types) override { say("types " + (types.size() == 1 ? types[0] : "wrong")); }
+    void setMetadataObjectTypes(std::vector<std::string> types) override {
+        say("types " + (types.size() == 1 ? types[0] : "wrong"));
+    }
     void decode(std::vector<MetadataObject> objects) {
-        submit([this, objects](CaptureOutputDelegate& to) { to.captureOutputDidOutputMetadataObjects(*this, objects, nullptr); });
+        submit([this, objects](CaptureOutputDelegate& to) {
+            to.captureOutputDidOutputMetadataObjects(*this, objects, nullptr);
+        });
     }
 };
 
@@ -178,7 +197,8 @@ public:
         // As a real session: one input of a kind.
         const std::lock_guard lock(mutex_);
         const auto same = [&](const auto& other) { return other->device()->uniqueId() == input.device()->uniqueId(); };
-        return !script_->refused.contains(input.device()->uniqueId()) && std::none_of(inputs_.begin(), inputs_.end(), same);
+        return !script_->refused.contains(input.device()->uniqueId()) &&
+               std::none_of(inputs_.begin(), inputs_.end(), same);
     }
     void addInput(std::shared_ptr<CaptureDeviceInput> input) override {
         script_->calls.add("add " + input->device()->uniqueId());
@@ -190,7 +210,9 @@ public:
         const std::lock_guard lock(mutex_);
         std::erase(inputs_, input);
     }
-    [[nodiscard]] bool canAddOutput(const CaptureOutput& output) const override { return !script_->refused.contains(nameOf(output)); }
+    [[nodiscard]] bool canAddOutput(const CaptureOutput& output) const override {
+        return !script_->refused.contains(nameOf(output));
+    }
     void addOutput(std::shared_ptr<CaptureOutput> output) override {
         script_->calls.add("add " + nameOf(*output));
         const std::lock_guard lock(mutex_);
@@ -234,9 +256,10 @@ private:
 class FakeCaptureSystem final : public CaptureSystem {
 public:
     explicit FakeCaptureSystem(FakeScript script) : script_(std::move(script)) {}
-    [[nodiscard]] std::shared_ptr<CaptureDeviceDiscoverySession> discoverDevices(const std::vector<std::string>& types, MediaType mediaType,
-                                                                                 CaptureDevicePosition position) override {
-        script_->calls.add("discover " + (types.size() == 1 ? types[0] : "wrong") + (mediaType == MediaType::Video ? " video " : " audio ") +
+    [[nodiscard]] std::shared_ptr<CaptureDeviceDiscoverySession> discoverDevices(
+        const std::vector<std::string>& types, MediaType mediaType, CaptureDevicePosition position) override {
+        script_->calls.add("discover " + (types.size() == 1 ? types[0] : "wrong") +
+                           (mediaType == MediaType::Video ? " video " : " audio ") +
                            std::to_string(static_cast<std::int64_t>(position)));
         auto found = std::make_shared<CaptureDeviceDiscoverySession>();
         if (!script_->noCamera) found->devices = {camera_, microphone_};  // the first is to be taken
@@ -245,16 +268,27 @@ public:
     [[nodiscard]] std::shared_ptr<CaptureDevice> defaultDevice(MediaType mediaType) override {
         return mediaType == MediaType::Audio && !script_->noMicrophone ? microphone_ : nullptr;
     }
-    [[nodiscard]] Expected<std::shared_ptr<CaptureDeviceInput>> makeDeviceInput(const std::shared_ptr<CaptureDevice>& device) override {
+    [[nodiscard]] Expected<std::shared_ptr<CaptureDeviceInput>> makeDeviceInput(
+        const std::shared_ptr<CaptureDevice>& device) override {
         if (script_->failingInputs.contains(device->uniqueId())) return Error{"not allowed"};
         return std::shared_ptr<CaptureDeviceInput>(std::make_shared<FakeCaptureInput>(device));
     }
-    [[nodiscard]] std::shared_ptr<CaptureSession> makeSession() override { return std::make_shared<FakeCaptureSession>(script_); }
-    [[nodiscard]] std::shared_ptr<VideoDataOutput> makeVideoDataOutput() override { return std::make_shared<FakeVideoDataOutput>(script_, "video"); }
-    [[nodiscard]] std::shared_ptr<AudioDataOutput> makeAudioDataOutput() override { return std::make_shared<FakeAudioDataOutput>(script_, "audio"); }
-    [[nodiscard]] std::shared_ptr<MetadataOutput> makeMetadataOutput() override { return std::make_shared<FakeMetadataOutput>(script_, "metadata"); }
+    [[nodiscard]] std::shared_ptr<CaptureSession> makeSession() override {
+        return std::make_shared<FakeCaptureSession>(script_);
+    }
+    [[nodiscard]] std::shared_ptr<VideoDataOutput> makeVideoDataOutput() override {
+        return std::make_shared<FakeVideoDataOutput>(script_, "video");
+    }
+    [[nodiscard]] std::shared_ptr<AudioDataOutput> makeAudioDataOutput() override {
+        return std::make_shared<FakeAudioDataOutput>(script_, "audio");
+    }
+    [[nodiscard]] std::shared_ptr<MetadataOutput> makeMetadataOutput() override {
+        return std::make_shared<FakeMetadataOutput>(script_, "metadata");
+    }
     [[nodiscard]] AuthorizationStatus authorizationStatus(MediaType) override { return script_->authorization; }
-    void requestAccess(MediaType mediaType, std::function<void(bool granted)> completion) override { completion(mediaType == MediaType::Video); }
+    void requestAccess(MediaType mediaType, std::function<void(bool granted)> completion) override {
+        completion(mediaType == MediaType::Video);
+    }
 
 private:
     const FakeScript script_;

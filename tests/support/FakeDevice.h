@@ -23,7 +23,8 @@ private:
 
 class FakeScreen final : public Screen {
 public:
-    explicit FakeScreen(Size bounds = {1080.0, 1920.0}, InterfaceOrientation orientation = InterfaceOrientation::Portrait)
+    explicit FakeScreen(Size bounds = {1080.0, 1920.0},
+                        InterfaceOrientation orientation = InterfaceOrientation::Portrait)
         : bounds_(bounds), orientation_(orientation) {}
     [[nodiscard]] Size bounds() const override { return bounds_; }
     [[nodiscard]] InterfaceOrientation statusBarOrientation() const override { return orientation_; }

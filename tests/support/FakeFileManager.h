@@ -15,11 +15,14 @@ public:
     using Bytes = std::vector<std::uint8_t>;
 
     [[nodiscard]] std::filesystem::path documentsDirectory() const override { return "/documents"; }
-    [[nodiscard]] Expected<std::vector<std::string>> contentsOfDirectory(const std::filesystem::path& directory) const override {
+    [[nodiscard]] Expected<std::vector<std::string>> contentsOfDirectory(
+        const std::filesystem::path& directory) const override {
         if (directory != documentsDirectory() || listingFails) return Error{"no such directory"};
         return names();
     }
-    [[nodiscard]] bool fileExists(const std::filesystem::path& path) const override { return static_cast<bool>(readFile(path)); }
+    [[nodiscard]] bool fileExists(const std::filesystem::path& path) const override {
+        return static_cast<bool>(readFile(path));
+    }
     std::optional<Error> removeItem(const std::filesystem::path& path) override {
         if (undeletable.contains(path.filename().string())) return Error{"read-only"};
         const std::lock_guard lock(mutex_);

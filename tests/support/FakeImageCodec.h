@@ -17,11 +17,13 @@ public:
         source->text.assign(bytes.begin(), bytes.end());
         return source;
     }
-    [[nodiscard]] std::optional<Bytes> encodeFromSource(const ImageSource& source, const ImageProperties& properties) const override {
+    [[nodiscard]] std::optional<Bytes> encodeFromSource(const ImageSource& source,
+                                                        const ImageProperties& properties) const override {
         if (failsAt_ == 3) return std::nullopt;
         const auto& jfif = properties.jfif.value();
-        return bytes(static_cast<const Source&>(source).text + ", then at " + std::to_string(properties.lossyCompressionQuality.value()) + ", " +
-                     std::to_string(jfif.xDensity) + "x" + std::to_string(jfif.yDensity) + "/" + std::to_string(jfif.densityUnit) + ": " +
+        return bytes(static_cast<const Source&>(source).text + ", then at " +
+                     std::to_string(properties.lossyCompressionQuality.value()) + ", " + std::to_string(jfif.xDensity) +
+                     "x" + std::to_string(jfif.yDensity) + "/" + std::to_string(jfif.densityUnit) + ": " +
                      properties.exif.value().userComment.value_or("(none)"));
     }
     [[nodiscard]] bool userCommentFits(std::string_view text) const override { return text.size() <= commentLimit_; }

@@ -11,7 +11,9 @@ namespace selvio {
 class FakeMotionManager final : public MotionManager {
 public:
     void setDeviceMotionUpdateInterval(std::chrono::nanoseconds interval) override { interval_ = interval; }
-    void startDeviceMotionUpdates(std::shared_ptr<Queue>, Handler handler) override { mutex_.set(handler_, std::move(handler)); }
+    void startDeviceMotionUpdates(std::shared_ptr<Queue>, Handler handler) override {
+        mutex_.set(handler_, std::move(handler));
+    }
     void stopDeviceMotionUpdates() override { mutex_.set(handler_, nullptr); }
 
     /// Hands a reading to the handler, if one is set.

@@ -35,7 +35,8 @@ public:
     [[nodiscard]] Rect frame() const override { return frame_; }
     void addSubview(const BlurView& view) override { subviews.push_back(view); }
     bool removeSubviewWithTag(std::int64_t tag) override {
-        const auto found = std::find_if(subviews.begin(), subviews.end(), [tag](const BlurView& view) { return view.tag == tag; });
+        const auto found =
+            std::find_if(subviews.begin(), subviews.end(), [tag](const BlurView& view) { return view.tag == tag; });
         if (found == subviews.end()) return false;
         subviews.erase(found);
         return true;

@@ -14,7 +14,8 @@ namespace selvio {
 class FakeSequenceRequestHandler final : public SequenceRequestHandler {
 public:
     std::optional<Error> performRequests(const std::vector<std::shared_ptr<FaceLandmarksRequest>>& requests,
-                                         const std::shared_ptr<const PixelBuffer>& pixelBuffer, std::uint32_t exifOrientation) override {
+                                         const std::shared_ptr<const PixelBuffer>& pixelBuffer,
+                                         std::uint32_t exifOrientation) override {
         ++count_;
         lastOrientation_ = exifOrientation;
         if (const auto error = mutex_.get(handlerError_)) return error;
@@ -29,7 +30,9 @@ public:
         return std::nullopt;
     }
 
-    void setObservations(std::optional<std::vector<FaceObservation>> observations) { mutex_.set(observations_, std::move(observations)); }
+    void setObservations(std::optional<std::vector<FaceObservation>> observations) {
+        mutex_.set(observations_, std::move(observations));
+    }
     /// The request runs, but fails.
     void setRequestError(std::optional<Error> error) { mutex_.set(requestError_, std::move(error)); }
     /// The request cannot be run.
@@ -58,7 +61,8 @@ private:
 class FakeFaceDetector final : public FaceDetector {
 public:
     [[nodiscard]] std::vector<FaceFeature> featuresInImage(const Image&, bool smile) override {
-        return std::vector<FaceFeature>(static_cast<std::size_t>(faces_), FaceFeature{.bounds = {}, .hasSmile = smile && smiling_});
+        return std::vector<FaceFeature>(static_cast<std::size_t>(faces_),
+                                        FaceFeature{.bounds = {}, .hasSmile = smile && smiling_});
     }
     void setFaces(int faces) { faces_ = faces; }
     void setSmiling(bool smiling) { smiling_ = smiling; }

@@ -9,8 +9,12 @@ namespace selvio {
 
 class ManualClock final : public Clock {
 public:
-    [[nodiscard]] double secondsSinceReferenceDate() const override { return std::chrono::duration<double>(monotonicTime()).count(); }
-    [[nodiscard]] std::chrono::nanoseconds monotonicTime() const override { return std::chrono::nanoseconds(now_.load()); }
+    [[nodiscard]] double secondsSinceReferenceDate() const override {
+        return std::chrono::duration<double>(monotonicTime()).count();
+    }
+    [[nodiscard]] std::chrono::nanoseconds monotonicTime() const override {
+        return std::chrono::nanoseconds(now_.load());
+    }
     void advance(std::chrono::nanoseconds time) { now_ += time.count(); }
 
 private:

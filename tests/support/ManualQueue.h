@@ -14,7 +14,9 @@ public:
     explicit ManualQueue(std::string label = "manual") : label_(std::move(label)) {}
 
     void async(Block block) override { ready_.push_back(std::move(block)); }
-    void asyncAfter(std::chrono::nanoseconds delay, Block block) override { delayed_.emplace(now_ + delay, std::move(block)); }
+    void asyncAfter(std::chrono::nanoseconds delay, Block block) override {
+        delayed_.emplace(now_ + delay, std::move(block));
+    }
     [[nodiscard]] bool isCurrent() const override { return running_; }
     [[nodiscard]] const std::string& label() const override { return label_; }
 

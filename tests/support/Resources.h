@@ -15,7 +15,8 @@ struct Resources {
 
     static Resources now() {
         const auto entries = [](const char* directory) {
-            return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(directory), std::filesystem::directory_iterator()));
+            return static_cast<std::size_t>(
+                std::distance(std::filesystem::directory_iterator(directory), std::filesystem::directory_iterator()));
         };
         Resources held{entries("/proc/self/task"), entries("/proc/self/fd")};
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)

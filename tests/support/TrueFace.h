@@ -9,7 +9,9 @@ namespace selvio {
 
 /// What a detector without error would make of the face. The screen shows the frame as a mirror does.
 inline rules::FaceChecksInput trueChecksInput(const FrameFace& face, Size frame, Size screen) {
-    const auto onScreen = [&](Point p) { return Point{(frame.width - p.x) * screen.width / frame.width, p.y * screen.height / frame.height}; };
+    const auto onScreen = [&](Point p) {
+        return Point{(frame.width - p.x) * screen.width / frame.width, p.y * screen.height / frame.height};
+    };
     const auto at = [&](const char* name) { return face.landmarks.at(name); };
     std::vector<Point> contour(17), nose(9);
     contour[16] = onScreen(face.jawRight);

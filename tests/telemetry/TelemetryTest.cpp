@@ -29,7 +29,8 @@ TEST(UxpEvents, OnlyConsecutiveRepeatsAreMerged) {
         {{21, 21, 9}, {"FENF"}},
         {{9, -1, 9}, {"FENF", "FENF"}},  // a number without a code still separates
         {{0, 1, 2, 3, 4, 5, 6, 7, 8, 10, 11, 12, 13, 14, 16, 17, 18, 19},
-         {"SA", "SS", "IS", "HS", "RS", "MF", "MT", "ST", "C", "FENC", "FEMF", "FER", "FEP", "FEY", "FETC", "FENS", "FESS", "FHS"}},
+         {"SA", "SS", "IS", "HS", "RS", "MF", "MT", "ST", "C", "FENC", "FEMF", "FER", "FEP", "FEY", "FETC", "FENS",
+          "FESS", "FHS"}},
     };
     for (const Row& row : rows) {
         const auto manager = Manager::init(std::make_shared<ManualClock>());
@@ -78,7 +79,8 @@ protected:
 };
 
 TEST_F(RecordTest, ANewRecordHoldsItsSevenMembersWithoutWhiteSpace) {
-    EXPECT_EQ(json::parse(record->obixDataString().value()), json::parse(R"({"ObixVersion": "1.6", "Platform": "iOS", "OS": "13.0", "Device": "Kiosk",
+    EXPECT_EQ(json::parse(record->obixDataString().value()),
+              json::parse(R"({"ObixVersion": "1.6", "Platform": "iOS", "OS": "13.0", "Device": "Kiosk",
         "Model": "x86_64", "Manufacturer": "Apple", "SDKVersion": "Facial Capture 3.2.1"})"));
     EXPECT_EQ(record->obixDataString()->find("\": "), std::string::npos);
 }
@@ -124,7 +126,8 @@ TEST_F(RecordTest, ARecordTooLongForItsSegmentLosesItsOldestEventsInThePhotograp
     EXPECT_LE(comment.dump().size(), 1000U);
     EXPECT_GT(comment.dump().size() + events[0].dump().size() + 4, 1000U);  // one more would not fit
     EXPECT_EQ(record->obixDataString(), whole);
-    EXPECT_THAT(log.take(), ::testing::ElementsAre(::testing::HasSubstr(std::to_string(1000 - kept.size()) + " oldest events")));
+    EXPECT_THAT(log.take(),
+                ::testing::ElementsAre(::testing::HasSubstr(std::to_string(1000 - kept.size()) + " oldest events")));
 
     codec->setCommentLimit(10);
     EXPECT_NE(embedded(95).find(": (none)"), std::string::npos);

@@ -31,8 +31,10 @@ TEST_F(V4l2Capture, IsFoundWithItsFormats) {
 }
 
 TEST_F(V4l2Capture, DeliversWhatItSendsRawAndCompressed) {
-    outputOf("gst-launch-1.0 -q videotestsrc num-buffers=1 pattern=white ! video/x-raw,width=1280,height=720 ! jpegenc ! filesink location='" +
-             (files_ / "frame.jpg").string() + "'");
+    outputOf(
+        "gst-launch-1.0 -q videotestsrc num-buffers=1 pattern=white ! video/x-raw,width=1280,height=720 ! jpegenc ! "
+        "filesink location='" +
+        (files_ / "frame.jpg").string() + "'");
     const Delivery deliveries[] = {
         // As Motion JPEG, because raw frames of this size come ten times a second only.
         {1280, 720, kPixelFormat420v, VideoOrientation::Portrait, 404, 720, 20 * 404, 100 * 404},
@@ -54,7 +56,8 @@ TEST_F(V4l2Capture, SetsTheFocus) {
     camera_->setActiveFormat({{kPixelFormat420v, 320, 240}, 30});
     rig.session->startRunning();
     ASSERT_TRUE(rig.session->isRunning());
-    for (const auto mode : {FocusMode::ContinuousAutoFocus, FocusMode::Locked, FocusMode::AutoFocus}) camera_->setFocusMode(mode);
+    for (const auto mode : {FocusMode::ContinuousAutoFocus, FocusMode::Locked, FocusMode::AutoFocus})
+        camera_->setFocusMode(mode);
     EXPECT_EQ(contentOf(files_ / "controls"), "FOCUS_AUTO=1\nFOCUS_AUTO=0\nAUTO_FOCUS_START=1\n");
 }
 

@@ -13,9 +13,11 @@ namespace {
 
 using Observations = std::vector<FaceObservation>;
 
-Observations perform(SequenceRequestHandler& handler, const std::shared_ptr<const PixelBuffer>& buffer, std::uint32_t orientation = 5) {
+Observations perform(SequenceRequestHandler& handler, const std::shared_ptr<const PixelBuffer>& buffer,
+                     std::uint32_t orientation = 5) {
     int completions = 0;
-    const auto request = std::make_shared<FaceLandmarksRequest>([&](const FaceLandmarksRequest&, const std::optional<Error>&) { ++completions; });
+    const auto request = std::make_shared<FaceLandmarksRequest>(
+        [&](const FaceLandmarksRequest&, const std::optional<Error>&) { ++completions; });
     const auto error = handler.performRequests({request}, buffer, orientation);
     EXPECT_FALSE(error) << error->localizedDescription;
     EXPECT_EQ(completions, 1);
@@ -23,7 +25,8 @@ Observations perform(SequenceRequestHandler& handler, const std::shared_ptr<cons
 }
 
 Point onScreen(const FaceObservation& face, Point p, Size screen) {
-    return {(face.boundingBox.y + p.y * face.boundingBox.height) * screen.width, (face.boundingBox.x + p.x * face.boundingBox.width) * screen.height};
+    return {(face.boundingBox.y + p.y * face.boundingBox.height) * screen.width,
+            (face.boundingBox.x + p.x * face.boundingBox.width) * screen.height};
 }
 
 TEST(FaceFinding, IsMirroredAndUprightHoweverTheDeviceIsHeld) {
@@ -64,7 +67,8 @@ TEST(FaceFinding, FindsOneFaceOverSizesAndTilts) {
     for (const double jaw : {0.2, 0.3, 0.4, 0.55, 0.7, 0.9}) {
         for (const double roll : {-40.0, -25.0, -10.0, 0.0, 10.0, 25.0, 40.0}) {
             if (jaw < 0.4 && std::abs(roll) > 30) continue;
-            const auto faces = perform(*makeSequenceRequestHandler(), to420v(frameOf(720, 1280, {Person{.jaw = jaw, .roll = roll}})));
+            const auto faces =
+                perform(*makeSequenceRequestHandler(), to420v(frameOf(720, 1280, {Person{.jaw = jaw, .roll = roll}})));
             ASSERT_EQ(faces.size(), 1U) << jaw << " " << roll;
             const auto& contour = faces[0].landmarks->faceContour->normalizedPoints;
             const Point left = onScreen(faces[0], contour[16], {720, 1280});
@@ -81,7 +85,9 @@ TEST(FaceFinding, SeesASmallSecondPersonWithinHalfASecond) {
     const auto handler = makeSequenceRequestHandler({.landmarkModelPath = kDefaultLandmarkModelPath, .clock = clock});
     const Person near{.x = 0.6, .y = 0.55, .jaw = 0.5};
     const auto alone = toBgra(frameOf(720, 1280, {near}));
-    const auto together = [&](double x) { return toBgra(frameOf(720, 1280, {Person{.x = x, .y = 0.15, .jaw = 0.17}, near})); };
+    const auto together = [&](double x) {
+        return toBgra(frameOf(720, 1280, {Person{.x = x, .y = 0.15, .jaw = 0.17}, near}));
+    };
     const auto next = [&](const auto& buffer) {
         clock->advance(std::chrono::milliseconds(33));
         return perform(*handler, buffer).size();
@@ -112,14 +118,17 @@ TEST(FaceFinding, SaysWhyItCannotLook) {
         std::string modelPath;
         const char* words;
     };
-    const Case cases[] = {{"null", nullptr, 5, kDefaultLandmarkModelPath, "no pixel buffer"},
-                          {"empty", PixelBuffer::wrap(empty, {nullptr, nullptr}, [] {}), 5, kDefaultLandmarkModelPath, "size or format"},
-                          {"unknown", PixelBuffer::wrap(unknown, {nullptr, nullptr}, [] {}), 5, kDefaultLandmarkModelPath, "size or format"},
-                          {"orientation", good, 9, kDefaultLandmarkModelPath, "orientation 9"},
-                          {"model", good, 5, path, "/nonexistent/shape.dat"}};
+    const Case cases[] = {
+        {"null", nullptr, 5, kDefaultLandmarkModelPath, "no pixel buffer"},
+        {"empty", PixelBuffer::wrap(empty, {nullptr, nullptr}, [] {}), 5, kDefaultLandmarkModelPath, "size or format"},
+        {"unknown", PixelBuffer::wrap(unknown, {nullptr, nullptr}, [] {}), 5, kDefaultLandmarkModelPath,
+         "size or format"},
+        {"orientation", good, 9, kDefaultLandmarkModelPath, "orientation 9"},
+        {"model", good, 5, path, "/nonexistent/shape.dat"}};
     for (const Case& c : cases) {
         bool completed = false;
-        const auto request = std::make_shared<FaceLandmarksRequest>([&](const auto&, const auto&) { completed = true; });
+        const auto request =
+            std::make_shared<FaceLandmarksRequest>([&](const auto&, const auto&) { completed = true; });
         const auto handler = makeSequenceRequestHandler({.landmarkModelPath = c.modelPath, .clock = nullptr});
         const auto error = handler->performRequests({request}, c.buffer, c.orientation);
         ASSERT_TRUE(error) << c.name;
@@ -131,7 +140,8 @@ TEST(FaceFinding, SaysWhyItCannotLook) {
 }
 
 TEST(FaceFinding, SurvivesOddSizes) {
-    for (const auto& [width, height] : {std::pair{1, 1}, {2, 3}, {1, 4000}, {4000, 1}, {79, 81}, {361, 643}, {3000, 40}}) {
+    for (const auto& [width, height] :
+         {std::pair{1, 1}, {2, 3}, {1, 4000}, {4000, 1}, {79, 81}, {361, 643}, {3000, 40}}) {
         const Picture picture = frameOf(width, height, {Person{}});
         for (const std::uint32_t orientation : {5U, 4U}) {
             for (const auto& buffer : {toBgra(picture), to420v(picture), toArgb(picture)})

@@ -25,13 +25,15 @@ TEST(LandmarkModel, AgreesWithTheOriginalPredictor) {
     for (long y = 0; y < 400; ++y) {
         for (long x = 0; x < 300; ++x) same[y][x] = grey.pixels[static_cast<std::size_t>(y * 300 + x)];
     }
-    // Their points are whole pixels: 0.29 off on average by that alone. A probe on the edge between two pixels may send a tree another way.
+    // Their points are whole pixels: 0.29 off on average by that alone. A probe on the edge between two pixels may send
+    // a tree another way.
     double squares = 0.0;
     double coordinates = 0.0;
-    for (const auto& [left, top, side] : {std::tuple{65, 150, 170}, {60, 140, 180}, {90, 170, 150}, {50, 130, 200}, {68, 155, 160}}) {
+    for (const auto& [left, top, side] :
+         {std::tuple{65, 150, 170}, {60, 140, 180}, {90, 170, 150}, {50, 130, 200}, {68, 155, 160}}) {
         const auto theirs = original(same, dlib::rectangle(left, top, left + side, top + side));
-        const LandmarkPoints ours =
-            model.value()->predict(grey, {static_cast<double>(side), 0.0, static_cast<double>(left), static_cast<double>(top)});
+        const LandmarkPoints ours = model.value()->predict(
+            grey, {static_cast<double>(side), 0.0, static_cast<double>(left), static_cast<double>(top)});
         for (std::size_t i = 0; i < ours.size(); ++i) {
             const double dx = ours[i].x - static_cast<double>(theirs.part(i).x());
             const double dy = ours[i].y - static_cast<double>(theirs.part(i).y());
@@ -46,10 +48,12 @@ TEST(LandmarkModel, AgreesWithTheOriginalPredictor) {
 TEST(LandmarkModel, SaysWhichFileIsMissingOrDamaged) {
     const TemporaryDirectory directory;
     std::string start(200'000, '\0');
-    std::ifstream(kDefaultLandmarkModelPath, std::ios::binary).read(start.data(), static_cast<std::streamsize>(start.size()));
+    std::ifstream(kDefaultLandmarkModelPath, std::ios::binary)
+        .read(start.data(), static_cast<std::streamsize>(start.size()));
     std::string flipped = start;
     for (std::size_t i = 100; i < flipped.size(); i += 97) flipped[i] = static_cast<char>(~flipped[i]);
-    const std::pair<const char*, std::string> cases[] = {{"empty", ""}, {"text", "this is not a model"}, {"truncated", start}, {"damaged", flipped}};
+    const std::pair<const char*, std::string> cases[] = {
+        {"empty", ""}, {"text", "this is not a model"}, {"truncated", start}, {"damaged", flipped}};
     const auto expectError = [](const std::string& path) {
         const auto model = LandmarkModel::load(path);
         ASSERT_FALSE(model) << path;
@@ -64,7 +68,8 @@ TEST(LandmarkModel, SaysWhichFileIsMissingOrDamaged) {
 /// A face whose point i lies at (i, 100 + i) in a box of 100 x 50 at (10, 20) of a view of 400 x 200.
 FoundFace numberedFace() {
     FoundFace face{.box = {10, 20, 100, 50}, .points = {}};
-    for (std::size_t i = 0; i < face.points.size(); ++i) face.points[i] = {static_cast<double>(i), 100.0 + static_cast<double>(i)};
+    for (std::size_t i = 0; i < face.points.size(); ++i)
+        face.points[i] = {static_cast<double>(i), 100.0 + static_cast<double>(i)};
     return face;
 }
 

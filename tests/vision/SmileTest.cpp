@@ -45,19 +45,23 @@ TEST(Smile, IsAWideMouthWithHighCornersHoweverTheHeadIsHeld) {
         LandmarkPoints points = schematicFace(c.width, c.cornersBelowNose, c.lipsBelowCorners, c.opening);
         EXPECT_EQ(isSmiling(points), c.smiles) << c.name;
         const auto features = smileFeaturesOf(points).value();
-        for (Point& p : points) p = {7 + 3.7 * (0.8 * p.x + 0.6 * p.y), 3.7 * (0.8 * p.y - 0.6 * p.x)};  // near and tilted
-        for (std::size_t i = 0; i < features.size(); ++i) EXPECT_NEAR(smileFeaturesOf(points).value()[i], features[i], 1e-9) << i << c.name;
+        for (Point& p : points)
+            p = {7 + 3.7 * (0.8 * p.x + 0.6 * p.y), 3.7 * (0.8 * p.y - 0.6 * p.x)};  // near and tilted
+        for (std::size_t i = 0; i < features.size(); ++i)
+            EXPECT_NEAR(smileFeaturesOf(points).value()[i], features[i], 1e-9) << i << c.name;
     }
     EXPECT_FALSE(isSmiling(LandmarkPoints{}));
 }
 
 TEST(FaceDetector, ShowsPicturesAsTheirOrientationSays) {
     // Where the buffer's top left corner is shown.
-    const std::pair<ImageOrientation, Point> cases[] = {{ImageOrientation::Up, {0, 0}},           {ImageOrientation::Down, {1, 1}},
-                                                        {ImageOrientation::Left, {0, 1}},         {ImageOrientation::Right, {1, 0}},
-                                                        {ImageOrientation::UpMirrored, {1, 0}},   {ImageOrientation::DownMirrored, {0, 1}},
-                                                        {ImageOrientation::LeftMirrored, {0, 0}}, {ImageOrientation::RightMirrored, {1, 1}}};
-    for (const auto& [orientation, corner] : cases) EXPECT_EQ(viewForImageOrientation(orientation).toView(Point{}), corner);
+    const std::pair<ImageOrientation, Point> cases[] = {
+        {ImageOrientation::Up, {0, 0}},           {ImageOrientation::Down, {1, 1}},
+        {ImageOrientation::Left, {0, 1}},         {ImageOrientation::Right, {1, 0}},
+        {ImageOrientation::UpMirrored, {1, 0}},   {ImageOrientation::DownMirrored, {0, 1}},
+        {ImageOrientation::LeftMirrored, {0, 0}}, {ImageOrientation::RightMirrored, {1, 1}}};
+    for (const auto& [orientation, corner] : cases)
+        EXPECT_EQ(viewForImageOrientation(orientation).toView(Point{}), corner);
 }
 
 TEST(FaceDetector, FindsTheSmilingFaceOfThePortrait) {
@@ -76,8 +80,9 @@ TEST(FaceDetector, FindsTheSmilingFaceOfThePortrait) {
     }
     EXPECT_FALSE(detector->featuresInImage({.bitmap = toBgra(upright)}, false).at(0).hasSmile);
     EXPECT_TRUE(detector->featuresInImage({}, true).empty());
-    EXPECT_TRUE(
-        makeFaceDetector({.landmarkModelPath = "/nonexistent", .clock = nullptr})->featuresInImage({.bitmap = toBgra(upright)}, true).empty());
+    EXPECT_TRUE(makeFaceDetector({.landmarkModelPath = "/nonexistent", .clock = nullptr})
+                    ->featuresInImage({.bitmap = toBgra(upright)}, true)
+                    .empty());
 }
 
 TEST(FaceDetector, ReusesTheFrameThatWasJustExamined) {

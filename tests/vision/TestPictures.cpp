@@ -12,7 +12,8 @@
 namespace selvio::test {
 namespace {
 
-// The face in the portrait, in its pixels and degrees: the middle between the upper ends of the jaw line, their distance, and the tilt of the head.
+// The face in the portrait, in its pixels and degrees: the middle between the upper ends of the jaw line, their
+// distance, and the tilt of the head.
 constexpr double kFaceX = 125.1;
 constexpr double kFaceY = 107.1;
 constexpr double kFaceJaw = 92.8;
@@ -31,13 +32,15 @@ std::array<double, 3> sample(const Picture& picture, double x, double y) {
     const std::size_t stride = static_cast<std::size_t>(picture.width) * 3;
     for (std::size_t c = 0; c < 3; ++c) {
         const std::uint8_t* const p = &picture.rgb[picture.indexOf(static_cast<int>(x), static_cast<int>(y)) + c];
-        result[c] = (p[0] * (1.0 - right) + p[3] * right) * (1.0 - down) + (p[stride] * (1.0 - right) + p[stride + 3] * right) * down;
+        result[c] = (p[0] * (1.0 - right) + p[3] * right) * (1.0 - down) +
+                    (p[stride] * (1.0 - right) + p[stride + 3] * right) * down;
     }
     return result;
 }
 
 /// Four bytes a pixel: `order` says which of R, G, B and 255 (number 3) comes first, second, third and last.
-std::shared_ptr<PixelBuffer> toFourBytes(const Picture& picture, PixelFormat format, const std::array<std::size_t, 4>& order) {
+std::shared_ptr<PixelBuffer> toFourBytes(const Picture& picture, PixelFormat format,
+                                         const std::array<std::size_t, 4>& order) {
     return painted(picture.width, picture.height, format, [&](std::uint8_t* pixel, int x, int y, int) {
         const std::uint8_t* const rgb = &picture.rgb[picture.indexOf(x, y)];
         for (const std::size_t channel : order) *pixel++ = channel == 3 ? 255 : rgb[channel];
@@ -62,7 +65,8 @@ const Picture& portrait() {
 
 Picture frameOf(int width, int height, const std::vector<Person>& people) {
     const Picture& source = portrait();
-    Picture frame{width, height, std::vector<std::uint8_t>(static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 3)};
+    Picture frame{width, height,
+                  std::vector<std::uint8_t>(static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 3)};
     for (int y = 0; y < height; ++y) {
         for (int x = 0; x < width; ++x) {
             std::array<double, 3> colour{90.0 + 60.0 * x / width, 110.0 + 50.0 * y / height, 130.0};

@@ -12,7 +12,8 @@ using LogSink = std::function<void(std::string_view message)>;
 /// Writes one message to the process's log sink (standard error unless replaced). Any thread.
 void log(std::string_view message);
 
-/// Replaces the sink of the whole process and returns the one before; an empty sink restores standard error. Any thread.
+/// Replaces the sink of the whole process and returns the one before; an empty sink restores standard error. Any
+/// thread.
 LogSink setLogSink(LogSink sink);
 
 }  // namespace selvio

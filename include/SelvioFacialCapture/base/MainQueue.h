@@ -14,7 +14,8 @@
 namespace selvio {
 
 /// The main queue: its blocks run where the host calls `run` or `drain`, always one at a time.
-/// A host without a loop of its own calls `run`; a host with one (GLib, Qt, SDL) sets a wake-up hook that makes its loop call `drain`.
+/// A host without a loop of its own calls `run`; a host with one (GLib, Qt, SDL) sets a wake-up hook that makes its
+/// loop call `drain`.
 class MainQueue final : public Queue {
 public:
     explicit MainQueue(std::shared_ptr<const Clock> clock = std::make_shared<SystemClock>());
@@ -27,7 +28,8 @@ public:
     [[nodiscard]] bool isCurrent() const override;
     [[nodiscard]] const std::string& label() const override;
 
-    /// Runs the blocks that are due now, those submitted meanwhile included, and returns how many ran. Only one thread may drain at a time.
+    /// Runs the blocks that are due now, those submitted meanwhile included, and returns how many ran. Only one thread
+    /// may drain at a time.
     std::size_t drain();
     /// Drains until `quit` is called (one `quit` ends one `run`), waiting in between without using the processor.
     void run();

@@ -7,8 +7,8 @@
 
 namespace selvio {
 
-/// Guards members of the object that it stands in; which ones is said there. What reads or writes more than one member at once locks it like any
-/// other mutex.
+/// Guards members of the object that it stands in; which ones is said there. What reads or writes more than one member
+/// at once locks it like any other mutex.
 class MemberMutex : public std::mutex {
 public:
     /// A copy of a member that this mutex guards.

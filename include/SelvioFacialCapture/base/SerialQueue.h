@@ -6,8 +6,8 @@
 namespace selvio {
 
 /// Runs its blocks one after another on one thread.
-/// Destruction runs every block submitted so far (delayed ones at once) and joins the thread; destroyed from one of its own blocks it does the
-/// same without joining, and the thread ends by itself after the last block.
+/// Destruction runs every block submitted so far (delayed ones at once) and joins the thread; destroyed from one of its
+/// own blocks it does the same without joining, and the thread ends by itself after the last block.
 class SerialQueue final : public Queue {
 public:
     explicit SerialQueue(std::string label);

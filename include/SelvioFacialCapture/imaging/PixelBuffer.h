@@ -16,7 +16,8 @@ namespace selvio {
 using PixelFormat = std::uint32_t;
 inline constexpr PixelFormat kPixelFormat32ARGB = 32;          ///< bytes A, R, G, B; alpha premultiplied
 inline constexpr PixelFormat kPixelFormat32BGRA = 0x42475241;  ///< bytes B, G, R, A; alpha premultiplied
-inline constexpr PixelFormat kPixelFormat420v = 0x34323076;    ///< Y plane, then interleaved Cb and Cr at half size; BT.601, video range
+inline constexpr PixelFormat kPixelFormat420v =
+    0x34323076;  ///< Y plane, then interleaved Cb and Cr at half size; BT.601, video range
 
 /// Where one plane lies. Sizes are in samples of the plane (for the second plane of 420v: in Cb/Cr pairs).
 struct PlaneLayout {
@@ -35,8 +36,10 @@ struct PixelBufferLayout {
     std::array<PlaneLayout, 2> planes{};
 
     /// The layout with the given row lengths in bytes (0: as short as the plane allows, rounded up to 64 bytes).
-    /// Nothing if a side is not in 1...32767, the format is not one of the three above (0 means BGRA), or a row is too short for its plane.
-    static std::optional<PixelBufferLayout> make(int width, int height, PixelFormat format, std::array<std::size_t, 2> bytesPerRow = {0, 0});
+    /// Nothing if a side is not in 1...32767, the format is not one of the three above (0 means BGRA), or a row is too
+    /// short for its plane.
+    static std::optional<PixelBufferLayout> make(int width, int height, PixelFormat format,
+                                                 std::array<std::size_t, 2> bytesPerRow = {0, 0});
 
     /// Bytes of all planes, one directly behind the other.
     [[nodiscard]] std::size_t byteSize() const;
@@ -45,14 +48,18 @@ struct PixelBufferLayout {
 
 class PixelBufferPool;
 
-/// A picture's pixels. Shared by reference; whoever holds a reference may read, and only the one who made it writes, before it hands it on.
+/// A picture's pixels. Shared by reference; whoever holds a reference may read, and only the one who made it writes,
+/// before it hands it on.
 class PixelBuffer {
 public:
-    /// New memory, not cleared, all planes in one block, 64-byte aligned. Null if the layout is impossible or memory is short.
+    /// New memory, not cleared, all planes in one block, 64-byte aligned. Null if the layout is impossible or memory is
+    /// short.
     static std::shared_ptr<PixelBuffer> create(int width, int height, PixelFormat format);
     static std::shared_ptr<PixelBuffer> create(const PixelBufferLayout& layout);
-    /// Foreign memory, without a copy: `planes` must stay valid until `release` is called, once, when the last reference goes.
-    static std::shared_ptr<PixelBuffer> wrap(const PixelBufferLayout& layout, std::array<std::uint8_t*, 2> planes, std::function<void()> release);
+    /// Foreign memory, without a copy: `planes` must stay valid until `release` is called, once, when the last
+    /// reference goes.
+    static std::shared_ptr<PixelBuffer> wrap(const PixelBufferLayout& layout, std::array<std::uint8_t*, 2> planes,
+                                             std::function<void()> release);
 
     PixelBuffer(const PixelBuffer&) = delete;
     PixelBuffer& operator=(const PixelBuffer&) = delete;
@@ -63,7 +70,9 @@ public:
     [[nodiscard]] int height() const { return layout_.height; }
     [[nodiscard]] PixelFormat format() const { return layout_.format; }
     [[nodiscard]] int planeCount() const { return layout_.planeCount; }
-    [[nodiscard]] std::size_t bytesPerRow(int plane = 0) const { return layout_.planes[static_cast<std::size_t>(plane)].bytesPerRow; }
+    [[nodiscard]] std::size_t bytesPerRow(int plane = 0) const {
+        return layout_.planes[static_cast<std::size_t>(plane)].bytesPerRow;
+    }
     [[nodiscard]] std::uint8_t* data(int plane = 0) { return planes_[static_cast<std::size_t>(plane)]; }
     [[nodiscard]] const std::uint8_t* data(int plane = 0) const { return planes_[static_cast<std::size_t>(plane)]; }
     /// Whether the planes lie directly one behind the other, so that the whole picture is one block.
@@ -79,8 +88,8 @@ private:
 };
 
 /// Recycles the memory of pixel buffers of one size, so that a steady stream of frames allocates none.
-/// Buffers may outlive the pool; memory comes back to it from any thread. A request for another size frees what is idle,
-/// and no more than a few blocks are kept idle.
+/// Buffers may outlive the pool; memory comes back to it from any thread. A request for another size frees what is
+/// idle, and no more than a few blocks are kept idle.
 class PixelBufferPool : public std::enable_shared_from_this<PixelBufferPool> {
 public:
     static std::shared_ptr<PixelBufferPool> create();

@@ -39,7 +39,8 @@ struct AudioData {
 class SampleBuffer {
 public:
     /// A video sample over `imageBuffer`, which may be null (a sample without a picture, as in a drop notice).
-    static std::shared_ptr<SampleBuffer> makeVideo(std::shared_ptr<PixelBuffer> imageBuffer, SampleTiming timing = {}, bool dataIsReady = true);
+    static std::shared_ptr<SampleBuffer> makeVideo(std::shared_ptr<PixelBuffer> imageBuffer, SampleTiming timing = {},
+                                                   bool dataIsReady = true);
     static std::shared_ptr<SampleBuffer> makeAudio(AudioData audio, SampleTiming timing, bool dataIsReady = true);
 
     [[nodiscard]] const std::shared_ptr<PixelBuffer>& imageBuffer() const { return imageBuffer_; }

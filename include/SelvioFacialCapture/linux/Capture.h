@@ -27,7 +27,8 @@ struct SourceCamera {
 struct CaptureOptions {
     /// Look for the system's own cameras and microphones.
     bool systemDevices = true;
-    /// Each is a camera whose unique id and name are the path. It plays once, in real time, and is then a camera that was unplugged.
+    /// Each is a camera whose unique id and name are the path. It plays once, in real time, and is then a camera that
+    /// was unplugged.
     std::vector<std::filesystem::path> videoFiles{};
     std::vector<SourceCamera> sources{};
     /// How long a camera may take to its first frame before starting has failed.
@@ -43,23 +44,31 @@ struct CaptureOptions {
 
 /// The capture system.
 ///
-/// - Discovery looks anew each time, so that devices which come and go are seen; a device object stays valid when its device has gone. A position
-///   is matched by cameras that state it, then by cameras that state none (most webcams); a camera at the opposite position is left out. Extra
-///   sources and video files come first. The device types are not looked at: Linux does not tell them apart.
-/// - Formats: each frame size of the camera, in its own order, as 420v and as BGRA; whatever else the camera sends (YUYV, Motion JPEG) is converted.
-///   A preset is a camera's frame size, upright or not; "High" is the largest up to 1920x1080. Until something is set, a camera delivers 1280x720
-///   if it can, else "High".
-/// - Orientation: 1 and 2 deliver an upright portrait picture: the middle 9:16 of a landscape sensor, all of an upright one. Everything else
+/// - Discovery looks anew each time, so that devices which come and go are seen; a device object stays valid when its
+/// device has gone. A position
+///   is matched by cameras that state it, then by cameras that state none (most webcams); a camera at the opposite
+///   position is left out. Extra sources and video files come first. The device types are not looked at: Linux does not
+///   tell them apart.
+/// - Formats: each frame size of the camera, in its own order, as 420v and as BGRA; whatever else the camera sends
+/// (YUYV, Motion JPEG) is converted.
+///   A preset is a camera's frame size, upright or not; "High" is the largest up to 1920x1080. Until something is set,
+///   a camera delivers 1280x720 if it can, else "High".
+/// - Orientation: 1 and 2 deliver an upright portrait picture: the middle 9:16 of a landscape sensor, all of an upright
+/// one. Everything else
 ///   delivers a landscape picture: all of a landscape sensor, the middle 16:9 of an upright one.
-/// - Frames are handed on, and cropped, without copying, in the memory of the camera or of the converter. Two exceptions: PipeWire takes its memory
-///   back when a camera goes, so that the part of the picture that is delivered is copied once; and a camera of which four frames are in use
-///   elsewhere delivers copies, so that it never waits for its memory.
-/// - Frames go to the delegate's queue; one may wait there beside the one that is being handled. When a newer one comes (and late frames are
+/// - Frames are handed on, and cropped, without copying, in the memory of the camera or of the converter. Two
+/// exceptions: PipeWire takes its memory
+///   back when a camera goes, so that the part of the picture that is delivered is copied once; and a camera of which
+///   four frames are in use elsewhere delivers copies, so that it never waits for its memory.
+/// - Frames go to the delegate's queue; one may wait there beside the one that is being handled. When a newer one comes
+/// (and late frames are
 ///   discarded) it takes the place of the waiting one, for which a drop notice without a picture is delivered.
 /// - Times are on the system's monotonic clock.
-/// - A session whose camera fails, falls silent or ends says so once in the log and no longer runs. A microphone that fails is only logged.
+/// - A session whose camera fails, falls silent or ends says so once in the log and no longer runs. A microphone that
+/// fails is only logged.
 /// - PDF417 codes are looked for beside the frames, in the newest one, about ten times a second.
-/// - Authorisation is Denied where camera nodes exist and none may be opened, unless PipeWire offers a camera; else Authorized. Nobody is asked.
+/// - Authorisation is Denied where camera nodes exist and none may be opened, unless PipeWire offers a camera; else
+/// Authorized. Nobody is asked.
 [[nodiscard]] std::shared_ptr<CaptureSystem> makeGstCaptureSystem(CaptureOptions options = {});
 
 struct ViewOptions {
@@ -68,8 +77,8 @@ struct ViewOptions {
     std::string title = "Preview";
 };
 
-/// A view whose preview layer takes sessions of the capture system above (others it only holds). Without a window it shows nothing and costs
-/// nothing. The window closes with the view.
+/// A view whose preview layer takes sessions of the capture system above (others it only holds). Without a window it
+/// shows nothing and costs nothing. The window closes with the view.
 [[nodiscard]] std::shared_ptr<View> makeGstView(ViewOptions options = {});
 
 }  // namespace selvio

@@ -37,7 +37,8 @@ class LinuxScreen final : public Screen {
 public:
     static constexpr Size kDefaultSize{1080, 1920};
 
-    /// The first mode of a connected display under `displays` (built-in panels first), its shorter side across; `kDefaultSize` if none is known.
+    /// The first mode of a connected display under `displays` (built-in panels first), its shorter side across;
+    /// `kDefaultSize` if none is known.
     explicit LinuxScreen(const std::filesystem::path& displays = "/sys/class/drm");
     explicit LinuxScreen(Size bounds);
 
@@ -55,7 +56,8 @@ private:
     std::atomic<InterfaceOrientation> statusBarOrientation_{InterfaceOrientation::Portrait};
 };
 
-/// The size, in portrait, of the first connected display under a directory laid out as /sys/class/drm: built-in panels before others, then by name.
+/// The size, in portrait, of the first connected display under a directory laid out as /sys/class/drm: built-in panels
+/// before others, then by name.
 [[nodiscard]] std::optional<Size> connectedDisplaySize(const std::filesystem::path& displays);
 
 }  // namespace selvio

@@ -6,9 +6,9 @@
 
 namespace selvio {
 
-/// A platform of Linux adapters: vision, JPEG and PNG files, device, screen, files, sensors, cameras, recording. The vision models
-/// start to load in the background.
-/// A program that links this library and uses anything of it has this as its default platform.
+/// A platform of Linux adapters: vision, JPEG and PNG files, device, screen, files, sensors, cameras, recording. The
+/// vision models start to load in the background. A program that links this library and uses anything of it has this as
+/// its default platform.
 [[nodiscard]] Platform makeLinuxPlatform(const VisionOptions& vision = {});
 
 }  // namespace selvio

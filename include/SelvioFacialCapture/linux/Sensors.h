@@ -18,20 +18,23 @@ struct SensorOptions {
     std::string busAddress;
 };
 
-/// Readings of the first gyroscope (`in_anglvel_{x,y,z}_raw` times a shared `in_anglvel_scale` or one for each axis, offsets included), in radians
-/// per second, read on a thread that runs only while updates do. A reading that fails is handed on as an error; a device without a gyroscope never
-/// calls the handler. The interval lies within 1 ms and 10 s; 10 ms until set.
+/// Readings of the first gyroscope (`in_anglvel_{x,y,z}_raw` times a shared `in_anglvel_scale` or one for each axis,
+/// offsets included), in radians per second, read on a thread that runs only while updates do. A reading that fails is
+/// handed on as an error; a device without a gyroscope never calls the handler. The interval lies within 1 ms and 10 s;
+/// 10 ms until set.
 [[nodiscard]] std::shared_ptr<MotionManager> makeIioMotionManager(SensorOptions options = {});
 
 /// How the device is held, as iio-sensor-proxy says, which is asked as long as the object lives.
 class OrientationSensor {
 public:
     virtual ~OrientationSensor() = default;
-    /// Portrait where there is no accelerometer or no proxy; what was last said where it says "undefined". Any thread, never waits.
+    /// Portrait where there is no accelerometer or no proxy; what was last said where it says "undefined". Any thread,
+    /// never waits.
     [[nodiscard]] virtual DeviceOrientation orientation() const = 0;
 };
 
-/// Never null. Looks for the proxy on a thread of its own; until it has answered, and when it goes, the device is in portrait.
+/// Never null. Looks for the proxy on a thread of its own; until it has answered, and when it goes, the device is in
+/// portrait.
 [[nodiscard]] std::shared_ptr<OrientationSensor> makeOrientationSensor(SensorOptions options = {});
 
 /// The orientation for a word of the proxy's: "normal", "bottom-up", "left-up", "right-up"; Unknown for any other.

@@ -30,8 +30,8 @@ public:
     virtual bool startWriting() = 0;
     /// Samples before this time of the master clock are left out; the file's time zero.
     virtual void startSessionAtSourceTime(std::chrono::nanoseconds time) = 0;
-    /// Finishes in the background and then calls `completion` once, on a thread of its own; `status` then says how it went.
-    /// `completion` keeps the writer alive and may hold the last reference: let go of it right after the call.
+    /// Finishes in the background and then calls `completion` once, on a thread of its own; `status` then says how it
+    /// went. `completion` keeps the writer alive and may hold the last reference: let go of it right after the call.
     virtual void finishWriting(std::function<void()> completion) = 0;
     /// Ends without a file; status Cancelled.
     virtual void cancelWriting() = 0;
@@ -40,7 +40,8 @@ public:
 class AssetWriterFactory {
 public:
     virtual ~AssetWriterFactory() = default;
-    [[nodiscard]] virtual Expected<std::shared_ptr<AssetWriter>> makeAssetWriter(const std::filesystem::path& path, const std::string& fileType) = 0;
+    [[nodiscard]] virtual Expected<std::shared_ptr<AssetWriter>> makeAssetWriter(const std::filesystem::path& path,
+                                                                                 const std::string& fileType) = 0;
     [[nodiscard]] virtual std::shared_ptr<AssetWriterInput> makeVideoInput(const VideoSettings& settings) = 0;
     [[nodiscard]] virtual std::shared_ptr<AssetWriterInput> makeAudioInput(const AudioSettings& settings) = 0;
 };

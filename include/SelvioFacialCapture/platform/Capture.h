@@ -23,7 +23,13 @@ enum class MediaType { Video, Audio };
 enum class CaptureDevicePosition : std::int64_t { Unspecified = 0, Back = 1, Front = 2 };
 
 /// Which way up frames leave a connection. Other values pass through.
-enum class VideoOrientation : std::int64_t { NotSet = 0, Portrait = 1, PortraitUpsideDown = 2, LandscapeRight = 3, LandscapeLeft = 4 };
+enum class VideoOrientation : std::int64_t {
+    NotSet = 0,
+    Portrait = 1,
+    PortraitUpsideDown = 2,
+    LandscapeRight = 3,
+    LandscapeLeft = 4
+};
 
 enum class AuthorizationStatus : std::int64_t { NotDetermined = 0, Restricted = 1, Denied = 2, Authorized = 3 };
 
@@ -52,7 +58,8 @@ struct CaptureDeviceFormat {
     friend bool operator==(const CaptureDeviceFormat&, const CaptureDeviceFormat&) = default;
 };
 
-/// A camera or a microphone. Settings are changed between `lockForConfiguration` and `unlockForConfiguration`. Any thread.
+/// A camera or a microphone. Settings are changed between `lockForConfiguration` and `unlockForConfiguration`. Any
+/// thread.
 class CaptureDevice {
 public:
     virtual ~CaptureDevice() = default;
@@ -111,11 +118,14 @@ class CaptureOutputDelegate {
 public:
     virtual ~CaptureOutputDelegate() = default;
     /// The buffer is valid for the call; keep the reference to keep it.
-    virtual void captureOutputDidOutputSampleBuffer(const CaptureOutput& output, const std::shared_ptr<SampleBuffer>& sampleBuffer,
+    virtual void captureOutputDidOutputSampleBuffer(const CaptureOutput& output,
+                                                    const std::shared_ptr<SampleBuffer>& sampleBuffer,
                                                     const std::shared_ptr<CaptureConnection>& connection) = 0;
-    virtual void captureOutputDidDropSampleBuffer(const CaptureOutput& output, const std::shared_ptr<SampleBuffer>& sampleBuffer,
+    virtual void captureOutputDidDropSampleBuffer(const CaptureOutput& output,
+                                                  const std::shared_ptr<SampleBuffer>& sampleBuffer,
                                                   const std::shared_ptr<CaptureConnection>& connection) = 0;
-    virtual void captureOutputDidOutputMetadataObjects(const CaptureOutput& output, const std::vector<MetadataObject>& metadataObjects,
+    virtual void captureOutputDidOutputMetadataObjects(const CaptureOutput& output,
+                                                       const std::vector<MetadataObject>& metadataObjects,
                                                        const std::shared_ptr<CaptureConnection>& connection) = 0;
 };
 
@@ -135,26 +145,31 @@ struct AudioSettings {
 
 class VideoDataOutput : public CaptureOutput {
 public:
-    /// The frames' pixel format; 0 means 32-bit BGRA. One that the platform does not deliver is logged and changes nothing.
+    /// The frames' pixel format; 0 means 32-bit BGRA. One that the platform does not deliver is logged and changes
+    /// nothing.
     virtual void setPixelFormat(PixelFormat format) = 0;
     virtual void setAlwaysDiscardsLateVideoFrames(bool discards) = 0;
-    /// Frames and drop notices go to `delegate`, held weakly, on `queue`; null for both ends the deliveries. One that has
-    /// begun or been picked up is not waited for, because the caller may hold the session's monitor and the delegate may want it.
-    virtual void setSampleBufferDelegate(std::weak_ptr<CaptureOutputDelegate> delegate, std::shared_ptr<Queue> queue) = 0;
+    /// Frames and drop notices go to `delegate`, held weakly, on `queue`; null for both ends the deliveries. One that
+    /// has begun or been picked up is not waited for, because the caller may hold the session's monitor and the
+    /// delegate may want it.
+    virtual void setSampleBufferDelegate(std::weak_ptr<CaptureOutputDelegate> delegate,
+                                         std::shared_ptr<Queue> queue) = 0;
     [[nodiscard]] virtual VideoSettings recommendedVideoSettings(const std::string& fileType) const = 0;
 };
 
 class AudioDataOutput : public CaptureOutput {
 public:
     /// As for video frames.
-    virtual void setSampleBufferDelegate(std::weak_ptr<CaptureOutputDelegate> delegate, std::shared_ptr<Queue> queue) = 0;
+    virtual void setSampleBufferDelegate(std::weak_ptr<CaptureOutputDelegate> delegate,
+                                         std::shared_ptr<Queue> queue) = 0;
     [[nodiscard]] virtual AudioSettings recommendedAudioSettings(const std::string& fileType) const = 0;
 };
 
 class MetadataOutput : public CaptureOutput {
 public:
     /// As for video frames.
-    virtual void setMetadataObjectsDelegate(std::weak_ptr<CaptureOutputDelegate> delegate, std::shared_ptr<Queue> queue) = 0;
+    virtual void setMetadataObjectsDelegate(std::weak_ptr<CaptureOutputDelegate> delegate,
+                                            std::shared_ptr<Queue> queue) = 0;
     /// Only these types are looked for.
     virtual void setMetadataObjectTypes(std::vector<std::string> types) = 0;
 };
@@ -196,11 +211,12 @@ struct CaptureDeviceDiscoverySession {
 class CaptureSystem {
 public:
     virtual ~CaptureSystem() = default;
-    [[nodiscard]] virtual std::shared_ptr<CaptureDeviceDiscoverySession> discoverDevices(const std::vector<std::string>& deviceTypes,
-                                                                                         MediaType mediaType, CaptureDevicePosition position) = 0;
+    [[nodiscard]] virtual std::shared_ptr<CaptureDeviceDiscoverySession> discoverDevices(
+        const std::vector<std::string>& deviceTypes, MediaType mediaType, CaptureDevicePosition position) = 0;
     /// Null if there is none.
     [[nodiscard]] virtual std::shared_ptr<CaptureDevice> defaultDevice(MediaType mediaType) = 0;
-    [[nodiscard]] virtual Expected<std::shared_ptr<CaptureDeviceInput>> makeDeviceInput(const std::shared_ptr<CaptureDevice>& device) = 0;
+    [[nodiscard]] virtual Expected<std::shared_ptr<CaptureDeviceInput>> makeDeviceInput(
+        const std::shared_ptr<CaptureDevice>& device) = 0;
     [[nodiscard]] virtual std::shared_ptr<CaptureSession> makeSession() = 0;
     [[nodiscard]] virtual std::shared_ptr<VideoDataOutput> makeVideoDataOutput() = 0;
     [[nodiscard]] virtual std::shared_ptr<AudioDataOutput> makeAudioDataOutput() = 0;

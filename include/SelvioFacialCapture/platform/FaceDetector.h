@@ -16,8 +16,8 @@ struct FaceFeature {
 class FaceDetector {
 public:
     virtual ~FaceDetector() = default;
-    /// The faces of an upright picture; `hasSmile` is judged only when `smile` is asked for. Any thread; an empty list when nothing could be found
-    /// or judged.
+    /// The faces of an upright picture; `hasSmile` is judged only when `smile` is asked for. Any thread; an empty list
+    /// when nothing could be found or judged.
     [[nodiscard]] virtual std::vector<FaceFeature> featuresInImage(const Image& image, bool smile) = 0;
 };
 

@@ -26,8 +26,8 @@ struct FaceLandmarks {
     std::optional<FaceLandmarkRegion> outerLips;    ///< 14 points (or 10)
 };
 
-/// One face. The bounding box is normalized to the frame with the request's EXIF orientation applied, origin at the lower left:
-/// x runs down the portrait screen and y across it from left to right.
+/// One face. The bounding box is normalized to the frame with the request's EXIF orientation applied, origin at the
+/// lower left: x runs down the portrait screen and y across it from left to right.
 struct FaceObservation {
     Rect boundingBox;
     std::optional<FaceLandmarks> landmarks;
@@ -37,7 +37,8 @@ struct FaceObservation {
 class FaceLandmarksRequest {
 public:
     /// Called once by the handler, on the thread that performs the request, with the request and the error, if any.
-    using CompletionHandler = std::function<void(const FaceLandmarksRequest& request, const std::optional<Error>& error)>;
+    using CompletionHandler =
+        std::function<void(const FaceLandmarksRequest& request, const std::optional<Error>& error)>;
 
     explicit FaceLandmarksRequest(CompletionHandler completion) : completion_(std::move(completion)) {}
 
@@ -48,7 +49,8 @@ public:
     [[nodiscard]] const std::optional<std::vector<FaceObservation>>& results() const { return results_; }
 
     /// For the handler: stores the answer and calls the completion handler.
-    void complete(std::optional<std::vector<FaceObservation>> results, const std::optional<Error>& error = std::nullopt) {
+    void complete(std::optional<std::vector<FaceObservation>> results,
+                  const std::optional<Error>& error = std::nullopt) {
         results_ = std::move(results);
         if (completion_) completion_(*this, error);
     }
@@ -63,10 +65,11 @@ private:
 class SequenceRequestHandler {
 public:
     virtual ~SequenceRequestHandler() = default;
-    /// Performs the requests on the calling thread and calls each one's completion handler before it returns. One thread at a time.
-    /// `exifOrientation` is 1...8. An error means that the requests could not be performed at all.
+    /// Performs the requests on the calling thread and calls each one's completion handler before it returns. One
+    /// thread at a time. `exifOrientation` is 1...8. An error means that the requests could not be performed at all.
     virtual std::optional<Error> performRequests(const std::vector<std::shared_ptr<FaceLandmarksRequest>>& requests,
-                                                 const std::shared_ptr<const PixelBuffer>& pixelBuffer, std::uint32_t exifOrientation) = 0;
+                                                 const std::shared_ptr<const PixelBuffer>& pixelBuffer,
+                                                 std::uint32_t exifOrientation) = 0;
 };
 
 }  // namespace selvio

@@ -13,11 +13,12 @@ namespace selvio {
 class FileManager {
 public:
     virtual ~FileManager() = default;
-    /// The directory that holds recordings; private to the component, because the clean-up deletes files in it by pattern. Empty if there is
-    /// none.
+    /// The directory that holds recordings; private to the component, because the clean-up deletes files in it by
+    /// pattern. Empty if there is none.
     [[nodiscard]] virtual std::filesystem::path documentsDirectory() const = 0;
     /// The names in a directory, in listing order, without recursion.
-    [[nodiscard]] virtual Expected<std::vector<std::string>> contentsOfDirectory(const std::filesystem::path& directory) const = 0;
+    [[nodiscard]] virtual Expected<std::vector<std::string>> contentsOfDirectory(
+        const std::filesystem::path& directory) const = 0;
     [[nodiscard]] virtual bool fileExists(const std::filesystem::path& path) const = 0;
     virtual std::optional<Error> removeItem(const std::filesystem::path& path) = 0;
     /// The whole file.

@@ -45,14 +45,17 @@ public:
 class ImageCodec {
 public:
     virtual ~ImageCodec() = default;
-    /// Encodes a picture at a quality of 0...1, with its orientation as EXIF orientation. Nothing on failure or for a null bitmap.
+    /// Encodes a picture at a quality of 0...1, with its orientation as EXIF orientation. Nothing on failure or for a
+    /// null bitmap.
     [[nodiscard]] virtual std::optional<Bytes> encodeJpeg(const Image& image, double quality) const = 0;
     /// Opens JPEG bytes; null if they are not a JPEG.
     [[nodiscard]] virtual std::shared_ptr<ImageSource> openSource(Bytes bytes) const = 0;
-    /// Encodes the source's picture anew at `properties.lossyCompressionQuality` (full quality without one), with the JFIF and EXIF properties
-    /// given. Nothing on failure.
-    [[nodiscard]] virtual std::optional<Bytes> encodeFromSource(const ImageSource& source, const ImageProperties& properties) const = 0;
-    /// Whether a user comment of this UTF-8 text fits into one EXIF segment (64 KiB) beside what else the codec writes there.
+    /// Encodes the source's picture anew at `properties.lossyCompressionQuality` (full quality without one), with the
+    /// JFIF and EXIF properties given. Nothing on failure.
+    [[nodiscard]] virtual std::optional<Bytes> encodeFromSource(const ImageSource& source,
+                                                                const ImageProperties& properties) const = 0;
+    /// Whether a user comment of this UTF-8 text fits into one EXIF segment (64 KiB) beside what else the codec writes
+    /// there.
     [[nodiscard]] virtual bool userCommentFits(std::string_view text) const = 0;
 };
 
@@ -60,8 +63,8 @@ public:
 class ImageLoader {
 public:
     virtual ~ImageLoader() = default;
-    /// Decodes the file into a new BGRA buffer, its own EXIF orientation applied, so that the picture is upright. The error names the file and the
-    /// reason; memory stays within what the file's honest content needs.
+    /// Decodes the file into a new BGRA buffer, its own EXIF orientation applied, so that the picture is upright. The
+    /// error names the file and the reason; memory stays within what the file's honest content needs.
     [[nodiscard]] virtual Expected<std::shared_ptr<PixelBuffer>> loadImage(const std::string& path) const = 0;
 };
 

@@ -29,7 +29,8 @@ public:
 
     virtual ~MotionManager() = default;
     virtual void setDeviceMotionUpdateInterval(std::chrono::nanoseconds interval) = 0;
-    /// Calls `handler` on `queue` once an interval until stopped; a second start replaces the first. A device without a sensor never calls it.
+    /// Calls `handler` on `queue` once an interval until stopped; a second start replaces the first. A device without a
+    /// sensor never calls it.
     virtual void startDeviceMotionUpdates(std::shared_ptr<Queue> queue, Handler handler) = 0;
     /// Starts no further call of the handler; one already submitted to the queue may still run.
     virtual void stopDeviceMotionUpdates() = 0;

@@ -22,8 +22,8 @@ namespace selvio {
 /// The reverse-DNS prefix of the component's queue labels.
 inline constexpr const char* kQueueLabelPrefix = "com.selvio.facialcapture";
 
-/// The ports. A main object copies the struct when it is made. A null port is a service that the platform lacks: what needs it does nothing.
-/// The analyzer uses the first group, the camera the second, both use the queues and the clock.
+/// The ports. A main object copies the struct when it is made. A null port is a service that the platform lacks: what
+/// needs it does nothing. The analyzer uses the first group, the camera the second, both use the queues and the clock.
 struct Platform {
     std::shared_ptr<const Clock> clock;
     std::shared_ptr<Queue> mainQueue;
@@ -45,16 +45,17 @@ struct Platform {
     std::shared_ptr<NotificationCenter> notificationCenter;
 };
 
-/// A platform with the portable parts filled in: system clock, the process's main and global queues, serial queues with a thread of their own,
-/// a notification centre. Adapters add the rest.
+/// A platform with the portable parts filled in: system clock, the process's main and global queues, serial queues with
+/// a thread of their own, a notification centre. Adapters add the rest.
 [[nodiscard]] Platform makePortablePlatform();
 
-/// The platform used where an operation is called without one: the one set last; else the one that a linked adapter library offers, made on first
-/// use; else the portable parts alone.
+/// The platform used where an operation is called without one: the one set last; else the one that a linked adapter
+/// library offers, made on first use; else the portable parts alone.
 [[nodiscard]] Platform defaultPlatform();
 void setDefaultPlatform(Platform platform);
 
-/// For adapter libraries: offers a default platform. The last offer before first use counts. Returns true, so that a static variable can hold it.
+/// For adapter libraries: offers a default platform. The last offer before first use counts. Returns true, so that a
+/// static variable can hold it.
 bool offerDefaultPlatform(std::function<Platform()> make);
 
 }  // namespace selvio

@@ -67,8 +67,10 @@ public:
     using Observer = const void*;
 
     /// The observer is held weakly: once it has gone it is forgotten.
-    void addObserver(const std::shared_ptr<const void>& observer, ApplicationNotification notification, Handler handler);
-    /// Removes the observer for all notifications; a handler of it that runs on another thread may still be running on return.
+    void addObserver(const std::shared_ptr<const void>& observer, ApplicationNotification notification,
+                     Handler handler);
+    /// Removes the observer for all notifications; a handler of it that runs on another thread may still be running on
+    /// return.
     void removeObserver(Observer observer);
     /// Calls the handlers on the calling thread, in the order of registration.
     void post(ApplicationNotification notification);

@@ -11,7 +11,8 @@
 
 namespace selvio {
 
-/// A face in a photograph. Points are in pixels from the corner of the top left pixel, whose centre is (0.5, 0.5); left and right as seen.
+/// A face in a photograph. Points are in pixels from the corner of the top left pixel, whose centre is (0.5, 0.5); left
+/// and right as seen.
 struct FaceGeometry {
     int width = 0;   ///< of the photograph, pixels
     int height = 0;  ///< of the photograph, pixels
@@ -19,8 +20,9 @@ struct FaceGeometry {
     Point jawRight;
     std::map<std::string, Point> landmarks;  ///< further points under names of the author's choice
 
-    /// Reads the JSON form: "width", "height", "jawLeft" [x, y], "jawRight" [x, y] and, if wanted, "landmarks" {name: [x, y]}.
-    /// The error names `source` and the line or the field. Unknown fields, points outside the photograph and a jaw of less than 8 pixels are errors.
+    /// Reads the JSON form: "width", "height", "jawLeft" [x, y], "jawRight" [x, y] and, if wanted, "landmarks" {name:
+    /// [x, y]}. The error names `source` and the line or the field. Unknown fields, points outside the photograph and a
+    /// jaw of less than 8 pixels are errors.
     [[nodiscard]] static Expected<FaceGeometry> parse(std::string_view json, const std::string& source);
     [[nodiscard]] static Expected<FaceGeometry> load(const std::filesystem::path& path);
     /// The file beside a photograph that holds its geometry: "face.jpg" has "face.json".

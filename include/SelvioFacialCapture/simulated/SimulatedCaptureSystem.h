@@ -12,20 +12,21 @@ namespace selvio {
 
 /// What goes wrong, for as long as it is set. The value-initialized struct is a system without faults.
 struct SimulatedFaults {
-    bool noCamera = false;                   ///< discovery finds no camera
-    bool noMicrophone = false;               ///< there is no default audio device
-    bool videoInputFails = false;            ///< `makeDeviceInput` answers an error for a camera
-    bool audioInputFails = false;            ///< the same for the microphone
-    bool videoInputRefused = false;          ///< `canAddInput` says no to a camera
-    bool audioInputRefused = false;          ///< the same for the microphone
-    bool videoOutputRefused = false;         ///< `canAddOutput` says no to the video data output
-    bool audioOutputRefused = false;         ///< the same for the audio data output
-    bool metadataOutputRefused = false;      ///< the same for the metadata output
-    bool lockFails = false;                  ///< `lockForConfiguration` answers an error
-    bool startFails = false;                 ///< `startRunning` logs why and leaves the session stopped
-    bool deviceLost = false;                 ///< cameras are unplugged: a running session logs it, stops, and discovery finds no camera
-    bool framesStall = false;                ///< the session runs, the microphone too, but no frame, drop notice or code comes
-    int dropEvery = 0;                       ///< every nth frame arrives as a drop notice; 0: none
+    bool noCamera = false;               ///< discovery finds no camera
+    bool noMicrophone = false;           ///< there is no default audio device
+    bool videoInputFails = false;        ///< `makeDeviceInput` answers an error for a camera
+    bool audioInputFails = false;        ///< the same for the microphone
+    bool videoInputRefused = false;      ///< `canAddInput` says no to a camera
+    bool audioInputRefused = false;      ///< the same for the microphone
+    bool videoOutputRefused = false;     ///< `canAddOutput` says no to the video data output
+    bool audioOutputRefused = false;     ///< the same for the audio data output
+    bool metadataOutputRefused = false;  ///< the same for the metadata output
+    bool lockFails = false;              ///< `lockForConfiguration` answers an error
+    bool startFails = false;             ///< `startRunning` logs why and leaves the session stopped
+    bool deviceLost =
+        false;  ///< cameras are unplugged: a running session logs it, stops, and discovery finds no camera
+    bool framesStall = false;  ///< the session runs, the microphone too, but no frame, drop notice or code comes
+    int dropEvery = 0;         ///< every nth frame arrives as a drop notice; 0: none
     std::set<std::string> refusedPresets{};  ///< `canSetSessionPreset` says no to these
 };
 
@@ -50,9 +51,10 @@ struct SimulatedDeviceState {
     int locks = 0;  ///< configuration locks that are held
 };
 
-/// Cameras "Simulated Back Camera" (with torch) and "Simulated Front Camera" and a "Simulated Microphone" (a tone of 440 Hz at 48 kHz).
-/// Each camera has the formats 640x480, 1280x720 (active at first) and 1920x1080, each in 420v and BGRA. Every operation may be called on any
-/// thread. Its sessions stop and their threads end when the last reference to them goes.
+/// Cameras "Simulated Back Camera" (with torch) and "Simulated Front Camera" and a "Simulated Microphone" (a tone of
+/// 440 Hz at 48 kHz). Each camera has the formats 640x480, 1280x720 (active at first) and 1920x1080, each in 420v and
+/// BGRA. Every operation may be called on any thread. Its sessions stop and their threads end when the last reference
+/// to them goes.
 class SimulatedCaptureSystem final : public CaptureSystem {
 public:
     /// A frame rate outside its range is brought to the nearer end, with a line in the log.
@@ -68,16 +70,19 @@ public:
     void setAccessAnswer(bool granted);
     [[nodiscard]] SimulatedDeviceState deviceState(CaptureDevicePosition position) const;
 
-    /// Sets the scene to this time of the script and lets every running session deliver what it has for it: the frame or drop notice, the sound up
-    /// to now, a code in view. Returns when all is submitted to the delegates' queues. With `SimulatedPacing::Manual` only.
+    /// Sets the scene to this time of the script and lets every running session deliver what it has for it: the frame
+    /// or drop notice, the sound up to now, a code in view. Returns when all is submitted to the delegates' queues.
+    /// With `SimulatedPacing::Manual` only.
     void deliverFrameAt(std::chrono::nanoseconds scriptTime);
     /// Blocks of pixel memory that all sessions have asked the system for; constant once warm.
     [[nodiscard]] std::size_t pixelAllocations() const;
 
-    std::shared_ptr<CaptureDeviceDiscoverySession> discoverDevices(const std::vector<std::string>& deviceTypes, MediaType mediaType,
+    std::shared_ptr<CaptureDeviceDiscoverySession> discoverDevices(const std::vector<std::string>& deviceTypes,
+                                                                   MediaType mediaType,
                                                                    CaptureDevicePosition position) override;
     std::shared_ptr<CaptureDevice> defaultDevice(MediaType mediaType) override;
-    Expected<std::shared_ptr<CaptureDeviceInput>> makeDeviceInput(const std::shared_ptr<CaptureDevice>& device) override;
+    Expected<std::shared_ptr<CaptureDeviceInput>> makeDeviceInput(
+        const std::shared_ptr<CaptureDevice>& device) override;
     std::shared_ptr<CaptureSession> makeSession() override;
     std::shared_ptr<VideoDataOutput> makeVideoDataOutput() override;
     std::shared_ptr<AudioDataOutput> makeAudioDataOutput() override;

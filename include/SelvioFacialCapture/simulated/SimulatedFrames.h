@@ -30,22 +30,27 @@ struct FrameFace {
     std::map<std::string, Point> landmarks;  ///< the geometry's own
 };
 
-/// Frames as a pure function of the time: the same photograph, script and time give the same bytes. Any thread, all at once if wanted.
+/// Frames as a pure function of the time: the same photograph, script and time give the same bytes. Any thread, all at
+/// once if wanted.
 class SimulatedFrames {
 public:
-    /// `photograph` is upright BGRA (alpha is not looked at) of the size that `geometry` states; it is copied. An error says what does not fit.
-    [[nodiscard]] static Expected<std::shared_ptr<const SimulatedFrames>> make(const std::shared_ptr<const PixelBuffer>& photograph,
-                                                                               const FaceGeometry& geometry, MotionScript script);
+    /// `photograph` is upright BGRA (alpha is not looked at) of the size that `geometry` states; it is copied. An error
+    /// says what does not fit.
+    [[nodiscard]] static Expected<std::shared_ptr<const SimulatedFrames>> make(
+        const std::shared_ptr<const PixelBuffer>& photograph, const FaceGeometry& geometry, MotionScript script);
     ~SimulatedFrames();
 
     [[nodiscard]] const MotionScript& script() const { return script_; }
 
-    /// Draws the frame of this time into `frame`, which is BGRA or 420v of any size; false, and nothing drawn, for another format.
+    /// Draws the frame of this time into `frame`, which is BGRA or 420v of any size; false, and nothing drawn, for
+    /// another format.
     bool render(std::chrono::nanoseconds time, PixelBuffer& frame) const;
     /// The same into new memory; null for an impossible size or format.
-    [[nodiscard]] std::shared_ptr<PixelBuffer> frame(std::chrono::nanoseconds time, int width, int height, PixelFormat format) const;
+    [[nodiscard]] std::shared_ptr<PixelBuffer> frame(std::chrono::nanoseconds time, int width, int height,
+                                                     PixelFormat format) const;
 
-    /// Where the faces in view are in a frame of this size: none, one or two, the script's main face first. Parts outside the frame included.
+    /// Where the faces in view are in a frame of this size: none, one or two, the script's main face first. Parts
+    /// outside the frame included.
     [[nodiscard]] std::vector<FrameFace> trueGeometry(std::chrono::nanoseconds time, int width, int height) const;
 
 private:

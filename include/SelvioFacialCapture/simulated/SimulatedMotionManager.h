@@ -8,7 +8,8 @@
 
 namespace selvio {
 
-/// Calls the handler once an interval with the script's rotation rate of that moment. Needs no thread: it lives on delayed blocks of the queue.
+/// Calls the handler once an interval with the script's rotation rate of that moment. Needs no thread: it lives on
+/// delayed blocks of the queue.
 class SimulatedMotionManager final : public MotionManager {
 public:
     explicit SimulatedMotionManager(std::shared_ptr<SimulatedScene> scene);

@@ -20,12 +20,13 @@ public:
     [[nodiscard]] const SimulatedFrames& frames() const { return *frames_; }
     [[nodiscard]] const std::shared_ptr<const Clock>& clock() const { return clock_; }
 
-    /// Starts the script now, unless it has started, and returns `clockTime()`. The first capture session that runs and the first motion manager
-    /// that starts call it.
+    /// Starts the script now, unless it has started, and returns `clockTime()`. The first capture session that runs and
+    /// the first motion manager that starts call it.
     std::chrono::nanoseconds begin();
     /// Starts the script anew, now.
     void restart();
-    /// Stops the script's time at this value until `restart` or the next call. For a camera with manual pacing: a paced one goes on with the clock.
+    /// Stops the script's time at this value until `restart` or the next call. For a camera with manual pacing: a paced
+    /// one goes on with the clock.
     void setTime(std::chrono::nanoseconds time);
     /// The script's time.
     [[nodiscard]] std::chrono::nanoseconds time() const;

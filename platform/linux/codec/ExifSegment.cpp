@@ -84,14 +84,16 @@ std::optional<Bytes> makeExifSegment(const ExifProperties& properties) {
 }
 
 std::optional<ExifProperties> readExifSegment(std::span<const std::uint8_t> segment) {
-    if (segment.size() < kHeader.size() || !std::ranges::equal(asBytes(kHeader), segment.first(kHeader.size()))) return std::nullopt;
+    if (segment.size() < kHeader.size() || !std::ranges::equal(asBytes(kHeader), segment.first(kHeader.size())))
+        return std::nullopt;
     const ExifDataPtr data = makeExifData();
     if (!data) return std::nullopt;
     exif_data_load_data(data.get(), segment.data(), static_cast<unsigned>(std::min(segment.size(), kLongestSegment)));
     const ExifByteOrder order = exif_data_get_byte_order(data.get());
     ExifProperties properties;
     const ExifEntry* const orientation = exif_content_get_entry(data->ifd[EXIF_IFD_0], EXIF_TAG_ORIENTATION);
-    if (orientation != nullptr && orientation->data != nullptr && orientation->format == EXIF_FORMAT_SHORT && orientation->size >= 2) {
+    if (orientation != nullptr && orientation->data != nullptr && orientation->format == EXIF_FORMAT_SHORT &&
+        orientation->size >= 2) {
         const int value = exif_get_short(orientation->data, order);
         if (value >= 1 && value <= 8) properties.orientation = value;
     }

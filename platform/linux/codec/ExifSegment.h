@@ -13,7 +13,8 @@ inline constexpr std::size_t kLongestSegment = 65533;
 /// The segment for the properties. Nothing if it cannot be made or would be longer than `kLongestSegment`.
 [[nodiscard]] std::optional<Bytes> makeExifSegment(const ExifProperties& properties);
 
-/// What the segment says of the two properties. Nothing if it is not an EXIF segment; a property that cannot be read is absent.
+/// What the segment says of the two properties. Nothing if it is not an EXIF segment; a property that cannot be read is
+/// absent.
 [[nodiscard]] std::optional<ExifProperties> readExifSegment(std::span<const std::uint8_t> segment);
 
 }  // namespace selvio

@@ -22,8 +22,8 @@ namespace {
 constexpr int kExifMarker = JPEG_APP0 + 1;
 constexpr int kMostScans = 200;  // a real progressive file has about ten; each costs a pass over the whole picture
 
-/// Catches what libjpeg reports. libjpeg leaves a failed call by longjmp, so a call runs in `attempt`, whose function must own nothing.
-/// What would make libjpeg fill in missing samples with grey counts as an error.
+/// Catches what libjpeg reports. libjpeg leaves a failed call by longjmp, so a call runs in `attempt`, whose function
+/// must own nothing. What would make libjpeg fill in missing samples with grey counts as an error.
 class ErrorTrap {
 public:
     ErrorTrap() {
@@ -56,8 +56,8 @@ private:
     static ErrorTrap& of(j_common_ptr codec) { return *reinterpret_cast<ErrorTrap*>(codec->err); }
 
     static bool losesSamples(int code) {
-        return code != JWRN_EXTRANEOUS_DATA && code != JWRN_ADOBE_XFORM && code != JWRN_JFIF_MAJOR && code != JWRN_BOGUS_PROGRESSION &&
-               code != JWRN_NOT_SEQUENTIAL && code != JWRN_BOGUS_ICC;
+        return code != JWRN_EXTRANEOUS_DATA && code != JWRN_ADOBE_XFORM && code != JWRN_JFIF_MAJOR &&
+               code != JWRN_BOGUS_PROGRESSION && code != JWRN_NOT_SEQUENTIAL && code != JWRN_BOGUS_ICC;
     }
 
     [[noreturn]] void fail(j_common_ptr codec) {
@@ -82,7 +82,8 @@ struct Decompressor {
         jpeg_save_markers(&info, kExifMarker, 0xFFFF);
         progress.progress_monitor = [](j_common_ptr codec) {
             auto* const decoder = reinterpret_cast<j_decompress_ptr>(codec);
-            if (codec->is_decompressor && decoder->input_scan_number > kMostScans) ERREXIT(decoder, JERR_BAD_PROGRESSION);
+            if (codec->is_decompressor && decoder->input_scan_number > kMostScans)
+                ERREXIT(decoder, JERR_BAD_PROGRESSION);
         };
         info.progress = &progress;
     }
@@ -100,7 +101,9 @@ public:
             of(codec).flush(codec, kChunk);
             return TRUE;
         };
-        manager_.term_destination = [](j_compress_ptr codec) { of(codec).flush(codec, kChunk - of(codec).manager_.free_in_buffer); };
+        manager_.term_destination = [](j_compress_ptr codec) {
+            of(codec).flush(codec, kChunk - of(codec).manager_.free_in_buffer);
+        };
     }
     jpeg_destination_mgr* manager() { return &manager_; }
 
@@ -157,7 +160,8 @@ struct Compressor {
         }
         jpeg_start_compress(&info, TRUE);
         if (!target.exifSegment.empty()) {
-            jpeg_write_marker(&info, kExifMarker, target.exifSegment.data(), static_cast<unsigned>(target.exifSegment.size()));
+            jpeg_write_marker(&info, kExifMarker, target.exifSegment.data(),
+                              static_cast<unsigned>(target.exifSegment.size()));
         }
     }
 
@@ -182,7 +186,8 @@ public:
     RawStrip(const jpeg_component_info* components, int count) {
         for (int i = 0; i < count; ++i) {
             const jpeg_component_info& component = components[i];
-            const auto blocksAcross = static_cast<std::size_t>(component.width_in_blocks) + static_cast<std::size_t>(component.h_samp_factor);
+            const auto blocksAcross =
+                static_cast<std::size_t>(component.width_in_blocks) + static_cast<std::size_t>(component.h_samp_factor);
             const std::size_t bytesPerRow = blocksAcross * DCTSIZE;
             auto& plane = planes_[static_cast<std::size_t>(i)];
             const auto rows = static_cast<std::size_t>(component.v_samp_factor) * DCTSIZE;
@@ -203,7 +208,8 @@ private:
     std::array<JSAMPARRAY, 3> pointers_{};
 };
 
-/// n / divisor for n up to 9000, as a multiplication that the compiler turns into one vector instruction; `kFactor` is 2^23 / divisor, rounded up.
+/// n / divisor for n up to 9000, as a multiplication that the compiler turns into one vector instruction; `kFactor` is
+/// 2^23 / divisor, rounded up.
 template <std::uint32_t kFactor>
 constexpr std::uint16_t quotient(std::uint16_t n) {
     return static_cast<std::uint16_t>(static_cast<std::uint16_t>((n * kFactor) >> 16) >> 7);
@@ -216,7 +222,8 @@ constexpr JSAMPLE fullRangeLuma(std::uint8_t y) {
     return static_cast<JSAMPLE>(std::min<std::uint16_t>(static_cast<std::uint16_t>(v + quotient<38305>(n)), 255));
 }
 
-/// Video-range chroma (16...240 about 128) to the full range about 128, rounded: v * 255 / 224 is v and v * 31 / 224 more.
+/// Video-range chroma (16...240 about 128) to the full range about 128, rounded: v * 255 / 224 is v and v * 31 / 224
+/// more.
 constexpr JSAMPLE fullRangeChroma(std::uint8_t c) {
     const auto v = static_cast<std::uint16_t>(std::clamp<std::uint8_t>(c, 16, 240) - 16);
     const auto n = static_cast<std::uint16_t>(v * 31);
@@ -242,11 +249,13 @@ std::optional<Bytes> encode420v(const PixelBuffer& picture, const JpegTarget& ta
     const PlaneLayout& luma = picture.layout().planes[0];
     const PlaneLayout& chroma = picture.layout().planes[1];
     Bytes bytes;
-    if (!reserveFor(bytes, static_cast<std::size_t>(picture.width()) * static_cast<std::size_t>(picture.height()))) return std::nullopt;
+    if (!reserveFor(bytes, static_cast<std::size_t>(picture.width()) * static_cast<std::size_t>(picture.height())))
+        return std::nullopt;
     ErrorTrap trap;
     Compressor out(trap, bytes);
     const bool started = trap.attempt([&] {
-        out.create(static_cast<JDIMENSION>(picture.width()), static_cast<JDIMENSION>(picture.height()), 3, JCS_YCbCr, target.quality);
+        out.create(static_cast<JDIMENSION>(picture.width()), static_cast<JDIMENSION>(picture.height()), 3, JCS_YCbCr,
+                   target.quality);
         out.info.raw_data_in = TRUE;  // 4:2:0 by default, as the buffer is
         out.start(target);
     });
@@ -265,8 +274,8 @@ std::optional<Bytes> encode420v(const PixelBuffer& picture, const JpegTarget& ta
             for (int r = 0; r < DCTSIZE; ++r) {
                 const auto y = static_cast<std::size_t>(std::min(top / 2 + r, chroma.height - 1));
                 const auto row = static_cast<std::size_t>(r);
-                expandChroma(picture.data(1) + y * chroma.bytesPerRow, static_cast<std::size_t>(chroma.width), chromaWidth, strip.row(1, row),
-                             strip.row(2, row));
+                expandChroma(picture.data(1) + y * chroma.bytesPerRow, static_cast<std::size_t>(chroma.width),
+                             chromaWidth, strip.row(1, row), strip.row(2, row));
             }
             jpeg_write_raw_data(&out.info, strip.image(), kRows);
         }
@@ -277,18 +286,21 @@ std::optional<Bytes> encode420v(const PixelBuffer& picture, const JpegTarget& ta
 
 std::optional<Bytes> encode32(const PixelBuffer& picture, const JpegTarget& target) {
     Bytes bytes;
-    if (!reserveFor(bytes, static_cast<std::size_t>(picture.width()) * static_cast<std::size_t>(picture.height()))) return std::nullopt;
+    if (!reserveFor(bytes, static_cast<std::size_t>(picture.width()) * static_cast<std::size_t>(picture.height())))
+        return std::nullopt;
     ErrorTrap trap;
     Compressor out(trap, bytes);
     const bool done = trap.attempt([&] {
         const J_COLOR_SPACE space = picture.format() == kPixelFormat32ARGB ? JCS_EXT_XRGB : JCS_EXT_BGRX;
-        out.create(static_cast<JDIMENSION>(picture.width()), static_cast<JDIMENSION>(picture.height()), 4, space, target.quality);
+        out.create(static_cast<JDIMENSION>(picture.width()), static_cast<JDIMENSION>(picture.height()), 4, space,
+                   target.quality);
         out.start(target);
         std::array<JSAMPROW, 2 * DCTSIZE> rows{};
         while (out.info.next_scanline < out.info.image_height) {
             const JDIMENSION count = std::min<JDIMENSION>(rows.size(), out.info.image_height - out.info.next_scanline);
             for (JDIMENSION i = 0; i < count; ++i) {
-                rows[i] = const_cast<JSAMPROW>(picture.data()) + picture.bytesPerRow() * (out.info.next_scanline + i);  // read only
+                rows[i] = const_cast<JSAMPROW>(picture.data()) +
+                          picture.bytesPerRow() * (out.info.next_scanline + i);  // read only
             }
             jpeg_write_scanlines(&out.info, rows.data(), count);
         }
@@ -297,7 +309,8 @@ std::optional<Bytes> encode32(const PixelBuffer& picture, const JpegTarget& targ
     return done ? std::optional(std::move(bytes)) : std::nullopt;
 }
 
-/// Whether the samples can go from file to file as they are: the same colours, and a sampling that one interleaved scan can hold.
+/// Whether the samples can go from file to file as they are: the same colours, and a sampling that one interleaved scan
+/// can hold.
 bool keepsItsSamples(const jpeg_decompress_struct& in) {
     const bool grey = in.jpeg_color_space == JCS_GRAYSCALE && in.num_components == 1;
     const bool colour = in.jpeg_color_space == JCS_YCbCr && in.num_components == 3;
@@ -311,7 +324,9 @@ void bgraFromCmyk(std::uint8_t* pixels, std::size_t count, bool inverted) {
     for (std::size_t i = 0; i < count; ++i) {
         std::uint8_t* const p = pixels + 4 * i;
         const auto light = [&](std::uint8_t ink) { return inverted ? ink : 255 - ink; };
-        const auto mixed = [&](std::uint8_t ink) { return static_cast<std::uint8_t>((light(ink) * light(p[3]) + 127) / 255); };
+        const auto mixed = [&](std::uint8_t ink) {
+            return static_cast<std::uint8_t>((light(ink) * light(p[3]) + 127) / 255);
+        };
         const std::array<std::uint8_t, 4> bgra{mixed(p[2]), mixed(p[1]), mixed(p[0]), 255};
         std::memcpy(p, bgra.data(), 4);
     }
@@ -342,7 +357,8 @@ void readPixelRows(jpeg_decompress_struct& in, std::uint8_t* pixels, std::size_t
 void reencodeSamples(Decompressor& in, Compressor& out, const JpegTarget& target, RawStrip& strip) {
     in.info.raw_data_out = TRUE;
     jpeg_start_decompress(&in.info);
-    out.create(in.info.image_width, in.info.image_height, in.info.num_components, in.info.jpeg_color_space, target.quality);
+    out.create(in.info.image_width, in.info.image_height, in.info.num_components, in.info.jpeg_color_space,
+               target.quality);
     for (int i = 0; i < in.info.num_components; ++i) {
         out.info.comp_info[i].h_samp_factor = in.info.comp_info[i].h_samp_factor;
         out.info.comp_info[i].v_samp_factor = in.info.comp_info[i].v_samp_factor;
@@ -376,7 +392,8 @@ std::optional<ExifProperties> exifOf(const jpeg_decompress_struct& info) {
     return std::nullopt;
 }
 
-/// The least bytes that the file's blocks can take: a bit for each block's first coefficient, and in a sequential file one more for its end.
+/// The least bytes that the file's blocks can take: a bit for each block's first coefficient, and in a sequential file
+/// one more for its end.
 std::uint64_t leastBytesOf(const jpeg_decompress_struct& info) {
     std::uint64_t blocks = 0;
     for (int i = 0; i < info.num_components; ++i) {
@@ -409,7 +426,8 @@ std::optional<JpegHeader> readJpegHeader(std::span<const std::uint8_t> file) {
     Decompressor in(trap);
     if (!readHeader(trap, in, [&] { jpeg_mem_src(&in.info, file.data(), file.size()); })) return std::nullopt;
     JpegHeader header;
-    if (in.info.saw_JFIF_marker) header.jfif = JfifProperties{in.info.X_density, in.info.Y_density, in.info.density_unit};
+    if (in.info.saw_JFIF_marker)
+        header.jfif = JfifProperties{in.info.X_density, in.info.Y_density, in.info.density_unit};
     header.exif = exifOf(in.info);
     return header;
 }
@@ -446,15 +464,18 @@ Expected<std::shared_ptr<PixelBuffer>> readJpegFile(std::FILE* file, std::size_t
     ErrorTrap trap;
     Decompressor in(trap);
     const bool read = readHeader(trap, in, [&] { jpeg_stdio_src(&in.info, file); });
-    if (!read && trap.code() == JERR_IMAGE_TOO_BIG) return Error{sizeProblem(in.info.image_width, in.info.image_height).value_or(trap.reason())};
+    if (!read && trap.code() == JERR_IMAGE_TOO_BIG)
+        return Error{sizeProblem(in.info.image_width, in.info.image_height).value_or(trap.reason())};
     if (!read) return Error{trap.reason()};
     if (auto problem = problemWith(in.info, fileBytes)) return Error{std::move(*problem)};
 
     const int width = static_cast<int>(in.info.image_width);
     const int height = static_cast<int>(in.info.image_height);
     const Turn turn = Turn::fromExif(exifOf(in.info).value_or(ExifProperties{}).orientation.value_or(1));
-    auto result = PixelBuffer::create(turn.turnedWidth(width, height), turn.turnedHeight(width, height), kPixelFormat32BGRA);
-    if (!result) return Error{"not enough memory for " + std::to_string(width) + " x " + std::to_string(height) + " pixels"};
+    auto result =
+        PixelBuffer::create(turn.turnedWidth(width, height), turn.turnedHeight(width, height), kPixelFormat32BGRA);
+    if (!result)
+        return Error{"not enough memory for " + std::to_string(width) + " x " + std::to_string(height) + " pixels"};
     const auto target = TurnedPlane::make(turn, width, height, 4, result->data(), result->bytesPerRow());
     constexpr int kBand = 2 * DCTSIZE;  // rows decoded at once, then put in their places
     const std::size_t bandRow = static_cast<std::size_t>(width) * 4;

@@ -1,5 +1,5 @@
-// JPEG files by libjpeg-turbo: reading headers, decoding to pixels, encoding from pixels and from other JPEG files. Every function may run on any
-// thread.
+// JPEG files by libjpeg-turbo: reading headers, decoding to pixels, encoding from pixels and from other JPEG files.
+// Every function may run on any thread.
 #pragma once
 
 #include <SelvioFacialCapture/platform/ImageCodec.h>
@@ -30,7 +30,8 @@ struct JpegTarget {
 /// Decodes the file and encodes its picture anew, strip by strip. Nothing if the file is cut short or damaged.
 [[nodiscard]] std::optional<Bytes> reencodeJpeg(std::span<const std::uint8_t> file, const JpegTarget& target);
 
-/// The whole picture, upright, as BGRA. `file` stands at its beginning and is `fileBytes` long. The error gives the reason only.
+/// The whole picture, upright, as BGRA. `file` stands at its beginning and is `fileBytes` long. The error gives the
+/// reason only.
 [[nodiscard]] Expected<std::shared_ptr<PixelBuffer>> readJpegFile(std::FILE* file, std::size_t fileBytes);
 
 }  // namespace selvio

@@ -55,7 +55,8 @@ Expected<std::shared_ptr<PixelBuffer>> readPicture(const std::string& path) {
     const std::size_t got = std::fread(start.data(), 1, start.size(), file.value().get());
     std::rewind(file.value().get());
     if (got >= kPng.size() && start == kPng) return readPngFile(file.value().get(), length);
-    if (got >= kJpeg.size() && std::equal(kJpeg.begin(), kJpeg.end(), start.begin())) return readJpegFile(file.value().get(), length);
+    if (got >= kJpeg.size() && std::equal(kJpeg.begin(), kJpeg.end(), start.begin()))
+        return readJpegFile(file.value().get(), length);
     return Error{"neither JPEG nor PNG"};
 }
 

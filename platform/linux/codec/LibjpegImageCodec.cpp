@@ -38,10 +38,12 @@ std::shared_ptr<ImageSource> LibjpegImageCodec::openSource(Bytes bytes) const {
     return std::make_shared<JpegImageSource>(std::move(bytes), std::move(*header));
 }
 
-std::optional<Bytes> LibjpegImageCodec::encodeFromSource(const ImageSource& source, const ImageProperties& properties) const {
+std::optional<Bytes> LibjpegImageCodec::encodeFromSource(const ImageSource& source,
+                                                         const ImageProperties& properties) const {
     const auto* const jpeg = dynamic_cast<const JpegImageSource*>(&source);
     if (jpeg == nullptr) return std::nullopt;
-    JpegTarget target{.quality = properties.lossyCompressionQuality.value_or(1.0F), .jfif = properties.jfif, .exifSegment = {}};
+    JpegTarget target{
+        .quality = properties.lossyCompressionQuality.value_or(1.0F), .jfif = properties.jfif, .exifSegment = {}};
     if (properties.exif) {
         auto segment = makeExifSegment(*properties.exif);
         if (!segment) return std::nullopt;

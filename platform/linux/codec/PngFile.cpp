@@ -17,7 +17,8 @@ namespace {
 
 constexpr std::uint64_t kMostDeflation = 1032;  // deflate packs at most so many bytes into one
 
-/// A libpng reader. libpng leaves a failed call by longjmp, so a call runs in `attempt`, whose function must own nothing.
+/// A libpng reader. libpng leaves a failed call by longjmp, so a call runs in `attempt`, whose function must own
+/// nothing.
 class PngReader {
 public:
     PngReader() {
@@ -59,7 +60,8 @@ private:
     std::array<char, 128> reason_{};
 };
 
-/// Nothing that could unpack into more memory than the picture: texts, profiles and palettes of no use here stay packed.
+/// Nothing that could unpack into more memory than the picture: texts, profiles and palettes of no use here stay
+/// packed.
 void skipUnusedChunks(png_structp png) {
     static const png_byte names[] = "iCCP\0iTXt\0tEXt\0zTXt\0sPLT\0hIST";
     png_set_keep_unknown_chunks(png, PNG_HANDLE_CHUNK_NEVER, names, static_cast<int>(sizeof(names) / 5));
@@ -120,10 +122,13 @@ Expected<std::shared_ptr<PixelBuffer>> readPngFile(std::FILE* file, std::size_t 
     const Turn turn = turnOf(reader);
     int passes = 1;
     if (!reader.attempt([&] { passes = askForBgra(png, info); })) return Error{reader.reason()};
-    // An interlaced picture needs all its rows until the last pass, so it is turned as a whole; any other goes row by row to its place.
+    // An interlaced picture needs all its rows until the last pass, so it is turned as a whole; any other goes row by
+    // row to its place.
     const Turn turnOfRows = passes > 1 ? Turn::fromExif(1) : turn;
-    auto result = PixelBuffer::create(turnOfRows.turnedWidth(width, height), turnOfRows.turnedHeight(width, height), kPixelFormat32BGRA);
-    if (!result) return Error{"not enough memory for " + std::to_string(width) + " x " + std::to_string(height) + " pixels"};
+    auto result = PixelBuffer::create(turnOfRows.turnedWidth(width, height), turnOfRows.turnedHeight(width, height),
+                                      kPixelFormat32BGRA);
+    if (!result)
+        return Error{"not enough memory for " + std::to_string(width) + " x " + std::to_string(height) + " pixels"};
     const auto pixelsAcross = static_cast<std::size_t>(width);
     const auto target = TurnedPlane::make(turnOfRows, width, height, 4, result->data(), result->bytesPerRow());
     constexpr int kBand = 16;
@@ -139,7 +144,8 @@ Expected<std::shared_ptr<PixelBuffer>> readPngFile(std::FILE* file, std::size_t 
         }
         for (int top = 0; top < height; top += kBand) {
             const int rows = std::min(kBand, height - top);
-            for (int r = 0; r < rows; ++r) png_read_row(png, band.data() + pixelsAcross * 4 * static_cast<std::size_t>(r), nullptr);
+            for (int r = 0; r < rows; ++r)
+                png_read_row(png, band.data() + pixelsAcross * 4 * static_cast<std::size_t>(r), nullptr);
             premultiply(band.data(), pixelsAcross * static_cast<std::size_t>(rows));
             copyTurned<4>(band.data(), pixelsAcross * 4, width, top, rows, target);
         }

@@ -8,7 +8,8 @@
 
 namespace selvio {
 
-/// The whole picture, upright, as premultiplied BGRA. `file` stands at its beginning and is `fileBytes` long. The error gives the reason only.
+/// The whole picture, upright, as premultiplied BGRA. `file` stands at its beginning and is `fileBytes` long. The error
+/// gives the reason only.
 [[nodiscard]] Expected<std::shared_ptr<PixelBuffer>> readPngFile(std::FILE* file, std::size_t fileBytes);
 
 }  // namespace selvio

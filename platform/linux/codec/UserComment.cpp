@@ -13,7 +13,8 @@ constexpr std::string_view kJis("JIS\0\0\0\0\0", kCodeSize);
 constexpr std::string_view kUndefined("\0\0\0\0\0\0\0\0", kCodeSize);
 constexpr char32_t kReplacement = 0xFFFD;
 
-/// Takes one code point off the front of a UTF-8 text that is not empty. Nothing for an ill-formed sequence, of which one byte is taken.
+/// Takes one code point off the front of a UTF-8 text that is not empty. Nothing for an ill-formed sequence, of which
+/// one byte is taken.
 std::optional<char32_t> takeCodePoint(std::string_view& text) {
     const auto byteAt = [&](std::size_t i) { return static_cast<std::uint8_t>(text[i]); };
     const std::uint8_t first = byteAt(0);
@@ -85,7 +86,8 @@ std::string fromUtf16(std::string_view bytes, bool bigEndian) {
             for (std::size_t i = 0; i < count; ++i) latin += unitAt(i, big) != 0 && unitAt(i, big) < 0x100 ? 1 : 0;
             return latin;
         };
-        // Some letters, such as U+4E00, are Latin ones the wrong way round: only a good many of them, and no real one, speak for the other order.
+        // Some letters, such as U+4E00, are Latin ones the wrong way round: only a good many of them, and no real one,
+        // speak for the other order.
         if (count >= 4 && latinUnits(bigEndian) == 0 && 2 * latinUnits(!bigEndian) >= count) bigEndian = !bigEndian;
     }
     std::string text;

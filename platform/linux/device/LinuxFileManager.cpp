@@ -95,7 +95,8 @@ fs::path LinuxFileManager::documentsDirectory() const {
 Expected<std::vector<std::string>> LinuxFileManager::contentsOfDirectory(const fs::path& directory) const {
     std::vector<std::string> names;
     std::error_code error;
-    for (fs::directory_iterator it(directory, error), end; !error && it != end; it.increment(error)) names.push_back(it->path().filename().string());
+    for (fs::directory_iterator it(directory, error), end; !error && it != end; it.increment(error))
+        names.push_back(it->path().filename().string());
     if (error) return failure(directory, error);
     return names;
 }
@@ -114,7 +115,8 @@ std::optional<Error> LinuxFileManager::removeItem(const fs::path& path) {
 }
 
 Expected<std::vector<std::uint8_t>> LinuxFileManager::readFile(const fs::path& path) const {
-    const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));  // does not wait for a pipe's writer
+    const FileDescriptor file(
+        open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));  // does not wait for a pipe's writer
     struct stat status {};
     if (file.get() < 0 || fstat(file.get(), &status) != 0) return failure(path, lastError());
     if (S_ISDIR(status.st_mode)) return failure(path, std::make_error_code(std::errc::is_a_directory));

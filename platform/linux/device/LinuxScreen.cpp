@@ -43,8 +43,11 @@ bool isBuiltIn(const std::string& connector) {
 std::optional<Size> connectedDisplaySize(const fs::path& displays) {
     std::vector<std::string> connectors;
     std::error_code error;
-    for (fs::directory_iterator it(displays, error), end; !error && it != end; it.increment(error)) connectors.push_back(it->path().filename());
-    std::ranges::sort(connectors, [](const std::string& a, const std::string& b) { return isBuiltIn(a) != isBuiltIn(b) ? isBuiltIn(a) : a < b; });
+    for (fs::directory_iterator it(displays, error), end; !error && it != end; it.increment(error))
+        connectors.push_back(it->path().filename());
+    std::ranges::sort(connectors, [](const std::string& a, const std::string& b) {
+        return isBuiltIn(a) != isBuiltIn(b) ? isBuiltIn(a) : a < b;
+    });
     for (const std::string& connector : connectors) {
         if (firstLine(displays / connector / "status") != "connected") continue;
         if (const auto size = parsedMode(firstLine(displays / connector / "modes"))) return size;

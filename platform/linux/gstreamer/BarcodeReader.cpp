@@ -13,7 +13,8 @@ std::vector<MetadataObject> BarcodeReader::read(const PixelBuffer& frame) {
     global_ = !global_;
     try {
         const bool grey = frame.format() == kPixelFormat420v;
-        const ZXing::ImageView view(frame.data(), frame.width(), frame.height(), grey ? ZXing::ImageFormat::Lum : ZXing::ImageFormat::BGRX,
+        const ZXing::ImageView view(frame.data(), frame.width(), frame.height(),
+                                    grey ? ZXing::ImageFormat::Lum : ZXing::ImageFormat::BGRX,
                                     static_cast<int>(frame.bytesPerRow()));
         ZXing::DecodeHints hints;
         hints.setFormats(ZXing::BarcodeFormat::PDF417);
@@ -27,8 +28,9 @@ std::vector<MetadataObject> BarcodeReader::read(const PixelBuffer& frame) {
         const auto [top, bottom] = std::minmax({corners[0].y, corners[1].y, corners[2].y, corners[3].y});
         const double width = frame.width();
         const double height = frame.height();
-        objects.push_back(
-            {kMetadataObjectTypePDF417Code, result.text(), {left / width, top / height, (right - left) / width, (bottom - top) / height}});
+        objects.push_back({kMetadataObjectTypePDF417Code,
+                           result.text(),
+                           {left / width, top / height, (right - left) / width, (bottom - top) / height}});
     } catch (const std::exception&) {
         // A picture that the decoder cannot stand holds no code.
     }

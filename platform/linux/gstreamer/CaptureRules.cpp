@@ -31,7 +31,8 @@ void addMode(std::vector<CameraMode>& modes, CameraMode mode) {
 
 std::vector<FrameRate> ratesBetween(FrameRate lowest, FrameRate highest) {
     std::vector<FrameRate> rates{highest};
-    if (lowest.value() <= kWantedRate && highest.value() >= kWantedRate) rates.push_back({static_cast<int>(kWantedRate), 1});
+    if (lowest.value() <= kWantedRate && highest.value() >= kWantedRate)
+        rates.push_back({static_cast<int>(kWantedRate), 1});
     return rates;
 }
 
@@ -41,7 +42,8 @@ FrameRate preferredRate(const std::vector<FrameRate>& rates) {
         if (rate.numerator <= 0 || rate.value() <= 0.0 || rate.value() > kHighestRate) continue;
         const bool above = rate.value() >= kWantedRate - kRateSlack;
         const bool bestAbove = best.value() >= kWantedRate - kRateSlack;
-        const bool better = above ? !bestAbove || rate.value() < best.value() : !bestAbove && rate.value() > best.value();
+        const bool better =
+            above ? !bestAbove || rate.value() < best.value() : !bestAbove && rate.value() > best.value();
         if (better) best = rate;
     }
     return best;
@@ -52,7 +54,8 @@ std::vector<CaptureDeviceFormat> formatsOf(const std::vector<CameraMode>& modes)
     for (const CameraMode& mode : modes) {
         bool known = false;
         for (CaptureDeviceFormat& format : formats) {
-            if (format.formatDescription.width != mode.width || format.formatDescription.height != mode.height) continue;
+            if (format.formatDescription.width != mode.width || format.formatDescription.height != mode.height)
+                continue;
             format.maxFrameRate = std::max(format.maxFrameRate, mode.rate.value());
             known = true;
         }
@@ -67,7 +70,8 @@ std::vector<CaptureDeviceFormat> formatsOf(const std::vector<CameraMode>& modes)
 const CameraMode* chooseMode(const std::vector<CameraMode>& modes, int width, int height, PixelFormat format) {
     const CameraMode* best = nullptr;
     const auto merit = [&](const CameraMode& mode) {
-        return std::tuple(isFullRate(mode.rate) ? kWantedRate : mode.rate.value(), matchesFormat(mode, format), !mode.jpeg);
+        return std::tuple(isFullRate(mode.rate) ? kWantedRate : mode.rate.value(), matchesFormat(mode, format),
+                          !mode.jpeg);
     };
     for (const CameraMode& mode : modes) {
         if (mode.width != width || mode.height != height) continue;
@@ -76,19 +80,28 @@ const CameraMode* chooseMode(const std::vector<CameraMode>& modes, int width, in
     return best;
 }
 
-std::optional<CaptureDeviceFormat> formatForPreset(const std::vector<CaptureDeviceFormat>& formats, const std::string& preset) {
-    const auto longer = [](const CaptureDeviceFormat& f) { return std::max(f.formatDescription.width, f.formatDescription.height); };
-    const auto shorter = [](const CaptureDeviceFormat& f) { return std::min(f.formatDescription.width, f.formatDescription.height); };
-    const auto area = [](const CaptureDeviceFormat& f) { return static_cast<std::int64_t>(f.formatDescription.width) * f.formatDescription.height; };
+std::optional<CaptureDeviceFormat> formatForPreset(const std::vector<CaptureDeviceFormat>& formats,
+                                                   const std::string& preset) {
+    const auto longer = [](const CaptureDeviceFormat& f) {
+        return std::max(f.formatDescription.width, f.formatDescription.height);
+    };
+    const auto shorter = [](const CaptureDeviceFormat& f) {
+        return std::min(f.formatDescription.width, f.formatDescription.height);
+    };
+    const auto area = [](const CaptureDeviceFormat& f) {
+        return static_cast<std::int64_t>(f.formatDescription.width) * f.formatDescription.height;
+    };
     struct Named {
         const char* preset;
         int width, height;
     };
-    for (const Named& named : {Named{kCaptureSessionPreset1920x1080, 1920, 1080}, Named{kCaptureSessionPreset1280x720, 1280, 720},
-                               Named{kCaptureSessionPreset640x480, 640, 480}}) {
+    for (const Named& named :
+         {Named{kCaptureSessionPreset1920x1080, 1920, 1080}, Named{kCaptureSessionPreset1280x720, 1280, 720},
+          Named{kCaptureSessionPreset640x480, 640, 480}}) {
         if (preset != named.preset) continue;
-        const auto found =
-            std::find_if(formats.begin(), formats.end(), [&](const auto& f) { return longer(f) == named.width && shorter(f) == named.height; });
+        const auto found = std::find_if(formats.begin(), formats.end(), [&](const auto& f) {
+            return longer(f) == named.width && shorter(f) == named.height;
+        });
         return found == formats.end() ? std::nullopt : std::optional(*found);
     }
     if (preset != kCaptureSessionPresetHigh || formats.empty()) return std::nullopt;
@@ -97,7 +110,8 @@ std::optional<CaptureDeviceFormat> formatForPreset(const std::vector<CaptureDevi
         if (longer(format) <= 1920 && (best == nullptr || area(format) > area(*best))) best = &format;
     }
     if (best != nullptr) return *best;
-    return *std::min_element(formats.begin(), formats.end(), [&](const auto& a, const auto& b) { return area(a) < area(b); });
+    return *std::min_element(formats.begin(), formats.end(),
+                             [&](const auto& a, const auto& b) { return area(a) < area(b); });
 }
 
 std::optional<CaptureDeviceFormat> initialFormat(const std::vector<CaptureDeviceFormat>& formats) {
@@ -106,7 +120,8 @@ std::optional<CaptureDeviceFormat> initialFormat(const std::vector<CaptureDevice
 }
 
 FrameCrop cropFor(int width, int height, VideoOrientation orientation) {
-    const bool wantsPortrait = orientation == VideoOrientation::Portrait || orientation == VideoOrientation::PortraitUpsideDown;
+    const bool wantsPortrait =
+        orientation == VideoOrientation::Portrait || orientation == VideoOrientation::PortraitUpsideDown;
     const bool isPortrait = height > width;
     if (wantsPortrait == isPortrait) return {0, 0, width, height};
     FrameCrop crop{0, 0, evenBelow(width), evenBelow(height)};
@@ -135,8 +150,8 @@ Rect onMirroredSurface(Rect part, int width, int height, Size surface) {
     const double scale = std::max(surface.width / width, surface.height / height);
     const double shownWidth = width * scale;
     const double shownHeight = height * scale;
-    return {surface.width / 2 + (0.5 - part.x - part.width) * shownWidth, surface.height / 2 + (part.y - 0.5) * shownHeight, part.width * shownWidth,
-            part.height * shownHeight};
+    return {surface.width / 2 + (0.5 - part.x - part.width) * shownWidth,
+            surface.height / 2 + (part.y - 0.5) * shownHeight, part.width * shownWidth, part.height * shownHeight};
 }
 
 int positionMatch(CaptureDevicePosition actual, CaptureDevicePosition wanted) {
@@ -147,7 +162,7 @@ int positionMatch(CaptureDevicePosition actual, CaptureDevicePosition wanted) {
 std::chrono::nanoseconds AudioClock::place(std::chrono::nanoseconds time, std::int64_t frames, int sampleRate) {
     using std::chrono::nanoseconds;
     constexpr nanoseconds kBreak = std::chrono::milliseconds(100);  // beyond this samples were lost
-    constexpr int kPull = 32;                                       // a constant offset has gone after about that many blocks
+    constexpr int kPull = 32;  // a constant offset has gone after about that many blocks
     nanoseconds placed = time;
     if (next_ && std::chrono::abs(time - *next_) < kBreak) placed = *next_ + (time - *next_) / kPull;
     next_ = placed + nanoseconds(frames * 1'000'000'000 / std::max(sampleRate, 1));

@@ -44,20 +44,23 @@ void addMode(std::vector<CameraMode>& modes, CameraMode mode);
 /// The rates worth asking for in a range: the highest, and 30 if it lies within.
 [[nodiscard]] std::vector<FrameRate> ratesBetween(FrameRate lowest, FrameRate highest);
 
-/// The rate to ask for among those that a camera has at one size: 30 if it is there, else the nearest above, else the highest. Rates that are not
-/// above 0 or are above 1000 are no rates (a still camera says 0, a loopback device the largest number there is). Nothing: {0, 1}.
+/// The rate to ask for among those that a camera has at one size: 30 if it is there, else the nearest above, else the
+/// highest. Rates that are not above 0 or are above 1000 are no rates (a still camera says 0, a loopback device the
+/// largest number there is). Nothing: {0, 1}.
 [[nodiscard]] FrameRate preferredRate(const std::vector<FrameRate>& rates);
 
 /// Each size of the modes, in their order, as 420v and as BGRA, with the highest rate of that size.
 [[nodiscard]] std::vector<CaptureDeviceFormat> formatsOf(const std::vector<CameraMode>& modes);
 
-/// The mode to open for frames of this size in this pixel format: close to 30 frames a second before slow ones, then without conversion, then raw.
-/// Null if no mode has the size.
-[[nodiscard]] const CameraMode* chooseMode(const std::vector<CameraMode>& modes, int width, int height, PixelFormat format);
+/// The mode to open for frames of this size in this pixel format: close to 30 frames a second before slow ones, then
+/// without conversion, then raw. Null if no mode has the size.
+[[nodiscard]] const CameraMode* chooseMode(const std::vector<CameraMode>& modes, int width, int height,
+                                           PixelFormat format);
 
-/// The format that a preset stands for: the first of its size, upright or not; for "High" the largest whose longer side is at most 1920, or else
-/// the smallest of all. Nothing if there is none, or the preset is not known.
-[[nodiscard]] std::optional<CaptureDeviceFormat> formatForPreset(const std::vector<CaptureDeviceFormat>& formats, const std::string& preset);
+/// The format that a preset stands for: the first of its size, upright or not; for "High" the largest whose longer side
+/// is at most 1920, or else the smallest of all. Nothing if there is none, or the preset is not known.
+[[nodiscard]] std::optional<CaptureDeviceFormat> formatForPreset(const std::vector<CaptureDeviceFormat>& formats,
+                                                                 const std::string& preset);
 
 /// The format of a camera on which nothing was set: 1280x720, else "High".
 [[nodiscard]] std::optional<CaptureDeviceFormat> initialFormat(const std::vector<CaptureDeviceFormat>& formats);
@@ -68,13 +71,15 @@ void addMode(std::vector<CameraMode>& modes, CameraMode mode);
 /// The middle part of a picture that fills a surface of this shape.
 [[nodiscard]] FrameCrop cropToFill(int width, int height, Size surface);
 
-/// Where a part of a frame (normalized, from the top left) lies on a surface that shows the frame mirrored and filling it, in the surface's units.
+/// Where a part of a frame (normalized, from the top left) lies on a surface that shows the frame mirrored and filling
+/// it, in the surface's units.
 [[nodiscard]] Rect onMirroredSurface(Rect part, int width, int height, Size surface);
 
 /// Whether a camera at `actual` is an answer to a search at `wanted`: 0 no, 1 it states no position, 2 yes.
 [[nodiscard]] int positionMatch(CaptureDevicePosition actual, CaptureDevicePosition wanted);
 
-/// Evens out the times of audio blocks, which arrive when the scheduler lets them: the samples themselves are the better clock.
+/// Evens out the times of audio blocks, which arrive when the scheduler lets them: the samples themselves are the
+/// better clock.
 class AudioClock {
 public:
     /// The time of a block of `frames` that came at `time`.

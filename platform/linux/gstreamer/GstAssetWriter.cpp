@@ -16,10 +16,12 @@ namespace fs = std::filesystem;
 
 constexpr std::int64_t kDefaultBitRate = 7'250'000;
 constexpr int kDefaultFramesPerSecond = 30;
-constexpr guint64 kVideoDepth = 12;                        // frames that may wait for the encoder in real time: less than half a second
-constexpr auto kAudioDepth = std::chrono::seconds(2);      // sound that may wait for the encoder in real time
-constexpr auto kAudioLag = std::chrono::seconds(1);        // how far sound may stay behind the picture before silence stands in for it
-constexpr auto kFinishTimeout = std::chrono::seconds(30);  // finishing takes about two seconds; longer means that it never will
+constexpr guint64 kVideoDepth = 12;  // frames that may wait for the encoder in real time: less than half a second
+constexpr auto kAudioDepth = std::chrono::seconds(2);  // sound that may wait for the encoder in real time
+constexpr auto kAudioLag =
+    std::chrono::seconds(1);  // how far sound may stay behind the picture before silence stands in for it
+constexpr auto kFinishTimeout =
+    std::chrono::seconds(30);  // finishing takes about two seconds; longer means that it never will
 constexpr double kShapeTolerance = 0.02;
 constexpr const char* kAacPackage = "gstreamer1.0-libav (avenc_aac) or gstreamer1.0-plugins-bad (voaacenc)";
 constexpr const char* kMuxerPackage = "gstreamer1.0-plugins-good (mp4mux, aacparse)";
@@ -44,7 +46,8 @@ void set(GstElement* element, const std::string& property, const std::string& va
 GstElement* makeSource() {
     GstElement* const source = makeElement("appsrc");
     if (source != nullptr) {
-        g_object_set(source, "format", GST_FORMAT_TIME, "max-bytes", guint64{0}, "block", FALSE, "emit-signals", FALSE, nullptr);
+        g_object_set(source, "format", GST_FORMAT_TIME, "max-bytes", guint64{0}, "block", FALSE, "emit-signals", FALSE,
+                     nullptr);
     }
     return source;
 }
@@ -53,8 +56,8 @@ GstElement* makeSource() {
 GstElement* makeQueue(int buffers) {
     GstElement* const queue = makeElement("queue");
     if (queue != nullptr) {
-        g_object_set(queue, "max-size-buffers", static_cast<guint>(buffers), "max-size-bytes", 0U, "max-size-time", guint64{0}, "silent", TRUE,
-                     nullptr);
+        g_object_set(queue, "max-size-buffers", static_cast<guint>(buffers), "max-size-bytes", 0U, "max-size-time",
+                     guint64{0}, "silent", TRUE, nullptr);
     }
     return queue;
 }
@@ -85,7 +88,8 @@ bool sameShape(const PixelBufferLayout& frame, const VideoSettings& settings) {
 // The writer itself only passes on; the recording may outlive it while the file is being finished.
 class GstAssetWriter final : public AssetWriter {
 public:
-    GstAssetWriter(fs::path path, RecordingOptions options) : recording_(std::make_shared<GstRecording>(std::move(path), std::move(options))) {}
+    GstAssetWriter(fs::path path, RecordingOptions options)
+        : recording_(std::make_shared<GstRecording>(std::move(path), std::move(options))) {}
     ~GstAssetWriter() override {
         if (!finishing_) recording_->cancel();
     }
@@ -118,7 +122,8 @@ class GstAssetWriterFactory final : public AssetWriterFactory {
 public:
     explicit GstAssetWriterFactory(RecordingOptions options) : options_(std::move(options)) {}
 
-    [[nodiscard]] Expected<std::shared_ptr<AssetWriter>> makeAssetWriter(const fs::path& path, const std::string& fileType) override {
+    [[nodiscard]] Expected<std::shared_ptr<AssetWriter>> makeAssetWriter(const fs::path& path,
+                                                                         const std::string& fileType) override {
         if (fileType != kFileTypeMPEG4) return Error{"files of type \"" + fileType + "\" cannot be written"};
         if (!path.has_filename()) return Error{"\"" + path.string() + "\" does not name a file"};
         if (!startGStreamer()) return Error{"GStreamer could not start"};
@@ -158,7 +163,10 @@ void GstAssetWriterInput::markAsFinished() {
 // ---- set-up
 
 GstRecording::GstRecording(fs::path path, RecordingOptions options)
-    : path_(std::move(path)), partPath_(beside(path_, ".part")), dataPath_(beside(path_, ".data")), options_(std::move(options)) {}
+    : path_(std::move(path)),
+      partPath_(beside(path_, ".part")),
+      dataPath_(beside(path_, ".data")),
+      options_(std::move(options)) {}
 
 GstRecording::~GstRecording() {
     moveTo(AssetWriterStatus::Cancelled);
@@ -173,15 +181,16 @@ bool GstRecording::isAvailable(const std::string& element) const {
 Expected<const VideoEncoder*> GstRecording::chooseVideoEncoder(const VideoSettings& settings) const {
     const VideoCodec* const codec = findVideoCodec(settings.codec);
     if (codec == nullptr) return Error{"video codec \"" + settings.codec + "\" is not recorded"};
-    const bool isSizePossible = settings.width >= 16 && settings.height >= 16 && settings.width <= 8192 && settings.height <= 8192 &&
-                                settings.width % 2 == 0 && settings.height % 2 == 0;
+    const bool isSizePossible = settings.width >= 16 && settings.height >= 16 && settings.width <= 8192 &&
+                                settings.height <= 8192 && settings.width % 2 == 0 && settings.height % 2 == 0;
     if (!isSizePossible) {
-        return Error{"a recording cannot be " + std::to_string(settings.width) + "x" + std::to_string(settings.height) + " pixels in size"};
+        return Error{"a recording cannot be " + std::to_string(settings.width) + "x" + std::to_string(settings.height) +
+                     " pixels in size"};
     }
     if (!isAvailable("mp4mux")) return Error{std::string("no MP4 writer is installed: install ") + kMuxerPackage};
     if (isAvailable(codec->parser)) {
-        for (const VideoEncoder* encoder :
-             installedEncoders(*codec, [&](const std::string& name) { return isAvailable(name) ? elementRank(name) : -1; })) {
+        for (const VideoEncoder* encoder : installedEncoders(
+                 *codec, [&](const std::string& name) { return isAvailable(name) ? elementRank(name) : -1; })) {
             if (opens(encoder->element)) return encoder;
         }
     } else {
@@ -191,7 +200,8 @@ Expected<const VideoEncoder*> GstRecording::chooseVideoEncoder(const VideoSettin
 }
 
 Expected<const AudioEncoder*> GstRecording::chooseAudioEncoder() const {
-    if (!isAvailable("mp4mux") || !isAvailable("aacparse")) return Error{std::string("no MP4 writer is installed: install ") + kMuxerPackage};
+    if (!isAvailable("mp4mux") || !isAvailable("aacparse"))
+        return Error{std::string("no MP4 writer is installed: install ") + kMuxerPackage};
     for (const AudioEncoder& encoder : audioEncoders()) {
         if (isAvailable(encoder.element)) return &encoder;
     }
@@ -204,7 +214,8 @@ bool GstRecording::canAdd(const GstAssetWriterInput& input) const {
     if ((isVideo ? video_ : audio_).added) return false;
     std::string problem;
     if (isVideo) {
-        if (const auto encoder = chooseVideoEncoder(input.videoSettings()); !encoder) problem = encoder.error().localizedDescription;
+        if (const auto encoder = chooseVideoEncoder(input.videoSettings()); !encoder)
+            problem = encoder.error().localizedDescription;
     } else {
         if (const auto encoder = chooseAudioEncoder(); !encoder) problem = encoder.error().localizedDescription;
     }
@@ -238,14 +249,17 @@ std::optional<Error> GstRecording::build() {
     if (!video_.added && !audio_.added) return Error{"there is no track to record"};
     std::error_code ignored;
     if (fs::exists(path_, ignored)) return Error{"\"" + path_.string() + "\" exists already"};
-    // Found out here rather than by the pipeline, whose message does not name the reason. The muxer cannot cope with a file that it cannot open
-    // (1.22 waits for ever), so the media data go into one that is open already and has no name any more.
+    // Found out here rather than by the pipeline, whose message does not name the reason. The muxer cannot cope with a
+    // file that it cannot open (1.22 waits for ever), so the media data go into one that is open already and has no
+    // name any more.
     const int part = ::open(partPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-    if (part < 0) return Error{"could not create \"" + path_.string() + "\": " + std::generic_category().message(errno)};
+    if (part < 0)
+        return Error{"could not create \"" + path_.string() + "\": " + std::generic_category().message(errno)};
     ::close(part);
     ownsPart_ = true;
     mediaData_ = ::open(dataPath_.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (mediaData_ < 0) return Error{"could not create \"" + path_.string() + "\": " + std::generic_category().message(errno)};
+    if (mediaData_ < 0)
+        return Error{"could not create \"" + path_.string() + "\": " + std::generic_category().message(errno)};
     removeQuietly(dataPath_);
     const std::string mediaData = "/proc/self/fd/" + std::to_string(mediaData_);
 
@@ -263,7 +277,8 @@ std::optional<Error> GstRecording::build() {
     }
     const GstPtr<GstBus> bus(gst_element_get_bus(pipeline_.get()));
     gst_bus_set_sync_handler(bus.get(), &GstRecording::onMessage, this, nullptr);
-    if (gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) return Error{"the pipeline could not start"};
+    if (gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE)
+        return Error{"the pipeline could not start"};
     return std::nullopt;
 }
 
@@ -276,7 +291,8 @@ std::optional<Error> GstRecording::buildVideo(GstElement* muxer) {
     if (encoding != nullptr) {
         const auto& properties = videoSettings_.compressionProperties;
         const auto asked = properties.find(kVideoAverageBitRateKey);
-        const std::int64_t bitRate = asked == properties.end() ? kDefaultBitRate : std::clamp<std::int64_t>(asked->second, 50'000, 100'000'000);
+        const std::int64_t bitRate =
+            asked == properties.end() ? kDefaultBitRate : std::clamp<std::int64_t>(asked->second, 50'000, 100'000'000);
         for (const auto& [property, value] : encoder.value()->settings) set(encoding, property, value);
         const auto [property, value] = bitRateSetting(*encoder.value(), bitRate);
         set(encoding, property, value);
@@ -284,16 +300,19 @@ std::optional<Error> GstRecording::buildVideo(GstElement* muxer) {
     // One element converts and scales in one go; older versions have two.
     const bool oneStep = isAvailable("videoconvertscale");
     GstElement* const scaler = makeElement(oneStep ? "videoconvertscale" : "videoscale");
-    const std::string size = "width=" + std::to_string(videoSettings_.width) + ",height=" + std::to_string(videoSettings_.height);
+    const std::string size =
+        "width=" + std::to_string(videoSettings_.width) + ",height=" + std::to_string(videoSettings_.height);
     std::vector<GstElement*> chain{makeSource()};
     if (!oneStep) chain.push_back(makeElement("videoconvert"));
     // 4:2:0 only: from BGRA some encoders would choose 4:4:4, which hardly any player shows.
-    chain.insert(chain.end(), {scaler, makeCapsFilter("video/x-raw,format={NV12,I420}," + size + ",pixel-aspect-ratio=1/1"), makeQueue(2), encoding,
-                               makeElement(codec.parser), makeCapsFilter(codec.muxedCaps), makeQueue(0)});
+    chain.insert(chain.end(),
+                 {scaler, makeCapsFilter("video/x-raw,format={NV12,I420}," + size + ",pixel-aspect-ratio=1/1"),
+                  makeQueue(2), encoding, makeElement(codec.parser), makeCapsFilter(codec.muxedCaps), makeQueue(0)});
     if (scaler != nullptr) scaler_.reset(GST_ELEMENT(gst_object_ref(scaler)));
     if (chain.front() != nullptr) video_.source.reset(GST_ELEMENT(gst_object_ref(chain.front())));
     if (auto error = addChain(pipeline_.get(), chain)) return error;
-    if (gst_element_link_pads(chain.back(), "src", muxer, "video_%u") == FALSE) return Error{"could not link the video track"};
+    if (gst_element_link_pads(chain.back(), "src", muxer, "video_%u") == FALSE)
+        return Error{"could not link the video track"};
     return std::nullopt;
 }
 
@@ -303,14 +322,19 @@ std::optional<Error> GstRecording::buildAudio(GstElement* muxer) {
     GstElement* const encoding = makeElement(encoder.value()->element);
     if (encoding != nullptr) set(encoding, "bitrate", std::to_string(audioSettings_.bitRate));
     audioDelay_ = nanoseconds(encoder.value()->delay * 1'000'000'000 / std::max(audioSettings_.sampleRate, 1));
-    const std::string format =
-        "audio/x-raw,rate=" + std::to_string(audioSettings_.sampleRate) + ",channels=" + std::to_string(audioSettings_.channels);
-    std::vector<GstElement*> chain{
-        makeSource(), makeElement("audioconvert"), makeElement("audioresample"), makeCapsFilter(format), encoding, makeElement("aacparse"),
-        makeQueue(0)};
+    const std::string format = "audio/x-raw,rate=" + std::to_string(audioSettings_.sampleRate) +
+                               ",channels=" + std::to_string(audioSettings_.channels);
+    std::vector<GstElement*> chain{makeSource(),
+                                   makeElement("audioconvert"),
+                                   makeElement("audioresample"),
+                                   makeCapsFilter(format),
+                                   encoding,
+                                   makeElement("aacparse"),
+                                   makeQueue(0)};
     if (chain.front() != nullptr) audio_.source.reset(GST_ELEMENT(gst_object_ref(chain.front())));
     if (auto error = addChain(pipeline_.get(), chain)) return error;
-    if (gst_element_link_pads(chain.back(), "src", muxer, "audio_%u") == FALSE) return Error{"could not link the audio track"};
+    if (gst_element_link_pads(chain.back(), "src", muxer, "audio_%u") == FALSE)
+        return Error{"could not link the audio track"};
     return std::nullopt;
 }
 
@@ -343,12 +367,14 @@ bool GstRecording::appendVideo(const std::shared_ptr<SampleBuffer>& sample, nano
     if (buffer == nullptr) return false;
 
     const PixelBufferLayout& layout = sample->imageBuffer()->layout();
-    if (!videoLayout_ || videoLayout_->width != layout.width || videoLayout_->height != layout.height || videoLayout_->format != layout.format) {
+    if (!videoLayout_ || videoLayout_->width != layout.width || videoLayout_->height != layout.height ||
+        videoLayout_->format != layout.format) {
         if (framesPerSecond_ == 0) {
             const auto& properties = videoSettings_.compressionProperties;
             const auto expected = properties.find(kVideoExpectedSourceFrameRateKey);
-            framesPerSecond_ =
-                expected == properties.end() ? frameRateOf(sample) : static_cast<int>(std::clamp<std::int64_t>(expected->second, 1, 240));
+            framesPerSecond_ = expected == properties.end()
+                                   ? frameRateOf(sample)
+                                   : static_cast<int>(std::clamp<std::int64_t>(expected->second, 1, 240));
         }
         videoLayout_ = layout;
         g_object_set(scaler_.get(), "add-borders", sameShape(layout, videoSettings_) ? FALSE : TRUE, nullptr);
@@ -376,9 +402,9 @@ void GstRecording::adoptAudioFormat(int sampleRate, int channels) {
     audioFrames_ = 0;
     audioRate_ = sampleRate;
     audioChannels_ = channels;
-    const GstPtr<GstCaps> caps(gst_caps_new_simple("audio/x-raw", "format", G_TYPE_STRING, G_BYTE_ORDER == G_LITTLE_ENDIAN ? "S16LE" : "S16BE",
-                                                   "layout", G_TYPE_STRING, "interleaved", "rate", G_TYPE_INT, sampleRate, "channels", G_TYPE_INT,
-                                                   channels, nullptr));
+    const GstPtr<GstCaps> caps(gst_caps_new_simple(
+        "audio/x-raw", "format", G_TYPE_STRING, G_BYTE_ORDER == G_LITTLE_ENDIAN ? "S16LE" : "S16BE", "layout",
+        G_TYPE_STRING, "interleaved", "rate", G_TYPE_INT, sampleRate, "channels", G_TYPE_INT, channels, nullptr));
     if (channels > 2) gst_caps_set_simple(caps.get(), "channel-mask", GST_TYPE_BITMASK, guint64{0}, nullptr);
     gst_app_src_set_caps(GST_APP_SRC(audio_.source.get()), caps.get());
 }
@@ -422,8 +448,9 @@ bool GstRecording::appendAudio(const std::shared_ptr<SampleBuffer>& sample, nano
     const gsize bytes = static_cast<gsize>(frames) * frameBytes;
     const gsize skipped = static_cast<gsize>(place.skip) * frameBytes;
     const auto release = [](gpointer keeper) { delete static_cast<std::shared_ptr<SampleBuffer>*>(keeper); };
-    GstBuffer* const buffer = gst_buffer_new_wrapped_full(GST_MEMORY_FLAG_READONLY, const_cast<std::int16_t*>(data->samples.data()), bytes, skipped,
-                                                          bytes - skipped, new std::shared_ptr<SampleBuffer>(sample), release);
+    GstBuffer* const buffer =
+        gst_buffer_new_wrapped_full(GST_MEMORY_FLAG_READONLY, const_cast<std::int16_t*>(data->samples.data()), bytes,
+                                    skipped, bytes - skipped, new std::shared_ptr<SampleBuffer>(sample), release);
     pushAudio(buffer, frames - place.skip);
     return true;
 }
@@ -488,7 +515,8 @@ void GstRecording::finish(std::function<void()> completion) {
 
 void GstRecording::waitForEnd() {
     std::unique_lock lock(mutex_);
-    const bool inTime = changed_.wait_for(lock, kFinishTimeout, [this] { return ended_ || status_ != AssetWriterStatus::Writing; });
+    const bool inTime =
+        changed_.wait_for(lock, kFinishTimeout, [this] { return ended_ || status_ != AssetWriterStatus::Writing; });
     lock.unlock();
     if (!inTime) fail("the encoder did not finish");
 }
@@ -538,12 +566,15 @@ std::string recommendedVideoCodec(const RecordingOptions& options) {
     if (!options.preferHEVC || !startGStreamer()) return kVideoCodecTypeH264;
     // Asked of a writer that never writes, so that the answer is the one that recording will get.
     const auto disabled = [&](const std::string& name) {
-        return std::find(options.disabledElements.begin(), options.disabledElements.end(), name) != options.disabledElements.end();
+        return std::find(options.disabledElements.begin(), options.disabledElements.end(), name) !=
+               options.disabledElements.end();
     };
     const VideoCodec& codec = *findVideoCodec(kVideoCodecTypeHEVC);
     const bool hasParser = !disabled(codec.parser) && elementRank(codec.parser) >= 0;
-    const auto encoders = installedEncoders(codec, [&](const std::string& name) { return disabled(name) ? -1 : elementRank(name); });
-    const bool canRecord = hasParser && std::any_of(encoders.begin(), encoders.end(), [](const auto* encoder) { return opens(encoder->element); });
+    const auto encoders =
+        installedEncoders(codec, [&](const std::string& name) { return disabled(name) ? -1 : elementRank(name); });
+    const bool canRecord = hasParser && std::any_of(encoders.begin(), encoders.end(),
+                                                    [](const auto* encoder) { return opens(encoder->element); });
     return canRecord ? kVideoCodecTypeHEVC : kVideoCodecTypeH264;
 }
 

@@ -21,7 +21,8 @@ class GstRecording;
 /// One track; works once it belongs to a writer that writes.
 class GstAssetWriterInput final : public AssetWriterInput {
 public:
-    explicit GstAssetWriterInput(VideoSettings settings) : mediaType_(MediaType::Video), videoSettings_(std::move(settings)) {}
+    explicit GstAssetWriterInput(VideoSettings settings)
+        : mediaType_(MediaType::Video), videoSettings_(std::move(settings)) {}
     explicit GstAssetWriterInput(AudioSettings settings) : mediaType_(MediaType::Audio), audioSettings_(settings) {}
 
     void setExpectsMediaDataInRealTime(bool expects) override { realTime_ = expects; }
@@ -42,8 +43,8 @@ private:
     std::weak_ptr<GstRecording> recording_;
 };
 
-/// The pipeline of one file and what became of it. Shared by the writer, its inputs (weakly) and the work that finishes the file, which may
-/// outlive the writer. The operations run on the writer's one queue, `status` on any thread.
+/// The pipeline of one file and what became of it. Shared by the writer, its inputs (weakly) and the work that finishes
+/// the file, which may outlive the writer. The operations run on the writer's one queue, `status` on any thread.
 ///
 ///     Unknown ──start──▶ Writing ──finish──▶ Completed
 ///        │                  ├── error, any time ──▶ Failed
@@ -106,7 +107,8 @@ private:
     GstPtr<GstElement> pipeline_;
     GstPtr<GstElement> scaler_;
     bool ownsPart_ = false;  ///< the part file is this recording's
-    int mediaData_ = -1;     ///< descriptor of the nameless file that holds the media data until `moov` can be written before them
+    int mediaData_ =
+        -1;  ///< descriptor of the nameless file that holds the media data until `moov` can be written before them
 
     std::optional<std::chrono::nanoseconds> sessionStart_;
     std::optional<PixelBufferLayout> videoLayout_;
@@ -122,9 +124,10 @@ private:
     std::atomic<AssetWriterStatus> status_{AssetWriterStatus::Unknown};
     std::mutex mutex_;
     std::condition_variable changed_;
-    bool ended_ = false;                   // guarded by mutex_; the end of the stream has reached the file
-    bool tornDown_ = false;                // guarded by mutex_; no pipeline runs and no unfinished file lies about
-    std::unique_ptr<SerialQueue> worker_;  ///< made by start; ends the pipeline, since that waits for GStreamer's threads
+    bool ended_ = false;     // guarded by mutex_; the end of the stream has reached the file
+    bool tornDown_ = false;  // guarded by mutex_; no pipeline runs and no unfinished file lies about
+    std::unique_ptr<SerialQueue>
+        worker_;  ///< made by start; ends the pipeline, since that waits for GStreamer's threads
 };
 
 }  // namespace selvio

@@ -14,15 +14,18 @@ namespace {
 using std::chrono::nanoseconds;
 
 constexpr int kSampleRate = 48000;
-constexpr int kMaxLoans = 4;  // frames lent out of the camera's own memory at once; it has about eight, and stalls when it runs out of them
+constexpr int kMaxLoans =
+    4;  // frames lent out of the camera's own memory at once; it has about eight, and stalls when it runs out of them
 
 nanoseconds now() {
     return std::chrono::steady_clock::now().time_since_epoch();
 }
 
-// Every pipeline runs on the system's monotonic clock, on which a buffer's time is its running time after the pipeline's base time.
+// Every pipeline runs on the system's monotonic clock, on which a buffer's time is its running time after the
+// pipeline's base time.
 void useMonotonicTime(GstElement* pipeline) {
-    GstClock* const clock = GST_CLOCK(g_object_new(GST_TYPE_SYSTEM_CLOCK, "clock-type", GST_CLOCK_TYPE_MONOTONIC, nullptr));
+    GstClock* const clock =
+        GST_CLOCK(g_object_new(GST_TYPE_SYSTEM_CLOCK, "clock-type", GST_CLOCK_TYPE_MONOTONIC, nullptr));
     gst_object_ref_sink(clock);
     gst_pipeline_use_clock(GST_PIPELINE(pipeline), clock);
     gst_object_unref(clock);
@@ -43,14 +46,15 @@ void letGo(gpointer data) {
 }
 
 template <typename T>
-GstElement* makeSink(GstFlowReturn (*onSample)(GstAppSink*, gpointer), const std::shared_ptr<T>& owner, bool inRealTime) {
+GstElement* makeSink(GstFlowReturn (*onSample)(GstAppSink*, gpointer), const std::shared_ptr<T>& owner,
+                     bool inRealTime) {
     GstElement* const sink = makeElement("appsink");
     if (sink == nullptr) return nullptr;
     GstAppSinkCallbacks callbacks{};
     callbacks.new_sample = onSample;
     // The callback takes each sample at once; the sink only keeps time, for files.
-    g_object_set(sink, "sync", inRealTime ? TRUE : FALSE, "max-buffers", 2U, "drop", inRealTime ? FALSE : TRUE, "emit-signals", FALSE,
-                 "enable-last-sample", FALSE, "qos", FALSE, nullptr);
+    g_object_set(sink, "sync", inRealTime ? TRUE : FALSE, "max-buffers", 2U, "drop", inRealTime ? FALSE : TRUE,
+                 "emit-signals", FALSE, "enable-last-sample", FALSE, "qos", FALSE, nullptr);
     gst_app_sink_set_callbacks(GST_APP_SINK(sink), &callbacks, keep(owner), letGo<T>);
     return sink;
 }
@@ -70,9 +74,11 @@ void close(GstPtr<GstElement>& pipeline) {
 void copyPlanes(const PixelBuffer& from, PixelBuffer& to) {
     for (int plane = 0; plane < from.planeCount(); ++plane) {
         const auto& layout = from.layout().planes[static_cast<std::size_t>(plane)];
-        const std::size_t bytes = static_cast<std::size_t>(layout.width) * (from.format() == kPixelFormat420v ? (plane == 0 ? 1U : 2U) : 4U);
+        const std::size_t bytes =
+            static_cast<std::size_t>(layout.width) * (from.format() == kPixelFormat420v ? (plane == 0 ? 1U : 2U) : 4U);
         for (std::size_t row = 0; row < static_cast<std::size_t>(layout.height); ++row) {
-            std::memcpy(to.data(plane) + row * to.bytesPerRow(plane), from.data(plane) + row * from.bytesPerRow(plane), bytes);
+            std::memcpy(to.data(plane) + row * to.bytesPerRow(plane), from.data(plane) + row * from.bytesPerRow(plane),
+                        bytes);
         }
     }
 }
@@ -81,7 +87,8 @@ void copyPlanes(const PixelBuffer& from, PixelBuffer& to) {
 
 // ---- configuration
 
-GstCaptureSession::GstCaptureSession(CaptureOptions options) : options_(std::move(options)), receivers_(std::make_shared<const Receivers>()) {}
+GstCaptureSession::GstCaptureSession(CaptureOptions options)
+    : options_(std::move(options)), receivers_(std::make_shared<const Receivers>()) {}
 
 GstCaptureSession::~GstCaptureSession() {
     const std::lock_guard lifecycle(lifecycle_);
@@ -123,7 +130,8 @@ void GstCaptureSession::updateReceivers() {
         own->setConnected(own->inputType() == MediaType::Video ? camera_ != nullptr : microphone_ != nullptr);
         if (auto video = std::dynamic_pointer_cast<GstVideoDataOutput>(output)) receivers->video = std::move(video);
         if (auto audio = std::dynamic_pointer_cast<GstAudioDataOutput>(output)) receivers->audio = std::move(audio);
-        if (auto metadata = std::dynamic_pointer_cast<GstMetadataOutput>(output)) receivers->metadata = std::move(metadata);
+        if (auto metadata = std::dynamic_pointer_cast<GstMetadataOutput>(output))
+            receivers->metadata = std::move(metadata);
     }
     receivers_ = std::move(receivers);
 }
@@ -142,7 +150,8 @@ GstCaptureSession::Plan GstCaptureSession::plan() const {
     const auto format = plan.camera ? plan.camera->activeFormat() : std::nullopt;
     if (!format) return plan;
     const auto& [subtype, width, height] = format->formatDescription;
-    if (const CameraMode* const mode = chooseMode(plan.camera->description().modes, width, height, plan.pixelFormat)) plan.mode = *mode;
+    if (const CameraMode* const mode = chooseMode(plan.camera->description().modes, width, height, plan.pixelFormat))
+        plan.mode = *mode;
     return plan;
 }
 
@@ -192,7 +201,8 @@ void GstCaptureSession::removeInput(const std::shared_ptr<CaptureDeviceInput>& i
 bool GstCaptureSession::canAddOutput(const CaptureOutput& output) const {
     if (dynamic_cast<const GstOutput*>(&output) == nullptr) return false;
     const std::lock_guard lock(configurationMutex_);
-    return std::none_of(outputs_.begin(), outputs_.end(), [&](const auto& other) { return typeid(*other) == typeid(output); });
+    return std::none_of(outputs_.begin(), outputs_.end(),
+                        [&](const auto& other) { return typeid(*other) == typeid(output); });
 }
 
 void GstCaptureSession::addOutput(std::shared_ptr<CaptureOutput> output) {
@@ -325,7 +335,8 @@ std::optional<Error> GstCaptureSession::openCamera(const Plan& plan, const std::
     const bool native = !plan.mode.jpeg && !device.playsFile && plan.mode.format == gstFormatName(plan.pixelFormat);
     const auto onSample = [](GstAppSink* sink, gpointer data) {
         const Run& from = kept<Run>(data);
-        if (const GstPtr<GstSample> sample(gst_app_sink_pull_sample(sink)); sample) from.session.frameArrived(from, sample.get(), GST_ELEMENT(sink));
+        if (const GstPtr<GstSample> sample(gst_app_sink_pull_sample(sink)); sample)
+            from.session.frameArrived(from, sample.get(), GST_ELEMENT(sink));
         return GST_FLOW_OK;
     };
     const auto source = device.makeSource();
@@ -342,7 +353,9 @@ std::optional<Error> GstCaptureSession::openCamera(const Plan& plan, const std::
 
     cameraPipeline_ = makePipeline();
     if (auto error = addChain(cameraPipeline_.get(), chain)) return error;
-    run->memory = !native ? FrameMemory::Converter : device.fleetingMemory ? FrameMemory::Fleeting : FrameMemory::Camera;
+    run->memory = !native                 ? FrameMemory::Converter
+                  : device.fleetingMemory ? FrameMemory::Fleeting
+                                          : FrameMemory::Camera;
     if (const auto video = receivers()->video)
         video->setFrameRate(plan.mode.rate.numerator > 0 ? static_cast<int>(std::lround(plan.mode.rate.value())) : 30);
 
@@ -365,16 +378,18 @@ std::optional<Error> GstCaptureSession::openCamera(const Plan& plan, const std::
 std::optional<Error> GstCaptureSession::openMicrophone(const Plan& plan, const std::shared_ptr<Run>& run) {
     const auto onSample = [](GstAppSink* sink, gpointer data) {
         Run& from = kept<Run>(data);
-        if (const GstPtr<GstSample> sample(gst_app_sink_pull_sample(sink)); sample) from.session.soundArrived(from, sample.get(), GST_ELEMENT(sink));
+        if (const GstPtr<GstSample> sample(gst_app_sink_pull_sample(sink)); sample)
+            from.session.soundArrived(from, sample.get(), GST_ELEMENT(sink));
         return GST_FLOW_OK;
     };
     const auto source = plan.microphone->description().makeSource();
     if (!source) return source.error();
-    const std::string format = std::string("audio/x-raw,layout=interleaved,channels=1,rate=") + std::to_string(kSampleRate) +
+    const std::string format = std::string("audio/x-raw,layout=interleaved,channels=1,rate=") +
+                               std::to_string(kSampleRate) +
                                ",format=" + (G_BYTE_ORDER == G_LITTLE_ENDIAN ? "S16LE" : "S16BE");
     soundPipeline_ = makePipeline();
-    const std::vector<GstElement*> chain{source.value(), makeElement("audioconvert"), makeElement("audioresample"), makeCapsFilter(format),
-                                         makeSink(onSample, run, false)};
+    const std::vector<GstElement*> chain{source.value(), makeElement("audioconvert"), makeElement("audioresample"),
+                                         makeCapsFilter(format), makeSink(onSample, run, false)};
     if (auto error = addChain(soundPipeline_.get(), chain)) return error;
     const GstPtr<GstBus> bus(gst_element_get_bus(soundPipeline_.get()));
     const auto onMessage = [](GstBus*, GstMessage* message, gpointer) {
@@ -429,7 +444,8 @@ std::optional<nanoseconds> GstCaptureSession::timeOf(GstSample* sample, GstEleme
     return nanoseconds(static_cast<std::int64_t>(time + gst_element_get_base_time(sink)));
 }
 
-std::shared_ptr<PixelBuffer> GstCaptureSession::borrow(FrameMemory memory, GstBuffer* buffer, const GstVideoInfo& info, const FrameCrop& crop) {
+std::shared_ptr<PixelBuffer> GstCaptureSession::borrow(FrameMemory memory, GstBuffer* buffer, const GstVideoInfo& info,
+                                                       const FrameCrop& crop) {
     auto pixels = wrapFrame(buffer, info, crop);
     if (!pixels || memory == FrameMemory::Converter) return pixels;
     if (memory == FrameMemory::Fleeting || loans_->count >= kMaxLoans) {
@@ -458,17 +474,21 @@ void GstCaptureSession::frameArrived(const Run& run, GstSample* sample, GstEleme
     const int height = GST_VIDEO_INFO_HEIGHT(&info);
 
     SampleTiming timing{timeOf(sample, sink).value_or(arrival), std::nullopt};
-    if (GST_VIDEO_INFO_FPS_N(&info) > 0) timing.duration = nanoseconds(1'000'000'000LL * GST_VIDEO_INFO_FPS_D(&info) / GST_VIDEO_INFO_FPS_N(&info));
-    if (*timing.presentationTime > arrival || *timing.presentationTime < arrival - std::chrono::hours(1)) timing.presentationTime = arrival;
+    if (GST_VIDEO_INFO_FPS_N(&info) > 0)
+        timing.duration = nanoseconds(1'000'000'000LL * GST_VIDEO_INFO_FPS_D(&info) / GST_VIDEO_INFO_FPS_N(&info));
+    if (*timing.presentationTime > arrival || *timing.presentationTime < arrival - std::chrono::hours(1))
+        timing.presentationTime = arrival;
 
     const auto to = receivers();
     if (to->video) {
-        if (auto pixels = borrow(run.memory, buffer, info, cropFor(width, height, to->video->connection()->videoOrientation()))) {
+        if (auto pixels =
+                borrow(run.memory, buffer, info, cropFor(width, height, to->video->connection()->videoOrientation()))) {
             to->video->deliver(SampleBuffer::makeVideo(std::move(pixels), timing));
         }
     }
     if (to->metadata && to->metadata->wantsFrame()) {
-        to->metadata->search(borrow(run.memory, buffer, info, cropFor(width, height, to->metadata->connection()->videoOrientation())));
+        to->metadata->search(
+            borrow(run.memory, buffer, info, cropFor(width, height, to->metadata->connection()->videoOrientation())));
     }
     for (const auto& held : to->watchers) {
         const auto watcher = held.lock();
@@ -488,8 +508,9 @@ void GstCaptureSession::soundArrived(Run& run, GstSample* sample, GstElement* si
     const auto output = receivers()->audio;
     GstBuffer* const buffer = gst_sample_get_buffer(sample);
     if (!output || buffer == nullptr) return;
-    AudioData audio{
-        .sampleRate = kSampleRate, .channels = 1, .samples = std::vector<std::int16_t>(gst_buffer_get_size(buffer) / sizeof(std::int16_t))};
+    AudioData audio{.sampleRate = kSampleRate,
+                    .channels = 1,
+                    .samples = std::vector<std::int16_t>(gst_buffer_get_size(buffer) / sizeof(std::int16_t))};
     gst_buffer_extract(buffer, 0, audio.samples.data(), audio.samples.size() * sizeof(std::int16_t));
     const auto frames = static_cast<std::int64_t>(audio.samples.size());
     const nanoseconds length(frames * 1'000'000'000 / kSampleRate);

@@ -20,13 +20,15 @@ public:
     virtual void frameArrived(const std::shared_ptr<SampleBuffer>& frame) = 0;
 };
 
-/// Configuration may be changed at any time and on any thread; a running session takes it up when the configuration is committed.
+/// Configuration may be changed at any time and on any thread; a running session takes it up when the configuration is
+/// committed.
 ///
 ///     stopped ──startRunning──▶ opening ──first frame──▶ running
 ///        ▲                         │ error, time-out        │ stopRunning, error, silence, end of a file
 ///        └─────────────────────────┴────────────────────────┘
 ///
-/// GStreamer's threads call `frameArrived`, `soundArrived` and `onMessage`; these never take `lifecycle_`, since stopping waits for those threads.
+/// GStreamer's threads call `frameArrived`, `soundArrived` and `onMessage`; these never take `lifecycle_`, since
+/// stopping waits for those threads.
 class GstCaptureSession final : public CaptureSession, public std::enable_shared_from_this<GstCaptureSession> {
 public:
     explicit GstCaptureSession(CaptureOptions options);
@@ -75,7 +77,8 @@ private:
         Camera,     ///< the camera's own, of which there is little: lent out up to a limit, copied beyond it
         Fleeting,   ///< PipeWire's, which goes when the camera does, whoever still reads it: copied at once
     };
-    /// What one start has opened. A pipeline that did not start is closed later, beside the next run: what it still says counts no more.
+    /// What one start has opened. A pipeline that did not start is closed later, beside the next run: what it still
+    /// says counts no more.
     struct Run {
         GstCaptureSession& session;
         const std::uint64_t number;
@@ -104,7 +107,8 @@ private:
     void frameArrived(const Run& run, GstSample* sample, GstElement* sink);
     void soundArrived(Run& run, GstSample* sample, GstElement* sink);
     [[nodiscard]] static std::optional<std::chrono::nanoseconds> timeOf(GstSample* sample, GstElement* sink);
-    std::shared_ptr<PixelBuffer> borrow(FrameMemory memory, GstBuffer* buffer, const GstVideoInfo& info, const FrameCrop& crop);
+    std::shared_ptr<PixelBuffer> borrow(FrameMemory memory, GstBuffer* buffer, const GstVideoInfo& info,
+                                        const FrameCrop& crop);
 
     const CaptureOptions options_;
     std::recursive_mutex monitor_;

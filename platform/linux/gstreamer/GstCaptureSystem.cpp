@@ -31,14 +31,19 @@ public:
         return devices.empty() ? nullptr : devices.front();
     }
 
-    Expected<std::shared_ptr<CaptureDeviceInput>> makeDeviceInput(const std::shared_ptr<CaptureDevice>& device) override {
+    Expected<std::shared_ptr<CaptureDeviceInput>> makeDeviceInput(
+        const std::shared_ptr<CaptureDevice>& device) override {
         const auto own = std::dynamic_pointer_cast<GstCaptureDevice>(device);
-        if (!own) return Error{device ? "\"" + device->localizedName() + "\" is not a device of this system" : "there is no device"};
+        if (!own)
+            return Error{device ? "\"" + device->localizedName() + "\" is not a device of this system"
+                                : "there is no device"};
         return std::shared_ptr<CaptureDeviceInput>(std::make_shared<GstCaptureDeviceInput>(own));
     }
 
     std::shared_ptr<CaptureSession> makeSession() override { return std::make_shared<GstCaptureSession>(options_); }
-    std::shared_ptr<VideoDataOutput> makeVideoDataOutput() override { return std::make_shared<GstVideoDataOutput>(options_.recording); }
+    std::shared_ptr<VideoDataOutput> makeVideoDataOutput() override {
+        return std::make_shared<GstVideoDataOutput>(options_.recording);
+    }
     std::shared_ptr<AudioDataOutput> makeAudioDataOutput() override { return std::make_shared<GstAudioDataOutput>(); }
     std::shared_ptr<MetadataOutput> makeMetadataOutput() override { return std::make_shared<GstMetadataOutput>(); }
 
@@ -46,7 +51,8 @@ public:
         if (mediaType == MediaType::Audio || !options_.systemDevices) return AuthorizationStatus::Authorized;
         if (cameraNodeAccess(options_.deviceDirectory) != NodeAccess::Refused) return AuthorizationStatus::Authorized;
         // A camera may still be offered through PipeWire, which opens the node in our stead.
-        return findDevices(options_, MediaType::Video).empty() ? AuthorizationStatus::Denied : AuthorizationStatus::Authorized;
+        return findDevices(options_, MediaType::Video).empty() ? AuthorizationStatus::Denied
+                                                               : AuthorizationStatus::Authorized;
     }
 
     void requestAccess(MediaType mediaType, std::function<void(bool granted)> completion) override {

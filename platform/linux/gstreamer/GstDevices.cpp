@@ -35,7 +35,8 @@ std::vector<FrameRate> ratesIn(const GValue* value) {
             for (const FrameRate& rate : ratesIn(gst_value_list_get_value(value, i))) rates.push_back(rate);
         }
     } else if (GST_VALUE_HOLDS_FRACTION_RANGE(value)) {
-        return ratesBetween(ratesIn(gst_value_get_fraction_range_min(value)).front(), ratesIn(gst_value_get_fraction_range_max(value)).front());
+        return ratesBetween(ratesIn(gst_value_get_fraction_range_min(value)).front(),
+                            ratesIn(gst_value_get_fraction_range_max(value)).front());
     }
     return rates;
 }
@@ -73,7 +74,8 @@ std::vector<FrameSize> sizesIn(const GstStructure* structure) {
     const GValue* const width = gst_structure_get_value(structure, "width");
     const GValue* const height = gst_structure_get_value(structure, "height");
     if (width == nullptr || height == nullptr) return {};
-    if (G_VALUE_HOLDS_INT(width) && G_VALUE_HOLDS_INT(height)) return {{g_value_get_int(width), g_value_get_int(height)}};
+    if (G_VALUE_HOLDS_INT(width) && G_VALUE_HOLDS_INT(height))
+        return {{g_value_get_int(width), g_value_get_int(height)}};
     std::vector<FrameSize> sizes;
     for (const FrameSize& size : kPresetSizes) {
         if (holdsInt(width, size.width) && holdsInt(height, size.height)) sizes.push_back(size);
@@ -90,7 +92,8 @@ std::vector<CameraMode> modesOf(const GstCaps* caps) {
         const bool jpeg = gst_structure_has_name(structure, "image/jpeg");
         if (!raw && !jpeg) continue;
         if (raw && gst_caps_features_contains(gst_caps_get_features(caps, i), "memory:DMABuf") != FALSE) continue;
-        std::vector<std::string> formats = raw ? textsIn(gst_structure_get_value(structure, "format")) : std::vector<std::string>{""};
+        std::vector<std::string> formats =
+            raw ? textsIn(gst_structure_get_value(structure, "format")) : std::vector<std::string>{""};
         const FrameRate rate = preferredRate(ratesIn(gst_structure_get_value(structure, "framerate")));
         for (const auto& [width, height] : sizesIn(structure)) {
             for (const std::string& format : formats) {
@@ -104,7 +107,8 @@ std::vector<CameraMode> modesOf(const GstCaps* caps) {
 // An element that was made, or what could not be.
 Expected<GstElement*> opened(GstElement* source, const std::string& name) {
     if (source == nullptr) return Error{"\"" + name + "\" could not be opened"};
-    if (g_object_class_find_property(G_OBJECT_GET_CLASS(source), "do-timestamp") != nullptr) g_object_set(source, "do-timestamp", TRUE, nullptr);
+    if (g_object_class_find_property(G_OBJECT_GET_CLASS(source), "do-timestamp") != nullptr)
+        g_object_set(source, "do-timestamp", TRUE, nullptr);
     return source;
 }
 
@@ -113,15 +117,17 @@ DeviceDescription describeNode(PipeWireNode node, MediaType mediaType) {
     if (node.location == "front") description.position = CaptureDevicePosition::Front;
     if (node.location == "back") description.position = CaptureDevicePosition::Back;
     description.modes = std::move(node.modes);
-    std::erase_if(description.modes,
-                  [](const CameraMode& mode) { return !mode.jpeg && gst_video_format_from_string(mode.format.c_str()) == GST_VIDEO_FORMAT_UNKNOWN; });
+    std::erase_if(description.modes, [](const CameraMode& mode) {
+        return !mode.jpeg && gst_video_format_from_string(mode.format.c_str()) == GST_VIDEO_FORMAT_UNKNOWN;
+    });
     description.node = std::move(node.node);
     description.isDefault = node.isDefault;
     description.fleetingMemory = true;  // the server takes it back when the stream ends
     description.makeSource = [id = description.id, name = description.name, mediaType]() -> Expected<GstElement*> {
         // It may have been plugged in anew. One that has gone would be waited for without end.
         const auto now = findPipeWireNodes(mediaType).value_or(std::vector<PipeWireNode>());
-        const auto same = std::find_if(now.begin(), now.end(), [&](const PipeWireNode& other) { return other.name == id; });
+        const auto same =
+            std::find_if(now.begin(), now.end(), [&](const PipeWireNode& other) { return other.name == id; });
         if (same == now.end()) return Error{"\"" + name + "\" is not there any more"};
         auto source = opened(makeElement("pipewiresrc"), name);
         if (source) g_object_set(source.value(), "target-object", same->serial.c_str(), nullptr);
@@ -140,19 +146,24 @@ DeviceDescription describeDevice(GstDevice* device, MediaType mediaType) {
     const GstPtr<GstCaps> caps(mediaType == MediaType::Video ? gst_device_get_caps(device) : nullptr);
     if (caps) description.modes = modesOf(caps.get());
     gboolean isDefault = FALSE;
-    if (properties && gst_structure_get_boolean(properties.get(), "is-default", &isDefault) != FALSE) description.isDefault = isDefault != FALSE;
+    if (properties && gst_structure_get_boolean(properties.get(), "is-default", &isDefault) != FALSE)
+        description.isDefault = isDefault != FALSE;
     const std::shared_ptr<GstDevice> kept(GST_DEVICE(gst_object_ref(device)), GstUnref());
-    description.makeSource = [kept, id = description.name] { return opened(gst_device_create_element(kept.get(), nullptr), id); };
+    description.makeSource = [kept, id = description.name] {
+        return opened(gst_device_create_element(kept.get(), nullptr), id);
+    };
     return description;
 }
 
-// What GStreamer's providers find, the one of highest rank first. The sound systems show each other's microphones: the first that has some is taken.
+// What GStreamer's providers find, the one of highest rank first. The sound systems show each other's microphones: the
+// first that has some is taken.
 std::vector<DeviceDescription> providedDevices(MediaType mediaType) {
     const char* const wanted = mediaType == MediaType::Video ? "Video/Source" : "Audio/Source";
     std::vector<DeviceDescription> found;
-    GList* const factories =
-        g_list_sort(gst_device_provider_factory_list_get_device_providers(GST_RANK_MARGINAL), gst_plugin_feature_rank_compare_func);
-    for (GList* item = factories; item != nullptr && (mediaType == MediaType::Video || found.empty()); item = item->next) {
+    GList* const factories = g_list_sort(gst_device_provider_factory_list_get_device_providers(GST_RANK_MARGINAL),
+                                         gst_plugin_feature_rank_compare_func);
+    for (GList* item = factories; item != nullptr && (mediaType == MediaType::Video || found.empty());
+         item = item->next) {
         auto* const factory = GST_DEVICE_PROVIDER_FACTORY(item->data);
         const bool isPipeWire = std::strcmp(GST_OBJECT_NAME(factory), "pipewiredeviceprovider") == 0;
         if (isPipeWire || gst_device_provider_factory_has_classes(factory, wanted) == FALSE) continue;
@@ -174,7 +185,8 @@ std::vector<DeviceDescription> systemDevices(MediaType mediaType) {
     const bool isVideo = mediaType == MediaType::Video;
     const auto nodes = findPipeWireNodes(mediaType);
     std::vector<DeviceDescription> candidates;
-    for (const PipeWireNode& node : nodes.value_or(std::vector<PipeWireNode>())) candidates.push_back(describeNode(node, mediaType));
+    for (const PipeWireNode& node : nodes.value_or(std::vector<PipeWireNode>()))
+        candidates.push_back(describeNode(node, mediaType));
     if (!nodes || isVideo) {
         for (auto& description : providedDevices(mediaType)) candidates.push_back(std::move(description));
     }
@@ -183,10 +195,12 @@ std::vector<DeviceDescription> systemDevices(MediaType mediaType) {
         if (isVideo && description.modes.empty()) continue;  // nothing that could be shown
         // One camera can be offered by PipeWire and by Video4Linux: the first stands for both.
         const bool isKnown =
-            !description.node.empty() && std::any_of(found.begin(), found.end(), [&](const auto& other) { return other.node == description.node; });
+            !description.node.empty() &&
+            std::any_of(found.begin(), found.end(), [&](const auto& other) { return other.node == description.node; });
         if (!isKnown) found.push_back(std::move(description));
     }
-    std::stable_partition(found.begin(), found.end(), [](const DeviceDescription& description) { return description.isDefault; });
+    std::stable_partition(found.begin(), found.end(),
+                          [](const DeviceDescription& description) { return description.isDefault; });
     return found;
 }
 
@@ -221,9 +235,10 @@ std::optional<DeviceDescription> describeFile(const fs::path& path) {
     g_object_unref(discoverer);
     if (description.modes.empty()) return std::nullopt;
     description.makeSource = [path]() -> Expected<GstElement*> {
-        // The end is made a pad of the bin by hand: done by the parser, it would take the decoder's place at the beginning as well.
-        GstElement* const bin =
-            gst_parse_bin_from_description("filesrc name=file ! decodebin ! videoconvert ! videoflip name=end video-direction=auto", FALSE, nullptr);
+        // The end is made a pad of the bin by hand: done by the parser, it would take the decoder's place at the
+        // beginning as well.
+        GstElement* const bin = gst_parse_bin_from_description(
+            "filesrc name=file ! decodebin ! videoconvert ! videoflip name=end video-direction=auto", FALSE, nullptr);
         if (bin == nullptr) return Error{"\"" + path.string() + "\" could not be opened"};
         const GstPtr<GstElement> file(gst_bin_get_by_name(GST_BIN(bin), "file"));
         const GstPtr<GstElement> end(gst_bin_get_by_name(GST_BIN(bin), "end"));
@@ -237,7 +252,10 @@ std::optional<DeviceDescription> describeFile(const fs::path& path) {
 
 DeviceDescription describeSource(const SourceCamera& camera) {
     DeviceDescription description{.id = camera.name, .name = camera.name, .position = camera.position};
-    description.modes.push_back({.format = camera.rawFormat, .width = camera.width, .height = camera.height, .rate = {camera.framesPerSecond, 1}});
+    description.modes.push_back({.format = camera.rawFormat,
+                                 .width = camera.width,
+                                 .height = camera.height,
+                                 .rate = {camera.framesPerSecond, 1}});
     description.makeSource = [source = camera.source]() -> Expected<GstElement*> {
         GError* failure = nullptr;
         GstElement* const bin = gst_parse_bin_from_description(source.c_str(), TRUE, &failure);
@@ -288,7 +306,8 @@ bool setControl(const fs::path& node, std::uint32_t control, int value) {
 std::string capsOf(const CameraMode& mode) {
     std::string caps = mode.jpeg ? "image/jpeg" : "video/x-raw,format=" + mode.format;
     caps += ",width=" + std::to_string(mode.width) + ",height=" + std::to_string(mode.height);
-    if (mode.rate.numerator > 0) caps += ",framerate=" + std::to_string(mode.rate.numerator) + "/" + std::to_string(mode.rate.denominator);
+    if (mode.rate.numerator > 0)
+        caps += ",framerate=" + std::to_string(mode.rate.numerator) + "/" + std::to_string(mode.rate.denominator);
     return caps;
 }
 
@@ -320,9 +339,11 @@ NodeAccess cameraNodeAccess(const fs::path& deviceDirectory) {
 
 GstCaptureDevice::GstCaptureDevice(DeviceDescription description, const fs::path& ledDirectory)
     : description_(std::move(description)),
-      formats_(description_.mediaType == MediaType::Video ? formatsOf(description_.modes) : std::vector<CaptureDeviceFormat>{}),
-      led_(description_.mediaType == MediaType::Video && description_.position != CaptureDevicePosition::Front ? findTorch(ledDirectory)
-                                                                                                               : fs::path()),
+      formats_(description_.mediaType == MediaType::Video ? formatsOf(description_.modes)
+                                                          : std::vector<CaptureDeviceFormat>{}),
+      led_(description_.mediaType == MediaType::Video && description_.position != CaptureDevicePosition::Front
+               ? findTorch(ledDirectory)
+               : fs::path()),
       activeFormat_(initialFormat(formats_)) {}
 
 std::optional<CaptureDeviceFormat> GstCaptureDevice::activeFormat() const {
@@ -346,13 +367,14 @@ void GstCaptureDevice::setActiveFormat(const CaptureDeviceFormat& format) {
 }
 
 bool GstCaptureDevice::isFocusModeSupported(FocusMode mode) const {
-    return hasControl(description_.node, mode == FocusMode::AutoFocus ? V4L2_CID_AUTO_FOCUS_START : V4L2_CID_FOCUS_AUTO);
+    return hasControl(description_.node,
+                      mode == FocusMode::AutoFocus ? V4L2_CID_AUTO_FOCUS_START : V4L2_CID_FOCUS_AUTO);
 }
 
 void GstCaptureDevice::setFocusMode(FocusMode mode) {
-    const bool done = mode == FocusMode::AutoFocus
-                          ? setControl(description_.node, V4L2_CID_AUTO_FOCUS_START, 1)
-                          : setControl(description_.node, V4L2_CID_FOCUS_AUTO, mode == FocusMode::ContinuousAutoFocus ? 1 : 0);
+    const bool done = mode == FocusMode::AutoFocus ? setControl(description_.node, V4L2_CID_AUTO_FOCUS_START, 1)
+                                                   : setControl(description_.node, V4L2_CID_FOCUS_AUTO,
+                                                                mode == FocusMode::ContinuousAutoFocus ? 1 : 0);
     if (!done) log("Capture: the focus of \"" + description_.name + "\" could not be set");
 }
 

@@ -69,7 +69,8 @@ private:
 
 class GstCaptureDeviceInput final : public CaptureDeviceInput {
 public:
-    explicit GstCaptureDeviceInput(std::shared_ptr<GstCaptureDevice> device) : own_(device), device_(std::move(device)) {}
+    explicit GstCaptureDeviceInput(std::shared_ptr<GstCaptureDevice> device)
+        : own_(device), device_(std::move(device)) {}
     [[nodiscard]] const std::shared_ptr<CaptureDevice>& device() const override { return device_; }
     [[nodiscard]] const std::shared_ptr<GstCaptureDevice>& own() const { return own_; }
 

@@ -9,7 +9,8 @@
 namespace selvio {
 namespace {
 
-constexpr std::chrono::milliseconds kSearchPause{70};  // between two searches for codes, each of which takes up to 30 ms
+constexpr std::chrono::milliseconds kSearchPause{
+    70};  // between two searches for codes, each of which takes up to 30 ms
 
 }  // namespace
 
@@ -45,7 +46,8 @@ void GstVideoDataOutput::setPixelFormat(PixelFormat format) {
     pixelFormat_ = format == 0 ? kPixelFormat32BGRA : format;
 }
 
-void GstVideoDataOutput::setSampleBufferDelegate(std::weak_ptr<CaptureOutputDelegate> delegate, std::shared_ptr<Queue> queue) {
+void GstVideoDataOutput::setSampleBufferDelegate(std::weak_ptr<CaptureOutputDelegate> delegate,
+                                                 std::shared_ptr<Queue> queue) {
     target_.set(std::move(delegate), std::move(queue));
 }
 
@@ -61,7 +63,9 @@ void GstVideoDataOutput::deliver(std::shared_ptr<SampleBuffer> frame) {
         queue->async([weak, frame = std::move(frame)] {
             const auto self = weak.lock();
             if (!self) return;
-            self->target_.call([&](CaptureOutputDelegate& to) { to.captureOutputDidOutputSampleBuffer(*self, frame, self->connection()); });
+            self->target_.call([&](CaptureOutputDelegate& to) {
+                to.captureOutputDidOutputSampleBuffer(*self, frame, self->connection());
+            });
         });
         return;
     }
@@ -81,7 +85,8 @@ void GstVideoDataOutput::deliver(std::shared_ptr<SampleBuffer> frame) {
     queue->async([weak, notice = std::move(notice)] {
         const auto self = weak.lock();
         if (!self) return;
-        self->target_.call([&](CaptureOutputDelegate& to) { to.captureOutputDidDropSampleBuffer(*self, notice, self->connection()); });
+        self->target_.call(
+            [&](CaptureOutputDelegate& to) { to.captureOutputDidDropSampleBuffer(*self, notice, self->connection()); });
     });
 }
 
@@ -97,7 +102,8 @@ void GstVideoDataOutput::handOn() {
 
 // ---- sound
 
-void GstAudioDataOutput::setSampleBufferDelegate(std::weak_ptr<CaptureOutputDelegate> delegate, std::shared_ptr<Queue> queue) {
+void GstAudioDataOutput::setSampleBufferDelegate(std::weak_ptr<CaptureOutputDelegate> delegate,
+                                                 std::shared_ptr<Queue> queue) {
     target_.set(std::move(delegate), std::move(queue));
 }
 
@@ -111,13 +117,16 @@ void GstAudioDataOutput::deliver(std::shared_ptr<SampleBuffer> block) {
     queue->async([weak = weak_from_this(), block = std::move(block)] {
         const auto self = weak.lock();
         if (!self) return;
-        self->target_.call([&](CaptureOutputDelegate& to) { to.captureOutputDidOutputSampleBuffer(*self, block, self->connection()); });
+        self->target_.call([&](CaptureOutputDelegate& to) {
+            to.captureOutputDidOutputSampleBuffer(*self, block, self->connection());
+        });
     });
 }
 
 // ---- codes
 
-void GstMetadataOutput::setMetadataObjectsDelegate(std::weak_ptr<CaptureOutputDelegate> delegate, std::shared_ptr<Queue> queue) {
+void GstMetadataOutput::setMetadataObjectsDelegate(std::weak_ptr<CaptureOutputDelegate> delegate,
+                                                   std::shared_ptr<Queue> queue) {
     target_.set(std::move(delegate), std::move(queue));
 }
 
@@ -145,7 +154,9 @@ void GstMetadataOutput::deliver(std::vector<MetadataObject> objects) {
     queue->async([weak = weak_from_this(), objects = std::move(objects)] {
         const auto self = weak.lock();
         if (!self) return;
-        self->target_.call([&](CaptureOutputDelegate& to) { to.captureOutputDidOutputMetadataObjects(*self, objects, self->connection()); });
+        self->target_.call([&](CaptureOutputDelegate& to) {
+            to.captureOutputDidOutputMetadataObjects(*self, objects, self->connection());
+        });
     });
 }
 

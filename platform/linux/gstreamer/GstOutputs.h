@@ -31,7 +31,8 @@ class DeliveryTarget {
 public:
     using Call = std::function<void(CaptureOutputDelegate&)>;
 
-    /// Both null ends the deliveries. One that runs is not waited for: the caller may hold a lock that the delegate is about to take.
+    /// Both null ends the deliveries. One that runs is not waited for: the caller may hold a lock that the delegate is
+    /// about to take.
     void set(std::weak_ptr<CaptureOutputDelegate> delegate, std::shared_ptr<Queue> queue);
     /// The queue to submit to; null if there is no delegate.
     [[nodiscard]] std::shared_ptr<Queue> queue() const;
@@ -57,7 +58,8 @@ public:
 
 protected:
     [[nodiscard]] std::vector<std::shared_ptr<CaptureConnection>> activeConnections() const {
-        return connected_ ? std::vector<std::shared_ptr<CaptureConnection>>{connection_} : std::vector<std::shared_ptr<CaptureConnection>>{};
+        return connected_ ? std::vector<std::shared_ptr<CaptureConnection>>{connection_}
+                          : std::vector<std::shared_ptr<CaptureConnection>>{};
     }
     DeliveryTarget target_;
 
@@ -66,12 +68,17 @@ private:
     std::atomic<bool> connected_{false};
 };
 
-class GstVideoDataOutput final : public VideoDataOutput, public GstOutput, public std::enable_shared_from_this<GstVideoDataOutput> {
+class GstVideoDataOutput final : public VideoDataOutput,
+                                 public GstOutput,
+                                 public std::enable_shared_from_this<GstVideoDataOutput> {
 public:
     explicit GstVideoDataOutput(RecordingOptions recording)
-        : GstOutput(std::make_shared<GstConnection>(true, VideoOrientation::LandscapeRight)), recording_(std::move(recording)) {}
+        : GstOutput(std::make_shared<GstConnection>(true, VideoOrientation::LandscapeRight)),
+          recording_(std::move(recording)) {}
 
-    [[nodiscard]] std::vector<std::shared_ptr<CaptureConnection>> connections() const override { return activeConnections(); }
+    [[nodiscard]] std::vector<std::shared_ptr<CaptureConnection>> connections() const override {
+        return activeConnections();
+    }
     /// A format that cannot be delivered is logged and changes nothing.
     void setPixelFormat(PixelFormat format) override;
     [[nodiscard]] PixelFormat pixelFormat() const { return pixelFormat_; }
@@ -95,24 +102,33 @@ private:
     std::shared_ptr<SampleBuffer> waiting_;  // guarded by mutex_
 };
 
-class GstAudioDataOutput final : public AudioDataOutput, public GstOutput, public std::enable_shared_from_this<GstAudioDataOutput> {
+class GstAudioDataOutput final : public AudioDataOutput,
+                                 public GstOutput,
+                                 public std::enable_shared_from_this<GstAudioDataOutput> {
 public:
     GstAudioDataOutput() : GstOutput(std::make_shared<GstConnection>(false, VideoOrientation::NotSet)) {}
 
     [[nodiscard]] MediaType inputType() const override { return MediaType::Audio; }
-    [[nodiscard]] std::vector<std::shared_ptr<CaptureConnection>> connections() const override { return activeConnections(); }
+    [[nodiscard]] std::vector<std::shared_ptr<CaptureConnection>> connections() const override {
+        return activeConnections();
+    }
     void setSampleBufferDelegate(std::weak_ptr<CaptureOutputDelegate> delegate, std::shared_ptr<Queue> queue) override;
     [[nodiscard]] AudioSettings recommendedAudioSettings(const std::string& fileType) const override;
 
     void deliver(std::shared_ptr<SampleBuffer> block);
 };
 
-class GstMetadataOutput final : public MetadataOutput, public GstOutput, public std::enable_shared_from_this<GstMetadataOutput> {
+class GstMetadataOutput final : public MetadataOutput,
+                                public GstOutput,
+                                public std::enable_shared_from_this<GstMetadataOutput> {
 public:
     GstMetadataOutput() : GstOutput(std::make_shared<GstConnection>(true, VideoOrientation::LandscapeRight)) {}
 
-    [[nodiscard]] std::vector<std::shared_ptr<CaptureConnection>> connections() const override { return activeConnections(); }
-    void setMetadataObjectsDelegate(std::weak_ptr<CaptureOutputDelegate> delegate, std::shared_ptr<Queue> queue) override;
+    [[nodiscard]] std::vector<std::shared_ptr<CaptureConnection>> connections() const override {
+        return activeConnections();
+    }
+    void setMetadataObjectsDelegate(std::weak_ptr<CaptureOutputDelegate> delegate,
+                                    std::shared_ptr<Queue> queue) override;
     void setMetadataObjectTypes(std::vector<std::string> types) override;
 
     /// Whether a frame would be looked at now.

@@ -11,7 +11,8 @@ std::size_t bytesOfPlane(const PixelBuffer& pixels, int plane) {
     const PlaneLayout& layout = pixels.layout().planes[static_cast<std::size_t>(plane)];
     const std::size_t bytesPerSample = pixels.format() == kPixelFormat420v ? (plane == 0 ? 1 : 2) : 4;
     // The last row may end before its stride does: a picture can be a part of a larger one.
-    return layout.bytesPerRow * static_cast<std::size_t>(layout.height - 1) + bytesPerSample * static_cast<std::size_t>(layout.width);
+    return layout.bytesPerRow * static_cast<std::size_t>(layout.height - 1) +
+           bytesPerSample * static_cast<std::size_t>(layout.width);
 }
 
 }  // namespace
@@ -63,10 +64,13 @@ PixelFormat pixelFormatOf(GstVideoFormat format) {
 }
 
 GstPtr<GstCaps> rawVideoCaps(const PixelBufferLayout& layout, int framesPerSecond) {
-    GstPtr<GstCaps> caps(gst_caps_new_simple("video/x-raw", "format", G_TYPE_STRING, gstFormatName(layout.format), "width", G_TYPE_INT, layout.width,
-                                             "height", G_TYPE_INT, layout.height, "pixel-aspect-ratio", GST_TYPE_FRACTION, 1, 1, nullptr));
-    if (framesPerSecond > 0) gst_caps_set_simple(caps.get(), "framerate", GST_TYPE_FRACTION, framesPerSecond, 1, nullptr);
-    if (layout.format == kPixelFormat420v) gst_caps_set_simple(caps.get(), "colorimetry", G_TYPE_STRING, "bt601", nullptr);
+    GstPtr<GstCaps> caps(gst_caps_new_simple("video/x-raw", "format", G_TYPE_STRING, gstFormatName(layout.format),
+                                             "width", G_TYPE_INT, layout.width, "height", G_TYPE_INT, layout.height,
+                                             "pixel-aspect-ratio", GST_TYPE_FRACTION, 1, 1, nullptr));
+    if (framesPerSecond > 0)
+        gst_caps_set_simple(caps.get(), "framerate", GST_TYPE_FRACTION, framesPerSecond, 1, nullptr);
+    if (layout.format == kPixelFormat420v)
+        gst_caps_set_simple(caps.get(), "colorimetry", G_TYPE_STRING, "bt601", nullptr);
     return caps;
 }
 
@@ -81,14 +85,16 @@ GstBuffer* wrapSample(const std::shared_ptr<SampleBuffer>& sample) {
     for (int plane = 0; plane < pixels->planeCount(); ++plane) {
         const std::size_t bytes = bytesOfPlane(*pixels, plane);
         const auto release = [](gpointer keeper) { delete static_cast<std::shared_ptr<SampleBuffer>*>(keeper); };
-        gst_buffer_append_memory(buffer, gst_memory_new_wrapped(GST_MEMORY_FLAG_READONLY, pixels->data(plane), bytes, 0, bytes,
-                                                                new std::shared_ptr<SampleBuffer>(sample), release));
+        gst_buffer_append_memory(buffer,
+                                 gst_memory_new_wrapped(GST_MEMORY_FLAG_READONLY, pixels->data(plane), bytes, 0, bytes,
+                                                        new std::shared_ptr<SampleBuffer>(sample), release));
         offsets[plane] = offset;
         strides[plane] = static_cast<gint>(pixels->bytesPerRow(plane));
         offset += bytes;
     }
-    gst_buffer_add_video_meta_full(buffer, GST_VIDEO_FRAME_FLAG_NONE, gst_video_format_from_string(format), static_cast<guint>(pixels->width()),
-                                   static_cast<guint>(pixels->height()), static_cast<guint>(pixels->planeCount()), offsets, strides);
+    gst_buffer_add_video_meta_full(buffer, GST_VIDEO_FRAME_FLAG_NONE, gst_video_format_from_string(format),
+                                   static_cast<guint>(pixels->width()), static_cast<guint>(pixels->height()),
+                                   static_cast<guint>(pixels->planeCount()), offsets, strides);
     return buffer;
 }
 
@@ -96,7 +102,8 @@ std::shared_ptr<PixelBuffer> wrapFrame(GstBuffer* buffer, const GstVideoInfo& in
     const PixelFormat format = pixelFormatOf(GST_VIDEO_INFO_FORMAT(&info));
     const bool twoPlanes = format == kPixelFormat420v;
     if (format == 0 || crop.x < 0 || crop.y < 0 || crop.width < 1 || crop.height < 1) return nullptr;
-    if (crop.x + crop.width > GST_VIDEO_INFO_WIDTH(&info) || crop.y + crop.height > GST_VIDEO_INFO_HEIGHT(&info)) return nullptr;
+    if (crop.x + crop.width > GST_VIDEO_INFO_WIDTH(&info) || crop.y + crop.height > GST_VIDEO_INFO_HEIGHT(&info))
+        return nullptr;
     if (twoPlanes && (crop.x % 2 != 0 || crop.y % 2 != 0)) return nullptr;
 
     auto frame = std::make_unique<GstVideoFrame>();
@@ -144,7 +151,8 @@ std::optional<Error> addChain(GstElement* pipeline, const std::vector<GstElement
     if (!complete) return Error{"an element of the pipeline could not be made"};
     for (std::size_t i = 1; i < chain.size(); ++i) {
         if (gst_element_link(chain[i - 1], chain[i]) == FALSE) {
-            return Error{std::string("could not link ") + GST_ELEMENT_NAME(chain[i - 1]) + " to " + GST_ELEMENT_NAME(chain[i])};
+            return Error{std::string("could not link ") + GST_ELEMENT_NAME(chain[i - 1]) + " to " +
+                         GST_ELEMENT_NAME(chain[i])};
         }
     }
     return std::nullopt;

@@ -51,11 +51,14 @@ bool startGStreamer();
 /// A GStreamer buffer over the sample's pixels, which it keeps alive and does not copy. Null without a picture.
 [[nodiscard]] GstBuffer* wrapSample(const std::shared_ptr<SampleBuffer>& sample);
 
-/// A pixel buffer over the part `crop` of a GStreamer frame, which stays mapped and referenced as long as the buffer lives; nothing is copied.
-/// Null if the frame is neither BGRA nor 420v, the crop does not lie inside it, or for 420v does not begin on even places.
-[[nodiscard]] std::shared_ptr<PixelBuffer> wrapFrame(GstBuffer* buffer, const GstVideoInfo& info, const FrameCrop& crop);
+/// A pixel buffer over the part `crop` of a GStreamer frame, which stays mapped and referenced as long as the buffer
+/// lives; nothing is copied. Null if the frame is neither BGRA nor 420v, the crop does not lie inside it, or for 420v
+/// does not begin on even places.
+[[nodiscard]] std::shared_ptr<PixelBuffer> wrapFrame(GstBuffer* buffer, const GstVideoInfo& info,
+                                                     const FrameCrop& crop);
 
-/// Adds the elements to a pipeline and links them one behind the other; those that could not be made (null) are an error.
+/// Adds the elements to a pipeline and links them one behind the other; those that could not be made (null) are an
+/// error.
 std::optional<Error> addChain(GstElement* pipeline, const std::vector<GstElement*>& chain);
 [[nodiscard]] GstElement* makeElement(const std::string& factory);
 [[nodiscard]] GstElement* makeCapsFilter(const std::string& caps);

@@ -27,30 +27,34 @@ std::unique_ptr<PreviewWindow> PreviewWindow::open(Size size, const std::string&
     GstElement* const sink = makeElement("ximagesink");
     if (source != nullptr) {
         window->source_.reset(GST_ELEMENT(gst_object_ref(source)));
-        g_object_set(source, "format", GST_FORMAT_TIME, "is-live", TRUE, "do-timestamp", TRUE, "max-buffers", guint64{1}, "max-bytes", guint64{0},
-                     nullptr);
+        g_object_set(source, "format", GST_FORMAT_TIME, "is-live", TRUE, "do-timestamp", TRUE, "max-buffers",
+                     guint64{1}, "max-bytes", guint64{0}, nullptr);
         gst_util_set_object_arg(G_OBJECT(source), "leaky-type", "downstream");
     }
     if (flip != nullptr) gst_util_set_object_arg(G_OBJECT(flip), "method", "horizontal-flip");
     if (sink != nullptr) g_object_set(sink, "sync", FALSE, nullptr);
-    const std::string shape = "video/x-raw,pixel-aspect-ratio=1/1,width=" + std::to_string(std::max(std::lround(size.width), 16L)) +
-                              ",height=" + std::to_string(std::max(std::lround(size.height), 16L));
+    const std::string shape =
+        "video/x-raw,pixel-aspect-ratio=1/1,width=" + std::to_string(std::max(std::lround(size.width), 16L)) +
+        ",height=" + std::to_string(std::max(std::lround(size.height), 16L));
     const bool oneStep = elementRank("videoconvertscale") >= 0;
-    std::vector<GstElement*> chain{source, makeElement(oneStep ? "videoconvertscale" : "videoscale"), makeCapsFilter(shape)};
+    std::vector<GstElement*> chain{source, makeElement(oneStep ? "videoconvertscale" : "videoscale"),
+                                   makeCapsFilter(shape)};
     if (!oneStep) chain.push_back(makeElement("videoconvert"));
     chain.insert(chain.end(), {flip, makeElement("videoconvert"), sink});
     std::optional<Error> error = addChain(window->pipeline_.get(), chain);
     if (!error) {
         const GstPtr<GstBus> bus(gst_element_get_bus(window->pipeline_.get()));
         const auto onMessage = [](GstBus*, GstMessage* message, gpointer owner) {
-            if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR && !static_cast<PreviewWindow*>(owner)->closed_.exchange(true)) {
+            if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR &&
+                !static_cast<PreviewWindow*>(owner)->closed_.exchange(true)) {
                 log("Preview: " + describe(message));
             }
             gst_message_unref(message);
             return GST_BUS_DROP;
         };
         gst_bus_set_sync_handler(bus.get(), onMessage, window.get(), nullptr);
-        if (gst_element_set_state(window->pipeline_.get(), GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) error = Error{"no window could be opened"};
+        if (gst_element_set_state(window->pipeline_.get(), GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE)
+            error = Error{"no window could be opened"};
     }
     if (!error) return window;
     if (!window->closed_) log("Preview: " + error->localizedDescription);
@@ -69,7 +73,8 @@ void PreviewWindow::show(const std::shared_ptr<SampleBuffer>& frame) {
     GstBuffer* const buffer = wrapSample(frame);
     if (buffer == nullptr) return;
     const PixelBufferLayout& layout = frame->imageBuffer()->layout();
-    if (!layout_ || layout_->width != layout.width || layout_->height != layout.height || layout_->format != layout.format) {
+    if (!layout_ || layout_->width != layout.width || layout_->height != layout.height ||
+        layout_->format != layout.format) {
         layout_ = layout;
         gst_app_src_set_caps(GST_APP_SRC(source_.get()), rawVideoCaps(layout, 0).get());
     }
@@ -111,7 +116,8 @@ MetadataObject GstPreviewLayer::transformedMetadataObject(const MetadataObject& 
     // Until a frame was seen it is taken to have the layer's shape.
     const Size frame = frameSize_.width > 0 ? frameSize_ : size_;
     MetadataObject transformed = object;
-    transformed.bounds = onMirroredSurface(object.bounds, static_cast<int>(frame.width), static_cast<int>(frame.height), size_);
+    transformed.bounds =
+        onMirroredSurface(object.bounds, static_cast<int>(frame.width), static_cast<int>(frame.height), size_);
     return transformed;
 }
 
@@ -142,8 +148,8 @@ void GstPreviewLayer::frameArrived(const std::shared_ptr<SampleBuffer>& frame) {
     const bool twoPlanes = whole->planeCount() == 2;
     const std::size_t x = static_cast<std::size_t>(upright.x) + static_cast<std::size_t>(fill.x);
     const std::size_t y = static_cast<std::size_t>(upright.y) + static_cast<std::size_t>(fill.y);
-    const auto layout =
-        PixelBufferLayout::make(fill.width, fill.height, whole->format(), {whole->bytesPerRow(0), twoPlanes ? whole->bytesPerRow(1) : 0});
+    const auto layout = PixelBufferLayout::make(fill.width, fill.height, whole->format(),
+                                                {whole->bytesPerRow(0), twoPlanes ? whole->bytesPerRow(1) : 0});
     if (!layout) return;
     std::uint8_t* const first = whole->data(0) + y * whole->bytesPerRow(0) + x * (twoPlanes ? 1 : 4);
     std::uint8_t* const second = twoPlanes ? whole->data(1) + y / 2 * whole->bytesPerRow(1) + x : nullptr;

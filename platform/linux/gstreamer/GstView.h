@@ -7,7 +7,8 @@
 
 namespace selvio {
 
-/// Shows frames in a window of its own. Any thread; a frame that comes while the last is still being drawn takes the place of the one before.
+/// Shows frames in a window of its own. Any thread; a frame that comes while the last is still being drawn takes the
+/// place of the one before.
 class PreviewWindow {
 public:
     /// Null, with one line in the log, where no window can be opened.
@@ -24,7 +25,9 @@ private:
     std::atomic<bool> closed_{false};
 };
 
-class GstPreviewLayer final : public PreviewLayer, public FrameWatcher, public std::enable_shared_from_this<GstPreviewLayer> {
+class GstPreviewLayer final : public PreviewLayer,
+                              public FrameWatcher,
+                              public std::enable_shared_from_this<GstPreviewLayer> {
 public:
     explicit GstPreviewLayer(ViewOptions options) : options_(std::move(options)) {}
     ~GstPreviewLayer() override;
@@ -42,7 +45,8 @@ public:
 
 private:
     const ViewOptions options_;
-    const std::shared_ptr<GstConnection> connection_ = std::make_shared<GstConnection>(true, VideoOrientation::Portrait);
+    const std::shared_ptr<GstConnection> connection_ =
+        std::make_shared<GstConnection>(true, VideoOrientation::Portrait);
     mutable std::mutex mutex_;
     std::shared_ptr<CaptureSession> session_;  // guarded by mutex_
     Size size_{360, 640};                      // guarded by mutex_

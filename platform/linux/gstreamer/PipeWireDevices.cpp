@@ -78,18 +78,21 @@ void addModes(const spa_pod* format, std::vector<CameraMode>& modes) {
     }
     std::vector<FrameRate> rates;
     const auto fractions = choiceOf<spa_fraction>(format, SPA_FORMAT_VIDEO_framerate, SPA_TYPE_Fraction);
-    for (const spa_fraction& rate : fractions.values) rates.push_back({static_cast<int>(rate.num), static_cast<int>(rate.denom)});
+    for (const spa_fraction& rate : fractions.values)
+        rates.push_back({static_cast<int>(rate.num), static_cast<int>(rate.denom)});
     const FrameRate rate = preferredRate(fractions.isRange ? ratesBetween(rates[0], rates[1]) : rates);
 
     std::vector<FrameSize> sizes;
     const auto rectangles = choiceOf<spa_rectangle>(format, SPA_FORMAT_VIDEO_size, SPA_TYPE_Rectangle);
-    for (const spa_rectangle& size : rectangles.values) sizes.push_back({static_cast<int>(size.width), static_cast<int>(size.height)});
+    for (const spa_rectangle& size : rectangles.values)
+        sizes.push_back({static_cast<int>(size.width), static_cast<int>(size.height)});
     if (rectangles.isRange) {
         const FrameSize low = sizes[0];
         const FrameSize high = sizes[1];
         sizes.assign(kPresetSizes.begin(), kPresetSizes.end());
         std::erase_if(sizes, [&](const FrameSize& size) {
-            return size.width < low.width || size.height < low.height || size.width > high.width || size.height > high.height;
+            return size.width < low.width || size.height < low.height || size.width > high.width ||
+                   size.height > high.height;
         });
     }
     for (const FrameSize& size : sizes) {
@@ -168,7 +171,8 @@ private:
             const std::string wanted = isVideo ? "Video/Source" : "Audio/Source";
             const std::string mediaClass = textOf(properties, PW_KEY_MEDIA_CLASS);
             if (mediaClass == wanted || mediaClass == wanted + "/Virtual") bindNode(id);
-        } else if (std::strcmp(type, PW_TYPE_INTERFACE_Metadata) == 0 && textOf(properties, PW_KEY_METADATA_NAME) == "default") {
+        } else if (std::strcmp(type, PW_TYPE_INTERFACE_Metadata) == 0 &&
+                   textOf(properties, PW_KEY_METADATA_NAME) == "default") {
             bindMetadata(id);
         }
     }
@@ -202,7 +206,8 @@ private:
     }
 
     void bindMetadata(std::uint32_t id) {
-        auto* const metadata = metadata_ ? nullptr : static_cast<pw_metadata*>(bind(id, PW_TYPE_INTERFACE_Metadata, PW_VERSION_METADATA));
+        auto* const metadata =
+            metadata_ ? nullptr : static_cast<pw_metadata*>(bind(id, PW_TYPE_INTERFACE_Metadata, PW_VERSION_METADATA));
         if (metadata == nullptr) return;
         metadata_.reset(reinterpret_cast<pw_proxy*>(metadata));
         pw_metadata_add_listener(metadata, &metadataHook_, &kMetadataEvents, this);
@@ -238,7 +243,8 @@ const pw_core_events Lookup::kCoreEvents{
     .done = [](void* self, std::uint32_t, int sequence) { static_cast<Lookup*>(self)->answered(sequence); },
     .error =
         [](void* self, std::uint32_t id, int, int, const char*) {
-            if (id == PW_ID_CORE) static_cast<Lookup*>(self)->end(Outcome::Failed);  // others: an object that has just gone
+            if (id == PW_ID_CORE)
+                static_cast<Lookup*>(self)->end(Outcome::Failed);  // others: an object that has just gone
         },
 };
 
@@ -257,7 +263,8 @@ const pw_node_events Lookup::kNodeEvents{
     .info = [](void* entry, const pw_node_info* info) { describe(static_cast<Entry*>(entry)->node, info->props); },
     .param =
         [](void* entry, int, std::uint32_t parameter, std::uint32_t, std::uint32_t, const spa_pod* value) {
-            if (parameter == SPA_PARAM_EnumFormat && value != nullptr) addModes(value, static_cast<Entry*>(entry)->node.modes);
+            if (parameter == SPA_PARAM_EnumFormat && value != nullptr)
+                addModes(value, static_cast<Entry*>(entry)->node.modes);
         },
 };
 
@@ -273,7 +280,8 @@ const pw_metadata_events Lookup::kMetadataEvents{
 }  // namespace
 
 std::optional<std::vector<PipeWireNode>> findPipeWireNodes(MediaType mediaType) {
-    // One after another: the library asks for the user's name with a function that is not safe to call from two threads.
+    // One after another: the library asks for the user's name with a function that is not safe to call from two
+    // threads.
     static std::mutex mutex;
     const std::lock_guard lock(mutex);
     pw_init(nullptr, nullptr);  // counted: it is kept until the process ends

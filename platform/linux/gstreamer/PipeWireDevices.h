@@ -1,4 +1,5 @@
-// What a PipeWire server offers. It is asked directly: GStreamer's own device provider for PipeWire can crash when a device goes away meanwhile.
+// What a PipeWire server offers. It is asked directly: GStreamer's own device provider for PipeWire can crash when a
+// device goes away meanwhile.
 #pragma once
 
 #include "CaptureRules.h"
@@ -22,8 +23,9 @@ struct PipeWireNode {
     bool isDefault = false;           ///< the person's choice
 };
 
-/// The cameras or microphones that there are now, in the server's order; nothing where no server runs. A server that does not answer within two
-/// seconds counts as none and is logged. On the calling thread; it holds no connection when it returns.
+/// The cameras or microphones that there are now, in the server's order; nothing where no server runs. A server that
+/// does not answer within two seconds counts as none and is logged. On the calling thread; it holds no connection when
+/// it returns.
 [[nodiscard]] std::optional<std::vector<PipeWireNode>> findPipeWireNodes(MediaType mediaType);
 
 }  // namespace selvio

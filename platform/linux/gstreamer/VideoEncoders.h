@@ -49,6 +49,7 @@ using ElementRank = std::function<int(const std::string& element)>;
 [[nodiscard]] std::vector<const VideoEncoder*> installedEncoders(const VideoCodec& codec, const ElementRank& rank);
 
 /// The encoder's bit rate property and its value as text.
-[[nodiscard]] std::pair<std::string, std::string> bitRateSetting(const VideoEncoder& encoder, std::int64_t bitsPerSecond);
+[[nodiscard]] std::pair<std::string, std::string> bitRateSetting(const VideoEncoder& encoder,
+                                                                 std::int64_t bitsPerSecond);
 
 }  // namespace selvio

@@ -51,7 +51,8 @@ std::optional<IioGyroscope> IioGyroscope::find(const fs::path& iioDirectory) {
         for (std::size_t i = 0; i < 3; ++i) {
             const std::string axis(1, "xyz"[i]);
             const auto scale = constantOf(device, axis, "scale");
-            gyroscope.axes_[i] = {device / ("in_anglvel_" + axis + "_raw"), scale.value_or(0.0), constantOf(device, axis, "offset").value_or(0.0)};
+            gyroscope.axes_[i] = {device / ("in_anglvel_" + axis + "_raw"), scale.value_or(0.0),
+                                  constantOf(device, axis, "offset").value_or(0.0)};
             complete = complete && scale && numberIn(gyroscope.axes_[i].raw);
         }
         if (!complete) continue;
@@ -73,7 +74,9 @@ Expected<RotationRate> IioGyroscope::read() const {
         if (!raw) return Error{"could not read \"" + axes_[i].raw.string() + "\""};
         rate[i] = (*raw + axes_[i].offset) * axes_[i].scale;
     }
-    const auto row = [&](std::size_t i) { return mount_[i * 3] * rate[0] + mount_[i * 3 + 1] * rate[1] + mount_[i * 3 + 2] * rate[2]; };
+    const auto row = [&](std::size_t i) {
+        return mount_[i * 3] * rate[0] + mount_[i * 3 + 1] * rate[1] + mount_[i * 3 + 2] * rate[2];
+    };
     return RotationRate{row(0), row(1), row(2)};
 }
 

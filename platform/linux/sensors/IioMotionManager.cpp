@@ -70,7 +70,8 @@ private:
                 const auto rate = gyroscope.read();
                 feed.queue->async([keeper, rate] {
                     keeper->waiting = false;
-                    keeper->handler(rate ? DeviceMotion{rate.value()} : DeviceMotion{}, rate ? std::nullopt : std::optional(rate.error()));
+                    keeper->handler(rate ? DeviceMotion{rate.value()} : DeviceMotion{},
+                                    rate ? std::nullopt : std::optional(rate.error()));
                 });
             }
             lock.lock();

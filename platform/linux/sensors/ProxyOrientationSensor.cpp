@@ -47,9 +47,11 @@ private:
     void run() {
         g_main_context_push_thread_default(context_);
         if ((bus_ = connect()) != nullptr) {
-            const guint changes = g_dbus_connection_signal_subscribe(bus_, kName, kProperties, "PropertiesChanged", kPath, kName,
-                                                                     G_DBUS_SIGNAL_FLAGS_NONE, &onChange, this, nullptr);
-            const guint watch = g_bus_watch_name_on_connection(bus_, kName, G_BUS_NAME_WATCHER_FLAGS_NONE, &onAppeared, &onVanished, this, nullptr);
+            const guint changes =
+                g_dbus_connection_signal_subscribe(bus_, kName, kProperties, "PropertiesChanged", kPath, kName,
+                                                   G_DBUS_SIGNAL_FLAGS_NONE, &onChange, this, nullptr);
+            const guint watch = g_bus_watch_name_on_connection(bus_, kName, G_BUS_NAME_WATCHER_FLAGS_NONE, &onAppeared,
+                                                               &onVanished, this, nullptr);
             g_main_loop_run(loop_);
             g_bus_unwatch_name(watch);
             g_dbus_connection_signal_unsubscribe(bus_, changes);
@@ -63,11 +65,12 @@ private:
 
     GDBusConnection* connect() {
         GError* error = nullptr;
-        const auto flags =
-            static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT | G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
-        GDBusConnection* const bus = busAddress_.empty()
-                                         ? g_bus_get_sync(G_BUS_TYPE_SYSTEM, cancellable_, &error)
-                                         : g_dbus_connection_new_for_address_sync(busAddress_.c_str(), flags, nullptr, cancellable_, &error);
+        const auto flags = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                                             G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
+        GDBusConnection* const bus =
+            busAddress_.empty()
+                ? g_bus_get_sync(G_BUS_TYPE_SYSTEM, cancellable_, &error)
+                : g_dbus_connection_new_for_address_sync(busAddress_.c_str(), flags, nullptr, cancellable_, &error);
         g_clear_error(&error);  // a system without a bus is a device without sensors
         if (bus != nullptr) g_dbus_connection_set_exit_on_close(bus, FALSE);
         return bus;
@@ -76,8 +79,8 @@ private:
     static void onAppeared(GDBusConnection* bus, const char*, const char*, gpointer data) {
         auto* const self = static_cast<ProxyOrientationSensor*>(data);
         // The property says nothing until the accelerometer is claimed.
-        g_dbus_connection_call(bus, kName, kPath, kName, "ClaimAccelerometer", nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, self->cancellable_,
-                               &onClaimed, self);
+        g_dbus_connection_call(bus, kName, kPath, kName, "ClaimAccelerometer", nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE,
+                               -1, self->cancellable_, &onClaimed, self);
     }
 
     static void onVanished(GDBusConnection*, const char*, gpointer data) {
@@ -89,8 +92,9 @@ private:
         if (answer == nullptr) return;  // refused, or `data` has gone
         g_variant_unref(answer);
         auto* const self = static_cast<ProxyOrientationSensor*>(data);
-        g_dbus_connection_call(G_DBUS_CONNECTION(source), kName, kPath, kProperties, "Get", g_variant_new("(ss)", kName, "AccelerometerOrientation"),
-                               G_VARIANT_TYPE("(v)"), G_DBUS_CALL_FLAGS_NONE, -1, self->cancellable_, &onRead, self);
+        g_dbus_connection_call(G_DBUS_CONNECTION(source), kName, kPath, kProperties, "Get",
+                               g_variant_new("(ss)", kName, "AccelerometerOrientation"), G_VARIANT_TYPE("(v)"),
+                               G_DBUS_CALL_FLAGS_NONE, -1, self->cancellable_, &onRead, self);
     }
 
     static void onRead(GObject* source, GAsyncResult* result, gpointer data) {
@@ -103,7 +107,8 @@ private:
         g_variant_unref(answer);
     }
 
-    static void onChange(GDBusConnection*, const char*, const char*, const char*, const char*, GVariant* parameters, gpointer data) {
+    static void onChange(GDBusConnection*, const char*, const char*, const char*, const char*, GVariant* parameters,
+                         gpointer data) {
         if (!g_variant_is_of_type(parameters, G_VARIANT_TYPE("(sa{sv}as)"))) return;
         GVariant* const changed = g_variant_get_child_value(parameters, 1);
         GVariant* const value = g_variant_lookup_value(changed, "AccelerometerOrientation", G_VARIANT_TYPE_STRING);
@@ -134,7 +139,8 @@ private:
 DeviceOrientation orientationForProxy(const std::string& word) {
     if (word == "normal") return DeviceOrientation::Portrait;
     if (word == "bottom-up") return DeviceOrientation::PortraitUpsideDown;
-    // The proxy names the edge that points up; an orientation is named by the side to which the device's top was turned.
+    // The proxy names the edge that points up; an orientation is named by the side to which the device's top was
+    // turned.
     if (word == "right-up") return DeviceOrientation::LandscapeLeft;
     if (word == "left-up") return DeviceOrientation::LandscapeRight;
     return DeviceOrientation::Unknown;

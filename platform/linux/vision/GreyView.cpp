@@ -18,7 +18,9 @@ const std::array<std::uint8_t, 256>& fullRangeTable() {
         std::array<std::uint8_t, 256> result{};
         for (int value = 0; value < 256; ++value) {
             const int stretched = ((value - 16) * 255 + 109) / 219;
-            result[static_cast<std::size_t>(value)] = static_cast<std::uint8_t>(stretched < 0 ? 0 : stretched > 255 ? 255 : stretched);
+            result[static_cast<std::size_t>(value)] = static_cast<std::uint8_t>(stretched < 0     ? 0
+                                                                                : stretched > 255 ? 255
+                                                                                                  : stretched);
         }
         return result;
     }();
@@ -30,7 +32,8 @@ bool contains(const PixelBuffer& buffer, const PixelArea& area) {
            area.height <= buffer.height() - area.y;
 }
 
-const std::uint8_t* at(const std::uint8_t* plane, std::size_t bytesPerRow, const PixelArea& area, std::size_t bytesPerPixel) {
+const std::uint8_t* at(const std::uint8_t* plane, std::size_t bytesPerRow, const PixelArea& area,
+                       std::size_t bytesPerPixel) {
     return plane + static_cast<std::size_t>(area.y) * bytesPerRow + static_cast<std::size_t>(area.x) * bytesPerPixel;
 }
 
@@ -45,8 +48,9 @@ void turn(const GreyImage& source, ViewTransform view, GreyImage& target) {
         // Reading the rows upwards mirrors the result; writing its rows upwards flips it.
         const int targetStride = height;
         std::uint8_t* const lastTargetRow = to + static_cast<std::ptrdiff_t>(targetStride) * (width - 1);
-        libyuv::TransposePlane(view.flipX ? lastRow : from, view.flipX ? -width : width, view.flipY ? lastTargetRow : to,
-                               view.flipY ? -targetStride : targetStride, width, height);
+        libyuv::TransposePlane(view.flipX ? lastRow : from, view.flipX ? -width : width,
+                               view.flipY ? lastTargetRow : to, view.flipY ? -targetStride : targetStride, width,
+                               height);
         return;
     }
     const std::uint8_t* const first = view.flipY ? lastRow : from;
@@ -60,7 +64,8 @@ void turn(const GreyImage& source, ViewTransform view, GreyImage& target) {
 
 }  // namespace
 
-bool GreyViewMaker::make(const PixelBuffer& buffer, PixelArea area, ViewTransform view, int width, int height, GreyImage& result) {
+bool GreyViewMaker::make(const PixelBuffer& buffer, PixelArea area, ViewTransform view, int width, int height,
+                         GreyImage& result) {
     if (width <= 0 || height <= 0 || !contains(buffer, area)) return false;
     const bool turned = view != ViewTransform{};
     GreyImage& scaled = turned ? scaled_ : result;
@@ -69,21 +74,23 @@ bool GreyViewMaker::make(const PixelBuffer& buffer, PixelArea area, ViewTransfor
     const std::size_t bytesPerRow = buffer.bytesPerRow(0);
     const auto stride = static_cast<int>(bytesPerRow);
     if (buffer.format() == kPixelFormat420v) {
-        libyuv::ScalePlane(at(buffer.data(0), bytesPerRow, area, 1), stride, area.width, area.height, scaled.pixels.data(), scaled.width,
-                           scaled.width, scaled.height, libyuv::kFilterBox);
+        libyuv::ScalePlane(at(buffer.data(0), bytesPerRow, area, 1), stride, area.width, area.height,
+                           scaled.pixels.data(), scaled.width, scaled.width, scaled.height, libyuv::kFilterBox);
         for (std::uint8_t& value : scaled.pixels) value = fullRangeTable()[value];
     } else if (buffer.format() == kPixelFormat32BGRA || buffer.format() == kPixelFormat32ARGB) {
-        // Halve in colour while that keeps enough pixels: halving is cheap and averages, and greying the small picture is cheaper than the large one.
+        // Halve in colour while that keeps enough pixels: halving is cheap and averages, and greying the small picture
+        // is cheaper than the large one.
         int factor = 1;
-        while (factor < 4 && area.width / (factor * 2) >= scaled.width && area.height / (factor * 2) >= scaled.height) factor *= 2;
+        while (factor < 4 && area.width / (factor * 2) >= scaled.width && area.height / (factor * 2) >= scaled.height)
+            factor *= 2;
         const std::uint8_t* colour = at(buffer.data(0), bytesPerRow, area, 4);
         int colourStride = stride;
         grey_.resize(area.width / factor, area.height / factor);
         if (factor > 1) {
             // Whole blocks only: at most three pixels at the right and lower edge stay out.
             colour_.resize(grey_.pixels.size() * 4);
-            libyuv::ARGBScale(colour, stride, grey_.width * factor, grey_.height * factor, colour_.data(), grey_.width * 4, grey_.width, grey_.height,
-                              libyuv::kFilterBox);
+            libyuv::ARGBScale(colour, stride, grey_.width * factor, grey_.height * factor, colour_.data(),
+                              grey_.width * 4, grey_.width, grey_.height, libyuv::kFilterBox);
             colour = colour_.data();
             colourStride = grey_.width * 4;
         }
@@ -95,8 +102,8 @@ bool GreyViewMaker::make(const PixelBuffer& buffer, PixelArea area, ViewTransfor
             colourStride = grey_.width * 4;
         }
         libyuv::ARGBToJ400(colour, colourStride, grey_.pixels.data(), grey_.width, grey_.width, grey_.height);
-        libyuv::ScalePlane(grey_.pixels.data(), grey_.width, grey_.width, grey_.height, scaled.pixels.data(), scaled.width, scaled.width,
-                           scaled.height, libyuv::kFilterBox);
+        libyuv::ScalePlane(grey_.pixels.data(), grey_.width, grey_.width, grey_.height, scaled.pixels.data(),
+                           scaled.width, scaled.width, scaled.height, libyuv::kFilterBox);
     } else {
         return false;
     }

@@ -33,13 +33,16 @@ struct PixelArea {
     friend bool operator==(const PixelArea&, const PixelArea&) = default;
 };
 
-/// Makes grey views; keeps its intermediate pictures, so that a steady stream of frames allocates nothing. One thread at a time.
+/// Makes grey views; keeps its intermediate pictures, so that a steady stream of frames allocates nothing. One thread
+/// at a time.
 class GreyViewMaker {
 public:
-    /// Cuts `area` out of the buffer, scales it down with a box filter and turns it as `view` says. `width` and `height` are the result's, that is
-    /// after the turn. Every channel order gives the same luma, 420v is stretched to the full range. False, with the result unspecified, if the area
-    /// is empty or not inside the buffer, a wanted side is not positive, or the buffer's format is none of the three known ones.
-    [[nodiscard]] bool make(const PixelBuffer& buffer, PixelArea area, ViewTransform view, int width, int height, GreyImage& result);
+    /// Cuts `area` out of the buffer, scales it down with a box filter and turns it as `view` says. `width` and
+    /// `height` are the result's, that is after the turn. Every channel order gives the same luma, 420v is stretched to
+    /// the full range. False, with the result unspecified, if the area is empty or not inside the buffer, a wanted side
+    /// is not positive, or the buffer's format is none of the three known ones.
+    [[nodiscard]] bool make(const PixelBuffer& buffer, PixelArea area, ViewTransform view, int width, int height,
+                            GreyImage& result);
 
 private:
     std::vector<std::uint8_t> colour_;

@@ -11,7 +11,8 @@
 namespace selvio {
 namespace {
 
-// Levels a quarter smaller each: half the work of the usual pyramid at no loss for faces that fill a good part of the picture.
+// Levels a quarter smaller each: half the work of the usual pyramid at no loss for faces that fill a good part of the
+// picture.
 using Scanner4 = dlib::scan_fhog_pyramid<dlib::pyramid_down<4>>;
 
 struct Bank {
@@ -20,7 +21,8 @@ struct Bank {
     double tilt = 0.0;
 };
 
-// In the order of the filters: frontal, looking to either side, tilted to either side. What the last two like best was measured on a turned portrait.
+// In the order of the filters: frontal, looking to either side, tilted to either side. What the last two like best was
+// measured on a turned portrait.
 constexpr std::array<double, 5> kTilts{0.0, 0.0, 0.0, -30.0, 30.0};
 
 }  // namespace
@@ -39,15 +41,16 @@ std::shared_ptr<const HogFilters> HogFilters::load() try {
     const dlib::frontal_face_detector detector = dlib::get_frontal_face_detector();
     auto banks = std::make_unique<Banks>();
     const auto& scanner = detector.get_scanner();
-    banks->configuration.set_detection_window_size(scanner.get_detection_window_width(), scanner.get_detection_window_height());
+    banks->configuration.set_detection_window_size(scanner.get_detection_window_width(),
+                                                   scanner.get_detection_window_height());
     banks->configuration.set_padding(scanner.get_padding());
     banks->configuration.set_cell_size(scanner.get_cell_size());
     banks->configuration.set_nuclear_norm_regularization_strength(scanner.get_nuclear_norm_regularization_strength());
     banks->overlap = detector.get_overlap_tester();
     for (unsigned long i = 0; i < detector.num_detectors(); ++i) {
         const auto& weights = detector.get_w(i);
-        banks->banks.push_back(
-            {banks->configuration.build_fhog_filterbank(weights), weights(weights.size() - 1), i < kTilts.size() ? kTilts[i] : 0.0});
+        banks->banks.push_back({banks->configuration.build_fhog_filterbank(weights), weights(weights.size() - 1),
+                                i < kTilts.size() ? kTilts[i] : 0.0});
     }
     if (banks->banks.empty()) return nullptr;
     return std::shared_ptr<const HogFilters>(new HogFilters(std::move(banks)));
@@ -59,10 +62,12 @@ struct HogFaceFinder::Scanner {
     Scanner4 scanner;
     dlib::array2d<unsigned char> image;
 
-    [[nodiscard]] std::vector<HogFace> find(const HogFilters::Banks& banks, std::size_t first, std::size_t end, double threshold) const;
+    [[nodiscard]] std::vector<HogFace> find(const HogFilters::Banks& banks, std::size_t first, std::size_t end,
+                                            double threshold) const;
 };
 
-HogFaceFinder::HogFaceFinder(std::shared_ptr<const HogFilters> filters) : filters_(std::move(filters)), scanner_(std::make_unique<Scanner>()) {
+HogFaceFinder::HogFaceFinder(std::shared_ptr<const HogFilters> filters)
+    : filters_(std::move(filters)), scanner_(std::make_unique<Scanner>()) {
     scanner_->scanner.copy_configuration(filters_->banks_->configuration);
 }
 
@@ -79,7 +84,8 @@ void HogFaceFinder::load(const GreyImage& image, int levels) {
     scanner_->scanner.load(copy);
 }
 
-std::vector<HogFace> HogFaceFinder::Scanner::find(const HogFilters::Banks& banks, std::size_t first, std::size_t end, double threshold) const {
+std::vector<HogFace> HogFaceFinder::Scanner::find(const HogFilters::Banks& banks, std::size_t first, std::size_t end,
+                                                  double threshold) const {
     struct Hit {
         double score = 0.0;
         dlib::rectangle box;
@@ -100,8 +106,8 @@ std::vector<HogFace> HogFaceFinder::Scanner::find(const HogFilters::Banks& banks
         const auto same = [&](const dlib::rectangle& other) { return banks.overlap(other, box); };
         if (std::any_of(kept.begin(), kept.end(), same)) continue;
         kept.push_back(box);
-        faces.push_back(
-            {static_cast<double>(box.left()), static_cast<double>(box.top()), static_cast<double>(box.right() - box.left()), hit.score, hit.tilt});
+        faces.push_back({static_cast<double>(box.left()), static_cast<double>(box.top()),
+                         static_cast<double>(box.right() - box.left()), hit.score, hit.tilt});
     }
     return faces;
 }

@@ -8,7 +8,8 @@
 
 namespace selvio {
 
-/// The trained filters: a frontal face, and the turned ones (looking to either side, tilted to either side). Immutable; shared by the finders.
+/// The trained filters: a frontal face, and the turned ones (looking to either side, tilted to either side). Immutable;
+/// shared by the finders.
 class HogFilters {
 public:
     /// Unpacks the filters, which takes some tenths of a second. Null if that fails.
@@ -40,7 +41,8 @@ public:
     explicit HogFaceFinder(std::shared_ptr<const HogFilters> filters);
     ~HogFaceFinder();
 
-    /// Takes the picture in for the searches that follow. Each level of sizes beyond the first finds faces a third larger than the one before.
+    /// Takes the picture in for the searches that follow. Each level of sizes beyond the first finds faces a third
+    /// larger than the one before.
     void load(const GreyImage& image, int levels = kAllLevels);
     static constexpr int kAllLevels = 1000;
     /// Faces in the picture taken in last whose score exceeds `threshold`, the best first, one box a face.

@@ -13,7 +13,9 @@ std::vector<Point> alongJaw(const LandmarkPoints& points, double first, double l
     for (std::size_t i = 0; i < count; ++i) {
         const double position = first + (last - first) * static_cast<double>(i) / static_cast<double>(count - 1);
         const auto before = static_cast<std::size_t>(position);
-        result.push_back(before + 1 < 17 ? between(points[before], points[before + 1], position - static_cast<double>(before)) : points[before]);
+        result.push_back(before + 1 < 17
+                             ? between(points[before], points[before + 1], position - static_cast<double>(before))
+                             : points[before]);
     }
     return result;
 }
@@ -28,8 +30,13 @@ std::vector<Point> noseOf(const LandmarkPoints& p) {
 
 std::vector<Point> outerLipsOf(const LandmarkPoints& p, bool newerLayout) {
     if (newerLayout) {
-        return {p[49], between(p[49], p[50], 0.5), p[50], p[51], p[52], between(p[52], p[53], 0.5), p[53], p[54], p[55], p[56], p[57], p[58], p[59],
-                p[48]};
+        return {p[49], between(p[49], p[50], 0.5),
+                p[50], p[51],
+                p[52], between(p[52], p[53], 0.5),
+                p[53], p[54],
+                p[55], p[56],
+                p[57], p[58],
+                p[59], p[48]};
     }
     return {p[49], p[50], p[51], p[52], p[53], p[54], p[56], p[57], p[58], p[48]};
 }
@@ -47,8 +54,8 @@ FaceObservation observationOf(const FoundFace& face, Size viewSize, int revision
         return FaceLandmarkRegion{std::move(points)};
     };
     FaceObservation observation;
-    observation.boundingBox = {face.box.y / viewSize.height, face.box.x / viewSize.width, face.box.height / viewSize.height,
-                               face.box.width / viewSize.width};
+    observation.boundingBox = {face.box.y / viewSize.height, face.box.x / viewSize.width,
+                               face.box.height / viewSize.height, face.box.width / viewSize.width};
     observation.landmarks = FaceLandmarks{.faceContour = region(contourOf(face.points, newerLayout)),
                                           .nose = region(noseOf(face.points)),
                                           .outerLips = region(outerLipsOf(face.points, newerLayout))};

@@ -88,7 +88,8 @@ public:
         const std::int64_t exponent = integer();
         if (exponent < -kExponentRange || exponent > kExponentRange) failed_ = true;
         if (failed_) return 0.0F;
-        const double value = static_cast<double>(mantissa) * powers_[static_cast<std::size_t>(exponent + kExponentRange)];
+        const double value =
+            static_cast<double>(mantissa) * powers_[static_cast<std::size_t>(exponent + kExponentRange)];
         if (!(std::abs(value) < 1e6)) failed_ = true;
         return failed_ ? 0.0F : static_cast<float>(value);
     }
@@ -105,7 +106,8 @@ private:
 
     static std::array<double, 2 * kExponentRange + 1> powersOfTwo() {
         std::array<double, 2 * kExponentRange + 1> powers{};
-        for (std::size_t i = 0; i < powers.size(); ++i) powers[i] = std::ldexp(1.0, static_cast<int>(i) - static_cast<int>(kExponentRange));
+        for (std::size_t i = 0; i < powers.size(); ++i)
+            powers[i] = std::ldexp(1.0, static_cast<int>(i) - static_cast<int>(kExponentRange));
         return powers;
     }
 
@@ -156,7 +158,9 @@ public:
                 probe.dx = in_.real();
                 probe.dy = in_.real();
             }
-            const auto missing = [&](const Split& split) { return split.first >= stage.probes.size() || split.second >= stage.probes.size(); };
+            const auto missing = [&](const Split& split) {
+                return split.first >= stage.probes.size() || split.second >= stage.probes.size();
+            };
             if (std::any_of(stage.splits.begin(), stage.splits.end(), missing)) return nullptr;
         }
         return in_.failed() ? nullptr : model;
@@ -183,7 +187,8 @@ private:
             for (std::size_t i = 0; i <= splits; ++i) in_.column(&leaves[(tree * (splits + 1) + i) * kValues], kValues);
             if (in_.failed()) return false;
         }
-        // Sixteen bits hold a leaf to a thousandth of a pixel and better, at half the memory, which is what a prediction spends its time on.
+        // Sixteen bits hold a leaf to a thousandth of a pixel and better, at half the memory, which is what a
+        // prediction spends its time on.
         float largest = 0.0F;
         for (const float value : leaves) largest = std::max(largest, std::abs(value));
         stage.leafScale = largest > 0.0F ? largest / 32767.0F : 1.0F;
@@ -198,10 +203,13 @@ private:
 
 Expected<std::shared_ptr<const LandmarkModel>> LandmarkModel::load(const std::string& path) {
     const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "rb"), &std::fclose);
-    if (!file) return Error{"The face landmark model " + path + " cannot be opened; the Debian package libdlib-data installs it"};
+    if (!file)
+        return Error{"The face landmark model " + path +
+                     " cannot be opened; the Debian package libdlib-data installs it"};
     std::shared_ptr<const LandmarkModel> model = Reader(file.get()).read();
     if (!model)
-        return Error{"The face landmark model " + path + " is damaged or of another kind; the Debian package libdlib-data installs a good one"};
+        return Error{"The face landmark model " + path +
+                     " is damaged or of another kind; the Debian package libdlib-data installs a good one"};
     return model;
 }
 
@@ -233,7 +241,8 @@ struct LandmarkModel::Run {
 void LandmarkModel::followPaths(const GreyImage& image, const Stage& stage, Run& run) const {
     // Where the probes lie now: turned and scaled with the shape as it is known so far.
     const FaceFrame turn = similarity(
-        kLandmarkCount, [&](std::size_t i) { return pointOf(meanShape_, i); }, [&](std::size_t i) { return pointOf(run.shape, i); });
+        kLandmarkCount, [&](std::size_t i) { return pointOf(meanShape_, i); },
+        [&](std::size_t i) { return pointOf(run.shape, i); });
     const auto ta = static_cast<float>(turn.a);
     const auto tb = static_cast<float>(turn.b);
     const auto fa = static_cast<float>(run.frame.a);
@@ -248,9 +257,11 @@ void LandmarkModel::followPaths(const GreyImage& image, const Stage& stage, Run&
         const float y = tb * probe.dx + ta * probe.dy + run.shape[2U * probe.anchor + 1U];
         const float column = fa * x - fb * y + fx;
         const float row = fb * x + fa * y + fy;
-        const bool inside = column >= 0.0F && row >= 0.0F && column < static_cast<float>(image.width) && row < static_cast<float>(image.height);
+        const bool inside = column >= 0.0F && row >= 0.0F && column < static_cast<float>(image.width) &&
+                            row < static_cast<float>(image.height);
         const auto pixel = [&] {
-            return image.pixels[static_cast<std::size_t>(row) * static_cast<std::size_t>(image.width) + static_cast<std::size_t>(column)];
+            return image.pixels[static_cast<std::size_t>(row) * static_cast<std::size_t>(image.width) +
+                                static_cast<std::size_t>(column)];
         };
         run.seen[i] = inside ? static_cast<float>(pixel()) : 0.0F;
     }
@@ -267,7 +278,8 @@ void LandmarkModel::followPaths(const GreyImage& image, const Stage& stage, Run&
     }
 }
 
-LandmarkPoints LandmarkModel::predict(const GreyImage& image, std::span<const FaceFrame> frames, std::size_t stages) const {
+LandmarkPoints LandmarkModel::predict(const GreyImage& image, std::span<const FaceFrame> frames,
+                                      std::size_t stages) const {
     std::vector<Run> runs(frames.size());
     for (std::size_t i = 0; i < frames.size(); ++i) {
         runs[i].frame = frames[i];
@@ -277,7 +289,8 @@ LandmarkPoints LandmarkModel::predict(const GreyImage& image, std::span<const Fa
     for (std::size_t level = 0; level < std::min(stages, stages_.size()); ++level) {
         const Stage& stage = stages_[level];
         for (Run& run : runs) followPaths(image, stage, run);
-        // The leaves lie far apart in memory: fetch them some trees ahead, and add a tree's leaves of all runs while they are near.
+        // The leaves lie far apart in memory: fetch them some trees ahead, and add a tree's leaves of all runs while
+        // they are near.
         for (std::size_t tree = 0; tree < stage.trees + kAhead; ++tree) {
             for (Run& run : runs) {
                 if (tree < stage.trees) Run::fetch(run.leaves[tree]);
@@ -302,7 +315,8 @@ LandmarkPoints LandmarkModel::predict(const GreyImage& image, std::span<const Fa
 
 FaceFrame LandmarkModel::frameOf(const LandmarkPoints& points) const {
     return similarity(
-        kLandmarkCount, [&](std::size_t i) { return pointOf(meanShape_, i); }, [&](std::size_t i) { return points[i]; });
+        kLandmarkCount, [&](std::size_t i) { return pointOf(meanShape_, i); },
+        [&](std::size_t i) { return points[i]; });
 }
 
 }  // namespace selvio

@@ -1,4 +1,5 @@
-// The 68-point face shape predictor: a cascade of regression trees over pixel differences, evaluated in sub-pixel precision.
+// The 68-point face shape predictor: a cascade of regression trees over pixel differences, evaluated in sub-pixel
+// precision.
 #pragma once
 
 #include "GreyView.h"
@@ -41,18 +42,23 @@ struct FaceFrame {
 /// Immutable once loaded; any number of threads may ask at once.
 class LandmarkModel {
 public:
-    /// Reads a predictor in dlib's format (`shape_predictor_68_face_landmarks.dat`). The error names the file and what is wrong with it.
+    /// Reads a predictor in dlib's format (`shape_predictor_68_face_landmarks.dat`). The error names the file and what
+    /// is wrong with it.
     static Expected<std::shared_ptr<const LandmarkModel>> load(const std::string& path);
 
-    /// The points of the face whose box is `frame`, in pixels of `image` (the centre of the first pixel is 0, 0); with several boxes the mean of what
-    /// each gives, at less than the price of asking for each. Fewer stages of the cascade cost less and give rougher points.
-    [[nodiscard]] LandmarkPoints predict(const GreyImage& image, std::span<const FaceFrame> frames, std::size_t stages = kAllStages) const;
-    [[nodiscard]] LandmarkPoints predict(const GreyImage& image, const FaceFrame& frame, std::size_t stages = kAllStages) const {
+    /// The points of the face whose box is `frame`, in pixels of `image` (the centre of the first pixel is 0, 0); with
+    /// several boxes the mean of what each gives, at less than the price of asking for each. Fewer stages of the
+    /// cascade cost less and give rougher points.
+    [[nodiscard]] LandmarkPoints predict(const GreyImage& image, std::span<const FaceFrame> frames,
+                                         std::size_t stages = kAllStages) const;
+    [[nodiscard]] LandmarkPoints predict(const GreyImage& image, const FaceFrame& frame,
+                                         std::size_t stages = kAllStages) const {
         return predict(image, std::span(&frame, 1), stages);
     }
     static constexpr std::size_t kAllStages = static_cast<std::size_t>(-1);
 
-    /// The box that the model would have expected around a face with these points: what is left when the chance of the detector's box is taken out.
+    /// The box that the model would have expected around a face with these points: what is left when the chance of the
+    /// detector's box is taken out.
     [[nodiscard]] FaceFrame frameOf(const LandmarkPoints& points) const;
 
 private:

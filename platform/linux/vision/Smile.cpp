@@ -33,13 +33,15 @@ std::optional<std::array<double, kSmileFeatureCount>> smileFeaturesOf(const Land
         corners - down(points[33]),
         down(meanOf(points, {37, 38, 43, 44})) - down(meanOf(points, {40, 41, 46, 47})),
     };
-    if (!std::all_of(features.begin(), features.end(), [](double value) { return std::isfinite(value); })) return std::nullopt;
+    if (!std::all_of(features.begin(), features.end(), [](double value) { return std::isfinite(value); }))
+        return std::nullopt;
     return features;
 }
 
 double smileScore(const std::array<double, kSmileFeatureCount>& features) {
     double score = kSmileBias;
-    for (std::size_t i = 0; i < kSmileFeatureCount; ++i) score += kSmileWeight[i] * (features[i] - kSmileMean[i]) / kSmileDeviation[i];
+    for (std::size_t i = 0; i < kSmileFeatureCount; ++i)
+        score += kSmileWeight[i] * (features[i] - kSmileMean[i]) / kSmileDeviation[i];
     return score;
 }
 

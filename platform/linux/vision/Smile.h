@@ -8,10 +8,10 @@
 
 namespace selvio {
 
-/// Six lengths along and across the line through the eyes' centres, in units of the distance between them, down counted as positive:
-/// mouth width; middle of the lips below the corners; opening of the inner lips; height of the outer lips; corners below the nose's base; upper lids
-/// below the lower lids (negative while the eyes are open).
-/// The points' unit must be the same in both directions. Nothing when the eyes coincide or a point is not finite.
+/// Six lengths along and across the line through the eyes' centres, in units of the distance between them, down counted
+/// as positive: mouth width; middle of the lips below the corners; opening of the inner lips; height of the outer lips;
+/// corners below the nose's base; upper lids below the lower lids (negative while the eyes are open). The points' unit
+/// must be the same in both directions. Nothing when the eyes coincide or a point is not finite.
 [[nodiscard]] std::optional<std::array<double, kSmileFeatureCount>> smileFeaturesOf(const LandmarkPoints& points);
 
 /// The log-odds of a smile: smiling above 0.

@@ -1,8 +1,9 @@
 // Trained numbers of the smile classifier.
 //
-// Provenance: logistic regression over six geometric features of dlib's 68 points, trained on one half of 13,165 face crops labelled smiling or not
-// and tested on the other half (accuracy 0.87, area under the curve 0.95); on 70 photographs of people labelled by eye, accuracy 0.96. What it gets
-// wrong is mostly speech with an open mouth. No picture is stored here: these nineteen numbers are all that is left of the training data.
+// Provenance: logistic regression over six geometric features of dlib's 68 points, trained on one half of 13,165 face
+// crops labelled smiling or not and tested on the other half (accuracy 0.87, area under the curve 0.95); on 70
+// photographs of people labelled by eye, accuracy 0.96. What it gets wrong is mostly speech with an open mouth. No
+// picture is stored here: these nineteen numbers are all that is left of the training data.
 #pragma once
 
 #include <array>

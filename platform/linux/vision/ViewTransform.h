@@ -10,7 +10,8 @@
 
 namespace selvio {
 
-/// Swaps the axes first, then mirrors. Works on coordinates normalized to 0...1 with the origin at the top left, in the buffer as in the view.
+/// Swaps the axes first, then mirrors. Works on coordinates normalized to 0...1 with the origin at the top left, in the
+/// buffer as in the view.
 struct ViewTransform {
     bool transpose = false;
     bool flipX = false;
@@ -30,7 +31,8 @@ struct ViewTransform {
     }
 
     [[nodiscard]] Rect toView(const Rect& buffer) const {
-        return spanning(toView(Point{buffer.x, buffer.y}), toView(Point{buffer.x + buffer.width, buffer.y + buffer.height}));
+        return spanning(toView(Point{buffer.x, buffer.y}),
+                        toView(Point{buffer.x + buffer.width, buffer.y + buffer.height}));
     }
 
     [[nodiscard]] Rect toBuffer(const Rect& view) const {
@@ -47,9 +49,9 @@ private:
     }
 };
 
-/// The view for a frame and its EXIF orientation, such that a point (x, y) of the detector (the frame with the orientation applied, origin at the
-/// lower left) lies at (y, x) of the view. For the orientations of a front camera (5, 7, 4, 2) the view is upright and mirrored as in a mirror.
-/// Nothing outside 1...8.
+/// The view for a frame and its EXIF orientation, such that a point (x, y) of the detector (the frame with the
+/// orientation applied, origin at the lower left) lies at (y, x) of the view. For the orientations of a front camera
+/// (5, 7, 4, 2) the view is upright and mirrored as in a mirror. Nothing outside 1...8.
 [[nodiscard]] inline std::optional<ViewTransform> viewForExifOrientation(std::uint32_t exifOrientation) {
     switch (exifOrientation) {
         case 1:

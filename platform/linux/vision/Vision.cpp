@@ -25,10 +25,12 @@ std::optional<Error> checkBuffer(const PixelBuffer* buffer) {
 class DlibSequenceRequestHandler final : public SequenceRequestHandler {
 public:
     explicit DlibSequenceRequestHandler(const VisionOptions& options)
-        : models_(visionModels(options.landmarkModelPath)), clock_(options.clock ? options.clock : std::make_shared<SystemClock>()) {}
+        : models_(visionModels(options.landmarkModelPath)),
+          clock_(options.clock ? options.clock : std::make_shared<SystemClock>()) {}
 
     std::optional<Error> performRequests(const std::vector<std::shared_ptr<FaceLandmarksRequest>>& requests,
-                                         const std::shared_ptr<const PixelBuffer>& pixelBuffer, std::uint32_t exifOrientation) override {
+                                         const std::shared_ptr<const PixelBuffer>& pixelBuffer,
+                                         std::uint32_t exifOrientation) override {
         if (auto error = checkBuffer(pixelBuffer.get())) return error;
         const auto view = viewForExifOrientation(exifOrientation);
         if (!view) return Error{"There is no EXIF orientation " + std::to_string(exifOrientation)};
@@ -49,7 +51,8 @@ public:
             if (!request) continue;
             std::vector<FaceObservation> observations;
             observations.reserve(faces.size());
-            for (const FoundFace& face : faces) observations.push_back(observationOf(face, viewSize, request->revision()));
+            for (const FoundFace& face : faces)
+                observations.push_back(observationOf(face, viewSize, request->revision()));
             request->complete(std::move(observations));
         }
         return std::nullopt;
@@ -76,11 +79,11 @@ public:
             const Size shownSize = viewSizeOf(*image.bitmap, shown);
             std::vector<FaceFeature> features;
             for (const FoundFace& face : examined.faces) {
-                const Rect inView{face.box.x / viewSize.width, face.box.y / viewSize.height, face.box.width / viewSize.width,
-                                  face.box.height / viewSize.height};
+                const Rect inView{face.box.x / viewSize.width, face.box.y / viewSize.height,
+                                  face.box.width / viewSize.width, face.box.height / viewSize.height};
                 const Rect inPicture = shown.toView(examined.view.toBuffer(inView));
-                features.push_back({{inPicture.x * shownSize.width, inPicture.y * shownSize.height, inPicture.width * shownSize.width,
-                                     inPicture.height * shownSize.height},
+                features.push_back({{inPicture.x * shownSize.width, inPicture.y * shownSize.height,
+                                     inPicture.width * shownSize.width, inPicture.height * shownSize.height},
                                     smile && isSmiling(face.points)});
             }
             return features;

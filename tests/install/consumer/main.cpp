@@ -10,8 +10,9 @@ int capture(const selvio::Platform& platform) {
     const auto mainQueue = selvio::MainQueue::shared();
     const auto parameters = std::make_shared<SelvioFacialCaptureParameters>();
     const auto analyzer = SelvioFacialCaptureAnalyzer::initWithParameters(parameters, platform);
-    const auto camera = SelvioFacialCaptureCamera::initWithPreset(selvio::kCaptureSessionPreset1280x720, selvio::kPixelFormat32BGRA,
-                                                                  selvio::CaptureDevicePosition::Front, {0, 0, 1080, 1920}, platform);
+    const auto camera =
+        SelvioFacialCaptureCamera::initWithPreset(selvio::kCaptureSessionPreset1280x720, selvio::kPixelFormat32BGRA,
+                                                  selvio::CaptureDevicePosition::Front, {0, 0, 1080, 1920}, platform);
 
     const auto guidance = std::make_shared<SelvioFacialCaptureAnalyzerDelegate>();
     guidance->detectionResults = [](const auto& results) {

@@ -1,4 +1,5 @@
-// Publishes a virtual camera with a moving test pattern: selvio-virtual-camera NAME POSITION FPS FORMAT:WIDTHxHEIGHT|FORMAT:any...
+// Publishes a virtual camera with a moving test pattern: selvio-virtual-camera NAME POSITION FPS
+// FORMAT:WIDTHxHEIGHT|FORMAT:any...
 #include "VirtualCamera.h"
 
 #include <cstdio>

@@ -1,4 +1,5 @@
-// Publishes a virtual front camera in portrait that shows a simulated person: selvio-virtual-portrait NAME PHOTOGRAPH SCRIPT
+// Publishes a virtual front camera in portrait that shows a simulated person: selvio-virtual-portrait NAME PHOTOGRAPH
+// SCRIPT
 #include <SelvioFacialCapture/linux/Codec.h>
 #include <SelvioFacialCapture/simulated/SimulatedFrames.h>
 

@@ -1,8 +1,9 @@
-// A Video4Linux camera without a driver. Preloaded, it answers the ioctls on a node named /dev/video0 (a plain file: umockdev makes it) and passes on
-// all others. YUYV in 640x480 at 30 frames a second and 1280x720 at 10, Motion JPEG in 1280x720 at 30, NV12 in 320x240 at 30; focus controls.
+// A Video4Linux camera without a driver. Preloaded, it answers the ioctls on a node named /dev/video0 (a plain file:
+// umockdev makes it) and passes on all others. YUYV in 640x480 at 30 frames a second and 1280x720 at 10, Motion JPEG in
+// 1280x720 at 30, NV12 in 320x240 at 30; focus controls.
 //
-// The directory SELVIO_EMULATED_CAMERA steers it: `frame.jpg` is every Motion JPEG frame, `controls` collects the settings ("ID=value" lines), and
-// when a file `unplugged` appears, the camera is gone.
+// The directory SELVIO_EMULATED_CAMERA steers it: `frame.jpg` is every Motion JPEG frame, `controls` collects the
+// settings ("ID=value" lines), and when a file `unplugged` appears, the camera is gone.
 #include <fcntl.h>
 #include <linux/videodev2.h>
 #include <sys/ioctl.h>
@@ -81,7 +82,8 @@ void adjust(v4l2_format& format) {
     auto& pixels = format.fmt.pix;
     const Mode* chosen = nullptr;
     for (const Mode& candidate : kModes) {
-        const bool same = candidate.format == pixels.pixelformat && candidate.width == pixels.width && candidate.height == pixels.height;
+        const bool same = candidate.format == pixels.pixelformat && candidate.width == pixels.width &&
+                          candidate.height == pixels.height;
         if (same || (chosen == nullptr && candidate.format == pixels.pixelformat)) chosen = &candidate;
     }
     if (chosen == nullptr) chosen = &kModes[0];
@@ -135,7 +137,8 @@ int dequeue(int file, v4l2_buffer& buffer) {
     queued.pop_front();
     describe(buffer);
     const std::vector<char> picture = draw();
-    if (::pwrite(file, picture.data(), picture.size(), buffer.m.offset) != static_cast<ssize_t>(picture.size())) return fail(EIO);
+    if (::pwrite(file, picture.data(), picture.size(), buffer.m.offset) != static_cast<ssize_t>(picture.size()))
+        return fail(EIO);
     const auto micros = std::chrono::duration_cast<std::chrono::microseconds>(due.time_since_epoch()).count();
     buffer.bytesused = static_cast<std::uint32_t>(picture.size());
     buffer.timestamp = {micros / 1'000'000, micros % 1'000'000};
@@ -177,7 +180,9 @@ int answer(int file, unsigned long request, void* argument) {
         case VIDIOC_ENUM_FRAMEINTERVALS: {
             auto& interval = *static_cast<v4l2_frmivalenum*>(argument);
             for (const Mode& candidate : kModes) {
-                if (interval.index > 0 || candidate.format != interval.pixel_format || candidate.width != interval.width) continue;
+                if (interval.index > 0 || candidate.format != interval.pixel_format ||
+                    candidate.width != interval.width)
+                    continue;
                 interval.type = V4L2_FRMIVAL_TYPE_DISCRETE;
                 interval.discrete = {1, candidate.rate};
                 return 0;
@@ -201,7 +206,8 @@ int answer(int file, unsigned long request, void* argument) {
             if (request == VIDIOC_TRY_FMT) return 0;
             if (bufferCount > 0) return fail(EBUSY);
             for (const Mode& candidate : kModes) {
-                if (candidate.format == format.fmt.pix.pixelformat && candidate.width == format.fmt.pix.width) mode = candidate;
+                if (candidate.format == format.fmt.pix.pixelformat && candidate.width == format.fmt.pix.width)
+                    mode = candidate;
             }
             return 0;
         }
@@ -237,7 +243,8 @@ int answer(int file, unsigned long request, void* argument) {
             const bool automatic = control.id == V4L2_CID_FOCUS_AUTO;
             if (!automatic && control.id != V4L2_CID_AUTO_FOCUS_START) return fail(EINVAL);
             if (automatic) autoFocus = control.value;
-            std::ofstream(fileIn("controls"), std::ios::app) << (automatic ? "FOCUS_AUTO=" : "AUTO_FOCUS_START=") << control.value << '\n';
+            std::ofstream(fileIn("controls"), std::ios::app)
+                << (automatic ? "FOCUS_AUTO=" : "AUTO_FOCUS_START=") << control.value << '\n';
             return 0;
         }
         case VIDIOC_REQBUFS: {
