@@ -32,16 +32,15 @@ bool withoutThrowing(const char* givenUp, const Block& block) {
 struct SelvioFacialCaptureAnalyzer::State {
     explicit State(const selvio::Platform& ports);
 
-    /// Older systems capture manually only.
-    static constexpr int kAutomaticAnalysisVersion = 12;
+    /// Platforms of a lower level of services capture manually only.
+    static constexpr int kAutomaticAnalysisLevel = 12;
 
     [[nodiscard]] selvio::rules::GateFlags gateFlags() const;
     [[nodiscard]] bool canAnalyze() const {
-        return systemMajorVersion >= kAutomaticAnalysisVersion && sequenceRequestHandler != nullptr;
+        return platform.serviceLevel >= kAutomaticAnalysisLevel && sequenceRequestHandler != nullptr;
     }
 
     const selvio::Platform platform;
-    const int systemMajorVersion;
     const selvio::InterfaceOrientation statusbarOrientation;
     const std::shared_ptr<selvio::SequenceRequestHandler> sequenceRequestHandler;
     const std::shared_ptr<selvio::FaceDetector> faceDetector;

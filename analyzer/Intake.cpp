@@ -19,8 +19,8 @@ constexpr std::size_t kStillHistoryLimit = 5;
 constexpr std::size_t kNoLimit = std::numeric_limits<std::size_t>::max();
 constexpr std::uint32_t kStillImageOrientation = 5;
 
-int landmarksRevision(int systemMajorVersion) {
-    return systemMajorVersion >= 13 ? 3 : 2;
+int landmarksRevision(int serviceLevel) {
+    return serviceLevel >= 13 ? 3 : 2;
 }
 
 }  // namespace
@@ -95,7 +95,7 @@ void Analyzer::performLandmarksRequest(const std::shared_ptr<const PixelBuffer>&
             releaseSampleBuffer(id);
             detectedFace(done, error);
         });
-    request->setRevision(landmarksRevision(state_->systemMajorVersion));
+    request->setRevision(landmarksRevision(state_->platform.serviceLevel));
     const std::lock_guard lock(state_->visionMutex);
     const auto error = state_->sequenceRequestHandler->performRequests({request}, pixelBuffer, exifOrientation);
     if (error) log("SequenceRequestHandler couldn't perform requests: " + error->localizedDescription);

@@ -2,7 +2,6 @@
 #include <SelvioFacialCapture/SelvioFacialCaptureAnalyzer.h>
 #include <SelvioFacialCapture/base/Log.h>
 
-#include <charconv>
 #include <cmath>
 #include <utility>
 
@@ -16,15 +15,7 @@ namespace {
 
 constexpr auto kMotionInterval = std::chrono::milliseconds(300);
 constexpr double kHoldStillThreshold = 0.1;  // radians per second
-constexpr int kSequenceHandlerVersion = 11;
-
-// The first component of a dotted version; 0 if it is not a number.
-int majorVersion(const std::shared_ptr<const Device>& device) {
-    const std::string version = device ? device->systemVersion() : "";
-    int major = 0;
-    std::from_chars(version.data(), version.data() + version.size(), major);
-    return major;
-}
+constexpr int kSequenceHandlerLevel = 11;
 
 template <typename T>
 std::shared_ptr<T> made(const std::function<std::shared_ptr<T>()>& make) {
@@ -44,10 +35,9 @@ std::string queueLabel(const char* name) {
 
 Analyzer::State::State(const Platform& ports)
     : platform(ports),
-      systemMajorVersion(majorVersion(ports.device)),
       statusbarOrientation(ports.screen ? ports.screen->statusBarOrientation() : InterfaceOrientation::Unknown),
-      sequenceRequestHandler(systemMajorVersion >= kSequenceHandlerVersion ? made(ports.makeSequenceRequestHandler)
-                                                                           : nullptr),
+      sequenceRequestHandler(ports.serviceLevel >= kSequenceHandlerLevel ? made(ports.makeSequenceRequestHandler)
+                                                                         : nullptr),
       faceDetector(made(ports.makeFaceDetector)),
       framePool(PixelBufferPool::create()),
       analysisQueue(ports.makeSerialQueue(queueLabel(".frameAnalysisQueue"))) {
@@ -92,7 +82,7 @@ Analyzer::~SelvioFacialCaptureAnalyzer() {
 void Analyzer::setDelegate(std::weak_ptr<SelvioFacialCaptureAnalyzerDelegate> delegate) {
     const std::shared_ptr<SelvioFacialCaptureAnalyzerDelegate> host = delegate.lock();
     state_->mutex.set(state_->delegate, std::move(delegate));
-    if (!host || state_->systemMajorVersion >= State::kAutomaticAnalysisVersion) return;
+    if (!host || state_->platform.serviceLevel >= State::kAutomaticAnalysisLevel) return;
     state_->manualOnly = true;
     updateMode(SelvioFacialCaptureModeManual);
     if (host->manualOnly) host->manualOnly();
