@@ -105,9 +105,10 @@ public:
     }
 
     /// An analyzer anew.
-    void make(const std::string& systemVersion = "13.0") {
-        device = std::make_shared<FakeDevice>(systemVersion);
+    void make(int serviceLevel = Platform::kFullServiceLevel) {
+        device = std::make_shared<FakeDevice>();
         Platform platform = AnalyzerFakes::platform();
+        platform.serviceLevel = serviceLevel;
         platform.mainQueue = mainQueue;
         platform.globalQueue = globalQueue;
         platform.makeSerialQueue = [this](const std::string& label) {
