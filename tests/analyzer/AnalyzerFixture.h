@@ -4,7 +4,7 @@
 #include <SelvioFacialCapture/SelvioFacialCapture.h>
 #include <gmock/gmock.h>
 
-#include "analyzer/rules/FaceChecks.h"
+#include <SelvioFacialCapture/rules/FaceChecks.h>
 #include "support/FakeDevice.h"
 #include "support/FakeImageCodec.h"
 #include "support/FakeMotionManager.h"

@@ -1,7 +1,7 @@
 #include "analyzer/AnalyzerFixture.h"
 #include "analyzer/rules/DeviceOrientation.h"
 #include "analyzer/rules/GoodFrameGate.h"
-#include "analyzer/rules/PreviewGeometry.h"
+#include <SelvioFacialCapture/rules/PreviewGeometry.h>
 
 namespace selvio::rules {
 namespace {
