@@ -15,7 +15,7 @@ packages=(
     gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-ugly gstreamer1.0-plugins-bad
     gstreamer1.0-libav gstreamer1.0-x gstreamer1.0-pipewire libpipewire-0.3-dev libzxing-dev
     # tests and benchmarks
-    libgtest-dev libgmock-dev libbenchmark-dev libjpeg-dev zlib1g-dev python3 python3-dbusmock
+    libgtest-dev libgmock-dev libbenchmark-dev libjpeg-dev zlib1g-dev python3
     pipewire wireplumber dbus umockdev gstreamer1.0-tools ffmpeg xvfb imagemagick exif libimage-exiftool-perl
 )
 
