@@ -15,16 +15,10 @@ using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
 
-/// The file with other bytes behind a place.
-Bytes patched(Bytes file, std::size_t at, const Bytes& bytes) {
-    std::copy(bytes.begin(), bytes.end(), file.begin() + static_cast<std::ptrdiff_t>(at));
+/// The file with a number in big-endian order written over `count` bytes.
+Bytes patched(Bytes file, std::size_t at, std::uint64_t number, int count) {
+    for (int i = count - 1; i >= 0; --i) file[at++] = static_cast<std::uint8_t>(number >> (8 * i));
     return file;
-}
-
-Bytes bigEndian(std::uint64_t value, int count) {
-    Bytes bytes;
-    for (int i = count - 1; i >= 0; --i) bytes.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
-    return bytes;
 }
 
 /// Where a JPEG's frame header begins, its marker.
@@ -34,11 +28,9 @@ std::size_t frameOf(const Bytes& jpeg) {
 }
 
 Bytes claimingSize(const Bytes& file, std::uint32_t width, std::uint32_t height) {
-    if (file[0] == 0xFF) {
-        return patched(patched(file, frameOf(file) + 5, bigEndian(height, 2)), frameOf(file) + 7, bigEndian(width, 2));
-    }
-    const Bytes claiming = patched(patched(file, 16, bigEndian(width, 4)), 20, bigEndian(height, 4));
-    return patched(claiming, 29, bigEndian(crc32(0, claiming.data() + 12, 17), 4));
+    if (file[0] == 0xFF) return patched(patched(file, frameOf(file) + 5, height, 2), frameOf(file) + 7, width, 2);
+    const Bytes claiming = patched(patched(file, 16, width, 4), 20, height, 4);
+    return patched(claiming, 29, crc32(0, claiming.data() + 12, 17), 4);
 }
 
 class ImageLoaderTest : public testing::Test {
@@ -55,39 +47,32 @@ protected:
 
 TEST_F(ImageLoaderTest, readsEveryKindOfPicture) {
     const Colour black{0, 0, 0}, grey{76, 76, 76}, half{128, 128, 128};
-    const Quarters greys{black, grey, half, kWhite};
-    const std::string greyColours = "#000 #4C4C4C #808080 #FFF";
-    const Quarters faded{kRed, kGreen, Colour{128, 0, 0}, half};
-    const std::string fadedColours = "red lime #0000FF80 #FFFFFF80";
-    struct Case {
+    const std::pair<std::string, Quarters> colours{"red lime blue white", kQuarters},
+        greys{"#000 #4C4C4C #808080 #FFF", {black, grey, half, kWhite}},
+        faded{"red lime #0000FF80 #FFFFFF80", {kRed, kGreen, {128, 0, 0}, half}},
+        fadedGreys{"#000 #FFF #00000080 #FFFFFF80", {black, kWhite, black, half}};
+    const struct {
         const char* name;
         std::string options;
-        std::string colours;
-        Quarters expected;
+        std::pair<std::string, Quarters> picture;
+    } table[] = {
+        {"a.jpg", "-interlace none", colours},
+        {"a.jpg", "-interlace JPEG", colours},
+        {"a.jpg", "-sampling-factor 3x1", colours},
+        {"a.jpg", "-colorspace CMYK", colours},
+        {"a.jpg", "-colorspace Gray", greys},
+        {"a.png", "-define png:color-type=2 -define png:bit-depth=16", colours},
+        {"a.png", "-define png:color-type=3", colours},
+        {"a.png", "-define png:color-type=0 -define png:bit-depth=16 -interlace PNG", greys},
+        {"a.png", "-define png:color-type=4", fadedGreys},
+        {"a.png", "-define png:color-type=6", faded},
+        {"a.png", "-define png:color-type=6 -define png:bit-depth=16 -interlace PNG", faded},
     };
-    const std::string colourful = "red lime blue white";
-    const Case table[] = {
-        {"a.jpg", "-interlace none", colourful, kQuarters},
-        {"a.jpg", "-interlace JPEG", colourful, kQuarters},
-        {"a.jpg", "-sampling-factor 3x1", colourful, kQuarters},
-        {"a.jpg", "-colorspace CMYK", colourful, kQuarters},
-        {"a.jpg", "-colorspace Gray", greyColours, greys},
-        {"a.png", "-define png:color-type=2 -define png:bit-depth=16", colourful, kQuarters},
-        {"a.png", "-define png:color-type=3", colourful, kQuarters},
-        {"a.png", "-define png:color-type=0 -define png:bit-depth=16 -interlace PNG", greyColours, greys},
-        {"a.png",
-         "-define png:color-type=0 -define png:bit-depth=1",
-         "#000 #FFF #FFF #000",
-         {black, kWhite, kWhite, black}},
-        {"a.png", "-define png:color-type=4", "#000 #FFF #00000080 #FFFFFF80", {black, kWhite, black, half}},
-        {"a.png", "-define png:color-type=6", fadedColours, faded},
-        {"a.png", "-define png:color-type=6 -define png:bit-depth=16 -interlace PNG", fadedColours, faded},
-    };
-    for (const Case& c : table) {
+    for (const auto& c : table) {
         SCOPED_TRACE(c.name + (" " + c.options));
-        const auto picture = loader.loadImage(directory.write("a", fileOf(c.name, c.options, c.colours)));
+        const auto picture = loader.loadImage(directory.write("a", fileOf(c.name, c.options, c.picture.first)));
         ASSERT_TRUE(picture) << picture.error().localizedDescription;
-        expectQuarters(*picture.value(), c.expected);
+        expectQuarters(*picture.value(), c.picture.second);
     }
 }
 
@@ -126,7 +111,7 @@ TEST_F(ImageLoaderTest, namesTheFileAndTheReasonInOneLine) {
     EXPECT_THAT(errorOf(Bytes{'t', 'e', 'x', 't'}), HasSubstr("neither JPEG nor PNG"));
     EXPECT_THAT(errorOf(Bytes{0xFF, 0xD8, 0xFF, 'x', 'y'}), HasSubstr("/bad: "));
     const Bytes jpeg = fileOf("a.jpg");
-    EXPECT_THAT(errorOf(patched(jpeg, frameOf(jpeg) + 1, {0xC9})), HasSubstr("arithmetic"));
+    EXPECT_THAT(errorOf(patched(jpeg, frameOf(jpeg) + 1, 0xC9, 1)), HasSubstr("arithmetic"));
     EXPECT_THAT(errorOf("/nowhere/two\nlines.jpg"), AllOf(HasSubstr("two?lines.jpg: "), Not(HasSubstr("\n"))));
 }
 

@@ -62,10 +62,10 @@ inline Bytes fileOf(const std::string& name, const std::string& options = "",
     const TemporaryDirectory directory;
     const std::string path = directory.path() / name;
     std::istringstream words(colours);
-    std::array<std::string, 4> colour;
-    for (std::string& word : colour) words >> word;
-    outputOf("convert -size 35x25 \\( 'xc:" + colour[0] + "' 'xc:" + colour[1] + "' +append \\) \\( 'xc:" + colour[2] +
-             "' 'xc:" + colour[3] + "' +append \\) -append " + options + " " + path);
+    std::string c[4];
+    words >> c[0] >> c[1] >> c[2] >> c[3];
+    outputOf("convert -size 35x25 \\( 'xc:" + c[0] + "' 'xc:" + c[1] + "' +append \\) \\( 'xc:" + c[2] +
+             "' 'xc:" + c[3] + "' +append \\) -append " + options + " " + path);
     const std::string content = contentOf(path);
     return {content.begin(), content.end()};
 }
