@@ -26,14 +26,6 @@ using Quarters = std::array<Colour, 4>;
 inline constexpr Colour kRed{0, 0, 255}, kGreen{0, 255, 0}, kBlue{255, 0, 0}, kWhite{255, 255, 255};
 inline constexpr Quarters kQuarters{kRed, kGreen, kBlue, kWhite};
 
-inline std::shared_ptr<PixelBuffer> quarters(int width, int height) {
-    return painted(width, height, kPixelFormat32BGRA, [&](std::uint8_t* pixel, int x, int y, int) {
-        const std::size_t quarter = (y < height / 2 ? 0U : 2U) + (x < width / 2 ? 0U : 1U);
-        for (const int value : kQuarters[quarter]) *pixel++ = static_cast<std::uint8_t>(value);
-        *pixel = 255;
-    });
-}
-
 /// `kQuarters` as an EXIF orientation has them shown.
 inline Quarters quartersTurned(int orientation) {
     const Colour r = kRed, g = kGreen, b = kBlue, w = kWhite;
