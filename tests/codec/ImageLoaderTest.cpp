@@ -111,6 +111,9 @@ TEST_F(ImageLoaderTest, namesTheFileAndTheReasonInOneLine) {
     EXPECT_THAT(errorOf(Bytes{'t', 'e', 'x', 't'}), HasSubstr("neither JPEG nor PNG"));
     EXPECT_THAT(errorOf(Bytes{0xFF, 0xD8, 0xFF, 'x', 'y'}), HasSubstr("/bad: "));
     const Bytes jpeg = fileOf("a.jpg");
+    const std::string endless = directory.write("endless.jpg", jpeg);
+    std::filesystem::resize_file(endless, std::uintmax_t{1} << 40);
+    EXPECT_THAT(errorOf(endless), HasSubstr("longer than any picture"));
     EXPECT_THAT(errorOf(patched(jpeg, frameOf(jpeg) + 1, 0xC9, 1)), HasSubstr("arithmetic"));
     EXPECT_THAT(errorOf("/nowhere/two\nlines.jpg"), AllOf(HasSubstr("two?lines.jpg: "), Not(HasSubstr("\n"))));
 }

@@ -207,12 +207,13 @@ std::optional<JpegHeader> readJpegHeader(std::span<const std::uint8_t> file) {
         while (at < file.size() && file[at] != 0xFF) ++at;  // what stands between segments is passed over
         while (at < file.size() && file[at] == 0xFF) ++at;
         if (at + 3 > file.size()) return std::nullopt;
-        const int marker = file[at];
-        const auto length = static_cast<std::size_t>(bigEndianAt(file, at + 1));
-        if (length < 2 || at + 1 + length > file.size()) return std::nullopt;
+        const int marker = file[at++];
+        if (marker <= 0x01 || (marker >= 0xD0 && marker <= 0xD7)) continue;  // has no content
+        const auto length = static_cast<std::size_t>(bigEndianAt(file, at));
+        if (length < 2 || at + length > file.size()) return std::nullopt;
         if (marker == kStartOfScan) return header;
-        readSegment(marker, file.subspan(at + 3, length - 2), header);
-        at += 1 + length;
+        readSegment(marker, file.subspan(at + 2, length - 2), header);
+        at += length;
     }
 }
 
@@ -243,10 +244,10 @@ std::optional<Bytes> reencodeJpeg(std::span<const std::uint8_t> file, const Jpeg
         const auto pixels = decodedPixels(file, *header);
         return pixels ? encodeJpegPixels(*pixels.value(), target) : std::nullopt;
     }
-    Planes planes(width, height, sampling);
+    Planes planes(header->width, header->height, sampling);
     const auto problem = problemDecoding([&](tjhandle decoder, int flags) {
-        return tjDecompressToYUVPlanes(decoder, file.data(), file.size(), planes.pointers(), width, nullptr, height,
-                                       flags);
+        return tjDecompressToYUVPlanes(decoder, file.data(), file.size(), planes.pointers(), planes.width(), nullptr,
+                                       planes.height(), flags);
     });
     return problem ? std::nullopt : encodedPlanes(planes, target);
 }
