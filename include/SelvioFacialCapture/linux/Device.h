@@ -4,6 +4,7 @@
 #include <SelvioFacialCapture/platform/Device.h>
 
 #include <atomic>
+#include <filesystem>
 #include <functional>
 #include <mutex>
 #include <string>
