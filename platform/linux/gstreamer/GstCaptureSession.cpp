@@ -1,12 +1,12 @@
 #include "GstCaptureSession.h"
 
+#include <SelvioFacialCapture/SelvioFacialCaptureImageUtilities.h>
 #include <SelvioFacialCapture/base/Log.h>
 
 #include <gst/audio/audio.h>
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 
 namespace selvio {
 namespace {
@@ -69,18 +69,6 @@ void close(GstPtr<GstElement>& pipeline) {
     const GstPtr<GstBus> bus(gst_element_get_bus(pipeline.get()));
     gst_bus_set_sync_handler(bus.get(), nullptr, nullptr, nullptr);
     pipeline.reset();
-}
-
-void copyPlanes(const PixelBuffer& from, PixelBuffer& to) {
-    for (int plane = 0; plane < from.planeCount(); ++plane) {
-        const auto& layout = from.layout().planes[static_cast<std::size_t>(plane)];
-        const std::size_t bytes =
-            static_cast<std::size_t>(layout.width) * (from.format() == kPixelFormat420v ? (plane == 0 ? 1U : 2U) : 4U);
-        for (std::size_t row = 0; row < static_cast<std::size_t>(layout.height); ++row) {
-            std::memcpy(to.data(plane) + row * to.bytesPerRow(plane), from.data(plane) + row * from.bytesPerRow(plane),
-                        bytes);
-        }
-    }
 }
 
 }  // namespace
@@ -449,9 +437,7 @@ std::shared_ptr<PixelBuffer> GstCaptureSession::borrow(FrameMemory memory, GstBu
     auto pixels = wrapFrame(buffer, info, crop);
     if (!pixels || memory == FrameMemory::Converter) return pixels;
     if (memory == FrameMemory::Fleeting || loans_->count >= kMaxLoans) {
-        auto copy = copies_->acquire(*PixelBufferLayout::make(pixels->width(), pixels->height(), pixels->format()));
-        if (copy) copyPlanes(*pixels, *copy);
-        return copy;
+        return SelvioFacialCaptureImageUtilities::copyPixelBuffer(pixels, *copies_);
     }
     ++loans_->count;
     PixelBuffer& lent = *pixels;
