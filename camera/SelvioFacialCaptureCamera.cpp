@@ -1,5 +1,6 @@
 #include <SelvioFacialCapture/SelvioFacialCaptureCamera.h>
 
+#include <cassert>
 #include <chrono>
 #include <nlohmann/json.hpp>
 #include <utility>
@@ -23,6 +24,14 @@ constexpr const char* kFrameKey = "Frame";
 /// A platform without the queue has nobody to do the work.
 void dispatch(const std::shared_ptr<selvio::Queue>& queue, selvio::Queue::Block block) {
     if (queue) queue->async(std::move(block));
+}
+
+/// A camera that has gone could never stop what would begin here.
+void beginRecording(const std::shared_ptr<selvio::Queue>& outputQueue, std::weak_ptr<const void> camera,
+                    std::shared_ptr<selvio::VideoRecorder> recorder) {
+    dispatch(outputQueue, [camera = std::move(camera), recorder = std::move(recorder)] {
+        if (!camera.expired()) recorder->start();
+    });
 }
 
 std::shared_ptr<selvio::View> makeView(const selvio::Platform& platform) {
@@ -49,7 +58,11 @@ std::optional<selvio::Rect> decodeFrame(std::string_view archive) {
 SelvioFacialCaptureCamera::SelvioFacialCaptureCamera(selvio::Platform platform)
     : platform_(std::move(platform)), view_(makeView(platform_)), state_(std::make_shared<selvio::CameraState>()) {}
 
-SelvioFacialCaptureCamera::~SelvioFacialCaptureCamera() = default;
+// A delegate that took a reference for the length of a call may hold the last one. The view still ends on the main
+// thread.
+SelvioFacialCaptureCamera::~SelvioFacialCaptureCamera() {
+    if (std::this_thread::get_id() != mainThread_) dispatch(platform_.mainQueue, [view = view_] {});
+}
 
 std::shared_ptr<SelvioFacialCaptureCamera> SelvioFacialCaptureCamera::make(selvio::Platform platform) {
     std::shared_ptr<SelvioFacialCaptureCamera> camera(new SelvioFacialCaptureCamera(std::move(platform)));
@@ -124,34 +137,29 @@ std::string SelvioFacialCaptureCamera::encodeWithCoder() const {
 void SelvioFacialCaptureCamera::setDelegate(const std::shared_ptr<SelvioFacialCaptureCameraDelegate>& value) {
     state_->delegateSlot()->set(value);
     if (!value) return;
-    onSessionQueue(&SelvioFacialCaptureCamera::configureSession);
-}
-
-void SelvioFacialCaptureCamera::onSessionQueue(void (SelvioFacialCaptureCamera::*work)()) {
-    dispatch(videoQueue_, [weakSelf = weak_from_this(), work] {
-        auto self = weakSelf.lock();
-        if (!self) return;
-        (self.get()->*work)();
-        // The host may have let go of the camera meanwhile, and the view must end on the main thread.
-        const auto main = self->platform_.mainQueue;
-        dispatch(main, [self = std::move(self)] {});
+    onSessionQueue([platform = platform_, state = state_,
+                    receiver = std::shared_ptr<selvio::CaptureOutputDelegate>(receiver_),
+                    outputQueue = videoOutputQueue_](const std::weak_ptr<const void>& camera) {
+        selvio::configureSession({platform, state, receiver, outputQueue, camera});
     });
 }
 
-void SelvioFacialCaptureCamera::configureSession() {
-    SELVIO_ASSERT_ON_QUEUE(videoQueue_);
-    selvio::configureSession({platform_, state_, receiver_, videoOutputQueue_});
+void SelvioFacialCaptureCamera::onSessionQueue(std::function<void(const std::weak_ptr<const void>& camera)> work) {
+    dispatch(videoQueue_, [camera = std::weak_ptr<const void>(weak_from_this()), work = std::move(work),
+                           weakQueue = std::weak_ptr(videoQueue_)] {
+        const auto queue = weakQueue.lock();  // so that a camera that goes meanwhile need not wait for this block
+        assert(!queue || queue->isCurrent());
+        if (!camera.expired()) work(camera);
+    });
 }
 
 void SelvioFacialCaptureCamera::start() {
-    onSessionQueue(&SelvioFacialCaptureCamera::startSession);
-}
-
-void SelvioFacialCaptureCamera::startSession() {
-    SELVIO_ASSERT_ON_QUEUE(videoQueue_);
-    startRecording();
-    const auto session = this->session();
-    if (session && !session->isRunning()) session->startRunning();
+    onSessionQueue([state = state_, recorder = recorder_,
+                    outputQueue = videoOutputQueue_](const std::weak_ptr<const void>& camera) {
+        beginRecording(outputQueue, camera, recorder);
+        const auto session = state->session();
+        if (session && !session->isRunning()) session->startRunning();
+    });
 }
 
 void SelvioFacialCaptureCamera::stop() {
@@ -174,10 +182,14 @@ void SelvioFacialCaptureCamera::stop() {
 void SelvioFacialCaptureCamera::shutdown() {
     if (platform_.notificationCenter) platform_.notificationCenter->removeObserver(this);
     const auto session = this->session();
-    if (!session) return;
-    const std::lock_guard lock(session->monitor());
-    selvio::dismantleSession(*session, *state_);
-    setSession(nullptr);
+    if (!session) return state_->delegateSlot()->close();
+    {
+        const std::lock_guard lock(session->monitor());
+        selvio::dismantleSession(*session, *state_);
+        setSession(nullptr);
+    }
+    // Without the monitor, which a delegate that is being called may be waiting for.
+    state_->delegateSlot()->close();
 }
 
 bool SelvioFacialCaptureCamera::hasTorch() const {
@@ -202,11 +214,19 @@ bool SelvioFacialCaptureCamera::turnTorchOff() {
 }
 
 void SelvioFacialCaptureCamera::setTorch(selvio::CaptureDevice& device, selvio::TorchMode mode) {
-    const std::lock_guard lock(torchMutex_);
-    (void)device.lockForConfiguration();
-    device.setTorchMode(mode);
-    state_->set(&CameraValues::isTorchON, mode == selvio::TorchMode::On);
-    device.unlockForConfiguration();
+    // Threads that switch at once each go on until nobody has asked for anything newer: then the device and `isTorchON`
+    // agree on the last wish, and no lock is held while the device is called.
+    std::uint64_t wish = torchWish_;
+    while (!torchWish_.compare_exchange_weak(wish, (wish | 1) + 1 + (mode == selvio::TorchMode::On ? 1 : 0))) {
+    }
+    do {
+        wish = torchWish_;
+        const bool on = (wish & 1) != 0;
+        (void)device.lockForConfiguration();
+        device.setTorchMode(on ? selvio::TorchMode::On : selvio::TorchMode::Off);
+        state_->set(&CameraValues::isTorchON, on);
+        device.unlockForConfiguration();
+    } while (wish != torchWish_);
 }
 
 void SelvioFacialCaptureCamera::updatePreviewLayer(selvio::VideoOrientation orientation) {
@@ -222,10 +242,7 @@ void SelvioFacialCaptureCamera::updatePreviewLayer(selvio::VideoOrientation orie
 // ---- Recording ----
 
 void SelvioFacialCaptureCamera::startRecording() {
-    // A camera that has gone could never stop what would begin here.
-    dispatch(videoOutputQueue_, [weakSelf = weak_from_this(), recorder = recorder_] {
-        if (!weakSelf.expired()) recorder->start();
-    });
+    beginRecording(videoOutputQueue_, weak_from_this(), recorder_);
 }
 
 void SelvioFacialCaptureCamera::stopRecording() {

@@ -1,3 +1,5 @@
+#include <thread>
+
 #include "CameraRig.h"
 
 namespace selvio {
@@ -129,17 +131,46 @@ TEST(CameraConfiguration, shutDownInTheMiddleLeavesNothing) {
     EXPECT_THAT(rig.log.take(), IsEmpty());
 }
 
-// What only a delegate still holds ends with the view, on the main thread.
-TEST(CameraConfiguration, theLastReferenceEndsOnTheMainQueue) {
+// A configuration of a configured camera is refused, and its own input must not stand in for the first one's.
+TEST(CameraConfiguration, aSecondOneLeavesNoInputBehind) {
     CameraRig rig;
-    rig.make();
-    const std::weak_ptr<Camera> camera = rig.camera;
-    rig.delegate->didFinishConfiguringSession = [&rig] { rig.camera.reset(); };
-    rig.camera->setDelegate(rig.delegate);
-    rig.runSessionQueue();
-    EXPECT_FALSE(camera.expired());
-    rig.run();
-    EXPECT_TRUE(camera.expired());
+    rig.makeConfigured(true);
+    const auto session = std::dynamic_pointer_cast<FakeCaptureSession>(rig.camera->session());
+    EXPECT_EQ(session->inputs().size(), 2u);
+    rig.configure();
+    EXPECT_THAT(rig.log.take(), ElementsAre("Could not add video device input to the session"));
+    EXPECT_EQ(session->inputs().size(), 2u);
+    rig.camera->shutdown();
+    EXPECT_THAT(session->inputs(), IsEmpty());
+}
+
+// Whatever waits on the main queue, which the host need not run; and what another thread held last leaves its view to
+// the main thread.
+TEST(CameraConfiguration, nothingQueuedKeepsTheCamera) {
+    for (const bool elsewhere : {false, true}) {
+        CameraRig rig;
+        rig.capture->torch = true;
+        rig.make();
+        const std::weak_ptr<Camera> camera = rig.camera;
+        const std::weak_ptr<View> view = rig.view;
+        rig.camera->setDelegate(rig.delegate);
+        rig.camera->start();
+        rig.runSessionQueue();
+        rig.camera->turnTorchOn();
+        rig.camera->start();
+        rig.platform.makeView = {};
+        rig.view.reset();
+        if (elsewhere) {
+            std::thread([last = std::move(rig.camera)]() mutable { last.reset(); }).join();
+        } else {
+            rig.camera.reset();
+        }
+        EXPECT_TRUE(camera.expired());
+        EXPECT_EQ(view.expired(), !elsewhere);
+        rig.run();
+        EXPECT_TRUE(view.expired());
+        EXPECT_THAT(rig.events, ElementsAre("configured"));
+    }
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
 #include <sstream>
+#include <thread>
 
 #include "CameraRig.h"
 
@@ -171,12 +172,15 @@ TEST(CameraControl, afterwardsNobodyHearsAnything) {
     for (const bool gone : {true, false}) {
         CameraRig rig;
         rig.capture->torch = gone;
-        rig.makeConfigured();
+        rig.makeConfigured(false, true);
         rig.files->put("selvio_a.mp4");
         const auto video = rig.video();
         rig.camera->turnTorchOn();
         rig.camera->stopRecording();
         video->deliver(frame());
+        video->drop(frame());
+        std::dynamic_pointer_cast<FakeMetadataOutput>(rig.camera->metaDataOutput())
+            ->decode({{kMetadataObjectTypePDF417Code, "late", {}}});
         gone ? rig.camera.reset() : rig.camera->shutdown();
         (void)rig.capture->calls.take();
         rig.main->advance(kTorchDelay);
@@ -186,6 +190,32 @@ TEST(CameraControl, afterwardsNobodyHearsAnything) {
         EXPECT_THAT(rig.capture->calls.take(), IsEmpty());
         EXPECT_THAT(rig.events, IsEmpty());
         EXPECT_TRUE(rig.view->subviews.empty() && rig.files->names().size() == 1u);
+    }
+}
+
+// A delegate call that runs is waited for, but not by one.
+TEST(CameraControl, shutdownWaitsForTheCallThatRuns) {
+    for (const bool fromWithin : {false, true}) {
+        CameraRig rig;
+        rig.makeConfigured();
+        const auto video = rig.video();
+        std::atomic<bool> entered{false}, returned{false}, tooEarly{false};
+        rig.delegate->didReceiveSampleBuffer = [&](const auto&) {
+            if (fromWithin) return rig.camera->shutdown();
+            entered = true;
+            const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(100);
+            while (!returned && std::chrono::steady_clock::now() < end) std::this_thread::yield();
+            rig.camera->stop();  // which wants the monitor
+            tooEarly = returned.load();
+        };
+        video->deliver(frame());
+        std::thread output([&] { rig.queues[rig.camera->videoOutputQueue()->label()]->runAll(); });
+        while (!entered && !fromWithin) std::this_thread::yield();
+        if (!fromWithin) rig.camera->shutdown();
+        returned = true;
+        output.join();
+        EXPECT_FALSE(tooEarly);
+        EXPECT_FALSE(rig.camera->session());
     }
 }
 
