@@ -1,6 +1,5 @@
 #include <SelvioFacialCapture/SelvioFacialCaptureCamera.h>
 
-#include <cassert>
 #include <chrono>
 #include <nlohmann/json.hpp>
 #include <utility>
@@ -52,6 +51,18 @@ std::optional<selvio::Rect> decodeFrame(std::string_view archive) {
 }
 
 }  // namespace
+
+/// What work on the session queue needs of its camera, which it does not keep: a camera that goes meanwhile waits
+/// neither for the work nor for its queue.
+struct SelvioFacialCaptureCamera::SessionWork {
+    selvio::Platform platform;
+    std::shared_ptr<selvio::CameraState> state;
+    std::shared_ptr<selvio::CaptureOutputDelegate> receiver;
+    std::shared_ptr<selvio::VideoRecorder> recorder;
+    std::weak_ptr<const void> camera;
+    std::shared_ptr<selvio::Queue> queue;
+    std::shared_ptr<selvio::Queue> outputQueue;
+};
 
 // ---- Construction ----
 
@@ -137,27 +148,27 @@ std::string SelvioFacialCaptureCamera::encodeWithCoder() const {
 void SelvioFacialCaptureCamera::setDelegate(const std::shared_ptr<SelvioFacialCaptureCameraDelegate>& value) {
     state_->delegateSlot()->set(value);
     if (!value) return;
-    onSessionQueue([platform = platform_, state = state_,
-                    receiver = std::shared_ptr<selvio::CaptureOutputDelegate>(receiver_),
-                    outputQueue = videoOutputQueue_](const std::weak_ptr<const void>& camera) {
-        selvio::configureSession({platform, state, receiver, outputQueue, camera});
+    onSessionQueue([](const SessionWork& on) {
+        selvio::configureSession({on.platform, on.state, on.receiver, on.outputQueue, on.camera});
     });
 }
 
-void SelvioFacialCaptureCamera::onSessionQueue(std::function<void(const std::weak_ptr<const void>& camera)> work) {
-    dispatch(videoQueue_, [camera = std::weak_ptr<const void>(weak_from_this()), work = std::move(work),
-                           weakQueue = std::weak_ptr(videoQueue_)] {
-        const auto queue = weakQueue.lock();  // so that a camera that goes meanwhile need not wait for this block
-        assert(!queue || queue->isCurrent());
-        if (!camera.expired()) work(camera);
+void SelvioFacialCaptureCamera::onSessionQueue(void (*work)(const SessionWork&)) {
+    dispatch(videoQueue_, [weakSelf = weak_from_this(), work] {
+        auto self = weakSelf.lock();
+        if (!self) return;
+        SELVIO_ASSERT_ON_QUEUE(self->videoQueue_);
+        const SessionWork on{self->platform_, self->state_,      self->receiver_,        self->recorder_,
+                             weakSelf,        self->videoQueue_, self->videoOutputQueue_};
+        self.reset();
+        work(on);
     });
 }
 
 void SelvioFacialCaptureCamera::start() {
-    onSessionQueue([state = state_, recorder = recorder_,
-                    outputQueue = videoOutputQueue_](const std::weak_ptr<const void>& camera) {
-        beginRecording(outputQueue, camera, recorder);
-        const auto session = state->session();
+    onSessionQueue([](const SessionWork& on) {
+        beginRecording(on.outputQueue, on.camera, on.recorder);
+        const auto session = on.state->session();
         if (session && !session->isRunning()) session->startRunning();
     });
 }

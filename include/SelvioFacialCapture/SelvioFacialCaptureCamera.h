@@ -258,8 +258,9 @@ private:
     explicit SelvioFacialCaptureCamera(selvio::Platform platform);
     static std::shared_ptr<SelvioFacialCaptureCamera> make(selvio::Platform platform);
     void commonInit();
-    /// Submits the work to the session queue, without a reference to the camera; one that has gone by then does none.
-    void onSessionQueue(std::function<void(const std::weak_ptr<const void>& camera)> work);
+    struct SessionWork;
+    /// Submits the work to the session queue; a camera that has gone by then does none.
+    void onSessionQueue(void (*work)(const SessionWork&));
     void setTorch(selvio::CaptureDevice& device, selvio::TorchMode mode);
 
     void observe(selvio::ApplicationNotification notification, void (SelvioFacialCaptureCamera::*handler)());

@@ -391,6 +391,7 @@ std::optional<Error> GstCaptureSession::openCamera(const Plan& plan, const std::
     run->memory = !native                 ? FrameMemory::Converter
                   : device.fleetingMemory ? FrameMemory::Fleeting
                                           : FrameMemory::Camera;
+    if (plan.mode.rate.numerator > 0) run->frameDuration = nanoseconds(std::llround(1e9 / plan.mode.rate.value()));
     if (const auto video = receivers()->video)
         video->setFrameRate(plan.mode.rate.numerator > 0 ? static_cast<int>(std::lround(plan.mode.rate.value())) : 30);
 
@@ -509,7 +510,7 @@ void GstCaptureSession::frameArrived(const Run& run, GstSample* sample, GstEleme
     const int width = GST_VIDEO_INFO_WIDTH(&info);
     const int height = GST_VIDEO_INFO_HEIGHT(&info);
 
-    SampleTiming timing{timeOf(sample, sink).value_or(arrival), std::nullopt};
+    SampleTiming timing{timeOf(sample, sink).value_or(arrival), run.frameDuration};
     if (GST_VIDEO_INFO_FPS_N(&info) > 0)
         timing.duration = nanoseconds(1'000'000'000LL * GST_VIDEO_INFO_FPS_D(&info) / GST_VIDEO_INFO_FPS_N(&info));
     if (*timing.presentationTime > arrival || *timing.presentationTime < arrival - std::chrono::hours(1))

@@ -84,8 +84,9 @@ private:
     struct Run {
         GstCaptureSession& session;
         const std::uint64_t number;
-        FrameMemory memory = FrameMemory::Converter;  // set before frames come
-        AudioClock audioClock{};                      // used on the microphone's thread
+        FrameMemory memory = FrameMemory::Converter;              // set before frames come
+        std::optional<std::chrono::nanoseconds> frameDuration{};  // of the camera's mode, set before frames come
+        AudioClock audioClock{};                                  // used on the microphone's thread
     };
     /// Frames in the camera's own memory that are still in use.
     struct Loans {
