@@ -682,7 +682,7 @@ private:
 };
 
 TEST(CameraModel, randomScenariosAgree) {
-    for (unsigned seed = 1; seed <= 1500; ++seed) {
+    for (unsigned seed = 1; seed <= 400; ++seed) {
         Scenario scenario(seed);
         ASSERT_TRUE(scenario.run(80)) << "seed " << seed << ", steps" << scenario.trace;
     }
