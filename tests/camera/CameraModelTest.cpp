@@ -8,8 +8,6 @@
 namespace selvio {
 namespace {
 
-using testing::IsEmpty;
-
 const std::string kOutputQueue = "com.selvio.facialcapture.videoDataOutputQueue";
 const std::string kPresets[] = {"640x480", "1920x1080", "1280x720", "High"};
 
@@ -616,7 +614,10 @@ private:
         } else if (metadata_) {
             std::vector<MetadataObject> batch;
             for (int i = any(4); i > 0; --i)
-                batch.push_back({chance(3) ? "QR" : "PDF417", chance(3) ? std::nullopt : std::optional(number(i)), {}});
+                batch.push_back(
+                    {chance(3) ? "QR" : "PDF417",
+                     chance(3) ? std::nullopt : std::optional(std::string(static_cast<std::size_t>(i - 1), 'x')),
+                     {}});
             metadata_->decode(batch);
             if (model_.metadata) model_.decode(batch);
         }
