@@ -77,6 +77,7 @@ TEST(LinuxFileManager, onlyLeftoversOfTheDeadAreRemoved) {
     root.write("selvio-process-other/file", "x");
     std::optional<LinuxFileManager> files(root.path());
     const fs::path own = files->documentsDirectory();
+    EXPECT_FALSE(fs::exists(root.path() / "selvio_left over.mp4"));
     const fs::path mine = own / "selvio_mine.mp4";
     std::ofstream(mine) << "running";
     const pid_t child = fork();

@@ -21,10 +21,10 @@ public:
     /// An empty documents directory goes; one with files stays for the next manager to remove.
     ~LinuxFileManager() override;
 
-    /// Made on demand with every missing directory above it, for the owner alone (0700). The recordings
-    /// ("selvio_….mp4") and directories of managers that are no more are removed then, and recordings in the parent
-    /// itself. If it cannot be made, that is logged and the parent returned, so that its users fail with the system's
-    /// reason. Empty if there is no home directory at all.
+    /// Made on demand with every missing directory above it, for the owner alone (0700). Each call removes the
+    /// recordings ("selvio_….mp4") and directories of managers that are no more, and recordings in the parent itself.
+    /// If it cannot be made, that is logged and the parent returned, so that its users fail with the system's reason.
+    /// Empty if there is no home directory at all.
     [[nodiscard]] std::filesystem::path documentsDirectory() const override;
     [[nodiscard]] Expected<std::vector<std::string>> contentsOfDirectory(
         const std::filesystem::path& directory) const override;

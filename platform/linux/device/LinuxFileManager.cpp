@@ -107,7 +107,7 @@ std::pair<fs::path, int> makeOwnDirectory(const fs::path& parent, std::error_cod
         std::string path = (parent / kOwnPrefix).string() + "XXXXXX";
         if (mkdtemp(path.data()) == nullptr) {
             error = lastError();
-            return {};
+            return {fs::path(), -1};
         }
         const int lock = lockDirectory(path);
         if (lock < 0) continue;  // another manager took it for a leftover
@@ -151,16 +151,13 @@ fs::path LinuxFileManager::documentsDirectory() const {
     std::error_code error;
     {
         const std::lock_guard lock(mutex_);
+        removeLeftovers(parent_);
         std::error_code ignored;
         if (lock_ >= 0 && fs::is_directory(own_, ignored)) return own_;
         if (lock_ >= 0) close(std::exchange(lock_, -1));  // somebody has removed it
         error = makePrivateDirectories(parent_);
-        if (!error) {
-            removeLeftovers(parent_);
-            std::tie(own_, lock_) = makeOwnDirectory(parent_, error);
-        }
+        if (!error) std::tie(own_, lock_) = makeOwnDirectory(parent_, error);
         if (!error) return own_;
-        lock_ = -1;
     }
     log("Couldn't make the documents directory " + failure(parent_, error).localizedDescription);
     return parent_;
