@@ -6,13 +6,17 @@
 #include <SelvioFacialCapture/base/MemberMutex.h>
 #include <SelvioFacialCapture/platform/Platform.h>
 
+#include <condition_variable>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 namespace selvio {
 
@@ -24,9 +28,29 @@ public:
     /// Null once the host has let go of it.
     [[nodiscard]] std::shared_ptr<SelvioFacialCaptureCameraDelegate> get() const;
 
+    /// Calls a member of the delegate, unless it is not implemented or the slot has been closed. No lock is held.
+    template <typename... Parameters, typename... Arguments>
+    void tell(std::function<void(Parameters...)> SelvioFacialCaptureCameraDelegate::*member,
+              const Arguments&... arguments) {
+        const auto delegate = beginCall();
+        if (!delegate) return;
+        if ((*delegate).*member) ((*delegate).*member)(arguments...);
+        endCall();
+    }
+    /// From its return on `tell` calls nothing any more. Waits for the calls that run, unless one of them runs on the
+    /// calling thread: two delegate calls that close would wait for each other.
+    void close();
+
 private:
+    /// Null if nothing may be told.
+    [[nodiscard]] std::shared_ptr<SelvioFacialCaptureCameraDelegate> beginCall();
+    void endCall();
+
     mutable std::mutex mutex_;
     std::weak_ptr<SelvioFacialCaptureCameraDelegate> delegate_;  // guarded by mutex_
+    bool closed_ = false;                                        // guarded by mutex_
+    std::vector<std::thread::id> calling_;                       // guarded by mutex_; a thread for every call that runs
+    std::condition_variable callEnded_;
 };
 
 /// The properties of one camera but for its delegate, with their defaults.
@@ -43,6 +67,8 @@ struct CameraValues {
     std::shared_ptr<CaptureDeviceInput> videoInput;
     std::shared_ptr<CaptureDevice> audioDevice;
     std::shared_ptr<CaptureDeviceInput> audioInput;
+    /// The session's inputs. A configuration of a configured camera is refused, and its own input is not among them.
+    std::vector<std::shared_ptr<CaptureDeviceInput>> addedInputs;
     std::shared_ptr<VideoDataOutput> videoDataOutput;
     std::shared_ptr<AudioDataOutput> audioDataOutput;
     std::shared_ptr<MetadataOutput> metaDataOutput;

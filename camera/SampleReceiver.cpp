@@ -18,8 +18,7 @@ void SampleReceiver::captureOutputDidOutputSampleBuffer(const CaptureOutput& out
         state_->setResolutionOnce({static_cast<double>(image->width()), static_cast<double>(image->height())});
     }
     recorder_->appendVideoSample(sampleBuffer);
-    const auto delegate = state_->delegate();
-    if (delegate && delegate->didReceiveSampleBuffer) delegate->didReceiveSampleBuffer(sampleBuffer);
+    state_->delegateSlot()->tell(&SelvioFacialCaptureCameraDelegate::didReceiveSampleBuffer, sampleBuffer);
 }
 
 void SampleReceiver::captureOutputDidDropSampleBuffer(const CaptureOutput& output,
@@ -27,8 +26,7 @@ void SampleReceiver::captureOutputDidDropSampleBuffer(const CaptureOutput& outpu
                                                       const std::shared_ptr<CaptureConnection>&) {
     assert(isOnOrEnding(videoOutputQueue_));
     if (&output != state_->get(&CameraValues::videoDataOutput).get()) return;
-    const auto delegate = state_->delegate();
-    if (delegate && delegate->didDropSampleBuffer) delegate->didDropSampleBuffer(sampleBuffer);
+    state_->delegateSlot()->tell(&SelvioFacialCaptureCameraDelegate::didDropSampleBuffer, sampleBuffer);
 }
 
 void SampleReceiver::captureOutputDidOutputMetadataObjects(const CaptureOutput&,
@@ -37,12 +35,10 @@ void SampleReceiver::captureOutputDidOutputMetadataObjects(const CaptureOutput&,
     const auto layer = state_->get(&CameraValues::videoPreviewLayer);
     for (const MetadataObject& object : metadataObjects) {
         if (object.type != kMetadataObjectTypePDF417Code) continue;
-        if (layer)
-            (void)layer->transformedMetadataObject(
-                object);  // the place of the code is found, but only its text is reported
+        // The place of the code is found, but only its text is reported.
+        if (layer) (void)layer->transformedMetadataObject(object);
         if (!object.stringValue) continue;
-        const auto delegate = state_->delegate();
-        if (delegate && delegate->didDecodeBarcode) delegate->didDecodeBarcode(*object.stringValue);
+        state_->delegateSlot()->tell(&SelvioFacialCaptureCameraDelegate::didDecodeBarcode, *object.stringValue);
         return;
     }
 }

@@ -25,6 +25,14 @@ void dispatch(const std::shared_ptr<selvio::Queue>& queue, selvio::Queue::Block 
     if (queue) queue->async(std::move(block));
 }
 
+/// A camera that has gone could never stop what would begin here.
+void beginRecording(const std::shared_ptr<selvio::Queue>& outputQueue, std::weak_ptr<const void> camera,
+                    std::shared_ptr<selvio::VideoRecorder> recorder) {
+    dispatch(outputQueue, [camera = std::move(camera), recorder = std::move(recorder)] {
+        if (!camera.expired()) recorder->start();
+    });
+}
+
 std::shared_ptr<selvio::View> makeView(const selvio::Platform& platform) {
     auto view = platform.makeView ? platform.makeView() : nullptr;
     return view ? view : selvio::makeOffscreenView();
@@ -44,12 +52,28 @@ std::optional<selvio::Rect> decodeFrame(std::string_view archive) {
 
 }  // namespace
 
+/// What work on the session queue needs of its camera, which it does not keep: a camera that goes meanwhile waits
+/// neither for the work nor for its queue.
+struct SelvioFacialCaptureCamera::SessionWork {
+    selvio::Platform platform;
+    std::shared_ptr<selvio::CameraState> state;
+    std::shared_ptr<selvio::CaptureOutputDelegate> receiver;
+    std::shared_ptr<selvio::VideoRecorder> recorder;
+    std::weak_ptr<const void> camera;
+    std::shared_ptr<selvio::Queue> queue;
+    std::shared_ptr<selvio::Queue> outputQueue;
+};
+
 // ---- Construction ----
 
 SelvioFacialCaptureCamera::SelvioFacialCaptureCamera(selvio::Platform platform)
     : platform_(std::move(platform)), view_(makeView(platform_)), state_(std::make_shared<selvio::CameraState>()) {}
 
-SelvioFacialCaptureCamera::~SelvioFacialCaptureCamera() = default;
+// A delegate that took a reference for the length of a call may hold the last one. The view still ends on the main
+// thread.
+SelvioFacialCaptureCamera::~SelvioFacialCaptureCamera() {
+    if (std::this_thread::get_id() != mainThread_) dispatch(platform_.mainQueue, [view = view_] {});
+}
 
 std::shared_ptr<SelvioFacialCaptureCamera> SelvioFacialCaptureCamera::make(selvio::Platform platform) {
     std::shared_ptr<SelvioFacialCaptureCamera> camera(new SelvioFacialCaptureCamera(std::move(platform)));
@@ -124,34 +148,29 @@ std::string SelvioFacialCaptureCamera::encodeWithCoder() const {
 void SelvioFacialCaptureCamera::setDelegate(const std::shared_ptr<SelvioFacialCaptureCameraDelegate>& value) {
     state_->delegateSlot()->set(value);
     if (!value) return;
-    onSessionQueue(&SelvioFacialCaptureCamera::configureSession);
-}
-
-void SelvioFacialCaptureCamera::onSessionQueue(void (SelvioFacialCaptureCamera::*work)()) {
-    dispatch(videoQueue_, [weakSelf = weak_from_this(), work] {
-        auto self = weakSelf.lock();
-        if (!self) return;
-        (self.get()->*work)();
-        // The host may have let go of the camera meanwhile, and the view must end on the main thread.
-        const auto main = self->platform_.mainQueue;
-        dispatch(main, [self = std::move(self)] {});
+    onSessionQueue([](const SessionWork& on) {
+        selvio::configureSession({on.platform, on.state, on.receiver, on.outputQueue, on.camera});
     });
 }
 
-void SelvioFacialCaptureCamera::configureSession() {
-    SELVIO_ASSERT_ON_QUEUE(videoQueue_);
-    selvio::configureSession({platform_, state_, receiver_, videoOutputQueue_});
+void SelvioFacialCaptureCamera::onSessionQueue(void (*work)(const SessionWork&)) {
+    dispatch(videoQueue_, [weakSelf = weak_from_this(), work] {
+        auto self = weakSelf.lock();
+        if (!self) return;
+        SELVIO_ASSERT_ON_QUEUE(self->videoQueue_);
+        const SessionWork on{self->platform_, self->state_,      self->receiver_,        self->recorder_,
+                             weakSelf,        self->videoQueue_, self->videoOutputQueue_};
+        self.reset();
+        work(on);
+    });
 }
 
 void SelvioFacialCaptureCamera::start() {
-    onSessionQueue(&SelvioFacialCaptureCamera::startSession);
-}
-
-void SelvioFacialCaptureCamera::startSession() {
-    SELVIO_ASSERT_ON_QUEUE(videoQueue_);
-    startRecording();
-    const auto session = this->session();
-    if (session && !session->isRunning()) session->startRunning();
+    onSessionQueue([](const SessionWork& on) {
+        beginRecording(on.outputQueue, on.camera, on.recorder);
+        const auto session = on.state->session();
+        if (session && !session->isRunning()) session->startRunning();
+    });
 }
 
 void SelvioFacialCaptureCamera::stop() {
@@ -174,10 +193,14 @@ void SelvioFacialCaptureCamera::stop() {
 void SelvioFacialCaptureCamera::shutdown() {
     if (platform_.notificationCenter) platform_.notificationCenter->removeObserver(this);
     const auto session = this->session();
-    if (!session) return;
-    const std::lock_guard lock(session->monitor());
-    selvio::dismantleSession(*session, *state_);
-    setSession(nullptr);
+    if (!session) return state_->delegateSlot()->close();
+    {
+        const std::lock_guard lock(session->monitor());
+        selvio::dismantleSession(*session, *state_);
+        setSession(nullptr);
+    }
+    // Without the monitor, which a delegate that is being called may be waiting for.
+    state_->delegateSlot()->close();
 }
 
 bool SelvioFacialCaptureCamera::hasTorch() const {
@@ -202,11 +225,19 @@ bool SelvioFacialCaptureCamera::turnTorchOff() {
 }
 
 void SelvioFacialCaptureCamera::setTorch(selvio::CaptureDevice& device, selvio::TorchMode mode) {
-    const std::lock_guard lock(torchMutex_);
-    (void)device.lockForConfiguration();
-    device.setTorchMode(mode);
-    state_->set(&CameraValues::isTorchON, mode == selvio::TorchMode::On);
-    device.unlockForConfiguration();
+    // Threads that switch at once each go on until nobody has asked for anything newer: then the device and `isTorchON`
+    // agree on the last wish, and no lock is held while the device is called.
+    std::uint64_t wish = torchWish_;
+    while (!torchWish_.compare_exchange_weak(wish, (wish | 1) + 1 + (mode == selvio::TorchMode::On ? 1 : 0))) {
+    }
+    do {
+        wish = torchWish_;
+        const bool on = (wish & 1) != 0;
+        (void)device.lockForConfiguration();
+        device.setTorchMode(on ? selvio::TorchMode::On : selvio::TorchMode::Off);
+        state_->set(&CameraValues::isTorchON, on);
+        device.unlockForConfiguration();
+    } while (wish != torchWish_);
 }
 
 void SelvioFacialCaptureCamera::updatePreviewLayer(selvio::VideoOrientation orientation) {
@@ -222,10 +253,7 @@ void SelvioFacialCaptureCamera::updatePreviewLayer(selvio::VideoOrientation orie
 // ---- Recording ----
 
 void SelvioFacialCaptureCamera::startRecording() {
-    // A camera that has gone could never stop what would begin here.
-    dispatch(videoOutputQueue_, [weakSelf = weak_from_this(), recorder = recorder_] {
-        if (!weakSelf.expired()) recorder->start();
-    });
+    beginRecording(videoOutputQueue_, weak_from_this(), recorder_);
 }
 
 void SelvioFacialCaptureCamera::stopRecording() {

@@ -2,6 +2,8 @@
 
 #include <SelvioFacialCapture/base/Log.h>
 
+#include <algorithm>
+
 #include "camera/rules/SessionRules.h"
 
 namespace selvio {
@@ -131,7 +133,7 @@ private:
     /// A shutdown since the beginning took down what there was of the graph then; the rest goes here.
     bool wasShutDown() const {
         const std::lock_guard lock(session_->monitor());
-        if (state_.session() == session_) return false;
+        if (state_.session() == session_ && !context_.camera.expired()) return false;
         dismantleSession(*session_, state_);
         for (const auto& output : session_->outputs())
             session_->removeOutput(output);  // added after the state had forgotten it
@@ -152,7 +154,7 @@ private:
         const auto delegate = state_.delegate();
         if (!delegate || !delegate->didFinishConfiguringSession) return;
         state_.set(&CameraValues::configured, true);
-        delegate->didFinishConfiguringSession();
+        state_.delegateSlot()->tell(&SelvioFacialCaptureCameraDelegate::didFinishConfiguringSession);
     }
 
     /// Null leaves the reason in the error slot.
@@ -171,6 +173,9 @@ private:
     bool addToSession(const std::shared_ptr<CaptureDeviceInput>& input) const {
         if (!session_ || !session_->canAddInput(*input)) return false;
         session_->addInput(input);
+        auto added = state_.get(&CameraValues::addedInputs);
+        added.push_back(input);
+        state_.set(&CameraValues::addedInputs, std::move(added));
         return true;
     }
 
@@ -214,9 +219,13 @@ void dismantleSession(CaptureSession& session, CameraState& state) {
     remove(state.get(&CameraValues::videoDataOutput), &VideoDataOutput::setSampleBufferDelegate);
     remove(state.get(&CameraValues::audioDataOutput), &AudioDataOutput::setSampleBufferDelegate);
     remove(state.get(&CameraValues::metaDataOutput), &MetadataOutput::setMetadataObjectsDelegate);
-    if (const auto input = state.get(&CameraValues::videoInput)) session.removeInput(input);
-    if (const auto input = state.get(&CameraValues::audioInput)) session.removeInput(input);
+    auto inputs = state.get(&CameraValues::addedInputs);
+    for (const auto& input : {state.get(&CameraValues::videoInput), state.get(&CameraValues::audioInput)}) {
+        if (input && std::find(inputs.begin(), inputs.end(), input) == inputs.end()) inputs.push_back(input);
+    }
+    for (const auto& input : inputs) session.removeInput(input);
     session.commitConfiguration();
+    state.set(&CameraValues::addedInputs, {});
     state.set(&CameraValues::videoDataOutput, nullptr);
     state.set(&CameraValues::audioDataOutput, nullptr);
     state.set(&CameraValues::metaDataOutput, nullptr);

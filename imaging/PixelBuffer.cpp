@@ -17,6 +17,11 @@ void freeBlock(std::uint8_t* block) {
     ::operator delete(block, kAlignment);
 }
 
+std::size_t bytesPerSample(const PixelBufferLayout& layout, int plane) {
+    if (layout.format != kPixelFormat420v) return 4;
+    return plane == 0 ? 1 : 2;
+}
+
 std::array<std::uint8_t*, 2> planesOf(const PixelBufferLayout& layout, std::uint8_t* block) {
     const PlaneLayout& first = layout.planes[0];
     return {block,
@@ -29,7 +34,6 @@ std::optional<PixelBufferLayout> PixelBufferLayout::make(int width, int height, 
                                                          std::array<std::size_t, 2> bytesPerRow) {
     if (width < 1 || height < 1 || width > kLongestSide || height > kLongestSide) return std::nullopt;
     PixelBufferLayout layout{.width = width, .height = height, .format = format == 0 ? kPixelFormat32BGRA : format};
-    std::array<std::size_t, 2> bytesPerSample{4, 0};
     switch (layout.format) {
         case kPixelFormat32ARGB:
         case kPixelFormat32BGRA:
@@ -39,16 +43,15 @@ std::optional<PixelBufferLayout> PixelBufferLayout::make(int width, int height, 
             layout.planeCount = 2;
             layout.planes[0] = {width, height, 0};
             layout.planes[1] = {(width + 1) / 2, (height + 1) / 2, 0};
-            bytesPerSample = {1, 2};
             break;
         default:
             return std::nullopt;
     }
-    for (std::size_t i = 0; i < static_cast<std::size_t>(layout.planeCount); ++i) {
-        PlaneLayout& plane = layout.planes[i];
-        const std::size_t shortest = static_cast<std::size_t>(plane.width) * bytesPerSample[i];
-        plane.bytesPerRow = bytesPerRow[i] != 0 ? bytesPerRow[i] : (shortest + 63) / 64 * 64;
-        if (plane.bytesPerRow < shortest) return std::nullopt;
+    for (int i = 0; i < layout.planeCount; ++i) {
+        const auto index = static_cast<std::size_t>(i);
+        const std::size_t shortest = layout.rowBytes(i);
+        layout.planes[index].bytesPerRow = bytesPerRow[index] != 0 ? bytesPerRow[index] : (shortest + 63) / 64 * 64;
+        if (layout.planes[index].bytesPerRow < shortest) return std::nullopt;
     }
     return layout;
 }
@@ -56,6 +59,15 @@ std::optional<PixelBufferLayout> PixelBufferLayout::make(int width, int height, 
 std::size_t PixelBufferLayout::byteSize() const {
     return planes[0].bytesPerRow * static_cast<std::size_t>(planes[0].height) +
            planes[1].bytesPerRow * static_cast<std::size_t>(planes[1].height);
+}
+
+std::size_t PixelBufferLayout::rowBytes(int plane) const {
+    return static_cast<std::size_t>(planes[static_cast<std::size_t>(plane)].width) * bytesPerSample(*this, plane);
+}
+
+std::size_t PixelBufferLayout::planeBytes(int plane) const {
+    const PlaneLayout& layout = planes[static_cast<std::size_t>(plane)];
+    return layout.bytesPerRow * static_cast<std::size_t>(layout.height - 1) + rowBytes(plane);
 }
 
 PixelBuffer::PixelBuffer(const PixelBufferLayout& layout, std::array<std::uint8_t*, 2> planes,
@@ -80,10 +92,6 @@ std::shared_ptr<PixelBuffer> PixelBuffer::create(const PixelBufferLayout& layout
 std::shared_ptr<PixelBuffer> PixelBuffer::wrap(const PixelBufferLayout& layout, std::array<std::uint8_t*, 2> planes,
                                                std::function<void()> release) {
     return std::shared_ptr<PixelBuffer>(new PixelBuffer(layout, planes, std::move(release)));
-}
-
-bool PixelBuffer::isOneBlock() const {
-    return planes_ == planesOf(layout_, planes_[0]);
 }
 
 std::shared_ptr<PixelBufferPool> PixelBufferPool::create() {

@@ -6,10 +6,6 @@
 namespace selvio {
 namespace {
 
-std::size_t planeBytes(const PlaneLayout& plane) {
-    return plane.bytesPerRow * static_cast<std::size_t>(plane.height);
-}
-
 std::uint8_t clampedToByte(int value) {
     return static_cast<std::uint8_t>(std::clamp(value, 0, 255));
 }
@@ -72,7 +68,7 @@ std::shared_ptr<PixelBuffer> convertedTo32(const PixelBuffer& source, PixelForma
             const auto convert = target == kPixelFormat32ARGB ? rowFrom420v<kOrderARGB> : rowFrom420v<kOrderBGRA>;
             convert(row(source, 0, y), row(source, 1, y / 2), width, out);
         } else if (source.format() == target) {
-            std::memcpy(out, row(source, 0, y), static_cast<std::size_t>(width) * 4);
+            std::memcpy(out, row(source, 0, y), source.layout().rowBytes());
         } else {
             rowReversingChannels(row(source, 0, y), width, out);
         }
@@ -100,14 +96,26 @@ std::shared_ptr<PixelBuffer> turned(const PixelBuffer& source, Turn turn) {
     return result;
 }
 
+PixelBufferLayout layoutOfCopy(const PixelBuffer& source) {
+    const PixelBufferLayout& layout = source.layout();
+    const auto compact = *PixelBufferLayout::make(layout.width, layout.height, layout.format);
+    return layout.byteSize() > compact.byteSize() ? compact : layout;
+}
+
 void copyPixels(const PixelBuffer& source, PixelBuffer& target) {
-    if (source.isOneBlock() && target.isOneBlock()) {
-        std::memcpy(target.data(), source.data(), source.layout().byteSize());
-        return;
-    }
-    for (int plane = 0; plane < source.planeCount(); ++plane) {
-        std::memcpy(target.data(plane), source.data(plane),
-                    planeBytes(source.layout().planes[static_cast<std::size_t>(plane)]));
+    const PixelBufferLayout& layout = source.layout();
+    for (int plane = 0; plane < layout.planeCount; ++plane) {
+        const std::uint8_t* from = source.data(plane);
+        std::uint8_t* to = target.data(plane);
+        if (layout == target.layout()) {
+            std::memcpy(to, from, layout.planeBytes(plane));
+            continue;
+        }
+        for (int row = 0; row < layout.planes[static_cast<std::size_t>(plane)].height; ++row) {
+            std::memcpy(to, from, layout.rowBytes(plane));
+            from += source.bytesPerRow(plane);
+            to += target.bytesPerRow(plane);
+        }
     }
 }
 

@@ -22,8 +22,12 @@ namespace selvio {
 /// colour may move by one pixel. Null for an unreadable source or lack of memory.
 [[nodiscard]] std::shared_ptr<PixelBuffer> turned(const PixelBuffer& source, Turn turn);
 
-/// Copies all bytes of the source, padding included, into a buffer of the same layout: as one block where both are one
-/// block.
+/// The layout for a copy of a readable buffer: the source's own, so that a plane is copied as one block; a compact one
+/// for a part of a larger picture, whose rows would take the larger one's memory along.
+[[nodiscard]] PixelBufferLayout layoutOfCopy(const PixelBuffer& source);
+
+/// Copies the samples into a buffer of the same size and format: a plane as one block, padding
+/// included, where both have the same layout. Reads nothing behind the last sample of a plane.
 void copyPixels(const PixelBuffer& source, PixelBuffer& target);
 
 }  // namespace selvio

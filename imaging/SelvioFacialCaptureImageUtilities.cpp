@@ -58,7 +58,7 @@ ImageOrientation imageOrientationForDevice(std::int64_t deviceOrientation) {
 template <typename Allocate>
 std::shared_ptr<PixelBuffer> deepCopy(const PixelBuffer* source, const Allocate& allocate) {
     if (source == nullptr) return nullptr;
-    auto copy = isReadable(source) ? allocate(source->layout()) : nullptr;
+    auto copy = isReadable(source) ? allocate(layoutOfCopy(*source)) : nullptr;
     if (copy) {
         copyPixels(*source, *copy);
     } else {

@@ -62,6 +62,7 @@ SourceOption parseSource(const std::string& text) {
 struct RunTexts {
     std::string source;
     std::string mode = "auto";
+    std::string videoCodec = "h264";
     RuleOptions rules;
     Number timeout;
     Number imageQuality;
@@ -97,6 +98,9 @@ void addRun(CLI::App& run, RunOptions& options, RunTexts& texts) {
     run.add_flag("--record-audio", texts.recordAudio, "with sound; has no effect without --record-video");
     run.add_flag("--show-recording-ui,!--no-show-recording-ui", texts.showRecordingUI,
                  "mark the guidance while recording (on unless negated)");
+    run.add_option("--video-codec", texts.videoCodec, "h264, or hevc where an encoder for it is installed")
+        ->check(CLI::IsMember({"h264", "hevc"}))
+        ->capture_default_str();
     addNumber(run, "--video-quality", texts.videoQuality, 10, 100, "quality of the recording, default 10");
 }
 
@@ -112,6 +116,7 @@ void applyRun(RunOptions& options, const RunTexts& texts) {
     if (texts.recordAudio && !texts.recordVideo)
         std::cerr << "selvio-capture: --record-audio has no effect without --record-video\n";
 
+    options.hevc = texts.videoCodec == "hevc";
     options.parameters = std::make_shared<SelvioFacialCaptureParameters>();
     auto& parameters = *options.parameters;
     parameters.setMode(texts.mode == "manual" ? SelvioFacialCaptureModeManual : SelvioFacialCaptureModeAuto);

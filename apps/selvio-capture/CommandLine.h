@@ -38,6 +38,7 @@ struct RunOptions {
     std::filesystem::path out = "capture";
     bool json = false;
     bool preview = false;
+    bool hevc = false;  ///< record H.265 where an encoder for it is installed
     std::shared_ptr<SelvioFacialCaptureParameters> parameters;
 };
 

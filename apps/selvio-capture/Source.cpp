@@ -5,6 +5,7 @@
 #include "Texts.h"
 
 #include <SelvioFacialCapture/linux/Capture.h>
+#include <SelvioFacialCapture/linux/Recording.h>
 #include <SelvioFacialCapture/simulated/SimulatedPlatform.h>
 
 #include <cstdlib>
@@ -49,13 +50,15 @@ std::variant<Source, SourceFailure> useCamera(Platform& platform, std::shared_pt
     return Source{camera->localizedName(), camera->position()};
 }
 
-std::variant<Source, SourceFailure> useVideo(Platform& platform, const std::string& path) {
+std::variant<Source, SourceFailure> useVideo(Platform& platform, const std::string& path, bool hevc) {
     std::error_code code;
     if (!std::filesystem::is_regular_file(path, code) || !std::ifstream(path)) {
         return SourceFailure{ExitCode::UnreadableInput,
                              path + ": " + (code ? code.message() : "cannot be read as a file")};
     }
-    auto used = useCamera(platform, makeGstCaptureSystem({.systemDevices = false, .videoFiles = {path}}), "");
+    auto used = useCamera(
+        platform,
+        makeGstCaptureSystem({.systemDevices = false, .videoFiles = {path}, .recording = {.preferHEVC = hevc}}), "");
     if (std::holds_alternative<SourceFailure>(used))
         return SourceFailure{ExitCode::UnreadableInput, path + ": cannot be played"};
     return used;
@@ -63,7 +66,8 @@ std::variant<Source, SourceFailure> useVideo(Platform& platform, const std::stri
 
 std::variant<Source, SourceFailure> useSimulatedFront(Platform& platform, const RunOptions& options) {
     if (options.preview) complain("--preview shows real cameras and videos only");
-    if (const auto error = useSimulated(platform, options.photo, options.script)) {
+    if (const auto error = useSimulated(platform, options.photo, options.script,
+                                        recommendedVideoCodec({.preferHEVC = options.hevc}))) {
         return SourceFailure{ExitCode::UnreadableInput, error->localizedDescription};
     }
     return Source{"simulated", CaptureDevicePosition::Front};
@@ -72,7 +76,7 @@ std::variant<Source, SourceFailure> useSimulatedFront(Platform& platform, const 
 }  // namespace
 
 std::optional<Error> useSimulated(Platform& platform, const std::filesystem::path& photo,
-                                  const std::filesystem::path& script) {
+                                  const std::filesystem::path& script, const std::string& videoCodec) {
     const auto photograph = photo.empty() ? samplesDirectory() / "astronaut.jpg" : photo;
     const auto picture = platform.imageLoader->loadImage(photograph.string());
     if (!picture) return picture.error();
@@ -82,12 +86,12 @@ std::optional<Error> useSimulated(Platform& platform, const std::filesystem::pat
     if (!motion) return motion.error();
     const auto frames = SimulatedFrames::make(picture.value(), geometry.value(), motion.value());
     if (!frames) return Error{photograph.string() + ": " + frames.error().localizedDescription};
-    useSimulatedCamera(platform, frames.value());
+    useSimulatedCamera(platform, frames.value(), {.videoCodec = videoCodec});
     return std::nullopt;
 }
 
-std::shared_ptr<CaptureSystem> machineCaptureSystem() {
-    return makeGstCaptureSystem();
+std::shared_ptr<CaptureSystem> machineCaptureSystem(bool hevc) {
+    return makeGstCaptureSystem({.recording = {.preferHEVC = hevc}});
 }
 
 std::variant<Source, SourceFailure> useSource(Platform& platform, const RunOptions& options) {
@@ -100,13 +104,13 @@ std::variant<Source, SourceFailure> useSource(Platform& platform, const RunOptio
         case Kind::Simulated:
             return useSimulatedFront(platform, options);
         case Kind::Camera:
-            return useCamera(platform, machineCaptureSystem(), options.source.name);
+            return useCamera(platform, machineCaptureSystem(options.hevc), options.source.name);
         case Kind::Video:
-            return useVideo(platform, options.source.name);
+            return useVideo(platform, options.source.name, options.hevc);
         case Kind::Automatic:
             break;
     }
-    auto system = machineCaptureSystem();
+    auto system = machineCaptureSystem(options.hevc);
     if (camerasOf(system).empty() && !isDenied(system)) return useSimulatedFront(platform, options);
     return useCamera(platform, std::move(system), "");
 }

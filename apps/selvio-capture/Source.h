@@ -26,10 +26,12 @@ struct SourceFailure {
 /// are read here.
 [[nodiscard]] std::variant<Source, SourceFailure> useSource(Platform& platform, const RunOptions& options);
 
-/// The capture system of the machine's own cameras; null where there is none.
-[[nodiscard]] std::shared_ptr<CaptureSystem> machineCaptureSystem();
+/// The capture system of the machine's own cameras; null where there is none. `hevc`: they recommend H.265 for a
+/// recording where that can be written.
+[[nodiscard]] std::shared_ptr<CaptureSystem> machineCaptureSystem(bool hevc = false);
 /// Fits the simulated cameras into the platform; a failure names the file.
 [[nodiscard]] std::optional<Error> useSimulated(Platform& platform, const std::filesystem::path& photo,
-                                                const std::filesystem::path& script);
+                                                const std::filesystem::path& script,
+                                                const std::string& videoCodec = kVideoCodecTypeH264);
 
 }  // namespace selvio::app

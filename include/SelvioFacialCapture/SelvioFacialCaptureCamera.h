@@ -6,14 +6,15 @@
 #include <SelvioFacialCapture/imaging/Geometry.h>
 #include <SelvioFacialCapture/platform/Platform.h>
 
+#include <atomic>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <thread>
 
 namespace selvio {
 class CameraState;
@@ -31,18 +32,19 @@ class VideoRecorder;
 /// own; "main thread" is the one that drains the platform's main queue. Unless an operation says otherwise it may be
 /// called on any thread.
 ///
-/// Locks, the outer ones first: the session's monitor (`stop`, `shutdown` and the last step of a configuration), the
-/// torch's mutex (while the device is told and `isTorchON` follows), and the mutex that guards every stored value,
-/// which are handed out by value: no port, delegate or queue is called while that one is held. Nothing waits for a
-/// queue, so a delegate may call every operation from any of its members.
+/// Locks: the session's monitor is held by `stop` and `shutdown`, so that they follow one another, and by the last step
+/// of a configuration. Every other lock is held for the copy of a value and never while a port, a delegate, the log or
+/// a queue is called. A delegate may call every operation from any of its members; it must not wait for a thread that
+/// shuts the camera down.
 ///
 /// Failures are never returned: they go to the platform log as fixed messages, and success shows in the delegate calls.
 /// Nothing throws. A port that the platform lacks makes what needs it do nothing; without `makeView` the preview goes
 /// nowhere and all else works.
 ///
-/// Release the last reference on the main thread, because it takes the view along. Blocks still queued then find no
-/// camera and end quietly, but a `stopRecording` or `discardRecording` already requested is carried out. One that runs
-/// just then on the session queue hands its own reference to the main queue, where the camera ends.
+/// Release the last reference on the main thread, because it takes the view along; where another thread holds the last
+/// one, as a delegate may for the length of a call, the view alone is handed to the main queue. Blocks still queued
+/// then find no camera and end quietly, but a `stopRecording` or `discardRecording` already requested is carried out. A
+/// configuration that runs just then takes its graph down again and tells nobody.
 class SelvioFacialCaptureCamera final : public std::enable_shared_from_this<SelvioFacialCaptureCamera> {
 public:
     // ---- Construction. On the main thread. ----
@@ -120,7 +122,7 @@ public:
     [[nodiscard]] std::shared_ptr<SelvioFacialCaptureCameraDelegate> delegate() const;
     /// Holds the delegate weakly. A delegate that is not null has the capture graph configured, on the session queue,
     /// each time it is set. On a camera that is already configured the second run is refused with "Could not add video
-    /// device input to the session"; the graph stays.
+    /// device input to the session"; the graph stays, and `shutdown` takes all of it down.
     ///
     /// The configuration logs, and then goes on unless said otherwise: "Could not discover a capture device" (ends),
     /// "Could not create video device input: " with the error (ends), "Could not add video device input to the session"
@@ -131,16 +133,20 @@ public:
     void setDelegate(const std::shared_ptr<SelvioFacialCaptureCameraDelegate>& value);
 
     /// Requests `startRecording` and then runs the session if it is not running, on the session queue. Returns at once.
+    /// Before `setDelegate` the session starts without a camera, and frames come once the configuration is there; a
+    /// recording needs what the configuration makes, so none begins then ("Can't add writerInputVideo").
     void start();
-    /// Torch off; a running session is stopped and, if `recordVideo` is true, the recording that is being written, or
-    /// about to begin, is finished as by `stopRecording`. On the caller's thread; returns when the source has stopped.
-    /// Frames already on their queue may still reach the delegate. Only the torch without a session or with one that
-    /// does not run: after a session that ended by itself, as with a camera that was unplugged, finish the recording
-    /// with `stopRecording`.
+    /// Torch off; a running session, one whose camera is still being opened included, is stopped and, if `recordVideo`
+    /// is true, the recording that is being written, or about to begin, is finished as by `stopRecording`. On the
+    /// caller's thread; returns when the source has stopped. Frames already on their queue may still reach the
+    /// delegate. Only the torch without a session or with one that does not run: after a session that ended by itself,
+    /// as with a camera that was unplugged, finish the recording with `stopRecording`.
     void stop();
     /// Takes the graph and the observers down, on the caller's thread. The session is neither stopped nor finished
     /// recording: call `stop` before. Afterwards `session` and the three outputs are null; inputs and devices keep
-    /// their values, `isConfigured` is not reset.
+    /// their values, `isConfigured` is not reset. From its return on the delegate is told nothing more, but for
+    /// `didFinishRecordingVideo` of a recording that was being finished: a delegate call that runs on another thread is
+    /// waited for, unless `shutdown` is called from within a delegate call of this camera.
     void shutdown();
 
     /// Whether the chosen camera has a torch; false before the configuration.
@@ -151,7 +157,8 @@ public:
     /// False without a torch or a main queue. Otherwise true at once; the torch goes on 100 ms later, on the main
     /// queue. A `turnTorchOff` in between does not call that off. A failure to lock the device is ignored.
     bool turnTorchOn();
-    /// False without a torch. Otherwise the torch is off on return. A failure to lock the device is ignored.
+    /// False without a torch. Otherwise the torch is off on return, unless another thread has turned it on meanwhile. A
+    /// failure to lock the device is ignored.
     bool turnTorchOff();
 
     /// For a turned interface: gives the preview the orientation (1 to 4), frames keep `cameraOrientation`, and a torch
@@ -251,10 +258,9 @@ private:
     explicit SelvioFacialCaptureCamera(selvio::Platform platform);
     static std::shared_ptr<SelvioFacialCaptureCamera> make(selvio::Platform platform);
     void commonInit();
+    struct SessionWork;
     /// Submits the work to the session queue; a camera that has gone by then does none.
-    void onSessionQueue(void (SelvioFacialCaptureCamera::*work)());
-    void configureSession();
-    void startSession();
+    void onSessionQueue(void (*work)(const SessionWork&));
     void setTorch(selvio::CaptureDevice& device, selvio::TorchMode mode);
 
     void observe(selvio::ApplicationNotification notification, void (SelvioFacialCaptureCamera::*handler)());
@@ -265,7 +271,9 @@ private:
     const selvio::Platform platform_;
     const std::shared_ptr<selvio::View> view_;
     const std::shared_ptr<selvio::CameraState> state_;  // guards itself
-    std::mutex torchMutex_;                             // keeps the device's torch and `isTorchON` together
+    /// The last wish for the torch: its number, then in the lowest bit whether it is to be on.
+    std::atomic<std::uint64_t> torchWish_{0};
+    const std::thread::id mainThread_ = std::this_thread::get_id();  // where it was made
     // Made by commonInit, before anyone else knows the camera; not changed afterwards.
     std::shared_ptr<selvio::Queue> videoQueue_;
     std::shared_ptr<selvio::Queue> videoOutputQueue_;

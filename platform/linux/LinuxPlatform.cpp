@@ -12,7 +12,7 @@ namespace {
 
 }  // namespace
 
-Platform makeLinuxPlatform(const VisionOptions& vision) {
+Platform makeLinuxPlatform(const VisionOptions& vision, const RecordingOptions& recording) {
     preloadVisionModels(vision);
     Platform platform = makePortablePlatform();
     platform.device =
@@ -24,8 +24,8 @@ Platform makeLinuxPlatform(const VisionOptions& vision) {
     platform.makeFaceDetector = [vision] { return makeFaceDetector(vision); };
     platform.fileManager = std::make_shared<LinuxFileManager>();
     platform.makeMotionManager = [] { return makeIioMotionManager(); };
-    platform.captureSystem = makeGstCaptureSystem();
-    platform.assetWriters = makeGstAssetWriterFactory();
+    platform.captureSystem = makeGstCaptureSystem({.recording = recording});
+    platform.assetWriters = makeGstAssetWriterFactory(recording);
     platform.makeView = [] { return makeGstView(); };
     return platform;
 }

@@ -50,6 +50,9 @@ void SimulatedVideoDataOutput::setPixelFormat(PixelFormat format) {
 void SimulatedVideoDataOutput::setSampleBufferDelegate(std::weak_ptr<CaptureOutputDelegate> delegate,
                                                        std::shared_ptr<Queue> queue) {
     deliveries().set(std::move(delegate), std::move(queue));
+    std::shared_ptr<SampleBuffer> forgotten;
+    const std::lock_guard lock(mutex_);
+    waiting_.swap(forgotten);
 }
 
 void SimulatedVideoDataOutput::setSensorSize(std::int32_t width, std::int32_t height) {
@@ -86,7 +89,7 @@ void SimulatedVideoDataOutput::deliverDropNotice(const SampleTiming& timing) {
 void SimulatedVideoDataOutput::deliver(std::chrono::nanoseconds scriptTime, const SampleTiming& timing, bool drop) {
     const auto way = connection();
     if (way == nullptr || !deliveries().isSet()) return;
-    if (drop || deliveries().pending() >= (discardsLate_ ? 1 : kMostWaitingFrames)) {
+    if (drop || (!discardsLate_ && deliveries().pending() >= kMostWaitingFrames)) {
         deliverDropNotice(timing);
         return;
     }
@@ -97,10 +100,31 @@ void SimulatedVideoDataOutput::deliver(std::chrono::nanoseconds scriptTime, cons
         deliverDropNotice(timing);
         return;
     }
-    deliveries().submit([self = weak_from_this(), sample = SampleBuffer::makeVideo(std::move(buffer), timing),
-                         way](CaptureOutputDelegate& delegate) {
-        if (const auto output = self.lock()) delegate.captureOutputDidOutputSampleBuffer(*output, sample, way);
+    auto sample = SampleBuffer::makeVideo(std::move(buffer), timing);
+    if (!discardsLate_) {
+        deliveries().submit(
+            [self = weak_from_this(), sample = std::move(sample), way](CaptureOutputDelegate& delegate) {
+                if (const auto output = self.lock()) delegate.captureOutputDidOutputSampleBuffer(*output, sample, way);
+            });
+        return;
+    }
+    {
+        const std::lock_guard lock(mutex_);
+        waiting_.swap(sample);
+    }
+    if (sample) return deliverDropNotice(sample->timing());
+    deliveries().submit([self = weak_from_this()](CaptureOutputDelegate& delegate) {
+        if (const auto output = self.lock()) output->handOn(delegate);
     });
+}
+
+void SimulatedVideoDataOutput::handOn(CaptureOutputDelegate& delegate) {
+    std::shared_ptr<SampleBuffer> sample;
+    {
+        const std::lock_guard lock(mutex_);
+        sample.swap(waiting_);
+    }
+    if (sample) delegate.captureOutputDidOutputSampleBuffer(*this, sample, connection());
 }
 
 void SimulatedAudioDataOutput::setSampleBufferDelegate(std::weak_ptr<CaptureOutputDelegate> delegate,

@@ -65,18 +65,20 @@ public:
 
     /// The size of the source's frames as the sensor lies.
     void setSensorSize(std::int32_t width, std::int32_t height);
-    /// Draws and delivers the frame of a script time, or a drop notice if `drop` is set or the delegate has not kept
-    /// up.
+    /// Draws and delivers the frame of a script time, or a drop notice if `drop` is set.
     void deliver(std::chrono::nanoseconds scriptTime, const SampleTiming& timing, bool drop);
 
 private:
     [[nodiscard]] std::pair<int, int> frameSize() const;
     void deliverDropNotice(const SampleTiming& timing);
+    void handOn(CaptureOutputDelegate& delegate);
 
     const std::shared_ptr<SimulatedControl> control_;
     std::atomic<PixelFormat> format_{kPixelFormat32BGRA};
     std::atomic<bool> discardsLate_{true};
     std::atomic<std::uint64_t> sensorSize_{(std::uint64_t{1280} << 32) | 720};  // width, height
+    std::mutex mutex_;
+    std::shared_ptr<SampleBuffer> waiting_;  // guarded by mutex_; for the delegate, when late frames are discarded
 };
 
 class SimulatedAudioDataOutput final : public AudioDataOutput,

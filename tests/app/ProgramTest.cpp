@@ -258,7 +258,7 @@ TEST_F(SelvioCapture, SaysSoonThatARecordingWasLost) {
     std::optional<std::chrono::steady_clock::time_point> interrupted;
     const auto ended = run(capture(emptyScene(), {"--record-video"}), [&](const std::string& out, pid_t program) {
         if (std::ranges::count(out, '\n') <= 5 || interrupted) return;
-        for (const auto& entry : fs::directory_iterator(path("SelvioFacialCapture/Documents"))) fs::remove(entry);
+        for (const auto& entry : fs::directory_iterator(path("SelvioFacialCapture/Documents"))) fs::remove_all(entry);
         interrupted = std::chrono::steady_clock::now();
         ::kill(program, SIGINT);
     });

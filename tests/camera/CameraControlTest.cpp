@@ -1,4 +1,5 @@
 #include <sstream>
+#include <thread>
 
 #include "CameraRig.h"
 
@@ -46,30 +47,6 @@ TEST(CameraControl, initializers) {
     }
 }
 
-TEST(CameraControl, startStopShutdown) {
-    CameraRig rig;
-    rig.makeConfigured(true, true);
-    rig.camera->stop();
-    EXPECT_THAT(rig.capture->calls.take(), IsEmpty()) << "not running";
-    rig.camera->start();
-    rig.camera->start();
-    EXPECT_FALSE(rig.camera->session()->isRunning()) << "starting is the session queue's work";
-    rig.run();
-    rig.camera->stop();
-    EXPECT_THAT(rig.capture->calls.take(), ElementsAre("run", "stop"));
-
-    const auto session = rig.camera->session();
-    rig.camera->shutdown();
-    EXPECT_THAT(
-        rig.capture->calls.take(),
-        ElementsAre("begin", "video receiver on nothing", "remove video", "audio receiver on nothing", "remove audio",
-                    "metadata receiver on nothing", "remove metadata", "remove camera", "remove microphone", "commit"));
-    EXPECT_TRUE(!rig.camera->session() && !rig.camera->videoDataOutput() && !rig.camera->audioDataOutput() &&
-                !rig.camera->metaDataOutput());
-    EXPECT_TRUE(rig.camera->isConfigured() && rig.camera->videoInput() && rig.camera->audioInput() &&
-                rig.camera->videoDevice());
-}
-
 TEST(CameraControl, torch) {
     CameraRig rig;
     rig.make();
@@ -88,66 +65,6 @@ TEST(CameraControl, torch) {
     EXPECT_FALSE(rig.camera->isTorchOn());
     EXPECT_THAT(rig.capture->calls.take(), ElementsAre("camera lock", "camera torch on", "camera unlock", "camera lock",
                                                        "camera torch off", "camera unlock"));
-}
-
-TEST(CameraControl, previewFollowsTheInterfaceAndFramesDoNot) {
-    CameraRig rig;
-    rig.capture->torch = true;
-    rig.make();
-    rig.camera->setCameraOrientation(VideoOrientation::LandscapeLeft);
-    rig.configure();
-    const Strings torchOn = {"camera lock", "camera torch on", "camera unlock"};
-    const struct {
-        std::int64_t orientation;
-        bool torch;
-        Strings calls;
-    } rows[] = {{2, false, {"preview orientation 2", "video orientation 4"}}, {0, true, torchOn}, {5, false, {}}};
-    for (const auto& row : rows) {
-        rig.camera->turnTorchOff();
-        if (row.torch) rig.camera->turnTorchOn();
-        rig.main->advance(kTorchDelay);
-        (void)rig.capture->calls.take();
-        rig.camera->updatePreviewLayer(static_cast<VideoOrientation>(row.orientation));
-        rig.main->advance(kTorchDelay);
-        EXPECT_EQ(rig.capture->calls.take(), row.calls) << row.orientation;
-    }
-}
-
-TEST(CameraControl, framesAndDropsReachTheDelegate) {
-    CameraRig rig;
-    rig.makeConfigured(true);
-    rig.video()->deliver(SampleBuffer::makeVideo(nullptr));
-    rig.run();
-    EXPECT_EQ(rig.camera->resolution(), Size());
-    rig.video()->deliver(frame(4, 2));
-    rig.video()->deliver(frame(8, 6));
-    rig.video()->drop(frame());
-    rig.audio()->deliver(frame());
-    rig.audio()->drop(frame());
-    rig.run();
-    EXPECT_THAT(rig.events, ElementsAre("frame", "frame", "frame", "drop"));
-    EXPECT_EQ(rig.camera->resolution(), (Size{4.0, 2.0})) << "the first picture's";
-    rig.camera->setDelegate(std::make_shared<SelvioFacialCaptureCameraDelegate>());  // implements nothing
-    rig.video()->deliver(frame());
-    rig.video()->drop(frame());
-    rig.run();
-    EXPECT_EQ(rig.events.size(), 4u);
-}
-
-TEST(CameraControl, barcodes) {
-    const std::string type = kMetadataObjectTypePDF417Code;
-    const struct {
-        std::vector<MetadataObject> batch;
-        Strings events;
-    } rows[] = {{{{"QR", "no", {}}, {type, std::nullopt, {}}, {type, "", {}}, {type, "two", {}}}, {"barcode "}},
-                {{{"QR", "no", {}}}, {}}};
-    for (const auto& row : rows) {
-        CameraRig rig;
-        rig.makeConfigured(false, true);
-        std::dynamic_pointer_cast<FakeMetadataOutput>(rig.camera->metaDataOutput())->decode(row.batch);
-        rig.run();
-        EXPECT_EQ(rig.events, row.events);
-    }
 }
 
 TEST(CameraControl, lifeCycle) {
@@ -171,12 +88,15 @@ TEST(CameraControl, afterwardsNobodyHearsAnything) {
     for (const bool gone : {true, false}) {
         CameraRig rig;
         rig.capture->torch = gone;
-        rig.makeConfigured();
+        rig.makeConfigured(false, true);
         rig.files->put("selvio_a.mp4");
         const auto video = rig.video();
         rig.camera->turnTorchOn();
         rig.camera->stopRecording();
         video->deliver(frame());
+        video->drop(frame());
+        std::dynamic_pointer_cast<FakeMetadataOutput>(rig.camera->metaDataOutput())
+            ->decode({{kMetadataObjectTypePDF417Code, "late", {}}});
         gone ? rig.camera.reset() : rig.camera->shutdown();
         (void)rig.capture->calls.take();
         rig.main->advance(kTorchDelay);
@@ -186,6 +106,32 @@ TEST(CameraControl, afterwardsNobodyHearsAnything) {
         EXPECT_THAT(rig.capture->calls.take(), IsEmpty());
         EXPECT_THAT(rig.events, IsEmpty());
         EXPECT_TRUE(rig.view->subviews.empty() && rig.files->names().size() == 1u);
+    }
+}
+
+// A delegate call that runs is waited for, but not by one.
+TEST(CameraControl, shutdownWaitsForTheCallThatRuns) {
+    for (const bool fromWithin : {false, true}) {
+        CameraRig rig;
+        rig.makeConfigured();
+        const auto video = rig.video();
+        std::atomic<bool> entered{false}, returned{false}, tooEarly{false};
+        rig.delegate->didReceiveSampleBuffer = [&](const auto&) {
+            if (fromWithin) return rig.camera->shutdown();
+            entered = true;
+            const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(100);
+            while (!returned && std::chrono::steady_clock::now() < end) std::this_thread::yield();
+            rig.camera->stop();  // which wants the monitor
+            tooEarly = returned.load();
+        };
+        video->deliver(frame());
+        std::thread output([&] { rig.queues[rig.camera->videoOutputQueue()->label()]->runAll(); });
+        while (!entered && !fromWithin) std::this_thread::yield();
+        if (!fromWithin) rig.camera->shutdown();
+        returned = true;
+        output.join();
+        EXPECT_FALSE(tooEarly);
+        EXPECT_FALSE(rig.camera->session());
     }
 }
 

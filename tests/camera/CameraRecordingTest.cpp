@@ -53,60 +53,6 @@ TEST(CameraRecording, callsInOrderForAWholeRecording) {
     EXPECT_THAT(rig.log.take(), ElementsAre("*** AVAssetWriterStatusFailed"));
 }
 
-// How a recording can fail to begin: the messages, and the writer that is left.
-TEST(CameraRecording, failuresAtTheStart) {
-    const std::string noVideo = "Can't add writerInputVideo";
-    const std::string noAudio = "Can't add writerInputAudio";
-    const struct {
-        std::set<std::string> refused;
-        Strings log;
-        bool writer;
-    } rows[] = {
-        {{"video"}, {noVideo, noAudio}, false}, {{"audio"}, {noAudio}, true}, {{"writer"}, {noVideo, noAudio}, false}};
-    for (const auto& row : rows) {
-        CameraRig rig;
-        rig.writing->refused = row.refused;
-        rig.makeRecording();
-        EXPECT_EQ(rig.log.take(), row.log);
-        EXPECT_EQ(rig.camera->assetWriter() != nullptr, row.writer);
-        EXPECT_TRUE(rig.camera->session()->isRunning()) << "the capture goes on";
-    }
-    CameraRig rig;
-    rig.capture->refused = {"audio"};
-    rig.makeRecording();
-    EXPECT_THAT(rig.log.take(), ElementsAre("Can't add audioDataOutput"))
-        << "then without sound and without a further message";
-    EXPECT_TRUE(rig.camera->assetWriter() && !rig.camera->writerAudioInput());
-}
-
-// Each condition alone keeps a sample out of the file.
-TEST(CameraRecording, appendingConditions) {
-    const struct {
-        const char* what;
-        std::function<void(CameraRig&)> spoil;
-        bool ready;
-    } rows[] = {
-        {"writer not writing", [](CameraRig& rig) { writerOf(rig)->finish(AssetWriterStatus::Failed); }, true},
-        {"no input",
-         [](CameraRig& rig) { rig.camera->setWriterVideoInput(nullptr), rig.camera->setWriterAudioInput(nullptr); },
-         true},
-        {"input not ready", [](CameraRig& rig) { rig.writing->ready = false; }, true},
-        {"told not to record", [](CameraRig& rig) { rig.camera->setShouldRecord(false); }, true},
-        {"data not ready", [](CameraRig&) {}, false},
-    };
-    for (const auto& row : rows) {
-        CameraRig rig;
-        rig.makeRecording();
-        (void)rig.writing->calls.take();
-        row.spoil(rig);
-        rig.video()->deliver(frame(4, 2, row.ready));
-        rig.audio()->deliver(frame(4, 2, row.ready));
-        rig.run();
-        EXPECT_THAT(rig.writing->calls.take(), IsEmpty()) << row.what;
-        EXPECT_EQ(rig.events.back(), "frame") << row.what;
-    }
-}
-
 TEST(CameraRecording, endings) {
     using Spoil = std::function<void(CameraRig&)>;
     const Spoil nothing = [](CameraRig&) {};
@@ -165,23 +111,6 @@ TEST(CameraRecording, aStopFindsARecordingThatIsAboutToBegin) {
     }
 }
 
-TEST(CameraRecording, discardAndStopWithoutAWriter) {
-    CameraRig rig;
-    rig.makeRecording();
-    rig.files->put(rig.camera->videoRecordingUrl().value().filename().string());
-    rig.files->put("other.mp4");
-    (void)rig.writing->calls.take();
-    rig.camera->discardRecording();
-    rig.run();
-    EXPECT_THAT(rig.writing->calls.take(), ElementsAre("video finished", "audio finished", "cancel"));
-    EXPECT_TRUE(!rig.camera->assetWriter() && !rig.camera->writerVideoInput() && !rig.camera->writerAudioInput());
-    EXPECT_FALSE(rig.camera->shouldRecord());
-    EXPECT_THAT(rig.files->names(), ElementsAre("other.mp4"));
-    rig.camera->stopRecording();
-    rig.run();
-    EXPECT_THAT(rig.writing->calls.take(), IsEmpty());
-}
-
 TEST(CameraRecording, aRequestedStopOutlivesTheCameraAndAStartDoesNot) {
     CameraRig rig;
     rig.makeRecording();
@@ -197,33 +126,6 @@ TEST(CameraRecording, aRequestedStopOutlivesTheCameraAndAStartDoesNot) {
     EXPECT_TRUE(input.expired()) << "a finishing writer keeps nothing of the camera";
     writer->finish(AssetWriterStatus::Failed);
     EXPECT_THAT(rig.writing->calls.take(), ElementsAre("video finished", "audio finished", "finish"));
-}
-
-TEST(CameraRecording, cleanup) {
-    const Strings before = {"selvio_a.mp4", "selvio_b.MP4", "selvio_d.mov", "selvio_e.mp4", "x_selvio_c.mp4"};
-    const struct {
-        bool listingFails;
-        std::set<std::string> undeletable;
-        Strings log, left;
-    } rows[] = {
-        {false,
-         {before[0]},
-         {"Couldn't delete item at path: selvio_a.mp4\nread-only"},
-         {before[0], before[1], before[2], before[4]}},
-        {true, {}, {"Couldn't get contents of Documents directory:\nno such directory"}, before},
-    };
-    for (const auto& row : rows) {
-        CameraRig rig;
-        for (const std::string& name : before) rig.files->put(name);
-        rig.files->listingFails = row.listingFails;
-        rig.files->undeletable = row.undeletable;
-        rig.make();
-        rig.camera->startRecording();  // recordVideo is off
-        rig.run();
-        EXPECT_EQ(rig.log.take(), row.log);
-        EXPECT_EQ(rig.files->names(), row.left);
-        EXPECT_FALSE(rig.camera->assetWriter());
-    }
 }
 
 }  // namespace

@@ -84,7 +84,7 @@ struct CameraRig {
     std::map<std::string, std::shared_ptr<ManualQueue>> queues;
     const std::shared_ptr<FakePreviewLayer> layer =
         std::make_shared<FakePreviewLayer>(std::make_shared<FakeConnection>(capture, "preview"));
-    const std::shared_ptr<FakeView> view = std::make_shared<FakeView>(layer);
+    std::shared_ptr<FakeView> view = std::make_shared<FakeView>(layer);
     const std::shared_ptr<NotificationCenter> notifications = std::make_shared<NotificationCenter>();
     Platform platform;
 

@@ -8,10 +8,13 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
-
-#include <map>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cmath>
+#include <fstream>
+#include <map>
+#include <optional>
 
 namespace {
 
@@ -71,12 +74,55 @@ TEST(LinuxFileManager, documentsFollowTheEnvironmentAndArePrivate) {
         const LinuxFileManager files;
         EXPECT_FALSE(fs::exists(parent / "SelvioFacialCapture")) << "made on demand only";
         const fs::path documents = files.documentsDirectory();
-        EXPECT_EQ(documents, parent / "SelvioFacialCapture" / "Documents");
-        struct stat status {};
-        ASSERT_EQ(stat(documents.c_str(), &status), 0);
-        EXPECT_EQ(status.st_mode & 0777, 0700u);
+        EXPECT_EQ(documents.parent_path(), parent / "SelvioFacialCapture" / "Documents");
+        EXPECT_EQ(files.documentsDirectory(), documents);
+        for (const fs::path& made : {documents, documents.parent_path()}) {
+            struct stat status {};
+            ASSERT_EQ(stat(made.c_str(), &status), 0);
+            EXPECT_EQ(status.st_mode & 0777, 0700u);
+        }
         fs::remove_all(parent);
     }
+}
+
+// What others are writing is left alone; what a process left behind that ended early, like the child here, goes.
+TEST(LinuxFileManager, onlyLeftoversOfTheDeadAreRemoved) {
+    const TemporaryDirectory root;
+    root.write("selvio_left over.mp4", "x");
+    root.write("selvio_other.txt", "x");
+    root.write("selvio-process-other/file", "x");
+    std::optional<LinuxFileManager> files(root.path());
+    const fs::path own = files->documentsDirectory();
+    EXPECT_FALSE(fs::exists(root.path() / "selvio_left over.mp4"));
+    const fs::path mine = own / "selvio_mine.mp4";
+    std::ofstream(mine) << "running";
+    const pid_t child = fork();
+    if (child == 0) {
+        const LinuxFileManager its(root.path());
+        std::ofstream(its.documentsDirectory() / "selvio_its.part.mp4") << "half";
+        _exit(its.documentsDirectory() == own ? 1 : 0);
+    }
+    int result = -1;
+    ASSERT_EQ(waitpid(child, &result, 0), child);
+    EXPECT_EQ(result, 0);
+    EXPECT_TRUE(fs::exists(mine));
+    const auto entries = [&] { return std::distance(fs::directory_iterator(root.path()), fs::directory_iterator()); };
+    EXPECT_EQ(entries(), 4) << "two that are no recordings, and those of the two processes";
+    {
+        const LinuxFileManager next(root.path());
+        EXPECT_EQ(next.contentsOfDirectory(next.documentsDirectory()).value().size(), 0u);
+        EXPECT_EQ(entries(), 4) << "the child's has gone";
+        EXPECT_TRUE(fs::exists(mine));
+    }
+    EXPECT_EQ(entries(), 3) << "an empty one goes with its manager";
+    files.reset();
+    const LinuxFileManager last(root.path());
+    (void)last.documentsDirectory();
+    EXPECT_FALSE(fs::exists(mine));
+    EXPECT_TRUE(fs::exists(root.path() / "selvio_other.txt"));
+    EXPECT_TRUE(fs::exists(root.path() / "selvio-process-other/file"));
+    fs::remove_all(last.documentsDirectory());
+    EXPECT_TRUE(fs::is_directory(last.documentsDirectory())) << "made anew";
 }
 
 TEST(LinuxFileManager, aDirectoryThatCannotBeMadeIsLogged) {
@@ -84,7 +130,7 @@ TEST(LinuxFileManager, aDirectoryThatCannotBeMadeIsLogged) {
     const std::string file = root.write("file", "x");
     LogCapture log;
     const LinuxFileManager files(fs::path(file) / "Documents");
-    EXPECT_EQ(files.documentsDirectory(), fs::path(file) / "Documents");
+    EXPECT_EQ(files.documentsDirectory(), fs::path(file) / "Documents") << "whose users then say why they fail";
     EXPECT_THAT(log.take(), testing::ElementsAre(testing::HasSubstr("Couldn't make the documents directory " + file)));
 }
 

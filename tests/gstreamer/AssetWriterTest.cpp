@@ -1,3 +1,4 @@
+#include "platform/linux/gstreamer/Mp4Index.h"
 #include "support/LogCapture.h"
 #include "support/MediaProbe.h"
 
@@ -8,6 +9,9 @@
 
 #include <fstream>
 #include <future>
+#include <random>
+#include <set>
+#include <sstream>
 #include <thread>
 
 namespace selvio {
@@ -159,6 +163,106 @@ TEST_F(AssetWriterTest, NeitherASilentMicrophoneNorFramesOutOfOrderHarmTheFile) 
     EXPECT_NEAR(numberIn(streamOfType(media, "audio"), "duration"), 3.0, 0.05);
 }
 
+// Whatever the settings expected before the camera was opened.
+TEST_F(AssetWriterTest, BitRateAndKeyFramesFollowTheFramesOwnRate) {
+    std::mt19937 random(1);
+    std::vector<std::shared_ptr<PixelBuffer>> noisy;
+    for (int i = 0; i < 30; ++i) {
+        noisy.push_back(greyFrame(360, 640, kPixelFormat420v, 128));
+        std::uint8_t* const luma = noisy.back()->data();
+        for (std::size_t k = 0; k < noisy.back()->layout().planeBytes(); ++k)
+            luma[k] = static_cast<std::uint8_t>(luma[k] + random() % 48);
+    }
+    constexpr int kSeconds = 7;
+    constexpr double kBitRate = 1'500'000;
+    for (const int rate : {10, 15, 25, 30, 60}) {
+        SCOPED_TRACE(rate);
+        std::filesystem::remove(file_);
+        auto settings = h264(360, 640);
+        settings.compressionProperties[kVideoExpectedSourceFrameRateKey] = 30;
+        make(settings);
+        start();
+        const nanoseconds duration(1'000'000'000 / rate);
+        for (int i = 0; i < kSeconds * rate; ++i) {
+            ASSERT_TRUE(append(video_, SampleBuffer::makeVideo(noisy[static_cast<std::size_t>(i) % noisy.size()],
+                                                               {kStart + i * duration, duration})));
+        }
+        ASSERT_EQ(finish(), AssetWriterStatus::Completed);
+        const double bits = static_cast<double>(std::filesystem::file_size(file_)) * 8;
+        EXPECT_NEAR(bits / kSeconds, kBitRate, kBitRate / 10);
+        std::istringstream packets(
+            outputOf("ffprobe -v error -show_entries packet=pts_time,flags -of csv=p=0 '" + file_.string() + "'"));
+        double last = 0.0;
+        for (std::string line; std::getline(packets, line);) {
+            if (line.find('K') == std::string::npos) continue;
+            EXPECT_LE(std::stod(line) - last, 2.01);
+            last = std::stod(line);
+        }
+        EXPECT_GE(last, kSeconds - 2.01);
+    }
+}
+
+TEST_F(AssetWriterTest, TakesItsOwnSizeOfTheDiskAndSaysWhenThatIsFull) {
+    const auto frame = greyFrame(180, 320, kPixelFormat420v, 90);
+    make(h264(180, 320));
+    start();
+    for (int i = 0; i < 30; ++i) ASSERT_TRUE(append(video_, videoSample(frame, i * kFrame)));
+    std::set<std::string> open;  // files without a name take space, too
+    for (const auto& descriptor : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code gone;
+        const auto file = std::filesystem::read_symlink(descriptor, gone).string();
+        if (file.starts_with(directory_.path().string())) open.insert(file);
+    }
+    EXPECT_EQ(open, std::set<std::string>{(directory_.path() / "selvio_test.part.mp4").string()});
+    ASSERT_EQ(finish(), AssetWriterStatus::Completed);
+
+    std::filesystem::remove(file_);
+    std::filesystem::create_symlink("/dev/full", directory_.path() / "selvio_test.part.mp4");
+    LogCapture log;
+    make(h264(180, 320));
+    start();
+    for (int i = 0; i < 30; ++i) append(video_, videoSample(frame, i * kFrame));
+    EXPECT_EQ(finish(), AssetWriterStatus::Failed);
+    EXPECT_THAT(log.take(), Contains("Recording failed: no space is left on the disk"));
+    EXPECT_EQ(directory_.fileCount(), 0U);
+}
+
+TEST_F(AssetWriterTest, TheIndexComesToTheFrontUnlessItCannot) {
+    const auto atom = [](const std::string& type, const std::string& content) {
+        const std::uint32_t size = static_cast<std::uint32_t>(content.size()) + 8;
+        std::string bytes;
+        for (const int shift : {24, 16, 8, 0}) bytes += static_cast<char>(size >> shift & 0xff);
+        return bytes + type + content;
+    };
+    const auto index = [&](const std::string& type, const std::string& offsets) {
+        const std::string table = atom(type, std::string("\0\0\0\0\0\0\0\x02", 8) + offsets);
+        return atom("moov", atom("trak", atom("mdia", atom("minf", atom("stbl", table)))) + atom("udta", "stco"));
+    };
+    const std::string head = atom("ftyp", "isom");
+    const std::string media = atom("mdat", std::string((1 << 20) + 5, 'm'));
+    const std::string before("\0\0\0\x20\0\x10\0\0", 8), after("\0\0\0\x6c\0\x10\0\x4c", 8);  // 0x4c more
+    const std::string before64 = std::string("\0\0\0\0", 4) + before.substr(0, 4) + "\1\1\1\1\xff\xff\xff\xff";
+    const std::string after64 = std::string("\0\0\0\0\0\0\0\x74\1\1\1\2\0\0\0\x53", 16);  // 0x54 more
+    const struct {
+        std::string file, result;
+        bool fails = false;
+    } rows[] = {
+        {head + media + index("stco", before), head + index("stco", after) + media},
+        {head + media + index("co64", before64), head + index("co64", after64) + media},
+        {head + index("stco", before) + media, head + index("stco", before) + media},
+        {head + media + index("stco", "\xff\xff\xff\xff" + before.substr(4)), ""},  // would be beyond 4 GB
+        {head + media, "", true},
+        {head + media + index("stco", before) + atom("free", "x"), "", true},
+        {head + media.substr(0, 100), "", true},
+        {"", "", true},
+    };
+    for (const auto& row : rows) {
+        std::ofstream(file_, std::ios::binary) << row.file;
+        EXPECT_EQ(moveIndexToFront(file_).has_value(), row.fails) << &row - rows;
+        EXPECT_TRUE(contentOf(file_) == (row.result.empty() ? row.file : row.result)) << &row - rows;
+    }
+}
+
 TEST_F(AssetWriterTest, InRealTimeDropsRatherThanWaits) {
     make(h264(720, 1280));
     video_->setExpectsMediaDataInRealTime(true);
@@ -194,7 +298,7 @@ TEST_F(AssetWriterTest, FailureAndCancellingLeaveNoFile) {
     record(10);
     std::filesystem::remove_all(directory_.path());
     EXPECT_EQ(finish(), AssetWriterStatus::Failed);
-    EXPECT_THAT(log.take(), Contains(HasSubstr("could not move")));
+    EXPECT_THAT(log.take(), Contains(HasSubstr("could not finish")));
 }
 
 TEST_F(AssetWriterTest, CannotStartWhereNoFileCanBeMade) {

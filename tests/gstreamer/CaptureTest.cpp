@@ -66,9 +66,56 @@ TEST(Capture, TakesUpChangesWhileItRuns) {
     letPass(*rig.session, milliseconds(100));
     rig.queue->drain();
     EXPECT_EQ(rig.probe->frameCount(), count) << "ended deliveries stay ended";
-    EXPECT_TRUE(rig.session->isRunning());
+    rig.output->setSampleBufferDelegate(rig.probe, rig.queue);
+    EXPECT_TRUE(rig.probe->waitForFrames(1));
     rig.session->removeInput(rig.input);
-    EXPECT_FALSE(rig.session->isRunning()) << "without a camera there is nothing to run";
+    rig.queue->drain();
+    const auto last = rig.probe->frameCount();
+    letPass(*rig.session, milliseconds(100));
+    EXPECT_TRUE(rig.session->isRunning());
+    EXPECT_EQ(rig.probe->frameCount(), last) << "without a camera nothing comes";
+    rig.session->addInput(rig.input);
+    EXPECT_TRUE(rig.probe->waitForFrames(1));
+}
+
+// By then the session runs, for who is called and for everyone else.
+TEST(Capture, TheFirstFrameMayStopTheSession) {
+    LogCapture log;
+    const auto system = systemOf({.sources = {testPicture("NV12", 64, 48)}});
+    for (int i = 0; i < 20; ++i) {
+        Rig rig(system, firstCamera(system));
+        std::atomic<bool> stops{true};
+        std::atomic<int> notRunning{0};
+        rig.probe->onFrame = [&](const auto&) {
+            notRunning += rig.session->isRunning() ? 0 : 1;
+            if (stops.exchange(false)) rig.session->stopRunning();
+        };
+        rig.session->startRunning();
+        ASSERT_TRUE(rig.probe->waitFor([&] { return !stops; }));
+        rig.queue->drain();
+        EXPECT_FALSE(rig.session->isRunning());
+        EXPECT_LE(rig.probe->frameCount(), 2U) << "one more may have waited";
+        EXPECT_LE(notRunning, 1);
+    }
+    EXPECT_TRUE(log.take().empty());
+}
+
+TEST(Capture, AStopEndsTheOpeningOfACameraThatDoesNotAnswer) {
+    LogCapture log;
+    const SourceCamera silent{.name = "camera", .source = "appsrc is-live=true", .width = 320, .height = 240};
+    const auto system = systemOf({.sources = {silent}, .openingTimeout = std::chrono::minutes(1)});
+    Rig rig(system, firstCamera(system));
+    for (const bool unconfigured : {false, true}) {
+        std::thread opener([&] { rig.session->startRunning(); });
+        ASSERT_TRUE(comesTrue([&] { return rig.session->isRunning(); }));
+        const auto before = rig.session->masterClockTime();
+        if (unconfigured) rig.session->removeInput(rig.input);
+        rig.session->stopRunning();
+        opener.join();
+        EXPECT_LT(rig.session->masterClockTime() - before, std::chrono::seconds(20));
+        EXPECT_FALSE(rig.session->isRunning());
+    }
+    EXPECT_TRUE(log.take().empty()) << "nothing has failed";
 }
 
 TEST(Capture, ALateFrameGivesWayToTheNewestWithANotice) {
@@ -117,11 +164,6 @@ TEST(Capture, SaysWhyACameraDoesNotStartOrEnds) {
         rig.session->startRunning();
         EXPECT_EQ(rig.session->isRunning(), c.starts) << "it may be started again";
     }
-    LogCapture log;
-    const auto session = systemOf({})->makeSession();
-    session->startRunning();
-    EXPECT_FALSE(session->isRunning());
-    EXPECT_THAT(log.take(), Contains("Capture: could not start: the session has no camera"));
 }
 
 TEST(Capture, AVideoFileIsACameraThatPlaysOnce) {

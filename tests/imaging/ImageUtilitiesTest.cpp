@@ -5,6 +5,9 @@
 
 #include <gmock/gmock.h>
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -190,15 +193,67 @@ TEST(ImageUtilities, copiesAreDeepEqualAndWithoutTiming) {
             EXPECT_TRUE(copy->dataIsReady());
             const PixelBuffer& pixels = *copy->imageBuffer();
             EXPECT_EQ(pixels.layout(), source->layout());
-            EXPECT_TRUE(pixels.isOneBlock());
             for (int plane = 0; plane < source->planeCount(); ++plane) {
                 EXPECT_NE(pixels.data(plane), source->data(plane));
-                const PlaneLayout& layout = source->layout().planes[static_cast<std::size_t>(plane)];
-                EXPECT_EQ(std::memcmp(pixels.data(plane), source->data(plane),
-                                      layout.bytesPerRow * static_cast<std::size_t>(layout.height)),
-                          0);
+                EXPECT_EQ(std::memcmp(pixels.data(plane), source->data(plane), source->layout().planeBytes(plane)), 0);
             }
         }
+    }
+}
+
+// The lower right part of a landscape frame, with memory that nobody may read right behind its last sample.
+TEST(ImageUtilities, aPartOfALargerPictureIsCopiedCompactAndNotBeyondItsEnd) {
+    struct Case {
+        PixelFormat format;
+        int width, height;                // of the part
+        std::array<std::size_t, 2> rows;  // of the whole, bytes
+        std::size_t bytesOfCopy;
+        bool keepsRows;
+    };
+    const Case cases[] = {{kPixelFormat32BGRA, 404, 720, {5120, 0}, 720 * 1664, false},
+                          {kPixelFormat32ARGB, 9, 3, {40, 0}, 3 * 40, true},
+                          {kPixelFormat420v, 405, 719, {1280, 1280}, 719 * 448 + 360 * 448, false},
+                          {kPixelFormat420v, 6, 4, {8, 8}, 6 * 8, true}};
+    const auto page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+    for (const Case& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.format << " " << c.width << "x" << c.height);
+        const bool twoPlanes = c.format == kPixelFormat420v;
+        std::array<std::uint8_t*, 2> planes{};
+        std::vector<std::pair<void*, std::size_t>> mappings;
+        for (std::size_t plane = 0; plane < (twoPlanes ? 2U : 1U); ++plane) {
+            const std::size_t shrink = plane + 1;
+            const std::size_t sample = twoPlanes ? plane + 1 : 4;
+            const auto samples = (static_cast<std::size_t>(c.width) + shrink - 1) / shrink;
+            const auto rows = (static_cast<std::size_t>(c.height) + shrink - 1) / shrink;
+            const std::size_t bytes = c.rows[plane] * (rows - 1) + samples * sample;
+            const std::size_t size = (bytes + page - 1) / page * page;
+            void* const memory =
+                ::mmap(nullptr, size + page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+            ASSERT_NE(memory, MAP_FAILED);
+            ASSERT_EQ(::mprotect(static_cast<std::uint8_t*>(memory) + size, page, PROT_NONE), 0);
+            mappings.emplace_back(memory, size + page);
+            planes[plane] = static_cast<std::uint8_t*>(memory) + size - bytes;
+            for (std::size_t i = 0; i < bytes; ++i) planes[plane][i] = static_cast<std::uint8_t>(i * 7 + i / 251);
+        }
+        const auto layout = PixelBufferLayout::make(c.width, c.height, c.format, c.rows);
+        ASSERT_TRUE(layout);
+        const auto part = PixelBuffer::wrap(*layout, planes, {});
+        const auto copy = Utilities::copyPixelBuffer(part);
+        ASSERT_NE(copy, nullptr);
+        EXPECT_EQ(copy->layout().byteSize(), c.bytesOfCopy);
+        EXPECT_EQ(copy->layout() == part->layout(), c.keepsRows);
+        for (int plane = 0; plane < part->planeCount(); ++plane) {
+            const PlaneLayout& rows = layout->planes[static_cast<std::size_t>(plane)];
+            for (int y = 0; y < rows.height; ++y) {
+                ASSERT_EQ(std::memcmp(sampleAt(*copy, 0, y, plane), sampleAt(*part, 0, y, plane),
+                                      static_cast<std::size_t>(rows.width) * sampleSize(*part, plane)),
+                          0)
+                    << "row " << y << " of plane " << plane;
+            }
+        }
+        EXPECT_NE(Utilities::rotateCGImage(part, kPi), nullptr);
+        EXPECT_TRUE(Utilities::imageFromPixelBuffer(part));
+        for (const auto& [memory, size] : mappings) ::munmap(memory, size);
     }
 }
 

@@ -246,9 +246,13 @@ TEST(SimulatedCapture, LateFramesAreDroppedUnlessKept) {
     for (int i = 0; i < 4; ++i) rig.system->deliverFrameAt(i * 33ms);
     rig.queue->runAll();
     EXPECT_EQ(rig.recorder->frames.size(), 1u);
-    EXPECT_EQ(rig.recorder->drops.size(), 3u);
-    EXPECT_EQ(rig.recorder->drops[0]->imageBuffer(), nullptr);
-    EXPECT_EQ(rig.recorder->drops[0]->timing().presentationTime, 1000s + 33ms);
+    EXPECT_EQ(rig.recorder->frames[0]->timing().presentationTime, 1000s + 99ms) << "the newest";
+    ASSERT_EQ(rig.recorder->drops.size(), 3u);
+    for (int i = 0; i < 3; ++i) {
+        const SampleBuffer& notice = *rig.recorder->drops[static_cast<std::size_t>(i)];
+        EXPECT_EQ(notice.imageBuffer(), nullptr);
+        EXPECT_EQ(notice.timing().presentationTime, 1000s + i * 33ms);
+    }
     rig.video->setAlwaysDiscardsLateVideoFrames(false);
     for (int i = 4; i < 8; ++i) rig.system->deliverFrameAt(i * 33ms);
     rig.queue->runAll();

@@ -227,6 +227,10 @@ public:
         const std::lock_guard lock(mutex_);
         return outputs_;
     }
+    [[nodiscard]] std::vector<std::shared_ptr<CaptureDeviceInput>> inputs() const {
+        const std::lock_guard lock(mutex_);
+        return inputs_;
+    }
     [[nodiscard]] bool isRunning() const override { return running_; }
     void startRunning() override {
         script_->calls.add("run");

@@ -43,6 +43,11 @@ struct PixelBufferLayout {
 
     /// Bytes of all planes, one directly behind the other.
     [[nodiscard]] std::size_t byteSize() const;
+    /// Bytes of the samples in one row of a plane, without the padding behind them.
+    [[nodiscard]] std::size_t rowBytes(int plane = 0) const;
+    /// Bytes from a plane's first sample to the end of its last. Nothing may be read behind them: the last row of a
+    /// picture that is a part of a larger one ends before its stride does.
+    [[nodiscard]] std::size_t planeBytes(int plane = 0) const;
     friend bool operator==(const PixelBufferLayout&, const PixelBufferLayout&) = default;
 };
 
@@ -75,8 +80,6 @@ public:
     }
     [[nodiscard]] std::uint8_t* data(int plane = 0) { return planes_[static_cast<std::size_t>(plane)]; }
     [[nodiscard]] const std::uint8_t* data(int plane = 0) const { return planes_[static_cast<std::size_t>(plane)]; }
-    /// Whether the planes lie directly one behind the other, so that the whole picture is one block.
-    [[nodiscard]] bool isOneBlock() const;
 
 private:
     friend class PixelBufferPool;

@@ -9,7 +9,7 @@
 
 namespace selvio {
 
-/// Compression property: the frames a second to expect, for the encoder's rate control.
+/// Compression property: the frames a second to expect, for the encoder's rate control, where frames do not tell.
 inline constexpr const char* kVideoExpectedSourceFrameRateKey = "ExpectedSourceFrameRate";
 
 struct RecordingOptions {
@@ -23,8 +23,9 @@ struct RecordingOptions {
 ///
 /// - Video: H.264 or H.265 as `VideoSettings.codec` says (nothing else), through the best encoder that is installed and
 /// opens, hardware first, at the
-///   "AverageBitRate" in bits a second (absent: 7 250 000). "ExpectedSourceFrameRate" (frames a second) steers the
-///   encoder's rate control; absent, the first frame's duration does, else 30.
+///   "AverageBitRate" in bits a second (absent: 7 250 000). The first frame's duration steers the encoder's rate
+///   control; where it has none, "ExpectedSourceFrameRate" (frames a second) does, else 30. Key frames are two seconds
+///   apart at most.
 /// - Frames of any size are fitted whole into `width` x `height`, with black borders where the shapes differ by more
 /// than 2 percent. BGRA and 420v
 ///   are taken; their memory is shared with the encoder, not copied.
@@ -34,7 +35,7 @@ struct RecordingOptions {
 /// encoder.
 /// - Until it is finished a recording lies beside its path under a name with the same beginning and end
 /// (`name.part.mp4`); failure, cancelling
-///   and destruction remove it.
+///   and destruction remove it. It never takes more disk space than the finished file.
 /// - The status becomes Failed, with one line in the log that gives the reason, when the file cannot be created, exists
 /// already, cannot be
 ///   written or moved into place, when the encoder fails, or when nothing was recorded.

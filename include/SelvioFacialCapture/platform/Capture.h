@@ -148,6 +148,8 @@ public:
     /// The frames' pixel format; 0 means 32-bit BGRA. One that the platform does not deliver is logged and changes
     /// nothing.
     virtual void setPixelFormat(PixelFormat format) = 0;
+    /// Whether one frame at most waits beside the one that the delegate is handling. Of two that would wait the older
+    /// is dropped: the newer takes its place in the queue, and a drop notice with the time of the older follows.
     virtual void setAlwaysDiscardsLateVideoFrames(bool discards) = 0;
     /// Frames and drop notices go to `delegate`, held weakly, on `queue`; null for both ends the deliveries. One that
     /// has begun or been picked up is not waited for, because the caller may hold the session's monitor and the
@@ -193,10 +195,16 @@ public:
     virtual void removeOutput(const std::shared_ptr<CaptureOutput>& output) = 0;
     [[nodiscard]] virtual std::vector<std::shared_ptr<CaptureOutput>> outputs() const = 0;
 
+    /// True from the beginning of `startRunning` on, and so before anything is delivered, until the session is stopped,
+    /// has failed to start or has ended by itself.
     [[nodiscard]] virtual bool isRunning() const = 0;
-    /// Returns when frames may flow or starting has failed (then `isRunning` is false and the reason is in the log).
+    /// Returns when frames may flow, when starting has failed (then `isRunning` is false and the reason is in the log),
+    /// or when a `stopRunning` has ended it. A session without a camera runs and delivers nothing; it opens the camera
+    /// that a configuration gives it, as part of that configuration.
     virtual void startRunning() = 0;
-    /// Returns when the source has stopped; deliveries already on their queue may still run.
+    /// Returns when the source has stopped; deliveries already on their queue may still run. A session that is just
+    /// being started on another thread is stopped too; its source may then end in the background, but nothing comes
+    /// from it any more. May be called from within a delivery.
     virtual void stopRunning() = 0;
     /// The current time of the session's master clock, on which samples are stamped.
     [[nodiscard]] virtual std::chrono::nanoseconds masterClockTime() const = 0;

@@ -3,12 +3,15 @@
 
 #include <fcntl.h>
 #include <pwd.h>
+#include <stdlib.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
+#include <string_view>
 #include <system_error>
+#include <tuple>
 #include <utility>
 
 namespace selvio {
@@ -64,6 +67,56 @@ std::error_code makePrivateDirectories(const fs::path& directory) {
     return error;
 }
 
+constexpr std::string_view kOwnPrefix = "selvio-process-";
+
+/// A descriptor that holds the lock of a directory; negative if another one holds it, or it is no directory.
+int lockDirectory(const fs::path& directory) {
+    const int descriptor = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (descriptor < 0 || flock(descriptor, LOCK_EX | LOCK_NB) == 0) return descriptor;
+    close(descriptor);
+    return -1;
+}
+
+void removeRecordingsIn(const fs::path& directory) {
+    std::error_code error;
+    for (fs::directory_iterator it(directory, error), end; !error && it != end; it.increment(error)) {
+        const std::string name = it->path().filename().string();
+        std::error_code kept;
+        if (name.starts_with("selvio_") && name.ends_with(".mp4")) fs::remove(it->path(), kept);
+    }
+}
+
+/// Removes what managers left that are no more: their lock went with them. Nobody writes into the parent itself.
+void removeLeftovers(const fs::path& parent) {
+    removeRecordingsIn(parent);
+    std::error_code error;
+    for (fs::directory_iterator it(parent, error), end; !error && it != end; it.increment(error)) {
+        if (!it->path().filename().string().starts_with(kOwnPrefix)) continue;
+        const int lock = lockDirectory(it->path());
+        if (lock < 0) continue;
+        removeRecordingsIn(it->path());
+        std::error_code notEmpty;
+        fs::remove(it->path(), notEmpty);
+        close(lock);
+    }
+}
+
+/// Makes a directory that is locked; nothing and the reason if that is impossible.
+std::pair<fs::path, int> makeOwnDirectory(const fs::path& parent, std::error_code& error) {
+    for (;;) {
+        std::string path = (parent / kOwnPrefix).string() + "XXXXXX";
+        if (mkdtemp(path.data()) == nullptr) {
+            error = lastError();
+            return {fs::path(), -1};
+        }
+        const int lock = lockDirectory(path);
+        if (lock < 0) continue;  // another manager took it for a leftover
+        struct stat status {};
+        if (fstat(lock, &status) == 0 && status.st_nlink > 0) return {path, lock};
+        close(lock);
+    }
+}
+
 class FileDescriptor {
 public:
     explicit FileDescriptor(int descriptor) : descriptor_(descriptor) {}
@@ -80,16 +133,34 @@ private:
 
 }  // namespace
 
-LinuxFileManager::LinuxFileManager(fs::path documentsDirectory)
-    : documentsDirectory_(documentsDirectory.empty() ? defaultDocumentsDirectory() : std::move(documentsDirectory)) {}
+LinuxFileManager::LinuxFileManager(fs::path parent)
+    : parent_(parent.empty() ? defaultDocumentsDirectory() : std::move(parent)) {}
+
+LinuxFileManager::~LinuxFileManager() {
+    if (lock_ < 0) return;
+    std::error_code ignored;
+    fs::remove(own_, ignored);
+    close(lock_);
+}
 
 fs::path LinuxFileManager::documentsDirectory() const {
-    if (documentsDirectory_.empty()) {
+    if (parent_.empty()) {
         log("No documents directory: there is neither XDG_DATA_HOME nor a home directory");
-    } else if (const std::error_code error = makePrivateDirectories(documentsDirectory_)) {
-        log("Couldn't make the documents directory " + failure(documentsDirectory_, error).localizedDescription);
+        return parent_;
     }
-    return documentsDirectory_;
+    std::error_code error;
+    {
+        const std::lock_guard lock(mutex_);
+        removeLeftovers(parent_);
+        std::error_code ignored;
+        if (lock_ >= 0 && fs::is_directory(own_, ignored)) return own_;
+        if (lock_ >= 0) close(std::exchange(lock_, -1));  // somebody has removed it
+        error = makePrivateDirectories(parent_);
+        if (!error) std::tie(own_, lock_) = makeOwnDirectory(parent_, error);
+        if (!error) return own_;
+    }
+    log("Couldn't make the documents directory " + failure(parent_, error).localizedDescription);
+    return parent_;
 }
 
 Expected<std::vector<std::string>> LinuxFileManager::contentsOfDirectory(const fs::path& directory) const {

@@ -1,8 +1,11 @@
 #include "GstAssetWriter.h"
 
+#include "Mp4Index.h"
+
 #include <SelvioFacialCapture/base/Log.h>
 
 #include <fcntl.h>
+#include <gst/video/video.h>
 #include <unistd.h>
 #include <algorithm>
 #include <cmath>
@@ -16,6 +19,7 @@ namespace fs = std::filesystem;
 
 constexpr std::int64_t kDefaultBitRate = 7'250'000;
 constexpr int kDefaultFramesPerSecond = 30;
+constexpr auto kKeyFrameDistance = std::chrono::seconds(2);  // at most, so that a player can seek
 constexpr guint64 kVideoDepth = 12;  // frames that may wait for the encoder in real time: less than half a second
 constexpr auto kAudioDepth = std::chrono::seconds(2);  // sound that may wait for the encoder in real time
 constexpr auto kAudioLag =
@@ -71,10 +75,32 @@ bool opens(const std::string& element) {
     return ready;
 }
 
-int frameRateOf(const std::shared_ptr<SampleBuffer>& sample) {
-    const auto duration = sample->timing().duration.value_or(nanoseconds(0));
-    if (duration <= nanoseconds(0)) return kDefaultFramesPerSecond;
-    return static_cast<int>(std::clamp<long>(std::lround(1e9 / static_cast<double>(duration.count())), 1, 240));
+// What a frame says of itself comes first: the settings were made before the camera was opened.
+int frameRateOf(const SampleBuffer& sample, const VideoSettings& settings) {
+    const auto duration = sample.timing().duration.value_or(nanoseconds(0));
+    const auto expected = settings.compressionProperties.find(kVideoExpectedSourceFrameRateKey);
+    std::int64_t rate = kDefaultFramesPerSecond;
+    if (duration > nanoseconds(0)) {
+        rate = std::llround(1e9 / static_cast<double>(duration.count()));
+    } else if (expected != settings.compressionProperties.end()) {
+        rate = expected->second;
+    }
+    return static_cast<int>(std::clamp<std::int64_t>(rate, 1, 240));
+}
+
+// An error of the pipeline: GStreamer's text, with the system's reason where that stands in the details alone.
+std::string reasonOf(GstMessage* message) {
+    GError* failure = nullptr;
+    gchar* details = nullptr;
+    gst_message_parse_error(message, &failure, &details);
+    const GstPtr<GError> error(failure);
+    const std::string text = details != nullptr ? details : "";
+    g_free(details);
+    if (error && g_error_matches(error.get(), GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_NO_SPACE_LEFT))
+        return "no space is left on the disk";
+    const bool isWriteError = error && g_error_matches(error.get(), GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_WRITE);
+    const auto lastLine = text.rfind('\n');
+    return describe(message) + (isWriteError && lastLine != std::string::npos ? " " + text.substr(lastLine + 1) : "");
 }
 
 bool sameShape(const PixelBufferLayout& frame, const VideoSettings& settings) {
@@ -161,10 +187,7 @@ void GstAssetWriterInput::markAsFinished() {
 // ---- set-up
 
 GstRecording::GstRecording(fs::path path, RecordingOptions options)
-    : path_(std::move(path)),
-      partPath_(beside(path_, ".part")),
-      dataPath_(beside(path_, ".data")),
-      options_(std::move(options)) {}
+    : path_(std::move(path)), partPath_(beside(path_, ".part")), options_(std::move(options)) {}
 
 GstRecording::~GstRecording() {
     moveTo(AssetWriterStatus::Cancelled);
@@ -247,24 +270,16 @@ std::optional<Error> GstRecording::build() {
     if (!video_.added && !audio_.added) return Error{"there is no track to record"};
     std::error_code ignored;
     if (fs::exists(path_, ignored)) return Error{"\"" + path_.string() + "\" exists already"};
-    // Found out here rather than by the pipeline, whose message does not name the reason. The muxer cannot cope with a
-    // file that it cannot open (1.22 waits for ever), so the media data go into one that is open already and has no
-    // name any more.
+    // Found out here rather than by the pipeline, whose message does not name the reason.
     const int part = ::open(partPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
     if (part < 0)
         return Error{"could not create \"" + path_.string() + "\": " + std::generic_category().message(errno)};
     ::close(part);
     ownsPart_ = true;
-    mediaData_ = ::open(dataPath_.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (mediaData_ < 0)
-        return Error{"could not create \"" + path_.string() + "\": " + std::generic_category().message(errno)};
-    removeQuietly(dataPath_);
-    const std::string mediaData = "/proc/self/fd/" + std::to_string(mediaData_);
 
     pipeline_.reset(GST_ELEMENT(gst_object_ref_sink(gst_pipeline_new(nullptr))));
     GstElement* const muxer = makeElement("mp4mux");
     GstElement* const sink = makeElement("filesink");
-    if (muxer != nullptr) g_object_set(muxer, "faststart", TRUE, "faststart-file", mediaData.c_str(), nullptr);
     if (sink != nullptr) g_object_set(sink, "location", partPath_.c_str(), "async", FALSE, "sync", FALSE, nullptr);
     if (auto error = addChain(pipeline_.get(), {muxer, sink})) return error;
     if (video_.added) {
@@ -367,13 +382,7 @@ bool GstRecording::appendVideo(const std::shared_ptr<SampleBuffer>& sample, nano
     const PixelBufferLayout& layout = sample->imageBuffer()->layout();
     if (!videoLayout_ || videoLayout_->width != layout.width || videoLayout_->height != layout.height ||
         videoLayout_->format != layout.format) {
-        if (framesPerSecond_ == 0) {
-            const auto& properties = videoSettings_.compressionProperties;
-            const auto expected = properties.find(kVideoExpectedSourceFrameRateKey);
-            framesPerSecond_ = expected == properties.end()
-                                   ? frameRateOf(sample)
-                                   : static_cast<int>(std::clamp<std::int64_t>(expected->second, 1, 240));
-        }
+        if (framesPerSecond_ == 0) framesPerSecond_ = frameRateOf(*sample, videoSettings_);
         videoLayout_ = layout;
         g_object_set(scaler_.get(), "add-borders", sameShape(layout, videoSettings_) ? FALSE : TRUE, nullptr);
         gst_app_src_set_caps(GST_APP_SRC(video_.source.get()), rawVideoCaps(layout, framesPerSecond_).get());
@@ -381,6 +390,13 @@ bool GstRecording::appendVideo(const std::shared_ptr<SampleBuffer>& sample, nano
     const nanoseconds duration = sample->timing().duration.value_or(nanoseconds(1'000'000'000 / framesPerSecond_));
     GST_BUFFER_PTS(buffer) = static_cast<GstClockTime>(time.count());
     GST_BUFFER_DURATION(buffer) = static_cast<GstClockTime>(duration.count());
+    // The encoders count key frames in frames, so the time is kept here. The next frame would come too late.
+    if (time + std::max(duration, time - lastVideoTime_) - keyFrameTime_ > kKeyFrameDistance) {
+        keyFrameTime_ = time;
+        gst_element_send_event(video_.source.get(),
+                               gst_video_event_new_downstream_force_key_unit(
+                                   GST_BUFFER_PTS(buffer), GST_CLOCK_TIME_NONE, GST_CLOCK_TIME_NONE, FALSE, 0));
+    }
     if (gst_app_src_push_buffer(GST_APP_SRC(video_.source.get()), buffer) != GST_FLOW_OK) return false;
     lastVideoTime_ = time;
     videoEnd_ = time + duration;
@@ -489,7 +505,7 @@ GstBusSyncReply GstRecording::onMessage(GstBus*, GstMessage* message, gpointer r
         self->ended_ = true;
         self->changed_.notify_all();
     } else if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR) {
-        self->fail(describe(message));
+        self->fail(reasonOf(message));
     }
     gst_message_unref(message);
     return GST_BUS_DROP;
@@ -521,6 +537,9 @@ void GstRecording::waitForEnd() {
 
 void GstRecording::completeFile() {
     gst_element_set_state(pipeline_.get(), GST_STATE_NULL);  // closes the file
+    if (const auto error = moveIndexToFront(partPath_)) {
+        return fail("could not finish the recording \"" + path_.string() + "\": " + error->localizedDescription);
+    }
     std::error_code error;
     fs::rename(partPath_, path_, error);
     if (error) {
@@ -550,7 +569,6 @@ void GstRecording::tearDown() {
         const GstPtr<GstBus> bus(gst_element_get_bus(pipeline_.get()));
         gst_bus_set_sync_handler(bus.get(), nullptr, nullptr, nullptr);
     }
-    if (mediaData_ >= 0) ::close(mediaData_);
     if (ownsPart_) removeQuietly(partPath_);
 }
 

@@ -97,7 +97,6 @@ private:
 
     const std::filesystem::path path_;
     const std::filesystem::path partPath_;  ///< the finished file until it is moved into place
-    const std::filesystem::path dataPath_;
     const RecordingOptions options_;
 
     VideoSettings videoSettings_;
@@ -107,14 +106,13 @@ private:
     GstPtr<GstElement> pipeline_;
     GstPtr<GstElement> scaler_;
     bool ownsPart_ = false;  ///< the part file is this recording's
-    int mediaData_ =
-        -1;  ///< descriptor of the nameless file that holds the media data until `moov` can be written before them
 
     std::optional<std::chrono::nanoseconds> sessionStart_;
     std::optional<PixelBufferLayout> videoLayout_;
     int framesPerSecond_ = 0;
     std::chrono::nanoseconds lastVideoTime_{-1};
     std::chrono::nanoseconds videoEnd_{0};
+    std::chrono::nanoseconds keyFrameTime_{0};  ///< of the last key frame that was asked for
     std::chrono::nanoseconds audioDelay_{0};
     int audioRate_ = 0;
     int audioChannels_ = 0;

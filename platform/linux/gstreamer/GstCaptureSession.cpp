@@ -1,12 +1,12 @@
 #include "GstCaptureSession.h"
 
+#include <SelvioFacialCapture/SelvioFacialCaptureImageUtilities.h>
 #include <SelvioFacialCapture/base/Log.h>
 
 #include <gst/audio/audio.h>
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 
 namespace selvio {
 namespace {
@@ -71,19 +71,25 @@ void close(GstPtr<GstElement>& pipeline) {
     pipeline.reset();
 }
 
-void copyPlanes(const PixelBuffer& from, PixelBuffer& to) {
-    for (int plane = 0; plane < from.planeCount(); ++plane) {
-        const auto& layout = from.layout().planes[static_cast<std::size_t>(plane)];
-        const std::size_t bytes =
-            static_cast<std::size_t>(layout.width) * (from.format() == kPixelFormat420v ? (plane == 0 ? 1U : 2U) : 4U);
-        for (std::size_t row = 0; row < static_cast<std::size_t>(layout.height); ++row) {
-            std::memcpy(to.data(plane) + row * to.bytesPerRow(plane), from.data(plane) + row * from.bytesPerRow(plane),
-                        bytes);
-        }
-    }
-}
-
 }  // namespace
+
+class GstCaptureSession::Interruption {
+public:
+    explicit Interruption(GstCaptureSession& session) : session_(session) {
+        count(1);
+        session_.opened_.notify_all();
+    }
+    ~Interruption() { count(-1); }
+    Interruption(const Interruption&) = delete;
+    Interruption& operator=(const Interruption&) = delete;
+
+private:
+    void count(int more) {
+        const std::lock_guard lock(session_.openingMutex_);
+        session_.interruptions_ += more;
+    }
+    GstCaptureSession& session_;
+};
 
 // ---- configuration
 
@@ -114,11 +120,16 @@ void GstCaptureSession::configurationChanged() {
         updateReceivers();
         if (configuring_ > 0) return;
     }
-    if (!running_) return;
-    const std::lock_guard lifecycle(lifecycle_);
-    if (!running_ || runningPlan_ == plan()) return;
-    stop();
-    if (plan().camera) start();
+    if (!isRunning()) return;
+    std::optional<Interruption> interruption;
+    if (!plan().camera) interruption.emplace(*this);  // one that is being opened is not wanted any more
+    std::vector<std::string> messages;
+    {
+        const std::lock_guard lifecycle(lifecycle_);
+        interruption.reset();
+        if (isRunning() && runningPlan_ != plan()) messages = start();
+    }
+    for (const std::string& message : messages) log(message);
 }
 
 // With configurationMutex_ held.
@@ -161,15 +172,14 @@ bool GstCaptureSession::canSetSessionPreset(const std::string& preset) const {
 }
 
 void GstCaptureSession::setSessionPreset(const std::string& preset) {
+    bool known = false;
     {
         const std::lock_guard lock(configurationMutex_);
         const auto format = camera_ ? formatForPreset(camera_->own()->formats(), preset) : std::nullopt;
-        if (format) {
-            camera_->own()->setActiveFormat(*format);
-        } else {
-            log("Capture: the preset " + preset + " cannot be set");
-        }
+        known = format.has_value();
+        if (known) camera_->own()->setActiveFormat(*format);
     }
+    if (!known) log("Capture: the preset " + preset + " cannot be set");
     configurationChanged();
 }
 
@@ -254,65 +264,91 @@ nanoseconds GstCaptureSession::masterClockTime() const {
 }
 
 void GstCaptureSession::startRunning() {
-    const std::lock_guard lifecycle(lifecycle_);
-    if (!running_) start();
+    std::vector<std::string> messages;
+    {
+        const std::lock_guard lifecycle(lifecycle_);
+        if (!isRunning()) messages = start();
+    }
+    for (const std::string& message : messages) log(message);
 }
 
 void GstCaptureSession::stopRunning() {
+    const Interruption interruption(*this);
     const std::lock_guard lifecycle(lifecycle_);
     stop();
 }
 
-// With lifecycle_ held.
-void GstCaptureSession::start() {
-    stop();  // takes down what a run that ended by itself has left
+// With lifecycle_ held. Takes down what runs, or what a run that ended by itself has left, and opens what the
+// configuration now says. Returns what is to be logged.
+std::vector<std::string> GstCaptureSession::start() {
+    closePipelines();
     const Plan plan = this->plan();
+    std::vector<std::string> messages;
     std::shared_ptr<Run> run;
     {
         const std::lock_guard lock(openingMutex_);
         firstFrame_ = false;
         failure_.reset();
         run = std::make_shared<Run>(*this, ++run_);
+        state_ = plan.camera ? State::Opening : State::Running;
     }
+    runningPlan_ = plan;
+    if (!plan.camera) return messages;
+
     std::optional<std::string> reason;
     if (const auto error = openCamera(plan, run)) reason = error->localizedDescription;
     if (!reason && plan.microphone) {
-        if (const auto error = openMicrophone(plan, run)) log("Capture: no sound: " + error->localizedDescription);
+        if (const auto error = openMicrophone(plan, run))
+            messages.push_back("Capture: no sound: " + error->localizedDescription);
     }
-    if (!reason) {
-        std::unique_lock lock(openingMutex_);
-        opened_.wait_for(lock, options_.openingTimeout, [this] { return firstFrame_ || failure_; });
-        reason = failure_;
-        if (!reason && !firstFrame_) reason = "\"" + plan.camera->localizedName() + "\" delivers no frames";
-    }
-    if (reason) {
-        abandon();
-        log("Capture: could not start: " + *reason);
-        return;
-    }
-    runningPlan_ = plan;
-    running_ = true;
+    bool runs = false;
     {
-        const std::lock_guard lock(openingMutex_);
-        reason = failure_;
+        std::unique_lock lock(openingMutex_);
+        if (!reason) {
+            opened_.wait_for(lock, options_.openingTimeout,
+                             [this] { return firstFrame_ || failure_ || interruptions_ > 0; });
+            reason = failure_;
+            if (!reason && !firstFrame_ && interruptions_ == 0)
+                reason = "\"" + plan.camera->localizedName() + "\" delivers no frames";
+        }
+        runs = !reason && firstFrame_;
+        state_ = runs ? State::Running : State::Stopped;
     }
-    // It may have ended between its first frame and now.
-    if (reason && running_.exchange(false)) log("Capture: stopped: " + *reason);
-    watch(run->number);
+    if (runs) {
+        watch(run->number);
+        return messages;
+    }
+    abandon();
+    if (reason) messages.push_back("Capture: could not start: " + *reason);
+    return messages;
 }
 
 // With lifecycle_ held.
 void GstCaptureSession::stop() {
-    running_ = false;
+    {
+        const std::lock_guard lock(openingMutex_);
+        state_ = State::Stopped;
+    }
+    closePipelines();
+}
+
+// With lifecycle_ held.
+void GstCaptureSession::closePipelines() {
     close(cameraPipeline_);
     close(soundPipeline_);
     runningPlan_.reset();
 }
 
-// With lifecycle_ held. A camera that does not answer can take half a minute to be closed; no one waits for that.
+// With lifecycle_ held. A camera that does not answer can take half a minute to be closed; no one waits for that, and
+// what it still sends counts no more.
 void GstCaptureSession::abandon() {
     const auto self = weak_from_this().lock();
     if (!self) return stop();
+    {
+        const std::lock_guard lock(openingMutex_);
+        ++run_;
+    }
+    runningPlan_.reset();
     for (GstPtr<GstElement>* pipeline : {&cameraPipeline_, &soundPipeline_}) {
         if (!*pipeline) continue;
         control_.async([self, held = std::shared_ptr<GstElement>(std::move(*pipeline))] {
@@ -328,7 +364,6 @@ bool GstCaptureSession::play(GstElement* pipeline) {
 }
 
 std::optional<Error> GstCaptureSession::openCamera(const Plan& plan, const std::shared_ptr<Run>& run) {
-    if (!plan.camera) return Error{"the session has no camera"};
     const DeviceDescription& device = plan.camera->description();
     if (plan.mode.width == 0) return Error{"\"" + device.name + "\" has no format that can be delivered"};
 
@@ -356,6 +391,7 @@ std::optional<Error> GstCaptureSession::openCamera(const Plan& plan, const std::
     run->memory = !native                 ? FrameMemory::Converter
                   : device.fleetingMemory ? FrameMemory::Fleeting
                                           : FrameMemory::Camera;
+    if (plan.mode.rate.numerator > 0) run->frameDuration = nanoseconds(std::llround(1e9 / plan.mode.rate.value()));
     if (const auto video = receivers()->video)
         video->setFrameRate(plan.mode.rate.numerator > 0 ? static_cast<int>(std::lround(plan.mode.rate.value())) : 30);
 
@@ -392,12 +428,14 @@ std::optional<Error> GstCaptureSession::openMicrophone(const Plan& plan, const s
                                          makeCapsFilter(format), makeSink(onSample, run, false)};
     if (auto error = addChain(soundPipeline_.get(), chain)) return error;
     const GstPtr<GstBus> bus(gst_element_get_bus(soundPipeline_.get()));
-    const auto onMessage = [](GstBus*, GstMessage* message, gpointer) {
-        if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR) log("Capture: no sound: " + describe(message));
+    const auto onMessage = [](GstBus*, GstMessage* message, gpointer data) {
+        // Possibly said while the microphone is opened, under the lock of that.
+        if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR)
+            kept<Run>(data).session.control_.async([text = describe(message)] { log("Capture: no sound: " + text); });
         gst_message_unref(message);
         return GST_BUS_DROP;
     };
-    gst_bus_set_sync_handler(bus.get(), onMessage, nullptr, nullptr);
+    gst_bus_set_sync_handler(bus.get(), onMessage, keep(run), letGo<Run>);
     if (!play(soundPipeline_.get())) return Error{"\"" + plan.microphone->localizedName() + "\" could not be opened"};
     return std::nullopt;
 }
@@ -406,24 +444,25 @@ std::optional<Error> GstCaptureSession::openMicrophone(const Plan& plan, const s
 void GstCaptureSession::fail(std::uint64_t run, const std::string& reason) {
     {
         const std::lock_guard lock(openingMutex_);
-        if (run != run_ || failure_) return;
+        if (run != run_ || failure_ || state_ == State::Stopped) return;
         failure_ = reason;
+        opened_.notify_all();
+        if (state_ == State::Opening) return;  // starting reports it
+        state_ = State::Stopped;
     }
-    opened_.notify_all();
-    if (!running_.exchange(false)) return;  // while opening, starting reports it
     log("Capture: stopped: " + reason);
     control_.async([weak = weak_from_this()] {
         const auto self = weak.lock();
         if (!self) return;
         const std::lock_guard lifecycle(self->lifecycle_);
-        if (!self->running_) self->stop();
+        if (!self->isRunning()) self->closePipelines();
     });
 }
 
 void GstCaptureSession::watch(std::uint64_t run) {
     control_.asyncAfter(options_.stallTimeout / 4, [weak = weak_from_this(), run] {
         const auto self = weak.lock();
-        if (!self || !self->running_ || self->run_ != run) return;
+        if (!self || !self->isRunning() || self->run_ != run) return;
         const nanoseconds silence = now() - nanoseconds(self->lastFrame_);
         if (silence > self->options_.stallTimeout) {
             self->fail(run, "the camera delivers no more frames");
@@ -449,9 +488,7 @@ std::shared_ptr<PixelBuffer> GstCaptureSession::borrow(FrameMemory memory, GstBu
     auto pixels = wrapFrame(buffer, info, crop);
     if (!pixels || memory == FrameMemory::Converter) return pixels;
     if (memory == FrameMemory::Fleeting || loans_->count >= kMaxLoans) {
-        auto copy = copies_->acquire(*PixelBufferLayout::make(pixels->width(), pixels->height(), pixels->format()));
-        if (copy) copyPlanes(*pixels, *copy);
-        return copy;
+        return SelvioFacialCaptureImageUtilities::copyPixelBuffer(pixels, *copies_);
     }
     ++loans_->count;
     PixelBuffer& lent = *pixels;
@@ -473,12 +510,18 @@ void GstCaptureSession::frameArrived(const Run& run, GstSample* sample, GstEleme
     const int width = GST_VIDEO_INFO_WIDTH(&info);
     const int height = GST_VIDEO_INFO_HEIGHT(&info);
 
-    SampleTiming timing{timeOf(sample, sink).value_or(arrival), std::nullopt};
+    SampleTiming timing{timeOf(sample, sink).value_or(arrival), run.frameDuration};
     if (GST_VIDEO_INFO_FPS_N(&info) > 0)
         timing.duration = nanoseconds(1'000'000'000LL * GST_VIDEO_INFO_FPS_D(&info) / GST_VIDEO_INFO_FPS_N(&info));
     if (*timing.presentationTime > arrival || *timing.presentationTime < arrival - std::chrono::hours(1))
         timing.presentationTime = arrival;
 
+    {
+        const std::lock_guard lock(openingMutex_);
+        if (run.number != run_) return;
+        firstFrame_ = true;
+    }
+    opened_.notify_all();
     const auto to = receivers();
     if (to->video) {
         if (auto pixels =
@@ -496,11 +539,6 @@ void GstCaptureSession::frameArrived(const Run& run, GstSample* sample, GstEleme
         if (auto pixels = borrow(run.memory, buffer, info, {0, 0, width, height}))
             watcher->frameArrived(SampleBuffer::makeVideo(std::move(pixels), timing));
     }
-    {
-        const std::lock_guard lock(openingMutex_);
-        if (run.number != run_ || std::exchange(firstFrame_, true)) return;
-    }
-    opened_.notify_all();
 }
 
 void GstCaptureSession::soundArrived(Run& run, GstSample* sample, GstElement* sink) {

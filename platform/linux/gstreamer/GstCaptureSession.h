@@ -20,15 +20,16 @@ public:
     virtual void frameArrived(const std::shared_ptr<SampleBuffer>& frame) = 0;
 };
 
-/// Configuration may be changed at any time and on any thread; a running session takes it up when the configuration is
-/// committed.
+/// Configuration may be changed at any time and on any thread; a session that runs takes it up when the configuration
+/// is committed. It runs without a camera, too, and opens the one that it is given.
 ///
-///     stopped ──startRunning──▶ opening ──first frame──▶ running
-///        ▲                         │ error, time-out        │ stopRunning, error, silence, end of a file
-///        └─────────────────────────┴────────────────────────┘
+///     stopped ──startRunning──▶ opening ──first frame, or no camera──▶ running ──configuration──▶ opening
+///        ▲                         │ error, time-out, stopRunning         │ stopRunning, error, silence, end of a file
+///        └─────────────────────────┴──────────────────────────────────────┘
 ///
-/// GStreamer's threads call `frameArrived`, `soundArrived` and `onMessage`; these never take `lifecycle_`, since
-/// stopping waits for those threads.
+/// `isRunning` is true while opening, so that who is called with the first frame can stop the session. GStreamer's
+/// threads call `frameArrived`, `soundArrived` and `onMessage`; these never take `lifecycle_`, since stopping waits for
+/// those threads. Neither it nor another lock is held while something is logged.
 class GstCaptureSession final : public CaptureSession, public std::enable_shared_from_this<GstCaptureSession> {
 public:
     explicit GstCaptureSession(CaptureOptions options);
@@ -46,7 +47,7 @@ public:
     void addOutput(std::shared_ptr<CaptureOutput> output) override;
     void removeOutput(const std::shared_ptr<CaptureOutput>& output) override;
     [[nodiscard]] std::vector<std::shared_ptr<CaptureOutput>> outputs() const override;
-    [[nodiscard]] bool isRunning() const override { return running_; }
+    [[nodiscard]] bool isRunning() const override { return state_ != State::Stopped; }
     void startRunning() override;
     void stopRunning() override;
     [[nodiscard]] std::chrono::nanoseconds masterClockTime() const override;
@@ -56,6 +57,7 @@ public:
     void removeWatcher(const FrameWatcher* watcher);
 
 private:
+    enum class State { Stopped, Opening, Running };
     /// What a running session was built from; when this changes it is built anew.
     struct Plan {
         std::shared_ptr<GstCaptureDevice> camera;
@@ -82,8 +84,9 @@ private:
     struct Run {
         GstCaptureSession& session;
         const std::uint64_t number;
-        FrameMemory memory = FrameMemory::Converter;  // set before frames come
-        AudioClock audioClock{};                      // used on the microphone's thread
+        FrameMemory memory = FrameMemory::Converter;              // set before frames come
+        std::optional<std::chrono::nanoseconds> frameDuration{};  // of the camera's mode, set before frames come
+        AudioClock audioClock{};                                  // used on the microphone's thread
     };
     /// Frames in the camera's own memory that are still in use.
     struct Loans {
@@ -95,8 +98,12 @@ private:
     [[nodiscard]] std::shared_ptr<const Receivers> receivers() const;
     void updateReceivers();
 
-    void start();
+    /// Ends the waiting for a first frame, while it lives.
+    class Interruption;
+
+    [[nodiscard]] std::vector<std::string> start();
     void stop();
+    void closePipelines();
     void abandon();
     std::optional<Error> openCamera(const Plan& plan, const std::shared_ptr<Run>& run);
     std::optional<Error> openMicrophone(const Plan& plan, const std::shared_ptr<Run>& run);
@@ -129,13 +136,14 @@ private:
     const std::shared_ptr<Loans> loans_ = std::make_shared<Loans>();
     const std::shared_ptr<PixelBufferPool> copies_ = PixelBufferPool::create();
 
-    std::atomic<bool> running_{false};
-    std::atomic<std::int64_t> lastFrame_{0};  // monotonic nanoseconds
+    std::atomic<State> state_{State::Stopped};  // changed under openingMutex_
+    std::atomic<std::int64_t> lastFrame_{0};    // monotonic nanoseconds
     std::mutex openingMutex_;
     std::condition_variable opened_;
+    int interruptions_ = 0;               // guarded by openingMutex_
     bool firstFrame_ = false;             // guarded by openingMutex_
     std::optional<std::string> failure_;  // guarded by openingMutex_; why this run ended by itself
-    std::atomic<std::uint64_t> run_{0};   // counts the starts; counted up under openingMutex_
+    std::atomic<std::uint64_t> run_{0};   // counts the starts and what was given up; counted up under openingMutex_
     SerialQueue control_{"capture control"};
 };
 

@@ -5,18 +5,6 @@
 #include <mutex>
 
 namespace selvio {
-namespace {
-
-std::size_t bytesOfPlane(const PixelBuffer& pixels, int plane) {
-    const PlaneLayout& layout = pixels.layout().planes[static_cast<std::size_t>(plane)];
-    const std::size_t bytesPerSample = pixels.format() == kPixelFormat420v ? (plane == 0 ? 1 : 2) : 4;
-    // The last row may end before its stride does: a picture can be a part of a larger one.
-    return layout.bytesPerRow * static_cast<std::size_t>(layout.height - 1) +
-           bytesPerSample * static_cast<std::size_t>(layout.width);
-}
-
-}  // namespace
-
 bool startGStreamer() {
     static const bool started = [] {
         GError* failure = nullptr;
@@ -83,7 +71,7 @@ GstBuffer* wrapSample(const std::shared_ptr<SampleBuffer>& sample) {
     gint strides[GST_VIDEO_MAX_PLANES] = {};
     gsize offset = 0;
     for (int plane = 0; plane < pixels->planeCount(); ++plane) {
-        const std::size_t bytes = bytesOfPlane(*pixels, plane);
+        const std::size_t bytes = pixels->layout().planeBytes(plane);
         const auto release = [](gpointer keeper) { delete static_cast<std::shared_ptr<SampleBuffer>*>(keeper); };
         gst_buffer_append_memory(buffer,
                                  gst_memory_new_wrapped(GST_MEMORY_FLAG_READONLY, pixels->data(plane), bytes, 0, bytes,
