@@ -188,6 +188,24 @@ TEST(MainQueue, DrainsWhatIsDueAndSaysWhenToComeBack) {
     EXPECT_FALSE(queue.isCurrent());
 }
 
+TEST(MainQueue, RunsUntilItQuitsAndWaitsForBlocksOfOtherThreads) {
+    MainQueue queue;
+    EXPECT_EQ(queue.timeUntilNextBlock(), std::nullopt);
+    int ran = 0;
+    for (const auto delay : {std::chrono::milliseconds(0), std::chrono::milliseconds(1)}) {
+        std::thread other([&] {
+            queue.async([&] { ++ran; });
+            queue.asyncAfter(delay, [&] {
+                ++ran;
+                queue.quit();
+            });
+        });
+        queue.run();  // would not return without the second block
+        other.join();
+    }
+    EXPECT_EQ(ran, 4) << "one quit ends one run";
+}
+
 TEST(MainQueue, ItsClockAndItsHookMayCallEveryOperation) {
     MainQueue* self = nullptr;
     int calls = 0;
