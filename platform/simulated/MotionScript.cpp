@@ -25,7 +25,7 @@ void readPose(ObjectReader& reader, FacePose& pose) {
 }
 
 // Whether the fields that have no default have been given so far.
-struct Given {
+struct RequiredFields {
     bool center = false;
     bool jawWidth = false;
 };
@@ -60,7 +60,7 @@ void readBarcode(ObjectReader& reader, std::optional<std::string>& barcode) {
 }
 
 // Every field that a key frame leaves out keeps the value of the key frame before.
-void readState(ObjectReader& reader, MotionState& state, Given& given) {
+void readState(ObjectReader& reader, MotionState& state, RequiredFields& given) {
     state.visible = reader.boolean("visible").value_or(state.visible);
     given.center = given.center || reader.field("center") != nullptr;
     given.jawWidth = given.jawWidth || reader.field("jawWidth") != nullptr;
@@ -106,7 +106,7 @@ Expected<MotionScript> MotionScript::parse(std::string_view json, const std::str
         if (list == nullptr || !list->is_array() || list->empty() || list->size() > kMostKeyFrames)
             reader.fail("keyFrames", "must be a list of 1 to 10000 key frames");
         KeyFrame keyFrame;
-        Given given;
+        RequiredFields given;
         for (std::size_t i = 0; i < list->size(); ++i) {
             ObjectReader fields((*list)[i], "keyFrames[" + std::to_string(i) + "]");
             fields.require("at");

@@ -140,10 +140,12 @@ TEST_F(ImageLoaderTest, superfluousBytesLoseNothingButDamageDoes) {
         Bytes padded = file;
         padded.insert(padded.end() - 2, 40, 0);
         EXPECT_EQ(errorOf(padded), "") << options;
-        // With its last samples cut away as well it is no sound picture any more, whatever stands before its end.
+        // A file that lost its last samples is damaged although it ends as a sound one does.
         Bytes damaged(file.begin(), file.end() - 12);
         damaged.insert(damaged.end(), {0xFF, 0xD9});
         EXPECT_THAT(errorOf(damaged), HasSubstr("cut short")) << options;
+        damaged.insert(damaged.begin() + 20, 40, 0);  // behind the first segment
+        EXPECT_THAT(errorOf(damaged), HasSubstr("not a sound JPEG")) << options;
     }
 }
 

@@ -47,14 +47,28 @@ void readSegment(int marker, std::span<const std::uint8_t> content, JpegHeader& 
     }
 }
 
+constexpr int kLumaSpan = 219;
+constexpr int kChromaSpan = 224;
+
+/// A video-range sample, 16 and `kSpan` more levels, on the full range; colour keeps 128, none, where it is. In 16
+/// bits, so that the compiler makes vector instructions of it.
+template <int kSpan>
+constexpr std::uint8_t fullRange(std::uint8_t sample) {
+    constexpr int kRounding = kSpan == kLumaSpan ? kSpan / 2 : kSpan;
+    const auto level = static_cast<std::uint16_t>(std::clamp<std::uint8_t>(sample, 16, 16 + kSpan) - 16);
+    const auto more = static_cast<std::uint16_t>(level * (255 - kSpan) + kRounding);
+    return static_cast<std::uint8_t>(std::min(level + more / kSpan, 255));
+}
+
 /// A picture's samples, each component on its own at the size that its subsampling gives it.
 class Planes {
 public:
     Planes(int width, int height, int sampling) : width_(width), height_(height), sampling_(sampling) {
         for (int i = 0; i < (sampling == TJSAMP_GRAY ? 1 : 3); ++i) {
             const auto component = static_cast<std::size_t>(i);
-            samples_[component].resize(tjPlaneSizeYUV(i, width, 0, height, sampling));
-            pointers_[component] = samples_[component].data();
+            samples_[component] =
+                std::make_unique_for_overwrite<unsigned char[]>(tjPlaneSizeYUV(i, width, 0, height, sampling));
+            pointers_[component] = samples_[component].get();
         }
     }
     [[nodiscard]] int width() const { return width_; }
@@ -62,18 +76,19 @@ public:
     [[nodiscard]] int sampling() const { return sampling_; }
     [[nodiscard]] unsigned char** pointers() { return pointers_.data(); }
 
-    /// Sets every sample of one component, row by row, from the samples of a plane: the first at `in`, then every
-    /// `step`th byte; behind its ends its last row and column go on.
-    void fill(int component, const PlaneLayout& plane, const std::uint8_t* in, std::size_t step,
-              const std::array<std::uint8_t, 256>& levels) {
+    /// Sets every sample of one component from a plane's video-range samples: 16 and `kSpan` more levels. They are the
+    /// first at `in` and then every `kStep`th; behind its ends the plane's last row and column go on.
+    template <std::size_t kStep, int kSpan>
+    void fill(int component, const PlaneLayout& plane, const std::uint8_t* in) {
         unsigned char* out = pointers_[static_cast<std::size_t>(component)];
-        const int across = tjPlaneWidth(component, width_, sampling_);
-        const int down = tjPlaneHeight(component, height_, sampling_);
-        for (int y = 0; y < down; ++y) {
+        const auto width = static_cast<std::size_t>(plane.width);
+        const int padding = tjPlaneWidth(component, width_, sampling_) - plane.width;
+        const int rows = tjPlaneHeight(component, height_, sampling_);
+        for (int y = 0; y < rows; ++y) {
             const std::uint8_t* const row =
                 in + plane.bytesPerRow * static_cast<std::size_t>(std::min(y, plane.height - 1));
-            for (int x = 0; x < across; ++x)
-                *out++ = levels[row[step * static_cast<std::size_t>(std::min(x, plane.width - 1))]];
+            for (std::size_t x = 0; x < width; ++x) out[x] = fullRange<kSpan>(row[kStep * x]);
+            out = std::fill_n(out + width, padding, out[width - 1]);
         }
     }
 
@@ -81,21 +96,9 @@ private:
     const int width_;
     const int height_;
     const int sampling_;
-    std::array<Bytes, 3> samples_;
+    std::array<std::unique_ptr<unsigned char[]>, 3> samples_;
     std::array<unsigned char*, 3> pointers_{};
 };
-
-/// Video-range samples to the full range: 16 and `span` more levels to 256 levels, `half` of a level added first.
-constexpr std::array<std::uint8_t, 256> fullRange(int span, int half) {
-    std::array<std::uint8_t, 256> levels{};
-    for (int i = 0; i < 256; ++i) {
-        const int level = (std::clamp(i - 16, 0, span) * 255 + half) / span;
-        levels[static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(std::min(level, 255));
-    }
-    return levels;
-}
-constexpr auto kFullRangeLuma = fullRange(219, 109);
-constexpr auto kFullRangeChroma = fullRange(224, 224);  // so that 128, no colour, stays 128
 
 /// The file that `encode(handle, &file, &size, percent, flags)` makes, with the target's density and EXIF segment.
 template <typename Encode>
@@ -222,9 +225,9 @@ std::optional<Bytes> encodeJpegPixels(const PixelBuffer& picture, const JpegTarg
     if (picture.format() == kPixelFormat420v) {
         Planes planes(picture.width(), picture.height(), TJSAMP_420);
         const auto& [luma, chroma] = picture.layout().planes;
-        planes.fill(0, luma, picture.data(0), 1, kFullRangeLuma);
-        planes.fill(1, chroma, picture.data(1), 2, kFullRangeChroma);
-        planes.fill(2, chroma, picture.data(1) + 1, 2, kFullRangeChroma);
+        planes.fill<1, kLumaSpan>(0, luma, picture.data(0));
+        planes.fill<2, kChromaSpan>(1, chroma, picture.data(1));
+        planes.fill<2, kChromaSpan>(2, chroma, picture.data(1) + 1);
         return encodedPlanes(planes, target);
     }
     return encoded(target, [&](tjhandle turbo, unsigned char** file, unsigned long* size, int percent, int flags) {
