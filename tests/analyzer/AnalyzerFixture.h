@@ -40,25 +40,29 @@ struct ScreenFace {
         lips[older ? 5 : 7] = {550, 1000};
         return {contour, noses, lips};
     }
-    [[nodiscard]] FaceObservation observation() const {
+    [[nodiscard]] FaceObservation observation(bool older = false) const {
         // The bounding box is the whole frame, so that points are normalized to the screen; the detector's axes are
         // swapped.
         const auto region = [](std::optional<std::vector<Point>> points) {
             for (Point& p : *points) p = {p.y / 1700.0, p.x / 1000.0};
             return FaceLandmarkRegion{*points};
         };
-        const auto [contour, noses, lips] = points();
+        const auto [contour, noses, lips] = points(older);
         return {.boundingBox = {0, 0, 1, 1}, .landmarks = FaceLandmarks{region(contour), region(noses), region(lips)}};
     }
 };
 
-/// Loads every path but "missing.jpg".
+/// Loads the same picture from every path but "missing.jpg".
 class FakeImageLoader final : public ImageLoader {
 public:
     [[nodiscard]] Expected<std::shared_ptr<PixelBuffer>> loadImage(const std::string& path) const override {
         if (path == "missing.jpg") return Error{"missing.jpg: no such file"};
-        return PixelBuffer::create(300, 400, kPixelFormat32BGRA);
+        return picture_;
     }
+    void setPicture(std::shared_ptr<PixelBuffer> picture) { picture_ = std::move(picture); }
+
+private:
+    std::shared_ptr<PixelBuffer> picture_ = PixelBuffer::create(300, 400, kPixelFormat32BGRA);
 };
 
 /// What an analyzer works with, but for its queues.
@@ -66,9 +70,9 @@ struct AnalyzerFakes {
     [[nodiscard]] Platform platform() const {
         Platform platform = makePortablePlatform();
         platform.device = device;
-        platform.screen = std::make_shared<FakeScreen>(Size{1000, 1700});
+        platform.screen = std::make_shared<FakeScreen>(screen);
         platform.imageCodec = codec;
-        platform.imageLoader = std::make_shared<FakeImageLoader>();
+        platform.imageLoader = loader;
         platform.makeSequenceRequestHandler = [vision = vision] { return vision; };
         platform.makeFaceDetector = [smiles = smiles] { return smiles; };
         platform.makeMotionManager = [motion = motion] { return motion; };
@@ -78,12 +82,36 @@ struct AnalyzerFakes {
     const std::shared_ptr<FakeSequenceRequestHandler> vision = std::make_shared<FakeSequenceRequestHandler>();
     const std::shared_ptr<FakeFaceDetector> smiles = std::make_shared<FakeFaceDetector>();
     const std::shared_ptr<FakeImageCodec> codec = std::make_shared<FakeImageCodec>();
+    const std::shared_ptr<FakeImageLoader> loader = std::make_shared<FakeImageLoader>();
     const std::shared_ptr<FakeMotionManager> motion = std::make_shared<FakeMotionManager>();
+    Size screen{1000, 1700};
     std::shared_ptr<FakeDevice> device = std::make_shared<FakeDevice>();
     const std::shared_ptr<SelvioFacialCaptureParameters> parameters = std::make_shared<SelvioFacialCaptureParameters>();
 };
 
-class AnalyzerFixture : public ::testing::Test, public AnalyzerFakes {
+/// An analyzer whose queues the test runs, without a delegate.
+class ManualAnalyzer : public AnalyzerFakes {
+public:
+    /// An analyzer anew.
+    void makeAnalyzer(const std::string& systemVersion) {
+        device = std::make_shared<FakeDevice>(systemVersion);
+        Platform platform = AnalyzerFakes::platform();
+        platform.mainQueue = mainQueue;
+        platform.globalQueue = globalQueue;
+        platform.makeSerialQueue = [this](const std::string& label) {
+            auto queue = std::make_shared<ManualQueue>(label);
+            if (label == "com.selvio.facialcapture.frameAnalysisQueue") analysisQueue = queue;
+            return queue;
+        };
+        analyzer = SelvioFacialCaptureAnalyzer::initWithParameters(parameters, platform);
+    }
+    const std::shared_ptr<ManualQueue> mainQueue = std::make_shared<ManualQueue>("main");
+    const std::shared_ptr<ManualQueue> globalQueue = std::make_shared<ManualQueue>("global");
+    std::shared_ptr<ManualQueue> analysisQueue;
+    std::shared_ptr<SelvioFacialCaptureAnalyzer> analyzer;
+};
+
+class AnalyzerFixture : public ::testing::Test, public ManualAnalyzer {
 public:
     using Status = SelvioFacialCaptureStatus;
     using Results = SelvioFacialCaptureResults;
@@ -106,16 +134,7 @@ public:
 
     /// An analyzer anew.
     void make(const std::string& systemVersion = "13.0") {
-        device = std::make_shared<FakeDevice>(systemVersion);
-        Platform platform = AnalyzerFakes::platform();
-        platform.mainQueue = mainQueue;
-        platform.globalQueue = globalQueue;
-        platform.makeSerialQueue = [this](const std::string& label) {
-            auto queue = std::make_shared<ManualQueue>(label);
-            if (label == "com.selvio.facialcapture.frameAnalysisQueue") analysisQueue = queue;
-            return queue;
-        };
-        analyzer = SelvioFacialCaptureAnalyzer::initWithParameters(parameters, platform);
+        makeAnalyzer(systemVersion);
         analyzer->setDelegate(delegate);
     }
 
@@ -153,10 +172,6 @@ public:
 
     const std::shared_ptr<SelvioFacialCaptureAnalyzerDelegate> delegate =
         std::make_shared<SelvioFacialCaptureAnalyzerDelegate>();
-    const std::shared_ptr<ManualQueue> mainQueue = std::make_shared<ManualQueue>("main");
-    const std::shared_ptr<ManualQueue> globalQueue = std::make_shared<ManualQueue>("global");
-    std::shared_ptr<ManualQueue> analysisQueue;
-    std::shared_ptr<SelvioFacialCaptureAnalyzer> analyzer;
     std::shared_ptr<Results> success;
     std::shared_ptr<Results> cancelled;
     std::vector<std::string> calls;

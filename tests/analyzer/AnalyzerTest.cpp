@@ -234,7 +234,7 @@ TEST_F(Intake, TheResolutionIsTheFirstFramesThoughTheSizeChanges) {
         analyzer->analyzeSampleBuffer(frame(width, 270 - width));
         settle();
         EXPECT_EQ(analyzer->resolution(), (Size{100, 170}));
-        EXPECT_EQ(vision->lastWidth(), width);
+        EXPECT_EQ(vision->lastPicture()->width(), width);
     }
 }
 
