@@ -1,4 +1,4 @@
-// What an analyzer remembers.
+// What an analyzer remembers and does behind its public operations.
 #pragma once
 
 #include <SelvioFacialCapture/SelvioFacialCaptureAnalyzer.h>
@@ -6,16 +6,20 @@
 #include <SelvioFacialCapture/base/MemberMutex.h>
 
 #include <atomic>
+#include <condition_variable>
+#include <exception>
 #include <mutex>
 #include <new>
+#include <thread>
 
+#include "analyzer/Deliveries.h"
 #include "analyzer/FrameHistory.h"
 #include "analyzer/rules/GoodFrameGate.h"
 #include "analyzer/rules/PreviewGeometry.h"
 
 namespace selvio {
 
-/// Runs a block that must not throw into its queue: where memory is short, says what was given up and answers false.
+/// Runs a block that must not throw into its queue: says what was given up, and why, and returns false.
 template <typename Block>
 bool withoutThrowing(const char* givenUp, const Block& block) {
     try {
@@ -23,27 +27,126 @@ bool withoutThrowing(const char* givenUp, const Block& block) {
         return true;
     } catch (const std::bad_alloc&) {
         log(std::string(givenUp) + ": not enough memory");
-        return false;
+    } catch (const std::exception& error) {
+        log(std::string(givenUp) + ": " + error.what());
     }
+    return false;
 }
 
 }  // namespace selvio
 
-struct SelvioFacialCaptureAnalyzer::State {
-    explicit State(const selvio::Platform& ports);
+struct SelvioFacialCaptureAnalyzer::State : std::enable_shared_from_this<State> {
+    using Results = std::shared_ptr<SelvioFacialCaptureResults>;
+    using Statuses = std::vector<SelvioFacialCaptureStatus>;
+    using Delegate = SelvioFacialCaptureAnalyzerDelegate;
 
-    /// Older systems capture manually only.
-    static constexpr int kAutomaticAnalysisVersion = 12;
+    /// Runs of a capture are numbered. A selection, `resume`, `stop` and `cancel` each end a run and begin the next
+    /// one.
+    using Run = std::uint64_t;
+
+    /// An analysed frame. It takes along all that its outcome needs: later steps ask nothing of the newest frame.
+    struct Frame {
+        Run run = 0;           ///< a step for a frame of a run that has ended does nothing
+        Results results = {};  ///< this frame's; never written again once a delegate was given it
+        std::optional<selvio::Image> image = {};
+    };
+    using Step = void (State::*)(const Frame&);
+
+    /// A frame that has been taken in. Letting go of `latch` lets the next one in.
+    struct HeldFrame {
+        std::shared_ptr<selvio::SampleBuffer> buffer;
+        std::shared_ptr<void> latch;
+
+        void release() {
+            buffer.reset();
+            latch.reset();
+        }
+    };
+
+    /// Stands for work that `stop` and `cancel` wait for, unless they are called by the thread that does it.
+    class UnderWay {
+    public:
+        /// Nothing if the run, or, when none is named, the capture has ended.
+        static std::optional<UnderWay> begin(State& state, std::optional<Run> run);
+        /// The state's mutex is held.
+        explicit UnderWay(State& state) : state_(state) { state_.underWay.push_back(std::this_thread::get_id()); }
+        UnderWay(const UnderWay&) = delete;
+        UnderWay& operator=(const UnderWay&) = delete;
+        ~UnderWay();
+
+    private:
+        State& state_;
+    };
+
+    State(const selvio::Platform& ports, std::shared_ptr<SelvioFacialCaptureParameters> settings);
+
+    // Control. The public operations of the same names.
+    void setDelegate(std::weak_ptr<Delegate> host);
+    void pauseFor(std::int64_t reason);
+    void resume();
+    void stop();
+    void cancel();
+
+    // A frame's way, in this order. From the second step on: analysis queue, or the thread of a still image.
+    void analyzeSampleBuffer(const std::shared_ptr<selvio::SampleBuffer>& sampleBuffer);
+    void analyzeHeldFrame(HeldFrame& held);
+    void analyzeImageAtPath(const std::string& path);
+    [[nodiscard]] Results replaceResultsByCopy(Run run);
+    void detectFaces(selvio::SequenceRequestHandler& handler,
+                     const std::shared_ptr<const selvio::PixelBuffer>& pixelBuffer, std::uint32_t orientation,
+                     const Frame& frame, HeldFrame* held);
+    void judgeDetection(const selvio::FaceLandmarksRequest& request, const std::optional<selvio::Error>& error,
+                        const Frame& frame);
+    void judgeFace(const selvio::FaceObservation& observation, const Frame& frame);
+    void reportBadFrame(const Frame& frame, const Statuses& statuses, Step report);
+    void gateGoodFrame(const Frame& frame);
+    void testSmile(const Frame& frame);  // global queue
+    /// The run that the test has come to its end in; null if `smileDetectionInProgress` must stay as it is.
+    std::optional<Run> judgeSmile(const Frame& frame, bool smiling);
+
+    // Steps on the main queue.
+    void deliver(selvio::DeliveryKind kind, Step step, const Frame& frame);
+    void deliverReport(const Frame& frame);
+    void deliverReportOrSelect(const Frame& frame);
+    void deliverCountdown(const Frame& frame);
+    void deliverCountdownStatus(const Frame& frame);
+    void deliverManually(const Frame& frame);
+    void selectAutomatically(const Frame& frame);
+    void deliverSuccess(const Frame& frame);
+    void select(const Frame& frame, SelvioFacialCaptureResultCode code);
+
+    /// The end of every selection: closes the record and fills the results. False if its run has ended meanwhile.
+    bool closeCapture(const Frame& selected, SelvioFacialCaptureResultCode code);
+    void logEvent(SelvioFacialCaptureUxpEvent event, std::optional<Run> run);
+    void logStatuses(const Statuses& statuses, Run run);
+    std::optional<nlohmann::json> loggedEvents(Run run);
+
+    // Runs.
+    [[nodiscard]] bool isCurrent(Run run) { return mutex.get(currentRun) == run; }
+    /// Begins a selection, and with it a new run, unless the run has ended or a selection is in progress already.
+    [[nodiscard]] std::optional<Run> beginSelection(Run run);
+    /// Calls what the delegate implements, unless the run has ended.
+    template <typename Member, typename... Arguments>
+    void tell(Run run, Member member, const Arguments&... arguments) {
+        const auto host = mutex.get(delegate).lock();
+        if (!host || !(*host.*member)) return;
+        if (const auto call = UnderWay::begin(*this, run)) (*host.*member)(arguments...);
+    }
+    /// No run follows. Any number of times.
+    void endRuns();
+    void waitForOthers();
+    void tearDown();
+
+    /// Brings the motion feed to what was last asked for.
+    void setMotionUpdates(bool running);
 
     [[nodiscard]] selvio::rules::GateFlags gateFlags() const;
-    [[nodiscard]] bool canAnalyze() const {
-        return systemMajorVersion >= kAutomaticAnalysisVersion && sequenceRequestHandler != nullptr;
-    }
+    [[nodiscard]] bool canAnalyze() const;
 
     const selvio::Platform platform;
     const int systemMajorVersion;
     const selvio::InterfaceOrientation statusbarOrientation;
-    const std::shared_ptr<selvio::SequenceRequestHandler> sequenceRequestHandler;
+    const std::shared_ptr<selvio::SequenceRequestHandler> sequenceRequestHandler;  // analysis queue
     const std::shared_ptr<selvio::FaceDetector> faceDetector;
     const std::shared_ptr<selvio::PixelBufferPool> framePool;
     selvio::FrameHistory history;
@@ -55,38 +158,30 @@ struct SelvioFacialCaptureAnalyzer::State {
     std::atomic<bool> manualOnly{false};
     std::atomic<bool> shouldHoldStill{false};
     std::atomic<bool> shouldStartCountdown{true};
-    std::atomic<bool> inProgress{false};
-    std::atomic<bool> cancelling{false};
     std::atomic<std::int64_t> smileStatus{0};
     std::atomic<std::uint32_t> exifOrientation{0};
+    std::atomic<bool> ended{false};  // set, once, while mutex is held
+    const std::shared_ptr<std::atomic<bool>> inProgress = std::make_shared<std::atomic<bool>>(false);
 
+    // Nothing foreign is called while this is held: no delegate, port, queue, log or clock.
     mutable selvio::MemberMutex mutex;
-    std::shared_ptr<SelvioFacialCaptureObixData> obixData;        // guarded by mutex
-    std::weak_ptr<SelvioFacialCaptureAnalyzerDelegate> delegate;  // guarded by mutex
-    std::shared_ptr<SelvioFacialCaptureParameters> parameters;    // guarded by mutex; null once spent
-    std::shared_ptr<SelvioFacialCaptureResults> results;          // guarded by mutex; null once spent
-    std::shared_ptr<selvio::SampleBuffer> sampleBuffer;           // guarded by mutex; the frame under analysis
-    FrameId heldFrame = kNoFrame;                                 // guarded by mutex; which frame that is
-    FrameId lastFrame = kNoFrame;                                 // guarded by mutex
-    std::optional<selvio::Image> ciImage;     // guarded by mutex; the frame that the smile test examines
-    selvio::rules::PreviewGeometry geometry;  // guarded by mutex
-    double faceHorizontalFill = 0.0;          // guarded by mutex
-    selvio::Point noseMiddle;                 // guarded by mutex
-    selvio::Point lipLeft;                    // guarded by mutex
-    selvio::Point lipRight;                   // guarded by mutex
-
-    std::mutex eventMutex;  // held while an event is logged, so that none follows after `stop`; taken before `mutex`
-    bool spent = false;     // guarded by eventMutex
-
-    // Held while a selection or `cancel` closes the record and fills the results, so that neither mixes with the other;
-    // taken before eventMutex.
-    std::mutex closingMutex;
-
-    std::mutex motionMutex;  // held while the feed is started or stopped; nothing else is taken inside
-    std::shared_ptr<selvio::MotionManager> motionManager;  // guarded by motionMutex; null once spent
-
-    std::mutex visionMutex;  // held while a request is performed: the handler serves one thread at a time; taken before
-                             // the others
+    Run currentRun = 0;                     // guarded by mutex
+    std::vector<std::thread::id> underWay;  // guarded by mutex; the thread of each `UnderWay`
+    std::condition_variable underWayEnded;
+    selvio::Deliveries<Frame, Step> deliveries;                 // guarded by mutex; each has a block on the main queue
+    std::shared_ptr<SelvioFacialCaptureObixData> obixData;      // guarded by mutex
+    std::weak_ptr<Delegate> delegate;                           // guarded by mutex
+    std::shared_ptr<SelvioFacialCaptureParameters> parameters;  // guarded by mutex; null once spent
+    Results results;                                            // guarded by mutex; null once spent
+    selvio::rules::PreviewGeometry geometry;                    // guarded by mutex
+    double faceHorizontalFill = 0.0;                            // guarded by mutex
+    selvio::Point noseMiddle;                                   // guarded by mutex
+    selvio::Point lipLeft;                                      // guarded by mutex
+    selvio::Point lipRight;                                     // guarded by mutex
+    std::shared_ptr<selvio::MotionManager> motionManager;       // guarded by mutex; null once spent
+    std::uint64_t motionAsked = 0;                              // guarded by mutex; counts what was asked of the feed
+    bool motionRunning = false;                                 // guarded by mutex; what was asked last
+    bool motionChanging = false;                                // guarded by mutex; a thread is carrying it out
 
     // Last, so that it is joined first: its blocks use the members above.
     const std::shared_ptr<selvio::Queue> analysisQueue;

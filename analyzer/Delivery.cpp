@@ -1,14 +1,11 @@
-// What reaches the host: statuses, countdown, the selected picture. Steps run on the main queue and read the results as
-// they are then.
-#include <SelvioFacialCapture/SelvioFacialCaptureAnalyzer.h>
-
+// What reaches the host: statuses, countdown, the selected picture. Steps run on the main queue, each for its own
+// frame.
 #include <utility>
 
 #include "analyzer/AnalyzerState.h"
 
 using namespace selvio;
 using Analyzer = SelvioFacialCaptureAnalyzer;
-using Statuses = std::vector<SelvioFacialCaptureStatus>;
 
 namespace {
 
@@ -46,103 +43,122 @@ SelvioFacialCaptureUxpEvent eventFor(SelvioFacialCaptureStatus status) {
 
 }  // namespace
 
-void Analyzer::submitToMainQueue(Step step) {
-    state_->platform.mainQueue->async([weak = weak_from_this(), step] {
+void Analyzer::State::deliver(DeliveryKind kind, Step step, const Frame& frame) {
+    {
+        const std::lock_guard lock(mutex);
+        if (!deliveries.add({.kind = kind, .step = step, .frame = frame})) return;
+    }
+    const auto runFirst = [weak = weak_from_this()] {
         const auto self = weak.lock();
         if (!self) return;
-        SELVIO_ASSERT_ON_QUEUE(self->state_->platform.mainQueue);
-        withoutThrowing("A frame's result could not be delivered", [&] { (self.get()->*step)(); });
-    });
-}
-
-void Analyzer::addUxpFor(const Statuses& statuses) {
-    for (const SelvioFacialCaptureStatus status : statuses) addEvent(eventFor(status));
-}
-
-void Analyzer::deliverResults(const Results& results) {
-    const auto host = delegate();
-    if (results && host && host->detectionResults) host->detectionResults(results);
-}
-
-// The results as they are now: with a main queue that lags behind, those of a later frame.
-void Analyzer::deliverCurrentResults() {
-    deliverResults(results());
-}
-
-void Analyzer::deliverCountdown() {
-    const auto host = delegate();
-    if (results() && host && host->startCountdown) host->startCountdown();
-}
-
-void Analyzer::deliverCountdownStatus() {
-    const auto current = results();
-    if (!current) return;
-    const Statuses statuses{SelvioFacialCaptureStatusCountdown};
-    current->setOrderedStatuses(statuses);
-    addUxpFor(statuses);
-    deliverResults(current);
-}
-
-// The host gets nothing if the capture was ended while the picture was encoded.
-void Analyzer::deliverSuccess(const Results& selected) {
-    const auto host = delegate();
-    if (results() && !state_->cancelling && host && host->detectionSuccess) host->detectionSuccess(selected);
-}
-
-void Analyzer::deliverResultsOrSelectManually() {
-    const auto host = delegate();
-    if (!state_->shouldSelectCurrentFrame || !host || !host->detectionSuccess) return deliverCurrentResults();
-    if (state_->selectionInProgress.exchange(true)) return;
-    const auto current = results();
-    if (closeCapture(current, state_->history.newest(), SelvioFacialCaptureResultCodeSuccessStillCamera))
-        deliverSuccess(current);
-}
-
-// The frame that triggered this is the newest of the history.
-void Analyzer::deliverManually() {
-    const auto current = results();
-    if (!current) return;
-    if (state_->manualOnly) {
-        current->setOrderedStatuses(Statuses{SelvioFacialCaptureStatusNone});
-    } else if (current->orderedStatuses().value_or(Statuses()).empty()) {
-        current->setOrderedStatuses(Statuses{SelvioFacialCaptureStatusGoodFrame});
+        SELVIO_ASSERT_ON_QUEUE(self->platform.mainQueue);
+        std::unique_lock lock(self->mutex);
+        const auto first = self->deliveries.takeFirst();
+        lock.unlock();
+        if (first)
+            withoutThrowing("A frame's result could not be delivered", [&] { (*self.*first->step)(first->frame); });
+    };
+    try {
+        platform.mainQueue->async(runFirst);
+    } catch (const std::bad_alloc&) {
+        const std::lock_guard lock(mutex);
+        deliveries.dropLast();
+        throw;
     }
-    if (closeCapture(current, state_->history.newest(), SelvioFacialCaptureResultCodeSuccessStillCamera))
-        deliverSuccess(current);
 }
 
-void Analyzer::selectAutomatically() {
-    // Several good frames may have asked for this before the first of them got here.
-    if (state_->selectionInProgress.exchange(true)) return;
-    const auto current = results();
-    if (!current) return;
-    current->setOrderedStatuses(Statuses{SelvioFacialCaptureStatusGoodFrame});
-    if (closeCapture(current, state_->history.newest(), SelvioFacialCaptureResultCodeSuccessVideo))
-        deliverSuccess(current);
+void Analyzer::State::deliverReport(const Frame& frame) {
+    tell(frame.run, &Delegate::detectionResults, frame.results);
 }
 
-// The end of every selection; false if there is nothing to deliver, because the capture was stopped or cancelled
-// before.
-bool Analyzer::closeCapture(const Results& selected, std::optional<Image> image, SelvioFacialCaptureResultCode code) {
-    const std::lock_guard lock(state_->closingMutex);
-    if (!selected || !parameters() || state_->cancelling) return false;
-    selected->setSelectedImage(std::move(image));
-    selected->setResultCode(code);
-    finalizeObix(*selected);
+void Analyzer::State::deliverReportOrSelect(const Frame& frame) {
+    const auto host = mutex.get(delegate).lock();
+    if (!shouldSelectCurrentFrame || !host || !host->detectionSuccess) return deliverReport(frame);
+    select(frame, SelvioFacialCaptureResultCodeSuccessStillCamera);
+}
+
+void Analyzer::State::deliverCountdown(const Frame& frame) {
+    tell(frame.run, &Delegate::startCountdown);
+}
+
+void Analyzer::State::deliverCountdownStatus(const Frame& frame) {
+    if (!isCurrent(frame.run)) return;
+    const Statuses statuses{SelvioFacialCaptureStatusCountdown};
+    frame.results->setOrderedStatuses(statuses);
+    logStatuses(statuses, frame.run);
+    deliverReport(frame);
+}
+
+void Analyzer::State::selectAutomatically(const Frame& frame) {
+    if (!isCurrent(frame.run)) return;
+    frame.results->setOrderedStatuses(Statuses{SelvioFacialCaptureStatusGoodFrame});
+    select(frame, SelvioFacialCaptureResultCodeSuccessVideo);
+}
+
+void Analyzer::State::select(const Frame& frame, SelvioFacialCaptureResultCode code) {
+    const std::optional<Run> selecting = beginSelection(frame.run);
+    if (!selecting) return;
+    const Frame selected{.run = *selecting, .results = frame.results, .image = frame.image};
+    if (closeCapture(selected, code)) deliverSuccess(selected);
+}
+
+// Without the analysis there are no statuses; else those of the last analysed frame stand.
+void Analyzer::State::deliverManually(const Frame& frame) {
+    if (!isCurrent(frame.run)) return;
+    if (manualOnly) {
+        frame.results->setOrderedStatuses(Statuses{SelvioFacialCaptureStatusNone});
+    } else if (frame.results->orderedStatuses().value_or(Statuses()).empty()) {
+        frame.results->setOrderedStatuses(Statuses{SelvioFacialCaptureStatusGoodFrame});
+    }
+    if (closeCapture(frame, SelvioFacialCaptureResultCodeSuccessStillCamera)) deliverSuccess(frame);
+}
+
+void Analyzer::State::deliverSuccess(const Frame& frame) {
+    tell(frame.run, &Delegate::detectionSuccess, frame.results);
+}
+
+bool Analyzer::State::closeCapture(const Frame& selected, SelvioFacialCaptureResultCode code) {
+    const auto settings = mutex.get(parameters);
+    if (!settings) return false;
+    const bool automatic = settings->mode() == SelvioFacialCaptureModeAuto;
+    logEvent(automatic ? SelvioFacialCaptureUxpEventFinalizedAuto : SelvioFacialCaptureUxpEventFinalizedManual,
+             selected.run);
+    const auto events = loggedEvents(selected.run);
+    std::shared_ptr<SelvioFacialCaptureObixData> record;
+    {
+        // `cancel` adds its own entries once it has ended the run: never both.
+        const std::lock_guard lock(mutex);
+        if (currentRun != selected.run || !events) return false;
+        record = obixData;
+        record->addUXP(*events);
+        record->add({{"Autocapture", automatic ? "1" : "0"}});
+        record->add({{"SelvioResultCode", SelvioFacialCaptureResults::stringFrom(code).value_or("")}});
+    }
+    SelvioFacialCaptureResults& filled = *selected.results;
+    filled.setSelectedImage(selected.image);
+    filled.setResultCode(code);
+    // The host gets its picture even if the photograph cannot be made of it.
+    withoutThrowing("The selected image could not be encoded", [&] {
+        filled.setEncodedSelectedImage(
+            record->addToImage(selected.image, static_cast<double>(settings->imageQuality())));
+    });
+    withoutThrowing("The data record could not be written",
+                    [&] { filled.setObixDataString(record->obixDataString()); });
     return true;
 }
 
-// The result code must be set before: it goes into the record, which goes into the picture.
-void Analyzer::finalizeObix(SelvioFacialCaptureResults& results) {
-    const auto settings = parameters();
-    if (!settings) return;
-    const auto record = obixData();
-    const bool automatic = settings->mode() == SelvioFacialCaptureModeAuto;
-    addEvent(automatic ? SelvioFacialCaptureUxpEventFinalizedAuto : SelvioFacialCaptureUxpEventFinalizedManual);
-    if (const auto log = events()) record->addUXP(*log);
-    record->add({{"Autocapture", automatic ? "1" : "0"}});
-    record->add({{"SelvioResultCode", SelvioFacialCaptureResults::stringFrom(results.resultCode()).value_or("")}});
-    results.setEncodedSelectedImage(
-        record->addToImage(results.selectedImage(), static_cast<double>(settings->imageQuality())));
-    results.setObixDataString(record->obixDataString());
+void Analyzer::State::logStatuses(const Statuses& statuses, Run run) {
+    for (const SelvioFacialCaptureStatus status : statuses) logEvent(eventFor(status), run);
+}
+
+// Holding the work back from `stop` keeps events of this capture out of the next one's log.
+void Analyzer::State::logEvent(SelvioFacialCaptureUxpEvent event, std::optional<Run> run) {
+    if (const auto logging = UnderWay::begin(*this, run))
+        SelvioFacialCaptureUxpEventManager::sharedInstance()->addEvent(event);
+}
+
+std::optional<nlohmann::json> Analyzer::State::loggedEvents(Run run) {
+    const auto reading = UnderWay::begin(*this, run);
+    if (!reading) return std::nullopt;
+    return SelvioFacialCaptureUxpEventManager::sharedInstance()->events();
 }

@@ -1,126 +1,132 @@
 // From a detected face to a decision: mapped to screen points, checked, gated.
-#include <SelvioFacialCapture/SelvioFacialCaptureAnalyzer.h>
-
 #include "analyzer/AnalyzerState.h"
 #include "analyzer/rules/FaceChecks.h"
 
 using namespace selvio;
 using Analyzer = SelvioFacialCaptureAnalyzer;
-using Statuses = std::vector<SelvioFacialCaptureStatus>;
 
-void Analyzer::normalizeFaceLandmarkPointsFrom(const FaceObservation& observation,
-                                               SelvioFacialCaptureResults& results) const {
+void Analyzer::State::judgeFace(const FaceObservation& observation, const Frame& frame) {
+    const auto settings = mutex.get(parameters);
+    if (!settings) return;
     const FaceLandmarks landmarks = observation.landmarks.value_or(FaceLandmarks{});
-    const Rect rect = state_->mutex.get(state_->geometry).faceRect(observation.boundingBox);
-    results.setFaceRect(rect);
-    results.setFaceContourPoints(rules::landmarkInAdjustedRect(landmarks.faceContour, rect));
-    results.setNosePoints(rules::landmarkInAdjustedRect(landmarks.nose, rect));
-    results.setOuterLipsPoints(rules::landmarkInAdjustedRect(landmarks.outerLips, rect));
-}
+    const rules::PreviewGeometry screen = mutex.get(geometry);
+    const Rect rect = screen.faceRect(observation.boundingBox);
+    const rules::FacePoints points{.contour = rules::landmarkInAdjustedRect(landmarks.faceContour, rect),
+                                   .nose = rules::landmarkInAdjustedRect(landmarks.nose, rect),
+                                   .outerLips = rules::landmarkInAdjustedRect(landmarks.outerLips, rect)};
+    frame.results->setFaceRect(rect);
+    frame.results->setFaceContourPoints(points.contour);
+    frame.results->setNosePoints(points.nose);
+    frame.results->setOuterLipsPoints(points.outerLips);
 
-void Analyzer::analyzeFaceLandmarkPoints(SelvioFacialCaptureResults& results) {
-    State& s = *state_;
-    const auto settings = parameters();
-    if (s.gateFlags().anySet() || !settings) return;
-    results.setOrderedStatuses(Statuses());
-
-    const rules::PreviewGeometry geometry = s.mutex.get(s.geometry);
     const rules::FaceChecksResult checked = rules::checkFace({
-        .points = {.contour = results.faceContourPoints(),
-                   .nose = results.nosePoints(),
-                   .outerLips = results.outerLipsPoints()},
+        .points = points,
         .limits = {.roll = settings->roll(),
                    .pitch = settings->pitch(),
                    .yaw = settings->yaw(),
                    .minFill = settings->minFill(),
                    .maxFill = settings->maxFill()},
-        .biggerScreenSide = geometry.biggerScreenSide,
-        .smallerScreenSide = geometry.smallerScreenSide,
-        .shouldHoldStill = s.shouldHoldStill,
+        .biggerScreenSide = screen.biggerScreenSide,
+        .smallerScreenSide = screen.smallerScreenSide,
+        .shouldHoldStill = shouldHoldStill,
     });
     {
-        const std::lock_guard lock(s.mutex);
-        s.noseMiddle = checked.noseMiddle;
-        s.lipLeft = checked.lipLeft;
-        s.lipRight = checked.lipRight;
-        s.faceHorizontalFill = checked.measures.horizontalFill;
+        const std::lock_guard lock(mutex);
+        noseMiddle = checked.noseMiddle;
+        lipLeft = checked.lipLeft;
+        lipRight = checked.lipRight;
+        faceHorizontalFill = checked.measures.horizontalFill;
     }
-    results.setOrderedStatuses(checked.statuses);
-    if (checked.statuses.empty()) return gateGoodFrame();
-
-    // A bad frame ends any countdown and forgets the smile.
-    addUxpFor(checked.statuses);
-    s.smileStatus = 0;
-    s.shouldStartCountdown = true;
-    submitToMainQueue(&Analyzer::deliverResultsOrSelectManually);
+    if (checked.statuses.empty()) return gateGoodFrame(frame);
+    reportBadFrame(frame, checked.statuses, &State::deliverReportOrSelect);
 }
 
-void Analyzer::gateGoodFrame() {
-    State& s = *state_;
-    const auto settings = parameters();
+// A bad frame ends any countdown and forgets the smile.
+void Analyzer::State::reportBadFrame(const Frame& frame, const Statuses& statuses, Step report) {
+    frame.results->setOrderedStatuses(statuses);
+    logStatuses(statuses, frame.run);
+    {
+        const std::lock_guard lock(mutex);
+        if (currentRun != frame.run) return;
+        smileStatus = 0;
+        shouldStartCountdown = true;
+    }
+    deliver(DeliveryKind::Report, report, frame);
+}
+
+void Analyzer::State::gateGoodFrame(const Frame& frame) {
+    const auto settings = mutex.get(parameters);
     if (!settings) return;
-    const rules::GoodFrameDecision decision = rules::decideGoodFrame({
-        .flags = s.gateFlags(),
-        .shouldSelectCurrentFrame = s.shouldSelectCurrentFrame,
-        .shouldStartCountdown = s.shouldStartCountdown,
+    rules::GoodFrameInput input{
         .selectOnSmile = settings->selectOnSmile(),
         .mode = settings->mode(),
         .countdownTime = settings->countdownTime(),
-    });
+    };
+    rules::GoodFrameDecision decision = rules::GoodFrameDecision::Drop;
+    {
+        const std::lock_guard lock(mutex);
+        if (currentRun != frame.run) return;
+        input.flags = gateFlags();
+        input.shouldSelectCurrentFrame = shouldSelectCurrentFrame;
+        input.shouldStartCountdown = shouldStartCountdown;
+        decision = rules::decideGoodFrame(input);
+        if (decision == rules::GoodFrameDecision::AnnounceCountdown) shouldStartCountdown = false;
+        if (decision == rules::GoodFrameDecision::TestSmile) smileDetectionInProgress = true;
+    }
     switch (decision) {
         case rules::GoodFrameDecision::Drop:
             return;
-        case rules::GoodFrameDecision::TestSmile: {
-            s.smileDetectionInProgress = true;
-            // Frames go on being kept meanwhile; the test is about this one.
-            const std::optional<Image> image = s.mutex.get(s.ciImage);
-            s.platform.globalQueue->async([weak = weak_from_this(), image] {
-                if (const auto self = weak.lock())
-                    withoutThrowing("A smile could not be judged", [&] { self->testSmile(image); });
+        case rules::GoodFrameDecision::TestSmile:
+            return platform.globalQueue->async([weak = weak_from_this(), frame] {
+                if (const auto self = weak.lock()) self->testSmile(frame);
             });
-            return;
-        }
         case rules::GoodFrameDecision::SelectAutomatically:
-            return submitToMainQueue(&Analyzer::selectAutomatically);
+            return deliver(DeliveryKind::AutomaticSelection, &State::selectAutomatically, frame);
         case rules::GoodFrameDecision::AnnounceCountdown:
-            s.shouldStartCountdown = false;
-            return submitToMainQueue(&Analyzer::deliverCountdown);
+            return deliver(DeliveryKind::Countdown, &State::deliverCountdown, frame);
         case rules::GoodFrameDecision::ReportCountdown:
-            return submitToMainQueue(&Analyzer::deliverCountdownStatus);
+            return deliver(DeliveryKind::Report, &State::deliverCountdownStatus, frame);
     }
 }
 
-void Analyzer::testSmile(const std::optional<Image>& image) {
-    State& s = *state_;
-    SELVIO_ASSERT_ON_QUEUE(s.platform.globalQueue);
-    const auto current = results();
-    const auto settings = parameters();
-    const auto faces =
-        image && s.faceDetector ? s.faceDetector->featuresInImage(*image, /*smile=*/true) : std::vector<FaceFeature>();
-    if (faces.size() != 1 || !current || !settings) {
-        s.smileDetectionInProgress = false;
-        return;
-    }
-    const rules::SmileJudgement judgement = rules::judgeSmile(faces.front().hasSmile, s.smileStatus, settings->mode());
-    std::int64_t untested = 0;  // only the first test of a run says how it began
-    s.smileStatus.compare_exchange_strong(untested, judgement.smileStatus);
-    // Stays set on purpose, and so keeps every later frame out until `resume` clears it.
-    if (s.selectionInProgress || s.shouldSkipFrames) return;
+void Analyzer::State::testSmile(const Frame& frame) {
+    SELVIO_ASSERT_ON_QUEUE(platform.globalQueue);
+    std::optional<Run> tested = frame.run;
+    withoutThrowing("A smile could not be judged", [&] {
+        const auto faces =
+            faceDetector ? faceDetector->featuresInImage(*frame.image, /*smile=*/true) : std::vector<FaceFeature>();
+        if (faces.size() == 1) tested = judgeSmile(frame, faces.front().hasSmile);
+    });
+    const std::lock_guard lock(mutex);
+    if (currentRun == tested) smileDetectionInProgress = false;
+}
 
+auto Analyzer::State::judgeSmile(const Frame& frame, bool smiling) -> std::optional<Run> {
+    const auto settings = mutex.get(parameters);
+    if (!settings) return std::nullopt;
+    rules::SmileJudgement judgement;
+    {
+        const std::lock_guard lock(mutex);
+        if (currentRun != frame.run) return std::nullopt;
+        judgement = rules::judgeSmile(smiling, smileStatus, settings->mode());
+        smileStatus = judgement.smileStatus;
+        // The flag stays set on purpose, and so keeps every later frame out until `resume` clears it.
+        if (shouldSkipFrames) return std::nullopt;
+    }
     const Statuses statuses{judgement.askToStopSmiling ? SelvioFacialCaptureStatusStopSmiling
                                                        : SelvioFacialCaptureStatusGoodFrame};
-    current->setOrderedStatuses(statuses);
-    addUxpFor(statuses);
+    frame.results->setOrderedStatuses(statuses);
+    logStatuses(statuses, frame.run);
     if (judgement.selection == rules::SmileSelection::None) {
-        submitToMainQueue(&Analyzer::deliverResultsOrSelectManually);
-    } else if (!s.selectionInProgress.exchange(true)) {
-        auto image =
-            judgement.selection == rules::SmileSelection::OldestFrame ? s.history.oldest() : s.history.newest();
-        if (closeCapture(current, std::move(image), SelvioFacialCaptureResultCodeSuccessVideo)) {
-            s.platform.mainQueue->async([weak = weak_from_this(), current] {
-                if (const auto self = weak.lock()) self->deliverSuccess(current);
-            });
-        }
+        deliver(DeliveryKind::Report, &State::deliverReportOrSelect, frame);
+        return frame.run;
     }
-    s.smileDetectionInProgress = false;
+    const std::optional<Run> selecting = beginSelection(frame.run);
+    if (!selecting) return std::nullopt;
+    const bool first = judgement.selection == rules::SmileSelection::OldestFrame;
+    const Frame selected{
+        .run = *selecting, .results = frame.results, .image = first ? history.oldest() : history.newest()};
+    if (closeCapture(selected, SelvioFacialCaptureResultCodeSuccessVideo))
+        deliver(DeliveryKind::Once, &State::deliverSuccess, selected);
+    return selecting;
 }

@@ -1,13 +1,10 @@
 // A frame's way into the analyzer: admitted, copied once, kept, detected.
-#include <SelvioFacialCapture/SelvioFacialCaptureAnalyzer.h>
 #include <SelvioFacialCapture/SelvioFacialCaptureImageUtilities.h>
-#include <SelvioFacialCapture/base/Log.h>
 
-#include <limits>
-#include <new>
 #include <utility>
 
 #include "analyzer/AnalyzerState.h"
+#include "analyzer/rules/DeviceOrientation.h"
 
 using namespace selvio;
 using Analyzer = SelvioFacialCaptureAnalyzer;
@@ -15,8 +12,8 @@ using Analyzer = SelvioFacialCaptureAnalyzer;
 namespace {
 
 constexpr std::size_t kLiveHistoryLimit = 14;
+constexpr std::size_t kHistoryLimitWhileSelecting = 2 * kLiveHistoryLimit;
 constexpr std::size_t kStillHistoryLimit = 5;
-constexpr std::size_t kNoLimit = std::numeric_limits<std::size_t>::max();
 constexpr std::uint32_t kStillImageOrientation = 5;
 
 int landmarksRevision(int systemMajorVersion) {
@@ -25,131 +22,113 @@ int landmarksRevision(int systemMajorVersion) {
 
 }  // namespace
 
-void Analyzer::analyzeSampleBuffer(const std::shared_ptr<SampleBuffer>& sampleBuffer) {
-    if (!sampleBuffer || state_->inProgress.exchange(true)) return;
-    FrameId id = kNoFrame;
-    try {
-        auto copy = SelvioFacialCaptureImageUtilities::copySampleBuffer(sampleBuffer, *state_->framePool);
-        {
-            const std::lock_guard lock(state_->mutex);
-            state_->sampleBuffer.swap(copy);
-            id = state_->heldFrame = ++state_->lastFrame;
-        }
-        state_->analysisQueue->async([weak = weak_from_this(), id] {
+void Analyzer::State::analyzeSampleBuffer(const std::shared_ptr<SampleBuffer>& sampleBuffer) {
+    if (!sampleBuffer || ended || inProgress->exchange(true)) return;
+    withoutThrowing("A frame could not be taken", [&] {
+        // The deleter also runs if the reference cannot be made.
+        std::shared_ptr<void> latch(inProgress.get(), [latch = inProgress](void*) { *latch = false; });
+        const auto held = std::make_shared<HeldFrame>();
+        held->latch = std::move(latch);
+        held->buffer = SelvioFacialCaptureImageUtilities::copySampleBuffer(sampleBuffer, *framePool);
+        analysisQueue->async([weak = weak_from_this(), held] {
             const auto self = weak.lock();
-            if (self && !withoutThrowing("A frame could not be analysed", [&] { self->analyzeHeldFrame(id); }))
-                self->releaseSampleBuffer(id);
+            if (self) withoutThrowing("A frame could not be analysed", [&] { self->analyzeHeldFrame(*held); });
+            held->release();
         });
-    } catch (const std::bad_alloc&) {  // this frame is dropped; the next one may do better
-        log("A frame could not be taken: not enough memory");
-        if (id == kNoFrame) state_->inProgress = false;
-        releaseSampleBuffer(id);
-    }
+    });
 }
 
-void Analyzer::analyzeHeldFrame(FrameId id) {
-    SELVIO_ASSERT_ON_QUEUE(state_->analysisQueue);
-    State& s = *state_;
-    const auto frame = s.mutex.get(s.sampleBuffer);
-    const auto parameters = this->parameters();
-    const std::shared_ptr<PixelBuffer> pixelBuffer = frame ? frame->imageBuffer() : nullptr;
-    if (!pixelBuffer || !parameters) return releaseSampleBuffer(id);
+void Analyzer::State::analyzeHeldFrame(HeldFrame& held) {
+    SELVIO_ASSERT_ON_QUEUE(analysisQueue);
+    Frame frame{.run = mutex.get(currentRun)};
+    const std::shared_ptr<PixelBuffer> pixelBuffer = held.buffer ? held.buffer->imageBuffer() : nullptr;
+    const auto settings = mutex.get(parameters);
+    if (!pixelBuffer || !settings) return;
+    frame.image = SelvioFacialCaptureImageUtilities::imageFromSampleBuffer(held.buffer);
+    if (!frame.image) return;
+    history.append(*frame.image, selectionInProgress ? kHistoryLimitWhileSelecting : kLiveHistoryLimit);
 
-    const std::optional<Image> image = SelvioFacialCaptureImageUtilities::imageFromSampleBuffer(frame);
-    if (!image) return releaseSampleBuffer(id);
-    s.mutex.set(s.ciImage, image);
-    s.history.append(*image, s.selectionInProgress ? kNoLimit : kLiveHistoryLimit);
-
-    const bool manual = s.manualOnly || parameters->mode() == SelvioFacialCaptureModeManual;
-    const auto host = delegate();
-    if (manual && s.shouldSelectCurrentFrame && host && host->detectionSuccess &&
-        !s.selectionInProgress.exchange(true)) {
-        releaseSampleBuffer(id);
-        submitToMainQueue(&Analyzer::deliverManually);
-    }
-
-    if (!s.canAnalyze() || s.gateFlags().anySet() || s.manualOnly) {
-        return releaseSampleBuffer(id);
-    }
-
-    auto results = std::make_shared<SelvioFacialCaptureResults>();
-    results->setOrderedStatuses(std::vector<SelvioFacialCaptureStatus>());
-    {
-        const std::lock_guard lock(s.mutex);
-        if (s.results) s.results.swap(results);  // once spent there are none
-        if (s.geometry.resolution == Size{}) {
-            s.geometry.setResolution({.width = static_cast<double>(pixelBuffer->width()),
-                                      .height = static_cast<double>(pixelBuffer->height())});
+    const bool manual = manualOnly || settings->mode() == SelvioFacialCaptureModeManual;
+    const auto host = mutex.get(delegate).lock();
+    if (manual && shouldSelectCurrentFrame && host && host->detectionSuccess) {
+        if (const auto selecting = beginSelection(frame.run)) {
+            held.release();
+            frame.run = *selecting;
+            frame.results = replaceResultsByCopy(*selecting);
+            if (!frame.results) return;
+            return deliver(DeliveryKind::Once, &State::deliverManually, frame);
         }
     }
-    s.exifOrientation = exifOrientationForCurrentDeviceOrientation();
-    performLandmarksRequest(pixelBuffer, s.exifOrientation, id);
-}
+    if (!canAnalyze() || gateFlags().anySet() || manualOnly) return;
 
-void Analyzer::performLandmarksRequest(const std::shared_ptr<const PixelBuffer>& pixelBuffer,
-                                       std::uint32_t exifOrientation, FrameId id) {
-    // The handler calls back before it returns, while the caller holds this.
-    const auto request = std::make_shared<FaceLandmarksRequest>(
-        [this, id](const FaceLandmarksRequest& done, const std::optional<Error>& error) {
-            // The frame goes before its result is judged, so that the next one may come in meanwhile.
-            releaseSampleBuffer(id);
-            detectedFace(done, error);
-        });
-    request->setRevision(landmarksRevision(state_->systemMajorVersion));
-    const std::lock_guard lock(state_->visionMutex);
-    const auto error = state_->sequenceRequestHandler->performRequests({request}, pixelBuffer, exifOrientation);
-    if (error) log("SequenceRequestHandler couldn't perform requests: " + error->localizedDescription);
-    releaseSampleBuffer(id);
-}
-
-// Gives back the frame and opens the latch. Only the frame that is held can be given back: a second call for one that
-// has gone changes nothing, so that the next frame keeps its place.
-void Analyzer::releaseSampleBuffer(FrameId id) {
-    std::shared_ptr<SampleBuffer> released;
-    const std::lock_guard lock(state_->mutex);
-    if (id == kNoFrame || state_->heldFrame != id) return;
-    state_->heldFrame = kNoFrame;
-    released.swap(state_->sampleBuffer);
-    state_->inProgress = false;
-}
-
-void Analyzer::detectedFace(const FaceLandmarksRequest& request, const std::optional<Error>& error) {
-    const auto current = results();
-    if (state_->gateFlags().anySet() || !current) return;
-    if (error) log("Detect face request error: " + error->localizedDescription);
-    const auto& observations = request.results();
-    if (!observations || observations->empty()) {
-        reportStatuses(*current, {SelvioFacialCaptureStatusFaceNotFound});
-    } else if (observations->size() > 1) {
-        reportStatuses(*current, {SelvioFacialCaptureStatusMoreThanOneFace});
-    } else {
-        normalizeFaceLandmarkPointsFrom(observations->front(), *current);
-        analyzeFaceLandmarkPoints(*current);
+    frame.results = std::make_shared<SelvioFacialCaptureResults>();
+    frame.results->setOrderedStatuses(Statuses());
+    {
+        const std::lock_guard lock(mutex);
+        if (currentRun != frame.run) return;
+        results = frame.results;
+        if (geometry.resolution == Size{}) {
+            geometry.setResolution({.width = static_cast<double>(pixelBuffer->width()),
+                                    .height = static_cast<double>(pixelBuffer->height())});
+        }
     }
+    exifOrientation =
+        rules::exifOrientationFor(platform.device ? platform.device->orientation() : DeviceOrientation::Unknown);
+    detectFaces(*sequenceRequestHandler, pixelBuffer, exifOrientation, frame, &held);
 }
 
-void Analyzer::reportStatuses(SelvioFacialCaptureResults& results,
-                              const std::vector<SelvioFacialCaptureStatus>& statuses) {
-    results.setOrderedStatuses(statuses);
-    addUxpFor(statuses);
-    submitToMainQueue(&Analyzer::deliverCurrentResults);
+// The newest results, in an object that no delegate has been given.
+auto Analyzer::State::replaceResultsByCopy(Run run) -> Results {
+    const std::lock_guard lock(mutex);
+    return currentRun == run && results ? results = results->withoutSelection() : nullptr;
 }
 
-void Analyzer::analyzeImageAtPath(const std::string& path) {
-    State& s = *state_;
-    if (!s.canAnalyze() || !s.platform.imageLoader || !results()) return;
-    const auto picture = s.platform.imageLoader->loadImage(path);
+void Analyzer::State::analyzeImageAtPath(const std::string& path) {
+    if (!canAnalyze() || !platform.imageLoader || ended) return;
+    const auto picture = platform.imageLoader->loadImage(path);
     if (!picture) return log(picture.error().localizedDescription);
     const std::shared_ptr<PixelBuffer>& pixels = picture.value();
     if (!pixels) return;
-    const Image image{.bitmap = pixels};
+    Frame frame{.run = mutex.get(currentRun), .image = Image{.bitmap = pixels}};
     const Size extent{.width = static_cast<double>(pixels->width()), .height = static_cast<double>(pixels->height())};
+    frame.results = replaceResultsByCopy(frame.run);
+    if (!frame.results) return;
     {
-        const std::lock_guard lock(s.mutex);
-        s.ciImage = image;
-        s.geometry.setScreen(extent);
-        s.geometry.setResolution(extent);
+        const std::lock_guard lock(mutex);
+        geometry.setScreen(extent);
+        geometry.setResolution(extent);
     }
-    s.history.append(image, kStillHistoryLimit);
-    performLandmarksRequest(pixels, kStillImageOrientation, kNoFrame);
+    history.append(*frame.image, kStillHistoryLimit);
+    // A handler of its own: one handler serves one thread at a time, and the other one is the analysis queue's.
+    if (const auto handler = platform.makeSequenceRequestHandler())
+        detectFaces(*handler, pixels, kStillImageOrientation, frame, nullptr);
+}
+
+void Analyzer::State::detectFaces(SequenceRequestHandler& handler,
+                                  const std::shared_ptr<const PixelBuffer>& pixelBuffer, std::uint32_t orientation,
+                                  const Frame& frame, HeldFrame* held) {
+    // The handler calls back before it returns.
+    const auto request = std::make_shared<FaceLandmarksRequest>(
+        [this, &frame, held](const FaceLandmarksRequest& done, const std::optional<Error>& error) {
+            // The frame goes before its result is judged, so that the next one may come in meanwhile.
+            if (held) held->release();
+            judgeDetection(done, error, frame);
+        });
+    request->setRevision(landmarksRevision(systemMajorVersion));
+    const auto error = handler.performRequests({request}, pixelBuffer, orientation);
+    if (error) log("SequenceRequestHandler couldn't perform requests: " + error->localizedDescription);
+}
+
+void Analyzer::State::judgeDetection(const FaceLandmarksRequest& request, const std::optional<Error>& error,
+                                     const Frame& frame) {
+    if (gateFlags().anySet() || !isCurrent(frame.run)) return;
+    if (error) log("Detect face request error: " + error->localizedDescription);
+    const auto& observations = request.results();
+    if (!observations || observations->empty()) {
+        reportBadFrame(frame, {SelvioFacialCaptureStatusFaceNotFound}, &State::deliverReport);
+    } else if (observations->size() > 1) {
+        reportBadFrame(frame, {SelvioFacialCaptureStatusMoreThanOneFace}, &State::deliverReport);
+    } else {
+        judgeFace(observations->front(), frame);
+    }
 }

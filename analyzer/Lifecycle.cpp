@@ -2,6 +2,7 @@
 #include <SelvioFacialCapture/SelvioFacialCaptureAnalyzer.h>
 #include <SelvioFacialCapture/base/Log.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <utility>
@@ -17,6 +18,7 @@ namespace {
 constexpr auto kMotionInterval = std::chrono::milliseconds(300);
 constexpr double kHoldStillThreshold = 0.1;  // radians per second
 constexpr int kSequenceHandlerVersion = 11;
+constexpr int kAutomaticAnalysisVersion = 12;  // older systems capture manually only
 
 // The first component of a dotted version; 0 if it is not a number.
 int majorVersion(const std::shared_ptr<const Device>& device) {
@@ -42,7 +44,7 @@ std::string queueLabel(const char* name) {
 
 }  // namespace
 
-Analyzer::State::State(const Platform& ports)
+Analyzer::State::State(const Platform& ports, std::shared_ptr<SelvioFacialCaptureParameters> settings)
     : platform(ports),
       systemMajorVersion(majorVersion(ports.device)),
       statusbarOrientation(ports.screen ? ports.screen->statusBarOrientation() : InterfaceOrientation::Unknown),
@@ -50,18 +52,194 @@ Analyzer::State::State(const Platform& ports)
                                                                            : nullptr),
       faceDetector(made(ports.makeFaceDetector)),
       framePool(PixelBufferPool::create()),
+      obixData(SelvioFacialCaptureObixData::init(ports)),
+      parameters(std::move(settings)),
+      results(std::make_shared<SelvioFacialCaptureResults>()),
+      motionManager(made(ports.makeMotionManager)),
       analysisQueue(ports.makeSerialQueue(queueLabel(".frameAnalysisQueue"))) {
-    obixData = SelvioFacialCaptureObixData::init(ports);
-    results = std::make_shared<SelvioFacialCaptureResults>();
-    motionManager = made(ports.makeMotionManager);
     if (ports.screen) geometry.setScreen(ports.screen->bounds());
     if (motionManager) motionManager->setDeviceMotionUpdateInterval(kMotionInterval);
+}
+
+bool Analyzer::State::canAnalyze() const {
+    return systemMajorVersion >= kAutomaticAnalysisVersion && sequenceRequestHandler != nullptr;
 }
 
 rules::GateFlags Analyzer::State::gateFlags() const {
     return {.selectionInProgress = selectionInProgress,
             .shouldSkipFrames = shouldSkipFrames,
             .smileDetectionInProgress = smileDetectionInProgress};
+}
+
+void Analyzer::State::setDelegate(std::weak_ptr<Delegate> host) {
+    const bool given = !host.expired();
+    const bool applies = given && systemMajorVersion < kAutomaticAnalysisVersion;
+    Run run = 0;
+    {
+        std::unique_lock lock(mutex);
+        if (ended) return;
+        run = currentRun;
+        delegate.swap(host);
+        lock.unlock();  // before the end of what was replaced
+    }
+    if (!applies) return;
+    manualOnly = true;
+    if (const auto settings = mutex.get(parameters)) settings->setMode(SelvioFacialCaptureModeManual);
+    tell(run, &Delegate::manualOnly);
+}
+
+void Analyzer::State::pauseFor(std::int64_t reason) {
+    shouldSkipFrames = true;
+    shouldStartCountdown = true;
+    // Reasons 3 and 4 cross over.
+    switch (reason) {
+        case 1:
+            logEvent(SelvioFacialCaptureUxpEventPauseReason1, std::nullopt);
+            break;
+        case 2:
+            logEvent(SelvioFacialCaptureUxpEventPauseReason2, std::nullopt);
+            break;
+        case 3:
+            logEvent(SelvioFacialCaptureUxpEventPauseReason3, std::nullopt);
+            break;
+        case 4:
+            logEvent(SelvioFacialCaptureUxpEventPauseReason4, std::nullopt);
+            break;
+        default:
+            break;
+    }
+    setMotionUpdates(false);
+}
+
+void Analyzer::State::resume() {
+    std::shared_ptr<SelvioFacialCaptureParameters> settings;
+    std::shared_ptr<SelvioFacialCaptureObixData> record;
+    {
+        const std::lock_guard lock(mutex);
+        if (ended) return;
+        ++currentRun;
+        shouldSkipFrames = false;
+        smileDetectionInProgress = false;
+        selectionInProgress = false;
+        shouldSelectCurrentFrame = false;
+        settings = parameters;
+        record = obixData;
+    }
+    const bool automatic = settings->mode() == SelvioFacialCaptureModeAuto;
+    logEvent(automatic ? SelvioFacialCaptureUxpEventStartAuto : SelvioFacialCaptureUxpEventStartManual, std::nullopt);
+    setMotionUpdates(true);
+    record->addParameters(settings->toDictionary());
+}
+
+// Only one thread at a time speaks to the motion manager. It does so without the mutex, and looks afterwards whether
+// something else has been asked for meanwhile.
+void Analyzer::State::setMotionUpdates(bool running) {
+    std::unique_lock lock(mutex);
+    motionRunning = running && !ended;
+    ++motionAsked;
+    if (motionChanging || !motionManager) return;
+    motionChanging = true;
+    const auto manager = motionManager;
+    for (std::uint64_t carriedOut = 0; carriedOut != motionAsked;) {
+        carriedOut = motionAsked;
+        const bool start = motionRunning;
+        lock.unlock();
+        if (start) {
+            manager->startDeviceMotionUpdates(
+                platform.makeSerialQueue(queueLabel(".deviceMotionQueue")),
+                [weak = weak_from_this()](const DeviceMotion& motion, const std::optional<Error>&) {
+                    if (const auto self = weak.lock()) self->shouldHoldStill = isRotating(motion.rotationRate);
+                });
+        } else {
+            manager->stopDeviceMotionUpdates();
+        }
+        lock.lock();
+    }
+    motionChanging = false;
+    if (ended) motionManager = nullptr;  // `manager` outlives the lock
+}
+
+void Analyzer::State::endRuns() {
+    const std::lock_guard lock(mutex);
+    if (!ended.exchange(true)) ++currentRun;
+}
+
+void Analyzer::State::stop() {
+    endRuns();
+    waitForOthers();
+    tearDown();
+}
+
+void Analyzer::State::cancel() {
+    std::optional<UnderWay> cancelling;
+    Results cancelled;
+    std::shared_ptr<SelvioFacialCaptureObixData> record;
+    Run run = 0;
+    {
+        const std::lock_guard lock(mutex);
+        if (!ended) {
+            cancelled = results->withoutSelection();
+            cancelling.emplace(*this);
+            record = obixData;
+            run = ++currentRun;
+            ended = true;
+        }
+    }
+    if (!cancelling) return waitForOthers();
+    const SelvioFacialCaptureResultCode code = SelvioFacialCaptureResultCodeCancelled;
+    const auto events = SelvioFacialCaptureUxpEventManager::sharedInstance();
+    events->addEvent(SelvioFacialCaptureUxpEventCancelled);
+    record->addUXP(events->events());
+    record->add({{"SelvioResultCode", *SelvioFacialCaptureResults::stringFrom(code)}});
+    cancelled->setObixDataString(record->obixDataString());
+    cancelled->setResultCode(code);
+    tell(run, &Delegate::detectionCancelled, cancelled);
+    tearDown();
+}
+
+// The first of several threads does it, and the others wait for that.
+void Analyzer::State::tearDown() {
+    Results spentResults;
+    std::shared_ptr<SelvioFacialCaptureParameters> spentParameters;
+    std::optional<UnderWay> tearingDown;
+    {
+        const std::lock_guard lock(mutex);
+        spentResults.swap(results);
+        spentParameters.swap(parameters);
+        if (spentResults) tearingDown.emplace(*this);
+    }
+    if (!tearingDown) return waitForOthers();
+    SelvioFacialCaptureUxpEventManager::destroySharedInstance();
+    history.close();
+    setMotionUpdates(false);
+}
+
+void Analyzer::State::waitForOthers() {
+    std::unique_lock<std::mutex> lock(mutex);
+    if (std::find(underWay.begin(), underWay.end(), std::this_thread::get_id()) != underWay.end()) return;
+    underWayEnded.wait(lock, [this] { return underWay.empty(); });
+}
+
+auto Analyzer::State::UnderWay::begin(State& state, std::optional<Run> run) -> std::optional<UnderWay> {
+    const std::lock_guard lock(state.mutex);
+    if (run ? *run != state.currentRun : state.ended.load()) return std::nullopt;
+    return std::optional<UnderWay>(std::in_place, state);
+}
+
+Analyzer::State::UnderWay::~UnderWay() {
+    {
+        const std::lock_guard lock(state_.mutex);
+        auto& threads = state_.underWay;
+        threads.erase(std::find(threads.begin(), threads.end(), std::this_thread::get_id()));
+    }
+    state_.underWayEnded.notify_all();
+}
+
+auto Analyzer::State::beginSelection(Run run) -> std::optional<Run> {
+    const std::lock_guard lock(mutex);
+    if (currentRun != run || selectionInProgress) return std::nullopt;
+    selectionInProgress = true;
+    return ++currentRun;
 }
 
 std::shared_ptr<Analyzer> Analyzer::initWithParameters(std::shared_ptr<SelvioFacialCaptureParameters> parameters,
@@ -74,136 +252,44 @@ std::shared_ptr<Analyzer> Analyzer::initWithParameters(std::shared_ptr<SelvioFac
         log("An analyzer cannot be made on a platform without queues");
         return nullptr;
     }
-    auto state = std::make_unique<State>(platform);
+    auto state = std::make_shared<State>(platform, std::move(parameters));
     if (!state->analysisQueue) {
         log("An analyzer cannot be made without an analysis queue");
         return nullptr;
     }
-    state->parameters = std::move(parameters);
     return std::shared_ptr<Analyzer>(new Analyzer(std::move(state)));
 }
 
-Analyzer::SelvioFacialCaptureAnalyzer(std::unique_ptr<State> state) : state_(std::move(state)) {}
+Analyzer::SelvioFacialCaptureAnalyzer(std::shared_ptr<State> state) : state_(std::move(state)) {}
 
 Analyzer::~SelvioFacialCaptureAnalyzer() {
-    if (state_->motionManager) state_->motionManager->stopDeviceMotionUpdates();
+    state_->endRuns();
+    state_->setMotionUpdates(false);
 }
 
-void Analyzer::setDelegate(std::weak_ptr<SelvioFacialCaptureAnalyzerDelegate> delegate) {
-    const std::shared_ptr<SelvioFacialCaptureAnalyzerDelegate> host = delegate.lock();
-    state_->mutex.set(state_->delegate, std::move(delegate));
-    if (!host || state_->systemMajorVersion >= State::kAutomaticAnalysisVersion) return;
-    state_->manualOnly = true;
-    updateMode(SelvioFacialCaptureModeManual);
-    if (host->manualOnly) host->manualOnly();
-}
+// clang-format off
+void Analyzer::setDelegate(std::weak_ptr<SelvioFacialCaptureAnalyzerDelegate> delegate) { state_->setDelegate(std::move(delegate)); }
+void Analyzer::pause() { state_->pauseFor(0); }
+void Analyzer::pauseFor(std::int64_t reason) { state_->pauseFor(reason); }
+void Analyzer::resume() { state_->resume(); }
+void Analyzer::selectFrame() { state_->shouldSelectCurrentFrame = true; }
+void Analyzer::analyzeSampleBuffer(const std::shared_ptr<SampleBuffer>& sampleBuffer) { state_->analyzeSampleBuffer(sampleBuffer); }
+void Analyzer::analyzeImageAtPath(const std::string& path) { state_->analyzeImageAtPath(path); }
+// clang-format on
 
 void Analyzer::updateMode(std::int64_t mode) {
     if (const auto current = parameters()) current->setMode(mode);
 }
 
-void Analyzer::pause() {
-    pauseFor(0);
-}
-
-void Analyzer::pauseFor(std::int64_t reason) {
-    state_->shouldSkipFrames = true;
-    state_->shouldStartCountdown = true;
-    // Reasons 3 and 4 cross over.
-    switch (reason) {
-        case 1:
-            addEvent(SelvioFacialCaptureUxpEventPauseReason1);
-            break;
-        case 2:
-            addEvent(SelvioFacialCaptureUxpEventPauseReason2);
-            break;
-        case 3:
-            addEvent(SelvioFacialCaptureUxpEventPauseReason3);
-            break;
-        case 4:
-            addEvent(SelvioFacialCaptureUxpEventPauseReason4);
-            break;
-        default:
-            break;
-    }
-    const std::lock_guard lock(state_->motionMutex);
-    if (state_->motionManager) state_->motionManager->stopDeviceMotionUpdates();
-}
-
-void Analyzer::resume() {
-    const auto current = parameters();
-    if (!current) return;
-    state_->shouldSkipFrames = false;
-    state_->smileDetectionInProgress = false;
-    state_->selectionInProgress = false;
-    state_->shouldSelectCurrentFrame = false;
-    addEvent(current->mode() == SelvioFacialCaptureModeAuto ? SelvioFacialCaptureUxpEventStartAuto
-                                                            : SelvioFacialCaptureUxpEventStartManual);
-    startMotionUpdates();
-    obixData()->addParameters(current->toDictionary());
-}
-
-void Analyzer::startMotionUpdates() {
-    const std::lock_guard lock(state_->motionMutex);
-    // A pause that came meanwhile has set its flag and stopped the feed, or waits to.
-    if (!state_->motionManager || state_->shouldSkipFrames) return;
-    state_->motionManager->startDeviceMotionUpdates(
-        state_->platform.makeSerialQueue(queueLabel(".deviceMotionQueue")),
-        [weak = weak_from_this()](const DeviceMotion& motion, const std::optional<Error>&) {
-            if (const auto self = weak.lock()) self->state_->shouldHoldStill = isRotating(motion.rotationRate);
-        });
-}
-
+// The host may let go of the analyzer when it is told.
 void Analyzer::stop() {
-    {
-        const std::lock_guard lock(state_->eventMutex);
-        if (std::exchange(state_->spent, true)) return;
-        SelvioFacialCaptureUxpEventManager::destroySharedInstance();
-    }
-    // The results go first: who finds no parameters must not find results to deliver.
-    state_->mutex.set(state_->results, nullptr);
-    state_->mutex.set(state_->parameters, nullptr);
-    state_->mutex.set(state_->ciImage, std::nullopt);
-    state_->history.close();
-    const std::lock_guard lock(state_->motionMutex);
-    if (const auto motion = std::exchange(state_->motionManager, nullptr)) motion->stopDeviceMotionUpdates();
+    const auto state = state_;
+    state->stop();
 }
 
 void Analyzer::cancel() {
-    const auto self = shared_from_this();  // the host may let go of the analyzer when it is told
-    Results cancelled = results();
-    if (!cancelled || state_->cancelling.exchange(true)) return;
-    {
-        const std::lock_guard lock(state_->closingMutex);
-        // What a selection has filled may be in the host's hands already.
-        if (cancelled->resultCode() != SelvioFacialCaptureResultCodeNone)
-            cancelled = std::make_shared<SelvioFacialCaptureResults>();
-        const auto record = obixData();
-        const SelvioFacialCaptureResultCode code = SelvioFacialCaptureResultCodeCancelled;
-        addEvent(SelvioFacialCaptureUxpEventCancelled);
-        if (const auto log = events()) record->addUXP(*log);
-        record->add({{"SelvioResultCode", *SelvioFacialCaptureResults::stringFrom(code)}});
-        cancelled->setObixDataString(record->obixDataString());
-        cancelled->setResultCode(code);
-    }
-    if (const auto host = delegate(); host && host->detectionCancelled) host->detectionCancelled(cancelled);
-    stop();
-}
-
-void Analyzer::selectFrame() {
-    state_->shouldSelectCurrentFrame = true;
-}
-
-void Analyzer::addEvent(SelvioFacialCaptureUxpEvent event) {
-    const std::lock_guard lock(state_->eventMutex);
-    if (state_->spent) return;  // the log may belong to the next capture by now
-    SelvioFacialCaptureUxpEventManager::sharedInstance()->addEvent(event);
-}
-
-std::optional<nlohmann::json> Analyzer::events() const {
-    const std::lock_guard lock(state_->eventMutex);
-    if (state_->spent) return std::nullopt;
-    return SelvioFacialCaptureUxpEventManager::sharedInstance()->events();
+    const auto state = state_;
+    state->cancel();
 }
 
 std::shared_ptr<SelvioFacialCaptureAnalyzerDelegate> Analyzer::delegate() const {
@@ -219,7 +305,7 @@ bool Analyzer::manualOnly() const { return state_->manualOnly; }
 bool Analyzer::isDepthDetected() const { return true; }
 bool Analyzer::shouldHoldStill() const { return state_->shouldHoldStill; }
 bool Analyzer::shouldStartCountdown() const { return state_->shouldStartCountdown; }
-bool Analyzer::inProgress() const { return state_->inProgress; }
+bool Analyzer::inProgress() const { return *state_->inProgress; }
 std::int64_t Analyzer::smileStatus() const { return state_->smileStatus; }
 std::uint32_t Analyzer::exifOrientation() const { return state_->exifOrientation; }
 std::shared_ptr<SelvioFacialCaptureParameters> Analyzer::parameters() const { return state_->mutex.get(state_->parameters); }

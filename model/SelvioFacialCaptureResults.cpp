@@ -46,6 +46,22 @@ void SelvioFacialCaptureResults::setOrderedStatuses(Statuses statuses) {
     if (orderedStatuses_ && !orderedStatuses_->empty()) highestPriorityStatus_ = orderedStatuses_->front();
 }
 
+std::shared_ptr<SelvioFacialCaptureResults> SelvioFacialCaptureResults::withoutSelection() const {
+    auto copy = std::make_shared<SelvioFacialCaptureResults>();
+    const std::lock_guard lock(mutex_);
+    copy->highestPriorityStatus_ = highestPriorityStatus_;
+    copy->orderedStatuses_ = orderedStatuses_;
+    copy->faceContourPoints_ = faceContourPoints_;
+    copy->noseCrestPoints_ = noseCrestPoints_;
+    copy->nosePoints_ = nosePoints_;
+    copy->leftEyePoints_ = leftEyePoints_;
+    copy->rightEyePoints_ = rightEyePoints_;
+    copy->innerLipsPoints_ = innerLipsPoints_;
+    copy->outerLipsPoints_ = outerLipsPoints_;
+    copy->faceRect_ = faceRect_;
+    return copy;
+}
+
 SelvioFacialCaptureStatus SelvioFacialCaptureResults::highestPriorityStatus() const {
     return mutex_.get(highestPriorityStatus_);
 }

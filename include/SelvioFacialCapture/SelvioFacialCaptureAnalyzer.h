@@ -28,7 +28,7 @@
 /// - Constructed: frames are analysed as soon as they arrive; no motion updates.
 /// - Running: frames are analysed; the motion feed drives the hold-still status.
 /// - Paused: frames are kept in the history but not analysed; motion stopped.
-/// - Selecting: a frame was chosen; frames are kept, the history is no longer trimmed. Left only by `resume`.
+/// - Selecting: a frame was chosen; frames are kept, up to twice as many. Left only by `resume`.
 /// - Spent: parameters, results, history and motion source are gone. Every operation does nothing; make a new analyzer
 /// for a new capture.
 ///
@@ -36,7 +36,12 @@
 /// next frame or detection result. Delegate calls run on the main queue unless their documentation says otherwise.
 /// Nothing here reports a failure to the caller: failures are lines in the platform log. The analyzer keeps no timer:
 /// the host ends a capture that takes too long.
-class SelvioFacialCaptureAnalyzer : public std::enable_shared_from_this<SelvioFacialCaptureAnalyzer> {
+///
+/// A frame's outcome belongs to that frame: the delegate is given that frame's statuses and picture, however late the
+/// main queue is, in a results object that is never written again. A selection, `resume`, `stop` and `cancel` end what
+/// was begun before them: no delegate call for an earlier frame follows. Of the reports that wait for a late main queue
+/// only the newest is delivered, and so of the countdown's announcements.
+class SelvioFacialCaptureAnalyzer {
 public:
     /// A new analyzer for these parameters, which stay shared with the host. Null (with a line in the log) without
     /// parameters or on a platform without queues.
@@ -52,7 +57,7 @@ public:
     // Control
 
     /// Holds the delegate weakly. On a system older than version 12, a non-null delegate makes the analyzer
-    /// manual-only: mode 1, and the delegate's `manualOnly` is called before this returns.
+    /// manual-only: mode 1, and the delegate's `manualOnly` is called before this returns. Does nothing once spent.
     void setDelegate(std::weak_ptr<SelvioFacialCaptureAnalyzerDelegate> delegate);
     /// Sets the parameters' mode.
     void updateMode(std::int64_t mode);
@@ -64,12 +69,13 @@ public:
     /// Starts or restarts analysis and the motion feed, logs the start event and adds the parameters to the data record
     /// (the first ones stay).
     void resume();
-    /// Ends the capture without telling the delegate, and discards the process-wide event log. Afterwards no delegate
-    /// call is started; one that the main queue was making while another thread called this may still be under way.
+    /// Ends the capture without telling the delegate, and discards the process-wide event log. No delegate call begins
+    /// any more once this has returned: a call under way on another thread, or a `cancel`, is waited for, unless this
+    /// is called from inside a delegate call of this analyzer. So do not make a delegate call wait for a thread that
+    /// stops.
     void stop();
-    /// Ends the capture as cancelled: closes the data record, calls `detectionCancelled` on this thread, then stops.
-    /// Waits for a selection that is closing the record on another thread; a selection that has not been delivered by
-    /// then never is.
+    /// Ends the capture as cancelled: closes the data record, calls `detectionCancelled` on this thread with results of
+    /// their own, then stops, and waits like `stop`. From its beginning no other delegate call of this capture begins.
     void cancel();
     /// Asks for a capture: in manual mode the next frame is selected, in automatic mode the next one with exactly one
     /// face. Cleared by `resume`.
@@ -113,11 +119,10 @@ public:
 
     /// Null once spent.
     [[nodiscard]] std::shared_ptr<SelvioFacialCaptureParameters> parameters() const;
-    /// The current frame's results, replaced for every analysed live frame; null once spent.
+    /// The newest analysed frame's results, an object of its own for every frame; null once spent.
     [[nodiscard]] std::shared_ptr<SelvioFacialCaptureResults> results() const;
-    /// The recent frames, newest last; empty once spent. The 14 newest live frames, or the 5 newest still images: what
-    /// exceeds that goes when the next one comes. While a selection is in progress nothing goes, so a host stops or
-    /// resumes soon after it.
+    /// The recent frames, newest last; empty once spent. The 14 newest live frames, 28 while a selection is in
+    /// progress, or the 5 newest still images: what exceeds that goes when the next one comes.
     [[nodiscard]] std::vector<selvio::Image> imagesArray() const;
     /// The capture's data record, which accumulates over the analyzer's life.
     [[nodiscard]] std::shared_ptr<SelvioFacialCaptureObixData> obixData() const;
@@ -149,42 +154,7 @@ public:
 
 private:
     struct State;
-    using Results = std::shared_ptr<SelvioFacialCaptureResults>;
-    using Step = void (SelvioFacialCaptureAnalyzer::*)();
-    using FrameId = std::uint64_t;
-    static constexpr FrameId kNoFrame = 0;
-    explicit SelvioFacialCaptureAnalyzer(std::unique_ptr<State> state);
+    explicit SelvioFacialCaptureAnalyzer(std::shared_ptr<State> state);
 
-    // A frame's way, in this order. Analysis queue, or the thread of a still image.
-    void analyzeHeldFrame(FrameId id);
-    void performLandmarksRequest(const std::shared_ptr<const selvio::PixelBuffer>& pixelBuffer,
-                                 std::uint32_t exifOrientation, FrameId id);
-    void detectedFace(const selvio::FaceLandmarksRequest& request, const std::optional<selvio::Error>& error);
-    void normalizeFaceLandmarkPointsFrom(const selvio::FaceObservation& observation,
-                                         SelvioFacialCaptureResults& results) const;
-    void analyzeFaceLandmarkPoints(SelvioFacialCaptureResults& results);
-    void gateGoodFrame();
-    void testSmile(const std::optional<selvio::Image>& image);  // global queue
-    void releaseSampleBuffer(FrameId id);
-
-    // Steps on the main queue.
-    void deliverCurrentResults();
-    void deliverResultsOrSelectManually();
-    void deliverCountdown();
-    void deliverCountdownStatus();
-    void deliverManually();
-    void selectAutomatically();
-    void submitToMainQueue(Step step);
-    void deliverResults(const Results& results);
-    void deliverSuccess(const Results& selected);
-
-    void reportStatuses(SelvioFacialCaptureResults& results, const std::vector<SelvioFacialCaptureStatus>& statuses);
-    void addUxpFor(const std::vector<SelvioFacialCaptureStatus>& statuses);
-    void addEvent(SelvioFacialCaptureUxpEvent event);
-    [[nodiscard]] std::optional<nlohmann::json> events() const;
-    void startMotionUpdates();
-    bool closeCapture(const Results& selected, std::optional<selvio::Image> image, SelvioFacialCaptureResultCode code);
-    void finalizeObix(SelvioFacialCaptureResults& results);
-
-    const std::unique_ptr<State> state_;
+    const std::shared_ptr<State> state_;
 };

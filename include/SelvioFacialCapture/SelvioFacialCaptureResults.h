@@ -6,6 +6,7 @@
 #include <SelvioFacialCapture/imaging/Geometry.h>
 #include <SelvioFacialCapture/imaging/Image.h>
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -66,6 +67,9 @@ public:
     /// The face's rectangle.
     [[nodiscard]] selvio::Rect faceRect() const;
     void setFaceRect(selvio::Rect rect);
+
+    /// A new object with what is known of the frame: all but the image, the texts and the result code.
+    [[nodiscard]] std::shared_ptr<SelvioFacialCaptureResults> withoutSelection() const;
 
 private:
     mutable selvio::MemberMutex mutex_;  // guards every member below
