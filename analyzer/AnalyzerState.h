@@ -47,7 +47,8 @@ struct SelvioFacialCaptureAnalyzer::State : std::enable_shared_from_this<State> 
     /// An analysed frame. It takes along all that its outcome needs: later steps ask nothing of the newest frame.
     struct Frame {
         Run run = 0;           ///< a step for a frame of a run that has ended does nothing
-        Results results = {};  ///< this frame's; never written again once a delegate was given it
+        Results results = {};  ///< this frame's, null before a still image is judged; never written again once a
+                               ///< delegate was given it
         std::optional<selvio::Image> image = {};
     };
     using Step = void (State::*)(const Frame&);
@@ -96,7 +97,7 @@ struct SelvioFacialCaptureAnalyzer::State : std::enable_shared_from_this<State> 
                      const std::shared_ptr<const selvio::PixelBuffer>& pixelBuffer, std::uint32_t orientation,
                      const Frame& frame, HeldFrame* held);
     void judgeDetection(const selvio::FaceLandmarksRequest& request, const std::optional<selvio::Error>& error,
-                        const Frame& frame);
+                        Frame frame);
     void judgeFace(const selvio::FaceObservation& observation, const Frame& frame);
     void reportBadFrame(const Frame& frame, const Statuses& statuses, Step report);
     void gateGoodFrame(const Frame& frame);

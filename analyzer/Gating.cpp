@@ -37,8 +37,9 @@ void Analyzer::State::judgeFace(const FaceObservation& observation, const Frame&
         lipRight = checked.lipRight;
         faceHorizontalFill = checked.measures.horizontalFill;
     }
-    if (checked.statuses.empty()) return gateGoodFrame(frame);
-    reportBadFrame(frame, checked.statuses, &State::deliverReportOrSelect);
+    if (!checked.statuses.empty()) return reportBadFrame(frame, checked.statuses, &State::deliverReportOrSelect);
+    frame.results->setOrderedStatuses(Statuses());  // a still image's object still has those of the last frame
+    gateGoodFrame(frame);
 }
 
 // A bad frame ends any countdown and forgets the smile.
@@ -91,6 +92,7 @@ void Analyzer::State::gateGoodFrame(const Frame& frame) {
 
 void Analyzer::State::testSmile(const Frame& frame) {
     SELVIO_ASSERT_ON_QUEUE(platform.globalQueue);
+    if (!isCurrent(frame.run)) return;
     std::optional<Run> tested = frame.run;
     withoutThrowing("A smile could not be judged", [&] {
         const auto faces =

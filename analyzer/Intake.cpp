@@ -88,11 +88,9 @@ void Analyzer::State::analyzeImageAtPath(const std::string& path) {
     const auto picture = platform.imageLoader->loadImage(path);
     if (!picture) return log(picture.error().localizedDescription);
     const std::shared_ptr<PixelBuffer>& pixels = picture.value();
-    if (!pixels) return;
-    Frame frame{.run = mutex.get(currentRun), .image = Image{.bitmap = pixels}};
+    if (!pixels || ended) return;
+    const Frame frame{.run = mutex.get(currentRun), .image = Image{.bitmap = pixels}};
     const Size extent{.width = static_cast<double>(pixels->width()), .height = static_cast<double>(pixels->height())};
-    frame.results = replaceResultsByCopy(frame.run);
-    if (!frame.results) return;
     {
         const std::lock_guard lock(mutex);
         geometry.setScreen(extent);
@@ -120,8 +118,10 @@ void Analyzer::State::detectFaces(SequenceRequestHandler& handler,
 }
 
 void Analyzer::State::judgeDetection(const FaceLandmarksRequest& request, const std::optional<Error>& error,
-                                     const Frame& frame) {
+                                     Frame frame) {
     if (gateFlags().anySet() || !isCurrent(frame.run)) return;
+    if (!frame.results) frame.results = replaceResultsByCopy(frame.run);  // a still image
+    if (!frame.results) return;
     if (error) log("Detect face request error: " + error->localizedDescription);
     const auto& observations = request.results();
     if (!observations || observations->empty()) {

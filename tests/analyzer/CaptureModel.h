@@ -34,6 +34,15 @@ struct Results {
         if (!list.empty()) highest = list.front();
         statuses = std::move(list);
     }
+    /// A new object with what is known of the frame.
+    [[nodiscard]] std::shared_ptr<Results> withoutSelection() const {
+        auto copy = std::make_shared<Results>(*this);
+        copy->code = 0;
+        copy->image.reset();
+        copy->encodedAt.reset();
+        copy->encodedRecord = copy->record = nullptr;
+        return copy;
+    }
     friend bool operator==(const Results&, const Results&) = default;
 };
 
@@ -147,7 +156,6 @@ public:
         if (!spent) select = true;
     }
     void stop() {
-        if (spent) return;
         ++run;
         spent = true;
         results = nullptr;
@@ -156,13 +164,13 @@ public:
         motionRuns = false;
     }
     void cancel() {
-        if (spent || cancelling) return;
+        if (spent) return;
         ++run;
-        cancelling = true;
+        spent = true;
         addEvent(8);
         record["UXP"] = log;
         record["SelvioResultCode"] = "Cancelled";
-        const auto cancelled = std::make_shared<Results>(*results);
+        const auto cancelled = results->withoutSelection();
         cancelled->record = record;
         cancelled->code = 3;
         tell(kCancelled, "cancelled", cancelled);
@@ -191,6 +199,7 @@ public:
         keep(frame.mark, selection ? 28 : 14);
         if ((manualOnly || parameters.mode == 1) && select && !selection && hears(kSuccess)) {
             selection = true;
+            results = results->withoutSelection();
             waiting.push_back({Item::Manual, ++run, results, frame.mark});
             ++mainBlocks;
         }
@@ -323,7 +332,7 @@ private:
         if (!still) inProgress = false;
         if (frameRun != run || selection || skip || smileTest) return;
         if (world.requestError) logLines.push_back("Detect face request error: " + *world.requestError);
-        if (still) results = std::make_shared<Results>(*results);
+        if (still) results = results->withoutSelection();
         const Step step{frameRun, results, frame.mark};
         if (faces && faces->size() == 1) return judgeFace(faces->front(), step);
         report(Item::Plain, step, {faces && !faces->empty() ? 2 : 1});
@@ -396,16 +405,15 @@ private:
         finish("automatic", item.results, item.mark, 2);
     }
     void deliverManually(const Item& item) {
-        results = std::make_shared<Results>(*results);
+        Results& object = *item.results;
         if (manualOnly) {
-            results->setStatuses({0});
-        } else if (!results->statuses || results->statuses->empty()) {
-            results->setStatuses({14});
+            object.setStatuses({0});
+        } else if (!object.statuses || object.statuses->empty()) {
+            object.setStatuses({14});
         }
-        const auto delivered = results;
         outcomes.insert("manual delivery");
-        closeRecord(*delivered, item.mark, 1);
-        if (item.run == run) tell(kSuccess, "success", delivered);
+        closeRecord(object, item.mark, 1);
+        if (item.run == run) tell(kSuccess, "success", item.results);
     }
     int beginSelection(const char* how) {
         outcomes.insert(how);
@@ -433,12 +441,13 @@ private:
             object.encodedAt = "encoded at 1.000000, then at " + std::to_string(quality) + ", 72x72/1";
             object.encodedRecord = record;
         }
+        if (world.codec == World::Codec::Throws)
+            logLines.emplace_back("The selected image could not be encoded: not enough memory");
         object.record = record;
     }
 
     const int version;
     int run = 0;
-    bool cancelling = false;
     std::optional<int> delegate;
     int lastEvent = 20;
     std::deque<Step> tests;    // the global queue

@@ -339,7 +339,8 @@ private:
                 },
                 [=, this] {
                     model_->world.faces = faces;
-                    model_->world.time = clock_->secondsSinceReferenceDate();
+                    modelClock_.advance(std::chrono::microseconds(333 * milliseconds));
+                    model_->world.time = modelClock_.secondsSinceReferenceDate();
                 }};
     }
     Op frame() {
@@ -441,6 +442,7 @@ private:
     std::mt19937 random_;
     Size frameSize_;
     const std::shared_ptr<ManualClock> clock_ = std::make_shared<ManualClock>();
+    ManualClock modelClock_;
     std::optional<reference::CaptureModel> model_;
     std::shared_ptr<SelvioFacialCaptureAnalyzerDelegate> delegate_;
     Hook duringRequest_, duringTest_, duringEncoding_, duringCall_;
