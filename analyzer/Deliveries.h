@@ -2,8 +2,8 @@
 #pragma once
 
 #include <algorithm>
-#include <deque>
-#include <optional>
+#include <list>
+#include <utility>
 
 namespace selvio {
 
@@ -38,17 +38,17 @@ public:
         return !found;
     }
 
-    std::optional<Delivery> takeFirst() {
-        if (waiting_.empty()) return std::nullopt;
-        std::optional<Delivery> first(std::move(waiting_.front()));
-        waiting_.pop_front();
+    /// A list of one, or of none.
+    std::list<Delivery> takeFirst() {
+        std::list<Delivery> first;
+        if (!waiting_.empty()) first.splice(first.begin(), waiting_, waiting_.begin());
         return first;
     }
 
     void dropLast() { waiting_.pop_back(); }
 
 private:
-    std::deque<Delivery> waiting_;
+    std::list<Delivery> waiting_;
 };
 
 }  // namespace selvio

@@ -55,8 +55,8 @@ void Analyzer::State::deliver(DeliveryKind kind, Step step, const Frame& frame) 
         std::unique_lock lock(self->mutex);
         const auto first = self->deliveries.takeFirst();
         lock.unlock();
-        if (first)
-            withoutThrowing("A frame's result could not be delivered", [&] { (*self.*first->step)(first->frame); });
+        for (const auto& delivery : first)
+            withoutThrowing("A frame's result could not be delivered", [&] { (*self.*delivery.step)(delivery.frame); });
     };
     try {
         platform.mainQueue->async(runFirst);

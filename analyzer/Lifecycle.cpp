@@ -134,11 +134,13 @@ void Analyzer::State::resume() {
 // Only one thread at a time speaks to the motion manager. It does so without the mutex, and looks afterwards whether
 // something else has been asked for meanwhile.
 void Analyzer::State::setMotionUpdates(bool running) {
+    std::optional<UnderWay> changing;
     std::unique_lock lock(mutex);
     motionRunning = running && !ended;
     ++motionAsked;
     if (motionChanging || !motionManager) return;
     motionChanging = true;
+    changing.emplace(*this);
     const auto manager = motionManager;
     for (std::uint64_t carriedOut = 0; carriedOut != motionAsked;) {
         carriedOut = motionAsked;
@@ -156,7 +158,7 @@ void Analyzer::State::setMotionUpdates(bool running) {
         lock.lock();
     }
     motionChanging = false;
-    if (ended) motionManager = nullptr;  // `manager` outlives the lock
+    if (ended && !motionRunning) motionManager = nullptr;  // `manager` outlives the lock
 }
 
 void Analyzer::State::endRuns() {
