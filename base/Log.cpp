@@ -1,15 +1,16 @@
 #include <SelvioFacialCapture/base/Log.h>
+#include <SelvioFacialCapture/base/MemberMutex.h>
 
 #include <cstdio>
-#include <mutex>
+#include <memory>
 #include <utility>
 
 namespace selvio {
 namespace {
 
 struct LogState {
-    std::mutex mutex;
-    LogSink sink;  // guarded by mutex; empty means standard error
+    MemberMutex mutex;
+    std::shared_ptr<const LogSink> sink;  // guarded by mutex; null means standard error
 };
 
 LogState& state() {
@@ -21,18 +22,18 @@ LogState& state() {
 
 void log(std::string_view message) {
     LogState& s = state();
-    const std::lock_guard lock(s.mutex);
-    if (s.sink) {
-        s.sink(message);
-    } else {
-        std::fprintf(stderr, "%.*s\n", static_cast<int>(message.size()), message.data());
-    }
+    if (const auto sink = s.mutex.get(s.sink)) return (*sink)(message);
+    std::fprintf(stderr, "%.*s\n", static_cast<int>(message.size()), message.data());
 }
 
 LogSink setLogSink(LogSink sink) {
     LogState& s = state();
-    const std::lock_guard lock(s.mutex);
-    return std::exchange(s.sink, std::move(sink));
+    auto next = sink ? std::make_shared<const LogSink>(std::move(sink)) : nullptr;
+    {
+        const std::lock_guard lock(s.mutex);
+        s.sink.swap(next);
+    }
+    return next ? *next : LogSink();
 }
 
 }  // namespace selvio

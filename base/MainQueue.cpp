@@ -13,25 +13,25 @@ const std::shared_ptr<MainQueue>& MainQueue::shared() {
 }
 
 void MainQueue::async(Block block) {
-    std::function<void()> hook;
     {
         const std::lock_guard lock(mutex_);
         ready_.push_back(std::move(block));
-        hook = wakeUp_;
     }
-    changed_.notify_all();
-    if (hook) hook();
+    wakeUp();
 }
 
 void MainQueue::asyncAfter(std::chrono::nanoseconds delay, Block block) {
-    std::function<void()> hook;
+    const auto due = clock_->monotonicTime() + delay;
     {
         const std::lock_guard lock(mutex_);
-        delayed_.emplace(clock_->monotonicTime() + delay, std::move(block));
-        hook = wakeUp_;
+        delayed_.emplace(due, std::move(block));
     }
+    wakeUp();
+}
+
+void MainQueue::wakeUp() {
     changed_.notify_all();
-    if (hook) hook();
+    if (const auto hook = mutex_.get(wakeUpHook_)) (*hook)();
 }
 
 bool MainQueue::isCurrent() const {
@@ -46,9 +46,9 @@ const std::string& MainQueue::label() const {
 
 bool MainQueue::runNextBlock() {
     Block block;
+    const auto now = clock_->monotonicTime();
     {
         const std::lock_guard lock(mutex_);
-        const auto now = clock_->monotonicTime();
         while (!delayed_.empty() && delayed_.begin()->first <= now) {
             ready_.push_back(std::move(delayed_.begin()->second));
             delayed_.erase(delayed_.begin());
@@ -78,14 +78,14 @@ void MainQueue::run() {
             const std::lock_guard lock(mutex_);
             if (quit_) break;
         }
-        std::unique_lock lock(mutex_);
+        const auto now = clock_->monotonicTime();
+        std::unique_lock<std::mutex> lock(mutex_);
         if (std::exchange(quit_, false)) return;
         if (!ready_.empty()) continue;
         if (delayed_.empty()) {
             changed_.wait(lock);
         } else {
-            changed_.wait_for(lock,
-                              std::max(delayed_.begin()->first - clock_->monotonicTime(), std::chrono::nanoseconds(0)));
+            changed_.wait_for(lock, std::max(delayed_.begin()->first - now, std::chrono::nanoseconds(0)));
         }
     }
 }
@@ -99,15 +99,15 @@ void MainQueue::quit() {
 }
 
 std::optional<std::chrono::nanoseconds> MainQueue::timeUntilNextBlock() const {
+    const auto now = clock_->monotonicTime();
     const std::lock_guard lock(mutex_);
     if (!ready_.empty()) return std::chrono::nanoseconds(0);
     if (delayed_.empty()) return std::nullopt;
-    return std::max(delayed_.begin()->first - clock_->monotonicTime(), std::chrono::nanoseconds(0));
+    return std::max(delayed_.begin()->first - now, std::chrono::nanoseconds(0));
 }
 
 void MainQueue::setWakeUpHook(std::function<void()> hook) {
-    const std::lock_guard lock(mutex_);
-    wakeUp_ = std::move(hook);
+    mutex_.set(wakeUpHook_, hook ? std::make_shared<const std::function<void()>>(std::move(hook)) : nullptr);
 }
 
 }  // namespace selvio

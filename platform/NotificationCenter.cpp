@@ -1,32 +1,39 @@
 #include <SelvioFacialCapture/platform/View.h>
 
 #include <algorithm>
+#include <functional>
+#include <iterator>
+#include <utility>
 
 namespace selvio {
 
 void NotificationCenter::addObserver(const std::shared_ptr<const void>& observer, ApplicationNotification notification,
                                      Handler handler) {
+    remove([](const Entry& entry) { return entry.lifetime.expired(); });
     const std::lock_guard lock(mutex_);
-    forgetGoneObservers();
     entries_.push_back({observer.get(), notification, std::move(handler), observer});
 }
 
-void NotificationCenter::forgetGoneObservers() {
-    std::erase_if(entries_, [](const Entry& entry) { return entry.lifetime.expired(); });
+void NotificationCenter::removeObserver(Observer observer) {
+    remove([observer](const Entry& entry) { return entry.observer == observer; });
 }
 
-void NotificationCenter::removeObserver(Observer observer) {
+// What a handler holds goes outside of the lock.
+template <typename Condition>
+void NotificationCenter::remove(Condition condition) {
+    std::vector<Entry> removed;
     const std::lock_guard lock(mutex_);
-    std::erase_if(entries_, [observer](const Entry& entry) { return entry.observer == observer; });
+    const auto first = std::stable_partition(entries_.begin(), entries_.end(), std::not_fn(condition));
+    std::move(first, entries_.end(), std::back_inserter(removed));
+    entries_.erase(first, entries_.end());
 }
 
 void NotificationCenter::post(ApplicationNotification notification) {
     std::vector<Handler> handlers;
     {
         const std::lock_guard lock(mutex_);
-        forgetGoneObservers();
         for (const Entry& entry : entries_) {
-            if (entry.notification == notification) handlers.push_back(entry.handler);
+            if (entry.notification == notification && !entry.lifetime.expired()) handlers.push_back(entry.handler);
         }
     }
     for (const Handler& handler : handlers) handler();

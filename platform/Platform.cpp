@@ -1,5 +1,6 @@
 #include <SelvioFacialCapture/base/ConcurrentQueue.h>
 #include <SelvioFacialCapture/base/MainQueue.h>
+#include <SelvioFacialCapture/base/MemberMutex.h>
 #include <SelvioFacialCapture/base/SerialQueue.h>
 #include <SelvioFacialCapture/platform/Platform.h>
 
@@ -9,7 +10,7 @@ namespace selvio {
 namespace {
 
 struct DefaultPlatform {
-    std::mutex mutex;
+    MemberMutex mutex;
     std::optional<Platform> platform;  // guarded by mutex
     std::function<Platform()> offer;   // guarded by mutex
 };
@@ -33,21 +34,22 @@ Platform makePortablePlatform() {
 
 Platform defaultPlatform() {
     DefaultPlatform& h = holder();
+    if (auto platform = h.mutex.get(h.platform)) return *std::move(platform);
+    const auto offer = h.mutex.get(h.offer);
+    Platform fresh = offer ? offer() : makePortablePlatform();  // foreign code, hence without the lock
     const std::lock_guard lock(h.mutex);
-    if (!h.platform) h.platform = h.offer ? h.offer() : makePortablePlatform();
+    if (!h.platform) h.platform = fresh;
     return *h.platform;
 }
 
 void setDefaultPlatform(Platform platform) {
     DefaultPlatform& h = holder();
-    const std::lock_guard lock(h.mutex);
-    h.platform = std::move(platform);
+    h.mutex.set(h.platform, std::move(platform));
 }
 
 bool offerDefaultPlatform(std::function<Platform()> make) {
     DefaultPlatform& h = holder();
-    const std::lock_guard lock(h.mutex);
-    h.offer = std::move(make);
+    h.mutex.set(h.offer, std::move(make));
     return true;
 }
 

@@ -43,14 +43,13 @@ std::string SelvioFacialCaptureObixData::obixVersion() {
 }
 
 void SelvioFacialCaptureObixData::addInitialElements() {
-    const std::lock_guard lock(mutex_);
-    dictionary_[kObixObixVersion] = obixVersion();
-    dictionary_[kSelvioPlatfrom] = "iOS";
-    dictionary_[kSelvioOS] = device_ ? device_->systemVersion() : "";
-    dictionary_[kSelvioDevice] = device_ ? device_->model() : "";
-    dictionary_[kSelvioModel] = getMachineName();
-    dictionary_[kSelvioManufacturer] = "Apple";
-    dictionary_[kSelvioSdkVersion] = "Facial Capture " + SelvioFacialCapture::version();
+    add({{kObixObixVersion, obixVersion()},
+         {kSelvioPlatfrom, "iOS"},
+         {kSelvioOS, device_ ? device_->systemVersion() : ""},
+         {kSelvioDevice, device_ ? device_->model() : ""},
+         {kSelvioModel, getMachineName()},
+         {kSelvioManufacturer, "Apple"},
+         {kSelvioSdkVersion, "Facial Capture " + SelvioFacialCapture::version()}});
 }
 
 void SelvioFacialCaptureObixData::add(const nlohmann::json& dictionary) {

@@ -1,11 +1,12 @@
 #include <SelvioFacialCapture/SelvioFacialCaptureUxpEventManager.h>
+#include <SelvioFacialCapture/base/MemberMutex.h>
 
 #include <utility>
 
 namespace {
 
 struct SharedManager {
-    std::mutex mutex;
+    selvio::MemberMutex mutex;
     std::shared_ptr<SelvioFacialCaptureUxpEventManager> manager;  // guarded by mutex
     std::shared_ptr<const selvio::Clock> clock;                   // guarded by mutex
 };
@@ -19,22 +20,26 @@ SharedManager& shared() {
 
 std::shared_ptr<SelvioFacialCaptureUxpEventManager> SelvioFacialCaptureUxpEventManager::sharedInstance() {
     SharedManager& s = shared();
+    if (auto manager = s.mutex.get(s.manager)) return manager;
+    const auto fresh = init(s.mutex.get(s.clock));  // asks the clock, hence without the lock
     const std::lock_guard lock(s.mutex);
-    if (!s.manager) s.manager = init(s.clock);
+    if (!s.manager) s.manager = fresh;
     return s.manager;
 }
 
 void SelvioFacialCaptureUxpEventManager::destroySharedInstance() {
     SharedManager& s = shared();
-    const std::lock_guard lock(s.mutex);
-    if (s.manager) s.manager->clear();
-    s.manager = nullptr;
+    std::shared_ptr<SelvioFacialCaptureUxpEventManager> manager;
+    {
+        const std::lock_guard lock(s.mutex);
+        manager.swap(s.manager);
+    }
+    if (manager) manager->clear();
 }
 
 void SelvioFacialCaptureUxpEventManager::setSharedClock(std::shared_ptr<const selvio::Clock> clock) {
     SharedManager& s = shared();
-    const std::lock_guard lock(s.mutex);
-    s.clock = std::move(clock);
+    s.mutex.set(s.clock, std::move(clock));
 }
 
 std::shared_ptr<SelvioFacialCaptureUxpEventManager> SelvioFacialCaptureUxpEventManager::init(
@@ -53,9 +58,10 @@ SelvioFacialCaptureUxpEventManager::SelvioFacialCaptureUxpEventManager(std::shar
 }
 
 void SelvioFacialCaptureUxpEventManager::clear() {
+    const double now = clock_->secondsSinceReferenceDate();
     const std::lock_guard lock(mutex_);
     mutableEvents_ = nlohmann::json::array();
-    startTime_ = clock_->secondsSinceReferenceDate();
+    startTime_ = now;
     currentEvent_ = SelvioFacialCaptureUxpEventGoodFrame;
 }
 
@@ -64,10 +70,11 @@ void SelvioFacialCaptureUxpEventManager::addEvent(SelvioFacialCaptureUxpEvent ev
 }
 
 void SelvioFacialCaptureUxpEventManager::addEventWith(SelvioFacialCaptureUxpEvent event, const nlohmann::json& extra) {
+    const double now = clock_->secondsSinceReferenceDate();
     const std::lock_guard lock(mutex_);
     if (event == currentEvent_) return;
     currentEvent_ = event;
-    const auto elapsed = static_cast<std::int64_t>((clock_->secondsSinceReferenceDate() - startTime_) * 1000.0);
+    const auto elapsed = static_cast<std::int64_t>((now - startTime_) * 1000.0);
     const auto code = codes_.find(event);
     if (code == codes_.end()) return;
     nlohmann::json values = nlohmann::json::array({elapsed});

@@ -23,7 +23,7 @@ extern const char* const kSelvioSdkVersion;
 }
 
 /// One flat JSON object that says on what device, with which parameters and guidance, and how a capture went.
-/// Every operation may be called on any thread.
+/// Every operation may be called on any thread. Device and codec are asked with no lock held.
 class SelvioFacialCaptureObixData {
 public:
     /// A record with the seven initial members. `platform` supplies the device's facts and the image codec.

@@ -36,7 +36,8 @@ enum SelvioFacialCaptureUxpEvent : std::int64_t {
     SelvioFacialCaptureUxpEventGoodFrame = 20,        ///< "FS"; also the idle marker after `clear`
 };
 
-/// The process-wide event log. Every operation may be called on any thread.
+/// The process-wide event log. Every operation may be called on any thread. The clock is asked with no lock held, so it
+/// may call any operation.
 ///
 /// An entry is a JSON object with one member: the event's code, whose value is an array of the milliseconds since the
 /// log was started and, if the caller gave one, an extra value. Consecutive repeats of an event make one entry.
@@ -44,7 +45,8 @@ class SelvioFacialCaptureUxpEventManager {
 public:
     /// The one manager, made on first use.
     [[nodiscard]] static std::shared_ptr<SelvioFacialCaptureUxpEventManager> sharedInstance();
-    /// Clears the shared manager and drops it; the next `sharedInstance` makes a new one.
+    /// Drops the shared manager and clears it; the next `sharedInstance` makes a new one. Whoever still holds the old
+    /// one may go on using it; what is added to it stays there.
     static void destroySharedInstance();
     /// The clock of shared managers made from now on; null restores the system's.
     static void setSharedClock(std::shared_ptr<const selvio::Clock> clock);

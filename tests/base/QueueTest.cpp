@@ -7,6 +7,7 @@
 #include <future>
 #include <numeric>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "support/ManualClock.h"
@@ -86,6 +87,34 @@ TEST(MainQueue, DrainsWhatIsDueAndSaysWhenToComeBack) {
     EXPECT_EQ(order, (std::vector<int>{0, 1, 2}));
     EXPECT_EQ(wakeUps, 3);
     EXPECT_FALSE(queue.isCurrent());
+}
+
+TEST(MainQueue, ItsClockAndItsHookMayCallEveryOperation) {
+    MainQueue* self = nullptr;
+    int calls = 0;
+    bool calling = false;
+    const auto everyOperation = [&] {
+        if (self == nullptr || calls == 10 || std::exchange(calling, true)) return;
+        ++calls;
+        (void)self->isCurrent();
+        (void)self->timeUntilNextBlock();
+        self->async([] {});
+        self->asyncAfter(std::chrono::hours(1), [] {});
+        self->setWakeUpHook({});
+        calling = false;
+    };
+    MainQueue queue(std::make_shared<CallingClock>(everyOperation));
+    self = &queue;
+    queue.setWakeUpHook(everyOperation);
+    queue.async([] {});
+    EXPECT_EQ(calls, 1) << "by the hook";
+    queue.asyncAfter(std::chrono::nanoseconds(1), [&] { queue.quit(); });
+    EXPECT_EQ(calls, 2);
+    EXPECT_EQ(queue.timeUntilNextBlock(), std::chrono::nanoseconds(0));
+    EXPECT_EQ(calls, 3);
+    queue.run();
+    queue.drain();
+    EXPECT_EQ(calls, 10);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 
 #include <SelvioFacialCapture/base/Log.h>
 
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -13,16 +14,18 @@ namespace selvio {
 
 class LogCapture {
 public:
-    LogCapture() : previous_(setLogSink([this](std::string_view message) { messages_.add(std::string(message)); })) {}
+    LogCapture()
+        : previous_(
+              setLogSink([messages = messages_](std::string_view message) { messages->add(std::string(message)); })) {}
     ~LogCapture() { setLogSink(std::move(previous_)); }
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
     /// What was logged since the last call.
-    std::vector<std::string> take() { return messages_.take(); }
+    std::vector<std::string> take() { return messages_->take(); }
 
 private:
-    CallLog messages_;
+    const std::shared_ptr<CallLog> messages_ = std::make_shared<CallLog>();  // of a thread that is still logging too
     LogSink previous_;
 };
 

@@ -4,6 +4,8 @@
 #include <SelvioFacialCapture/base/Clock.h>
 
 #include <atomic>
+#include <functional>
+#include <utility>
 
 namespace selvio {
 
@@ -19,6 +21,31 @@ public:
 
 private:
     std::atomic<std::int64_t> now_{0};
+};
+
+/// The system's clock, which calls back whenever it is asked but for from within that call.
+class CallingClock final : public Clock {
+public:
+    explicit CallingClock(std::function<void()> callBack) : callBack_(std::move(callBack)) {}
+    [[nodiscard]] double secondsSinceReferenceDate() const override {
+        call();
+        return SystemClock().secondsSinceReferenceDate();
+    }
+    [[nodiscard]] std::chrono::nanoseconds monotonicTime() const override {
+        call();
+        return SystemClock().monotonicTime();
+    }
+
+private:
+    void call() const {
+        if (calling_) return;
+        calling_ = true;
+        callBack_();
+        calling_ = false;
+    }
+
+    static inline thread_local bool calling_ = false;
+    const std::function<void()> callBack_;
 };
 
 }  // namespace selvio

@@ -60,6 +60,49 @@ TEST(UxpEvents, TimesAreWholeMillisecondsSinceTheLastClear) {
     EXPECT_EQ(manager->events(), json::parse(R"([{"MT": [0]}])"));
 }
 
+TEST(UxpEvents, TheClockMayCallEveryOperation) {
+    std::shared_ptr<Manager> manager;
+    int calls = 0;
+    Manager::destroySharedInstance();
+    Manager::setSharedClock(std::make_shared<CallingClock>([&] {
+        ++calls;
+        Manager::sharedInstance()->addEvent(event(9));
+        Manager::destroySharedInstance();
+        if (!manager) return;
+        (void)manager->events();
+        (void)manager->currentEvent();
+        (void)manager->startTime();
+        manager->clear();
+    }));
+    manager = Manager::sharedInstance();
+    EXPECT_EQ(Manager::sharedInstance(), manager);
+    manager->addEvent(event(15));
+    EXPECT_EQ(manager->events().size(), 1U) << "whoever holds it may go on using it";
+    EXPECT_NE(Manager::sharedInstance(), manager) << "the clock destroyed it";
+    Manager::destroySharedInstance();
+    EXPECT_GE(calls, 3);
+    manager = nullptr;
+    Manager::setSharedClock(nullptr);
+    Manager::destroySharedInstance();
+}
+
+TEST(UxpEvents, TheSharedLogStartsAnewOnceDestroyed) {
+    const auto clock = std::make_shared<ManualClock>();
+    Manager::destroySharedInstance();
+    Manager::setSharedClock(clock);
+    const auto old = Manager::sharedInstance();
+    EXPECT_EQ(Manager::sharedInstance(), old);
+    old->addEvent(event(9));
+    clock->advance(std::chrono::seconds(2));
+    Manager::destroySharedInstance();
+    EXPECT_EQ(old->events(), json::array());
+    old->addEvent(event(15));
+    EXPECT_EQ(Manager::sharedInstance()->events(), json::array()) << "what comes late stays in the old log";
+    EXPECT_EQ(Manager::sharedInstance()->startTime(), 2.0);
+    Manager::setSharedClock(nullptr);
+    Manager::destroySharedInstance();
+}
+
 class RecordTest : public ::testing::Test {
 protected:
     std::shared_ptr<FakeImageCodec> codec = std::make_shared<FakeImageCodec>();
@@ -92,6 +135,26 @@ TEST_F(RecordTest, TheLastMembersWin) {
     const json members = record->obixDataDictionary();
     EXPECT_EQ(members.at("SelvioResultCode"), "Cancelled");
     EXPECT_EQ(members.at(kSelvioOS), "14");
+}
+
+TEST(Record, TheDeviceMayAskTheRecord) {
+    struct AskingDevice final : Device {
+        std::shared_ptr<Record> record;
+        [[nodiscard]] std::string ask() const { return record ? record->obixDataString().value_or("") : "new"; }
+        [[nodiscard]] std::string systemVersion() const override { return ask(); }
+        [[nodiscard]] std::string model() const override { return ask(); }
+        [[nodiscard]] std::string machineName() const override { return ask(); }
+        [[nodiscard]] DeviceOrientation orientation() const override { return DeviceOrientation::Portrait; }
+    };
+    Platform platform;
+    const auto device = std::make_shared<AskingDevice>();
+    platform.device = device;
+    const auto record = Record::init(platform);
+    const std::string before = record->obixDataString().value();
+    device->record = record;
+    record->addInitialElements();
+    EXPECT_EQ(record->obixDataDictionary().at(kSelvioOS), before);
+    device->record = nullptr;
 }
 
 TEST_F(RecordTest, TextThatIsNotUtf8MakesNoJson) {

@@ -6,14 +6,15 @@
 
 namespace selvio {
 
-/// Receives one message without a trailing line feed. Called on the thread that logs, one call at a time.
+/// Receives one message without a trailing line feed. Called on the thread that logs, with no lock of the component
+/// held: it may call any operation, and two threads that log at once call it at once.
 using LogSink = std::function<void(std::string_view message)>;
 
 /// Writes one message to the process's log sink (standard error unless replaced). Any thread.
 void log(std::string_view message);
 
-/// Replaces the sink of the whole process and returns the one before; an empty sink restores standard error. Any
-/// thread.
+/// Replaces the sink of the whole process and returns the one before; an empty sink restores standard error. A call
+/// that another thread has begun may still be under way in the old sink. Any thread.
 LogSink setLogSink(LogSink sink);
 
 }  // namespace selvio

@@ -2,12 +2,14 @@
 #pragma once
 
 #include <SelvioFacialCapture/base/Clock.h>
+#include <SelvioFacialCapture/base/MemberMutex.h>
 #include <SelvioFacialCapture/base/Queue.h>
 
 #include <condition_variable>
 #include <deque>
+#include <functional>
 #include <map>
-#include <mutex>
+#include <memory>
 #include <optional>
 #include <thread>
 
@@ -37,20 +39,22 @@ public:
     void quit();
     /// How long a loop may wait before it must drain again: zero when a block is due, nothing when no block waits.
     [[nodiscard]] std::optional<std::chrono::nanoseconds> timeUntilNextBlock() const;
-    /// `hook` is called, on the submitting thread, after every submission; an empty one removes it.
+    /// `hook` is called, on the submitting thread, after every submission; an empty one removes it. Neither it nor the
+    /// clock is called with a lock held, so both may call any operation of the queue.
     void setWakeUpHook(std::function<void()> hook);
 
 private:
+    void wakeUp();
     bool runNextBlock();
 
     const std::shared_ptr<const Clock> clock_;
-    mutable std::mutex mutex_;
+    mutable MemberMutex mutex_;
     std::condition_variable changed_;
-    std::deque<Block> ready_;                                 // guarded by mutex_
-    std::multimap<std::chrono::nanoseconds, Block> delayed_;  // guarded by mutex_; keyed by the clock's monotonic time
-    std::function<void()> wakeUp_;                            // guarded by mutex_
-    bool quit_ = false;                                       // guarded by mutex_
-    std::thread::id runner_;                                  // guarded by mutex_; the thread inside a block, if any
+    std::deque<Block> ready_;                                  // guarded by mutex_
+    std::multimap<std::chrono::nanoseconds, Block> delayed_;   // guarded by mutex_; keyed by the clock's monotonic time
+    std::shared_ptr<const std::function<void()>> wakeUpHook_;  // guarded by mutex_
+    bool quit_ = false;                                        // guarded by mutex_
+    std::thread::id runner_;                                   // guarded by mutex_; the thread inside a block, if any
 };
 
 }  // namespace selvio

@@ -82,7 +82,8 @@ private:
         Handler handler;
         std::weak_ptr<const void> lifetime;
     };
-    void forgetGoneObservers();  // with mutex_ held
+    template <typename Condition>
+    void remove(Condition condition);
 
     std::mutex mutex_;
     std::vector<Entry> entries_;  // guarded by mutex_
