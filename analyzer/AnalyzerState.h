@@ -136,6 +136,8 @@ struct SelvioFacialCaptureAnalyzer::State : std::enable_shared_from_this<State> 
     /// No run follows. Any number of times.
     void endRuns();
     void waitForOthers();
+    /// Whether this thread is doing such work. The mutex is held.
+    [[nodiscard]] bool isUnderWayHere() const;
     void tearDown();
 
     /// Brings the motion feed to what was last asked for.

@@ -178,16 +178,19 @@ void Analyzer::State::cancel() {
     std::shared_ptr<SelvioFacialCaptureObixData> record;
     Run run = 0;
     {
-        const std::lock_guard lock(mutex);
+        std::unique_lock<std::mutex> lock(mutex);
         if (!ended) {
             cancelled = results->withoutSelection();
-            cancelling.emplace(*this);
             record = obixData;
             run = ++currentRun;
             ended = true;
+            const bool inside = isUnderWayHere();
+            cancelling.emplace(*this);
+            // What another thread has begun to tell is told before the cancellation.
+            if (!inside) underWayEnded.wait(lock, [this] { return underWay.size() == 1; });
         }
     }
-    if (!cancelling) return waitForOthers();
+    if (!cancelling) return stop();
     const SelvioFacialCaptureResultCode code = SelvioFacialCaptureResultCodeCancelled;
     const auto events = SelvioFacialCaptureUxpEventManager::sharedInstance();
     events->addEvent(SelvioFacialCaptureUxpEventCancelled);
@@ -196,7 +199,8 @@ void Analyzer::State::cancel() {
     cancelled->setObixDataString(record->obixDataString());
     cancelled->setResultCode(code);
     tell(run, &Delegate::detectionCancelled, cancelled);
-    tearDown();
+    cancelling.reset();
+    stop();
 }
 
 // The first of several threads does it, and the others wait for that.
@@ -218,8 +222,11 @@ void Analyzer::State::tearDown() {
 
 void Analyzer::State::waitForOthers() {
     std::unique_lock<std::mutex> lock(mutex);
-    if (std::find(underWay.begin(), underWay.end(), std::this_thread::get_id()) != underWay.end()) return;
-    underWayEnded.wait(lock, [this] { return underWay.empty(); });
+    if (!isUnderWayHere()) underWayEnded.wait(lock, [this] { return underWay.empty(); });
+}
+
+bool Analyzer::State::isUnderWayHere() const {
+    return std::find(underWay.begin(), underWay.end(), std::this_thread::get_id()) != underWay.end();
 }
 
 auto Analyzer::State::UnderWay::begin(State& state, std::optional<Run> run) -> std::optional<UnderWay> {
