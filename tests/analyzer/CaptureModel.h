@@ -24,9 +24,8 @@ struct Results {
     std::int64_t highest = 0;
     std::int64_t code = 0;
     std::optional<Mark> image;
-    std::optional<std::string> encodedAt;  ///< what the picture was encoded with
-    nlohmann::json encodedRecord;          ///< the record in the picture
-    nlohmann::json record;
+    std::optional<std::string> encoded;  ///< how, and the record in it
+    std::optional<std::string> record;
     Rect faceRect;
     Points contour, nose, lips;
 
@@ -39,8 +38,8 @@ struct Results {
         auto copy = std::make_shared<Results>(*this);
         copy->code = 0;
         copy->image.reset();
-        copy->encodedAt.reset();
-        copy->encodedRecord = copy->record = nullptr;
+        copy->encoded.reset();
+        copy->record.reset();
         return copy;
     }
     friend bool operator==(const Results&, const Results&) = default;
@@ -171,7 +170,7 @@ public:
         record["UXP"] = log;
         record["SelvioResultCode"] = "Cancelled";
         const auto cancelled = results->withoutSelection();
-        cancelled->record = record;
+        cancelled->record = record.dump();
         cancelled->code = 3;
         tell(kCancelled, "cancelled", cancelled);
         stop();
@@ -435,15 +434,13 @@ private:
         const auto quality = static_cast<float>(static_cast<double>(parameters.imageQuality) / 100);
         asked.push_back("encode " + std::to_string(mark));
         fire(world.duringEncoding);
-        object.encodedAt.reset();
-        object.encodedRecord = nullptr;
+        object.record = record.dump();
+        object.encoded.reset();
         if (world.codec == World::Codec::Works) {
-            object.encodedAt = "encoded at 1.000000, then at " + std::to_string(quality) + ", 72x72/1";
-            object.encodedRecord = record;
+            object.encoded = "encoded at 1.000000, then at " + std::to_string(quality) + ", 72x72/1: " + *object.record;
         }
         if (world.codec == World::Codec::Throws)
             logLines.emplace_back("The selected image could not be encoded: not enough memory");
-        object.record = record;
     }
 
     const int version;
