@@ -147,7 +147,6 @@ struct SelvioFacialCaptureAnalyzer::State : std::enable_shared_from_this<State> 
     [[nodiscard]] bool canAnalyze() const;
 
     const selvio::Platform platform;
-    const int systemMajorVersion;
     const selvio::InterfaceOrientation statusbarOrientation;
     const std::shared_ptr<selvio::SequenceRequestHandler> sequenceRequestHandler;  // analysis queue
     const std::shared_ptr<selvio::FaceDetector> faceDetector;

@@ -16,8 +16,8 @@ constexpr std::size_t kHistoryLimitWhileSelecting = 2 * kLiveHistoryLimit;
 constexpr std::size_t kStillHistoryLimit = 5;
 constexpr std::uint32_t kStillImageOrientation = 5;
 
-int landmarksRevision(int systemMajorVersion) {
-    return systemMajorVersion >= 13 ? 3 : 2;
+int landmarksRevision(int serviceLevel) {
+    return serviceLevel >= 13 ? 3 : 2;
 }
 
 }  // namespace
@@ -112,7 +112,7 @@ void Analyzer::State::detectFaces(SequenceRequestHandler& handler,
             if (held) held->release();
             judgeDetection(done, error, frame);
         });
-    request->setRevision(landmarksRevision(systemMajorVersion));
+    request->setRevision(landmarksRevision(platform.serviceLevel));
     const auto error = handler.performRequests({request}, pixelBuffer, orientation);
     if (error) log("SequenceRequestHandler couldn't perform requests: " + error->localizedDescription);
 }

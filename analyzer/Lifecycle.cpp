@@ -3,7 +3,6 @@
 #include <SelvioFacialCapture/base/Log.h>
 
 #include <algorithm>
-#include <charconv>
 #include <cmath>
 #include <utility>
 
@@ -17,16 +16,8 @@ namespace {
 
 constexpr auto kMotionInterval = std::chrono::milliseconds(300);
 constexpr double kHoldStillThreshold = 0.1;  // radians per second
-constexpr int kSequenceHandlerVersion = 11;
-constexpr int kAutomaticAnalysisVersion = 12;  // older systems capture manually only
-
-// The first component of a dotted version; 0 if it is not a number.
-int majorVersion(const std::shared_ptr<const Device>& device) {
-    const std::string version = device ? device->systemVersion() : "";
-    int major = 0;
-    std::from_chars(version.data(), version.data() + version.size(), major);
-    return major;
-}
+constexpr int kSequenceHandlerLevel = 11;
+constexpr int kAutomaticAnalysisLevel = 12;  // a platform of a lower level of services captures manually only
 
 template <typename T>
 std::shared_ptr<T> made(const std::function<std::shared_ptr<T>()>& make) {
@@ -46,10 +37,9 @@ std::string queueLabel(const char* name) {
 
 Analyzer::State::State(const Platform& ports, std::shared_ptr<SelvioFacialCaptureParameters> settings)
     : platform(ports),
-      systemMajorVersion(majorVersion(ports.device)),
       statusbarOrientation(ports.screen ? ports.screen->statusBarOrientation() : InterfaceOrientation::Unknown),
-      sequenceRequestHandler(systemMajorVersion >= kSequenceHandlerVersion ? made(ports.makeSequenceRequestHandler)
-                                                                           : nullptr),
+      sequenceRequestHandler(ports.serviceLevel >= kSequenceHandlerLevel ? made(ports.makeSequenceRequestHandler)
+                                                                         : nullptr),
       faceDetector(made(ports.makeFaceDetector)),
       framePool(PixelBufferPool::create()),
       obixData(SelvioFacialCaptureObixData::init(ports)),
@@ -62,7 +52,7 @@ Analyzer::State::State(const Platform& ports, std::shared_ptr<SelvioFacialCaptur
 }
 
 bool Analyzer::State::canAnalyze() const {
-    return systemMajorVersion >= kAutomaticAnalysisVersion && sequenceRequestHandler != nullptr;
+    return platform.serviceLevel >= kAutomaticAnalysisLevel && sequenceRequestHandler != nullptr;
 }
 
 rules::GateFlags Analyzer::State::gateFlags() const {
@@ -73,7 +63,7 @@ rules::GateFlags Analyzer::State::gateFlags() const {
 
 void Analyzer::State::setDelegate(std::weak_ptr<Delegate> host) {
     const bool given = !host.expired();
-    const bool applies = given && systemMajorVersion < kAutomaticAnalysisVersion;
+    const bool applies = given && platform.serviceLevel < kAutomaticAnalysisLevel;
     Run run = 0;
     {
         std::unique_lock lock(mutex);

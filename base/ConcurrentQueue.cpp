@@ -3,8 +3,9 @@
 #include <condition_variable>
 #include <deque>
 #include <mutex>
+#include <system_error>
 #include <thread>
-#include <vector>
+#include <utility>
 
 namespace selvio {
 namespace {
@@ -14,30 +15,44 @@ thread_local const void* currentState = nullptr;
 }  // namespace
 
 // Held by the threads as well, so that the queue object may go first.
-struct ConcurrentQueue::State {
-    explicit State(std::string name) : label(std::move(name)) {}
+struct ConcurrentQueue::State : std::enable_shared_from_this<State> {
+    State(std::string name, unsigned most, std::chrono::nanoseconds idleTime)
+        : label(std::move(name)), mostThreads(most), longestIdle(idleTime) {}
 
     const std::string label;
+    const unsigned mostThreads;
+    const std::chrono::nanoseconds longestIdle;
     std::mutex mutex;
     std::condition_variable changed;
     std::deque<Block> ready;  // guarded by mutex
     bool ending = false;      // guarded by mutex
-    std::vector<std::thread> threads;
+    unsigned threads = 0;     // guarded by mutex
+    std::size_t idle = 0;     // guarded by mutex; how many of the threads wait
 
     void submit(Block block) {
-        {
-            const std::lock_guard lock(mutex);
-            ready.push_back(std::move(block));
+        const std::lock_guard lock(mutex);
+        ready.push_back(std::move(block));
+        if (ready.size() <= idle) {
+            changed.notify_one();
+        } else if (threads < mostThreads) {
+            startThread();
         }
-        changed.notify_one();
+    }
+
+    // With the mutex held.
+    void startThread() {
+        try {
+            std::thread([state = shared_from_this()] { state->run(); }).detach();
+            ++threads;
+        } catch (const std::system_error&) {
+            if (threads == 0) throw;  // else one of those there are will come to the block
+        }
     }
 
     void run() {
         currentState = this;
         std::unique_lock lock(mutex);
-        for (;;) {
-            changed.wait(lock, [this] { return ending || !ready.empty(); });
-            if (ready.empty()) return;
+        while (waitForBlock(lock)) {
             Block block = std::move(ready.front());
             ready.pop_front();
             lock.unlock();
@@ -45,23 +60,27 @@ struct ConcurrentQueue::State {
             block = nullptr;
             lock.lock();
         }
+        if (--threads == 0) changed.notify_all();  // for the destructor
+    }
+
+    bool waitForBlock(std::unique_lock<std::mutex>& lock) {
+        ++idle;
+        changed.wait_for(lock, longestIdle, [this] { return ending || !ready.empty(); });
+        --idle;
+        return !ready.empty();
     }
 };
 
-ConcurrentQueue::ConcurrentQueue(const std::string& label, unsigned threads)
-    : state_(std::make_shared<State>(label)), timer_(std::make_unique<SerialQueue>(label + ".timer")) {
-    for (unsigned i = 0; i < threads; ++i) state_->threads.emplace_back([state = state_] { state->run(); });
-}
+ConcurrentQueue::ConcurrentQueue(const std::string& label, unsigned mostThreads, std::chrono::nanoseconds longestIdle)
+    : state_(std::make_shared<State>(label, mostThreads, longestIdle)),
+      timer_(std::make_unique<SerialQueue>(label + ".timer")) {}
 
 ConcurrentQueue::~ConcurrentQueue() {
     timer_.reset();  // hands its blocks on now
-    const bool fromOwnBlock = isCurrent();
-    {
-        const std::lock_guard lock(state_->mutex);
-        state_->ending = true;
-    }
+    std::unique_lock lock(state_->mutex);
+    state_->ending = true;
     state_->changed.notify_all();
-    for (std::thread& thread : state_->threads) fromOwnBlock ? thread.detach() : thread.join();
+    if (!isCurrent()) state_->changed.wait(lock, [this] { return state_->threads == 0; });
 }
 
 const std::shared_ptr<ConcurrentQueue>& ConcurrentQueue::shared() {
@@ -86,6 +105,11 @@ bool ConcurrentQueue::isCurrent() const {
 
 const std::string& ConcurrentQueue::label() const {
     return state_->label;
+}
+
+unsigned ConcurrentQueue::threadCount() const {
+    const std::lock_guard lock(state_->mutex);
+    return state_->threads;
 }
 
 }  // namespace selvio

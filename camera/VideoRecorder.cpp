@@ -46,7 +46,7 @@ void writerDidFinish(AssetWriterStatus status, FileManager* files, const std::op
 VideoRecorder::VideoRecorder(const Platform& platform, std::shared_ptr<CameraState> state,
                              const std::shared_ptr<Queue>& queue)
     : clock_(platform.clock),
-      device_(platform.device),
+      serviceLevel_(platform.serviceLevel),
       screen_(platform.screen),
       writers_(platform.assetWriters),
       files_(platform.fileManager),
@@ -103,8 +103,7 @@ std::shared_ptr<AssetWriterInput> VideoRecorder::makeVideoInput() const {
     // The orientation may be read on any thread, so the size is settled before the track is made.
     const auto orientation = screen_ ? std::optional(screen_->statusBarOrientation()) : std::nullopt;
     auto input = writers_->makeVideoInput(recordingSettings(output->recommendedVideoSettings(kFileTypeMPEG4),
-                                                            orientation, parameters->videoQuality(),
-                                                            device_ ? device_->systemVersion() : std::string()));
+                                                            orientation, parameters->videoQuality(), serviceLevel_));
     if (input) input->setExpectsMediaDataInRealTime(true);
     return input;
 }

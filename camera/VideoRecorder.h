@@ -43,7 +43,7 @@ private:
     void markInputsAsFinished() const;
 
     const std::shared_ptr<const Clock> clock_;
-    const std::shared_ptr<const Device> device_;
+    const int serviceLevel_;
     const std::shared_ptr<const Screen> screen_;
     const std::shared_ptr<AssetWriterFactory> writers_;
     const std::shared_ptr<FileManager> files_;

@@ -1,6 +1,5 @@
 #include "camera/rules/RecordingRules.h"
 
-#include <charconv>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -12,23 +11,15 @@ namespace {
 constexpr std::string_view kFilePrefix = "selvio_";
 constexpr std::string_view kFileSuffix = ".mp4";
 
-bool isAtLeastVersion(std::string_view version, int major) {
-    int value = 0;
-    const auto [end, error] = std::from_chars(version.data(), version.data() + version.size(), value);
-    return error == std::errc() && value >= major;
-}
-
 }  // namespace
 
-std::int64_t averageBitRate(SelvioFacialCaptureVideoQuality quality, std::string_view codec,
-                            std::string_view systemVersion) {
-    if (isAtLeastVersion(systemVersion, 11) && codec == kVideoCodecTypeHEVC)
-        return (5'500'000 * quality - 55'000'000) / 90 + 500'000;
+std::int64_t averageBitRate(SelvioFacialCaptureVideoQuality quality, std::string_view codec, int serviceLevel) {
+    if (serviceLevel >= 11 && codec == kVideoCodecTypeHEVC) return (5'500'000 * quality - 55'000'000) / 90 + 500'000;
     return (11'500'000 * quality - 115'000'000) / 90 + 1'500'000;
 }
 
 VideoSettings recordingSettings(VideoSettings recommended, std::optional<InterfaceOrientation> interfaceOrientation,
-                                SelvioFacialCaptureVideoQuality quality, std::string_view systemVersion) {
+                                SelvioFacialCaptureVideoQuality quality, int serviceLevel) {
     VideoSettings settings = std::move(recommended);
     if (interfaceOrientation) {
         const bool portrait = *interfaceOrientation == InterfaceOrientation::Portrait ||
@@ -36,7 +27,7 @@ VideoSettings recordingSettings(VideoSettings recommended, std::optional<Interfa
         settings.width = portrait ? 720 : 1280;
         settings.height = portrait ? 1280 : 720;
     }
-    settings.compressionProperties[kVideoAverageBitRateKey] = averageBitRate(quality, settings.codec, systemVersion);
+    settings.compressionProperties[kVideoAverageBitRateKey] = averageBitRate(quality, settings.codec, serviceLevel);
     return settings;
 }
 

@@ -13,15 +13,15 @@
 namespace selvio {
 
 /// The average bit rate in bits a second for a quality of 10 to 100: 0.5 to 6 Mbit/s for HEVC, 1.5 to 13 Mbit/s for any
-/// other codec. HEVC has its own rate from system version 11 on.
+/// other codec. HEVC has its own rate from service level 11 on.
 [[nodiscard]] std::int64_t averageBitRate(SelvioFacialCaptureVideoQuality quality, std::string_view codec,
-                                          std::string_view systemVersion);
+                                          int serviceLevel);
 
 /// The settings for a recording: those recommended, with the frame size of the interface orientation (720x1280 for both
 /// portraits, else 1280x720; unchanged if the orientation cannot be known) and the average bit rate.
 [[nodiscard]] VideoSettings recordingSettings(VideoSettings recommended,
                                               std::optional<InterfaceOrientation> interfaceOrientation,
-                                              SelvioFacialCaptureVideoQuality quality, std::string_view systemVersion);
+                                              SelvioFacialCaptureVideoQuality quality, int serviceLevel);
 
 /// "selvio_yyyy-MM-dd_HH-mm-ss-SSS.mp4" in local time, for a time in seconds since 1 January 2001, 00:00:00 UTC.
 /// Milliseconds are cut, not rounded.

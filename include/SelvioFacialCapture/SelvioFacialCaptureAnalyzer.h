@@ -56,7 +56,7 @@ public:
 
     // Control
 
-    /// Holds the delegate weakly. On a system older than version 12, a non-null delegate makes the analyzer
+    /// Holds the delegate weakly. On a platform whose service level is below 12, a non-null delegate makes the analyzer
     /// manual-only: mode 1, and the delegate's `manualOnly` is called before this returns. Does nothing once spent.
     void setDelegate(std::weak_ptr<SelvioFacialCaptureAnalyzerDelegate> delegate);
     /// Sets the parameters' mode.
@@ -88,7 +88,7 @@ public:
     void analyzeSampleBuffer(const std::shared_ptr<selvio::SampleBuffer>& sampleBuffer);
     /// Analyses the picture in a file on the calling thread, even while paused, though its result is then dropped like
     /// any other; the picture takes the place of the screen. A file that cannot be read is a line in the log and
-    /// nothing else. Does nothing on systems older than version 12.
+    /// nothing else. Does nothing on platforms whose service level is below 12.
     void analyzeImageAtPath(const std::string& path);
 
     /// The orientation of the front camera's mirrored image, as EXIF orientation: 7, 4, 2 for devices held upside down,

@@ -85,7 +85,7 @@ struct AnalyzerFakes {
     const std::shared_ptr<FakeImageLoader> loader = std::make_shared<FakeImageLoader>();
     const std::shared_ptr<FakeMotionManager> motion = std::make_shared<FakeMotionManager>();
     Size screen{1000, 1700};
-    std::shared_ptr<FakeDevice> device = std::make_shared<FakeDevice>();
+    const std::shared_ptr<FakeDevice> device = std::make_shared<FakeDevice>();
     const std::shared_ptr<SelvioFacialCaptureParameters> parameters = std::make_shared<SelvioFacialCaptureParameters>();
 };
 
@@ -93,9 +93,9 @@ struct AnalyzerFakes {
 class ManualAnalyzer : public AnalyzerFakes {
 public:
     /// An analyzer anew.
-    void makeAnalyzer(const std::string& systemVersion) {
-        device = std::make_shared<FakeDevice>(systemVersion);
+    void makeAnalyzer(int serviceLevel = Platform::kFullServiceLevel) {
         Platform platform = AnalyzerFakes::platform();
+        platform.serviceLevel = serviceLevel;
         platform.mainQueue = mainQueue;
         platform.globalQueue = globalQueue;
         platform.makeSerialQueue = [this](const std::string& label) {
@@ -133,8 +133,8 @@ public:
     }
 
     /// An analyzer anew.
-    void make(const std::string& systemVersion = "13.0") {
-        makeAnalyzer(systemVersion);
+    void make(int serviceLevel = Platform::kFullServiceLevel) {
+        makeAnalyzer(serviceLevel);
         analyzer->setDelegate(delegate);
     }
 

@@ -10,14 +10,14 @@ using ::testing::IsEmpty;
 class Lifecycle : public AnalyzerFixture {};
 class Intake : public AnalyzerFixture {};
 
-TEST_F(Lifecycle, OldSystemsAreManualOnly) {
-    for (const auto& [version, manualOnly] : {std::pair("11.9", true), {"12.0", false}, {"", true}}) {
+TEST_F(Lifecycle, PlatformsOfALowLevelAreManualOnly) {
+    for (const auto& [level, manualOnly] : {std::pair(11, true), {12, false}, {0, true}}) {
         parameters->setMode(2);
         calls.clear();
-        make(version);
-        EXPECT_EQ(analyzer->manualOnly(), manualOnly) << version;
-        EXPECT_EQ(parameters->mode(), manualOnly ? 1 : 2) << version;
-        EXPECT_EQ(calls.size(), manualOnly ? 1U : 0U) << version;
+        make(level);
+        EXPECT_EQ(analyzer->manualOnly(), manualOnly) << level;
+        EXPECT_EQ(parameters->mode(), manualOnly ? 1 : 2) << level;
+        EXPECT_EQ(calls.size(), manualOnly ? 1U : 0U) << level;
     }
     EXPECT_EQ(SelvioFacialCaptureAnalyzer::initWithParameters(nullptr), nullptr);
 }
@@ -151,7 +151,7 @@ TEST_F(Intake, EveryWayOutReleasesTheFrame) {
          {},
          0},
         {"paused", [this] { analyzer->pause(); }, frame(), {}, 1},
-        {"old system", [this] { make("11.4"); }, frame(), {"manualOnly"}, 1},
+        {"low level", [this] { make(11); }, frame(), {"manualOnly"}, 1},
         {"stopped while queued", [this] { vision->setDuringRequest([this] { analyzer->stop(); }); }, frame(), {}, 0},
         {"paused during the request",
          [this] { vision->setDuringRequest([this] { analyzer->pause(); }); },
@@ -182,7 +182,7 @@ TEST_F(Intake, NoFaceAndSeveralFacesAreSaidAndLogged) {
     EXPECT_THAT(loggedEvents(), ElementsAre("FENF", "FEMF"));
     EXPECT_EQ(vision->lastRevision(), 3);
     EXPECT_EQ(vision->lastOrientation(), 5U);
-    make("12.1");
+    make(12);
     device->setOrientation(DeviceOrientation::LandscapeLeft);
     send();
     EXPECT_EQ(vision->lastOrientation(), 4U);

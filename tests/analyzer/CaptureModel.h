@@ -63,8 +63,8 @@ struct Frame {
 
 class CaptureModel {
 public:
-    CaptureModel(int systemVersion, Size screenSize, nlohmann::json newRecord)
-        : record(std::move(newRecord)), version(systemVersion) {
+    CaptureModel(int serviceLevel, Size screenSize, nlohmann::json newRecord)
+        : record(std::move(newRecord)), level(serviceLevel) {
         screen.show(screenSize);
     }
 
@@ -129,7 +129,7 @@ public:
     void setDelegate(std::optional<int> methods) {
         if (spent) return;
         delegate = methods;
-        if (!methods || version >= 12) return;
+        if (!methods || level >= 12) return;
         manualOnly = true;
         parameters.mode = 1;
         tell(kManualOnly, "manualOnly", nullptr);
@@ -202,7 +202,7 @@ public:
             waiting.push_back({Item::Manual, ++run, results, frame.mark});
             ++mainBlocks;
         }
-        if (version < 12 || selection || skip || smileTest || manualOnly) {
+        if (level < 12 || selection || skip || smileTest || manualOnly) {
             inProgress = false;
             return;
         }
@@ -213,7 +213,7 @@ public:
         detect(frame, exif, frameRun, false);
     }
     void analyzeImageAtPath(const std::optional<Frame>& picture) {
-        if (spent || version < 12) return;
+        if (spent || level < 12) return;
         if (!picture) {
             logLines.emplace_back("missing.jpg: no such file");
             return;
@@ -320,7 +320,7 @@ private:
 
     void detect(const Frame& frame, std::uint32_t orientation, int frameRun, bool still) {
         asked.push_back("request " + std::to_string(frame.mark) + " orientation " + std::to_string(orientation) +
-                        " revision " + std::to_string(version >= 13 ? 3 : 2));
+                        " revision " + std::to_string(level >= 13 ? 3 : 2));
         fire(world.duringRequest);
         if (world.handlerError) {
             logLines.push_back("SequenceRequestHandler couldn't perform requests: " + *world.handlerError);
@@ -443,7 +443,7 @@ private:
             logLines.emplace_back("The selected image could not be encoded: not enough memory");
     }
 
-    const int version;
+    const int level;
     int run = 0;
     std::optional<int> delegate;
     int lastEvent = 20;

@@ -117,7 +117,7 @@ TEST(Stress, ACaptureThatThreeThreadsEndAtOnceEndsOnce) {
 TEST(Threads, StopWaitsForADelegateCallOnAnotherThread) {
     for (const bool cancels : {false, true}) {
         ManualAnalyzer capture;
-        capture.makeAnalyzer("13.0");
+        capture.makeAnalyzer();
         const auto delegate = std::make_shared<SelvioFacialCaptureAnalyzerDelegate>();
         std::future<void> ending;
         std::atomic<bool> callEnded{false};

@@ -14,7 +14,7 @@ TEST(CameraRecording, callsInOrderForAWholeRecording) {
     CameraRig rig;
     rig.files->put("selvio_left over.mp4");
     rig.capture->codec = kVideoCodecTypeHEVC;
-    rig.platform.device = std::make_shared<FakeDevice>("11.0");
+    rig.platform.serviceLevel = 11;
     rig.platform.screen = std::make_shared<FakeScreen>(Size{}, InterfaceOrientation::LandscapeLeft);
     rig.makeRecording(55);
     EXPECT_THAT(rig.files->names(), IsEmpty());

@@ -66,16 +66,15 @@ TEST(CameraRules, bitRates) {
     const std::int64_t rows[][3] = {
         {10, 500'000, 1'500'000}, {11, 561'111, 1'627'777}, {55, 3'250'000, 7'250'000}, {100, 6'000'000, 13'000'000}};
     for (const auto& [quality, hevc, other] : rows) {
-        EXPECT_EQ(averageBitRate(quality, kVideoCodecTypeHEVC, "11.0"), hevc);
-        EXPECT_EQ(averageBitRate(quality, kVideoCodecTypeHEVC, "10.3.4"), other);
-        EXPECT_EQ(averageBitRate(quality, kVideoCodecTypeHEVC, ""), other);
-        EXPECT_EQ(averageBitRate(quality, kVideoCodecTypeH264, "13.0"), other);
+        EXPECT_EQ(averageBitRate(quality, kVideoCodecTypeHEVC, 11), hevc);
+        EXPECT_EQ(averageBitRate(quality, kVideoCodecTypeHEVC, 10), other);
+        EXPECT_EQ(averageBitRate(quality, kVideoCodecTypeH264, 13), other);
     }
 }
 
 TEST(CameraRules, settingsKeepWhatTheyDoNotDecide) {
     const auto settings =
-        recordingSettings({"H264", 640, 480, {{"Profile", 7}, {"AverageBitRate", 1}}}, std::nullopt, 10, "13.0");
+        recordingSettings({"H264", 640, 480, {{"Profile", 7}, {"AverageBitRate", 1}}}, std::nullopt, 10, 13);
     EXPECT_EQ(std::pair(settings.width, settings.height), std::pair(640, 480)) << "the orientation cannot be known";
     EXPECT_EQ(settings.codec, "H264");
     EXPECT_EQ(settings.compressionProperties,

@@ -7,12 +7,45 @@
 #include <gmock/gmock.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <sys/utsname.h>
+
+#include <map>
 
 namespace {
 
 using namespace selvio;
 using test::TemporaryDirectory;
 namespace fs = std::filesystem;
+
+TEST(LinuxDevice, tellsTheVersionOfTheSystemWithItsPointRelease) {
+    struct Row {
+        std::map<std::string, std::string> files;
+        std::string version;
+    };
+    const std::vector<Row> rows = {
+        {{{"etc/os-release", "NAME=\"Debian GNU/Linux\"\nVERSION_ID=\"12\"\nVERSION=\"12 (bookworm)\"\n"},
+          {"etc/debian_version", "12.11\n"},
+          {"usr/lib/os-release", "VERSION_ID=9\n"}},
+         "12.11"},
+        {{{"etc/os-release", "VERSION_ID='22.04'\n"}, {"etc/debian_version", "bookworm/sid\n"}}, "22.04"},
+        {{{"etc/os-release", "VERSION_ID=1\n"}, {"etc/debian_version", "12.11\n"}}, "1"},
+        {{{"usr/lib/os-release", "VERSION_ID=39"}}, "39"},
+        {{{"etc/os-release", "ID=arch\nBUILD_ID=rolling\n"}, {"etc/debian_version", ".1\n"}}, ""},
+        {{}, ""},
+    };
+    for (const Row& row : rows) {
+        const TemporaryDirectory root;
+        for (const auto& [name, text] : row.files) root.write(name, text);
+        EXPECT_EQ(LinuxDevice({}, root.path()).systemVersion(), row.version) << &row - rows.data();
+    }
+    const LinuxDevice device([] { return DeviceOrientation::LandscapeLeft; });
+    EXPECT_EQ(device.orientation(), DeviceOrientation::LandscapeLeft);
+    EXPECT_EQ(LinuxDevice().orientation(), DeviceOrientation::Portrait);
+    EXPECT_EQ(device.model(), "Linux");
+    utsname kernel{};
+    ASSERT_EQ(uname(&kernel), 0);
+    EXPECT_EQ(device.machineName(), kernel.machine);
+}
 
 TEST(LinuxScreen, takesTheConnectedDisplayInPortrait) {
     struct Display {

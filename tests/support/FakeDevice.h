@@ -9,15 +9,13 @@ namespace selvio {
 
 class FakeDevice final : public Device {
 public:
-    explicit FakeDevice(std::string version = "13.0") : version_(std::move(version)) {}
-    [[nodiscard]] std::string systemVersion() const override { return version_; }
+    [[nodiscard]] std::string systemVersion() const override { return "12.11"; }
     [[nodiscard]] std::string model() const override { return "Kiosk"; }
     [[nodiscard]] std::string machineName() const override { return "x86_64"; }
     [[nodiscard]] DeviceOrientation orientation() const override { return orientation_; }
     void setOrientation(DeviceOrientation orientation) { orientation_ = orientation; }
 
 private:
-    const std::string version_;
     std::atomic<DeviceOrientation> orientation_{DeviceOrientation::Portrait};
 };
 

@@ -108,7 +108,7 @@ protected:
     std::shared_ptr<FakeImageCodec> codec = std::make_shared<FakeImageCodec>();
     std::shared_ptr<Record> record = Record::init([this] {
         Platform platform;
-        platform.device = std::make_shared<FakeDevice>("13.0");
+        platform.device = std::make_shared<FakeDevice>();
         platform.imageCodec = codec;
         return platform;
     }());
@@ -123,7 +123,7 @@ protected:
 
 TEST_F(RecordTest, ANewRecordHoldsItsSevenMembersWithoutWhiteSpace) {
     EXPECT_EQ(json::parse(record->obixDataString().value()),
-              json::parse(R"({"ObixVersion": "1.6", "Platform": "iOS", "OS": "13.0", "Device": "Kiosk",
+              json::parse(R"({"ObixVersion": "1.6", "Platform": "iOS", "OS": "12.11", "Device": "Kiosk",
         "Model": "x86_64", "Manufacturer": "Apple", "SDKVersion": "Facial Capture 3.2.1"})"));
     EXPECT_EQ(record->obixDataString()->find("\": "), std::string::npos);
 }

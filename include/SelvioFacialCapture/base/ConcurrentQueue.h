@@ -5,11 +5,15 @@
 
 namespace selvio {
 
-/// Runs blocks on a small number of threads of its own, in any order. Destruction runs what was submitted (delayed
-/// blocks at once) and joins; from one of its own blocks it does the same without joining.
+/// Runs blocks on threads of its own, in any order. A block that finds no thread idle gets a new one, so that a block
+/// that never ends holds up no other; beyond `mostThreads` (at least 1) blocks wait. A thread that has had nothing to
+/// do for `longestIdle` ends.
+/// Destruction runs what was submitted (delayed blocks at once) and waits until it has run, for a block that never ends
+/// without end; from one of its own blocks it does the same without waiting.
 class ConcurrentQueue final : public Queue {
 public:
-    explicit ConcurrentQueue(const std::string& label, unsigned threads = 2);
+    explicit ConcurrentQueue(const std::string& label, unsigned mostThreads = 64,
+                             std::chrono::nanoseconds longestIdle = std::chrono::seconds(10));
     ~ConcurrentQueue() override;
 
     /// The process's global queue, made on first use.
@@ -19,6 +23,8 @@ public:
     void asyncAfter(std::chrono::nanoseconds delay, Block block) override;
     [[nodiscard]] bool isCurrent() const override;
     [[nodiscard]] const std::string& label() const override;
+    /// How many threads there are at the moment. Any thread.
+    [[nodiscard]] unsigned threadCount() const;
 
 private:
     struct State;

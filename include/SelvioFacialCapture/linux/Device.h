@@ -17,10 +17,12 @@ public:
     /// Tells how the device is held; called on the thread that asks the device.
     using OrientationProvider = std::function<DeviceOrientation()>;
 
-    /// Without a provider the device is always held in portrait.
-    explicit LinuxDevice(OrientationProvider orientation = {});
+    /// Without a provider the device is always held in portrait. The system's version is read now, from the files of
+    /// the system whose root directory is `root`.
+    explicit LinuxDevice(OrientationProvider orientation = {}, const std::filesystem::path& root = "/");
 
-    /// "13.0": the level of the services that the Linux platform provides, not the kernel's version.
+    /// The distribution's: VERSION_ID of os-release, on Debian with the point release ("12.11"). Empty where there is
+    /// none, as on distributions that roll.
     [[nodiscard]] std::string systemVersion() const override;
     /// "Linux".
     [[nodiscard]] std::string model() const override;
@@ -30,6 +32,7 @@ public:
 
 private:
     const OrientationProvider orientation_;
+    const std::string systemVersion_;
 };
 
 /// A portrait screen, one point a pixel. Any thread.

@@ -31,7 +31,7 @@ enum class InterfaceOrientation : std::int64_t {
 class Device {
 public:
     virtual ~Device() = default;
-    /// A dotted version number: the level of the services that the platform provides.
+    /// The version of the operating system, a dotted number; empty if the system does not say.
     [[nodiscard]] virtual std::string systemVersion() const = 0;
     /// The generic name of the device family.
     [[nodiscard]] virtual std::string model() const = 0;

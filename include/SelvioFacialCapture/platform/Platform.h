@@ -25,6 +25,12 @@ inline constexpr const char* kQueueLabelPrefix = "com.selvio.facialcapture";
 /// The ports. A main object copies the struct when it is made. A null port is a service that the platform lacks: what
 /// needs it does nothing. The analyzer uses the first group, the camera the second, both use the queues and the clock.
 struct Platform {
+    /// Services that came late in the life of platforms, which is no matter of the system's own version (see `Device`):
+    /// from 11 on landmark requests and HEVC's own bit rate, from 12 on automatic capture (below, an analyzer is
+    /// manual-only), from 13 on the newer layout of landmarks. Adapters have them all.
+    int serviceLevel = kFullServiceLevel;
+    static constexpr int kFullServiceLevel = 13;
+
     std::shared_ptr<const Clock> clock;
     std::shared_ptr<Queue> mainQueue;
     std::shared_ptr<Queue> globalQueue;  ///< concurrent, default priority
