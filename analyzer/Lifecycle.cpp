@@ -273,8 +273,11 @@ void Analyzer::pauseFor(std::int64_t reason) { state_->pauseFor(reason); }
 void Analyzer::resume() { state_->resume(); }
 void Analyzer::selectFrame() { state_->shouldSelectCurrentFrame = true; }
 void Analyzer::analyzeSampleBuffer(const std::shared_ptr<SampleBuffer>& sampleBuffer) { state_->analyzeSampleBuffer(sampleBuffer); }
-void Analyzer::analyzeImageAtPath(const std::string& path) { state_->analyzeImageAtPath(path); }
 // clang-format on
+
+void Analyzer::analyzeImageAtPath(const std::string& path) {
+    withoutThrowing("A still image could not be analysed", [&] { state_->analyzeImageAtPath(path); });
+}
 
 void Analyzer::updateMode(std::int64_t mode) {
     if (const auto current = parameters()) current->setMode(mode);

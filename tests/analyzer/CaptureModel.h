@@ -2,7 +2,9 @@
 // called; what the analyzer submits to a queue waits here in a list that the test runs in step with that queue.
 #pragma once
 
+#include <SelvioFacialCapture/SelvioFacialCaptureParameters.h>
 #include <SelvioFacialCapture/platform/MotionManager.h>
+#include <gtest/gtest.h>
 
 #include <deque>
 #include <functional>
@@ -43,13 +45,18 @@ struct Results {
         return copy;
     }
     friend bool operator==(const Results&, const Results&) = default;
+    friend void PrintTo(const Results& r, std::ostream* out) {
+        *out << "statuses " << ::testing::PrintToString(r.statuses) << " highest " << r.highest << " code " << r.code
+             << " image " << r.image.value_or(-1) << ' ' << r.encoded.value_or("") << " record "
+             << r.record.value_or("");
+    }
 };
 
 /// A delegate call.
 struct Call {
     std::string method;
-    std::shared_ptr<const Results> object;  ///< null for a call without results
-    Results then;                           ///< what the object held at that time
+    std::shared_ptr<const void> object;  ///< the results; null for a call without
+    Results then;                        ///< what they held at that time
 };
 
 enum Method { kResults = 1, kCountdown = 2, kSuccess = 4, kCancelled = 8, kManualOnly = 16 };
@@ -61,6 +68,22 @@ struct Frame {
     bool hasPicture = true;
 };
 
+/// What the ports answer. The hooks are called once, where a port or the host is called.
+struct World {
+    std::optional<std::vector<FaceObservation>> faces;
+    std::optional<Error> requestError, handlerError;
+    std::int64_t orientation = 1;
+    int smilingFaces = 0, otherFaces = 1;  ///< what the smile test sees
+    int codecFailsAt = 0;                  ///< 1, 2, 3: at that step
+    bool throws = false;                   ///< detectors and codec run out of memory
+    double time = 0;
+    std::function<void()> duringRequest, duringTest, duringEncoding, duringCall, duringLogging;
+};
+
+inline void fire(std::function<void()>& hook) {
+    if (const auto once = std::exchange(hook, nullptr)) once();
+}
+
 class CaptureModel {
 public:
     CaptureModel(int serviceLevel, Size screenSize, nlohmann::json newRecord)
@@ -68,41 +91,8 @@ public:
         screen.show(screenSize);
     }
 
-    // The world around the analyzer. The hooks are called where the world answers.
-
-    struct World {
-        std::optional<std::vector<FaceObservation>> faces;
-        std::optional<std::string> requestError, handlerError;
-        std::int64_t orientation = 1;
-        int smileFaces = 1;
-        bool smiling = false;
-        enum class Codec { Works, Fails, Throws } codec = Codec::Works;
-        double time = 0;
-        std::function<void()> duringRequest, duringTest, duringEncoding, duringCall;
-    } world;
-    double logStart = 0;
-    struct Parameters {
-        std::int64_t mode = 2, countdownTime = 2, imageQuality = 95;
-        bool selectOnSmile = false;
-        Strictness strictness;
-        [[nodiscard]] nlohmann::json dictionary() const {
-            const auto text = [](std::int64_t n) { return std::to_string(n); };
-            return {{"Mode", text(mode)},
-                    {"Timeout", "20"},
-                    {"MinFill", text(strictness.minFill)},
-                    {"MaxFill", text(strictness.maxFill)},
-                    {"Roll", text(strictness.roll)},
-                    {"Pitch", text(strictness.pitch)},
-                    {"Yaw", text(strictness.yaw)},
-                    {"ImageQuality", text(imageQuality)},
-                    {"SelectOnSmile", selectOnSmile ? "1" : "0"},
-                    {"CountdownTime", text(countdownTime)},
-                    {"RecordVideo", "0"},
-                    {"RecordAudio", "0"},
-                    {"ShowRecordingUI", "1"},
-                    {"VideoQuality", "10"}};
-        }
-    } parameters;
+    World world;
+    const std::shared_ptr<SelvioFacialCaptureParameters> parameters = std::make_shared<SelvioFacialCaptureParameters>();
 
     // What the analyzer shows.
 
@@ -131,11 +121,11 @@ public:
         delegate = methods;
         if (!methods || level >= 12) return;
         manualOnly = true;
-        parameters.mode = 1;
+        parameters->setMode(1);
         tell(kManualOnly, "manualOnly", nullptr);
     }
     void updateMode(std::int64_t mode) {
-        if (!spent) parameters.mode = mode == 1 ? 1 : 2;
+        if (results) parameters->setMode(mode);  // they are there until the cancellation has been told
     }
     void pauseFor(std::int64_t reason) {
         if (spent) return;
@@ -147,9 +137,9 @@ public:
         if (spent) return;
         ++run;
         skip = smileTest = selection = select = false;
-        addEvent(parameters.mode == 2 ? 0 : 1);
+        addEvent(parameters->mode() == 2 ? 0 : 1);
         motionRuns = true;
-        if (!record.contains("Parameters")) record["Parameters"] = parameters.dictionary();
+        if (!record.contains("Parameters")) record["Parameters"] = parameters->toDictionary();
     }
     void selectFrame() {
         if (!spent) select = true;
@@ -196,7 +186,7 @@ public:
         }
         const int frameRun = run;
         keep(frame.mark, selection ? 28 : 14);
-        if ((manualOnly || parameters.mode == 1) && select && !selection && hears(kSuccess)) {
+        if ((manualOnly || parameters->mode() == 1) && select && !selection && hears(kSuccess)) {
             selection = true;
             results = results->withoutSelection();
             waiting.push_back({Item::Manual, ++run, results, frame.mark});
@@ -215,7 +205,7 @@ public:
     void analyzeImageAtPath(const std::optional<Frame>& picture) {
         if (spent || level < 12) return;
         if (!picture) {
-            logLines.emplace_back("missing.jpg: no such file");
+            say("missing.jpg: no such file");
             return;
         }
         screen.show(picture->size);
@@ -229,7 +219,7 @@ public:
         tests.pop_front();
         if (step.run == run) testSmile(step);
     }
-    [[nodiscard]] std::size_t globalBlocks() const { return tests.size(); }
+    [[nodiscard]] std::vector<std::size_t> blocks() const { return {analysisQueue.size(), tests.size(), mainBlocks}; }
     void runMainBlock() {
         if (mainBlocks == 0) return;
         --mainBlocks;
@@ -281,15 +271,16 @@ private:
         calls.push_back({name, object, object ? *object : Results()});
         fire(world.duringCall);
     }
-    static void fire(std::function<void()>& hook) {
-        if (const auto once = std::exchange(hook, nullptr)) once();
+    void say(const std::string& line) {
+        logLines.push_back(line);
+        fire(world.duringLogging);
     }
     void addEvent(int event) {
         static const char* const kCodes[] = {"SA",  "SS",   "IS",   "HS",   "RS",   "MF",  "MT",
                                              "ST",  "C",    "FENF", "FENC", "FEMF", "FER", "FEP",
                                              "FEY", "FETF", "FETC", "FENS", "FESS", "FHS", "FS"};
         if (event == std::exchange(lastEvent, event)) return;
-        log.push_back({{kCodes[event], {static_cast<std::int64_t>((world.time - logStart) * 1000.0)}}});
+        log.push_back({{kCodes[event], {static_cast<std::int64_t>(world.time * 1000.0)}}});
     }
     void addUxp(const std::vector<std::int64_t>& statuses) {
         static const int kEvents[] = {0, 9, 11, 12, 13, 14, 15, 16, 10, 17, 19, 0, 0, 18, 20};
@@ -322,15 +313,18 @@ private:
         asked.push_back("request " + std::to_string(frame.mark) + " orientation " + std::to_string(orientation) +
                         " revision " + std::to_string(level >= 13 ? 3 : 2));
         fire(world.duringRequest);
-        if (world.handlerError) {
-            logLines.push_back("SequenceRequestHandler couldn't perform requests: " + *world.handlerError);
+        if (world.throws || world.handlerError) {
+            say(!world.throws
+                    ? "SequenceRequestHandler couldn't perform requests: " + world.handlerError->localizedDescription
+                : still ? "A still image could not be analysed: not enough memory"
+                        : "A frame could not be analysed: not enough memory");
             if (!still) inProgress = false;
             return;
         }
-        const auto& faces = world.faces;
+        const auto faces = world.faces;
         if (!still) inProgress = false;
         if (frameRun != run || selection || skip || smileTest) return;
-        if (world.requestError) logLines.push_back("Detect face request error: " + *world.requestError);
+        if (world.requestError) say("Detect face request error: " + world.requestError->localizedDescription);
         if (still) results = results->withoutSelection();
         const Step step{frameRun, results, frame.mark};
         if (faces && faces->size() == 1) return judgeFace(faces->front(), step);
@@ -350,18 +344,19 @@ private:
         r.contour = Screen::inRect(landmarks.faceContour, r.faceRect);
         r.nose = Screen::inRect(landmarks.nose, r.faceRect);
         r.lips = Screen::inRect(landmarks.outerLips, r.faceRect);
-        const Verdict verdict =
-            judge(r.contour, r.nose, r.lips, parameters.strictness, screen.big, screen.small, holdStill);
+        const auto& p = *parameters;
+        const Strictness strictness{p.roll(), p.pitch(), p.yaw(), p.minFill(), p.maxFill()};
+        const Verdict verdict = judge(r.contour, r.nose, r.lips, strictness, screen.big, screen.small, holdStill);
         noseMiddle = verdict.noseMiddle;
         lipLeft = verdict.lipLeft;
         lipRight = verdict.lipRight;
         fill = verdict.fill;
         if (!verdict.statuses.empty()) return report(Item::Statuses, step, verdict.statuses);
         r.setStatuses({});
-        if (parameters.selectOnSmile || parameters.mode != 2) {
+        if (parameters->selectOnSmile() || parameters->mode() != 2) {
             smileTest = true;
             tests.push_back(step);
-        } else if (select || parameters.countdownTime <= 1) {
+        } else if (select || parameters->countdownTime() <= 1) {
             wait({Item::Automatic, step.run, step.results, step.mark});
         } else {
             wait({std::exchange(startCountdown, false) ? Item::Countdown : Item::CountdownStatus, step.run,
@@ -372,16 +367,18 @@ private:
         asked.push_back("smile " + std::to_string(step.mark));
         fire(world.duringTest);
         if (step.run != run) return;
-        if (world.smileFaces != 1) {
+        if (world.throws) say("A smile could not be judged: not enough memory");
+        if (world.throws || world.smilingFaces + world.otherFaces != 1) {
             smileTest = false;
             return;
         }
-        if (smileStatus == 0) smileStatus = world.smiling ? 1 : 2;
-        const bool manual = parameters.mode == 1;
-        const bool askToStop = world.smiling && (smileStatus == 1 || manual);
+        const bool smiling = world.smilingFaces == 1;
+        if (smileStatus == 0) smileStatus = smiling ? 1 : 2;
+        const bool manual = parameters->mode() == 1;
+        const bool askToStop = smiling && (smileStatus == 1 || manual);
         std::optional<Mark> chosen;
-        if (world.smiling && !askToStop) chosen = history.front();
-        if (!world.smiling && smileStatus == 1) chosen = history.back();
+        if (smiling && !askToStop) chosen = history.front();
+        if (!smiling && smileStatus == 1) chosen = history.back();
         if (selection || skip) {
             outcomes.insert("a smile test overtaken by a pause");
             return;
@@ -390,7 +387,7 @@ private:
         step.results->setStatuses(statuses);
         addUxp(statuses);
         if (chosen && !manual) {
-            const int mine = beginSelection(world.smiling ? "smile came" : "smile went");
+            const int mine = beginSelection(smiling ? "smile came" : "smile went");
             closeRecord(*step.results, *chosen, 2);
             wait({Item::Success, mine, step.results, *chosen});
         } else {
@@ -427,20 +424,19 @@ private:
     void closeRecord(Results& object, Mark mark, std::int64_t code) {
         object.image = mark;
         object.code = code;
-        addEvent(parameters.mode == 2 ? 6 : 7);
+        addEvent(parameters->mode() == 2 ? 6 : 7);
         record["UXP"] = log;
-        record["Autocapture"] = parameters.mode == 2 ? "1" : "0";
+        record["Autocapture"] = parameters->mode() == 2 ? "1" : "0";
         record["SelvioResultCode"] = code == 2 ? "SuccessVideo" : "SuccessStillCamera";
-        const auto quality = static_cast<float>(static_cast<double>(parameters.imageQuality) / 100);
+        const auto quality = static_cast<float>(static_cast<double>(parameters->imageQuality()) / 100);
         asked.push_back("encode " + std::to_string(mark));
         fire(world.duringEncoding);
         object.record = record.dump();
         object.encoded.reset();
-        if (world.codec == World::Codec::Works) {
+        if (!world.throws && world.codecFailsAt == 0) {
             object.encoded = "encoded at 1.000000, then at " + std::to_string(quality) + ", 72x72/1: " + *object.record;
         }
-        if (world.codec == World::Codec::Throws)
-            logLines.emplace_back("The selected image could not be encoded: not enough memory");
+        if (world.throws) say("The selected image could not be encoded: not enough memory");
     }
 
     const int level;
