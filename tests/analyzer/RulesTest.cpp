@@ -1,4 +1,4 @@
-// The rules, compared with an independent writing of them on random faces, screens and pictures.
+// The rules, compared with an independent writing of them on random faces.
 #include <gtest/gtest.h>
 
 #include <SelvioFacialCapture/imaging/Image.h>
@@ -9,7 +9,6 @@
 #include "analyzer/FaceReference.h"
 #include "analyzer/rules/DeviceOrientation.h"
 #include "analyzer/rules/FaceChecks.h"
-#include "analyzer/rules/PreviewGeometry.h"
 
 namespace selvio::rules {
 namespace {
@@ -31,42 +30,6 @@ void expectSame(const std::vector<double>& actual, const std::vector<double>& ex
         if (std::isnan(actual[i]) && std::isnan(expected[i])) continue;
         EXPECT_DOUBLE_EQ(actual[i], expected[i]) << "number " << i;
     }
-}
-
-TEST_F(Rules, TheGeometryMapsEveryPictureOntoEveryScreenAsTheReferenceDoes) {
-    for (int i = 0; i < 3000 && !HasFailure(); ++i) {
-        const auto side = [&] {
-            return any<double>({0, -5, 300, 375, 768, 812, 1000, 1024, 1080, 1775.1, 1777.8, 1920});
-        };
-        PreviewGeometry actual;
-        reference::Screen expected;
-        for (int step = 0; step < 6; ++step) {
-            const Size size{side(), side()};
-            SCOPED_TRACE(::testing::Message() << "scenario " << i << ": " << size.width << " x " << size.height);
-            if (step == 0 || oneIn(4)) {
-                actual.setScreen(size);
-                expected.show(size);
-            } else {
-                const Size resolution = oneIn(8) ? Size{} : size;
-                actual.setResolution(resolution);
-                expected.setResolution(resolution);
-            }
-            EXPECT_EQ(actual.resolution, expected.resolution);
-            const Rect box{side() / 1e3, side() / 1e4, side() / 2e3, side() / 3e3};
-            const Rect rect = actual.faceRect(box), rightRect = expected.faceRect(box);
-            expectSame(
-                {actual.biggerScreenSide, actual.smallerScreenSide, actual.biggerPreviewSide, actual.smallerPreviewSide,
-                 actual.wAdjuster, actual.hAdjuster, actual.xAdjuster, actual.yAdjuster, rect.x, rect.y, rect.width,
-                 rect.height},
-                {expected.big, expected.small, expected.previewBig, expected.previewSmall, expected.w, expected.h,
-                 expected.x, expected.y, rightRect.x, rightRect.y, rightRect.width, rightRect.height});
-        }
-    }
-    const Rect rect{10, 20, 100, 200};
-    const FaceLandmarkRegion region{{{0, 0}, {1, 0}, {0, 1}, {0.25, 0.5}}};
-    EXPECT_EQ(landmarkInAdjustedRect(region, rect), (std::vector<Point>{{10, 20}, {10, 220}, {110, 20}, {60, 70}}));
-    EXPECT_EQ(landmarkInAdjustedRect(FaceLandmarkRegion{}, rect), std::vector<Point>());
-    EXPECT_EQ(landmarkInAdjustedRect(std::nullopt, rect), std::nullopt);
 }
 
 TEST_F(Rules, EveryFaceIsMeasuredAndJudgedAsTheReferenceDoes) {

@@ -130,7 +130,7 @@ TEST(Threads, StopWaitsForADelegateCallOnAnotherThread) {
             callEnded = true;
         };
         capture.analyzer->setDelegate(delegate);
-        capture.analyzer->analyzeSampleBuffer(AnalyzerFixture::frame());
+        capture.analyzer->analyzeSampleBuffer(blankFrame());
         capture.analysisQueue->runAll();
         capture.mainQueue->runAll();
         ending.get();
@@ -167,7 +167,7 @@ TEST(Threads, ForeignCodeMayCallEveryOperation) {
         [](Analyzer& a) { a.pauseFor(1), a.resume(); },
         [](Analyzer& a) { a.selectFrame(), a.updateMode(2); },
         [&](Analyzer& a) { a.setDelegate(delegate), (void)a.imagesArray(), (void)a.results(); },
-        [](Analyzer& a) { a.analyzeSampleBuffer(AnalyzerFixture::frame()); },
+        [](Analyzer& a) { a.analyzeSampleBuffer(blankFrame()); },
         [](Analyzer& a) { a.stop(); },  // these two wait for what another thread is telling
         [](Analyzer& a) { a.cancel(); },
     };
@@ -214,7 +214,7 @@ TEST(Threads, ForeignCodeMayCallEveryOperation) {
             const auto send = [&](std::vector<FaceObservation> faces, bool smiling) {
                 fakes.vision->setObservations(faces);
                 fakes.smiles->setSmiling(smiling);
-                analyzer->analyzeSampleBuffer(AnalyzerFixture::frame());
+                analyzer->analyzeSampleBuffer(blankFrame());
                 analysis->runAll();
                 global.runAll();
                 mainQueue->drain();
