@@ -4,6 +4,7 @@
 #include <SelvioFacialCapture/SelvioFacialCaptureAnalyzer.h>
 #include <SelvioFacialCapture/base/Log.h>
 #include <SelvioFacialCapture/base/MemberMutex.h>
+#include <SelvioFacialCapture/rules/FaceChecks.h>
 
 #include <atomic>
 #include <condition_variable>
@@ -15,7 +16,6 @@
 #include "analyzer/Deliveries.h"
 #include "analyzer/FrameHistory.h"
 #include "analyzer/rules/GoodFrameGate.h"
-#include "analyzer/rules/PreviewGeometry.h"
 
 namespace selvio {
 
@@ -98,7 +98,6 @@ struct SelvioFacialCaptureAnalyzer::State : std::enable_shared_from_this<State> 
                      const Frame& frame, HeldFrame* held);
     void judgeDetection(const selvio::FaceLandmarksRequest& request, const std::optional<selvio::Error>& error,
                         Frame frame);
-    void judgeFace(const selvio::FaceObservation& observation, const Frame& frame);
     void reportBadFrame(const Frame& frame, const Statuses& statuses, Step report);
     void gateGoodFrame(const Frame& frame);
     void testSmile(const Frame& frame);  // global queue
@@ -176,10 +175,7 @@ struct SelvioFacialCaptureAnalyzer::State : std::enable_shared_from_this<State> 
     std::shared_ptr<SelvioFacialCaptureParameters> parameters;  // guarded by mutex; null once spent
     Results results;                                            // guarded by mutex; null once spent
     selvio::rules::PreviewGeometry geometry;                    // guarded by mutex
-    double faceHorizontalFill = 0.0;                            // guarded by mutex
-    selvio::Point noseMiddle;                                   // guarded by mutex
-    selvio::Point lipLeft;                                      // guarded by mutex
-    selvio::Point lipRight;                                     // guarded by mutex
+    selvio::rules::FaceChecksResult face;                       // guarded by mutex; the last checked one
     std::shared_ptr<selvio::MotionManager> motionManager;       // guarded by mutex; null once spent
     std::uint64_t motionAsked = 0;                              // guarded by mutex; counts what was asked of the feed
     bool motionRunning = false;                                 // guarded by mutex; what was asked last

@@ -3,45 +3,10 @@
 #include <utility>
 
 #include "analyzer/AnalyzerState.h"
+#include "analyzer/rules/StatusEvents.h"
 
 using namespace selvio;
 using Analyzer = SelvioFacialCaptureAnalyzer;
-
-namespace {
-
-// The lighting statuses have no event of their own and are logged like a status outside the table.
-SelvioFacialCaptureUxpEvent eventFor(SelvioFacialCaptureStatus status) {
-    switch (status) {
-        case SelvioFacialCaptureStatusFaceNotFound:
-            return SelvioFacialCaptureUxpEventFaceNotFound;
-        case SelvioFacialCaptureStatusMoreThanOneFace:
-            return SelvioFacialCaptureUxpEventMoreThanOneFace;
-        case SelvioFacialCaptureStatusFaceRoll:
-            return SelvioFacialCaptureUxpEventFaceRoll;
-        case SelvioFacialCaptureStatusFacePitch:
-            return SelvioFacialCaptureUxpEventFacePitch;
-        case SelvioFacialCaptureStatusFaceYaw:
-            return SelvioFacialCaptureUxpEventFaceYaw;
-        case SelvioFacialCaptureStatusMoveCloser:
-            return SelvioFacialCaptureUxpEventMoveCloser;
-        case SelvioFacialCaptureStatusTooClose:
-            return SelvioFacialCaptureUxpEventTooClose;
-        case SelvioFacialCaptureStatusNotCentered:
-            return SelvioFacialCaptureUxpEventNotCentered;
-        case SelvioFacialCaptureStatusHoldStill:
-            return SelvioFacialCaptureUxpEventHoldStill;
-        case SelvioFacialCaptureStatusCountdown:
-            return SelvioFacialCaptureUxpEventCountdown;
-        case SelvioFacialCaptureStatusStopSmiling:
-            return SelvioFacialCaptureUxpEventStopSmiling;
-        case SelvioFacialCaptureStatusGoodFrame:
-            return SelvioFacialCaptureUxpEventGoodFrame;
-        default:
-            return SelvioFacialCaptureUxpEventStartAuto;
-    }
-}
-
-}  // namespace
 
 void Analyzer::State::deliver(DeliveryKind kind, Step step, const Frame& frame) {
     {
@@ -148,7 +113,7 @@ bool Analyzer::State::closeCapture(const Frame& selected, SelvioFacialCaptureRes
 }
 
 void Analyzer::State::logStatuses(const Statuses& statuses, Run run) {
-    for (const SelvioFacialCaptureStatus status : statuses) logEvent(eventFor(status), run);
+    for (const SelvioFacialCaptureStatus status : statuses) logEvent(rules::eventFor(status), run);
 }
 
 // Holding the work back from `stop` keeps events of this capture out of the next one's log.

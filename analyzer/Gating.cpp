@@ -1,43 +1,29 @@
 // From a detected face to a decision: mapped to screen points, checked, gated.
 #include "analyzer/AnalyzerState.h"
-#include "analyzer/rules/FaceChecks.h"
 
 using namespace selvio;
 using Analyzer = SelvioFacialCaptureAnalyzer;
 
-void Analyzer::State::judgeFace(const FaceObservation& observation, const Frame& frame) {
+void Analyzer::State::judgeDetection(const FaceLandmarksRequest& request, const std::optional<Error>& error,
+                                     Frame frame) {
     const auto settings = mutex.get(parameters);
-    if (!settings) return;
-    const FaceLandmarks landmarks = observation.landmarks.value_or(FaceLandmarks{});
-    const rules::PreviewGeometry screen = mutex.get(geometry);
-    const Rect rect = screen.faceRect(observation.boundingBox);
-    const rules::FacePoints points{.contour = rules::landmarkInAdjustedRect(landmarks.faceContour, rect),
-                                   .nose = rules::landmarkInAdjustedRect(landmarks.nose, rect),
-                                   .outerLips = rules::landmarkInAdjustedRect(landmarks.outerLips, rect)};
-    frame.results->setFaceRect(rect);
-    frame.results->setFaceContourPoints(points.contour);
-    frame.results->setNosePoints(points.nose);
-    frame.results->setOuterLipsPoints(points.outerLips);
-
-    const rules::FaceChecksResult checked = rules::checkFace({
-        .points = points,
-        .limits = {.roll = settings->roll(),
-                   .pitch = settings->pitch(),
-                   .yaw = settings->yaw(),
-                   .minFill = settings->minFill(),
-                   .maxFill = settings->maxFill()},
-        .biggerScreenSide = screen.biggerScreenSide,
-        .smallerScreenSide = screen.smallerScreenSide,
-        .shouldHoldStill = shouldHoldStill,
-    });
-    {
+    if (gateFlags().anySet() || !isCurrent(frame.run) || !settings) return;
+    if (!frame.results) frame.results = replaceResultsByCopy(frame.run);  // a still image
+    if (!frame.results) return;
+    if (error) log("Detect face request error: " + error->localizedDescription);
+    const auto judged = rules::judgeFaces(request.results().value_or(std::vector<FaceObservation>()),
+                                          mutex.get(geometry), rules::limitsOf(*settings), shouldHoldStill);
+    if (judged.face) {
+        frame.results->setFaceRect(judged.face->rect);
+        frame.results->setFaceContourPoints(judged.face->points.contour);
+        frame.results->setNosePoints(judged.face->points.nose);
+        frame.results->setOuterLipsPoints(judged.face->points.outerLips);
         const std::lock_guard lock(mutex);
-        noseMiddle = checked.noseMiddle;
-        lipLeft = checked.lipLeft;
-        lipRight = checked.lipRight;
-        faceHorizontalFill = checked.measures.horizontalFill;
+        face = judged.face->checked;
     }
-    if (!checked.statuses.empty()) return reportBadFrame(frame, checked.statuses, &State::deliverReportOrSelect);
+    if (!judged.statuses.empty())
+        return reportBadFrame(frame, judged.statuses,
+                              judged.face ? &State::deliverReportOrSelect : &State::deliverReport);
     frame.results->setOrderedStatuses(Statuses());  // a still image's object still has those of the last frame
     gateGoodFrame(frame);
 }

@@ -116,19 +116,3 @@ void Analyzer::State::detectFaces(SequenceRequestHandler& handler,
     const auto error = handler.performRequests({request}, pixelBuffer, orientation);
     if (error) log("SequenceRequestHandler couldn't perform requests: " + error->localizedDescription);
 }
-
-void Analyzer::State::judgeDetection(const FaceLandmarksRequest& request, const std::optional<Error>& error,
-                                     Frame frame) {
-    if (gateFlags().anySet() || !isCurrent(frame.run)) return;
-    if (!frame.results) frame.results = replaceResultsByCopy(frame.run);  // a still image
-    if (!frame.results) return;
-    if (error) log("Detect face request error: " + error->localizedDescription);
-    const auto& observations = request.results();
-    if (!observations || observations->empty()) {
-        reportBadFrame(frame, {SelvioFacialCaptureStatusFaceNotFound}, &State::deliverReport);
-    } else if (observations->size() > 1) {
-        reportBadFrame(frame, {SelvioFacialCaptureStatusMoreThanOneFace}, &State::deliverReport);
-    } else {
-        judgeFace(observations->front(), frame);
-    }
-}

@@ -15,18 +15,12 @@ using Analyzer = SelvioFacialCaptureAnalyzer;
 namespace {
 
 constexpr auto kMotionInterval = std::chrono::milliseconds(300);
-constexpr double kHoldStillThreshold = 0.1;  // radians per second
 constexpr int kSequenceHandlerLevel = 11;
 constexpr int kAutomaticAnalysisLevel = 12;  // a platform of a lower level of services captures manually only
 
 template <typename T>
 std::shared_ptr<T> made(const std::function<std::shared_ptr<T>()>& make) {
     return make ? make() : nullptr;
-}
-
-bool isRotating(const RotationRate& rate) {
-    return std::abs(rate.x) > kHoldStillThreshold || std::abs(rate.y) > kHoldStillThreshold ||
-           std::abs(rate.z) > kHoldStillThreshold;
 }
 
 std::string queueLabel(const char* name) {
@@ -140,7 +134,7 @@ void Analyzer::State::setMotionUpdates(bool running) {
             manager->startDeviceMotionUpdates(
                 platform.makeSerialQueue(queueLabel(".deviceMotionQueue")),
                 [weak = weak_from_this()](const DeviceMotion& motion, const std::optional<Error>&) {
-                    if (const auto self = weak.lock()) self->shouldHoldStill = isRotating(motion.rotationRate);
+                    if (const auto self = weak.lock()) self->shouldHoldStill = rules::isMoving(motion.rotationRate);
                 });
         } else {
             manager->stopDeviceMotionUpdates();
@@ -324,10 +318,10 @@ double Analyzer::hAdjuster() const { return state_->mutex.get(state_->geometry).
 double Analyzer::xAdjuster() const { return state_->mutex.get(state_->geometry).xAdjuster; }
 double Analyzer::yAdjuster() const { return state_->mutex.get(state_->geometry).yAdjuster; }
 InterfaceOrientation Analyzer::statusbarOrientation() const { return state_->statusbarOrientation; }
-double Analyzer::faceHorizontalFill() const { return state_->mutex.get(state_->faceHorizontalFill); }
-Point Analyzer::noseMiddle() const { return state_->mutex.get(state_->noseMiddle); }
-Point Analyzer::lipLeft() const { return state_->mutex.get(state_->lipLeft); }
-Point Analyzer::lipRight() const { return state_->mutex.get(state_->lipRight); }
+double Analyzer::faceHorizontalFill() const { return state_->mutex.get(state_->face).measures.horizontalFill; }
+Point Analyzer::noseMiddle() const { return state_->mutex.get(state_->face).noseMiddle; }
+Point Analyzer::lipLeft() const { return state_->mutex.get(state_->face).lipLeft; }
+Point Analyzer::lipRight() const { return state_->mutex.get(state_->face).lipRight; }
 // clang-format on
 
 void Analyzer::setObixData(std::shared_ptr<SelvioFacialCaptureObixData> obixData) {

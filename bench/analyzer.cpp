@@ -11,9 +11,9 @@
 #include <new>
 #include <vector>
 
-#include "analyzer/rules/FaceChecks.h"
+#include <SelvioFacialCapture/rules/FaceChecks.h>
 #include "analyzer/rules/GoodFrameGate.h"
-#include "analyzer/rules/PreviewGeometry.h"
+#include <SelvioFacialCapture/rules/PreviewGeometry.h>
 #include "support/FakeDevice.h"
 #include "support/FakeVision.h"
 #include "support/ManualQueue.h"

@@ -1,7 +1,7 @@
 # Flags for our own code; never passed on to those who link us.
 add_library(selvio_options INTERFACE)
 # GCC 12 reports an impossible overlap inside std::string's operator+ (GCC bug 105651), hence -Wno-restrict.
-target_compile_options(selvio_options INTERFACE -Wall -Wextra -Wpedantic -Wconversion -Wno-restrict $<$<BOOL:${SELVIO_WARNINGS_AS_ERRORS}>:-Werror>)
+target_compile_options(selvio_options INTERFACE -Wall -Wextra -Wpedantic -Wconversion $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict> $<$<BOOL:${SELVIO_WARNINGS_AS_ERRORS}>:-Werror>)
 
 # selvio_folder(NAME SOURCES a.cpp ... LINKS target ...): one folder, one target. The objects go into the library that exports the component.
 function(selvio_folder name)

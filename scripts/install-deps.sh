@@ -9,13 +9,13 @@ packages=(
     # faces and their landmarks
     libdlib-dev libdlib-data liblapack-dev libblas-dev
     # pictures
-    libturbojpeg0-dev libjpeg-dev libpng-dev libexif-dev libyuv-dev
+    libturbojpeg0-dev libpng-dev libexif-dev libyuv-dev
     # capture, preview, recording, machine-readable codes
     libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev
     gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-ugly gstreamer1.0-plugins-bad
     gstreamer1.0-libav gstreamer1.0-x gstreamer1.0-pipewire libpipewire-0.3-dev libzxing-dev
     # tests and benchmarks
-    libgtest-dev libgmock-dev libbenchmark-dev python3 python3-dbusmock
+    clang libgtest-dev libgmock-dev libbenchmark-dev libjpeg-dev zlib1g-dev python3
     pipewire wireplumber dbus umockdev gstreamer1.0-tools ffmpeg xvfb imagemagick exif libimage-exiftool-perl
 )
 

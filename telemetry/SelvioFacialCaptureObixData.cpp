@@ -21,7 +21,9 @@ namespace {
 
 std::optional<std::string> serialized(const nlohmann::json& record) {
     try {
-        return record.dump();
+        constexpr int kOneLine = -1;
+        constexpr bool kAsciiOnly = true;  // as the user comment needs it
+        return record.dump(kOneLine, ' ', kAsciiOnly);
     } catch (const nlohmann::json::exception&) {  // a text that is not UTF-8
         return std::nullopt;
     }

@@ -1,4 +1,4 @@
-#include "analyzer/rules/FaceChecks.h"
+#include <SelvioFacialCapture/rules/FaceChecks.h>
 
 #include <algorithm>
 #include <cmath>
@@ -70,6 +70,14 @@ FaceMeasures measure(const Landmarks& face, const FaceLimits& limits, double big
 
 }  // namespace
 
+FaceLimits limitsOf(const SelvioFacialCaptureParameters& parameters) {
+    return {.roll = parameters.roll(),
+            .pitch = parameters.pitch(),
+            .yaw = parameters.yaw(),
+            .minFill = parameters.minFill(),
+            .maxFill = parameters.maxFill()};
+}
+
 FaceChecksResult checkFace(const FaceChecksInput& input) {
     const Landmarks face = landmarksOf(input.points);
     const FaceMeasures m = measure(face, input.limits, input.biggerScreenSide, input.smallerScreenSide);
@@ -93,6 +101,24 @@ FaceChecksResult checkFace(const FaceChecksInput& input) {
             .lipLeft = face.lipLeft,
             .lipRight = face.lipRight,
             .statuses = std::move(statuses)};
+}
+
+FacesJudgement judgeFaces(const std::vector<FaceObservation>& faces, const PreviewGeometry& geometry,
+                          const FaceLimits& limits, bool shouldHoldStill) {
+    if (faces.empty()) return {.face = {}, .statuses = {SelvioFacialCaptureStatusFaceNotFound}};
+    if (faces.size() > 1) return {.face = {}, .statuses = {SelvioFacialCaptureStatusMoreThanOneFace}};
+
+    const Rect rect = geometry.faceRect(faces.front().boundingBox);
+    const FaceLandmarks landmarks = faces.front().landmarks.value_or(FaceLandmarks{});
+    const FacePoints points{.contour = landmarkInAdjustedRect(landmarks.faceContour, rect),
+                            .nose = landmarkInAdjustedRect(landmarks.nose, rect),
+                            .outerLips = landmarkInAdjustedRect(landmarks.outerLips, rect)};
+    const FaceChecksResult checked = checkFace({.points = points,
+                                                .limits = limits,
+                                                .biggerScreenSide = geometry.biggerScreenSide,
+                                                .smallerScreenSide = geometry.smallerScreenSide,
+                                                .shouldHoldStill = shouldHoldStill});
+    return {.face = FaceOnScreen{.rect = rect, .points = points, .checked = checked}, .statuses = checked.statuses};
 }
 
 }  // namespace selvio::rules

@@ -1,6 +1,13 @@
 #include "analyzer/rules/GoodFrameGate.h"
 
+#include <cmath>
+
 namespace selvio::rules {
+
+bool isMoving(const RotationRate& rate) {
+    constexpr double kLimit = 0.1;
+    return std::abs(rate.x) > kLimit || std::abs(rate.y) > kLimit || std::abs(rate.z) > kLimit;
+}
 
 GoodFrameDecision decideGoodFrame(const GoodFrameInput& input) {
     if (input.flags.anySet()) return GoodFrameDecision::Drop;

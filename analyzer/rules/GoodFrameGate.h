@@ -3,10 +3,14 @@
 #pragma once
 
 #include <SelvioFacialCapture/SelvioFacialCaptureParameters.h>
+#include <SelvioFacialCapture/platform/MotionManager.h>
 
 #include <cstdint>
 
 namespace selvio::rules {
+
+/// Whether the device rotates by more than 0.1 radians per second about any axis: too fast for a sharp picture.
+[[nodiscard]] bool isMoving(const RotationRate& rate);
 
 /// The flags that keep a frame from being judged any further.
 struct GateFlags {

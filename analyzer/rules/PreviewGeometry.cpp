@@ -1,4 +1,4 @@
-#include "analyzer/rules/PreviewGeometry.h"
+#include <SelvioFacialCapture/rules/PreviewGeometry.h>
 
 #include <algorithm>
 #include <cmath>

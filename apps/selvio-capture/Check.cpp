@@ -3,9 +3,7 @@
 #include "HostPlatform.h"
 #include "RunOutput.h"
 
-#include "analyzer/rules/FaceChecks.h"
-
-#include <SelvioFacialCapture/SelvioFacialCapture.h>
+#include <SelvioFacialCapture/rules/FaceChecks.h>
 
 #include <cmath>
 #include <iomanip>
@@ -16,79 +14,32 @@
 namespace selvio::app {
 namespace {
 
-/// Hands out the one picture that has been loaded already.
-class LoadedImage final : public ImageLoader {
-public:
-    explicit LoadedImage(std::shared_ptr<PixelBuffer> picture) : picture_(std::move(picture)) {}
-    Expected<std::shared_ptr<PixelBuffer>> loadImage(const std::string&) const override { return picture_; }
-
-private:
-    const std::shared_ptr<PixelBuffer> picture_;
-};
-
-/// What the detector answered, which the analyzer only sums up as none, one or more.
-struct Detection {
-    std::size_t faces = 0;
-    std::optional<Error> error;
-};
-
-class ListeningHandler final : public SequenceRequestHandler {
-public:
-    ListeningHandler(std::shared_ptr<SequenceRequestHandler> handler, std::shared_ptr<Detection> detection)
-        : handler_(std::move(handler)), detection_(std::move(detection)) {}
-
-    std::optional<Error> performRequests(const std::vector<std::shared_ptr<FaceLandmarksRequest>>& requests,
-                                         const std::shared_ptr<const PixelBuffer>& pixelBuffer,
-                                         std::uint32_t exifOrientation) override {
-        detection_->error = handler_->performRequests(requests, pixelBuffer, exifOrientation);
-        for (const auto& request : requests) detection_->faces = request->results() ? request->results()->size() : 0;
-        return detection_->error;
-    }
-
-private:
-    const std::shared_ptr<SequenceRequestHandler> handler_;
-    const std::shared_ptr<Detection> detection_;
-};
+constexpr std::uint32_t kUprightMirrored = 5;  // the EXIF orientation in which the rules read a portrait
 
 struct Verdict {
     std::size_t faces = 0;
-    std::vector<SelvioFacialCaptureStatus> statuses;
-    Rect faceRect;                                // of the one face
-    std::optional<rules::FaceMeasures> measures;  // with exactly one face
+    rules::FacesJudgement judged;
 };
 
-rules::FaceMeasures measure(const SelvioFacialCaptureAnalyzer& analyzer, const SelvioFacialCaptureResults& results,
-                            const SelvioFacialCaptureParameters& parameters) {
-    rules::FaceChecksInput input;
-    input.points = {results.faceContourPoints(), results.nosePoints(), results.outerLipsPoints()};
-    input.limits = {parameters.roll(), parameters.pitch(), parameters.yaw(), parameters.minFill(),
-                    parameters.maxFill()};
-    input.biggerScreenSide = analyzer.biggerScreenSide();
-    input.smallerScreenSide = analyzer.smallerScreenSide();
-    return rules::checkFace(input).measures;
-}
-
-Expected<Verdict> judge(const std::string& path, Platform platform,
-                        const std::shared_ptr<SelvioFacialCaptureParameters>& parameters) {
+Expected<Verdict> judge(const std::string& path, const Platform& platform, const rules::FaceLimits& limits) {
     const auto picture = platform.imageLoader->loadImage(path);
     if (!picture) return picture.error();
-    platform.imageLoader = std::make_shared<LoadedImage>(picture.value());
-    const auto detection = std::make_shared<Detection>();
-    platform.makeSequenceRequestHandler = [make = platform.makeSequenceRequestHandler, detection] {
-        return std::make_shared<ListeningHandler>(make(), detection);
-    };
+    const PixelBuffer& pixels = *picture.value();
+    const Size size{.width = static_cast<double>(pixels.width()), .height = static_cast<double>(pixels.height())};
+    rules::PreviewGeometry screen;  // the whole picture
+    screen.setScreen(size);
+    screen.setResolution(size);
 
-    const auto analyzer = SelvioFacialCaptureAnalyzer::initWithParameters(parameters, platform);
-    analyzer->analyzeImageAtPath(path);
-    MainQueue::shared()->drain();  // a good frame is selected there
-    if (detection->error) return *detection->error;
-    const auto results = analyzer->results();
-    Verdict verdict{detection->faces,
-                    results->orderedStatuses().value_or(std::vector<SelvioFacialCaptureStatus>{}),
-                    results->faceRect(),
-                    {}};
-    if (detection->faces == 1) verdict.measures = measure(*analyzer, *results, *parameters);
-    analyzer->stop();
+    std::optional<Error> failed;
+    const auto request = std::make_shared<FaceLandmarksRequest>(
+        [&failed](const FaceLandmarksRequest&, const std::optional<Error>& error) { failed = error; });
+    const auto refused =
+        platform.makeSequenceRequestHandler()->performRequests({request}, picture.value(), kUprightMirrored);
+    if (refused) return *refused;
+    if (failed) return *failed;
+    const auto faces = request->results().value_or(std::vector<FaceObservation>());
+    Verdict verdict{faces.size(), rules::judgeFaces(faces, screen, limits, /*shouldHoldStill=*/false)};
+    if (verdict.judged.statuses.empty()) verdict.judged.statuses = {SelvioFacialCaptureStatusGoodFrame};
     return verdict;
 }
 
@@ -114,14 +65,16 @@ nlohmann::ordered_json number(double value) {
 }
 
 nlohmann::ordered_json jsonOf(const std::string& path, const Verdict& verdict) {
-    nlohmann::ordered_json line = {
-        {"image", path}, {"faces", verdict.faces}, {"statuses", verdict.statuses}, {"keys", keysOf(verdict.statuses)}};
+    nlohmann::ordered_json line = {{"image", path},
+                                   {"faces", verdict.faces},
+                                   {"statuses", verdict.judged.statuses},
+                                   {"keys", keysOf(verdict.judged.statuses)}};
     line["faceRect"] = nullptr;
     line["measures"] = nullptr;
-    if (!verdict.measures) return line;
-    const auto& rect = verdict.faceRect;
+    if (!verdict.judged.face) return line;
+    const auto& rect = verdict.judged.face->rect;
     line["faceRect"] = {number(rect.x), number(rect.y), number(rect.width), number(rect.height)};
-    for (const auto& row : rowsOf(*verdict.measures)) {
+    for (const auto& row : rowsOf(verdict.judged.face->checked.measures)) {
         auto& entry = line["measures"][row.name];
         entry["value"] = number(row.value);
         for (const auto& [name, value] : row.limits) entry[name] = number(value);
@@ -133,14 +86,14 @@ std::string textOf(const std::string& path, const Verdict& verdict, Language lan
     std::ostringstream text;
     text << path << ": " << verdict.faces << (verdict.faces == 1 ? " face: " : " faces: ");
     const char* separator = "";
-    for (const auto& key : keysOf(verdict.statuses)) {
+    for (const auto& key : keysOf(verdict.judged.statuses)) {
         text << separator << textForKey(key, language).value_or(key);
         separator = "; ";
     }
     text << '\n';
-    if (!verdict.measures) return text.str();
+    if (!verdict.judged.face) return text.str();
     text << std::fixed << std::setprecision(3);
-    for (const auto& row : rowsOf(*verdict.measures)) {
+    for (const auto& row : rowsOf(verdict.judged.face->checked.measures)) {
         text << "    " << std::left << std::setw(20) << row.name << std::right << std::setw(8) << row.value;
         for (const auto& [name, value] : row.limits) text << "  " << name << ' ' << value;
         text << '\n';
@@ -160,15 +113,11 @@ ExitCode check(const CheckOptions& options) {
         complain(error->localizedDescription);
         return ExitCode::UnreadableInput;
     }
-    // A good face is to be reported at once and for what it is, without a countdown and whether it smiles or not.
-    options.parameters->setMode(SelvioFacialCaptureModeAuto);
-    options.parameters->setSelectOnSmile(false);
-    options.parameters->setCountdownTime(0);
-
+    const auto limits = rules::limitsOf(*options.parameters);
     const auto language = languageOfLocale();
     auto code = ExitCode::Success;
     for (const auto& path : options.images) {
-        const auto verdict = judge(path, platform, options.parameters);
+        const auto verdict = judge(path, platform, limits);
         if (!verdict) {
             code = ExitCode::UnreadableInput;
             if (!options.json) complain(verdict.error().localizedDescription);

@@ -14,7 +14,4 @@ namespace selvio::app {
 /// Lists what there is to capture with.
 [[nodiscard]] ExitCode devices(const DevicesOptions& options);
 
-/// One line on standard error, under the program's name.
-void complain(const std::string& text);
-
 }  // namespace selvio::app

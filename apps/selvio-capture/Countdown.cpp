@@ -4,25 +4,34 @@
 
 namespace selvio::app {
 
-Countdown::Countdown(std::shared_ptr<Queue> queue, std::function<void(std::int64_t)> tick,
+Countdown::Countdown(std::shared_ptr<Queue> queue, std::int64_t seconds, std::function<void(std::int64_t)> tick,
                      std::function<void()> finished)
-    : queue_(std::move(queue)), tick_(std::move(tick)), finished_(std::move(finished)) {}
+    : queue_(std::move(queue)), seconds_(seconds), tick_(std::move(tick)), finished_(std::move(finished)) {}
 
-void Countdown::start(std::int64_t seconds) {
+void Countdown::start() {
     SELVIO_ASSERT_ON_QUEUE(queue_);
-    running_ = true;
-    step(++run_, seconds);
+    if (state_ == State::Finished) return;
+    state_ = State::Running;
+    step(++run_, seconds_);
+}
+
+void Countdown::follow(SelvioFacialCaptureStatus status) {
+    if (status != SelvioFacialCaptureStatusCountdown) {
+        cancel();
+    } else if (state_ == State::Idle) {
+        start();
+    }
 }
 
 void Countdown::cancel() {
     ++run_;
-    running_ = false;
+    if (state_ == State::Running) state_ = State::Idle;
 }
 
 void Countdown::step(std::uint64_t run, std::int64_t secondsLeft) {
     if (run != run_) return;
     if (secondsLeft <= 0) {
-        running_ = false;
+        state_ = State::Finished;
         finished_();
         return;
     }

@@ -3,6 +3,7 @@
 #include "HostPlatform.h"
 #include "OneCamera.h"
 #include "Source.h"
+#include "Texts.h"
 
 #include <iostream>
 #include <nlohmann/json.hpp>

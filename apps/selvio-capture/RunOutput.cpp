@@ -19,7 +19,7 @@ public:
                                              {"keys", keysOf(event.statuses)}};
         stream_ << line.dump() << std::endl;  // whoever reads along gets the line now
     }
-    void countdown(std::int64_t) override {}
+    void countdown(std::int64_t, bool) override {}
     void message(const std::string&) override {}
 
 private:
@@ -37,13 +37,13 @@ public:
         // While the countdown runs its number stands there, which says more than the countdown's status.
         if (event.statuses.front() == SelvioFacialCaptureStatusCountdown && !countdown_.empty()) return;
         countdown_.clear();
-        if (key) guide(textForKey(*key, language_).value_or(*key));
+        if (key) guide(textForKey(*key, language_).value_or(*key), event.recording);
     }
 
-    void countdown(std::int64_t secondsLeft) override {
+    void countdown(std::int64_t secondsLeft, bool recording) override {
         const auto key = SelvioFacialCaptureResults::localizeKeyFrom(SelvioFacialCaptureStatusCountdown).value_or("");
         countdown_ = textForKey(key, language_).value_or(key) + " … " + std::to_string(secondsLeft);
-        guide(countdown_);
+        guide(countdown_, recording);
     }
 
     void message(const std::string& text) override {
@@ -53,8 +53,8 @@ public:
     }
 
 private:
-    void guide(const std::string& text) {
-        const std::string line = recordingMark_ + text;
+    void guide(const std::string& text, bool recording) {
+        const std::string line = (recording ? recordingMark_ : "") + text;
         if (line == shown_) return;
         shown_ = line;
         if (terminal_) {

@@ -17,6 +17,7 @@ struct RunEvent {
     std::string name;   ///< of the delegate's function
     double time = 0.0;  ///< seconds since the capture was started
     std::vector<SelvioFacialCaptureStatus> statuses;
+    bool recording = false;  ///< whether a recording is being written
 };
 
 /// All calls come from the main queue.
@@ -24,7 +25,7 @@ class RunOutput {
 public:
     virtual ~RunOutput() = default;
     virtual void event(const RunEvent& event) = 0;
-    virtual void countdown(std::int64_t secondsLeft) = 0;
+    virtual void countdown(std::int64_t secondsLeft, bool recording) = 0;
     /// How the capture ended, or where a result is.
     virtual void message(const std::string& text) = 0;
 };
@@ -33,7 +34,7 @@ public:
 [[nodiscard]] std::unique_ptr<RunOutput> makeJsonOutput(std::ostream& stream);
 
 /// Guidance in one line that changes; where the stream is no terminal, a line whenever the text changes.
-/// `recordingMark` goes before the guidance.
+/// `recordingMark` goes before the guidance while a recording is being written.
 [[nodiscard]] std::unique_ptr<RunOutput> makePersonOutput(std::ostream& stream, bool terminal, Language language,
                                                           std::string recordingMark);
 

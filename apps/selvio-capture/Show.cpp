@@ -1,6 +1,7 @@
 // `show`: the record in a photograph.
 #include "Commands.h"
 #include "HostPlatform.h"
+#include "Texts.h"
 
 #include <iostream>
 

@@ -1,8 +1,8 @@
 #include "Source.h"
 
-#include "Commands.h"
 #include "HostPlatform.h"
 #include "OneCamera.h"
+#include "Texts.h"
 
 #include <SelvioFacialCapture/linux/Capture.h>
 #include <SelvioFacialCapture/simulated/SimulatedPlatform.h>

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdlib>
+#include <iostream>
 
 namespace selvio::app {
 namespace {
@@ -75,6 +76,10 @@ std::string text(Phrase phrase, Language language) {
             return german ? "Quelle" : "Source";
     }
     return {};
+}
+
+void complain(const std::string& text) {
+    std::cerr << "selvio-capture: " << text << std::endl;
 }
 
 }  // namespace selvio::app

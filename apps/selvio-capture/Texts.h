@@ -21,4 +21,7 @@ enum class Phrase { TimedOut, Cancelled, FramesStopped, NoFrames, Photograph, Re
 
 [[nodiscard]] std::string text(Phrase phrase, Language language);
 
+/// One line on standard error, under the program's name.
+void complain(const std::string& text);
+
 }  // namespace selvio::app

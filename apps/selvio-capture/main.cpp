@@ -1,6 +1,7 @@
 // Takes one good photograph of a face. The program wires the component to its services and shows what it says; it
 // decides nothing about faces.
 #include "Commands.h"
+#include "Texts.h"
 
 #include <exception>
 #include <iostream>
@@ -23,10 +24,6 @@ ExitCode perform(const DevicesOptions& options) {
 }
 
 }  // namespace
-
-void selvio::app::complain(const std::string& text) {
-    std::cerr << "selvio-capture: " << text << std::endl;
-}
 
 int main(int argc, char** argv) try {
     const auto parsed = parseCommandLine({argv + 1, argv + argc});

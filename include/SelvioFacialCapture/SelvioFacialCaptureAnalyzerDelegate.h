@@ -15,6 +15,10 @@ struct SelvioFacialCaptureAnalyzerDelegate {
     /// The statuses of an analysed frame that did not end in a selection. Main queue.
     std::function<void(const Results& results)> detectionResults;
     /// Show a countdown of the parameters' `countdownTime` seconds and call `selectFrame` at its end. Main queue.
+    ///
+    /// While the face stays well placed, `detectionResults` reports status 10. With any other status the face is lost:
+    /// end the countdown, lest `selectFrame` take a bad frame. Start it anew with the next call, or with the next
+    /// status 10 if it does not run, but not any more once `selectFrame` has been called.
     std::function<void()> startCountdown;
     /// A frame has been selected: `selectedImage`, `encodedSelectedImage`, `obixDataString` and `resultCode` are set.
     /// Main queue.

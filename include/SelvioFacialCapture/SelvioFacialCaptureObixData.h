@@ -45,7 +45,8 @@ public:
 
     /// A copy of the record's members.
     [[nodiscard]] nlohmann::json obixDataDictionary() const;
-    /// The record as JSON without white space, in UTF-8; nothing if a member's text is not UTF-8.
+    /// The record as JSON without white space, in ASCII: other characters stand as "\u" escapes. Nothing if a member's
+    /// text is not UTF-8.
     [[nodiscard]] std::optional<std::string> obixDataJson() const;
     /// The same as text.
     [[nodiscard]] std::optional<std::string> obixDataString() const;

@@ -1,6 +1,7 @@
 // The log of what the user was told and did during a capture.
 #pragma once
 
+#include <SelvioFacialCapture/SelvioFacialCaptureUxpEvent.h>
 #include <SelvioFacialCapture/base/Clock.h>
 
 #include <cstdint>
@@ -10,31 +11,6 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
-
-/// The events of the log; each enumerator's comment is the code that the log writes.
-enum SelvioFacialCaptureUxpEvent : std::int64_t {
-    SelvioFacialCaptureUxpEventStartAuto = 0,     ///< "SA"; also what a status without an event of its own is logged as
-    SelvioFacialCaptureUxpEventStartManual = 1,   ///< "SS"
-    SelvioFacialCaptureUxpEventPauseReason1 = 2,  ///< "IS"
-    SelvioFacialCaptureUxpEventPauseReason2 = 3,  ///< "HS"
-    SelvioFacialCaptureUxpEventPauseReason4 = 4,  ///< "RS"
-    SelvioFacialCaptureUxpEventPauseReason3 = 5,  ///< "MF"
-    SelvioFacialCaptureUxpEventFinalizedAuto = 6,     ///< "MT"
-    SelvioFacialCaptureUxpEventFinalizedManual = 7,   ///< "ST"
-    SelvioFacialCaptureUxpEventCancelled = 8,         ///< "C"
-    SelvioFacialCaptureUxpEventFaceNotFound = 9,      ///< "FENF"
-    SelvioFacialCaptureUxpEventNotCentered = 10,      ///< "FENC"
-    SelvioFacialCaptureUxpEventMoreThanOneFace = 11,  ///< "FEMF"
-    SelvioFacialCaptureUxpEventFaceRoll = 12,         ///< "FER"
-    SelvioFacialCaptureUxpEventFacePitch = 13,        ///< "FEP"
-    SelvioFacialCaptureUxpEventFaceYaw = 14,          ///< "FEY"
-    SelvioFacialCaptureUxpEventMoveCloser = 15,       ///< "FETF"
-    SelvioFacialCaptureUxpEventTooClose = 16,         ///< "FETC"
-    SelvioFacialCaptureUxpEventHoldStill = 17,        ///< "FENS"
-    SelvioFacialCaptureUxpEventStopSmiling = 18,      ///< "FESS"
-    SelvioFacialCaptureUxpEventCountdown = 19,        ///< "FHS"
-    SelvioFacialCaptureUxpEventGoodFrame = 20,        ///< "FS"; also the idle marker after `clear`
-};
 
 /// The process-wide event log. Every operation may be called on any thread. The clock is asked with no lock held, so it
 /// may call any operation.

@@ -13,26 +13,21 @@ constexpr double kShortestJaw = 8.0;  // pixels
 }  // namespace
 
 Expected<FaceGeometry> FaceGeometry::parse(std::string_view json, const std::string& source) {
-    const auto document = strictjson::parse(json, source);
-    if (!document) return document.error();
-    strictjson::ObjectReader reader(document.value(), "");
     FaceGeometry geometry;
-    for (const char* name : {"width", "height", "jawLeft", "jawRight"}) reader.require(name);
-    geometry.width = static_cast<int>(reader.integer("width", 1, kLongestSide).value_or(0));
-    geometry.height = static_cast<int>(reader.integer("height", 1, kLongestSide).value_or(0));
-    geometry.jawLeft = reader.point("jawLeft", 0, kLongestSide).value_or(Point{});
-    geometry.jawRight = reader.point("jawRight", 0, kLongestSide).value_or(Point{});
-    if (const auto* const landmarks = reader.field("landmarks")) {
+    const auto error = strictjson::read(json, source, [&](strictjson::ObjectReader& reader) {
+        for (const char* name : {"width", "height", "jawLeft", "jawRight"}) reader.require(name);
+        geometry.width = static_cast<int>(*reader.integer("width", 1, kLongestSide));
+        geometry.height = static_cast<int>(*reader.integer("height", 1, kLongestSide));
+        geometry.jawLeft = *reader.point("jawLeft", 0, kLongestSide);
+        geometry.jawRight = *reader.point("jawRight", 0, kLongestSide);
+        const auto* const landmarks = reader.field("landmarks");
+        if (landmarks == nullptr) return;
         strictjson::ObjectReader names(*landmarks, "landmarks");
-        if (landmarks->is_object()) {
-            for (const auto& [name, ignored] : landmarks->items()) {
-                if (const auto point = names.point(name, 0, kLongestSide)) geometry.landmarks.emplace(name, *point);
-            }
-        }
-        reader.fail(names.finish());
-    }
-    if (const auto error = reader.finish()) return Error{source + ": " + error->localizedDescription};
-    if (const auto error = geometry.check()) return Error{source + ": " + error->localizedDescription};
+        for (const auto& [name, ignored] : landmarks->items())
+            geometry.landmarks.emplace(name, *names.point(name, 0, kLongestSide));
+    });
+    if (error) return *error;
+    if (const auto fault = geometry.check()) return Error{source + ": " + fault->localizedDescription};
     return geometry;
 }
 

@@ -44,7 +44,7 @@ void readSecond(ObjectReader& reader, std::optional<FacePose>& second) {
         second.emplace();
     }
     readPose(fields, *second);
-    reader.fail(fields.finish());
+    fields.finish();
 }
 
 void readBarcode(ObjectReader& reader, std::optional<std::string>& barcode) {
@@ -98,16 +98,13 @@ MotionState mix(const MotionState& a, const MotionState& b, double t) {
 }  // namespace
 
 Expected<MotionScript> MotionScript::parse(std::string_view json, const std::string& source) {
-    const auto document = strictjson::parse(json, source);
-    if (!document) return document.error();
-    ObjectReader reader(document.value(), "");
     MotionScript script;
-    script.loop_ = reader.boolean("loop").value_or(false);
-    script.seed_ = static_cast<std::uint64_t>(reader.integer("seed", 0, 4294967295).value_or(1));
-    const auto* const list = reader.field("keyFrames");
-    if (list == nullptr || !list->is_array() || list->empty() || list->size() > kMostKeyFrames) {
-        reader.fail("keyFrames", "must be a list of 1 to 10000 key frames");
-    } else {
+    const auto error = strictjson::read(json, source, [&](ObjectReader& reader) {
+        script.loop_ = reader.boolean("loop").value_or(false);
+        script.seed_ = static_cast<std::uint64_t>(reader.integer("seed", 0, 4294967295).value_or(1));
+        const auto* const list = reader.field("keyFrames");
+        if (list == nullptr || !list->is_array() || list->empty() || list->size() > kMostKeyFrames)
+            reader.fail("keyFrames", "must be a list of 1 to 10000 key frames");
         KeyFrame keyFrame;
         Given given;
         for (std::size_t i = 0; i < list->size(); ++i) {
@@ -116,24 +113,20 @@ Expected<MotionScript> MotionScript::parse(std::string_view json, const std::str
             if (i == 0) fields.require("visible");
             const nanoseconds end = keyFrame.at + keyFrame.hold;
             const nanoseconds before = keyFrame.at;
-            keyFrame.at = toNanoseconds(fields.number("at", 0, kLongestTime).value_or(0));
+            keyFrame.at = toNanoseconds(*fields.number("at", 0, kLongestTime));
             keyFrame.hold = toNanoseconds(fields.number("hold", 0, kLongestTime).value_or(0));
             if (i == 0 && keyFrame.at != nanoseconds(0)) fields.fail("at", "must be 0 in the first key frame");
             if (i > 0 && keyFrame.at <= before) fields.fail("at", "must be later than in the key frame before");
             if (i > 0 && keyFrame.at < end) fields.fail("at", "falls into the hold of the key frame before");
             readState(fields, keyFrame.state, given);
             script.tellsSmile_ = script.tellsSmile_ || fields.field("smiling") != nullptr;
-            if (const auto error = fields.finish()) {
-                reader.fail(error);
-                break;
-            }
+            fields.finish();
             script.keyFrames_.push_back(keyFrame);
         }
-        if (script.loop_ && !script.keyFrames_.empty() && script.duration() == nanoseconds(0)) {
+        if (script.loop_ && script.duration() == nanoseconds(0))
             reader.fail("loop", "needs key frames that last longer than 0 seconds");
-        }
-    }
-    if (const auto error = reader.finish()) return Error{source + ": " + error->localizedDescription};
+    });
+    if (error) return *error;
     return script;
 }
 

@@ -11,55 +11,45 @@ using nlohmann::json;
 
 constexpr std::size_t kLargestFile = 4u << 20;
 
+bool isNumberWithin(const json& value, double low, double high) {
+    return value.is_number() && value.get<double>() >= low && value.get<double>() <= high;
+}
+
 std::string shortNumber(double value) {
     std::ostringstream text;
     text << value;
     return text.str();
 }
 
-std::string placeOf(std::string_view text, std::size_t byte) {
-    const std::string_view before = text.substr(0, std::min(byte, text.size()));
-    const auto line = std::count(before.begin(), before.end(), '\n') + 1;
-    const auto lineStart = before.rfind('\n');
-    const auto column = lineStart == std::string_view::npos ? before.size() : before.size() - lineStart - 1;
-    return std::to_string(line) + ":" + std::to_string(column);
-}
-
-// "[json.exception.parse_error.101] parse error at line 1, column 2: reason" without what the place already says.
+/// What follows "[json.exception.parse_error.101] ".
 std::string reasonOf(const json::exception& exception) {
-    std::string reason = exception.what();
-    if (const auto end = reason.find("] "); end != std::string::npos) reason = reason.substr(end + 2);
-    if (const auto end = reason.find(": "); reason.starts_with("parse error") && end != std::string::npos)
-        reason = reason.substr(end + 2);
-    return reason;
+    const std::string_view text(exception.what());
+    return std::string(text.substr(text.find(' ') + 1));
 }
 
-// Remembers the keys of each object that is still open.
-class DuplicateKeys {
-public:
-    bool operator()(int, json::parse_event_t event, json& parsed) {
-        switch (event) {
-            case json::parse_event_t::object_start:
-                open_.emplace_back();
-                break;
-            case json::parse_event_t::object_end:
-                open_.pop_back();
-                break;
-            case json::parse_event_t::key:
-                if (!open_.back().insert(parsed.get<std::string>()).second && !duplicate)
-                    duplicate = parsed.get<std::string>();
-                break;
-            default:
-                break;
-        }
+/// As `json::parse`, but a key given twice in one object is a mistake, and every one names its line.
+json parsed(std::string_view text) {
+    std::istringstream stream{std::string(text)};
+    const auto line = [&] {
+        const auto taken = stream.rdbuf()->pubseekoff(0, std::ios::cur, std::ios::in);
+        return "line " + std::to_string(1 + std::count(text.begin(), text.begin() + taken, '\n')) + ": ";
+    };
+    std::vector<std::set<std::string>> keysOfOpenObjects;
+    const auto refuseDuplicates = [&](int, json::parse_event_t event, const json& value) {
+        if (event == json::parse_event_t::object_start) keysOfOpenObjects.emplace_back();
+        if (event == json::parse_event_t::object_end) keysOfOpenObjects.pop_back();
+        if (event == json::parse_event_t::key && !keysOfOpenObjects.back().insert(value).second)
+            throw Mistake(line() + "the field " + value.dump() + " is given twice in one object");
         return true;
+    };
+    try {
+        return json::parse(stream, refuseDuplicates);
+    } catch (const json::parse_error& error) {
+        throw Mistake(reasonOf(error));  // with its line and column
+    } catch (const json::exception& error) {
+        throw Mistake(line() + reasonOf(error));
     }
-
-    std::optional<std::string> duplicate;
-
-private:
-    std::vector<std::set<std::string>> open_;
-};
+}
 
 }  // namespace
 
@@ -78,39 +68,33 @@ Expected<std::string> readText(const std::filesystem::path& path) {
     return text;
 }
 
-Expected<json> parse(std::string_view text, const std::string& source) {
-    DuplicateKeys keys;
+std::optional<Error> read(std::string_view text, const std::string& source,
+                          const std::function<void(ObjectReader&)>& take) {
     try {
-        json value = json::parse(text.begin(), text.end(), std::ref(keys));
-        if (keys.duplicate)
-            return Error{source + ": the field \"" + *keys.duplicate + "\" is given twice in one object"};
-        return value;
-    } catch (const json::parse_error& error) {
-        return Error{source + ":" + placeOf(text, error.byte) + ": " + reasonOf(error)};
-    } catch (const json::exception& error) {
-        return Error{source + ": " + reasonOf(error)};
+        const json document = parsed(text);
+        ObjectReader reader(document, "");
+        take(reader);
+        reader.finish();
+        return std::nullopt;
+    } catch (const Mistake& mistake) {
+        return Error{source + ": " + mistake.what()};
     }
 }
 
 ObjectReader::ObjectReader(const json& value, std::string path) : value_(value), path_(std::move(path)) {
-    if (!value_.is_object()) error_ = Error{(path_.empty() ? std::string("the file") : path_) + " must be an object"};
+    if (!value_.is_object()) throw Mistake((path_.empty() ? "the file" : path_) + " must be an object");
 }
 
 std::string ObjectReader::pathOf(const std::string& field) const {
     return path_.empty() ? field : path_ + "." + field;
 }
 
-void ObjectReader::fail(const std::string& field, const std::string& reason) {
-    if (!error_) error_ = Error{pathOf(field) + " " + reason};
-}
-
-void ObjectReader::fail(const std::optional<Error>& error) {
-    if (!error_) error_ = error;
+void ObjectReader::fail(const std::string& field, const std::string& reason) const {
+    throw Mistake(pathOf(field) + " " + reason);
 }
 
 const json* ObjectReader::field(const std::string& name) {
     taken_.insert(name);
-    if (!value_.is_object()) return nullptr;
     const auto found = value_.find(name);
     return found == value_.end() ? nullptr : &*found;
 }
@@ -122,20 +106,16 @@ void ObjectReader::require(const std::string& name) {
 std::optional<double> ObjectReader::number(const std::string& name, double low, double high) {
     const json* const value = field(name);
     if (value == nullptr) return std::nullopt;
-    if (value->is_number() && value->get<double>() >= low && value->get<double>() <= high) return value->get<double>();
+    if (isNumberWithin(*value, low, high)) return value->get<double>();
     fail(name, "must be a number from " + shortNumber(low) + " to " + shortNumber(high));
-    return std::nullopt;
 }
 
 std::optional<std::int64_t> ObjectReader::integer(const std::string& name, std::int64_t low, std::int64_t high) {
     const json* const value = field(name);
     if (value == nullptr) return std::nullopt;
-    if (value->is_number_integer() && value->get<double>() >= static_cast<double>(low) &&
-        value->get<double>() <= static_cast<double>(high)) {
+    if (value->is_number_integer() && isNumberWithin(*value, static_cast<double>(low), static_cast<double>(high)))
         return value->get<std::int64_t>();
-    }
     fail(name, "must be a whole number from " + std::to_string(low) + " to " + std::to_string(high));
-    return std::nullopt;
 }
 
 std::optional<bool> ObjectReader::boolean(const std::string& name) {
@@ -143,24 +123,17 @@ std::optional<bool> ObjectReader::boolean(const std::string& name) {
     if (value == nullptr) return std::nullopt;
     if (value->is_boolean()) return value->get<bool>();
     fail(name, "must be true or false");
-    return std::nullopt;
 }
 
 std::optional<std::vector<double>> ObjectReader::numbers(const std::string& name, std::size_t count, double low,
                                                          double high) {
     const json* const value = field(name);
     if (value == nullptr) return std::nullopt;
-    std::vector<double> result;
-    if (value->is_array() && value->size() == count) {
-        for (const json& item : *value) {
-            if (item.is_number() && item.get<double>() >= low && item.get<double>() <= high)
-                result.push_back(item.get<double>());
-        }
-        if (result.size() == count) return result;
-    }
+    const auto fits = [&](const json& item) { return isNumberWithin(item, low, high); };
+    if (value->is_array() && value->size() == count && std::ranges::all_of(*value, fits))
+        return value->get<std::vector<double>>();
     fail(name, "must be a list of " + std::to_string(count) + " numbers from " + shortNumber(low) + " to " +
                    shortNumber(high));
-    return std::nullopt;
 }
 
 std::optional<Point> ObjectReader::point(const std::string& name, double low, double high) {
@@ -169,16 +142,13 @@ std::optional<Point> ObjectReader::point(const std::string& name, double low, do
     return Point{(*pair)[0], (*pair)[1]};
 }
 
-std::optional<Error> ObjectReader::finish() {
-    if (!error_) {
-        for (const auto& [name, ignored] : value_.items()) {
-            if (taken_.contains(name)) continue;
-            std::string known;
-            for (const std::string& field : taken_) known += (known.empty() ? "" : ", ") + field;
-            fail(name, "is not a known field; known are " + known);
-        }
+void ObjectReader::finish() const {
+    for (const auto& [name, ignored] : value_.items()) {
+        if (taken_.contains(name)) continue;
+        std::string known;
+        for (const std::string& field : taken_) known += (known.empty() ? "" : ", ") + field;
+        fail(name, "is not a known field; known are " + known);
     }
-    return error_;
 }
 
 }  // namespace selvio::strictjson

@@ -2,13 +2,13 @@
 #include <gtest/gtest.h>
 
 #include <SelvioFacialCapture/imaging/Image.h>
+#include <SelvioFacialCapture/rules/FaceChecks.h>
 
 #include <limits>
 #include <map>
 
 #include "analyzer/FaceReference.h"
 #include "analyzer/rules/DeviceOrientation.h"
-#include "analyzer/rules/FaceChecks.h"
 
 namespace selvio::rules {
 namespace {

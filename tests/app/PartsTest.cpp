@@ -101,29 +101,41 @@ TEST(CommandLine, SaysWhenOneFillBoundMovesTheOther) {
     EXPECT_THAT(parsed.complaints, HasSubstr("--max-fill becomes 900"));
 }
 
-TEST(Countdown, CountsDownAndStartsAnewAfterTheFaceWasLost) {
+TEST(Countdown, FollowsWhatIsReported) {
+    constexpr auto kOther = SelvioFacialCaptureStatusFaceNotFound;
+    constexpr auto kCounting = SelvioFacialCaptureStatusCountdown;
     const auto queue = std::make_shared<ManualQueue>();
     std::vector<std::int64_t> calls;  // the seconds left; 0: finished
     const auto countdown = std::make_shared<Countdown>(
-        queue, [&](std::int64_t left) { calls.push_back(left); }, [&] { calls.push_back(0); });
-    const auto start = [&](std::int64_t seconds) {
-        queue->async([&, seconds] { countdown->start(seconds); });
+        queue, 2, [&](std::int64_t left) { calls.push_back(left); }, [&] { calls.push_back(0); });
+    const auto onQueue = [&](const std::function<void()>& block) {
+        queue->async(block);
         queue->runAll();
     };
-    start(3);
+    const auto report = [&](SelvioFacialCaptureStatus status) { onQueue([&] { countdown->follow(status); }); };
+    const auto announce = [&] { onQueue([&] { countdown->start(); }); };
+    const auto take = [&] { return std::exchange(calls, {}); };
+
+    report(kOther);
+    announce();
+    report(kCounting);
     queue->advance(1900ms);
-    EXPECT_EQ(calls, (std::vector<std::int64_t>{3, 2}));
-    countdown->cancel();
+    EXPECT_THAT(take(), testing::ElementsAre(2, 1));
+    report(kOther);
     queue->advance(10s);
-    EXPECT_EQ(calls.size(), 2U);
-    EXPECT_FALSE(countdown->isRunning());
-    start(2);
+    EXPECT_THAT(take(), testing::IsEmpty()) << "the face was lost";
+    report(kCounting);
     queue->advance(500ms);
-    start(2);  // a second announcement replaces the first, whose steps must not count along
+    EXPECT_THAT(take(), testing::ElementsAre(2)) << "without a new announcement too";
+    announce();  // replaces the one that runs, whose steps must not count along
     queue->advance(1s);
+    report(kCounting);
     queue->advance(1s);
-    EXPECT_EQ(calls, (std::vector<std::int64_t>{3, 2, 2, 2, 1, 0}));
-    EXPECT_FALSE(countdown->isRunning());
+    EXPECT_THAT(take(), testing::ElementsAre(2, 1, 0));
+    for (const auto status : {kCounting, kOther, kCounting}) report(status);
+    announce();
+    queue->advance(10s);
+    EXPECT_THAT(take(), testing::IsEmpty()) << "the picture has been asked for";
 }
 
 TEST(FrameWatch, TellsASlowStartFromASilentCamera) {
@@ -166,18 +178,23 @@ TEST(Texts, FollowTheFirstLocaleVariableThatSaysSomething) {
 TEST(PersonOutput, ChangesOneLineOnATerminalAndPrintsEachChangeElsewhere) {
     const std::vector<RunEvent> events = {
         {"detectionResults", 0.1, {SelvioFacialCaptureStatusMoveCloser, SelvioFacialCaptureStatusNotCentered}},
-        {"detectionResults", 0.2, {SelvioFacialCaptureStatusMoveCloser}},
-        {"detectionResults", 0.3, {SelvioFacialCaptureStatusHoldStill}}};
+        {"detectionResults", 0.2, {SelvioFacialCaptureStatusMoveCloser}, true},
+        {"detectionResults", 0.3, {SelvioFacialCaptureStatusMoveCloser}, true},
+        {"startCountdown", 0.3, {}, true},
+        {"detectionResults", 0.4, {SelvioFacialCaptureStatusHoldStill}, true}};
     for (const bool terminal : {true, false}) {
         std::ostringstream stream;
         const auto output = makePersonOutput(stream, terminal, Language::English, "[REC] ");
         for (const auto& event : events) output->event(event);
-        output->countdown(2);
-        output->event({"detectionResults", 0.4, {SelvioFacialCaptureStatusCountdown}});  // does not hide the number
+        output->countdown(2, true);
+        output->event({"detectionResults", 0.4, {SelvioFacialCaptureStatusCountdown}, true});  // hides no number
+        output->countdown(1, false);
+        output->event({"detectionCancelled", 0.5, {SelvioFacialCaptureStatusHoldStill}});
         output->message("end");
-        EXPECT_EQ(stream.str(),
-                  terminal ? "\r\033[K[REC] Move closer\r\033[K[REC] Hold still\r\033[K[REC] Stay like that … 2\nend\n"
-                           : "[REC] Move closer\n[REC] Hold still\n[REC] Stay like that … 2\nend\n");
+        EXPECT_EQ(stream.str(), terminal ? "\r\033[KMove closer\r\033[K[REC] Move closer\r\033[K[REC] Hold still"
+                                           "\r\033[K[REC] Stay like that … 2\r\033[KStay like that … 1\nend\n"
+                                         : "Move closer\n[REC] Move closer\n[REC] Hold still\n"
+                                           "[REC] Stay like that … 2\nStay like that … 1\nend\n");
     }
 }
 

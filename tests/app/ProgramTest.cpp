@@ -214,6 +214,25 @@ TEST_F(SelvioCapture, CapturesAndShowsTheRecord) {
     EXPECT_EQ(selfie.value()->height(), 1280);
 }
 
+TEST_F(SelvioCapture, EndsWithAPictureWhenTheCountdownIsBrokenOff) {
+    const std::string face =
+        R"("visible": true, "center": [0.5, 0.46], "jawWidth": 0.63, "second": null, "noise": 1.5)";
+    const std::pair<int, std::string> disturbances[] = {
+        {1, R"("hold": 0.1, "visible": false)"},
+        {2,
+         R"("hold": 0.5, "center": [0.26, 0.45], "jawWidth": 0.37, "second": {"center": [0.76, 0.45], "jawWidth": 0.37})"}};
+    for (const auto& [status, disturbance] : disturbances) {
+        const auto script =
+            directory_.write("script.json", R"({"keyFrames": [{"at": 0, "hold": 1.5, )" + face + R"(}, {"at": 1.5, )" +
+                                                disturbance + R"(}, {"at": 2.0, )" + face + "}]}");
+        const auto ended = run(capture(script, {"--countdown-time", "2", "--timeout", "10"}));
+        EXPECT_EQ(ended.exitCode, 0) << ended.err << ended.out;
+        EXPECT_THAT(ended.out, HasSubstr("\"statuses\":[" + std::to_string(status) + "]"));
+        for (const auto& line : ended.lines())
+            EXPECT_EQ(line["statuses"].empty(), line["event"] == "startCountdown") << line;
+    }
+}
+
 TEST_F(SelvioCapture, KeepsTheRecordingHoweverTheCaptureEnds) {
     for (const bool interrupt : {false, true}) {
         bool done = false;

@@ -35,6 +35,7 @@ PUBLIC = {
     "SelvioFacialCaptureResults.h": "model",
     "SelvioFacialCaptureParameters.h": "model",
     "SelvioFacialCaptureCameraParameters.h": "model",
+    "SelvioFacialCaptureUxpEvent.h": "model",
     "SelvioFacialCaptureUxpEventManager.h": "telemetry",
     "SelvioFacialCaptureObixData.h": "telemetry",
     "SelvioFacialCaptureVersion.h": "telemetry",
@@ -43,7 +44,7 @@ PUBLIC = {
     "SelvioFacialCaptureCamera.h": "camera",
     "SelvioFacialCaptureCameraDelegate.h": "camera",
 }
-PUBLIC_FOLDERS = {"linux": "platform/linux", "simulated": "platform/simulated"}
+PUBLIC_FOLDERS = {"rules": "analyzer/rules", "linux": "platform/linux", "simulated": "platform/simulated"}
 
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]', re.MULTILINE)
 STANDARD = re.compile(r"^[a-z_0-9]+$")

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <ctime>
 #include <future>
 #include <numeric>
 #include <thread>
@@ -54,6 +55,50 @@ TEST(SerialQueue, DelayedBlocksRunAfterReadyOnesAndAtDestruction) {
         queue.async([&] { order.push_back(1); });
     }
     EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
+}
+
+TEST(SerialQueue, RunsDelayedBlocksWhileItLivesAndDrains) {
+    SerialQueue queue("label");
+    EXPECT_EQ(queue.label(), "label");
+    EXPECT_FALSE(queue.isCurrent());
+    queue.drain();  // waits for a block now
+    std::promise<void> ran;
+    queue.asyncAfter(std::chrono::milliseconds(1), [&] { ran.set_value(); });
+    ran.get_future().wait();  // a block that is forgotten would hang here
+    std::atomic<bool> done{false};
+    queue.async([&] {
+        for (int i = 0; i < 20; ++i) std::this_thread::yield();
+        done = true;
+    });
+    queue.drain();
+    EXPECT_TRUE(done);
+}
+
+TEST(Queues, LetGoOfABlockOnceItHasRun) {
+    MainQueue main;
+    SerialQueue serial("serial");
+    ConcurrentQueue concurrent("concurrent", 1);
+    for (Queue* const queue : std::initializer_list<Queue*>{&main, &serial, &concurrent}) {
+        auto held = std::make_shared<int>();
+        const std::weak_ptr<int> weak = held;
+        std::promise<bool> gone;
+        queue->async([held = std::move(held)] {});
+        queue->async([&] { gone.set_value(weak.expired()); });
+        main.drain();
+        EXPECT_TRUE(gone.get_future().get()) << queue->label();
+    }
+}
+
+TEST(SystemClock, TellsTheTimeSinceTheReferenceDateAndOneThatNeverGoesBack) {
+    const SystemClock clock;
+    std::tm date{};
+    date.tm_year = 101;
+    date.tm_mday = 1;
+    EXPECT_NEAR(clock.secondsSinceReferenceDate(), std::difftime(std::time(nullptr), ::timegm(&date)), 2.0);
+    const auto before = std::chrono::steady_clock::now().time_since_epoch();
+    const auto now = clock.monotonicTime();
+    EXPECT_LE(before, now);
+    EXPECT_LE(now, std::chrono::steady_clock::now().time_since_epoch());
 }
 
 TEST(ConcurrentQueue, RunsEverythingBeforeItGoes) {

@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <zlib.h>
 
 namespace {
 
@@ -13,6 +14,24 @@ using namespace selvio::test;
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
+
+/// The file with a number in big-endian order written over `count` bytes.
+Bytes patched(Bytes file, std::size_t at, std::uint64_t number, int count) {
+    for (int i = count - 1; i >= 0; --i) file[at++] = static_cast<std::uint8_t>(number >> (8 * i));
+    return file;
+}
+
+/// Where a JPEG's frame header begins, its marker.
+std::size_t frameOf(const Bytes& jpeg) {
+    const auto isFrame = [](std::uint8_t a, std::uint8_t b) { return a == 0xFF && (b == 0xC0 || b == 0xC2); };
+    return static_cast<std::size_t>(std::adjacent_find(jpeg.begin(), jpeg.end(), isFrame) - jpeg.begin());
+}
+
+Bytes claimingSize(const Bytes& file, std::uint32_t width, std::uint32_t height) {
+    if (file[0] == 0xFF) return patched(patched(file, frameOf(file) + 5, height, 2), frameOf(file) + 7, width, 2);
+    const Bytes claiming = patched(patched(file, 16, width, 4), 20, height, 4);
+    return patched(claiming, 29, crc32(0, claiming.data() + 12, 17), 4);
+}
 
 class ImageLoaderTest : public testing::Test {
 protected:
@@ -26,47 +45,54 @@ protected:
     const JpegPngImageLoader loader;
 };
 
-constexpr std::array<Colour, 4> kQuarters{kRed, kGreen, kBlue, kWhite};
-
-TEST_F(ImageLoaderTest, readsEveryKindOfJpeg) {
-    for (const JpegKind kind : {JpegKind::Baseline, JpegKind::Progressive, JpegKind::Cmyk}) {
-        const auto picture = loader.loadImage(directory.write("a.jpg", jpegFile(kind, 70, 50)));
-        ASSERT_TRUE(picture) << picture.error().localizedDescription;
-        expectQuarters(*picture.value(), kQuarters);
-    }
-    const auto grey = loader.loadImage(directory.write("a.jpg", jpegFile(JpegKind::Grey, 70, 50)));
-    expectQuarters(*grey.value(), {Colour{76, 76, 76}, {150, 150, 150}, {29, 29, 29}, kWhite});
-}
-
-TEST_F(ImageLoaderTest, readsEveryKindOfPng) {
-    const Colour black{0, 0, 0}, half{128, 128, 128};
-    const std::pair<PngKind, std::array<Colour, 4>> table[] = {
-        {{.colourType = 2, .bitDepth = 16}, kQuarters},
-        {{.colourType = 3}, kQuarters},
-        {{.colourType = 0, .bitDepth = 16, .interlaced = true}, {black, kWhite, black, kWhite}},
-        {{.colourType = 4}, {black, kWhite, black, half}},
-        {{.colourType = 6}, {kRed, kGreen, Colour{128, 0, 0}, half}},
-        {{.colourType = 6, .bitDepth = 16, .interlaced = true}, {kRed, kGreen, Colour{128, 0, 0}, half}},
+TEST_F(ImageLoaderTest, readsEveryKindOfPicture) {
+    const Colour black{0, 0, 0}, grey{76, 76, 76}, half{128, 128, 128};
+    const std::pair<std::string, Quarters> colours{"red lime blue white", kQuarters},
+        greys{"#000 #4C4C4C #808080 #FFF", {black, grey, half, kWhite}},
+        faded{"red lime #0000FF80 #FFFFFF80", {kRed, kGreen, {128, 0, 0}, half}},
+        fadedGreys{"#000 #FFF #00000080 #FFFFFF80", {black, kWhite, black, half}};
+    const struct {
+        const char* name;
+        std::string options;
+        std::pair<std::string, Quarters> picture;
+    } table[] = {
+        {"a.jpg", "-interlace none", colours},
+        {"a.jpg", "-interlace JPEG", colours},
+        {"a.jpg", "-sampling-factor 3x1", colours},
+        {"a.jpg", "-colorspace CMYK", colours},
+        {"a.jpg", "-colorspace Gray", greys},
+        {"a.png", "-define png:color-type=2 -define png:bit-depth=16", colours},
+        {"a.png", "-define png:color-type=3", colours},
+        {"a.png", "-define png:color-type=0 -define png:bit-depth=16 -interlace PNG", greys},
+        {"a.png", "-define png:color-type=4", fadedGreys},
+        {"a.png", "-define png:color-type=6", faded},
+        {"a.png", "-define png:color-type=6 -define png:bit-depth=16 -interlace PNG", faded},
     };
-    for (const auto& [kind, expected] : table) {
-        SCOPED_TRACE(testing::Message() << "colour type " << kind.colourType << ", " << kind.bitDepth << " bits");
-        const auto picture = loader.loadImage(directory.write("a.png", pngFile(kind, 70, 50)));
+    for (const auto& c : table) {
+        SCOPED_TRACE(c.name + (" " + c.options));
+        const auto picture = loader.loadImage(directory.write("a", fileOf(c.name, c.options, c.picture.first)));
         ASSERT_TRUE(picture) << picture.error().localizedDescription;
-        expectQuarters(*picture.value(), expected);
+        expectQuarters(*picture.value(), c.picture.second);
     }
 }
 
 TEST_F(ImageLoaderTest, appliesThePicturesOwnOrientation) {
-    const LibjpegImageCodec codec;
+    const std::pair<std::string, Bytes> files[] = {
+        {".jpg", fileOf("a.jpg")}, {".png", fileOf("a.png")}, {"-interlaced.png", fileOf("a.png", "-interlace PNG")}};
+    std::string tagging = "cd " + directory.path().string() + "; exiftool";
+    for (char tag = '1'; tag <= '8'; ++tag) {
+        tagging = tagging + " -Orientation=" + tag;
+        for (const auto& [name, file] : files) {
+            directory.write(tag + name, file);
+            tagging += " " + (tag + name);
+        }
+        tagging += " -execute";
+    }
+    outputOf(tagging + " -common_args -q -q -n -overwrite_original");
     for (int orientation = 1; orientation <= 8; ++orientation) {
-        const auto source = codec.openSource(jpegFile(JpegKind::Baseline, 70, 50));
-        const Bytes files[] = {
-            *codec.encodeFromSource(*source, {std::nullopt, ExifProperties{std::nullopt, orientation}, std::nullopt}),
-            pngFile({.orientation = orientation}, 70, 50),
-            pngFile({.interlaced = true, .orientation = orientation}, 70, 50)};
-        for (const Bytes& file : files) {
-            SCOPED_TRACE(orientation);
-            const auto picture = loader.loadImage(directory.write("a", file));
+        for (const auto& [name, file] : files) {
+            SCOPED_TRACE(std::to_string(orientation) + name);
+            const auto picture = loader.loadImage(directory.path() / (std::to_string(orientation) + name));
             ASSERT_TRUE(picture) << picture.error().localizedDescription;
             EXPECT_EQ(picture.value()->width(), orientation < 5 ? 70 : 50);
             expectQuarters(*picture.value(), quartersTurned(orientation));
@@ -84,21 +110,40 @@ TEST_F(ImageLoaderTest, namesTheFileAndTheReasonInOneLine) {
     EXPECT_THAT(errorOf(Bytes{}), HasSubstr("empty"));
     EXPECT_THAT(errorOf(Bytes{'t', 'e', 'x', 't'}), HasSubstr("neither JPEG nor PNG"));
     EXPECT_THAT(errorOf(Bytes{0xFF, 0xD8, 0xFF, 'x', 'y'}), HasSubstr("/bad: "));
-    EXPECT_THAT(errorOf(jpegFile(JpegKind::Arithmetic, 64, 64)), HasSubstr("arithmetic"));
+    const Bytes jpeg = fileOf("a.jpg");
+    const std::string endless = directory.write("endless.jpg", jpeg);
+    std::filesystem::resize_file(endless, std::uintmax_t{1} << 40);
+    EXPECT_THAT(errorOf(endless), HasSubstr("longer than any picture"));
+    EXPECT_THAT(errorOf(patched(jpeg, frameOf(jpeg) + 1, 0xC9, 1)), HasSubstr("arithmetic"));
     EXPECT_THAT(errorOf("/nowhere/two\nlines.jpg"), AllOf(HasSubstr("two?lines.jpg: "), Not(HasSubstr("\n"))));
 }
 
 TEST_F(ImageLoaderTest, aFileCutShortAnywhereIsAnErrorAndNoGreyPicture) {
-    const Bytes files[] = {jpegFile(JpegKind::Baseline, 120, 90), jpegFile(JpegKind::Progressive, 120, 90),
-                           pngFile({}, 120, 90), pngFile({.interlaced = true}, 120, 90)};
-    for (const Bytes& file : files) {
+    for (const auto& [name, options] : {std::pair{"a.jpg", "-interlace none"},
+                                        {"a.jpg", "-interlace JPEG"},
+                                        {"a.png", "-strip"},
+                                        {"a.png", "-strip -interlace PNG"}}) {
+        const Bytes file = fileOf(name, options);
         // A PNG's last bytes, its end marker, come after the picture.
         const std::size_t picture = file[0] == 0xFF ? file.size() : file.size() - 16;
-        for (std::size_t length = 8; length < picture; length += 23) {
+        for (std::size_t length = 8; length < picture; length += 7) {
             ASSERT_THAT(errorOf(Bytes(file.begin(), file.begin() + static_cast<std::ptrdiff_t>(length))),
                         HasSubstr("/bad: "))
-                << length << " of " << file.size();
+                << options << ": " << length << " of " << file.size();
         }
+    }
+}
+
+TEST_F(ImageLoaderTest, superfluousBytesLoseNothingButDamageDoes) {
+    for (const char* const options : {"-interlace none", "-interlace JPEG"}) {
+        const Bytes file = fileOf("a.jpg", options);
+        Bytes padded = file;
+        padded.insert(padded.end() - 2, 40, 0);
+        EXPECT_EQ(errorOf(padded), "") << options;
+        // With its last samples cut away as well it is no sound picture any more, whatever stands before its end.
+        Bytes damaged(file.begin(), file.end() - 12);
+        damaged.insert(damaged.end(), {0xFF, 0xD9});
+        EXPECT_THAT(errorOf(damaged), HasSubstr("cut short")) << options;
     }
 }
 
@@ -108,23 +153,17 @@ TEST_F(ImageLoaderTest, whatAFileOnlyClaimsCostsNoMemory) {
         getrusage(RUSAGE_SELF, &usage);
         return usage.ru_maxrss * 1024;
     };
-    const Bytes jpegs[] = {jpegFile(JpegKind::Baseline, 120, 90), jpegFile(JpegKind::Progressive, 120, 90),
-                           jpegFile(JpegKind::Grey, 120, 90)};
-    const Bytes pngs[] = {pngFile({}, 120, 90), pngFile({.interlaced = true}, 120, 90),
-                          pngFile({.colourType = 6, .bitDepth = 16}, 120, 90)};
+    const Bytes files[] = {fileOf("a.jpg"), fileOf("a.jpg", "-interlace JPEG"), fileOf("a.jpg", "-colorspace Gray"),
+                           fileOf("a.png"), fileOf("a.png", "-interlace PNG")};
     const auto before = peakBytes();
-    for (const auto& [side, reason] : {std::pair{65535, "claims 65535 x 65535 pixels"},
-                                       {30000, "claims 30000 x 30000 pixels"},
-                                       {16000, "cut short"}}) {
-        for (const Bytes& file : jpegs) EXPECT_THAT(errorOf(claimingJpegSize(file, side, side)), HasSubstr(reason));
-        for (const Bytes& file : pngs)
-            EXPECT_THAT(
-                errorOf(claimingPngSize(file, static_cast<std::uint32_t>(side), static_cast<std::uint32_t>(side))),
-                HasSubstr(reason));
+    for (const auto& [side, reason] : {std::pair{65535U, "claims 65535 x 65535 pixels"},
+                                       {30000U, "claims 30000 x 30000 pixels"},
+                                       {16000U, "cut short"}}) {
+        for (const Bytes& file : files) EXPECT_THAT(errorOf(claimingSize(file, side, side)), HasSubstr(reason));
     }
-    EXPECT_THAT(errorOf(claimingPngSize(pngs[0], 0x7FFFFFFF, 1)), HasSubstr("/bad: "));
-    EXPECT_THAT(errorOf(claimingPngSize(pngs[0], 0, 5)), HasSubstr("/bad: "));
-    EXPECT_THAT(errorOf(claimingJpegSize(jpegs[0], 5, 0)), HasSubstr("/bad: "));
+    EXPECT_THAT(errorOf(claimingSize(files[3], 0x7FFFFFFF, 1)), HasSubstr("/bad: "));
+    EXPECT_THAT(errorOf(claimingSize(files[3], 0, 5)), HasSubstr("/bad: "));
+    EXPECT_THAT(errorOf(claimingSize(files[0], 5, 0)), HasSubstr("/bad: "));
     EXPECT_LT(peakBytes() - before, 16 << 20);
 }
 

@@ -10,9 +10,10 @@
 namespace selvio {
 namespace {
 
+constexpr const char* kName = "net.hadess.SensorProxy";
+constexpr const char* kPath = "/net/hadess/SensorProxy";
 constexpr const char* kInterface = R"(<node><interface name="net.hadess.SensorProxy">
-  <method name="ClaimAccelerometer"/><method name="ReleaseAccelerometer"/>
-  <property name="AccelerometerOrientation" type="s" access="read"/>
+  <method name="ClaimAccelerometer"/><property name="AccelerometerOrientation" type="s" access="read"/>
 </interface></node>)";
 
 // Says "undefined" until a client has claimed the accelerometer, as the real one does.
@@ -23,12 +24,9 @@ public:
         const auto flags = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
                                                              G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
         bus_ = g_dbus_connection_new_for_address_sync(address, flags, nullptr, nullptr, nullptr);
-        node_ = g_dbus_node_info_new_for_xml(kInterface, nullptr);
         static const GDBusInterfaceVTable table = {&onCall, &onGet, nullptr, {}};
-        g_dbus_connection_register_object(bus_, "/net/hadess/SensorProxy", node_->interfaces[0], &table, this, nullptr,
-                                          nullptr);
-        g_bus_own_name_on_connection(bus_, "net.hadess.SensorProxy", G_BUS_NAME_OWNER_FLAGS_NONE, nullptr, nullptr,
-                                     nullptr, nullptr);
+        g_dbus_connection_register_object(bus_, kPath, node_->interfaces[0], &table, this, nullptr, nullptr);
+        g_bus_own_name_on_connection(bus_, kName, G_BUS_NAME_OWNER_FLAGS_NONE, nullptr, nullptr, nullptr, nullptr);
         g_main_context_pop_thread_default(context_);
     }
     ~StandInProxy() {
@@ -42,31 +40,30 @@ public:
         while (g_main_context_iteration(context_, FALSE) != FALSE) {
         }
     }
-    void turn(const std::string& word) {
+    void turn(const char* word) {
         word_ = word;
-        GVariant* const changed = g_variant_new_parsed(
-            "('net.hadess.SensorProxy', {'AccelerometerOrientation': <%s>}, @as [])", word.c_str());
-        g_dbus_connection_emit_signal(bus_, nullptr, "/net/hadess/SensorProxy", "org.freedesktop.DBus.Properties",
-                                      "PropertiesChanged", changed, nullptr);
+        g_dbus_connection_emit_signal(
+            bus_, nullptr, kPath, "org.freedesktop.DBus.Properties", "PropertiesChanged",
+            g_variant_new_parsed("(%s, {'AccelerometerOrientation': <%s>}, @as [])", kName, word), nullptr);
     }
 
 private:
-    static void onCall(GDBusConnection*, const char*, const char*, const char*, const char* method, GVariant*,
-                       GDBusMethodInvocation* call, gpointer self) {
-        if (std::string(method) == "ClaimAccelerometer") static_cast<StandInProxy*>(self)->claimed_ = true;
-        g_dbus_method_invocation_return_value(call, nullptr);
+    static void onCall(GDBusConnection*, const char*, const char*, const char*, const char*, GVariant*,
+                       GDBusMethodInvocation* claim, gpointer self) {
+        static_cast<StandInProxy*>(self)->claimed_ = true;
+        g_dbus_method_invocation_return_value(claim, nullptr);
     }
     static GVariant* onGet(GDBusConnection*, const char*, const char*, const char*, const char*, GError**,
                            gpointer data) {
         const auto* const self = static_cast<StandInProxy*>(data);
-        return g_variant_new_string(self->claimed_ ? self->word_.c_str() : "undefined");
+        return g_variant_new_string(self->claimed_ ? self->word_ : "undefined");
     }
 
-    std::string word_ = "left-up";
+    const char* word_ = "left-up";
     bool claimed_ = false;
     GMainContext* const context_ = g_main_context_new();
+    GDBusNodeInfo* const node_ = g_dbus_node_info_new_for_xml(kInterface, nullptr);
     GDBusConnection* bus_ = nullptr;
-    GDBusNodeInfo* node_ = nullptr;
 };
 
 TEST(OrientationSensor, FollowsTheProxyWhileThereIsOne) {

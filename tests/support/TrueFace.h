@@ -3,7 +3,7 @@
 
 #include <SelvioFacialCapture/simulated/SimulatedFrames.h>
 
-#include "analyzer/rules/FaceChecks.h"
+#include <SelvioFacialCapture/rules/FaceChecks.h>
 
 namespace selvio {
 

@@ -126,6 +126,8 @@ TEST_F(RecordTest, ANewRecordHoldsItsSevenMembersWithoutWhiteSpace) {
               json::parse(R"({"ObixVersion": "1.6", "Platform": "iOS", "OS": "12.11", "Device": "Kiosk",
         "Model": "x86_64", "Manufacturer": "Apple", "SDKVersion": "Facial Capture 3.2.1"})"));
     EXPECT_EQ(record->obixDataString()->find("\": "), std::string::npos);
+    record->add({{"Note", "Grüße"}});
+    EXPECT_NE(record->obixDataString()->find(R"("Note":"Gr\u00fc\u00dfe")"), std::string::npos) << "ASCII only";
 }
 
 TEST_F(RecordTest, TheLastMembersWin) {

@@ -4,10 +4,8 @@
 #include <SelvioFacialCapture/platform/Device.h>
 
 #include <atomic>
-#include <filesystem>
 #include <functional>
 #include <mutex>
-#include <optional>
 #include <string>
 
 namespace selvio {
@@ -35,15 +33,13 @@ private:
     const std::string systemVersion_;
 };
 
-/// A portrait screen, one point a pixel. Any thread.
+/// A portrait screen, whose size the host tells, in points. Any thread.
 class LinuxScreen final : public Screen {
 public:
     static constexpr Size kDefaultSize{1080, 1920};
 
-    /// The first mode of a connected display under `displays` (built-in panels first), its shorter side across;
-    /// `kDefaultSize` if none is known.
-    explicit LinuxScreen(const std::filesystem::path& displays = "/sys/class/drm");
-    explicit LinuxScreen(Size bounds);
+    /// A size that is not finite and positive is logged, and `kDefaultSize` taken.
+    explicit LinuxScreen(Size bounds = kDefaultSize);
 
     [[nodiscard]] Size bounds() const override;
     /// Takes effect for the next frame that asks. A size that is not finite and positive is logged and ignored.
@@ -58,9 +54,5 @@ private:
     Size bounds_ = kDefaultSize;  // guarded by mutex_
     std::atomic<InterfaceOrientation> statusBarOrientation_{InterfaceOrientation::Portrait};
 };
-
-/// The size, in portrait, of the first connected display under a directory laid out as /sys/class/drm: built-in panels
-/// before others, then by name.
-[[nodiscard]] std::optional<Size> connectedDisplaySize(const std::filesystem::path& displays);
 
 }  // namespace selvio

@@ -20,6 +20,10 @@ public:
     virtual void markAsFinished() = 0;
 };
 
+/// How long a file that is being finished may take. It usually takes about two seconds; longer means that it never will
+/// be.
+inline constexpr std::chrono::seconds kLongestFinishing{15};
+
 /// One file. `status` may be read on any thread; all else runs on one queue.
 class AssetWriter {
 public:
@@ -31,7 +35,8 @@ public:
     /// Samples before this time of the master clock are left out; the file's time zero.
     virtual void startSessionAtSourceTime(std::chrono::nanoseconds time) = 0;
     /// Finishes in the background and then calls `completion` once, on a thread of its own; `status` then says how it
-    /// went. `completion` keeps the writer alive and may hold the last reference: let go of it right after the call.
+    /// went: Failed if it takes longer than `kLongestFinishing`. `completion` keeps the writer alive and may hold the
+    /// last reference: let go of it right after the call.
     virtual void finishWriting(std::function<void()> completion) = 0;
     /// Ends without a file; status Cancelled.
     virtual void cancelWriting() = 0;

@@ -24,7 +24,7 @@ struct JfifProperties {
 
 /// The parts of an EXIF segment that the component reads and writes.
 struct ExifProperties {
-    std::optional<std::string> userComment;  ///< UTF-8, without the field's character-code prefix
+    std::optional<std::string> userComment;  ///< ASCII, without the field's character-code prefix
     std::optional<int> orientation;          ///< 1...8
 };
 
@@ -54,8 +54,8 @@ public:
     /// JFIF and EXIF properties given. Nothing on failure.
     [[nodiscard]] virtual std::optional<Bytes> encodeFromSource(const ImageSource& source,
                                                                 const ImageProperties& properties) const = 0;
-    /// Whether a user comment of this UTF-8 text fits into one EXIF segment (64 KiB) beside what else the codec writes
-    /// there.
+    /// Whether a user comment of this text can be written: ASCII that fits into one EXIF segment (64 KiB) beside what
+    /// else the codec writes there.
     [[nodiscard]] virtual bool userCommentFits(std::string_view text) const = 0;
 };
 

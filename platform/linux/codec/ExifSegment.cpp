@@ -1,7 +1,5 @@
 #include "platform/linux/codec/ExifSegment.h"
 
-#include "platform/linux/codec/UserComment.h"
-
 #include <libexif/exif-data.h>
 #include <libexif/exif-mem.h>
 
@@ -14,6 +12,7 @@ namespace selvio {
 namespace {
 
 constexpr std::string_view kHeader("Exif\0\0", 6);
+constexpr std::string_view kAsciiCode("ASCII\0\0\0", 8);  // begins a user comment
 constexpr std::string_view kExifVersion("0232");
 constexpr ExifByteOrder kByteOrder = EXIF_BYTE_ORDER_MOTOROLA;
 
@@ -53,6 +52,10 @@ bool addEntry(ExifContent* content, ExifTag tag, ExifFormat format, std::span<co
     return made;
 }
 
+bool isAscii(std::string_view text) {
+    return std::ranges::all_of(text, [](char c) { return static_cast<std::uint8_t>(c) < 0x80; });
+}
+
 std::span<const std::uint8_t> asBytes(std::string_view text) {
     return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
 }
@@ -70,9 +73,9 @@ std::optional<Bytes> makeExifSegment(const ExifProperties& properties) {
         made = addEntry(data->ifd[EXIF_IFD_0], EXIF_TAG_ORIENTATION, EXIF_FORMAT_SHORT, value) && made;
     }
     if (properties.userComment) {
-        const Bytes field = encodeUserComment(*properties.userComment, kByteOrder == EXIF_BYTE_ORDER_MOTOROLA);
-        if (field.size() > kLongestSegment) return std::nullopt;
-        made = addEntry(data->ifd[EXIF_IFD_EXIF], EXIF_TAG_USER_COMMENT, EXIF_FORMAT_UNDEFINED, field) && made;
+        const std::string field = std::string(kAsciiCode) + *properties.userComment;
+        if (field.size() > kLongestSegment || !isAscii(field)) return std::nullopt;
+        made = addEntry(data->ifd[EXIF_IFD_EXIF], EXIF_TAG_USER_COMMENT, EXIF_FORMAT_UNDEFINED, asBytes(field)) && made;
     }
     unsigned char* bytes = nullptr;
     unsigned size = 0;
@@ -99,7 +102,11 @@ std::optional<ExifProperties> readExifSegment(std::span<const std::uint8_t> segm
     }
     const ExifEntry* const comment = exif_content_get_entry(data->ifd[EXIF_IFD_EXIF], EXIF_TAG_USER_COMMENT);
     if (comment != nullptr && comment->data != nullptr) {
-        properties.userComment = decodeUserComment({comment->data, comment->size}, order == EXIF_BYTE_ORDER_MOTOROLA);
+        std::string_view text(reinterpret_cast<const char*>(comment->data), comment->size);
+        if (text.starts_with(kAsciiCode) && isAscii(text)) {
+            text.remove_prefix(kAsciiCode.size());
+            properties.userComment = text.substr(0, text.find_last_not_of('\0') + 1);  // some writers pad
+        }
     }
     return properties;
 }

@@ -1,15 +1,20 @@
-// JPEG files by libjpeg-turbo: reading headers, decoding to pixels, encoding from pixels and from other JPEG files.
+// JPEG files by TurboJPEG: reading headers, decoding to pixels, encoding from pixels and from other JPEG files.
 // Every function may run on any thread.
 #pragma once
 
 #include <SelvioFacialCapture/platform/ImageCodec.h>
 
-#include <cstdio>
 #include <span>
 
 namespace selvio {
 
+/// What stands before a JPEG file's first scan.
 struct JpegHeader {
+    int width = 0;
+    int height = 0;
+    int components = 0;
+    bool isArithmetic = false;  ///< arithmetic-coded instead of Huffman-coded
+    bool hasAdobeMarker = false;
     std::optional<JfifProperties> jfif;
     std::optional<ExifProperties> exif;
 };
@@ -27,11 +32,10 @@ struct JpegTarget {
 /// Nothing for an unreadable picture or lack of memory.
 [[nodiscard]] std::optional<Bytes> encodeJpegPixels(const PixelBuffer& picture, const JpegTarget& target);
 
-/// Decodes the file and encodes its picture anew, strip by strip. Nothing if the file is cut short or damaged.
+/// Decodes the file and encodes its picture anew. Nothing if the file is cut short or damaged.
 [[nodiscard]] std::optional<Bytes> reencodeJpeg(std::span<const std::uint8_t> file, const JpegTarget& target);
 
-/// The whole picture, upright, as BGRA. `file` stands at its beginning and is `fileBytes` long. The error gives the
-/// reason only.
-[[nodiscard]] Expected<std::shared_ptr<PixelBuffer>> readJpegFile(std::FILE* file, std::size_t fileBytes);
+/// The whole picture, upright, as BGRA. The error gives the reason only.
+[[nodiscard]] Expected<std::shared_ptr<PixelBuffer>> decodeJpeg(std::span<const std::uint8_t> file);
 
 }  // namespace selvio

@@ -17,6 +17,8 @@
 namespace selvio {
 namespace {
 
+constexpr std::size_t kLongestJpeg = std::size_t{1} << 30;
+
 struct CloseFile {
     void operator()(std::FILE* file) const { std::fclose(file); }
 };
@@ -55,9 +57,12 @@ Expected<std::shared_ptr<PixelBuffer>> readPicture(const std::string& path) {
     const std::size_t got = std::fread(start.data(), 1, start.size(), file.value().get());
     std::rewind(file.value().get());
     if (got >= kPng.size() && start == kPng) return readPngFile(file.value().get(), length);
-    if (got >= kJpeg.size() && std::equal(kJpeg.begin(), kJpeg.end(), start.begin()))
-        return readJpegFile(file.value().get(), length);
-    return Error{"neither JPEG nor PNG"};
+    if (got < kJpeg.size() || !std::equal(kJpeg.begin(), kJpeg.end(), start.begin()))
+        return Error{"neither JPEG nor PNG"};
+    if (length > kLongestJpeg) return Error{"longer than any picture"};
+    Bytes bytes(length);
+    if (std::fread(bytes.data(), 1, length, file.value().get()) != length) return Error{"cut short"};
+    return decodeJpeg(bytes);
 }
 
 /// The message stays one line whatever the name holds.

@@ -1,6 +1,5 @@
 #include "platform/linux/codec/PngFile.h"
 
-#include "imaging/OrientedCopy.h"
 #include "imaging/PixelConversion.h"
 #include "platform/linux/codec/ExifSegment.h"
 #include "platform/linux/codec/PictureLimits.h"
@@ -117,43 +116,22 @@ Expected<std::shared_ptr<PixelBuffer>> readPngFile(std::FILE* file, std::size_t 
     const std::uint64_t packed = claimedHeight * (png_get_rowbytes(png, info) + 1) / kMostDeflation;
     if (auto problem = lengthProblem(fileBytes, packed, claimedWidth, claimedHeight)) return Error{std::move(*problem)};
 
-    const int width = static_cast<int>(claimedWidth);
-    const int height = static_cast<int>(claimedHeight);
     const Turn turn = turnOf(reader);
-    int passes = 1;
-    if (!reader.attempt([&] { passes = askForBgra(png, info); })) return Error{reader.reason()};
-    // An interlaced picture needs all its rows until the last pass, so it is turned as a whole; any other goes row by
-    // row to its place.
-    const Turn turnOfRows = passes > 1 ? Turn::fromExif(1) : turn;
-    auto result = PixelBuffer::create(turnOfRows.turnedWidth(width, height), turnOfRows.turnedHeight(width, height),
-                                      kPixelFormat32BGRA);
-    if (!result)
-        return Error{"not enough memory for " + std::to_string(width) + " x " + std::to_string(height) + " pixels"};
-    const auto pixelsAcross = static_cast<std::size_t>(width);
-    const auto target = TurnedPlane::make(turnOfRows, width, height, 4, result->data(), result->bytesPerRow());
-    constexpr int kBand = 16;
-    std::vector<std::uint8_t> band(passes > 1 ? 0 : pixelsAcross * 4 * kBand);
-    const auto rowOf = [&](int y) { return result->data() + result->bytesPerRow() * static_cast<std::size_t>(y); };
+    const auto picture =
+        PixelBuffer::create(static_cast<int>(claimedWidth), static_cast<int>(claimedHeight), kPixelFormat32BGRA);
+    if (!picture) return Error{"not enough memory for its pixels"};
+    const auto rowAt = [&](int y) { return picture->data() + picture->bytesPerRow() * static_cast<std::size_t>(y); };
     const bool done = reader.attempt([&] {
-        if (passes > 1) {
-            for (int pass = 0; pass < passes; ++pass) {
-                for (int y = 0; y < height; ++y) png_read_row(png, rowOf(y), nullptr);
-            }
-            for (int y = 0; y < height; ++y) premultiply(rowOf(y), pixelsAcross);
-            return;
-        }
-        for (int top = 0; top < height; top += kBand) {
-            const int rows = std::min(kBand, height - top);
-            for (int r = 0; r < rows; ++r)
-                png_read_row(png, band.data() + pixelsAcross * 4 * static_cast<std::size_t>(r), nullptr);
-            premultiply(band.data(), pixelsAcross * static_cast<std::size_t>(rows));
-            copyTurned<4>(band.data(), pixelsAcross * 4, width, top, rows, target);
+        for (int pass = askForBgra(png, info); pass > 0; --pass) {
+            for (int y = 0; y < picture->height(); ++y) png_read_row(png, rowAt(y), nullptr);
         }
     });
     if (!done) return Error{reader.reason()};
-    if (passes > 1 && turn != turnOfRows) result = turned(*result, turn);
-    if (!result) return Error{"not enough memory to turn the picture"};
-    return result;
+    for (int y = 0; y < picture->height(); ++y) premultiply(rowAt(y), static_cast<std::size_t>(picture->width()));
+    if (turn == Turn{}) return picture;
+    auto upright = turned(*picture, turn);
+    if (!upright) return Error{"not enough memory to turn the picture"};
+    return upright;
 }
 
 }  // namespace selvio

@@ -20,8 +20,6 @@ constexpr guint64 kVideoDepth = 12;  // frames that may wait for the encoder in 
 constexpr auto kAudioDepth = std::chrono::seconds(2);  // sound that may wait for the encoder in real time
 constexpr auto kAudioLag =
     std::chrono::seconds(1);  // how far sound may stay behind the picture before silence stands in for it
-constexpr auto kFinishTimeout =
-    std::chrono::seconds(30);  // finishing takes about two seconds; longer means that it never will
 constexpr double kShapeTolerance = 0.02;
 constexpr const char* kAacPackage = "gstreamer1.0-libav (avenc_aac) or gstreamer1.0-plugins-bad (voaacenc)";
 constexpr const char* kMuxerPackage = "gstreamer1.0-plugins-good (mp4mux, aacparse)";
@@ -516,7 +514,7 @@ void GstRecording::finish(std::function<void()> completion) {
 void GstRecording::waitForEnd() {
     std::unique_lock lock(mutex_);
     const bool inTime =
-        changed_.wait_for(lock, kFinishTimeout, [this] { return ended_ || status_ != AssetWriterStatus::Writing; });
+        changed_.wait_for(lock, kLongestFinishing, [this] { return ended_ || status_ != AssetWriterStatus::Writing; });
     lock.unlock();
     if (!inTime) fail("the encoder did not finish");
 }

@@ -10,34 +10,19 @@ namespace {
 
 constexpr const char* kName = "net.hadess.SensorProxy";
 constexpr const char* kPath = "/net/hadess/SensorProxy";
-constexpr const char* kProperties = "org.freedesktop.DBus.Properties";
+constexpr const char* kProperty = "AccelerometerOrientation";
 
-// Lives on a thread with a main context of its own; everything but `orientation_` is used there only.
+// Asks on a thread of its own, which ends when `cancellable_` is cancelled.
 class ProxyOrientationSensor final : public OrientationSensor {
 public:
     explicit ProxyOrientationSensor(std::string busAddress)
-        : busAddress_(std::move(busAddress)),
-          context_(g_main_context_new()),
-          loop_(g_main_loop_new(context_, FALSE)),
-          cancellable_(g_cancellable_new()),
-          thread_([this] { run(); }) {}
+        : busAddress_(std::move(busAddress)), thread_([this] { run(); }) {}
 
     ~ProxyOrientationSensor() override {
         g_cancellable_cancel(cancellable_);
-        // As work of the loop, so that it is not lost on a loop that has not begun yet.
-        GSource* const quit = g_idle_source_new();
-        g_source_set_callback(
-            quit,
-            [](gpointer loop) -> gboolean {
-                g_main_loop_quit(static_cast<GMainLoop*>(loop));
-                return G_SOURCE_REMOVE;
-            },
-            loop_, nullptr);
-        g_source_attach(quit, context_);
-        g_source_unref(quit);
+        g_main_context_wakeup(context_);
         thread_.join();
         g_object_unref(cancellable_);
-        g_main_loop_unref(loop_);
         g_main_context_unref(context_);
     }
 
@@ -46,77 +31,58 @@ public:
 private:
     void run() {
         g_main_context_push_thread_default(context_);
-        if ((bus_ = connect()) != nullptr) {
-            const guint changes =
-                g_dbus_connection_signal_subscribe(bus_, kName, kProperties, "PropertiesChanged", kPath, kName,
-                                                   G_DBUS_SIGNAL_FLAGS_NONE, &onChange, this, nullptr);
-            const guint watch = g_bus_watch_name_on_connection(bus_, kName, G_BUS_NAME_WATCHER_FLAGS_NONE, &onAppeared,
-                                                               &onVanished, this, nullptr);
-            g_main_loop_run(loop_);
-            g_bus_unwatch_name(watch);
-            g_dbus_connection_signal_unsubscribe(bus_, changes);
-            // The proxy notices a client that has gone, and lets go of the accelerometer by itself.
-            while (g_main_context_iteration(context_, FALSE) != FALSE) {
-            }
-            g_object_unref(bus_);
+        follow();
+        // What was under way when the connection closed. The service notices a client that has gone.
+        while (g_main_context_iteration(context_, FALSE) != FALSE) {
         }
         g_main_context_pop_thread_default(context_);
     }
 
+    void follow() {
+        g_autoptr(GDBusConnection) bus = connect();
+        if (bus == nullptr) return;  // a system without a bus is a device without sensors
+        g_dbus_connection_set_exit_on_close(bus, FALSE);
+        g_autoptr(GDBusProxy) proxy = g_dbus_proxy_new_sync(bus, G_DBUS_PROXY_FLAGS_DO_NOT_AUTO_START, nullptr, kName,
+                                                            kPath, kName, cancellable_, nullptr);
+        if (proxy == nullptr) return;
+        g_signal_connect(proxy, "g-properties-changed", G_CALLBACK(&onChange), this);
+        g_signal_connect(proxy, "notify::g-name-owner", G_CALLBACK(&onOwner), this);
+        onOwner(proxy, nullptr, this);
+        while (g_cancellable_is_cancelled(cancellable_) == FALSE) g_main_context_iteration(context_, TRUE);
+    }
+
     GDBusConnection* connect() {
-        GError* error = nullptr;
-        const auto flags = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                                             G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
-        GDBusConnection* const bus =
-            busAddress_.empty()
-                ? g_bus_get_sync(G_BUS_TYPE_SYSTEM, cancellable_, &error)
-                : g_dbus_connection_new_for_address_sync(busAddress_.c_str(), flags, nullptr, cancellable_, &error);
-        g_clear_error(&error);  // a system without a bus is a device without sensors
-        if (bus != nullptr) g_dbus_connection_set_exit_on_close(bus, FALSE);
-        return bus;
+        if (busAddress_.empty()) return g_bus_get_sync(G_BUS_TYPE_SYSTEM, cancellable_, nullptr);
+        constexpr auto flags = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                                                 G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
+        return g_dbus_connection_new_for_address_sync(busAddress_.c_str(), flags, nullptr, cancellable_, nullptr);
     }
 
-    static void onAppeared(GDBusConnection* bus, const char*, const char*, gpointer data) {
+    static void onOwner(GDBusProxy* proxy, GParamSpec*, gpointer data) {
         auto* const self = static_cast<ProxyOrientationSensor*>(data);
-        // The property says nothing until the accelerometer is claimed.
-        g_dbus_connection_call(bus, kName, kPath, kName, "ClaimAccelerometer", nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE,
-                               -1, self->cancellable_, &onClaimed, self);
-    }
-
-    static void onVanished(GDBusConnection*, const char*, gpointer data) {
-        static_cast<ProxyOrientationSensor*>(data)->orientation_ = DeviceOrientation::Portrait;
-    }
-
-    static void onClaimed(GObject* source, GAsyncResult* result, gpointer data) {
-        GVariant* const answer = g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, nullptr);
-        if (answer == nullptr) return;  // refused, or `data` has gone
-        g_variant_unref(answer);
-        auto* const self = static_cast<ProxyOrientationSensor*>(data);
-        g_dbus_connection_call(G_DBUS_CONNECTION(source), kName, kPath, kProperties, "Get",
-                               g_variant_new("(ss)", kName, "AccelerometerOrientation"), G_VARIANT_TYPE("(v)"),
-                               G_DBUS_CALL_FLAGS_NONE, -1, self->cancellable_, &onRead, self);
-    }
-
-    static void onRead(GObject* source, GAsyncResult* result, gpointer data) {
-        GVariant* const answer = g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, nullptr);
-        if (answer == nullptr) return;
-        GVariant* value = nullptr;
-        g_variant_get(answer, "(v)", &value);
-        static_cast<ProxyOrientationSensor*>(data)->take(value);
-        g_variant_unref(value);
-        g_variant_unref(answer);
-    }
-
-    static void onChange(GDBusConnection*, const char*, const char*, const char*, const char*, GVariant* parameters,
-                         gpointer data) {
-        if (!g_variant_is_of_type(parameters, G_VARIANT_TYPE("(sa{sv}as)"))) return;
-        GVariant* const changed = g_variant_get_child_value(parameters, 1);
-        GVariant* const value = g_variant_lookup_value(changed, "AccelerometerOrientation", G_VARIANT_TYPE_STRING);
-        if (value != nullptr) {
-            static_cast<ProxyOrientationSensor*>(data)->take(value);
-            g_variant_unref(value);
+        const auto call = [&](const char* method, GVariant* arguments) {
+            return g_dbus_proxy_call_sync(proxy, method, arguments, G_DBUS_CALL_FLAGS_NONE, -1, self->cancellable_,
+                                          nullptr);
+        };
+        g_autofree char* owner = g_dbus_proxy_get_name_owner(proxy);
+        if (owner == nullptr) {
+            self->orientation_ = DeviceOrientation::Portrait;
+            return;
         }
-        g_variant_unref(changed);
+        g_autoptr(GVariant) claimed = call("ClaimAccelerometer", nullptr);
+        if (claimed == nullptr) return;
+        // The proxy's own copy is from before the claim, when the property says nothing.
+        g_autoptr(GVariant) answer =
+            call("org.freedesktop.DBus.Properties.Get", g_variant_new("(ss)", kName, kProperty));
+        if (answer == nullptr || !g_variant_is_of_type(answer, G_VARIANT_TYPE("(v)"))) return;
+        g_autoptr(GVariant) value = nullptr;
+        g_variant_get(answer, "(v)", &value);
+        self->take(value);
+    }
+
+    static void onChange(GDBusProxy*, GVariant* changed, const char* const*, gpointer data) {
+        g_autoptr(GVariant) value = g_variant_lookup_value(changed, kProperty, nullptr);
+        if (value != nullptr) static_cast<ProxyOrientationSensor*>(data)->take(value);
     }
 
     void take(GVariant* value) {
@@ -127,11 +93,9 @@ private:
 
     const std::string busAddress_;
     std::atomic<DeviceOrientation> orientation_{DeviceOrientation::Portrait};
-    GMainContext* const context_;
-    GMainLoop* const loop_;
-    GCancellable* const cancellable_;
-    GDBusConnection* bus_ = nullptr;
-    std::thread thread_;
+    GMainContext* const context_ = g_main_context_new();
+    GCancellable* const cancellable_ = g_cancellable_new();
+    std::thread thread_;  // last: it uses the others
 };
 
 }  // namespace

@@ -18,7 +18,8 @@ int capture(const selvio::Platform& platform) {
     guidance->detectionResults = [](const auto& results) {
         std::cout << SelvioFacialCaptureResults::localizeKeyFrom(results->highestPriorityStatus()).value_or("") << '\n';
     };
-    guidance->startCountdown = [&] {  // a real host stops its countdown when other statuses than the countdown's arrive
+    // A real host ends its countdown when another status than 10 arrives, and starts it anew when 10 comes back.
+    guidance->startCountdown = [&] {
         mainQueue->asyncAfter(std::chrono::seconds(parameters->countdownTime()), [&] { analyzer->selectFrame(); });
     };
     bool captured = false;

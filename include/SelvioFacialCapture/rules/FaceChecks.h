@@ -1,8 +1,12 @@
 // What is wrong with a face: ratios measured on its landmarks, compared with limits made of the capture's parameters.
+// Free of state; any thread. A host that judges pictures without a capture calls `judgeFaces`.
 #pragma once
 
+#include <SelvioFacialCapture/SelvioFacialCaptureParameters.h>
 #include <SelvioFacialCapture/SelvioFacialCaptureStatus.h>
 #include <SelvioFacialCapture/imaging/Geometry.h>
+#include <SelvioFacialCapture/platform/FaceLandmarks.h>
+#include <SelvioFacialCapture/rules/PreviewGeometry.h>
 
 #include <cstdint>
 #include <optional>
@@ -20,6 +24,8 @@ struct FaceLimits {
     std::int64_t minFill = 550;
     std::int64_t maxFill = 725;
 };
+
+[[nodiscard]] FaceLimits limitsOf(const SelvioFacialCaptureParameters& parameters);
 
 /// A face's landmarks in screen points; absent or short lists read as points at zero. The contour has 17 points (ends
 /// at 16 and 0, chin at 8) or else is read in the layout of 11 (0, 10, 5); the outer lips have 14 (corners at 13 and 7)
@@ -68,5 +74,22 @@ struct FaceChecksResult {
 };
 
 [[nodiscard]] FaceChecksResult checkFace(const FaceChecksInput& input);
+
+/// The one face of a frame, on the screen.
+struct FaceOnScreen {
+    Rect rect;  ///< screen points
+    FacePoints points;
+    FaceChecksResult checked;
+};
+
+struct FacesJudgement {
+    std::optional<FaceOnScreen> face;  ///< if there is exactly one
+    /// No face and several faces are a status; else those of the face, in ascending order. None: a good face.
+    std::vector<SelvioFacialCaptureStatus> statuses;
+};
+
+/// Judges what was found in a frame that fills the screen as `geometry` says.
+[[nodiscard]] FacesJudgement judgeFaces(const std::vector<FaceObservation>& faces, const PreviewGeometry& geometry,
+                                        const FaceLimits& limits, bool shouldHoldStill);
 
 }  // namespace selvio::rules
