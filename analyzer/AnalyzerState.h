@@ -122,6 +122,9 @@ struct SelvioFacialCaptureAnalyzer::State : std::enable_shared_from_this<State> 
     std::optional<nlohmann::json> loggedEvents(Run run);
 
     // Runs.
+    /// The run of a frame that begins now. Once the capture has ended, one that is never current: the last run is
+    /// `cancel`'s own.
+    [[nodiscard]] Run runOfNewFrame() const;
     [[nodiscard]] bool isCurrent(Run run) { return mutex.get(currentRun) == run; }
     /// Begins a selection, and with it a new run, unless the run has ended or a selection is in progress already.
     [[nodiscard]] std::optional<Run> beginSelection(Run run);

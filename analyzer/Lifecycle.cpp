@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <utility>
 
 #include "analyzer/AnalyzerState.h"
@@ -226,6 +227,11 @@ Analyzer::State::UnderWay::~UnderWay() {
         threads.erase(std::find(threads.begin(), threads.end(), std::this_thread::get_id()));
     }
     state_.underWayEnded.notify_all();
+}
+
+auto Analyzer::State::runOfNewFrame() const -> Run {
+    const std::lock_guard lock(mutex);
+    return ended ? std::numeric_limits<Run>::max() : currentRun;
 }
 
 auto Analyzer::State::beginSelection(Run run) -> std::optional<Run> {
