@@ -47,7 +47,8 @@ struct SelvioFacialCaptureAnalyzer::State : std::enable_shared_from_this<State> 
     /// An analysed frame. It takes along all that its outcome needs: later steps ask nothing of the newest frame.
     struct Frame {
         Run run = 0;           ///< a step for a frame of a run that has ended does nothing
-        Results results = {};  ///< this frame's; never written again once a delegate was given it
+        Results results = {};  ///< this frame's, null before a still image is judged; never written again once a
+                               ///< delegate was given it
         std::optional<selvio::Image> image = {};
     };
     using Step = void (State::*)(const Frame&);
@@ -96,7 +97,7 @@ struct SelvioFacialCaptureAnalyzer::State : std::enable_shared_from_this<State> 
                      const std::shared_ptr<const selvio::PixelBuffer>& pixelBuffer, std::uint32_t orientation,
                      const Frame& frame, HeldFrame* held);
     void judgeDetection(const selvio::FaceLandmarksRequest& request, const std::optional<selvio::Error>& error,
-                        const Frame& frame);
+                        Frame frame);
     void reportBadFrame(const Frame& frame, const Statuses& statuses, Step report);
     void gateGoodFrame(const Frame& frame);
     void testSmile(const Frame& frame);  // global queue
@@ -121,6 +122,9 @@ struct SelvioFacialCaptureAnalyzer::State : std::enable_shared_from_this<State> 
     std::optional<nlohmann::json> loggedEvents(Run run);
 
     // Runs.
+    /// The run of a frame that begins now. Once the capture has ended, one that is never current: the last run is
+    /// `cancel`'s own.
+    [[nodiscard]] Run runOfNewFrame() const;
     [[nodiscard]] bool isCurrent(Run run) { return mutex.get(currentRun) == run; }
     /// Begins a selection, and with it a new run, unless the run has ended or a selection is in progress already.
     [[nodiscard]] std::optional<Run> beginSelection(Run run);
@@ -134,6 +138,8 @@ struct SelvioFacialCaptureAnalyzer::State : std::enable_shared_from_this<State> 
     /// No run follows. Any number of times.
     void endRuns();
     void waitForOthers();
+    /// Whether this thread is doing such work. The mutex is held.
+    [[nodiscard]] bool isUnderWayHere() const;
     void tearDown();
 
     /// Brings the motion feed to what was last asked for.

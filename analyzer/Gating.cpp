@@ -5,9 +5,11 @@ using namespace selvio;
 using Analyzer = SelvioFacialCaptureAnalyzer;
 
 void Analyzer::State::judgeDetection(const FaceLandmarksRequest& request, const std::optional<Error>& error,
-                                     const Frame& frame) {
+                                     Frame frame) {
     const auto settings = mutex.get(parameters);
     if (gateFlags().anySet() || !isCurrent(frame.run) || !settings) return;
+    if (!frame.results) frame.results = replaceResultsByCopy(frame.run);  // a still image
+    if (!frame.results) return;
     if (error) log("Detect face request error: " + error->localizedDescription);
     const auto judged = rules::judgeFaces(request.results().value_or(std::vector<FaceObservation>()),
                                           mutex.get(geometry), rules::limitsOf(*settings), shouldHoldStill);
@@ -19,8 +21,11 @@ void Analyzer::State::judgeDetection(const FaceLandmarksRequest& request, const 
         const std::lock_guard lock(mutex);
         face = judged.face->checked;
     }
-    if (judged.statuses.empty()) return gateGoodFrame(frame);
-    reportBadFrame(frame, judged.statuses, judged.face ? &State::deliverReportOrSelect : &State::deliverReport);
+    if (!judged.statuses.empty())
+        return reportBadFrame(frame, judged.statuses,
+                              judged.face ? &State::deliverReportOrSelect : &State::deliverReport);
+    frame.results->setOrderedStatuses(Statuses());  // a still image's object still has those of the last frame
+    gateGoodFrame(frame);
 }
 
 // A bad frame ends any countdown and forgets the smile.
@@ -73,6 +78,7 @@ void Analyzer::State::gateGoodFrame(const Frame& frame) {
 
 void Analyzer::State::testSmile(const Frame& frame) {
     SELVIO_ASSERT_ON_QUEUE(platform.globalQueue);
+    if (!isCurrent(frame.run)) return;
     std::optional<Run> tested = frame.run;
     withoutThrowing("A smile could not be judged", [&] {
         const auto faces =

@@ -40,7 +40,7 @@ void Analyzer::State::analyzeSampleBuffer(const std::shared_ptr<SampleBuffer>& s
 
 void Analyzer::State::analyzeHeldFrame(HeldFrame& held) {
     SELVIO_ASSERT_ON_QUEUE(analysisQueue);
-    Frame frame{.run = mutex.get(currentRun)};
+    Frame frame{.run = runOfNewFrame()};
     const std::shared_ptr<PixelBuffer> pixelBuffer = held.buffer ? held.buffer->imageBuffer() : nullptr;
     const auto settings = mutex.get(parameters);
     if (!pixelBuffer || !settings) return;
@@ -88,11 +88,9 @@ void Analyzer::State::analyzeImageAtPath(const std::string& path) {
     const auto picture = platform.imageLoader->loadImage(path);
     if (!picture) return log(picture.error().localizedDescription);
     const std::shared_ptr<PixelBuffer>& pixels = picture.value();
-    if (!pixels) return;
-    Frame frame{.run = mutex.get(currentRun), .image = Image{.bitmap = pixels}};
+    if (!pixels || ended) return;
+    const Frame frame{.run = runOfNewFrame(), .image = Image{.bitmap = pixels}};
     const Size extent{.width = static_cast<double>(pixels->width()), .height = static_cast<double>(pixels->height())};
-    frame.results = replaceResultsByCopy(frame.run);
-    if (!frame.results) return;
     {
         const std::lock_guard lock(mutex);
         geometry.setScreen(extent);

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <utility>
 
 #include "analyzer/AnalyzerState.h"
@@ -162,16 +163,19 @@ void Analyzer::State::cancel() {
     std::shared_ptr<SelvioFacialCaptureObixData> record;
     Run run = 0;
     {
-        const std::lock_guard lock(mutex);
+        std::unique_lock<std::mutex> lock(mutex);
         if (!ended) {
             cancelled = results->withoutSelection();
-            cancelling.emplace(*this);
             record = obixData;
             run = ++currentRun;
             ended = true;
+            const bool inside = isUnderWayHere();
+            cancelling.emplace(*this);
+            // What another thread has begun to tell is told before the cancellation.
+            if (!inside) underWayEnded.wait(lock, [this] { return underWay.size() == 1; });
         }
     }
-    if (!cancelling) return waitForOthers();
+    if (!cancelling) return stop();
     const SelvioFacialCaptureResultCode code = SelvioFacialCaptureResultCodeCancelled;
     const auto events = SelvioFacialCaptureUxpEventManager::sharedInstance();
     events->addEvent(SelvioFacialCaptureUxpEventCancelled);
@@ -180,7 +184,8 @@ void Analyzer::State::cancel() {
     cancelled->setObixDataString(record->obixDataString());
     cancelled->setResultCode(code);
     tell(run, &Delegate::detectionCancelled, cancelled);
-    tearDown();
+    cancelling.reset();
+    stop();
 }
 
 // The first of several threads does it, and the others wait for that.
@@ -202,8 +207,11 @@ void Analyzer::State::tearDown() {
 
 void Analyzer::State::waitForOthers() {
     std::unique_lock<std::mutex> lock(mutex);
-    if (std::find(underWay.begin(), underWay.end(), std::this_thread::get_id()) != underWay.end()) return;
-    underWayEnded.wait(lock, [this] { return underWay.empty(); });
+    if (!isUnderWayHere()) underWayEnded.wait(lock, [this] { return underWay.empty(); });
+}
+
+bool Analyzer::State::isUnderWayHere() const {
+    return std::find(underWay.begin(), underWay.end(), std::this_thread::get_id()) != underWay.end();
 }
 
 auto Analyzer::State::UnderWay::begin(State& state, std::optional<Run> run) -> std::optional<UnderWay> {
@@ -219,6 +227,11 @@ Analyzer::State::UnderWay::~UnderWay() {
         threads.erase(std::find(threads.begin(), threads.end(), std::this_thread::get_id()));
     }
     state_.underWayEnded.notify_all();
+}
+
+auto Analyzer::State::runOfNewFrame() const -> Run {
+    const std::lock_guard lock(mutex);
+    return ended ? std::numeric_limits<Run>::max() : currentRun;
 }
 
 auto Analyzer::State::beginSelection(Run run) -> std::optional<Run> {
@@ -260,8 +273,11 @@ void Analyzer::pauseFor(std::int64_t reason) { state_->pauseFor(reason); }
 void Analyzer::resume() { state_->resume(); }
 void Analyzer::selectFrame() { state_->shouldSelectCurrentFrame = true; }
 void Analyzer::analyzeSampleBuffer(const std::shared_ptr<SampleBuffer>& sampleBuffer) { state_->analyzeSampleBuffer(sampleBuffer); }
-void Analyzer::analyzeImageAtPath(const std::string& path) { state_->analyzeImageAtPath(path); }
 // clang-format on
+
+void Analyzer::analyzeImageAtPath(const std::string& path) {
+    withoutThrowing("A still image could not be analysed", [&] { state_->analyzeImageAtPath(path); });
+}
 
 void Analyzer::updateMode(std::int64_t mode) {
     if (const auto current = parameters()) current->setMode(mode);

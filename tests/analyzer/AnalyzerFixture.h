@@ -4,7 +4,6 @@
 #include <SelvioFacialCapture/SelvioFacialCapture.h>
 #include <gmock/gmock.h>
 
-#include <SelvioFacialCapture/rules/FaceChecks.h>
 #include "support/FakeDevice.h"
 #include "support/FakeImageCodec.h"
 #include "support/FakeMotionManager.h"
@@ -26,7 +25,7 @@ struct ScreenFace {
     double noseRight = 540;
 
     /// In the layout of 17 and 14 points or that of 11 and 10.
-    [[nodiscard]] rules::FacePoints points(bool older = false) const {
+    [[nodiscard]] FaceObservation observation(bool older = false) const {
         std::vector<Point> contour(older ? 11 : 17);
         contour[older ? 0 : 16] = left;
         contour[older ? 10 : 0] = right;
@@ -38,27 +37,27 @@ struct ScreenFace {
         std::vector<Point> lips(older ? 10 : 14);
         lips[older ? 9 : 13] = {450, 1000};
         lips[older ? 5 : 7] = {550, 1000};
-        return {contour, noses, lips};
-    }
-    [[nodiscard]] FaceObservation observation() const {
         // The bounding box is the whole frame, so that points are normalized to the screen; the detector's axes are
         // swapped.
-        const auto region = [](std::optional<std::vector<Point>> points) {
-            for (Point& p : *points) p = {p.y / 1700.0, p.x / 1000.0};
-            return FaceLandmarkRegion{*points};
+        const auto region = [](std::vector<Point> points) {
+            for (Point& p : points) p = {p.y / 1700.0, p.x / 1000.0};
+            return FaceLandmarkRegion{points};
         };
-        const auto [contour, noses, lips] = points();
         return {.boundingBox = {0, 0, 1, 1}, .landmarks = FaceLandmarks{region(contour), region(noses), region(lips)}};
     }
 };
 
-/// Loads every path but "missing.jpg".
+/// Loads the same picture from every path but "missing.jpg".
 class FakeImageLoader final : public ImageLoader {
 public:
     [[nodiscard]] Expected<std::shared_ptr<PixelBuffer>> loadImage(const std::string& path) const override {
         if (path == "missing.jpg") return Error{"missing.jpg: no such file"};
-        return PixelBuffer::create(300, 400, kPixelFormat32BGRA);
+        return picture_;
     }
+    void setPicture(std::shared_ptr<PixelBuffer> picture) { picture_ = std::move(picture); }
+
+private:
+    std::shared_ptr<PixelBuffer> picture_ = PixelBuffer::create(300, 400, kPixelFormat32BGRA);
 };
 
 /// What an analyzer works with, but for its queues.
@@ -66,9 +65,9 @@ struct AnalyzerFakes {
     [[nodiscard]] Platform platform() const {
         Platform platform = makePortablePlatform();
         platform.device = device;
-        platform.screen = std::make_shared<FakeScreen>(Size{1000, 1700});
+        platform.screen = std::make_shared<FakeScreen>(screen);
         platform.imageCodec = codec;
-        platform.imageLoader = std::make_shared<FakeImageLoader>();
+        platform.imageLoader = loader;
         platform.makeSequenceRequestHandler = [vision = vision] { return vision; };
         platform.makeFaceDetector = [smiles = smiles] { return smiles; };
         platform.makeMotionManager = [motion = motion] { return motion; };
@@ -78,35 +77,18 @@ struct AnalyzerFakes {
     const std::shared_ptr<FakeSequenceRequestHandler> vision = std::make_shared<FakeSequenceRequestHandler>();
     const std::shared_ptr<FakeFaceDetector> smiles = std::make_shared<FakeFaceDetector>();
     const std::shared_ptr<FakeImageCodec> codec = std::make_shared<FakeImageCodec>();
+    const std::shared_ptr<FakeImageLoader> loader = std::make_shared<FakeImageLoader>();
     const std::shared_ptr<FakeMotionManager> motion = std::make_shared<FakeMotionManager>();
-    std::shared_ptr<FakeDevice> device = std::make_shared<FakeDevice>();
+    Size screen{1000, 1700};
+    const std::shared_ptr<FakeDevice> device = std::make_shared<FakeDevice>();
     const std::shared_ptr<SelvioFacialCaptureParameters> parameters = std::make_shared<SelvioFacialCaptureParameters>();
 };
 
-class AnalyzerFixture : public ::testing::Test, public AnalyzerFakes {
+/// An analyzer whose queues the test runs, without a delegate.
+class ManualAnalyzer : public AnalyzerFakes {
 public:
-    using Status = SelvioFacialCaptureStatus;
-    using Results = SelvioFacialCaptureResults;
-
-    AnalyzerFixture() {
-        SelvioFacialCaptureUxpEventManager::destroySharedInstance();
-        delegate->detectionResults = [this](const auto& results) { calls.push_back("results" + text(results)); };
-        delegate->startCountdown = [this] { calls.emplace_back("countdown"); };
-        delegate->detectionSuccess = [this](const auto& results) {
-            calls.push_back("success" + text(results) + " code " + std::to_string(results->resultCode()));
-            success = results;
-        };
-        delegate->detectionCancelled = [this](const auto& results) {
-            calls.push_back("cancelled code " + std::to_string(results->resultCode()));
-            cancelled = results;
-        };
-        delegate->manualOnly = [this] { calls.emplace_back("manualOnly"); };
-        make();
-    }
-
     /// An analyzer anew.
-    void make(int serviceLevel = Platform::kFullServiceLevel) {
-        device = std::make_shared<FakeDevice>();
+    void makeAnalyzer(int serviceLevel = Platform::kFullServiceLevel) {
         Platform platform = AnalyzerFakes::platform();
         platform.serviceLevel = serviceLevel;
         platform.mainQueue = mainQueue;
@@ -117,58 +99,15 @@ public:
             return queue;
         };
         analyzer = SelvioFacialCaptureAnalyzer::initWithParameters(parameters, platform);
-        analyzer->setDelegate(delegate);
     }
-
-    static std::shared_ptr<SampleBuffer> frame(int width = 100, int height = 170) {
-        return SampleBuffer::makeVideo(PixelBuffer::create(width, height, kPixelFormat32BGRA),
-                                       {.presentationTime = std::chrono::seconds(1), .duration = {}});
-    }
-    void show(std::vector<ScreenFace> faces) {
-        std::vector<FaceObservation> observations;
-        for (const ScreenFace& face : faces) observations.push_back(face.observation());
-        vision->setObservations(observations);
-    }
-    /// Sends one frame all the way and answers what the delegate was told.
-    std::vector<std::string> send() {
-        analyzer->analyzeSampleBuffer(frame());
-        return settle();
-    }
-    std::vector<std::string> settle() {
-        do {
-            analysisQueue->runAll();
-            globalQueue->runAll();
-            mainQueue->runAll();
-        } while (analysisQueue->size() + globalQueue->size() > 0);
-        return std::exchange(calls, {});
-    }
-    static std::vector<std::string> loggedEvents() {
-        std::vector<std::string> codes;
-        const nlohmann::json events = SelvioFacialCaptureUxpEventManager::sharedInstance()->events();
-        for (const auto& entry : events) codes.push_back(entry.begin().key());
-        return codes;
-    }
-    static nlohmann::json record(const std::shared_ptr<Results>& results) {
-        return nlohmann::json::parse(results->obixDataString().value_or("null"));
-    }
-
-    const std::shared_ptr<SelvioFacialCaptureAnalyzerDelegate> delegate =
-        std::make_shared<SelvioFacialCaptureAnalyzerDelegate>();
     const std::shared_ptr<ManualQueue> mainQueue = std::make_shared<ManualQueue>("main");
     const std::shared_ptr<ManualQueue> globalQueue = std::make_shared<ManualQueue>("global");
     std::shared_ptr<ManualQueue> analysisQueue;
     std::shared_ptr<SelvioFacialCaptureAnalyzer> analyzer;
-    std::shared_ptr<Results> success;
-    std::shared_ptr<Results> cancelled;
-    std::vector<std::string> calls;
-
-private:
-    static std::string text(const std::shared_ptr<Results>& results) {
-        std::string list;
-        for (const Status status : results->orderedStatuses().value_or(std::vector<Status>()))
-            list += " " + std::to_string(status);
-        return list;
-    }
 };
+
+inline std::shared_ptr<SampleBuffer> blankFrame(int width = 100, int height = 170) {
+    return SampleBuffer::makeVideo(PixelBuffer::create(width, height, kPixelFormat32BGRA));
+}
 
 }  // namespace selvio

@@ -1,259 +1,198 @@
-// Lifecycle and intake.
+// What a person wants to read of a capture, and what the model of it leaves out.
+#include <sstream>
+
 #include "analyzer/AnalyzerFixture.h"
 
 namespace selvio {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
+using Results = SelvioFacialCaptureResults;
 
-class Lifecycle : public AnalyzerFixture {};
-class Intake : public AnalyzerFixture {};
-
-TEST_F(Lifecycle, PlatformsOfALowLevelAreManualOnly) {
-    for (const auto& [level, manualOnly] : {std::pair(11, true), {12, false}, {0, true}}) {
-        parameters->setMode(2);
-        calls.clear();
-        make(level);
-        EXPECT_EQ(analyzer->manualOnly(), manualOnly) << level;
-        EXPECT_EQ(parameters->mode(), manualOnly ? 1 : 2) << level;
-        EXPECT_EQ(calls.size(), manualOnly ? 1U : 0U) << level;
+class Analyzer : public ::testing::Test, public ManualAnalyzer {
+protected:
+    Analyzer() {
+        const auto text = [](const Results& results) {
+            std::string list;
+            const auto statuses = results.orderedStatuses().value();
+            for (const auto status : statuses) list += " " + std::to_string(status);
+            return list;
+        };
+        delegate->detectionResults = [=, this](const auto& results) { tell("results" + text(*results)); };
+        delegate->startCountdown = [this] { tell("countdown"); };
+        delegate->detectionSuccess = [=, this](const auto& results) {
+            tell("success" + text(*results) + " code " + std::to_string(results->resultCode()));
+        };
+        delegate->manualOnly = [this] { tell("manualOnly"); };
     }
-    EXPECT_EQ(SelvioFacialCaptureAnalyzer::initWithParameters(nullptr), nullptr);
-}
-
-TEST_F(Lifecycle, PauseReasonsCrossOverInTheLog) {
-    for (const int reason : {0, 1, 2, 3, 4, 5, -1}) analyzer->pauseFor(reason);
-    analyzer->pause();
-    EXPECT_THAT(loggedEvents(), ElementsAre("IS", "HS", "MF", "RS"));
-}
-
-TEST_F(Lifecycle, ResumeClearsTheFlagsLogsTheModeAndStartsTheMotionFeed) {
-    analyzer->pause();
-    analyzer->selectFrame();
-    EXPECT_FALSE(motion->isRunning());
-    analyzer->resume();
-    EXPECT_TRUE(motion->isRunning());
-    EXPECT_EQ(motion->interval(), std::chrono::milliseconds(300));
-    EXPECT_FALSE(analyzer->shouldSkipFrames() || analyzer->shouldSelectCurrentFrame());
-    parameters->setRoll(700);
-    analyzer->updateMode(1);
-    analyzer->resume();
-    EXPECT_THAT(loggedEvents(), ElementsAre("SA", "SS"));
-    EXPECT_EQ(analyzer->obixData()->obixDataDictionary().at("Parameters").at("Roll"), "500");  // the first ones win
-    analyzer->pause();
-    EXPECT_FALSE(motion->isRunning());
-}
-
-TEST_F(Lifecycle, AnyAxisBeyondATenthOfARadianIsMoving) {
-    analyzer->resume();
-    for (const auto& [rate, moving] : {std::pair(RotationRate{0, -0.11, 0}, true),
-                                       {{-0.1, 0.1, -0.1}, false},
-                                       {{0, 0, 0.11}, true},
-                                       {{0.11, 0, 0}, true}}) {
-        motion->rotate(rate);
-        EXPECT_EQ(analyzer->shouldHoldStill(), moving);
+    void begin() {
+        makeAnalyzer();
+        analyzer->setDelegate(delegate);
+        analyzer->resume();
     }
-}
+    void tell(const std::string& call) { told_ += (told_.empty() ? "" : ", ") + call; }
+    void settle() {
+        while (analysisQueue->runNext() || globalQueue->runNext() || mainQueue->runNext()) {
+        }
+    }
+    /// Plays steps, one word each, and answers what the delegate was told ("-" of a frame: nothing).
+    std::string play(const std::string& steps) {
+        const auto frameOf = [this](std::vector<ScreenFace> faces, bool smiling = false, bool moving = false) {
+            std::vector<FaceObservation> observations;
+            for (const ScreenFace& face : faces) observations.push_back(face.observation());
+            vision->setObservations(observations);
+            smiles->setSmiling(smiling);
+            motion->rotate({0, 0, moving ? 1.0 : 0.0});
+            const auto before = told_.size();
+            analyzer->analyzeSampleBuffer(blankFrame());
+            settle();
+            if (told_.size() == before) tell("-");
+        };
+        const ScreenFace good, far{.left = {350, 700}, .right = {650, 700}};
+        const std::map<std::string, std::function<void()>> actions = {
+            {"good", [&] { frameOf({good}); }},
+            {"smile", [&] { frameOf({good}, true); }},
+            {"moving", [&] { frameOf({good}, false, true); }},
+            {"far", [&] { frameOf({far}); }},
+            {"nobody", [&] { frameOf({}); }},
+            {"two",
+             [&] {
+                 frameOf({good, far});
+             }},
+            {"select", [&] { analyzer->selectFrame(); }},
+            {"pause", [&] { analyzer->pause(); }},
+            {"resume", [&] { analyzer->resume(); }},
+            {"manual", [&] { analyzer->updateMode(1); }},
+            {"on-smile", [&] { parameters->setSelectOnSmile(true); }},
+            {"deaf", [&] { std::swap(delegate->detectionSuccess, aside_); }},
+        };
+        std::istringstream words(steps);
+        for (std::string word; words >> word;) actions.at(word)();
+        return std::exchange(told_, {});
+    }
 
-TEST_F(Lifecycle, CancelClosesTheRecordTellsTheHostAtOnceAndSpendsTheAnalyzer) {
-    analyzer->resume();
-    delegate->detectionCancelled = [&](const auto& results) {
-        EXPECT_THAT(loggedEvents(), ElementsAre("SA", "C"));  // the log is still there
-        EXPECT_NE(analyzer->parameters(), nullptr);
-        EXPECT_EQ(std::exchange(cancelled, results), nullptr);  // told once
+    const std::shared_ptr<SelvioFacialCaptureAnalyzerDelegate> delegate =
+        std::make_shared<SelvioFacialCaptureAnalyzerDelegate>();
+
+private:
+    std::string told_;
+    std::function<void(const std::shared_ptr<Results>&)> aside_;
+};
+
+TEST_F(Analyzer, LeadsThroughACapture) {
+    const struct {
+        const char* steps;
+        const char* told;
+    } rows[] = {
+        {"good good good select good good", "countdown, results 10, results 10, success 14 code 2, -"},
+        // The countdown ends with a bad frame, with nobody or a second face, with a movement and with a pause.
+        {"good far good nobody good two good moving good pause resume good",
+         "countdown, results 6, countdown, results 1, countdown, results 2, countdown, results 9, countdown, "
+         "countdown"},
+        // Asked for while badly placed, the frame is taken as it is; without a face the request waits; without a
+        // handler it stays.
+        {"select far", "success 6 code 1"},
+        {"select nobody good", "results 1, success 14 code 2"},
+        {"deaf select far deaf far", "results 6, success 6 code 1"},
+        // A smile selects when it comes or goes, not when it is there; a bad frame forgets it.
+        {"on-smile good good smile", "results 14, results 14, success 14 code 2"},
+        {"on-smile smile smile good", "results 13, results 13, success 14 code 2"},
+        {"on-smile smile nobody good", "results 13, results 1, results 14"},
+        // In manual mode it is only ever asked to stop, and the statuses of the last frame analysed are kept.
+        {"manual smile good select good good resume good", "results 13, results 14, success 14 code 1, -, results 14"},
+        {"manual nobody select good", "results 1, success 1 code 1"},
     };
-    analyzer->cancel();
-    ASSERT_NE(cancelled, nullptr);
-    EXPECT_EQ(cancelled->resultCode(), SelvioFacialCaptureResultCodeCancelled);
-    EXPECT_EQ(record(cancelled).at("SelvioResultCode"), "Cancelled");
-    EXPECT_EQ(record(cancelled).at("UXP").size(), 2U);
-    EXPECT_FALSE(record(cancelled).contains("Autocapture"));
-    EXPECT_EQ(analyzer->parameters(), nullptr);
-    EXPECT_EQ(analyzer->results(), nullptr);
-
-    // Spent: nothing happens any more, and the next capture's log stays clean.
-    analyzer->resume();
-    analyzer->pauseFor(1);
-    analyzer->selectFrame();
-    analyzer->cancel();
-    EXPECT_THAT(send(), IsEmpty());
-    EXPECT_FALSE(analyzer->inProgress() || motion->isRunning());
-    EXPECT_THAT(loggedEvents(), IsEmpty());
+    for (const auto& row : rows) {
+        parameters->setMode(2);
+        parameters->setSelectOnSmile(false);
+        begin();
+        EXPECT_EQ(play(row.steps), row.told) << row.steps;
+    }
 }
 
-TEST_F(Lifecycle, TheHostMayLetGoOfTheAnalyzerWhenItIsCancelled) {
+TEST_F(Analyzer, EndsQuietlyWhenTheHostLetsGoOfIt) {
+    begin();
+    analyzer->analyzeSampleBuffer(blankFrame());
+    analyzer.reset();
+    settle();
+    EXPECT_FALSE(motion->isRunning());
+
+    begin();
     delegate->detectionCancelled = [&](const auto&) { analyzer.reset(); };
     analyzer->cancel();
     EXPECT_EQ(analyzer, nullptr);
     EXPECT_FALSE(motion->isRunning());
+    EXPECT_EQ(play(""), "");
+
+    begin();
+    const auto held = std::exchange(analyzer, nullptr);
+    held->setDelegate(std::make_shared<SelvioFacialCaptureAnalyzerDelegate>());  // one that the host does not keep
+    EXPECT_EQ(held->delegate(), nullptr);
 }
 
-TEST_F(Lifecycle, WhatIsQueuedAtStopEndsQuietly) {
-    show({ScreenFace{}, ScreenFace{}});
-    analyzer->analyzeSampleBuffer(frame());
-    analysisQueue->runAll();
-    ASSERT_EQ(mainQueue->size(), 1U);
-    analyzer->analyzeSampleBuffer(frame());
-    analyzer->stop();
-    EXPECT_THAT(settle(), IsEmpty());
-    EXPECT_THAT(analyzer->imagesArray(), IsEmpty());
-
-    make();
-    analyzer->analyzeSampleBuffer(frame());
-    analyzer.reset();  // the owner has gone
-    EXPECT_THAT(settle(), IsEmpty());
-}
-
-TEST_F(Intake, OneFrameIsHeldAndTheOthersAreDropped) {
+TEST_F(Analyzer, DropsWhatIsNoPicture) {
+    LogCapture log;
+    begin();
     analyzer->analyzeSampleBuffer(nullptr);
     EXPECT_FALSE(analyzer->inProgress());
-    analyzer->analyzeSampleBuffer(frame());
-    analyzer->analyzeSampleBuffer(frame());
-    EXPECT_TRUE(analyzer->inProgress());
-    EXPECT_EQ(analysisQueue->size(), 1U);
-    settle();
-    EXPECT_EQ(vision->count(), 1);
-    EXPECT_FALSE(analyzer->inProgress());
-}
-
-TEST_F(Intake, TheFrameIsReleasedBeforeItsResultIsJudged) {
-    vision->setRequestError(Error{"blurred"});
-    LogSink before = setLogSink([&](std::string_view message) {
-        calls.emplace_back(message);
-        EXPECT_FALSE(analyzer->inProgress());
-        analyzer->analyzeSampleBuffer(frame());  // accepted while this one's result is judged
-    });
-    analyzer->analyzeSampleBuffer(frame());
-    analysisQueue->runNext();
-    setLogSink(before);
-    // The handler's return must not release the frame that came in meanwhile.
-    EXPECT_TRUE(analyzer->inProgress());
-    vision->setRequestError(std::nullopt);
-    EXPECT_THAT(settle(), ElementsAre("Detect face request error: blurred", "results 1"));  // the newest
-}
-
-TEST_F(Intake, EveryWayOutReleasesTheFrame) {
-    LogCapture log;
-    const struct {
-        const char* name;
-        std::function<void()> arrange;
-        std::shared_ptr<SampleBuffer> frame;
-        std::vector<std::string> told;
-        std::size_t kept;
-    } rows[] = {
-        {"analysed", [] {}, frame(), {"results 1"}, 1},
-        {"no picture", [] {}, SampleBuffer::makeVideo(nullptr), {}, 0},
-        {"audio", [] {}, SampleBuffer::makeAudio({}, {}), {}, 0},
-        {"zero-sized",
-         [] {},
-         SampleBuffer::makeVideo(PixelBuffer::wrap({.width = 0, .height = 0}, {nullptr, nullptr}, {})),
-         {},
-         0},
-        {"paused", [this] { analyzer->pause(); }, frame(), {}, 1},
-        {"low level", [this] { make(11); }, frame(), {"manualOnly"}, 1},
-        {"stopped while queued", [this] { vision->setDuringRequest([this] { analyzer->stop(); }); }, frame(), {}, 0},
-        {"paused during the request",
-         [this] { vision->setDuringRequest([this] { analyzer->pause(); }); },
-         frame(),
-         {},
-         1},
-        {"handler error", [this] { vision->setHandlerError(Error{"no model"}); }, frame(), {}, 1},
-    };
-    for (const auto& row : rows) {
-        parameters->setMode(2);
-        make();
-        row.arrange();
-        analyzer->analyzeSampleBuffer(row.frame);
-        EXPECT_TRUE(analyzer->inProgress()) << row.name;
-        EXPECT_EQ(settle(), row.told) << row.name;
-        EXPECT_FALSE(analyzer->inProgress()) << row.name;
-        EXPECT_EQ(analyzer->imagesArray().size(), row.kept) << row.name;
-    }
-    EXPECT_THAT(log.take(), ElementsAre("RBGBuffereCopyWithPixelBuffer :: failed",
-                                        "SequenceRequestHandler couldn't perform requests: no model"));
-}
-
-TEST_F(Intake, NoFaceAndSeveralFacesAreSaidAndLogged) {
-    show({});
-    EXPECT_THAT(send(), ElementsAre("results 1"));
-    show({ScreenFace{}, ScreenFace{}, ScreenFace{}});
-    EXPECT_THAT(send(), ElementsAre("results 2"));
-    EXPECT_THAT(loggedEvents(), ElementsAre("FENF", "FEMF"));
-    EXPECT_EQ(vision->lastRevision(), 3);
-    EXPECT_EQ(vision->lastOrientation(), 5U);
-    make(12);
-    device->setOrientation(DeviceOrientation::LandscapeLeft);
-    send();
-    EXPECT_EQ(vision->lastOrientation(), 4U);
-    EXPECT_EQ(vision->lastRevision(), 2);
-}
-
-// Reads the time when an event is logged: what it sees then is what came before.
-struct WitnessClock final : Clock {
-    [[nodiscard]] double secondsSinceReferenceDate() const override {
-        if (witness) witness();
-        return 0;
-    }
-    [[nodiscard]] std::chrono::nanoseconds monotonicTime() const override { return {}; }
-    std::function<void()> witness;
-};
-
-TEST_F(Intake, StatusesAreStoredThenLoggedThenDelivered) {
-    show({});
-    const auto clock = std::make_shared<WitnessClock>();
-    SelvioFacialCaptureUxpEventManager::setSharedClock(clock);
-    (void)SelvioFacialCaptureUxpEventManager::sharedInstance();
-    clock->witness = [this] {
-        calls.push_back("logged with status " + std::to_string(analyzer->results()->highestPriorityStatus()));
-    };
-    EXPECT_THAT(send(), ElementsAre("logged with status 1", "results 1"));
-    SelvioFacialCaptureUxpEventManager::setSharedClock(nullptr);
-    SelvioFacialCaptureUxpEventManager::destroySharedInstance();
-}
-
-TEST_F(Intake, TheHistoryHoldsFourteenFramesUnlessOneWasSelected) {
-    parameters->setMode(1);
-    for (int i = 0; i < 14; ++i) send();
-    EXPECT_EQ(analyzer->imagesArray().size(), 14U);
-    const auto second = analyzer->imagesArray()[1];
-    send();
-    EXPECT_EQ(analyzer->imagesArray().size(), 14U);
-    EXPECT_EQ(analyzer->imagesArray().front().bitmap, second.bitmap);
-    analyzer->selectFrame();
-    send();  // the frame that triggers the selection is kept and trimmed as usual
-    for (int i = 0; i < 3; ++i) send();
-    EXPECT_EQ(analyzer->imagesArray().size(), 17U);
-    analyzer->resume();
-    send();
-    EXPECT_EQ(analyzer->imagesArray().size(), 14U);
-}
-
-TEST_F(Intake, TheResolutionIsTheFirstFramesThoughTheSizeChanges) {
-    for (const int width : {100, 170}) {
-        analyzer->analyzeSampleBuffer(frame(width, 270 - width));
+    for (const auto& frame :
+         {SampleBuffer::makeAudio({}, {}),
+          SampleBuffer::makeVideo(PixelBuffer::wrap({.width = 0, .height = 0}, {nullptr, nullptr}, {}))}) {
+        analyzer->analyzeSampleBuffer(frame);
+        EXPECT_TRUE(analyzer->inProgress());
         settle();
-        EXPECT_EQ(analyzer->resolution(), (Size{100, 170}));
-        EXPECT_EQ(vision->lastWidth(), width);
+        EXPECT_FALSE(analyzer->inProgress());
+        EXPECT_TRUE(analyzer->imagesArray().empty());
     }
+    EXPECT_THAT(log.take(), ::testing::ElementsAre("RBGBuffereCopyWithPixelBuffer :: failed"));
 }
 
-TEST_F(Intake, AStillImageTakesThePlaceOfTheScreen) {
+TEST_F(Analyzer, IsNotMadeWithoutParametersOrQueues) {
     LogCapture log;
-    analyzer->pause();
-    device->setOrientation(DeviceOrientation::LandscapeLeft);
-    for (int i = 0; i < 6; ++i) analyzer->analyzeImageAtPath("portrait.jpg");
-    EXPECT_EQ(vision->count(), 6);     // it runs although paused ...
-    EXPECT_THAT(settle(), IsEmpty());  // ... and its result is dropped
-    EXPECT_EQ(vision->lastOrientation(), 5U);
-    EXPECT_EQ(analyzer->imagesArray().size(), 5U);
-    EXPECT_EQ(analyzer->biggerScreenSide(), 400.0);
-    EXPECT_EQ(analyzer->resolution(), (Size{300, 400}));
+    const Platform complete = platform();
+    EXPECT_EQ(SelvioFacialCaptureAnalyzer::initWithParameters(nullptr, complete), nullptr);
+    for (const auto remove :
+         {+[](Platform& p) { p.mainQueue = nullptr; }, +[](Platform& p) { p.globalQueue = nullptr; },
+          +[](Platform& p) { p.makeSerialQueue = nullptr; },
+          +[](Platform& p) { p.makeSerialQueue = [](const auto&) { return nullptr; }; }}) {
+        Platform lacking = complete;
+        remove(lacking);
+        EXPECT_EQ(SelvioFacialCaptureAnalyzer::initWithParameters(parameters, lacking), nullptr);
+    }
+    EXPECT_EQ(log.take().size(), 5U);
+
+    // Without the other ports it only keeps frames.
+    Platform bare;
+    bare.mainQueue = mainQueue;
+    bare.globalQueue = globalQueue;
+    bare.makeSerialQueue = [this](const auto& label) { return analysisQueue = std::make_shared<ManualQueue>(label); };
+    analyzer = SelvioFacialCaptureAnalyzer::initWithParameters(parameters, bare);
     analyzer->resume();
-    analyzer->analyzeImageAtPath("portrait.jpg");
-    analyzer->analyzeImageAtPath("missing.jpg");
-    EXPECT_THAT(settle(), ElementsAre("results 1"));
-    EXPECT_THAT(log.take(), ElementsAre("missing.jpg: no such file"));
+    analyzer->analyzeImageAtPath("still.jpg");
+    analyzer->analyzeSampleBuffer(blankFrame());
+    settle();
+    EXPECT_EQ(analyzer->imagesArray().size(), 1U);
+    EXPECT_EQ(analyzer->exifOrientationForCurrentDeviceOrientation(), 5U);
+    analyzer->cancel();
+}
+
+TEST_F(Analyzer, ShowsWhatItWasMadeOf) {
+    begin();
+    EXPECT_EQ(motion->interval(), std::chrono::milliseconds(300));
+    EXPECT_EQ(analyzer->statusbarOrientation(), InterfaceOrientation::Portrait);
+    EXPECT_TRUE(analyzer->isDepthDetected());
+    EXPECT_EQ(analyzer->delegate(), delegate);
+    const auto record = analyzer->obixData();
+    analyzer->setObixData(nullptr);
+    EXPECT_EQ(analyzer->obixData(), record);
+    const auto other = SelvioFacialCaptureObixData::init(platform());
+    analyzer->setObixData(other);
+    EXPECT_EQ(analyzer->obixData(), other);
+    analyzer->setResolution({10, 20});
+    EXPECT_EQ(analyzer->biggerPreviewSide(), 20);
+    device->setOrientation(DeviceOrientation::LandscapeLeft);
+    EXPECT_EQ(analyzer->exifOrientationForCurrentDeviceOrientation(), 4U);
+    EXPECT_EQ(analyzer->exifOrientationForDeviceOrientation(DeviceOrientation::PortraitUpsideDown), 7U);
+    EXPECT_EQ(analyzer->cgOrientationFrom(ImageOrientation::Left), 8U);
 }
 
 }  // namespace

@@ -1,182 +1,97 @@
-#include "analyzer/AnalyzerFixture.h"
+// The rules, compared with an independent writing of them on random faces.
+#include <gtest/gtest.h>
+
+#include <SelvioFacialCapture/imaging/Image.h>
+#include <SelvioFacialCapture/rules/FaceChecks.h>
+
+#include <limits>
+#include <map>
+
+#include "analyzer/FaceReference.h"
 #include "analyzer/rules/DeviceOrientation.h"
-#include "analyzer/rules/GoodFrameGate.h"
-#include <SelvioFacialCapture/rules/PreviewGeometry.h>
 
 namespace selvio::rules {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::ElementsAreArray;
-using Status = SelvioFacialCaptureStatus;
+class Rules : public ::testing::Test {
+protected:
+    int below(int n) { return std::uniform_int_distribution(0, n - 1)(random_); }
+    bool oneIn(int n) { return below(n) == 0; }
+    template <typename T>
+    T any(std::initializer_list<T> values) {
+        return values.begin()[below(static_cast<int>(values.size()))];
+    }
+    std::mt19937 random_{1};
+};
 
-TEST(PreviewGeometry, TheAdjustersFollowTheRatiosAndKeepWhatTheyNeedNotChange) {
-    struct Row {
-        const char* name;
-        Size screen;
-        std::vector<Size> resolutions;
-        double w, h, x, y;
-    };
-    const double wide = 16.0 / 9 * 375 / 812;
-    const double wideX = (812 / (16.0 / 9) - 375) * 0.5;
-    const double squat = 1024 / (16.0 / 9 * 768);
-    const double squatY = (16.0 / 9 * 768 - 1024) * 0.5;
-    const std::vector<Row> rows = {
-        {"third decimal only", {1000, 1775.1}, {{1000, 1777.8}}, 1, 1, 0, 0},
-        {"tall screen, landscape sizes; the zero size keeps all",
-         {812, 375},
-         {{1920, 1080}, {0, 0}},
-         wide,
-         1,
-         wideX,
-         0},
-        {"squat screen", {768, 1024}, {{1080, 1920}}, 1, squat, 0, squatY},
-        {"the other branch keeps it",
-         {768, 1024},
-         {{1080, 1920}, {1000, 1100}},
-         1.1 * 768 / 1024,
-         squat,
-         (1024 / 1.1 - 768) * 0.5,
-         squatY},
-        {"no screen", {0, 0}, {{1080, 1920}}, 1, 1, 0, 0},
-    };
-    for (const Row& row : rows) {
-        PreviewGeometry geometry;
-        geometry.setScreen(row.screen);
-        for (const Size& size : row.resolutions) geometry.setResolution(size);
-        EXPECT_NEAR(geometry.wAdjuster, row.w, 1e-9) << row.name;
-        EXPECT_NEAR(geometry.hAdjuster, row.h, 1e-9) << row.name;
-        EXPECT_NEAR(geometry.xAdjuster, row.x, 1e-9) << row.name;
-        EXPECT_NEAR(geometry.yAdjuster, row.y, 1e-9) << row.name;
+/// Each number equal, or both not a number.
+void expectSame(const std::vector<double>& actual, const std::vector<double>& expected) {
+    for (std::size_t i = 0; i < expected.size(); ++i) {
+        if (std::isnan(actual[i]) && std::isnan(expected[i])) continue;
+        EXPECT_DOUBLE_EQ(actual[i], expected[i]) << "number " << i;
     }
 }
 
-TEST(PreviewGeometry, MapsTheDetectorsAxesOntoTheScreen) {
-    PreviewGeometry geometry;
-    geometry.setScreen({375, 812});
-    geometry.setResolution({1080, 1920});
-    const Rect rect = geometry.faceRect({.x = 0.25, .y = 0.5, .width = 0.5, .height = 0.25});
-    // The image is 456.75 points wide on this screen, 40.875 of them cropped at each side.
-    EXPECT_NEAR(rect.x, 0.5 * 456.75 - 40.875, 1e-9);
-    EXPECT_NEAR(rect.y, 0.25 * 812, 1e-9);
-    EXPECT_NEAR(rect.width, 0.25 * 456.75, 1e-9);
-    EXPECT_NEAR(rect.height, 0.5 * 812, 1e-9);
+TEST_F(Rules, EveryFaceIsMeasuredAndJudgedAsTheReferenceDoes) {
+    std::map<std::int64_t, int> seen;
+    for (int i = 0; i < 50000 && !HasFailure(); ++i) {
+        // Coordinates on a coarse grid, so that many a value stands at its limit exactly; now and then an odd one.
+        const bool odd = oneIn(10);
+        const auto grid = [&](int from, int to) {
+            if (odd && oneIn(6)) return any({0.0, -50.0, 1e300, 1e-300, std::numeric_limits<double>::infinity()});
+            return from + 10.0 * below((to - from) / 10 + 1);
+        };
+        const double small = odd && oneIn(5) ? 0 : 1000;
+        const double big = any<double>({1200, 1700, 1780, 1790, 2170});
+        const Point a{grid(80, 300), grid(600, 1000)}, b{grid(700, 920), any({a.y, a.y * 1.25, grid(600, 1000)})};
+        const Point nose{grid(450, 550), a.y + grid(100, 400)}, chin{500, a.y + any({500.0, grid(200, 700)})};
+        const double left = grid(10, 100), right = any({left, left * 1.8, grid(10, 100)});
+        const auto list = [&](std::size_t size, std::vector<std::pair<std::size_t, Point>> points) {
+            std::vector<Point> all(odd && oneIn(4) ? static_cast<std::size_t>(below(20)) : size, Point{333, 444});
+            for (const auto& [index, point] : points)
+                if (index < all.size()) all[index] = point;
+            return odd && oneIn(6) ? reference::Points() : reference::Points(all);
+        };
+        const auto contour = oneIn(2) ? list(17, {{16, a}, {0, b}, {8, chin}}) : list(11, {{0, a}, {10, b}, {5, chin}});
+        const auto noses = list(9, {{4, nose}, {2, {nose.x - left, 0}}, {6, {nose.x + right, 0}}});
+        const auto lips = oneIn(2) ? list(14, {{13, {1, 2}}, {7, {3, 4}}}) : list(10, {{9, {5, 6}}, {5, {7, 8}}});
+        const auto strictness = [&] { return oneIn(2) ? 500 : 100 * below(11); };
+        const reference::Strictness limits{strictness(), strictness(), strictness(), 400 + 10 * below(41),
+                                           500 + 10 * below(41)};
+        const bool moving = oneIn(5);
 
-    const Rect r{.x = 10, .y = 20, .width = 100, .height = 200};
-    EXPECT_EQ(pointInAdjustedRect({1, 0}, r), (Point{10, 220}));
-    EXPECT_EQ(pointInAdjustedRect({0, 1}, r), (Point{110, 20}));
-    EXPECT_EQ(landmarkInAdjustedRect(std::nullopt, r), std::nullopt);
-}
-
-FaceChecksInput inputOf(const FacePoints& points, bool holdStill = false, double height = 1700) {
-    return {.points = points,
-            .limits = {},
-            .biggerScreenSide = height,
-            .smallerScreenSide = 1000,
-            .shouldHoldStill = holdStill};
-}
-
-TEST(FaceChecks, EachRuleAloneAndTogether) {
-    struct Row {
-        const char* name;
-        ScreenFace face;
-        std::vector<int> statuses;
-        bool holdStill = false;
-        double height = 1700;
-    };
-    const std::vector<Row> rows = {
-        {"roll at its limit", {.left = {190, 720}, .right = {810, 900}}, {}},
-        {"roll beyond it", {.left = {190, 720}, .right = {810, 901}}, {3}},
-        {"roll the other way",
-         {.left = {190, 901}, .right = {810, 720}, .chin = {500, 1400}, .nose = {500, 1000}},
-         {3}},
-        {"yaw at its limit", {.noseLeft = 410, .noseRight = 550}, {}},
-        {"yaw beyond it", {.noseLeft = 409, .noseRight = 550}, {5}},
-        {"yaw the other way", {.noseLeft = 450, .noseRight = 591}, {5}},
-        {"pitch down to its limit", {.chin = {500, 1300}, .nose = {500, 800}}, {}},
-        {"pitch below it", {.chin = {500, 1300}, .nose = {500, 799}}, {4}},
-        {"pitch above it", {.nose = {500, 983}}, {4}},
-        {"fill at its lower limit", {.left = {225, 700}, .right = {775, 700}}, {}},
-        {"fill below it", {.left = {225.5, 700}, .right = {775, 700}}, {6}},
-        {"fill at its upper limit", {.left = {137.5, 700}, .right = {862.5, 700}}, {}},
-        {"fill above it", {.left = {137, 700}, .right = {863, 700}}, {7}},
-        {"too high on the screen", {.left = {190, 679}, .right = {810, 679}}, {8}},
-        {"at the vertical limit", {.left = {190, 680}, .right = {810, 680}}, {}},
-        {"too far left", {.left = {109, 700}, .right = {729, 700}}, {8}},
-        {"too far right", {.left = {271, 700}, .right = {891, 700}}, {8}},
-        {"at the margin", {.left = {110, 700}, .right = {730, 700}}, {}},
-        {"off centre both ways counts twice",
-         {.left = {109, 600}, .right = {729, 600}, .chin = {400, 1100}, .nose = {500, 800}},
-         {8, 8}},
-        {"sorted; a rolled head hides its yaw",
-         {.left = {300, 720}, .right = {700, 901}, .nose = {500, 995}, .noseLeft = 400},
-         {3, 4, 6, 9},
-         true},
-        {"tall screens use 1.218 of their width and no margin",
-         {.left = {120, 800}, .right = {800, 800}, .chin = {500, 1300}, .nose = {500, 1000}},
-         {},
-         false,
-         1790},
-        {"so that a narrower face is too small there",
-         {.left = {190, 800}, .right = {810, 800}, .chin = {500, 1300}, .nose = {500, 1000}},
-         {6},
-         false,
-         1790},
-    };
-    for (const Row& row : rows) {
-        for (const bool older : {false, true}) {
-            const FaceChecksResult result = checkFace(inputOf(row.face.points(older), row.holdStill, row.height));
-            EXPECT_THAT(result.statuses, ElementsAreArray(row.statuses))
-                << row.name << (older ? ", 11 points" : ", 17 points");
-            EXPECT_EQ(result.lipLeft, (Point{450, 1000}));
-            EXPECT_EQ(result.lipRight, (Point{550, 1000}));
-            EXPECT_EQ(result.noseMiddle, row.face.nose);
-        }
+        const auto expected = reference::judge(contour, noses, lips, limits, big, small, moving);
+        const auto actual =
+            checkFace({.points = {contour, noses, lips},
+                       .limits = {limits.roll, limits.pitch, limits.yaw, limits.minFill, limits.maxFill},
+                       .biggerScreenSide = big,
+                       .smallerScreenSide = small,
+                       .shouldHoldStill = moving});
+        SCOPED_TRACE(::testing::Message() << "face " << i << (odd ? ", odd" : ""));
+        EXPECT_EQ(std::vector<std::int64_t>(actual.statuses.begin(), actual.statuses.end()), expected.statuses);
+        EXPECT_EQ(actual.noseMiddle, expected.noseMiddle);
+        EXPECT_EQ(actual.lipLeft, expected.lipLeft);
+        EXPECT_EQ(actual.lipRight, expected.lipRight);
+        const FaceMeasures& m = actual.measures;
+        expectSame(
+            {m.rollRatio, m.rollLimit, m.yawRatio, m.yawLimit, m.pitchRatio, m.pitchLow, m.pitchHigh, m.horizontalFill,
+             m.minFill, m.maxFill, m.verticalRatio, m.verticalLimit, m.horizontalMargin, m.marginLimit},
+            {expected.roll, expected.rollLimit, expected.yaw, expected.yawLimit, expected.pitch, expected.pitchLow,
+             expected.pitchHigh, expected.fill, static_cast<double>(limits.minFill) / 1000,
+             static_cast<double>(limits.maxFill) / 1000, expected.vertical, 1.5, expected.margin,
+             expected.marginLimit});
+        for (const std::int64_t status : expected.statuses) ++seen[status];
+        if (expected.statuses.empty()) ++seen[0];
     }
+    for (const std::int64_t status : {0, 3, 4, 5, 6, 7, 8, 9}) EXPECT_GT(seen[status], 500) << status;
 }
 
-TEST(FaceChecks, StrictnessMovesTheLimits) {
-    FaceChecksInput input = inputOf(ScreenFace{}.points());
-    input.limits = {.roll = 600, .pitch = 600, .yaw = 600};
-    const FaceMeasures strict = checkFace(input).measures;
-    EXPECT_NEAR(strict.rollLimit, 1.2, 1e-12);
-    EXPECT_NEAR(strict.yawLimit, 1.7, 1e-12);
-    EXPECT_NEAR(strict.pitchLow, 1.24, 1e-12);
-    EXPECT_NEAR(strict.pitchHigh, 2.24, 1e-12);
-}
-
-TEST(FaceChecks, MissingPointsReadAsZeroAndOddNumbersBreakNothing) {
-    FaceChecksInput input = inputOf(ScreenFace{}.points());
-    input.points = {};
-    EXPECT_THAT(checkFace(input).statuses,
-                ElementsAre(6, 8, 8));  // 0/0 for roll and pitch: no status; no fill; no room above
-    const std::vector<Point> shortList(3, Point{300, 300});
-    input.points = {.contour = shortList, .nose = shortList, .outerLips = shortList};
-    EXPECT_THAT(checkFace(input).statuses, ElementsAre(3, 4, 6, 8));
-
-    ScreenFace flat;  // the nose sides and the middle coincide on one side: an infinite ratio
-    flat.noseRight = 500;
-    EXPECT_THAT(checkFace(inputOf(flat.points())).statuses, ElementsAre(SelvioFacialCaptureStatusFaceYaw));
-    flat.noseLeft = 500;  // on both sides: not a number
-    EXPECT_THAT(checkFace(inputOf(flat.points())).statuses, ElementsAre());
-}
-
-TEST(GoodFrameGate, AnyFlagKeepsAFrameOut) {
-    for (const GateFlags flags :
-         {GateFlags{.selectionInProgress = true}, {.shouldSkipFrames = true}, {.smileDetectionInProgress = true}}) {
-        EXPECT_EQ(decideGoodFrame({.flags = flags, .selectOnSmile = true}), GoodFrameDecision::Drop);
-    }
-}
-
-TEST(Orientations, DeviceAndImageTables) {
-    const std::vector<std::uint32_t> device = {5, 5, 7, 4, 2, 5, 5, 5};
-    for (std::size_t i = 0; i < device.size(); ++i)
-        EXPECT_EQ(exifOrientationFor(static_cast<DeviceOrientation>(i)), device[i]) << i;
-    EXPECT_EQ(exifOrientationFor(static_cast<DeviceOrientation>(-1)), 5U);
-    const std::vector<std::uint32_t> image = {1, 3, 8, 6, 2, 4, 5, 7, 1};
-    for (std::size_t i = 0; i < image.size(); ++i)
-        EXPECT_EQ(selvio::exifOrientationFor(static_cast<ImageOrientation>(i)), image[i]) << i;
-    EXPECT_EQ(selvio::exifOrientationFor(static_cast<ImageOrientation>(-1)), 1U);
+TEST_F(Rules, DeviceAndImageOrientationsFollowTheirTables) {
+    const std::uint32_t device[] = {5, 5, 5, 7, 4, 2, 5, 5, 5};  // from -1
+    for (int i = 0; i < 9; ++i) EXPECT_EQ(exifOrientationFor(static_cast<DeviceOrientation>(i - 1)), device[i]) << i;
+    const std::uint32_t image[] = {1, 1, 3, 8, 6, 2, 4, 5, 7, 1};  // from -1
+    for (int i = 0; i < 10; ++i)
+        EXPECT_EQ(selvio::exifOrientationFor(static_cast<ImageOrientation>(i - 1)), image[i]) << i;
 }
 
 }  // namespace

@@ -3,11 +3,15 @@
 
 #include <SelvioFacialCapture/platform/ImageCodec.h>
 
+#include <functional>
+#include <utility>
+
 namespace selvio {
 
 class FakeImageCodec final : public ImageCodec {
 public:
     [[nodiscard]] std::optional<Bytes> encodeJpeg(const Image& image, double quality) const override {
+        if (duringEncoding_) duringEncoding_(image);
         if (!image.bitmap || failsAt_ == 1) return std::nullopt;
         return bytes("encoded at " + std::to_string(quality));
     }
@@ -30,6 +34,8 @@ public:
 
     /// 1 encoding, 2 opening, 3 encoding anew fails.
     void setFailsAt(int step) { failsAt_ = step; }
+    /// Called first in every encoding, with the picture; may throw.
+    void setDuringEncoding(std::function<void(const Image&)> hook) { duringEncoding_ = std::move(hook); }
     void setCommentLimit(std::size_t bytes) { commentLimit_ = bytes; }
 
 private:
@@ -40,6 +46,7 @@ private:
     static Bytes bytes(const std::string& text) { return {text.begin(), text.end()}; }
 
     int failsAt_ = 0;
+    std::function<void(const Image&)> duringEncoding_;
     std::size_t commentLimit_ = 65000;
 };
 
