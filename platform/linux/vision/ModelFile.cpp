@@ -1,14 +1,12 @@
 #include "ModelFile.h"
 
 #include <algorithm>
-#include <array>
-#include <cerrno>
+#include <bit>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <limits>
 #include <stdexcept>
 #include <utility>
 
@@ -100,13 +98,12 @@ private:
 };
 
 float halfToFloat(std::uint16_t half) {
-    const int exponent = half >> 10U & 31U;
-    const int fraction = half & 1023U;
-    const float magnitude = exponent == 0    ? std::ldexp(static_cast<float>(fraction), -24)
-                            : exponent == 31 ? std::numeric_limits<float>::infinity()
-                                             : std::ldexp(static_cast<float>(1024 + fraction), exponent - 25);
-    return (half & 0x8000U) != 0 ? -magnitude : magnitude;
+    // The exponent of an infinity is not special in the wider format: it becomes a number that no finite half reaches.
+    const std::uint32_t sign = (half & 0x8000U) << 16U;
+    const float magnitude = std::bit_cast<float>((half & 0x7FFFU) << 13U) * 0x1p112F;
+    return std::bit_cast<float>(std::bit_cast<std::uint32_t>(magnitude) | sign);
 }
+constexpr float kLargestHalf = 65504.0F;
 
 std::string nameOf(int op) {
     switch (static_cast<ModelOperator>(op)) {
@@ -134,10 +131,19 @@ std::string nameOf(int op) {
     return "";
 }
 
-/// Size of what a kernel leaves of a side.
-int sideAfter(int side, int kernel, int stride, bool samePadding) {
-    return samePadding ? (side + stride - 1) / stride : (side - kernel) / stride + 1;
-}
+/// How a kernel moves along a side: where it can stand, and how many zeros lie before and behind the side.
+struct Walk {
+    int places = 0;
+    int before = 0;
+    int behind = 0;
+
+    static Walk along(int side, int kernel, int stride, bool samePadding) {
+        if (!samePadding) return {(side - kernel) / stride + 1, 0, 0};
+        const int places = (side + stride - 1) / stride;
+        const int zeros = std::max(0, (places - 1) * stride + kernel - side);
+        return {places, zeros / 2, zeros - zeros / 2};
+    }
+};
 
 class Parser {
 public:
@@ -219,6 +225,9 @@ private:
             copyTo(halves, elements);
             tensor.values.resize(elements);
             std::transform(halves.begin(), halves.end(), tensor.values.begin(), halfToFloat);
+            require(std::none_of(tensor.values.begin(), tensor.values.end(),
+                                 [](float v) { return std::abs(v) > kLargestHalf; }),
+                    "a constant is not a finite number");
         } else if (type == 2) {
             copyTo(tensor.integers, elements);
         } else {
@@ -252,7 +261,7 @@ private:
         };
         const auto padding = [&] {
             require(byte(0) == 0 || byte(0) == 1, "a padding is not supported");
-            step.samePadding = byte(0) == 0;
+            samePadding_ = byte(0) == 0;
             step.strideX = number(1, 0);
             step.strideY = number(2, 0);
         };
@@ -399,12 +408,19 @@ private:
         return expected == result && join(step, step.inputs);
     }
 
-    static bool applyKernel(const ModelStep& step, int width, int height, std::vector<int>& shape) {
+    /// Makes the step's borders, and of the input's shape the output's.
+    bool applyKernel(ModelStep& step, int width, int height, std::vector<int>& shape) const {
         const auto usable = [](int value) { return value >= 1 && value <= 64; };
         if (!usable(width) || !usable(height) || !usable(step.strideX) || !usable(step.strideY)) return false;
-        if (!step.samePadding && (shape[1] < height || shape[2] < width)) return false;
-        shape[1] = sideAfter(shape[1], height, step.strideY, step.samePadding);
-        shape[2] = sideAfter(shape[2], width, step.strideX, step.samePadding);
+        if (!samePadding_ && (shape[1] < height || shape[2] < width)) return false;
+        const Walk down = Walk::along(shape[1], height, step.strideY, samePadding_);
+        const Walk across = Walk::along(shape[2], width, step.strideX, samePadding_);
+        step.top = down.before;
+        step.bottom = down.behind;
+        step.left = across.before;
+        step.right = across.behind;
+        shape[1] = down.places;
+        shape[2] = across.places;
         return true;
     }
 
@@ -424,7 +440,9 @@ private:
     Model model_;
     std::vector<State> states_;            // of the tensors
     std::vector<std::vector<int>> joins_;  // what joined tensors consist of
-    std::size_t concatenationAxis_ = 0;    // of the step that is being read
+    // Options of the step that is being read.
+    std::size_t concatenationAxis_ = 0;
+    bool samePadding_ = false;
 };
 
 }  // namespace

@@ -37,11 +37,15 @@ struct ModelStep {
     ModelOperator op = ModelOperator::Add;
     std::vector<int> inputs;
     int output = 0;
-    bool samePadding = false;  ///< as much border as keeps the size (divided by the stride); otherwise none
     int strideX = 1;
     int strideY = 1;
     int kernelWidth = 1;  ///< of max pooling; convolutions take theirs from the weights' shape
     int kernelHeight = 1;
+    // Zeros around the input, in rows and columns. Pooling does not look at them.
+    int top = 0;
+    int bottom = 0;
+    int left = 0;
+    int right = 0;
     bool relu = false;  ///< negative results become 0
 };
 

@@ -71,28 +71,32 @@ private:
     void add(const ModelStep& step) {
         constexpr float kMost = std::numeric_limits<float>::infinity();
         const float least = step.relu ? 0.0F : -kMost;
-        const std::uint32_t padding = step.samePadding ? XNN_FLAG_TENSORFLOW_SAME_PADDING : 0;
         const auto unsigned_ = [](int value) { return static_cast<std::uint32_t>(value); };
         const auto strideX = unsigned_(step.strideX);
         const auto strideY = unsigned_(step.strideY);
+        const auto top = unsigned_(step.top);
+        const auto right = unsigned_(step.right);
+        const auto bottom = unsigned_(step.bottom);
+        const auto left = unsigned_(step.left);
         xnn_subgraph_t const graph = subgraph_.get();
         const auto in = [&](std::size_t i) { return id(step.inputs[i]); };
         const std::uint32_t out = id(step.output);
         switch (step.op) {
             case ModelOperator::Convolution: {
                 const auto& weights = tensor(step.inputs[1]).shape;
-                require(xnn_define_convolution_2d(graph, 0, 0, 0, 0, unsigned_(weights[1]), unsigned_(weights[2]),
-                                                  strideY, strideX, 1, 1, 1, static_cast<std::size_t>(weights[3]),
-                                                  static_cast<std::size_t>(weights[0]), least, kMost, in(0), in(1),
-                                                  in(2), out, padding),
+                require(xnn_define_convolution_2d(
+                            graph, top, right, bottom, left, unsigned_(weights[1]), unsigned_(weights[2]), strideY,
+                            strideX, 1, 1, 1, static_cast<std::size_t>(weights[3]),
+                            static_cast<std::size_t>(weights[0]), least, kMost, in(0), in(1), in(2), out, 0),
                         "add a convolution");
                 break;
             }
             case ModelOperator::DepthwiseConvolution: {
                 const auto& weights = tensor(step.inputs[1]).shape;
-                require(xnn_define_depthwise_convolution_2d(
-                            graph, 0, 0, 0, 0, unsigned_(weights[1]), unsigned_(weights[2]), strideY, strideX, 1, 1, 1,
-                            static_cast<std::size_t>(weights[3]), least, kMost, in(0), in(1), in(2), out, padding),
+                require(xnn_define_depthwise_convolution_2d(graph, top, right, bottom, left, unsigned_(weights[1]),
+                                                            unsigned_(weights[2]), strideY, strideX, 1, 1, 1,
+                                                            static_cast<std::size_t>(weights[3]), least, kMost, in(0),
+                                                            in(1), in(2), out, 0),
                         "add a depthwise convolution");
                 break;
             }
@@ -106,9 +110,9 @@ private:
                 require(xnn_define_prelu(graph, in(0), in(1), out, 0), "add a prelu");
                 break;
             case ModelOperator::MaxPool:
-                require(xnn_define_max_pooling_2d(graph, 0, 0, 0, 0, unsigned_(step.kernelHeight),
+                require(xnn_define_max_pooling_2d(graph, top, right, bottom, left, unsigned_(step.kernelHeight),
                                                   unsigned_(step.kernelWidth), strideY, strideX, 1, 1, least, kMost,
-                                                  in(0), out, padding),
+                                                  in(0), out, 0),
                         "add a pooling");
                 break;
             case ModelOperator::Pad: {

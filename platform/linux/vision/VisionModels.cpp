@@ -15,14 +15,21 @@ namespace selvio {
 namespace {
 
 template <typename Part>
-Expected<std::shared_ptr<const Part>> loadPart(const std::string& path) try {
-    auto model = readModel(path);
-    if (!model) return Error{model.error().localizedDescription + "; scripts/install-deps.sh installs the face models"};
-    auto part = Part::make(std::move(model.value()));
-    if (!part) return Error{path + " cannot be used: " + part.error().localizedDescription};
-    return part;
-} catch (const std::exception& exception) {
-    return Error{path + " could not be loaded: " + exception.what()};
+Expected<std::shared_ptr<const Part>> loadPart(const std::string& path) {
+    std::string reason;
+    try {
+        auto model = readModel(path);
+        if (model) {
+            auto part = Part::make(std::move(model.value()));
+            if (part) return part;
+            reason = path + " cannot be used: " + part.error().localizedDescription;
+        } else {
+            reason = model.error().localizedDescription;
+        }
+    } catch (const std::exception& exception) {
+        reason = path + " cannot be loaded: " + exception.what();
+    }
+    return Error{reason + "; scripts/install-deps.sh installs the face models"};
 }
 
 LoadedModels loadModels(const std::string& detectionPath, const std::string& meshPath) {
