@@ -9,6 +9,9 @@ namespace {
 
 constexpr int kSide = 128;               // of the network's input, pixels
 constexpr std::size_t kBoxNumbers = 16;  // middle, size and six points, x and y each
+constexpr double kLeastScore = 0.5;
+// The mean of what overlaps the surest answer is steadier when it does not jump with answers around the least score.
+constexpr double kLeastScoreInMean = 0.2;
 constexpr double kSameFaceOverlap = 0.3;
 constexpr float kBlack = -1.0F;
 
@@ -68,8 +71,7 @@ Expected<std::shared_ptr<const FaceDetection>> FaceDetection::make(Model model) 
     return detection;
 }
 
-std::vector<FaceCandidate> FaceDetection::find(PictureSampler& picture, const ViewSquare& square,
-                                               double leastScore) const {
+std::vector<FaceCandidate> FaceDetection::find(PictureSampler& picture, const ViewSquare& square) const {
     std::vector<FaceCandidate> all;
     {
         auto run = network_->borrow();
@@ -77,7 +79,7 @@ std::vector<FaceCandidate> FaceDetection::find(PictureSampler& picture, const Vi
         run.run();
         const auto boxes = run.output(0);
         const auto scores = run.output(1);
-        const double leastLogit = std::log(leastScore / (1.0 - leastScore));
+        const double leastLogit = std::log(kLeastScoreInMean / (1.0 - kLeastScoreInMean));
         for (std::size_t i = 0; i < anchors_.size(); ++i) {
             if (!(scores[i] >= leastLogit)) continue;
             const auto numbers = boxes.subspan(i * kBoxNumbers, kBoxNumbers);
@@ -97,7 +99,7 @@ std::vector<FaceCandidate> FaceDetection::find(PictureSampler& picture, const Vi
     }
     std::sort(all.begin(), all.end(), [](const auto& a, const auto& b) { return a.score > b.score; });
     std::vector<FaceCandidate> faces;
-    while (!all.empty()) {
+    while (!all.empty() && all.front().score >= kLeastScore) {
         const Rect best = all.front().box;
         std::vector<FaceCandidate> same{all.front()};
         all.erase(all.begin());

@@ -22,16 +22,12 @@ struct FaceCandidate {
 /// Any thread.
 class FaceDetection {
 public:
-    /// The candidates' own least score: below, most are none.
-    static constexpr double kLeastScore = 0.5;
-
     /// The error says in what the model differs from the one that is wanted.
     static Expected<std::shared_ptr<const FaceDetection>> make(Model model);
 
     /// Faces whose box is 15 to 90 % of the square as wide, the surest first, one candidate a face. The square stands
     /// upright. Throws std::runtime_error when memory is short.
-    [[nodiscard]] std::vector<FaceCandidate> find(PictureSampler& picture, const ViewSquare& square,
-                                                  double leastScore = kLeastScore) const;
+    [[nodiscard]] std::vector<FaceCandidate> find(PictureSampler& picture, const ViewSquare& square) const;
 
 private:
     explicit FaceDetection(std::shared_ptr<const Network> network);

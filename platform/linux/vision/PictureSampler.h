@@ -41,7 +41,7 @@ public:
 
     [[nodiscard]] Size viewSize() const { return viewSize_; }
     /// Averages as many pixels as fall on one of the target's, as far as powers of two do, and interpolates between
-    /// them.
+    /// them. What is very dark comes out brighter.
     void read(const ViewSquare& square, const SamplerTarget& target);
 
 private:

@@ -7,10 +7,6 @@
 namespace selvio {
 namespace {
 
-// How sure the detection must be of a face that only a square shows: it sees more of the background than the glance,
-// and a second face that is none would keep a good picture from being taken.
-constexpr double kLeastScoreInSquares = 0.6;
-
 // Sides of the squares in which single pictures are searched for small faces, in shares of the picture's width. A face
 // is found from 15 % of a square's side on, so these lead down to 6 % of the width.
 constexpr std::array<double, 2> kPictureSquares{0.62, 0.36};
@@ -77,7 +73,7 @@ void VisionEngine::searchSquares(double side, std::vector<FaceCandidate>& known)
     for (int row = 0; row < rows; ++row) {
         for (int column = 0; column < columns; ++column) {
             const Point centre{middle(size.width, column, columns), middle(size.height, row, rows)};
-            for (const auto& face : models_->detection->find(picture_, {centre, side}, kLeastScoreInSquares)) {
+            for (const auto& face : models_->detection->find(picture_, {centre, side})) {
                 // What the square cuts off lies whole in its neighbour.
                 const Rect& box = face.box;
                 const bool cut = (column > 0 && box.x < centre.x - side / 2.0) ||
