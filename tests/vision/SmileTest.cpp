@@ -7,6 +7,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cmath>
+
 namespace selvio::test {
 namespace {
 
@@ -64,6 +67,12 @@ TEST(FaceDetector, ShowsPicturesAsTheirOrientationSays) {
         EXPECT_EQ(viewForImageOrientation(orientation).toView(Point{}), corner);
 }
 
+std::shared_ptr<FaceDetector> detectorWithoutModels() {
+    VisionOptions options;
+    options.detectionModelPath = "/nonexistent";
+    return makeFaceDetector(options);
+}
+
 TEST(FaceDetector, FindsTheSmilingFaceOfThePortrait) {
     const auto detector = makeFaceDetector();
     // The portrait turned on its side must be judged as it is shown.
@@ -80,9 +89,34 @@ TEST(FaceDetector, FindsTheSmilingFaceOfThePortrait) {
     }
     EXPECT_FALSE(detector->featuresInImage({.bitmap = toBgra(upright)}, false).at(0).hasSmile);
     EXPECT_TRUE(detector->featuresInImage({}, true).empty());
-    EXPECT_TRUE(makeFaceDetector({.landmarkModelPath = "/nonexistent", .clock = nullptr})
-                    ->featuresInImage({.bitmap = toBgra(upright)}, true)
-                    .empty());
+    EXPECT_TRUE(detectorWithoutModels()->featuresInImage({.bitmap = toBgra(upright)}, true).empty());
+}
+
+TEST(FaceDetector, FindsEveryFaceOfAPictureOnce) {
+    const std::vector<Person> people{{.x = 0.2, .y = 0.3, .jaw = 0.06},
+                                     {.x = 0.45, .y = 0.4, .jaw = 0.09},
+                                     {.x = 0.75, .y = 0.5, .jaw = 0.14, .roll = -20},
+                                     {.x = 0.2, .y = 0.7, .jaw = 0.22, .roll = 30}};
+    const int width = 1200;
+    const int height = 900;
+    for (const auto& buffer : {toBgra(frameOf(width, height, people)), to420v(frameOf(width, height, people))}) {
+        const auto faces = makeFaceDetector()->featuresInImage({.bitmap = buffer}, false);
+        EXPECT_EQ(faces.size(), people.size());
+        for (const Person& person : people) {
+            // The box reaches from the brows to the chin, half a jaw's width below the upper ends of the jaw line.
+            const double angle = person.roll * std::acos(-1.0) / 180;
+            const double x = person.x * width - std::sin(angle) * 0.3 * person.jaw * width;
+            const double y = person.y * height + std::cos(angle) * 0.3 * person.jaw * width;
+            EXPECT_EQ(std::count_if(faces.begin(), faces.end(),
+                                    [&](const FaceFeature& face) {
+                                        return std::hypot(face.bounds.x + face.bounds.width / 2 - x,
+                                                          face.bounds.y + face.bounds.height / 2 - y) <
+                                               0.25 * person.jaw * width;
+                                    }),
+                      1)
+                << person.jaw;
+        }
+    }
 }
 
 TEST(FaceDetector, ReusesTheFrameThatWasJustExamined) {
@@ -90,7 +124,7 @@ TEST(FaceDetector, ReusesTheFrameThatWasJustExamined) {
     const auto request = std::make_shared<FaceLandmarksRequest>(nullptr);
     ASSERT_FALSE(makeSequenceRequestHandler()->performRequests({request}, buffer, 5));
     // Without a model it can only know the face from there; the view was mirrored, the picture is not.
-    const auto detector = makeFaceDetector({.landmarkModelPath = "/nonexistent", .clock = nullptr});
+    const auto detector = detectorWithoutModels();
     const auto faces = detector->featuresInImage({.bitmap = buffer}, true);
     ASSERT_EQ(faces.size(), 1U);
     EXPECT_TRUE(faces[0].hasSmile);

@@ -2,22 +2,18 @@
 
 #include "support/Pixels.h"
 
+#include <SelvioFacialCapture/imaging/Geometry.h>
 #include <SelvioFacialCapture/linux/Codec.h>
 
 #include <algorithm>
 #include <array>
 #include <cmath>
 #include <random>
+#include <stdexcept>
+#include <utility>
 
 namespace selvio::test {
 namespace {
-
-// The face in the portrait, in its pixels and degrees: the middle between the upper ends of the jaw line, their
-// distance, and the tilt of the head.
-constexpr double kFaceX = 125.1;
-constexpr double kFaceY = 107.1;
-constexpr double kFaceJaw = 92.8;
-constexpr double kFaceRoll = 1.9;
 
 std::uint8_t toByte(double value) {
     return static_cast<std::uint8_t>(std::clamp(std::lround(value), 0L, 255L));
@@ -47,45 +43,69 @@ std::shared_ptr<PixelBuffer> toFourBytes(const Picture& picture, PixelFormat for
     });
 }
 
-/// The sample portrait, read once.
-const Picture& portrait() {
-    static const Picture picture = [] {
-        const auto pixels = JpegPngImageLoader().loadImage(SELVIO_TEST_PORTRAIT).value();
-        Picture rgb{pixels->width(), pixels->height(), {}};
-        for (int y = 0; y < rgb.height; ++y) {
-            const std::uint8_t* p = sampleAt(*pixels, 0, y);
-            for (int x = 0; x < rgb.width; ++x, p += 4) rgb.rgb.insert(rgb.rgb.end(), {p[2], p[1], p[0]});
-        }
-        return rgb;
-    }();
-    return picture;
+/// Where a pixel of the frame lies in the photograph.
+Point inPortrait(const Portrait& portrait, const Person& person, int frameWidth, int frameHeight, int x, int y) {
+    const double scale = portrait.jaw / (person.jaw * frameWidth);
+    const double angle = (person.roll - portrait.roll) * std::acos(-1.0) / 180.0;
+    const double dx = (x + 0.5 - person.x * frameWidth) * scale;
+    const double dy = (y + 0.5 - person.y * frameHeight) * scale;
+    return {portrait.x + dx * std::cos(angle) + dy * std::sin(angle),
+            portrait.y - dx * std::sin(angle) + dy * std::cos(angle)};
+}
+
+void setPixel(Picture& picture, int x, int y, const std::array<double, 3>& colour) {
+    std::transform(colour.begin(), colour.end(), &picture.rgb[picture.indexOf(x, y)], toByte);
 }
 
 }  // namespace
 
-Picture frameOf(int width, int height, const std::vector<Person>& people) {
-    const Picture& source = portrait();
+Picture loadPicture(const std::string& path) {
+    const auto loaded = JpegPngImageLoader().loadImage(path);
+    if (!loaded) throw std::runtime_error(loaded.error().localizedDescription);
+    const PixelBuffer& pixels = *loaded.value();
+    Picture picture{pixels.width(), pixels.height(), {}};
+    for (int y = 0; y < picture.height; ++y) {
+        const std::uint8_t* p = sampleAt(pixels, 0, y);
+        for (int x = 0; x < picture.width; ++x, p += 4) picture.rgb.insert(picture.rgb.end(), {p[2], p[1], p[0]});
+    }
+    return picture;
+}
+
+const Portrait& samplePortrait() {
+    static const Portrait portrait{
+        .picture = loadPicture(SELVIO_TEST_PORTRAIT), .x = 125.1, .y = 107.1, .jaw = 92.8, .roll = 1.9};
+    return portrait;
+}
+
+Picture frameOf(int width, int height, const std::vector<Person>& people, const Portrait& portrait) {
     Picture frame{width, height,
                   std::vector<std::uint8_t>(static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 3)};
     for (int y = 0; y < height; ++y) {
         for (int x = 0; x < width; ++x) {
             std::array<double, 3> colour{90.0 + 60.0 * x / width, 110.0 + 50.0 * y / height, 130.0};
-            for (const Person& person : people) {
-                const double scale = kFaceJaw / (person.jaw * width);
-                const double angle = (person.roll - kFaceRoll) * std::acos(-1.0) / 180.0;
-                const double dx = (x + 0.5 - person.x * width) * scale;
-                const double dy = (y + 0.5 - person.y * height) * scale;
-                const double sx = kFaceX + dx * std::cos(angle) + dy * std::sin(angle);
-                const double sy = kFaceY - dx * std::sin(angle) + dy * std::cos(angle);
-                // A single person fills the frame with the portrait, several have an oval of it each.
-                const bool covers = people.size() == 1 || std::hypot((sx - kFaceX) / 95.0, (sy - kFaceY) / 115.0) < 1.0;
-                if (covers) colour = sample(source, sx - 0.5, sy - 0.5);
+            if (people.size() == 1) {
+                const Point p = inPortrait(portrait, people[0], width, height, x, y);
+                colour = sample(portrait.picture, p.x - 0.5, p.y - 0.5);
             }
-            std::uint8_t* const to = &frame.rgb[frame.indexOf(x, y)];
-            for (std::size_t c = 0; c < 3; ++c) to[c] = toByte(colour[c]);
+            setPixel(frame, x, y, colour);
         }
     }
-    return frame;
+    return people.size() > 1 ? withPeople(std::move(frame), people, portrait) : frame;
+}
+
+Picture withPeople(Picture background, const std::vector<Person>& people, const Portrait& portrait) {
+    for (int y = 0; y < background.height; ++y) {
+        for (int x = 0; x < background.width; ++x) {
+            for (const Person& person : people) {
+                const Point p = inPortrait(portrait, person, background.width, background.height, x, y);
+                const double right = (p.x - portrait.x) / (1.02 * portrait.jaw);
+                const double down = (p.y - portrait.y) / (1.24 * portrait.jaw);
+                if (std::hypot(right, down) < 1.0)
+                    setPixel(background, x, y, sample(portrait.picture, p.x - 0.5, p.y - 0.5));
+            }
+        }
+    }
+    return background;
 }
 
 Picture withNoise(Picture picture, double deviation, unsigned seed) {

@@ -43,8 +43,26 @@ struct Person {
     double roll = 0.0;  ///< degrees, clockwise on the screen
 };
 
-/// An upright frame with these people, later ones in front, over a smooth background.
-Picture frameOf(int width, int height, const std::vector<Person>& people);
+/// A photograph of one face, and where the face is: pixels and degrees of the photograph.
+struct Portrait {
+    Picture picture;
+    double x = 0.0;     ///< middle between the upper ends of the jaw line
+    double y = 0.0;     ///< the same
+    double jaw = 0.0;   ///< their distance
+    double roll = 0.0;  ///< clockwise
+};
+
+/// The repository's own, read once.
+const Portrait& samplePortrait();
+
+/// A picture file, JPEG or PNG. Throws std::runtime_error if it cannot be read.
+Picture loadPicture(const std::string& path);
+
+/// An upright frame with these people, later ones in front, over a smooth background. A single person's photograph
+/// fills the frame, several have an oval of it each.
+Picture frameOf(int width, int height, const std::vector<Person>& people, const Portrait& portrait = samplePortrait());
+/// Ovals of the people's faces on a given background.
+Picture withPeople(Picture background, const std::vector<Person>& people, const Portrait& portrait = samplePortrait());
 
 /// Adds Gaussian noise of this standard deviation, the same for the same seed.
 Picture withNoise(Picture picture, double deviation, unsigned seed);

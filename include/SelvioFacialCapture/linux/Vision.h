@@ -1,8 +1,7 @@
-// Faces, landmarks and smiles by gradient histograms and a 68-point shape predictor.
+// Faces, landmarks and smiles by two neural networks: one finds faces, the other the mesh of 468 points on each.
 //
-// The predictor's model file is not part of this component: Debian's package libdlib-data installs it. The photographs
-// it was trained on exclude commercial use; a host that needs another model or another detector brings its own adapters
-// for the two ports.
+// The model files are not part of this component: scripts/install-deps.sh brings them. A host that needs other models
+// or another detector brings its own adapters for the two ports.
 #pragma once
 
 #include <SelvioFacialCapture/base/Clock.h>
@@ -16,12 +15,18 @@
 
 namespace selvio {
 
-/// Where Debian's package libdlib-data puts the model.
-inline constexpr const char* kDefaultLandmarkModelPath = "/usr/share/dlib/shape_predictor_68_face_landmarks.dat";
+/// Where a model file lies that was installed with the adapters' library: in share/SelvioFacialCapture/models beside or
+/// above the library's directory. Any thread.
+[[nodiscard]] std::string defaultVisionModelPath(const std::string& fileName);
 
 struct VisionOptions {
-    /// The 68-point predictor in dlib's format.
-    std::string landmarkModelPath = kDefaultLandmarkModelPath;
+    /// Finds faces: a .tflite network of 128 x 128 pixels and 896 answers.
+    std::string detectionModelPath = defaultVisionModelPath("face_detection_short_range.tflite");
+    /// Finds the points of a face: a .tflite network of 192 x 192 pixels and 468 points.
+    std::string meshModelPath = defaultVisionModelPath("face_landmark.tflite");
+    /// Looks at each face a second time, in the square that the first look gives: stiller points for half as much time
+    /// again.
+    bool refineLandmarks = false;
     /// Tells when the next search for small faces in the background is due; null means the system's clock.
     std::shared_ptr<const Clock> clock;
 };
@@ -30,7 +35,7 @@ struct VisionOptions {
 /// model file is loaded once a process. Any thread.
 void preloadVisionModels(const VisionOptions& options = {});
 
-/// Waits until the models are loaded. An error names the file and the package that installs it. Any thread.
+/// Waits until the models are loaded. An error names the file and the script that installs it. Any thread.
 [[nodiscard]] std::optional<Error> waitForVisionModels(const VisionOptions& options = {});
 
 /// A request handler for the frames of one sequence. Starts loading the models as `preloadVisionModels` does and
@@ -38,14 +43,14 @@ void preloadVisionModels(const VisionOptions& options = {});
 /// models cannot be loaded, when the buffer is null or empty or of an unknown format, and when the orientation is not
 /// in 1...8. Never null. Any thread; the handler itself serves one thread at a time.
 ///
-/// An observation's box is a square around brows, chin and ears that may reach beyond the frame, its points may lie
-/// outside the box. A tilted face is found up to about 40 degrees. The same frame gives the same points, whatever came
-/// before it; only whether a small second face is seen depends on the last half second.
+/// An observation's box is an upright square around brows, chin and jaw that may reach beyond the frame. A tilted face
+/// is found up to 90 degrees. The same frame gives the same points, whatever came before it; only whether a small face
+/// is seen depends on the last half second.
 [[nodiscard]] std::shared_ptr<SequenceRequestHandler> makeSequenceRequestHandler(const VisionOptions& options = {});
 
 /// A detector of faces and smiles in single pictures. Loads the models as above; without them it finds nothing. A
 /// picture over a pixel buffer that a handler of this process has just examined is not searched again. Never null. Any
-/// thread, also several at once (one picture is examined after another).
+/// thread, also several at once; none waits for another.
 [[nodiscard]] std::shared_ptr<FaceDetector> makeFaceDetector(const VisionOptions& options = {});
 
 }  // namespace selvio

@@ -1,7 +1,7 @@
 // From the model's 68 points to the regions that the face checks read.
 #pragma once
 
-#include "FoundFace.h"
+#include "Landmarks.h"
 
 #include <SelvioFacialCapture/platform/FaceLandmarks.h>
 

@@ -1,7 +1,7 @@
 // The faces of the frames examined last, so that one frame is not examined twice.
 #pragma once
 
-#include "FoundFace.h"
+#include "Landmarks.h"
 #include "ViewTransform.h"
 
 #include <SelvioFacialCapture/imaging/PixelBuffer.h>

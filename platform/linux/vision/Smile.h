@@ -1,7 +1,7 @@
 // Whether a face smiles, judged from its points alone.
 #pragma once
 
-#include "LandmarkModel.h"
+#include "Landmarks.h"
 #include "SmileWeights.h"
 
 #include <optional>

@@ -7,7 +7,6 @@
 #include <SelvioFacialCapture/linux/Vision.h>
 
 #include <exception>
-#include <mutex>
 #include <utility>
 
 namespace selvio {
@@ -22,10 +21,11 @@ std::optional<Error> checkBuffer(const PixelBuffer* buffer) {
     return std::nullopt;
 }
 
-class DlibSequenceRequestHandler final : public SequenceRequestHandler {
+class MeshSequenceRequestHandler final : public SequenceRequestHandler {
 public:
-    explicit DlibSequenceRequestHandler(const VisionOptions& options)
-        : models_(visionModels(options.landmarkModelPath)),
+    explicit MeshSequenceRequestHandler(const VisionOptions& options)
+        : models_(visionModels(options.detectionModelPath, options.meshModelPath)),
+          refine_(options.refineLandmarks),
           clock_(options.clock ? options.clock : std::make_shared<SystemClock>()) {}
 
     std::optional<Error> performRequests(const std::vector<std::shared_ptr<FaceLandmarksRequest>>& requests,
@@ -39,7 +39,7 @@ public:
             if (!engine_) {
                 const LoadedModels& models = models_.get();
                 if (!models) return models.error();
-                engine_.emplace(models.value());
+                engine_.emplace(models.value(), refine_);
             }
             faces = engine_->findInSequence(*pixelBuffer, *view, clock_->monotonicTime());
             RecentFaces::shared().add({pixelBuffer, *view, faces});
@@ -60,13 +60,15 @@ public:
 
 private:
     const std::shared_future<LoadedModels> models_;
+    const bool refine_;
     const std::shared_ptr<const Clock> clock_;
     std::optional<VisionEngine> engine_;  // used by the thread that performs
 };
 
-class DlibFaceDetector final : public FaceDetector {
+class MeshFaceDetector final : public FaceDetector {
 public:
-    explicit DlibFaceDetector(const VisionOptions& options) : models_(visionModels(options.landmarkModelPath)) {}
+    explicit MeshFaceDetector(const VisionOptions& options)
+        : models_(visionModels(options.detectionModelPath, options.meshModelPath)), refine_(options.refineLandmarks) {}
 
     std::vector<FaceFeature> featuresInImage(const Image& image, bool smile) override {
         if (checkBuffer(image.bitmap.get())) return {};
@@ -93,18 +95,16 @@ public:
     }
 
 private:
-    RecentFaces::Entry examine(const Image& image) {
+    /// With an engine of its own, so that no picture waits for another.
+    [[nodiscard]] RecentFaces::Entry examine(const Image& image) const {
         const ViewTransform view = viewForImageOrientation(image.orientation);
         const LoadedModels& models = models_.get();
         if (!models) return {};
-        const std::lock_guard lock(mutex_);
-        if (!engine_) engine_.emplace(models.value());
-        return {image.bitmap, view, engine_->findInPicture(*image.bitmap, view)};
+        return {image.bitmap, view, VisionEngine(models.value(), refine_).findInPicture(*image.bitmap, view)};
     }
 
     const std::shared_future<LoadedModels> models_;
-    std::mutex mutex_;
-    std::optional<VisionEngine> engine_;  // guarded by mutex_
+    const bool refine_;
 };
 
 }  // namespace
@@ -123,28 +123,29 @@ void RecentFaces::add(Entry entry) {
 std::optional<RecentFaces::Entry> RecentFaces::find(const std::shared_ptr<const PixelBuffer>& buffer) const {
     const std::lock_guard lock(mutex_);
     for (const Entry& entry : entries_) {
-        // An expired entry never equals a living buffer, even one at the same address.
-        if (buffer && entry.buffer.lock() == buffer) return entry;
+        // Compares owners, not addresses: an expired entry never equals a living buffer. Holding the buffer here could
+        // make this the place where it is released.
+        if (buffer && !entry.buffer.owner_before(buffer) && !buffer.owner_before(entry.buffer)) return entry;
     }
     return std::nullopt;
 }
 
 void preloadVisionModels(const VisionOptions& options) {
-    (void)visionModels(options.landmarkModelPath);
+    (void)visionModels(options.detectionModelPath, options.meshModelPath);
 }
 
 std::optional<Error> waitForVisionModels(const VisionOptions& options) {
-    const auto future = visionModels(options.landmarkModelPath);
+    const auto future = visionModels(options.detectionModelPath, options.meshModelPath);
     const LoadedModels& models = future.get();
     return models ? std::nullopt : std::optional<Error>(models.error());
 }
 
 std::shared_ptr<SequenceRequestHandler> makeSequenceRequestHandler(const VisionOptions& options) {
-    return std::make_shared<DlibSequenceRequestHandler>(options);
+    return std::make_shared<MeshSequenceRequestHandler>(options);
 }
 
 std::shared_ptr<FaceDetector> makeFaceDetector(const VisionOptions& options) {
-    return std::make_shared<DlibFaceDetector>(options);
+    return std::make_shared<MeshFaceDetector>(options);
 }
 
 }  // namespace selvio

@@ -13,8 +13,8 @@ namespace selvio {
 
 using LoadedModels = Expected<std::shared_ptr<const VisionModels>>;
 
-/// The models with this landmark file: being loaded, loaded or failed. A failed file is tried again at the next call.
-/// Any thread.
-[[nodiscard]] std::shared_future<LoadedModels> visionModels(const std::string& landmarkModelPath);
+/// The models of these files: being loaded, loaded or failed. What failed is tried again at the next call. Any thread.
+[[nodiscard]] std::shared_future<LoadedModels> visionModels(const std::string& detectionPath,
+                                                            const std::string& meshPath);
 
 }  // namespace selvio

@@ -6,7 +6,7 @@
 #include <limits>
 #include <optional>
 
-namespace selvio {
+namespace selvio::hog {
 namespace {
 
 // Bounds that no sensible file exceeds: a damaged one must not make us ask for absurd amounts of memory.
@@ -319,4 +319,4 @@ FaceFrame LandmarkModel::frameOf(const LandmarkPoints& points) const {
         [&](std::size_t i) { return points[i]; });
 }
 
-}  // namespace selvio
+}  // namespace selvio::hog

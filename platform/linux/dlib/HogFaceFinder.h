@@ -6,7 +6,7 @@
 #include <memory>
 #include <vector>
 
-namespace selvio {
+namespace selvio::hog {
 
 /// The trained filters: a frontal face, and the turned ones (looking to either side, tilted to either side). Immutable;
 /// shared by the finders.
@@ -55,4 +55,4 @@ private:
     const std::unique_ptr<Scanner> scanner_;
 };
 
-}  // namespace selvio
+}  // namespace selvio::hog

@@ -9,7 +9,7 @@
 
 #include <array>
 
-namespace selvio {
+namespace selvio::hog {
 namespace {
 
 /// Stretches video-range luma (16...235) to 0...255.
@@ -114,4 +114,4 @@ bool GreyViewMaker::make(const PixelBuffer& buffer, PixelArea area, ViewTransfor
     return true;
 }
 
-}  // namespace selvio
+}  // namespace selvio::hog

@@ -3,7 +3,7 @@
 
 #include "LandmarkModel.h"
 
-namespace selvio {
+namespace selvio::hog {
 
 /// In pixels of the full-size view, the origin at its top left corner. The box may reach beyond the view.
 struct FoundFace {
@@ -11,4 +11,4 @@ struct FoundFace {
     LandmarkPoints points{};
 };
 
-}  // namespace selvio
+}  // namespace selvio::hog

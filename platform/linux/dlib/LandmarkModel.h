@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-namespace selvio {
+namespace selvio::hog {
 
 inline constexpr std::size_t kLandmarkCount = 68;
 
@@ -96,4 +96,4 @@ private:
     std::vector<Stage> stages_;
 };
 
-}  // namespace selvio
+}  // namespace selvio::hog

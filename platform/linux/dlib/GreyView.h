@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <vector>
 
-namespace selvio {
+namespace selvio::hog {
 
 /// Full-range luma, rows without gaps.
 struct GreyImage {
@@ -51,4 +51,4 @@ private:
     GreyImage scaled_;
 };
 
-}  // namespace selvio
+}  // namespace selvio::hog

@@ -8,7 +8,7 @@
 #include <exception>
 #include <utility>
 
-namespace selvio {
+namespace selvio::hog {
 namespace {
 
 // Levels a quarter smaller each: half the work of the usual pyramid at no loss for faces that fill a good part of the
@@ -120,4 +120,4 @@ std::vector<HogFace> HogFaceFinder::findTurned(double threshold) {
     return scanner_->find(*filters_->banks_, 1, filters_->banks_->banks.size(), threshold);
 }
 
-}  // namespace selvio
+}  // namespace selvio::hog

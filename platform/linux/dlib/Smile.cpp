@@ -1,0 +1,53 @@
+#include "Smile.h"
+
+#include <algorithm>
+#include <cmath>
+#include <initializer_list>
+
+namespace selvio::hog {
+namespace {
+
+Point meanOf(const LandmarkPoints& points, std::initializer_list<std::size_t> indices) {
+    Point sum;
+    for (const std::size_t i : indices) sum = {sum.x + points[i].x, sum.y + points[i].y};
+    const auto count = static_cast<double>(indices.size());
+    return {sum.x / count, sum.y / count};
+}
+
+}  // namespace
+
+std::optional<std::array<double, kSmileFeatureCount>> smileFeaturesOf(const LandmarkPoints& points) {
+    const Point eyeLeft = meanOf(points, {36, 37, 38, 39, 40, 41});
+    const Point eyeRight = meanOf(points, {42, 43, 44, 45, 46, 47});
+    const Point along{eyeRight.x - eyeLeft.x, eyeRight.y - eyeLeft.y};
+    const double square = along.x * along.x + along.y * along.y;
+    // Along and across the eye line, both divided by the distance of the eyes.
+    const auto right = [&](Point p) { return (p.x * along.x + p.y * along.y) / square; };
+    const auto down = [&](Point p) { return (p.y * along.x - p.x * along.y) / square; };
+    const double corners = (down(points[48]) + down(points[54])) / 2.0;
+    const std::array<double, kSmileFeatureCount> features{
+        right(points[54]) - right(points[48]),
+        down(meanOf(points, {51, 57, 62, 66})) - corners,
+        down(points[66]) - down(points[62]),
+        down(points[57]) - down(points[51]),
+        corners - down(points[33]),
+        down(meanOf(points, {37, 38, 43, 44})) - down(meanOf(points, {40, 41, 46, 47})),
+    };
+    if (!std::all_of(features.begin(), features.end(), [](double value) { return std::isfinite(value); }))
+        return std::nullopt;
+    return features;
+}
+
+double smileScore(const std::array<double, kSmileFeatureCount>& features) {
+    double score = kSmileBias;
+    for (std::size_t i = 0; i < kSmileFeatureCount; ++i)
+        score += kSmileWeight[i] * (features[i] - kSmileMean[i]) / kSmileDeviation[i];
+    return score;
+}
+
+bool isSmiling(const LandmarkPoints& points) {
+    const auto features = smileFeaturesOf(points);
+    return features && smileScore(*features) > 0.0;
+}
+
+}  // namespace selvio::hog

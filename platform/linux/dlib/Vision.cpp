@@ -1,0 +1,150 @@
+#include "LandmarkLayout.h"
+#include "RecentFaces.h"
+#include "Smile.h"
+#include "VisionEngine.h"
+#include "VisionModels.h"
+
+#include "DlibVision.h"
+
+#include <exception>
+#include <mutex>
+#include <utility>
+
+namespace selvio::hog {
+namespace {
+
+std::optional<Error> checkBuffer(const PixelBuffer* buffer) {
+    if (buffer == nullptr) return Error{"There is no pixel buffer to look for faces in"};
+    const PixelBufferLayout& layout = buffer->layout();
+    if (!PixelBufferLayout::make(layout.width, layout.height, layout.format) || buffer->data(0) == nullptr) {
+        return Error{"A pixel buffer of this size or format cannot be searched for faces"};
+    }
+    return std::nullopt;
+}
+
+class DlibSequenceRequestHandler final : public SequenceRequestHandler {
+public:
+    explicit DlibSequenceRequestHandler(const VisionOptions& options)
+        : models_(visionModels(options.landmarkModelPath)),
+          clock_(options.clock ? options.clock : std::make_shared<SystemClock>()) {}
+
+    std::optional<Error> performRequests(const std::vector<std::shared_ptr<FaceLandmarksRequest>>& requests,
+                                         const std::shared_ptr<const PixelBuffer>& pixelBuffer,
+                                         std::uint32_t exifOrientation) override {
+        if (auto error = checkBuffer(pixelBuffer.get())) return error;
+        const auto view = viewForExifOrientation(exifOrientation);
+        if (!view) return Error{"There is no EXIF orientation " + std::to_string(exifOrientation)};
+        std::vector<FoundFace> faces;
+        try {
+            if (!engine_) {
+                const LoadedModels& models = models_.get();
+                if (!models) return models.error();
+                engine_.emplace(models.value());
+            }
+            faces = engine_->findInSequence(*pixelBuffer, *view, clock_->monotonicTime());
+            RecentFaces::shared().add({pixelBuffer, *view, faces});
+        } catch (const std::exception& exception) {
+            return Error{std::string("The search for faces failed: ") + exception.what()};
+        }
+        const Size viewSize = viewSizeOf(*pixelBuffer, *view);
+        for (const auto& request : requests) {
+            if (!request) continue;
+            std::vector<FaceObservation> observations;
+            observations.reserve(faces.size());
+            for (const FoundFace& face : faces)
+                observations.push_back(observationOf(face, viewSize, request->revision()));
+            request->complete(std::move(observations));
+        }
+        return std::nullopt;
+    }
+
+private:
+    const std::shared_future<LoadedModels> models_;
+    const std::shared_ptr<const Clock> clock_;
+    std::optional<VisionEngine> engine_;  // used by the thread that performs
+};
+
+class DlibFaceDetector final : public FaceDetector {
+public:
+    explicit DlibFaceDetector(const VisionOptions& options) : models_(visionModels(options.landmarkModelPath)) {}
+
+    std::vector<FaceFeature> featuresInImage(const Image& image, bool smile) override {
+        if (checkBuffer(image.bitmap.get())) return {};
+        try {
+            const auto known = RecentFaces::shared().find(image.bitmap);
+            const RecentFaces::Entry examined = known ? *known : examine(image);
+            // From the view in which the face was found to the picture as it is shown.
+            const ViewTransform shown = viewForImageOrientation(image.orientation);
+            const Size viewSize = viewSizeOf(*image.bitmap, examined.view);
+            const Size shownSize = viewSizeOf(*image.bitmap, shown);
+            std::vector<FaceFeature> features;
+            for (const FoundFace& face : examined.faces) {
+                const Rect inView{face.box.x / viewSize.width, face.box.y / viewSize.height,
+                                  face.box.width / viewSize.width, face.box.height / viewSize.height};
+                const Rect inPicture = shown.toView(examined.view.toBuffer(inView));
+                features.push_back({{inPicture.x * shownSize.width, inPicture.y * shownSize.height,
+                                     inPicture.width * shownSize.width, inPicture.height * shownSize.height},
+                                    smile && isSmiling(face.points)});
+            }
+            return features;
+        } catch (const std::exception&) {
+            return {};
+        }
+    }
+
+private:
+    RecentFaces::Entry examine(const Image& image) {
+        const ViewTransform view = viewForImageOrientation(image.orientation);
+        const LoadedModels& models = models_.get();
+        if (!models) return {};
+        const std::lock_guard lock(mutex_);
+        if (!engine_) engine_.emplace(models.value());
+        return {image.bitmap, view, engine_->findInPicture(*image.bitmap, view)};
+    }
+
+    const std::shared_future<LoadedModels> models_;
+    std::mutex mutex_;
+    std::optional<VisionEngine> engine_;  // guarded by mutex_
+};
+
+}  // namespace
+
+RecentFaces& RecentFaces::shared() {
+    static RecentFaces* const faces = new RecentFaces;  // outlives every thread that may still analyse a frame at exit
+    return *faces;
+}
+
+void RecentFaces::add(Entry entry) {
+    const std::lock_guard lock(mutex_);
+    entries_[next_] = std::move(entry);
+    next_ = (next_ + 1) % entries_.size();
+}
+
+std::optional<RecentFaces::Entry> RecentFaces::find(const std::shared_ptr<const PixelBuffer>& buffer) const {
+    const std::lock_guard lock(mutex_);
+    for (const Entry& entry : entries_) {
+        // An expired entry never equals a living buffer, even one at the same address.
+        if (buffer && entry.buffer.lock() == buffer) return entry;
+    }
+    return std::nullopt;
+}
+
+void preloadVisionModels(const VisionOptions& options) {
+    (void)visionModels(options.landmarkModelPath);
+}
+
+std::optional<Error> waitForVisionModels(const VisionOptions& options) {
+    const auto future = visionModels(options.landmarkModelPath);
+    const LoadedModels& models = future.get();
+    return models ? std::nullopt : std::optional<Error>(models.error());
+}
+
+std::shared_ptr<SequenceRequestHandler> makeSequenceRequestHandler(const VisionOptions& options) {
+    return std::make_shared<DlibSequenceRequestHandler>(options);
+}
+
+std::shared_ptr<FaceDetector> makeFaceDetector(const VisionOptions& options) {
+    return std::make_shared<DlibFaceDetector>(options);
+}
+
+}  // namespace selvio::hog

@@ -1,0 +1,42 @@
+// Where faces lie, roughly: one look of the detection network at a square.
+#pragma once
+
+#include "Network.h"
+#include "PictureSampler.h"
+
+#include <SelvioFacialCapture/imaging/Geometry.h>
+
+#include <memory>
+#include <vector>
+
+namespace selvio {
+
+/// In pixels of the full-size view.
+struct FaceCandidate {
+    double score = 0.0;  ///< 0...1
+    Rect box;            ///< brows to chin
+    Point leftEye;       ///< left and right as seen in the view
+    Point rightEye;
+};
+
+/// Any thread.
+class FaceDetection {
+public:
+    /// The error says in what the model differs from the one that is wanted.
+    static Expected<std::shared_ptr<const FaceDetection>> make(Model model);
+
+    /// Faces whose box is 15 to 90 % of the square as wide, the surest first, one candidate a face. The square stands
+    /// upright. Throws std::runtime_error when memory is short.
+    [[nodiscard]] std::vector<FaceCandidate> find(PictureSampler& picture, const ViewSquare& square) const;
+
+private:
+    explicit FaceDetection(std::shared_ptr<const Network> network);
+
+    const std::shared_ptr<const Network> network_;
+    const std::vector<Point> anchors_;  // in shares of the square
+};
+
+/// The area that two boxes share, as a share of what they cover together.
+[[nodiscard]] double overlapOf(const Rect& a, const Rect& b);
+
+}  // namespace selvio

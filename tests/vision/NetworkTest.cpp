@@ -1,0 +1,184 @@
+// The reader of model files and what runs them.
+#include "platform/linux/vision/ModelFile.h"
+#include "platform/linux/vision/Network.h"
+#include "support/TemporaryDirectory.h"
+#include "vision/RandomModel.h"
+#include "vision/TinyModel.h"
+
+#include <SelvioFacialCapture/linux/Vision.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <thread>
+
+namespace selvio::test {
+namespace {
+
+Expected<Model> parse(const std::string& file) {
+    return parseModel(std::as_bytes(std::span(file)));
+}
+
+TEST(Network, ComputesWhatPlainLoopsDo) {
+    for (unsigned seed = 0; seed < 300; ++seed) {
+        const RandomModel scenario(seed);
+        auto model = parse(TinyModelWriter::write(scenario.file));
+        ASSERT_TRUE(model) << seed << ": " << model.error().localizedDescription;
+        const auto network = Network::make(std::move(model.value()));
+        ASSERT_TRUE(network) << seed << ": " << network.error().localizedDescription;
+        auto run = network.value()->borrow();
+        ASSERT_EQ(run.input().size(), scenario.input.size());
+        std::copy(scenario.input.begin(), scenario.input.end(), run.input().begin());
+        run.run();
+        const auto output = run.output(0);
+        ASSERT_EQ(output.size(), scenario.expected.size());
+        float largest = 1.0F;
+        for (const float value : scenario.expected) largest = std::max(largest, std::abs(value));
+        for (std::size_t i = 0; i < output.size(); ++i)
+            ASSERT_NEAR(output[i], scenario.expected[i], 1e-4F * largest) << seed << " number " << i;
+    }
+}
+
+TEST(Network, ServesSeveralBorrowersAtOnceWithoutMixingThem) {
+    const RandomModel scenario(1);
+    const auto network = Network::make(parse(TinyModelWriter::write(scenario.file)).value()).value();
+    auto held = network->borrow();  // a borrower that never comes back holds up nobody
+    std::fill(held.input().begin(), held.input().end(), 7.0F);
+    std::vector<std::thread> threads;
+    std::vector<int> wrong(4);
+    for (int& mine : wrong) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < 200; ++i) {
+                auto run = network->borrow();
+                std::copy(scenario.input.begin(), scenario.input.end(), run.input().begin());
+                run.run();
+                for (std::size_t k = 0; k < scenario.expected.size(); ++k)
+                    mine += std::abs(run.output(0)[k] - scenario.expected[k]) > 1e-2F ? 1 : 0;
+            }
+        });
+    }
+    for (auto& thread : threads) thread.join();
+    EXPECT_EQ(wrong, std::vector<int>(4));
+    EXPECT_EQ(held.input()[0], 7.0F);
+}
+
+/// 4 x 4 pixels of 2 channels through a convolution and a prelu.
+TinyModel smallModel() {
+    TinyModel m;
+    m.inputs = {m.add({{1, 4, 4, 2}, 0, {}})};
+    m.add({{3, 1, 1, 2}, 0, bytesOf(std::vector<float>(6, 0.5F))});
+    m.add({{3}, 0, bytesOf(std::vector<float>(3, 0.0F))});
+    m.add({{1, 4, 4, 3}, 0, {}});
+    m.add({{1, 1, 3}, 0, bytesOf(std::vector<float>(3, 0.25F))});
+    m.outputs = {m.add({{1, 4, 4, 3}, 0, {}})};
+    m.steps = {{3, {0, 1, 2}, {3}, {{0, std::int8_t{0}}, {1, 1}, {2, 1}, {3, std::int8_t{0}}}}, {54, {3, 4}, {5}, {}}};
+    return m;
+}
+
+TEST(ModelFile, RefusesWhatItDoesNotKnowByName) {
+    ASSERT_TRUE(parse(TinyModelWriter::write(smallModel())));
+    struct Case {
+        const char* words;
+        std::function<void(TinyModel&)> spoil;
+    };
+    const Case cases[] = {
+        {"operator number 99", [](TinyModel& m) { m.steps[1].op = 99; }},
+        {"Prelu",
+         [](TinyModel& m) {
+             m.tensors[4] = {{1, 1, 2}, 0, bytesOf(std::vector<float>(2))};
+         }},
+        {"Prelu", [](TinyModel& m) { m.steps[1].inputs = {3}; }},
+        {"Convolution",
+         [](TinyModel& m) {
+             m.tensors[3].shape = {1, 4, 5, 3};
+         }},
+        {"Convolution",
+         [](TinyModel& m) {
+             m.tensors[1].shape = {3, 1, 2, 1};
+         }},
+        {"Convolution", [](TinyModel& m) { m.steps[0].options[1] = 0; }},
+        {"Convolution", [](TinyModel& m) { m.steps[0].options[2] = -1; }},
+        {"Convolution", [](TinyModel& m) { m.steps[0].inputs[1] = 0; }},
+        {"Convolution", [](TinyModel& m) { m.steps[0].inputs[0] = 5; }},  // not computed yet
+        {"Prelu", [](TinyModel& m) { m.steps[1].outputs = {3}; }},        // computed already
+        {"dilated", [](TinyModel& m) { m.steps[0].options[4] = 2; }},
+        {"activation", [](TinyModel& m) { m.steps[0].options[3] = std::int8_t{3}; }},
+        {"padding", [](TinyModel& m) { m.steps[0].options[0] = std::int8_t{2}; }},
+        {"tensor does not exist", [](TinyModel& m) { m.steps[0].inputs[0] = 6; }},
+        {"tensor does not exist", [](TinyModel& m) { m.outputs = {-1}; }},
+        {"output is not computed", [](TinyModel& m) { m.outputs = {0}; }},
+        {"output is not computed",
+         [](TinyModel& m) {
+             m.outputs = {5, 5};
+         }},
+        {"no output", [](TinyModel& m) { m.outputs = {}; }},
+        {"one input",
+         [](TinyModel& m) {
+             m.inputs = {0, 3};
+         }},
+        {"not a picture", [](TinyModel& m) { m.inputs = {1}; }},
+        {"impossible shape",
+         [](TinyModel& m) {
+             m.tensors[0].shape = {1, 1 << 30, 1 << 30, 2};
+         }},
+        {"too large",
+         [](TinyModel& m) {
+             m.add({{4096, 4096}, 0, {}});
+         }},
+        {"more than four",
+         [](TinyModel& m) {
+             m.tensors[0].shape = {1, 4, 4, 2, 1};
+         }},
+        {"does not fill", [](TinyModel& m) { m.tensors[2].data.pop_back(); }},
+        {"unknown type 9", [](TinyModel& m) { m.tensors[2].type = 9; }},
+        {"finite", [](TinyModel& m) { m.tensors[2].data = bytesOf(std::vector<float>(3, NAN)); }},
+        {"finite",
+         [](TinyModel& m) {
+             m.tensors[2] = {{3}, 1, bytesOf(std::vector<std::uint16_t>(3, 0xFC00))};
+         }},
+    };
+    for (const Case& c : cases) {
+        TinyModel model = smallModel();
+        c.spoil(model);
+        const auto parsed = parse(TinyModelWriter::write(model));
+        ASSERT_FALSE(parsed) << c.words;
+        EXPECT_NE(parsed.error().localizedDescription.find(c.words), std::string::npos)
+            << c.words << ": " << parsed.error().localizedDescription;
+    }
+}
+
+TEST(ModelFile, SaysWhichFileIsMissingOrDamaged) {
+    const TemporaryDirectory directory;
+    const VisionOptions good;
+    std::ostringstream content;
+    content << std::ifstream(good.meshModelPath, std::ios::binary).rdbuf();
+    const std::string whole = content.str();
+    ASSERT_GT(whole.size(), 1'000'000U);
+    std::string flipped = whole;
+    for (std::size_t i = 100; i < flipped.size(); i += 97) flipped[i] = static_cast<char>(~flipped[i]);
+    const std::string paths[] = {"/nonexistent/model.tflite",
+                                 "/",
+                                 directory.write("empty", ""),
+                                 directory.write("text", "this is not a model"),
+                                 directory.write("truncated", whole.substr(0, whole.size() - 50'000)),
+                                 directory.write("flipped", flipped),
+                                 directory.write("other", TinyModelWriter::write(smallModel())),
+                                 good.detectionModelPath};  // a good one, for something else
+    for (const std::string& path : paths) {
+        VisionOptions options;
+        options.meshModelPath = path;
+        const auto error = waitForVisionModels(options);
+        ASSERT_TRUE(error) << path;
+        EXPECT_NE(error->localizedDescription.find(path), std::string::npos) << error->localizedDescription;
+        EXPECT_NE(error->localizedDescription.find("scripts/install-deps.sh"), std::string::npos)
+            << error->localizedDescription;
+    }
+    EXPECT_FALSE(waitForVisionModels());
+}
+
+}  // namespace
+}  // namespace selvio::test
