@@ -48,6 +48,7 @@ TEST(CommandLine, RefusesWhatItDoesNotUnderstandAndSaysWhy) {
         {"--image-quality 4", "in range 5 to 100"},
         {"--countdown-time 6", "in range 0 to 5"},
         {"--video-quality 9", "in range 10 to 100"},
+        {"--video-codec vp9", "--video-codec"},
         {"--mode automatic", "--mode"},
         {"--source webcam", "none of simulated, camera, camera:NAME, video:PATH"},
         {"--source camera:", "none of"},

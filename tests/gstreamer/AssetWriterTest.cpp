@@ -1,12 +1,15 @@
 #include "platform/linux/gstreamer/Mp4Index.h"
 #include "support/LogCapture.h"
 #include "support/MediaProbe.h"
+#include "support/Pixels.h"
 
 #include <SelvioFacialCapture/linux/Recording.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <fstream>
 #include <future>
 #include <random>
@@ -161,6 +164,31 @@ TEST_F(AssetWriterTest, NeitherASilentMicrophoneNorFramesOutOfOrderHarmTheFile) 
     const auto media = probe(file_);
     EXPECT_EQ(streamOfType(media, "video").value("nb_read_frames", ""), "90");
     EXPECT_NEAR(numberIn(streamOfType(media, "audio"), "duration"), 3.0, 0.05);
+}
+
+TEST_F(AssetWriterTest, ColoursAreThoseOfTheFrames) {
+    for (const PixelFormat format : {kPixelFormat32BGRA, kPixelFormat32ARGB, kPixelFormat420v}) {
+        SCOPED_TRACE(format);
+        std::filesystem::remove(file_);
+        make(h264(180, 320));
+        start();
+        const auto red = painted(180, 320, format, [&](std::uint8_t* sample, int, int, int plane) {
+            const std::array<std::uint8_t, 4> bgra{0, 0, 255, 255}, argb{255, 255, 0, 0}, yuv{81, 90, 240};
+            if (format == kPixelFormat420v) {
+                std::copy_n(&yuv[plane == 0 ? 0 : 1], plane + 1, sample);
+            } else {
+                std::ranges::copy(format == kPixelFormat32BGRA ? bgra : argb, sample);
+            }
+        });
+        for (int i = 0; i < 10; ++i) ASSERT_TRUE(append(video_, videoSample(red, i * kFrame)));
+        ASSERT_EQ(finish(), AssetWriterStatus::Completed);
+        const std::string pixel = outputOf("ffmpeg -v error -i '" + file_.string() +
+                                           "' -vf crop=2:2:90:160 -frames:v 1 -pix_fmt rgb24 -f rawvideo -");
+        ASSERT_EQ(pixel.size(), 12U);
+        EXPECT_GT(static_cast<unsigned char>(pixel[0]), 230);
+        EXPECT_LT(static_cast<unsigned char>(pixel[1]), 25);
+        EXPECT_LT(static_cast<unsigned char>(pixel[2]), 25);
+    }
 }
 
 // Whatever the settings expected before the camera was opened.
