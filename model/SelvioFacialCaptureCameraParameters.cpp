@@ -24,13 +24,6 @@ std::int64_t decodeInteger(const nlohmann::json& archive, const char* key) {
 
 }  // namespace
 
-SelvioFacialCaptureCameraParameters::SelvioFacialCaptureCameraParameters() {
-    setRecordVideo(false);
-    setShowRecordingUI(true);
-    setRecordAudio(false);
-    setVideoQuality(10);
-}
-
 bool SelvioFacialCaptureCameraParameters::recordVideo() const {
     return mutex_.get(recordVideo_);
 }

@@ -3,19 +3,7 @@
 #include <utility>
 
 SelvioFacialCaptureParameters::SelvioFacialCaptureParameters()
-    : cameraParameters_(std::make_shared<SelvioFacialCaptureCameraParameters>()) {
-    setMode(2);
-    setTimeout(20);
-    setMinFill(550);  // lifts maxFill to 650, so that the next line leaves minFill alone
-    setMaxFill(725);
-    setRoll(500);
-    setPitch(500);
-    setYaw(500);
-    setImageQuality(95);
-    setHighlightLandmarks(false);
-    setSelectOnSmile(false);
-    setCountdownTime(2);
-}
+    : cameraParameters_(std::make_shared<SelvioFacialCaptureCameraParameters>()) {}
 
 std::int64_t SelvioFacialCaptureParameters::clampInteger(std::int64_t value, std::int64_t min, std::int64_t max) {
     if (value > max) return max;

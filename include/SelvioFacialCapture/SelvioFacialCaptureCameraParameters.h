@@ -16,7 +16,7 @@ using SelvioFacialCaptureVideoQuality = std::int64_t;
 class SelvioFacialCaptureCameraParameters {
 public:
     /// recordVideo false, recordAudio false, showRecordingUI true, videoQuality 10.
-    SelvioFacialCaptureCameraParameters();
+    SelvioFacialCaptureCameraParameters() = default;
     SelvioFacialCaptureCameraParameters(const SelvioFacialCaptureCameraParameters&) = delete;
     SelvioFacialCaptureCameraParameters& operator=(const SelvioFacialCaptureCameraParameters&) = delete;
 
@@ -45,6 +45,6 @@ private:
     mutable selvio::MemberMutex mutex_;  // guards every member below
     bool recordVideo_ = false;
     bool recordAudio_ = false;
-    bool showRecordingUI_ = false;
-    SelvioFacialCaptureVideoQuality videoQuality_ = 0;
+    bool showRecordingUI_ = true;
+    SelvioFacialCaptureVideoQuality videoQuality_ = 10;
 };

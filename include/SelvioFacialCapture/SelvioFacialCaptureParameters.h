@@ -78,14 +78,14 @@ private:
     mutable selvio::MemberMutex mutex_;  // guards every member below
     bool selectOnSmile_ = false;
     bool highlightLandmarks_ = false;
-    std::int64_t mode_ = 0;
-    std::int64_t timeout_ = 0;
-    std::int64_t minFill_ = 0;
-    std::int64_t maxFill_ = 0;
-    std::int64_t roll_ = 0;
-    std::int64_t pitch_ = 0;
-    std::int64_t yaw_ = 0;
-    std::int64_t imageQuality_ = 0;
-    std::int64_t countdownTime_ = 0;
+    std::int64_t mode_ = SelvioFacialCaptureModeAuto;
+    std::int64_t timeout_ = 20;
+    std::int64_t minFill_ = 550;
+    std::int64_t maxFill_ = 725;
+    std::int64_t roll_ = 500;
+    std::int64_t pitch_ = 500;
+    std::int64_t yaw_ = 500;
+    std::int64_t imageQuality_ = 95;
+    std::int64_t countdownTime_ = 2;
     std::shared_ptr<SelvioFacialCaptureCameraParameters> cameraParameters_;
 };
