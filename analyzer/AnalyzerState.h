@@ -172,7 +172,8 @@ struct SelvioFacialCaptureAnalyzer::State : std::enable_shared_from_this<State> 
     Run currentRun = 0;                     // guarded by mutex
     std::vector<std::thread::id> underWay;  // guarded by mutex; the thread of each `UnderWay`
     std::condition_variable underWayEnded;
-    selvio::Deliveries<Frame, Step> deliveries;                 // guarded by mutex; each has a block on the main queue
+    bool cancelTearsDown = false;                // guarded by mutex; a `cancel` that is under way still needs the log
+    selvio::Deliveries<Frame, Step> deliveries;  // guarded by mutex; each has a block on the main queue
     std::shared_ptr<SelvioFacialCaptureObixData> obixData;      // guarded by mutex
     std::weak_ptr<Delegate> delegate;                           // guarded by mutex
     std::shared_ptr<SelvioFacialCaptureParameters> parameters;  // guarded by mutex; null once spent

@@ -169,6 +169,7 @@ void Analyzer::State::cancel() {
             record = obixData;
             run = ++currentRun;
             ended = true;
+            cancelTearsDown = true;
             const bool inside = isUnderWayHere();
             cancelling.emplace(*this);
             // What another thread has begun to tell is told before the cancellation.
@@ -184,6 +185,7 @@ void Analyzer::State::cancel() {
     cancelled->setObixDataString(record->obixDataString());
     cancelled->setResultCode(code);
     tell(run, &Delegate::detectionCancelled, cancelled);
+    mutex.set(cancelTearsDown, false);
     cancelling.reset();
     stop();
 }
@@ -195,6 +197,7 @@ void Analyzer::State::tearDown() {
     std::optional<UnderWay> tearingDown;
     {
         const std::lock_guard lock(mutex);
+        if (cancelTearsDown) return;
         spentResults.swap(results);
         spentParameters.swap(parameters);
         if (spentResults) tearingDown.emplace(*this);

@@ -138,6 +138,41 @@ TEST(Threads, StopWaitsForADelegateCallOnAnotherThread) {
     }
 }
 
+// The delegate call that a cancellation on another thread waits for stops the capture itself.
+TEST(Threads, AStopInsideADelegateCallLeavesACancellationItsLog) {
+    ManualAnalyzer capture;
+    SelvioFacialCaptureUxpEventManager::destroySharedInstance();
+    capture.makeAnalyzer();
+    auto& analyzer = *capture.analyzer;
+    SelvioFacialCaptureAnalyzerDelegate calls;
+    std::future<void> cancelling;
+    nlohmann::json record;
+    std::shared_ptr<SelvioFacialCaptureAnalyzerDelegate> one, other;
+    calls.detectionResults = [&](const auto&) {
+        cancelling = std::async(std::launch::async, [&] { analyzer.cancel(); });
+        const auto isTaken = [&](const auto& delegate) {
+            std::this_thread::yield();
+            analyzer.setDelegate(delegate);
+            return analyzer.delegate() == delegate;
+        };
+        while (isTaken(one) && isTaken(other)) {
+        }  // the cancellation has begun
+        analyzer.stop();
+    };
+    calls.detectionCancelled = [&](const auto& results) { record = nlohmann::json::parse(*results->obixDataString()); };
+    one = std::make_shared<SelvioFacialCaptureAnalyzerDelegate>(calls);
+    other = std::make_shared<SelvioFacialCaptureAnalyzerDelegate>(calls);
+    analyzer.setDelegate(one);
+    analyzer.resume();
+    analyzer.analyzeSampleBuffer(blankFrame());
+    capture.analysisQueue->runAll();
+    capture.mainQueue->runAll();
+    cancelling.get();
+    EXPECT_EQ(record["UXP"].size(), 3U) << record;  // the start, nobody, the cancellation
+    EXPECT_TRUE(SelvioFacialCaptureUxpEventManager::sharedInstance()->events().empty());
+    EXPECT_EQ(analyzer.results(), nullptr);
+}
+
 /// A clock, device, loader or motion manager that calls the host back.
 struct Intruder final : Clock, Device, MotionManager {
     explicit Intruder(Operation hook) : intrude(std::move(hook)) {}
