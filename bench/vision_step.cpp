@@ -5,7 +5,7 @@
 // Prints the times and their ratios, then what the speed must not cost: which faces are found, how still the yaw ratio
 // is, how often both adapters decide alike.
 #include "Ratios.h"
-#include "analyzer/rules/FaceChecks.h"
+#include <SelvioFacialCapture/rules/FaceChecks.h>
 #include "platform/linux/dlib/DlibVision.h"
 #include "support/Resources.h"
 #include "vision/TestPictures.h"
