@@ -153,6 +153,13 @@ TEST(FaceFinding, SeesASmallSecondPersonWithinHalfASecond) {
     EXPECT_EQ(next(standing), 2U);
 }
 
+TEST(FaceFinding, SearchesAPictureThatStandsAloneForTheSmallest) {
+    const auto buffer = toBgra(frameOf(1200, 900, {Person{.x = 0.2, .y = 0.25, .jaw = 0.06}, Person{.jaw = 0.25}}));
+    const auto handler = makeSequenceRequestHandler();
+    EXPECT_EQ(perform(*handler, buffer).size(), 2U);
+    EXPECT_EQ(perform(*handler, buffer).size(), 1U);  // far in the background of a sequence it does not count
+}
+
 TEST(FaceFinding, SaysWhyItCannotLook) {
     const auto good = toBgra(frameOf(90, 160, {}));
     PixelBufferLayout empty{.width = 0, .height = 0};

@@ -19,8 +19,7 @@ constexpr double kSquareOverlap = 0.35;
 // Looking again: side of the square in sides of the face.
 constexpr double kAgainSquare = 3.0;
 
-constexpr std::size_t kMostFacesOfFrame = 8;
-constexpr std::size_t kMostFacesOfPicture = 32;
+constexpr std::size_t kMostFaces = 32;
 
 /// Whether two boxes show one face: the smaller one may be a part of it.
 bool same(const Rect& a, const Rect& b) {
@@ -57,6 +56,10 @@ std::vector<FaceCandidate> VisionEngine::glance() {
     const Size size = picture_.viewSize();
     return models_->detection->find(picture_,
                                     {{size.width / 2.0, size.height / 2.0}, std::max(size.width, size.height)});
+}
+
+double VisionEngine::shorterSide() const {
+    return std::min(picture_.viewSize().width, picture_.viewSize().height);
 }
 
 void VisionEngine::searchSquares(double side, std::vector<FaceCandidate>& known) {
@@ -99,13 +102,16 @@ std::optional<FaceCandidate> VisionEngine::lookAgain(const FaceCandidate& before
     return std::nullopt;
 }
 
+void VisionEngine::searchForTheSmallest(std::vector<FaceCandidate>& known) {
+    for (const double share : kPictureSquares) searchSquares(share * picture_.viewSize().width, known);
+}
+
 std::vector<FoundFace> VisionEngine::findInPicture(const PixelBuffer& buffer, ViewTransform view) {
     picture_.take(buffer, view);
-    const Size size = picture_.viewSize();
     auto candidates = glance();
-    searchSquares(std::min(size.width, size.height), candidates);
-    for (const double share : kPictureSquares) searchSquares(share * size.width, candidates);
-    return withLandmarks(candidates, kMostFacesOfPicture);
+    searchSquares(shorterSide(), candidates);
+    searchForTheSmallest(candidates);
+    return withLandmarks(candidates);
 }
 
 std::vector<FoundFace> VisionEngine::findInSequence(const PixelBuffer& buffer, ViewTransform view,
@@ -117,10 +123,11 @@ std::vector<FoundFace> VisionEngine::findInSequence(const PixelBuffer& buffer, V
     if (!goesOn || ++sequence_->framesSinceWidePass >= kFramesBetweenWidePasses ||
         now - sequence_->lastWidePass >= kTimeBetweenWidePasses) {
         sequence_ = Sequence{view, buffer.width(), buffer.height(), 0, now, {}};
-        const std::size_t seen = candidates.size();
-        const Size size = picture_.viewSize();
-        searchSquares(std::min(size.width, size.height), candidates);
-        sequence_->small.assign(candidates.begin() + static_cast<std::ptrdiff_t>(seen), candidates.end());
+        const auto seen = static_cast<std::ptrdiff_t>(candidates.size());
+        searchSquares(shorterSide(), candidates);
+        sequence_->small.assign(candidates.begin() + seen, candidates.end());
+        // What begins a sequence may as well be a picture that stands alone.
+        if (!goesOn) searchForTheSmallest(candidates);
     } else {
         std::vector<FaceCandidate> stillThere;
         for (const auto& before : sequence_->small) {
@@ -132,10 +139,10 @@ std::vector<FoundFace> VisionEngine::findInSequence(const PixelBuffer& buffer, V
         }
         sequence_->small = std::move(stillThere);
     }
-    return withLandmarks(candidates, kMostFacesOfFrame);
+    return withLandmarks(candidates);
 }
 
-std::vector<FoundFace> VisionEngine::withLandmarks(const std::vector<FaceCandidate>& candidates, std::size_t most) {
+std::vector<FoundFace> VisionEngine::withLandmarks(const std::vector<FaceCandidate>& candidates) {
     std::vector<FoundFace> faces;
     for (const auto& candidate : candidates) {
         auto mesh = models_->mesh->find(picture_, squareAround(candidate));
@@ -146,7 +153,7 @@ std::vector<FoundFace> VisionEngine::withLandmarks(const std::vector<FaceCandida
         // Two candidates may be parts of one face.
         if (std::none_of(faces.begin(), faces.end(), [&](const auto& other) { return same(other.box, face.box); }))
             faces.push_back(face);
-        if (faces.size() == most) break;
+        if (faces.size() == kMostFaces) break;
     }
     return faces;
 }
