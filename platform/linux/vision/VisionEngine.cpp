@@ -10,6 +10,8 @@ namespace {
 // Sides of the squares in which single pictures are searched for small faces, in shares of the picture's width. A face
 // is found from 15 % of a square's side on, so these lead down to 6 % of the width.
 constexpr std::array<double, 2> kPictureSquares{0.62, 0.36};
+// How sure the detection must be there: so many squares show it much that resembles a face.
+constexpr double kLeastScoreOfSmallest = 0.65;
 constexpr double kLeastSquare = 128.0;  // pixels: one of the network's for each of the picture's
 constexpr int kMostSquares = 72;        // of one size
 
@@ -62,7 +64,7 @@ double VisionEngine::shorterSide() const {
     return std::min(picture_.viewSize().width, picture_.viewSize().height);
 }
 
-void VisionEngine::searchSquares(double side, std::vector<FaceCandidate>& known) {
+void VisionEngine::searchSquares(double side, double leastScore, std::vector<FaceCandidate>& known) {
     const Size size = picture_.viewSize();
     side = std::max(side, kLeastSquare);
     while (squaresAlong(size.width, side) * squaresAlong(size.height, side) > kMostSquares) side *= 1.2;
@@ -83,7 +85,7 @@ void VisionEngine::searchSquares(double side, std::vector<FaceCandidate>& known)
                                  (column + 1 < columns && box.x + box.width > centre.x + side / 2.0) ||
                                  (row > 0 && box.y < centre.y - side / 2.0) ||
                                  (row + 1 < rows && box.y + box.height > centre.y + side / 2.0);
-                if (!cut) found.push_back(face);
+                if (!cut && face.score >= leastScore) found.push_back(face);
             }
         }
     }
@@ -103,13 +105,14 @@ std::optional<FaceCandidate> VisionEngine::lookAgain(const FaceCandidate& before
 }
 
 void VisionEngine::searchForTheSmallest(std::vector<FaceCandidate>& known) {
-    for (const double share : kPictureSquares) searchSquares(share * picture_.viewSize().width, known);
+    for (const double share : kPictureSquares)
+        searchSquares(share * picture_.viewSize().width, kLeastScoreOfSmallest, known);
 }
 
 std::vector<FoundFace> VisionEngine::findInPicture(const PixelBuffer& buffer, ViewTransform view) {
     picture_.take(buffer, view);
     auto candidates = glance();
-    searchSquares(shorterSide(), candidates);
+    searchSquares(shorterSide(), 0.0, candidates);
     searchForTheSmallest(candidates);
     return withLandmarks(candidates);
 }
@@ -124,7 +127,7 @@ std::vector<FoundFace> VisionEngine::findInSequence(const PixelBuffer& buffer, V
         now - sequence_->lastWidePass >= kTimeBetweenWidePasses) {
         sequence_ = Sequence{view, buffer.width(), buffer.height(), 0, now, {}};
         const auto seen = static_cast<std::ptrdiff_t>(candidates.size());
-        searchSquares(shorterSide(), candidates);
+        searchSquares(shorterSide(), 0.0, candidates);
         sequence_->small.assign(candidates.begin() + seen, candidates.end());
         // What begins a sequence may as well be a picture that stands alone.
         if (!goesOn) searchForTheSmallest(candidates);

@@ -52,7 +52,7 @@ private:
 
     [[nodiscard]] std::vector<FaceCandidate> glance();
     /// Adds what squares of this side show and is not among `known`.
-    void searchSquares(double side, std::vector<FaceCandidate>& known);
+    void searchSquares(double side, double leastScore, std::vector<FaceCandidate>& known);
     /// Adds what the squares for single pictures show.
     void searchForTheSmallest(std::vector<FaceCandidate>& known);
     [[nodiscard]] double shorterSide() const;
