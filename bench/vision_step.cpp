@@ -1,12 +1,13 @@
-// The vision step (face search on every frame, landmarks, smile) beside the adapter before it.
+// The vision step (face search on every frame, landmarks, smile) beside its two neural networks alone.
 //
 //     bench_vision [FOLDER] [benchmark's own options]      FOLDER: more portraits, one face each
 //
-// Prints the times and their ratios, then what the speed must not cost: which faces are found, how still the yaw ratio
-// is, how often both adapters decide alike.
+// Prints start and memory, the times and their ratios, then what the speed must not cost: how still the yaw ratio is
+// and which faces are found, for one look at each face and for two.
 #include "Ratios.h"
 #include <SelvioFacialCapture/rules/FaceChecks.h>
-#include "platform/linux/dlib/DlibVision.h"
+
+#include "platform/linux/vision/Network.h"
 #include "support/Resources.h"
 #include "vision/TestPictures.h"
 
@@ -59,15 +60,11 @@ const Kind kKinds[] = {
      [] {
          return Adapter{makeSequenceRequestHandler(), makeFaceDetector()};
      }},
-    {"mesh refined",
+    {"two looks",
      [] {
          VisionOptions options;
          options.refineLandmarks = true;
          return Adapter{makeSequenceRequestHandler(options), makeFaceDetector(options)};
-     }},
-    {"dlib",
-     [] {
-         return Adapter{hog::makeSequenceRequestHandler(), hog::makeFaceDetector()};
      }},
 };
 
@@ -77,6 +74,17 @@ void visionStep(benchmark::State& state, const Kind& kind, int width, int height
     const Adapter adapter = kind.make();
     for (auto _ : state) {
         if (adapter.step(buffer).size() != 1) state.SkipWithError("the face was not found");
+    }
+}
+
+/// What no arrangement around them can save: one run of each network.
+void networksAlone(benchmark::State& state) {
+    const VisionOptions options;
+    std::vector<std::shared_ptr<const Network>> networks;
+    for (const auto& path : {options.detectionModelPath, options.meshModelPath})
+        networks.push_back(Network::make(readModel(path).value()).value());
+    for (auto _ : state) {
+        for (const auto& network : networks) network->borrow().run();
     }
 }
 
@@ -101,13 +109,13 @@ std::optional<rules::FaceMeasures> measuresOf(const std::vector<FaceObservation>
 std::vector<Portrait> portraits(const std::string& folder) {
     std::vector<Portrait> result{samplePortrait()};
     if (folder.empty()) return result;
-    const auto detector = hog::makeSequenceRequestHandler();
+    const Adapter adapter = kKinds[0].make();
     std::vector<std::filesystem::path> files;
     for (const auto& entry : std::filesystem::directory_iterator(folder)) files.push_back(entry.path());
     std::sort(files.begin(), files.end());
     for (const auto& file : files) {
         Picture picture = loadPicture(file);
-        const auto faces = Adapter{detector, nullptr}.frame(toBgra(picture));
+        const auto faces = adapter.frame(toBgra(picture));
         if (faces.size() != 1) continue;
         const Rect& box = faces[0].boundingBox;
         const auto& contour = faces[0].landmarks->faceContour->normalizedPoints;
@@ -281,43 +289,6 @@ void printYawJitter(const std::vector<Portrait>& all) {
     }
 }
 
-void printDecisions(const std::vector<Portrait>& all) {
-    struct Decision {
-        const char* name;
-        bool (*of)(const rules::FaceMeasures&);
-        int same = 0;
-    };
-    Decision decisions[] = {
-        {"roll", [](const rules::FaceMeasures& m) { return m.rollRatio > m.rollLimit; }},
-        {"yaw", [](const rules::FaceMeasures& m) { return m.yawRatio > m.yawLimit; }},
-        {"pitch", [](const rules::FaceMeasures& m) { return m.pitchRatio < m.pitchLow || m.pitchRatio > m.pitchHigh; }},
-        {"closer", [](const rules::FaceMeasures& m) { return m.horizontalFill < m.minFill; }},
-        {"too close", [](const rules::FaceMeasures& m) { return m.horizontalFill > m.maxFill; }},
-    };
-    int frames = 0;
-    double fill = 0.0;
-    const Adapter ours = kKinds[0].make();
-    const Adapter theirs = kKinds[2].make();
-    for (const Portrait& portrait : all) {
-        for (const double jaw : {0.42, 0.5, 0.58, 0.66, 0.74}) {
-            for (const double roll : {-12.0, 0.0, 6.0}) {
-                const auto buffer = toBgra(
-                    withNoise(frameOf(720, 1280, {Person{.y = 0.46, .jaw = jaw, .roll = roll}}, portrait), 3.0, 2));
-                const auto mine = measuresOf(ours.frame(buffer), {720, 1280});
-                const auto other = measuresOf(theirs.frame(buffer), {720, 1280});
-                if (!mine || !other || other->yawRatio > 1.6) continue;  // near-frontal
-                ++frames;
-                fill += mine->horizontalFill - other->horizontalFill;
-                for (Decision& decision : decisions) decision.same += decision.of(*mine) == decision.of(*other) ? 1 : 0;
-            }
-        }
-    }
-    std::printf("\n| decisions like the adapter before, of %d frames |  |\n|---|---|\n", frames);
-    for (const Decision& decision : decisions)
-        std::printf("| %s | %.3f |\n", decision.name, static_cast<double>(decision.same) / frames);
-    std::printf("| fill, mean difference | %.4f |\n", fill / frames);
-}
-
 double milliseconds(std::chrono::steady_clock::time_point since) {
     return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - since).count();
 }
@@ -345,9 +316,9 @@ int main(int argc, char** argv) {
         const auto small = toBgra(frameOf(720, 1280, {Person{}}));
         const auto large = to420v(frameOf(1080, 1920, {Person{}}));
         printStart(kKinds[0], small, large);
-        printStart(kKinds[2], small, large);
     }
     std::vector<bench::Ratio> ratios;
+    benchmark::RegisterBenchmark("networks", networksAlone)->Unit(benchmark::kMillisecond);
     for (const auto& [width, height] : {std::pair{720, 1280}, {1080, 1920}}) {
         for (const bool yuv : {false, true}) {
             const std::string frame =
@@ -355,8 +326,8 @@ int main(int argc, char** argv) {
             for (const Kind& kind : kKinds) {
                 benchmark::RegisterBenchmark((frame + kind.name).c_str(), visionStep, kind, width, height, yuv)
                     ->Unit(benchmark::kMillisecond);
-                if (&kind != &kKinds[2])
-                    ratios.push_back({frame + kind.name + " against dlib", frame + kind.name, frame + "dlib", 1.3});
+                ratios.push_back(
+                    {frame + kind.name + " against the networks alone", frame + kind.name, "networks", 1.5});
             }
         }
     }
@@ -366,7 +337,6 @@ int main(int argc, char** argv) {
     const auto all = portraits(folder);
     std::printf("\n%zu portraits\n", all.size());
     printYawJitter(all);
-    printDecisions(all);
     printDetectionRates(all);
     printSecondFaces(all);
     printStills(all);

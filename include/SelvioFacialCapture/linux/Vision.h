@@ -45,7 +45,8 @@ void preloadVisionModels(const VisionOptions& options = {});
 ///
 /// An observation's box is an upright square around brows, chin and jaw that may reach beyond the frame. A tilted face
 /// is found up to 90 degrees. The same frame gives the same points, whatever came before it; only whether a small face
-/// is seen depends on the last half second.
+/// is seen depends on the last half second. The first frame, and the first of another size or orientation, is searched
+/// as a still picture is: for faces from 6 % of its width on.
 [[nodiscard]] std::shared_ptr<SequenceRequestHandler> makeSequenceRequestHandler(const VisionOptions& options = {});
 
 /// A detector of faces and smiles in single pictures. Loads the models as above; without them it finds nothing. A

@@ -10,8 +10,8 @@ namespace {
 constexpr int kSide = 128;               // of the network's input, pixels
 constexpr std::size_t kBoxNumbers = 16;  // middle, size and six points, x and y each
 constexpr double kLeastScore = 0.5;
-// The mean of what overlaps the surest answer is steadier when it does not jump with answers around the least score.
-constexpr double kLeastScoreInMean = 0.2;
+// Answers count in the mean by how far their scores lie above this, so that none comes in or goes out with a jump.
+constexpr double kNoWeight = 0.1;
 constexpr double kSameFaceOverlap = 0.3;
 constexpr float kBlack = -1.0F;
 
@@ -27,13 +27,13 @@ std::vector<Point> anchors() {
     return result;
 }
 
-/// The mean of candidates, weighted by their scores, under the best score.
+/// The mean of candidates under the best score.
 FaceCandidate meanOf(const std::vector<FaceCandidate>& same) {
     FaceCandidate mean;
     double sum = 0.0;
-    for (const FaceCandidate& one : same) sum += one.score;
+    for (const FaceCandidate& one : same) sum += one.score - kNoWeight;
     for (const FaceCandidate& one : same) {
-        const double weight = one.score / sum;
+        const double weight = (one.score - kNoWeight) / sum;
         const auto add = [&](Point& to, Point p) { to = {to.x + weight * p.x, to.y + weight * p.y}; };
         mean.score = std::max(mean.score, one.score);
         mean.box.x += weight * one.box.x;
@@ -79,7 +79,7 @@ std::vector<FaceCandidate> FaceDetection::find(PictureSampler& picture, const Vi
         run.run();
         const auto boxes = run.output(0);
         const auto scores = run.output(1);
-        const double leastLogit = std::log(kLeastScoreInMean / (1.0 - kLeastScoreInMean));
+        const double leastLogit = std::log(kNoWeight / (1.0 - kNoWeight));
         for (std::size_t i = 0; i < anchors_.size(); ++i) {
             if (!(scores[i] >= leastLogit)) continue;
             const auto numbers = boxes.subspan(i * kBoxNumbers, kBoxNumbers);

@@ -10,6 +10,8 @@ namespace {
 // Sides of the squares in which single pictures are searched for small faces, in shares of the picture's width. A face
 // is found from 15 % of a square's side on, so these lead down to 6 % of the width.
 constexpr std::array<double, 2> kPictureSquares{0.62, 0.36};
+// How sure the detection must be there: so many squares show it much that resembles a face.
+constexpr double kLeastScoreOfSmallest = 0.65;
 constexpr double kLeastSquare = 128.0;  // pixels: one of the network's for each of the picture's
 constexpr int kMostSquares = 72;        // of one size
 
@@ -19,8 +21,7 @@ constexpr double kSquareOverlap = 0.35;
 // Looking again: side of the square in sides of the face.
 constexpr double kAgainSquare = 3.0;
 
-constexpr std::size_t kMostFacesOfFrame = 8;
-constexpr std::size_t kMostFacesOfPicture = 32;
+constexpr std::size_t kMostFaces = 32;
 
 /// Whether two boxes show one face: the smaller one may be a part of it.
 bool same(const Rect& a, const Rect& b) {
@@ -59,7 +60,11 @@ std::vector<FaceCandidate> VisionEngine::glance() {
                                     {{size.width / 2.0, size.height / 2.0}, std::max(size.width, size.height)});
 }
 
-void VisionEngine::searchSquares(double side, std::vector<FaceCandidate>& known) {
+double VisionEngine::shorterSide() const {
+    return std::min(picture_.viewSize().width, picture_.viewSize().height);
+}
+
+void VisionEngine::searchSquares(double side, double leastScore, std::vector<FaceCandidate>& known) {
     const Size size = picture_.viewSize();
     side = std::max(side, kLeastSquare);
     while (squaresAlong(size.width, side) * squaresAlong(size.height, side) > kMostSquares) side *= 1.2;
@@ -80,7 +85,7 @@ void VisionEngine::searchSquares(double side, std::vector<FaceCandidate>& known)
                                  (column + 1 < columns && box.x + box.width > centre.x + side / 2.0) ||
                                  (row > 0 && box.y < centre.y - side / 2.0) ||
                                  (row + 1 < rows && box.y + box.height > centre.y + side / 2.0);
-                if (!cut) found.push_back(face);
+                if (!cut && face.score >= leastScore) found.push_back(face);
             }
         }
     }
@@ -99,13 +104,17 @@ std::optional<FaceCandidate> VisionEngine::lookAgain(const FaceCandidate& before
     return std::nullopt;
 }
 
+void VisionEngine::searchForTheSmallest(std::vector<FaceCandidate>& known) {
+    for (const double share : kPictureSquares)
+        searchSquares(share * picture_.viewSize().width, kLeastScoreOfSmallest, known);
+}
+
 std::vector<FoundFace> VisionEngine::findInPicture(const PixelBuffer& buffer, ViewTransform view) {
     picture_.take(buffer, view);
-    const Size size = picture_.viewSize();
     auto candidates = glance();
-    searchSquares(std::min(size.width, size.height), candidates);
-    for (const double share : kPictureSquares) searchSquares(share * size.width, candidates);
-    return withLandmarks(candidates, kMostFacesOfPicture);
+    searchSquares(shorterSide(), 0.0, candidates);
+    searchForTheSmallest(candidates);
+    return withLandmarks(candidates);
 }
 
 std::vector<FoundFace> VisionEngine::findInSequence(const PixelBuffer& buffer, ViewTransform view,
@@ -117,10 +126,11 @@ std::vector<FoundFace> VisionEngine::findInSequence(const PixelBuffer& buffer, V
     if (!goesOn || ++sequence_->framesSinceWidePass >= kFramesBetweenWidePasses ||
         now - sequence_->lastWidePass >= kTimeBetweenWidePasses) {
         sequence_ = Sequence{view, buffer.width(), buffer.height(), 0, now, {}};
-        const std::size_t seen = candidates.size();
-        const Size size = picture_.viewSize();
-        searchSquares(std::min(size.width, size.height), candidates);
-        sequence_->small.assign(candidates.begin() + static_cast<std::ptrdiff_t>(seen), candidates.end());
+        const auto seen = static_cast<std::ptrdiff_t>(candidates.size());
+        searchSquares(shorterSide(), 0.0, candidates);
+        sequence_->small.assign(candidates.begin() + seen, candidates.end());
+        // What begins a sequence may as well be a picture that stands alone.
+        if (!goesOn) searchForTheSmallest(candidates);
     } else {
         std::vector<FaceCandidate> stillThere;
         for (const auto& before : sequence_->small) {
@@ -132,10 +142,10 @@ std::vector<FoundFace> VisionEngine::findInSequence(const PixelBuffer& buffer, V
         }
         sequence_->small = std::move(stillThere);
     }
-    return withLandmarks(candidates, kMostFacesOfFrame);
+    return withLandmarks(candidates);
 }
 
-std::vector<FoundFace> VisionEngine::withLandmarks(const std::vector<FaceCandidate>& candidates, std::size_t most) {
+std::vector<FoundFace> VisionEngine::withLandmarks(const std::vector<FaceCandidate>& candidates) {
     std::vector<FoundFace> faces;
     for (const auto& candidate : candidates) {
         auto mesh = models_->mesh->find(picture_, squareAround(candidate));
@@ -146,7 +156,7 @@ std::vector<FoundFace> VisionEngine::withLandmarks(const std::vector<FaceCandida
         // Two candidates may be parts of one face.
         if (std::none_of(faces.begin(), faces.end(), [&](const auto& other) { return same(other.box, face.box); }))
             faces.push_back(face);
-        if (faces.size() == most) break;
+        if (faces.size() == kMostFaces) break;
     }
     return faces;
 }

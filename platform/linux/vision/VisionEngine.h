@@ -20,9 +20,9 @@ struct VisionModels {
 };
 
 /// Finds faces: in every picture at a glance (from about 27 % of the view's shorter side on), and in overlapping
-/// squares that show smaller ones, in single pictures down to 6 %, in a sequence now and then down to 15 %. A small
-/// face that was seen in a sequence is looked for again at its place until the next such pass. Nothing else is carried
-/// from frame to frame, so nothing lags. One thread at a time.
+/// squares that show smaller ones: in single pictures and where a sequence begins down to 6 %, in a sequence now and
+/// then down to 15 %. A small face that such a pass found is looked for again at its place until the next one. Nothing
+/// else is carried from frame to frame, so nothing lags. One thread at a time.
 class VisionEngine {
 public:
     /// How often smaller faces are sought in a sequence: after this many frames or this much time, whichever comes
@@ -52,9 +52,12 @@ private:
 
     [[nodiscard]] std::vector<FaceCandidate> glance();
     /// Adds what squares of this side show and is not among `known`.
-    void searchSquares(double side, std::vector<FaceCandidate>& known);
+    void searchSquares(double side, double leastScore, std::vector<FaceCandidate>& known);
+    /// Adds what the squares for single pictures show.
+    void searchForTheSmallest(std::vector<FaceCandidate>& known);
+    [[nodiscard]] double shorterSide() const;
     [[nodiscard]] std::optional<FaceCandidate> lookAgain(const FaceCandidate& before);
-    [[nodiscard]] std::vector<FoundFace> withLandmarks(const std::vector<FaceCandidate>& candidates, std::size_t most);
+    [[nodiscard]] std::vector<FoundFace> withLandmarks(const std::vector<FaceCandidate>& candidates);
 
     const std::shared_ptr<const VisionModels> models_;
     const bool refine_;
