@@ -8,7 +8,6 @@
 #include <SelvioFacialCapture/rules/FaceChecks.h>
 
 #include "platform/linux/vision/Network.h"
-#include "support/Resources.h"
 #include "vision/TestPictures.h"
 
 #include <SelvioFacialCapture/linux/Vision.h>
@@ -19,11 +18,21 @@
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <numeric>
 #include <random>
 #include <string>
 
 namespace {
+
+long residentKilobytes() {
+    std::ifstream status("/proc/self/status");
+    long kilobytes = 0;
+    for (std::string word; status >> word;) {
+        if (word == "VmRSS:") status >> kilobytes;
+    }
+    return kilobytes;
+}
 
 using namespace selvio;
 using namespace selvio::test;
@@ -296,14 +305,14 @@ double milliseconds(std::chrono::steady_clock::time_point since) {
 /// From the start of loading to the first judged frame, and the memory that stays.
 void printStart(const Kind& kind, const std::shared_ptr<const PixelBuffer>& small,
                 const std::shared_ptr<const PixelBuffer>& large) {
-    const long before = Resources::now().kilobytes;
+    const long before = residentKilobytes();
     const auto start = std::chrono::steady_clock::now();
     const Adapter adapter = kind.make();
     (void)adapter.step(small);
     const double first = milliseconds(start);
     for (int i = 0; i < 30; ++i) (void)adapter.step(i % 2 == 0 ? small : large);
     std::printf("%s: first frame judged %.0f ms after loading began, %.1f MiB more in use after 31 frames\n", kind.name,
-                first, static_cast<double>(Resources::now().kilobytes - before) / 1024.0);
+                first, static_cast<double>(residentKilobytes() - before) / 1024.0);
 }
 
 }  // namespace
