@@ -308,11 +308,17 @@ TEST(Capture, ManyStartsAndStopsLeaveNothingBehind) {
     };
     cycle(50);  // GStreamer keeps a few threads for the next time
     const auto before = Resources::now();
-    cycle(1000);
+    // The number of blocks goes up and down by a thousand, however many cycles there are.
+    const int many = before.blocks == 0 ? 1000 : 6000;  // a sanitizer counts leaks itself
+    cycle(many);
+    // GStreamer's threads may still be at their end.
+    const auto patience = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (Resources::now().threads > before.threads + 2 && std::chrono::steady_clock::now() < patience)
+        std::this_thread::yield();
     const auto after = Resources::now();
     EXPECT_LE(after.threads, before.threads + 2);
     EXPECT_LE(after.descriptors, before.descriptors);
-    EXPECT_LT(after.blocks - before.blocks, 500) << "less than one block a cycle";
+    EXPECT_LT(after.blocks - before.blocks, many / 2) << "less than one block every second cycle";
 }
 
 }  // namespace

@@ -61,12 +61,8 @@ TEST(PipeWireSession, ACaptureEndsWithPhotographRecordAndRecording) {
     EXPECT_EQ(video.value("width", 0), 720);
     EXPECT_EQ(video.value("height", 0), 1280);
     EXPECT_GT(numberIn(video, "duration"), 1.5);
-#if defined(__SANITIZE_THREAD__)
-    constexpr int kFewFrames = 5;  // many times slower
-#else
-    constexpr int kFewFrames = 15;  // how many depends on how busy the machine is
-#endif
-    EXPECT_GT(std::stoi(video.value("nb_read_frames", "0")), kFewFrames);
+    // How many there are depends on how busy the machine is.
+    EXPECT_GT(std::stoi(video.value("nb_read_frames", "0")), 5);
     EXPECT_EQ(audio.value("codec_name", ""), "aac");
     EXPECT_NEAR(numberIn(audio, "start_time") + numberIn(audio, "duration"),
                 numberIn(video, "start_time") + numberIn(video, "duration"), 0.25);

@@ -79,10 +79,9 @@ std::optional<Bytes> makeExifSegment(const ExifProperties& properties) {
     unsigned char* bytes = nullptr;
     unsigned size = 0;
     if (made) exif_data_save_data(data.get(), &bytes, &size);
-    std::optional<Bytes> segment;
-    if (bytes != nullptr && size > 0 && size <= kLongestSegment) segment.emplace(bytes, bytes + size);
-    std::free(bytes);
-    return segment;
+    const std::unique_ptr<unsigned char, decltype(&std::free)> saved(bytes, &std::free);
+    if (!saved || size == 0 || size > kLongestSegment) return std::nullopt;
+    return Bytes(bytes, bytes + size);
 }
 
 std::optional<ExifProperties> readExifSegment(std::span<const std::uint8_t> segment) {
