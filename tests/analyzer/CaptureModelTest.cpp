@@ -399,9 +399,14 @@ private:
 
 TEST(Capture, TheAnalyzerDoesWhatTheModelDoes) {
     std::set<std::string> outcomes;
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    constexpr unsigned kCaptures = 80;  // many times slower
+#else
+    constexpr unsigned kCaptures = 800;
+#endif
     const char* only = std::getenv("SEED");
     const unsigned from = only ? static_cast<unsigned>(std::atoi(only)) : 0;
-    for (unsigned seed = from; seed < (only ? from + 1 : 800) && !HasFailure(); ++seed) {
+    for (unsigned seed = from; seed < (only ? from + 1 : kCaptures) && !HasFailure(); ++seed) {
         SCOPED_TRACE(::testing::Message() << "seed " << seed);
         const Scenario scenario(seed, outcomes);
     }
