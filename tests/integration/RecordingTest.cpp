@@ -250,9 +250,9 @@ TEST(Recording, ManyStartsAndStopsLeaveNothingBehind) {
     const auto cycle = [&](int times, bool record) {
         rig.camera->parameters()->setRecordVideo(record);
         for (; times > 0; --times) {
-            const int before = rig.frames;
             rig.start();
-            const int enough = before + (record ? 3 : 1);  // the first may be older than the recording
+            // A recording begins after some frames on a busy machine, and has no room for others at first.
+            const int enough = rig.frames + (record ? 10 : 1);
             ASSERT_TRUE(Rig::waitFor([&] { return rig.frames >= enough; }));
             if (record) {
                 ASSERT_TRUE(rig.stopAndReceive());
