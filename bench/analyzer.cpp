@@ -12,8 +12,8 @@
 #include <vector>
 
 #include <SelvioFacialCapture/rules/FaceChecks.h>
-#include "analyzer/rules/GoodFrameGate.h"
 #include <SelvioFacialCapture/rules/PreviewGeometry.h>
+#include "analyzer/rules/GoodFrameGate.h"
 #include "support/FakeDevice.h"
 #include "support/FakeVision.h"
 #include "support/ManualQueue.h"

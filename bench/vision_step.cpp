@@ -4,8 +4,8 @@
 //
 // Prints start and memory, the times and their ratios, then what the speed must not cost: how still the yaw ratio is
 // and which faces are found, for one look at each face and for two.
-#include "Ratios.h"
 #include <SelvioFacialCapture/rules/FaceChecks.h>
+#include "Ratios.h"
 
 #include "platform/linux/vision/Network.h"
 #include "vision/TestPictures.h"

@@ -63,10 +63,10 @@ public:
     /// Orientation to angle: 1 π/2, 2 -π/2, 3 0, 4 π, anything else 0.
     static std::optional<Image> imageFromUIImage(const std::optional<Image>& image, std::int64_t orientation);
 
-    /// A deep copy: same size, format and pixels. It has the source's row lengths too, in one block copy a plane, unless
-    /// these take more memory than rows rounded up to 64 bytes: a part of a larger picture is copied row by row into
-    /// compact rows. Nothing behind the last sample of a plane is read. The overload with a pool takes the memory from
-    /// it, so that a steady stream of frames allocates no pixel memory. If no buffer can be had, logs
+    /// A deep copy: same size, format and pixels. It has the source's row lengths too, in one block copy a plane,
+    /// unless these take more memory than rows rounded up to 64 bytes: a part of a larger picture is copied row by row
+    /// into compact rows. Nothing behind the last sample of a plane is read. The overload with a pool takes the memory
+    /// from it, so that a steady stream of frames allocates no pixel memory. If no buffer can be had, logs
     /// "RBGBuffereCopyWithPixelBuffer :: failed" and returns null.
     static std::shared_ptr<PixelBuffer> copyPixelBuffer(const std::shared_ptr<const PixelBuffer>& pixelBuffer);
     static std::shared_ptr<PixelBuffer> copyPixelBuffer(const std::shared_ptr<const PixelBuffer>& pixelBuffer,

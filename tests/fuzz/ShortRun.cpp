@@ -30,7 +30,11 @@ void mutate(std::string& file, std::mt19937& random) {
             file[at] = static_cast<char>(file[at] ^ (1U << random() % 8));
             break;
         case 2: {
-            const std::uint32_t values[] = {0,       1, 0x7FFFFFFF, 0xFFFFFFFF, static_cast<std::uint32_t>(file.size()),
+            const std::uint32_t values[] = {0,
+                                            1,
+                                            0x7FFFFFFF,
+                                            0xFFFFFFFF,
+                                            static_cast<std::uint32_t>(file.size()),
                                             static_cast<std::uint32_t>(random())};
             const auto& value = values[random() % std::size(values)];
             if (left >= sizeof value) std::memcpy(&file[at], &value, sizeof value);
