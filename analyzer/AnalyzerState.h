@@ -147,6 +147,7 @@ struct SelvioFacialCaptureAnalyzer::State : std::enable_shared_from_this<State> 
 
     [[nodiscard]] selvio::rules::GateFlags gateFlags() const;
     [[nodiscard]] bool canAnalyze() const;
+    [[nodiscard]] std::uint32_t exifOrientationOfDevice() const;
 
     const selvio::Platform platform;
     const selvio::InterfaceOrientation statusbarOrientation;

@@ -4,7 +4,6 @@
 #include <utility>
 
 #include "analyzer/AnalyzerState.h"
-#include "analyzer/rules/DeviceOrientation.h"
 
 using namespace selvio;
 using Analyzer = SelvioFacialCaptureAnalyzer;
@@ -72,8 +71,7 @@ void Analyzer::State::analyzeHeldFrame(HeldFrame& held) {
                                     .height = static_cast<double>(pixelBuffer->height())});
         }
     }
-    exifOrientation =
-        rules::exifOrientationFor(platform.device ? platform.device->orientation() : DeviceOrientation::Unknown);
+    exifOrientation = exifOrientationOfDevice();
     detectFaces(*sequenceRequestHandler, pixelBuffer, exifOrientation, frame, &held);
 }
 

@@ -347,8 +347,11 @@ std::uint32_t Analyzer::exifOrientationForDeviceOrientation(DeviceOrientation or
 }
 
 std::uint32_t Analyzer::exifOrientationForCurrentDeviceOrientation() const {
-    const auto& device = state_->platform.device;
-    return rules::exifOrientationFor(device ? device->orientation() : DeviceOrientation::Unknown);
+    return state_->exifOrientationOfDevice();
+}
+
+std::uint32_t Analyzer::State::exifOrientationOfDevice() const {
+    return rules::exifOrientationFor(platform.device ? platform.device->orientation() : DeviceOrientation::Unknown);
 }
 
 std::uint32_t Analyzer::cgOrientationFrom(ImageOrientation orientation) {
