@@ -93,11 +93,9 @@ struct SelvioFacialCaptureAnalyzer::State : std::enable_shared_from_this<State> 
     void analyzeHeldFrame(HeldFrame& held);
     void analyzeImageAtPath(const std::string& path);
     [[nodiscard]] Results replaceResultsByCopy(Run run);
-    void detectFaces(selvio::SequenceRequestHandler& handler,
-                     const std::shared_ptr<const selvio::PixelBuffer>& pixelBuffer, std::uint32_t orientation,
-                     const Frame& frame, HeldFrame* held);
-    void judgeDetection(const selvio::FaceLandmarksRequest& request, const std::optional<selvio::Error>& error,
-                        Frame frame);
+    void detectFaces(selvio::SequenceRequestHandler& handler, selvio::FaceLandmarksRequest request, const Frame& frame,
+                     HeldFrame* held);
+    void judgeDetection(const selvio::FaceLandmarksResult& found, Frame frame);
     void reportBadFrame(const Frame& frame, const Statuses& statuses, Step report);
     void gateGoodFrame(const Frame& frame);
     void testSmile(const Frame& frame);  // global queue

@@ -4,15 +4,14 @@
 using namespace selvio;
 using Analyzer = SelvioFacialCaptureAnalyzer;
 
-void Analyzer::State::judgeDetection(const FaceLandmarksRequest& request, const std::optional<Error>& error,
-                                     Frame frame) {
+void Analyzer::State::judgeDetection(const FaceLandmarksResult& found, Frame frame) {
     const auto settings = mutex.get(parameters);
     if (gateFlags().anySet() || !isCurrent(frame.run) || !settings) return;
     if (!frame.results) frame.results = replaceResultsByCopy(frame.run);  // a still image
     if (!frame.results) return;
-    if (error) log("Detect face request error: " + error->localizedDescription);
-    const auto judged = rules::judgeFaces(request.results().value_or(std::vector<FaceObservation>()),
-                                          mutex.get(geometry), rules::limitsOf(*settings), shouldHoldStill);
+    if (found.error) log("Detect face request error: " + found.error->localizedDescription);
+    const auto judged =
+        rules::judgeFaces(found.observations, mutex.get(geometry), rules::limitsOf(*settings), shouldHoldStill);
     if (judged.face) {
         frame.results->setFaceRect(judged.face->rect);
         frame.results->setFaceContourPoints(judged.face->points.contour);

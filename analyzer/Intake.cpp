@@ -72,7 +72,8 @@ void Analyzer::State::analyzeHeldFrame(HeldFrame& held) {
         }
     }
     exifOrientation = exifOrientationOfDevice();
-    detectFaces(*sequenceRequestHandler, pixelBuffer, exifOrientation, frame, &held);
+    detectFaces(*sequenceRequestHandler, {.pixelBuffer = pixelBuffer, .exifOrientation = exifOrientation}, frame,
+                &held);
 }
 
 // The newest results, in an object that no delegate has been given.
@@ -97,20 +98,16 @@ void Analyzer::State::analyzeImageAtPath(const std::string& path) {
     history.append(*frame.image, kStillHistoryLimit);
     // A handler of its own: one handler serves one thread at a time, and the other one is the analysis queue's.
     if (const auto handler = platform.makeSequenceRequestHandler())
-        detectFaces(*handler, pixels, kStillImageOrientation, frame, nullptr);
+        detectFaces(*handler, {.pixelBuffer = pixels, .exifOrientation = kStillImageOrientation, .isStillImage = true},
+                    frame, nullptr);
 }
 
-void Analyzer::State::detectFaces(SequenceRequestHandler& handler,
-                                  const std::shared_ptr<const PixelBuffer>& pixelBuffer, std::uint32_t orientation,
-                                  const Frame& frame, HeldFrame* held) {
-    // The handler calls back before it returns.
-    const auto request = std::make_shared<FaceLandmarksRequest>(
-        [this, &frame, held](const FaceLandmarksRequest& done, const std::optional<Error>& error) {
-            // The frame goes before its result is judged, so that the next one may come in meanwhile.
-            if (held) held->release();
-            judgeDetection(done, error, frame);
-        });
-    request->setRevision(landmarksRevision(platform.serviceLevel));
-    const auto error = handler.performRequests({request}, pixelBuffer, orientation);
-    if (error) log("SequenceRequestHandler couldn't perform requests: " + error->localizedDescription);
+void Analyzer::State::detectFaces(SequenceRequestHandler& handler, FaceLandmarksRequest request, const Frame& frame,
+                                  HeldFrame* held) {
+    request.revision = landmarksRevision(platform.serviceLevel);
+    const auto found = handler.perform(request);
+    if (!found) return log("SequenceRequestHandler couldn't perform requests: " + found.error().localizedDescription);
+    // The frame goes before its result is judged, so that the next one may come in meanwhile.
+    if (held) held->release();
+    judgeDetection(found.value(), frame);
 }

@@ -42,12 +42,7 @@ struct Adapter {
     std::shared_ptr<FaceDetector> smiles;
 
     std::vector<FaceObservation> frame(const std::shared_ptr<const PixelBuffer>& buffer) const {
-        const auto request = std::make_shared<FaceLandmarksRequest>(nullptr);
-        if (const auto error = handler->performRequests({request}, buffer, 5)) {
-            std::fprintf(stderr, "%s\n", error->localizedDescription.c_str());
-            std::exit(5);
-        }
-        return request->results().value_or(std::vector<FaceObservation>{});
+        return answered(handler->perform({.pixelBuffer = buffer, .exifOrientation = 5}));
     }
     /// Landmarks of the frame, then the smile of the same frame.
     std::vector<FaceObservation> step(const std::shared_ptr<const PixelBuffer>& buffer) const {
@@ -55,8 +50,16 @@ struct Adapter {
         benchmark::DoNotOptimize(smiles->featuresInImage({.bitmap = buffer}, true));
         return faces;
     }
-    std::vector<FaceFeature> picture(const std::shared_ptr<const PixelBuffer>& buffer) const {
-        return smiles->featuresInImage({.bitmap = buffer}, false);
+    std::vector<FaceObservation> stillImage(const std::shared_ptr<const PixelBuffer>& buffer) const {
+        return answered(handler->perform({.pixelBuffer = buffer, .exifOrientation = 5, .isStillImage = true}));
+    }
+
+    static std::vector<FaceObservation> answered(Expected<FaceLandmarksResult> result) {
+        if (!result) {
+            std::fprintf(stderr, "%s\n", result.error().localizedDescription.c_str());
+            std::exit(5);
+        }
+        return std::move(result.value().observations);
     }
 };
 
@@ -81,9 +84,16 @@ void visionStep(benchmark::State& state, const Kind& kind, int width, int height
     const Picture picture = frameOf(width, height, {Person{}});
     const auto buffer = yuv ? to420v(picture) : toBgra(picture);
     const Adapter adapter = kind.make();
+    (void)adapter.step(buffer);
     for (auto _ : state) {
         if (adapter.step(buffer).size() != 1) state.SkipWithError("the face was not found");
     }
+}
+
+void stillImage(benchmark::State& state, int width, int height) {
+    const auto buffer = toBgra(frameOf(width, height, {Person{}}));
+    const Adapter adapter = kKinds[0].make();
+    for (auto _ : state) benchmark::DoNotOptimize(adapter.stillImage(buffer));
 }
 
 /// What no arrangement around them can save: one run of each network.
@@ -245,8 +255,9 @@ void printStills(const std::vector<Portrait>& all) {
             }
             char title[60];
             std::snprintf(title, sizeof title, "%dx%d, %.0f %% of the width", width, height, jaw * 100);
-            printRow(title, pictures,
-                     [](const Adapter& adapter, const auto& picture) { return adapter.picture(picture).size() == 1; });
+            printRow(title, pictures, [](const Adapter& adapter, const auto& picture) {
+                return adapter.stillImage(picture).size() == 1;
+            });
         }
     }
     Buffers groups;
@@ -258,7 +269,7 @@ void printStills(const std::vector<Portrait>& all) {
                            portrait)));
     }
     printRow("four faces, 6 to 20 %", groups,
-             [](const Adapter& adapter, const auto& picture) { return adapter.picture(picture).size() == 4; });
+             [](const Adapter& adapter, const auto& picture) { return adapter.stillImage(picture).size() == 4; });
 }
 
 /// The same face moved by fractions of a pixel, with sensor noise. Frontal portraits only: the ratio of a turned head
@@ -325,6 +336,10 @@ int main(int argc, char** argv) {
         const auto small = toBgra(frameOf(720, 1280, {Person{}}));
         const auto large = to420v(frameOf(1080, 1920, {Person{}}));
         printStart(kKinds[0], small, large);
+    }
+    for (const auto& [width, height] : {std::pair{720, 1280}, {1600, 1200}, {3000, 4000}}) {
+        const std::string name = "still image " + std::to_string(width) + "x" + std::to_string(height);
+        benchmark::RegisterBenchmark(name.c_str(), stillImage, width, height)->Unit(benchmark::kMillisecond);
     }
     std::vector<bench::Ratio> ratios;
     benchmark::RegisterBenchmark("networks", networksAlone)->Unit(benchmark::kMillisecond);

@@ -30,14 +30,11 @@ Expected<Verdict> judge(const std::string& path, const Platform& platform, const
     screen.setScreen(size);
     screen.setResolution(size);
 
-    std::optional<Error> failed;
-    const auto request = std::make_shared<FaceLandmarksRequest>(
-        [&failed](const FaceLandmarksRequest&, const std::optional<Error>& error) { failed = error; });
-    const auto refused =
-        platform.makeSequenceRequestHandler()->performRequests({request}, picture.value(), kUprightMirrored);
-    if (refused) return *refused;
-    if (failed) return *failed;
-    const auto faces = request->results().value_or(std::vector<FaceObservation>());
+    const auto found = platform.makeSequenceRequestHandler()->perform(
+        {.pixelBuffer = picture.value(), .exifOrientation = kUprightMirrored, .isStillImage = true});
+    if (!found) return found.error();
+    if (found.value().error) return *found.value().error;
+    const auto& faces = found.value().observations;
     Verdict verdict{faces.size(), rules::judgeFaces(faces, screen, limits, /*shouldHoldStill=*/false)};
     if (verdict.judged.statuses.empty()) verdict.judged.statuses = {SelvioFacialCaptureStatusGoodFrame};
     return verdict;

@@ -70,7 +70,7 @@ struct Frame {
 
 /// What the ports answer. The hooks are called once, where a port or the host is called.
 struct World {
-    std::optional<std::vector<FaceObservation>> faces;
+    std::vector<FaceObservation> faces;
     std::optional<Error> requestError, handlerError;
     std::int64_t orientation = 1;
     int smilingFaces = 0, otherFaces = 1;  ///< what the smile test sees
@@ -327,8 +327,8 @@ private:
         if (world.requestError) say("Detect face request error: " + world.requestError->localizedDescription);
         if (still) results = results->withoutSelection();
         const Step step{frameRun, results, frame.mark};
-        if (faces && faces->size() == 1) return judgeFace(faces->front(), step);
-        report(Item::Plain, step, {faces && !faces->empty() ? 2 : 1});
+        if (faces.size() == 1) return judgeFace(faces.front(), step);
+        report(Item::Plain, step, {!faces.empty() ? 2 : 1});
     }
     void report(Item::Kind kind, const Step& step, const std::vector<std::int64_t>& statuses) {
         step.results->setStatuses(statuses);

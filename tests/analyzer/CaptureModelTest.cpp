@@ -58,7 +58,7 @@ public:
         (void)SelvioFacialCaptureUxpEventManager::sharedInstance();
         makeAnalyzer(serviceLevel);
         vision->setDuringRequest([this](const auto& question) {
-            asked.push_back("request " + std::to_string(markOf(question.picture)) + " orientation " +
+            asked.push_back("request " + std::to_string(markOf(question.pixelBuffer)) + " orientation " +
                             std::to_string(question.exifOrientation) + " revision " +
                             std::to_string(question.revision));
             answer(world.duringRequest);
@@ -352,7 +352,7 @@ private:
     template <typename Action>
     Op seeing(const std::string& text, Action action) {
         const double seconds = below(400) * 0.000333;
-        const auto seen = oneIn(30) ? std::nullopt : std::optional(faces());
+        const auto seen = oneIn(30) ? std::vector<FaceObservation>() : faces();
         if (oneIn(3)) smiling_ = below(2);
         const int smiling = smiling_, other = oneIn(10) ? below(3) : 1 - smiling;
         return op(text + (smiling > 0 ? ", smiling" : ""), [=](auto& c) {

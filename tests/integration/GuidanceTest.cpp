@@ -138,11 +138,11 @@ TEST_F(Guidance, EachStatusFlipsWhereTheTrueFaceSaysSo) {
 TEST_F(Guidance, ASteadyFaceUnderSensorNoiseDoesNotFlicker) {
     const auto scene = frames(R"({"at": 0, "visible": true, "center": [0.5, 0.46], "jawWidth": 0.63, "noise": 3})");
     int flickers = 0;
-    for (int i = 0; i < 300; ++i) {
+    for (int i = 0; i < 100; ++i) {
         flickers +=
             judge(scene->frame(std::chrono::milliseconds(33 * i), kWidth, kHeight, kPixelFormat420v)).empty() ? 0 : 1;
     }
-    EXPECT_LE(flickers, 3);
+    EXPECT_LE(flickers, 1);
 }
 
 TEST_F(Guidance, AnEmptySceneAndTwoPeopleAreTold) {

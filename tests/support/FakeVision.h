@@ -13,24 +13,13 @@ namespace selvio {
 /// Answers every request with the observations that were set.
 class FakeSequenceRequestHandler final : public SequenceRequestHandler {
 public:
-    struct Question {
-        std::shared_ptr<const PixelBuffer> picture;
-        std::uint32_t exifOrientation = 0;
-        int revision = 0;
-    };
-
-    std::optional<Error> performRequests(const std::vector<std::shared_ptr<FaceLandmarksRequest>>& requests,
-                                         const std::shared_ptr<const PixelBuffer>& pixelBuffer,
-                                         std::uint32_t exifOrientation) override {
-        for (const auto& request : requests) {
-            if (const auto hook = mutex_.get(duringRequest_)) hook({pixelBuffer, exifOrientation, request->revision()});
-            if (const auto error = mutex_.get(handlerError_)) return error;
-            request->complete(mutex_.get(observations_), mutex_.get(requestError_));
-        }
-        return std::nullopt;
+    Expected<FaceLandmarksResult> perform(const FaceLandmarksRequest& request) override {
+        if (const auto hook = mutex_.get(duringRequest_)) hook(request);
+        if (const auto error = mutex_.get(handlerError_)) return *error;
+        return FaceLandmarksResult{mutex_.get(observations_), mutex_.get(requestError_)};
     }
 
-    void setObservations(std::optional<std::vector<FaceObservation>> observations) {
+    void setObservations(std::vector<FaceObservation> observations) {
         mutex_.set(observations_, std::move(observations));
     }
     /// The request runs, but fails.
@@ -38,14 +27,16 @@ public:
     /// The request cannot be run.
     void setHandlerError(std::optional<Error> error) { mutex_.set(handlerError_, std::move(error)); }
     /// Called first in each request.
-    void setDuringRequest(std::function<void(const Question&)> hook) { mutex_.set(duringRequest_, std::move(hook)); }
+    void setDuringRequest(std::function<void(const FaceLandmarksRequest&)> hook) {
+        mutex_.set(duringRequest_, std::move(hook));
+    }
 
 private:
     MemberMutex mutex_;
-    std::optional<std::vector<FaceObservation>> observations_;  // guarded by mutex_
-    std::optional<Error> requestError_;                         // guarded by mutex_
-    std::optional<Error> handlerError_;                         // guarded by mutex_
-    std::function<void(const Question&)> duringRequest_;        // guarded by mutex_
+    std::vector<FaceObservation> observations_;                       // guarded by mutex_
+    std::optional<Error> requestError_;                               // guarded by mutex_
+    std::optional<Error> handlerError_;                               // guarded by mutex_
+    std::function<void(const FaceLandmarksRequest&)> duringRequest_;  // guarded by mutex_
 };
 
 /// Finds `faces` faces, each with the smile that was set.

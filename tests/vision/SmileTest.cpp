@@ -121,8 +121,7 @@ TEST(FaceDetector, FindsEveryFaceOfAPictureOnce) {
 
 TEST(FaceDetector, ReusesTheFrameThatWasJustExamined) {
     const auto buffer = toBgra(frameOf(360, 640, {Person{.x = 0.4}}));
-    const auto request = std::make_shared<FaceLandmarksRequest>(nullptr);
-    ASSERT_FALSE(makeSequenceRequestHandler()->performRequests({request}, buffer, 5));
+    ASSERT_TRUE(makeSequenceRequestHandler()->perform({.pixelBuffer = buffer, .exifOrientation = 5}));
     // Without a model it can only know the face from there; the view was mirrored, the picture is not.
     const auto detector = detectorWithoutModels();
     const auto faces = detector->featuresInImage({.bitmap = buffer}, true);

@@ -38,15 +38,15 @@ void preloadVisionModels(const VisionOptions& options = {});
 /// Waits until the models are loaded. An error names the file and the script that installs it. Any thread.
 [[nodiscard]] std::optional<Error> waitForVisionModels(const VisionOptions& options = {});
 
-/// A request handler for the frames of one sequence. Starts loading the models as `preloadVisionModels` does and
-/// returns at once; the first request waits for them. Performing fails, without calling a completion handler, when the
-/// models cannot be loaded, when the buffer is null or empty or of an unknown format, and when the orientation is not
+/// A request handler for the frames of one sequence, and for still images. Starts loading the models as
+/// `preloadVisionModels` does and returns at once; the first request waits for them. Performing fails when the models
+/// cannot be loaded, when the buffer is null or empty or of an unknown format, and when the orientation is not
 /// in 1...8. Never null. Any thread; the handler itself serves one thread at a time.
 ///
 /// An observation's box is an upright square around brows, chin and jaw that may reach beyond the frame. A tilted face
 /// is found up to 90 degrees. The same frame gives the same points, whatever came before it; only whether a small face
-/// is seen depends on the last half second. The first frame, and the first of another size or orientation, is searched
-/// as a still picture is: for faces from 6 % of its width on.
+/// is seen depends on the last half second. A sequence is searched for faces from
+/// 15 % of its width on, a still image from 6 %.
 [[nodiscard]] std::shared_ptr<SequenceRequestHandler> makeSequenceRequestHandler(const VisionOptions& options = {});
 
 /// A detector of faces and smiles in single pictures. Loads the models as above; without them it finds nothing. A

@@ -6,10 +6,8 @@
 #include <SelvioFacialCapture/imaging/PixelBuffer.h>
 
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <optional>
-#include <utility>
 #include <vector>
 
 namespace selvio {
@@ -33,43 +31,29 @@ struct FaceObservation {
     std::optional<FaceLandmarks> landmarks;
 };
 
-/// A question for one frame; made anew for each.
-class FaceLandmarksRequest {
-public:
-    /// Called once by the handler, on the thread that performs the request, with the request and the error, if any.
-    using CompletionHandler =
-        std::function<void(const FaceLandmarksRequest& request, const std::optional<Error>& error)>;
-
-    explicit FaceLandmarksRequest(CompletionHandler completion) : completion_(std::move(completion)) {}
-
-    void setRevision(int revision) { revision_ = revision; }
+/// A question for one picture.
+struct FaceLandmarksRequest {
+    std::shared_ptr<const PixelBuffer> pixelBuffer;
+    std::uint32_t exifOrientation = 0;  ///< 1...8
     /// 3: contour of 17 points, outer lips of 14; 2: contour of 11, outer lips of 10 are allowed.
-    [[nodiscard]] int revision() const { return revision_; }
-    /// One observation a face; absent until the request has been performed, or when it failed.
-    [[nodiscard]] const std::optional<std::vector<FaceObservation>>& results() const { return results_; }
-
-    /// For the handler: stores the answer and calls the completion handler.
-    void complete(std::optional<std::vector<FaceObservation>> results,
-                  const std::optional<Error>& error = std::nullopt) {
-        results_ = std::move(results);
-        if (completion_) completion_(*this, error);
-    }
-
-private:
-    CompletionHandler completion_;
-    int revision_ = 3;
-    std::optional<std::vector<FaceObservation>> results_;
+    int revision = 3;
+    /// The picture belongs to no sequence: smaller faces are worth a search that takes longer than a frame may.
+    bool isStillImage = false;
 };
 
-/// Performs requests on the frames of one sequence.
+/// The answer. What was found counts, even when an error ended the search.
+struct FaceLandmarksResult {
+    std::vector<FaceObservation> observations;  ///< one a face
+    std::optional<Error> error;
+};
+
+/// Finds faces in the frames of one sequence and in still images.
 class SequenceRequestHandler {
 public:
     virtual ~SequenceRequestHandler() = default;
-    /// Performs the requests on the calling thread and calls each one's completion handler before it returns. One
-    /// thread at a time. `exifOrientation` is 1...8. An error means that the requests could not be performed at all.
-    virtual std::optional<Error> performRequests(const std::vector<std::shared_ptr<FaceLandmarksRequest>>& requests,
-                                                 const std::shared_ptr<const PixelBuffer>& pixelBuffer,
-                                                 std::uint32_t exifOrientation) = 0;
+    /// Searches the picture on the calling thread. One thread at a time. An error means that the request could not be
+    /// performed at all.
+    [[nodiscard]] virtual Expected<FaceLandmarksResult> perform(const FaceLandmarksRequest& request) = 0;
 };
 
 }  // namespace selvio

@@ -28,12 +28,10 @@ public:
           refine_(options.refineLandmarks),
           clock_(options.clock ? options.clock : std::make_shared<SystemClock>()) {}
 
-    std::optional<Error> performRequests(const std::vector<std::shared_ptr<FaceLandmarksRequest>>& requests,
-                                         const std::shared_ptr<const PixelBuffer>& pixelBuffer,
-                                         std::uint32_t exifOrientation) override {
-        if (auto error = checkBuffer(pixelBuffer.get())) return error;
-        const auto view = viewForExifOrientation(exifOrientation);
-        if (!view) return Error{"There is no EXIF orientation " + std::to_string(exifOrientation)};
+    Expected<FaceLandmarksResult> perform(const FaceLandmarksRequest& request) override {
+        if (auto error = checkBuffer(request.pixelBuffer.get())) return std::move(*error);
+        const auto view = viewForExifOrientation(request.exifOrientation);
+        if (!view) return Error{"There is no EXIF orientation " + std::to_string(request.exifOrientation)};
         std::vector<FoundFace> faces;
         try {
             if (!engine_) {
@@ -41,21 +39,18 @@ public:
                 if (!models) return models.error();
                 engine_.emplace(models.value(), refine_);
             }
-            faces = engine_->findInSequence(*pixelBuffer, *view, clock_->monotonicTime());
-            RecentFaces::shared().add({pixelBuffer, *view, faces});
+            faces = request.isStillImage
+                        ? engine_->findInPicture(*request.pixelBuffer, *view)
+                        : engine_->findInSequence(*request.pixelBuffer, *view, clock_->monotonicTime());
+            RecentFaces::shared().add({request.pixelBuffer, *view, faces});
         } catch (const std::exception& exception) {
             return Error{std::string("The search for faces failed: ") + exception.what()};
         }
-        const Size viewSize = viewSizeOf(*pixelBuffer, *view);
-        for (const auto& request : requests) {
-            if (!request) continue;
-            std::vector<FaceObservation> observations;
-            observations.reserve(faces.size());
-            for (const FoundFace& face : faces)
-                observations.push_back(observationOf(face, viewSize, request->revision()));
-            request->complete(std::move(observations));
-        }
-        return std::nullopt;
+        FaceLandmarksResult result;
+        const Size viewSize = viewSizeOf(*request.pixelBuffer, *view);
+        for (const FoundFace& face : faces)
+            result.observations.push_back(observationOf(face, viewSize, request.revision));
+        return result;
     }
 
 private:
