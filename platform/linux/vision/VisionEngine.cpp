@@ -2,16 +2,18 @@
 
 #include <algorithm>
 #include <cmath>
+#include <numbers>
 #include <utility>
 
 namespace selvio {
 namespace {
 
-// Sides of the squares in which single pictures are searched for small faces, in shares of the picture's width. A face
-// is found from 15 % of a square's side on, so these lead down to 6 % of the width.
-constexpr std::array<double, 2> kPictureSquares{0.62, 0.36};
-// How sure the detection must be there: so many squares show it much that resembles a face.
-constexpr double kLeastScoreOfSmallest = 0.65;
+// Sides of the squares in which small faces are sought, in shares of the picture's width. A face is found for certain
+// from 20 % of a square's side on, and mostly from 15 %.
+constexpr double kSequenceSquares = 0.8;
+constexpr std::array kPictureSquares{0.8, 0.5, 0.32};
+// How sure the detection must be there, and of heads that lie on their side: both show it much that resembles a face.
+constexpr double kLeastScoreOfUnlikely = 0.65;
 constexpr double kLeastSquare = 128.0;  // pixels: one of the network's for each of the picture's
 constexpr int kMostSquares = 72;        // of one size
 
@@ -28,10 +30,6 @@ bool same(const Rect& a, const Rect& b) {
     const double width = std::min(a.x + a.width, b.x + b.width) - std::max(a.x, b.x);
     const double height = std::min(a.y + a.height, b.y + b.height) - std::max(a.y, b.y);
     return width > 0.0 && height > 0.0 && width * height > 0.4 * std::min(a.width * a.height, b.width * b.height);
-}
-
-bool isAmong(const std::vector<FaceCandidate>& known, const FaceCandidate& face) {
-    return std::any_of(known.begin(), known.end(), [&](const auto& other) { return same(other.box, face.box); });
 }
 
 /// How many squares cover a length.
@@ -54,23 +52,13 @@ Rect boxAround(const LandmarkPoints& points) {
 VisionEngine::VisionEngine(std::shared_ptr<const VisionModels> models, bool refine)
     : models_(std::move(models)), refine_(refine) {}
 
-std::vector<FaceCandidate> VisionEngine::glance() {
+std::vector<FaceCandidate> VisionEngine::searchSquares(double share, double leastScore) {
     const Size size = picture_.viewSize();
-    return models_->detection->find(picture_,
-                                    {{size.width / 2.0, size.height / 2.0}, std::max(size.width, size.height)});
-}
-
-double VisionEngine::shorterSide() const {
-    return std::min(picture_.viewSize().width, picture_.viewSize().height);
-}
-
-void VisionEngine::searchSquares(double side, double leastScore, std::vector<FaceCandidate>& known) {
-    const Size size = picture_.viewSize();
-    side = std::max(side, kLeastSquare);
+    double side = std::max(share * size.width, kLeastSquare);
     while (squaresAlong(size.width, side) * squaresAlong(size.height, side) > kMostSquares) side *= 1.2;
     const int columns = squaresAlong(size.width, side);
     const int rows = squaresAlong(size.height, side);
-    if (columns * rows == 1) return;  // no more than the glance shows
+    if (columns * rows == 1) return {};  // no more than the glance shows
     const auto middle = [&](double length, int index, int count) {
         return count == 1 ? length / 2.0 : side / 2.0 + (length - side) * index / (count - 1);
     };
@@ -90,9 +78,7 @@ void VisionEngine::searchSquares(double side, double leastScore, std::vector<Fac
         }
     }
     std::sort(found.begin(), found.end(), [](const auto& a, const auto& b) { return a.score > b.score; });
-    for (const auto& face : found) {
-        if (!isAmong(known, face)) known.push_back(face);
-    }
+    return found;
 }
 
 std::optional<FaceCandidate> VisionEngine::lookAgain(const FaceCandidate& before) {
@@ -104,61 +90,67 @@ std::optional<FaceCandidate> VisionEngine::lookAgain(const FaceCandidate& before
     return std::nullopt;
 }
 
-void VisionEngine::searchForTheSmallest(std::vector<FaceCandidate>& known) {
-    for (const double share : kPictureSquares)
-        searchSquares(share * picture_.viewSize().width, kLeastScoreOfSmallest, known);
-}
-
 std::vector<FoundFace> VisionEngine::findInPicture(const PixelBuffer& buffer, ViewTransform view) {
     picture_.take(buffer, view);
-    auto candidates = glance();
-    searchSquares(shorterSide(), 0.0, candidates);
-    searchForTheSmallest(candidates);
-    return withLandmarks(candidates);
+    auto faces = findAtAGlance();
+    for (const double share : kPictureSquares) {
+        auto small = searchSquares(share, kLeastScoreOfUnlikely);
+        addFaces(small, faces);
+    }
+    return faces;
 }
 
 std::vector<FoundFace> VisionEngine::findInSequence(const PixelBuffer& buffer, ViewTransform view,
                                                     std::chrono::nanoseconds now) {
     picture_.take(buffer, view);
-    auto candidates = glance();
+    auto faces = findAtAGlance();
     const bool goesOn = sequence_ && sequence_->view == view && sequence_->width == buffer.width() &&
                         sequence_->height == buffer.height();
     if (!goesOn || ++sequence_->framesSinceWidePass >= kFramesBetweenWidePasses ||
         now - sequence_->lastWidePass >= kTimeBetweenWidePasses) {
-        sequence_ = Sequence{view, buffer.width(), buffer.height(), 0, now, {}};
-        const auto seen = static_cast<std::ptrdiff_t>(candidates.size());
-        searchSquares(shorterSide(), 0.0, candidates);
-        sequence_->small.assign(candidates.begin() + seen, candidates.end());
-        // What begins a sequence may as well be a picture that stands alone.
-        if (!goesOn) searchForTheSmallest(candidates);
+        sequence_ = Sequence{view, buffer.width(), buffer.height(), 0, now, searchSquares(kSequenceSquares, 0.0)};
     } else {
-        std::vector<FaceCandidate> stillThere;
-        for (const auto& before : sequence_->small) {
-            const auto face = lookAgain(before);
-            if (face && !isAmong(candidates, *face)) {
-                stillThere.push_back(*face);
-                candidates.push_back(*face);
-            }
-        }
-        sequence_->small = std::move(stillThere);
+        std::erase_if(sequence_->small, [this](FaceCandidate& face) {
+            const auto now = lookAgain(face);
+            if (now) face = *now;
+            return !now;
+        });
     }
-    return withLandmarks(candidates);
+    addFaces(sequence_->small, faces);
+    return faces;
 }
 
-std::vector<FoundFace> VisionEngine::withLandmarks(const std::vector<FaceCandidate>& candidates) {
+std::vector<FoundFace> VisionEngine::findAtAGlance() {
     std::vector<FoundFace> faces;
-    for (const auto& candidate : candidates) {
-        auto mesh = models_->mesh->find(picture_, squareAround(candidate));
-        if (mesh && refine_) mesh = models_->mesh->find(picture_, squareAround(*mesh));
-        if (!mesh) continue;
-        FoundFace face{.box = {}, .points = landmarksOf(*mesh)};
-        face.box = boxAround(face.points);
-        // Two candidates may be parts of one face.
-        if (std::none_of(faces.begin(), faces.end(), [&](const auto& other) { return same(other.box, face.box); }))
-            faces.push_back(face);
-        if (faces.size() == kMostFaces) break;
+    // The network learned upright heads: one that lies on its side is upright in a picture that lies on its side too.
+    for (const double quarters : {0.0, 1.0, -1.0}) {
+        const Size size = picture_.viewSize();
+        auto candidates = models_->detection->find(picture_, {{size.width / 2.0, size.height / 2.0},
+                                                              std::max(size.width, size.height),
+                                                              quarters * std::numbers::pi / 2.0});
+        if (quarters != 0.0)
+            std::erase_if(candidates, [](const auto& face) { return face.score < kLeastScoreOfUnlikely; });
+        addFaces(candidates, faces);
+        if (!faces.empty()) break;
     }
     return faces;
+}
+
+void VisionEngine::addFaces(std::vector<FaceCandidate>& candidates, std::vector<FoundFace>& faces) {
+    std::erase_if(candidates, [&](const FaceCandidate& candidate) {
+        const auto isKnown = [&](const Rect& box) {
+            return std::any_of(faces.begin(), faces.end(), [&](const auto& face) { return same(face.box, box); });
+        };
+        if (faces.size() == kMostFaces || isKnown(candidate.box)) return true;
+        auto mesh = models_->mesh->find(picture_, squareAround(candidate));
+        if (mesh && refine_) mesh = models_->mesh->find(picture_, squareAround(*mesh));
+        if (!mesh) return true;
+        FoundFace face{.box = {}, .points = landmarksOf(*mesh)};
+        face.box = boxAround(face.points);
+        if (isKnown(face.box)) return true;  // both are parts of one face
+        faces.push_back(face);
+        return false;
+    });
 }
 
 }  // namespace selvio

@@ -20,9 +20,9 @@ struct VisionModels {
 };
 
 /// Finds faces: in every picture at a glance (from about 27 % of the view's shorter side on), and in overlapping
-/// squares that show smaller ones: in single pictures and where a sequence begins down to 6 %, in a sequence now and
-/// then down to 15 %. A small face that such a pass found is looked for again at its place until the next one. Nothing
-/// else is carried from frame to frame, so nothing lags. One thread at a time.
+/// squares that show smaller ones: in single pictures down to 6 %, in a sequence now and then down to 15 %. A small
+/// face that such a pass found is looked for again at its place until the next one. Nothing else is carried from frame
+/// to frame, so nothing lags. One thread at a time.
 class VisionEngine {
 public:
     /// How often smaller faces are sought in a sequence: after this many frames or this much time, whichever comes
@@ -33,7 +33,7 @@ public:
     /// `refine`: look at each face a second time, in the square that the first look gives.
     VisionEngine(std::shared_ptr<const VisionModels> models, bool refine);
 
-    /// The faces of a picture that stands alone, the largest first. The buffer must be of a known format.
+    /// The faces of a picture that stands alone, those seen at a glance first. The buffer must be of a known format.
     [[nodiscard]] std::vector<FoundFace> findInPicture(const PixelBuffer& buffer, ViewTransform view);
     /// The faces of the next frame of a sequence. `now` is a time that never goes back. A change of size or orientation
     /// starts a new sequence.
@@ -50,14 +50,13 @@ private:
         std::vector<FaceCandidate> small;  ///< what the last wider pass found beyond the glance, at its newest place
     };
 
-    [[nodiscard]] std::vector<FaceCandidate> glance();
-    /// Adds what squares of this side show and is not among `known`.
-    void searchSquares(double side, double leastScore, std::vector<FaceCandidate>& known);
-    /// Adds what the squares for single pictures show.
-    void searchForTheSmallest(std::vector<FaceCandidate>& known);
-    [[nodiscard]] double shorterSide() const;
+    /// The faces that the whole picture shows, or else those of heads that lie on their side.
+    [[nodiscard]] std::vector<FoundFace> findAtAGlance();
+    /// What squares show, by score; their side is a share of the picture's width.
+    [[nodiscard]] std::vector<FaceCandidate> searchSquares(double share, double leastScore);
     [[nodiscard]] std::optional<FaceCandidate> lookAgain(const FaceCandidate& before);
-    [[nodiscard]] std::vector<FoundFace> withLandmarks(const std::vector<FaceCandidate>& candidates);
+    /// Adds the faces among the candidates that are not there yet; takes the other candidates out.
+    void addFaces(std::vector<FaceCandidate>& candidates, std::vector<FoundFace>& faces);
 
     const std::shared_ptr<const VisionModels> models_;
     const bool refine_;
