@@ -66,8 +66,8 @@ TEST(FaceFinding, IsMirroredAndUprightHoweverTheDeviceIsHeld) {
 }
 
 TEST(FaceFinding, FindsOneFaceOverSizesTiltsAndLight) {
-    for (const double jaw : {0.2, 0.3, 0.4, 0.55, 0.7, 0.9}) {
-        for (const double roll : {-90.0, -60.0, -40.0, -10.0, 0.0, 10.0, 40.0, 60.0, 90.0}) {
+    for (const double jaw : {0.2, 0.4, 0.65, 0.9}) {
+        for (const double roll : {-90.0, -40.0, 0.0, 10.0, 60.0}) {
             if (std::abs(roll) > 60 && jaw < 0.4) continue;
             const auto faces =
                 perform(*makeSequenceRequestHandler(), to420v(frameOf(720, 1280, {Person{.jaw = jaw, .roll = roll}})));

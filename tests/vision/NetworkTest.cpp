@@ -2,7 +2,6 @@
 #include "platform/linux/vision/ModelFile.h"
 #include "platform/linux/vision/Network.h"
 #include "support/TemporaryDirectory.h"
-#include "vision/RandomModel.h"
 #include "vision/TinyModel.h"
 
 #include <SelvioFacialCapture/linux/Vision.h>
@@ -23,60 +22,30 @@ Expected<Model> parse(const std::string& file) {
     return parseModel(std::as_bytes(std::span(file)));
 }
 
-TEST(Network, ComputesWhatPlainLoopsDo) {
-    for (unsigned seed = 0; seed < 300; ++seed) {
-        const RandomModel scenario(seed);
-        auto model = parse(TinyModelWriter::write(scenario.file));
-        ASSERT_TRUE(model) << seed << ": " << model.error().localizedDescription;
-        const auto network = Network::make(std::move(model.value()));
-        ASSERT_TRUE(network) << seed << ": " << network.error().localizedDescription;
-        auto run = network.value()->borrow();
-        ASSERT_EQ(run.input().size(), scenario.input.size());
-        std::copy(scenario.input.begin(), scenario.input.end(), run.input().begin());
-        run.run();
-        const auto output = run.output(0);
-        ASSERT_EQ(output.size(), scenario.expected.size());
-        float largest = 1.0F;
-        for (const float value : scenario.expected) largest = std::max(largest, std::abs(value));
-        for (std::size_t i = 0; i < output.size(); ++i)
-            ASSERT_NEAR(output[i], scenario.expected[i], 1e-4F * largest) << seed << " number " << i;
-    }
-}
-
 TEST(Network, ServesSeveralBorrowersAtOnceWithoutMixingThem) {
-    const RandomModel scenario(1);
-    const auto network = Network::make(parse(TinyModelWriter::write(scenario.file)).value()).value();
+    const auto network = Network::make(parse(TinyModelWriter::write(smallModel())).value()).value();
     auto held = network->borrow();  // a borrower that never comes back holds up nobody
     std::fill(held.input().begin(), held.input().end(), 7.0F);
     std::vector<std::thread> threads;
     std::vector<int> wrong(4);
     for (int& mine : wrong) {
-        threads.emplace_back([&] {
-            for (int i = 0; i < 200; ++i) {
+        threads.emplace_back([&, first = 10 * (&mine - wrong.data())] {
+            for (std::ptrdiff_t i = 0; i < 200; ++i) {
+                // Half the sum of a pixel's two channels, thrice; a quarter of it if it is negative.
+                const float sum = static_cast<float>(first + i % 7 - 15);
                 auto run = network->borrow();
-                std::copy(scenario.input.begin(), scenario.input.end(), run.input().begin());
+                for (std::size_t k = 0; k < run.input().size(); ++k) run.input()[k] = k % 2 == 0 ? sum + 1.0F : -1.0F;
                 run.run();
-                for (std::size_t k = 0; k < scenario.expected.size(); ++k)
-                    mine += std::abs(run.output(0)[k] - scenario.expected[k]) > 1e-2F ? 1 : 0;
+                mine += static_cast<int>(std::count_if(run.output(0).begin(), run.output(0).end(), [&](float v) {
+                    return std::abs(v - (sum < 0 ? sum / 8.0F : sum / 2.0F)) > 1e-4F;
+                }));
+                mine += run.output(0).size() == 48 ? 0 : 1;
             }
         });
     }
     for (auto& thread : threads) thread.join();
     EXPECT_EQ(wrong, std::vector<int>(4));
     EXPECT_EQ(held.input()[0], 7.0F);
-}
-
-/// 4 x 4 pixels of 2 channels through a convolution and a prelu.
-TinyModel smallModel() {
-    TinyModel m;
-    m.inputs = {m.add({{1, 4, 4, 2}, 0, {}})};
-    m.add({{3, 1, 1, 2}, 0, bytesOf(std::vector<float>(6, 0.5F))});
-    m.add({{3}, 0, bytesOf(std::vector<float>(3, 0.0F))});
-    m.add({{1, 4, 4, 3}, 0, {}});
-    m.add({{1, 1, 3}, 0, bytesOf(std::vector<float>(3, 0.25F))});
-    m.outputs = {m.add({{1, 4, 4, 3}, 0, {}})};
-    m.steps = {{3, {0, 1, 2}, {3}, {{0, std::int8_t{0}}, {1, 1}, {2, 1}, {3, std::int8_t{0}}}}, {54, {3, 4}, {5}, {}}};
-    return m;
 }
 
 TEST(ModelFile, RefusesWhatItDoesNotKnowByName) {

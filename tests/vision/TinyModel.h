@@ -43,6 +43,19 @@ std::string bytesOf(const std::vector<T>& values) {
     return bytes;
 }
 
+/// 4 x 4 pixels of 2 channels through a convolution and a prelu.
+inline TinyModel smallModel() {
+    TinyModel m;
+    m.inputs = {m.add({{1, 4, 4, 2}, 0, {}})};
+    m.add({{3, 1, 1, 2}, 0, bytesOf(std::vector<float>(6, 0.5F))});
+    m.add({{3}, 0, bytesOf(std::vector<float>(3, 0.0F))});
+    m.add({{1, 4, 4, 3}, 0, {}});
+    m.add({{1, 1, 3}, 0, bytesOf(std::vector<float>(3, 0.25F))});
+    m.outputs = {m.add({{1, 4, 4, 3}, 0, {}})};
+    m.steps = {{3, {0, 1, 2}, {3}, {{0, std::int8_t{0}}, {1, 1}, {2, 1}, {3, std::int8_t{0}}}}, {54, {3, 4}, {5}, {}}};
+    return m;
+}
+
 /// The tree of tables that a model file is: parents stand before what they refer to.
 class TinyModelWriter {
 public:
