@@ -80,6 +80,9 @@ public:
     }
     [[nodiscard]] std::uint8_t* data(int plane = 0) { return planes_[static_cast<std::size_t>(plane)]; }
     [[nodiscard]] const std::uint8_t* data(int plane = 0) const { return planes_[static_cast<std::size_t>(plane)]; }
+    /// Whether it can be read as its layout says, which `wrap` takes on trust: a size, a known format, rows long
+    /// enough, memory behind every plane.
+    [[nodiscard]] bool isReadable() const;
 
 private:
     friend class PixelBufferPool;
