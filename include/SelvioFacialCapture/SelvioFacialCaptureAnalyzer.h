@@ -6,6 +6,7 @@
 #include <SelvioFacialCapture/SelvioFacialCaptureParameters.h>
 #include <SelvioFacialCapture/SelvioFacialCaptureResults.h>
 #include <SelvioFacialCapture/SelvioFacialCaptureUxpEventManager.h>
+#include <SelvioFacialCapture/base/Export.h>
 #include <SelvioFacialCapture/imaging/SampleBuffer.h>
 #include <SelvioFacialCapture/platform/Platform.h>
 
@@ -41,7 +42,7 @@
 /// main queue is, in a results object that is never written again. A selection, `resume`, `stop` and `cancel` end what
 /// was begun before them: no delegate call for an earlier frame follows. Of the reports that wait for a late main queue
 /// only the newest is delivered, and so of the countdown's announcements.
-class SelvioFacialCaptureAnalyzer {
+class SELVIO_EXPORT SelvioFacialCaptureAnalyzer {
 public:
     /// A new analyzer for these parameters, which stay shared with the host. Null (with a line in the log) without
     /// parameters or on a platform without queues.
@@ -153,7 +154,7 @@ public:
     [[nodiscard]] selvio::Point lipRight() const;
 
 private:
-    struct State;
+    struct SELVIO_HIDDEN State;
     explicit SelvioFacialCaptureAnalyzer(std::shared_ptr<State> state);
 
     const std::shared_ptr<State> state_;

@@ -3,6 +3,7 @@
 
 #include <SelvioFacialCapture/SelvioFacialCaptureCameraDelegate.h>
 #include <SelvioFacialCapture/SelvioFacialCaptureCameraParameters.h>
+#include <SelvioFacialCapture/base/Export.h>
 #include <SelvioFacialCapture/imaging/Geometry.h>
 #include <SelvioFacialCapture/platform/Platform.h>
 
@@ -45,7 +46,7 @@ class VideoRecorder;
 /// one, as a delegate may for the length of a call, the view alone is handed to the main queue. Blocks still queued
 /// then find no camera and end quietly, but a `stopRecording` or `discardRecording` already requested is carried out. A
 /// configuration that runs just then takes its graph down again and tells nobody.
-class SelvioFacialCaptureCamera final : public std::enable_shared_from_this<SelvioFacialCaptureCamera> {
+class SELVIO_EXPORT SelvioFacialCaptureCamera final : public std::enable_shared_from_this<SelvioFacialCaptureCamera> {
 public:
     // ---- Construction. On the main thread. ----
 
@@ -258,7 +259,7 @@ private:
     explicit SelvioFacialCaptureCamera(selvio::Platform platform);
     static std::shared_ptr<SelvioFacialCaptureCamera> make(selvio::Platform platform);
     void commonInit();
-    struct SessionWork;
+    struct SELVIO_HIDDEN SessionWork;
     /// Submits the work to the session queue; a camera that has gone by then does none.
     void onSessionQueue(void (*work)(const SessionWork&));
     void setTorch(selvio::CaptureDevice& device, selvio::TorchMode mode);

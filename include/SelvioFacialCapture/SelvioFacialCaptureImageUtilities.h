@@ -1,6 +1,7 @@
 // Conversions between bitmaps, pixel buffers, sample buffers and images.
 #pragma once
 
+#include <SelvioFacialCapture/base/Export.h>
 #include <SelvioFacialCapture/imaging/Image.h>
 #include <SelvioFacialCapture/imaging/PixelBuffer.h>
 #include <SelvioFacialCapture/imaging/SampleBuffer.h>
@@ -13,7 +14,7 @@
 /// 32-bit BGRA, 32-bit ARGB and 420v pictures. A null argument, a sample without a picture or a picture without pixels
 /// gives null (or an absent image), in silence except where an operation says that it logs. What is returned belongs to
 /// the caller.
-class SelvioFacialCaptureImageUtilities {
+class SELVIO_EXPORT SelvioFacialCaptureImageUtilities {
 public:
     using Bitmap = selvio::Bitmap;
     using Image = selvio::Image;

@@ -3,6 +3,7 @@
 
 #include <SelvioFacialCapture/SelvioFacialCaptureUxpEvent.h>
 #include <SelvioFacialCapture/base/Clock.h>
+#include <SelvioFacialCapture/base/Export.h>
 
 #include <cstdint>
 #include <map>
@@ -17,7 +18,7 @@
 ///
 /// An entry is a JSON object with one member: the event's code, whose value is an array of the milliseconds since the
 /// log was started and, if the caller gave one, an extra value. Consecutive repeats of an event make one entry.
-class SelvioFacialCaptureUxpEventManager {
+class SELVIO_EXPORT SelvioFacialCaptureUxpEventManager {
 public:
     /// The one manager, made on first use.
     [[nodiscard]] static std::shared_ptr<SelvioFacialCaptureUxpEventManager> sharedInstance();

@@ -1,6 +1,7 @@
 // Cameras, microphones and the preview on Linux, through GStreamer: Video4Linux, PipeWire, video files.
 #pragma once
 
+#include <SelvioFacialCapture/base/Export.h>
 #include <SelvioFacialCapture/linux/Recording.h>
 #include <SelvioFacialCapture/platform/Capture.h>
 #include <SelvioFacialCapture/platform/View.h>
@@ -69,7 +70,7 @@ struct CaptureOptions {
 /// - PDF417 codes are looked for beside the frames, in the newest one, about ten times a second.
 /// - Authorisation is Denied where camera nodes exist and none may be opened, unless PipeWire offers a camera; else
 /// Authorized. Nobody is asked.
-[[nodiscard]] std::shared_ptr<CaptureSystem> makeGstCaptureSystem(CaptureOptions options = {});
+[[nodiscard]] SELVIO_EXPORT std::shared_ptr<CaptureSystem> makeGstCaptureSystem(CaptureOptions options = {});
 
 struct ViewOptions {
     /// Show the frames in a window, mirrored and filling it, where an X display is there.
@@ -79,6 +80,6 @@ struct ViewOptions {
 
 /// A view whose preview layer takes sessions of the capture system above (others it only holds). Without a window it
 /// shows nothing and costs nothing. The window closes with the view.
-[[nodiscard]] std::shared_ptr<View> makeGstView(ViewOptions options = {});
+[[nodiscard]] SELVIO_EXPORT std::shared_ptr<View> makeGstView(ViewOptions options = {});
 
 }  // namespace selvio

@@ -1,6 +1,7 @@
 // The asset writer on Linux: MP4 files through GStreamer.
 #pragma once
 
+#include <SelvioFacialCapture/base/Export.h>
 #include <SelvioFacialCapture/platform/AssetWriter.h>
 
 #include <memory>
@@ -41,10 +42,11 @@ struct RecordingOptions {
 ///   written or moved into place, when the encoder fails, or when nothing was recorded.
 /// - `canAddInput` is false, with one line in the log that names the Debian package, when the encoder, its parser or
 /// the MP4 writer is missing.
-[[nodiscard]] std::shared_ptr<AssetWriterFactory> makeGstAssetWriterFactory(RecordingOptions options = {});
+[[nodiscard]] SELVIO_EXPORT std::shared_ptr<AssetWriterFactory> makeGstAssetWriterFactory(
+    RecordingOptions options = {});
 
 /// The settings that video data outputs recommend: kVideoCodecTypeHEVC if the options prefer it and it can be recorded,
 /// else kVideoCodecTypeH264.
-[[nodiscard]] std::string recommendedVideoCodec(const RecordingOptions& options);
+[[nodiscard]] SELVIO_EXPORT std::string recommendedVideoCodec(const RecordingOptions& options);
 
 }  // namespace selvio

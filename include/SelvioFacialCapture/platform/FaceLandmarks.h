@@ -2,6 +2,7 @@
 #pragma once
 
 #include <SelvioFacialCapture/base/Error.h>
+#include <SelvioFacialCapture/base/Export.h>
 #include <SelvioFacialCapture/imaging/Geometry.h>
 #include <SelvioFacialCapture/imaging/PixelBuffer.h>
 
@@ -34,7 +35,7 @@ struct FaceObservation {
 };
 
 /// A question for one frame; made anew for each.
-class FaceLandmarksRequest {
+class SELVIO_EXPORT FaceLandmarksRequest {
 public:
     /// Called once by the handler, on the thread that performs the request, with the request and the error, if any.
     using CompletionHandler =
@@ -62,7 +63,7 @@ private:
 };
 
 /// Performs requests on the frames of one sequence.
-class SequenceRequestHandler {
+class SELVIO_EXPORT SequenceRequestHandler {
 public:
     virtual ~SequenceRequestHandler() = default;
     /// Performs the requests on the calling thread and calls each one's completion handler before it returns. One

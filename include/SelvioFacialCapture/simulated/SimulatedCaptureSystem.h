@@ -1,6 +1,7 @@
 // A front camera, a back camera and a microphone that need no hardware.
 #pragma once
 
+#include <SelvioFacialCapture/base/Export.h>
 #include <SelvioFacialCapture/platform/Capture.h>
 #include <SelvioFacialCapture/simulated/SimulatedScene.h>
 
@@ -55,7 +56,7 @@ struct SimulatedDeviceState {
 /// 440 Hz at 48 kHz). Each camera has the formats 640x480, 1280x720 (active at first) and 1920x1080, each in 420v and
 /// BGRA. Every operation may be called on any thread. Its sessions stop and their threads end when the last reference
 /// to them goes.
-class SimulatedCaptureSystem final : public CaptureSystem {
+class SELVIO_EXPORT SimulatedCaptureSystem final : public CaptureSystem {
 public:
     /// A frame rate outside its range is brought to the nearer end, with a line in the log.
     explicit SimulatedCaptureSystem(std::shared_ptr<SimulatedScene> scene, SimulatedCaptureOptions options = {});
@@ -91,7 +92,7 @@ public:
     void requestAccess(MediaType mediaType, std::function<void(bool granted)> completion) override;
 
 private:
-    struct State;
+    struct SELVIO_HIDDEN State;
     const std::shared_ptr<State> state_;
 };
 
