@@ -100,7 +100,7 @@ public:
     /// The EXIF orientation of an image orientation; 1 for a value outside the enumeration.
     [[nodiscard]] static std::uint32_t cgOrientationFrom(selvio::ImageOrientation orientation);
 
-    // State. Every getter may be called on any thread and answers a value of the moment. Hosts change it by the
+    // State. Every getter may be called on any thread and returns a value of the moment. Hosts change it by the
     // operations above only.
 
     [[nodiscard]] bool selectionInProgress() const;
@@ -123,7 +123,7 @@ public:
     /// The newest analysed frame's results, an object of its own for every frame; null once spent.
     [[nodiscard]] std::shared_ptr<SelvioFacialCaptureResults> results() const;
     /// The recent frames, newest last; empty once spent. The 14 newest live frames, 28 while a selection is in
-    /// progress, or the 5 newest still images: what exceeds that goes when the next one comes.
+    /// progress, or the 5 newest still images: what exceeds that is dropped when the next one comes.
     [[nodiscard]] std::vector<selvio::Image> imagesArray() const;
     /// The capture's data record, which accumulates over the analyzer's life.
     [[nodiscard]] std::shared_ptr<SelvioFacialCaptureObixData> obixData() const;

@@ -6,7 +6,7 @@
 
 #include <memory>
 #include <mutex>
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 
@@ -30,6 +30,7 @@ public:
     /// A record with the seven initial members. `platform` supplies the device's facts and the image codec.
     [[nodiscard]] static std::shared_ptr<SelvioFacialCaptureObixData> init(
         const selvio::Platform& platform = selvio::defaultPlatform());
+    ~SelvioFacialCaptureObixData();
 
     /// The format of the record: "1.6".
     [[nodiscard]] static std::string obixVersion();
@@ -72,5 +73,5 @@ private:
     const std::shared_ptr<const selvio::Device> device_;
     const std::shared_ptr<const selvio::ImageCodec> codec_;
     mutable std::mutex mutex_;
-    nlohmann::json dictionary_ = nlohmann::json::object();  // guarded by mutex_
+    const std::unique_ptr<nlohmann::json> dictionary_;  // its value: guarded by mutex_
 };

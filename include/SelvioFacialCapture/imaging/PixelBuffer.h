@@ -64,7 +64,7 @@ public:
     static std::shared_ptr<PixelBuffer> create(int width, int height, PixelFormat format);
     static std::shared_ptr<PixelBuffer> create(const PixelBufferLayout& layout);
     /// Foreign memory, without a copy: `planes` must stay valid until `release` is called, once, when the last
-    /// reference goes.
+    /// reference is released.
     static std::shared_ptr<PixelBuffer> wrap(const PixelBufferLayout& layout, std::array<std::uint8_t*, 2> planes,
                                              std::function<void()> release);
 

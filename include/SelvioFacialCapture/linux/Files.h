@@ -19,7 +19,7 @@ public:
     explicit LinuxFileManager(std::filesystem::path parent = {});
     LinuxFileManager(const LinuxFileManager&) = delete;
     LinuxFileManager& operator=(const LinuxFileManager&) = delete;
-    /// An empty documents directory goes; one with files stays for the next manager to remove.
+    /// An empty documents directory is removed; one with files stays for the next manager to remove.
     ~LinuxFileManager() override;
 
     /// Made on demand with every missing directory above it, for the owner alone (0700). Each call removes the

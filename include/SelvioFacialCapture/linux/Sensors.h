@@ -34,11 +34,8 @@ public:
     [[nodiscard]] virtual DeviceOrientation orientation() const = 0;
 };
 
-/// Never null. Looks for the proxy on a thread of its own; until it has answered, and when it goes, the device is in
+/// Never null. Looks for the proxy on a thread of its own; until it has replied, and when it ends, the device is in
 /// portrait.
 [[nodiscard]] SELVIO_EXPORT std::shared_ptr<OrientationSensor> makeOrientationSensor(SensorOptions options = {});
-
-/// The orientation for a word of the proxy's: "normal", "bottom-up", "left-up", "right-up"; Unknown for any other.
-[[nodiscard]] SELVIO_EXPORT DeviceOrientation orientationForProxy(const std::string& word);
 
 }  // namespace selvio

@@ -21,7 +21,7 @@ namespace selvio {
 [[nodiscard]] SELVIO_EXPORT std::string defaultVisionModelPath(const std::string& fileName);
 
 struct VisionOptions {
-    /// Finds faces: a .tflite network of 128 x 128 pixels and 896 answers.
+    /// Finds faces: a .tflite network of 128 x 128 pixels and 896 outputs.
     std::string detectionModelPath = defaultVisionModelPath("face_detection_short_range.tflite");
     /// Finds the points of a face: a .tflite network of 192 x 192 pixels and 468 points.
     std::string meshModelPath = defaultVisionModelPath("face_landmark.tflite");

@@ -37,7 +37,7 @@ public:
     virtual void startSessionAtSourceTime(std::chrono::nanoseconds time) = 0;
     /// Finishes in the background and then calls `completion` once, on a thread of its own; `status` then says how it
     /// went: Failed if it takes longer than `kLongestFinishing`. `completion` keeps the writer alive and may hold the
-    /// last reference: let go of it right after the call.
+    /// last reference: release it right after the call.
     virtual void finishWriting(std::function<void()> completion) = 0;
     /// Ends without a file; status Cancelled.
     virtual void cancelWriting() = 0;

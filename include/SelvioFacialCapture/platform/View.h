@@ -67,7 +67,7 @@ public:
     /// Identifies an observer; any address of the observer's own.
     using Observer = const void*;
 
-    /// The observer is held weakly: once it has gone it is forgotten.
+    /// The observer is held weakly: once destroyed it is forgotten.
     void addObserver(const std::shared_ptr<const void>& observer, ApplicationNotification notification,
                      Handler handler);
     /// Removes the observer for all notifications; a handler of it that runs on another thread may still be running on

@@ -10,9 +10,6 @@
 
 namespace selvio::rules {
 
-/// Two decimals, halves away from zero: round(v * 100) / 100.
-[[nodiscard]] SELVIO_EXPORT double roundToTwoDecimals(double value);
-
 /// The image fills the screen with an aspect fill: the adjusters say what is cropped away. Screen sides are in points,
 /// preview sides in pixels.
 struct SELVIO_EXPORT PreviewGeometry {
@@ -36,10 +33,8 @@ struct SELVIO_EXPORT PreviewGeometry {
     [[nodiscard]] Rect faceRect(const Rect& boundingBox) const;
 };
 
-/// A point normalized to a face, in the face's rectangle on the screen; axes swapped.
-[[nodiscard]] SELVIO_EXPORT Point pointInAdjustedRect(Point point, const Rect& rect);
-
-/// A region's points in the face's rectangle on the screen, in order; nothing for an absent region.
+/// A region's points, normalized to a face, in the face's rectangle on the screen, in order; axes swapped. Nothing for
+/// an absent region.
 [[nodiscard]] SELVIO_EXPORT std::optional<std::vector<Point>> landmarkInAdjustedRect(
     const std::optional<FaceLandmarkRegion>& region, const Rect& rect);
 

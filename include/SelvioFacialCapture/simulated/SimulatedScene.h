@@ -27,7 +27,7 @@ public:
     /// Starts the script anew, now.
     void restart();
     /// Stops the script's time at this value until `restart` or the next call. For a camera with manual pacing: a paced
-    /// one goes on with the clock.
+    /// one continues with the clock.
     void setTime(std::chrono::nanoseconds time);
     /// The script's time.
     [[nodiscard]] std::chrono::nanoseconds time() const;

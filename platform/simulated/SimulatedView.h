@@ -1,7 +1,6 @@
 // A view without a screen: it remembers what was asked of it.
 #pragma once
 
-#include <SelvioFacialCapture/base/Export.h>
 #include <SelvioFacialCapture/platform/View.h>
 
 #include <memory>
@@ -10,7 +9,7 @@
 namespace selvio {
 
 /// Any thread.
-class SELVIO_EXPORT SimulatedPreviewLayer final : public PreviewLayer {
+class SimulatedPreviewLayer final : public PreviewLayer {
 public:
     [[nodiscard]] std::shared_ptr<CaptureSession> session() const override;
     void setSession(std::shared_ptr<CaptureSession> session) override;
@@ -30,7 +29,7 @@ private:
 };
 
 /// Any thread.
-class SELVIO_EXPORT SimulatedView final : public PlainView {
+class SimulatedView final : public PlainView {
 public:
     SimulatedView() : layer_(std::make_shared<SimulatedPreviewLayer>()) {}
     [[nodiscard]] std::shared_ptr<PreviewLayer> layer() const override { return layer_; }

@@ -1,7 +1,6 @@
 // A motion sensor that reads the scene's script.
 #pragma once
 
-#include <SelvioFacialCapture/base/Export.h>
 #include <SelvioFacialCapture/platform/MotionManager.h>
 #include <SelvioFacialCapture/simulated/SimulatedScene.h>
 
@@ -11,7 +10,7 @@ namespace selvio {
 
 /// Calls the handler once an interval with the script's rotation rate of that moment. Needs no thread: it lives on
 /// delayed blocks of the queue.
-class SELVIO_EXPORT SimulatedMotionManager final : public MotionManager {
+class SimulatedMotionManager final : public MotionManager {
 public:
     explicit SimulatedMotionManager(std::shared_ptr<SimulatedScene> scene);
     ~SimulatedMotionManager() override;
@@ -22,7 +21,7 @@ public:
     void stopDeviceMotionUpdates() override;
 
 private:
-    struct SELVIO_HIDDEN Feed;
+    struct Feed;
     const std::shared_ptr<SimulatedScene> scene_;
     std::mutex mutex_;
     std::chrono::nanoseconds interval_{100'000'000};  // guarded by mutex_
