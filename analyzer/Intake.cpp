@@ -106,7 +106,7 @@ void Analyzer::State::detectFaces(SequenceRequestHandler& handler,
     // The handler calls back before it returns.
     const auto request = std::make_shared<FaceLandmarksRequest>(
         [this, &frame, held](const FaceLandmarksRequest& done, const std::optional<Error>& error) {
-            // The frame goes before its result is judged, so that the next one may come in meanwhile.
+            // The frame is released before its result is judged, so that the next one may come in meanwhile.
             if (held) held->release();
             judgeDetection(done, error, frame);
         });
