@@ -11,6 +11,7 @@
 #include <exception>
 #include <mutex>
 #include <new>
+#include <nlohmann/json.hpp>
 #include <thread>
 
 #include "analyzer/Deliveries.h"

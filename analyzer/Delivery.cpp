@@ -48,7 +48,7 @@ void Analyzer::State::deliverCountdown(const Frame& frame) {
 
 void Analyzer::State::deliverCountdownStatus(const Frame& frame) {
     if (!isCurrent(frame.run)) return;
-    const Statuses statuses{SelvioFacialCaptureStatusCountdown};
+    const Statuses statuses{rules::statusOf(rules::GoodFrameDecision::ReportCountdown)};
     frame.results->setOrderedStatuses(statuses);
     logStatuses(statuses, frame.run);
     deliverReport(frame);
@@ -56,7 +56,7 @@ void Analyzer::State::deliverCountdownStatus(const Frame& frame) {
 
 void Analyzer::State::selectAutomatically(const Frame& frame) {
     if (!isCurrent(frame.run)) return;
-    frame.results->setOrderedStatuses(Statuses{SelvioFacialCaptureStatusGoodFrame});
+    frame.results->setOrderedStatuses(Statuses{rules::statusOf(rules::GoodFrameDecision::SelectAutomatically)});
     select(frame, SelvioFacialCaptureResultCodeSuccessVideo);
 }
 
@@ -67,14 +67,10 @@ void Analyzer::State::select(const Frame& frame, SelvioFacialCaptureResultCode c
     if (closeCapture(selected, code)) deliverSuccess(selected);
 }
 
-// Without the analysis there are no statuses; else those of the last analysed frame stand.
 void Analyzer::State::deliverManually(const Frame& frame) {
     if (!isCurrent(frame.run)) return;
-    if (manualOnly) {
-        frame.results->setOrderedStatuses(Statuses{SelvioFacialCaptureStatusNone});
-    } else if (frame.results->orderedStatuses().value_or(Statuses()).empty()) {
-        frame.results->setOrderedStatuses(Statuses{SelvioFacialCaptureStatusGoodFrame});
-    }
+    frame.results->setOrderedStatuses(
+        rules::statusesOfManualSelection(manualOnly, frame.results->orderedStatuses().value_or(Statuses())));
     if (closeCapture(frame, SelvioFacialCaptureResultCodeSuccessStillCamera)) deliverSuccess(frame);
 }
 

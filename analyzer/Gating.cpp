@@ -100,8 +100,7 @@ auto Analyzer::State::judgeSmile(const Frame& frame, bool smiling) -> std::optio
         // The flag stays set on purpose, and so keeps every later frame out until `resume` clears it.
         if (shouldSkipFrames) return std::nullopt;
     }
-    const Statuses statuses{judgement.askToStopSmiling ? SelvioFacialCaptureStatusStopSmiling
-                                                       : SelvioFacialCaptureStatusGoodFrame};
+    const Statuses statuses{judgement.status};
     frame.results->setOrderedStatuses(statuses);
     logStatuses(statuses, frame.run);
     if (judgement.selection == rules::SmileSelection::None) {

@@ -107,7 +107,7 @@ void Analyzer::State::detectFaces(SequenceRequestHandler& handler, FaceLandmarks
     request.revision = landmarksRevision(platform.serviceLevel);
     const auto found = handler.perform(request);
     if (!found) return log("SequenceRequestHandler couldn't perform requests: " + found.error().localizedDescription);
-    // The frame goes before its result is judged, so that the next one may come in meanwhile.
+    // The frame is released before its result is judged, so that the next one may come in meanwhile.
     if (held) held->release();
     judgeDetection(found.value(), frame);
 }

@@ -286,7 +286,7 @@ void Analyzer::updateMode(std::int64_t mode) {
     if (const auto current = parameters()) current->setMode(mode);
 }
 
-// The host may let go of the analyzer when it is told.
+// The host may release the analyzer when it is told.
 void Analyzer::stop() {
     const auto state = state_;
     state->stop();

@@ -42,7 +42,7 @@ struct SerialQueue::State {
                 ready.pop_front();
                 lock.unlock();
                 block();
-                block = nullptr;  // what it held goes before the next block runs
+                block = nullptr;  // what it held is destroyed before the next block runs
                 lock.lock();
             } else if (ending) {
                 return;

@@ -11,6 +11,7 @@
 #include <jpeglib.h>
 
 #include <cstdlib>
+#include <nlohmann/json.hpp>
 
 namespace {
 

@@ -11,6 +11,6 @@ if(NOT TARGET selvio_test_pictures)
 endif()
 
 add_executable(bench_vision vision_step.cpp)
-target_link_libraries(bench_vision PRIVATE SelvioFacialCaptureLinux selvio_test_pictures benchmark::benchmark selvio_options)
+target_link_libraries(bench_vision PRIVATE selvio_linux_vision selvio_test_pictures benchmark::benchmark selvio_options)
 target_include_directories(bench_vision PRIVATE ${PROJECT_SOURCE_DIR})
 target_compile_options(bench_vision PRIVATE -O3)

@@ -242,7 +242,7 @@ void SelvioFacialCaptureCamera::setTorch(selvio::CaptureDevice& device, selvio::
 
 void SelvioFacialCaptureCamera::updatePreviewLayer(selvio::VideoOrientation orientation) {
     const bool torchWasOn = isTorchON();
-    if (selvio::isOrientation(orientation)) {
+    if (selvio::rules::isOrientation(orientation)) {
         const auto layer = videoPreviewLayer();
         if (const auto connection = layer ? layer->connection() : nullptr) connection->setVideoOrientation(orientation);
         if (const auto session = this->session()) selvio::orientOutputs(*session, cameraOrientation());

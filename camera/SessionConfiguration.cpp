@@ -68,17 +68,19 @@ private:
             const auto layer = state ? state->get(&CameraValues::videoPreviewLayer) : nullptr;
             const auto connection = layer ? layer->connection() : nullptr;
             if (connection)
-                connection->setVideoOrientation(previewOrientation(state->get(&CameraValues::cameraOrientation)));
+                connection->setVideoOrientation(
+                    rules::previewOrientation(state->get(&CameraValues::cameraOrientation)));
         });
     }
 
     void chooseResolution() const {
         const Size desired = state_.get(&CameraValues::desiredResolution);
         if (const auto preset = state_.get(&CameraValues::sessionPreset)) {
-            session_->setSessionPreset(
-                presetToSet(*preset, [this](const std::string& name) { return session_->canSetSessionPreset(name); }));
+            session_->setSessionPreset(rules::presetToSet(
+                *preset, [this](const std::string& name) { return session_->canSetSessionPreset(name); }));
         } else if (desired != Size{}) {
-            const auto format = searchFormat(device_->formats(), state_.get(&CameraValues::pixelBufferFormat), desired);
+            const auto format =
+                rules::searchFormat(device_->formats(), state_.get(&CameraValues::pixelBufferFormat), desired);
             if (!format) return;
             (void)device_->lockForConfiguration();  // a device that cannot be locked refuses the format itself
             device_->setActiveFormat(*format);
@@ -98,8 +100,8 @@ private:
     void addVideoDataOutput() const {
         const auto output = platform_.captureSystem->makeVideoDataOutput();
         if (output) {
-            output->setPixelFormat(framePixelFormat(state_.get(&CameraValues::analyzeRGBVideo),
-                                                    state_.get(&CameraValues::pixelBufferFormat)));
+            output->setPixelFormat(rules::framePixelFormat(state_.get(&CameraValues::analyzeRGBVideo),
+                                                           state_.get(&CameraValues::pixelBufferFormat)));
             output->setAlwaysDiscardsLateVideoFrames(true);
         }
         addSampleOutput(&CameraValues::videoDataOutput, output, "Can't add videoDataOutput");
@@ -235,7 +237,7 @@ void orientOutputs(CaptureSession& session, VideoOrientation cameraOrientation) 
     for (const auto& output : session.outputs()) {
         for (const auto& connection : output->connections()) {
             if (connection->isVideoOrientationSupported())
-                connection->setVideoOrientation(outputOrientation(cameraOrientation));
+                connection->setVideoOrientation(rules::outputOrientation(cameraOrientation));
         }
     }
 }

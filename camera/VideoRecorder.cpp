@@ -102,8 +102,8 @@ std::shared_ptr<AssetWriterInput> VideoRecorder::makeVideoInput() const {
     if (!writers_ || !output || !parameters) return nullptr;
     // The orientation may be read on any thread, so the size is settled before the track is made.
     const auto orientation = screen_ ? std::optional(screen_->statusBarOrientation()) : std::nullopt;
-    auto input = writers_->makeVideoInput(recordingSettings(output->recommendedVideoSettings(kFileTypeMPEG4),
-                                                            orientation, parameters->videoQuality(), serviceLevel_));
+    auto input = writers_->makeVideoInput(rules::recordingSettings(
+        output->recommendedVideoSettings(kFileTypeMPEG4), orientation, parameters->videoQuality(), serviceLevel_));
     if (input) input->setExpectsMediaDataInRealTime(true);
     return input;
 }
@@ -176,7 +176,7 @@ void VideoRecorder::deleteCurrentRecording() const {
 std::optional<std::filesystem::path> VideoRecorder::url() const {
     const auto directory = files_ ? files_->documentsDirectory() : std::filesystem::path();
     if (!clock_ || directory.empty()) return std::nullopt;  // not to the working directory
-    return directory / recordingFileName(clock_->secondsSinceReferenceDate());
+    return directory / rules::recordingFileName(clock_->secondsSinceReferenceDate());
 }
 
 void VideoRecorder::cleanupBrokenVideos() const {
@@ -188,7 +188,7 @@ void VideoRecorder::cleanupBrokenVideos() const {
         return;
     }
     for (const std::string& name : names.value()) {
-        if (!isLeftoverRecording(name)) continue;
+        if (!rules::isLeftoverRecording(name)) continue;
         if (const auto error = files_->removeItem(directory / name)) {
             log("Couldn't delete item at path: " + name + "\n" + error->localizedDescription);
         }

@@ -11,18 +11,23 @@ function(selvio_folder name)
   target_link_libraries(${name} PUBLIC ${ARG_LINKS} PRIVATE $<BUILD_INTERFACE:selvio_options>)
 endfunction()
 
-# selvio_shared(NAME EXPORT_NAME SOURCES ... LINKS ...): a versioned shared library that hosts link as SelvioFacialCapture::EXPORT_NAME.
+# selvio_shared(NAME EXPORT_NAME FOLDERS folder ... [LINKS ...]): a versioned shared library made of folders, which hosts link as
+# SelvioFacialCapture::EXPORT_NAME. A test of what it hides links the folder in question besides.
 function(selvio_shared name export_name)
-  cmake_parse_arguments(ARG "" "" "SOURCES;LINKS;PRIVATE_LINKS" ${ARGN})
-  add_library(${name} SHARED ${ARG_SOURCES})
+  cmake_parse_arguments(ARG "" "" "FOLDERS;LINKS" ${ARGN})
+  add_library(${name} SHARED)
   add_library(SelvioFacialCapture::${export_name} ALIAS ${name})
   target_include_directories(
-    ${name} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>
-    PRIVATE ${PROJECT_SOURCE_DIR})
+    ${name} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
   target_compile_features(${name} PUBLIC cxx_std_20)
-  target_link_libraries(${name} PUBLIC ${ARG_LINKS} PRIVATE $<BUILD_INTERFACE:selvio_options> ${ARG_PRIVATE_LINKS})
+  foreach(folder IN LISTS ARG_FOLDERS)
+    target_link_libraries(${name} PRIVATE $<BUILD_INTERFACE:${folder}>)
+  endforeach()
+  target_link_libraries(${name} PUBLIC ${ARG_LINKS})
+  set(exports ${PROJECT_SOURCE_DIR}/cmake/exports.map)
+  target_link_options(${name} PRIVATE LINKER:--version-script=${exports})
   set_target_properties(
     ${name} PROPERTIES OUTPUT_NAME ${name} EXPORT_NAME ${export_name} VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
-                       INSTALL_RPATH $ORIGIN)
+                       INSTALL_RPATH $ORIGIN LINK_DEPENDS ${exports} LINKER_LANGUAGE CXX)
   install(TARGETS ${name} EXPORT SelvioFacialCaptureTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 endfunction()

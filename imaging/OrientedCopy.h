@@ -9,17 +9,15 @@
 namespace selvio {
 
 /// How a stored picture is turned to be upright, numbered as EXIF orientations (1...8). Column c, row r of a picture w
-/// wide and h high goes to:
-///   1 (c, r)   2 (w-1-c, r)   3 (w-1-c, h-1-r)   4 (c, h-1-r)   5 (r, c)   6 (h-1-r, c)   7 (h-1-r, w-1-c)   8 (r,
-///   w-1-c)
+/// wide and h high moves to:
+///   1 (c, r)   2 (w-1-c, r)   3 (w-1-c, h-1-r)   4 (c, h-1-r)
+///   5 (r, c)   6 (h-1-r, c)   7 (h-1-r, w-1-c)   8 (r, w-1-c)
 /// So 6 turns clockwise, 8 counter-clockwise, 3 by half a turn, and 4 turns the picture upside down as in a mirror on
 /// the floor.
 struct Turn {
     bool swapsAxes = false;
     bool reversesX = false;  ///< in the turned picture
     bool reversesY = false;  ///< in the turned picture
-
-    friend bool operator==(const Turn&, const Turn&) = default;
 
     /// Any value outside 1...8 is 1.
     static constexpr Turn fromExif(int orientation) {
@@ -33,7 +31,7 @@ struct Turn {
 
 /// The memory of a turned plane, addressed by the columns and rows of the plane it is made from.
 struct TurnedPlane {
-    std::uint8_t* origin = nullptr;  ///< where source column 0, row 0 goes
+    std::uint8_t* origin = nullptr;  ///< where source column 0, row 0 moves to
     std::ptrdiff_t columnStep = 0;   ///< bytes from one source column to the next
     std::ptrdiff_t rowStep = 0;      ///< bytes from one source row to the next
 

@@ -78,6 +78,13 @@ PixelBuffer::~PixelBuffer() {
     if (release_) release_();
 }
 
+bool PixelBuffer::isReadable() const {
+    const auto expected = PixelBufferLayout::make(layout_.width, layout_.height, layout_.format,
+                                                  {layout_.planes[0].bytesPerRow, layout_.planes[1].bytesPerRow});
+    return expected && *expected == layout_ && planes_[0] != nullptr &&
+           (layout_.planeCount == 1 || planes_[1] != nullptr);
+}
+
 std::shared_ptr<PixelBuffer> PixelBuffer::create(int width, int height, PixelFormat format) {
     const auto layout = PixelBufferLayout::make(width, height, format);
     return layout ? create(*layout) : nullptr;

@@ -1,5 +1,7 @@
 #include "imaging/PixelConversion.h"
 
+#include <SelvioFacialCapture/imaging/Image.h>
+
 #include <algorithm>
 #include <cstring>
 
@@ -45,17 +47,8 @@ void rowReversingChannels(const std::uint8_t* in, int width, std::uint8_t* out) 
 
 }  // namespace
 
-bool isReadable(const PixelBuffer* buffer) {
-    if (buffer == nullptr) return false;
-    const PixelBufferLayout& layout = buffer->layout();
-    const auto expected = PixelBufferLayout::make(layout.width, layout.height, layout.format,
-                                                  {layout.planes[0].bytesPerRow, layout.planes[1].bytesPerRow});
-    return expected && *expected == layout && buffer->data(0) != nullptr &&
-           (layout.planeCount == 1 || buffer->data(1) != nullptr);
-}
-
 std::shared_ptr<PixelBuffer> convertedTo32(const PixelBuffer& source, PixelFormat target) {
-    if (!isReadable(&source) || (target != kPixelFormat32ARGB && target != kPixelFormat32BGRA)) return nullptr;
+    if (!source.isReadable() || (target != kPixelFormat32ARGB && target != kPixelFormat32BGRA)) return nullptr;
     auto result = PixelBuffer::create(source.width(), source.height(), target);
     if (!result) return nullptr;
     const auto row = [](auto& buffer, int plane, int y) {
@@ -77,7 +70,7 @@ std::shared_ptr<PixelBuffer> convertedTo32(const PixelBuffer& source, PixelForma
 }
 
 std::shared_ptr<PixelBuffer> turned(const PixelBuffer& source, Turn turn) {
-    if (!isReadable(&source)) return nullptr;
+    if (!source.isReadable()) return nullptr;
     auto result = PixelBuffer::create(turn.turnedWidth(source.width(), source.height()),
                                       turn.turnedHeight(source.width(), source.height()), source.format());
     if (!result) return nullptr;
@@ -94,6 +87,10 @@ std::shared_ptr<PixelBuffer> turned(const PixelBuffer& source, Turn turn) {
         turnPlane.operator()<4>(0);
     }
     return result;
+}
+
+std::shared_ptr<PixelBuffer> turnedUpright(const PixelBuffer& stored, int exifOrientation) {
+    return turned(stored, Turn::fromExif(exifOrientation));
 }
 
 PixelBufferLayout layoutOfCopy(const PixelBuffer& source) {

@@ -9,10 +9,6 @@
 
 namespace selvio {
 
-/// Whether the buffer can be read as its layout says: a size, a known format, rows long enough, memory behind every
-/// plane.
-[[nodiscard]] bool isReadable(const PixelBuffer* buffer);
-
 /// A new 32-bit buffer (BGRA or ARGB) with the same picture. 420v becomes opaque RGB by BT.601 from video range, its
 /// colour samples taken as they are for each 2 x 2 pixels. Null for an unreadable source, another target format or lack
 /// of memory.

@@ -58,7 +58,7 @@ ImageOrientation imageOrientationForDevice(std::int64_t deviceOrientation) {
 template <typename Allocate>
 std::shared_ptr<PixelBuffer> deepCopy(const PixelBuffer* source, const Allocate& allocate) {
     if (source == nullptr) return nullptr;
-    auto copy = isReadable(source) ? allocate(layoutOfCopy(*source)) : nullptr;
+    auto copy = source->isReadable() ? allocate(layoutOfCopy(*source)) : nullptr;
     if (copy) {
         copyPixels(*source, *copy);
     } else {
@@ -92,7 +92,7 @@ std::shared_ptr<SampleBuffer> SelvioFacialCaptureImageUtilities::sampleBufferFro
 std::optional<Image> SelvioFacialCaptureImageUtilities::imageFromSampleBufferWithDeviceOrientation(
     const std::shared_ptr<const SampleBuffer>& sampleBuffer, std::int64_t deviceOrientation) {
     auto picture = pictureOf(sampleBuffer);
-    if (!isReadable(picture.get())) return std::nullopt;
+    if (!picture || !picture->isReadable()) return std::nullopt;
     return Image{std::move(picture), imageOrientationForDevice(deviceOrientation), 1.0};
 }
 

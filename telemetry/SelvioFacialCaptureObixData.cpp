@@ -3,6 +3,7 @@
 #include <SelvioFacialCapture/base/Log.h>
 #include <SelvioFacialCapture/imaging/Base64.h>
 
+#include <nlohmann/json.hpp>
 #include <utility>
 
 extern "C" {
@@ -38,7 +39,11 @@ std::shared_ptr<SelvioFacialCaptureObixData> SelvioFacialCaptureObixData::init(c
 }
 
 SelvioFacialCaptureObixData::SelvioFacialCaptureObixData(const selvio::Platform& platform)
-    : device_(platform.device), codec_(platform.imageCodec) {}
+    : device_(platform.device),
+      codec_(platform.imageCodec),
+      dictionary_(std::make_unique<nlohmann::json>(nlohmann::json::object())) {}
+
+SelvioFacialCaptureObixData::~SelvioFacialCaptureObixData() = default;
 
 std::string SelvioFacialCaptureObixData::obixVersion() {
     return "1.6";
@@ -57,22 +62,22 @@ void SelvioFacialCaptureObixData::addInitialElements() {
 void SelvioFacialCaptureObixData::add(const nlohmann::json& dictionary) {
     if (!dictionary.is_object()) return;
     const std::lock_guard lock(mutex_);
-    dictionary_.update(dictionary);
+    dictionary_->update(dictionary);
 }
 
 void SelvioFacialCaptureObixData::addParameters(const nlohmann::json& dictionary) {
     const std::lock_guard lock(mutex_);
-    if (!dictionary_.contains(kSelvioParameters)) dictionary_[kSelvioParameters] = dictionary;
+    if (!dictionary_->contains(kSelvioParameters)) (*dictionary_)[kSelvioParameters] = dictionary;
 }
 
 void SelvioFacialCaptureObixData::addUXP(const nlohmann::json& events) {
     const std::lock_guard lock(mutex_);
-    dictionary_[kSelvioUxp] = events;
+    (*dictionary_)[kSelvioUxp] = events;
 }
 
 nlohmann::json SelvioFacialCaptureObixData::obixDataDictionary() const {
     const std::lock_guard lock(mutex_);
-    return dictionary_;
+    return *dictionary_;
 }
 
 std::optional<std::string> SelvioFacialCaptureObixData::obixDataJson() const {

@@ -1,6 +1,7 @@
 #include <SelvioFacialCapture/SelvioFacialCaptureUxpEventManager.h>
 #include <SelvioFacialCapture/base/MemberMutex.h>
 
+#include <nlohmann/json.hpp>
 #include <utility>
 
 namespace {
@@ -50,17 +51,20 @@ std::shared_ptr<SelvioFacialCaptureUxpEventManager> SelvioFacialCaptureUxpEventM
 }
 
 SelvioFacialCaptureUxpEventManager::SelvioFacialCaptureUxpEventManager(std::shared_ptr<const selvio::Clock> clock)
-    : clock_(std::move(clock)), codes_{{0, "SA"},    {1, "SS"},   {2, "IS"},   {3, "HS"},    {4, "RS"},    {5, "MF"},
-                                       {6, "MT"},    {7, "ST"},   {8, "C"},    {9, "FENF"},  {10, "FENC"}, {11, "FEMF"},
-                                       {12, "FER"},  {13, "FEP"}, {14, "FEY"}, {15, "FETF"}, {16, "FETC"}, {17, "FENS"},
-                                       {18, "FESS"}, {19, "FHS"}, {20, "FS"}} {
+    : clock_(std::move(clock)),
+      codes_{{0, "SA"},   {1, "SS"},    {2, "IS"},    {3, "HS"},    {4, "RS"},    {5, "MF"},   {6, "MT"},
+             {7, "ST"},   {8, "C"},     {9, "FENF"},  {10, "FENC"}, {11, "FEMF"}, {12, "FER"}, {13, "FEP"},
+             {14, "FEY"}, {15, "FETF"}, {16, "FETC"}, {17, "FENS"}, {18, "FESS"}, {19, "FHS"}, {20, "FS"}},
+      mutableEvents_(std::make_unique<nlohmann::json>()) {
     clear();
 }
+
+SelvioFacialCaptureUxpEventManager::~SelvioFacialCaptureUxpEventManager() = default;
 
 void SelvioFacialCaptureUxpEventManager::clear() {
     const double now = clock_->secondsSinceReferenceDate();
     const std::lock_guard lock(mutex_);
-    mutableEvents_ = nlohmann::json::array();
+    *mutableEvents_ = nlohmann::json::array();
     startTime_ = now;
     currentEvent_ = SelvioFacialCaptureUxpEventGoodFrame;
 }
@@ -79,12 +83,12 @@ void SelvioFacialCaptureUxpEventManager::addEventWith(SelvioFacialCaptureUxpEven
     if (code == codes_.end()) return;
     nlohmann::json values = nlohmann::json::array({elapsed});
     if (!extra.is_null()) values.push_back(extra);
-    mutableEvents_.push_back({{code->second, std::move(values)}});
+    mutableEvents_->push_back({{code->second, std::move(values)}});
 }
 
 nlohmann::json SelvioFacialCaptureUxpEventManager::events() const {
     const std::lock_guard lock(mutex_);
-    return mutableEvents_;
+    return *mutableEvents_;
 }
 
 SelvioFacialCaptureUxpEvent SelvioFacialCaptureUxpEventManager::currentEvent() const {

@@ -6,5 +6,7 @@ const char SelvioFacialCaptureVersionString[] = "@(#)PROGRAM:SelvioFacialCapture
 }
 
 std::string SelvioFacialCapture::version() {
-    return "3.2.1";
+    return std::to_string(SELVIO_FACIAL_CAPTURE_VERSION_MAJOR) + '.' +
+           std::to_string(SELVIO_FACIAL_CAPTURE_VERSION_MINOR) + '.' +
+           std::to_string(SELVIO_FACIAL_CAPTURE_VERSION_PATCH);
 }

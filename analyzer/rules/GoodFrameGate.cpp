@@ -16,6 +16,24 @@ GoodFrameDecision decideGoodFrame(const GoodFrameInput& input) {
     return input.shouldStartCountdown ? GoodFrameDecision::AnnounceCountdown : GoodFrameDecision::ReportCountdown;
 }
 
+SelvioFacialCaptureStatus statusOf(GoodFrameDecision decision) {
+    switch (decision) {
+        case GoodFrameDecision::ReportCountdown:
+            return SelvioFacialCaptureStatusCountdown;
+        case GoodFrameDecision::SelectAutomatically:
+            return SelvioFacialCaptureStatusGoodFrame;
+        default:
+            return SelvioFacialCaptureStatusNone;
+    }
+}
+
+std::vector<SelvioFacialCaptureStatus> statusesOfManualSelection(bool manualOnly,
+                                                                 std::vector<SelvioFacialCaptureStatus> lastAnalysed) {
+    if (manualOnly) return {SelvioFacialCaptureStatusNone};
+    if (lastAnalysed.empty()) return {SelvioFacialCaptureStatusGoodFrame};
+    return lastAnalysed;
+}
+
 SmileJudgement judgeSmile(bool smiling, std::int64_t smileStatus, SelvioFacialCaptureMode mode) {
     constexpr std::int64_t kBeganSmiling = 1;
     constexpr std::int64_t kBeganNeutral = 2;
@@ -24,8 +42,10 @@ SmileJudgement judgeSmile(bool smiling, std::int64_t smileStatus, SelvioFacialCa
     SmileJudgement judgement{.smileStatus = smileStatus};
     if (smileStatus == 0) judgement.smileStatus = smiling ? kBeganSmiling : kBeganNeutral;
     if (smiling) {
-        judgement.askToStopSmiling = judgement.smileStatus == kBeganSmiling || manual;
-        if (!judgement.askToStopSmiling) judgement.selection = SmileSelection::OldestFrame;
+        if (judgement.smileStatus == kBeganSmiling || manual)
+            judgement.status = SelvioFacialCaptureStatusStopSmiling;
+        else
+            judgement.selection = SmileSelection::OldestFrame;
     } else if (judgement.smileStatus == kBeganSmiling) {
         judgement.selection = SmileSelection::NewestFrame;
     }

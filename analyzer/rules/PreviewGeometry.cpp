@@ -4,10 +4,13 @@
 #include <cmath>
 
 namespace selvio::rules {
+namespace {
 
-double roundToTwoDecimals(double value) {
+double roundToTwoDecimals(double value) {  // halves away from zero
     return std::round(value * 100.0) / 100.0;
 }
+
+}  // namespace
 
 void PreviewGeometry::setScreen(Size size) {
     biggerScreenSide = std::max(size.width, size.height);
@@ -42,16 +45,13 @@ Rect PreviewGeometry::faceRect(const Rect& boundingBox) const {
     };
 }
 
-Point pointInAdjustedRect(Point point, const Rect& rect) {
-    return {.x = rect.x + point.y * rect.width, .y = rect.y + point.x * rect.height};
-}
-
 std::optional<std::vector<Point>> landmarkInAdjustedRect(const std::optional<FaceLandmarkRegion>& region,
                                                          const Rect& rect) {
     if (!region) return std::nullopt;
     std::vector<Point> points;
     points.reserve(region->normalizedPoints.size());
-    for (const Point& point : region->normalizedPoints) points.push_back(pointInAdjustedRect(point, rect));
+    for (const Point& point : region->normalizedPoints)
+        points.push_back({.x = rect.x + point.y * rect.width, .y = rect.y + point.x * rect.height});
     return points;
 }
 

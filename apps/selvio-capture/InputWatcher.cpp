@@ -58,7 +58,7 @@ void InputWatcher::watch(bool standardInput) {
             if (::read(STDIN_FILENO, line.data(), line.size()) > 0) {
                 queue_->async(entered_);
             } else {
-                files[2].fd = -1;  // the terminal has gone
+                files[2].fd = -1;  // the terminal has been closed
             }
         }
     }

@@ -34,7 +34,7 @@ public:
 [[nodiscard]] std::unique_ptr<RunOutput> makeJsonOutput(std::ostream& stream);
 
 /// Guidance in one line that changes; where the stream is no terminal, a line whenever the text changes.
-/// `recordingMark` goes before the guidance while a recording is being written.
+/// `recordingMark` stands before the guidance while a recording is being written.
 [[nodiscard]] std::unique_ptr<RunOutput> makePersonOutput(std::ostream& stream, bool terminal, Language language,
                                                           std::string recordingMark);
 

@@ -68,7 +68,7 @@ private:
     void fail(ExitCode code);
     [[nodiscard]] bool takesFirstGoodFace() const;
 
-    /// The function, as a block for another queue that does nothing once the session has gone.
+    /// The function, as a block for another queue that does nothing once the session is destroyed.
     template <typename... Arguments>
     auto weakly(void (Session::*function)(Arguments...)) {
         return [weak = weak_from_this(), function](const Arguments&... arguments) {

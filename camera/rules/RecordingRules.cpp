@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <ctime>
 
-namespace selvio {
+namespace selvio::rules {
 namespace {
 
 constexpr std::string_view kFilePrefix = "selvio_";
@@ -51,4 +51,4 @@ bool isLeftoverRecording(std::string_view fileName) {
     return fileName.starts_with(kFilePrefix) && fileName.ends_with(kFileSuffix);
 }
 
-}  // namespace selvio
+}  // namespace selvio::rules

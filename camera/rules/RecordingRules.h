@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-namespace selvio {
+namespace selvio::rules {
 
 /// The average bit rate in bits a second for a quality of 10 to 100: 0.5 to 6 Mbit/s for HEVC, 1.5 to 13 Mbit/s for any
 /// other codec. HEVC has its own rate from service level 11 on.
@@ -30,4 +30,4 @@ namespace selvio {
 /// Whether a name is that of a recording that may have been left over: "selvio_….mp4", case-sensitive.
 [[nodiscard]] bool isLeftoverRecording(std::string_view fileName);
 
-}  // namespace selvio
+}  // namespace selvio::rules

@@ -1,6 +1,6 @@
 #include "camera/rules/SessionRules.h"
 
-namespace selvio {
+namespace selvio::rules {
 
 std::string presetToSet(const std::string& wanted, const std::function<bool(const std::string& preset)>& canSet) {
     for (const std::string& preset :
@@ -47,4 +47,4 @@ bool isOrientation(VideoOrientation orientation) {
     return orientation >= VideoOrientation::Portrait && orientation <= VideoOrientation::LandscapeLeft;
 }
 
-}  // namespace selvio
+}  // namespace selvio::rules

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-namespace selvio {
+namespace selvio::rules {
 
 /// The preset to set for a wanted one: itself if the session takes it, else the first of 1920x1080 and 1280x720 that
 /// the session takes, else High, about which the session is not asked.
@@ -37,4 +37,4 @@ namespace selvio {
 /// Whether the value is one of the four orientations.
 [[nodiscard]] bool isOrientation(VideoOrientation orientation);
 
-}  // namespace selvio
+}  // namespace selvio::rules

@@ -1,4 +1,28 @@
-// Everything that a host includes.
+// Everything that a host includes. A capture with the default platform of the linked adapters, but for the screen:
+//
+//     #include <SelvioFacialCapture/SelvioFacialCapture.h>
+//
+//     std::string captureOnePhotograph() {
+//         const auto mainQueue = selvio::MainQueue::shared();
+//         const auto parameters = std::make_shared<SelvioFacialCaptureParameters>();
+//         parameters->setCountdownTime(0);
+//         const auto analyzer = SelvioFacialCaptureAnalyzer::initWithParameters(parameters);
+//         const auto camera = SelvioFacialCaptureCamera::initWithPreset(
+//             selvio::kCaptureSessionPreset1280x720, selvio::kPixelFormat32BGRA, selvio::CaptureDevicePosition::Front,
+//             {0, 0, 1080, 1920});
+//         const auto guidance = std::make_shared<SelvioFacialCaptureAnalyzerDelegate>();
+//         guidance->detectionSuccess = [&](const auto&) { mainQueue->quit(); };
+//         analyzer->setDelegate(guidance);  // held weakly, as the camera's delegate is
+//         const auto frames = std::make_shared<SelvioFacialCaptureCameraDelegate>();
+//         frames->didReceiveSampleBuffer = [&](const auto& frame) { analyzer->analyzeSampleBuffer(frame); };
+//         camera->setDelegate(frames);
+//         camera->start();
+//         analyzer->resume();
+//         mainQueue->run();
+//         camera->stop();
+//         camera->shutdown();
+//         return analyzer->results()->encodedSelectedImage().value_or("");  // base64 of a JPEG
+//     }
 #pragma once
 
 #include <SelvioFacialCapture/SelvioFacialCaptureAnalyzer.h>

@@ -6,6 +6,7 @@
 #include <SelvioFacialCapture/SelvioFacialCaptureParameters.h>
 #include <SelvioFacialCapture/SelvioFacialCaptureResults.h>
 #include <SelvioFacialCapture/SelvioFacialCaptureUxpEventManager.h>
+#include <SelvioFacialCapture/base/Export.h>
 #include <SelvioFacialCapture/imaging/SampleBuffer.h>
 #include <SelvioFacialCapture/platform/Platform.h>
 
@@ -41,7 +42,7 @@
 /// main queue is, in a results object that is never written again. A selection, `resume`, `stop` and `cancel` end what
 /// was begun before them: no delegate call for an earlier frame follows. Of the reports that wait for a late main queue
 /// only the newest is delivered, and so of the countdown's announcements.
-class SelvioFacialCaptureAnalyzer {
+class SELVIO_EXPORT SelvioFacialCaptureAnalyzer {
 public:
     /// A new analyzer for these parameters, which stay shared with the host. Null (with a line in the log) without
     /// parameters or on a platform without queues.
@@ -99,7 +100,7 @@ public:
     /// The EXIF orientation of an image orientation; 1 for a value outside the enumeration.
     [[nodiscard]] static std::uint32_t cgOrientationFrom(selvio::ImageOrientation orientation);
 
-    // State. Every getter may be called on any thread and answers a value of the moment. Hosts change it by the
+    // State. Every getter may be called on any thread and returns a value of the moment. Hosts change it by the
     // operations above only.
 
     [[nodiscard]] bool selectionInProgress() const;
@@ -122,7 +123,7 @@ public:
     /// The newest analysed frame's results, an object of its own for every frame; null once spent.
     [[nodiscard]] std::shared_ptr<SelvioFacialCaptureResults> results() const;
     /// The recent frames, newest last; empty once spent. The 14 newest live frames, 28 while a selection is in
-    /// progress, or the 5 newest still images: what exceeds that goes when the next one comes.
+    /// progress, or the 5 newest still images: what exceeds that is dropped when the next one comes.
     [[nodiscard]] std::vector<selvio::Image> imagesArray() const;
     /// The capture's data record, which accumulates over the analyzer's life.
     [[nodiscard]] std::shared_ptr<SelvioFacialCaptureObixData> obixData() const;
@@ -153,7 +154,7 @@ public:
     [[nodiscard]] selvio::Point lipRight() const;
 
 private:
-    struct State;
+    struct SELVIO_HIDDEN State;
     explicit SelvioFacialCaptureAnalyzer(std::shared_ptr<State> state);
 
     const std::shared_ptr<State> state_;

@@ -3,6 +3,7 @@
 
 #include <SelvioFacialCapture/SelvioFacialCaptureCameraDelegate.h>
 #include <SelvioFacialCapture/SelvioFacialCaptureCameraParameters.h>
+#include <SelvioFacialCapture/base/Export.h>
 #include <SelvioFacialCapture/imaging/Geometry.h>
 #include <SelvioFacialCapture/platform/Platform.h>
 
@@ -24,8 +25,8 @@ class VideoRecorder;
 
 /// A view that shows a live camera and hands every frame to its delegate.
 ///
-///     init… ──setDelegate──▶ configuring ──didFinishConfiguringSession──▶ configured ──start──▶ running ──stop──▶
-///     configured
+///     init… ──setDelegate──▶ configuring ──didFinishConfiguringSession──▶ configured ──start──▶ running
+///                                                                         configured ◀──stop──── running
 ///       any of them ──shutdown──▶ finished (the graph is gone; starting again has no session to run)
 ///
 /// Queues. "Session queue" is `videoQueue`, "video output queue" is `videoOutputQueue`, both serial and the camera's
@@ -38,16 +39,93 @@ class VideoRecorder;
 /// shuts the camera down.
 ///
 /// Failures are never returned: they go to the platform log as fixed messages, and success shows in the delegate calls.
-/// Nothing throws. A port that the platform lacks makes what needs it do nothing; without `makeView` the preview goes
-/// nowhere and all else works.
+/// Nothing throws. A port that the platform lacks makes what needs it do nothing; without `makeView` nothing is
+/// shown and all else works.
 ///
 /// Release the last reference on the main thread, because it takes the view along; where another thread holds the last
 /// one, as a delegate may for the length of a call, the view alone is handed to the main queue. Blocks still queued
 /// then find no camera and end quietly, but a `stopRecording` or `discardRecording` already requested is carried out. A
 /// configuration that runs just then takes its graph down again and tells nobody.
-class SelvioFacialCaptureCamera final : public std::enable_shared_from_this<SelvioFacialCaptureCamera> {
+class SELVIO_EXPORT SelvioFacialCaptureCamera final : public std::enable_shared_from_this<SelvioFacialCaptureCamera> {
 public:
-    // ---- Construction. On the main thread. ----
+    // ---- What every host calls, in the order of its calls. ----
+
+    /// `permissionFor` the camera and the microphone.
+    static void checkCameraPermission(std::function<void(bool granted)> completion,
+                                      const selvio::Platform& platform = selvio::defaultPlatform());
+    static void checkMicrophonePermission(std::function<void(bool granted)> completion,
+                                          const selvio::Platform& platform = selvio::defaultPlatform());
+    /// Calls `permissionGranted` with whether the medium may be used: at once, on the caller's thread, if that is
+    /// settled, else once the person has answered, on a thread of the platform's choice. An authorization status
+    /// outside 0 to 3 never calls it. Without a capture system: false, at once.
+    static void permissionFor(selvio::MediaType mediaType, std::function<void(bool granted)> permissionGranted,
+                              const selvio::Platform& platform = selvio::defaultPlatform());
+
+    /// On the main thread. `preset`: one of `kCaptureSessionPreset…`, or nothing; `format`: a four-character pixel
+    /// format code; `frame`: of the view, in points. Frames and preview are in portrait.
+    [[nodiscard]] static std::shared_ptr<SelvioFacialCaptureCamera> initWithPreset(
+        std::optional<std::string> preset, std::int64_t format, selvio::CaptureDevicePosition position,
+        selvio::Rect frame, selvio::Platform platform = selvio::defaultPlatform());
+    /// Tears nothing of the graph down: `shutdown` does.
+    ~SelvioFacialCaptureCamera();
+    SelvioFacialCaptureCamera(const SelvioFacialCaptureCamera&) = delete;
+    SelvioFacialCaptureCamera& operator=(const SelvioFacialCaptureCamera&) = delete;
+
+    /// The view that backs the camera; never null. Its own operations belong on the main thread.
+    [[nodiscard]] const std::shared_ptr<selvio::View>& view() const;
+    /// Recording settings, shared with the host and read when they are needed; null means no recording. Default: a new
+    /// object.
+    [[nodiscard]] std::shared_ptr<SelvioFacialCaptureCameraParameters> parameters() const;
+    void setParameters(std::shared_ptr<SelvioFacialCaptureCameraParameters> value);
+    /// Holds the delegate weakly. A delegate that is not null has the capture graph configured, on the session queue,
+    /// each time it is set. On a camera that is already configured the second run is refused with "Could not add video
+    /// device input to the session"; the graph stays, and `shutdown` takes all of it down.
+    ///
+    /// The configuration logs, and then continues unless said otherwise: "Could not discover a capture device" (ends),
+    /// "Could not create video device input: " with the error (ends), "Could not add video device input to the session"
+    /// (ends), "Could not add audio device input to the session", "Can't add videoDataOutput", "Can't add
+    /// audioDataOutput", "Can't add metaDataOutput", "Failed to set continuous autofocus and point of interest" (ends;
+    /// also when a microphone was asked for and could not be opened). After an ending no `didFinishConfiguringSession`
+    /// comes.
+    void setDelegate(const std::shared_ptr<SelvioFacialCaptureCameraDelegate>& value);
+
+    /// True once the configuration is complete and the delegate has been, or is about to be, told.
+    [[nodiscard]] bool isConfigured() const;
+
+    /// Requests `startRecording` and then runs the session if it is not running, on the session queue. Returns at once.
+    /// Before `setDelegate` the session starts without a camera, and frames come once the configuration is there; a
+    /// recording needs what the configuration makes, so none begins then ("Can't add writerInputVideo").
+    void start();
+    /// Torch off; a running session, one whose camera is still being opened included, is stopped and, if `recordVideo`
+    /// is true, the recording that is being written, or about to begin, is finished as by `stopRecording`. On the
+    /// caller's thread; returns when the source has stopped. Frames already on their queue may still reach the
+    /// delegate. Only the torch without a session or with one that does not run: after a session that ended by itself,
+    /// as with a camera that was unplugged, finish the recording with `stopRecording`.
+    void stop();
+    /// Takes the graph and the observers down, on the caller's thread. The session is neither stopped nor finished
+    /// recording: call `stop` before. Afterwards `session` and the three outputs are null; inputs and devices keep
+    /// their values, `isConfigured` is not reset. From its return on the delegate is told nothing more, but for
+    /// `didFinishRecordingVideo` of a recording that was being finished: a delegate call that runs on another thread is
+    /// waited for, unless `shutdown` is called from within a delegate call of this camera.
+    void shutdown();
+
+    /// Whether the chosen camera has a torch; false before the configuration.
+    [[nodiscard]] bool hasTorch() const;
+    /// The camera's own record of the torch. Both names give the same value.
+    [[nodiscard]] bool isTorchON() const;
+    [[nodiscard]] bool isTorchOn() const;
+    /// False without a torch or a main queue. Otherwise true at once; the torch is lit 100 ms later, on the main
+    /// queue. A `turnTorchOff` in between does not call that off. A failure to lock the device is ignored.
+    bool turnTorchOn();
+    /// False without a torch. Otherwise the torch is off on return, unless another thread has turned it on meanwhile. A
+    /// failure to lock the device is ignored.
+    bool turnTorchOff();
+
+    /// For a turned interface: gives the preview the orientation (1 to 4), frames keep `cameraOrientation`, and a torch
+    /// that was on is turned on again. Any other orientation only does the last. On the main thread.
+    void updatePreviewLayer(selvio::VideoOrientation orientation);
+
+    // ---- Other constructions and the archive. On the main thread. ----
 
     /// The back camera, the session's own preset, pixel format code 0, orientation not set, the view's default frame.
     [[nodiscard]] static std::shared_ptr<SelvioFacialCaptureCamera> init(
@@ -56,26 +134,16 @@ public:
     /// default frame.
     [[nodiscard]] static std::shared_ptr<SelvioFacialCaptureCamera> initWithCoder(
         std::string_view archive, selvio::Platform platform = selvio::defaultPlatform());
-    /// `preset`: one of `kCaptureSessionPreset…`, or nothing; `format`: a four-character pixel format code; `frame` in
-    /// points.
+    /// As `initWithPreset` above, with `orientation` for frames and preview.
     [[nodiscard]] static std::shared_ptr<SelvioFacialCaptureCamera> initWithPreset(
         std::optional<std::string> preset, std::int64_t format, selvio::CaptureDevicePosition position,
         selvio::VideoOrientation orientation, selvio::Rect frame,
         selvio::Platform platform = selvio::defaultPlatform());
-    /// As above with portrait orientation.
-    [[nodiscard]] static std::shared_ptr<SelvioFacialCaptureCamera> initWithPreset(
-        std::optional<std::string> preset, std::int64_t format, selvio::CaptureDevicePosition position,
-        selvio::Rect frame, selvio::Platform platform = selvio::defaultPlatform());
     /// No preset: the camera's formats are searched for `resolution` (pixels, in the device's own terms) in `format`.
     /// Orientation not set.
     [[nodiscard]] static std::shared_ptr<SelvioFacialCaptureCamera> initWithDesiredResolution(
         selvio::Size resolution, std::int64_t format, selvio::CaptureDevicePosition position, selvio::Rect frame,
         selvio::Platform platform = selvio::defaultPlatform());
-
-    SelvioFacialCaptureCamera(const SelvioFacialCaptureCamera&) = delete;
-    SelvioFacialCaptureCamera& operator=(const SelvioFacialCaptureCamera&) = delete;
-    /// Tears nothing of the graph down: `shutdown` does.
-    ~SelvioFacialCaptureCamera();
 
     /// The view's archive: one JSON object, {"Frame": [x, y, width, height]}. On the main thread.
     [[nodiscard]] std::string encodeWithCoder() const;
@@ -111,59 +179,6 @@ public:
     /// Sets `pixelBufferFormat`, `devicePosition` (back if not given) and `sessionPreset`, in this order.
     void setPreset(std::optional<std::string> preset, std::int64_t format);
     void setPreset(std::optional<std::string> preset, std::int64_t format, selvio::CaptureDevicePosition position);
-    /// Recording settings, shared with the host and read when they are needed; null means no recording. Default: a new
-    /// object.
-    [[nodiscard]] std::shared_ptr<SelvioFacialCaptureCameraParameters> parameters() const;
-    void setParameters(std::shared_ptr<SelvioFacialCaptureCameraParameters> value);
-
-    // ---- Delegate and control. ----
-
-    /// Null once the host has let go of it.
-    [[nodiscard]] std::shared_ptr<SelvioFacialCaptureCameraDelegate> delegate() const;
-    /// Holds the delegate weakly. A delegate that is not null has the capture graph configured, on the session queue,
-    /// each time it is set. On a camera that is already configured the second run is refused with "Could not add video
-    /// device input to the session"; the graph stays, and `shutdown` takes all of it down.
-    ///
-    /// The configuration logs, and then goes on unless said otherwise: "Could not discover a capture device" (ends),
-    /// "Could not create video device input: " with the error (ends), "Could not add video device input to the session"
-    /// (ends), "Could not add audio device input to the session", "Can't add videoDataOutput", "Can't add
-    /// audioDataOutput", "Can't add metaDataOutput", "Failed to set continuous autofocus and point of interest" (ends;
-    /// also when a microphone was asked for and could not be opened). After an ending no `didFinishConfiguringSession`
-    /// comes.
-    void setDelegate(const std::shared_ptr<SelvioFacialCaptureCameraDelegate>& value);
-
-    /// Requests `startRecording` and then runs the session if it is not running, on the session queue. Returns at once.
-    /// Before `setDelegate` the session starts without a camera, and frames come once the configuration is there; a
-    /// recording needs what the configuration makes, so none begins then ("Can't add writerInputVideo").
-    void start();
-    /// Torch off; a running session, one whose camera is still being opened included, is stopped and, if `recordVideo`
-    /// is true, the recording that is being written, or about to begin, is finished as by `stopRecording`. On the
-    /// caller's thread; returns when the source has stopped. Frames already on their queue may still reach the
-    /// delegate. Only the torch without a session or with one that does not run: after a session that ended by itself,
-    /// as with a camera that was unplugged, finish the recording with `stopRecording`.
-    void stop();
-    /// Takes the graph and the observers down, on the caller's thread. The session is neither stopped nor finished
-    /// recording: call `stop` before. Afterwards `session` and the three outputs are null; inputs and devices keep
-    /// their values, `isConfigured` is not reset. From its return on the delegate is told nothing more, but for
-    /// `didFinishRecordingVideo` of a recording that was being finished: a delegate call that runs on another thread is
-    /// waited for, unless `shutdown` is called from within a delegate call of this camera.
-    void shutdown();
-
-    /// Whether the chosen camera has a torch; false before the configuration.
-    [[nodiscard]] bool hasTorch() const;
-    /// The camera's own record of the torch. Both names give the same value.
-    [[nodiscard]] bool isTorchON() const;
-    [[nodiscard]] bool isTorchOn() const;
-    /// False without a torch or a main queue. Otherwise true at once; the torch goes on 100 ms later, on the main
-    /// queue. A `turnTorchOff` in between does not call that off. A failure to lock the device is ignored.
-    bool turnTorchOn();
-    /// False without a torch. Otherwise the torch is off on return, unless another thread has turned it on meanwhile. A
-    /// failure to lock the device is ignored.
-    bool turnTorchOff();
-
-    /// For a turned interface: gives the preview the orientation (1 to 4), frames keep `cameraOrientation`, and a torch
-    /// that was on is turned on again. Any other orientation only does the last. On the main thread.
-    void updatePreviewLayer(selvio::VideoOrientation orientation);
 
     // ---- Recording. The work runs on the video output queue. ----
 
@@ -196,29 +211,14 @@ public:
     [[nodiscard]] bool shouldRecord() const;
     void setShouldRecord(bool value);
 
-    // ---- Permissions. ----
-
-    /// Calls `permissionGranted` with whether the medium may be used: at once, on the caller's thread, if that is
-    /// settled, else once the person has answered, on a thread of the platform's choice. An authorization status
-    /// outside 0 to 3 never calls it. Without a capture system: false, at once.
-    static void permissionFor(selvio::MediaType mediaType, std::function<void(bool granted)> permissionGranted,
-                              const selvio::Platform& platform = selvio::defaultPlatform());
-    /// The same for the camera and the microphone.
-    static void checkCameraPermission(std::function<void(bool granted)> completion,
-                                      const selvio::Platform& platform = selvio::defaultPlatform());
-    static void checkMicrophonePermission(std::function<void(bool granted)> completion,
-                                          const selvio::Platform& platform = selvio::defaultPlatform());
-
     // ---- What the camera alone decides. The host reads these (and `isTorchON` above) and cannot set them. ----
 
-    /// True once the configuration is complete and the delegate has been, or is about to be, told.
-    [[nodiscard]] bool isConfigured() const;
+    /// Null once it is destroyed.
+    [[nodiscard]] std::shared_ptr<SelvioFacialCaptureCameraDelegate> delegate() const;
     /// Size in pixels of the first video frame delivered; (0, 0) before it. Never changes afterwards.
     [[nodiscard]] selvio::Size resolution() const;
     [[nodiscard]] const std::shared_ptr<selvio::Queue>& videoQueue() const;
     [[nodiscard]] const std::shared_ptr<selvio::Queue>& videoOutputQueue() const;
-    /// The view that backs the camera; never null. Its own operations belong on the main thread.
-    [[nodiscard]] const std::shared_ptr<selvio::View>& view() const;
     /// The view's own layer.
     [[nodiscard]] std::shared_ptr<selvio::PreviewLayer> videoPreviewLayer() const;
 
@@ -258,8 +258,8 @@ private:
     explicit SelvioFacialCaptureCamera(selvio::Platform platform);
     static std::shared_ptr<SelvioFacialCaptureCamera> make(selvio::Platform platform);
     void commonInit();
-    struct SessionWork;
-    /// Submits the work to the session queue; a camera that has gone by then does none.
+    struct SELVIO_HIDDEN SessionWork;
+    /// Submits the work to the session queue; a camera destroyed by then does none.
     void onSessionQueue(void (*work)(const SessionWork&));
     void setTorch(selvio::CaptureDevice& device, selvio::TorchMode mode);
 

@@ -1,6 +1,7 @@
 // The host's settings for the recording.
 #pragma once
 
+#include <SelvioFacialCapture/base/Export.h>
 #include <SelvioFacialCapture/base/MemberMutex.h>
 
 #include <cstdint>
@@ -13,7 +14,7 @@
 using SelvioFacialCaptureVideoQuality = std::int64_t;
 
 /// Recording settings. Every operation may be called on any thread. Setters never refuse a value: they clamp.
-class SelvioFacialCaptureCameraParameters {
+class SELVIO_EXPORT SelvioFacialCaptureCameraParameters {
 public:
     /// recordVideo false, recordAudio false, showRecordingUI true, videoQuality 10.
     SelvioFacialCaptureCameraParameters() = default;

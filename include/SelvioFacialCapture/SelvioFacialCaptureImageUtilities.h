@@ -1,6 +1,7 @@
 // Conversions between bitmaps, pixel buffers, sample buffers and images.
 #pragma once
 
+#include <SelvioFacialCapture/base/Export.h>
 #include <SelvioFacialCapture/imaging/Image.h>
 #include <SelvioFacialCapture/imaging/PixelBuffer.h>
 #include <SelvioFacialCapture/imaging/SampleBuffer.h>
@@ -13,7 +14,7 @@
 /// 32-bit BGRA, 32-bit ARGB and 420v pictures. A null argument, a sample without a picture or a picture without pixels
 /// gives null (or an absent image), in silence except where an operation says that it logs. What is returned belongs to
 /// the caller.
-class SelvioFacialCaptureImageUtilities {
+class SELVIO_EXPORT SelvioFacialCaptureImageUtilities {
 public:
     using Bitmap = selvio::Bitmap;
     using Image = selvio::Image;
@@ -24,15 +25,14 @@ public:
     SelvioFacialCaptureImageUtilities() = delete;
 
     /// A turned copy in the source's own pixel format. The angle is compared exactly with the doubles below; column c,
-    /// row r (from the top left) of a picture w wide and h high goes to:
+    /// row r (from the top left) of a picture w wide and h high moves to:
     ///
     ///   byRadians                       | size of the result | new column, new row  |
     ///   0                               | w x h              | c, r                 | upright copy
     ///   π/2 (1.5707963267948966)        | h x w              | h-1-r, c             | a quarter turn clockwise
     ///   -π/2                            | h x w              | r, w-1-c             | a quarter turn counter-clockwise
     ///   π (3.141592653589793)           | w x h              | w-1-c, h-1-r         | half a turn
-    ///   anything else, -π and NaN too   | w x h              | c, h-1-r             | not turned at all, but flipped
-    ///   vertically
+    ///   anything else, -π and NaN too   | w x h              | c, h-1-r             | only flipped vertically
     ///
     /// 420v is turned plane by plane; with an odd side its colour may move by one pixel.
     static Bitmap rotateCGImage(const Bitmap& image, double byRadians);

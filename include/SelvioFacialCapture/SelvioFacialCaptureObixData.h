@@ -1,34 +1,36 @@
 // The data record of a capture.
 #pragma once
 
+#include <SelvioFacialCapture/base/Export.h>
 #include <SelvioFacialCapture/platform/Platform.h>
 
 #include <memory>
 #include <mutex>
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 
 /// Keys of the record, for hosts that read it.
 extern "C" {
-extern const char* const kObixObixVersion;
-extern const char* const kSelvioPlatfrom;  ///< spelled this way; the key is "Platform"
-extern const char* const kSelvioOS;
-extern const char* const kSelvioDevice;
-extern const char* const kSelvioModel;
-extern const char* const kSelvioManufacturer;
-extern const char* const kSelvioParameters;
-extern const char* const kSelvioUxp;
-extern const char* const kSelvioSdkVersion;
+SELVIO_EXPORT extern const char* const kObixObixVersion;
+SELVIO_EXPORT extern const char* const kSelvioPlatfrom;  ///< spelled this way; the key is "Platform"
+SELVIO_EXPORT extern const char* const kSelvioOS;
+SELVIO_EXPORT extern const char* const kSelvioDevice;
+SELVIO_EXPORT extern const char* const kSelvioModel;
+SELVIO_EXPORT extern const char* const kSelvioManufacturer;
+SELVIO_EXPORT extern const char* const kSelvioParameters;
+SELVIO_EXPORT extern const char* const kSelvioUxp;
+SELVIO_EXPORT extern const char* const kSelvioSdkVersion;
 }
 
 /// One flat JSON object that says on what device, with which parameters and guidance, and how a capture went.
 /// Every operation may be called on any thread. Device and codec are asked with no lock held.
-class SelvioFacialCaptureObixData {
+class SELVIO_EXPORT SelvioFacialCaptureObixData {
 public:
     /// A record with the seven initial members. `platform` supplies the device's facts and the image codec.
     [[nodiscard]] static std::shared_ptr<SelvioFacialCaptureObixData> init(
         const selvio::Platform& platform = selvio::defaultPlatform());
+    ~SelvioFacialCaptureObixData();
 
     /// The format of the record: "1.6".
     [[nodiscard]] static std::string obixVersion();
@@ -71,5 +73,5 @@ private:
     const std::shared_ptr<const selvio::Device> device_;
     const std::shared_ptr<const selvio::ImageCodec> codec_;
     mutable std::mutex mutex_;
-    nlohmann::json dictionary_ = nlohmann::json::object();  // guarded by mutex_
+    const std::unique_ptr<nlohmann::json> dictionary_;  // its value: guarded by mutex_
 };

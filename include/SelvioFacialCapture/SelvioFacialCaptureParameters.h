@@ -2,6 +2,7 @@
 #pragma once
 
 #include <SelvioFacialCapture/SelvioFacialCaptureCameraParameters.h>
+#include <SelvioFacialCapture/base/Export.h>
 #include <SelvioFacialCapture/base/MemberMutex.h>
 
 #include <cstdint>
@@ -18,7 +19,7 @@ enum SelvioFacialCaptureMode : std::int64_t {
 /// Everything about a capture that a host may change. Every operation may be called on any thread; a change takes
 /// effect with the next frame. Setters never refuse a value: numbers are clamped, and the two fill bounds keep a
 /// distance of at least 100.
-class SelvioFacialCaptureParameters {
+class SELVIO_EXPORT SelvioFacialCaptureParameters {
 public:
     /// mode automatic, timeout 20, fill 550...725, roll, pitch and yaw 500, imageQuality 95, no landmarks highlighted,
     /// no smile, countdown 2.

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <SelvioFacialCapture/SelvioFacialCaptureStatus.h>
+#include <SelvioFacialCapture/base/Export.h>
 #include <SelvioFacialCapture/base/MemberMutex.h>
 #include <SelvioFacialCapture/imaging/Geometry.h>
 #include <SelvioFacialCapture/imaging/Image.h>
@@ -16,7 +17,7 @@
 /// Every operation may be called on any thread: the object guards itself and hands out values. What is absent was never
 /// set. Points and rectangles are in screen points of a portrait screen, origin at the top left, in the detector's
 /// point order.
-class SelvioFacialCaptureResults {
+class SELVIO_EXPORT SelvioFacialCaptureResults {
 public:
     using Points = std::optional<std::vector<selvio::Point>>;
     using Statuses = std::optional<std::vector<SelvioFacialCaptureStatus>>;

@@ -3,12 +3,13 @@
 
 #include <SelvioFacialCapture/SelvioFacialCaptureUxpEvent.h>
 #include <SelvioFacialCapture/base/Clock.h>
+#include <SelvioFacialCapture/base/Export.h>
 
 #include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 
@@ -17,7 +18,7 @@
 ///
 /// An entry is a JSON object with one member: the event's code, whose value is an array of the milliseconds since the
 /// log was started and, if the caller gave one, an extra value. Consecutive repeats of an event make one entry.
-class SelvioFacialCaptureUxpEventManager {
+class SELVIO_EXPORT SelvioFacialCaptureUxpEventManager {
 public:
     /// The one manager, made on first use.
     [[nodiscard]] static std::shared_ptr<SelvioFacialCaptureUxpEventManager> sharedInstance();
@@ -30,6 +31,7 @@ public:
     /// A new, empty log that starts now.
     [[nodiscard]] static std::shared_ptr<SelvioFacialCaptureUxpEventManager> init(
         std::shared_ptr<const selvio::Clock> clock = nullptr);
+    ~SelvioFacialCaptureUxpEventManager();
 
     /// Empties the log, restarts its time at zero and sets `currentEvent` to 20, so that a good frame as the very first
     /// event is not logged.
@@ -55,7 +57,7 @@ private:
     const std::shared_ptr<const selvio::Clock> clock_;
     const std::map<std::int64_t, std::string> codes_;
     mutable std::mutex mutex_;
-    nlohmann::json mutableEvents_;                                                     // guarded by mutex_
+    const std::unique_ptr<nlohmann::json> mutableEvents_;                              // its value: guarded by mutex_
     double startTime_ = 0.0;                                                           // guarded by mutex_
     SelvioFacialCaptureUxpEvent currentEvent_ = SelvioFacialCaptureUxpEventGoodFrame;  // guarded by mutex_
 };

@@ -1,4 +1,4 @@
-#include <SelvioFacialCapture/simulated/SimulatedFaceDetector.h>
+#include "platform/simulated/SimulatedFaceDetector.h"
 
 #include <cmath>
 

@@ -1,4 +1,4 @@
-#include <SelvioFacialCapture/simulated/SimulatedMotionManager.h>
+#include "platform/simulated/SimulatedMotionManager.h"
 
 #include <algorithm>
 #include <atomic>

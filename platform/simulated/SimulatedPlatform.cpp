@@ -1,8 +1,9 @@
 #include <SelvioFacialCapture/base/Log.h>
-#include <SelvioFacialCapture/simulated/SimulatedFaceDetector.h>
-#include <SelvioFacialCapture/simulated/SimulatedMotionManager.h>
 #include <SelvioFacialCapture/simulated/SimulatedPlatform.h>
-#include <SelvioFacialCapture/simulated/SimulatedView.h>
+
+#include "platform/simulated/SimulatedFaceDetector.h"
+#include "platform/simulated/SimulatedMotionManager.h"
+#include "platform/simulated/SimulatedView.h"
 
 namespace selvio {
 

@@ -1,4 +1,4 @@
-#include <SelvioFacialCapture/simulated/SimulatedView.h>
+#include "platform/simulated/SimulatedView.h"
 
 #include "platform/simulated/SimulatedSession.h"
 

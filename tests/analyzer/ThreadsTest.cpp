@@ -4,6 +4,7 @@
 
 #include <barrier>
 #include <future>
+#include <nlohmann/json.hpp>
 #include <random>
 #include <thread>
 

@@ -1,27 +1,10 @@
 #!/usr/bin/env python3
-"""Checks every #include of the source tree against the dependency graph. Usage: include_graph.py ROOT | --self-test"""
+"""Checks every #include of the source tree, and the table in docs/architecture.md, against the links of the folders'
+targets. Usage: include_graph.py ROOT | --self-test"""
 import pathlib
 import re
 import sys
 import tempfile
-
-# What each folder may include besides itself and the C++ standard library.
-PORTS = {"base", "imaging", "platform"}
-GRAPH = {
-    "base": set(),
-    "imaging": {"base"},
-    "platform": {"base", "imaging"},
-    "model": PORTS,
-    "telemetry": PORTS | {"model"},
-    "analyzer/rules": PORTS | {"model"},
-    "analyzer": PORTS | {"model", "telemetry", "analyzer/rules"},
-    "camera/rules": PORTS | {"model"},
-    "camera": PORTS | {"model", "camera/rules"},
-    "platform/simulated": PORTS,
-    "platform/linux": PORTS,
-}
-GRAPH["umbrella"] = PORTS | {"model", "telemetry", "analyzer", "camera"}
-GRAPH["apps"] = set(GRAPH)
 
 # The rules decide and nothing else: no threads, no clocks, no queues, no log.
 PURE = {"analyzer/rules", "camera/rules"}
@@ -46,63 +29,109 @@ PUBLIC = {
 }
 PUBLIC_FOLDERS = {"rules": "analyzer/rules", "linux": "platform/linux", "simulated": "platform/simulated"}
 
+FOLDER = re.compile(r"^selvio_folder\(\s*(\w+)([^)]*)\)", re.MULTILINE)
+LIBRARY = re.compile(r"^selvio_shared\(\s*(\w+)\s+\w+\s+FOLDERS([^)]*?)(?:LINKS[^)]*)?\)", re.MULTILINE)
+ROW = re.compile(r"^\| `([\w/-]+)/` \|.*\|([^|]*)\|$", re.MULTILINE)
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]', re.MULTILINE)
 STANDARD = re.compile(r"^[a-z_0-9]+$")
 C_STANDARD = {"assert.h", "errno.h", "fcntl.h", "poll.h", "signal.h", "stdint.h", "stdlib.h", "string.h", "unistd.h", "dlfcn.h", "pthread.h"}
 JSON = re.compile(r"^nlohmann/")
 
 
-def folder_of(path):
-    """The folder that a file (relative to the root) belongs to; None if it is not part of the graph."""
-    parts = path.parts
-    if parts[:2] == ("include", "SelvioFacialCapture"):
-        if len(parts) == 3:
-            return PUBLIC.get(parts[2], f"unknown public header {parts[2]}")
-        return PUBLIC_FOLDERS.get(parts[2], parts[2])
-    for length in (2, 1):
-        name = "/".join(parts[:length])
-        if len(parts) > length and name in GRAPH:
-            return name
-    return None
+class Tree:
+    """What the CMakeLists.txt files say: `links` of a folder, all that it `may_include`, and the `library` it is in."""
 
+    def __init__(self, root):
+        self.root = root.resolve()
+        targets, links, libraries = {}, {}, []
+        for file in self.root.rglob("CMakeLists.txt"):
+            text = file.read_text(encoding="utf-8")
+            libraries += LIBRARY.findall(text)
+            for target, body in FOLDER.findall(text):
+                # The adapters of one system share a library, and their headers.
+                targets[target] = "/".join(file.parent.relative_to(self.root).parts[:2])
+                links[target] = body.partition("LINKS")[2].split()
+        self.links = {folder: set() for folder in targets.values()}
+        for target, names in links.items():
+            self.links[targets[target]] |= {targets[name] for name in names if name in targets} - {targets[target]}
+        self.library = {targets[name]: library for library, names in libraries for name in names.split()}
+        self.may_include = {folder: self.reached_from(folder) for folder in self.links}
+        self.may_include["umbrella"] = {f for f, library in self.library.items() if library == "SelvioFacialCapture"}
+        self.may_include["apps"] = set(self.may_include)
 
-def target_of(root, file, style, name):
-    """The folder an include leads to, "system", "json" or "third-party"."""
-    if name.startswith("SelvioFacialCapture/"):
-        return folder_of(pathlib.Path("include") / name)
-    if style == '"':
-        for candidate in (file.parent / name, root / name):
-            if candidate.is_file():
-                return folder_of(candidate.resolve().relative_to(root.resolve()))
-    if STANDARD.match(name) or name in C_STANDARD or name.startswith(("sys/", "linux/")):
-        return "system"
-    return "json" if JSON.match(name) else "third-party"
+    def reached_from(self, folder):
+        return self.links[folder].union(*(self.reached_from(link) for link in self.links[folder]))
 
+    def folder_of(self, path):
+        """The folder that a file (relative to the root) belongs to; None if it is not part of the graph."""
+        parts = path.parts
+        if parts[:2] == ("include", "SelvioFacialCapture"):
+            if len(parts) == 3:
+                return PUBLIC.get(parts[2], f"unknown public header {parts[2]}")
+            return PUBLIC_FOLDERS.get(parts[2], parts[2])
+        for length in (2, 1):
+            name = "/".join(parts[:length])
+            if len(parts) > length and name in self.may_include:
+                return name
+        return None
 
-def faults_in(root):
-    files = sorted(p for p in root.rglob("*") if p.suffix in (".h", ".cpp") and folder_of(p.relative_to(root)))
-    for file in files:
-        path = file.relative_to(root)
-        folder = folder_of(path)
-        if folder not in GRAPH:
+    def target_of(self, file, style, name):
+        """The folder an include leads to, "system", "json" or "third-party"; and whether it is a private header."""
+        if name.startswith("SelvioFacialCapture/"):
+            return self.folder_of(pathlib.Path("include") / name), False
+        if style == '"':
+            for candidate in (file.parent / name, self.root / name):
+                if candidate.is_file():
+                    return self.folder_of(candidate.resolve().relative_to(self.root)), True
+        if STANDARD.match(name) or name in C_STANDARD or name.startswith(("sys/", "linux/")):
+            return "system", False
+        return "json" if JSON.match(name) else "third-party", False
+
+    def faults(self):
+        if not self.links:
+            yield f"{self.root}: no folders"
+        for folder in sorted(set(self.links) - set(self.library)):
+            yield f"{folder}: in no library"
+        files = sorted(p for p in self.root.rglob("*") if p.suffix in (".h", ".cpp") and self.folder_of(p.relative_to(self.root)))
+        for file in files:
+            yield from self.faults_of(file, file.relative_to(self.root))
+
+    def faults_of(self, file, path):
+        folder = self.folder_of(path)
+        if folder not in self.may_include:
             yield f"{path}: {folder}: give it a folder in {pathlib.Path(__file__).name}"
-            continue
+            return
         for style, name in INCLUDE.findall(file.read_text(encoding="utf-8")):
             if folder in PURE and IMPURE.match(name):
                 yield f"{path}: {folder} decides only; it has no use for {name}"
                 continue
-            target = target_of(root, file, style, name)
+            target, private = self.target_of(file, style, name)
             if target in (folder, "system", "json"):
-                continue
-            if target == "third-party":
+                if name == "nlohmann/json.hpp" and path.parts[0] == "include":
+                    yield f"{path}: a public header gets by with nlohmann/json_fwd.hpp"
+            elif target == "third-party":
                 if folder not in ("platform/linux", "apps"):
                     yield f"{path}: <{name}> is a third-party header; only adapters and the program include those"
                 elif file.suffix == ".h" and path.parts[0] == "include":
                     yield f"{path}: <{name}> is a third-party header in a public header"
-            elif target not in GRAPH[folder]:
+            elif target not in self.may_include[folder]:
                 yield f"{path}: {folder} may not include {target} ({name})"
-    if not files:
-        yield f"{root}: no source files"
+            elif private and self.library.get(target) != self.library.get(folder):
+                yield f"{path}: {name} is a private header of another library"
+
+    def faults_in_table(self):
+        path = "docs/architecture.md"
+        rows = ROW.findall((self.root / path).read_text(encoding="utf-8"))
+        told = {folder: set(re.findall("`([^`]*)`", includes)) for folder, includes in rows}
+        for folder, links in sorted(self.links.items()):
+            if told.get(folder) != links:
+                yield f"{path}: {folder} includes {sorted(links)}, not {sorted(told.get(folder, []))}"
+
+
+def faults_in(root):
+    tree = Tree(root)
+    yield from tree.faults()
+    yield from tree.faults_in_table()
 
 
 def self_test():
@@ -115,10 +144,34 @@ def self_test():
         "imaging/I.cpp": "#include <jpeglib.h>",
         "include/SelvioFacialCapture/linux/L.h": "#include <gst/gst.h>",
         "include/SelvioFacialCapture/New.h": "#include <string>",
+        "include/SelvioFacialCapture/SelvioFacialCaptureCamera.h": "#include <nlohmann/json.hpp>",
+        "platform/linux/codec/J.cpp": '#include "imaging/Conversion.h"',
+        "apps/program/main.cpp": '#include "analyzer/rules/R.h"',
+        "docs/architecture.md": "\n".join(
+            f"| `{folder}/` | text | {includes} |"
+            for folder, includes in {
+                "imaging": "the standard library",
+                "analyzer/rules": "`imaging`",
+                "analyzer": "`analyzer/rules`",
+                "camera/rules": "`imaging`",
+                "camera": "`camera/rules`, `analyzer`",
+                "platform/linux": "`imaging`",
+            }.items()
+        ),
     }
     right = {
-        "analyzer/B.h": '#include "analyzer/rules/R.h"\n#include <vector>\n#include <nlohmann/json.hpp>',
-        "platform/linux/G.cpp": "#include <gst/gst.h>\n#include <sys/stat.h>",
+        "imaging/Conversion.h": "#include <vector>",
+        "analyzer/B.h": '#include "analyzer/rules/R.h"\n#include "imaging/Conversion.h"\n#include <nlohmann/json.hpp>',
+        "platform/linux/sensors/G.cpp": '#include <gst/gst.h>\n#include <sys/stat.h>\n#include "platform/linux/codec/J.h"',
+        "platform/linux/codec/J.h": "#include <SelvioFacialCapture/imaging/Image.h>",
+        "imaging/CMakeLists.txt": "selvio_folder(selvio_imaging SOURCES I.cpp LINKS Threads::Threads)",
+        "analyzer/rules/CMakeLists.txt": "selvio_folder(selvio_analyzer_rules SOURCES R.cpp LINKS selvio_imaging)",
+        "analyzer/CMakeLists.txt": "selvio_folder(\n  selvio_analyzer\n  SOURCES A.cpp\n  LINKS selvio_analyzer_rules)",
+        "camera/rules/CMakeLists.txt": "selvio_folder(selvio_camera_rules SOURCES P.cpp LINKS selvio_imaging)",
+        "camera/CMakeLists.txt": "selvio_folder(selvio_camera SOURCES C.cpp LINKS selvio_camera_rules)",
+        "platform/linux/codec/CMakeLists.txt": "selvio_folder(selvio_linux_codec SOURCES J.cpp LINKS selvio_imaging)",
+        "include/CMakeLists.txt": "selvio_shared(\n  SelvioFacialCapture Name\n  FOLDERS selvio_imaging selvio_analyzer_rules selvio_analyzer"
+        " selvio_camera_rules selvio_camera LINKS Threads::Threads)\nselvio_shared(Linux Name FOLDERS selvio_linux_codec)",
     }
     with tempfile.TemporaryDirectory() as directory:
         root = pathlib.Path(directory)

@@ -7,7 +7,7 @@
 #include "camera/rules/RecordingRules.h"
 #include "camera/rules/SessionRules.h"
 
-namespace selvio {
+namespace selvio::rules {
 namespace {
 
 constexpr PixelFormat k420v = kPixelFormat420v;
@@ -101,4 +101,4 @@ TEST(CameraRules, fileNamesAreInLocalTime) {
 }
 
 }  // namespace
-}  // namespace selvio
+}  // namespace selvio::rules

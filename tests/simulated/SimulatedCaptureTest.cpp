@@ -1,6 +1,4 @@
 #include <SelvioFacialCapture/base/SerialQueue.h>
-#include <SelvioFacialCapture/simulated/SimulatedFaceDetector.h>
-#include <SelvioFacialCapture/simulated/SimulatedMotionManager.h>
 #include <SelvioFacialCapture/simulated/SimulatedPlatform.h>
 #include <gmock/gmock.h>
 
@@ -9,6 +7,8 @@
 #include <cstring>
 #include <thread>
 
+#include "platform/simulated/SimulatedFaceDetector.h"
+#include "platform/simulated/SimulatedMotionManager.h"
 #include "tests/simulated/SimulatedSupport.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/ManualClock.h"

@@ -2,6 +2,8 @@
 #include <SelvioFacialCapture/imaging/Base64.h>
 #include <gmock/gmock.h>
 
+#include <nlohmann/json.hpp>
+
 #include "support/FakeDevice.h"
 #include "support/FakeImageCodec.h"
 #include "support/LogCapture.h"

@@ -1,13 +1,15 @@
 // Time is a port, so that tests turn the hands themselves.
 #pragma once
 
+#include <SelvioFacialCapture/base/Export.h>
+
 #include <chrono>
 #include <memory>
 
 namespace selvio {
 
 /// Source of time. Every operation may be called on any thread.
-class Clock {
+class SELVIO_EXPORT Clock {
 public:
     virtual ~Clock() = default;
     /// Seconds since 1 January 2001, 00:00:00 UTC.
@@ -17,7 +19,7 @@ public:
 };
 
 /// The system's clocks.
-class SystemClock final : public Clock {
+class SELVIO_EXPORT SystemClock final : public Clock {
 public:
     [[nodiscard]] double secondsSinceReferenceDate() const override;
     [[nodiscard]] std::chrono::nanoseconds monotonicTime() const override;

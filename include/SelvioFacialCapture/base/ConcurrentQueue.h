@@ -1,6 +1,7 @@
 // The global queue of default priority.
 #pragma once
 
+#include <SelvioFacialCapture/base/Export.h>
 #include <SelvioFacialCapture/base/SerialQueue.h>
 
 namespace selvio {
@@ -10,7 +11,7 @@ namespace selvio {
 /// do for `longestIdle` ends.
 /// Destruction runs what was submitted (delayed blocks at once) and waits until it has run, for a block that never ends
 /// without end; from one of its own blocks it does the same without waiting.
-class ConcurrentQueue final : public Queue {
+class SELVIO_EXPORT ConcurrentQueue final : public Queue {
 public:
     explicit ConcurrentQueue(const std::string& label, unsigned mostThreads = 64,
                              std::chrono::nanoseconds longestIdle = std::chrono::seconds(10));
@@ -27,7 +28,7 @@ public:
     [[nodiscard]] unsigned threadCount() const;
 
 private:
-    struct State;
+    struct SELVIO_HIDDEN State;
     std::shared_ptr<State> state_;
     std::unique_ptr<SerialQueue> timer_;  // only waits; its blocks hand the work on
 };

@@ -1,6 +1,8 @@
 // The platform log: one line of fixed English text per failure.
 #pragma once
 
+#include <SelvioFacialCapture/base/Export.h>
+
 #include <functional>
 #include <string_view>
 
@@ -11,10 +13,10 @@ namespace selvio {
 using LogSink = std::function<void(std::string_view message)>;
 
 /// Writes one message to the process's log sink (standard error unless replaced). Any thread.
-void log(std::string_view message);
+SELVIO_EXPORT void log(std::string_view message);
 
 /// Replaces the sink of the whole process and returns the one before; an empty sink restores standard error. A call
 /// that another thread has begun may still be under way in the old sink. Any thread.
-LogSink setLogSink(LogSink sink);
+SELVIO_EXPORT LogSink setLogSink(LogSink sink);
 
 }  // namespace selvio

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <SelvioFacialCapture/base/Clock.h>
+#include <SelvioFacialCapture/base/Export.h>
 #include <SelvioFacialCapture/base/MemberMutex.h>
 #include <SelvioFacialCapture/base/Queue.h>
 
@@ -18,7 +19,7 @@ namespace selvio {
 /// The main queue: its blocks run where the host calls `run` or `drain`, always one at a time.
 /// A host without a loop of its own calls `run`; a host with one (GLib, Qt, SDL) sets a wake-up hook that makes its
 /// loop call `drain`.
-class MainQueue final : public Queue {
+class SELVIO_EXPORT MainQueue final : public Queue {
 public:
     explicit MainQueue(std::shared_ptr<const Clock> clock = std::make_shared<SystemClock>());
 

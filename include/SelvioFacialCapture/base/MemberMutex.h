@@ -24,7 +24,7 @@ public:
         using std::swap;  // for types without one of their own
         const std::lock_guard lock(*this);
         swap(member, value);
-    }  // the lock goes before the argument, so that the end of what was replaced may take the lock again
+    }  // the lock is released before the argument, so that the end of what was replaced may take the lock again
 };
 
 }  // namespace selvio

@@ -1,6 +1,8 @@
 // Work queues. "On queue Q" in this project means: inside a block that Q runs, where Q->isCurrent() holds.
 #pragma once
 
+#include <SelvioFacialCapture/base/Export.h>
+
 #include <cassert>
 #include <chrono>
 #include <functional>
@@ -10,7 +12,7 @@
 namespace selvio {
 
 /// Takes blocks and runs each of them once. A block must not throw.
-class Queue {
+class SELVIO_EXPORT Queue {
 public:
     using Block = std::function<void()>;
 

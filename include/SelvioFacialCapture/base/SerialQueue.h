@@ -1,6 +1,7 @@
 // A queue with one thread of its own.
 #pragma once
 
+#include <SelvioFacialCapture/base/Export.h>
 #include <SelvioFacialCapture/base/Queue.h>
 
 namespace selvio {
@@ -8,7 +9,7 @@ namespace selvio {
 /// Runs its blocks one after another on one thread.
 /// Destruction runs every block submitted so far (delayed ones at once) and joins the thread; destroyed from one of its
 /// own blocks it does the same without joining, and the thread ends by itself after the last block.
-class SerialQueue final : public Queue {
+class SELVIO_EXPORT SerialQueue final : public Queue {
 public:
     explicit SerialQueue(std::string label);
     ~SerialQueue() override;
@@ -22,7 +23,7 @@ public:
     void drain();
 
 private:
-    struct State;
+    struct SELVIO_HIDDEN State;
     std::shared_ptr<State> state_;
 };
 

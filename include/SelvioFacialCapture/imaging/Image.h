@@ -1,6 +1,7 @@
 // A picture for people: a bitmap and the way up it is to be shown.
 #pragma once
 
+#include <SelvioFacialCapture/base/Export.h>
 #include <SelvioFacialCapture/imaging/PixelBuffer.h>
 
 #include <cstdint>
@@ -26,6 +27,11 @@ enum class ImageOrientation : std::int64_t {
     const auto value = static_cast<std::int64_t>(orientation);
     return value >= 0 && value < 8 ? kTable[value] : 1;
 }
+
+/// A picture stored as `exifOrientation` says (1 to 8; any other value is 1), turned upright, in a new buffer of the
+/// same format. 420v is turned plane by plane, so with an odd side its colour may move by one pixel. Null for an
+/// unreadable buffer or lack of memory.
+[[nodiscard]] SELVIO_EXPORT std::shared_ptr<PixelBuffer> turnedUpright(const PixelBuffer& stored, int exifOrientation);
 
 /// A bitmap that is shared and no longer written.
 using Bitmap = std::shared_ptr<const PixelBuffer>;

@@ -1,6 +1,8 @@
 // Pixels in memory: one or two planes of one picture.
 #pragma once
 
+#include <SelvioFacialCapture/base/Export.h>
+
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -28,7 +30,7 @@ struct PlaneLayout {
 };
 
 /// Size, format and planes of a pixel buffer.
-struct PixelBufferLayout {
+struct SELVIO_EXPORT PixelBufferLayout {
     int width = 0;   ///< pixels
     int height = 0;  ///< pixels
     PixelFormat format = kPixelFormat32BGRA;
@@ -55,14 +57,14 @@ class PixelBufferPool;
 
 /// A picture's pixels. Shared by reference; whoever holds a reference may read, and only the one who made it writes,
 /// before it hands it on.
-class PixelBuffer {
+class SELVIO_EXPORT PixelBuffer {
 public:
     /// New memory, not cleared, all planes in one block, 64-byte aligned. Null if the layout is impossible or memory is
     /// short.
     static std::shared_ptr<PixelBuffer> create(int width, int height, PixelFormat format);
     static std::shared_ptr<PixelBuffer> create(const PixelBufferLayout& layout);
     /// Foreign memory, without a copy: `planes` must stay valid until `release` is called, once, when the last
-    /// reference goes.
+    /// reference is released.
     static std::shared_ptr<PixelBuffer> wrap(const PixelBufferLayout& layout, std::array<std::uint8_t*, 2> planes,
                                              std::function<void()> release);
 
@@ -80,6 +82,9 @@ public:
     }
     [[nodiscard]] std::uint8_t* data(int plane = 0) { return planes_[static_cast<std::size_t>(plane)]; }
     [[nodiscard]] const std::uint8_t* data(int plane = 0) const { return planes_[static_cast<std::size_t>(plane)]; }
+    /// Whether it can be read as its layout says, which `wrap` takes on trust: a size, a known format, rows long
+    /// enough, memory behind every plane.
+    [[nodiscard]] bool isReadable() const;
 
 private:
     friend class PixelBufferPool;
@@ -93,7 +98,7 @@ private:
 /// Recycles the memory of pixel buffers of one size, so that a steady stream of frames allocates none.
 /// Buffers may outlive the pool; memory comes back to it from any thread. A request for another size frees what is
 /// idle, and no more than a few blocks are kept idle.
-class PixelBufferPool : public std::enable_shared_from_this<PixelBufferPool> {
+class SELVIO_EXPORT PixelBufferPool : public std::enable_shared_from_this<PixelBufferPool> {
 public:
     static std::shared_ptr<PixelBufferPool> create();
     ~PixelBufferPool();

@@ -1,6 +1,7 @@
 // One media sample on its way from a capture output: a video frame or a block of audio.
 #pragma once
 
+#include <SelvioFacialCapture/base/Export.h>
 #include <SelvioFacialCapture/imaging/PixelBuffer.h>
 
 #include <chrono>
@@ -36,7 +37,7 @@ struct AudioData {
 };
 
 /// A sample and its timing. Immutable once made; hold the reference to keep it.
-class SampleBuffer {
+class SELVIO_EXPORT SampleBuffer {
 public:
     /// A video sample over `imageBuffer`, which may be null (a sample without a picture, as in a drop notice).
     static std::shared_ptr<SampleBuffer> makeVideo(std::shared_ptr<PixelBuffer> imageBuffer, SampleTiming timing = {},

@@ -1,6 +1,7 @@
 // Cameras, microphones and the preview on Linux, through GStreamer: Video4Linux, PipeWire, video files.
 #pragma once
 
+#include <SelvioFacialCapture/base/Export.h>
 #include <SelvioFacialCapture/linux/Recording.h>
 #include <SelvioFacialCapture/platform/Capture.h>
 #include <SelvioFacialCapture/platform/View.h>
@@ -45,31 +46,28 @@ struct CaptureOptions {
 /// The capture system.
 ///
 /// - Discovery looks anew each time, so that devices which come and go are seen; a device object stays valid when its
-/// device has gone. A position
-///   is matched by cameras that state it, then by cameras that state none (most webcams); a camera at the opposite
-///   position is left out. Extra sources and video files come first. The device types are not looked at: Linux does not
-///   tell them apart.
+///   device has gone. A position is matched by cameras that state it, then by cameras that state none (most webcams); a
+///   camera at the opposite position is left out. Extra sources and video files come first. The device types are not
+///   looked at: Linux does not tell them apart.
 /// - Formats: each frame size of the camera, in its own order, as 420v and as BGRA; whatever else the camera sends
-/// (YUYV, Motion JPEG) is converted.
-///   A preset is a camera's frame size, upright or not; "High" is the largest up to 1920x1080. Until something is set,
-///   a camera delivers 1280x720 if it can, else "High".
+///   (YUYV, Motion JPEG) is converted. A preset is a camera's frame size, upright or not; "High" is the largest up to
+///   1920x1080. Until something is set, a camera delivers 1280x720 if it can, else "High".
 /// - Orientation: 1 and 2 deliver an upright portrait picture: the middle 9:16 of a landscape sensor, all of an upright
-/// one. Everything else
-///   delivers a landscape picture: all of a landscape sensor, the middle 16:9 of an upright one.
+///   one. Everything else delivers a landscape picture: all of a landscape sensor, the middle 16:9 of an upright one.
 /// - Frames are handed on, and cropped, without copying, in the memory of the camera or of the converter. Two
-/// exceptions: PipeWire takes its memory
-///   back when a camera goes, so that the part of the picture that is delivered is copied once; and a camera of which
-///   four frames are in use elsewhere delivers copies, so that it never waits for its memory.
+///   exceptions: PipeWire takes its memory back when a camera goes, so that the part of the picture that is delivered
+///   is copied once; and a camera of which four frames are in use elsewhere delivers copies, so that it never waits for
+///   its memory.
 /// - Frames go to the delegate's queue; one may wait there beside the one that is being handled. When a newer one comes
-/// (and late frames are
-///   discarded) it takes the place of the waiting one, for which a drop notice without a picture is delivered.
+///   (and late frames are discarded) it takes the place of the waiting one, for which a drop notice without a picture
+///   is delivered.
 /// - Times are on the system's monotonic clock.
 /// - A session whose camera fails, falls silent or ends says so once in the log and no longer runs. A microphone that
-/// fails is only logged.
+///   fails is only logged.
 /// - PDF417 codes are looked for beside the frames, in the newest one, about ten times a second.
 /// - Authorisation is Denied where camera nodes exist and none may be opened, unless PipeWire offers a camera; else
-/// Authorized. Nobody is asked.
-[[nodiscard]] std::shared_ptr<CaptureSystem> makeGstCaptureSystem(CaptureOptions options = {});
+///   Authorized. Nobody is asked.
+[[nodiscard]] SELVIO_EXPORT std::shared_ptr<CaptureSystem> makeGstCaptureSystem(CaptureOptions options = {});
 
 struct ViewOptions {
     /// Show the frames in a window, mirrored and filling it, where an X display is there.
@@ -79,6 +77,6 @@ struct ViewOptions {
 
 /// A view whose preview layer takes sessions of the capture system above (others it only holds). Without a window it
 /// shows nothing and costs nothing. The window closes with the view.
-[[nodiscard]] std::shared_ptr<View> makeGstView(ViewOptions options = {});
+[[nodiscard]] SELVIO_EXPORT std::shared_ptr<View> makeGstView(ViewOptions options = {});
 
 }  // namespace selvio

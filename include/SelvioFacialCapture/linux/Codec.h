@@ -1,6 +1,7 @@
 // Pictures as files on Linux: JPEG by TurboJPEG, EXIF by libexif, PNG by libpng.
 #pragma once
 
+#include <SelvioFacialCapture/base/Export.h>
 #include <SelvioFacialCapture/platform/ImageCodec.h>
 
 namespace selvio {
@@ -17,7 +18,7 @@ namespace selvio {
 /// - `encodeFromSource` refuses a source that is cut short or damaged, and EXIF properties that do not fit into one
 ///   segment or whose user comment is not ASCII. The samples of YCbCr and grey sources are taken over without a detour
 ///   through RGB.
-class LibjpegImageCodec final : public ImageCodec {
+class SELVIO_EXPORT LibjpegImageCodec final : public ImageCodec {
 public:
     [[nodiscard]] std::optional<Bytes> encodeJpeg(const Image& image, double quality) const override;
     [[nodiscard]] std::shared_ptr<ImageSource> openSource(Bytes bytes) const override;
@@ -32,7 +33,7 @@ public:
 /// end marker are let pass. Beside the result a JPEG takes the memory of its file, and a picture that its orientation
 /// turns that of a second one. A file too short for the size that it claims is refused before any memory is taken for
 /// its pixels.
-class JpegPngImageLoader final : public ImageLoader {
+class SELVIO_EXPORT JpegPngImageLoader final : public ImageLoader {
 public:
     [[nodiscard]] Expected<std::shared_ptr<PixelBuffer>> loadImage(const std::string& path) const override;
 };

@@ -1,6 +1,7 @@
 // What a Linux device and its screen say of themselves.
 #pragma once
 
+#include <SelvioFacialCapture/base/Export.h>
 #include <SelvioFacialCapture/platform/Device.h>
 
 #include <atomic>
@@ -11,7 +12,7 @@
 
 namespace selvio {
 
-class LinuxDevice final : public Device {
+class SELVIO_EXPORT LinuxDevice final : public Device {
 public:
     /// Tells how the device is held; called on the thread that asks the device.
     using OrientationProvider = std::function<DeviceOrientation()>;
@@ -35,7 +36,7 @@ private:
 };
 
 /// A portrait screen, whose size the host tells, in points. Any thread.
-class LinuxScreen final : public Screen {
+class SELVIO_EXPORT LinuxScreen final : public Screen {
 public:
     static constexpr Size kDefaultSize{1080, 1920};
 

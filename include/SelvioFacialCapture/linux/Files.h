@@ -1,6 +1,7 @@
 // The component's own files on Linux.
 #pragma once
 
+#include <SelvioFacialCapture/base/Export.h>
 #include <SelvioFacialCapture/platform/Files.h>
 
 #include <mutex>
@@ -9,7 +10,7 @@ namespace selvio {
 
 /// Each manager has a documents directory of its own, so that the clean-up of one process leaves the recordings of
 /// another alone. What a manager left behind, because its process ended early, the next one removes. Any thread.
-class LinuxFileManager final : public FileManager {
+class SELVIO_EXPORT LinuxFileManager final : public FileManager {
 public:
     /// `parent` holds the managers' directories, "selvio-process-XXXXXX". An empty path asks for the default:
     /// $XDG_DATA_HOME/SelvioFacialCapture/Documents, or under ~/.local/share if that variable is unset, empty or
@@ -18,7 +19,7 @@ public:
     explicit LinuxFileManager(std::filesystem::path parent = {});
     LinuxFileManager(const LinuxFileManager&) = delete;
     LinuxFileManager& operator=(const LinuxFileManager&) = delete;
-    /// An empty documents directory goes; one with files stays for the next manager to remove.
+    /// An empty documents directory is removed; one with files stays for the next manager to remove.
     ~LinuxFileManager() override;
 
     /// Made on demand with every missing directory above it, for the owner alone (0700). Each call removes the

@@ -1,6 +1,7 @@
 // The Linux adapters, put together.
 #pragma once
 
+#include <SelvioFacialCapture/base/Export.h>
 #include <SelvioFacialCapture/linux/Recording.h>
 #include <SelvioFacialCapture/linux/Vision.h>
 #include <SelvioFacialCapture/platform/Platform.h>
@@ -10,6 +11,7 @@ namespace selvio {
 /// A platform of Linux adapters: vision, JPEG and PNG files, device, screen, files, sensors, cameras, recording. The
 /// vision models start to load in the background. `recording`: what the cameras recommend for a recording, H.265 among
 /// it, and what writes it. A program that links this library and uses anything of it has this as its default platform.
-[[nodiscard]] Platform makeLinuxPlatform(const VisionOptions& vision = {}, const RecordingOptions& recording = {});
+[[nodiscard]] SELVIO_EXPORT Platform makeLinuxPlatform(const VisionOptions& vision = {},
+                                                       const RecordingOptions& recording = {});
 
 }  // namespace selvio

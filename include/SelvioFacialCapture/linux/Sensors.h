@@ -1,6 +1,7 @@
 // The device's rotation and orientation on Linux.
 #pragma once
 
+#include <SelvioFacialCapture/base/Export.h>
 #include <SelvioFacialCapture/platform/Device.h>
 #include <SelvioFacialCapture/platform/MotionManager.h>
 
@@ -22,10 +23,10 @@ struct SensorOptions {
 /// offsets included), in radians per second, read on a thread that runs only while updates do. A reading that fails is
 /// handed on as an error; a device without a gyroscope never calls the handler. The interval lies within 1 ms and 10 s;
 /// 10 ms until set.
-[[nodiscard]] std::shared_ptr<MotionManager> makeIioMotionManager(SensorOptions options = {});
+[[nodiscard]] SELVIO_EXPORT std::shared_ptr<MotionManager> makeIioMotionManager(SensorOptions options = {});
 
 /// How the device is held, as iio-sensor-proxy says, which is asked as long as the object lives.
-class OrientationSensor {
+class SELVIO_EXPORT OrientationSensor {
 public:
     virtual ~OrientationSensor() = default;
     /// Portrait where there is no accelerometer or no proxy; what was last said where it says "undefined". Any thread,
@@ -33,11 +34,8 @@ public:
     [[nodiscard]] virtual DeviceOrientation orientation() const = 0;
 };
 
-/// Never null. Looks for the proxy on a thread of its own; until it has answered, and when it goes, the device is in
+/// Never null. Looks for the proxy on a thread of its own; until it has replied, and when it ends, the device is in
 /// portrait.
-[[nodiscard]] std::shared_ptr<OrientationSensor> makeOrientationSensor(SensorOptions options = {});
-
-/// The orientation for a word of the proxy's: "normal", "bottom-up", "left-up", "right-up"; Unknown for any other.
-[[nodiscard]] DeviceOrientation orientationForProxy(const std::string& word);
+[[nodiscard]] SELVIO_EXPORT std::shared_ptr<OrientationSensor> makeOrientationSensor(SensorOptions options = {});
 
 }  // namespace selvio

@@ -6,6 +6,7 @@
 
 #include <SelvioFacialCapture/base/Clock.h>
 #include <SelvioFacialCapture/base/Error.h>
+#include <SelvioFacialCapture/base/Export.h>
 #include <SelvioFacialCapture/platform/FaceDetector.h>
 #include <SelvioFacialCapture/platform/FaceLandmarks.h>
 
@@ -17,10 +18,10 @@ namespace selvio {
 
 /// Where a model file lies that was installed with the adapters' library: in share/SelvioFacialCapture/models beside or
 /// above the library's directory. Any thread.
-[[nodiscard]] std::string defaultVisionModelPath(const std::string& fileName);
+[[nodiscard]] SELVIO_EXPORT std::string defaultVisionModelPath(const std::string& fileName);
 
 struct VisionOptions {
-    /// Finds faces: a .tflite network of 128 x 128 pixels and 896 answers.
+    /// Finds faces: a .tflite network of 128 x 128 pixels and 896 outputs.
     std::string detectionModelPath = defaultVisionModelPath("face_detection_short_range.tflite");
     /// Finds the points of a face: a .tflite network of 192 x 192 pixels and 468 points.
     std::string meshModelPath = defaultVisionModelPath("face_landmark.tflite");
@@ -33,10 +34,10 @@ struct VisionOptions {
 
 /// Starts loading the models on a thread of its own, unless they are loaded or being loaded; returns at once. Each
 /// model file is loaded once a process. Any thread.
-void preloadVisionModels(const VisionOptions& options = {});
+SELVIO_EXPORT void preloadVisionModels(const VisionOptions& options = {});
 
 /// Waits until the models are loaded. An error names the file and the script that installs it. Any thread.
-[[nodiscard]] std::optional<Error> waitForVisionModels(const VisionOptions& options = {});
+[[nodiscard]] SELVIO_EXPORT std::optional<Error> waitForVisionModels(const VisionOptions& options = {});
 
 /// A request handler for the frames of one sequence, and for still images. Starts loading the models as
 /// `preloadVisionModels` does and returns at once; the first request waits for them. Performing fails when the models
@@ -47,11 +48,12 @@ void preloadVisionModels(const VisionOptions& options = {});
 /// is found up to 90 degrees. The same frame gives the same points, whatever came before it; only whether a small face
 /// is seen depends on the last half second. A sequence is searched for faces from
 /// 15 % of its width on, a still image from 6 %.
-[[nodiscard]] std::shared_ptr<SequenceRequestHandler> makeSequenceRequestHandler(const VisionOptions& options = {});
+[[nodiscard]] SELVIO_EXPORT std::shared_ptr<SequenceRequestHandler> makeSequenceRequestHandler(
+    const VisionOptions& options = {});
 
 /// A detector of faces and smiles in single pictures. Loads the models as above; without them it finds nothing. A
 /// picture over a pixel buffer that a handler of this process has just examined is not searched again. Never null. Any
 /// thread, also several at once; none waits for another.
-[[nodiscard]] std::shared_ptr<FaceDetector> makeFaceDetector(const VisionOptions& options = {});
+[[nodiscard]] SELVIO_EXPORT std::shared_ptr<FaceDetector> makeFaceDetector(const VisionOptions& options = {});
 
 }  // namespace selvio

@@ -1,6 +1,7 @@
 // Ports: writing captured samples into an MP4 file.
 #pragma once
 
+#include <SelvioFacialCapture/base/Export.h>
 #include <SelvioFacialCapture/platform/Capture.h>
 
 #include <filesystem>
@@ -10,7 +11,7 @@ namespace selvio {
 enum class AssetWriterStatus : std::int64_t { Unknown = 0, Writing = 1, Completed = 2, Failed = 3, Cancelled = 4 };
 
 /// One track. Operations run on the queue that drives the writer.
-class AssetWriterInput {
+class SELVIO_EXPORT AssetWriterInput {
 public:
     virtual ~AssetWriterInput() = default;
     virtual void setExpectsMediaDataInRealTime(bool expects) = 0;
@@ -25,7 +26,7 @@ public:
 inline constexpr std::chrono::seconds kLongestFinishing{15};
 
 /// One file. `status` may be read on any thread; all else runs on one queue.
-class AssetWriter {
+class SELVIO_EXPORT AssetWriter {
 public:
     virtual ~AssetWriter() = default;
     [[nodiscard]] virtual AssetWriterStatus status() const = 0;
@@ -36,13 +37,13 @@ public:
     virtual void startSessionAtSourceTime(std::chrono::nanoseconds time) = 0;
     /// Finishes in the background and then calls `completion` once, on a thread of its own; `status` then says how it
     /// went: Failed if it takes longer than `kLongestFinishing`. `completion` keeps the writer alive and may hold the
-    /// last reference: let go of it right after the call.
+    /// last reference: release it right after the call.
     virtual void finishWriting(std::function<void()> completion) = 0;
     /// Ends without a file; status Cancelled.
     virtual void cancelWriting() = 0;
 };
 
-class AssetWriterFactory {
+class SELVIO_EXPORT AssetWriterFactory {
 public:
     virtual ~AssetWriterFactory() = default;
     [[nodiscard]] virtual Expected<std::shared_ptr<AssetWriter>> makeAssetWriter(const std::filesystem::path& path,

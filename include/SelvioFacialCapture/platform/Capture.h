@@ -2,6 +2,7 @@
 #pragma once
 
 #include <SelvioFacialCapture/base/Error.h>
+#include <SelvioFacialCapture/base/Export.h>
 #include <SelvioFacialCapture/base/Queue.h>
 #include <SelvioFacialCapture/imaging/Geometry.h>
 #include <SelvioFacialCapture/imaging/SampleBuffer.h>
@@ -60,7 +61,7 @@ struct CaptureDeviceFormat {
 
 /// A camera or a microphone. Settings are changed between `lockForConfiguration` and `unlockForConfiguration`. Any
 /// thread.
-class CaptureDevice {
+class SELVIO_EXPORT CaptureDevice {
 public:
     virtual ~CaptureDevice() = default;
     [[nodiscard]] virtual std::string uniqueId() const = 0;
@@ -84,14 +85,14 @@ public:
 };
 
 /// A device, ready to be added to a session.
-class CaptureDeviceInput {
+class SELVIO_EXPORT CaptureDeviceInput {
 public:
     virtual ~CaptureDeviceInput() = default;
     [[nodiscard]] virtual const std::shared_ptr<CaptureDevice>& device() const = 0;
 };
 
 /// The way from an input to an output or to the preview. Any thread; a change takes effect with the next frame.
-class CaptureConnection {
+class SELVIO_EXPORT CaptureConnection {
 public:
     virtual ~CaptureConnection() = default;
     [[nodiscard]] virtual bool isVideoOrientationSupported() const = 0;
@@ -99,7 +100,7 @@ public:
     [[nodiscard]] virtual VideoOrientation videoOrientation() const = 0;
 };
 
-class CaptureOutput {
+class SELVIO_EXPORT CaptureOutput {
 public:
     virtual ~CaptureOutput() = default;
     /// Empty until the output belongs to a session with a matching input.
@@ -114,7 +115,7 @@ struct MetadataObject {
 };
 
 /// Receives what the outputs deliver, each on the queue that it was set with.
-class CaptureOutputDelegate {
+class SELVIO_EXPORT CaptureOutputDelegate {
 public:
     virtual ~CaptureOutputDelegate() = default;
     /// The buffer is valid for the call; keep the reference to keep it.
@@ -143,7 +144,7 @@ struct AudioSettings {
     int bitRate = 96000;  ///< bits a second
 };
 
-class VideoDataOutput : public CaptureOutput {
+class SELVIO_EXPORT VideoDataOutput : public CaptureOutput {
 public:
     /// The frames' pixel format; 0 means 32-bit BGRA. One that the platform does not deliver is logged and changes
     /// nothing.
@@ -159,7 +160,7 @@ public:
     [[nodiscard]] virtual VideoSettings recommendedVideoSettings(const std::string& fileType) const = 0;
 };
 
-class AudioDataOutput : public CaptureOutput {
+class SELVIO_EXPORT AudioDataOutput : public CaptureOutput {
 public:
     /// As for video frames.
     virtual void setSampleBufferDelegate(std::weak_ptr<CaptureOutputDelegate> delegate,
@@ -167,7 +168,7 @@ public:
     [[nodiscard]] virtual AudioSettings recommendedAudioSettings(const std::string& fileType) const = 0;
 };
 
-class MetadataOutput : public CaptureOutput {
+class SELVIO_EXPORT MetadataOutput : public CaptureOutput {
 public:
     /// As for video frames.
     virtual void setMetadataObjectsDelegate(std::weak_ptr<CaptureOutputDelegate> delegate,
@@ -177,7 +178,7 @@ public:
 };
 
 /// Inputs, outputs and whether they run. Any thread.
-class CaptureSession {
+class SELVIO_EXPORT CaptureSession {
 public:
     virtual ~CaptureSession() = default;
     /// The lock that `stop` and `shutdown` of a camera serialise through.
@@ -216,7 +217,7 @@ struct CaptureDeviceDiscoverySession {
 };
 
 /// Where devices, sessions and outputs come from.
-class CaptureSystem {
+class SELVIO_EXPORT CaptureSystem {
 public:
     virtual ~CaptureSystem() = default;
     [[nodiscard]] virtual std::shared_ptr<CaptureDeviceDiscoverySession> discoverDevices(

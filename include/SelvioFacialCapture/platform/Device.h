@@ -1,6 +1,7 @@
 // Ports: what the device and its screen say of themselves. Any thread.
 #pragma once
 
+#include <SelvioFacialCapture/base/Export.h>
 #include <SelvioFacialCapture/imaging/Geometry.h>
 
 #include <cstdint>
@@ -28,7 +29,7 @@ enum class InterfaceOrientation : std::int64_t {
     LandscapeLeft = 4,
 };
 
-class Device {
+class SELVIO_EXPORT Device {
 public:
     virtual ~Device() = default;
     /// The version of the operating system, a dotted number; empty if the system does not say.
@@ -40,7 +41,7 @@ public:
     [[nodiscard]] virtual DeviceOrientation orientation() const = 0;
 };
 
-class Screen {
+class SELVIO_EXPORT Screen {
 public:
     virtual ~Screen() = default;
     /// Width and height in points.

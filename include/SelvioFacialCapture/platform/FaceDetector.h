@@ -1,6 +1,7 @@
 // Port: faces in a picture and whether they smile.
 #pragma once
 
+#include <SelvioFacialCapture/base/Export.h>
 #include <SelvioFacialCapture/imaging/Geometry.h>
 #include <SelvioFacialCapture/imaging/Image.h>
 
@@ -13,7 +14,7 @@ struct FaceFeature {
     bool hasSmile = false;
 };
 
-class FaceDetector {
+class SELVIO_EXPORT FaceDetector {
 public:
     virtual ~FaceDetector() = default;
     /// The faces of an upright picture; `hasSmile` is judged only when `smile` is asked for. Any thread; an empty list

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <SelvioFacialCapture/base/Error.h>
+#include <SelvioFacialCapture/base/Export.h>
 #include <SelvioFacialCapture/imaging/Geometry.h>
 #include <SelvioFacialCapture/imaging/PixelBuffer.h>
 
@@ -48,7 +49,7 @@ struct FaceLandmarksResult {
 };
 
 /// Finds faces in the frames of one sequence and in still images.
-class SequenceRequestHandler {
+class SELVIO_EXPORT SequenceRequestHandler {
 public:
     virtual ~SequenceRequestHandler() = default;
     /// Searches the picture on the calling thread. One thread at a time. An error means that the request could not be

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <SelvioFacialCapture/base/Error.h>
+#include <SelvioFacialCapture/base/Export.h>
 
 #include <cstdint>
 #include <filesystem>
@@ -10,7 +11,7 @@
 
 namespace selvio {
 
-class FileManager {
+class SELVIO_EXPORT FileManager {
 public:
     virtual ~FileManager() = default;
     /// The directory that holds recordings; private to the component, because the clean-up deletes files in it by

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <SelvioFacialCapture/base/Error.h>
+#include <SelvioFacialCapture/base/Export.h>
 #include <SelvioFacialCapture/imaging/Image.h>
 
 #include <cstdint>
@@ -35,14 +36,14 @@ struct ImageProperties {
 };
 
 /// An encoded picture that has been opened.
-class ImageSource {
+class SELVIO_EXPORT ImageSource {
 public:
     virtual ~ImageSource() = default;
     [[nodiscard]] virtual ImageProperties properties() const = 0;
 };
 
 /// JPEG files in memory. Every operation may be called on any thread.
-class ImageCodec {
+class SELVIO_EXPORT ImageCodec {
 public:
     virtual ~ImageCodec() = default;
     /// Encodes a picture at a quality of 0...1, with its orientation as EXIF orientation. Nothing on failure or for a
@@ -60,7 +61,7 @@ public:
 };
 
 /// Pictures in files. Any thread.
-class ImageLoader {
+class SELVIO_EXPORT ImageLoader {
 public:
     virtual ~ImageLoader() = default;
     /// Decodes the file into a new BGRA buffer, its own EXIF orientation applied, so that the picture is upright. The

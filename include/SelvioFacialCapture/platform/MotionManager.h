@@ -2,6 +2,7 @@
 #pragma once
 
 #include <SelvioFacialCapture/base/Error.h>
+#include <SelvioFacialCapture/base/Export.h>
 #include <SelvioFacialCapture/base/Queue.h>
 
 #include <chrono>
@@ -23,7 +24,7 @@ struct DeviceMotion {
 };
 
 /// A feed of motion readings. Every operation may be called on any thread.
-class MotionManager {
+class SELVIO_EXPORT MotionManager {
 public:
     using Handler = std::function<void(const DeviceMotion& motion, const std::optional<Error>& error)>;
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <SelvioFacialCapture/base/Clock.h>
+#include <SelvioFacialCapture/base/Export.h>
 #include <SelvioFacialCapture/base/Queue.h>
 #include <SelvioFacialCapture/platform/AssetWriter.h>
 #include <SelvioFacialCapture/platform/Capture.h>
@@ -53,15 +54,15 @@ struct Platform {
 
 /// A platform with the portable parts filled in: system clock, the process's main and global queues, serial queues with
 /// a thread of their own, a notification centre. Adapters add the rest.
-[[nodiscard]] Platform makePortablePlatform();
+[[nodiscard]] SELVIO_EXPORT Platform makePortablePlatform();
 
 /// The platform used where an operation is called without one: the one set last; else the one that a linked adapter
 /// library offers, made on first use; else the portable parts alone.
-[[nodiscard]] Platform defaultPlatform();
-void setDefaultPlatform(Platform platform);
+[[nodiscard]] SELVIO_EXPORT Platform defaultPlatform();
+SELVIO_EXPORT void setDefaultPlatform(Platform platform);
 
 /// For adapter libraries: offers a default platform. The last offer before first use counts. Returns true, so that a
 /// static variable can hold it.
-bool offerDefaultPlatform(std::function<Platform()> make);
+SELVIO_EXPORT bool offerDefaultPlatform(std::function<Platform()> make);
 
 }  // namespace selvio

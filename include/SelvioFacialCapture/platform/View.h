@@ -1,6 +1,7 @@
 // Ports: the view on screen, its preview layer, and the notifications of the application's life cycle.
 #pragma once
 
+#include <SelvioFacialCapture/base/Export.h>
 #include <SelvioFacialCapture/base/MemberMutex.h>
 #include <SelvioFacialCapture/imaging/Geometry.h>
 #include <SelvioFacialCapture/platform/Capture.h>
@@ -8,7 +9,7 @@
 namespace selvio {
 
 /// Shows a session's frames. On the main queue unless said otherwise.
-class PreviewLayer {
+class SELVIO_EXPORT PreviewLayer {
 public:
     virtual ~PreviewLayer() = default;
     /// Any thread.
@@ -30,7 +31,7 @@ struct BlurView {
 };
 
 /// The view that backs a camera. On the main queue, except `layer`.
-class View {
+class SELVIO_EXPORT View {
 public:
     virtual ~View() = default;
     [[nodiscard]] virtual std::shared_ptr<PreviewLayer> layer() const = 0;
@@ -42,7 +43,7 @@ public:
 };
 
 /// What views have in common: remembers the frame and what is laid over it. Any thread.
-class PlainView : public View {
+class SELVIO_EXPORT PlainView : public View {
 public:
     void setFrame(Rect frame) override;
     [[nodiscard]] Rect frame() const final;
@@ -60,13 +61,13 @@ private:
 enum class ApplicationNotification { WillResignActive, DidBecomeActive, WillTerminate };
 
 /// Tells observers what happens to the application. The host posts, on the main queue.
-class NotificationCenter {
+class SELVIO_EXPORT NotificationCenter {
 public:
     using Handler = std::function<void()>;
     /// Identifies an observer; any address of the observer's own.
     using Observer = const void*;
 
-    /// The observer is held weakly: once it has gone it is forgotten.
+    /// The observer is held weakly: once destroyed it is forgotten.
     void addObserver(const std::shared_ptr<const void>& observer, ApplicationNotification notification,
                      Handler handler);
     /// Removes the observer for all notifications; a handler of it that runs on another thread may still be running on

@@ -4,6 +4,7 @@
 
 #include <SelvioFacialCapture/SelvioFacialCaptureParameters.h>
 #include <SelvioFacialCapture/SelvioFacialCaptureStatus.h>
+#include <SelvioFacialCapture/base/Export.h>
 #include <SelvioFacialCapture/imaging/Geometry.h>
 #include <SelvioFacialCapture/platform/FaceLandmarks.h>
 #include <SelvioFacialCapture/rules/PreviewGeometry.h>
@@ -25,7 +26,7 @@ struct FaceLimits {
     std::int64_t maxFill = 725;
 };
 
-[[nodiscard]] FaceLimits limitsOf(const SelvioFacialCaptureParameters& parameters);
+[[nodiscard]] SELVIO_EXPORT FaceLimits limitsOf(const SelvioFacialCaptureParameters& parameters);
 
 /// A face's landmarks in screen points; absent or short lists read as points at zero. The contour has 17 points (ends
 /// at 16 and 0, chin at 8) or else is read in the layout of 11 (0, 10, 5); the outer lips have 14 (corners at 13 and 7)
@@ -73,7 +74,7 @@ struct FaceChecksResult {
     std::vector<SelvioFacialCaptureStatus> statuses;
 };
 
-[[nodiscard]] FaceChecksResult checkFace(const FaceChecksInput& input);
+[[nodiscard]] SELVIO_EXPORT FaceChecksResult checkFace(const FaceChecksInput& input);
 
 /// The one face of a frame, on the screen.
 struct FaceOnScreen {
@@ -89,7 +90,8 @@ struct FacesJudgement {
 };
 
 /// Judges what was found in a frame that fills the screen as `geometry` says.
-[[nodiscard]] FacesJudgement judgeFaces(const std::vector<FaceObservation>& faces, const PreviewGeometry& geometry,
-                                        const FaceLimits& limits, bool shouldHoldStill);
+[[nodiscard]] SELVIO_EXPORT FacesJudgement judgeFaces(const std::vector<FaceObservation>& faces,
+                                                      const PreviewGeometry& geometry, const FaceLimits& limits,
+                                                      bool shouldHoldStill);
 
 }  // namespace selvio::rules

@@ -1,6 +1,7 @@
 // Where a point of the camera image is on the portrait screen.
 #pragma once
 
+#include <SelvioFacialCapture/base/Export.h>
 #include <SelvioFacialCapture/imaging/Geometry.h>
 #include <SelvioFacialCapture/platform/FaceLandmarks.h>
 
@@ -9,12 +10,9 @@
 
 namespace selvio::rules {
 
-/// Two decimals, halves away from zero: round(v * 100) / 100.
-[[nodiscard]] double roundToTwoDecimals(double value);
-
 /// The image fills the screen with an aspect fill: the adjusters say what is cropped away. Screen sides are in points,
 /// preview sides in pixels.
-struct PreviewGeometry {
+struct SELVIO_EXPORT PreviewGeometry {
     Size resolution;
     double biggerScreenSide = 0.0;
     double smallerScreenSide = 0.0;
@@ -35,11 +33,9 @@ struct PreviewGeometry {
     [[nodiscard]] Rect faceRect(const Rect& boundingBox) const;
 };
 
-/// A point normalized to a face, in the face's rectangle on the screen; axes swapped.
-[[nodiscard]] Point pointInAdjustedRect(Point point, const Rect& rect);
-
-/// A region's points in the face's rectangle on the screen, in order; nothing for an absent region.
-[[nodiscard]] std::optional<std::vector<Point>> landmarkInAdjustedRect(const std::optional<FaceLandmarkRegion>& region,
-                                                                       const Rect& rect);
+/// A region's points, normalized to a face, in the face's rectangle on the screen, in order; axes swapped. Nothing for
+/// an absent region.
+[[nodiscard]] SELVIO_EXPORT std::optional<std::vector<Point>> landmarkInAdjustedRect(
+    const std::optional<FaceLandmarkRegion>& region, const Rect& rect);
 
 }  // namespace selvio::rules

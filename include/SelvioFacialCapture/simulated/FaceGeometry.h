@@ -2,6 +2,7 @@
 #pragma once
 
 #include <SelvioFacialCapture/base/Error.h>
+#include <SelvioFacialCapture/base/Export.h>
 #include <SelvioFacialCapture/imaging/Geometry.h>
 
 #include <filesystem>
@@ -13,7 +14,7 @@ namespace selvio {
 
 /// A face in a photograph. Points are in pixels from the corner of the top left pixel, whose centre is (0.5, 0.5); left
 /// and right as seen.
-struct FaceGeometry {
+struct SELVIO_EXPORT FaceGeometry {
     int width = 0;   ///< of the photograph, pixels
     int height = 0;  ///< of the photograph, pixels
     Point jawLeft;   ///< where the jaw ends beside the ear

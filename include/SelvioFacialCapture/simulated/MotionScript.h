@@ -2,6 +2,7 @@
 #pragma once
 
 #include <SelvioFacialCapture/base/Error.h>
+#include <SelvioFacialCapture/base/Export.h>
 #include <SelvioFacialCapture/imaging/Geometry.h>
 #include <SelvioFacialCapture/platform/MotionManager.h>
 
@@ -37,7 +38,7 @@ struct MotionState {
 };
 
 /// Key frames over time. A value; copies are independent.
-class MotionScript {
+class SELVIO_EXPORT MotionScript {
 public:
     /// From its JSON form, described in docs/simulated-camera.md. The error names `source` and the line or the field;
     /// nothing unknown is ignored.

@@ -1,6 +1,7 @@
 // A front camera, a back camera and a microphone that need no hardware.
 #pragma once
 
+#include <SelvioFacialCapture/base/Export.h>
 #include <SelvioFacialCapture/platform/Capture.h>
 #include <SelvioFacialCapture/simulated/SimulatedScene.h>
 
@@ -14,14 +15,14 @@ namespace selvio {
 struct SimulatedFaults {
     bool noCamera = false;               ///< discovery finds no camera
     bool noMicrophone = false;           ///< there is no default audio device
-    bool videoInputFails = false;        ///< `makeDeviceInput` answers an error for a camera
+    bool videoInputFails = false;        ///< `makeDeviceInput` returns an error for a camera
     bool audioInputFails = false;        ///< the same for the microphone
     bool videoInputRefused = false;      ///< `canAddInput` says no to a camera
     bool audioInputRefused = false;      ///< the same for the microphone
     bool videoOutputRefused = false;     ///< `canAddOutput` says no to the video data output
     bool audioOutputRefused = false;     ///< the same for the audio data output
     bool metadataOutputRefused = false;  ///< the same for the metadata output
-    bool lockFails = false;              ///< `lockForConfiguration` answers an error
+    bool lockFails = false;              ///< `lockForConfiguration` returns an error
     bool startFails = false;             ///< `startRunning` logs why and leaves the session stopped
     bool deviceLost =
         false;  ///< cameras are unplugged: a running session logs it, stops, and discovery finds no camera
@@ -54,8 +55,8 @@ struct SimulatedDeviceState {
 /// Cameras "Simulated Back Camera" (with torch) and "Simulated Front Camera" and a "Simulated Microphone" (a tone of
 /// 440 Hz at 48 kHz). Each camera has the formats 640x480, 1280x720 (active at first) and 1920x1080, each in 420v and
 /// BGRA. Every operation may be called on any thread. Its sessions stop and their threads end when the last reference
-/// to them goes.
-class SimulatedCaptureSystem final : public CaptureSystem {
+/// to them is released.
+class SELVIO_EXPORT SimulatedCaptureSystem final : public CaptureSystem {
 public:
     /// A frame rate outside its range is brought to the nearer end, with a line in the log.
     explicit SimulatedCaptureSystem(std::shared_ptr<SimulatedScene> scene, SimulatedCaptureOptions options = {});
@@ -91,7 +92,7 @@ public:
     void requestAccess(MediaType mediaType, std::function<void(bool granted)> completion) override;
 
 private:
-    struct State;
+    struct SELVIO_HIDDEN State;
     const std::shared_ptr<State> state_;
 };
 

@@ -1,6 +1,7 @@
 // Camera frames made from one photograph and a motion script.
 #pragma once
 
+#include <SelvioFacialCapture/base/Export.h>
 #include <SelvioFacialCapture/imaging/PixelBuffer.h>
 #include <SelvioFacialCapture/simulated/FaceGeometry.h>
 #include <SelvioFacialCapture/simulated/MotionScript.h>
@@ -13,7 +14,7 @@
 namespace selvio {
 
 /// Scale, turn and shift: x' = a x - b y + tx, y' = b x + a y + ty.
-struct Similarity {
+struct SELVIO_EXPORT Similarity {
     double a = 1.0;
     double b = 0.0;
     double tx = 0.0;
@@ -32,7 +33,7 @@ struct FrameFace {
 
 /// Frames as a pure function of the time: the same photograph, script and time give the same bytes. Any thread, all at
 /// once if wanted.
-class SimulatedFrames {
+class SELVIO_EXPORT SimulatedFrames {
 public:
     /// `photograph` is upright BGRA (alpha is not looked at) of the size that `geometry` states; it is copied. An error
     /// says what does not fit.
@@ -54,7 +55,7 @@ public:
     [[nodiscard]] std::vector<FrameFace> trueGeometry(std::chrono::nanoseconds time, int width, int height) const;
 
 private:
-    struct Canvas;
+    struct SELVIO_HIDDEN Canvas;
     SimulatedFrames(FaceGeometry geometry, MotionScript script, std::unique_ptr<const Canvas> canvas);
     [[nodiscard]] Similarity photographToFrame(const FacePose& pose, int width, int height) const;
 

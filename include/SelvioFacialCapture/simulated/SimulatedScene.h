@@ -2,6 +2,7 @@
 #pragma once
 
 #include <SelvioFacialCapture/base/Clock.h>
+#include <SelvioFacialCapture/base/Export.h>
 #include <SelvioFacialCapture/simulated/SimulatedFrames.h>
 
 #include <chrono>
@@ -12,7 +13,7 @@
 namespace selvio {
 
 /// The script's time stands at 0 until `begin`, then runs with the clock, unless it is set by hand. Any thread.
-class SimulatedScene {
+class SELVIO_EXPORT SimulatedScene {
 public:
     /// Neither may be null.
     SimulatedScene(std::shared_ptr<const SimulatedFrames> frames, std::shared_ptr<const Clock> clock);
@@ -26,7 +27,7 @@ public:
     /// Starts the script anew, now.
     void restart();
     /// Stops the script's time at this value until `restart` or the next call. For a camera with manual pacing: a paced
-    /// one goes on with the clock.
+    /// one continues with the clock.
     void setTime(std::chrono::nanoseconds time);
     /// The script's time.
     [[nodiscard]] std::chrono::nanoseconds time() const;

@@ -1,6 +1,5 @@
 #include "platform/linux/codec/JpegFile.h"
 
-#include "imaging/PixelConversion.h"
 #include "platform/linux/codec/ExifSegment.h"
 #include "platform/linux/codec/PictureLimits.h"
 
@@ -221,7 +220,7 @@ std::optional<JpegHeader> readJpegHeader(std::span<const std::uint8_t> file) {
 }
 
 std::optional<Bytes> encodeJpegPixels(const PixelBuffer& picture, const JpegTarget& target) {
-    if (!isReadable(&picture)) return std::nullopt;
+    if (!picture.isReadable()) return std::nullopt;
     if (picture.format() == kPixelFormat420v) {
         Planes planes(picture.width(), picture.height(), TJSAMP_420);
         const auto& [luma, chroma] = picture.layout().planes;
@@ -261,7 +260,7 @@ Expected<std::shared_ptr<PixelBuffer>> decodeJpeg(std::span<const std::uint8_t> 
     auto picture = decodedPixels(file, *header);
     const int orientation = header->exif.value_or(ExifProperties{}).orientation.value_or(1);
     if (!picture || orientation == 1) return picture;
-    auto upright = turned(*picture.value(), Turn::fromExif(orientation));
+    auto upright = turnedUpright(*picture.value(), orientation);
     if (!upright) return Error{"not enough memory to turn the picture"};
     return upright;
 }

@@ -1,6 +1,5 @@
 #include "platform/linux/codec/PngFile.h"
 
-#include "imaging/PixelConversion.h"
 #include "platform/linux/codec/ExifSegment.h"
 #include "platform/linux/codec/PictureLimits.h"
 
@@ -86,13 +85,13 @@ void premultiply(std::uint8_t* pixels, std::size_t count) {
     }
 }
 
-Turn turnOf(const PngReader& reader) {
+int orientationOf(const PngReader& reader) {
     png_uint_32 size = 0;
     png_bytep exif = nullptr;
-    if (png_get_eXIf_1(reader.png(), reader.info(), &size, &exif) == 0 || exif == nullptr) return Turn::fromExif(1);
+    if (png_get_eXIf_1(reader.png(), reader.info(), &size, &exif) == 0 || exif == nullptr) return 1;
     std::vector<std::uint8_t> segment{'E', 'x', 'i', 'f', 0, 0};
     segment.insert(segment.end(), exif, exif + std::min<std::size_t>(size, kLongestSegment - segment.size()));
-    return Turn::fromExif(readExifSegment(segment).value_or(ExifProperties{}).orientation.value_or(1));
+    return readExifSegment(segment).value_or(ExifProperties{}).orientation.value_or(1);
 }
 
 }  // namespace
@@ -116,7 +115,7 @@ Expected<std::shared_ptr<PixelBuffer>> readPngFile(std::FILE* file, std::size_t 
     const std::uint64_t packed = claimedHeight * (png_get_rowbytes(png, info) + 1) / kMostDeflation;
     if (auto problem = lengthProblem(fileBytes, packed, claimedWidth, claimedHeight)) return Error{std::move(*problem)};
 
-    const Turn turn = turnOf(reader);
+    const int orientation = orientationOf(reader);
     const auto picture =
         PixelBuffer::create(static_cast<int>(claimedWidth), static_cast<int>(claimedHeight), kPixelFormat32BGRA);
     if (!picture) return Error{"not enough memory for its pixels"};
@@ -128,8 +127,8 @@ Expected<std::shared_ptr<PixelBuffer>> readPngFile(std::FILE* file, std::size_t 
     });
     if (!done) return Error{reader.reason()};
     for (int y = 0; y < picture->height(); ++y) premultiply(rowAt(y), static_cast<std::size_t>(picture->width()));
-    if (turn == Turn{}) return picture;
-    auto upright = turned(*picture, turn);
+    if (orientation == 1) return picture;
+    auto upright = turnedUpright(*picture, orientation);
     if (!upright) return Error{"not enough memory to turn the picture"};
     return upright;
 }

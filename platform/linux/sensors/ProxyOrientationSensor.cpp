@@ -8,6 +8,17 @@
 namespace selvio {
 namespace {
 
+/// Unknown for a word that names no orientation.
+DeviceOrientation orientationForProxy(const std::string& word) {
+    if (word == "normal") return DeviceOrientation::Portrait;
+    if (word == "bottom-up") return DeviceOrientation::PortraitUpsideDown;
+    // The proxy names the edge that points up; an orientation is named by the side to which the device's top was
+    // turned.
+    if (word == "right-up") return DeviceOrientation::LandscapeLeft;
+    if (word == "left-up") return DeviceOrientation::LandscapeRight;
+    return DeviceOrientation::Unknown;
+}
+
 constexpr const char* kName = "net.hadess.SensorProxy";
 constexpr const char* kPath = "/net/hadess/SensorProxy";
 constexpr const char* kProperty = "AccelerometerOrientation";
@@ -99,16 +110,6 @@ private:
 };
 
 }  // namespace
-
-DeviceOrientation orientationForProxy(const std::string& word) {
-    if (word == "normal") return DeviceOrientation::Portrait;
-    if (word == "bottom-up") return DeviceOrientation::PortraitUpsideDown;
-    // The proxy names the edge that points up; an orientation is named by the side to which the device's top was
-    // turned.
-    if (word == "right-up") return DeviceOrientation::LandscapeLeft;
-    if (word == "left-up") return DeviceOrientation::LandscapeRight;
-    return DeviceOrientation::Unknown;
-}
 
 std::shared_ptr<OrientationSensor> makeOrientationSensor(SensorOptions options) {
     return std::make_shared<ProxyOrientationSensor>(std::move(options.busAddress));

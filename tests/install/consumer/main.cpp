@@ -6,6 +6,8 @@
 
 #include <iostream>
 
+static_assert(SELVIO_FACIAL_CAPTURE_VERSION >= 30200);
+
 int capture(const selvio::Platform& platform) {
     const auto mainQueue = selvio::MainQueue::shared();
     const auto parameters = std::make_shared<SelvioFacialCaptureParameters>();

@@ -1,0 +1,69 @@
+#!/usr/bin/env python3
+"""Checks that shared libraries export what the public headers mark SELVIO_EXPORT, and nothing else.
+Usage: exported_symbols.py NM INCLUDE_DIR LIBRARY... | --self-test"""
+import pathlib
+import re
+import subprocess
+import sys
+
+# The name of a marked class, function or variable.
+MARKED = re.compile(r"(?:class|struct) SELVIO_EXPORT (\w+)|(?<!class )(?<!struct )SELVIO_EXPORT\s[^;{(]*?(\w+)[(;\[]")
+DATA_OF_A_CLASS = re.compile(r"^(vtable|typeinfo name|typeinfo) for ")
+
+
+def marked_names(text):
+    return {kind or other for kind, other in MARKED.findall(text)}
+
+
+def is_public(symbol, marked):
+    """Whether a demangled symbol is a marked one or a part of a marked class."""
+    name, is_data = DATA_OF_A_CLASS.subn("", symbol)
+    path = re.sub(r"\(.*|\[abi:.*", "", name).split("::")
+    if path[0] == "selvio":
+        path = path[1:]
+    while path and path[0] in ("base64", "rules"):  # the namespaces within
+        path = path[1:]
+    # What a marked class nests is the library's own affair.
+    return bool(path) and path[0] in marked and len(path) <= (1 if is_data else 2)
+
+
+def faults_in(nm, include, libraries):
+    marked = set()
+    for header in include.rglob("*.h"):
+        marked |= marked_names(header.read_text(encoding="utf-8"))
+    for library in libraries:
+        listing = subprocess.run([nm, "-D", "--defined-only", "-C", library], check=True, capture_output=True, text=True)
+        symbols = [line.split(None, 2)[2] for line in listing.stdout.splitlines()]
+        if not symbols:
+            yield f"{library}: exports nothing"
+        for symbol in symbols:
+            if not is_public(symbol, marked):
+                yield f"{pathlib.Path(library).name}: {symbol}: not in a public header"
+
+
+def self_test():
+    marked = marked_names(
+        "class SELVIO_EXPORT Camera final : public Base {\n[[nodiscard]] SELVIO_EXPORT std::optional<Size>\n    sizeOf("
+        "int);\nSELVIO_EXPORT extern const char* const kKey;\nstruct Hidden {\nvoid hidden();"
+    )
+    public = ["Camera::start()", "selvio::Camera::Camera(int)", "vtable for selvio::Camera", "selvio::sizeOf[abi:cxx11](int)", "kKey"]
+    private = ["selvio::Hidden::f()", "selvio::hidden()", "selvio::Camera::State::f()", "typeinfo for selvio::Camera::State",
+               "std::vector<selvio::Camera>::push_back(selvio::Camera&&)", "nlohmann::detail::f(int)", "xnn_initialize"]
+    for symbol in public + private:
+        if is_public(symbol, marked) != (symbol in public):
+            yield f"self-test: {symbol}: judged wrongly"
+
+
+def main(arguments):
+    if arguments == ["--self-test"]:
+        faults = list(self_test())
+    elif len(arguments) >= 3:
+        faults = list(faults_in(arguments[0], pathlib.Path(arguments[1]), arguments[2:]))
+    else:
+        sys.exit(__doc__)
+    print("\n".join(faults) if faults else "no faults")
+    return 1 if faults else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))
