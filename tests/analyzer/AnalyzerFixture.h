@@ -9,6 +9,7 @@
 #include "support/FakeMotionManager.h"
 #include "support/FakeVision.h"
 #include "support/LogCapture.h"
+#include "support/ManualClock.h"
 #include "support/ManualQueue.h"
 
 namespace selvio {

@@ -81,7 +81,7 @@ TEST_F(Analyzer, IsNotMadeWithoutParametersOrQueues) {
 }
 
 TEST_F(Analyzer, ShowsWhatItWasMadeOf) {
-    EXPECT_EQ(motion->interval(), std::chrono::milliseconds(300));
+    EXPECT_EQ(motion->interval, std::chrono::milliseconds(300));
     EXPECT_EQ(analyzer->statusbarOrientation(), InterfaceOrientation::Portrait);
     EXPECT_TRUE(analyzer->isDepthDetected());
     EXPECT_EQ(analyzer->delegate(), delegate);

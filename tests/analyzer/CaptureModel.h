@@ -54,6 +54,10 @@ struct Call {
 };
 using Methods = std::set<std::string>;
 
+inline std::string requestText(std::uint32_t orientation, int revision) {
+    return ", orientation " + std::to_string(orientation) + ", revision " + std::to_string(revision);
+}
+
 /// What the ports answer, and what they and the host were told.
 struct World final : Clock {
     std::optional<std::vector<FaceObservation>> faces;
@@ -88,10 +92,10 @@ struct World final : Clock {
         reach("delegate call");
     }
     void letEncode(FakeImageCodec& codec) {
-        codec.setDuringEncoding([this, &codec](const Image& image) {
+        codec.duringEncoding = [this, &codec](const Image& image) {
             ask("encoding", markOf(image.bitmap));
-            codec.setFailsAt(codecFailsAt);
-        });
+            codec.failsAt = codecFailsAt;
+        };
     }
 };
 
@@ -255,8 +259,7 @@ private:
     void detect(const Frame& frame, std::uint32_t orientation, Step step) {
         const bool still = step.results == nullptr;
         try {
-            world.ask("request", frame.mark,
-                      ", orientation " + std::to_string(orientation) + ", revision " + (level >= 13 ? "3" : "2"));
+            world.ask("request", frame.mark, requestText(orientation, level >= 13 ? 3 : 2));
         } catch (const std::bad_alloc&) {
             return world.say(std::string(still ? "A still image" : "A frame") +
                              " could not be analysed: not enough memory");

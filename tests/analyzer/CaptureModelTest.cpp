@@ -21,18 +21,13 @@ public:
         Platform ports = platform();
         ports.serviceLevel = serviceLevel;
         makeAnalyzer(ports);
-        vision->setDuringRequest([this](const auto& question) {
-            world.ask("request", markOf(question.picture),
-                      ", orientation " + std::to_string(question.exifOrientation) + ", revision " +
-                          std::to_string(question.revision));
-            vision->setObservations(world.faces);
-            vision->setRequestError(world.requestError);
-            vision->setHandlerError(world.handlerError);
+        vision->setAnswer([this](const FakeSequenceRequestHandler::Question& asked) {
+            world.ask("request", markOf(asked.picture), requestText(asked.exifOrientation, asked.revision));
+            return FakeSequenceRequestHandler::Answer{world.faces, world.requestError, world.handlerError};
         });
-        smiles->setDuringTest([this](const Image& image) {
+        smiles->setAnswer([this](const Image& image) {
             world.ask("smile test", markOf(image.bitmap));
-            smiles->setFaces(world.smilingFaces + world.otherFaces);
-            smiles->setSmiling(world.smilingFaces > 0);
+            return FakeFaceDetector::Answer{world.smilingFaces + world.otherFaces, world.smilingFaces > 0};
         });
         world.letEncode(*codec);
         sink_ = setLogSink([this](std::string_view line) { world.say(line); });

@@ -62,7 +62,11 @@ int runCapture(unsigned seed) {
                 [&] { analyzer.updateMode(oneIn(2) ? 1 : 2); },
                 [&] { capture.parameters->setSelectOnSmile(oneIn(2)); },
                 [&] { capture.parameters->setCountdownTime(oneIn(2) ? 0 : 2); },
-                [&] { capture.smiles->setSmiling(oneIn(2)); },
+                [&] {
+                    capture.smiles->setAnswer([smiling = oneIn(2)](const auto&) {
+                        return FakeFaceDetector::Answer{1, smiling};
+                    });
+                },
                 [&] { capture.motion->rotate({.x = oneIn(2) ? 1.0 : 0.0}); },
                 [&] { analyzer.setDelegate(delegate); },
                 [&] { capture.vision->setObservations(std::vector(random() % 3, ScreenFace{}.observation())); },
@@ -153,21 +157,6 @@ TEST(Threads, AStopInsideADelegateCallLeavesACancellationItsLog) {
     EXPECT_EQ(analyzer.results(), nullptr);
 }
 
-/// A clock, a device and a motion manager that call the host back.
-struct Intruder final : Clock, Device, MotionManager {
-    [[nodiscard]] double secondsSinceReferenceDate() const override { return intrude(), 0; }
-    [[nodiscard]] std::chrono::nanoseconds monotonicTime() const override { return {}; }
-    [[nodiscard]] std::string systemVersion() const override { return "13.0"; }
-    [[nodiscard]] std::string model() const override { return "Kiosk"; }
-    [[nodiscard]] std::string machineName() const override { return "x86_64"; }
-    [[nodiscard]] DeviceOrientation orientation() const override { return intrude(), DeviceOrientation::Portrait; }
-    void setDeviceMotionUpdateInterval(std::chrono::nanoseconds) override {}
-    void startDeviceMotionUpdates(std::shared_ptr<Queue>, Handler) override { runs = true, intrude(); }
-    void stopDeviceMotionUpdates() override { runs = false, intrude(); }
-    Operation intrude = [] {};
-    bool runs = false;
-};
-
 // This hangs if the analyzer holds a lock of its own meanwhile. The model's random captures call back from the
 // detectors, the codec, the log and the delegate.
 TEST(Threads, ClockDeviceAndMotionManagerMayControlTheCapture) {
@@ -177,28 +166,28 @@ TEST(Threads, ClockDeviceAndMotionManagerMayControlTheCapture) {
         for (const std::string place : {"clock", "device", "motion"}) {
             SCOPED_TRACE(place);
             ManualAnalyzer capture;
-            const auto quiet = std::make_shared<Intruder>(), intruder = std::make_shared<Intruder>();
-            const auto motion = place == "motion" ? intruder : quiet;
-            Platform platform = capture.platform();
-            platform.device = place == "device" ? intruder : quiet;
-            platform.makeMotionManager = [&] { return motion; };
-            SelvioFacialCaptureUxpEventManager::setSharedClock(place == "clock" ? intruder : quiet);
+            const auto clock = std::make_shared<ManualClock>();
+            SelvioFacialCaptureUxpEventManager::setSharedClock(clock);
             SelvioFacialCaptureUxpEventManager::destroySharedInstance();
-            capture.makeAnalyzer(platform);
-            int intrusions = 0;
-            intruder->intrude = [&, inside = false]() mutable {
-                if (inside || ++intrusions > 20) return;  // what is asked of the motion manager from inside calls again
+            capture.makeAnalyzer(capture.platform());
+            int calls = 0;
+            bool inside = false;
+            const Operation intrude = [&] {
+                if (inside || ++calls > 20) return;  // what is asked of the motion manager from inside calls again
                 inside = true;
                 operation(*capture.analyzer);
                 inside = false;
             };
+            (place == "clock"    ? clock->callBack
+             : place == "device" ? capture.device->duringQuestions
+                                 : capture.motion->duringCalls) = intrude;
             capture.analyzer->resume();
             capture.analyzer->analyzeSampleBuffer(blankFrame());
             capture.analysisQueue->runAll();
             capture.mainQueue->runAll();
             capture.analyzer->cancel();
-            EXPECT_GT(intrusions, 0);
-            EXPECT_FALSE(motion->runs);
+            EXPECT_GT(calls, 0);
+            EXPECT_FALSE(capture.motion->isRunning());
             EXPECT_EQ(capture.analyzer->results(), nullptr);
             SelvioFacialCaptureUxpEventManager::setSharedClock(nullptr);
             SelvioFacialCaptureUxpEventManager::destroySharedInstance();

@@ -5,12 +5,10 @@
 #include <SelvioFacialCapture/platform/FaceDetector.h>
 #include <SelvioFacialCapture/platform/FaceLandmarks.h>
 
-#include <atomic>
 #include <utility>
 
 namespace selvio {
 
-/// Answers every request with the observations that were set.
 class FakeSequenceRequestHandler final : public SequenceRequestHandler {
 public:
     struct Question {
@@ -18,54 +16,51 @@ public:
         std::uint32_t exifOrientation = 0;
         int revision = 0;
     };
+    struct Answer {
+        std::optional<std::vector<FaceObservation>> faces;
+        std::optional<Error> requestError{};  ///< the request runs, but fails
+        std::optional<Error> handlerError{};  ///< the request cannot be run
+    };
 
     std::optional<Error> performRequests(const std::vector<std::shared_ptr<FaceLandmarksRequest>>& requests,
                                          const std::shared_ptr<const PixelBuffer>& pixelBuffer,
                                          std::uint32_t exifOrientation) override {
         for (const auto& request : requests) {
-            if (const auto hook = mutex_.get(duringRequest_)) hook({pixelBuffer, exifOrientation, request->revision()});
-            if (const auto error = mutex_.get(handlerError_)) return error;
-            request->complete(mutex_.get(observations_), mutex_.get(requestError_));
+            const auto answer = mutex_.get(answer_)({pixelBuffer, exifOrientation, request->revision()});
+            if (answer.handlerError) return answer.handlerError;
+            request->complete(answer.faces, answer.requestError);
         }
         return std::nullopt;
     }
 
-    void setObservations(std::optional<std::vector<FaceObservation>> observations) {
-        mutex_.set(observations_, std::move(observations));
+    void setAnswer(std::function<Answer(const Question&)> answer) { mutex_.set(answer_, std::move(answer)); }
+    /// The answer to every request.
+    void setObservations(std::optional<std::vector<FaceObservation>> faces) {
+        setAnswer([faces = std::move(faces)](const auto&) { return Answer{faces}; });
     }
-    /// The request runs, but fails.
-    void setRequestError(std::optional<Error> error) { mutex_.set(requestError_, std::move(error)); }
-    /// The request cannot be run.
-    void setHandlerError(std::optional<Error> error) { mutex_.set(handlerError_, std::move(error)); }
-    /// Called first in each request.
-    void setDuringRequest(std::function<void(const Question&)> hook) { mutex_.set(duringRequest_, std::move(hook)); }
 
 private:
     MemberMutex mutex_;
-    std::optional<std::vector<FaceObservation>> observations_;  // guarded by mutex_
-    std::optional<Error> requestError_;                         // guarded by mutex_
-    std::optional<Error> handlerError_;                         // guarded by mutex_
-    std::function<void(const Question&)> duringRequest_;        // guarded by mutex_
+    std::function<Answer(const Question&)> answer_ = [](const auto&) { return Answer{}; };  // guarded by mutex_
 };
 
-/// Finds `faces` faces, each with the smile that was set.
 class FakeFaceDetector final : public FaceDetector {
 public:
+    struct Answer {
+        int faces = 1;
+        bool smiling = false;  ///< each of them
+    };
+
     [[nodiscard]] std::vector<FaceFeature> featuresInImage(const Image& image, bool smile) override {
-        if (const auto hook = mutex_.get(duringTest_)) hook(image);
-        return std::vector<FaceFeature>(static_cast<std::size_t>(faces_),
-                                        FaceFeature{.bounds = {}, .hasSmile = smile && smiling_});
+        const Answer answer = mutex_.get(answer_)(image);
+        return std::vector<FaceFeature>(static_cast<std::size_t>(answer.faces),
+                                        FaceFeature{.bounds = {}, .hasSmile = smile && answer.smiling});
     }
-    void setFaces(int faces) { faces_ = faces; }
-    void setSmiling(bool smiling) { smiling_ = smiling; }
-    /// Called first in every test, with the picture that is tested.
-    void setDuringTest(std::function<void(const Image&)> hook) { mutex_.set(duringTest_, std::move(hook)); }
+    void setAnswer(std::function<Answer(const Image&)> answer) { mutex_.set(answer_, std::move(answer)); }
 
 private:
     MemberMutex mutex_;
-    std::function<void(const Image&)> duringTest_;  // guarded by mutex_
-    std::atomic<int> faces_{1};
-    std::atomic<bool> smiling_{false};
+    std::function<Answer(const Image&)> answer_ = [](const auto&) { return Answer{}; };  // guarded by mutex_
 };
 
 }  // namespace selvio
