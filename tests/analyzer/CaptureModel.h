@@ -58,13 +58,15 @@ inline std::string requestText(std::uint32_t orientation, int revision) {
     return ", orientation " + std::to_string(orientation) + ", revision " + std::to_string(revision);
 }
 
-/// What the ports answer, and what they and the host were told.
-struct World final : Clock {
+/// A capture whose ports and host answer as the test says and write down what they are asked and told.
+class DrivenCapture : public ManualAnalyzer, public Clock {
+public:
+    DrivenCapture() {
+        codec->duringEncoding = [this](const Image& image) { ask("encoding", markOf(image.bitmap)); };
+    }
     std::optional<std::vector<FaceObservation>> faces;
     std::optional<Error> requestError, handlerError;
-    std::int64_t orientation = 1;
     int smilingFaces = 0, otherFaces = 1;  ///< what the smile test sees
-    int codecFailsAt = 0;                  ///< 1, 2, 3: at that step
     bool outOfMemory = false;              ///< in the detectors and the codec
     double time = 0;
     std::map<std::string, std::function<void()>> during;  ///< called once, at that place
@@ -75,6 +77,15 @@ struct World final : Clock {
     [[nodiscard]] std::chrono::nanoseconds monotonicTime() const override { return {}; }
     [[nodiscard]] std::shared_ptr<Clock> clock() { return {std::shared_ptr<void>(), this}; }
 
+    [[nodiscard]] std::array<std::size_t, 3> blocks() const {
+        return {analysisQueue->size(), globalQueue->size(), mainQueue->size()};
+    }
+    void settle() {
+        while (analysisQueue->runNext() || globalQueue->runNext() || mainQueue->runNext()) {
+        }
+    }
+
+protected:
     void reach(const std::string& place) {
         if (const auto once = std::exchange(during[place], nullptr)) once();
     }
@@ -87,27 +98,15 @@ struct World final : Clock {
         logged.emplace_back(line);
         reach("log line");
     }
-    void tell(const std::string& method, const Results& object) {
+    void hear(const std::string& method, const Results& object) {
         calls.push_back({method, object, object ? contentsOf(*object) : Contents()});
         reach("delegate call");
     }
-    void letEncode(FakeImageCodec& codec) {
-        codec.duringEncoding = [this, &codec](const Image& image) {
-            ask("encoding", markOf(image.bitmap));
-            codec.failsAt = codecFailsAt;
-        };
-    }
 };
 
-class CaptureModel {
+class CaptureModel : public DrivenCapture {
 public:
-    CaptureModel(int serviceLevel, Size screenSize) : level(serviceLevel) {
-        geometry.setScreen(screenSize);
-        world.letEncode(*codec);
-    }
-
-    World world;
-    const std::shared_ptr<SelvioFacialCaptureParameters> parameters = std::make_shared<SelvioFacialCaptureParameters>();
+    CaptureModel(int serviceLevel, Size screenSize) : level(serviceLevel) { geometry.setScreen(screenSize); }
 
     // What the analyzer shows.
 
@@ -119,9 +118,7 @@ public:
     Results results = std::make_shared<SelvioFacialCaptureResults>();
     rules::PreviewGeometry geometry;
     rules::FaceChecksResult face;
-    const std::shared_ptr<SelvioFacialCaptureUxpEventManager> log =
-        SelvioFacialCaptureUxpEventManager::init(world.clock());
-    [[nodiscard]] std::vector<std::size_t> blocks() const { return {analysisQueue.size(), tests.size(), mainBlocks}; }
+    const std::shared_ptr<SelvioFacialCaptureUxpEventManager> log = SelvioFacialCaptureUxpEventManager::init(clock());
 
     // Control operations.
 
@@ -181,36 +178,18 @@ public:
     void analyzeSampleBuffer(const Frame& frame) {
         if (spent || inProgress) return;
         inProgress = true;
-        analysisQueue.push_back(frame);
-    }
-    void runAnalysisBlock() {
-        if (analysisQueue.empty()) return;
-        const Frame frame = analysisQueue.front();
-        analysisQueue.pop_front();
-        if (!spent && frame.hasPicture) analyze(frame);
-        inProgress = inProgress && !analysisQueue.empty();
+        analysisQueue->async([this, frame] {
+            if (!spent && frame.hasPicture) analyze(frame);
+            inProgress = analysisQueue->size() > 0;
+        });
     }
     void analyzeImageAtPath(const std::optional<Frame>& picture) {
         if (spent || level < 12) return;
-        if (!picture) return world.say("missing.jpg: no such file");
+        if (!picture) return say("missing.jpg: no such file");
         geometry.setScreen(picture->size);
         geometry.setResolution(picture->size);
         keep(picture->mark, 5);
         detect(*picture, 5, {Plain, run, nullptr, picture->mark});
-    }
-    void runGlobalBlock() {
-        if (tests.empty()) return;
-        const Step step = tests.front();
-        tests.pop_front();
-        if (step.run == run) testSmile(step);
-    }
-    void runMainBlock() {
-        if (mainBlocks == 0) return;
-        --mainBlocks;
-        if (waiting.empty()) return;
-        const Step step = waiting.front();
-        waiting.pop_front();
-        if (step.run == run) deliver(step);
     }
 
 private:
@@ -228,7 +207,7 @@ private:
     [[nodiscard]] bool isAutomatic() const { return parameters->mode() == 2; }
     [[nodiscard]] bool hears(const std::string& method) const { return delegate && delegate->contains(method); }
     void tell(const std::string& method, const Results& object) {
-        if (hears(method)) world.tell(method, object);
+        if (hears(method)) hear(method, object);
     }
     void addEvent(int event) { log->addEvent(static_cast<SelvioFacialCaptureUxpEvent>(event)); }
     void setStatuses(const Results& object, const Statuses& statuses) {
@@ -252,27 +231,25 @@ private:
         step.results = results = std::make_shared<SelvioFacialCaptureResults>();
         setStatuses(results, {});
         if (geometry.resolution == Size{}) geometry.setResolution(frame.size);
-        exif = rules::exifOrientationFor(static_cast<DeviceOrientation>(world.orientation));
+        exif = rules::exifOrientationFor(device->orientation());
         detect(frame, exif, step);
     }
     /// A step without results is a still image's.
     void detect(const Frame& frame, std::uint32_t orientation, Step step) {
         const bool still = step.results == nullptr;
         try {
-            world.ask("request", frame.mark, requestText(orientation, level >= 13 ? 3 : 2));
+            ask("request", frame.mark, requestText(orientation, level >= 13 ? 3 : 2));
         } catch (const std::bad_alloc&) {
-            return world.say(std::string(still ? "A still image" : "A frame") +
-                             " could not be analysed: not enough memory");
+            return say(std::string(still ? "A still image" : "A frame") + " could not be analysed: not enough memory");
         }
-        if (world.handlerError)
-            return world.say("SequenceRequestHandler couldn't perform requests: " +
-                             world.handlerError->localizedDescription);
+        if (handlerError)
+            return say("SequenceRequestHandler couldn't perform requests: " + handlerError->localizedDescription);
         if (!still) inProgress = false;
         if (step.run != run || selection || skip || smileTest) return;
-        const auto faces = world.faces.value_or(std::vector<FaceObservation>());
-        if (world.requestError) world.say("Detect face request error: " + world.requestError->localizedDescription);
+        const auto found = faces.value_or(std::vector<FaceObservation>());
+        if (requestError) say("Detect face request error: " + requestError->localizedDescription);
         if (still) step.results = results = results->withoutSelection();
-        const auto judged = rules::judgeFaces(faces, geometry, rules::limitsOf(*parameters), holdStill);
+        const auto judged = rules::judgeFaces(found, geometry, rules::limitsOf(*parameters), holdStill);
         setStatuses(step.results, judged.statuses);
         if (judged.face) {
             face = judged.face->checked;
@@ -289,7 +266,9 @@ private:
     void passGate(const Step& step) {
         if (parameters->selectOnSmile() || !isAutomatic()) {
             smileTest = true;
-            tests.push_back(step);
+            globalQueue->async([this, step] {
+                if (step.run == run) testSmile(step);
+            });
         } else if (select || parameters->countdownTime() <= 1) {
             wait(step.as(Automatic));
         } else {
@@ -298,17 +277,17 @@ private:
     }
     void testSmile(const Step& step) {
         try {
-            world.ask("smile test", step.mark);
+            ask("smile test", step.mark);
         } catch (const std::bad_alloc&) {
             if (step.run == run) smileTest = false;
-            return world.say("A smile could not be judged: not enough memory");
+            return say("A smile could not be judged: not enough memory");
         }
         if (step.run != run) return;
-        if (world.smilingFaces + world.otherFaces != 1) {
+        if (smilingFaces + otherFaces != 1) {
             smileTest = false;
             return;
         }
-        const bool smiling = world.smilingFaces == 1, manual = parameters->mode() == 1;
+        const bool smiling = smilingFaces == 1, manual = parameters->mode() == 1;
         if (smileStatus == 0) smileStatus = smiling ? 1 : 2;
         if (skip) return;
         const bool began = smileStatus == 1, askedToStop = smiling && (began || manual);
@@ -333,12 +312,18 @@ private:
         };
         const auto other = std::find_if(waiting.begin(), waiting.end(), takesItsPlace);
         if (other == waiting.end()) {
-            ++mainBlocks;
+            mainQueue->async([this] { deliverFirst(); });
         } else {
             if (step.delivery == Automatic) return;
             waiting.erase(other);
         }
         waiting.push_back(step);
+    }
+    void deliverFirst() {
+        if (waiting.empty()) return;
+        const Step step = waiting.front();
+        waiting.pop_front();
+        if (step.run == run) deliver(step);
     }
     void deliver(const Step& step) {
         switch (step.delivery) {
@@ -389,7 +374,7 @@ private:
             const auto quality = static_cast<double>(parameters->imageQuality());
             step.results->setEncodedSelectedImage(record->addToImage(image, quality));
         } catch (const std::bad_alloc&) {
-            world.say("The selected image could not be encoded: not enough memory");
+            say("The selected image could not be encoded: not enough memory");
         }
         step.results->setObixDataString(record->obixDataString());
     }
@@ -397,17 +382,8 @@ private:
     const int level;
     int run = 0;
     std::optional<Methods> delegate;
-    std::deque<Frame> analysisQueue;
-    std::deque<Step> tests;    // the global queue
     std::deque<Step> waiting;  // for the main queue
-    std::size_t mainBlocks = 0;
-    const std::shared_ptr<FakeImageCodec> codec = std::make_shared<FakeImageCodec>();
-    const std::shared_ptr<SelvioFacialCaptureObixData> record = [this] {
-        Platform ports;
-        ports.device = std::make_shared<FakeDevice>();
-        ports.imageCodec = codec;
-        return SelvioFacialCaptureObixData::init(ports);
-    }();
+    const std::shared_ptr<SelvioFacialCaptureObixData> record = SelvioFacialCaptureObixData::init(platform());
 };
 
 }  // namespace selvio::reference

@@ -11,26 +11,25 @@ namespace {
 using namespace reference;
 
 /// The analyzer, driven like the model.
-class RealCapture : public ManualAnalyzer {
+class RealCapture : public DrivenCapture {
 public:
     explicit RealCapture(int serviceLevel = 13, Size screenSize = {1000, 1700}) {
         screen = screenSize;
-        SelvioFacialCaptureUxpEventManager::setSharedClock(world.clock());
+        SelvioFacialCaptureUxpEventManager::setSharedClock(clock());
         SelvioFacialCaptureUxpEventManager::destroySharedInstance();
         (void)SelvioFacialCaptureUxpEventManager::sharedInstance();
         Platform ports = platform();
         ports.serviceLevel = serviceLevel;
         makeAnalyzer(ports);
         vision->setAnswer([this](const FakeSequenceRequestHandler::Question& asked) {
-            world.ask("request", markOf(asked.picture), requestText(asked.exifOrientation, asked.revision));
-            return FakeSequenceRequestHandler::Answer{world.faces, world.requestError, world.handlerError};
+            ask("request", markOf(asked.picture), requestText(asked.exifOrientation, asked.revision));
+            return FakeSequenceRequestHandler::Answer{faces, requestError, handlerError};
         });
         smiles->setAnswer([this](const Image& image) {
-            world.ask("smile test", markOf(image.bitmap));
-            return FakeFaceDetector::Answer{world.smilingFaces + world.otherFaces, world.smilingFaces > 0};
+            ask("smile test", markOf(image.bitmap));
+            return FakeFaceDetector::Answer{smilingFaces + otherFaces, smilingFaces > 0};
         });
-        world.letEncode(*codec);
-        sink_ = setLogSink([this](std::string_view line) { world.say(line); });
+        sink_ = setLogSink([this](std::string_view line) { say(line); });
     }
     ~RealCapture() {
         setLogSink(sink_);
@@ -43,7 +42,7 @@ public:
         for (const std::string& method : methods.value_or(Methods())) {
             const auto call = [this, method](const Results& results) {
                 if (results) given.emplace_back(results, contentsOf(*results));
-                world.tell(method, results);
+                hear(method, results);
             };
             if (method == "results") told->detectionResults = call;
             if (method == "countdown") told->startCountdown = [call] { call(nullptr); };
@@ -68,17 +67,7 @@ public:
         if (picture) loader->picture = pictureOf(*picture);
         analyzer->analyzeImageAtPath(picture ? "still.jpg" : "missing.jpg");
     }
-    void runAnalysisBlock() {
-        device->setOrientation(static_cast<DeviceOrientation>(world.orientation));
-        analysisQueue->runNext();
-    }
-    void runGlobalBlock() { globalQueue->runNext(); }
-    void runMainBlock() { mainQueue->runNext(); }
-    [[nodiscard]] std::vector<std::size_t> blocks() const {
-        return {analysisQueue->size(), globalQueue->size(), mainQueue->size()};
-    }
 
-    World world;
     std::vector<std::pair<Results, Contents>> given;  ///< as the delegate saw them
 
 private:
@@ -87,14 +76,6 @@ private:
 };
 
 const Methods kAllMethods{"results", "countdown", "success", "cancelled", "manualOnly"};
-
-void settle(auto& capture) {
-    while (capture.blocks() != std::vector<std::size_t>(3)) {
-        capture.runAnalysisBlock();
-        capture.runGlobalBlock();
-        capture.runMainBlock();
-    }
-}
 
 /// Plays steps, one word each, and answers what the delegate was told ("-" of a frame: nothing).
 std::string told(const std::string& steps) {
@@ -121,13 +102,13 @@ std::string told(const std::string& steps) {
             controls.at(word)();
             continue;
         }
-        capture.world.faces = frames.at(word);
-        capture.world.smilingFaces = word == "smile";
-        capture.world.otherFaces = word != "smile";
+        capture.faces = frames.at(word);
+        capture.smilingFaces = word == "smile";
+        capture.otherFaces = word != "smile";
         capture.rotate({0, 0, word == "moving" ? 1.0 : 0.0});
         capture.analyzeSampleBuffer({});
-        settle(capture);
-        const auto calls = std::exchange(capture.world.calls, {});
+        capture.settle();
+        const auto calls = std::exchange(capture.calls, {});
         if (calls.empty()) all += ", -";
         for (const Call& call : calls) {
             all += ", " + call.method;
@@ -211,15 +192,15 @@ private:
     void compare() {
         const auto& a = *real_.analyzer;
         const auto& m = model_;
-        const auto calls = std::exchange(real_.world.calls, {}), expected = std::exchange(model_.world.calls, {});
+        const auto calls = std::exchange(real_.calls, {}), expected = std::exchange(model_.calls, {});
         same("delegate calls", calls.size(), expected.size());
         for (std::size_t i = 0; i < std::min(calls.size(), expected.size()); ++i) {
             same("delegate call", calls[i].method, expected[i].method);
             same(calls[i].method.c_str(), calls[i].then, expected[i].then);
             sameObject(calls[i].object, expected[i].object);
         }
-        same("asked of the ports", std::exchange(real_.world.asked, {}), std::exchange(model_.world.asked, {}));
-        same("log lines", std::exchange(real_.world.logged, {}), std::exchange(model_.world.logged, {}));
+        same("asked of the ports", std::exchange(real_.asked, {}), std::exchange(model_.asked, {}));
+        same("log lines", std::exchange(real_.logged, {}), std::exchange(model_.logged, {}));
         same("blocks on the three queues", real_.blocks(), m.blocks());
         same("mode", real_.parameters->mode(), m.parameters->mode());
         same("events", SelvioFacialCaptureUxpEventManager::sharedInstance()->events(), m.log->events());
@@ -258,10 +239,10 @@ private:
     Step anyStep() {
         const int n = below(100);
         if (n < 26) return frame();
-        if (n < 43) return {"analysis", [](auto& c) { c.runAnalysisBlock(); }};
-        if (n < 49) return {"global", [](auto& c) { c.runGlobalBlock(); }};
-        if (n < 57) return {"main", [](auto& c) { c.runMainBlock(); }};
-        if (n < 69) return {"settle", [](auto& c) { settle(c); }};
+        if (n < 43) return {"analysis", [](auto& c) { c.analysisQueue->runNext(); }};
+        if (n < 49) return {"global", [](auto& c) { c.globalQueue->runNext(); }};
+        if (n < 57) return {"main", [](auto& c) { c.mainQueue->runNext(); }};
+        if (n < 69) return {"settle", [](auto& c) { c.settle(); }};
         if (n < 73) return still();
         if (n < 80) return armed();
         if (n < 84) return world();
@@ -309,11 +290,11 @@ private:
         const int orientation = below(8) - 1, codec = oneIn(3) ? below(4) : 0;
         const bool outOfMemory = oneIn(6);
         return {"world", [=](auto& c) {
-                    c.world.requestError = requestError;
-                    c.world.handlerError = handlerError;
-                    c.world.orientation = orientation;
-                    c.world.codecFailsAt = codec;
-                    c.world.outOfMemory = outOfMemory;
+                    c.requestError = requestError;
+                    c.handlerError = handlerError;
+                    c.device->setOrientation(static_cast<DeviceOrientation>(orientation));
+                    c.codec->failsAt = codec;
+                    c.outOfMemory = outOfMemory;
                 }};
     }
     /// The next time that something foreign is called, it calls an operation of the analyzer.
@@ -322,8 +303,8 @@ private:
         const std::string place = places[below(5)];
         const Step inner = place == "log line" || oneIn(4) ? frame() : control();
         Step outer{"during the next " + place + ": " + inner.text, [](auto&) {}};
-        outer.real = [=](RealCapture& c) { c.world.during[place] = [&c, inner] { inner.real(c); }; };
-        outer.model = [=](CaptureModel& c) { c.world.during[place] = [&c, inner] { inner.model(c); }; };
+        outer.real = [=](RealCapture& c) { c.during[place] = [&c, inner] { inner.real(c); }; };
+        outer.model = [=](CaptureModel& c) { c.during[place] = [&c, inner] { inner.model(c); }; };
         return outer;
     }
     std::vector<FaceObservation> faces() {
@@ -348,10 +329,10 @@ private:
         if (oneIn(3)) smiling_ = below(2);
         const int smiling = smiling_, other = oneIn(10) ? below(3) : 1 - smiling;
         return {text + (smiling > 0 ? ", smiling" : ""), [=](auto& c) {
-                    c.world.faces = seen;
-                    c.world.smilingFaces = smiling;
-                    c.world.otherFaces = other;
-                    c.world.time += seconds;
+                    c.faces = seen;
+                    c.smilingFaces = smiling;
+                    c.otherFaces = other;
+                    c.time += seconds;
                     action(c);
                 }};
     }
@@ -361,7 +342,7 @@ private:
         return seeing("frame " + std::to_string(last), [=](auto& c) {
             for (Frame frame = first; frame.mark <= last; ++frame.mark) {
                 c.analyzeSampleBuffer(frame);
-                if (frame.mark < last) c.runAnalysisBlock();
+                if (frame.mark < last) c.analysisQueue->runNext();
             }
         });
     }
