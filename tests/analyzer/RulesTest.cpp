@@ -115,6 +115,16 @@ TEST(FaceChecks, EveryFaceIsMeasuredAndJudgedByItsPoints) {
     EXPECT_EQ(seen, (std::set<std::int64_t>{0, 3, 4, 5, 6, 7, 8, 9}));
 }
 
+TEST(FaceChecks, TheParametersSetTheLimits) {
+    SelvioFacialCaptureParameters parameters;
+    parameters.setRoll(1);
+    parameters.setPitch(2);
+    parameters.setYaw(3);
+    const FaceLimits is = limitsOf(parameters);
+    EXPECT_EQ((std::array{is.roll, is.pitch, is.yaw, is.minFill, is.maxFill}),
+              (std::array<std::int64_t, 5>{1, 2, 3, 550, 725}));
+}
+
 TEST(PreviewGeometry, APointOfThePictureIsFoundOnTheScreenThatShowsItsMiddle) {
     for (int i = 0; i < 5000 && !testing::Test::HasFailure(); ++i) {
         const auto side = [] { return any({0.0, 9.0, 16.0, 10.0, 100.0 + below(2000), 1000.0 + below(10)}); };

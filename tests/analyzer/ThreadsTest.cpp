@@ -15,8 +15,8 @@ namespace {
 using Operation = std::function<void()>;
 
 // A camera's thread sends frames, three others call whatever comes; at last these end the capture, all at the same
-// time. Returns how often the delegate was told something.
-int runCapture(unsigned seed) {
+// time.
+void runCapture(unsigned seed) {
     const auto mainQueue = std::make_shared<MainQueue>();
     ManualAnalyzer capture;
     Platform platform = capture.platform();
@@ -25,12 +25,9 @@ int runCapture(unsigned seed) {
     platform.makeSerialQueue = makePortablePlatform().makeSerialQueue;
     capture.makeAnalyzer(platform);
     auto& analyzer = *capture.analyzer;
-    std::atomic<int> told{0};
     std::atomic<bool> isCancelled{false}, ended{false}, running{true};
-    std::shared_ptr<SelvioFacialCaptureResults> cancelled;
     const auto delegate = std::make_shared<SelvioFacialCaptureAnalyzerDelegate>();
     const auto tell = [&](const auto&) {
-        ++told;
         std::this_thread::yield();
         EXPECT_FALSE(ended) << "a call after the capture's end, or still under way then";
         EXPECT_FALSE(isCancelled) << "a call after the cancellation";
@@ -38,9 +35,9 @@ int runCapture(unsigned seed) {
     delegate->detectionResults = delegate->detectionSuccess = tell;
     delegate->startCountdown = [&] { tell(nullptr), analyzer.selectFrame(); };
     delegate->detectionCancelled = [&](const auto& results) {
-        tell(nullptr);
+        tell(results);
         isCancelled = true;
-        cancelled = results;
+        EXPECT_FALSE(results->selectedImage().has_value());  // of a selection that ran at the same time
     };
     analyzer.setDelegate(delegate);
 
@@ -55,24 +52,15 @@ int runCapture(unsigned seed) {
             std::minstd_rand random(seed * 10 + t + 1);
             const auto oneIn = [&](unsigned n) { return random() % n == 0; };
             const Operation operations[] = {
-                [&] { analyzer.resume(); },
-                [&] { analyzer.resume(); },
-                [&] { analyzer.pauseFor(static_cast<std::int64_t>(random() % 6)); },
-                [&] { analyzer.selectFrame(); },
+                [&] { analyzer.resume(), analyzer.selectFrame(); },
+                [&] { oneIn(2) ? analyzer.resume() : analyzer.pauseFor(1); },
                 [&] { analyzer.updateMode(oneIn(2) ? 1 : 2); },
                 [&] { capture.parameters->setSelectOnSmile(oneIn(2)); },
                 [&] { capture.parameters->setCountdownTime(oneIn(2) ? 0 : 2); },
-                [&] {
-                    capture.smiles->setAnswer([smiling = oneIn(2)](const auto&) {
-                        return FakeFaceDetector::Answer{1, smiling};
-                    });
-                },
                 [&] { capture.motion->rotate({.x = oneIn(2) ? 1.0 : 0.0}); },
                 [&] { analyzer.setDelegate(delegate); },
                 [&] { capture.vision->setObservations(std::vector(random() % 3, ScreenFace{}.observation())); },
-                [&] { capture.vision->setObservations(std::vector{ScreenFace{}.observation()}); },
-                [&] { analyzer.analyzeImageAtPath("still"); },
-                [&] { (void)analyzer.imagesArray(); },
+                [&] { analyzer.analyzeImageAtPath("still"), (void)analyzer.imagesArray(); },
             };
             for (int i = 0; i < 60; ++i) operations[random() % std::size(operations)]();
             together.arrive_and_wait();
@@ -87,17 +75,10 @@ int runCapture(unsigned seed) {
     camera.join();
     mainQueue->async([&] { mainQueue->quit(); });
     mainThread.join();
-    if (cancelled) {
-        EXPECT_EQ(cancelled->resultCode(), SelvioFacialCaptureResultCodeCancelled);
-        EXPECT_FALSE(cancelled->selectedImage().has_value());  // of a selection that ran at the same time
-    }
-    return told;
 }
 
 TEST(Stress, ACaptureThatThreeThreadsEndAtOnceEndsOnce) {
-    int told = 0;
-    for (unsigned seed = 0; seed < 100; ++seed) told += runCapture(seed);
-    EXPECT_GT(told, 0);
+    for (unsigned seed = 0; seed < 100; ++seed) runCapture(seed);
 }
 
 TEST(Threads, StopWaitsForADelegateCallOnAnotherThread) {
