@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <set>
 
 namespace {
 
@@ -109,8 +110,8 @@ protected:
     }
 
     const TemporaryDirectory directory;
-    const LibjpegImageCodec codec;
-    const JpegPngImageLoader loader;
+    const LibjpegImageCodec codec{};
+    const JpegPngImageLoader loader{};
 };
 
 TEST_F(Codec, everyFormatAndOddSizesKeepTheirColours) {
@@ -235,7 +236,9 @@ TEST_F(Codec, commentsInOtherCodesAreAbsentAndDamageNeverGivesWhatWasNotWritten)
         {"ASCII", "text"}, {"UNICODE", std::nullopt}, {"JIS", std::nullopt}, {{"ASCII\0\0\0\xE4", 9}, std::nullopt}};
     for (const auto& [code, text] : table) {
         Bytes segment = *makeExifSegment({std::string("text\0", 5), 6});
-        std::ranges::copy(code, std::ranges::search(segment, std::string_view("ASCII")).begin());
+        const std::string_view written = "ASCII";
+        std::copy(code.begin(), code.end(),
+                  std::search(segment.begin(), segment.end(), written.begin(), written.end()));
         EXPECT_EQ(readExifSegment(segment)->userComment, text) << code;
         EXPECT_EQ(readExifSegment(segment)->orientation, 6);
     }

@@ -142,21 +142,23 @@ TEST(ImageUtilities, convertsBetweenTheOrdersOfChannelsAndFromVideoRange) {
     EXPECT_EQ(bytesAt(*Utilities::pixelBufferFromCGImage(argb), 4, 2), bytesAt(*argb, 4, 2));
     EXPECT_NE(Utilities::imageFromPixelBuffer(bgra)->bitmap->data(), bgra->data()) << "a copy";
 
-    const std::pair<std::array<std::uint8_t, 3>, std::array<int, 4>> table[] = {
-        {{16, 128, 128}, {255, 0, 0, 0}},        {{235, 128, 128}, {255, 255, 255, 255}},
-        {{126, 128, 128}, {255, 128, 128, 128}}, {{81, 90, 240}, {255, 255, 0, 0}},
-        {{145, 54, 34}, {255, 0, 255, 1}},       {{41, 240, 110}, {255, 0, 0, 255}},
-        {{0, 128, 128}, {255, 0, 0, 0}},         {{255, 128, 128}, {255, 255, 255, 255}}};
-    for (const auto& [yCbCr, colour] : table) {
+    const struct {
+        std::array<std::uint8_t, 3> yCbCr;
+        std::array<int, 4> argb;
+    } table[] = {{{16, 128, 128}, {255, 0, 0, 0}},        {{235, 128, 128}, {255, 255, 255, 255}},
+                 {{126, 128, 128}, {255, 128, 128, 128}}, {{81, 90, 240}, {255, 255, 0, 0}},
+                 {{145, 54, 34}, {255, 0, 255, 1}},       {{41, 240, 110}, {255, 0, 0, 255}},
+                 {{0, 128, 128}, {255, 0, 0, 0}},         {{255, 128, 128}, {255, 255, 255, 255}}};
+    for (const auto& c : table) {
         // Odd: the last column and row have colour of their own.
         const auto source = painted(3, 3, kPixelFormat420v, [&](std::uint8_t* to, int, int, int plane) {
-            std::copy_n(&yCbCr[plane == 0 ? 0 : 1], plane + 1, to);
+            std::copy_n(&c.yCbCr[plane == 0 ? 0 : 1], plane + 1, to);
         });
         const auto converted = Utilities::pixelBufferFromCGImage(source);
         ASSERT_NE(converted, nullptr);
         for (int i = 0; i < 36; ++i)
-            EXPECT_NEAR(sampleAt(*converted, i / 4 % 3, i / 12)[i % 4], colour[static_cast<std::size_t>(i % 4)], 1)
-                << "luma " << int{yCbCr[0]};
+            EXPECT_NEAR(sampleAt(*converted, i / 4 % 3, i / 12)[i % 4], c.argb[static_cast<std::size_t>(i % 4)], 1)
+                << "luma " << int{c.yCbCr[0]};
     }
 }
 
