@@ -19,31 +19,20 @@ namespace selvio {
 struct ScreenFace {
     Point left{190, 700};   ///< contour end at the left of the screen
     Point right{810, 700};  ///< contour end at the right
-    Point chin{500, 1200};
-    Point nose{500, 900};
-    double noseLeft = 460;  ///< x of the nose's sides
-    double noseRight = 540;
+    double chin = 1200;     ///< y
+    double noseLeft = 460;  ///< x
 
-    /// In the layout of 17 and 14 points or that of 11 and 10.
-    [[nodiscard]] FaceObservation observation(bool older = false) const {
-        std::vector<Point> contour(older ? 11 : 17);
-        contour[older ? 0 : 16] = left;
-        contour[older ? 10 : 0] = right;
-        contour[older ? 5 : 8] = chin;
-        std::vector<Point> noses(9);
-        noses[4] = nose;
-        noses[2].x = noseLeft;
-        noses[6].x = noseRight;
-        std::vector<Point> lips(older ? 10 : 14);
-        lips[older ? 9 : 13] = {450, 1000};
-        lips[older ? 5 : 7] = {550, 1000};
-        // The bounding box is the whole frame, so that points are normalized to the screen; the detector's axes are
-        // swapped.
-        const auto region = [](std::vector<Point> points) {
-            for (Point& p : points) p = {p.y / 1700.0, p.x / 1000.0};
-            return FaceLandmarkRegion{points};
+    [[nodiscard]] FaceObservation observation() const {
+        // The box is the whole frame, so that points are normalized to the screen; the detector's axes are swapped.
+        const auto region = [](std::size_t size, const std::map<std::size_t, Point>& points) {
+            std::vector<Point> all(size);
+            for (const auto& [index, p] : points) all[index] = {p.y / 1700.0, p.x / 1000.0};
+            return FaceLandmarkRegion{all};
         };
-        return {.boundingBox = {0, 0, 1, 1}, .landmarks = FaceLandmarks{region(contour), region(noses), region(lips)}};
+        return {.boundingBox = {0, 0, 1, 1},
+                .landmarks = FaceLandmarks{region(17, {{16, left}, {0, right}, {8, {500, chin}}}),
+                                           region(9, {{2, {noseLeft, 900}}, {4, {500, 900}}, {6, {540, 900}}}),
+                                           region(14, {{13, {450, 1000}}, {7, {550, 1000}}})}};
     }
 };
 
@@ -52,62 +41,50 @@ class FakeImageLoader final : public ImageLoader {
 public:
     [[nodiscard]] Expected<std::shared_ptr<PixelBuffer>> loadImage(const std::string& path) const override {
         if (path == "missing.jpg") return Error{"missing.jpg: no such file"};
-        return picture_;
+        return picture;
     }
-    void setPicture(std::shared_ptr<PixelBuffer> picture) { picture_ = std::move(picture); }
-
-private:
-    std::shared_ptr<PixelBuffer> picture_ = PixelBuffer::create(300, 400, kPixelFormat32BGRA);
+    std::shared_ptr<PixelBuffer> picture = PixelBuffer::create(300, 400, kPixelFormat32BGRA);
 };
 
-/// What an analyzer works with, but for its queues.
-struct AnalyzerFakes {
-    [[nodiscard]] Platform platform() const {
+/// An analyzer without a delegate, once it is made.
+struct ManualAnalyzer {
+    [[nodiscard]] Platform platform() {
         Platform platform = makePortablePlatform();
         platform.device = device;
         platform.screen = std::make_shared<FakeScreen>(screen);
         platform.imageCodec = codec;
         platform.imageLoader = loader;
-        platform.makeSequenceRequestHandler = [vision = vision] { return vision; };
-        platform.makeFaceDetector = [smiles = smiles] { return smiles; };
-        platform.makeMotionManager = [motion = motion] { return motion; };
+        platform.mainQueue = mainQueue;
+        platform.globalQueue = globalQueue;
+        platform.makeSerialQueue = [this](const std::string& label) {
+            return label == analysisQueue->label() ? analysisQueue : std::make_shared<ManualQueue>(label);
+        };
+        platform.makeSequenceRequestHandler = [this] { return vision; };
+        platform.makeFaceDetector = [this] { return smiles; };
+        platform.makeMotionManager = [this] { return motion; };
         return platform;
     }
+    void makeAnalyzer(const Platform& ports) {
+        analyzer = SelvioFacialCaptureAnalyzer::initWithParameters(parameters, ports);
+    }
 
+    Size screen{1000, 1700};
+    const std::shared_ptr<FakeDevice> device = std::make_shared<FakeDevice>();
     const std::shared_ptr<FakeSequenceRequestHandler> vision = std::make_shared<FakeSequenceRequestHandler>();
     const std::shared_ptr<FakeFaceDetector> smiles = std::make_shared<FakeFaceDetector>();
     const std::shared_ptr<FakeImageCodec> codec = std::make_shared<FakeImageCodec>();
     const std::shared_ptr<FakeImageLoader> loader = std::make_shared<FakeImageLoader>();
     const std::shared_ptr<FakeMotionManager> motion = std::make_shared<FakeMotionManager>();
-    Size screen{1000, 1700};
-    const std::shared_ptr<FakeDevice> device = std::make_shared<FakeDevice>();
-    const std::shared_ptr<SelvioFacialCaptureParameters> parameters = std::make_shared<SelvioFacialCaptureParameters>();
-};
-
-/// An analyzer whose queues the test runs, without a delegate.
-class ManualAnalyzer : public AnalyzerFakes {
-public:
-    /// An analyzer anew.
-    void makeAnalyzer(int serviceLevel = Platform::kFullServiceLevel) {
-        Platform platform = AnalyzerFakes::platform();
-        platform.serviceLevel = serviceLevel;
-        platform.mainQueue = mainQueue;
-        platform.globalQueue = globalQueue;
-        platform.makeSerialQueue = [this](const std::string& label) {
-            auto queue = std::make_shared<ManualQueue>(label);
-            if (label == "com.selvio.facialcapture.frameAnalysisQueue") analysisQueue = queue;
-            return queue;
-        };
-        analyzer = SelvioFacialCaptureAnalyzer::initWithParameters(parameters, platform);
-    }
     const std::shared_ptr<ManualQueue> mainQueue = std::make_shared<ManualQueue>("main");
     const std::shared_ptr<ManualQueue> globalQueue = std::make_shared<ManualQueue>("global");
-    std::shared_ptr<ManualQueue> analysisQueue;
+    const std::shared_ptr<ManualQueue> analysisQueue =
+        std::make_shared<ManualQueue>("com.selvio.facialcapture.frameAnalysisQueue");
+    const std::shared_ptr<SelvioFacialCaptureParameters> parameters = std::make_shared<SelvioFacialCaptureParameters>();
     std::shared_ptr<SelvioFacialCaptureAnalyzer> analyzer;
 };
 
-inline std::shared_ptr<SampleBuffer> blankFrame(int width = 100, int height = 170) {
-    return SampleBuffer::makeVideo(PixelBuffer::create(width, height, kPixelFormat32BGRA));
+inline std::shared_ptr<SampleBuffer> blankFrame() {
+    return SampleBuffer::makeVideo(PixelBuffer::create(100, 170, kPixelFormat32BGRA));
 }
 
 }  // namespace selvio

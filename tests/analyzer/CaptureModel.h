@@ -1,98 +1,112 @@
 // One capture a second time, written on its own: what the analyzer is compared with. Everything happens when it is
-// called; what the analyzer submits to a queue waits here in a list that the test runs in step with that queue.
+// called; what the analyzer submits to a queue waits here in a list that the test runs in step with that queue. The
+// checks of a face, the data record and the event log are the component's: they have tests of their own.
 #pragma once
 
-#include <SelvioFacialCapture/SelvioFacialCaptureParameters.h>
-#include <SelvioFacialCapture/platform/MotionManager.h>
-#include <gtest/gtest.h>
+#include <SelvioFacialCapture/rules/FaceChecks.h>
 
+#include <cmath>
+#include <cstring>
 #include <deque>
-#include <functional>
-#include <memory>
-#include <nlohmann/json.hpp>
 #include <set>
-#include <string>
-#include <utility>
 
-#include "analyzer/FaceReference.h"
+#include "analyzer/AnalyzerFixture.h"
+#include "analyzer/rules/DeviceOrientation.h"
+#include "analyzer/rules/StatusEvents.h"
 
 namespace selvio::reference {
 
 using Mark = int;  ///< which frame; written into its pixels
+using Results = std::shared_ptr<SelvioFacialCaptureResults>;
+using Statuses = std::vector<SelvioFacialCaptureStatus>;
 
-/// What a results object holds.
-struct Results {
-    std::optional<std::vector<std::int64_t>> statuses;
-    std::int64_t highest = 0;
-    std::int64_t code = 0;
-    std::optional<Mark> image;
-    std::optional<std::string> encoded;  ///< how, and the record in it
-    std::optional<std::string> record;
-    Rect faceRect;
-    Points contour, nose, lips;
-
-    void setStatuses(std::vector<std::int64_t> list) {
-        if (!list.empty()) highest = list.front();
-        statuses = std::move(list);
-    }
-    /// A new object with what is known of the frame.
-    [[nodiscard]] std::shared_ptr<Results> withoutSelection() const {
-        auto copy = std::make_shared<Results>(*this);
-        copy->code = 0;
-        copy->image.reset();
-        copy->encoded.reset();
-        copy->record.reset();
-        return copy;
-    }
-    friend bool operator==(const Results&, const Results&) = default;
-    friend void PrintTo(const Results& r, std::ostream* out) {
-        *out << "statuses " << ::testing::PrintToString(r.statuses) << " highest " << r.highest << " code " << r.code
-             << " image " << r.image.value_or(-1) << ' ' << r.encoded.value_or("") << " record "
-             << r.record.value_or("");
-    }
+struct Frame {
+    Mark mark = 0;
+    Size size{9, 16};
+    bool hasPicture = true;
 };
+
+inline std::shared_ptr<PixelBuffer> pictureOf(const Frame& frame) {
+    const PixelFormat format = frame.mark % 2 == 0 ? kPixelFormat32BGRA : kPixelFormat420v;
+    auto picture = PixelBuffer::create(static_cast<int>(frame.size.width), static_cast<int>(frame.size.height), format);
+    std::memcpy(picture->data(), &frame.mark, 3);
+    return picture;
+}
+inline Mark markOf(const std::shared_ptr<const PixelBuffer>& picture) {
+    Mark mark = 0;
+    if (picture) std::memcpy(&mark, picture->data(), 3);
+    return mark;
+}
+
+inline auto contentsOf(const SelvioFacialCaptureResults& results) {
+    return std::tuple(results.orderedStatuses(), results.highestPriorityStatus(), results.resultCode(),
+                      markOf(results.selectedImage().value_or(Image()).bitmap), results.encodedSelectedImage(),
+                      results.obixDataString(), results.faceRect(), results.faceContourPoints(), results.nosePoints(),
+                      results.outerLipsPoints());
+}
+using Contents = decltype(contentsOf(SelvioFacialCaptureResults()));
 
 /// A delegate call.
 struct Call {
     std::string method;
-    std::shared_ptr<const void> object;  ///< the results; null for a call without
-    Results then;                        ///< what they held at that time
+    Results object;  ///< null for a call without
+    Contents then;   ///< what it held at that time
 };
+using Methods = std::set<std::string>;
 
-enum Method { kResults = 1, kCountdown = 2, kSuccess = 4, kCancelled = 8, kManualOnly = 16 };
-
-/// A frame, or a still image.
-struct Frame {
-    Mark mark = 0;
-    Size size{};
-    bool hasPicture = true;
-};
-
-/// What the ports answer. The hooks are called once, where a port or the host is called.
-struct World {
-    std::vector<FaceObservation> faces;
-    std::optional<Error> requestError, handlerError;
-    std::int64_t orientation = 1;
-    int smilingFaces = 0, otherFaces = 1;  ///< what the smile test sees
-    int codecFailsAt = 0;                  ///< 1, 2, 3: at that step
-    bool throws = false;                   ///< detectors and codec run out of memory
-    double time = 0;
-    std::function<void()> duringRequest, duringTest, duringEncoding, duringCall, duringLogging;
-};
-
-inline void fire(std::function<void()>& hook) {
-    if (const auto once = std::exchange(hook, nullptr)) once();
+inline std::string requestText(std::uint32_t orientation, int revision) {
+    return ", orientation " + std::to_string(orientation) + ", revision " + std::to_string(revision);
 }
 
-class CaptureModel {
+/// A capture whose ports and host answer as the test says and write down what they are asked and told.
+class DrivenCapture : public ManualAnalyzer, public Clock {
 public:
-    CaptureModel(int serviceLevel, Size screenSize, nlohmann::json newRecord)
-        : record(std::move(newRecord)), level(serviceLevel) {
-        screen.show(screenSize);
+    DrivenCapture() {
+        codec->duringEncoding = [this](const Image& image) { ask("encoding", markOf(image.bitmap)); };
+    }
+    std::vector<FaceObservation> faces;
+    std::optional<Error> requestError, handlerError;
+    int smilingFaces = 0, otherFaces = 1;  ///< what the smile test sees
+    bool outOfMemory = false;              ///< in the detectors and the codec
+    double time = 0;
+    std::map<std::string, std::function<void()>> during;  ///< called once, at that place
+    std::vector<Call> calls;
+    std::vector<std::string> asked, logged;
+
+    [[nodiscard]] double secondsSinceReferenceDate() const override { return time; }
+    [[nodiscard]] std::chrono::nanoseconds monotonicTime() const override { return {}; }
+    [[nodiscard]] std::shared_ptr<Clock> clock() { return {std::shared_ptr<void>(), this}; }
+
+    [[nodiscard]] std::array<std::size_t, 3> blocks() const {
+        return {analysisQueue->size(), globalQueue->size(), mainQueue->size()};
+    }
+    void settle() {
+        while (analysisQueue->runNext() || globalQueue->runNext() || mainQueue->runNext()) {
+        }
     }
 
-    World world;
-    const std::shared_ptr<SelvioFacialCaptureParameters> parameters = std::make_shared<SelvioFacialCaptureParameters>();
+protected:
+    void reach(const std::string& place) {
+        if (const auto once = std::exchange(during[place], nullptr)) once();
+    }
+    void ask(const std::string& port, Mark mark, const std::string& how = "") {
+        asked.push_back(port + " " + std::to_string(mark) + how);
+        reach(port);
+        if (outOfMemory) throw std::bad_alloc();
+    }
+    void say(std::string_view line) {
+        logged.emplace_back(line);
+        reach("log line");
+    }
+    void hear(const std::string& method, const Results& object) {
+        calls.push_back({method, object, object ? contentsOf(*object) : Contents()});
+        reach("delegate call");
+    }
+};
+
+class CaptureModel : public DrivenCapture {
+public:
+    CaptureModel(int serviceLevel, Size screenSize) : level(serviceLevel) { geometry.setScreen(screenSize); }
 
     // What the analyzer shows.
 
@@ -101,28 +115,20 @@ public:
     std::int64_t smileStatus = 0;
     std::uint32_t exif = 0;
     std::deque<Mark> history;
-    std::shared_ptr<Results> results = std::make_shared<Results>();
-    nlohmann::json record;
-    nlohmann::json log = nlohmann::json::array();
-    Screen screen;
-    Point noseMiddle, lipLeft, lipRight;
-    double fill = 0;
-    std::vector<Call> calls;
-    std::vector<std::string> logLines;
-    std::vector<std::string> asked;  ///< of the ports: requests, smile tests, encodings
-    std::deque<Frame> analysisQueue;
-    std::size_t mainBlocks = 0;
-    std::set<std::string> outcomes;  ///< which ends of a frame's way were seen
+    Results results = std::make_shared<SelvioFacialCaptureResults>();
+    rules::PreviewGeometry geometry;
+    rules::FaceChecksResult face;
+    const std::shared_ptr<SelvioFacialCaptureUxpEventManager> log = SelvioFacialCaptureUxpEventManager::init(clock());
 
     // Control operations.
 
-    void setDelegate(std::optional<int> methods) {
+    void setDelegate(const std::optional<Methods>& methods) {
         if (spent) return;
         delegate = methods;
         if (!methods || level >= 12) return;
         manualOnly = true;
         parameters->setMode(1);
-        tell(kManualOnly, "manualOnly", nullptr);
+        tell("manualOnly", nullptr);
     }
     void updateMode(std::int64_t mode) {
         if (results) parameters->setMode(mode);  // they are there until the cancellation has been told
@@ -137,19 +143,17 @@ public:
         if (spent) return;
         ++run;
         skip = smileTest = selection = select = false;
-        addEvent(parameters->mode() == 2 ? 0 : 1);
+        addEvent(isAutomatic() ? 0 : 1);
         motionRuns = true;
-        if (!record.contains("Parameters")) record["Parameters"] = parameters->toDictionary();
+        record->addParameters(parameters->toDictionary());
     }
-    void selectFrame() {
-        if (!spent) select = true;
-    }
+    void selectFrame() { select = true; }
     void stop() {
         ++run;
         spent = true;
         results = nullptr;
         history.clear();
-        log = nlohmann::json::array();
+        log->clear();
         motionRuns = false;
     }
     void cancel() {
@@ -157,16 +161,16 @@ public:
         ++run;
         spent = true;
         addEvent(8);
-        record["UXP"] = log;
-        record["SelvioResultCode"] = "Cancelled";
-        const auto cancelled = results->withoutSelection();
-        cancelled->record = record.dump();
-        cancelled->code = 3;
-        tell(kCancelled, "cancelled", cancelled);
+        record->addUXP(log->events());
+        record->add({{"SelvioResultCode", "Cancelled"}});
+        const Results cancelled = results->withoutSelection();
+        cancelled->setObixDataString(record->obixDataString());
+        cancelled->setResultCode(SelvioFacialCaptureResultCodeCancelled);
+        tell("cancelled", cancelled);
         stop();
     }
     void rotate(RotationRate rate) {
-        if (motionRuns) holdStill = std::fabs(rate.x) > 0.1 || std::fabs(rate.y) > 0.1 || std::fabs(rate.z) > 0.1;
+        if (motionRuns) holdStill = std::max({std::fabs(rate.x), std::fabs(rate.y), std::fabs(rate.z)}) > 0.1;
     }
 
     // A frame's way.
@@ -174,277 +178,212 @@ public:
     void analyzeSampleBuffer(const Frame& frame) {
         if (spent || inProgress) return;
         inProgress = true;
-        analysisQueue.push_back(frame);
-    }
-    void runAnalysisBlock() {
-        if (analysisQueue.empty()) return;
-        const Frame frame = analysisQueue.front();
-        analysisQueue.pop_front();
-        if (spent || !frame.hasPicture) {
-            inProgress = false;
-            return;
-        }
-        const int frameRun = run;
-        keep(frame.mark, selection ? 28 : 14);
-        if ((manualOnly || parameters->mode() == 1) && select && !selection && hears(kSuccess)) {
-            selection = true;
-            results = results->withoutSelection();
-            waiting.push_back({Item::Manual, ++run, results, frame.mark});
-            ++mainBlocks;
-        }
-        if (level < 12 || selection || skip || smileTest || manualOnly) {
-            inProgress = false;
-            return;
-        }
-        results = std::make_shared<Results>();
-        results->setStatuses({});
-        if (screen.resolution == Size{}) screen.setResolution(frame.size);
-        exif = world.orientation == 2 ? 7 : world.orientation == 3 ? 4 : world.orientation == 4 ? 2 : 5;
-        detect(frame, exif, frameRun, false);
+        analysisQueue->async([this, frame] {
+            if (!spent && frame.hasPicture) analyze(frame);
+            inProgress = analysisQueue->size() > 0;
+        });
     }
     void analyzeImageAtPath(const std::optional<Frame>& picture) {
         if (spent || level < 12) return;
-        if (!picture) {
-            say("missing.jpg: no such file");
-            return;
-        }
-        screen.show(picture->size);
-        screen.setResolution(picture->size);
+        if (!picture) return say("missing.jpg: no such file");
+        geometry.setScreen(picture->size);
+        geometry.setResolution(picture->size);
         keep(picture->mark, 5);
-        detect(*picture, 5, run, true);
-    }
-    void runGlobalBlock() {
-        if (tests.empty()) return;
-        const Step step = tests.front();
-        tests.pop_front();
-        if (step.run == run) testSmile(step);
-    }
-    [[nodiscard]] std::vector<std::size_t> blocks() const { return {analysisQueue.size(), tests.size(), mainBlocks}; }
-    void runMainBlock() {
-        if (mainBlocks == 0) return;
-        --mainBlocks;
-        if (waiting.empty()) return;
-        const Item item = waiting.front();
-        waiting.pop_front();
-        if (item.run != run) {
-            outcomes.insert("a step of an ended run");
-            return;
-        }
-        switch (item.kind) {
-            case Item::Countdown:
-                return tell(kCountdown, "countdown", nullptr);
-            case Item::Success:
-                return tell(kSuccess, "success", item.results);
-            case Item::Automatic:
-                return selectAutomatically(item);
-            case Item::Manual:
-                return deliverManually(item);
-            case Item::CountdownStatus:
-                item.results->setStatuses({10});
-                addUxp({10});
-                return tell(kResults, "results", item.results);
-            case Item::Plain:
-                return tell(kResults, "results", item.results);
-            case Item::Statuses:
-                if (select && hears(kSuccess)) return finish("manual", item.results, item.mark, 1);
-                return tell(kResults, "results", item.results);
-        }
+        detect(*picture, 5, {Plain, run, nullptr, picture->mark});
     }
 
 private:
+    /// What the main queue is to do with a frame. Reports come first.
+    enum Delivery { Plain, Judged, CountdownStatus, Countdown, Automatic, Manual, Success };
     /// What travels with a frame.
     struct Step {
+        Delivery delivery;
         int run;
-        std::shared_ptr<Results> results;
+        Results results;
         Mark mark;
-    };
-    struct Item {
-        enum Kind { Plain, Statuses, CountdownStatus, Countdown, Automatic, Manual, Success } kind;
-        int run;
-        std::shared_ptr<Results> results;
-        Mark mark;
+        [[nodiscard]] Step as(Delivery other) const { return {other, run, results, mark}; }
     };
 
-    [[nodiscard]] bool hears(Method method) const { return delegate && (*delegate & method) != 0; }
-    void tell(Method method, const std::string& name, const std::shared_ptr<Results>& object) {
-        if (!hears(method)) return;
-        calls.push_back({name, object, object ? *object : Results()});
-        fire(world.duringCall);
+    [[nodiscard]] bool isAutomatic() const { return parameters->mode() == 2; }
+    [[nodiscard]] bool hears(const std::string& method) const { return delegate && delegate->contains(method); }
+    void tell(const std::string& method, const Results& object) {
+        if (hears(method)) hear(method, object);
     }
-    void say(const std::string& line) {
-        logLines.push_back(line);
-        fire(world.duringLogging);
-    }
-    void addEvent(int event) {
-        static const char* const kCodes[] = {"SA",  "SS",   "IS",   "HS",   "RS",   "MF",  "MT",
-                                             "ST",  "C",    "FENF", "FENC", "FEMF", "FER", "FEP",
-                                             "FEY", "FETF", "FETC", "FENS", "FESS", "FHS", "FS"};
-        if (event == std::exchange(lastEvent, event)) return;
-        log.push_back({{kCodes[event], {static_cast<std::int64_t>(world.time * 1000.0)}}});
-    }
-    void addUxp(const std::vector<std::int64_t>& statuses) {
-        static const int kEvents[] = {0, 9, 11, 12, 13, 14, 15, 16, 10, 17, 19, 0, 0, 18, 20};
-        for (const std::int64_t status : statuses) addEvent(kEvents[status]);
+    void addEvent(int event) { log->addEvent(static_cast<SelvioFacialCaptureUxpEvent>(event)); }
+    void setStatuses(const Results& object, const Statuses& statuses) {
+        object->setOrderedStatuses(statuses);
+        for (const auto status : statuses) log->addEvent(rules::eventFor(status));
     }
     void keep(Mark mark, std::size_t limit) {
         history.push_back(mark);
         while (history.size() > limit) history.pop_front();
     }
-    void wait(Item item) {
-        const auto replaces = [&](const Item& older) {
-            if (item.kind == Item::Countdown || older.kind == Item::Countdown) return item.kind == older.kind;
-            return item.kind <= Item::CountdownStatus && older.kind <= Item::CountdownStatus;
-        };
-        if (item.kind == Item::Automatic) {
-            for (const Item& older : waiting)
-                if (older.kind == Item::Automatic && older.run == item.run) return;
-        }
-        const auto older = std::find_if(waiting.begin(), waiting.end(), replaces);
-        if (older != waiting.end()) {
-            waiting.erase(older);
-            outcomes.insert("a newer one took a waiting one's place");
-        } else {
-            ++mainBlocks;
-        }
-        waiting.push_back(std::move(item));
-    }
 
-    void detect(const Frame& frame, std::uint32_t orientation, int frameRun, bool still) {
-        asked.push_back("request " + std::to_string(frame.mark) + " orientation " + std::to_string(orientation) +
-                        " revision " + std::to_string(level >= 13 ? 3 : 2));
-        fire(world.duringRequest);
-        if (world.throws || world.handlerError) {
-            say(!world.throws
-                    ? "SequenceRequestHandler couldn't perform requests: " + world.handlerError->localizedDescription
-                : still ? "A still image could not be analysed: not enough memory"
-                        : "A frame could not be analysed: not enough memory");
-            if (!still) inProgress = false;
-            return;
+    void analyze(const Frame& frame) {
+        Step step{Plain, run, nullptr, frame.mark};
+        keep(frame.mark, selection ? 28 : 14);
+        if ((manualOnly || !isAutomatic()) && select && !selection && hears("success")) {
+            step.run = beginSelection();
+            step.results = results = results->withoutSelection();
+            return wait(step.as(Manual));
         }
-        const auto faces = world.faces;
-        if (!still) inProgress = false;
-        if (frameRun != run || selection || skip || smileTest) return;
-        if (world.requestError) say("Detect face request error: " + world.requestError->localizedDescription);
-        if (still) results = results->withoutSelection();
-        const Step step{frameRun, results, frame.mark};
-        if (faces.size() == 1) return judgeFace(faces.front(), step);
-        report(Item::Plain, step, {!faces.empty() ? 2 : 1});
+        if (level < 12 || selection || skip || smileTest || manualOnly) return;
+        step.results = results = std::make_shared<SelvioFacialCaptureResults>();
+        setStatuses(results, {});
+        if (geometry.resolution == Size{}) geometry.setResolution(frame.size);
+        exif = rules::exifOrientationFor(device->orientation());
+        detect(frame, exif, step);
     }
-    void report(Item::Kind kind, const Step& step, const std::vector<std::int64_t>& statuses) {
-        step.results->setStatuses(statuses);
-        addUxp(statuses);
+    /// A step without results is a still image's.
+    void detect(const Frame& frame, std::uint32_t orientation, Step step) {
+        const bool still = step.results == nullptr;
+        try {
+            ask("request", frame.mark, requestText(orientation, level >= 13 ? 3 : 2));
+        } catch (const std::bad_alloc&) {
+            return say(std::string(still ? "A still image" : "A frame") + " could not be analysed: not enough memory");
+        }
+        if (handlerError)
+            return say("SequenceRequestHandler couldn't perform requests: " + handlerError->localizedDescription);
+        if (!still) inProgress = false;
+        if (step.run != run || selection || skip || smileTest) return;
+        const auto found = faces;
+        if (requestError) say("Detect face request error: " + requestError->localizedDescription);
+        if (still) step.results = results = results->withoutSelection();
+        const auto judged = rules::judgeFaces(found, geometry, rules::limitsOf(*parameters), holdStill);
+        setStatuses(step.results, judged.statuses);
+        if (judged.face) {
+            face = judged.face->checked;
+            step.results->setFaceRect(judged.face->rect);
+            step.results->setFaceContourPoints(judged.face->points.contour);
+            step.results->setNosePoints(judged.face->points.nose);
+            step.results->setOuterLipsPoints(judged.face->points.outerLips);
+        }
+        if (judged.statuses.empty()) return passGate(step);
         smileStatus = 0;
         startCountdown = true;
-        wait({kind, step.run, step.results, step.mark});
+        wait(step.as(judged.face ? Judged : Plain));
     }
-    void judgeFace(const FaceObservation& face, const Step& step) {
-        Results& r = *step.results;
-        const FaceLandmarks landmarks = face.landmarks.value_or(FaceLandmarks());
-        r.faceRect = screen.faceRect(face.boundingBox);
-        r.contour = Screen::inRect(landmarks.faceContour, r.faceRect);
-        r.nose = Screen::inRect(landmarks.nose, r.faceRect);
-        r.lips = Screen::inRect(landmarks.outerLips, r.faceRect);
-        const auto& p = *parameters;
-        const Strictness strictness{p.roll(), p.pitch(), p.yaw(), p.minFill(), p.maxFill()};
-        const Verdict verdict = judge(r.contour, r.nose, r.lips, strictness, screen.big, screen.small, holdStill);
-        noseMiddle = verdict.noseMiddle;
-        lipLeft = verdict.lipLeft;
-        lipRight = verdict.lipRight;
-        fill = verdict.fill;
-        if (!verdict.statuses.empty()) return report(Item::Statuses, step, verdict.statuses);
-        r.setStatuses({});
-        if (parameters->selectOnSmile() || parameters->mode() != 2) {
+    void passGate(const Step& step) {
+        if (parameters->selectOnSmile() || !isAutomatic()) {
             smileTest = true;
-            tests.push_back(step);
+            globalQueue->async([this, step] {
+                if (step.run == run) testSmile(step);
+            });
         } else if (select || parameters->countdownTime() <= 1) {
-            wait({Item::Automatic, step.run, step.results, step.mark});
+            wait(step.as(Automatic));
         } else {
-            wait({std::exchange(startCountdown, false) ? Item::Countdown : Item::CountdownStatus, step.run,
-                  step.results, step.mark});
+            wait(step.as(std::exchange(startCountdown, false) ? Countdown : CountdownStatus));
         }
     }
     void testSmile(const Step& step) {
-        asked.push_back("smile " + std::to_string(step.mark));
-        fire(world.duringTest);
+        try {
+            ask("smile test", step.mark);
+        } catch (const std::bad_alloc&) {
+            if (step.run == run) smileTest = false;
+            return say("A smile could not be judged: not enough memory");
+        }
         if (step.run != run) return;
-        if (world.throws) say("A smile could not be judged: not enough memory");
-        if (world.throws || world.smilingFaces + world.otherFaces != 1) {
+        if (smilingFaces + otherFaces != 1) {
             smileTest = false;
             return;
         }
-        const bool smiling = world.smilingFaces == 1;
+        const bool smiling = smilingFaces == 1, manual = parameters->mode() == 1;
         if (smileStatus == 0) smileStatus = smiling ? 1 : 2;
-        const bool manual = parameters->mode() == 1;
-        const bool askToStop = smiling && (smileStatus == 1 || manual);
-        std::optional<Mark> chosen;
-        if (smiling && !askToStop) chosen = history.front();
-        if (!smiling && smileStatus == 1) chosen = history.back();
-        if (selection || skip) {
-            outcomes.insert("a smile test overtaken by a pause");
-            return;
-        }
-        const std::vector<std::int64_t> statuses{askToStop ? 13 : 14};
-        step.results->setStatuses(statuses);
-        addUxp(statuses);
-        if (chosen && !manual) {
-            const int mine = beginSelection(smiling ? "smile came" : "smile went");
-            closeRecord(*step.results, *chosen, 2);
-            wait({Item::Success, mine, step.results, *chosen});
+        if (skip) return;
+        const bool began = smileStatus == 1, askedToStop = smiling && (began || manual);
+        setStatuses(step.results,
+                    {askedToStop ? SelvioFacialCaptureStatusStopSmiling : SelvioFacialCaptureStatusGoodFrame});
+        if (!manual && smiling != began) {  // it came, or went
+            const Step selected{Success, beginSelection(), step.results, smiling ? history.front() : history.back()};
+            closeRecord(selected, SelvioFacialCaptureResultCodeSuccessVideo);
+            wait(selected);
         } else {
-            wait({Item::Statuses, step.run, step.results, step.mark});
+            wait(step.as(Judged));
         }
         smileTest = false;
     }
 
-    void selectAutomatically(const Item& item) {
-        item.results->setStatuses({14});
-        finish("automatic", item.results, item.mark, 2);
-    }
-    void deliverManually(const Item& item) {
-        Results& object = *item.results;
-        if (manualOnly) {
-            object.setStatuses({0});
-        } else if (!object.statuses || object.statuses->empty()) {
-            object.setStatuses({14});
+    /// Of reports only the newest waits, likewise of announcements; of automatic selections a run's first.
+    void wait(const Step& step) {
+        const auto takesItsPlace = [&](const Step& other) {
+            if (step.delivery <= CountdownStatus) return other.delivery <= CountdownStatus;
+            if (step.delivery == Automatic) return other.delivery == Automatic && other.run == step.run;
+            return step.delivery == Countdown && other.delivery == Countdown;
+        };
+        const auto other = std::find_if(waiting.begin(), waiting.end(), takesItsPlace);
+        if (other == waiting.end()) {
+            mainQueue->async([this] { deliverFirst(); });
+        } else {
+            if (step.delivery == Automatic) return;
+            waiting.erase(other);
         }
-        outcomes.insert("manual delivery");
-        closeRecord(object, item.mark, 1);
-        if (item.run == run) tell(kSuccess, "success", item.results);
+        waiting.push_back(step);
     }
-    int beginSelection(const char* how) {
-        outcomes.insert(how);
+    void deliverFirst() {
+        if (waiting.empty()) return;
+        const Step step = waiting.front();
+        waiting.pop_front();
+        if (step.run == run) deliver(step);
+    }
+    void deliver(const Step& step) {
+        switch (step.delivery) {
+            case Countdown:
+                return tell("countdown", nullptr);
+            case Success:
+                return tell("success", step.results);
+            case Automatic:
+                step.results->setOrderedStatuses(Statuses{SelvioFacialCaptureStatusGoodFrame});
+                return finish(step, SelvioFacialCaptureResultCodeSuccessVideo);
+            case Manual:
+                if (manualOnly || step.results->orderedStatuses().value_or(Statuses()).empty())
+                    step.results->setOrderedStatuses(
+                        Statuses{manualOnly ? SelvioFacialCaptureStatusNone : SelvioFacialCaptureStatusGoodFrame});
+                return succeed(step, SelvioFacialCaptureResultCodeSuccessStillCamera);
+            case CountdownStatus:
+                setStatuses(step.results, {SelvioFacialCaptureStatusCountdown});
+                break;
+            case Judged:
+                if (select && hears("success")) return finish(step, SelvioFacialCaptureResultCodeSuccessStillCamera);
+                break;
+            case Plain:
+                break;
+        }
+        tell("results", step.results);
+    }
+
+    int beginSelection() {
         selection = true;
         return ++run;
     }
-    void finish(const char* how, const std::shared_ptr<Results>& object, Mark mark, std::int64_t code) {
-        const int mine = beginSelection(how);
-        closeRecord(*object, mark, code);
-        if (mine == run) tell(kSuccess, "success", object);
+    void finish(const Step& step, SelvioFacialCaptureResultCode code) {
+        succeed({Success, beginSelection(), step.results, step.mark}, code);
     }
-    void closeRecord(Results& object, Mark mark, std::int64_t code) {
-        object.image = mark;
-        object.code = code;
-        addEvent(parameters->mode() == 2 ? 6 : 7);
-        record["UXP"] = log;
-        record["Autocapture"] = parameters->mode() == 2 ? "1" : "0";
-        record["SelvioResultCode"] = code == 2 ? "SuccessVideo" : "SuccessStillCamera";
-        const auto quality = static_cast<float>(static_cast<double>(parameters->imageQuality()) / 100);
-        asked.push_back("encode " + std::to_string(mark));
-        fire(world.duringEncoding);
-        object.record = record.dump();
-        object.encoded.reset();
-        if (!world.throws && world.codecFailsAt == 0) {
-            object.encoded = "encoded at 1.000000, then at " + std::to_string(quality) + ", 72x72/1: " + *object.record;
+    void succeed(const Step& step, SelvioFacialCaptureResultCode code) {
+        closeRecord(step, code);
+        if (step.run == run) tell("success", step.results);
+    }
+    void closeRecord(const Step& step, SelvioFacialCaptureResultCode code) {
+        const Image image{pictureOf({step.mark})};
+        step.results->setSelectedImage(image);
+        step.results->setResultCode(code);
+        addEvent(isAutomatic() ? 6 : 7);
+        record->addUXP(log->events());
+        record->add({{"Autocapture", isAutomatic() ? "1" : "0"}});
+        record->add({{"SelvioResultCode", code == 2 ? "SuccessVideo" : "SuccessStillCamera"}});
+        try {
+            const auto quality = static_cast<double>(parameters->imageQuality());
+            step.results->setEncodedSelectedImage(record->addToImage(image, quality));
+        } catch (const std::bad_alloc&) {
+            say("The selected image could not be encoded: not enough memory");
         }
-        if (world.throws) say("The selected image could not be encoded: not enough memory");
+        step.results->setObixDataString(record->obixDataString());
     }
 
     const int level;
     int run = 0;
-    std::optional<int> delegate;
-    int lastEvent = 20;
-    std::deque<Step> tests;    // the global queue
-    std::deque<Item> waiting;  // for the main queue
+    std::optional<Methods> delegate;
+    std::deque<Step> waiting;  // for the main queue
+    const std::shared_ptr<SelvioFacialCaptureObixData> record = SelvioFacialCaptureObixData::init(platform());
 };
 
 }  // namespace selvio::reference

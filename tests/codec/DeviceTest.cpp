@@ -23,11 +23,7 @@ using test::TemporaryDirectory;
 namespace fs = std::filesystem;
 
 TEST(LinuxDevice, tellsTheVersionOfTheSystemWithItsPointRelease) {
-    struct Row {
-        std::map<std::string, std::string> files;
-        std::string version;
-    };
-    const std::vector<Row> rows = {
+    const std::pair<std::map<std::string, std::string>, std::string> rows[] = {
         {{{"etc/os-release", "NAME=\"Debian GNU/Linux\"\nVERSION_ID=\"12\"\nVERSION=\"12 (bookworm)\"\n"},
           {"etc/debian_version", "12.11\n"},
           {"usr/lib/os-release", "VERSION_ID=9\n"}},
@@ -38,10 +34,10 @@ TEST(LinuxDevice, tellsTheVersionOfTheSystemWithItsPointRelease) {
         {{{"etc/os-release", "ID=arch\nBUILD_ID=rolling\n"}, {"etc/debian_version", ".1\n"}}, ""},
         {{}, ""},
     };
-    for (const Row& row : rows) {
+    for (const auto& [files, version] : rows) {
         const TemporaryDirectory root;
-        for (const auto& [name, text] : row.files) root.write(name, text);
-        EXPECT_EQ(LinuxDevice({}, root.path()).systemVersion(), row.version) << &row - rows.data();
+        for (const auto& [name, text] : files) root.write(name, text);
+        EXPECT_EQ(LinuxDevice({}, root.path()).systemVersion(), version);
     }
     const LinuxDevice device([] { return DeviceOrientation::LandscapeLeft; });
     EXPECT_EQ(device.orientation(), DeviceOrientation::LandscapeLeft);
@@ -125,27 +121,24 @@ TEST(LinuxFileManager, onlyLeftoversOfTheDeadAreRemoved) {
     EXPECT_TRUE(fs::is_directory(last.documentsDirectory())) << "made anew";
 }
 
-TEST(LinuxFileManager, aDirectoryThatCannotBeMadeIsLogged) {
-    const TemporaryDirectory root;
-    const std::string file = root.write("file", "x");
-    LogCapture log;
-    const LinuxFileManager files(fs::path(file) / "Documents");
-    EXPECT_EQ(files.documentsDirectory(), fs::path(file) / "Documents") << "whose users then say why they fail";
-    EXPECT_THAT(log.take(), testing::ElementsAre(testing::HasSubstr("Couldn't make the documents directory " + file)));
-}
-
 TEST(LinuxFileManager, saysWhyItCannot) {
     const TemporaryDirectory root;
     LinuxFileManager files(root.path());
     const std::string one = root.write("one", "1");
+    LogCapture log;
+    const LinuxFileManager none(fs::path(one) / "Documents");
+    EXPECT_EQ(none.documentsDirectory(), fs::path(one) / "Documents") << "whose users then say why they fail";
+    EXPECT_THAT(log.take(), testing::ElementsAre(testing::HasSubstr("Couldn't make the documents directory " + one)));
     EXPECT_EQ(files.readFile(root.write("two", "")).value(), std::vector<std::uint8_t>{});
     EXPECT_FALSE(files.removeItem(one));
-    for (const auto& error :
-         {*files.removeItem(one), files.readFile(one).error(), files.contentsOfDirectory(one).error()}) {
-        EXPECT_EQ(error.localizedDescription, one + ": No such file or directory");
-    }
-    EXPECT_EQ(files.readFile(root.path()).error().localizedDescription, root.path().string() + ": Is a directory");
-    EXPECT_EQ(files.readFile("/dev/zero").error().localizedDescription, "/dev/zero: not a regular file");
+    const std::string missing = one + ": No such file or directory";
+    const std::pair<Error, std::string> table[] = {
+        {*files.removeItem(one), missing},
+        {files.readFile(one).error(), missing},
+        {files.contentsOfDirectory(one).error(), missing},
+        {files.readFile(root.path()).error(), root.path().string() + ": Is a directory"},
+        {files.readFile("/dev/zero").error(), "/dev/zero: not a regular file"}};
+    for (const auto& [error, text] : table) EXPECT_EQ(error.localizedDescription, text);
 }
 
 }  // namespace

@@ -69,9 +69,9 @@ private:
 TEST(OrientationSensor, FollowsTheProxyWhileThereIsOne) {
     GTestDBus* const bus = g_test_dbus_new(G_TEST_DBUS_NONE);
     g_test_dbus_up(bus);
-    const char* const address = g_test_dbus_get_bus_address(bus);
+    const std::string address = g_test_dbus_get_bus_address(bus);
     {
-        auto proxy = std::make_unique<StandInProxy>(address);
+        auto proxy = std::make_unique<StandInProxy>(address.c_str());
         const auto sensor = makeOrientationSensor({.busAddress = address});
         EXPECT_EQ(sensor->orientation(), DeviceOrientation::Portrait);
         const auto becomes = [&](DeviceOrientation expected) {
@@ -84,25 +84,21 @@ TEST(OrientationSensor, FollowsTheProxyWhileThereIsOne) {
             return sensor->orientation() == expected;
         };
         EXPECT_TRUE(becomes(DeviceOrientation::LandscapeRight)) << "read after the claim";
-        proxy->turn("bottom-up");
-        EXPECT_TRUE(becomes(DeviceOrientation::PortraitUpsideDown));
-        proxy->turn("normal");
-        EXPECT_TRUE(becomes(DeviceOrientation::Portrait));
-        proxy->turn("undefined");
-        proxy->turn("right-up");
-        EXPECT_TRUE(becomes(DeviceOrientation::LandscapeLeft));
+        const std::pair<const char*, DeviceOrientation> turns[] = {{"bottom-up", DeviceOrientation::PortraitUpsideDown},
+                                                                   {"normal", DeviceOrientation::Portrait},
+                                                                   {"undefined", DeviceOrientation::Portrait},
+                                                                   {"right-up", DeviceOrientation::LandscapeLeft}};
+        for (const auto& [word, orientation] : turns) {
+            proxy->turn(word);
+            EXPECT_TRUE(becomes(orientation)) << word;
+        }
         proxy.reset();
         EXPECT_TRUE(becomes(DeviceOrientation::Portrait)) << "the proxy has gone";
     }
     g_test_dbus_down(bus);
     g_object_unref(bus);
-}
-
-TEST(OrientationSensor, WithoutABusTheDeviceIsInPortrait) {
-    for (int i = 0; i < 20; ++i) {
-        EXPECT_EQ(makeOrientationSensor({.busAddress = "unix:path=/nonexistent/bus"})->orientation(),
-                  DeviceOrientation::Portrait);
-    }
+    for (int i = 0; i < 20; ++i)
+        EXPECT_EQ(makeOrientationSensor({.busAddress = address})->orientation(), DeviceOrientation::Portrait);
 }
 
 }  // namespace

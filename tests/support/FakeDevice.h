@@ -4,16 +4,19 @@
 #include <SelvioFacialCapture/platform/Device.h>
 
 #include <atomic>
+#include <functional>
 
 namespace selvio {
 
 class FakeDevice final : public Device {
 public:
-    [[nodiscard]] std::string systemVersion() const override { return "12.11"; }
-    [[nodiscard]] std::string model() const override { return "Kiosk"; }
-    [[nodiscard]] std::string machineName() const override { return "x86_64"; }
-    [[nodiscard]] DeviceOrientation orientation() const override { return orientation_; }
+    [[nodiscard]] std::string systemVersion() const override { return duringQuestions(), "12.11"; }
+    [[nodiscard]] std::string model() const override { return duringQuestions(), "Kiosk"; }
+    [[nodiscard]] std::string machineName() const override { return duringQuestions(), "x86_64"; }
+    [[nodiscard]] DeviceOrientation orientation() const override { return duringQuestions(), orientation_.load(); }
     void setOrientation(DeviceOrientation orientation) { orientation_ = orientation; }
+
+    std::function<void()> duringQuestions = [] {};
 
 private:
     std::atomic<DeviceOrientation> orientation_{DeviceOrientation::Portrait};

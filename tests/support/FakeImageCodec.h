@@ -11,32 +11,30 @@ namespace selvio {
 class FakeImageCodec final : public ImageCodec {
 public:
     [[nodiscard]] std::optional<Bytes> encodeJpeg(const Image& image, double quality) const override {
-        if (duringEncoding_) duringEncoding_(image);
-        if (!image.bitmap || failsAt_ == 1) return std::nullopt;
+        duringEncoding(image);
+        if (!image.bitmap || failsAt == 1) return std::nullopt;
         return bytes("encoded at " + std::to_string(quality));
     }
     [[nodiscard]] std::shared_ptr<ImageSource> openSource(Bytes bytes) const override {
-        if (failsAt_ == 2) return nullptr;
+        if (failsAt == 2) return nullptr;
         auto source = std::make_shared<Source>();
         source->text.assign(bytes.begin(), bytes.end());
         return source;
     }
     [[nodiscard]] std::optional<Bytes> encodeFromSource(const ImageSource& source,
                                                         const ImageProperties& properties) const override {
-        if (failsAt_ == 3) return std::nullopt;
+        if (failsAt == 3) return std::nullopt;
         const auto& jfif = properties.jfif.value();
         return bytes(static_cast<const Source&>(source).text + ", then at " +
                      std::to_string(properties.lossyCompressionQuality.value()) + ", " + std::to_string(jfif.xDensity) +
                      "x" + std::to_string(jfif.yDensity) + "/" + std::to_string(jfif.densityUnit) + ": " +
                      properties.exif.value().userComment.value_or("(none)"));
     }
-    [[nodiscard]] bool userCommentFits(std::string_view text) const override { return text.size() <= commentLimit_; }
+    [[nodiscard]] bool userCommentFits(std::string_view text) const override { return text.size() <= commentLimit; }
 
-    /// 1 encoding, 2 opening, 3 encoding anew fails.
-    void setFailsAt(int step) { failsAt_ = step; }
-    /// Called first in every encoding, with the picture; may throw.
-    void setDuringEncoding(std::function<void(const Image&)> hook) { duringEncoding_ = std::move(hook); }
-    void setCommentLimit(std::size_t bytes) { commentLimit_ = bytes; }
+    int failsAt = 0;  ///< 1 encoding, 2 opening, 3 encoding anew
+    std::size_t commentLimit = 65000;
+    std::function<void(const Image&)> duringEncoding = [](const auto&) {};  ///< may throw
 
 private:
     struct Source final : ImageSource {
@@ -44,10 +42,6 @@ private:
         std::string text;
     };
     static Bytes bytes(const std::string& text) { return {text.begin(), text.end()}; }
-
-    int failsAt_ = 0;
-    std::function<void(const Image&)> duringEncoding_;
-    std::size_t commentLimit_ = 65000;
 };
 
 }  // namespace selvio

@@ -1,5 +1,7 @@
 #include <SelvioFacialCapture/base/ConcurrentQueue.h>
+#include <SelvioFacialCapture/base/Log.h>
 #include <SelvioFacialCapture/base/MainQueue.h>
+#include <SelvioFacialCapture/base/MemberMutex.h>
 #include <SelvioFacialCapture/base/SerialQueue.h>
 #include <gtest/gtest.h>
 
@@ -16,51 +18,74 @@
 namespace selvio {
 namespace {
 
-TEST(SerialQueue, RunsBlocksInOrderFromSeveralThreads) {
+TEST(Log, ASinkMayLogAndBeReplacedFromWithin) {
+    std::vector<std::string> first, second;
+    const LogSink before = setLogSink([&](std::string_view message) {
+        first.emplace_back(message);
+        setLogSink([&](std::string_view later) { second.emplace_back(later); });
+        log("logged by the sink");
+        EXPECT_EQ(first.back(), "one") << "what it holds lives as long as the call";
+    });
+    log("one");
+    log("two");
+    EXPECT_EQ(first, std::vector<std::string>{"one"});
+    EXPECT_EQ(second, (std::vector<std::string>{"logged by the sink", "two"}));
+    testing::internal::CaptureStderr();
+    setLogSink({})("to the one before");
+    log("nobody listens");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "nobody listens\n");
+    EXPECT_EQ(second.back(), "to the one before");
+    EXPECT_FALSE(setLogSink(before));
+}
+
+TEST(MemberMutex, WhatIsReplacedEndsOutsideOfTheLock) {
+    MemberMutex mutex;
+    const auto isFree = [&] { return std::unique_lock(mutex, std::try_to_lock).owns_lock(); };
+    bool wasFree = false;
+    std::shared_ptr<void> member(&mutex, [&](void*) { wasFree = std::async(std::launch::async, isFree).get(); });
+    mutex.set(member, nullptr);
+    EXPECT_EQ(mutex.get(member), nullptr);
+    EXPECT_TRUE(wasFree);
+}
+
+TEST(SystemClock, TellsTheTimeSinceTheReferenceDateAndOneThatNeverGoesBack) {
+    const SystemClock clock;
+    std::tm date{};
+    date.tm_year = 101;
+    date.tm_mday = 1;
+    EXPECT_NEAR(clock.secondsSinceReferenceDate(), std::difftime(std::time(nullptr), ::timegm(&date)), 2.0);
+    const auto before = std::chrono::steady_clock::now().time_since_epoch();
+    const auto now = clock.monotonicTime();
+    EXPECT_LE(before, now);
+    EXPECT_LE(now, std::chrono::steady_clock::now().time_since_epoch());
+}
+
+TEST(SerialQueue, RunsBlocksInOrderAndLastTheDelayedOnes) {
     std::vector<std::vector<int>> order(3);  // of each thread
     {
-        SerialQueue queue("test");
+        SerialQueue queue("label");
+        EXPECT_EQ(queue.label(), "label");
+        EXPECT_FALSE(queue.isCurrent());
+        queue.asyncAfter(std::chrono::hours(2), [&] { order[0].push_back(101); });
+        queue.asyncAfter(std::chrono::hours(1), [&] { order[0].push_back(100); });
         std::vector<std::thread> threads;
         for (auto& mine : order) {
             threads.emplace_back([&] {
-                for (int i = 0; i < 100; ++i) {
-                    queue.async([&, i] { mine.push_back(queue.isCurrent() ? i : -1); });
-                }
+                for (int i = 0; i < 100; ++i) queue.async([&, i] { mine.push_back(queue.isCurrent() ? i : -1); });
             });
         }
         for (std::thread& thread : threads) thread.join();
     }  // destruction runs all that was submitted
     std::vector<int> expected(100);
     std::iota(expected.begin(), expected.end(), 0);
-    EXPECT_EQ(order, std::vector(3, expected));
-}
-
-TEST(SerialQueue, MayBeDestroyedFromItsOwnBlock) {
-    std::promise<void> last;
-    auto queue = std::make_unique<SerialQueue>("test");
-    SerialQueue* const raw = queue.get();
-    raw->async([&, owned = std::make_shared<std::unique_ptr<SerialQueue>>(std::move(queue))] {
-        raw->async([&] { last.set_value(); });
-        owned->reset();
-    });
-    last.get_future().wait();  // a lost block would hang here
-}
-
-TEST(SerialQueue, DelayedBlocksRunAfterReadyOnesAndAtDestruction) {
-    std::vector<int> order;
-    {
-        SerialQueue queue("test");
-        queue.asyncAfter(std::chrono::hours(2), [&] { order.push_back(3); });
-        queue.asyncAfter(std::chrono::hours(1), [&] { order.push_back(2); });
-        queue.async([&] { order.push_back(1); });
-    }
-    EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
+    EXPECT_EQ(order[1], expected);
+    EXPECT_EQ(order[2], expected);
+    expected.insert(expected.end(), {100, 101});
+    EXPECT_EQ(order[0], expected);
 }
 
 TEST(SerialQueue, RunsDelayedBlocksWhileItLivesAndDrains) {
-    SerialQueue queue("label");
-    EXPECT_EQ(queue.label(), "label");
-    EXPECT_FALSE(queue.isCurrent());
+    SerialQueue queue("test");
     queue.drain();  // waits for a block now
     std::promise<void> ran;
     queue.asyncAfter(std::chrono::milliseconds(1), [&] { ran.set_value(); });
@@ -72,6 +97,20 @@ TEST(SerialQueue, RunsDelayedBlocksWhileItLivesAndDrains) {
     });
     queue.drain();
     EXPECT_TRUE(done);
+}
+
+TEST(Queues, MayBeDestroyedFromTheirOwnBlocks) {
+    for (const auto make : {+[]() -> std::unique_ptr<Queue> { return std::make_unique<SerialQueue>("test"); },
+                            +[]() -> std::unique_ptr<Queue> { return std::make_unique<ConcurrentQueue>("test", 1); }}) {
+        std::promise<void> last;
+        auto queue = make();
+        Queue* const raw = queue.get();
+        raw->async([&, owned = std::make_shared<std::unique_ptr<Queue>>(std::move(queue))] {
+            raw->async([&] { last.set_value(); });
+            owned->reset();
+        });
+        last.get_future().wait();  // a lost block would hang here
+    }
 }
 
 TEST(Queues, LetGoOfABlockAsAPartOfIt) {
@@ -88,18 +127,6 @@ TEST(Queues, LetGoOfABlockAsAPartOfIt) {
         main.drain();
         EXPECT_TRUE(gone.get_future().get()) << queue->label();  // a lock held meanwhile would hang here
     }
-}
-
-TEST(SystemClock, TellsTheTimeSinceTheReferenceDateAndOneThatNeverGoesBack) {
-    const SystemClock clock;
-    std::tm date{};
-    date.tm_year = 101;
-    date.tm_mday = 1;
-    EXPECT_NEAR(clock.secondsSinceReferenceDate(), std::difftime(std::time(nullptr), ::timegm(&date)), 2.0);
-    const auto before = std::chrono::steady_clock::now().time_since_epoch();
-    const auto now = clock.monotonicTime();
-    EXPECT_LE(before, now);
-    EXPECT_LE(now, std::chrono::steady_clock::now().time_since_epoch());
 }
 
 TEST(ConcurrentQueue, RunsEverythingBeforeItGoes) {
@@ -155,17 +182,6 @@ TEST(ConcurrentQueue, IdleThreadsEndAndOthersFollow) {
     }
 }
 
-TEST(ConcurrentQueue, MayBeDestroyedFromItsOwnBlock) {
-    std::promise<void> last;
-    auto queue = std::make_unique<ConcurrentQueue>("test", 1);
-    ConcurrentQueue* const raw = queue.get();
-    raw->async([&, owned = std::make_shared<std::unique_ptr<ConcurrentQueue>>(std::move(queue))] {
-        raw->async([&] { last.set_value(); });
-        owned->reset();
-    });
-    last.get_future().wait();  // a lost block would hang here
-}
-
 TEST(MainQueue, DrainsWhatIsDueAndSaysWhenToComeBack) {
     const auto clock = std::make_shared<ManualClock>();
     MainQueue queue(clock);
@@ -208,25 +224,25 @@ TEST(MainQueue, RunsUntilItQuitsAndWaitsForBlocksOfOtherThreads) {
 }
 
 TEST(MainQueue, ItsClockAndItsHookMayCallEveryOperation) {
-    MainQueue* self = nullptr;
+    const auto clock = std::make_shared<ManualClock>();
+    MainQueue queue(clock);
     int calls = 0;
     bool calling = false;
     const auto everyOperation = [&] {
-        if (self == nullptr || calls == 10 || std::exchange(calling, true)) return;
+        if (calls == 10 || std::exchange(calling, true)) return;
         ++calls;
-        (void)self->isCurrent();
-        (void)self->timeUntilNextBlock();
-        self->async([] {});
-        self->asyncAfter(std::chrono::hours(1), [] {});
-        self->setWakeUpHook({});
+        (void)queue.isCurrent();
+        (void)queue.timeUntilNextBlock();
+        queue.async([] {});
+        queue.asyncAfter(std::chrono::hours(1), [] {});
+        queue.setWakeUpHook({});
         calling = false;
     };
-    MainQueue queue(std::make_shared<CallingClock>(everyOperation));
-    self = &queue;
+    clock->callBack = everyOperation;
     queue.setWakeUpHook(everyOperation);
     queue.async([] {});
     EXPECT_EQ(calls, 1) << "by the hook";
-    queue.asyncAfter(std::chrono::nanoseconds(1), [&] { queue.quit(); });
+    queue.asyncAfter({}, [&] { queue.quit(); });
     EXPECT_EQ(calls, 2);
     EXPECT_EQ(queue.timeUntilNextBlock(), std::chrono::nanoseconds(0));
     EXPECT_EQ(calls, 3);

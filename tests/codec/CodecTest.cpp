@@ -1,0 +1,349 @@
+// Pictures of four flat quarters on their way into files and out of them, which other programs write and read too.
+#include <SelvioFacialCapture/SelvioFacialCaptureImageUtilities.h>
+#include <SelvioFacialCapture/linux/Codec.h>
+
+#include "platform/linux/codec/ExifSegment.h"
+#include "support/MediaProbe.h"
+#include "support/Pixels.h"
+
+#include <gmock/gmock.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <zlib.h>
+
+#include <algorithm>
+#include <limits>
+#include <set>
+
+namespace {
+
+using namespace selvio;
+using namespace selvio::test;
+using testing::HasSubstr;
+using Utilities = SelvioFacialCaptureImageUtilities;
+
+/// Blue, green and red; and those of the quarters from the top left in reading order.
+using Colour = std::array<int, 3>;
+using Quarters = std::array<Colour, 4>;
+const Colour kRed{0, 0, 255}, kGreen{0, 255, 0}, kBlue{255, 0, 0}, kWhite{255, 255, 255}, kBlack{};
+const Quarters kQuarters{kRed, kGreen, kBlue, kWhite};
+
+Quarters quartersOf(const PixelBuffer& bgra) {
+    Quarters quarters;
+    for (int i = 0; i < 4; ++i) {
+        const auto* const p = sampleAt(bgra, bgra.width() * (i % 2 * 2 + 1) / 4, bgra.height() * (i / 2 * 2 + 1) / 4);
+        quarters[static_cast<std::size_t>(i)] = {p[0], p[1], p[2]};
+    }
+    return quarters;
+}
+void expectQuarters(const std::shared_ptr<const PixelBuffer>& bgra, const Quarters& expected) {
+    ASSERT_NE(bgra, nullptr);
+    EXPECT_EQ(bgra->format(), kPixelFormat32BGRA);
+    const Quarters got = quartersOf(*bgra);
+    for (std::size_t i = 0; i < 12; ++i)
+        EXPECT_NEAR(got[i / 3][i % 3], expected[i / 3][i % 3], 3) << "quarter " << i / 3 << " channel " << i % 3;
+}
+
+/// Its colours are in the gamut of 420v too, and others for each `tone` (0...3).
+std::shared_ptr<PixelBuffer> quarters(int width, int height, PixelFormat format, int tone = 0) {
+    return painted(width, height, format, [&](std::uint8_t* sample, int x, int y, int plane) {
+        const int half = plane == 0 ? 2 : 4;
+        const int quarter = (x >= width / half ? 1 : 0) + (y >= height / half ? 2 : 0);
+        const int luma = 45 + 40 * tone + 10 * quarter, hue = luma % 61;
+        const int values[] = {plane == 0 ? luma : 98 + hue, plane == 0 ? luma * 37 : 158 - hue, luma * 91, 255};
+        for (std::size_t i = 0; i < sampleSize(*PixelBuffer::create(1, 1, format), plane); ++i)
+            sample[i] = static_cast<std::uint8_t>(values[i]);
+    });
+}
+
+/// What `convert` makes of four colours.
+std::string drawing(const std::array<const char*, 4>& c) {
+    return std::string("\\( xc:'") + c[0] + "' xc:'" + c[1] + "' +append \\) \\( xc:'" + c[2] + "' xc:'" + c[3] +
+           "' +append \\) -append ";
+}
+const std::string kColours = drawing({"red", "lime", "blue", "white"});
+
+/// A picture of 70 x 50 pixels as `convert` writes it, with options of its; its format is that of the name.
+Bytes fileOf(const std::string& name, const std::string& options = "", const std::string& picture = kColours) {
+    const TemporaryDirectory directory;
+    const std::string path = directory.path() / name;
+    outputOf("convert -size 35x25 " + picture + options + " " + path);
+    const std::string content = contentOf(path);
+    return {content.begin(), content.end()};
+}
+
+/// The file with a number in big-endian order written over `count` bytes.
+Bytes patched(Bytes file, std::size_t at, std::uint64_t number, int count) {
+    for (int i = count - 1; i >= 0; --i) file[at++] = static_cast<std::uint8_t>(number >> (8 * i));
+    return file;
+}
+/// Where a JPEG's frame header begins, its marker.
+std::size_t frameOf(const Bytes& jpeg) {
+    const auto isFrame = [](std::uint8_t a, std::uint8_t b) { return a == 0xFF && (b == 0xC0 || b == 0xC2); };
+    return static_cast<std::size_t>(std::adjacent_find(jpeg.begin(), jpeg.end(), isFrame) - jpeg.begin());
+}
+Bytes claimingSize(const Bytes& file, std::uint32_t width, std::uint32_t height) {
+    if (file[0] == 0xFF) return patched(patched(file, frameOf(file) + 5, height, 2), frameOf(file) + 7, width, 2);
+    const Bytes claiming = patched(patched(file, 16, width, 4), 20, height, 4);
+    return patched(claiming, 29, crc32(0, claiming.data() + 12, 17), 4);
+}
+
+class Codec : public testing::Test {
+protected:
+    [[nodiscard]] std::shared_ptr<PixelBuffer> loaded(const std::string& path) const {
+        const auto picture = loader.loadImage(path);
+        EXPECT_TRUE(picture) << picture.error().localizedDescription;
+        return picture ? picture.value() : nullptr;
+    }
+    [[nodiscard]] std::shared_ptr<PixelBuffer> loaded(const Bytes& file) const {
+        return loaded(directory.write("picture", file));
+    }
+    [[nodiscard]] std::string errorOf(const std::string& path) const {
+        const auto result = loader.loadImage(path);
+        return result ? "" : result.error().localizedDescription;
+    }
+    [[nodiscard]] std::string errorOf(const Bytes& file) const { return errorOf(directory.write("bad", file)); }
+    [[nodiscard]] ImageProperties propertiesOf(const Bytes& file) const { return codec.openSource(file)->properties(); }
+    [[nodiscard]] std::optional<Bytes> reencoded(const Bytes& file, const ImageProperties& properties) const {
+        const auto source = codec.openSource(file);
+        return source ? codec.encodeFromSource(*source, properties) : std::nullopt;
+    }
+
+    const TemporaryDirectory directory;
+    const LibjpegImageCodec codec{};
+    const JpegPngImageLoader loader{};
+};
+
+TEST_F(Codec, everyFormatAndOddSizesKeepTheirColours) {
+    for (const PixelFormat format : {kPixelFormat32BGRA, kPixelFormat32ARGB, kPixelFormat420v}) {
+        for (const auto& [width, height] : {std::pair{70, 50}, {23, 45}, {1, 1}}) {
+            for (int tone = 0; tone < 4; ++tone) {
+                SCOPED_TRACE(testing::Message() << format << " " << width << "x" << height << " tone " << tone);
+                const auto picture = quarters(width, height, format, tone);
+                const auto file = codec.encodeJpeg({picture}, 1.0);
+                ASSERT_TRUE(file);
+                const Quarters colours = quartersOf(*Utilities::imageFromPixelBuffer(picture)->bitmap);
+                for (const Bytes& written : {*file, reencoded(*file, {std::nullopt, std::nullopt, 1.0F}).value()}) {
+                    const auto result = loaded(written);
+                    expectQuarters(result, colours);
+                    EXPECT_TRUE(result->width() == width && result->height() == height);
+                }
+            }
+        }
+    }
+}
+
+TEST_F(Codec, densityCommentAndOrientationAreReadByOtherPrograms) {
+    const Image image{quarters(64, 32, kPixelFormat32BGRA), ImageOrientation::Right};
+    const Bytes source = *codec.encodeJpeg(image, 1.0);
+    EXPECT_FALSE(propertiesOf(*reencoded(source, {})).exif);
+    ImageProperties properties = propertiesOf(source);
+    properties.lossyCompressionQuality = 0.95F;
+    properties.exif->userComment = "Grüße";
+    EXPECT_FALSE(reencoded(source, properties)) << "not ASCII";
+    EXPECT_FALSE(codec.userCommentFits("Grüße"));
+
+    properties.jfif = JfifProperties{72, 71, 1};
+    for (const std::string comment : {"", R"({"Model":"Gr\u00fc\u00dfe"})"}) {
+        properties.exif->userComment = comment;
+        const auto file = reencoded(source, properties);
+        ASSERT_TRUE(file);
+        const ImageProperties read = propertiesOf(*file);
+        EXPECT_EQ(read.exif->userComment, comment);
+        EXPECT_EQ(read.exif->orientation, 6);
+        EXPECT_EQ((std::array{read.jfif->xDensity, read.jfif->yDensity, read.jfif->densityUnit}),
+                  (std::array{72, 71, 1}));
+        if (comment.empty()) continue;
+        const std::string path = directory.write("photograph.jpg", *file);
+        EXPECT_EQ(outputOf("exiftool -n -s3 -JFIF:all -Orientation -UserComment " + path),
+                  "1 1\n1\n72\n71\n6\n" + comment + "\n");
+        EXPECT_EQ(outputOf("exif --tag=UserComment --machine-readable " + path), comment + "\n");
+    }
+}
+
+TEST_F(Codec, everyKindOfPictureIsReadAndEveryJpegEncodedAnew) {
+    const std::string grey = drawing({"#000", "#4C4C4C", "#808080", "#FFF"});
+    const std::string faded = drawing({"red", "lime", "#FF000080", "#FFFFFF80"});
+    const std::string fadedGrey = drawing({"#000", "#FFF", "#00000080", "#FFFFFF80"});
+    const Colour half{128, 128, 128};
+    const Quarters greys{kBlack, {76, 76, 76}, half, kWhite}, fadedColours{kRed, kGreen, {0, 0, 128}, half};
+    const struct {
+        const char* name;
+        std::string options;
+        std::string sampling = "";  ///< of the JPEG encoded anew
+        Quarters picture = kQuarters;
+        std::string drawing = kColours;
+    } table[] = {
+        {"a.jpg", "-sampling-factor 4:4:4 -interlace none", "YCbCr4:4:4 (1 1)"},
+        {"a.jpg", "-sampling-factor 4:2:2 -interlace JPEG", "YCbCr4:2:2 (2 1)"},
+        {"a.jpg", "-sampling-factor 3x1", "YCbCr4:2:0 (2 2)"},
+        {"a.jpg", "-colorspace CMYK", "YCbCr4:2:0 (2 2)"},
+        {"a.jpg", "-colorspace Gray", "", greys, grey},
+        {"a.png", "-define png:color-type=2 -define png:bit-depth=16"},
+        {"a.png", "-define png:color-type=3"},
+        {"a.png", "-define png:color-type=0 -define png:bit-depth=16 -interlace PNG", "", greys, grey},
+        {"a.png", "-define png:color-type=4", "", {kBlack, kWhite, kBlack, half}, fadedGrey},
+        {"a.png", "-define png:color-type=6", "", fadedColours, faded},
+        {"a.png", "-define png:color-type=6 -define png:bit-depth=16 -interlace PNG", "", fadedColours, faded},
+    };
+    for (const auto& c : table) {
+        SCOPED_TRACE(c.name + (" " + c.options));
+        const Bytes file = fileOf(c.name, c.options, c.drawing);
+        expectQuarters(loaded(file), c.picture);
+        if (c.name != std::string("a.jpg")) continue;
+        const auto anew = reencoded(file, {std::nullopt, std::nullopt, 1.0F});
+        ASSERT_TRUE(anew);
+        expectQuarters(loaded(*anew), quartersOf(*loaded(file)));
+        const std::string said =
+            outputOf("exiftool -s3 -EncodingProcess -YCbCrSubSampling " + directory.write("anew.jpg", *anew));
+        EXPECT_THAT(said, testing::AllOf(testing::StartsWith("Baseline DCT"), HasSubstr(c.sampling)));
+    }
+}
+
+TEST_F(Codec, qualityDecidesTheTablesAndIsClamped) {
+    const Image image{quarters(160, 120, kPixelFormat32BGRA)};
+    const auto tablesAt = [&](double quality) {
+        Bytes file = *codec.encodeJpeg(image, quality);
+        file.resize(158);
+        return file;
+    };
+    EXPECT_EQ((std::set{tablesAt(0.01), tablesAt(0.05), tablesAt(0.95), tablesAt(1.0)}.size()), 4U);
+    EXPECT_EQ(tablesAt(-3.0), tablesAt(0.01));
+    EXPECT_EQ(tablesAt(7.0), tablesAt(1.0));
+    EXPECT_EQ(tablesAt(std::numeric_limits<double>::quiet_NaN()), tablesAt(1.0));
+    for (const float quality : {0.05F, 0.95F}) {
+        Bytes anew = *reencoded(*codec.encodeJpeg(image, 1.0), {std::nullopt, std::nullopt, quality});
+        anew.resize(158);
+        EXPECT_EQ(anew, tablesAt(quality));
+    }
+}
+
+TEST_F(Codec, aCommentFitsExactlyUpToOneSegment) {
+    const Bytes source = *codec.encodeJpeg({quarters(16, 16, kPixelFormat32BGRA)}, 1.0);
+    std::size_t longest = 65400;
+    while (codec.userCommentFits(std::string(longest + 1, 'x')) && longest < 65533) ++longest;
+    EXPECT_LT(longest, 65533U);
+    const auto written = [&](std::size_t length) {
+        return reencoded(source, {std::nullopt, ExifProperties{std::string(length, 'x'), 1}, std::nullopt});
+    };
+    ASSERT_TRUE(written(longest));
+    EXPECT_EQ(propertiesOf(*written(longest)).exif->userComment->size(), longest);
+    EXPECT_FALSE(written(longest + 1));
+}
+
+TEST_F(Codec, commentsInOtherCodesAreAbsentAndDamageNeverGivesWhatWasNotWritten) {
+    const std::pair<std::string, std::optional<std::string>> table[] = {
+        {"ASCII", "text"}, {"UNICODE", std::nullopt}, {"JIS", std::nullopt}, {{"ASCII\0\0\0\xE4", 9}, std::nullopt}};
+    for (const auto& [code, text] : table) {
+        Bytes segment = *makeExifSegment({std::string("text\0", 5), 6});
+        const std::string_view written = "ASCII";
+        std::copy(code.begin(), code.end(),
+                  std::search(segment.begin(), segment.end(), written.begin(), written.end()));
+        EXPECT_EQ(readExifSegment(segment)->userComment, text) << code;
+        EXPECT_EQ(readExifSegment(segment)->orientation, 6);
+    }
+    const Bytes whole = *makeExifSegment({std::string(200, 'x'), 6});
+    for (std::size_t at = 0; at < whole.size(); ++at) {
+        const auto cut = readExifSegment(std::span(whole).first(at)).value_or(ExifProperties{});
+        EXPECT_TRUE(std::string(200, 'x').starts_with(cut.userComment.value_or(""))) << at;
+        EXPECT_EQ(cut.orientation.value_or(6), 6) << at;
+        for (const unsigned value : {0U, 1U, 0x7FU, 0xFFU}) {
+            const auto damaged = readExifSegment(patched(whole, at, value, 1)).value_or(ExifProperties{});
+            EXPECT_THAT(damaged.orientation.value_or(1), testing::AllOf(testing::Ge(1), testing::Le(8))) << at;
+        }
+    }
+}
+
+TEST_F(Codec, thePicturesOwnOrientationIsApplied) {
+    const Colour r = kRed, g = kGreen, b = kBlue, w = kWhite;
+    const Quarters turned[] = {{r, g, b, w}, {g, r, w, b}, {w, b, g, r}, {b, w, r, g},
+                               {r, b, g, w}, {b, r, w, g}, {w, g, b, r}, {g, w, r, b}};
+    const std::pair<std::string, Bytes> files[] = {
+        {".jpg", fileOf("a.jpg")}, {".png", fileOf("a.png")}, {"-interlaced.png", fileOf("a.png", "-interlace PNG")}};
+    for (const auto& [name, file] : files) {
+        std::string tagging = "exiftool";
+        for (char tag = '1'; tag <= '8'; ++tag)
+            tagging = tagging + " -Orientation=" + tag + " " + directory.write(tag + name, file) + " -execute";
+        outputOf(tagging + " -common_args -q -q -n -overwrite_original");
+        for (int orientation = 1; orientation <= 8; ++orientation) {
+            SCOPED_TRACE(std::to_string(orientation) + name);
+            const auto picture = loaded(directory.path() / (std::to_string(orientation) + name));
+            expectQuarters(picture, turned[orientation - 1]);
+            EXPECT_EQ(picture->width(), orientation < 5 ? 70 : 50);
+        }
+    }
+}
+
+TEST_F(Codec, badFilesAreNamedWithTheReasonInOneLine) {
+    const std::string path = directory.path() / "missing.jpg", pipe = directory.path() / "pipe";
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    const Bytes jpeg = fileOf("a.jpg"), png = fileOf("a.png");
+    const std::string endless = directory.write("endless.jpg", jpeg);
+    std::filesystem::resize_file(endless, std::uintmax_t{1} << 40);
+    const std::pair<std::string, std::string> table[] = {
+        {errorOf(path), path + ": No such file or directory"},
+        {errorOf(directory.path().string()), "a directory, not a picture"},
+        {errorOf(pipe), "not a regular file"},
+        {errorOf(endless), "longer than any picture"},
+        {errorOf("/nowhere/two\nlines.jpg"), "two?lines.jpg: "},
+        {errorOf(Bytes{}), "empty"},
+        {errorOf(Bytes{'t', 'e', 'x', 't'}), "neither JPEG nor PNG"},
+        {errorOf(Bytes{0xFF, 0xD8, 0xFF, 'x', 'y'}), "/bad: "},
+        {errorOf(patched(jpeg, frameOf(jpeg) + 1, 0xC9, 1)), "arithmetic"},
+        {errorOf(claimingSize(png, 0x7FFFFFFF, 1)), "/bad: "},
+        {errorOf(claimingSize(png, 0, 5)), "/bad: "},
+        {errorOf(claimingSize(jpeg, 5, 0)), "/bad: "},
+    };
+    for (const auto& [message, reason] : table)
+        EXPECT_THAT(message, testing::AllOf(HasSubstr(reason), testing::Not(HasSubstr("\n"))));
+    EXPECT_FALSE(codec.encodeJpeg({}, 1.0));
+    EXPECT_FALSE(codec.encodeJpeg({PixelBuffer::wrap(PixelBufferLayout{}, {}, {})}, 1.0));
+    EXPECT_EQ(codec.openSource({}), nullptr);
+    EXPECT_EQ(codec.openSource(Bytes(jpeg.begin(), jpeg.begin() + 30)), nullptr);
+    EXPECT_FALSE(reencoded(Bytes(jpeg.begin(), jpeg.end() - 10), {}));
+}
+
+TEST_F(Codec, whatAFileOnlyClaimsCostsNoMemory) {
+    const auto peakBytes = [] {
+        rusage usage{};
+        getrusage(RUSAGE_SELF, &usage);
+        return usage.ru_maxrss * 1024;
+    };
+    const Bytes files[] = {fileOf("a.jpg"), fileOf("a.jpg", "-interlace JPEG"), fileOf("a.jpg", "-colorspace Gray"),
+                           fileOf("a.png"), fileOf("a.png", "-interlace PNG")};
+    const auto before = peakBytes();
+    for (const auto& [side, reason] : {std::pair{65535U, "claims 65535 x 65535 pixels"},
+                                       {30000U, "claims 30000 x 30000 pixels"},
+                                       {16000U, "cut short"}}) {
+        for (const Bytes& file : files) EXPECT_THAT(errorOf(claimingSize(file, side, side)), HasSubstr(reason));
+    }
+    EXPECT_LT(peakBytes() - before, 16 << 20);
+}
+
+TEST_F(Codec, aFileCutShortAnywhereIsAnErrorAndNoGreyPictureButSuperfluousBytesLoseNothing) {
+    for (const auto& [name, options] : {std::pair{"a.jpg", "-interlace none"},
+                                        {"a.jpg", "-interlace JPEG"},
+                                        {"a.png", "-strip"},
+                                        {"a.png", "-strip -interlace PNG"}}) {
+        SCOPED_TRACE(options);
+        const Bytes file = fileOf(name, options);
+        const bool isJpeg = file[0] == 0xFF;
+        // A PNG's last bytes, its end marker, come after the picture.
+        for (std::size_t length = 8; length < (isJpeg ? file.size() : file.size() - 16); length += 7) {
+            const Bytes cut(file.begin(), file.begin() + static_cast<std::ptrdiff_t>(length));
+            ASSERT_THAT(errorOf(cut), HasSubstr("/bad: ")) << length << " of " << file.size();
+        }
+        if (!isJpeg) continue;
+        Bytes padded = file;
+        padded.insert(padded.end() - 2, 40, 0);
+        EXPECT_EQ(errorOf(padded), "");
+        // A file that lost its last samples is damaged although it ends as a sound one does.
+        Bytes damaged(file.begin(), file.end() - 12);
+        damaged.insert(damaged.end(), {0xFF, 0xD9});
+        EXPECT_THAT(errorOf(damaged), HasSubstr("cut short"));
+        damaged.insert(damaged.begin() + 20, 40, 0);  // behind the first segment
+        EXPECT_THAT(errorOf(damaged), HasSubstr("not a sound JPEG"));
+    }
+}
+
+}  // namespace

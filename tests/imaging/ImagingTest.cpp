@@ -1,0 +1,268 @@
+#include "support/LogCapture.h"
+#include "support/Pixels.h"
+
+#include <SelvioFacialCapture/SelvioFacialCaptureImageUtilities.h>
+#include <SelvioFacialCapture/imaging/Base64.h>
+
+#include <gmock/gmock.h>
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <numbers>
+
+namespace {
+
+using namespace selvio;
+using namespace selvio::test;
+using Utilities = SelvioFacialCaptureImageUtilities;
+
+constexpr double kPi = std::numbers::pi;
+
+TEST(Base64, followsTheStandardVectorsAndRefusesWhatIsNotItsOwnText) {
+    const std::pair<std::string, std::string> table[] = {{"", ""},
+                                                         {"f", "Zg=="},
+                                                         {"fo", "Zm8="},
+                                                         {"foo", "Zm9v"},
+                                                         {"foob", "Zm9vYg=="},
+                                                         {"fooba", "Zm9vYmE="},
+                                                         {"foobar", "Zm9vYmFy"},
+                                                         {"\xfb\xff\xbf", "+/+/"}};
+    for (const auto& [plain, text] : table) {
+        const std::vector<std::uint8_t> bytes(plain.begin(), plain.end());
+        EXPECT_EQ(base64::encode(bytes), text);
+        EXPECT_EQ(base64::decode(text), bytes) << text;
+    }
+    for (const char* text : {"Zg", "Zg=", "Z===", "====", "Zg==Zg==", "Zm9v\n", "Zm9-", "Zh==", "Zm9=", "Zm 9v==="})
+        EXPECT_EQ(base64::decode(text), std::nullopt) << text;
+}
+
+/// The bytes of one sample.
+std::string bytesAt(const PixelBuffer& buffer, int x, int y, int plane = 0) {
+    const auto* const first = sampleAt(buffer, x, y, plane);
+    return {first, first + sampleSize(buffer, plane)};
+}
+
+/// A picture in which no two samples of a plane are alike (up to 256 of them), rows padded.
+std::shared_ptr<PixelBuffer> distinctPicture(int width, int height, PixelFormat format) {
+    return painted(width, height, format, [&](std::uint8_t* sample, int x, int y, int plane) {
+        const int number = y * (plane == 0 ? width : (width + 1) / 2) + x;
+        for (int k = 0; k < (format != kPixelFormat420v ? 4 : plane + 1); ++k)
+            sample[k] = static_cast<std::uint8_t>(number + 3 * k);
+    });
+}
+
+/// Where a rotation puts the sample of column c and row r of a plane of w x h samples.
+using Place = std::array<int, 2> (*)(int c, int r, int w, int h);
+const Place kUnturned = [](int c, int r, int, int) { return std::array{c, r}; };
+const Place kClockwise = [](int c, int r, int, int h) { return std::array{h - 1 - r, c}; };
+const Place kCounterclockwise = [](int c, int r, int w, int) { return std::array{r, w - 1 - c}; };
+const Place kOver = [](int c, int r, int w, int h) { return std::array{w - 1 - c, h - 1 - r}; };
+const Place kFlipped = [](int c, int r, int, int h) { return std::array{c, h - 1 - r}; };
+
+TEST(ImageUtilities, rotateMovesEverySampleOfEveryPlaneToItsPlace) {
+    const std::pair<double, Place> rotations[] = {{0.0, kUnturned},
+                                                  {kPi / 2, kClockwise},
+                                                  {-kPi / 2, kCounterclockwise},
+                                                  {kPi, kOver},
+                                                  {0.5, kFlipped},
+                                                  {-kPi, kFlipped},
+                                                  {std::nextafter(kPi / 2, 0.0), kFlipped},
+                                                  {std::numeric_limits<double>::quiet_NaN(), kFlipped}};
+    for (const PixelFormat format : {kPixelFormat32BGRA, kPixelFormat32ARGB, kPixelFormat420v}) {
+        for (const auto& [width, height] : {std::pair{6, 4}, {5, 3}, {1, 7}, {3, 70}}) {
+            const auto source = distinctPicture(width, height, format);
+            for (const auto& [radians, place] : rotations) {
+                SCOPED_TRACE(testing::Message() << format << " " << width << "x" << height << " by " << radians);
+                const Bitmap result = Utilities::rotateCGImage(source, radians);
+                ASSERT_NE(result, nullptr);
+                const bool swaps = std::abs(radians) == kPi / 2;
+                EXPECT_EQ(std::tuple(result->format(), result->width(), result->height()),
+                          std::tuple(format, swaps ? height : width, swaps ? width : height));
+                for (int plane = 0; plane < source->planeCount(); ++plane) {
+                    const PlaneLayout& in = source->layout().planes[static_cast<std::size_t>(plane)];
+                    for (int i = 0; i < in.width * in.height; ++i) {
+                        const auto [x, y] = place(i % in.width, i / in.width, in.width, in.height);
+                        ASSERT_EQ(bytesAt(*result, x, y, plane), bytesAt(*source, i % in.width, i / in.width, plane));
+                    }
+                }
+            }
+        }
+    }
+    const auto source = distinctPicture(6, 4, kPixelFormat32BGRA);
+    const std::pair<std::int64_t, Place> table[] = {
+        {1, kClockwise}, {2, kCounterclockwise}, {3, kUnturned}, {4, kOver}, {9, kUnturned}};
+    for (const auto& [orientation, place] : table) {
+        const auto image = Utilities::imageFromUIImage(Image{source, ImageOrientation::Right, 2.0}, orientation);
+        ASSERT_TRUE(image) << orientation;
+        const auto [x, y] = place(1, 0, 6, 4);
+        EXPECT_EQ(bytesAt(*image->bitmap, x, y), bytesAt(*source, 1, 0)) << orientation;
+        EXPECT_EQ(image->orientation, ImageOrientation::Up);
+        EXPECT_EQ(image->scale, 1.0);
+    }
+}
+
+TEST(ImageUtilities, sampleImagesShareThePixelsAndFollowTheDeviceTable) {
+    const auto picture = distinctPicture(4, 4, kPixelFormat420v);
+    const auto sample = SampleBuffer::makeVideo(picture, {std::chrono::nanoseconds(5), {}});
+    using enum ImageOrientation;
+    const std::pair<std::int64_t, ImageOrientation> table[] = {{0, Up},   {1, Right}, {2, Right}, {3, Up},
+                                                               {4, Down}, {5, Right}, {77, Right}};
+    for (const auto& [device, orientation] : table) {
+        const auto image = Utilities::imageFromSampleBufferWithDeviceOrientation(sample, device);
+        const auto adjusted = Utilities::imageFromSampleBufferAdjustedForOrientation(sample, device);
+        ASSERT_TRUE(image && adjusted);
+        EXPECT_EQ(image->orientation, orientation) << device;
+        EXPECT_EQ(adjusted->orientation, Up) << device;
+        EXPECT_TRUE(image->bitmap == picture && adjusted->bitmap == picture);
+        EXPECT_EQ(image->scale, 1.0);
+    }
+    EXPECT_EQ(Utilities::imageFromSampleBuffer(sample)->orientation, Up);
+}
+
+TEST(ImageUtilities, convertsBetweenTheOrdersOfChannelsAndFromVideoRange) {
+    const auto bgra = distinctPicture(5, 3, kPixelFormat32BGRA);
+    const auto sample = Utilities::sampleBufferFromCGImage(bgra);
+    ASSERT_NE(sample, nullptr);
+    EXPECT_EQ(sample->formatDescription(), (VideoFormatDescription{kPixelFormat32ARGB, 5, 3}));
+    EXPECT_TRUE(sample->dataIsReady());
+    EXPECT_FALSE(sample->timing().isValid());
+    const auto argb = sample->imageBuffer();
+    const auto back = Utilities::imageFromPixelBuffer(argb);
+    ASSERT_TRUE(back);
+    EXPECT_EQ(back->bitmap->format(), kPixelFormat32BGRA);
+    for (int i = 0; i < 15; ++i) {
+        const std::string pixel = bytesAt(*bgra, i % 5, i / 5);
+        EXPECT_EQ(bytesAt(*argb, i % 5, i / 5), std::string(pixel.rbegin(), pixel.rend()));
+        EXPECT_EQ(bytesAt(*back->bitmap, i % 5, i / 5), pixel);
+    }
+    EXPECT_EQ(bytesAt(*Utilities::pixelBufferFromCGImage(argb), 4, 2), bytesAt(*argb, 4, 2));
+    EXPECT_NE(Utilities::imageFromPixelBuffer(bgra)->bitmap->data(), bgra->data()) << "a copy";
+
+    const struct {
+        std::array<std::uint8_t, 3> yCbCr;
+        std::array<int, 4> argb;
+    } table[] = {{{16, 128, 128}, {255, 0, 0, 0}},        {{235, 128, 128}, {255, 255, 255, 255}},
+                 {{126, 128, 128}, {255, 128, 128, 128}}, {{81, 90, 240}, {255, 255, 0, 0}},
+                 {{145, 54, 34}, {255, 0, 255, 1}},       {{41, 240, 110}, {255, 0, 0, 255}},
+                 {{0, 128, 128}, {255, 0, 0, 0}},         {{255, 128, 128}, {255, 255, 255, 255}}};
+    for (const auto& c : table) {
+        // Odd: the last column and row have colour of their own.
+        const auto source = painted(3, 3, kPixelFormat420v, [&](std::uint8_t* to, int, int, int plane) {
+            std::copy_n(&c.yCbCr[plane == 0 ? 0 : 1], plane + 1, to);
+        });
+        const auto converted = Utilities::pixelBufferFromCGImage(source);
+        ASSERT_NE(converted, nullptr);
+        for (int i = 0; i < 36; ++i)
+            EXPECT_NEAR(sampleAt(*converted, i / 4 % 3, i / 12)[i % 4], c.argb[static_cast<std::size_t>(i % 4)], 1)
+                << "luma " << int{c.yCbCr[0]};
+    }
+}
+
+/// A part of a larger picture, its planes apart, with memory that nobody may touch right behind their last samples. It
+/// stays until the program ends.
+std::shared_ptr<PixelBuffer> partOfAPicture(int width, int height, PixelFormat format,
+                                            std::array<std::size_t, 2> bytesPerRow) {
+    const auto layout = PixelBufferLayout::make(width, height, format, bytesPerRow).value();
+    const auto page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+    std::array<std::uint8_t*, 2> planes{};
+    for (std::size_t plane = 0; plane < static_cast<std::size_t>(layout.planeCount); ++plane) {
+        const std::size_t sample = layout.planeCount == 1 ? 4 : plane + 1;
+        const auto& [columns, rows, stride] = layout.planes[plane];
+        const std::size_t bytes =
+            stride * static_cast<std::size_t>(rows - 1) + static_cast<std::size_t>(columns) * sample;
+        const std::size_t size = (bytes + page - 1) / page * page;
+        void* const memory = ::mmap(nullptr, size + page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        EXPECT_EQ(::mprotect(static_cast<std::uint8_t*>(memory) + size, page, PROT_NONE), 0);
+        planes[plane] = static_cast<std::uint8_t*>(memory) + size - bytes;
+        for (std::size_t i = 0; i < bytes; ++i) planes[plane][i] = static_cast<std::uint8_t>(i * 7 + i / 251);
+    }
+    return PixelBuffer::wrap(layout, planes, {});
+}
+
+TEST(ImageUtilities, copiesAreDeepEqualCompactAndWithoutTiming) {
+    const struct {
+        std::shared_ptr<PixelBuffer> source;
+        std::size_t bytesOfCopy;
+        bool keepsRows;
+    } table[] = {{distinctPicture(7, 5, kPixelFormat32BGRA), 5 * 64, true},
+                 {distinctPicture(7, 5, kPixelFormat420v), 5 * 64 + 3 * 64, true},
+                 {partOfAPicture(404, 720, kPixelFormat32BGRA, {5120, 0}), 720 * 1664, false},
+                 {partOfAPicture(9, 3, kPixelFormat32ARGB, {40, 0}), 3 * 40, true},
+                 {partOfAPicture(405, 719, kPixelFormat420v, {1280, 1280}), 719 * 448 + 360 * 448, false},
+                 {partOfAPicture(5, 3, kPixelFormat420v, {9, 11}), 3 * 9 + 2 * 11, true}};
+    const auto pool = PixelBufferPool::create();
+    for (const auto& [source, bytesOfCopy, keepsRows] : table) {
+        SCOPED_TRACE(testing::Message() << source->format() << " " << source->width() << "x" << source->height());
+        const auto sample =
+            SampleBuffer::makeVideo(source, {std::chrono::nanoseconds(5), std::chrono::nanoseconds(1)}, false);
+        for (const auto& copy : {Utilities::copySampleBuffer(sample), Utilities::copySampleBuffer(sample, *pool)}) {
+            ASSERT_NE(copy, nullptr);
+            EXPECT_FALSE(copy->timing().isValid());
+            EXPECT_TRUE(copy->dataIsReady());
+            const PixelBuffer& pixels = *copy->imageBuffer();
+            EXPECT_EQ(pixels.layout().byteSize(), bytesOfCopy);
+            EXPECT_EQ(pixels.layout() == source->layout(), keepsRows);
+            for (int plane = 0; plane < source->planeCount(); ++plane) {
+                EXPECT_NE(pixels.data(plane), source->data(plane));
+                const PlaneLayout& rows = source->layout().planes[static_cast<std::size_t>(plane)];
+                for (int y = 0; y < rows.height; ++y)
+                    ASSERT_EQ(std::memcmp(sampleAt(pixels, 0, y, plane), sampleAt(*source, 0, y, plane),
+                                          static_cast<std::size_t>(rows.width) * sampleSize(pixels, plane)),
+                              0)
+                        << "row " << y << " of plane " << plane;
+            }
+        }
+        EXPECT_NE(Utilities::rotateCGImage(source, kPi), nullptr);
+        EXPECT_TRUE(Utilities::imageFromPixelBuffer(source));
+    }
+}
+
+TEST(ImageUtilities, aWarmPoolAllocatesNothing) {
+    const auto pool = PixelBufferPool::create();
+    const auto sample = SampleBuffer::makeVideo(distinctPicture(8, 8, kPixelFormat32BGRA));
+    std::vector<std::shared_ptr<SampleBuffer>> history;
+    for (int i = 0; i < 100; ++i) {
+        history.push_back(Utilities::copySampleBuffer(sample, *pool));
+        if (history.size() > 14) history.erase(history.begin());
+    }
+    EXPECT_EQ(pool->allocations(), 15u);
+    // The size changes in mid-session.
+    EXPECT_EQ(Utilities::copyPixelBuffer(distinctPicture(4, 4, kPixelFormat32BGRA), *pool)->width(), 4);
+    EXPECT_EQ(pool->allocations(), 16u);
+    history.clear();
+    EXPECT_NE(Utilities::copySampleBuffer(sample, *pool), nullptr);
+    EXPECT_EQ(pool->allocations(), 17u) << "memory of the old size must not have been kept";
+}
+
+TEST(ImageUtilities, nothingComesOfAPictureWithoutPixelsAndOnlyItsCopyIsLogged) {
+    const auto layout = *PixelBufferLayout::make(2, 2, kPixelFormat32BGRA);
+    PixelBufferLayout shortRows = layout;
+    shortRows.planes[0].bytesPerRow = 4;
+    std::array<std::uint8_t, 128> memory{};
+    const std::shared_ptr<PixelBuffer> pictures[] = {
+        nullptr, PixelBuffer::wrap(PixelBufferLayout{}, {memory.data(), nullptr}, {}),
+        PixelBuffer::wrap(shortRows, {memory.data(), nullptr}, {}), PixelBuffer::wrap(layout, {}, {})};
+    for (const auto& picture : pictures) {
+        LogCapture log;
+        const auto sample = SampleBuffer::makeVideo(picture);
+        EXPECT_EQ(Utilities::rotateCGImage(picture, kPi), nullptr);
+        EXPECT_EQ(Utilities::sampleBufferFromCGImage(picture), nullptr);
+        EXPECT_FALSE(Utilities::imageFromPixelBuffer(picture));
+        EXPECT_FALSE(Utilities::imageFromUIImage(Image{picture}, 1));
+        EXPECT_FALSE(Utilities::imageFromSampleBuffer(sample));
+        EXPECT_THAT(log.take(), testing::IsEmpty());
+        EXPECT_EQ(Utilities::copySampleBuffer(sample), nullptr);
+        EXPECT_EQ(log.take(),
+                  std::vector<std::string>(picture == nullptr ? 0 : 1, "RBGBuffereCopyWithPixelBuffer :: failed"));
+    }
+    for (const auto& sample : {std::shared_ptr<SampleBuffer>(), SampleBuffer::makeAudio({44100, 1, {1, 2, 3}}, {})}) {
+        EXPECT_FALSE(Utilities::imageFromSampleBufferAdjustedForOrientation(sample, 1));
+        EXPECT_EQ(Utilities::copySampleBuffer(sample), nullptr);
+    }
+}
+
+}  // namespace
