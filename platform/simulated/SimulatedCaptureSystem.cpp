@@ -54,7 +54,7 @@ const std::shared_ptr<SimulatedScene>& SimulatedCaptureSystem::scene() const {
 }
 
 void SimulatedCaptureSystem::setFaults(SimulatedFaults faults) {
-    state_->control->setFaults(std::move(faults));
+    state_->control->setFaults(faults);
 }
 
 SimulatedFaults SimulatedCaptureSystem::faults() const {
@@ -119,17 +119,14 @@ std::shared_ptr<CaptureDevice> SimulatedCaptureSystem::defaultDevice(MediaType m
 
 Expected<std::shared_ptr<CaptureDeviceInput>> SimulatedCaptureSystem::makeDeviceInput(
     const std::shared_ptr<CaptureDevice>& device) {
-    auto simulated = std::dynamic_pointer_cast<SimulatedDevice>(device);
+    const auto simulated = std::dynamic_pointer_cast<SimulatedDevice>(device);
     if (simulated == nullptr || !simulated->belongsTo(state_->control.get()))
         return Error{"The device is not one of this simulated capture system"};
-    const SimulatedFaults faults = this->faults();
-    const bool video = device->mediaType() == MediaType::Video;
-    if (video ? faults.videoInputFails : faults.audioInputFails)
-        return Error{device->localizedName() + " cannot be opened"};
-    if (video && faults.deviceLost) return Error{device->localizedName() + " is disconnected"};
+    if (device->mediaType() == MediaType::Video && faults().deviceLost)
+        return Error{device->localizedName() + " is disconnected"};
     if (authorizationStatus(device->mediaType()) != AuthorizationStatus::Authorized)
         return Error{"Access to " + device->localizedName() + " has not been granted"};
-    return std::shared_ptr<CaptureDeviceInput>(std::make_shared<SimulatedDeviceInput>(std::move(simulated)));
+    return std::shared_ptr<CaptureDeviceInput>(std::make_shared<DeviceInput>(device, state_->control));
 }
 
 std::shared_ptr<CaptureSession> SimulatedCaptureSystem::makeSession() {
@@ -145,11 +142,11 @@ std::shared_ptr<VideoDataOutput> SimulatedCaptureSystem::makeVideoDataOutput() {
 }
 
 std::shared_ptr<AudioDataOutput> SimulatedCaptureSystem::makeAudioDataOutput() {
-    return std::make_shared<SimulatedAudioDataOutput>();
+    return std::make_shared<QueuedAudioOutput>(state_->control);
 }
 
 std::shared_ptr<MetadataOutput> SimulatedCaptureSystem::makeMetadataOutput() {
-    return std::make_shared<SimulatedMetadataOutput>();
+    return std::make_shared<QueuedMetadataOutput>(state_->control);
 }
 
 AuthorizationStatus SimulatedCaptureSystem::authorizationStatus(MediaType mediaType) {

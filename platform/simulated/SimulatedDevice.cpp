@@ -9,7 +9,7 @@ namespace selvio {
 SimulatedDevice::SimulatedDevice(std::shared_ptr<SimulatedControl> control, MediaType mediaType,
                                  CaptureDevicePosition position)
     : control_(std::move(control)), mediaType_(mediaType), position_(position) {
-    setActiveSize(1280, 720);
+    setActiveSize({1280, 720});
 }
 
 std::string SimulatedDevice::uniqueId() const {
@@ -25,11 +25,9 @@ std::string SimulatedDevice::localizedName() const {
 std::vector<CaptureDeviceFormat> SimulatedDevice::formats() const {
     if (mediaType_ == MediaType::Audio) return {};
     std::vector<CaptureDeviceFormat> formats;
-    for (const auto& [width, height] : {std::pair{640, 480}, {1280, 720}, {1920, 1080}}) {
-        for (const PixelFormat format : {kPixelFormat420v, kPixelFormat32BGRA}) {
-            formats.push_back(
-                {.formatDescription = {format, width, height}, .maxFrameRate = control_->options.frameRate});
-        }
+    for (const auto& [preset, size] : kPresetSizes) {
+        for (const PixelFormat format : {kPixelFormat420v, kPixelFormat32BGRA})
+            formats.push_back({{format, size.width, size.height}, control_->options.frameRate});
     }
     return formats;
 }
@@ -40,7 +38,6 @@ std::optional<CaptureDeviceFormat> SimulatedDevice::activeFormat() const {
 }
 
 std::optional<Error> SimulatedDevice::lockForConfiguration() {
-    if (control_->faults().lockFails) return Error{localizedName() + " cannot be locked for configuration"};
     const std::lock_guard lock(mutex_);
     ++state_.locks;
     return std::nullopt;
@@ -61,14 +58,11 @@ void SimulatedDevice::setActiveFormat(const CaptureDeviceFormat& format) {
     active_ = format;
 }
 
-void SimulatedDevice::setActiveSize(std::int32_t width, std::int32_t height) {
-    const std::vector<CaptureDeviceFormat> known = formats();
+void SimulatedDevice::setActiveSize(FrameSize size) {
+    if (mediaType_ == MediaType::Audio) return;
     const std::lock_guard lock(mutex_);
     const PixelFormat format = active_ ? active_->formatDescription.mediaSubType : kPixelFormat420v;
-    const auto found = std::find_if(known.begin(), known.end(), [&](const CaptureDeviceFormat& candidate) {
-        return candidate.formatDescription == VideoFormatDescription{format, width, height};
-    });
-    if (found != known.end()) active_ = *found;
+    active_ = {{format, size.width, size.height}, control_->options.frameRate};
 }
 
 void SimulatedDevice::setFocusPointOfInterest(Point point) {

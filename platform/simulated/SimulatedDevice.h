@@ -1,6 +1,7 @@
 // Simulated cameras and microphone.
 #pragma once
 
+#include "platform/capture/FrameSize.h"
 #include "platform/simulated/SimulatedControl.h"
 
 namespace selvio {
@@ -29,7 +30,7 @@ public:
 
     [[nodiscard]] SimulatedDeviceState state() const;
     /// Makes a format of this size active, in the pixel format that is active now.
-    void setActiveSize(std::int32_t width, std::int32_t height);
+    void setActiveSize(FrameSize size);
     [[nodiscard]] bool belongsTo(const SimulatedControl* control) const { return control_.get() == control; }
 
 private:
@@ -39,18 +40,6 @@ private:
     mutable std::mutex mutex_;
     std::optional<CaptureDeviceFormat> active_;  // guarded by mutex_
     SimulatedDeviceState state_;                 // guarded by mutex_
-};
-
-class SimulatedDeviceInput final : public CaptureDeviceInput {
-public:
-    explicit SimulatedDeviceInput(std::shared_ptr<SimulatedDevice> device)
-        : simulated_(device), device_(std::move(device)) {}
-    const std::shared_ptr<CaptureDevice>& device() const override { return device_; }
-    [[nodiscard]] const std::shared_ptr<SimulatedDevice>& simulatedDevice() const { return simulated_; }
-
-private:
-    const std::shared_ptr<SimulatedDevice> simulated_;
-    const std::shared_ptr<CaptureDevice> device_;
 };
 
 }  // namespace selvio

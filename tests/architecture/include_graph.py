@@ -17,8 +17,9 @@ GRAPH = {
     "analyzer": PORTS | {"model", "telemetry", "analyzer/rules"},
     "camera/rules": PORTS | {"model"},
     "camera": PORTS | {"model", "camera/rules"},
-    "platform/simulated": PORTS,
-    "platform/linux": PORTS,
+    "platform/capture": PORTS,
+    "platform/simulated": PORTS | {"platform/capture"},
+    "platform/linux": PORTS | {"platform/capture"},
 }
 GRAPH["umbrella"] = PORTS | {"model", "telemetry", "analyzer", "camera"}
 GRAPH["apps"] = set(GRAPH)

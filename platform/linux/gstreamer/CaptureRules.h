@@ -2,10 +2,10 @@
 #pragma once
 
 #include "FrameCrop.h"
+#include "platform/capture/FrameSize.h"
 
 #include <SelvioFacialCapture/platform/Capture.h>
 
-#include <array>
 #include <string>
 #include <vector>
 
@@ -18,15 +18,6 @@ struct FrameRate {
     [[nodiscard]] double value() const { return denominator > 0 ? static_cast<double>(numerator) / denominator : 0.0; }
     friend bool operator==(const FrameRate&, const FrameRate&) = default;
 };
-
-/// Pixels.
-struct FrameSize {
-    int width = 0;
-    int height = 0;
-};
-
-/// The sizes to ask a camera for that takes a range of them: those of the presets.
-inline constexpr std::array kPresetSizes{FrameSize{640, 480}, FrameSize{1280, 720}, FrameSize{1920, 1080}};
 
 /// One way in which a camera sends frames.
 struct CameraMode {

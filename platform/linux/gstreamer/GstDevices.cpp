@@ -77,7 +77,7 @@ std::vector<FrameSize> sizesIn(const GstStructure* structure) {
     if (G_VALUE_HOLDS_INT(width) && G_VALUE_HOLDS_INT(height))
         return {{g_value_get_int(width), g_value_get_int(height)}};
     std::vector<FrameSize> sizes;
-    for (const FrameSize& size : kPresetSizes) {
+    for (const auto& [preset, size] : kPresetSizes) {
         if (holdsInt(width, size.width) && holdsInt(height, size.height)) sizes.push_back(size);
     }
     return sizes;
@@ -122,7 +122,7 @@ DeviceDescription describeNode(PipeWireNode node, MediaType mediaType) {
     });
     description.node = std::move(node.node);
     description.isDefault = node.isDefault;
-    description.fleetingMemory = true;  // the server takes it back when the stream ends
+    description.temporaryMemory = true;  // the server takes it back when the stream ends
     description.makeSource = [id = description.id, name = description.name, mediaType]() -> Expected<GstElement*> {
         // It may have been plugged in anew. One that has gone would be waited for without end.
         const auto now = findPipeWireNodes(mediaType).value_or(std::vector<PipeWireNode>());

@@ -22,7 +22,7 @@ struct DeviceDescription {
     std::filesystem::path node{};     ///< device node, empty if it has none of its own
     bool playsFile = false;           ///< its frames come as they lie in a file, and it chooses their format itself
     bool isDefault = false;           ///< the person's choice among the system's devices
-    bool fleetingMemory = false;      ///< frames must not be held on to
+    bool temporaryMemory = false;     ///< frames must not be held on to
     /// A new source element (floating), or why there is none.
     std::function<Expected<GstElement*>()> makeSource{};
 };
@@ -65,18 +65,6 @@ private:
     const std::filesystem::path led_;  ///< directory of the LED; empty without a torch
     mutable std::mutex mutex_;
     std::optional<CaptureDeviceFormat> activeFormat_;  // guarded by mutex_
-};
-
-class GstCaptureDeviceInput final : public CaptureDeviceInput {
-public:
-    explicit GstCaptureDeviceInput(std::shared_ptr<GstCaptureDevice> device)
-        : own_(device), device_(std::move(device)) {}
-    [[nodiscard]] const std::shared_ptr<CaptureDevice>& device() const override { return device_; }
-    [[nodiscard]] const std::shared_ptr<GstCaptureDevice>& own() const { return own_; }
-
-private:
-    const std::shared_ptr<GstCaptureDevice> own_;
-    const std::shared_ptr<CaptureDevice> device_;
 };
 
 }  // namespace selvio

@@ -108,7 +108,7 @@ void GstPreviewLayer::setSession(std::shared_ptr<CaptureSession> session) {
 
 std::shared_ptr<CaptureConnection> GstPreviewLayer::connection() const {
     const auto own = std::dynamic_pointer_cast<GstCaptureSession>(session());
-    return own && own->hasVideoInput() ? connection_ : nullptr;
+    return own && own->hasCamera() ? connection_ : nullptr;
 }
 
 MetadataObject GstPreviewLayer::transformedMetadataObject(const MetadataObject& object) const {

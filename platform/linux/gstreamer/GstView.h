@@ -45,8 +45,7 @@ public:
 
 private:
     const ViewOptions options_;
-    const std::shared_ptr<GstConnection> connection_ =
-        std::make_shared<GstConnection>(true, VideoOrientation::Portrait);
+    const std::shared_ptr<PlainConnection> connection_ = std::make_shared<PlainConnection>(VideoOrientation::Portrait);
     mutable std::mutex mutex_;
     std::shared_ptr<CaptureSession> session_;  // guarded by mutex_
     Size size_{360, 640};                      // guarded by mutex_
