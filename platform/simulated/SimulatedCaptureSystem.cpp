@@ -33,13 +33,13 @@ struct SimulatedCaptureSystem::State {
     const std::shared_ptr<SimulatedDevice> front;
     const std::shared_ptr<SimulatedDevice> microphone;
 
-    std::mutex mutex;
+    MemberMutex mutex;
     std::vector<std::weak_ptr<SimulatedSession>> sessions;         // guarded by mutex
     AuthorizationStatus camera = AuthorizationStatus::Authorized;  // guarded by mutex
     AuthorizationStatus sound = AuthorizationStatus::Authorized;   // guarded by mutex
     bool accessAnswer = true;                                      // guarded by mutex
 
-    [[nodiscard]] AuthorizationStatus& statusLocked(MediaType mediaType) {
+    [[nodiscard]] AuthorizationStatus& statusOf(MediaType mediaType) {
         return mediaType == MediaType::Video ? camera : sound;
     }
 };
@@ -62,13 +62,11 @@ SimulatedFaults SimulatedCaptureSystem::faults() const {
 }
 
 void SimulatedCaptureSystem::setAuthorizationStatus(MediaType mediaType, AuthorizationStatus status) {
-    const std::lock_guard lock(state_->mutex);
-    state_->statusLocked(mediaType) = status;
+    state_->mutex.set(state_->statusOf(mediaType), status);
 }
 
 void SimulatedCaptureSystem::setAccessAnswer(bool granted) {
-    const std::lock_guard lock(state_->mutex);
-    state_->accessAnswer = granted;
+    state_->mutex.set(state_->accessAnswer, granted);
 }
 
 SimulatedDeviceState SimulatedCaptureSystem::deviceState(CaptureDevicePosition position) const {
@@ -81,12 +79,7 @@ void SimulatedCaptureSystem::deliverFrameAt(std::chrono::nanoseconds scriptTime)
         return;
     }
     scene()->setTime(scriptTime);
-    std::vector<std::weak_ptr<SimulatedSession>> sessions;
-    {
-        const std::lock_guard lock(state_->mutex);
-        sessions = state_->sessions;
-    }
-    for (const auto& weak : sessions) {
+    for (const auto& weak : state_->mutex.get(state_->sessions)) {
         if (const auto session = weak.lock()) session->tick(scene()->clockTime());
     }
 }
@@ -150,15 +143,14 @@ std::shared_ptr<MetadataOutput> SimulatedCaptureSystem::makeMetadataOutput() {
 }
 
 AuthorizationStatus SimulatedCaptureSystem::authorizationStatus(MediaType mediaType) {
-    const std::lock_guard lock(state_->mutex);
-    return state_->statusLocked(mediaType);
+    return state_->mutex.get(state_->statusOf(mediaType));
 }
 
 void SimulatedCaptureSystem::requestAccess(MediaType mediaType, std::function<void(bool granted)> completion) {
     bool granted = false;
     {
         const std::lock_guard lock(state_->mutex);
-        AuthorizationStatus& status = state_->statusLocked(mediaType);
+        AuthorizationStatus& status = state_->statusOf(mediaType);
         if (status == AuthorizationStatus::NotDetermined)
             status = state_->accessAnswer ? AuthorizationStatus::Authorized : AuthorizationStatus::Denied;
         granted = status == AuthorizationStatus::Authorized;

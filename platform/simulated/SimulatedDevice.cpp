@@ -32,11 +32,6 @@ std::vector<CaptureDeviceFormat> SimulatedDevice::formats() const {
     return formats;
 }
 
-std::optional<CaptureDeviceFormat> SimulatedDevice::activeFormat() const {
-    const std::lock_guard lock(mutex_);
-    return active_;
-}
-
 std::optional<Error> SimulatedDevice::lockForConfiguration() {
     const std::lock_guard lock(mutex_);
     ++state_.locks;
@@ -54,8 +49,7 @@ void SimulatedDevice::setActiveFormat(const CaptureDeviceFormat& format) {
         log(localizedName() + " does not have the format that was to be set");
         return;
     }
-    const std::lock_guard lock(mutex_);
-    active_ = format;
+    mutex_.set(active_, format);
 }
 
 void SimulatedDevice::setActiveSize(FrameSize size) {
@@ -65,30 +59,16 @@ void SimulatedDevice::setActiveSize(FrameSize size) {
     active_ = {{format, size.width, size.height}, control_->options.frameRate};
 }
 
-void SimulatedDevice::setFocusPointOfInterest(Point point) {
-    const std::lock_guard lock(mutex_);
-    state_.focusPointOfInterest = point;
-}
-
 bool SimulatedDevice::isFocusModeSupported(FocusMode mode) const {
     return mediaType_ == MediaType::Video && mode >= FocusMode::Locked && mode <= FocusMode::ContinuousAutoFocus;
 }
 
 void SimulatedDevice::setFocusMode(FocusMode mode) {
-    if (!isFocusModeSupported(mode)) return;
-    const std::lock_guard lock(mutex_);
-    state_.focusMode = mode;
+    if (isFocusModeSupported(mode)) mutex_.set(state_.focusMode, mode);
 }
 
 void SimulatedDevice::setTorchMode(TorchMode mode) {
-    if (!hasTorch()) return;
-    const std::lock_guard lock(mutex_);
-    state_.torchMode = mode;
-}
-
-SimulatedDeviceState SimulatedDevice::state() const {
-    const std::lock_guard lock(mutex_);
-    return state_;
+    if (hasTorch()) mutex_.set(state_.torchMode, mode);
 }
 
 }  // namespace selvio

@@ -16,19 +16,19 @@ public:
     MediaType mediaType() const override { return mediaType_; }
     CaptureDevicePosition position() const override { return position_; }
     std::vector<CaptureDeviceFormat> formats() const override;
-    std::optional<CaptureDeviceFormat> activeFormat() const override;
+    std::optional<CaptureDeviceFormat> activeFormat() const override { return mutex_.get(active_); }
     std::optional<Error> lockForConfiguration() override;
     void unlockForConfiguration() override;
     /// A format that the device lacks is logged and changes nothing.
     void setActiveFormat(const CaptureDeviceFormat& format) override;
     bool isFocusPointOfInterestSupported() const override { return mediaType_ == MediaType::Video; }
-    void setFocusPointOfInterest(Point point) override;
+    void setFocusPointOfInterest(Point point) override { mutex_.set(state_.focusPointOfInterest, point); }
     bool isFocusModeSupported(FocusMode mode) const override;
     void setFocusMode(FocusMode mode) override;
     bool hasTorch() const override { return position_ == CaptureDevicePosition::Back; }
     void setTorchMode(TorchMode mode) override;
 
-    [[nodiscard]] SimulatedDeviceState state() const;
+    [[nodiscard]] SimulatedDeviceState state() const { return mutex_.get(state_); }
     /// Makes a format of this size active, in the pixel format that is active now.
     void setActiveSize(FrameSize size);
     [[nodiscard]] bool belongsTo(const SimulatedControl* control) const { return control_.get() == control; }
@@ -37,7 +37,7 @@ private:
     const std::shared_ptr<SimulatedControl> control_;
     const MediaType mediaType_;
     const CaptureDevicePosition position_;
-    mutable std::mutex mutex_;
+    mutable MemberMutex mutex_;
     std::optional<CaptureDeviceFormat> active_;  // guarded by mutex_
     SimulatedDeviceState state_;                 // guarded by mutex_
 };

@@ -1,13 +1,12 @@
 #include "platform/simulated/SimulatedSession.h"
 
 #include <SelvioFacialCapture/base/Log.h>
+#include <SelvioFacialCapture/base/SerialQueue.h>
 
 #include <algorithm>
 #include <cmath>
-#include <condition_variable>
 #include <numbers>
 #include <system_error>
-#include <thread>
 
 namespace selvio {
 namespace {
@@ -45,18 +44,12 @@ AudioData toneAt(std::int64_t firstSample) {
     return audio;
 }
 
-// The run whose thread the calling thread is.
-thread_local const void* currentRun = nullptr;
-
 }  // namespace
 
-// One stretch from start to stop. Held by its thread as well, so that the session may go first.
-class SimulatedSession::Run {
+// One stretch from start to stop. Queued blocks hold it weakly.
+class SimulatedSession::Run : public std::enable_shared_from_this<Run> {
 public:
     explicit Run(nanoseconds clockTime) : start(clockTime) {}
-    ~Run() {
-        if (thread_.joinable()) thread_.detach();  // only on the thread itself, at its end
-    }
 
     const nanoseconds start;  // the clock's time at the start
 
@@ -66,62 +59,49 @@ public:
     std::int64_t frames = 0;
     std::int64_t samples = 0;
 
-    void startThread(std::weak_ptr<SimulatedSession> session, std::shared_ptr<Run> self,
-                     std::shared_ptr<const Clock> clock, double rate) {
-        thread_ = std::thread([session = std::move(session), self = std::move(self), clock = std::move(clock), rate] {
-            self->pace(session, *clock, rate);
-        });
-        threaded_ = true;
+    // Before the run is shared: delivers by itself, from a thread of its own.
+    void pace(std::weak_ptr<SimulatedSession> session, std::shared_ptr<const Clock> clock, double rate) {
+        session_ = std::move(session);
+        clock_ = std::move(clock);
+        rate_ = rate;
+        queue_ = std::make_unique<SerialQueue>("simulated camera");
+        deliverAfter(nanoseconds(0), 0);
     }
-    void end() {
-        {
-            const std::lock_guard lock(mutex_);
-            ending_ = true;
-        }
-        changed_.notify_all();
-    }
-    [[nodiscard]] bool isEnding() const {
-        const std::lock_guard lock(mutex_);
-        return ending_;
-    }
+    void end() { ending_ = true; }
+    [[nodiscard]] bool isEnding() const { return ending_; }
     // After `end`: returns when nothing more will be submitted, unless called from inside of this run.
     void wait() {
-        if (currentRun == this) return;
-        if (threaded_) std::call_once(joined_, [this] { thread_.join(); });
+        if (queue_ && queue_->isCurrent()) return;
+        if (queue_) queue_->drain();
         const std::lock_guard lastTick(ticking);
     }
 
 private:
-    void pace(const std::weak_ptr<SimulatedSession>& weakSession, const Clock& clock, double rate) {
-        currentRun = this;
-        const auto timeOf = [&](std::int64_t frame) {
-            return start + nanoseconds(std::llround(static_cast<double>(frame) * 1e9 / rate));
-        };
-        for (std::int64_t frame = 0;;) {
-            {
-                std::unique_lock lock(mutex_);
-                for (nanoseconds left{}; !ending_ && (left = timeOf(frame) - clock.monotonicTime()) > nanoseconds(0);) {
-                    changed_.wait_for(lock, std::min(left, kLongestWait));
-                }
-                if (ending_) return;
-            }
-            {
-                const auto session = weakSession.lock();
-                if (session == nullptr) return;
-                session->tick(timeOf(frame));
-            }
-            // a camera that cannot keep up leaves frames out and stays on its beat
-            ++frame;
-            while (timeOf(frame + 1) <= clock.monotonicTime()) ++frame;
-        }
+    [[nodiscard]] nanoseconds timeOf(std::int64_t frame) const {
+        return start + nanoseconds(std::llround(static_cast<double>(frame) * 1e9 / rate_));
+    }
+    void deliverAfter(nanoseconds delay, std::int64_t frame) {
+        queue_->asyncAfter(delay, [weak = weak_from_this(), frame] {
+            if (const auto self = weak.lock(); self && !self->ending_) self->deliver(frame);
+        });
+    }
+    void deliver(std::int64_t frame) {
+        const nanoseconds early = timeOf(frame) - clock_->monotonicTime();
+        if (early > nanoseconds(0)) return deliverAfter(std::min(early, kLongestWait), frame);
+        const auto session = session_.lock();
+        if (session == nullptr) return;
+        session->tick(timeOf(frame));
+        // a camera that cannot keep up leaves frames out and stays on its beat
+        ++frame;
+        while (timeOf(frame + 1) <= clock_->monotonicTime()) ++frame;
+        deliverAfter(nanoseconds(0), frame);
     }
 
-    mutable std::mutex mutex_;
-    std::condition_variable changed_;
-    bool ending_ = false;  // guarded by mutex_
-    std::once_flag joined_;
-    bool threaded_ = false;  // set before the run is shared
-    std::thread thread_;     // the same; joined once
+    std::weak_ptr<SimulatedSession> session_;
+    std::shared_ptr<const Clock> clock_;
+    double rate_ = 0.0;
+    std::atomic<bool> ending_{false};
+    std::unique_ptr<SerialQueue> queue_;
 };
 
 SimulatedSession::SimulatedSession(std::shared_ptr<SimulatedControl> control)
@@ -186,7 +166,7 @@ std::string SimulatedSession::startLocked() {
     auto run = std::make_shared<Run>(control_->scene->begin());
     if (control_->options.pacing == SimulatedPacing::Timer) {
         try {
-            run->startThread(weak_from_this(), run, control_->scene->clock(), control_->options.frameRate);
+            run->pace(weak_from_this(), control_->scene->clock(), control_->options.frameRate);
         } catch (const std::system_error& error) {
             return error.what();
         }
