@@ -1,4 +1,4 @@
-// Frame sizes: those of the presets, and which way round a frame stands.
+// Sizes and parts of frames.
 #pragma once
 
 #include <SelvioFacialCapture/platform/Capture.h>
@@ -12,6 +12,15 @@ struct FrameSize {
     int width = 0;
     int height = 0;
     friend bool operator==(const FrameSize&, const FrameSize&) = default;
+};
+
+/// Part of a frame, in pixels.
+struct FrameCrop {
+    int x = 0;
+    int y = 0;
+    int width = 0;
+    int height = 0;
+    friend bool operator==(const FrameCrop&, const FrameCrop&) = default;
 };
 
 /// What a preset's name stands for, in landscape terms. "High" is a search, and not among them.

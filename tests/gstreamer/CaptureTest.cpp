@@ -1,4 +1,4 @@
-#include "CaptureProbe.h"
+#include "CaptureRig.h"
 #include "support/Child.h"
 #include "support/Resources.h"
 

@@ -127,17 +127,6 @@ FrameCrop cropFor(int width, int height, VideoOrientation orientation) {
     return crop;
 }
 
-FrameCrop cropToFill(int width, int height, Size surface) {
-    if (surface.width <= 0.0 || surface.height <= 0.0) return {0, 0, width, height};
-    const double shape = surface.width / surface.height;
-    FrameCrop crop{0, 0, evenBelow(width), evenBelow(height)};
-    crop.width = std::clamp(evenBelow(static_cast<int>(std::lround(crop.height * shape))), 2, crop.width);
-    crop.height = std::clamp(evenBelow(static_cast<int>(std::lround(crop.width / shape))), 2, crop.height);
-    crop.x = evenBelow((width - crop.width) / 2);
-    crop.y = evenBelow((height - crop.height) / 2);
-    return crop;
-}
-
 Rect onMirroredSurface(Rect part, int width, int height, Size surface) {
     const double scale = std::max(surface.width / width, surface.height / height);
     const double shownWidth = width * scale;

@@ -1,7 +1,6 @@
 // What capture decides: camera modes, presets, cropping, audio times. No GStreamer here.
 #pragma once
 
-#include "FrameCrop.h"
 #include "platform/capture/FrameSize.h"
 
 #include <SelvioFacialCapture/platform/Capture.h>
@@ -58,9 +57,6 @@ void addMode(std::vector<CameraMode>& modes, CameraMode mode);
 
 /// The part of a sensor's picture that a connection of this orientation delivers. Sides and places are even.
 [[nodiscard]] FrameCrop cropFor(int width, int height, VideoOrientation orientation);
-
-/// The middle part of a picture that fills a surface of this shape.
-[[nodiscard]] FrameCrop cropToFill(int width, int height, Size surface);
 
 /// Where a part of a frame (normalized, from the top left) lies on a surface that shows the frame mirrored and filling
 /// it, in the surface's units.

@@ -164,6 +164,12 @@ void GstCaptureSession::removeWatcher(const FrameWatcher* watcher) {
     std::erase_if(watchers_, [&](const auto& held) { return held.expired() || held.lock().get() == watcher; });
 }
 
+void GstCaptureSession::dropLater(std::shared_ptr<GstCaptureSession> session) {
+    if (!session) return;
+    SerialQueue& queue = session->control_;
+    queue.async([session = std::move(session)] {});
+}
+
 // ---- running
 
 nanoseconds GstCaptureSession::masterClockTime() const {
@@ -443,7 +449,7 @@ void GstCaptureSession::frameArrived(const Run& run, GstSample* sample, GstEleme
     for (const auto& held : mutex_.get(watchers_)) {
         const auto watcher = held.lock();
         if (!watcher) continue;
-        if (auto pixels = borrow(run.memory, buffer, info, {0, 0, width, height}))
+        if (auto pixels = borrow(run.memory, buffer, info, cropFor(width, height, watcher->orientation())))
             watcher->frameArrived(SampleBuffer::makeVideo(std::move(pixels), timing));
     }
 }

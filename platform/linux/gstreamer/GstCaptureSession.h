@@ -17,7 +17,8 @@ namespace selvio {
 class FrameWatcher {
 public:
     virtual ~FrameWatcher() = default;
-    /// The whole picture, whatever the outputs are cut to.
+    /// The orientation that the frames are cut to.
+    [[nodiscard]] virtual VideoOrientation orientation() const = 0;
     virtual void frameArrived(const std::shared_ptr<SampleBuffer>& frame) = 0;
 };
 
@@ -47,6 +48,9 @@ public:
 
     void addWatcher(std::weak_ptr<FrameWatcher> watcher);
     void removeWatcher(const FrameWatcher* watcher);
+    /// Drops a reference that may be the last one, on a thread that may end a session: the camera's may not, because
+    /// the end waits for it.
+    static void dropLater(std::shared_ptr<GstCaptureSession> session);
 
 private:
     enum class State { Stopped, Opening, Running };

@@ -2,8 +2,6 @@
 #include "GstDevices.h"
 #include "GstOutputs.h"
 
-#include <SelvioFacialCapture/base/ConcurrentQueue.h>
-
 #include <algorithm>
 
 namespace selvio {
@@ -62,10 +60,7 @@ public:
     }
 
     void requestAccess(MediaType mediaType, std::function<void(bool granted)> completion) override {
-        const bool granted = authorizationStatus(mediaType) == AuthorizationStatus::Authorized;
-        ConcurrentQueue::shared()->async([granted, completion = std::move(completion)] {
-            if (completion) completion(granted);
-        });
+        if (completion) completion(authorizationStatus(mediaType) == AuthorizationStatus::Authorized);
     }
 
 private:

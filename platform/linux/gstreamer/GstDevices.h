@@ -4,11 +4,11 @@
 #include "CaptureRules.h"
 #include "GstSupport.h"
 
+#include <SelvioFacialCapture/base/MemberMutex.h>
 #include <SelvioFacialCapture/linux/Capture.h>
 
 #include <atomic>
 #include <functional>
-#include <mutex>
 
 namespace selvio {
 
@@ -46,7 +46,7 @@ public:
     [[nodiscard]] MediaType mediaType() const override { return description_.mediaType; }
     [[nodiscard]] CaptureDevicePosition position() const override { return description_.position; }
     [[nodiscard]] std::vector<CaptureDeviceFormat> formats() const override { return formats_; }
-    [[nodiscard]] std::optional<CaptureDeviceFormat> activeFormat() const override;
+    [[nodiscard]] std::optional<CaptureDeviceFormat> activeFormat() const override { return mutex_.get(activeFormat_); }
     std::optional<Error> lockForConfiguration() override;
     void unlockForConfiguration() override;
     void setActiveFormat(const CaptureDeviceFormat& format) override;
@@ -63,7 +63,7 @@ private:
     const DeviceDescription description_;
     const std::vector<CaptureDeviceFormat> formats_;
     const std::filesystem::path led_;  ///< directory of the LED; empty without a torch
-    mutable std::mutex mutex_;
+    mutable MemberMutex mutex_;
     std::optional<CaptureDeviceFormat> activeFormat_;  // guarded by mutex_
 };
 
