@@ -1,6 +1,6 @@
 // The analyzer on several threads, and among foreign code that calls it back.
-#include <SelvioFacialCapture/base/ConcurrentQueue.h>
 #include <SelvioFacialCapture/base/MainQueue.h>
+#include <SelvioFacialCapture/base/SerialQueue.h>
 
 #include <barrier>
 #include <future>
@@ -36,7 +36,7 @@ int runCapture(unsigned seed) {
     const AnalyzerFakes fakes;
     Platform platform = fakes.platform();
     platform.mainQueue = mainQueue;
-    platform.globalQueue = std::make_shared<ConcurrentQueue>("global");
+    platform.globalQueue = std::make_shared<SerialQueue>("global");
     const auto analyzer = SelvioFacialCaptureAnalyzer::initWithParameters(fakes.parameters, platform);
     Witness witness;
     std::shared_ptr<SelvioFacialCaptureResults> cancelled;

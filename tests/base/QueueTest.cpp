@@ -1,4 +1,3 @@
-#include <SelvioFacialCapture/base/ConcurrentQueue.h>
 #include <SelvioFacialCapture/base/MainQueue.h>
 #include <SelvioFacialCapture/base/SerialQueue.h>
 #include <gtest/gtest.h>
@@ -77,8 +76,7 @@ TEST(SerialQueue, RunsDelayedBlocksWhileItLivesAndDrains) {
 TEST(Queues, LetGoOfABlockAsAPartOfIt) {
     MainQueue main;
     SerialQueue serial("serial");
-    ConcurrentQueue concurrent("concurrent", 1);
-    for (Queue* const queue : std::initializer_list<Queue*>{&main, &serial, &concurrent}) {
+    for (Queue* const queue : std::initializer_list<Queue*>{&main, &serial}) {
         std::promise<bool> gone;
         std::shared_ptr<void> held(queue, [&](void*) {
             const bool isCurrent = queue->isCurrent();
@@ -100,70 +98,6 @@ TEST(SystemClock, TellsTheTimeSinceTheReferenceDateAndOneThatNeverGoesBack) {
     const auto now = clock.monotonicTime();
     EXPECT_LE(before, now);
     EXPECT_LE(now, std::chrono::steady_clock::now().time_since_epoch());
-}
-
-TEST(ConcurrentQueue, RunsEverythingBeforeItGoes) {
-    std::atomic<int> count{0};
-    {
-        ConcurrentQueue queue("test", 3);
-        for (int i = 0; i < 500; ++i) queue.async([&] { ++count; });
-        queue.asyncAfter(std::chrono::hours(1), [&] { ++count; });
-    }
-    EXPECT_EQ(count, 501);
-}
-
-TEST(ConcurrentQueue, StuckBlocksHoldUpNoOtherBelowTheBound) {
-    std::promise<void> gate;
-    const auto opened = gate.get_future().share();
-    ConcurrentQueue queue("test", 4, std::chrono::hours(1));
-    const auto runOne = [&] {
-        std::promise<void> ran;
-        queue.async([&] { ran.set_value(); });
-        ran.get_future().wait();  // a held up block would hang here
-    };
-    std::promise<void> started;
-    queue.async([&] {
-        started.set_value();
-        opened.wait();
-    });
-    started.get_future().wait();
-    runOne();
-    std::atomic<int> count{0};
-    for (int i = 0; i < 20; ++i) {
-        queue.async([&] {
-            opened.wait();
-            ++count;
-        });
-    }
-    EXPECT_EQ(queue.threadCount(), 4U);
-    gate.set_value();
-    while (count < 20) std::this_thread::yield();
-    runOne();
-    EXPECT_EQ(queue.threadCount(), 4U) << "idle threads are used again";
-}
-
-TEST(ConcurrentQueue, IdleThreadsEndAndOthersFollow) {
-    ConcurrentQueue queue("test", 4, std::chrono::milliseconds(1));
-    for (int round = 0; round < 3; ++round) {
-        std::promise<void> ran;
-        queue.async([&] {
-            EXPECT_TRUE(queue.isCurrent());
-            ran.set_value();
-        });
-        ran.get_future().wait();
-        while (queue.threadCount() > 0) std::this_thread::yield();  // would hang here
-    }
-}
-
-TEST(ConcurrentQueue, MayBeDestroyedFromItsOwnBlock) {
-    std::promise<void> last;
-    auto queue = std::make_unique<ConcurrentQueue>("test", 1);
-    ConcurrentQueue* const raw = queue.get();
-    raw->async([&, owned = std::make_shared<std::unique_ptr<ConcurrentQueue>>(std::move(queue))] {
-        raw->async([&] { last.set_value(); });
-        owned->reset();
-    });
-    last.get_future().wait();  // a lost block would hang here
 }
 
 TEST(MainQueue, DrainsWhatIsDueAndSaysWhenToComeBack) {

@@ -33,7 +33,7 @@ struct Platform {
 
     std::shared_ptr<const Clock> clock;
     std::shared_ptr<Queue> mainQueue;
-    std::shared_ptr<Queue> globalQueue;  ///< concurrent, default priority
+    std::shared_ptr<Queue> globalQueue;  ///< default priority; runs the smile tests, may be concurrent
     std::function<std::shared_ptr<Queue>(const std::string& label)> makeSerialQueue;
     std::shared_ptr<const Device> device;
     std::shared_ptr<const Screen> screen;
@@ -55,13 +55,9 @@ struct Platform {
 /// a thread of their own, a notification centre. Adapters add the rest.
 [[nodiscard]] Platform makePortablePlatform();
 
-/// The platform used where an operation is called without one: the one set last; else the one that a linked adapter
-/// library offers, made on first use; else the portable parts alone.
+/// The platform used where an operation is called without one: the one set last, else the portable parts alone. A host
+/// of the Linux adapters says `setDefaultPlatform(makeLinuxPlatform())` before it makes its first object. Any thread.
 [[nodiscard]] Platform defaultPlatform();
 void setDefaultPlatform(Platform platform);
-
-/// For adapter libraries: offers a default platform. The last offer before first use counts. Returns true, so that a
-/// static variable can hold it.
-bool offerDefaultPlatform(std::function<Platform()> make);
 
 }  // namespace selvio
