@@ -1,6 +1,5 @@
 #include "camera/OffscreenView.h"
 
-#include <mutex>
 #include <utility>
 
 namespace selvio {
@@ -8,14 +7,8 @@ namespace {
 
 class OffscreenLayer final : public PreviewLayer {
 public:
-    [[nodiscard]] std::shared_ptr<CaptureSession> session() const override {
-        const std::lock_guard lock(mutex_);
-        return session_;
-    }
-    void setSession(std::shared_ptr<CaptureSession> session) override {
-        const std::lock_guard lock(mutex_);
-        std::swap(session_, session);
-    }
+    [[nodiscard]] std::shared_ptr<CaptureSession> session() const override { return mutex_.get(session_); }
+    void setSession(std::shared_ptr<CaptureSession> session) override { mutex_.set(session_, std::move(session)); }
     void setVideoGravity(const std::string&) override {}
     [[nodiscard]] std::shared_ptr<CaptureConnection> connection() const override { return nullptr; }
     [[nodiscard]] MetadataObject transformedMetadataObject(const MetadataObject& object) const override {
@@ -23,21 +16,16 @@ public:
     }
 
 private:
-    mutable std::mutex mutex_;
+    mutable MemberMutex mutex_;
     std::shared_ptr<CaptureSession> session_;  // guarded by mutex_
 };
 
-class OffscreenView final : public View {
+class OffscreenView final : public PlainView {
 public:
     [[nodiscard]] std::shared_ptr<PreviewLayer> layer() const override { return layer_; }
-    void setFrame(Rect frame) override { frame_ = frame; }
-    [[nodiscard]] Rect frame() const override { return frame_; }
-    void addSubview(const BlurView&) override {}
-    bool removeSubviewWithTag(std::int64_t) override { return false; }
 
 private:
     const std::shared_ptr<PreviewLayer> layer_ = std::make_shared<OffscreenLayer>();
-    Rect frame_;  // main thread only, as the port says
 };
 
 }  // namespace

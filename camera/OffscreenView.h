@@ -7,8 +7,7 @@
 
 namespace selvio {
 
-/// A view without a screen: its layer keeps the session, draws nothing and has no connection; what is laid over it is
-/// not kept.
+/// A view without a screen: its layer keeps the session, draws nothing and has no connection.
 [[nodiscard]] std::shared_ptr<View> makeOffscreenView();
 
 }  // namespace selvio

@@ -4,15 +4,12 @@
 #include <SelvioFacialCapture/base/SerialQueue.h>
 #include <SelvioFacialCapture/platform/Platform.h>
 
-#include <optional>
-
 namespace selvio {
 namespace {
 
 struct DefaultPlatform {
     MemberMutex mutex;
-    std::optional<Platform> platform;  // guarded by mutex
-    std::function<Platform()> offer;   // guarded by mutex
+    Platform platform = makePortablePlatform();  // guarded by mutex
 };
 
 DefaultPlatform& holder() {
@@ -33,24 +30,11 @@ Platform makePortablePlatform() {
 }
 
 Platform defaultPlatform() {
-    DefaultPlatform& h = holder();
-    if (auto platform = h.mutex.get(h.platform)) return *std::move(platform);
-    const auto offer = h.mutex.get(h.offer);
-    Platform fresh = offer ? offer() : makePortablePlatform();  // foreign code, hence without the lock
-    const std::lock_guard lock(h.mutex);
-    if (!h.platform) h.platform = fresh;
-    return *h.platform;
+    return holder().mutex.get(holder().platform);
 }
 
 void setDefaultPlatform(Platform platform) {
-    DefaultPlatform& h = holder();
-    h.mutex.set(h.platform, std::move(platform));
-}
-
-bool offerDefaultPlatform(std::function<Platform()> make) {
-    DefaultPlatform& h = holder();
-    h.mutex.set(h.offer, std::move(make));
-    return true;
+    holder().mutex.set(holder().platform, std::move(platform));
 }
 
 }  // namespace selvio

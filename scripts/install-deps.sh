@@ -13,7 +13,7 @@ packages=(
     # pictures
     libturbojpeg0-dev libpng-dev libexif-dev libyuv-dev
     # capture, preview, recording, machine-readable codes
-    libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev
+    libglib2.0-dev libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev
     gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-ugly gstreamer1.0-plugins-bad
     gstreamer1.0-libav gstreamer1.0-x gstreamer1.0-pipewire libpipewire-0.3-dev libzxing-dev
     # tests and benchmarks

@@ -1,8 +1,8 @@
 // `check`: still images, judged by the same rules.
 #include "Commands.h"
-#include "HostPlatform.h"
 #include "RunOutput.h"
 
+#include <SelvioFacialCapture/linux/LinuxPlatform.h>
 #include <SelvioFacialCapture/rules/FaceChecks.h>
 
 #include <cmath>
@@ -104,9 +104,9 @@ std::string compact(const nlohmann::ordered_json& line) {
 
 }  // namespace
 
-ExitCode check(const CheckOptions& options) {
-    const auto platform = makeHostPlatform();
-    if (const auto error = waitForModels()) {
+ExitCode perform(const CheckOptions& options) {
+    const auto platform = makeLinuxPlatform();
+    if (const auto error = waitForVisionModels()) {
         complain(error->localizedDescription);
         return ExitCode::UnreadableInput;
     }

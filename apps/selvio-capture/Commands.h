@@ -6,12 +6,12 @@
 namespace selvio::app {
 
 /// One capture, live. Runs the main queue on the calling thread until it has ended.
-[[nodiscard]] ExitCode run(const RunOptions& options);
+[[nodiscard]] ExitCode perform(const RunOptions& options);
 /// Judges each image and prints the verdicts. Images that cannot be read do not keep the others from being judged.
-[[nodiscard]] ExitCode check(const CheckOptions& options);
+[[nodiscard]] ExitCode perform(const CheckOptions& options);
 /// Prints the record in the photograph's EXIF user comment as it stands there.
-[[nodiscard]] ExitCode show(const ShowOptions& options);
+[[nodiscard]] ExitCode perform(const ShowOptions& options);
 /// Lists what there is to capture with.
-[[nodiscard]] ExitCode devices(const DevicesOptions& options);
+[[nodiscard]] ExitCode perform(const DevicesOptions& options);
 
 }  // namespace selvio::app

@@ -1,9 +1,10 @@
 // `devices`: what there is to capture with.
 #include "Commands.h"
-#include "HostPlatform.h"
 #include "OneCamera.h"
 #include "Source.h"
 #include "Texts.h"
+
+#include <SelvioFacialCapture/linux/Codec.h>
 
 #include <iostream>
 #include <nlohmann/json.hpp>
@@ -29,7 +30,7 @@ std::vector<Listed> listDevices() {
     };
     add(machineCaptureSystem(), false);
     auto platform = makePortablePlatform();
-    platform.imageLoader = makeImageLoader();
+    platform.imageLoader = std::make_shared<JpegPngImageLoader>();
     if (const auto error = useSimulated(platform, {}, {})) complain(error->localizedDescription);
     add(platform.captureSystem, true);
     return listed;
@@ -89,7 +90,7 @@ void printText(const Listed& entry) {
 
 }  // namespace
 
-ExitCode devices(const DevicesOptions& options) {
+ExitCode perform(const DevicesOptions& options) {
     for (const auto& entry : listDevices()) {
         if (options.json) {
             std::cout << jsonOf(entry).dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << '\n';

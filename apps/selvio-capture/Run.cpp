@@ -1,6 +1,5 @@
 // `run`: finds the source, and lets a session capture from it.
 #include "Commands.h"
-#include "HostPlatform.h"
 #include "InputWatcher.h"
 #include "KeptQueues.h"
 #include "OutputFiles.h"
@@ -9,26 +8,27 @@
 #include "Source.h"
 
 #include <SelvioFacialCapture/base/MainQueue.h>
+#include <SelvioFacialCapture/linux/LinuxPlatform.h>
 
 #include <unistd.h>
 #include <iostream>
 
 namespace selvio::app {
 
-ExitCode run(const RunOptions& options) {
+ExitCode perform(const RunOptions& options) {
     blockInterrupts();
     const auto language = languageOfLocale();
     if (const auto error = prepareOutputDirectory(options.out)) {
         complain(error->localizedDescription);
         return ExitCode::NotWritten;
     }
-    auto platform = makeHostPlatform();
+    auto platform = makeLinuxPlatform();
     const auto chosen = useSource(platform, options);
     if (const auto* failure = std::get_if<SourceFailure>(&chosen)) {
         complain(failure->message);
         return failure->code;
     }
-    if (const auto error = waitForModels()) {
+    if (const auto error = waitForVisionModels()) {
         complain(error->localizedDescription);
         return ExitCode::UnreadableInput;
     }

@@ -1,20 +1,21 @@
 // `show`: the record in a photograph.
 #include "Commands.h"
-#include "HostPlatform.h"
 #include "Texts.h"
+
+#include <SelvioFacialCapture/linux/Codec.h>
+#include <SelvioFacialCapture/linux/Files.h>
 
 #include <iostream>
 
 namespace selvio::app {
 
-ExitCode show(const ShowOptions& options) {
-    const auto codec = makeImageCodec();
-    auto bytes = makeFileManager()->readFile(options.photograph);
+ExitCode perform(const ShowOptions& options) {
+    auto bytes = LinuxFileManager().readFile(options.photograph);
     if (!bytes) {
         complain(bytes.error().localizedDescription);
         return ExitCode::UnreadableInput;
     }
-    const auto source = codec->openSource(std::move(bytes.value()));
+    const auto source = LibjpegImageCodec().openSource(std::move(bytes.value()));
     if (!source) {
         complain(options.photograph + ": not a JPEG photograph");
         return ExitCode::UnreadableInput;

@@ -1,6 +1,5 @@
 #include "Source.h"
 
-#include "HostPlatform.h"
 #include "OneCamera.h"
 #include "Texts.h"
 
@@ -15,6 +14,13 @@
 
 namespace selvio::app {
 namespace {
+
+/// The sample photograph and scripts, beside the program as it was built or installed.
+std::filesystem::path samplesDirectory() {
+    std::error_code code;
+    const auto program = std::filesystem::read_symlink("/proc/self/exe", code);
+    return program.parent_path().parent_path() / "share/SelvioFacialCapture/samples";
+}
 
 /// The camera of this name or identifier; the first one for an empty name.
 std::shared_ptr<CaptureDevice> findCamera(const std::vector<std::shared_ptr<CaptureDevice>>& cameras,

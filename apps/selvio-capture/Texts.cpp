@@ -34,6 +34,24 @@ constexpr std::array<StatusText, 15> kStatusTexts{{
     {"selvio_facial_capture_status_good_frame", "Very good", "Sehr gut"},
 }};
 
+struct PhraseText {
+    std::string_view english;
+    std::string_view german;
+};
+
+// In the order of Phrase.
+constexpr std::array<PhraseText, 9> kPhrases{{
+    {"Timed out", "Die Zeit ist um"},
+    {"Cancelled", "Abgebrochen"},
+    {"The camera has stopped delivering frames", "Die Kamera liefert keine Bilder mehr"},
+    {"The camera delivers no frames", "Die Kamera liefert keine Bilder"},
+    {"Photograph", "Foto"},
+    {"Record", "Datensatz"},
+    {"Recording", "Aufzeichnung"},
+    {"Press Enter to take the picture", "Eingabetaste: Foto aufnehmen"},
+    {"Source", "Quelle"},
+}};
+
 }  // namespace
 
 Language languageOfLocale() {
@@ -54,28 +72,8 @@ std::optional<std::string> textForKey(std::string_view key, Language language) {
 }
 
 std::string text(Phrase phrase, Language language) {
-    const bool german = language == Language::German;
-    switch (phrase) {
-        case Phrase::TimedOut:
-            return german ? "Die Zeit ist um" : "Timed out";
-        case Phrase::Cancelled:
-            return german ? "Abgebrochen" : "Cancelled";
-        case Phrase::FramesStopped:
-            return german ? "Die Kamera liefert keine Bilder mehr" : "The camera has stopped delivering frames";
-        case Phrase::NoFrames:
-            return german ? "Die Kamera liefert keine Bilder" : "The camera delivers no frames";
-        case Phrase::Photograph:
-            return german ? "Foto" : "Photograph";
-        case Phrase::Record:
-            return german ? "Datensatz" : "Record";
-        case Phrase::Recording:
-            return german ? "Aufzeichnung" : "Recording";
-        case Phrase::PressEnter:
-            return german ? "Eingabetaste: Foto aufnehmen" : "Press Enter to take the picture";
-        case Phrase::Source:
-            return german ? "Quelle" : "Source";
-    }
-    return {};
+    const auto& texts = kPhrases.at(static_cast<std::size_t>(phrase));
+    return std::string(language == Language::German ? texts.german : texts.english);
 }
 
 void complain(const std::string& text) {

@@ -8,23 +8,6 @@
 
 using namespace selvio::app;
 
-namespace {
-
-ExitCode perform(const RunOptions& options) {
-    return run(options);
-}
-ExitCode perform(const CheckOptions& options) {
-    return check(options);
-}
-ExitCode perform(const ShowOptions& options) {
-    return show(options);
-}
-ExitCode perform(const DevicesOptions& options) {
-    return devices(options);
-}
-
-}  // namespace
-
 int main(int argc, char** argv) try {
     const auto parsed = parseCommandLine({argv + 1, argv + argc});
     auto code = ExitCode::Success;

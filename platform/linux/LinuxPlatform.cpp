@@ -6,11 +6,6 @@
 #include <SelvioFacialCapture/linux/Sensors.h>
 
 namespace selvio {
-namespace {
-
-[[maybe_unused]] const bool offered = offerDefaultPlatform([] { return makeLinuxPlatform(); });
-
-}  // namespace
 
 Platform makeLinuxPlatform(const VisionOptions& vision, const RecordingOptions& recording) {
     preloadVisionModels(vision);

@@ -33,13 +33,13 @@ struct SimulatedCaptureSystem::State {
     const std::shared_ptr<SimulatedDevice> front;
     const std::shared_ptr<SimulatedDevice> microphone;
 
-    std::mutex mutex;
+    MemberMutex mutex;
     std::vector<std::weak_ptr<SimulatedSession>> sessions;         // guarded by mutex
     AuthorizationStatus camera = AuthorizationStatus::Authorized;  // guarded by mutex
     AuthorizationStatus sound = AuthorizationStatus::Authorized;   // guarded by mutex
     bool accessAnswer = true;                                      // guarded by mutex
 
-    [[nodiscard]] AuthorizationStatus& statusLocked(MediaType mediaType) {
+    [[nodiscard]] AuthorizationStatus& statusOf(MediaType mediaType) {
         return mediaType == MediaType::Video ? camera : sound;
     }
 };
@@ -54,7 +54,7 @@ const std::shared_ptr<SimulatedScene>& SimulatedCaptureSystem::scene() const {
 }
 
 void SimulatedCaptureSystem::setFaults(SimulatedFaults faults) {
-    state_->control->setFaults(std::move(faults));
+    state_->control->setFaults(faults);
 }
 
 SimulatedFaults SimulatedCaptureSystem::faults() const {
@@ -62,13 +62,11 @@ SimulatedFaults SimulatedCaptureSystem::faults() const {
 }
 
 void SimulatedCaptureSystem::setAuthorizationStatus(MediaType mediaType, AuthorizationStatus status) {
-    const std::lock_guard lock(state_->mutex);
-    state_->statusLocked(mediaType) = status;
+    state_->mutex.set(state_->statusOf(mediaType), status);
 }
 
 void SimulatedCaptureSystem::setAccessAnswer(bool granted) {
-    const std::lock_guard lock(state_->mutex);
-    state_->accessAnswer = granted;
+    state_->mutex.set(state_->accessAnswer, granted);
 }
 
 SimulatedDeviceState SimulatedCaptureSystem::deviceState(CaptureDevicePosition position) const {
@@ -81,12 +79,7 @@ void SimulatedCaptureSystem::deliverFrameAt(std::chrono::nanoseconds scriptTime)
         return;
     }
     scene()->setTime(scriptTime);
-    std::vector<std::weak_ptr<SimulatedSession>> sessions;
-    {
-        const std::lock_guard lock(state_->mutex);
-        sessions = state_->sessions;
-    }
-    for (const auto& weak : sessions) {
+    for (const auto& weak : state_->mutex.get(state_->sessions)) {
         if (const auto session = weak.lock()) session->tick(scene()->clockTime());
     }
 }
@@ -119,17 +112,14 @@ std::shared_ptr<CaptureDevice> SimulatedCaptureSystem::defaultDevice(MediaType m
 
 Expected<std::shared_ptr<CaptureDeviceInput>> SimulatedCaptureSystem::makeDeviceInput(
     const std::shared_ptr<CaptureDevice>& device) {
-    auto simulated = std::dynamic_pointer_cast<SimulatedDevice>(device);
+    const auto simulated = std::dynamic_pointer_cast<SimulatedDevice>(device);
     if (simulated == nullptr || !simulated->belongsTo(state_->control.get()))
         return Error{"The device is not one of this simulated capture system"};
-    const SimulatedFaults faults = this->faults();
-    const bool video = device->mediaType() == MediaType::Video;
-    if (video ? faults.videoInputFails : faults.audioInputFails)
-        return Error{device->localizedName() + " cannot be opened"};
-    if (video && faults.deviceLost) return Error{device->localizedName() + " is disconnected"};
+    if (device->mediaType() == MediaType::Video && faults().deviceLost)
+        return Error{device->localizedName() + " is disconnected"};
     if (authorizationStatus(device->mediaType()) != AuthorizationStatus::Authorized)
         return Error{"Access to " + device->localizedName() + " has not been granted"};
-    return std::shared_ptr<CaptureDeviceInput>(std::make_shared<SimulatedDeviceInput>(std::move(simulated)));
+    return std::shared_ptr<CaptureDeviceInput>(std::make_shared<DeviceInput>(device, state_->control));
 }
 
 std::shared_ptr<CaptureSession> SimulatedCaptureSystem::makeSession() {
@@ -145,23 +135,22 @@ std::shared_ptr<VideoDataOutput> SimulatedCaptureSystem::makeVideoDataOutput() {
 }
 
 std::shared_ptr<AudioDataOutput> SimulatedCaptureSystem::makeAudioDataOutput() {
-    return std::make_shared<SimulatedAudioDataOutput>();
+    return std::make_shared<QueuedAudioOutput>(state_->control);
 }
 
 std::shared_ptr<MetadataOutput> SimulatedCaptureSystem::makeMetadataOutput() {
-    return std::make_shared<SimulatedMetadataOutput>();
+    return std::make_shared<QueuedMetadataOutput>(state_->control);
 }
 
 AuthorizationStatus SimulatedCaptureSystem::authorizationStatus(MediaType mediaType) {
-    const std::lock_guard lock(state_->mutex);
-    return state_->statusLocked(mediaType);
+    return state_->mutex.get(state_->statusOf(mediaType));
 }
 
 void SimulatedCaptureSystem::requestAccess(MediaType mediaType, std::function<void(bool granted)> completion) {
     bool granted = false;
     {
         const std::lock_guard lock(state_->mutex);
-        AuthorizationStatus& status = state_->statusLocked(mediaType);
+        AuthorizationStatus& status = state_->statusOf(mediaType);
         if (status == AuthorizationStatus::NotDetermined)
             status = state_->accessAnswer ? AuthorizationStatus::Authorized : AuthorizationStatus::Denied;
         granted = status == AuthorizationStatus::Authorized;

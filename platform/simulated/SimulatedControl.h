@@ -1,11 +1,8 @@
 // What the devices, sessions and outputs of one simulated capture system share.
 #pragma once
 
+#include <SelvioFacialCapture/base/MemberMutex.h>
 #include <SelvioFacialCapture/simulated/SimulatedCaptureSystem.h>
-
-#include <atomic>
-#include <map>
-#include <mutex>
 
 namespace selvio {
 
@@ -17,17 +14,11 @@ struct SimulatedControl {
     const SimulatedCaptureOptions options;
     const std::shared_ptr<PixelBufferPool> pool;
 
-    [[nodiscard]] SimulatedFaults faults() const {
-        const std::lock_guard lock(mutex_);
-        return faults_;
-    }
-    void setFaults(SimulatedFaults faults) {
-        const std::lock_guard lock(mutex_);
-        faults_ = std::move(faults);
-    }
+    [[nodiscard]] SimulatedFaults faults() const { return mutex_.get(faults_); }
+    void setFaults(SimulatedFaults faults) { mutex_.set(faults_, faults); }
 
 private:
-    mutable std::mutex mutex_;
+    mutable MemberMutex mutex_;
     SimulatedFaults faults_;  // guarded by mutex_
 };
 

@@ -9,7 +9,7 @@ namespace selvio {
 SimulatedDevice::SimulatedDevice(std::shared_ptr<SimulatedControl> control, MediaType mediaType,
                                  CaptureDevicePosition position)
     : control_(std::move(control)), mediaType_(mediaType), position_(position) {
-    setActiveSize(1280, 720);
+    setActiveSize({1280, 720});
 }
 
 std::string SimulatedDevice::uniqueId() const {
@@ -25,22 +25,14 @@ std::string SimulatedDevice::localizedName() const {
 std::vector<CaptureDeviceFormat> SimulatedDevice::formats() const {
     if (mediaType_ == MediaType::Audio) return {};
     std::vector<CaptureDeviceFormat> formats;
-    for (const auto& [width, height] : {std::pair{640, 480}, {1280, 720}, {1920, 1080}}) {
-        for (const PixelFormat format : {kPixelFormat420v, kPixelFormat32BGRA}) {
-            formats.push_back(
-                {.formatDescription = {format, width, height}, .maxFrameRate = control_->options.frameRate});
-        }
+    for (const auto& [preset, size] : kPresetSizes) {
+        for (const PixelFormat format : {kPixelFormat420v, kPixelFormat32BGRA})
+            formats.push_back({{format, size.width, size.height}, control_->options.frameRate});
     }
     return formats;
 }
 
-std::optional<CaptureDeviceFormat> SimulatedDevice::activeFormat() const {
-    const std::lock_guard lock(mutex_);
-    return active_;
-}
-
 std::optional<Error> SimulatedDevice::lockForConfiguration() {
-    if (control_->faults().lockFails) return Error{localizedName() + " cannot be locked for configuration"};
     const std::lock_guard lock(mutex_);
     ++state_.locks;
     return std::nullopt;
@@ -57,23 +49,14 @@ void SimulatedDevice::setActiveFormat(const CaptureDeviceFormat& format) {
         log(localizedName() + " does not have the format that was to be set");
         return;
     }
-    const std::lock_guard lock(mutex_);
-    active_ = format;
+    mutex_.set(active_, format);
 }
 
-void SimulatedDevice::setActiveSize(std::int32_t width, std::int32_t height) {
-    const std::vector<CaptureDeviceFormat> known = formats();
+void SimulatedDevice::setActiveSize(FrameSize size) {
+    if (mediaType_ == MediaType::Audio) return;
     const std::lock_guard lock(mutex_);
     const PixelFormat format = active_ ? active_->formatDescription.mediaSubType : kPixelFormat420v;
-    const auto found = std::find_if(known.begin(), known.end(), [&](const CaptureDeviceFormat& candidate) {
-        return candidate.formatDescription == VideoFormatDescription{format, width, height};
-    });
-    if (found != known.end()) active_ = *found;
-}
-
-void SimulatedDevice::setFocusPointOfInterest(Point point) {
-    const std::lock_guard lock(mutex_);
-    state_.focusPointOfInterest = point;
+    active_ = {{format, size.width, size.height}, control_->options.frameRate};
 }
 
 bool SimulatedDevice::isFocusModeSupported(FocusMode mode) const {
@@ -81,20 +64,11 @@ bool SimulatedDevice::isFocusModeSupported(FocusMode mode) const {
 }
 
 void SimulatedDevice::setFocusMode(FocusMode mode) {
-    if (!isFocusModeSupported(mode)) return;
-    const std::lock_guard lock(mutex_);
-    state_.focusMode = mode;
+    if (isFocusModeSupported(mode)) mutex_.set(state_.focusMode, mode);
 }
 
 void SimulatedDevice::setTorchMode(TorchMode mode) {
-    if (!hasTorch()) return;
-    const std::lock_guard lock(mutex_);
-    state_.torchMode = mode;
-}
-
-SimulatedDeviceState SimulatedDevice::state() const {
-    const std::lock_guard lock(mutex_);
-    return state_;
+    if (hasTorch()) mutex_.set(state_.torchMode, mode);
 }
 
 }  // namespace selvio

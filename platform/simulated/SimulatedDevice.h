@@ -1,6 +1,7 @@
 // Simulated cameras and microphone.
 #pragma once
 
+#include "platform/capture/FrameSize.h"
 #include "platform/simulated/SimulatedControl.h"
 
 namespace selvio {
@@ -15,42 +16,30 @@ public:
     MediaType mediaType() const override { return mediaType_; }
     CaptureDevicePosition position() const override { return position_; }
     std::vector<CaptureDeviceFormat> formats() const override;
-    std::optional<CaptureDeviceFormat> activeFormat() const override;
+    std::optional<CaptureDeviceFormat> activeFormat() const override { return mutex_.get(active_); }
     std::optional<Error> lockForConfiguration() override;
     void unlockForConfiguration() override;
     /// A format that the device lacks is logged and changes nothing.
     void setActiveFormat(const CaptureDeviceFormat& format) override;
     bool isFocusPointOfInterestSupported() const override { return mediaType_ == MediaType::Video; }
-    void setFocusPointOfInterest(Point point) override;
+    void setFocusPointOfInterest(Point point) override { mutex_.set(state_.focusPointOfInterest, point); }
     bool isFocusModeSupported(FocusMode mode) const override;
     void setFocusMode(FocusMode mode) override;
     bool hasTorch() const override { return position_ == CaptureDevicePosition::Back; }
     void setTorchMode(TorchMode mode) override;
 
-    [[nodiscard]] SimulatedDeviceState state() const;
+    [[nodiscard]] SimulatedDeviceState state() const { return mutex_.get(state_); }
     /// Makes a format of this size active, in the pixel format that is active now.
-    void setActiveSize(std::int32_t width, std::int32_t height);
+    void setActiveSize(FrameSize size);
     [[nodiscard]] bool belongsTo(const SimulatedControl* control) const { return control_.get() == control; }
 
 private:
     const std::shared_ptr<SimulatedControl> control_;
     const MediaType mediaType_;
     const CaptureDevicePosition position_;
-    mutable std::mutex mutex_;
+    mutable MemberMutex mutex_;
     std::optional<CaptureDeviceFormat> active_;  // guarded by mutex_
     SimulatedDeviceState state_;                 // guarded by mutex_
-};
-
-class SimulatedDeviceInput final : public CaptureDeviceInput {
-public:
-    explicit SimulatedDeviceInput(std::shared_ptr<SimulatedDevice> device)
-        : simulated_(device), device_(std::move(device)) {}
-    const std::shared_ptr<CaptureDevice>& device() const override { return device_; }
-    [[nodiscard]] const std::shared_ptr<SimulatedDevice>& simulatedDevice() const { return simulated_; }
-
-private:
-    const std::shared_ptr<SimulatedDevice> simulated_;
-    const std::shared_ptr<CaptureDevice> device_;
 };
 
 }  // namespace selvio

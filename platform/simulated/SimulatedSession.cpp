@@ -1,53 +1,55 @@
 #include "platform/simulated/SimulatedSession.h"
 
 #include <SelvioFacialCapture/base/Log.h>
+#include <SelvioFacialCapture/base/SerialQueue.h>
 
 #include <algorithm>
 #include <cmath>
-#include <condition_variable>
+#include <numbers>
 #include <system_error>
-#include <thread>
 
 namespace selvio {
 namespace {
 
 using std::chrono::nanoseconds;
+using namespace std::chrono_literals;
 
-constexpr nanoseconds kLongestWait{
-    50'000'000};  // after which a clock that does not run with the system's is read again
-constexpr nanoseconds kLongestSilence{1'000'000'000};
+constexpr nanoseconds kLongestWait = 50ms;  // after which a clock that does not run with the system's is read again
+constexpr nanoseconds kLongestSilence = 1s;
+constexpr std::int64_t kSampleRate = 48000;
+constexpr std::int64_t kBlockSamples = 1024;
+constexpr double kToneFrequency = 440.0;  // hertz
+constexpr double kToneAmplitude = 8000.0;
+constexpr Rect kBarcodeBounds{0.2, 0.7, 0.6, 0.15};
 
-struct PresetSize {
-    std::string preset;
-    std::int32_t width;
-    std::int32_t height;
-};
-
-const std::vector<PresetSize>& presetSizes() {
-    static const std::vector<PresetSize> sizes{{kCaptureSessionPreset640x480, 640, 480},
-                                               {kCaptureSessionPreset1280x720, 1280, 720},
-                                               {kCaptureSessionPreset1920x1080, 1920, 1080},
-                                               {kCaptureSessionPresetHigh, 1920, 1080}};
-    return sizes;
+std::optional<FrameSize> sizeOf(const std::string& preset) {
+    if (preset == kCaptureSessionPresetHigh) return kPresetSizes.back().size;
+    const auto found = std::ranges::find(kPresetSizes, preset, &PresetSize::preset);
+    return found == kPresetSizes.end() ? std::nullopt : std::optional(found->size);
 }
 
 nanoseconds timeOfSamples(std::int64_t samples) {
-    constexpr std::int64_t kRate = SimulatedAudioDataOutput::kSampleRate;
-    return nanoseconds(samples / kRate * 1'000'000'000 + samples % kRate * 1'000'000'000 / kRate);
+    return nanoseconds(samples / kSampleRate * 1'000'000'000 + samples % kSampleRate * 1'000'000'000 / kSampleRate);
 }
 
-// The run whose thread the calling thread is.
-thread_local const void* currentRun = nullptr;
+// One block of the tone, that many samples after the session's start.
+AudioData toneAt(std::int64_t firstSample) {
+    AudioData audio{.sampleRate = kSampleRate, .channels = 1, .samples = std::vector<std::int16_t>(kBlockSamples)};
+    for (auto& sample : audio.samples) {
+        // the tone has a whole number of periods a second
+        const double seconds = static_cast<double>(firstSample++ % kSampleRate) / kSampleRate;
+        sample = static_cast<std::int16_t>(
+            std::lround(kToneAmplitude * std::sin(2 * std::numbers::pi * kToneFrequency * seconds)));
+    }
+    return audio;
+}
 
 }  // namespace
 
-// One stretch from start to stop. Held by its thread as well, so that the session may go first.
-class SimulatedSession::Run {
+// One stretch from start to stop. Queued blocks hold it weakly.
+class SimulatedSession::Run : public std::enable_shared_from_this<Run> {
 public:
     explicit Run(nanoseconds clockTime) : start(clockTime) {}
-    ~Run() {
-        if (thread_.joinable()) thread_.detach();  // only on the thread itself, at its end
-    }
 
     const nanoseconds start;  // the clock's time at the start
 
@@ -57,211 +59,82 @@ public:
     std::int64_t frames = 0;
     std::int64_t samples = 0;
 
-    void startThread(std::weak_ptr<SimulatedSession> session, std::shared_ptr<Run> self,
-                     std::shared_ptr<const Clock> clock, double rate) {
-        thread_ = std::thread([session = std::move(session), self = std::move(self), clock = std::move(clock), rate] {
-            self->pace(session, *clock, rate);
-        });
-        threaded_ = true;
+    // Before the run is shared: delivers by itself, from a thread of its own.
+    void pace(std::weak_ptr<SimulatedSession> session, std::shared_ptr<const Clock> clock, double rate) {
+        session_ = std::move(session);
+        clock_ = std::move(clock);
+        rate_ = rate;
+        queue_ = std::make_unique<SerialQueue>("simulated camera");
+        deliverAfter(nanoseconds(0), 0);
     }
-    void end() {
-        {
-            const std::lock_guard lock(mutex_);
-            ending_ = true;
-        }
-        changed_.notify_all();
-    }
-    [[nodiscard]] bool isEnding() const {
-        const std::lock_guard lock(mutex_);
-        return ending_;
-    }
+    void end() { ending_ = true; }
+    [[nodiscard]] bool isEnding() const { return ending_; }
     // After `end`: returns when nothing more will be submitted, unless called from inside of this run.
     void wait() {
-        if (currentRun == this) return;
-        if (threaded_) std::call_once(joined_, [this] { thread_.join(); });
+        if (queue_ && queue_->isCurrent()) return;
+        if (queue_) queue_->drain();
         const std::lock_guard lastTick(ticking);
     }
 
 private:
-    void pace(const std::weak_ptr<SimulatedSession>& weakSession, const Clock& clock, double rate) {
-        currentRun = this;
-        const auto timeOf = [&](std::int64_t frame) {
-            return start + nanoseconds(std::llround(static_cast<double>(frame) * 1e9 / rate));
-        };
-        for (std::int64_t frame = 0;;) {
-            {
-                std::unique_lock lock(mutex_);
-                for (nanoseconds left{}; !ending_ && (left = timeOf(frame) - clock.monotonicTime()) > nanoseconds(0);) {
-                    changed_.wait_for(lock, std::min(left, kLongestWait));
-                }
-                if (ending_) return;
-            }
-            {
-                const auto session = weakSession.lock();
-                if (session == nullptr) return;
-                session->tick(timeOf(frame));
-            }
-            // a camera that cannot keep up leaves frames out and stays on its beat
-            ++frame;
-            while (timeOf(frame + 1) <= clock.monotonicTime()) ++frame;
-        }
+    [[nodiscard]] nanoseconds timeOf(std::int64_t frame) const {
+        return start + nanoseconds(std::llround(static_cast<double>(frame) * 1e9 / rate_));
+    }
+    void deliverAfter(nanoseconds delay, std::int64_t frame) {
+        queue_->asyncAfter(delay, [weak = weak_from_this(), frame] {
+            if (const auto self = weak.lock(); self && !self->ending_) self->deliver(frame);
+        });
+    }
+    void deliver(std::int64_t frame) {
+        const nanoseconds early = timeOf(frame) - clock_->monotonicTime();
+        if (early > nanoseconds(0)) return deliverAfter(std::min(early, kLongestWait), frame);
+        const auto session = session_.lock();
+        if (session == nullptr) return;
+        session->tick(timeOf(frame));
+        // a camera that cannot keep up leaves frames out and stays on its beat
+        ++frame;
+        while (timeOf(frame + 1) <= clock_->monotonicTime()) ++frame;
+        deliverAfter(nanoseconds(0), frame);
     }
 
-    mutable std::mutex mutex_;
-    std::condition_variable changed_;
-    bool ending_ = false;  // guarded by mutex_
-    std::once_flag joined_;
-    bool threaded_ = false;  // set before the run is shared
-    std::thread thread_;     // the same; joined once
+    std::weak_ptr<SimulatedSession> session_;
+    std::shared_ptr<const Clock> clock_;
+    double rate_ = 0.0;
+    std::atomic<bool> ending_{false};
+    std::unique_ptr<SerialQueue> queue_;
 };
 
-SimulatedSession::SimulatedSession(std::shared_ptr<SimulatedControl> control) : control_(std::move(control)) {}
+SimulatedSession::SimulatedSession(std::shared_ptr<SimulatedControl> control)
+    : CaptureSessionBase(control), control_(std::move(control)) {}
 
 SimulatedSession::~SimulatedSession() {
-    if (run_ != nullptr) {
-        run_->end();
-        run_->wait();
-    }
-    for (const auto& output : outputs_) {
-        auto& simulated = dynamic_cast<SimulatedOutput&>(*output);
-        simulated.setConnected(false);
-        simulated.giveBack();
-    }
+    if (run_ == nullptr) return;
+    run_->end();
+    run_->wait();
 }
 
 bool SimulatedSession::canSetSessionPreset(const std::string& preset) const {
-    const auto& known = presetSizes();
-    return std::any_of(known.begin(), known.end(), [&](const PresetSize& size) { return size.preset == preset; }) &&
-           !control_->faults().refusedPresets.contains(preset);
+    return sizeOf(preset).has_value();
 }
 
 void SimulatedSession::setSessionPreset(const std::string& preset) {
-    const std::lock_guard lock(mutex_);
-    preset_ = preset;
-    applyPresetLocked();
+    mutex_.set(preset_, preset);
+    applyPreset();
 }
 
-void SimulatedSession::applyPresetLocked() {
-    const auto device = deviceLocked(MediaType::Video);
-    for (const PresetSize& size : presetSizes()) {
-        if (size.preset == preset_ && device != nullptr) device->setActiveSize(size.width, size.height);
-    }
-}
-
-std::shared_ptr<SimulatedDevice> SimulatedSession::deviceLocked(MediaType mediaType) const {
-    for (const auto& input : inputs_) {
-        const auto& device = static_cast<const SimulatedDeviceInput&>(*input).simulatedDevice();
-        if (device->mediaType() == mediaType) return device;
-    }
-    return nullptr;
-}
-
-template <typename Output>
-std::shared_ptr<Output> SimulatedSession::outputLocked() const {
-    for (const auto& output : outputs_) {
-        if (auto found = std::dynamic_pointer_cast<Output>(output)) return found;
-    }
-    return nullptr;
-}
-
-void SimulatedSession::connectLocked() {
-    for (const auto& output : outputs_) {
-        auto& simulated = dynamic_cast<SimulatedOutput&>(*output);
-        simulated.setConnected(deviceLocked(simulated.source()) != nullptr);
-    }
-    if (deviceLocked(MediaType::Video) == nullptr) {
-        previewConnection_.reset();
-    } else if (previewConnection_ == nullptr) {
-        previewConnection_ = std::make_shared<SimulatedConnection>(true, VideoOrientation::Portrait);
-    }
-}
-
-bool SimulatedSession::canAddInputLocked(const CaptureDeviceInput& input, const SimulatedFaults& faults) const {
-    const auto* const simulated = dynamic_cast<const SimulatedDeviceInput*>(&input);
-    if (simulated == nullptr || !simulated->simulatedDevice()->belongsTo(control_.get())) return false;
-    const MediaType mediaType = simulated->simulatedDevice()->mediaType();
-    const bool refused = mediaType == MediaType::Video ? faults.videoInputRefused : faults.audioInputRefused;
-    return !refused && deviceLocked(mediaType) == nullptr;
-}
-
-bool SimulatedSession::canAddInput(const CaptureDeviceInput& input) const {
-    const SimulatedFaults faults = control_->faults();
-    const std::lock_guard lock(mutex_);
-    return canAddInputLocked(input, faults);
+void SimulatedSession::applyPreset() {
+    const auto camera = std::static_pointer_cast<SimulatedDevice>(parts()->camera);
+    if (const auto size = sizeOf(mutex_.get(preset_)); camera && size) camera->setActiveSize(*size);
 }
 
 void SimulatedSession::addInput(std::shared_ptr<CaptureDeviceInput> input) {
-    const SimulatedFaults faults = control_->faults();
-    const std::lock_guard lock(mutex_);
-    if (input == nullptr || !canAddInputLocked(*input, faults)) {
-        log("The simulated session cannot take the input");
-        return;
-    }
-    const bool isVideo = input->device()->mediaType() == MediaType::Video;
-    inputs_.push_back(std::move(input));
-    connectLocked();
-    if (isVideo) applyPresetLocked();
-}
-
-void SimulatedSession::removeInput(const std::shared_ptr<CaptureDeviceInput>& input) {
-    const std::lock_guard lock(mutex_);
-    std::erase(inputs_, input);
-    connectLocked();
-}
-
-bool SimulatedSession::canAddOutputLocked(const CaptureOutput& output, const SimulatedFaults& faults) const {
-    const auto* const simulated = dynamic_cast<const SimulatedOutput*>(&output);
-    if (simulated == nullptr || simulated->refused(faults) || simulated->isTaken()) return false;
-    return std::none_of(outputs_.begin(), outputs_.end(),
-                        [&](const auto& present) { return typeid(*present) == typeid(output); });
-}
-
-bool SimulatedSession::canAddOutput(const CaptureOutput& output) const {
-    const SimulatedFaults faults = control_->faults();
-    const std::lock_guard lock(mutex_);
-    return canAddOutputLocked(output, faults);
-}
-
-void SimulatedSession::addOutput(std::shared_ptr<CaptureOutput> output) {
-    const SimulatedFaults faults = control_->faults();
-    const std::lock_guard lock(mutex_);
-    if (output == nullptr || !canAddOutputLocked(*output, faults) || !dynamic_cast<SimulatedOutput&>(*output).take()) {
-        log("The simulated session cannot take the output");
-        return;
-    }
-    outputs_.push_back(std::move(output));
-    connectLocked();
-}
-
-void SimulatedSession::removeOutput(const std::shared_ptr<CaptureOutput>& output) {
-    const std::lock_guard lock(mutex_);
-    if (std::erase(outputs_, output) == 0) return;
-    auto& simulated = dynamic_cast<SimulatedOutput&>(*output);
-    simulated.setConnected(false);
-    simulated.giveBack();
-}
-
-std::vector<std::shared_ptr<CaptureOutput>> SimulatedSession::outputs() const {
-    const std::lock_guard lock(mutex_);
-    return outputs_;
+    const bool hadCamera = hasCamera();
+    CaptureSessionBase::addInput(std::move(input));
+    if (!hadCamera) applyPreset();
 }
 
 std::shared_ptr<CaptureConnection> SimulatedSession::previewConnection() const {
-    const std::lock_guard lock(mutex_);
-    return previewConnection_;
-}
-
-bool SimulatedSession::isRunning() const {
-    const std::lock_guard lock(mutex_);
-    return running_;
-}
-
-nanoseconds SimulatedSession::masterClockTime() const {
-    return control_->scene->clockTime();
-}
-
-nanoseconds SimulatedSession::framePeriod() const {
-    return nanoseconds(std::llround(1e9 / control_->options.frameRate));
+    return hasCamera() ? previewConnection_ : nullptr;
 }
 
 void SimulatedSession::startRunning() {
@@ -293,7 +166,7 @@ std::string SimulatedSession::startLocked() {
     auto run = std::make_shared<Run>(control_->scene->begin());
     if (control_->options.pacing == SimulatedPacing::Timer) {
         try {
-            run->startThread(weak_from_this(), run, control_->scene->clock(), control_->options.frameRate);
+            run->pace(weak_from_this(), control_->scene->clock(), control_->options.frameRate);
         } catch (const std::system_error& error) {
             return error.what();
         }
@@ -326,9 +199,9 @@ void SimulatedSession::tick(nanoseconds clockTime) {
     if (run->isEnding()) return;
     const SimulatedFaults faults = control_->faults();
     const nanoseconds scriptTime = control_->scene->timeAt(clockTime);
-    const Joined joined = joinedParts();
-
-    if (faults.deviceLost && joined.camera != nullptr) {
+    const auto parts = this->parts();
+    const auto& camera = parts->camera;
+    if (faults.deviceLost && camera != nullptr) {
         {
             const std::lock_guard lock(mutex_);
             if (run_ == run) running_ = false;
@@ -337,32 +210,28 @@ void SimulatedSession::tick(nanoseconds clockTime) {
         log("The simulated camera was disconnected");
         return;
     }
-    if (joined.video != nullptr && joined.camera != nullptr && !faults.framesStall) {
-        const auto size = joined.camera->activeFormat()->formatDescription;
+    if (parts->video && camera && !faults.framesStall) {
+        auto& video = static_cast<SimulatedVideoDataOutput&>(*parts->video);
+        const auto format = camera->activeFormat()->formatDescription;
+        video.setSensorSize({format.width, format.height});
         ++run->frames;
         const bool drop = faults.dropEvery > 0 && run->frames % faults.dropEvery == 0;
-        joined.video->setSensorSize(size.width, size.height);
-        joined.video->deliver(scriptTime, {.presentationTime = clockTime, .duration = framePeriod()}, drop);
+        const nanoseconds period(std::llround(1e9 / control_->options.frameRate));
+        video.draw(scriptTime, {.presentationTime = clockTime, .duration = period}, drop);
     }
-    if (joined.audio != nullptr) {
-        constexpr int kBlock = SimulatedAudioDataOutput::kBlockSamples;
+    if (parts->audio) {
         const nanoseconds elapsed = clockTime - run->start;
-        while (timeOfSamples(run->samples + kBlock) + kLongestSilence < elapsed) run->samples += kBlock;
-        for (; timeOfSamples(run->samples + kBlock) <= elapsed; run->samples += kBlock) {
-            joined.audio->deliver(run->samples, {.presentationTime = run->start + timeOfSamples(run->samples),
-                                                 .duration = timeOfSamples(kBlock)});
+        while (timeOfSamples(run->samples + kBlockSamples) + kLongestSilence < elapsed) run->samples += kBlockSamples;
+        for (; timeOfSamples(run->samples + kBlockSamples) <= elapsed; run->samples += kBlockSamples) {
+            const SampleTiming timing{run->start + timeOfSamples(run->samples), timeOfSamples(kBlockSamples)};
+            if (parts->audio->isDelivering())
+                parts->audio->deliver(SampleBuffer::makeAudio(toneAt(run->samples), timing));
         }
     }
-    if (joined.metadata != nullptr && !faults.framesStall) {
+    if (parts->metadata && parts->metadata->isSearching() && !faults.framesStall) {
         if (const auto barcode = control_->scene->frames().script().stateAt(scriptTime).barcode)
-            joined.metadata->deliver(*barcode);
+            parts->metadata->deliver({{kMetadataObjectTypePDF417Code, barcode, kBarcodeBounds}});
     }
-}
-
-SimulatedSession::Joined SimulatedSession::joinedParts() const {
-    const std::lock_guard lock(mutex_);
-    return {deviceLocked(MediaType::Video), outputLocked<SimulatedVideoDataOutput>(),
-            outputLocked<SimulatedAudioDataOutput>(), outputLocked<SimulatedMetadataOutput>()};
 }
 
 }  // namespace selvio

@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstring>
 #include <deque>
+#include <nlohmann/json.hpp>
 #include <set>
 
 #include "analyzer/AnalyzerFixture.h"

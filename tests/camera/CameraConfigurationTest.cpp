@@ -41,19 +41,6 @@ TEST(CameraConfiguration, shutDownInTheMiddleLeavesNothing) {
     EXPECT_THAT(rig.log.take(), IsEmpty());
 }
 
-// A configuration of a configured camera is refused, and its own input must not stand in for the first one's.
-TEST(CameraConfiguration, aSecondOneLeavesNoInputBehind) {
-    CameraRig rig;
-    rig.makeConfigured(true);
-    const auto session = std::dynamic_pointer_cast<FakeCaptureSession>(rig.camera->session());
-    EXPECT_EQ(session->inputs().size(), 2u);
-    rig.configure();
-    EXPECT_THAT(rig.log.take(), ElementsAre("Could not add video device input to the session"));
-    EXPECT_EQ(session->inputs().size(), 2u);
-    rig.camera->shutdown();
-    EXPECT_THAT(session->inputs(), IsEmpty());
-}
-
 // Whatever waits on the main queue, which the host need not run; and what another thread held last leaves its view to
 // the main thread.
 TEST(CameraConfiguration, nothingQueuedKeepsTheCamera) {

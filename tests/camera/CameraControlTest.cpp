@@ -47,68 +47,6 @@ TEST(CameraControl, initializers) {
     }
 }
 
-TEST(CameraControl, torch) {
-    CameraRig rig;
-    rig.make();
-    EXPECT_FALSE(rig.camera->hasTorch() || rig.camera->turnTorchOn() || rig.camera->turnTorchOff()) << "no device yet";
-    rig.makeConfigured();
-    EXPECT_FALSE(rig.camera->hasTorch() || rig.camera->turnTorchOn() || rig.camera->turnTorchOff());
-
-    rig.capture->torch = true;
-    rig.capture->lockFails = true;  // makes no difference
-    EXPECT_TRUE(rig.camera->hasTorch() && rig.camera->turnTorchOn());
-    rig.main->advance(kTorchDelay - std::chrono::nanoseconds(1));
-    EXPECT_FALSE(rig.camera->isTorchON());
-    rig.main->advance(std::chrono::nanoseconds(1));
-    EXPECT_TRUE(rig.camera->isTorchON() && rig.camera->isTorchOn());
-    EXPECT_TRUE(rig.camera->turnTorchOff());
-    EXPECT_FALSE(rig.camera->isTorchOn());
-    EXPECT_THAT(rig.capture->calls.take(), ElementsAre("camera lock", "camera torch on", "camera unlock", "camera lock",
-                                                       "camera torch off", "camera unlock"));
-}
-
-TEST(CameraControl, lifeCycle) {
-    CameraRig rig;
-    rig.make();
-    const auto post = [&rig](ApplicationNotification notification) { rig.notifications->post(notification); };
-    post(ApplicationNotification::WillResignActive);
-    post(ApplicationNotification::WillResignActive);
-    post(ApplicationNotification::DidBecomeActive);
-    ASSERT_EQ(rig.view->subviews.size(), 1u);
-    EXPECT_EQ(rig.view->subviews[0].style, 1);
-    EXPECT_EQ(rig.view->subviews[0].tag, 77);
-    EXPECT_EQ(rig.view->subviews[0].frame, (Rect{0.0, 0.0, 300.0, 600.0}));
-    rig.files->put("selvio_a.mp4");
-    post(ApplicationNotification::WillTerminate);
-    EXPECT_THAT(rig.files->names(), IsEmpty());
-}
-
-// Shut down, or gone while a requested stop still keeps what the camera remembers.
-TEST(CameraControl, afterwardsNobodyHearsAnything) {
-    for (const bool gone : {true, false}) {
-        CameraRig rig;
-        rig.capture->torch = gone;
-        rig.makeConfigured(false, true);
-        rig.files->put("selvio_a.mp4");
-        const auto video = rig.video();
-        rig.camera->turnTorchOn();
-        rig.camera->stopRecording();
-        video->deliver(frame());
-        video->drop(frame());
-        std::dynamic_pointer_cast<FakeMetadataOutput>(rig.camera->metaDataOutput())
-            ->decode({{kMetadataObjectTypePDF417Code, "late", {}}});
-        gone ? rig.camera.reset() : rig.camera->shutdown();
-        (void)rig.capture->calls.take();
-        rig.main->advance(kTorchDelay);
-        rig.run();
-        rig.notifications->post(ApplicationNotification::WillResignActive);
-        rig.notifications->post(ApplicationNotification::WillTerminate);
-        EXPECT_THAT(rig.capture->calls.take(), IsEmpty());
-        EXPECT_THAT(rig.events, IsEmpty());
-        EXPECT_TRUE(rig.view->subviews.empty() && rig.files->names().size() == 1u);
-    }
-}
-
 // A delegate call that runs is waited for, but not by one.
 TEST(CameraControl, shutdownWaitsForTheCallThatRuns) {
     for (const bool fromWithin : {false, true}) {

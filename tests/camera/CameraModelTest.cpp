@@ -665,6 +665,8 @@ private:
         EXPECT_EQ(camera.resolution().width, m.resolution);
         EXPECT_EQ(camera.videoRecordingUrl().value_or("").string(), m.path.value_or(""));
         EXPECT_EQ(rig_.view->subviews.size(), static_cast<std::size_t>(m.covers));
+        for (const BlurView& cover : rig_.view->subviews)
+            EXPECT_TRUE(cover.style == 1 && cover.tag == 77 && cover.frame == (Rect{0.0, 0.0, 300.0, 600.0}));
         EXPECT_EQ(static_cast<int>(session_->inputs().size()), m.cameraJoined + m.microphoneJoined);
         EXPECT_EQ(session_->outputs().size(), m.outputs.size());
         return !testing::Test::HasFailure();

@@ -53,64 +53,6 @@ TEST(CameraRecording, callsInOrderForAWholeRecording) {
     EXPECT_THAT(rig.log.take(), ElementsAre("*** AVAssetWriterStatusFailed"));
 }
 
-TEST(CameraRecording, endings) {
-    using Spoil = std::function<void(CameraRig&)>;
-    const Spoil nothing = [](CameraRig&) {};
-    const Spoil unimplemented = [](CameraRig& rig) { rig.delegate->didFinishRecordingVideo = {}; };
-    const Spoil delegateTaken = [](CameraRig& rig) { rig.camera->setDelegate(nullptr); };
-    const Spoil undeletable = [](CameraRig& rig) { rig.files->undeletable = {"selvio_r.mp4"}; };
-    const Spoil fileGone = [](CameraRig& rig) { (void)rig.files->removeItem("/documents/selvio_r.mp4"); };
-    const struct {
-        AssetWriterStatus status;
-        Spoil spoil;
-        Strings log;
-        bool delivered, fileLeft;
-    } rows[] = {{AssetWriterStatus::Completed, nothing, {}, true, false},
-                {AssetWriterStatus::Completed, unimplemented, {}, false, true},
-                {AssetWriterStatus::Completed, delegateTaken, {}, false, true},
-                {AssetWriterStatus::Completed, undeletable, {}, true, true},
-                {AssetWriterStatus::Completed,
-                 fileGone,
-                 {"Couldn't read item at path: selvio_r.mp4\nno such file"},
-                 false,
-                 false},
-                {AssetWriterStatus::Failed, nothing, {"*** AVAssetWriterStatusFailed"}, false, true},
-                {AssetWriterStatus::Cancelled, nothing, {"*** AVAssetWriterStatusCancelled"}, false, true},
-                {AssetWriterStatus::Unknown, nothing, {"*** AVAssetWriterStatus other"}, false, true}};
-    for (const auto& row : rows) {
-        CameraRig rig;
-        rig.makeRecording();
-        rig.camera->setVideoRecordingUrl("/documents/selvio_r.mp4");
-        rig.camera->stopRecording();
-        rig.run();
-        rig.files->put("selvio_r.mp4", {1});
-        row.spoil(rig);
-        const auto writer = writerOf(rig);
-        rig.camera->setVideoRecordingUrl("/documents/the next one");  // begun meanwhile
-        rig.camera.reset();                                           // and the camera may be gone
-        writer->finish(row.status);
-        EXPECT_EQ(rig.log.take(), row.log);
-        EXPECT_EQ(rig.events.size(), row.delivered ? 1u : 0u);
-        EXPECT_EQ(rig.files->names().size(), row.fileLeft ? 1u : 0u);
-    }
-}
-
-TEST(CameraRecording, aStopFindsARecordingThatIsAboutToBegin) {
-    for (const bool recordVideo : {true, false}) {
-        CameraRig rig;
-        rig.writing->finishesAtOnce = true;
-        rig.makeConfigured();
-        rig.camera->parameters()->setRecordVideo(true);
-        rig.camera->start();
-        rig.runSessionQueue();
-        rig.camera->parameters()->setRecordVideo(recordVideo);
-        rig.camera->stop();
-        rig.camera->parameters()->setRecordVideo(true);
-        rig.run();
-        EXPECT_EQ(rig.writing->calls.take().back(), recordVideo ? "finish" : "from 42 s");
-    }
-}
-
 TEST(CameraRecording, aRequestedStopOutlivesTheCameraAndAStartDoesNot) {
     CameraRig rig;
     rig.makeRecording();

@@ -12,24 +12,6 @@ namespace {
 
 constexpr PixelFormat k420v = kPixelFormat420v;
 
-TEST(CameraRules, presetFallsBackInOrder) {
-    const struct {
-        std::set<std::string> taken;
-        std::string set;
-        int asked;
-    } rows[] = {{{"640x480", "1920x1080"}, "640x480", 1},
-                {{"1920x1080", "1280x720"}, "1920x1080", 2},
-                {{"1280x720"}, "1280x720", 3},
-                {{}, "High", 3}};
-    for (const auto& row : rows) {
-        int asked = 0;
-        EXPECT_EQ(
-            presetToSet("640x480", [&](const std::string& preset) { return ++asked, row.taken.contains(preset); }),
-            row.set);
-        EXPECT_EQ(asked, row.asked) << "High is set without asking";
-    }
-}
-
 TEST(CameraRules, formatSearchStopsOnlyAtANewWidest) {
     const auto format = [](int width, int height, PixelFormat code = k420v) {
         return CaptureDeviceFormat{{code, width, height}, 30.0};
@@ -49,17 +31,6 @@ TEST(CameraRules, formatSearchStopsOnlyAtANewWidest) {
         {"code with bits above the 32", {format(1280, 720)}, (std::int64_t{1} << 40) | k420v, std::nullopt},
     };
     for (const auto& row : rows) EXPECT_EQ(searchFormat(row.formats, row.code, {1280, 720}), row.found) << row.what;
-}
-
-TEST(CameraRules, orientations) {
-    const std::int64_t rows[][3] = {{0, 1, 3}, {1, 1, 1}, {2, 2, 2},
-                                    {3, 3, 3}, {4, 4, 4}, {5, 5, 3}};  // camera, preview, outputs
-    for (const auto& [value, preview, output] : rows) {
-        const auto camera = static_cast<VideoOrientation>(value);
-        EXPECT_EQ(static_cast<std::int64_t>(previewOrientation(camera)), preview);
-        EXPECT_EQ(static_cast<std::int64_t>(outputOrientation(camera)), output);
-        EXPECT_EQ(isOrientation(camera), value >= 1 && value <= 4);
-    }
 }
 
 TEST(CameraRules, bitRates) {

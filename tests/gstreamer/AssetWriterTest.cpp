@@ -370,6 +370,8 @@ TEST_F(AssetWriterTest, NamesThePackageThatIsMissing) {
         const auto input = c.audio ? factory->makeAudioInput({}) : factory->makeVideoInput({c.codec, 180, 320, {}});
         EXPECT_FALSE(writer->canAddInput(*input));
         EXPECT_THAT(log.take(), Contains(HasSubstr(c.package)));
+        writer->addInput(input);
+        EXPECT_FALSE(writer->startWriting()) << "there is no track";
     }
     EXPECT_EQ(recommendedVideoCodec({.preferHEVC = true}), kVideoCodecTypeHEVC);
     EXPECT_EQ(recommendedVideoCodec({.preferHEVC = true, .disabledElements = {"h265parse"}}), kVideoCodecTypeH264);

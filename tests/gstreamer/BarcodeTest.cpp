@@ -1,4 +1,4 @@
-#include "CaptureProbe.h"
+#include "CaptureRig.h"
 
 #include <ZXing/BitMatrix.h>
 #include <ZXing/MultiFormatWriter.h>

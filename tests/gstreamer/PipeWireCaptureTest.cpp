@@ -1,5 +1,5 @@
 // A real capture stack: a PipeWire of its own, on which a program publishes cameras.
-#include "CaptureProbe.h"
+#include "CaptureRig.h"
 #include "support/Child.h"
 
 #include <platform/linux/gstreamer/PipeWireDevices.h>

@@ -103,9 +103,6 @@ TEST(CropFor, CutsTheMiddleInTheShapeOfTheOrientation) {
 }
 
 TEST(Preview, FillsTheSurfaceMirrored) {
-    EXPECT_EQ(cropToFill(404, 720, {360, 640}), (FrameCrop{0, 0, 404, 718}));
-    EXPECT_EQ(cropToFill(1280, 720, {100, 100}), (FrameCrop{280, 0, 720, 720}));
-    EXPECT_EQ(cropToFill(64, 48, {0, 0}), (FrameCrop{0, 0, 64, 48}));
     // The left quarter of the frame appears at the right; 100 x 200 shows the middle half of a square.
     EXPECT_EQ(onMirroredSurface({0, 0, 0.25, 1}, 100, 100, {200, 200}), (Rect{150, 0, 50, 200}));
     EXPECT_EQ(onMirroredSurface({0.5, 0.25, 0.25, 0.5}, 100, 100, {100, 200}), (Rect{0, 50, 50, 100}));
@@ -175,17 +172,6 @@ TEST(VideoEncoders, HardwareByRankComesBeforeSoftwareInOrder) {
             names.push_back(encoder->element);
         EXPECT_EQ(names, c.expected) << c.codec;
     }
-}
-
-TEST(VideoEncoders, BitRateIsPutInTheEncodersOwnUnit) {
-    using Setting = std::pair<std::string, std::string>;
-    EXPECT_EQ(bitRateSetting({.element = "a", .unit = BitRateUnit::KilobitsPerSecond}, 1'627'777),
-              (Setting{"bitrate", "1628"}));
-    EXPECT_EQ(bitRateSetting({.element = "b", .unit = BitRateUnit::BitsPerSecond}, 1'627'777),
-              (Setting{"bitrate", "1627777"}));
-    const auto [property, value] = bitRateSetting({.element = "c", .unit = BitRateUnit::V4l2Control}, 1'627'777);
-    EXPECT_EQ(property, "extra-controls");
-    EXPECT_NE(value.find("video_bitrate=1627777"), std::string::npos);
 }
 
 }  // namespace

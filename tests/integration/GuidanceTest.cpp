@@ -145,15 +145,5 @@ TEST_F(Guidance, ASteadyFaceUnderSensorNoiseDoesNotFlicker) {
     EXPECT_LE(flickers, 1);
 }
 
-TEST_F(Guidance, AnEmptySceneAndTwoPeopleAreTold) {
-    EXPECT_EQ(
-        judge(frames(R"({"at": 0, "visible": false, "noise": 2})")->frame({}, kWidth, kHeight, kPixelFormat32BGRA)),
-        Statuses{SelvioFacialCaptureStatusFaceNotFound});
-    const auto two = frames(
-        R"({"at": 0, "visible": true, "center": [0.27, 0.45], "jawWidth": 0.36, "second": {"center": [0.75, 0.45], "jawWidth": 0.36, "roll": 0}})");
-    EXPECT_EQ(judge(two->frame({}, kWidth, kHeight, kPixelFormat32BGRA)),
-              Statuses{SelvioFacialCaptureStatusMoreThanOneFace});
-}
-
 }  // namespace
 }  // namespace selvio

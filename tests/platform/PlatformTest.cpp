@@ -8,17 +8,12 @@
 namespace selvio {
 namespace {
 
-TEST(DefaultPlatform, IsTheOneSetElseTheOneOfferedMadeOnce) {
-    int made = 0;
-    offerDefaultPlatform([&made] {
-        if (++made == 1) (void)defaultPlatform();  // an adapter's log sink may ask for it
-        return makePortablePlatform();
-    });
-    const auto first = defaultPlatform().notificationCenter;
-    ASSERT_NE(first, nullptr);
-    EXPECT_EQ(defaultPlatform().notificationCenter, first);
-    EXPECT_EQ(made, 2) << "by the two calls that overlapped";
-    Platform other = makePortablePlatform();
+TEST(DefaultPlatform, IsThePortableOneUntilAnotherIsSet) {
+    const auto first = defaultPlatform();
+    EXPECT_NE(first.mainQueue, nullptr);
+    EXPECT_EQ(first.captureSystem, nullptr);
+    EXPECT_EQ(defaultPlatform().notificationCenter, first.notificationCenter);
+    const Platform other = makePortablePlatform();
     setDefaultPlatform(other);
     EXPECT_EQ(defaultPlatform().notificationCenter, other.notificationCenter);
 }

@@ -3,13 +3,13 @@
 #include <gmock/gmock.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <cstring>
 #include <thread>
 
 #include "platform/simulated/SimulatedFaceDetector.h"
 #include "platform/simulated/SimulatedMotionManager.h"
 #include "tests/simulated/SimulatedSupport.h"
+#include "tests/support/CaptureProbe.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/ManualClock.h"
 #include "tests/support/ManualQueue.h"
@@ -18,44 +18,8 @@ namespace selvio {
 namespace {
 
 using namespace std::chrono_literals;
+using test::CaptureProbe;
 using ::testing::ElementsAre;
-
-class Recorder final : public CaptureOutputDelegate {
-public:
-    void captureOutputDidOutputSampleBuffer(const CaptureOutput&, const std::shared_ptr<SampleBuffer>& sample,
-                                            const std::shared_ptr<CaptureConnection>&) override {
-        add(sample->audio() == nullptr ? frames : sounds, sample);
-    }
-    void captureOutputDidDropSampleBuffer(const CaptureOutput&, const std::shared_ptr<SampleBuffer>& sample,
-                                          const std::shared_ptr<CaptureConnection>&) override {
-        add(drops, sample);
-    }
-    void captureOutputDidOutputMetadataObjects(const CaptureOutput&, const std::vector<MetadataObject>& objects,
-                                               const std::shared_ptr<CaptureConnection>&) override {
-        for (const MetadataObject& object : objects)
-            codes.push_back(object.type + ":" + object.stringValue.value_or(""));
-    }
-    void waitForFrames(std::size_t count) {
-        std::unique_lock lock(mutex);
-        changed.wait(lock, [&] { return frames.size() >= count; });
-    }
-
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::vector<std::shared_ptr<SampleBuffer>> frames, sounds, drops;  // guarded by mutex
-    std::vector<std::string> codes;
-    std::function<void()> onFrame;
-
-private:
-    void add(std::vector<std::shared_ptr<SampleBuffer>>& list, const std::shared_ptr<SampleBuffer>& sample) {
-        {
-            const std::lock_guard lock(mutex);
-            list.push_back(sample);
-        }
-        changed.notify_all();
-        if (onFrame && &list == &frames) onFrame();
-    }
-};
 
 // A capture system and, after `build`, one session with everything joined.
 struct Rig {
@@ -78,9 +42,10 @@ struct Rig {
         session->addOutput(video);
         session->addOutput(audio);
         session->addOutput(metadata);
-        video->setSampleBufferDelegate(recorder, queue);
-        audio->setSampleBufferDelegate(recorder, queue);
-        metadata->setMetadataObjectsDelegate(recorder, queue);
+        probe = std::make_shared<CaptureProbe>(queue);
+        video->setSampleBufferDelegate(probe, queue);
+        audio->setSampleBufferDelegate(probe, queue);
+        metadata->setMetadataObjectsDelegate(probe, queue);
     }
     void buildAndRun() {
         build(queue);
@@ -95,7 +60,7 @@ struct Rig {
     std::shared_ptr<ManualQueue> queue = std::make_shared<ManualQueue>();
     std::shared_ptr<const SimulatedFrames> frames;
     std::shared_ptr<SimulatedCaptureSystem> system;
-    std::shared_ptr<Recorder> recorder = std::make_shared<Recorder>();
+    std::shared_ptr<CaptureProbe> probe;
     std::shared_ptr<CaptureSession> session;
     std::shared_ptr<CaptureDevice> camera;
     std::shared_ptr<VideoDataOutput> video = system->makeVideoDataOutput();
@@ -162,8 +127,7 @@ TEST(SimulatedCapture, FramesFollowPresetFormatAndOrientation) {
         rig.video->setPixelFormat(row.format);
         rig.video->connections().at(0)->setVideoOrientation(row.orientation);
         rig.step(40ms);
-        ASSERT_EQ(rig.recorder->frames.size(), 1u);
-        EXPECT_EQ(rig.recorder->frames[0]->formatDescription(), row.expected) << row.preset;
+        EXPECT_EQ(rig.probe->last_, row.expected) << row.preset;
         const auto settings = rig.video->recommendedVideoSettings(kFileTypeMPEG4);
         EXPECT_EQ(std::pair(settings.width, settings.height), std::pair(row.expected.width, row.expected.height));
     }
@@ -195,69 +159,21 @@ TEST(SimulatedCapture, PermissionsAnswerAsSet) {
     }
 }
 
-TEST(SimulatedCapture, EachFaultStopsWhatItNames) {
-    Rig rig;
-    const auto camera = rig.system->defaultDevice(MediaType::Video),
-               microphone = rig.system->defaultDevice(MediaType::Audio);
-    const auto cameraInput = rig.system->makeDeviceInput(camera).value(),
-               soundInput = rig.system->makeDeviceInput(microphone).value();
-    const auto session = rig.system->makeSession();
-    const std::pair<SimulatedFaults, std::function<bool()>> rows[] = {
-        {{}, [] { return true; }},
-        {{.noCamera = true}, [&] { return rig.system->defaultDevice(MediaType::Video) != nullptr; }},
-        {{.noMicrophone = true}, [&] { return rig.system->defaultDevice(MediaType::Audio) != nullptr; }},
-        {{.videoInputFails = true}, [&] { return bool(rig.system->makeDeviceInput(camera)); }},
-        {{.audioInputFails = true}, [&] { return bool(rig.system->makeDeviceInput(microphone)); }},
-        {{.videoInputRefused = true}, [&] { return session->canAddInput(*cameraInput); }},
-        {{.audioInputRefused = true}, [&] { return session->canAddInput(*soundInput); }},
-        {{.videoOutputRefused = true}, [&] { return session->canAddOutput(*rig.video); }},
-        {{.audioOutputRefused = true}, [&] { return session->canAddOutput(*rig.audio); }},
-        {{.metadataOutputRefused = true}, [&] { return session->canAddOutput(*rig.metadata); }},
-        {{.lockFails = true}, [&] { return !camera->lockForConfiguration(); }},
-        {{.refusedPresets = {kCaptureSessionPreset1280x720}},
-         [&] { return session->canSetSessionPreset(kCaptureSessionPreset1280x720); }},
-    };
-    for (std::size_t set = 0; set < std::size(rows); ++set) {
-        rig.system->setFaults(rows[set].first);
-        for (std::size_t i = 1; i < std::size(rows); ++i)
-            EXPECT_EQ(rows[i].second(), i != set) << "fault " << set << ", answer " << i;
-    }
-}
-
 TEST(SimulatedCapture, DeliversTheFrameOfTheTimeOnItsStamp) {
     Rig rig(
         R"({"at": 0, "visible": true, "center": [0.5, 0.5], "jawWidth": 0.3, "noise": 2}, {"at": 1, "jawWidth": 0.6})");
     rig.buildAndRun();
+    std::shared_ptr<SampleBuffer> sample;
+    rig.probe->onFrame = [&](const auto& frame) { sample = frame; };
     EXPECT_EQ(rig.session->masterClockTime(), 1000s);
     rig.clock->advance(7s);  // time set by hand does not run with the clock
     rig.step(500ms);
     EXPECT_EQ(rig.session->masterClockTime(), 1000s + 500ms);
-    ASSERT_EQ(rig.recorder->frames.size(), 1u);
-    const auto& sample = rig.recorder->frames[0];
+    ASSERT_TRUE(sample);
     EXPECT_EQ(sample->timing().presentationTime, 1000s + 500ms);
     EXPECT_EQ(sample->timing().duration, 33333333ns);
     const auto same = rig.frames->frame(500ms, 1280, 720, kPixelFormat32BGRA);
     EXPECT_EQ(std::memcmp(sample->imageBuffer()->data(), same->data(), same->layout().byteSize()), 0);
-}
-
-TEST(SimulatedCapture, LateFramesAreDroppedUnlessKept) {
-    Rig rig;
-    rig.buildAndRun();
-    for (int i = 0; i < 4; ++i) rig.system->deliverFrameAt(i * 33ms);
-    rig.queue->runAll();
-    EXPECT_EQ(rig.recorder->frames.size(), 1u);
-    EXPECT_EQ(rig.recorder->frames[0]->timing().presentationTime, 1000s + 99ms) << "the newest";
-    ASSERT_EQ(rig.recorder->drops.size(), 3u);
-    for (int i = 0; i < 3; ++i) {
-        const SampleBuffer& notice = *rig.recorder->drops[static_cast<std::size_t>(i)];
-        EXPECT_EQ(notice.imageBuffer(), nullptr);
-        EXPECT_EQ(notice.timing().presentationTime, 1000s + i * 33ms);
-    }
-    rig.video->setAlwaysDiscardsLateVideoFrames(false);
-    for (int i = 4; i < 8; ++i) rig.system->deliverFrameAt(i * 33ms);
-    rig.queue->runAll();
-    EXPECT_EQ(rig.recorder->frames.size(), 5u);
-    EXPECT_EQ(rig.recorder->drops.size(), 3u);
 }
 
 TEST(SimulatedCapture, FaultsOfARunningSession) {
@@ -266,24 +182,26 @@ TEST(SimulatedCapture, FaultsOfARunningSession) {
     rig.buildAndRun();
     rig.system->setFaults({.dropEvery = 3});
     for (int i = 0; i < 6; ++i) rig.step(i * 33ms);
-    EXPECT_EQ(rig.recorder->frames.size(), 4u);
-    EXPECT_EQ(rig.recorder->drops.size(), 2u);
+    EXPECT_EQ(rig.probe->frames_.size(), 4u);
+    EXPECT_EQ(rig.probe->drops_.size(), 2u);
 
-    const std::size_t sounds = rig.recorder->sounds.size();
+    const std::size_t sounds = rig.probe->sounds_.size();
     rig.system->setFaults({.framesStall = true});
     rig.step(400ms);
-    EXPECT_EQ(rig.recorder->frames.size() + rig.recorder->drops.size(), 6u);
-    EXPECT_GT(rig.recorder->sounds.size(), sounds);
+    EXPECT_EQ(rig.probe->frames_.size() + rig.probe->drops_.size(), 6u);
+    EXPECT_GT(rig.probe->sounds_.size(), sounds);
     EXPECT_TRUE(rig.session->isRunning());
 
     rig.system->setFaults({.deviceLost = true});
     rig.step(500ms);
     EXPECT_FALSE(rig.session->isRunning());
-    EXPECT_EQ(rig.recorder->frames.size(), 4u);
+    EXPECT_EQ(rig.probe->frames_.size(), 4u);
     rig.session->startRunning();
     EXPECT_FALSE(rig.session->isRunning());
     EXPECT_EQ(rig.system->defaultDevice(MediaType::Video), nullptr);
-    rig.system->setFaults({.startFails = true});
+    rig.system->setFaults({.noCamera = true, .noMicrophone = true, .startFails = true});
+    EXPECT_EQ(rig.system->defaultDevice(MediaType::Video), nullptr);
+    EXPECT_EQ(rig.system->defaultDevice(MediaType::Audio), nullptr);
     rig.session->startRunning();
     EXPECT_FALSE(rig.session->isRunning());
     EXPECT_THAT(logged.take(), ElementsAre("The simulated camera was disconnected",
@@ -292,41 +210,24 @@ TEST(SimulatedCapture, FaultsOfARunningSession) {
     rig.system->setFaults({});
     rig.session->startRunning();
     rig.step(600ms);
-    EXPECT_EQ(rig.recorder->frames.size(), 5u);
+    EXPECT_EQ(rig.probe->frames_.size(), 5u);
     rig.session->stopRunning();
     rig.step(700ms);
-    EXPECT_EQ(rig.recorder->frames.size(), 5u);
+    EXPECT_EQ(rig.probe->frames_.size(), 5u);
 }
 
 TEST(SimulatedCapture, CodesComeWhenTheyAreLookedFor) {
     Rig rig(std::string(kSteady) + R"(,{"at": 1, "barcode": "M1SMITH"}, {"at": 2, "barcode": null})");
     rig.buildAndRun();
     rig.step(1500ms);
-    EXPECT_TRUE(rig.recorder->codes.empty());
+    EXPECT_TRUE(rig.probe->objects_.empty());
     rig.metadata->setMetadataObjectTypes({kMetadataObjectTypePDF417Code});
     rig.system->setFaults({.framesStall = true});
     rig.step(1500ms);
     rig.system->setFaults({});
     for (const auto time : {500ms, 1500ms, 2500ms}) rig.step(time);
-    EXPECT_THAT(rig.recorder->codes, ElementsAre("PDF417:M1SMITH"));
-}
-
-TEST(SimulatedCapture, ClearingTheDelegateEndsTheDeliveries) {
-    Rig rig;
-    rig.buildAndRun();
-    rig.system->deliverFrameAt(0ms);
-    rig.video->setSampleBufferDelegate({}, nullptr);  // the queued frame is forgotten
-    rig.queue->runAll();
-    rig.step(33ms);
-    EXPECT_TRUE(rig.recorder->frames.empty());
-
-    rig.video->setSampleBufferDelegate(rig.recorder, rig.queue);
-    rig.recorder->onFrame = [&] {
-        rig.video->setSampleBufferDelegate({}, nullptr);
-    };  // from its own delivery: must not wait for itself
-    rig.step(66ms);
-    rig.step(99ms);
-    EXPECT_EQ(rig.recorder->frames.size(), 1u);
+    ASSERT_EQ(rig.probe->objects_.size(), 1u);
+    EXPECT_EQ(rig.probe->objects_[0].stringValue, "M1SMITH");
 }
 
 // Runs by itself, on a queue of its own.
@@ -340,12 +241,12 @@ struct TimedRig : Rig {
 
 TEST(SimulatedCapture, ADelegateMayStopTheSession) {
     TimedRig rig;
-    rig.recorder->onFrame = [session = rig.session] { session->stopRunning(); };
+    rig.probe->onFrame = [session = rig.session](const auto&) { session->stopRunning(); };
     rig.session->startRunning();
-    rig.recorder->waitForFrames(1);
+    rig.probe->waitForFrames(1);
     rig.frameQueue->drain();
     EXPECT_FALSE(rig.session->isRunning());
-    rig.recorder->onFrame = nullptr;
+    rig.probe->onFrame = nullptr;
 }
 
 TEST(SimulatedCapture, ManyThreadsMayDriveOneSession) {
@@ -360,11 +261,12 @@ TEST(SimulatedCapture, ManyThreadsMayDriveOneSession) {
         },
         [&](int i) {
             i % 2 == 0 ? rig.video->setSampleBufferDelegate({}, nullptr)
-                       : rig.video->setSampleBufferDelegate(rig.recorder, rig.frameQueue);
+                       : rig.video->setSampleBufferDelegate(rig.probe, rig.frameQueue);
         },
         [&](int i) {
-            for (const auto& way : rig.video->connections())
-                way->setVideoOrientation(i % 2 == 0 ? VideoOrientation::Portrait : VideoOrientation::LandscapeLeft);
+            for (const auto& connection : rig.video->connections())
+                connection->setVideoOrientation(i % 2 == 0 ? VideoOrientation::Portrait
+                                                           : VideoOrientation::LandscapeLeft);
         },
         [&](int i) { rig.system->setFaults({.deviceLost = i % 16 == 0, .dropEvery = i % 3}); },
         [&](int i) { i % 2 == 0 ? rig.session->removeOutput(rig.audio) : rig.session->addOutput(rig.audio); },
@@ -378,11 +280,11 @@ TEST(SimulatedCapture, ManyThreadsMayDriveOneSession) {
     for (auto& thread : threads) thread.join();
     rig.session->stopRunning();
     rig.frameQueue->drain();
-    rig.recorder->frames.clear();
+    rig.probe->frames_.clear();
     rig.system->setFaults({});
-    rig.video->setSampleBufferDelegate(rig.recorder, rig.frameQueue);
+    rig.video->setSampleBufferDelegate(rig.probe, rig.frameQueue);
     rig.session->startRunning();
-    rig.recorder->waitForFrames(3);  // and the running session's end is the end of its thread
+    rig.probe->waitForFrames(3);  // and the running session's end is the end of its thread
 }
 
 TEST(SimulatedMotionManager, ReadsTheScriptUntilStopped) {

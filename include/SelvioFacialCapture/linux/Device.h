@@ -2,12 +2,12 @@
 #pragma once
 
 #include <SelvioFacialCapture/base/Export.h>
+#include <SelvioFacialCapture/base/MemberMutex.h>
 #include <SelvioFacialCapture/platform/Device.h>
 
 #include <atomic>
 #include <filesystem>
 #include <functional>
-#include <mutex>
 #include <string>
 
 namespace selvio {
@@ -43,16 +43,16 @@ public:
     /// A size that is not finite and positive is logged, and `kDefaultSize` taken.
     explicit LinuxScreen(Size bounds = kDefaultSize);
 
-    [[nodiscard]] Size bounds() const override;
+    [[nodiscard]] Size bounds() const override { return mutex_.get(bounds_); }
     /// Takes effect for the next frame that asks. A size that is not finite and positive is logged and ignored.
     void setBounds(Size bounds);
 
     /// Portrait until set.
-    [[nodiscard]] InterfaceOrientation statusBarOrientation() const override;
-    void setStatusBarOrientation(InterfaceOrientation orientation);
+    [[nodiscard]] InterfaceOrientation statusBarOrientation() const override { return statusBarOrientation_; }
+    void setStatusBarOrientation(InterfaceOrientation orientation) { statusBarOrientation_ = orientation; }
 
 private:
-    mutable std::mutex mutex_;
+    mutable MemberMutex mutex_;
     Size bounds_ = kDefaultSize;  // guarded by mutex_
     std::atomic<InterfaceOrientation> statusBarOrientation_{InterfaceOrientation::Portrait};
 };

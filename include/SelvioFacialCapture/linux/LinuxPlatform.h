@@ -10,7 +10,7 @@ namespace selvio {
 
 /// A platform of Linux adapters: vision, JPEG and PNG files, device, screen, files, sensors, cameras, recording. The
 /// vision models start to load in the background. `recording`: what the cameras recommend for a recording, H.265 among
-/// it, and what writes it. A program that links this library and uses anything of it has this as its default platform.
+/// it, and what writes it.
 [[nodiscard]] SELVIO_EXPORT Platform makeLinuxPlatform(const VisionOptions& vision = {},
                                                        const RecordingOptions& recording = {});
 

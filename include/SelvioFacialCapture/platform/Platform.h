@@ -56,13 +56,9 @@ struct Platform {
 /// a thread of their own, a notification centre. Adapters add the rest.
 [[nodiscard]] SELVIO_EXPORT Platform makePortablePlatform();
 
-/// The platform used where an operation is called without one: the one set last; else the one that a linked adapter
-/// library offers, made on first use; else the portable parts alone.
+/// The platform used where an operation is called without one: the one set last, else the portable parts alone. A host
+/// of the Linux adapters says `setDefaultPlatform(makeLinuxPlatform())` before it makes its first object. Any thread.
 [[nodiscard]] SELVIO_EXPORT Platform defaultPlatform();
 SELVIO_EXPORT void setDefaultPlatform(Platform platform);
-
-/// For adapter libraries: offers a default platform. The last offer before first use counts. Returns true, so that a
-/// static variable can hold it.
-SELVIO_EXPORT bool offerDefaultPlatform(std::function<Platform()> make);
 
 }  // namespace selvio

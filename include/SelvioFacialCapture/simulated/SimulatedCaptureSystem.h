@@ -6,29 +6,19 @@
 #include <SelvioFacialCapture/simulated/SimulatedScene.h>
 
 #include <memory>
-#include <set>
 #include <string>
 
 namespace selvio {
 
 /// What goes wrong, for as long as it is set. The value-initialized struct is a system without faults.
 struct SimulatedFaults {
-    bool noCamera = false;               ///< discovery finds no camera
-    bool noMicrophone = false;           ///< there is no default audio device
-    bool videoInputFails = false;        ///< `makeDeviceInput` returns an error for a camera
-    bool audioInputFails = false;        ///< the same for the microphone
-    bool videoInputRefused = false;      ///< `canAddInput` says no to a camera
-    bool audioInputRefused = false;      ///< the same for the microphone
-    bool videoOutputRefused = false;     ///< `canAddOutput` says no to the video data output
-    bool audioOutputRefused = false;     ///< the same for the audio data output
-    bool metadataOutputRefused = false;  ///< the same for the metadata output
-    bool lockFails = false;              ///< `lockForConfiguration` returns an error
-    bool startFails = false;             ///< `startRunning` logs why and leaves the session stopped
-    bool deviceLost =
-        false;  ///< cameras are unplugged: a running session logs it, stops, and discovery finds no camera
+    bool noCamera = false;      ///< discovery finds no camera
+    bool noMicrophone = false;  ///< there is no default audio device
+    bool startFails = false;    ///< `startRunning` logs why and leaves the session stopped
+    /// Cameras are unplugged: a running session logs it, stops, and discovery finds no camera.
+    bool deviceLost = false;
     bool framesStall = false;  ///< the session runs, the microphone too, but no frame, drop notice or code comes
     int dropEvery = 0;         ///< every nth frame arrives as a drop notice; 0: none
-    std::set<std::string> refusedPresets{};  ///< `canSetSessionPreset` says no to these
 };
 
 enum class SimulatedPacing {

@@ -3,14 +3,11 @@
 #include "platform/linux/codec/JpegFile.h"
 #include "platform/linux/codec/PngFile.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
+#include <filesystem>
 #include <memory>
 #include <system_error>
 
@@ -24,26 +21,18 @@ struct CloseFile {
 };
 using File = std::unique_ptr<std::FILE, CloseFile>;
 
-Error systemError() {
-    return {std::generic_category().message(errno)};
-}
-
 /// Opens a regular file that is not empty, and tells its length.
 Expected<File> openPicture(const std::string& path, std::size_t& length) {
-    const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);  // does not wait for a pipe's writer
-    if (descriptor < 0) return systemError();
-    File file(fdopen(descriptor, "rb"));
-    if (!file) {
-        const Error error = systemError();
-        close(descriptor);
-        return error;
-    }
-    struct stat status {};
-    if (fstat(descriptor, &status) != 0) return systemError();
-    if (S_ISDIR(status.st_mode)) return Error{"a directory, not a picture"};
-    if (!S_ISREG(status.st_mode)) return Error{"not a regular file"};
-    if (status.st_size == 0) return Error{"empty"};
-    length = static_cast<std::size_t>(status.st_size);
+    std::error_code error;
+    const auto status = std::filesystem::status(path, error);
+    if (std::filesystem::is_directory(status)) return Error{"a directory, not a picture"};
+    if (std::filesystem::exists(status) && !std::filesystem::is_regular_file(status))
+        return Error{"not a regular file"};
+    File file(std::fopen(path.c_str(), "rbe"));
+    if (!file) return Error{std::generic_category().message(errno)};
+    length = std::filesystem::file_size(path, error);
+    if (error) return Error{error.message()};
+    if (length == 0) return Error{"empty"};
     return file;
 }
 

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <fstream>
 #include <string_view>
 #include <system_error>
 #include <tuple>
@@ -117,20 +118,6 @@ std::pair<fs::path, int> makeOwnDirectory(const fs::path& parent, std::error_cod
     }
 }
 
-class FileDescriptor {
-public:
-    explicit FileDescriptor(int descriptor) : descriptor_(descriptor) {}
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
-    ~FileDescriptor() {
-        if (descriptor_ >= 0) close(descriptor_);
-    }
-    [[nodiscard]] int get() const { return descriptor_; }
-
-private:
-    int descriptor_;
-};
-
 }  // namespace
 
 LinuxFileManager::LinuxFileManager(fs::path parent)
@@ -186,22 +173,17 @@ std::optional<Error> LinuxFileManager::removeItem(const fs::path& path) {
 }
 
 Expected<std::vector<std::uint8_t>> LinuxFileManager::readFile(const fs::path& path) const {
-    const FileDescriptor file(
-        open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));  // does not wait for a pipe's writer
-    struct stat status {};
-    if (file.get() < 0 || fstat(file.get(), &status) != 0) return failure(path, lastError());
-    if (S_ISDIR(status.st_mode)) return failure(path, std::make_error_code(std::errc::is_a_directory));
-    if (!S_ISREG(status.st_mode)) return Error{path.string() + ": not a regular file"};
-    std::vector<std::uint8_t> bytes(static_cast<std::size_t>(status.st_size));
-    std::size_t done = 0;
-    while (done < bytes.size()) {
-        const ssize_t count = read(file.get(), bytes.data() + done, bytes.size() - done);
-        if (count < 0 && errno == EINTR) continue;
-        if (count < 0) return failure(path, lastError());
-        if (count == 0) break;  // became shorter meanwhile
-        done += static_cast<std::size_t>(count);
-    }
-    bytes.resize(done);
+    std::error_code error;
+    const fs::file_status status = fs::status(path, error);
+    if (fs::is_directory(status)) return failure(path, std::make_error_code(std::errc::is_a_directory));
+    if (fs::exists(status) && !fs::is_regular_file(status)) return Error{path.string() + ": not a regular file"};
+    std::ifstream file(path, std::ios::binary);
+    if (!file) return failure(path, lastError());
+    std::vector<std::uint8_t> bytes(fs::file_size(path, error));
+    if (error) return failure(path, error);
+    file.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    if (file.bad()) return failure(path, lastError());
+    bytes.resize(static_cast<std::size_t>(file.gcount()));  // it may have become shorter meanwhile
     return bytes;
 }
 

@@ -91,16 +91,10 @@ std::optional<CaptureDeviceFormat> formatForPreset(const std::vector<CaptureDevi
     const auto area = [](const CaptureDeviceFormat& f) {
         return static_cast<std::int64_t>(f.formatDescription.width) * f.formatDescription.height;
     };
-    struct Named {
-        const char* preset;
-        int width, height;
-    };
-    for (const Named& named :
-         {Named{kCaptureSessionPreset1920x1080, 1920, 1080}, Named{kCaptureSessionPreset1280x720, 1280, 720},
-          Named{kCaptureSessionPreset640x480, 640, 480}}) {
-        if (preset != named.preset) continue;
+    for (const auto& [name, size] : kPresetSizes) {
+        if (preset != name) continue;
         const auto found = std::find_if(formats.begin(), formats.end(), [&](const auto& f) {
-            return longer(f) == named.width && shorter(f) == named.height;
+            return longer(f) == size.width && shorter(f) == size.height;
         });
         return found == formats.end() ? std::nullopt : std::optional(*found);
     }
@@ -120,10 +114,8 @@ std::optional<CaptureDeviceFormat> initialFormat(const std::vector<CaptureDevice
 }
 
 FrameCrop cropFor(int width, int height, VideoOrientation orientation) {
-    const bool wantsPortrait =
-        orientation == VideoOrientation::Portrait || orientation == VideoOrientation::PortraitUpsideDown;
-    const bool isPortrait = height > width;
-    if (wantsPortrait == isPortrait) return {0, 0, width, height};
+    const bool wantsPortrait = isPortrait(orientation);
+    if (wantsPortrait == (height > width)) return {0, 0, width, height};
     FrameCrop crop{0, 0, evenBelow(width), evenBelow(height)};
     if (wantsPortrait) {
         crop.width = std::min(evenBelow(crop.height * 9 / 16), crop.width);
@@ -132,17 +124,6 @@ FrameCrop cropFor(int width, int height, VideoOrientation orientation) {
         crop.height = std::min(evenBelow(crop.width * 9 / 16), crop.height);
         crop.y = evenBelow((height - crop.height) / 2);
     }
-    return crop;
-}
-
-FrameCrop cropToFill(int width, int height, Size surface) {
-    if (surface.width <= 0.0 || surface.height <= 0.0) return {0, 0, width, height};
-    const double shape = surface.width / surface.height;
-    FrameCrop crop{0, 0, evenBelow(width), evenBelow(height)};
-    crop.width = std::clamp(evenBelow(static_cast<int>(std::lround(crop.height * shape))), 2, crop.width);
-    crop.height = std::clamp(evenBelow(static_cast<int>(std::lround(crop.width / shape))), 2, crop.height);
-    crop.x = evenBelow((width - crop.width) / 2);
-    crop.y = evenBelow((height - crop.height) / 2);
     return crop;
 }
 

@@ -1,11 +1,10 @@
 // What capture decides: camera modes, presets, cropping, audio times. No GStreamer here.
 #pragma once
 
-#include "FrameCrop.h"
+#include "platform/capture/FrameSize.h"
 
 #include <SelvioFacialCapture/platform/Capture.h>
 
-#include <array>
 #include <string>
 #include <vector>
 
@@ -18,15 +17,6 @@ struct FrameRate {
     [[nodiscard]] double value() const { return denominator > 0 ? static_cast<double>(numerator) / denominator : 0.0; }
     friend bool operator==(const FrameRate&, const FrameRate&) = default;
 };
-
-/// Pixels.
-struct FrameSize {
-    int width = 0;
-    int height = 0;
-};
-
-/// The sizes to ask a camera for that takes a range of them: those of the presets.
-inline constexpr std::array kPresetSizes{FrameSize{640, 480}, FrameSize{1280, 720}, FrameSize{1920, 1080}};
 
 /// One way in which a camera sends frames.
 struct CameraMode {
@@ -67,9 +57,6 @@ void addMode(std::vector<CameraMode>& modes, CameraMode mode);
 
 /// The part of a sensor's picture that a connection of this orientation delivers. Sides and places are even.
 [[nodiscard]] FrameCrop cropFor(int width, int height, VideoOrientation orientation);
-
-/// The middle part of a picture that fills a surface of this shape.
-[[nodiscard]] FrameCrop cropToFill(int width, int height, Size surface);
 
 /// Where a part of a frame (normalized, from the top left) lies on a surface that shows the frame mirrored and filling
 /// it, in the surface's units.

@@ -109,38 +109,41 @@ bool sameShape(const PixelBufferLayout& frame, const VideoSettings& settings) {
     return std::abs(frameShape / fileShape - 1.0) <= kShapeTolerance;
 }
 
-// The writer itself only passes on; the recording may outlive it while the file is being finished.
-class GstAssetWriter final : public AssetWriter {
-public:
-    GstAssetWriter(fs::path path, RecordingOptions options)
-        : recording_(std::make_shared<GstRecording>(std::move(path), std::move(options))) {}
-    ~GstAssetWriter() override {
-        if (!finishing_) recording_->cancel();
-    }
+int rankOf(const std::string& element, const RecordingOptions& options) {
+    return std::ranges::count(options.disabledElements, element) > 0 ? -1 : elementRank(element);
+}
 
-    [[nodiscard]] AssetWriterStatus status() const override { return recording_->status(); }
-    [[nodiscard]] bool canAddInput(const AssetWriterInput& input) const override {
-        const auto* const own = dynamic_cast<const GstAssetWriterInput*>(&input);
-        return own != nullptr && recording_->canAdd(*own);
+// The first encoder that opens.
+Expected<const VideoEncoder*> chooseVideoEncoder(const std::string& codecName, const RecordingOptions& options) {
+    if (!startGStreamer()) return Error{"GStreamer could not start"};
+    const VideoCodec* const codec = findVideoCodec(codecName);
+    if (codec == nullptr) return Error{"video codec \"" + codecName + "\" is not recorded"};
+    const auto rank = [&](const std::string& element) { return rankOf(element, options); };
+    if (rank("mp4mux") < 0) return Error{std::string("no MP4 writer is installed: install ") + kMuxerPackage};
+    if (rank(codec->parser) < 0)
+        return Error{"no " + codec->parser + " is installed: install gstreamer1.0-plugins-bad"};
+    for (const VideoEncoder* const encoder : installedEncoders(*codec, rank)) {
+        if (opens(encoder->element)) return encoder;
     }
-    void addInput(std::shared_ptr<AssetWriterInput> input) override {
-        const auto own = std::dynamic_pointer_cast<GstAssetWriterInput>(input);
-        if (!own) return;
-        recording_->add(*own);
-        own->attach(recording_);
-    }
-    bool startWriting() override { return recording_->start(); }
-    void startSessionAtSourceTime(nanoseconds time) override { recording_->startSession(time); }
-    void finishWriting(std::function<void()> completion) override {
-        finishing_ = true;
-        recording_->finish(std::move(completion));
-    }
-    void cancelWriting() override { recording_->cancel(); }
+    return Error{"no " + codec->name + " encoder is installed: install " + codec->packages};
+}
 
-private:
-    const std::shared_ptr<GstRecording> recording_;
-    bool finishing_ = false;
-};
+Expected<const AudioEncoder*> chooseAudioEncoder(const RecordingOptions& options) {
+    if (!startGStreamer()) return Error{"GStreamer could not start"};
+    if (rankOf("mp4mux", options) < 0 || rankOf("aacparse", options) < 0)
+        return Error{std::string("no MP4 writer is installed: install ") + kMuxerPackage};
+    for (const AudioEncoder& encoder : audioEncoders()) {
+        if (rankOf(encoder.element, options) >= 0) return &encoder;
+    }
+    return Error{std::string("no AAC encoder is installed: install ") + kAacPackage};
+}
+
+std::optional<Error> sizeProblem(const VideoSettings& settings) {
+    const auto isPossible = [](int side) { return side >= 16 && side <= 8192 && side % 2 == 0; };
+    if (isPossible(settings.width) && isPossible(settings.height)) return std::nullopt;
+    return Error{"a recording cannot be " + std::to_string(settings.width) + "x" + std::to_string(settings.height) +
+                 " pixels in size"};
+}
 
 class GstAssetWriterFactory final : public AssetWriterFactory {
 public:
@@ -154,10 +157,10 @@ public:
         return std::shared_ptr<AssetWriter>(std::make_shared<GstAssetWriter>(path, options_));
     }
     [[nodiscard]] std::shared_ptr<AssetWriterInput> makeVideoInput(const VideoSettings& settings) override {
-        return std::make_shared<GstAssetWriterInput>(settings);
+        return std::make_shared<GstAssetWriterInput>(settings, chooseVideoEncoder(settings.codec, options_));
     }
     [[nodiscard]] std::shared_ptr<AssetWriterInput> makeAudioInput(const AudioSettings& settings) override {
-        return std::make_shared<GstAssetWriterInput>(settings);
+        return std::make_shared<GstAssetWriterInput>(settings, chooseAudioEncoder(options_));
     }
 
 private:
@@ -169,93 +172,52 @@ private:
 // ---- one track
 
 bool GstAssetWriterInput::isReadyForMoreMediaData() const {
-    const auto recording = recording_.lock();
-    return recording && recording->isReady(mediaType_);
+    const auto writer = writer_.lock();
+    return writer && writer->isReady(mediaType_);
 }
 
 bool GstAssetWriterInput::appendSampleBuffer(const std::shared_ptr<SampleBuffer>& sampleBuffer) {
-    const auto recording = recording_.lock();
-    if (!recording || !sampleBuffer) return false;
-    if (realTime_ && !recording->isReady(mediaType_)) return false;
-    return recording->append(mediaType_, sampleBuffer);
+    const auto writer = writer_.lock();
+    if (!writer || !sampleBuffer) return false;
+    if (realTime_ && !writer->isReady(mediaType_)) return false;
+    return writer->append(mediaType_, sampleBuffer);
 }
 
 void GstAssetWriterInput::markAsFinished() {
-    if (const auto recording = recording_.lock()) recording->endTrack(mediaType_);
+    if (const auto writer = writer_.lock()) writer->endTrack(mediaType_);
 }
 
 // ---- set-up
 
-GstRecording::GstRecording(fs::path path, RecordingOptions options)
+GstAssetWriter::GstAssetWriter(fs::path path, RecordingOptions options)
     : path_(std::move(path)), partPath_(beside(path_, ".part")), options_(std::move(options)) {}
 
-GstRecording::~GstRecording() {
+GstAssetWriter::~GstAssetWriter() {
     moveTo(AssetWriterStatus::Cancelled);
     tearDown();
 }
 
-bool GstRecording::isAvailable(const std::string& element) const {
-    const auto& disabled = options_.disabledElements;
-    return std::find(disabled.begin(), disabled.end(), element) == disabled.end() && elementRank(element) >= 0;
+bool GstAssetWriter::canAddInput(const AssetWriterInput& input) const {
+    const auto* const own = dynamic_cast<const GstAssetWriterInput*>(&input);
+    if (own == nullptr || status_ != AssetWriterStatus::Unknown || track(own->mediaType_).input) return false;
+    std::optional<Error> problem;
+    if (own->mediaType_ == MediaType::Video) {
+        problem = own->videoEncoder_ ? sizeProblem(own->videoSettings_) : own->videoEncoder_.error();
+    } else if (!own->audioEncoder_) {
+        problem = own->audioEncoder_.error();
+    }
+    if (problem) log("Recording: " + problem->localizedDescription);
+    return !problem;
 }
 
-Expected<const VideoEncoder*> GstRecording::chooseVideoEncoder(const VideoSettings& settings) const {
-    const VideoCodec* const codec = findVideoCodec(settings.codec);
-    if (codec == nullptr) return Error{"video codec \"" + settings.codec + "\" is not recorded"};
-    const bool isSizePossible = settings.width >= 16 && settings.height >= 16 && settings.width <= 8192 &&
-                                settings.height <= 8192 && settings.width % 2 == 0 && settings.height % 2 == 0;
-    if (!isSizePossible) {
-        return Error{"a recording cannot be " + std::to_string(settings.width) + "x" + std::to_string(settings.height) +
-                     " pixels in size"};
-    }
-    if (!isAvailable("mp4mux")) return Error{std::string("no MP4 writer is installed: install ") + kMuxerPackage};
-    if (isAvailable(codec->parser)) {
-        for (const VideoEncoder* encoder : installedEncoders(
-                 *codec, [&](const std::string& name) { return isAvailable(name) ? elementRank(name) : -1; })) {
-            if (opens(encoder->element)) return encoder;
-        }
-    } else {
-        return Error{"no " + codec->parser + " is installed: install gstreamer1.0-plugins-bad"};
-    }
-    return Error{"no " + codec->name + " encoder is installed: install " + codec->packages};
+void GstAssetWriter::addInput(std::shared_ptr<AssetWriterInput> input) {
+    const auto own = std::dynamic_pointer_cast<GstAssetWriterInput>(input);
+    if (!own || !canAddInput(*own)) return;
+    own->writer_ = weak_from_this();
+    (own->mediaType_ == MediaType::Video ? video_ : audio_).input = own;
 }
 
-Expected<const AudioEncoder*> GstRecording::chooseAudioEncoder() const {
-    if (!isAvailable("mp4mux") || !isAvailable("aacparse"))
-        return Error{std::string("no MP4 writer is installed: install ") + kMuxerPackage};
-    for (const AudioEncoder& encoder : audioEncoders()) {
-        if (isAvailable(encoder.element)) return &encoder;
-    }
-    return Error{std::string("no AAC encoder is installed: install ") + kAacPackage};
-}
-
-bool GstRecording::canAdd(const GstAssetWriterInput& input) const {
-    if (status_ != AssetWriterStatus::Unknown) return false;
-    const bool isVideo = input.mediaType() == MediaType::Video;
-    if ((isVideo ? video_ : audio_).added) return false;
-    std::string problem;
-    if (isVideo) {
-        if (const auto encoder = chooseVideoEncoder(input.videoSettings()); !encoder)
-            problem = encoder.error().localizedDescription;
-    } else {
-        if (const auto encoder = chooseAudioEncoder(); !encoder) problem = encoder.error().localizedDescription;
-    }
-    if (problem.empty()) return true;
-    log("Recording: " + problem);
-    return false;
-}
-
-void GstRecording::add(const GstAssetWriterInput& input) {
-    if (input.mediaType() == MediaType::Video) {
-        video_.added = true;
-        videoSettings_ = input.videoSettings();
-    } else {
-        audio_.added = true;
-        audioSettings_ = input.audioSettings();
-    }
-}
-
-bool GstRecording::start() {
+bool GstAssetWriter::startWriting() {
     if (status_ != AssetWriterStatus::Unknown) return false;
     worker_ = std::make_unique<SerialQueue>("recording");
     status_ = AssetWriterStatus::Writing;
@@ -266,8 +228,8 @@ bool GstRecording::start() {
     return status_ == AssetWriterStatus::Writing;
 }
 
-std::optional<Error> GstRecording::build() {
-    if (!video_.added && !audio_.added) return Error{"there is no track to record"};
+std::optional<Error> GstAssetWriter::build() {
+    if (!video_.input && !audio_.input) return Error{"there is no track to record"};
     std::error_code ignored;
     if (fs::exists(path_, ignored)) return Error{"\"" + path_.string() + "\" exists already"};
     // Found out here rather than by the pipeline, whose message does not name the reason.
@@ -282,39 +244,37 @@ std::optional<Error> GstRecording::build() {
     GstElement* const sink = makeElement("filesink");
     if (sink != nullptr) g_object_set(sink, "location", partPath_.c_str(), "async", FALSE, "sync", FALSE, nullptr);
     if (auto error = addChain(pipeline_.get(), {muxer, sink})) return error;
-    if (video_.added) {
+    if (video_.input) {
         if (auto error = buildVideo(muxer)) return error;
     }
-    if (audio_.added) {
+    if (audio_.input) {
         if (auto error = buildAudio(muxer)) return error;
     }
     const GstPtr<GstBus> bus(gst_element_get_bus(pipeline_.get()));
-    gst_bus_set_sync_handler(bus.get(), &GstRecording::onMessage, this, nullptr);
+    gst_bus_set_sync_handler(bus.get(), &GstAssetWriter::onMessage, this, nullptr);
     if (gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE)
         return Error{"the pipeline could not start"};
     return std::nullopt;
 }
 
-std::optional<Error> GstRecording::buildVideo(GstElement* muxer) {
-    const auto encoder = chooseVideoEncoder(videoSettings_);
-    if (!encoder) return encoder.error();
-    const VideoCodec& codec = *findVideoCodec(videoSettings_.codec);
-
-    GstElement* const encoding = makeElement(encoder.value()->element);
+std::optional<Error> GstAssetWriter::buildVideo(GstElement* muxer) {
+    const VideoSettings& settings = video_.input->videoSettings_;
+    const VideoEncoder& encoder = *video_.input->videoEncoder_.value();
+    const VideoCodec& codec = *findVideoCodec(settings.codec);
+    GstElement* const encoding = makeElement(encoder.element);
     if (encoding != nullptr) {
-        const auto& properties = videoSettings_.compressionProperties;
+        const auto& properties = settings.compressionProperties;
         const auto asked = properties.find(kVideoAverageBitRateKey);
         const std::int64_t bitRate =
             asked == properties.end() ? kDefaultBitRate : std::clamp<std::int64_t>(asked->second, 50'000, 100'000'000);
-        for (const auto& [property, value] : encoder.value()->settings) set(encoding, property, value);
-        const auto [property, value] = bitRateSetting(*encoder.value(), bitRate);
+        for (const auto& [property, value] : encoder.settings) set(encoding, property, value);
+        const auto [property, value] = bitRateSetting(encoder, bitRate);
         set(encoding, property, value);
     }
     // One element converts and scales in one go; older versions have two.
-    const bool oneStep = isAvailable("videoconvertscale");
+    const bool oneStep = rankOf("videoconvertscale", options_) >= 0;
     GstElement* const scaler = makeElement(oneStep ? "videoconvertscale" : "videoscale");
-    const std::string size =
-        "width=" + std::to_string(videoSettings_.width) + ",height=" + std::to_string(videoSettings_.height);
+    const std::string size = "width=" + std::to_string(settings.width) + ",height=" + std::to_string(settings.height);
     std::vector<GstElement*> chain{makeSource()};
     if (!oneStep) chain.push_back(makeElement("videoconvert"));
     // 4:2:0 only: from BGRA some encoders would choose 4:4:4, which hardly any player shows.
@@ -329,14 +289,14 @@ std::optional<Error> GstRecording::buildVideo(GstElement* muxer) {
     return std::nullopt;
 }
 
-std::optional<Error> GstRecording::buildAudio(GstElement* muxer) {
-    const auto encoder = chooseAudioEncoder();
-    if (!encoder) return encoder.error();
-    GstElement* const encoding = makeElement(encoder.value()->element);
-    if (encoding != nullptr) set(encoding, "bitrate", std::to_string(audioSettings_.bitRate));
-    audioDelay_ = nanoseconds(encoder.value()->delay * 1'000'000'000 / std::max(audioSettings_.sampleRate, 1));
-    const std::string format = "audio/x-raw,rate=" + std::to_string(audioSettings_.sampleRate) +
-                               ",channels=" + std::to_string(audioSettings_.channels);
+std::optional<Error> GstAssetWriter::buildAudio(GstElement* muxer) {
+    const AudioSettings& settings = audio_.input->audioSettings_;
+    const AudioEncoder& encoder = *audio_.input->audioEncoder_.value();
+    GstElement* const encoding = makeElement(encoder.element);
+    if (encoding != nullptr) set(encoding, "bitrate", std::to_string(settings.bitRate));
+    audioDelay_ = nanoseconds(encoder.delay * 1'000'000'000 / std::max(settings.sampleRate, 1));
+    const std::string format =
+        "audio/x-raw,rate=" + std::to_string(settings.sampleRate) + ",channels=" + std::to_string(settings.channels);
     std::vector<GstElement*> chain{makeSource(),
                                    makeElement("audioconvert"),
                                    makeElement("audioresample"),
@@ -353,27 +313,27 @@ std::optional<Error> GstRecording::buildAudio(GstElement* muxer) {
 
 // ---- samples
 
-void GstRecording::startSession(nanoseconds time) {
+void GstAssetWriter::startSessionAtSourceTime(nanoseconds time) {
     if (!sessionStart_) sessionStart_ = time;
 }
 
-bool GstRecording::isReady(MediaType mediaType) const {
-    const Track& track = mediaType == MediaType::Video ? video_ : audio_;
-    if (status_ != AssetWriterStatus::Writing || !track.source || track.ended) return false;
-    GstAppSrc* const source = GST_APP_SRC(track.source.get());
+bool GstAssetWriter::isReady(MediaType mediaType) const {
+    const Track& asked = track(mediaType);
+    if (status_ != AssetWriterStatus::Writing || !asked.source || asked.ended) return false;
+    GstAppSrc* const source = GST_APP_SRC(asked.source.get());
     if (mediaType == MediaType::Video) return gst_app_src_get_current_level_buffers(source) < kVideoDepth;
     return gst_app_src_get_current_level_time(source) < static_cast<guint64>(nanoseconds(kAudioDepth).count());
 }
 
-bool GstRecording::append(MediaType mediaType, const std::shared_ptr<SampleBuffer>& sample) {
-    const Track& track = mediaType == MediaType::Video ? video_ : audio_;
-    if (status_ != AssetWriterStatus::Writing || !track.source || track.ended || !sessionStart_) return false;
+bool GstAssetWriter::append(MediaType mediaType, const std::shared_ptr<SampleBuffer>& sample) {
+    const Track& to = track(mediaType);
+    if (status_ != AssetWriterStatus::Writing || !to.source || to.ended || !sessionStart_) return false;
     if (!sample->dataIsReady() || !sample->timing().isValid()) return false;
     const nanoseconds time = *sample->timing().presentationTime - *sessionStart_;
     return mediaType == MediaType::Video ? appendVideo(sample, time) : appendAudio(sample, time);
 }
 
-bool GstRecording::appendVideo(const std::shared_ptr<SampleBuffer>& sample, nanoseconds time) {
+bool GstAssetWriter::appendVideo(const std::shared_ptr<SampleBuffer>& sample, nanoseconds time) {
     if (time < nanoseconds(0)) return true;  // before the session: left out, as asked
     if (time <= lastVideoTime_) return false;
     GstBuffer* const buffer = wrapSample(sample);
@@ -382,9 +342,10 @@ bool GstRecording::appendVideo(const std::shared_ptr<SampleBuffer>& sample, nano
     const PixelBufferLayout& layout = sample->imageBuffer()->layout();
     if (!videoLayout_ || videoLayout_->width != layout.width || videoLayout_->height != layout.height ||
         videoLayout_->format != layout.format) {
-        if (framesPerSecond_ == 0) framesPerSecond_ = frameRateOf(*sample, videoSettings_);
+        if (framesPerSecond_ == 0) framesPerSecond_ = frameRateOf(*sample, video_.input->videoSettings_);
         videoLayout_ = layout;
-        g_object_set(scaler_.get(), "add-borders", sameShape(layout, videoSettings_) ? FALSE : TRUE, nullptr);
+        g_object_set(scaler_.get(), "add-borders", sameShape(layout, video_.input->videoSettings_) ? FALSE : TRUE,
+                     nullptr);
         gst_app_src_set_caps(GST_APP_SRC(video_.source.get()), rawVideoCaps(layout, framesPerSecond_).get());
     }
     const nanoseconds duration = sample->timing().duration.value_or(nanoseconds(1'000'000'000 / framesPerSecond_));
@@ -404,13 +365,13 @@ bool GstRecording::appendVideo(const std::shared_ptr<SampleBuffer>& sample, nano
     return true;
 }
 
-nanoseconds GstRecording::audioEnd() const {
+nanoseconds GstAssetWriter::audioEnd() const {
     if (audioRate_ == 0) return audioBase_;
     const std::int64_t seconds = audioFrames_ / audioRate_;
     return audioBase_ + nanoseconds(seconds * 1'000'000'000 + audioFrames_ % audioRate_ * 1'000'000'000 / audioRate_);
 }
 
-void GstRecording::adoptAudioFormat(int sampleRate, int channels) {
+void GstAssetWriter::adoptAudioFormat(int sampleRate, int channels) {
     if (sampleRate == audioRate_ && channels == audioChannels_) return;
     audioBase_ = audioEnd();
     audioFrames_ = 0;
@@ -423,7 +384,7 @@ void GstRecording::adoptAudioFormat(int sampleRate, int channels) {
     gst_app_src_set_caps(GST_APP_SRC(audio_.source.get()), caps.get());
 }
 
-void GstRecording::pushAudio(GstBuffer* buffer, std::int64_t frames) {
+void GstAssetWriter::pushAudio(GstBuffer* buffer, std::int64_t frames) {
     const nanoseconds start = audioEnd();
     audioFrames_ += frames;
     GST_BUFFER_PTS(buffer) = static_cast<GstClockTime>(start.count());
@@ -431,7 +392,7 @@ void GstRecording::pushAudio(GstBuffer* buffer, std::int64_t frames) {
     gst_app_src_push_buffer(GST_APP_SRC(audio_.source.get()), buffer);
 }
 
-void GstRecording::pushSilence(std::int64_t frames) {
+void GstAssetWriter::pushSilence(std::int64_t frames) {
     while (frames > 0) {
         const std::int64_t block = std::min<std::int64_t>(frames, audioRate_);
         const gsize bytes = static_cast<gsize>(block * audioChannels_) * sizeof(std::int16_t);
@@ -442,13 +403,14 @@ void GstRecording::pushSilence(std::int64_t frames) {
     }
 }
 
-void GstRecording::fillAudioUntil(nanoseconds time) {
+void GstAssetWriter::fillAudioUntil(nanoseconds time) {
     if (audioEnd() >= time) return;
-    if (audioRate_ == 0) adoptAudioFormat(audioSettings_.sampleRate, audioSettings_.channels);
+    if (audioRate_ == 0)
+        adoptAudioFormat(audio_.input->audioSettings_.sampleRate, audio_.input->audioSettings_.channels);
     pushSilence(audioFrameAt(time - audioBase_, audioRate_) - audioFrames_);
 }
 
-bool GstRecording::appendAudio(const std::shared_ptr<SampleBuffer>& sample, nanoseconds time) {
+bool GstAssetWriter::appendAudio(const std::shared_ptr<SampleBuffer>& sample, nanoseconds time) {
     const AudioData* const data = sample->audio();
     if (data == nullptr || data->sampleRate < 1 || data->channels < 1 || data->channels > 8) return false;
     const auto frames = static_cast<std::int64_t>(data->samples.size()) / data->channels;
@@ -469,19 +431,19 @@ bool GstRecording::appendAudio(const std::shared_ptr<SampleBuffer>& sample, nano
     return true;
 }
 
-void GstRecording::endTrack(MediaType mediaType) {
-    Track& track = mediaType == MediaType::Video ? video_ : audio_;
-    if (!track.source || track.ended || status_ != AssetWriterStatus::Writing) return;
+void GstAssetWriter::endTrack(MediaType mediaType) {
+    Track& ending = mediaType == MediaType::Video ? video_ : audio_;
+    if (!ending.source || ending.ended || status_ != AssetWriterStatus::Writing) return;
     if (mediaType == MediaType::Audio) fillAudioUntil(videoEnd_);
-    track.ended = true;
+    ending.ended = true;
     // The muxer does not take the end of a track that never began; such a recording fails when it is finished.
     const bool began = mediaType == MediaType::Video ? videoLayout_.has_value() : audioRate_ != 0;
-    if (began) gst_app_src_end_of_stream(GST_APP_SRC(track.source.get()));
+    if (began) gst_app_src_end_of_stream(GST_APP_SRC(ending.source.get()));
 }
 
 // ---- the end
 
-bool GstRecording::moveTo(AssetWriterStatus status) {
+bool GstAssetWriter::moveTo(AssetWriterStatus status) {
     AssetWriterStatus writing = AssetWriterStatus::Writing;
     if (!status_.compare_exchange_strong(writing, status)) return false;
     const std::lock_guard lock(mutex_);  // so that no one who is about to wait misses it
@@ -489,7 +451,7 @@ bool GstRecording::moveTo(AssetWriterStatus status) {
     return true;
 }
 
-void GstRecording::fail(const std::string& reason) {
+void GstAssetWriter::fail(const std::string& reason) {
     if (!moveTo(AssetWriterStatus::Failed)) return;
     log("Recording failed: " + reason);
     // Called on GStreamer's threads too, which cannot end themselves.
@@ -498,8 +460,8 @@ void GstRecording::fail(const std::string& reason) {
     });
 }
 
-GstBusSyncReply GstRecording::onMessage(GstBus*, GstMessage* message, gpointer recording) {
-    auto* const self = static_cast<GstRecording*>(recording);
+GstBusSyncReply GstAssetWriter::onMessage(GstBus*, GstMessage* message, gpointer writer) {
+    auto* const self = static_cast<GstAssetWriter*>(writer);
     if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_EOS) {
         const std::lock_guard lock(self->mutex_);
         self->ended_ = true;
@@ -511,14 +473,14 @@ GstBusSyncReply GstRecording::onMessage(GstBus*, GstMessage* message, gpointer r
     return GST_BUS_DROP;
 }
 
-void GstRecording::finish(std::function<void()> completion) {
+void GstAssetWriter::finishWriting(std::function<void()> completion) {
     if (status_ == AssetWriterStatus::Writing) {
-        if (video_.added ? lastVideoTime_ < nanoseconds(0) : audioFrames_ == 0) fail("nothing was recorded");
+        if (video_.input ? lastVideoTime_ < nanoseconds(0) : audioFrames_ == 0) fail("nothing was recorded");
         endTrack(MediaType::Video);
         endTrack(MediaType::Audio);
     }
     if (!worker_) worker_ = std::make_unique<SerialQueue>("recording");
-    // Holds the recording: a new one may take this one's place while its file is being finished.
+    // Holds the writer: a new one may take its place while its file is being finished.
     worker_->async([self = shared_from_this(), completion = std::move(completion)] {
         if (self->status_ == AssetWriterStatus::Writing) self->waitForEnd();
         if (self->status_ == AssetWriterStatus::Writing) self->completeFile();
@@ -527,7 +489,7 @@ void GstRecording::finish(std::function<void()> completion) {
     });
 }
 
-void GstRecording::waitForEnd() {
+void GstAssetWriter::waitForEnd() {
     std::unique_lock lock(mutex_);
     const bool inTime =
         changed_.wait_for(lock, kLongestFinishing, [this] { return ended_ || status_ != AssetWriterStatus::Writing; });
@@ -535,7 +497,7 @@ void GstRecording::waitForEnd() {
     if (!inTime) fail("the encoder did not finish");
 }
 
-void GstRecording::completeFile() {
+void GstAssetWriter::completeFile() {
     gst_element_set_state(pipeline_.get(), GST_STATE_NULL);  // closes the file
     if (const auto error = moveIndexToFront(partPath_)) {
         return fail("could not finish the recording \"" + path_.string() + "\": " + error->localizedDescription);
@@ -549,7 +511,7 @@ void GstRecording::completeFile() {
     }
 }
 
-void GstRecording::cancel() {
+void GstAssetWriter::cancelWriting() {
     AssetWriterStatus unknown = AssetWriterStatus::Unknown;
     status_.compare_exchange_strong(unknown, AssetWriterStatus::Cancelled);
     moveTo(AssetWriterStatus::Cancelled);
@@ -559,7 +521,7 @@ void GstRecording::cancel() {
     worker_->drain();
 }
 
-void GstRecording::tearDown() {
+void GstAssetWriter::tearDown() {
     {
         const std::lock_guard lock(mutex_);
         if (std::exchange(tornDown_, true)) return;
@@ -579,19 +541,8 @@ std::shared_ptr<AssetWriterFactory> makeGstAssetWriterFactory(RecordingOptions o
 }
 
 std::string recommendedVideoCodec(const RecordingOptions& options) {
-    if (!options.preferHEVC || !startGStreamer()) return kVideoCodecTypeH264;
-    // Asked of a writer that never writes, so that the answer is the one that recording will get.
-    const auto disabled = [&](const std::string& name) {
-        return std::find(options.disabledElements.begin(), options.disabledElements.end(), name) !=
-               options.disabledElements.end();
-    };
-    const VideoCodec& codec = *findVideoCodec(kVideoCodecTypeHEVC);
-    const bool hasParser = !disabled(codec.parser) && elementRank(codec.parser) >= 0;
-    const auto encoders =
-        installedEncoders(codec, [&](const std::string& name) { return disabled(name) ? -1 : elementRank(name); });
-    const bool canRecord = hasParser && std::any_of(encoders.begin(), encoders.end(),
-                                                    [](const auto* encoder) { return opens(encoder->element); });
-    return canRecord ? kVideoCodecTypeHEVC : kVideoCodecTypeH264;
+    return options.preferHEVC && chooseVideoEncoder(kVideoCodecTypeHEVC, options) ? kVideoCodecTypeHEVC
+                                                                                  : kVideoCodecTypeH264;
 }
 
 }  // namespace selvio

@@ -16,51 +16,50 @@
 
 namespace selvio {
 
-class GstRecording;
+class GstAssetWriter;
 
 /// One track; works once it belongs to a writer that writes.
 class GstAssetWriterInput final : public AssetWriterInput {
 public:
-    explicit GstAssetWriterInput(VideoSettings settings)
-        : mediaType_(MediaType::Video), videoSettings_(std::move(settings)) {}
-    explicit GstAssetWriterInput(AudioSettings settings) : mediaType_(MediaType::Audio), audioSettings_(settings) {}
+    /// The encoder, or why there is none.
+    GstAssetWriterInput(VideoSettings settings, Expected<const VideoEncoder*> encoder)
+        : mediaType_(MediaType::Video), videoSettings_(std::move(settings)), videoEncoder_(std::move(encoder)) {}
+    GstAssetWriterInput(AudioSettings settings, Expected<const AudioEncoder*> encoder)
+        : mediaType_(MediaType::Audio), audioSettings_(settings), audioEncoder_(std::move(encoder)) {}
 
     void setExpectsMediaDataInRealTime(bool expects) override { realTime_ = expects; }
     [[nodiscard]] bool isReadyForMoreMediaData() const override;
     bool appendSampleBuffer(const std::shared_ptr<SampleBuffer>& sampleBuffer) override;
     void markAsFinished() override;
 
-    [[nodiscard]] MediaType mediaType() const { return mediaType_; }
-    [[nodiscard]] const VideoSettings& videoSettings() const { return videoSettings_; }
-    [[nodiscard]] const AudioSettings& audioSettings() const { return audioSettings_; }
-    void attach(std::weak_ptr<GstRecording> recording) { recording_ = std::move(recording); }
-
 private:
+    friend class GstAssetWriter;
     const MediaType mediaType_;
     const VideoSettings videoSettings_;
     const AudioSettings audioSettings_;
+    const Expected<const VideoEncoder*> videoEncoder_{nullptr};
+    const Expected<const AudioEncoder*> audioEncoder_{nullptr};
     bool realTime_ = false;
-    std::weak_ptr<GstRecording> recording_;
+    std::weak_ptr<GstAssetWriter> writer_;
 };
 
-/// The pipeline of one file and what became of it. Shared by the writer, its inputs (weakly) and the work that finishes
-/// the file, which may outlive the writer. The operations run on the writer's one queue, `status` on any thread.
+/// The pipeline of one file and what became of it. The work that finishes the file keeps the writer alive.
 ///
-///     Unknown ──start──▶ Writing ──finish──▶ Completed
-///        │                  ├── error, any time ──▶ Failed
-///        └──── cancel ──────┴── cancel ──▶ Cancelled
-class GstRecording : public std::enable_shared_from_this<GstRecording> {
+///     Unknown ──startWriting──▶ Writing ──finishWriting──▶ Completed
+///        │                        ├── error, any time ──▶ Failed
+///        └──── cancelWriting ─────┴── cancelWriting, destruction ──▶ Cancelled
+class GstAssetWriter final : public AssetWriter, public std::enable_shared_from_this<GstAssetWriter> {
 public:
-    GstRecording(std::filesystem::path path, RecordingOptions options);
-    ~GstRecording();
+    GstAssetWriter(std::filesystem::path path, RecordingOptions options);
+    ~GstAssetWriter() override;
 
-    [[nodiscard]] AssetWriterStatus status() const { return status_; }
-    [[nodiscard]] bool canAdd(const GstAssetWriterInput& input) const;
-    void add(const GstAssetWriterInput& input);
-    bool start();
-    void startSession(std::chrono::nanoseconds time);
-    void finish(std::function<void()> completion);
-    void cancel();
+    [[nodiscard]] AssetWriterStatus status() const override { return status_; }
+    [[nodiscard]] bool canAddInput(const AssetWriterInput& input) const override;
+    void addInput(std::shared_ptr<AssetWriterInput> input) override;
+    bool startWriting() override;
+    void startSessionAtSourceTime(std::chrono::nanoseconds time) override;
+    void finishWriting(std::function<void()> completion) override;
+    void cancelWriting() override;
 
     [[nodiscard]] bool isReady(MediaType mediaType) const;
     bool append(MediaType mediaType, const std::shared_ptr<SampleBuffer>& sample);
@@ -68,14 +67,14 @@ public:
 
 private:
     struct Track {
-        bool added = false;
+        std::shared_ptr<const GstAssetWriterInput> input;  ///< null if there is no such track
         bool ended = false;
         GstPtr<GstElement> source;  ///< appsrc
     };
 
-    [[nodiscard]] bool isAvailable(const std::string& element) const;
-    [[nodiscard]] Expected<const VideoEncoder*> chooseVideoEncoder(const VideoSettings& settings) const;
-    [[nodiscard]] Expected<const AudioEncoder*> chooseAudioEncoder() const;
+    [[nodiscard]] const Track& track(MediaType mediaType) const {
+        return mediaType == MediaType::Video ? video_ : audio_;
+    }
     std::optional<Error> build();
     std::optional<Error> buildVideo(GstElement* muxer);
     std::optional<Error> buildAudio(GstElement* muxer);
@@ -88,7 +87,7 @@ private:
     void fillAudioUntil(std::chrono::nanoseconds time);
     [[nodiscard]] std::chrono::nanoseconds audioEnd() const;
 
-    static GstBusSyncReply onMessage(GstBus* bus, GstMessage* message, gpointer recording);
+    static GstBusSyncReply onMessage(GstBus* bus, GstMessage* message, gpointer writer);
     void fail(const std::string& reason);
     bool moveTo(AssetWriterStatus status);
     void waitForEnd();
@@ -99,8 +98,6 @@ private:
     const std::filesystem::path partPath_;  ///< the finished file until it is moved into place
     const RecordingOptions options_;
 
-    VideoSettings videoSettings_;
-    AudioSettings audioSettings_;
     Track video_;
     Track audio_;
     GstPtr<GstElement> pipeline_;

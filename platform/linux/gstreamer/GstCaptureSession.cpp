@@ -14,8 +14,8 @@ namespace {
 using std::chrono::nanoseconds;
 
 constexpr int kSampleRate = 48000;
-constexpr int kMaxLoans =
-    4;  // frames lent out of the camera's own memory at once; it has about eight, and stalls when it runs out of them
+// Of the camera's own memory, which has room for about eight frames and stalls when there is none left.
+constexpr int kMostLentFrames = 4;
 
 nanoseconds now() {
     return std::chrono::steady_clock::now().time_since_epoch();
@@ -93,8 +93,8 @@ private:
 
 // ---- configuration
 
-GstCaptureSession::GstCaptureSession(CaptureOptions options)
-    : options_(std::move(options)), receivers_(std::make_shared<const Receivers>()) {}
+GstCaptureSession::GstCaptureSession(CaptureOptions options, std::shared_ptr<const void> system)
+    : CaptureSessionBase(std::move(system)), options_(std::move(options)) {}
 
 GstCaptureSession::~GstCaptureSession() {
     const std::lock_guard lifecycle(lifecycle_);
@@ -102,27 +102,22 @@ GstCaptureSession::~GstCaptureSession() {
 }
 
 void GstCaptureSession::beginConfiguration() {
-    const std::lock_guard lock(configurationMutex_);
+    const std::lock_guard lock(mutex_);
     ++configuring_;
 }
 
 void GstCaptureSession::commitConfiguration() {
     {
-        const std::lock_guard lock(configurationMutex_);
+        const std::lock_guard lock(mutex_);
         if (configuring_ > 0) --configuring_;
     }
-    configurationChanged();
+    partsChanged();
 }
 
-void GstCaptureSession::configurationChanged() {
-    {
-        const std::lock_guard lock(configurationMutex_);
-        updateReceivers();
-        if (configuring_ > 0) return;
-    }
-    if (!isRunning()) return;
+void GstCaptureSession::partsChanged() {
+    if (mutex_.get(configuring_) > 0 || !isRunning()) return;
     std::optional<Interruption> interruption;
-    if (!plan().camera) interruption.emplace(*this);  // one that is being opened is not wanted any more
+    if (!hasCamera()) interruption.emplace(*this);  // one that is being opened is not wanted any more
     std::vector<std::string> messages;
     {
         const std::lock_guard lifecycle(lifecycle_);
@@ -132,32 +127,12 @@ void GstCaptureSession::configurationChanged() {
     for (const std::string& message : messages) log(message);
 }
 
-// With configurationMutex_ held.
-void GstCaptureSession::updateReceivers() {
-    auto receivers = std::make_shared<Receivers>();
-    receivers->watchers = watchers_;
-    for (const auto& output : outputs_) {
-        auto* const own = dynamic_cast<GstOutput*>(output.get());
-        own->setConnected(own->inputType() == MediaType::Video ? camera_ != nullptr : microphone_ != nullptr);
-        if (auto video = std::dynamic_pointer_cast<GstVideoDataOutput>(output)) receivers->video = std::move(video);
-        if (auto audio = std::dynamic_pointer_cast<GstAudioDataOutput>(output)) receivers->audio = std::move(audio);
-        if (auto metadata = std::dynamic_pointer_cast<GstMetadataOutput>(output))
-            receivers->metadata = std::move(metadata);
-    }
-    receivers_ = std::move(receivers);
-}
-
-std::shared_ptr<const GstCaptureSession::Receivers> GstCaptureSession::receivers() const {
-    const std::lock_guard lock(configurationMutex_);
-    return receivers_;
-}
-
 GstCaptureSession::Plan GstCaptureSession::plan() const {
-    const std::lock_guard lock(configurationMutex_);
+    const auto parts = this->parts();
     Plan plan;
-    if (camera_) plan.camera = camera_->own();
-    if (microphone_ && receivers_->audio) plan.microphone = microphone_->own();
-    if (receivers_->video) plan.pixelFormat = receivers_->video->pixelFormat();
+    plan.camera = std::static_pointer_cast<GstCaptureDevice>(parts->camera);
+    if (parts->audio) plan.microphone = std::static_pointer_cast<GstCaptureDevice>(parts->microphone);
+    if (parts->video) plan.pixelFormat = parts->video->pixelFormat();
     const auto format = plan.camera ? plan.camera->activeFormat() : std::nullopt;
     if (!format) return plan;
     const auto& [subtype, width, height] = format->formatDescription;
@@ -167,94 +142,32 @@ GstCaptureSession::Plan GstCaptureSession::plan() const {
 }
 
 bool GstCaptureSession::canSetSessionPreset(const std::string& preset) const {
-    const std::lock_guard lock(configurationMutex_);
-    return camera_ && formatForPreset(camera_->own()->formats(), preset).has_value();
+    const auto camera = parts()->camera;
+    return camera && formatForPreset(camera->formats(), preset).has_value();
 }
 
 void GstCaptureSession::setSessionPreset(const std::string& preset) {
-    bool known = false;
-    {
-        const std::lock_guard lock(configurationMutex_);
-        const auto format = camera_ ? formatForPreset(camera_->own()->formats(), preset) : std::nullopt;
-        known = format.has_value();
-        if (known) camera_->own()->setActiveFormat(*format);
-    }
-    if (!known) log("Capture: the preset " + preset + " cannot be set");
-    configurationChanged();
-}
-
-bool GstCaptureSession::canAddInput(const CaptureDeviceInput& input) const {
-    const auto* const own = dynamic_cast<const GstCaptureDeviceInput*>(&input);
-    const std::lock_guard lock(configurationMutex_);
-    return own != nullptr && !(own->own()->mediaType() == MediaType::Video ? camera_ : microphone_);
-}
-
-void GstCaptureSession::addInput(std::shared_ptr<CaptureDeviceInput> input) {
-    if (!input || !canAddInput(*input)) return;
-    {
-        const std::lock_guard lock(configurationMutex_);
-        auto own = std::dynamic_pointer_cast<GstCaptureDeviceInput>(input);
-        (own->own()->mediaType() == MediaType::Video ? camera_ : microphone_) = std::move(own);
-    }
-    configurationChanged();
-}
-
-void GstCaptureSession::removeInput(const std::shared_ptr<CaptureDeviceInput>& input) {
-    {
-        const std::lock_guard lock(configurationMutex_);
-        if (camera_ == input) camera_.reset();
-        if (microphone_ == input) microphone_.reset();
-    }
-    configurationChanged();
-}
-
-bool GstCaptureSession::canAddOutput(const CaptureOutput& output) const {
-    if (dynamic_cast<const GstOutput*>(&output) == nullptr) return false;
-    const std::lock_guard lock(configurationMutex_);
-    return std::none_of(outputs_.begin(), outputs_.end(),
-                        [&](const auto& other) { return typeid(*other) == typeid(output); });
-}
-
-void GstCaptureSession::addOutput(std::shared_ptr<CaptureOutput> output) {
-    if (!output || !canAddOutput(*output)) return;
-    {
-        const std::lock_guard lock(configurationMutex_);
-        outputs_.push_back(std::move(output));
-    }
-    configurationChanged();
-}
-
-void GstCaptureSession::removeOutput(const std::shared_ptr<CaptureOutput>& output) {
-    {
-        const std::lock_guard lock(configurationMutex_);
-        const auto found = std::find(outputs_.begin(), outputs_.end(), output);
-        if (found == outputs_.end()) return;
-        dynamic_cast<GstOutput&>(**found).setConnected(false);
-        outputs_.erase(found);
-    }
-    configurationChanged();
-}
-
-std::vector<std::shared_ptr<CaptureOutput>> GstCaptureSession::outputs() const {
-    const std::lock_guard lock(configurationMutex_);
-    return outputs_;
-}
-
-bool GstCaptureSession::hasVideoInput() const {
-    const std::lock_guard lock(configurationMutex_);
-    return camera_ != nullptr;
+    const auto camera = parts()->camera;
+    const auto format = camera ? formatForPreset(camera->formats(), preset) : std::nullopt;
+    if (!format) return log("Capture: the preset " + preset + " cannot be set");
+    camera->setActiveFormat(*format);
+    partsChanged();
 }
 
 void GstCaptureSession::addWatcher(std::weak_ptr<FrameWatcher> watcher) {
-    const std::lock_guard lock(configurationMutex_);
+    const std::lock_guard lock(mutex_);
     watchers_.push_back(std::move(watcher));
-    updateReceivers();
 }
 
 void GstCaptureSession::removeWatcher(const FrameWatcher* watcher) {
-    const std::lock_guard lock(configurationMutex_);
+    const std::lock_guard lock(mutex_);
     std::erase_if(watchers_, [&](const auto& held) { return held.expired() || held.lock().get() == watcher; });
-    updateReceivers();
+}
+
+void GstCaptureSession::dropLater(std::shared_ptr<GstCaptureSession> session) {
+    if (!session) return;
+    SerialQueue& queue = session->control_;
+    queue.async([session = std::move(session)] {});
 }
 
 // ---- running
@@ -388,11 +301,11 @@ std::optional<Error> GstCaptureSession::openCamera(const Plan& plan, const std::
 
     cameraPipeline_ = makePipeline();
     if (auto error = addChain(cameraPipeline_.get(), chain)) return error;
-    run->memory = !native                 ? FrameMemory::Converter
-                  : device.fleetingMemory ? FrameMemory::Fleeting
-                                          : FrameMemory::Camera;
+    run->memory = !native                  ? FrameMemory::Converter
+                  : device.temporaryMemory ? FrameMemory::Temporary
+                                           : FrameMemory::Camera;
     if (plan.mode.rate.numerator > 0) run->frameDuration = nanoseconds(std::llround(1e9 / plan.mode.rate.value()));
-    if (const auto video = receivers()->video)
+    if (const auto video = std::static_pointer_cast<GstVideoDataOutput>(parts()->video))
         video->setFrameRate(plan.mode.rate.numerator > 0 ? static_cast<int>(std::lround(plan.mode.rate.value())) : 30);
 
     const GstPtr<GstBus> bus(gst_element_get_bus(cameraPipeline_.get()));
@@ -487,15 +400,15 @@ std::shared_ptr<PixelBuffer> GstCaptureSession::borrow(FrameMemory memory, GstBu
                                                        const FrameCrop& crop) {
     auto pixels = wrapFrame(buffer, info, crop);
     if (!pixels || memory == FrameMemory::Converter) return pixels;
-    if (memory == FrameMemory::Fleeting || loans_->count >= kMaxLoans) {
+    if (memory == FrameMemory::Temporary || *lentFrames_ >= kMostLentFrames) {
         return SelvioFacialCaptureImageUtilities::copyPixelBuffer(pixels, *copies_);
     }
-    ++loans_->count;
-    PixelBuffer& lent = *pixels;
-    return PixelBuffer::wrap(lent.layout(), {lent.data(0), lent.planeCount() == 2 ? lent.data(1) : nullptr},
-                             [loans = loans_, pixels = std::move(pixels)]() mutable {
+    ++*lentFrames_;
+    PixelBuffer& own = *pixels;
+    return PixelBuffer::wrap(own.layout(), {own.data(0), own.planeCount() == 2 ? own.data(1) : nullptr},
+                             [lent = lentFrames_, pixels = std::move(pixels)]() mutable {
                                  pixels.reset();
-                                 --loans->count;
+                                 --*lent;
                              });
 }
 
@@ -522,28 +435,28 @@ void GstCaptureSession::frameArrived(const Run& run, GstSample* sample, GstEleme
         firstFrame_ = true;
     }
     opened_.notify_all();
-    const auto to = receivers();
-    if (to->video) {
+    const auto parts = this->parts();
+    if (const auto& video = parts->video; video && video->isDelivering()) {
         if (auto pixels =
-                borrow(run.memory, buffer, info, cropFor(width, height, to->video->connection()->videoOrientation()))) {
-            to->video->deliver(SampleBuffer::makeVideo(std::move(pixels), timing));
-        }
+                borrow(run.memory, buffer, info, cropFor(width, height, video->connection()->videoOrientation())))
+            video->deliver(SampleBuffer::makeVideo(std::move(pixels), timing));
     }
-    if (to->metadata && to->metadata->wantsFrame()) {
-        to->metadata->search(
-            borrow(run.memory, buffer, info, cropFor(width, height, to->metadata->connection()->videoOrientation())));
+    if (auto* const metadata = static_cast<GstMetadataOutput*>(parts->metadata.get());
+        metadata != nullptr && metadata->wantsFrame()) {
+        metadata->search(
+            borrow(run.memory, buffer, info, cropFor(width, height, metadata->connection()->videoOrientation())));
     }
-    for (const auto& held : to->watchers) {
+    for (const auto& held : mutex_.get(watchers_)) {
         const auto watcher = held.lock();
         if (!watcher) continue;
-        if (auto pixels = borrow(run.memory, buffer, info, {0, 0, width, height}))
+        if (auto pixels = borrow(run.memory, buffer, info, cropFor(width, height, watcher->orientation())))
             watcher->frameArrived(SampleBuffer::makeVideo(std::move(pixels), timing));
     }
 }
 
 void GstCaptureSession::soundArrived(Run& run, GstSample* sample, GstElement* sink) {
     if (run.number != run_) return;
-    const auto output = receivers()->audio;
+    const auto output = parts()->audio;
     GstBuffer* const buffer = gst_sample_get_buffer(sample);
     if (!output || buffer == nullptr) return;
     AudioData audio{.sampleRate = kSampleRate,

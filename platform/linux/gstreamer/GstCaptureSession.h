@@ -3,6 +3,7 @@
 
 #include "GstDevices.h"
 #include "GstOutputs.h"
+#include "platform/capture/CaptureSessionBase.h"
 
 #include <SelvioFacialCapture/base/SerialQueue.h>
 
@@ -16,7 +17,8 @@ namespace selvio {
 class FrameWatcher {
 public:
     virtual ~FrameWatcher() = default;
-    /// The whole picture, whatever the outputs are cut to.
+    /// The orientation that the frames are cut to.
+    [[nodiscard]] virtual VideoOrientation orientation() const = 0;
     virtual void frameArrived(const std::shared_ptr<SampleBuffer>& frame) = 0;
 };
 
@@ -30,31 +32,25 @@ public:
 /// `isRunning` is true while opening, so that who is called with the first frame can stop the session. GStreamer's
 /// threads call `frameArrived`, `soundArrived` and `onMessage`; these never take `lifecycle_`, since stopping waits for
 /// those threads. Neither it nor another lock is held while something is logged.
-class GstCaptureSession final : public CaptureSession, public std::enable_shared_from_this<GstCaptureSession> {
+class GstCaptureSession final : public CaptureSessionBase, public std::enable_shared_from_this<GstCaptureSession> {
 public:
-    explicit GstCaptureSession(CaptureOptions options);
+    GstCaptureSession(CaptureOptions options, std::shared_ptr<const void> system);
     ~GstCaptureSession() override;
 
-    [[nodiscard]] std::recursive_mutex& monitor() override { return monitor_; }
     void beginConfiguration() override;
     void commitConfiguration() override;
     [[nodiscard]] bool canSetSessionPreset(const std::string& preset) const override;
     void setSessionPreset(const std::string& preset) override;
-    [[nodiscard]] bool canAddInput(const CaptureDeviceInput& input) const override;
-    void addInput(std::shared_ptr<CaptureDeviceInput> input) override;
-    void removeInput(const std::shared_ptr<CaptureDeviceInput>& input) override;
-    [[nodiscard]] bool canAddOutput(const CaptureOutput& output) const override;
-    void addOutput(std::shared_ptr<CaptureOutput> output) override;
-    void removeOutput(const std::shared_ptr<CaptureOutput>& output) override;
-    [[nodiscard]] std::vector<std::shared_ptr<CaptureOutput>> outputs() const override;
     [[nodiscard]] bool isRunning() const override { return state_ != State::Stopped; }
     void startRunning() override;
     void stopRunning() override;
     [[nodiscard]] std::chrono::nanoseconds masterClockTime() const override;
 
-    [[nodiscard]] bool hasVideoInput() const;
     void addWatcher(std::weak_ptr<FrameWatcher> watcher);
     void removeWatcher(const FrameWatcher* watcher);
+    /// Drops a reference that may be the last one, on a thread that may end a session: the camera's may not, because
+    /// the end waits for it.
+    static void dropLater(std::shared_ptr<GstCaptureSession> session);
 
 private:
     enum class State { Stopped, Opening, Running };
@@ -66,18 +62,11 @@ private:
         PixelFormat pixelFormat = kPixelFormat32BGRA;
         friend bool operator==(const Plan&, const Plan&) = default;
     };
-    /// Where GStreamer's threads hand frames on.
-    struct Receivers {
-        std::shared_ptr<GstVideoDataOutput> video;
-        std::shared_ptr<GstAudioDataOutput> audio;
-        std::shared_ptr<GstMetadataOutput> metadata;
-        std::vector<std::weak_ptr<FrameWatcher>> watchers;
-    };
     /// Whose memory frames come in.
     enum class FrameMemory {
         Converter,  ///< a converter's, which has as much of it as is wanted
         Camera,     ///< the camera's own, of which there is little: lent out up to a limit, copied beyond it
-        Fleeting,   ///< PipeWire's, which goes when the camera does, whoever still reads it: copied at once
+        Temporary,  ///< PipeWire's, which goes when the camera does, whoever still reads it: copied at once
     };
     /// What one start has opened. A pipeline that did not start is closed later, beside the next run: what it still
     /// says counts no more.
@@ -88,15 +77,9 @@ private:
         std::optional<std::chrono::nanoseconds> frameDuration{};  // of the camera's mode, set before frames come
         AudioClock audioClock{};                                  // used on the microphone's thread
     };
-    /// Frames in the camera's own memory that are still in use.
-    struct Loans {
-        std::atomic<int> count{0};
-    };
 
-    void configurationChanged();
+    void partsChanged() override;
     [[nodiscard]] Plan plan() const;
-    [[nodiscard]] std::shared_ptr<const Receivers> receivers() const;
-    void updateReceivers();
 
     /// Ends the waiting for a first frame, while it lives.
     class Interruption;
@@ -118,22 +101,17 @@ private:
                                         const FrameCrop& crop);
 
     const CaptureOptions options_;
-    std::recursive_mutex monitor_;
-
-    mutable std::mutex configurationMutex_;
-    int configuring_ = 0;                                  // guarded by configurationMutex_
-    std::shared_ptr<GstCaptureDeviceInput> camera_;        // guarded by configurationMutex_
-    std::shared_ptr<GstCaptureDeviceInput> microphone_;    // guarded by configurationMutex_
-    std::vector<std::shared_ptr<CaptureOutput>> outputs_;  // guarded by configurationMutex_
-    std::vector<std::weak_ptr<FrameWatcher>> watchers_;    // guarded by configurationMutex_
-    std::shared_ptr<const Receivers> receivers_;           // guarded by configurationMutex_; never null
+    MemberMutex mutex_;
+    int configuring_ = 0;                                // guarded by mutex_; configurations that have begun
+    std::vector<std::weak_ptr<FrameWatcher>> watchers_;  // guarded by mutex_
 
     std::recursive_mutex lifecycle_;     // held while the pipelines are built or taken down
     std::optional<Plan> runningPlan_;    // guarded by lifecycle_
     GstPtr<GstElement> cameraPipeline_;  // guarded by lifecycle_
     GstPtr<GstElement> soundPipeline_;   // guarded by lifecycle_
 
-    const std::shared_ptr<Loans> loans_ = std::make_shared<Loans>();
+    /// Frames in the camera's own memory that are in use elsewhere; these frames share the number.
+    const std::shared_ptr<std::atomic<int>> lentFrames_ = std::make_shared<std::atomic<int>>(0);
     const std::shared_ptr<PixelBufferPool> copies_ = PixelBufferPool::create();
 
     std::atomic<State> state_{State::Stopped};  // changed under openingMutex_

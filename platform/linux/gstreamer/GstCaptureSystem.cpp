@@ -2,8 +2,6 @@
 #include "GstDevices.h"
 #include "GstOutputs.h"
 
-#include <SelvioFacialCapture/base/ConcurrentQueue.h>
-
 #include <algorithm>
 
 namespace selvio {
@@ -11,7 +9,8 @@ namespace {
 
 class GstCaptureSystem final : public CaptureSystem {
 public:
-    explicit GstCaptureSystem(CaptureOptions options) : options_(std::move(options)) {}
+    explicit GstCaptureSystem(CaptureOptions options)
+        : shared_(std::make_shared<const CaptureOptions>(std::move(options))) {}
 
     std::shared_ptr<CaptureDeviceDiscoverySession> discoverDevices(const std::vector<std::string>&, MediaType mediaType,
                                                                    CaptureDevicePosition position) override {
@@ -33,19 +32,24 @@ public:
 
     Expected<std::shared_ptr<CaptureDeviceInput>> makeDeviceInput(
         const std::shared_ptr<CaptureDevice>& device) override {
-        const auto own = std::dynamic_pointer_cast<GstCaptureDevice>(device);
-        if (!own)
+        if (!std::dynamic_pointer_cast<GstCaptureDevice>(device))
             return Error{device ? "\"" + device->localizedName() + "\" is not a device of this system"
                                 : "there is no device"};
-        return std::shared_ptr<CaptureDeviceInput>(std::make_shared<GstCaptureDeviceInput>(own));
+        return std::shared_ptr<CaptureDeviceInput>(std::make_shared<DeviceInput>(device, shared_));
     }
 
-    std::shared_ptr<CaptureSession> makeSession() override { return std::make_shared<GstCaptureSession>(options_); }
-    std::shared_ptr<VideoDataOutput> makeVideoDataOutput() override {
-        return std::make_shared<GstVideoDataOutput>(options_.recording);
+    std::shared_ptr<CaptureSession> makeSession() override {
+        return std::make_shared<GstCaptureSession>(options_, shared_);
     }
-    std::shared_ptr<AudioDataOutput> makeAudioDataOutput() override { return std::make_shared<GstAudioDataOutput>(); }
-    std::shared_ptr<MetadataOutput> makeMetadataOutput() override { return std::make_shared<GstMetadataOutput>(); }
+    std::shared_ptr<VideoDataOutput> makeVideoDataOutput() override {
+        return std::make_shared<GstVideoDataOutput>(shared_, options_.recording);
+    }
+    std::shared_ptr<AudioDataOutput> makeAudioDataOutput() override {
+        return std::make_shared<QueuedAudioOutput>(shared_);
+    }
+    std::shared_ptr<MetadataOutput> makeMetadataOutput() override {
+        return std::make_shared<GstMetadataOutput>(shared_);
+    }
 
     AuthorizationStatus authorizationStatus(MediaType mediaType) override {
         if (mediaType == MediaType::Audio || !options_.systemDevices) return AuthorizationStatus::Authorized;
@@ -56,14 +60,12 @@ public:
     }
 
     void requestAccess(MediaType mediaType, std::function<void(bool granted)> completion) override {
-        const bool granted = authorizationStatus(mediaType) == AuthorizationStatus::Authorized;
-        ConcurrentQueue::shared()->async([granted, completion = std::move(completion)] {
-            if (completion) completion(granted);
-        });
+        if (completion) completion(authorizationStatus(mediaType) == AuthorizationStatus::Authorized);
     }
 
 private:
-    const CaptureOptions options_;
+    const std::shared_ptr<const CaptureOptions> shared_;  // by which inputs, outputs and sessions know their system
+    const CaptureOptions& options_ = *shared_;
 };
 
 }  // namespace

@@ -54,31 +54,16 @@ std::vector<std::string> textsIn(const GValue* value) {
     return texts;
 }
 
-bool holdsInt(const GValue* value, int wanted) {
-    if (value == nullptr) return false;
-    if (G_VALUE_HOLDS_INT(value)) return g_value_get_int(value) == wanted;
-    if (GST_VALUE_HOLDS_INT_RANGE(value)) {
-        const int low = gst_value_get_int_range_min(value);
-        const int step = std::max(gst_value_get_int_range_step(value), 1);
-        return wanted >= low && wanted <= gst_value_get_int_range_max(value) && (wanted - low) % step == 0;
-    }
-    if (GST_VALUE_HOLDS_LIST(value)) {
-        for (guint i = 0; i < gst_value_list_get_size(value); ++i) {
-            if (holdsInt(gst_value_list_get_value(value, i), wanted)) return true;
-        }
-    }
-    return false;
-}
-
 std::vector<FrameSize> sizesIn(const GstStructure* structure) {
-    const GValue* const width = gst_structure_get_value(structure, "width");
-    const GValue* const height = gst_structure_get_value(structure, "height");
-    if (width == nullptr || height == nullptr) return {};
-    if (G_VALUE_HOLDS_INT(width) && G_VALUE_HOLDS_INT(height))
-        return {{g_value_get_int(width), g_value_get_int(height)}};
+    FrameSize only;
+    if (gst_structure_get_int(structure, "width", &only.width) != FALSE &&
+        gst_structure_get_int(structure, "height", &only.height) != FALSE)
+        return {only};
     std::vector<FrameSize> sizes;
-    for (const FrameSize& size : kPresetSizes) {
-        if (holdsInt(width, size.width) && holdsInt(height, size.height)) sizes.push_back(size);
+    for (const auto& [preset, size] : kPresetSizes) {
+        const GstPtr<GstStructure> wanted(gst_structure_new(gst_structure_get_name(structure), "width", G_TYPE_INT,
+                                                            size.width, "height", G_TYPE_INT, size.height, nullptr));
+        if (gst_structure_can_intersect(structure, wanted.get()) != FALSE) sizes.push_back(size);
     }
     return sizes;
 }
@@ -122,7 +107,7 @@ DeviceDescription describeNode(PipeWireNode node, MediaType mediaType) {
     });
     description.node = std::move(node.node);
     description.isDefault = node.isDefault;
-    description.fleetingMemory = true;  // the server takes it back when the stream ends
+    description.temporaryMemory = true;  // the server takes it back when the stream ends
     description.makeSource = [id = description.id, name = description.name, mediaType]() -> Expected<GstElement*> {
         // It may have been plugged in anew. One that has gone would be waited for without end.
         const auto now = findPipeWireNodes(mediaType).value_or(std::vector<PipeWireNode>());
@@ -281,24 +266,24 @@ fs::path findTorch(const fs::path& ledDirectory) {
     return {};
 }
 
-// A control of a Video4Linux device. Opening beside a running stream is allowed.
-bool hasControl(const fs::path& node, std::uint32_t control) {
+// Asks a Video4Linux device. Opening it beside a running stream is allowed.
+bool ask(const fs::path& node, unsigned long request, void* argument) {
     const int file = node.empty() ? -1 : ::open(node.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
     if (file < 0) return false;
+    const bool done = ::ioctl(file, request, argument) == 0;
+    ::close(file);
+    return done;
+}
+
+bool hasControl(const fs::path& node, std::uint32_t control) {
     v4l2_queryctrl query{};
     query.id = control;
-    const bool present = ::ioctl(file, VIDIOC_QUERYCTRL, &query) == 0 && (query.flags & V4L2_CTRL_FLAG_DISABLED) == 0;
-    ::close(file);
-    return present;
+    return ask(node, VIDIOC_QUERYCTRL, &query) && (query.flags & V4L2_CTRL_FLAG_DISABLED) == 0;
 }
 
 bool setControl(const fs::path& node, std::uint32_t control, int value) {
-    const int file = node.empty() ? -1 : ::open(node.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
-    if (file < 0) return false;
     v4l2_control setting{control, value};
-    const bool done = ::ioctl(file, VIDIOC_S_CTRL, &setting) == 0;
-    ::close(file);
-    return done;
+    return ask(node, VIDIOC_S_CTRL, &setting);
 }
 
 }  // namespace
@@ -346,11 +331,6 @@ GstCaptureDevice::GstCaptureDevice(DeviceDescription description, const fs::path
                : fs::path()),
       activeFormat_(initialFormat(formats_)) {}
 
-std::optional<CaptureDeviceFormat> GstCaptureDevice::activeFormat() const {
-    const std::lock_guard lock(mutex_);
-    return activeFormat_;
-}
-
 std::optional<Error> GstCaptureDevice::lockForConfiguration() {
     return std::nullopt;  // every setting below is atomic by itself
 }
@@ -362,8 +342,7 @@ void GstCaptureDevice::setActiveFormat(const CaptureDeviceFormat& format) {
         log("Capture: \"" + description_.name + "\" has no such format");
         return;
     }
-    const std::lock_guard lock(mutex_);
-    activeFormat_ = format;
+    mutex_.set(activeFormat_, format);
 }
 
 bool GstCaptureDevice::isFocusModeSupported(FocusMode mode) const {

@@ -4,11 +4,11 @@
 #include "CaptureRules.h"
 #include "GstSupport.h"
 
+#include <SelvioFacialCapture/base/MemberMutex.h>
 #include <SelvioFacialCapture/linux/Capture.h>
 
 #include <atomic>
 #include <functional>
-#include <mutex>
 
 namespace selvio {
 
@@ -22,7 +22,7 @@ struct DeviceDescription {
     std::filesystem::path node{};     ///< device node, empty if it has none of its own
     bool playsFile = false;           ///< its frames come as they lie in a file, and it chooses their format itself
     bool isDefault = false;           ///< the person's choice among the system's devices
-    bool fleetingMemory = false;      ///< frames must not be held on to
+    bool temporaryMemory = false;     ///< frames must not be held on to
     /// A new source element (floating), or why there is none.
     std::function<Expected<GstElement*>()> makeSource{};
 };
@@ -46,7 +46,7 @@ public:
     [[nodiscard]] MediaType mediaType() const override { return description_.mediaType; }
     [[nodiscard]] CaptureDevicePosition position() const override { return description_.position; }
     [[nodiscard]] std::vector<CaptureDeviceFormat> formats() const override { return formats_; }
-    [[nodiscard]] std::optional<CaptureDeviceFormat> activeFormat() const override;
+    [[nodiscard]] std::optional<CaptureDeviceFormat> activeFormat() const override { return mutex_.get(activeFormat_); }
     std::optional<Error> lockForConfiguration() override;
     void unlockForConfiguration() override;
     void setActiveFormat(const CaptureDeviceFormat& format) override;
@@ -63,20 +63,8 @@ private:
     const DeviceDescription description_;
     const std::vector<CaptureDeviceFormat> formats_;
     const std::filesystem::path led_;  ///< directory of the LED; empty without a torch
-    mutable std::mutex mutex_;
+    mutable MemberMutex mutex_;
     std::optional<CaptureDeviceFormat> activeFormat_;  // guarded by mutex_
-};
-
-class GstCaptureDeviceInput final : public CaptureDeviceInput {
-public:
-    explicit GstCaptureDeviceInput(std::shared_ptr<GstCaptureDevice> device)
-        : own_(device), device_(std::move(device)) {}
-    [[nodiscard]] const std::shared_ptr<CaptureDevice>& device() const override { return device_; }
-    [[nodiscard]] const std::shared_ptr<GstCaptureDevice>& own() const { return own_; }
-
-private:
-    const std::shared_ptr<GstCaptureDevice> own_;
-    const std::shared_ptr<CaptureDevice> device_;
 };
 
 }  // namespace selvio

@@ -2,9 +2,23 @@
 
 #include <SelvioFacialCapture/base/Log.h>
 
-#include <mutex>
+#include <algorithm>
+#include <iterator>
 
 namespace selvio {
+namespace {
+
+struct Format {
+    PixelFormat code;
+    const char* name;
+    GstVideoFormat gst;
+};
+constexpr Format kFormats[] = {{kPixelFormat32BGRA, "BGRA", GST_VIDEO_FORMAT_BGRA},
+                               {kPixelFormat32ARGB, "ARGB", GST_VIDEO_FORMAT_ARGB},
+                               {kPixelFormat420v, "NV12", GST_VIDEO_FORMAT_NV12}};
+
+}  // namespace
+
 bool startGStreamer() {
     static const bool started = [] {
         GError* failure = nullptr;
@@ -25,30 +39,13 @@ int elementRank(const std::string& element) {
 }
 
 const char* gstFormatName(PixelFormat format) {
-    switch (format) {
-        case kPixelFormat32ARGB:
-            return "ARGB";
-        case 0:
-        case kPixelFormat32BGRA:
-            return "BGRA";
-        case kPixelFormat420v:
-            return "NV12";
-        default:
-            return nullptr;
-    }
+    const auto* const found = std::ranges::find(kFormats, format == 0 ? kPixelFormat32BGRA : format, &Format::code);
+    return found == std::end(kFormats) ? nullptr : found->name;
 }
 
 PixelFormat pixelFormatOf(GstVideoFormat format) {
-    switch (format) {
-        case GST_VIDEO_FORMAT_ARGB:
-            return kPixelFormat32ARGB;
-        case GST_VIDEO_FORMAT_BGRA:
-            return kPixelFormat32BGRA;
-        case GST_VIDEO_FORMAT_NV12:
-            return kPixelFormat420v;
-        default:
-            return 0;
-    }
+    const auto* const found = std::ranges::find(kFormats, format, &Format::gst);
+    return found == std::end(kFormats) ? 0 : found->code;
 }
 
 GstPtr<GstCaps> rawVideoCaps(const PixelBufferLayout& layout, int framesPerSecond) {

@@ -1,7 +1,7 @@
 // What every GStreamer adapter needs: start-up, owning pointers, pixels to and from GStreamer's buffers.
 #pragma once
 
-#include "FrameCrop.h"
+#include "platform/capture/FrameSize.h"
 
 #include <SelvioFacialCapture/base/Error.h>
 #include <SelvioFacialCapture/imaging/SampleBuffer.h>

@@ -1,6 +1,5 @@
 #include "GstView.h"
 
-#include <SelvioFacialCapture/base/ConcurrentQueue.h>
 #include <SelvioFacialCapture/base/Log.h>
 
 #include <gst/app/gstappsrc.h>
@@ -20,44 +19,36 @@ std::unique_ptr<PreviewWindow> PreviewWindow::open(Size size, const std::string&
         log("Preview: there is no display");
         return nullptr;
     }
+    const std::string width = std::to_string(std::max(std::lround(size.width), 16L));
+    const std::string height = std::to_string(std::max(std::lround(size.height), 16L));
+    const std::string scaler = elementRank("videoconvertscale") >= 0 ? "videoconvertscale" : "videoscale";
+    const std::string description =
+        "appsrc name=source format=time is-live=true do-timestamp=true max-buffers=1 max-bytes=0 leaky-type=downstream "
+        "! video/x-raw ! aspectratiocrop aspect-ratio=" +
+        width + "/" + height + " ! " + scaler + " ! video/x-raw,pixel-aspect-ratio=1/1,width=" + width +
+        ",height=" + height + " ! videoflip video-direction=horiz ! videoconvert ! ximagesink sync=false";
     std::unique_ptr<PreviewWindow> window(new PreviewWindow);
-    window->pipeline_.reset(GST_ELEMENT(gst_object_ref_sink(gst_pipeline_new(title.c_str()))));
-    GstElement* const source = makeElement("appsrc");
-    GstElement* const flip = makeElement("videoflip");
-    GstElement* const sink = makeElement("ximagesink");
-    if (source != nullptr) {
-        window->source_.reset(GST_ELEMENT(gst_object_ref(source)));
-        g_object_set(source, "format", GST_FORMAT_TIME, "is-live", TRUE, "do-timestamp", TRUE, "max-buffers",
-                     guint64{1}, "max-bytes", guint64{0}, nullptr);
-        gst_util_set_object_arg(G_OBJECT(source), "leaky-type", "downstream");
+    GError* failure = nullptr;
+    window->pipeline_.reset(gst_parse_launch_full(description.c_str(), nullptr, GST_PARSE_FLAG_FATAL_ERRORS, &failure));
+    if (const GstPtr<GError> error(failure); !window->pipeline_) {
+        log(std::string("Preview: ") + (error ? error->message : "no window could be opened"));
+        return nullptr;
     }
-    if (flip != nullptr) gst_util_set_object_arg(G_OBJECT(flip), "method", "horizontal-flip");
-    if (sink != nullptr) g_object_set(sink, "sync", FALSE, nullptr);
-    const std::string shape =
-        "video/x-raw,pixel-aspect-ratio=1/1,width=" + std::to_string(std::max(std::lround(size.width), 16L)) +
-        ",height=" + std::to_string(std::max(std::lround(size.height), 16L));
-    const bool oneStep = elementRank("videoconvertscale") >= 0;
-    std::vector<GstElement*> chain{source, makeElement(oneStep ? "videoconvertscale" : "videoscale"),
-                                   makeCapsFilter(shape)};
-    if (!oneStep) chain.push_back(makeElement("videoconvert"));
-    chain.insert(chain.end(), {flip, makeElement("videoconvert"), sink});
-    std::optional<Error> error = addChain(window->pipeline_.get(), chain);
-    if (!error) {
-        const GstPtr<GstBus> bus(gst_element_get_bus(window->pipeline_.get()));
-        const auto onMessage = [](GstBus*, GstMessage* message, gpointer owner) {
-            if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR &&
-                !static_cast<PreviewWindow*>(owner)->closed_.exchange(true)) {
-                log("Preview: " + describe(message));
-            }
-            gst_message_unref(message);
-            return GST_BUS_DROP;
-        };
-        gst_bus_set_sync_handler(bus.get(), onMessage, window.get(), nullptr);
-        if (gst_element_set_state(window->pipeline_.get(), GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE)
-            error = Error{"no window could be opened"};
-    }
-    if (!error) return window;
-    if (!window->closed_) log("Preview: " + error->localizedDescription);
+    GstElement* const pipeline = GST_ELEMENT(gst_object_ref_sink(window->pipeline_.get()));
+    gst_object_set_name(GST_OBJECT(pipeline), title.c_str());
+    window->source_.reset(gst_bin_get_by_name(GST_BIN(pipeline), "source"));
+    const GstPtr<GstBus> bus(gst_element_get_bus(pipeline));
+    const auto onMessage = [](GstBus*, GstMessage* message, gpointer owner) {
+        if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR &&
+            !static_cast<PreviewWindow*>(owner)->closed_.exchange(true)) {
+            log("Preview: " + describe(message));
+        }
+        gst_message_unref(message);
+        return GST_BUS_DROP;
+    };
+    gst_bus_set_sync_handler(bus.get(), onMessage, window.get(), nullptr);
+    if (gst_element_set_state(pipeline, GST_STATE_PLAYING) != GST_STATE_CHANGE_FAILURE) return window;
+    if (!window->closed_) log("Preview: no window could be opened");
     return nullptr;
 }
 
@@ -85,14 +76,9 @@ void PreviewWindow::show(const std::shared_ptr<SampleBuffer>& frame) {
 
 GstPreviewLayer::~GstPreviewLayer() {
     if (!options_.window) return;
-    if (const auto session = std::dynamic_pointer_cast<GstCaptureSession>(session_)) session->removeWatcher(this);
-    // The camera's thread may be the last to hold the layer; it cannot end a session, which waits for that thread.
-    ConcurrentQueue::shared()->async([session = std::move(session_)]() mutable { session.reset(); });
-}
-
-std::shared_ptr<CaptureSession> GstPreviewLayer::session() const {
-    const std::lock_guard lock(mutex_);
-    return session_;
+    auto session = std::dynamic_pointer_cast<GstCaptureSession>(std::move(session_));
+    if (session) session->removeWatcher(this);
+    GstCaptureSession::dropLater(std::move(session));  // the camera's thread may be the last to hold the layer
 }
 
 void GstPreviewLayer::setSession(std::shared_ptr<CaptureSession> session) {
@@ -108,7 +94,7 @@ void GstPreviewLayer::setSession(std::shared_ptr<CaptureSession> session) {
 
 std::shared_ptr<CaptureConnection> GstPreviewLayer::connection() const {
     const auto own = std::dynamic_pointer_cast<GstCaptureSession>(session());
-    return own && own->hasVideoInput() ? connection_ : nullptr;
+    return own && own->hasCamera() ? connection_ : nullptr;
 }
 
 MetadataObject GstPreviewLayer::transformedMetadataObject(const MetadataObject& object) const {
@@ -127,33 +113,20 @@ void GstPreviewLayer::setSize(Size size) {
 }
 
 void GstPreviewLayer::frameArrived(const std::shared_ptr<SampleBuffer>& frame) {
-    const auto& whole = frame->imageBuffer();
-    const FrameCrop upright = cropFor(whole->width(), whole->height(), connection_->videoOrientation());
+    const PixelBuffer& pixels = *frame->imageBuffer();
     Size size;
     {
         const std::lock_guard lock(mutex_);
         size = size_;
-        frameSize_ = {static_cast<double>(upright.width), static_cast<double>(upright.height)};
+        frameSize_ = {static_cast<double>(pixels.width()), static_cast<double>(pixels.height())};
     }
     if (!std::exchange(opened_, true)) window_ = PreviewWindow::open(size, options_.title);
     if (!window_) return;
-
-    const FrameCrop fill = cropToFill(upright.width, upright.height, size);
-    if (covered_) {
-        auto grey = PixelBuffer::create(fill.width, fill.height, kPixelFormat32BGRA);
-        if (grey) std::memset(grey->data(), 0xC0, grey->layout().byteSize());
-        if (grey) window_->show(SampleBuffer::makeVideo(std::move(grey), frame->timing()));
-        return;
-    }
-    const bool twoPlanes = whole->planeCount() == 2;
-    const std::size_t x = static_cast<std::size_t>(upright.x) + static_cast<std::size_t>(fill.x);
-    const std::size_t y = static_cast<std::size_t>(upright.y) + static_cast<std::size_t>(fill.y);
-    const auto layout = PixelBufferLayout::make(fill.width, fill.height, whole->format(),
-                                                {whole->bytesPerRow(0), twoPlanes ? whole->bytesPerRow(1) : 0});
-    if (!layout) return;
-    std::uint8_t* const first = whole->data(0) + y * whole->bytesPerRow(0) + x * (twoPlanes ? 1 : 4);
-    std::uint8_t* const second = twoPlanes ? whole->data(1) + y / 2 * whole->bytesPerRow(1) + x : nullptr;
-    window_->show(SampleBuffer::makeVideo(PixelBuffer::wrap(*layout, {first, second}, [whole] {}), frame->timing()));
+    if (!covered_) return window_->show(frame);
+    auto grey = PixelBuffer::create(pixels.width(), pixels.height(), kPixelFormat32BGRA);
+    if (!grey) return;
+    std::memset(grey->data(), 0xC0, grey->layout().byteSize());
+    window_->show(SampleBuffer::makeVideo(std::move(grey), frame->timing()));
 }
 
 // ---- view

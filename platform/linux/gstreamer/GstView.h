@@ -32,7 +32,7 @@ public:
     explicit GstPreviewLayer(ViewOptions options) : options_(std::move(options)) {}
     ~GstPreviewLayer() override;
 
-    [[nodiscard]] std::shared_ptr<CaptureSession> session() const override;
+    [[nodiscard]] std::shared_ptr<CaptureSession> session() const override { return mutex_.get(session_); }
     void setSession(std::shared_ptr<CaptureSession> session) override;
     void setVideoGravity(const std::string&) override {}  // the picture always fills the layer
     [[nodiscard]] std::shared_ptr<CaptureConnection> connection() const override;
@@ -41,16 +41,16 @@ public:
     void setSize(Size size);
     /// While covered, the window shows grey.
     void setCovered(bool covered) { covered_ = covered; }
+    [[nodiscard]] VideoOrientation orientation() const override { return connection_->videoOrientation(); }
     void frameArrived(const std::shared_ptr<SampleBuffer>& frame) override;
 
 private:
     const ViewOptions options_;
-    const std::shared_ptr<GstConnection> connection_ =
-        std::make_shared<GstConnection>(true, VideoOrientation::Portrait);
-    mutable std::mutex mutex_;
+    const std::shared_ptr<PlainConnection> connection_ = std::make_shared<PlainConnection>(VideoOrientation::Portrait);
+    mutable MemberMutex mutex_;
     std::shared_ptr<CaptureSession> session_;  // guarded by mutex_
     Size size_{360, 640};                      // guarded by mutex_
-    Size frameSize_;                           // guarded by mutex_; of the part of the last frame that was shown
+    Size frameSize_;                           // guarded by mutex_; of the last frame
     std::atomic<bool> covered_{false};
     bool opened_ = false;                    // used on the camera's thread
     std::unique_ptr<PreviewWindow> window_;  // used on the camera's thread

@@ -89,11 +89,12 @@ void addModes(const spa_pod* format, std::vector<CameraMode>& modes) {
     if (rectangles.isRange) {
         const FrameSize low = sizes[0];
         const FrameSize high = sizes[1];
-        sizes.assign(kPresetSizes.begin(), kPresetSizes.end());
-        std::erase_if(sizes, [&](const FrameSize& size) {
-            return size.width < low.width || size.height < low.height || size.width > high.width ||
-                   size.height > high.height;
-        });
+        sizes.clear();
+        for (const auto& [preset, size] : kPresetSizes) {
+            if (size.width >= low.width && size.height >= low.height && size.width <= high.width &&
+                size.height <= high.height)
+                sizes.push_back(size);
+        }
     }
     for (const FrameSize& size : sizes) {
         for (const std::string& name : names) addMode(modes, {jpeg, name, size.width, size.height, rate});

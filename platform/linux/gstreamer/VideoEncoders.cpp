@@ -3,92 +3,53 @@
 #include <SelvioFacialCapture/platform/Capture.h>
 
 #include <algorithm>
+#include <iterator>
 
 namespace selvio {
 namespace {
 
-using Unit = BitRateUnit;
+// The encoders of a stream, "h264" or "h265": those in hardware, whose names and settings differ by the stream alone,
+// and the given ones in software. Two seconds between key frames at most, so that a player can seek. No frame refers to
+// a later one: times stay simple and the delay short.
+std::vector<VideoEncoder> encodersOf(const std::string& stream, std::vector<VideoEncoder> inSoftware) {
+    using Settings = decltype(VideoEncoder::settings);
+    constexpr auto kKilobits = BitRateUnit::KilobitsPerSecond;
+    const Settings va{{"rate-control", "vbr"}, {"b-frames", "0"}, {"key-int-max", "60"}};
+    const Settings vaapi{{"rate-control", "vbr"}, {"max-bframes", "0"}, {"keyframe-period", "60"}};
+    const Settings nv{{"rc-mode", "vbr"}, {"bframes", "0"}, {"gop-size", "60"}};
+    const Settings qsv{{"rate-control", "vbr"}, {"b-frames", "0"}, {"gop-size", "60"}};
+    std::vector<VideoEncoder> encoders{
+        {"va" + stream + "enc", true, kKilobits, va},       {"va" + stream + "lpenc", true, kKilobits, va},
+        {"vaapi" + stream + "enc", true, kKilobits, vaapi}, {"nv" + stream + "enc", true, kKilobits, nv},
+        {"qsv" + stream + "enc", true, kKilobits, qsv},     {"v4l2" + stream + "enc", true, BitRateUnit::V4l2Control}};
+    std::ranges::move(inSoftware, std::back_inserter(encoders));
+    return encoders;
+}
 
-// Two seconds between key frames at most, so that a player can seek. No frame refers to a later one: times stay simple
-// and the delay short.
 const std::vector<VideoCodec>& codecs() {
     static const std::vector<VideoCodec> table = {
         {.name = kVideoCodecTypeH264,
-         .caps = "video/x-h264",
          .parser = "h264parse",
          .muxedCaps = "video/x-h264,stream-format=avc,alignment=au",
          .packages = "gstreamer1.0-plugins-ugly (x264enc) or gstreamer1.0-plugins-bad (openh264enc)",
          .encoders =
-             {
-                 {"vah264enc",
-                  true,
-                  Unit::KilobitsPerSecond,
-                  {{"rate-control", "vbr"}, {"b-frames", "0"}, {"key-int-max", "60"}}},
-                 {"vah264lpenc",
-                  true,
-                  Unit::KilobitsPerSecond,
-                  {{"rate-control", "vbr"}, {"b-frames", "0"}, {"key-int-max", "60"}}},
-                 {"vaapih264enc",
-                  true,
-                  Unit::KilobitsPerSecond,
-                  {{"rate-control", "vbr"}, {"max-bframes", "0"}, {"keyframe-period", "60"}}},
-                 {"nvh264enc",
-                  true,
-                  Unit::KilobitsPerSecond,
-                  {{"rc-mode", "vbr"}, {"bframes", "0"}, {"gop-size", "60"}}},
-                 {"qsvh264enc",
-                  true,
-                  Unit::KilobitsPerSecond,
-                  {{"rate-control", "vbr"}, {"b-frames", "0"}, {"gop-size", "60"}}},
-                 {"v4l2h264enc", true, Unit::V4l2Control, {}},
-                 {"x264enc",
-                  false,
-                  Unit::KilobitsPerSecond,
-                  {{"speed-preset", "superfast"}, {"bframes", "0"}, {"key-int-max", "60"}}},
-                 {"openh264enc",
-                  false,
-                  Unit::BitsPerSecond,
-                  {{"rate-control", "bitrate"},
-                   {"complexity", "low"},
-                   {"gop-size", "60"},
-                   {"enable-frame-skip", "false"}}},
-             }},
+             encodersOf("h264", {{.element = "x264enc",
+                                  .settings = {{"speed-preset", "superfast"}, {"bframes", "0"}, {"key-int-max", "60"}}},
+                                 {.element = "openh264enc",
+                                  .unit = BitRateUnit::BitsPerSecond,
+                                  .settings = {{"rate-control", "bitrate"},
+                                               {"complexity", "low"},
+                                               {"gop-size", "60"},
+                                               {"enable-frame-skip", "false"}}}})},
         {.name = kVideoCodecTypeHEVC,
-         .caps = "video/x-h265",
          .parser = "h265parse",
          .muxedCaps = "video/x-h265,stream-format=hvc1,alignment=au",
          .packages = "gstreamer1.0-plugins-bad (x265enc, h265parse)",
-         .encoders =
-             {
-                 {"vah265enc",
-                  true,
-                  Unit::KilobitsPerSecond,
-                  {{"rate-control", "vbr"}, {"b-frames", "0"}, {"key-int-max", "60"}}},
-                 {"vah265lpenc",
-                  true,
-                  Unit::KilobitsPerSecond,
-                  {{"rate-control", "vbr"}, {"b-frames", "0"}, {"key-int-max", "60"}}},
-                 {"vaapih265enc",
-                  true,
-                  Unit::KilobitsPerSecond,
-                  {{"rate-control", "vbr"}, {"max-bframes", "0"}, {"keyframe-period", "60"}}},
-                 {"nvh265enc",
-                  true,
-                  Unit::KilobitsPerSecond,
-                  {{"rc-mode", "vbr"}, {"bframes", "0"}, {"gop-size", "60"}}},
-                 {"qsvh265enc",
-                  true,
-                  Unit::KilobitsPerSecond,
-                  {{"rate-control", "vbr"}, {"b-frames", "0"}, {"gop-size", "60"}}},
-                 {"v4l2h265enc", true, Unit::V4l2Control, {}},
-                 {"x265enc",
-                  false,
-                  Unit::KilobitsPerSecond,
-                  {{"speed-preset", "ultrafast"},
-                   {"key-int-max", "60"},
-                   {"log-level", "error"},
-                   {"option-string", "bframes=0"}}},
-             }},
+         .encoders = encodersOf("h265", {{.element = "x265enc",
+                                          .settings = {{"speed-preset", "ultrafast"},
+                                                       {"key-int-max", "60"},
+                                                       {"log-level", "error"},
+                                                       {"option-string", "bframes=0"}}}})},
     };
     return table;
 }
@@ -102,8 +63,7 @@ const std::vector<AudioEncoder>& audioEncoders() {
 
 const VideoCodec* findVideoCodec(const std::string& name) {
     const auto& table = codecs();
-    const auto found =
-        std::find_if(table.begin(), table.end(), [&](const VideoCodec& codec) { return codec.name == name; });
+    const auto found = std::ranges::find(table, name, &VideoCodec::name);
     return found == table.end() ? nullptr : &*found;
 }
 
@@ -121,12 +81,12 @@ std::vector<const VideoEncoder*> installedEncoders(const VideoCodec& codec, cons
 
 std::pair<std::string, std::string> bitRateSetting(const VideoEncoder& encoder, std::int64_t bitsPerSecond) {
     switch (encoder.unit) {
-        case Unit::BitsPerSecond:
+        case BitRateUnit::BitsPerSecond:
             return {"bitrate", std::to_string(bitsPerSecond)};
-        case Unit::V4l2Control:
+        case BitRateUnit::V4l2Control:
             return {"extra-controls",
                     "controls,video_bitrate_mode=0,video_gop_size=60,video_bitrate=" + std::to_string(bitsPerSecond)};
-        case Unit::KilobitsPerSecond:
+        case BitRateUnit::KilobitsPerSecond:
             break;
     }
     return {"bitrate", std::to_string((bitsPerSecond + 500) / 1000)};

@@ -32,7 +32,6 @@ struct AudioEncoder {
 /// What the tables know of a codec.
 struct VideoCodec {
     std::string name;                    ///< kVideoCodecType...
-    std::string caps;                    ///< the media type of the encoded stream
     std::string parser;                  ///< element
     std::string muxedCaps;               ///< what goes into the file
     std::string packages;                ///< Debian packages with a software encoder

@@ -3,7 +3,7 @@
 // 1280x720 at 30, NV12 in 320x240 at 30; focus controls.
 //
 // The directory SELVIO_EMULATED_CAMERA steers it: `frame.jpg` is every Motion JPEG frame, `controls` collects the
-// settings ("ID=value" lines), and when a file `unplugged` appears, the camera is gone.
+// settings ("ID=value" lines).
 #include <fcntl.h>
 #include <linux/videodev2.h>
 #include <sys/ioctl.h>
@@ -63,16 +63,6 @@ bool isCamera(int file) {
     return length > 0 && std::string_view(path, static_cast<std::size_t>(length)).ends_with("/dev/video0");
 }
 
-// Whoever finds it gone leaves it as new for the next time.
-bool isGone() {
-    if (::access(fileIn("unplugged").c_str(), F_OK) != 0) return false;
-    const std::lock_guard lock(mutex);
-    bufferCount = 0;
-    queued.clear();
-    streaming = false;
-    return true;
-}
-
 int fail(int error) {
     errno = error;
     return -1;
@@ -130,7 +120,6 @@ int dequeue(int file, v4l2_buffer& buffer) {
     const auto due = started + std::chrono::microseconds(1'000'000LL * (sequence + 1) / mode.rate);
     lock.unlock();
     std::this_thread::sleep_until(due);  // a camera has its own pace
-    if (isGone()) return fail(ENODEV);
     lock.lock();
     if (!streaming || queued.empty()) return fail(EINVAL);
     buffer.index = queued.front();
@@ -148,7 +137,6 @@ int dequeue(int file, v4l2_buffer& buffer) {
 
 int answer(int file, unsigned long request, void* argument) {
     if (request == VIDIOC_DQBUF) return dequeue(file, *static_cast<v4l2_buffer*>(argument));
-    if (isGone()) return fail(ENODEV);
     const std::lock_guard lock(mutex);
     switch (request) {
         case VIDIOC_QUERYCAP: {

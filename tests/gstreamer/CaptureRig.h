@@ -1,19 +1,17 @@
-// A session with one camera and a delegate that remembers, and lets a test wait for what it is to see.
+// A session with one camera, and what every camera must do.
 #pragma once
 
 #include <SelvioFacialCapture/base/SerialQueue.h>
 #include <SelvioFacialCapture/linux/Capture.h>
 
+#include <support/CaptureProbe.h>
 #include <support/LogCapture.h>
 #include <support/MediaProbe.h>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <algorithm>
-#include <condition_variable>
 #include <functional>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -32,69 +30,6 @@ inline bool comesTrue(const std::function<bool()>& condition) {
     }
     return true;
 }
-
-class CaptureProbe : public CaptureOutputDelegate {
-public:
-    explicit CaptureProbe(std::shared_ptr<SerialQueue> queue) : queue_(std::move(queue)) {}
-
-    void captureOutputDidOutputSampleBuffer(const CaptureOutput&, const std::shared_ptr<SampleBuffer>& sample,
-                                            const std::shared_ptr<CaptureConnection>&) override {
-        EXPECT_TRUE(queue_->isCurrent());
-        std::unique_lock lock(mutex_);
-        frames_.push_back(sample->timing());
-        last_ = *sample->formatDescription();
-        changed_.notify_all();
-        changed_.wait(lock, [this] { return !blocked_; });
-        if (onFrame) onFrame(sample);
-    }
-    void captureOutputDidDropSampleBuffer(const CaptureOutput&, const std::shared_ptr<SampleBuffer>& sample,
-                                          const std::shared_ptr<CaptureConnection>&) override {
-        const std::lock_guard lock(mutex_);
-        if (!sample->imageBuffer() && sample->timing().isValid()) ++drops_;
-        changed_.notify_all();
-    }
-    void captureOutputDidOutputMetadataObjects(const CaptureOutput&, const std::vector<MetadataObject>& objects,
-                                               const std::shared_ptr<CaptureConnection>&) override {
-        EXPECT_TRUE(queue_->isCurrent());
-        const std::lock_guard lock(mutex_);
-        objects_.insert(objects_.end(), objects.begin(), objects.end());
-        changed_.notify_all();
-    }
-
-    /// Waits until the condition holds, for ten seconds at most.
-    template <typename Condition>
-    bool waitFor(Condition condition) {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, std::chrono::seconds(10), condition);
-    }
-    bool waitForFrames(std::size_t more) {
-        const std::size_t wanted = frameCount() + more;
-        return waitFor([&] { return frames_.size() >= wanted; });
-    }
-    void block(bool blocked) {
-        const std::lock_guard lock(mutex_);
-        blocked_ = blocked;
-        changed_.notify_all();
-    }
-    std::size_t frameCount() {
-        const std::lock_guard lock(mutex_);
-        return frames_.size();
-    }
-
-    std::function<void(const std::shared_ptr<SampleBuffer>&)> onFrame;  // set before frames flow
-
-    // To be read while nothing flows, or inside waitFor.
-    std::vector<SampleTiming> frames_;
-    std::vector<MetadataObject> objects_;
-    VideoFormatDescription last_;
-    int drops_ = 0;
-
-private:
-    const std::shared_ptr<SerialQueue> queue_;
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    bool blocked_ = false;
-};
 
 /// A session with one camera, wired as a camera object wires it.
 struct Rig {

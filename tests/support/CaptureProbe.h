@@ -1,0 +1,85 @@
+// A delegate of capture outputs that remembers, and lets a test wait for what it is to see.
+#pragma once
+
+#include <SelvioFacialCapture/platform/Capture.h>
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <vector>
+
+namespace selvio::test {
+
+class CaptureProbe : public CaptureOutputDelegate {
+public:
+    /// `queue`: the one on which everything is to come.
+    explicit CaptureProbe(std::shared_ptr<Queue> queue) : queue_(std::move(queue)) {}
+
+    void captureOutputDidOutputSampleBuffer(const CaptureOutput& output, const std::shared_ptr<SampleBuffer>& sample,
+                                            const std::shared_ptr<CaptureConnection>& connection) override {
+        EXPECT_TRUE(queue_->isCurrent());
+        EXPECT_TRUE(connection);
+        std::unique_lock lock(mutex_);
+        if (dynamic_cast<const AudioDataOutput*>(&output)) {
+            sounds_.push_back(sample->timing());
+            return;
+        }
+        frames_.push_back(sample->timing());
+        last_ = *sample->formatDescription();
+        changed_.notify_all();
+        changed_.wait(lock, [this] { return !blocked_; });
+        lock.unlock();
+        if (onFrame) onFrame(sample);
+    }
+    void captureOutputDidDropSampleBuffer(const CaptureOutput&, const std::shared_ptr<SampleBuffer>& sample,
+                                          const std::shared_ptr<CaptureConnection>&) override {
+        EXPECT_TRUE(queue_->isCurrent());
+        EXPECT_FALSE(sample->imageBuffer());
+        const std::lock_guard lock(mutex_);
+        drops_.push_back(sample->timing());
+        changed_.notify_all();
+    }
+    void captureOutputDidOutputMetadataObjects(const CaptureOutput&, const std::vector<MetadataObject>& objects,
+                                               const std::shared_ptr<CaptureConnection>&) override {
+        EXPECT_TRUE(queue_->isCurrent());
+        const std::lock_guard lock(mutex_);
+        objects_.insert(objects_.end(), objects.begin(), objects.end());
+        changed_.notify_all();
+    }
+
+    /// Waits until the condition holds, for ten seconds at most.
+    template <typename Condition>
+    bool waitFor(Condition condition) {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, std::chrono::seconds(10), condition);
+    }
+    bool waitForFrames(std::size_t more) {
+        const std::size_t wanted = frameCount() + more;
+        return waitFor([&] { return frames_.size() >= wanted; });
+    }
+    void block(bool blocked) {
+        const std::lock_guard lock(mutex_);
+        blocked_ = blocked;
+        changed_.notify_all();
+    }
+    std::size_t frameCount() {
+        const std::lock_guard lock(mutex_);
+        return frames_.size();
+    }
+
+    std::function<void(const std::shared_ptr<SampleBuffer>&)> onFrame;  // set before frames flow
+
+    // To be read while nothing flows, or inside waitFor.
+    std::vector<SampleTiming> frames_, sounds_, drops_;
+    std::vector<MetadataObject> objects_;
+    VideoFormatDescription last_;
+
+private:
+    const std::shared_ptr<Queue> queue_;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    bool blocked_ = false;
+};
+
+}  // namespace selvio::test
