@@ -39,7 +39,7 @@ JSON = re.compile(r"^nlohmann/")
 
 
 class Tree:
-    """What the CMakeLists.txt files say: `links` of a folder, all that it `may_include`, and the `library` it is in."""
+    """What the CMakeLists.txt files say: `links` of a folder, all that it `may_include`, and the `libraries` it is in."""
 
     def __init__(self, root):
         self.root = root.resolve()
@@ -54,9 +54,12 @@ class Tree:
         self.links = {folder: set() for folder in targets.values()}
         for target, names in links.items():
             self.links[targets[target]] |= {targets[name] for name in names if name in targets} - {targets[target]}
-        self.library = {targets[name]: library for library, names in libraries for name in names.split()}
+        self.libraries = {folder: set() for folder in self.links}
+        for library, names in libraries:
+            for name in names.split():
+                self.libraries[targets[name]].add(library)
         self.may_include = {folder: self.reached_from(folder) for folder in self.links}
-        self.may_include["umbrella"] = {f for f, library in self.library.items() if library == "SelvioFacialCapture"}
+        self.may_include["umbrella"] = {f for f, names in self.libraries.items() if "SelvioFacialCapture" in names}
         self.may_include["apps"] = set(self.may_include)
 
     def reached_from(self, folder):
@@ -90,7 +93,7 @@ class Tree:
     def faults(self):
         if not self.links:
             yield f"{self.root}: no folders"
-        for folder in sorted(set(self.links) - set(self.library)):
+        for folder in sorted(f for f, names in self.libraries.items() if not names):
             yield f"{folder}: in no library"
         files = sorted(p for p in self.root.rglob("*") if p.suffix in (".h", ".cpp") and self.folder_of(p.relative_to(self.root)))
         for file in files:
@@ -116,7 +119,7 @@ class Tree:
                     yield f"{path}: <{name}> is a third-party header in a public header"
             elif target not in self.may_include[folder]:
                 yield f"{path}: {folder} may not include {target} ({name})"
-            elif private and self.library.get(target) != self.library.get(folder):
+            elif private and not self.libraries.get(folder, set()) & self.libraries.get(target, set()):
                 yield f"{path}: {name} is a private header of another library"
 
     def faults_in_table(self):
