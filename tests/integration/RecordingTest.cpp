@@ -17,7 +17,6 @@
 #include "support/FakeDevice.h"
 #include "support/LogCapture.h"
 #include "support/MediaProbe.h"
-#include "support/Resources.h"
 
 namespace selvio {
 namespace {
@@ -50,18 +49,17 @@ private:
 };
 
 struct Rig {
-    explicit Rig(const std::string& keyFrames, std::int64_t orientation = 1,
-                 const SimulatedCaptureOptions& options = {SimulatedPacing::Manual}) {
+    explicit Rig(const std::string& keyFrames, std::int64_t orientation = 1) {
         Platform platform = makePortablePlatform();
         platform.mainQueue = main;
         platform.device = std::make_shared<FakeDevice>();
         platform.screen = std::make_shared<FakeScreen>(Size{}, static_cast<InterfaceOrientation>(orientation));
         platform.fileManager = std::make_shared<LinuxFileManager>(documents);
         platform.assetWriters = makeGstAssetWriterFactory();
-        system = useSimulatedCamera(platform, spotFrames(keyFrames), options);
-        camera = SelvioFacialCaptureCamera::initWithPreset(
-            options.pacing == SimulatedPacing::Manual ? kCaptureSessionPreset1280x720 : kCaptureSessionPreset640x480, 0,
-            CaptureDevicePosition::Front, static_cast<VideoOrientation>(orientation), {}, platform);
+        system = useSimulatedCamera(platform, spotFrames(keyFrames), {SimulatedPacing::Manual});
+        camera =
+            SelvioFacialCaptureCamera::initWithPreset(kCaptureSessionPreset1280x720, 0, CaptureDevicePosition::Front,
+                                                      static_cast<VideoOrientation>(orientation), {}, platform);
         camera->setAnalyzeRGBVideo(false);
         camera->parameters()->setRecordVideo(true);
         camera->parameters()->setRecordAudio(true);
@@ -74,8 +72,7 @@ struct Rig {
         };
         camera->setDelegate(delegate);
         drain(camera->videoQueue());
-        if (options.pacing == SimulatedPacing::Manual)
-            system->scene()->setTime({});  // stands still until the first frame
+        system->scene()->setTime({});  // stands still until the first frame
     }
     ~Rig() {
         camera->stop();
@@ -135,8 +132,8 @@ struct Rig {
     int next = 0;  ///< frame
 };
 
-TEST(Recording, IsPlayableInEveryOrientation) {
-    for (const std::int64_t orientation : {1, 2, 3, 4}) {
+TEST(Recording, IsPlayableAndPictureAndSoundStayTogether) {
+    for (const std::int64_t orientation : {1, 4}) {
         SCOPED_TRACE(orientation);
         // It becomes light at 1 s, which is when the microphone is joined again.
         Rig rig(R"({"at": 0, "hold": 0.99, "visible": false, "light": 0}, {"at": 1, "light": 4})", orientation);
@@ -152,13 +149,11 @@ TEST(Recording, IsPlayableInEveryOrientation) {
         const auto media = probe(rig.file);
         const auto video = streamOfType(media, "video");
         const auto audio = streamOfType(media, "audio");
-        EXPECT_EQ(video.value("codec_name", ""), "h264");
-        EXPECT_EQ(video.value("width", 0), orientation <= 2 ? 720 : 1280);
-        EXPECT_EQ(video.value("height", 0), orientation <= 2 ? 1280 : 720);
+        EXPECT_EQ(video.value("width", 0), orientation == 1 ? 720 : 1280);
+        EXPECT_EQ(video.value("height", 0), orientation == 1 ? 1280 : 720);
         EXPECT_EQ(rig.frames, 60);
         EXPECT_EQ(video.value("nb_read_frames", ""), "60");
         EXPECT_NEAR(numberIn(video, "duration"), 2.0, 0.04);
-        EXPECT_EQ(audio.value("codec_name", ""), "aac");
         EXPECT_NEAR(numberIn(audio, "duration"), 2.0, 0.04);
         const auto [white, tone] = onsets(rig.file);
         EXPECT_NEAR(white, 1.0, 0.01);
@@ -186,10 +181,6 @@ TEST(Recording, FaultsSpareTheCapture) {
          .during = [&](Rig&) { full.emplace(); },
          .lift = [&](Rig&) { full.reset(); },
          .log = {"Recording failed: ", failed}},
-        {.what = "directory not writable",
-         .before = [](Rig& rig) { fs::create_directory_symlink("/proc", rig.documents); },
-         .lift = remove,
-         .log = {"could not create", failed}},
         {.what = "no directory",
          .before = [](Rig& rig) { std::ofstream(rig.documents) << "a file"; },
          .lift = remove,
@@ -245,36 +236,23 @@ TEST(Recording, FaultsSpareTheCapture) {
     }
 }
 
-TEST(Recording, ManyStartsAndStopsLeaveNothingBehind) {
-    Rig rig(kSteady, 1, {.frameRate = 240});
-    const auto cycle = [&](int times, bool record) {
-        rig.camera->parameters()->setRecordVideo(record);
+TEST(Recording, ManyOfThemLeaveNothingBehind) {
+    Rig rig(R"({"at": 0, "visible": false})");
+    const auto record = [&](int times) {
         for (; times > 0; --times) {
             rig.start();
-            // A recording begins after some frames on a busy machine, and has no room for others at first.
-            const int enough = rig.frames + (record ? 10 : 1);
-            ASSERT_TRUE(Rig::waitFor([&] { return rig.frames >= enough; }));
-            if (record) {
-                ASSERT_TRUE(rig.stopAndReceive());
-            } else {
-                rig.camera->stop();
-            }
+            rig.step(3);
+            ASSERT_TRUE(rig.stopAndReceive());
         }
         rig.camera->discardRecording();  // the last writer goes
         Rig::drain(rig.camera->videoOutputQueue());
     };
-    cycle(5, true);  // GStreamer and the allocator keep something for the next time
-    cycle(50, false);
-    const auto before = Resources::now();
-    cycle(300, false);
-    EXPECT_LT(Resources::now().blocks - before.blocks, 150) << "less than one block every second cycle";
-    cycle(20, true);
-    // A writer's own thread may still be at its end.
-    const auto nothingMore = [&] {
-        return Resources::now().descriptors <= before.descriptors && Resources::now().threads <= before.threads + 6;
-    };
-    EXPECT_TRUE(Rig::waitFor(nothingMore))
-        << Resources::now().descriptors << " descriptors, " << Resources::now().threads << " threads";
+    record(5);  // GStreamer keeps a few threads for the next time
+    const auto threads = entriesIn("/proc/self/task"), descriptors = entriesIn("/proc/self/fd");
+    record(20);
+    EXPECT_TRUE(Rig::waitFor([&] {
+        return entriesIn("/proc/self/fd") <= descriptors && entriesIn("/proc/self/task") <= threads + 6;
+    })) << "a writer's own thread may still be at its end";
     EXPECT_TRUE(rig.noneLeft());
 }
 
