@@ -363,9 +363,11 @@ public:
         rig_.capture->codec = chance(2) ? "HEVC" : "H264";
         std::shuffle(rig_.capture->formats.begin(), rig_.capture->formats.end(), random_);
         rig_.platform.serviceLevel = 10 + any(3);
-        if ((model_.landscape = chance(3)))
-            rig_.platform.screen =
-                std::make_shared<FakeScreen>(Size{300.0, 600.0}, InterfaceOrientation::LandscapeLeft);
+        using Screen = InterfaceOrientation;
+        const auto screen =
+            anyOf({Screen::Portrait, Screen::PortraitUpsideDown, Screen::LandscapeLeft, Screen::LandscapeRight});
+        model_.landscape = screen == Screen::LandscapeLeft || screen == Screen::LandscapeRight;
+        rig_.platform.screen = std::make_shared<FakeScreen>(Size{300.0, 600.0}, screen);
         rig_.make();
         session_ = std::dynamic_pointer_cast<FakeCaptureSession>(rig_.camera->session());
     }
