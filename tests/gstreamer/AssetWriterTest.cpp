@@ -252,28 +252,18 @@ TEST_F(AssetWriterTest, WhatIsNotFinishedLeavesNoFileAndWhatIsThereStays) {
 }
 
 TEST_F(AssetWriterTest, NamesThePackageThatIsMissing) {
-    struct Case {
-        const char* codec;
-        std::vector<std::string> disabled;
-        bool audio;
-        const char* package;
+    const std::tuple<const char*, std::vector<std::string>, const char*> rows[] = {
+        {kVideoCodecTypeHEVC, {"h265parse"}, "gstreamer1.0-plugins-bad"},
+        {nullptr, {"avenc_aac", "voaacenc", "fdkaacenc"}, "gstreamer1.0-libav"},
+        {"VP9", {}, "\"VP9\" is not recorded"},
     };
-    const std::vector<std::string> h264Encoders{"vah264enc",  "vah264lpenc", "vaapih264enc", "nvh264enc",
-                                                "qsvh264enc", "v4l2h264enc", "x264enc",      "openh264enc"};
-    const Case cases[] = {
-        {kVideoCodecTypeH264, h264Encoders, false, "gstreamer1.0-plugins-ugly"},
-        {kVideoCodecTypeH264, {"avenc_aac", "voaacenc", "fdkaacenc"}, true, "gstreamer1.0-libav"},
-        {"VP9", {}, false, "\"VP9\" is not recorded"},
-    };
-    for (const Case& c : cases) {
+    for (const auto& [codec, disabled, message] : rows) {
         LogCapture log;
-        const auto factory = makeGstAssetWriterFactory({.disabledElements = c.disabled});
+        const auto factory = makeGstAssetWriterFactory({.disabledElements = disabled});
         const auto writer = factory->makeAssetWriter(file_, kFileTypeMPEG4).value();
-        const auto input = c.audio ? factory->makeAudioInput({}) : factory->makeVideoInput({c.codec, 180, 320, {}});
+        const auto input = codec == nullptr ? factory->makeAudioInput({}) : factory->makeVideoInput({codec, 4, 4, {}});
         EXPECT_FALSE(writer->canAddInput(*input));
-        EXPECT_THAT(log.take(), Contains(HasSubstr(c.package)));
-        writer->addInput(input);
-        EXPECT_FALSE(writer->startWriting()) << "there is no track";
+        EXPECT_THAT(log.take(), Contains(HasSubstr(message)));
     }
     EXPECT_EQ(recommendedVideoCodec({.preferHEVC = true}), kVideoCodecTypeHEVC);
     EXPECT_EQ(recommendedVideoCodec({.preferHEVC = true, .disabledElements = {"h265parse"}}), kVideoCodecTypeH264);

@@ -1,8 +1,6 @@
 #include "CaptureRig.h"
 #include "support/Child.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
 #include <atomic>
 
 namespace selvio {
@@ -32,12 +30,6 @@ std::shared_ptr<CaptureDevice> firstCamera(const std::shared_ptr<CaptureSystem>&
 void letPass(const CaptureSession& session, milliseconds time) {
     const auto start = session.masterClockTime();
     while (session.masterClockTime() - start < time) std::this_thread::yield();
-}
-
-TEST(Capture, DeliversFramesInFormatAndShape) {
-    const auto system = systemOf({.sources = {testPicture("YUY2")}});
-    for (const PixelFormat format : {kPixelFormat32BGRA, kPixelFormat420v})
-        expectDelivery(system, firstCamera(system), {320, 240, format, VideoOrientation::Portrait, 134, 240});
 }
 
 TEST(Capture, TakesUpChangesWhileItRuns) {
@@ -93,16 +85,13 @@ TEST(Capture, AStopEndsTheOpeningOfACameraThatDoesNotAnswer) {
     const SourceCamera silent{.name = "camera", .source = "appsrc is-live=true", .width = 320, .height = 240};
     const auto system = systemOf({.sources = {silent}, .openingTimeout = std::chrono::minutes(1)});
     Rig rig(system, firstCamera(system));
-    for (const bool unconfigured : {false, true}) {
-        std::jthread opener([&] { rig.session->startRunning(); });
-        ASSERT_TRUE(comesTrue([&] { return rig.session->isRunning(); }));
-        const auto before = rig.session->masterClockTime();
-        if (unconfigured) rig.session->removeInput(rig.input);
-        rig.session->stopRunning();
-        opener.join();
-        EXPECT_LT(rig.session->masterClockTime() - before, std::chrono::seconds(20));
-        EXPECT_FALSE(rig.session->isRunning());
-    }
+    std::jthread opener([&] { rig.session->startRunning(); });
+    ASSERT_TRUE(comesTrue([&] { return rig.session->isRunning(); }));
+    const auto before = rig.session->masterClockTime();
+    rig.session->stopRunning();
+    opener.join();
+    EXPECT_LT(rig.session->masterClockTime() - before, std::chrono::seconds(20));
+    EXPECT_FALSE(rig.session->isRunning());
     EXPECT_TRUE(log.take().empty()) << "nothing has failed";
 }
 
@@ -115,7 +104,6 @@ TEST(Capture, SaysWhyACameraDoesNotStartOrEnds) {
     const Case cases[] = {
         {"nosuchsource", false, "Capture: could not start: \"nosuchsource\": no element \"nosuchsource\""},
         {"appsrc is-live=true", false, "\"camera\" delivers no frames"},
-        {"videotestsrc ! identity error-after=1", false, "identity"},
         {"videotestsrc is-live=true ! identity error-after=10", true, "Capture: stopped: identity"},
         // After ten frames the next source is waited for, which never sends any.
         {"concat name=c videotestsrc is-live=true num-buffers=10 ! c.sink_0 appsrc is-live=true ! c.sink_1", true,
@@ -151,23 +139,6 @@ TEST(Capture, TorchIsAnLedWhoseFunctionIsLight) {
     EXPECT_EQ(brightness("input3::capslock"), 0);
     camera->setTorchMode(TorchMode::Off);
     EXPECT_EQ(brightness("white:flash"), 0);
-}
-
-TEST(Capture, NodesThatMayNotBeOpenedMeanDenied) {
-    TemporaryDirectory nodes;
-    const auto status = [&] {
-        CaptureOptions options;
-        options.deviceDirectory = nodes.path();
-        return makeGstCaptureSystem(options)->authorizationStatus(MediaType::Video);
-    };
-    EXPECT_EQ(status(), AuthorizationStatus::Authorized) << "no camera is not a refusal";
-    const std::string node = nodes.write("video0", "x");
-    ::chmod(node.c_str(), 0);
-    ::chmod(nodes.path().c_str(), 0755);
-    const bool isRoot = ::geteuid() == 0;
-    ASSERT_TRUE(!isRoot || ::seteuid(65534) == 0);
-    EXPECT_EQ(status(), AuthorizationStatus::Denied);
-    ASSERT_TRUE(!isRoot || ::seteuid(0) == 0);
 }
 
 TEST(Preview, ShowsTheFramesMirroredInAWindow) {
@@ -207,10 +178,7 @@ TEST(Capture, StandsEveryOperationFromSeveralThreadsAtOnce) {
     const std::function<void(int)> operations[] = {
         [&](int i) { i % 2 == 0 ? rig.session->startRunning() : rig.session->stopRunning(); },
         [&](int i) { i % 2 == 0 ? rig.session->stopRunning() : rig.session->startRunning(); },
-        [&](int i) {
-            if (i % 2 == 0) rig.output->setSampleBufferDelegate({}, nullptr);
-            rig.output->setSampleBufferDelegate(rig.probe, rig.queue);
-        },
+        [&](int i) { rig.output->setSampleBufferDelegate(i % 2 == 0 ? nullptr : rig.probe, rig.queue); },
         [&](int i) {
             for (const auto& connection : rig.output->connections())
                 connection->setVideoOrientation(static_cast<VideoOrientation>(i % 5));
@@ -233,6 +201,7 @@ TEST(Capture, StandsEveryOperationFromSeveralThreadsAtOnce) {
     while (std::chrono::steady_clock::now() < end) std::this_thread::yield();
     ending = true;
     for (std::thread& thread : threads) thread.join();
+    rig.output->setSampleBufferDelegate(rig.probe, rig.queue);
     rig.session->startRunning();
     EXPECT_TRUE(rig.probe->waitForFrames(2)) << "and still works";
 }
