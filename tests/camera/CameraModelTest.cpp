@@ -105,14 +105,17 @@ struct Model {
             return;
         }
         if (desired == Size{}) return;
-        int width = 0;
+        VideoFormatDescription chosen;
         for (const CaptureDeviceFormat& one : script.formats) {
             const auto& is = one.formatDescription;
-            if (is.mediaSubType != format || is.width <= width) continue;
-            width = is.width;
+            if (is.mediaSubType != format || is.width <= chosen.width) continue;
+            chosen = is;
             if (is.width == desired.width && is.height == desired.height) break;
         }
-        if (width > 0) say("camera lock"), say("camera format width " + number(width)), say("camera unlock");
+        if (chosen.width == 0) return;
+        say("camera lock");
+        say("camera format " + number(chosen.width) + "x" + number(chosen.height));
+        say("camera unlock");
     }
     bool addOutput(const std::string& name, const std::string& queue, const std::string& refusal) {
         say(name + " receiver on " + queue);
@@ -370,6 +373,7 @@ public:
         rig_.platform.screen = std::make_shared<FakeScreen>(Size{300.0, 600.0}, screen);
         rig_.make();
         session_ = std::dynamic_pointer_cast<FakeCaptureSession>(rig_.camera->session());
+        for (int i = any(16); i > 0; --i) configureSettings();
     }
 
     /// False at the first difference, which has then been reported.
