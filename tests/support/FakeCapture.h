@@ -282,7 +282,7 @@ public:
         return std::make_shared<FakeCaptureSession>(script_);
     }
     [[nodiscard]] std::shared_ptr<VideoDataOutput> makeVideoDataOutput() override {
-        return video_ = std::make_shared<FakeVideoDataOutput>(script_, "video");
+        return std::make_shared<FakeVideoDataOutput>(script_, "video");
     }
     [[nodiscard]] std::shared_ptr<AudioDataOutput> makeAudioDataOutput() override {
         return std::make_shared<FakeAudioDataOutput>(script_, "audio");
@@ -295,12 +295,8 @@ public:
         completion(mediaType == MediaType::Video);
     }
 
-    /// The output made last.
-    [[nodiscard]] const std::shared_ptr<FakeVideoDataOutput>& video() const { return video_; }
-
 private:
     const FakeScript script_;
-    std::shared_ptr<FakeVideoDataOutput> video_;
     const std::shared_ptr<CaptureDevice> camera_ = std::make_shared<FakeCaptureDevice>(script_, "camera");
     const std::shared_ptr<CaptureDevice> microphone_ = std::make_shared<FakeCaptureDevice>(script_, "microphone");
 };
