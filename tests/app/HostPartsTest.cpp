@@ -36,9 +36,12 @@ Parsed parse(const std::string& line) {
 TEST(CommandLine, RefusesWhatItDoesNotUnderstandAndSaysWhy) {
     const std::vector<std::pair<std::string, std::string>> rows = {
         {"--timeout 2", "in range 3 to 30"},
+        {"--timeout soon", "--timeout"},
         {"--min-fill 700 --max-fill 799", "at least 100 more than --min-fill"},
         {"--source webcam", "none of simulated, camera, camera:NAME, video:PATH"},
+        {"--source camera:", "none of"},
         {"--source camera --photo a.jpg", "--photo: belongs to --source simulated"},
+        {"--source video:a.mp4 --script a.json", "--script: belongs to --source simulated"},
         {"check", "IMAGE"},
     };
     for (const auto& [line, message] : rows) {
@@ -50,27 +53,33 @@ TEST(CommandLine, RefusesWhatItDoesNotUnderstandAndSaysWhy) {
 }
 
 TEST(CommandLine, PassesEveryCaptureParameterOn) {
-    const auto outcome = parse(
-                             "--mode manual --timeout 30 --min-fill 600 --max-fill 700 --roll 0 --pitch 1000 --yaw 501 "
-                             "--image-quality 5 --select-on-smile --countdown-time 0 --record-video --record-audio "
-                             "--no-show-recording-ui --video-quality 100")
-                             .outcome;
-    ASSERT_TRUE(std::holds_alternative<Command>(outcome));
-    const std::map<std::string, std::string> expected = {{"Mode", "1"},
-                                                         {"Timeout", "30"},
-                                                         {"MinFill", "600"},
-                                                         {"MaxFill", "700"},
-                                                         {"Roll", "0"},
-                                                         {"Pitch", "1000"},
-                                                         {"Yaw", "501"},
-                                                         {"ImageQuality", "5"},
-                                                         {"SelectOnSmile", "1"},
-                                                         {"CountdownTime", "0"},
-                                                         {"RecordVideo", "1"},
-                                                         {"RecordAudio", "1"},
-                                                         {"ShowRecordingUI", "0"},
-                                                         {"VideoQuality", "100"}};
-    EXPECT_EQ(std::get<RunOptions>(std::get<Command>(outcome)).parameters->toDictionary(), expected);
+    const auto defaults = SelvioFacialCaptureParameters().toDictionary();
+    const std::vector<std::tuple<std::string, std::string, std::string>> rows = {
+        {"--mode manual", "Mode", "1"},
+        {"--timeout 30", "Timeout", "30"},
+        {"--min-fill 600", "MinFill", "600"},
+        {"--max-fill 650", "MaxFill", "650"},
+        {"--roll 0", "Roll", "0"},
+        {"--pitch 1000", "Pitch", "1000"},
+        {"--yaw 501", "Yaw", "501"},
+        {"--image-quality 5", "ImageQuality", "5"},
+        {"--select-on-smile", "SelectOnSmile", "1"},
+        {"--countdown-time 0", "CountdownTime", "0"},
+        {"--record-video", "RecordVideo", "1"},
+        {"--record-audio", "RecordAudio", "1"},
+        {"--no-show-recording-ui", "ShowRecordingUI", "0"},
+        {"--video-quality 100", "VideoQuality", "100"},
+    };
+    std::set<std::string> seen;
+    for (const auto& [line, key, value] : rows) {
+        const auto outcome = parse(line).outcome;
+        ASSERT_TRUE(std::holds_alternative<Command>(outcome)) << line;
+        auto expected = defaults;
+        expected[key] = value;
+        EXPECT_EQ(std::get<RunOptions>(std::get<Command>(outcome)).parameters->toDictionary(), expected) << line;
+        seen.insert(key);
+    }
+    EXPECT_EQ(seen.size(), defaults.size());
 }
 
 TEST(Countdown, FollowsWhatIsReported) {
@@ -88,6 +97,7 @@ TEST(Countdown, FollowsWhatIsReported) {
     const auto announce = [&] { onQueue([&] { countdown->start(); }); };
     const auto take = [&] { return std::exchange(calls, {}); };
 
+    report(kOther);
     announce();
     report(kCounting);
     queue->advance(1900ms);
@@ -97,11 +107,13 @@ TEST(Countdown, FollowsWhatIsReported) {
     EXPECT_THAT(take(), testing::IsEmpty()) << "the face was lost";
     report(kCounting);
     queue->advance(500ms);
+    EXPECT_THAT(take(), testing::ElementsAre(2)) << "without a new announcement too";
     announce();  // replaces the one that runs, whose steps must not count along
     queue->advance(1s);
     report(kCounting);
     queue->advance(1s);
-    EXPECT_THAT(take(), testing::ElementsAre(2, 2, 1, 0));
+    EXPECT_THAT(take(), testing::ElementsAre(2, 1, 0));
+    for (const auto status : {kCounting, kOther, kCounting}) report(status);
     announce();
     queue->advance(10s);
     EXPECT_THAT(take(), testing::IsEmpty()) << "the picture has been asked for";
@@ -134,8 +146,9 @@ TEST(Texts, FollowTheFirstLocaleVariableThatSaysSomething) {
         const char* lang;
         Language language;
     };
-    for (const auto& row : {Row{"", "", "de_AT.UTF-8", Language::German}, Row{"C", "de_DE", "de_DE", Language::English},
-                            Row{"", "de@euro", "en", Language::German}, Row{"", "", "den_XX", Language::English}}) {
+    for (const auto& row : {Row{"", "", "", Language::English}, Row{"", "", "de_AT.UTF-8", Language::German},
+                            Row{"", "de", "en_GB", Language::German}, Row{"C", "de_DE", "de_DE", Language::English},
+                            Row{"de@euro", "en", "en", Language::German}, Row{"", "", "den_XX", Language::English}}) {
         ::setenv("LC_ALL", row.all, 1);
         ::setenv("LC_MESSAGES", row.messages, 1);
         ::setenv("LANG", row.lang, 1);
@@ -147,17 +160,22 @@ TEST(PersonOutput, ChangesOneLineOnATerminalAndPrintsEachChangeElsewhere) {
     const std::vector<RunEvent> events = {
         {"detectionResults", 0.1, {SelvioFacialCaptureStatusMoveCloser, SelvioFacialCaptureStatusNotCentered}},
         {"detectionResults", 0.2, {SelvioFacialCaptureStatusMoveCloser}, true},
-        {"detectionResults", 0.3, {SelvioFacialCaptureStatusMoveCloser}, true}};
+        {"detectionResults", 0.3, {SelvioFacialCaptureStatusMoveCloser}, true},
+        {"startCountdown", 0.3, {}, true},
+        {"detectionResults", 0.4, {SelvioFacialCaptureStatusHoldStill}, true}};
     for (const bool terminal : {true, false}) {
         std::ostringstream stream;
         const auto output = makePersonOutput(stream, terminal, Language::English, "[REC] ");
         for (const auto& event : events) output->event(event);
         output->countdown(2, true);
         output->event({"detectionResults", 0.4, {SelvioFacialCaptureStatusCountdown}, true});  // hides no number
+        output->countdown(1, false);
+        output->event({"detectionCancelled", 0.5, {SelvioFacialCaptureStatusHoldStill}});
         output->message("end");
-        EXPECT_EQ(stream.str(), terminal ? "\r\033[KMove closer\r\033[K[REC] Move closer"
-                                           "\r\033[K[REC] Stay like that … 2\nend\n"
-                                         : "Move closer\n[REC] Move closer\n[REC] Stay like that … 2\nend\n");
+        EXPECT_EQ(stream.str(), terminal ? "\r\033[KMove closer\r\033[K[REC] Move closer\r\033[K[REC] Hold still"
+                                           "\r\033[K[REC] Stay like that … 2\r\033[KStay like that … 1\nend\n"
+                                         : "Move closer\n[REC] Move closer\n[REC] Hold still\n"
+                                           "[REC] Stay like that … 2\nStay like that … 1\nend\n");
     }
 }
 
@@ -170,8 +188,10 @@ TEST(OutputFiles, AppearWholeOrNotAtAll) {
         ASSERT_FALSE(writeFileAtomically(file, content));
         EXPECT_EQ(test::contentOf(file), content);
     }
+    EXPECT_TRUE(writeFileAtomically(directory / "missing/file", "x"));
     std::filesystem::create_directory(directory / "taken");
     EXPECT_TRUE(writeFileAtomically(directory / "taken", "x"));
+    EXPECT_THAT(prepareOutputDirectory(file / "below").value().localizedDescription, HasSubstr("below"));
     std::size_t entries = 0;
     for ([[maybe_unused]] const auto& entry : std::filesystem::recursive_directory_iterator(directory)) ++entries;
     EXPECT_EQ(entries, 4U);  // a, a/b, a/b/file, taken: nothing temporary stays

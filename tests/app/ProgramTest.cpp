@@ -119,6 +119,12 @@ std::shared_ptr<PixelBuffer> scene(const std::string& keyFrame) {
     return frames.value()->frame({}, 720, 1280, kPixelFormat32BGRA);
 }
 
+TEST_F(SelvioCapture, AnswersQuestionsAboutItself) {
+    EXPECT_EQ(run({"run", "--help"}).exitCode, 0);
+    EXPECT_THAT(run({"--version"}).out, HasSubstr("3.2.1"));
+    EXPECT_EQ(run({"--timeout", "100"}).exitCode, 2);
+}
+
 TEST_F(SelvioCapture, JudgesPictures) {
     const std::string good = R"({"at": 0, "visible": true, "center": [0.5, 0.46], "jawWidth": 0.63})";
     const std::vector<std::tuple<std::string, std::string, std::size_t, std::vector<int>>> rows = {
@@ -146,10 +152,32 @@ TEST_F(SelvioCapture, JudgesPictures) {
         EXPECT_EQ(lines[i]["statuses"], statuses) << name;
         EXPECT_EQ(lines[i]["measures"].is_null(), faces != 1) << name;
     }
-    EXPECT_NEAR(lines[0]["measures"]["fill"]["value"].get<double>(), 0.63, 0.03);
-    EXPECT_EQ(lines[0]["measures"]["fill"]["max"], 0.725);
+    const auto& fill = lines[0]["measures"]["fill"];
+    EXPECT_NEAR(fill["value"].get<double>(), 0.63, 0.03);
+    EXPECT_EQ(fill["min"], 0.55);
+    EXPECT_EQ(fill["max"], 0.725);
+
+    // The same picture under other limits.
+    const auto strict = run({"check", "--json", "--min-fill", "750", "--max-fill", "850", path("good.jpg")});
+    EXPECT_EQ(strict.lines().at(0)["statuses"], json({6}));
     language_ = "de_DE.UTF-8";
     EXPECT_THAT(run({"check", path("far.jpg")}).out, HasSubstr("Kommen Sie näher"));
+}
+
+TEST_F(SelvioCapture, NamesPicturesThatItCannotRead) {
+    const std::string sample = kSamples / "astronaut.jpg";
+    const auto text = directory_.write("text.jpg", "This is not a picture.\n");
+    const auto cut = directory_.write("cut.jpg", contentOf(sample).substr(0, 5000));
+    const auto ended = run({"check", "--json", path("missing.jpg"), text, sample, cut});
+    EXPECT_EQ(ended.exitCode, 5);
+    const auto lines = ended.lines();
+    ASSERT_EQ(lines.size(), 4U);
+    EXPECT_EQ(lines[2]["faces"], 1) << "the good one among the bad";
+    for (const auto& [line, image] : {std::pair(0U, path("missing.jpg").string()), {1U, text}, {3U, cut}}) {
+        EXPECT_EQ(lines[line]["image"], image);
+        EXPECT_THAT(lines[line].at("error").get<std::string>(), HasSubstr(image));
+    }
+    EXPECT_THAT(run({"check", text}).err, HasSubstr("text.jpg"));
 }
 
 TEST_F(SelvioCapture, CapturesAndShowsTheRecord) {
@@ -161,14 +189,44 @@ TEST_F(SelvioCapture, CapturesAndShowsTheRecord) {
     EXPECT_EQ(record()["Autocapture"], "1");
     EXPECT_EQ(record()["Parameters"]["ImageQuality"], "80");
 
-    EXPECT_THAT(ended.out, HasSubstr("startCountdown"));
-    EXPECT_EQ(ended.lines().back()["event"], "detectionSuccess");
-    EXPECT_GE(ended.lines().back()["time"].get<double>(), 2.0) << "the countdown's two seconds";
+    std::vector<std::string> events;
+    double time = 0.0;
+    for (const auto& line : ended.lines()) {
+        if (events.empty() || events.back() != line["event"]) events.push_back(line["event"]);
+        EXPECT_GE(line["time"].get<double>(), time);
+        time = line["time"].get<double>();
+    }
+    EXPECT_THAT(events, testing::IsSupersetOf({"startCountdown", "detectionResults"}));
+    EXPECT_EQ(events.back(), "detectionSuccess");
+    EXPECT_EQ(ended.lines().back()["statuses"], json({14}));
+    EXPECT_GE(time, 2.0) << "the countdown's two seconds";
 
     const auto shown = run({"show", path("out/selfie.jpg")});
     EXPECT_EQ(shown.exitCode, 0);
     EXPECT_EQ(shown.out, contentOf(path("out/record.json")));
     EXPECT_EQ(run({"show", path("out/selfie.jpg")}, {}, "/dev/full").exitCode, 6);
+    const auto selfie = JpegPngImageLoader().loadImage(path("out/selfie.jpg"));
+    ASSERT_TRUE(selfie);
+    EXPECT_EQ(selfie.value()->height(), 1280);
+}
+
+TEST_F(SelvioCapture, EndsWithAPictureWhenTheCountdownIsBrokenOff) {
+    const std::string face =
+        R"("visible": true, "center": [0.5, 0.46], "jawWidth": 0.63, "second": null, "noise": 1.5)";
+    const std::pair<int, std::string> disturbances[] = {
+        {1, R"("hold": 0.1, "visible": false)"},
+        {2,
+         R"("hold": 0.5, "center": [0.26, 0.45], "jawWidth": 0.37, "second": {"center": [0.76, 0.45], "jawWidth": 0.37})"}};
+    for (const auto& [status, disturbance] : disturbances) {
+        const auto script =
+            directory_.write("script.json", R"({"keyFrames": [{"at": 0, "hold": 1.5, )" + face + R"(}, {"at": 1.5, )" +
+                                                disturbance + R"(}, {"at": 2.0, )" + face + "}]}");
+        const auto ended = run(capture(script, {"--countdown-time", "2", "--timeout", "10"}));
+        EXPECT_EQ(ended.exitCode, 0) << ended.err << ended.out;
+        EXPECT_THAT(ended.out, HasSubstr("\"statuses\":[" + std::to_string(status) + "]"));
+        for (const auto& line : ended.lines())
+            EXPECT_EQ(line["statuses"].empty(), line["event"] == "startCountdown") << line;
+    }
 }
 
 TEST_F(SelvioCapture, KeepsTheRecordingHoweverTheCaptureEnds) {
@@ -192,6 +250,22 @@ TEST_F(SelvioCapture, KeepsTheRecordingHoweverTheCaptureEnds) {
     }
 }
 
+TEST_F(SelvioCapture, SaysSoonThatARecordingWasLost) {
+    std::optional<std::chrono::steady_clock::time_point> interrupted;
+    const auto ended = run(capture(emptyScene(), {"--record-video"}), [&](const std::string& out, pid_t program) {
+        if (std::ranges::count(out, '\n') <= 5 || interrupted) return;
+        for (const auto& entry : fs::directory_iterator(path("SelvioFacialCapture/Documents"))) fs::remove_all(entry);
+        interrupted = std::chrono::steady_clock::now();
+        ::kill(program, SIGINT);
+    });
+    EXPECT_EQ(ended.exitCode, 3);
+    EXPECT_THAT(ended.err, HasSubstr("the recording could not be finished"));
+    EXPECT_THAT(results(), ElementsAre("record.json"));
+    ASSERT_TRUE(interrupted);
+    EXPECT_LT(std::chrono::steady_clock::now() - *interrupted, std::chrono::seconds(14))
+        << "no wait for what cannot come";
+}
+
 TEST_F(SelvioCapture, EndsWhenFramesStop) {
     ASSERT_EQ(run(capture(kSamples / "scripts/steady.json", {"--record-video"})).exitCode, 0);
     fs::rename(path("out/recording.mp4"), path("short.mp4"));
@@ -202,6 +276,14 @@ TEST_F(SelvioCapture, EndsWhenFramesStop) {
     EXPECT_THAT(ended.err, HasSubstr("The camera has stopped delivering frames"));
     EXPECT_EQ(ended.lines().back()["event"], "detectionCancelled");
     EXPECT_THAT(results(), ElementsAre("record.json", "recording.mp4")) << "what was recorded until then";
+}
+
+TEST_F(SelvioCapture, TakesThePictureInManualModeWithoutATerminal) {
+    const auto ended = run(capture(kSamples / "scripts/steady.json", {"--mode", "manual"}));
+    ASSERT_EQ(ended.exitCode, 0) << ended.err;
+    EXPECT_EQ(record()["SelvioResultCode"], "SuccessStillCamera");
+    EXPECT_EQ(record()["Autocapture"], "0");
+    for (const char* code : {"SS", "ST"}) EXPECT_THAT(record()["UXP"].dump(), HasSubstr(code));
 }
 
 TEST_F(SelvioCapture, GuidesOnATerminalAndTakesThePictureWhenEnterIsPressed) {
@@ -219,7 +301,7 @@ TEST_F(SelvioCapture, GuidesOnATerminalAndTakesThePictureWhenEnterIsPressed) {
 }
 
 TEST_F(SelvioCapture, LeavesTheRecordWhenItIsInterruptedOrTimesOut) {
-    for (const int signal : {SIGTERM, 0}) {
+    for (const int signal : {SIGINT, SIGTERM, 0}) {
         bool sent = signal == 0;  // then the time runs out
         const auto ended =
             run(capture(emptyScene(), {"--timeout", sent ? "3" : "30"}), [&](const std::string&, pid_t program) {
@@ -244,20 +326,24 @@ TEST_F(SelvioCapture, EndsWithTheCodeOfWhatIsMissing) {
         std::string message;
     };
     const std::vector<Row> rows = {
-        {{"--timeout", "100"}, 2, "--timeout"},
         {{"--out", path("file/out"), "--source", "simulated"}, 6, "file/out"},
         {{"--out", path("out"), "--source", "camera:no such camera"}, 4, "camera"},
+        {{"--out", path("out"), "--photo", path("none.jpg")}, 5, "none.jpg"},
         {{"--out", path("out"), "--photo", path("alone.jpg")}, 5, "alone.json"},
         {{"--out", path("out"), "--script", path("bad.json")}, 5, "bad.json"},
+        {{"--out", path("out"), "--source", "video:" + path("none.mp4").string()}, 5, "none.mp4"},
         {{"--out", path("out"), "--source", "video:" + path("file").string()}, 5, "file: cannot be played"},
-        {{"check", path("none.jpg"), kSamples / "astronaut.jpg"}, 5, "none.jpg"},
+        {{"--out", path("out"), "--source", "video:" + path("").string()}, 5, "cannot be read as a file"},
+        {{"show", path("none.jpg")}, 5, "none.jpg"},
         {{"show", path("file")}, 5, "not a JPEG"},
         {{"show", kSamples / "astronaut.jpg"}, 5, "no data record"},
+        {{"show", path("")}, 5, path("")},
     };
     for (const auto& row : rows) {
         const auto ended = run(row.arguments);
         EXPECT_EQ(ended.exitCode, row.exitCode) << row.message;
         EXPECT_THAT(ended.err, HasSubstr(row.message));
+        EXPECT_EQ(ended.out, "");
     }
 }
 

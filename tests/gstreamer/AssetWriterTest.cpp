@@ -13,6 +13,7 @@
 #include <fstream>
 #include <future>
 #include <random>
+#include <set>
 #include <sstream>
 #include <thread>
 
@@ -20,6 +21,7 @@ namespace selvio {
 namespace {
 
 using namespace test;
+using std::chrono::milliseconds;
 using std::chrono::nanoseconds;
 using ::testing::Contains;
 using ::testing::HasSubstr;
@@ -29,6 +31,14 @@ constexpr nanoseconds kFrame{33'333'333};
 
 std::shared_ptr<SampleBuffer> videoSample(std::shared_ptr<PixelBuffer> pixels, nanoseconds time) {
     return SampleBuffer::makeVideo(std::move(pixels), {kStart + time, kFrame});
+}
+
+std::shared_ptr<SampleBuffer> audioSample(nanoseconds time, nanoseconds length, int amplitude = 0) {
+    AudioData audio{48000, 1, {}};
+    for (int i = 0; i < length.count() * 48 / 1'000'000; ++i) {
+        audio.samples.push_back(static_cast<std::int16_t>(amplitude * std::sin(0.13 * i)));
+    }
+    return SampleBuffer::makeAudio(std::move(audio), {kStart + time, length});
 }
 
 class AssetWriterTest : public ::testing::Test {
@@ -76,38 +86,33 @@ protected:
     std::shared_ptr<AssetWriterInput> audio_;
 };
 
-TEST_F(AssetWriterTest, WritesEveryFrameWholeInTheCodecSizeAndColourAskedFor) {
+TEST_F(AssetWriterTest, WritesEveryFrameWholeInTheCodecAndSizeAskedFor) {
     struct Case {
         const char* codec;
         int width, height;  // of a frame; the file is 360x640
         PixelFormat format;
         const char* codecName;
         const char* tag;
-        int redAt200;  // in the middle column: of the picture, or of the black border above it
+        int levelAt200;  // in the middle column: of the picture, or of the black border above it
     };
     const Case cases[] = {
-        {kVideoCodecTypeH264, 202, 360, kPixelFormat32BGRA, "h264", "avc1", 254},
+        {kVideoCodecTypeH264, 202, 360, kPixelFormat32BGRA, "h264", "avc1", 200},
         {kVideoCodecTypeHEVC, 640, 360, kPixelFormat420v, "hevc", "hvc1", 0},
-        {kVideoCodecTypeH264, 202, 360, kPixelFormat32ARGB, "h264", "avc1", 254},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.format);
+        SCOPED_TRACE(c.codec);
         std::filesystem::remove(file_);
         make({c.codec, 360, 640, {{kVideoAverageBitRateKey, 500'000}}});
         start();
-        const auto red = painted(c.width, c.height, c.format, [&](std::uint8_t* sample, int, int, int plane) {
-            const std::array<std::uint8_t, 4> bgra{0, 0, 255, 255}, argb{255, 255, 0, 0}, yuv{81, 90, 240};
-            if (c.format == kPixelFormat420v) {
-                std::copy_n(&yuv[plane == 0 ? 0 : 1], plane + 1, sample);
-            } else {
-                std::ranges::copy(c.format == kPixelFormat32BGRA ? bgra : argb, sample);
-            }
-        });
-        for (int i = 0; i < 45; ++i) ASSERT_TRUE(append(video_, videoSample(red, i * kFrame)));
+        const auto frame =
+            greyFrame(c.width, c.height, c.format, c.format == kPixelFormat420v ? 188 : 200);  // the same grey
+        for (int i = 0; i < 45; ++i) ASSERT_TRUE(append(video_, videoSample(frame, i * kFrame)));
         ASSERT_EQ(finish(), AssetWriterStatus::Completed);
-        const auto video = streamOfType(probe(file_), "video");
+        const auto media = probe(file_);
+        const auto video = streamOfType(media, "video");
         EXPECT_EQ(video.value("codec_name", ""), c.codecName);
         EXPECT_EQ(video.value("codec_tag_string", ""), c.tag);
+        EXPECT_EQ(video.value("pix_fmt", ""), "yuv420p");
         EXPECT_EQ(video.value("width", 0), 360);
         EXPECT_EQ(video.value("height", 0), 640);
         EXPECT_EQ(video.value("nb_read_frames", ""), "45");
@@ -117,15 +122,31 @@ TEST_F(AssetWriterTest, WritesEveryFrameWholeInTheCodecSizeAndColourAskedFor) {
         EXPECT_LT(head.find("moov"), head.find("mdat")) << "a player can start before it has all of the file";
         const std::string column =
             outputOf("ffmpeg -v error -i '" + file_.string() +
-                     "' -vf 'crop=2:640:180:0,scale=1:640' -frames:v 1 -pix_fmt rgb24 -f rawvideo -");
-        ASSERT_EQ(column.size(), 1920U);
-        const auto level = [&](std::size_t at) { return static_cast<unsigned char>(column[at]); };
-        EXPECT_NEAR(level(600), c.redAt200, 20);
-        EXPECT_GT(level(960), 230);
-        EXPECT_LT(level(961), 25);
-        EXPECT_LT(level(962), 25);
-        EXPECT_NEAR(level(1320), c.redAt200, 20);
+                     "' -vf 'crop=2:640:180:0,scale=1:640' -frames:v 1 -pix_fmt gray -f rawvideo -");
+        ASSERT_EQ(column.size(), 640U);
+        EXPECT_NEAR(static_cast<unsigned char>(column[200]), c.levelAt200, 12);
+        EXPECT_NEAR(static_cast<unsigned char>(column[320]), 200, 8);
+        EXPECT_NEAR(static_cast<unsigned char>(column[440]), c.levelAt200, 12);
     }
+}
+
+TEST_F(AssetWriterTest, PictureAndSoundStayTogetherWithTheOtherEncoder) {
+    make(h264(180, 320), true, {.disabledElements = {"fdkaacenc", "avenc_aac"}});
+    start();
+    // The picture turns white and a tone begins at 1 s. Sound begins 300 ms late, and 40 ms of it are lost at 400 ms.
+    milliseconds sound{300};
+    for (int i = 0; i < 60; ++i) {
+        ASSERT_TRUE(append(video_, videoSample(greyFrame(180, 320, kPixelFormat420v, i < 30 ? 16 : 235), i * kFrame)));
+        for (; sound < i * kFrame; sound += milliseconds(20)) {
+            if (sound == milliseconds(400) || sound == milliseconds(420)) continue;
+            ASSERT_TRUE(append(audio_, audioSample(sound, milliseconds(20), sound < milliseconds(1000) ? 0 : 12000)));
+        }
+    }
+    ASSERT_EQ(finish(), AssetWriterStatus::Completed);
+    EXPECT_NEAR(numberIn(streamOfType(probe(file_), "audio"), "duration"), 2.0, 0.04);
+    const auto [white, tone] = onsets(file_);
+    EXPECT_NEAR(white, 1.0, 0.02);
+    EXPECT_NEAR(tone, white, 0.04);
 }
 
 TEST_F(AssetWriterTest, NeitherASilentMicrophoneNorFramesOutOfOrderHarmTheFile) {
@@ -136,12 +157,38 @@ TEST_F(AssetWriterTest, NeitherASilentMicrophoneNorFramesOutOfOrderHarmTheFile) 
     for (int i = 0; i < 90; ++i) ASSERT_TRUE(append(video_, videoSample(frame, i * kFrame)));
     EXPECT_FALSE(video_->appendSampleBuffer(videoSample(frame, 89 * kFrame)));
     EXPECT_FALSE(video_->appendSampleBuffer(SampleBuffer::makeVideo(frame, {})));
+    EXPECT_FALSE(video_->appendSampleBuffer(audioSample(std::chrono::seconds(5), kFrame)));
     EXPECT_FALSE(video_->appendSampleBuffer(nullptr));
     ASSERT_EQ(finish(), AssetWriterStatus::Completed);
     EXPECT_FALSE(video_->appendSampleBuffer(videoSample(frame, 100 * kFrame)));
     const auto media = probe(file_);
     EXPECT_EQ(streamOfType(media, "video").value("nb_read_frames", ""), "90");
     EXPECT_NEAR(numberIn(streamOfType(media, "audio"), "duration"), 3.0, 0.05);
+}
+
+TEST_F(AssetWriterTest, ColoursAreThoseOfTheFrames) {
+    for (const PixelFormat format : {kPixelFormat32BGRA, kPixelFormat32ARGB, kPixelFormat420v}) {
+        SCOPED_TRACE(format);
+        std::filesystem::remove(file_);
+        make(h264(180, 320));
+        start();
+        const auto red = painted(180, 320, format, [&](std::uint8_t* sample, int, int, int plane) {
+            const std::array<std::uint8_t, 4> bgra{0, 0, 255, 255}, argb{255, 255, 0, 0}, yuv{81, 90, 240};
+            if (format == kPixelFormat420v) {
+                std::copy_n(&yuv[plane == 0 ? 0 : 1], plane + 1, sample);
+            } else {
+                std::ranges::copy(format == kPixelFormat32BGRA ? bgra : argb, sample);
+            }
+        });
+        for (int i = 0; i < 10; ++i) ASSERT_TRUE(append(video_, videoSample(red, i * kFrame)));
+        ASSERT_EQ(finish(), AssetWriterStatus::Completed);
+        const std::string pixel = outputOf("ffmpeg -v error -i '" + file_.string() +
+                                           "' -vf crop=2:2:90:160 -frames:v 1 -pix_fmt rgb24 -f rawvideo -");
+        ASSERT_EQ(pixel.size(), 12U);
+        EXPECT_GT(static_cast<unsigned char>(pixel[0]), 230);
+        EXPECT_LT(static_cast<unsigned char>(pixel[1]), 25);
+        EXPECT_LT(static_cast<unsigned char>(pixel[2]), 25);
+    }
 }
 
 // Whatever the settings expected before the camera was opened.
@@ -156,7 +203,7 @@ TEST_F(AssetWriterTest, BitRateAndKeyFramesFollowTheFramesOwnRate) {
     }
     constexpr int kSeconds = 7;
     constexpr double kBitRate = 1'500'000;
-    for (const int rate : {10, 60}) {
+    for (const int rate : {10, 15, 25, 30, 60}) {
         SCOPED_TRACE(rate);
         std::filesystem::remove(file_);
         auto settings = h264(360, 640);
@@ -183,6 +230,31 @@ TEST_F(AssetWriterTest, BitRateAndKeyFramesFollowTheFramesOwnRate) {
     }
 }
 
+TEST_F(AssetWriterTest, TakesItsOwnSizeOfTheDiskAndSaysWhenThatIsFull) {
+    const auto frame = greyFrame(180, 320, kPixelFormat420v, 90);
+    make(h264(180, 320));
+    start();
+    for (int i = 0; i < 30; ++i) ASSERT_TRUE(append(video_, videoSample(frame, i * kFrame)));
+    std::set<std::string> open;  // files without a name take space, too
+    for (const auto& descriptor : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code gone;
+        const auto file = std::filesystem::read_symlink(descriptor, gone).string();
+        if (file.starts_with(directory_.path().string())) open.insert(file);
+    }
+    EXPECT_EQ(open, std::set<std::string>{(directory_.path() / "selvio_test.part.mp4").string()});
+    ASSERT_EQ(finish(), AssetWriterStatus::Completed);
+
+    std::filesystem::remove(file_);
+    std::filesystem::create_symlink("/dev/full", directory_.path() / "selvio_test.part.mp4");
+    LogCapture log;
+    make(h264(180, 320));
+    start();
+    for (int i = 0; i < 30; ++i) append(video_, videoSample(frame, i * kFrame));
+    EXPECT_EQ(finish(), AssetWriterStatus::Failed);
+    EXPECT_THAT(log.take(), Contains("Recording failed: no space is left on the disk"));
+    EXPECT_EQ(directory_.fileCount(), 0U);
+}
+
 TEST_F(AssetWriterTest, TheIndexComesToTheFrontUnlessItCannot) {
     const auto atom = [](const std::string& type, const std::string& content) {
         const std::uint32_t size = static_cast<std::uint32_t>(content.size()) + 8;
@@ -205,9 +277,11 @@ TEST_F(AssetWriterTest, TheIndexComesToTheFrontUnlessItCannot) {
     } rows[] = {
         {head + media + index("stco", before), head + index("stco", after) + media},
         {head + media + index("co64", before64), head + index("co64", after64) + media},
+        {head + index("stco", before) + media, head + index("stco", before) + media},
         {head + media + index("stco", "\xff\xff\xff\xff" + before.substr(4)), ""},  // would be beyond 4 GB
         {head + media, "", true},
         {head + media + index("stco", before) + atom("free", "x"), "", true},
+        {head + media.substr(0, 100), "", true},
         {"", "", true},
     };
     for (const auto& row : rows) {
@@ -232,38 +306,72 @@ TEST_F(AssetWriterTest, InRealTimeDropsRatherThanWaits) {
     EXPECT_EQ(held.use_count(), 1) << "the frames' memory is shared while it is encoded, and then let go";
 }
 
-TEST_F(AssetWriterTest, WhatIsNotFinishedLeavesNoFileAndWhatIsThereStays) {
+TEST_F(AssetWriterTest, FailureAndCancellingLeaveNoFile) {
     LogCapture log;
-    make(h264(180, 320));
-    start();
+    const auto record = [&](int frames) {
+        make(h264(180, 320));
+        start();
+        for (int i = 0; i < frames; ++i)
+            append(video_, videoSample(greyFrame(180, 320, kPixelFormat420v, 90), i * kFrame));
+    };
+    record(0);
     EXPECT_EQ(finish(), AssetWriterStatus::Failed);
     EXPECT_THAT(log.take(), Contains(HasSubstr("nothing was recorded")));
-    make(h264(180, 320));
-    start();
-    append(video_, videoSample(greyFrame(180, 320, kPixelFormat420v, 90), {}));
+    record(10);
+    writer_->cancelWriting();
+    EXPECT_EQ(finish(), AssetWriterStatus::Cancelled);
+    record(10);
     writer_.reset();  // given up while it writes
     EXPECT_EQ(directory_.fileCount(), 0U);
-    std::ofstream(file_) << "already here";
-    make(h264(180, 320));
-    EXPECT_FALSE(writer_->startWriting());
-    EXPECT_THAT(log.take(), Contains(HasSubstr(file_.string())));
+    record(10);
+    std::filesystem::remove_all(directory_.path());
     EXPECT_EQ(finish(), AssetWriterStatus::Failed);
-    EXPECT_EQ(contentOf(file_), "already here");
+    EXPECT_THAT(log.take(), Contains(HasSubstr("could not finish")));
+}
+
+TEST_F(AssetWriterTest, CannotStartWhereNoFileCanBeMade) {
+    std::ofstream(file_) << "already here";
+    const auto there = file_;
+    for (const auto& path :
+         {directory_.path() / "missing" / "selvio_a.mp4", std::filesystem::path("/proc/selvio_a.mp4"), there}) {
+        SCOPED_TRACE(path);
+        LogCapture log;
+        file_ = path;
+        make(h264(180, 320));
+        EXPECT_FALSE(writer_->startWriting());
+        EXPECT_THAT(log.take(), Contains(HasSubstr(path.string())));
+        EXPECT_FALSE(video_->isReadyForMoreMediaData());
+        EXPECT_EQ(finish(), AssetWriterStatus::Failed);
+        EXPECT_EQ(directory_.fileCount(), 1U);
+        EXPECT_EQ(contentOf(there), "already here");
+    }
 }
 
 TEST_F(AssetWriterTest, NamesThePackageThatIsMissing) {
-    const std::tuple<const char*, std::vector<std::string>, const char*> rows[] = {
-        {kVideoCodecTypeHEVC, {"h265parse"}, "gstreamer1.0-plugins-bad"},
-        {nullptr, {"avenc_aac", "voaacenc", "fdkaacenc"}, "gstreamer1.0-libav"},
-        {"VP9", {}, "\"VP9\" is not recorded"},
+    struct Case {
+        const char* codec;
+        std::vector<std::string> disabled;
+        bool audio;
+        const char* package;
     };
-    for (const auto& [codec, disabled, message] : rows) {
+    const std::vector<std::string> h264Encoders{"vah264enc",  "vah264lpenc", "vaapih264enc", "nvh264enc",
+                                                "qsvh264enc", "v4l2h264enc", "x264enc",      "openh264enc"};
+    const Case cases[] = {
+        {kVideoCodecTypeH264, h264Encoders, false, "gstreamer1.0-plugins-ugly"},
+        {kVideoCodecTypeHEVC, {"h265parse"}, false, "gstreamer1.0-plugins-bad"},
+        {kVideoCodecTypeH264, {"mp4mux"}, false, "gstreamer1.0-plugins-good"},
+        {kVideoCodecTypeH264, {"avenc_aac", "voaacenc", "fdkaacenc"}, true, "gstreamer1.0-libav"},
+        {"VP9", {}, false, "\"VP9\" is not recorded"},
+    };
+    for (const Case& c : cases) {
         LogCapture log;
-        const auto factory = makeGstAssetWriterFactory({.disabledElements = disabled});
+        const auto factory = makeGstAssetWriterFactory({.disabledElements = c.disabled});
         const auto writer = factory->makeAssetWriter(file_, kFileTypeMPEG4).value();
-        const auto input = codec == nullptr ? factory->makeAudioInput({}) : factory->makeVideoInput({codec, 4, 4, {}});
+        const auto input = c.audio ? factory->makeAudioInput({}) : factory->makeVideoInput({c.codec, 180, 320, {}});
         EXPECT_FALSE(writer->canAddInput(*input));
-        EXPECT_THAT(log.take(), Contains(HasSubstr(message)));
+        EXPECT_THAT(log.take(), Contains(HasSubstr(c.package)));
+        writer->addInput(input);
+        EXPECT_FALSE(writer->startWriting()) << "there is no track";
     }
     EXPECT_EQ(recommendedVideoCodec({.preferHEVC = true}), kVideoCodecTypeHEVC);
     EXPECT_EQ(recommendedVideoCodec({.preferHEVC = true, .disabledElements = {"h265parse"}}), kVideoCodecTypeH264);

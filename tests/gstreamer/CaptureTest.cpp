@@ -1,3 +1,5 @@
+#include <sys/stat.h>
+#include <unistd.h>
 #include "CaptureRig.h"
 #include "support/Child.h"
 
@@ -169,6 +171,45 @@ TEST(Preview, ShowsTheFramesMirroredInAWindow) {
     }
     EXPECT_TRUE(log.take().empty());
     ::unsetenv("DISPLAY");
+}
+
+TEST(Capture, AVideoFileIsACameraThatPlaysOnce) {
+    TemporaryDirectory directory;
+    const auto file = directory.path() / "clip with space.mp4";
+    outputOf(
+        "gst-launch-1.0 -q videotestsrc num-buffers=20 ! video/x-raw,width=360,height=640,framerate=30/1 ! x264enc ! "
+        "mp4mux ! filesink location='" +
+        file.string() + "'");
+    LogCapture log;
+    const auto system = systemOf({.videoFiles = {file, directory.path() / "missing.mp4"}});
+    const auto devices = system->discoverDevices({}, MediaType::Video, CaptureDevicePosition::Front)->devices;
+    ASSERT_EQ(devices.size(), 1U);
+    EXPECT_THAT(log.take(), Contains(HasSubstr("missing.mp4\" cannot be played")));
+    Rig rig(system, devices[0], 0, VideoOrientation::Portrait);
+    rig.session->startRunning();
+    EXPECT_THAT(linesAtTheEndOf(*rig.session, log), Contains("Capture: stopped: the video has ended"));
+    rig.queue->drain();
+    EXPECT_GE(rig.probe->frames_.size(), 15U);
+    EXPECT_EQ(rig.probe->last_, (VideoFormatDescription{kPixelFormat32BGRA, 360, 640}));
+    const auto played = *rig.probe->frames_.back().presentationTime - *rig.probe->frames_.front().presentationTime;
+    EXPECT_GT(played, milliseconds(450)) << "in real time";
+}
+
+TEST(Capture, NodesThatMayNotBeOpenedMeanDenied) {
+    TemporaryDirectory nodes;
+    const auto status = [&] {
+        CaptureOptions options;
+        options.deviceDirectory = nodes.path();
+        return makeGstCaptureSystem(options)->authorizationStatus(MediaType::Video);
+    };
+    EXPECT_EQ(status(), AuthorizationStatus::Authorized) << "no camera is not a refusal";
+    const std::string node = nodes.write("video0", "x");
+    ::chmod(node.c_str(), 0);
+    ::chmod(nodes.path().c_str(), 0755);
+    const bool isRoot = ::geteuid() == 0;
+    ASSERT_TRUE(!isRoot || ::seteuid(65534) == 0);
+    EXPECT_EQ(status(), AuthorizationStatus::Denied);
+    ASSERT_TRUE(!isRoot || ::seteuid(0) == 0);
 }
 
 TEST(Capture, StandsEveryOperationFromSeveralThreadsAtOnceAndLeavesNothingBehind) {

@@ -64,8 +64,7 @@ public:
     }
     void unlockForConfiguration() override { say("unlock"); }
     void setActiveFormat(const CaptureDeviceFormat& format) override {
-        say("format " + std::to_string(format.formatDescription.width) + "x" +
-            std::to_string(format.formatDescription.height));
+        say("format width " + std::to_string(format.formatDescription.width));
     }
     [[nodiscard]] bool isFocusPointOfInterestSupported() const override { return script_->focusSupported; }
     void setFocusPointOfInterest(Point point) override {
@@ -282,7 +281,7 @@ public:
         return std::make_shared<FakeCaptureSession>(script_);
     }
     [[nodiscard]] std::shared_ptr<VideoDataOutput> makeVideoDataOutput() override {
-        return std::make_shared<FakeVideoDataOutput>(script_, "video");
+        return video_ = std::make_shared<FakeVideoDataOutput>(script_, "video");
     }
     [[nodiscard]] std::shared_ptr<AudioDataOutput> makeAudioDataOutput() override {
         return std::make_shared<FakeAudioDataOutput>(script_, "audio");
@@ -295,8 +294,12 @@ public:
         completion(mediaType == MediaType::Video);
     }
 
+    /// The output made last.
+    [[nodiscard]] const std::shared_ptr<FakeVideoDataOutput>& video() const { return video_; }
+
 private:
     const FakeScript script_;
+    std::shared_ptr<FakeVideoDataOutput> video_;
     const std::shared_ptr<CaptureDevice> camera_ = std::make_shared<FakeCaptureDevice>(script_, "camera");
     const std::shared_ptr<CaptureDevice> microphone_ = std::make_shared<FakeCaptureDevice>(script_, "microphone");
 };

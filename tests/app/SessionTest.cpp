@@ -1,0 +1,128 @@
+// A whole capture of the program on fakes, each queue run by hand.
+#include "Session.h"
+#include "support/FakeAssetWriter.h"
+#include "support/FakeCapture.h"
+#include "support/FakeDevice.h"
+#include "support/FakeFileManager.h"
+#include "support/FakeImageCodec.h"
+#include "support/FakeVision.h"
+#include "support/LogCapture.h"
+#include "support/ManualClock.h"
+#include "support/ManualQueue.h"
+#include "support/TemporaryDirectory.h"
+
+#include <gmock/gmock.h>
+
+namespace selvio::app {
+namespace {
+
+using namespace std::chrono_literals;
+
+struct Output final : RunOutput {
+    void event(const RunEvent& event) override { lines.push_back(event.name + (event.recording ? " [REC]" : "")); }
+    void countdown(std::int64_t, bool) override {}
+    void message(const std::string& text) override { lines.push_back(text); }
+    std::vector<std::string> lines;
+};
+
+/// The program in manual mode with nobody in view.
+struct Rig {
+    explicit Rig(bool record) {
+        options.out = directory.path();
+        options.parameters = std::make_shared<SelvioFacialCaptureParameters>();
+        options.parameters->setMode(SelvioFacialCaptureModeManual);
+        options.parameters->cameraParameters()->setRecordVideo(record);
+        vision->setObservations(std::vector<FaceObservation>());
+
+        Platform platform = makePortablePlatform();
+        platform.clock = clock;
+        platform.mainQueue = main;
+        platform.makeSerialQueue = [this](const std::string& label) {
+            return queues.emplace_back(std::make_shared<ManualQueue>(label));
+        };
+        platform.device = std::make_shared<FakeDevice>();
+        platform.screen = std::make_shared<FakeScreen>();
+        platform.imageCodec = std::make_shared<FakeImageCodec>();
+        platform.makeSequenceRequestHandler = [this] { return vision; };
+        platform.captureSystem = camera;
+        platform.assetWriters = std::make_shared<FakeAssetWriterFactory>(writing);
+        platform.fileManager = std::make_shared<FakeFileManager>();
+        session = Session::make(platform, options, {}, output, Language::English, [this] { ++ended; });
+    }
+    /// Runs one block of each queue; false if there was none.
+    bool step() {
+        bool any = main->runNext();
+        for (std::size_t i = 0; i < queues.size(); ++i) any = queues[i]->runNext() || any;
+        return any;
+    }
+    void settle() {
+        while (step()) {
+        }
+    }
+    void sendFrame() {
+        camera->video()->deliver(SampleBuffer::makeVideo(PixelBuffer::create(72, 128, kPixelFormat420v), {}));
+        settle();
+    }
+
+    LogCapture log;
+    const test::TemporaryDirectory directory;
+    const std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
+    const std::shared_ptr<ManualQueue> main = std::make_shared<ManualQueue>("main");
+    std::vector<std::shared_ptr<ManualQueue>> queues;
+    const std::shared_ptr<FakeSequenceRequestHandler> vision = std::make_shared<FakeSequenceRequestHandler>();
+    const std::shared_ptr<FakeCaptureSystem> camera =
+        std::make_shared<FakeCaptureSystem>(std::make_shared<FakeCaptureScript>());
+    const std::shared_ptr<FakeWriterScript> writing = std::make_shared<FakeWriterScript>();
+    RunOptions options;
+    Output output;
+    int ended = 0;
+    std::shared_ptr<Session> session;
+};
+
+TEST(Session, IsCancelledAtAnyMomentOfItsStart) {
+    int startedWriting = 0;
+    for (const bool record : {false, true}) {
+        for (int steps = -1; steps < 8; ++steps) {
+            SCOPED_TRACE((record ? "recording, step " : "step ") + std::to_string(steps));
+            Rig rig(record);
+            if (steps >= 0) rig.session->begin();
+            for (int i = 0; i < steps; ++i) rig.step();
+            rig.session->entered();
+            testing::internal::CaptureStderr();
+            rig.session->interrupted();
+            rig.session->interrupted();
+            rig.session->entered();
+            if (steps < 0) rig.session->begin();
+            rig.settle();
+            EXPECT_EQ(testing::internal::GetCapturedStderr(), "") << "no frame came, so that no recording failed";
+            EXPECT_EQ(rig.ended, 1);
+            EXPECT_EQ(rig.session->exitCode(), ExitCode::NotCaptured);
+            EXPECT_THAT(rig.output.lines, testing::ElementsAre("Cancelled", testing::StartsWith("detectionCancelled"),
+                                                               testing::StartsWith("Record: ")));
+            EXPECT_THAT(rig.log.take(), testing::IsEmpty());
+            const auto calls = rig.writing->calls.take();
+            startedWriting += static_cast<int>(std::ranges::count(calls, "start"));
+            EXPECT_EQ(std::ranges::count(calls, "cancel"), std::ranges::count(calls, "start"));
+        }
+    }
+    EXPECT_GT(startedWriting, 0) << "the steps reach as far as a recording that has begun";
+}
+
+TEST(Session, MarksWhatItReportsOnlyWhileItRecords) {
+    for (const bool record : {false, true}) {
+        Rig rig(record);
+        rig.session->begin();
+        rig.settle();
+        rig.writing->finishesAtOnce = true;
+        rig.sendFrame();
+        rig.session->entered();
+        rig.sendFrame();
+        EXPECT_EQ(rig.output.lines[0], record ? "detectionResults [REC]" : "detectionResults");
+        EXPECT_EQ(rig.output.lines[1], record ? "detectionSuccess [REC]" : "detectionSuccess");
+        EXPECT_TRUE(std::filesystem::exists(rig.directory.path() / "selfie.jpg"));
+        EXPECT_EQ(rig.ended, record ? 0 : 1) << "the recording is waited for";
+    }
+}
+
+}  // namespace
+}  // namespace selvio::app
