@@ -44,7 +44,9 @@ public:
     [[nodiscard]] bool isRunning() const override { return state_ != State::Stopped; }
     void startRunning() override;
     void stopRunning() override;
-    [[nodiscard]] std::chrono::nanoseconds masterClockTime() const override;
+    [[nodiscard]] std::chrono::nanoseconds masterClockTime() const override {
+        return std::chrono::steady_clock::now().time_since_epoch();
+    }
 
     void addWatcher(std::weak_ptr<FrameWatcher> watcher);
     void removeWatcher(const FrameWatcher* watcher);
@@ -90,7 +92,6 @@ private:
     void abandon();
     std::optional<Error> openCamera(const Plan& plan, const std::shared_ptr<Run>& run);
     std::optional<Error> openMicrophone(const Plan& plan, const std::shared_ptr<Run>& run);
-    bool play(GstElement* pipeline);
     void fail(std::uint64_t run, const std::string& reason);
     void watch(std::uint64_t run);
 

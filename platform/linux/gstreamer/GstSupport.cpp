@@ -69,10 +69,9 @@ GstBuffer* wrapSample(const std::shared_ptr<SampleBuffer>& sample) {
     gsize offset = 0;
     for (int plane = 0; plane < pixels->planeCount(); ++plane) {
         const std::size_t bytes = pixels->layout().planeBytes(plane);
-        const auto release = [](gpointer keeper) { delete static_cast<std::shared_ptr<SampleBuffer>*>(keeper); };
-        gst_buffer_append_memory(buffer,
-                                 gst_memory_new_wrapped(GST_MEMORY_FLAG_READONLY, pixels->data(plane), bytes, 0, bytes,
-                                                        new std::shared_ptr<SampleBuffer>(sample), release));
+        gst_buffer_append_memory(
+            buffer, gst_memory_new_wrapped(GST_MEMORY_FLAG_READONLY, pixels->data(plane), bytes, 0, bytes, keep(sample),
+                                           letGo<std::shared_ptr<SampleBuffer>>));
         offsets[plane] = offset;
         strides[plane] = static_cast<gint>(pixels->bytesPerRow(plane));
         offset += bytes;
@@ -118,29 +117,36 @@ GstElement* makeElement(const std::string& factory) {
     return gst_element_factory_make(factory.c_str(), nullptr);
 }
 
-GstElement* makeCapsFilter(const std::string& caps) {
-    GstElement* const filter = makeElement("capsfilter");
-    if (filter != nullptr) gst_util_set_object_arg(G_OBJECT(filter), "caps", caps.c_str());
-    return filter;
+Expected<GstPtr<GstElement>> makePipeline(const std::string& description) {
+    GError* failure = nullptr;
+    GstPtr<GstElement> pipeline(
+        gst_parse_launch_full(description.c_str(), nullptr, GST_PARSE_FLAG_FATAL_ERRORS, &failure));
+    const GstPtr<GError> error(failure);
+    if (!pipeline) return Error{error ? error->message : "unknown reason"};
+    gst_object_ref_sink(pipeline.get());
+    return pipeline;
 }
 
-std::optional<Error> addChain(GstElement* pipeline, const std::vector<GstElement*>& chain) {
-    bool complete = true;
-    for (GstElement* element : chain) {
-        if (element == nullptr) {
-            complete = false;
-        } else {
-            gst_bin_add(GST_BIN(pipeline), element);
-        }
-    }
-    if (!complete) return Error{"an element of the pipeline could not be made"};
-    for (std::size_t i = 1; i < chain.size(); ++i) {
-        if (gst_element_link(chain[i - 1], chain[i]) == FALSE) {
-            return Error{std::string("could not link ") + GST_ELEMENT_NAME(chain[i - 1]) + " to " +
-                         GST_ELEMENT_NAME(chain[i])};
-        }
-    }
-    return std::nullopt;
+GstPtr<GstElement> elementNamed(const char* name, GstElement* pipeline) {
+    return GstPtr<GstElement>(gst_bin_get_by_name(GST_BIN(pipeline), name));
+}
+
+void takeMessages(GstElement* pipeline, std::function<void(GstMessage*)> take) {
+    using Take = std::function<void(GstMessage*)>;
+    const auto onMessage = [](GstBus*, GstMessage* message, gpointer kept) {
+        (*static_cast<Take*>(kept))(message);
+        gst_message_unref(message);
+        return GST_BUS_DROP;
+    };
+    const GstPtr<GstBus> bus(gst_element_get_bus(pipeline));
+    gst_bus_set_sync_handler(bus.get(), onMessage, keep(std::move(take)), letGo<Take>);
+}
+
+void closePipeline(GstElement* pipeline) {
+    if (pipeline == nullptr) return;
+    gst_element_set_state(pipeline, GST_STATE_NULL);
+    const GstPtr<GstBus> bus(gst_element_get_bus(pipeline));
+    gst_bus_set_sync_handler(bus.get(), nullptr, nullptr, nullptr);
 }
 
 std::string describe(GstMessage* message) {
