@@ -5,25 +5,13 @@
 
 #include <SelvioFacialCapture/SelvioFacialCaptureParameters.h>
 
-#include <cstdint>
 #include <filesystem>
 #include <memory>
-#include <optional>
 #include <string>
 #include <variant>
 #include <vector>
 
 namespace selvio::app {
-
-/// How strictly a face is judged. An absent value keeps the parameters' default; a present one lies in its documented
-/// range.
-struct RuleOptions {
-    std::optional<std::int64_t> minFill;  ///< thousandths of the screen's width
-    std::optional<std::int64_t> maxFill;
-    std::optional<std::int64_t> roll;
-    std::optional<std::int64_t> pitch;
-    std::optional<std::int64_t> yaw;
-};
 
 struct SourceOption {
     enum class Kind { Automatic, Simulated, Camera, Video };
@@ -39,13 +27,13 @@ struct RunOptions {
     bool json = false;
     bool preview = false;
     bool hevc = false;  ///< record H.265 where an encoder for it is installed
-    std::shared_ptr<SelvioFacialCaptureParameters> parameters;
+    std::shared_ptr<SelvioFacialCaptureParameters> parameters = std::make_shared<SelvioFacialCaptureParameters>();
 };
 
 struct CheckOptions {
     std::vector<std::string> images;
     bool json = false;
-    std::shared_ptr<SelvioFacialCaptureParameters> parameters;
+    std::shared_ptr<SelvioFacialCaptureParameters> parameters = std::make_shared<SelvioFacialCaptureParameters>();
 };
 
 struct ShowOptions {
