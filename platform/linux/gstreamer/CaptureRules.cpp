@@ -52,16 +52,14 @@ FrameRate preferredRate(const std::vector<FrameRate>& rates) {
 std::vector<CaptureDeviceFormat> formatsOf(const std::vector<CameraMode>& modes) {
     std::vector<CaptureDeviceFormat> formats;
     for (const CameraMode& mode : modes) {
-        bool known = false;
-        for (CaptureDeviceFormat& format : formats) {
-            if (format.formatDescription.width != mode.width || format.formatDescription.height != mode.height)
-                continue;
-            format.maxFrameRate = std::max(format.maxFrameRate, mode.rate.value());
-            known = true;
-        }
-        if (known) continue;
         for (const PixelFormat pixelFormat : {kPixelFormat420v, kPixelFormat32BGRA}) {
-            formats.push_back({{pixelFormat, mode.width, mode.height}, mode.rate.value()});
+            const VideoFormatDescription description{pixelFormat, mode.width, mode.height};
+            const auto known = std::ranges::find(formats, description, &CaptureDeviceFormat::formatDescription);
+            if (known == formats.end()) {
+                formats.push_back({description, mode.rate.value()});
+            } else {
+                known->maxFrameRate = std::max(known->maxFrameRate, mode.rate.value());
+            }
         }
     }
     return formats;

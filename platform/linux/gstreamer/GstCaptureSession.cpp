@@ -70,24 +70,6 @@ void close(GstPtr<GstElement>& pipeline) {
 
 }  // namespace
 
-class GstCaptureSession::Interruption {
-public:
-    explicit Interruption(GstCaptureSession& session) : session_(session) {
-        count(1);
-        session_.opened_.notify_all();
-    }
-    ~Interruption() { count(-1); }
-    Interruption(const Interruption&) = delete;
-    Interruption& operator=(const Interruption&) = delete;
-
-private:
-    void count(int more) {
-        const std::lock_guard lock(session_.openingMutex_);
-        session_.interruptions_ += more;
-    }
-    GstCaptureSession& session_;
-};
-
 // ---- configuration
 
 GstCaptureSession::GstCaptureSession(CaptureOptions options, std::shared_ptr<const void> system)
@@ -113,8 +95,8 @@ void GstCaptureSession::commitConfiguration() {
 
 void GstCaptureSession::partsChanged() {
     if (mutex_.get(configuring_) > 0 || !isRunning()) return;
-    std::optional<Interruption> interruption;
-    if (!hasCamera()) interruption.emplace(*this);  // one that is being opened is not wanted any more
+    // A camera that is being opened is not wanted any more.
+    auto interruption = hasCamera() ? nullptr : interruptOpening();
     std::vector<std::string> messages;
     {
         const std::lock_guard lifecycle(lifecycle_);
@@ -179,9 +161,19 @@ void GstCaptureSession::startRunning() {
 }
 
 void GstCaptureSession::stopRunning() {
-    const Interruption interruption(*this);
+    const auto interruption = interruptOpening();
     const std::lock_guard lifecycle(lifecycle_);
     stop();
+}
+
+std::shared_ptr<void> GstCaptureSession::interruptOpening() {
+    const auto count = [this](int more) {
+        const std::lock_guard lock(openingMutex_);
+        interruptions_ += more;
+    };
+    count(1);
+    opened_.notify_all();
+    return {nullptr, [count](void*) { count(-1); }};
 }
 
 // With lifecycle_ held. Takes down what runs, or what a run that ended by itself has left, and opens what the

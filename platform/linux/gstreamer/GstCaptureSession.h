@@ -83,9 +83,8 @@ private:
     void partsChanged() override;
     [[nodiscard]] Plan plan() const;
 
-    /// Ends the waiting for a first frame, while it lives.
-    class Interruption;
-
+    /// Nobody waits for a first frame as long as the result is held.
+    [[nodiscard]] std::shared_ptr<void> interruptOpening();
     [[nodiscard]] std::vector<std::string> start();
     void stop();
     void closePipelines();
