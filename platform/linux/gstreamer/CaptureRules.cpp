@@ -83,27 +83,21 @@ std::optional<CaptureDeviceFormat> formatForPreset(const std::vector<CaptureDevi
     const auto longer = [](const CaptureDeviceFormat& f) {
         return std::max(f.formatDescription.width, f.formatDescription.height);
     };
-    const auto shorter = [](const CaptureDeviceFormat& f) {
-        return std::min(f.formatDescription.width, f.formatDescription.height);
-    };
     const auto area = [](const CaptureDeviceFormat& f) {
         return static_cast<std::int64_t>(f.formatDescription.width) * f.formatDescription.height;
     };
-    for (const auto& [name, size] : kPresetSizes) {
-        if (preset != name) continue;
-        const auto found = std::find_if(formats.begin(), formats.end(), [&](const auto& f) {
-            return longer(f) == size.width && shorter(f) == size.height;
+    if (const auto* const known = std::ranges::find(kPresetSizes, preset, &PresetSize::preset);
+        known != kPresetSizes.end()) {
+        const auto found = std::ranges::find_if(formats, [&, size = known->size](const CaptureDeviceFormat& f) {
+            return longer(f) == size.width &&
+                   f.formatDescription.width + f.formatDescription.height == size.width + size.height;
         });
         return found == formats.end() ? std::nullopt : std::optional(*found);
     }
     if (preset != kCaptureSessionPresetHigh || formats.empty()) return std::nullopt;
-    const CaptureDeviceFormat* best = nullptr;
-    for (const CaptureDeviceFormat& format : formats) {
-        if (longer(format) <= 1920 && (best == nullptr || area(format) > area(*best))) best = &format;
-    }
-    if (best != nullptr) return *best;
-    return *std::min_element(formats.begin(), formats.end(),
-                             [&](const auto& a, const auto& b) { return area(a) < area(b); });
+    // The first of the largest that are not too large, or else of the smallest.
+    const auto merit = [&](const CaptureDeviceFormat& f) { return longer(f) <= 1920 ? area(f) : -area(f); };
+    return *std::ranges::max_element(formats, {}, merit);
 }
 
 std::optional<CaptureDeviceFormat> initialFormat(const std::vector<CaptureDeviceFormat>& formats) {
