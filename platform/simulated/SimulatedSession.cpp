@@ -134,9 +134,7 @@ SimulatedSession::SimulatedSession(std::shared_ptr<SimulatedControl> control)
     : CaptureSessionBase(control), control_(std::move(control)) {}
 
 SimulatedSession::~SimulatedSession() {
-    if (run_ == nullptr) return;
-    run_->end();
-    run_->wait();
+    stopRunning();
 }
 
 bool SimulatedSession::canSetSessionPreset(const std::string& preset) const {

@@ -81,15 +81,13 @@ int frameRateOf(const SampleBuffer& sample, const VideoSettings& settings) {
 
 // An error of the pipeline: GStreamer's text, with the system's reason where that stands in the details alone.
 std::string reasonOf(GstMessage* message) {
-    GError* failure = nullptr;
-    gchar* details = nullptr;
-    gst_message_parse_error(message, &failure, &details);
-    const GstPtr<GError> error(failure);
+    g_autoptr(GError) error = nullptr;
+    g_autofree char* details = nullptr;
+    gst_message_parse_error(message, &error, &details);
     const std::string text = details != nullptr ? details : "";
-    g_free(details);
-    if (error && g_error_matches(error.get(), GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_NO_SPACE_LEFT))
+    if (g_error_matches(error, GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_NO_SPACE_LEFT))
         return "no space is left on the disk";
-    const bool isWriteError = error && g_error_matches(error.get(), GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_WRITE);
+    const bool isWriteError = g_error_matches(error, GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_WRITE);
     const auto lastLine = text.rfind('\n');
     return describe(message) + (isWriteError && lastLine != std::string::npos ? " " + text.substr(lastLine + 1) : "");
 }

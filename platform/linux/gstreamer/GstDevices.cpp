@@ -186,35 +186,31 @@ std::vector<DeviceDescription> systemDevices(MediaType mediaType) {
 }
 
 std::optional<DeviceDescription> describeFile(const fs::path& path) {
-    GError* failure = nullptr;
-    const GstPtr<char> uri(gst_filename_to_uri(path.c_str(), nullptr));
-    GstDiscoverer* const discoverer = gst_discoverer_new(5 * GST_SECOND, nullptr);
-    if (!uri || discoverer == nullptr) return std::nullopt;
-    GstDiscovererInfo* const info = gst_discoverer_discover_uri(discoverer, uri.get(), &failure);
-    const GstPtr<GError> error(failure);
-    DeviceDescription description{.id = path.string(), .name = path.string(), .playsFile = true};
+    g_autoptr(GError) error = nullptr;
+    g_autofree char* uri = gst_filename_to_uri(path.c_str(), nullptr);
+    g_autoptr(GstDiscoverer) discoverer = gst_discoverer_new(5 * GST_SECOND, nullptr);
+    if (uri == nullptr || discoverer == nullptr) return std::nullopt;
+    g_autoptr(GstDiscovererInfo) info = gst_discoverer_discover_uri(discoverer, uri, &error);
     GList* const streams = info != nullptr ? gst_discoverer_info_get_video_streams(info) : nullptr;
-    if (streams != nullptr) {
-        auto* const video = GST_DISCOVERER_VIDEO_INFO(streams->data);
-        CameraMode mode{.format = "any",
-                        .width = static_cast<int>(gst_discoverer_video_info_get_width(video)),
-                        .height = static_cast<int>(gst_discoverer_video_info_get_height(video)),
-                        .rate = {static_cast<int>(gst_discoverer_video_info_get_framerate_num(video)),
-                                 static_cast<int>(gst_discoverer_video_info_get_framerate_denom(video))}};
-        const GstTagList* const tags = gst_discoverer_stream_info_get_tags(GST_DISCOVERER_STREAM_INFO(video));
-        char* orientation = nullptr;
-        if (tags != nullptr) gst_tag_list_get_string(tags, GST_TAG_IMAGE_ORIENTATION, &orientation);
-        const GstPtr<char> turned(orientation);
-        if (turned && std::strstr(turned.get(), "90") != nullptr) std::swap(mode.width, mode.height);
-        if (turned && std::strstr(turned.get(), "270") != nullptr) std::swap(mode.width, mode.height);
-        description.modes.push_back(mode);
-    } else {
-        log("Capture: \"" + path.string() + "\" cannot be played: " + (error ? error->message : "it holds no video"));
+    if (streams == nullptr) {
+        log("Capture: \"" + path.string() +
+            "\" cannot be played: " + (error != nullptr ? error->message : "it holds no video"));
+        return std::nullopt;
     }
+    auto* const video = GST_DISCOVERER_VIDEO_INFO(streams->data);
+    CameraMode mode{.format = "any",
+                    .width = static_cast<int>(gst_discoverer_video_info_get_width(video)),
+                    .height = static_cast<int>(gst_discoverer_video_info_get_height(video)),
+                    .rate = {static_cast<int>(gst_discoverer_video_info_get_framerate_num(video)),
+                             static_cast<int>(gst_discoverer_video_info_get_framerate_denom(video))}};
+    const GstTagList* const tags = gst_discoverer_stream_info_get_tags(GST_DISCOVERER_STREAM_INFO(video));
+    g_autofree char* turned = nullptr;
+    if (tags != nullptr) gst_tag_list_get_string(tags, GST_TAG_IMAGE_ORIENTATION, &turned);
+    const std::string turn = turned != nullptr ? turned : "";
+    if (turn.find("90") != std::string::npos || turn.find("270") != std::string::npos)
+        std::swap(mode.width, mode.height);
     gst_discoverer_stream_info_list_free(streams);
-    if (info != nullptr) gst_discoverer_info_unref(info);
-    g_object_unref(discoverer);
-    if (description.modes.empty()) return std::nullopt;
+    DeviceDescription description{.id = path.string(), .name = path.string(), .modes = {mode}, .playsFile = true};
     description.makeSource = [path]() -> Expected<GstElement*> {
         // The end is made a pad of the bin by hand: done by the parser, it would take the decoder's place at the
         // beginning as well.
@@ -238,13 +234,11 @@ DeviceDescription describeSource(const SourceCamera& camera) {
                                  .height = camera.height,
                                  .rate = {camera.framesPerSecond, 1}});
     description.makeSource = [source = camera.source]() -> Expected<GstElement*> {
-        GError* failure = nullptr;
-        GstElement* const bin = gst_parse_bin_from_description(source.c_str(), TRUE, &failure);
-        const GstPtr<GError> error(failure);
-        if (bin == nullptr || error) {
-            if (bin != nullptr) gst_object_unref(gst_object_ref_sink(bin));
-            return Error{"\"" + source + "\": " + (error ? error->message : "could not be opened")};
-        }
+        g_autoptr(GError) error = nullptr;
+        GstElement* const bin =
+            gst_parse_bin_from_description_full(source.c_str(), TRUE, nullptr, GST_PARSE_FLAG_FATAL_ERRORS, &error);
+        if (bin == nullptr)
+            return Error{"\"" + source + "\": " + (error != nullptr ? error->message : "could not be opened")};
         return bin;
     };
     return description;

@@ -21,10 +21,9 @@ constexpr Format kFormats[] = {{kPixelFormat32BGRA, "BGRA", GST_VIDEO_FORMAT_BGR
 
 bool startGStreamer() {
     static const bool started = [] {
-        GError* failure = nullptr;
-        if (gst_init_check(nullptr, nullptr, &failure) != FALSE) return true;
-        const GstPtr<GError> error(failure);
-        log(std::string("GStreamer could not start: ") + (error ? error->message : "unknown reason"));
+        g_autoptr(GError) error = nullptr;
+        if (gst_init_check(nullptr, nullptr, &error) != FALSE) return true;
+        log(std::string("GStreamer could not start: ") + (error != nullptr ? error->message : "unknown reason"));
         return false;
     }();
     return started;
@@ -118,11 +117,10 @@ GstElement* makeElement(const std::string& factory) {
 }
 
 Expected<GstPtr<GstElement>> makePipeline(const std::string& description) {
-    GError* failure = nullptr;
+    g_autoptr(GError) error = nullptr;
     GstPtr<GstElement> pipeline(
-        gst_parse_launch_full(description.c_str(), nullptr, GST_PARSE_FLAG_FATAL_ERRORS, &failure));
-    const GstPtr<GError> error(failure);
-    if (!pipeline) return Error{error ? error->message : "unknown reason"};
+        gst_parse_launch_full(description.c_str(), nullptr, GST_PARSE_FLAG_FATAL_ERRORS, &error));
+    if (!pipeline) return Error{error != nullptr ? error->message : "unknown reason"};
     gst_object_ref_sink(pipeline.get());
     return pipeline;
 }
@@ -150,15 +148,11 @@ void closePipeline(GstElement* pipeline) {
 }
 
 std::string describe(GstMessage* message) {
-    GError* failure = nullptr;
-    if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR) {
-        gst_message_parse_error(message, &failure, nullptr);
-    } else {
-        gst_message_parse_warning(message, &failure, nullptr);
-    }
-    const GstPtr<GError> error(failure);
+    g_autoptr(GError) error = nullptr;
+    gst_message_parse_error(message, &error, nullptr);
     const char* const source = GST_MESSAGE_SRC_NAME(message);
-    return std::string(source != nullptr ? source : "pipeline") + ": " + (error ? error->message : "unknown error");
+    return std::string(source != nullptr ? source : "pipeline") + ": " +
+           (error != nullptr ? error->message : "unknown error");
 }
 
 }  // namespace selvio

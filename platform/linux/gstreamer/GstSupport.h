@@ -23,10 +23,8 @@ struct GstUnref {
     void operator()(GstDeviceProvider* provider) const { gst_object_unref(provider); }
     void operator()(GstCaps* caps) const { gst_caps_unref(caps); }
     void operator()(GstSample* sample) const { gst_sample_unref(sample); }
-    void operator()(GstMessage* message) const { gst_message_unref(message); }
     void operator()(GstStructure* structure) const { gst_structure_free(structure); }
     void operator()(char* text) const { g_free(text); }
-    void operator()(GError* error) const { g_error_free(error); }
 };
 
 /// Owns one reference.
@@ -76,7 +74,7 @@ void letGo(gpointer data) {
     delete static_cast<T*>(data);
 }
 
-/// The text of an error or warning message, with its source.
+/// The text of an error message, with its source.
 [[nodiscard]] std::string describe(GstMessage* message);
 
 }  // namespace selvio
