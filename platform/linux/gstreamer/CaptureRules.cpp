@@ -37,14 +37,14 @@ std::vector<FrameRate> ratesBetween(FrameRate lowest, FrameRate highest) {
 }
 
 FrameRate preferredRate(const std::vector<FrameRate>& rates) {
+    const auto merit = [](const FrameRate& rate) {
+        const bool fast = rate.value() >= kWantedRate - kRateSlack;
+        return std::pair(fast, fast ? -rate.value() : rate.value());
+    };
     FrameRate best{0, 1};
     for (const FrameRate& rate : rates) {
         if (rate.numerator <= 0 || rate.value() <= 0.0 || rate.value() > kHighestRate) continue;
-        const bool above = rate.value() >= kWantedRate - kRateSlack;
-        const bool bestAbove = best.value() >= kWantedRate - kRateSlack;
-        const bool better =
-            above ? !bestAbove || rate.value() < best.value() : !bestAbove && rate.value() > best.value();
-        if (better) best = rate;
+        if (merit(rate) > merit(best)) best = rate;
     }
     return best;
 }
