@@ -9,42 +9,51 @@
 namespace selvio::app {
 namespace {
 
-using Number = std::optional<std::int64_t>;
+using Parameters = SelvioFacialCaptureParameters;
 
-CLI::Option* addNumber(CLI::App& command, const std::string& name, Number& target, std::int64_t min, std::int64_t max,
-                       const std::string& text) {
-    return command.add_option(name, target, text)->check(CLI::Range(min, max))->type_name("NUMBER");
+/// An option that hands a number to a setter.
+template <typename Target>
+void addNumber(CLI::App& command, const std::string& name, const std::shared_ptr<Target>& target,
+               void (Target::*set)(std::int64_t), std::int64_t min, std::int64_t max, const std::string& text) {
+    command
+        .add_option_function<std::int64_t>(
+            name, [target, set](std::int64_t value) { ((*target).*set)(value); }, text)
+        ->check(CLI::Range(min, max))
+        ->type_name("NUMBER");
 }
 
-void addRuleOptions(CLI::App& command, RuleOptions& rules) {
-    addNumber(command, "--min-fill", rules.minFill, 400, 800,
-              "smallest accepted face width in thousandths of the screen's, default 550");
-    addNumber(command, "--max-fill", rules.maxFill, 500, 900,
-              "largest accepted face width, at least 100 more, default 725");
-    addNumber(command, "--roll", rules.roll, 0, 1000, "strictness of the roll check, default 500, more is stricter");
-    addNumber(command, "--pitch", rules.pitch, 0, 1000, "strictness of the pitch check, default 500");
-    addNumber(command, "--yaw", rules.yaw, 0, 1000, "strictness of the yaw check, default 500");
+/// A flag that hands on whether it is set.
+template <typename Target>
+void addFlag(CLI::App& command, const std::string& name, const std::shared_ptr<Target>& target,
+             void (Target::*set)(bool), const std::string& text) {
+    command.add_flag_function(
+        name, [target, set](std::int64_t count) { ((*target).*set)(count > 0); }, text);
 }
 
-/// Sets the bounds that were given. The parameters move the other bound along where one alone would come too close to
-/// it; that is said aloud.
-void applyRules(const RuleOptions& rules, SelvioFacialCaptureParameters& parameters) {
-    if (rules.minFill && rules.maxFill && *rules.maxFill - *rules.minFill < 100) {
+/// How strictly a face is judged.
+void addRuleOptions(CLI::App& command, const std::shared_ptr<Parameters>& parameters) {
+    const auto add = [&](const char* name, void (Parameters::*set)(std::int64_t), int min, int max, const char* text) {
+        addNumber(command, name, parameters, set, min, max, text);
+    };
+    add("--min-fill", &Parameters::setMinFill, 400, 800,
+        "smallest accepted face width in thousandths of the screen's, default 550");
+    add("--max-fill", &Parameters::setMaxFill, 500, 900, "largest accepted face width, at least 100 more, default 725");
+    add("--roll", &Parameters::setRoll, 0, 1000, "strictness of the roll check, default 500, more is stricter");
+    add("--pitch", &Parameters::setPitch, 0, 1000, "strictness of the pitch check, default 500");
+    add("--yaw", &Parameters::setYaw, 0, 1000, "strictness of the yaw check, default 500");
+}
+
+/// The parameters move the other bound along where one alone would come too close to it; that is said aloud.
+void checkRules(const CLI::App& command, const Parameters& parameters) {
+    const auto* const minFill = command.get_option("--min-fill");
+    const auto* const maxFill = command.get_option("--max-fill");
+    if (*minFill && *maxFill && maxFill->as<std::int64_t>() - minFill->as<std::int64_t>() < 100)
         throw CLI::ValidationError("--max-fill", "must be at least 100 more than --min-fill");
-    }
-    const auto minFill = parameters.minFill();
-    const auto maxFill = parameters.maxFill();
-    if (rules.minFill) parameters.setMinFill(*rules.minFill);
-    if (rules.maxFill) parameters.setMaxFill(*rules.maxFill);
-    if (!rules.maxFill && parameters.maxFill() != maxFill) {
+    const Parameters usual;
+    if (!*maxFill && parameters.maxFill() != usual.maxFill())
         std::cerr << "selvio-capture: --max-fill becomes " << parameters.maxFill() << " to stay 100 above --min-fill\n";
-    }
-    if (!rules.minFill && parameters.minFill() != minFill) {
+    if (!*minFill && parameters.minFill() != usual.minFill())
         std::cerr << "selvio-capture: --min-fill becomes " << parameters.minFill() << " to stay 100 below --max-fill\n";
-    }
-    if (rules.roll) parameters.setRoll(*rules.roll);
-    if (rules.pitch) parameters.setPitch(*rules.pitch);
-    if (rules.yaw) parameters.setYaw(*rules.yaw);
 }
 
 SourceOption parseSource(const std::string& text) {
@@ -59,77 +68,61 @@ SourceOption parseSource(const std::string& text) {
     throw CLI::ValidationError("--source", "'" + text + "' is none of simulated, camera, camera:NAME, video:PATH");
 }
 
-struct RunTexts {
-    std::string source;
-    std::string mode = "auto";
-    std::string videoCodec = "h264";
-    RuleOptions rules;
-    Number timeout;
-    Number imageQuality;
-    Number countdownTime;
-    Number videoQuality;
-    bool selectOnSmile = false;
-    bool recordVideo = false;
-    bool recordAudio = false;
-    bool showRecordingUI = true;
-};
-
-void addRun(CLI::App& run, RunOptions& options, RunTexts& texts) {
-    run.add_option("--source", texts.source,
-                   "simulated, camera, camera:NAME or video:PATH; default: a camera if there is one, else simulated");
+void addRun(CLI::App& run, RunOptions& options) {
+    const auto& parameters = options.parameters;
+    const auto camera = parameters->cameraParameters();
+    camera->setShowRecordingUI(true);
+    run.add_option_function<std::string>(
+        "--source", [&options](const std::string& text) { options.source = parseSource(text); },
+        "simulated, camera, camera:NAME or video:PATH; default: a camera if there is one, else simulated");
     run.add_option("--photo", options.photo,
                    "photograph for the simulated camera, a JPEG or PNG with its face geometry (.json) beside it");
     run.add_option("--script", options.script, "motion script for the simulated camera");
     run.add_option("--out", options.out, "directory for the results")->capture_default_str();
     run.add_flag("--json", options.json, "one JSON object a line for every call of the component");
     run.add_flag("--preview", options.preview, "show the camera in a window where there is a display");
-    run.add_option("--mode", texts.mode,
-                   "auto or manual (Enter takes the picture; without a terminal the first well placed face does, "
-                   "smiling or not)")
+    run.add_option_function<std::string>(
+           "--mode",
+           [parameters](const std::string& mode) {
+               parameters->setMode(mode == "manual" ? SelvioFacialCaptureModeManual : SelvioFacialCaptureModeAuto);
+           },
+           "auto or manual (Enter takes the picture; without a terminal the first well placed face does, "
+           "smiling or not)")
         ->check(CLI::IsMember({"auto", "manual"}))
-        ->capture_default_str();
-    addNumber(run, "--timeout", texts.timeout, 3, 30, "seconds until the capture is given up, default 20");
-    addRuleOptions(run, texts.rules);
-    addNumber(run, "--image-quality", texts.imageQuality, 5, 100, "JPEG quality in percent, default 95");
-    run.add_flag("--select-on-smile", texts.selectOnSmile, "take the picture around a smile");
-    addNumber(run, "--countdown-time", texts.countdownTime, 0, 5,
+        ->default_str("auto");
+    addNumber(run, "--timeout", parameters, &Parameters::setTimeout, 3, 30,
+              "seconds until the capture is given up, default 20");
+    addRuleOptions(run, parameters);
+    addNumber(run, "--image-quality", parameters, &Parameters::setImageQuality, 5, 100,
+              "JPEG quality in percent, default 95");
+    addFlag(run, "--select-on-smile", parameters, &Parameters::setSelectOnSmile, "take the picture around a smile");
+    addNumber(run, "--countdown-time", parameters, &Parameters::setCountdownTime, 0, 5,
               "seconds of countdown before the picture, default 2; 0 and 1: none");
-    run.add_flag("--record-video", texts.recordVideo, "record the session");
-    run.add_flag("--record-audio", texts.recordAudio, "with sound; has no effect without --record-video");
-    run.add_flag("--show-recording-ui,!--no-show-recording-ui", texts.showRecordingUI,
-                 "mark the guidance while recording (on unless negated)");
-    run.add_option("--video-codec", texts.videoCodec, "h264, or hevc where an encoder for it is installed")
+    using Camera = SelvioFacialCaptureCameraParameters;
+    addFlag(run, "--record-video", camera, &Camera::setRecordVideo, "record the session");
+    addFlag(run, "--record-audio", camera, &Camera::setRecordAudio, "with sound; has no effect without --record-video");
+    addFlag(run, "--show-recording-ui,!--no-show-recording-ui", camera, &Camera::setShowRecordingUI,
+            "mark the guidance while recording (on unless negated)");
+    run.add_option_function<std::string>(
+           "--video-codec", [&options](const std::string& codec) { options.hevc = codec == "hevc"; },
+           "h264, or hevc where an encoder for it is installed")
         ->check(CLI::IsMember({"h264", "hevc"}))
-        ->capture_default_str();
-    addNumber(run, "--video-quality", texts.videoQuality, 10, 100, "quality of the recording, default 10");
+        ->default_str("h264");
+    addNumber(run, "--video-quality", camera, &Camera::setVideoQuality, 10, 100,
+              "quality of the recording, default 10");
 }
 
-void applyRun(RunOptions& options, const RunTexts& texts) {
-    options.source = parseSource(texts.source);
+void checkRun(const CLI::App& run, RunOptions& options) {
     const bool simulatedOnly = !options.photo.empty() || !options.script.empty();
     if (simulatedOnly && options.source.kind == SourceOption::Kind::Automatic)
         options.source.kind = SourceOption::Kind::Simulated;
-    if (simulatedOnly && options.source.kind != SourceOption::Kind::Simulated) {
+    if (simulatedOnly && options.source.kind != SourceOption::Kind::Simulated)
         throw CLI::ValidationError(options.photo.empty() ? "--script" : "--photo", "belongs to --source simulated");
-    }
     if (options.out.empty()) throw CLI::ValidationError("--out", "is empty");
-    if (texts.recordAudio && !texts.recordVideo)
+    const auto camera = options.parameters->cameraParameters();
+    if (camera->recordAudio() && !camera->recordVideo())
         std::cerr << "selvio-capture: --record-audio has no effect without --record-video\n";
-
-    options.hevc = texts.videoCodec == "hevc";
-    options.parameters = std::make_shared<SelvioFacialCaptureParameters>();
-    auto& parameters = *options.parameters;
-    parameters.setMode(texts.mode == "manual" ? SelvioFacialCaptureModeManual : SelvioFacialCaptureModeAuto);
-    applyRules(texts.rules, parameters);
-    if (texts.timeout) parameters.setTimeout(*texts.timeout);
-    if (texts.imageQuality) parameters.setImageQuality(*texts.imageQuality);
-    if (texts.countdownTime) parameters.setCountdownTime(*texts.countdownTime);
-    parameters.setSelectOnSmile(texts.selectOnSmile);
-    const auto camera = parameters.cameraParameters();
-    camera->setRecordVideo(texts.recordVideo);
-    camera->setRecordAudio(texts.recordAudio);
-    camera->setShowRecordingUI(texts.showRecordingUI);
-    if (texts.videoQuality) camera->setVideoQuality(*texts.videoQuality);
+    checkRules(run, *options.parameters);
 }
 
 /// `run` is what the program does when no command is named.
@@ -152,16 +145,14 @@ std::variant<Command, ExitCode> parseCommandLine(std::vector<std::string> argume
         "5 a model or input file is missing or unreadable; 6 the result could not be written; 1 anything else.");
 
     RunOptions runOptions;
-    RunTexts runTexts;
     auto* run = app.add_subcommand("run", "One capture, live (the default)");
-    addRun(*run, runOptions, runTexts);
+    addRun(*run, runOptions);
 
     CheckOptions checkOptions;
-    RuleOptions checkRules;
     auto* check = app.add_subcommand("check", "Judge still images by the same rules");
     check->add_option("IMAGE", checkOptions.images, "JPEG or PNG files")->required()->type_name("");
     check->add_flag("--json", checkOptions.json, "one JSON object a line for every image");
-    addRuleOptions(*check, checkRules);
+    addRuleOptions(*check, checkOptions.parameters);
 
     ShowOptions showOptions;
     auto* show = app.add_subcommand("show", "Print the data record found in a photograph");
@@ -176,12 +167,11 @@ std::variant<Command, ExitCode> parseCommandLine(std::vector<std::string> argume
         std::ranges::reverse(arguments);  // CLI11 takes them from the back
         app.parse(arguments);
         if (run->parsed()) {
-            applyRun(runOptions, runTexts);
+            checkRun(*run, runOptions);
             return Command(runOptions);
         }
         if (check->parsed()) {
-            checkOptions.parameters = std::make_shared<SelvioFacialCaptureParameters>();
-            applyRules(checkRules, *checkOptions.parameters);
+            checkRules(*check, *checkOptions.parameters);
             return Command(checkOptions);
         }
         return show->parsed() ? Command(showOptions) : Command(devicesOptions);

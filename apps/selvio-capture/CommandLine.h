@@ -1,28 +1,25 @@
 // What the person asked for.
 #pragma once
 
-#include "ExitCode.h"
-
 #include <SelvioFacialCapture/SelvioFacialCaptureParameters.h>
 
-#include <cstdint>
 #include <filesystem>
 #include <memory>
-#include <optional>
 #include <string>
 #include <variant>
 #include <vector>
 
 namespace selvio::app {
 
-/// How strictly a face is judged. An absent value keeps the parameters' default; a present one lies in its documented
-/// range.
-struct RuleOptions {
-    std::optional<std::int64_t> minFill;  ///< thousandths of the screen's width
-    std::optional<std::int64_t> maxFill;
-    std::optional<std::int64_t> roll;
-    std::optional<std::int64_t> pitch;
-    std::optional<std::int64_t> yaw;
+/// How the program ends.
+enum class ExitCode : int {
+    Success = 0,          ///< captured; judged; printed
+    Other = 1,            ///< anything that has no code of its own
+    Usage = 2,            ///< wrong usage
+    NotCaptured = 3,      ///< timed out or cancelled; the record is written
+    NoCamera = 4,         ///< no camera, no access to it, or it stopped delivering
+    UnreadableInput = 5,  ///< a model or input file is missing or unreadable
+    NotWritten = 6,       ///< the result could not be written
 };
 
 struct SourceOption {
@@ -39,13 +36,13 @@ struct RunOptions {
     bool json = false;
     bool preview = false;
     bool hevc = false;  ///< record H.265 where an encoder for it is installed
-    std::shared_ptr<SelvioFacialCaptureParameters> parameters;
+    std::shared_ptr<SelvioFacialCaptureParameters> parameters = std::make_shared<SelvioFacialCaptureParameters>();
 };
 
 struct CheckOptions {
     std::vector<std::string> images;
     bool json = false;
-    std::shared_ptr<SelvioFacialCaptureParameters> parameters;
+    std::shared_ptr<SelvioFacialCaptureParameters> parameters = std::make_shared<SelvioFacialCaptureParameters>();
 };
 
 struct ShowOptions {

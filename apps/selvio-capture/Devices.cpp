@@ -1,6 +1,5 @@
 // `devices`: what there is to capture with.
 #include "Commands.h"
-#include "OneCamera.h"
 #include "Source.h"
 #include "Texts.h"
 
@@ -45,15 +44,8 @@ std::string nameOf(PixelFormat format) {
 }
 
 const char* nameOf(CaptureDevicePosition position) {
-    switch (position) {
-        case CaptureDevicePosition::Front:
-            return "front";
-        case CaptureDevicePosition::Back:
-            return "back";
-        case CaptureDevicePosition::Unspecified:
-            break;
-    }
-    return "unspecified";
+    if (position == CaptureDevicePosition::Unspecified) return "unspecified";
+    return position == CaptureDevicePosition::Front ? "front" : "back";
 }
 
 nlohmann::ordered_json jsonOf(const Listed& entry) {

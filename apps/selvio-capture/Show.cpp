@@ -10,21 +10,16 @@
 namespace selvio::app {
 
 ExitCode perform(const ShowOptions& options) {
+    const auto refuse = [](const std::string& why) {
+        complain(why);
+        return ExitCode::UnreadableInput;
+    };
     auto bytes = LinuxFileManager().readFile(options.photograph);
-    if (!bytes) {
-        complain(bytes.error().localizedDescription);
-        return ExitCode::UnreadableInput;
-    }
+    if (!bytes) return refuse(bytes.error().localizedDescription);
     const auto source = LibjpegImageCodec().openSource(std::move(bytes.value()));
-    if (!source) {
-        complain(options.photograph + ": not a JPEG photograph");
-        return ExitCode::UnreadableInput;
-    }
+    if (!source) return refuse(options.photograph + ": not a JPEG photograph");
     const auto exif = source->properties().exif;
-    if (!exif || !exif->userComment) {
-        complain(options.photograph + ": carries no data record");
-        return ExitCode::UnreadableInput;
-    }
+    if (!exif || !exif->userComment) return refuse(options.photograph + ": carries no data record");
     std::cout << *exif->userComment << '\n';
     return ExitCode::Success;
 }

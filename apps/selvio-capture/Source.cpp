@@ -1,6 +1,5 @@
 #include "Source.h"
 
-#include "OneCamera.h"
 #include "Texts.h"
 
 #include <SelvioFacialCapture/linux/Capture.h>
@@ -21,6 +20,42 @@ std::filesystem::path samplesDirectory() {
     const auto program = std::filesystem::read_symlink("/proc/self/exe", code);
     return program.parent_path().parent_path() / "share/SelvioFacialCapture/samples";
 }
+
+/// The component takes the first camera that a search finds. Here each search finds the one that the person chose. All
+/// else is the other system's.
+class OneCamera final : public CaptureSystem {
+public:
+    OneCamera(std::shared_ptr<CaptureSystem> system, std::shared_ptr<CaptureDevice> camera)
+        : system_(std::move(system)), camera_(std::move(camera)) {}
+
+    std::shared_ptr<CaptureDeviceDiscoverySession> discoverDevices(const std::vector<std::string>& deviceTypes,
+                                                                   MediaType mediaType,
+                                                                   CaptureDevicePosition position) override {
+        if (mediaType != MediaType::Video) return system_->discoverDevices(deviceTypes, mediaType, position);
+        return std::make_shared<CaptureDeviceDiscoverySession>(CaptureDeviceDiscoverySession{{camera_}});
+    }
+    std::shared_ptr<CaptureDevice> defaultDevice(MediaType mediaType) override {
+        return mediaType == MediaType::Video ? camera_ : system_->defaultDevice(mediaType);
+    }
+    Expected<std::shared_ptr<CaptureDeviceInput>> makeDeviceInput(
+        const std::shared_ptr<CaptureDevice>& device) override {
+        return system_->makeDeviceInput(device);
+    }
+    std::shared_ptr<CaptureSession> makeSession() override { return system_->makeSession(); }
+    std::shared_ptr<VideoDataOutput> makeVideoDataOutput() override { return system_->makeVideoDataOutput(); }
+    std::shared_ptr<AudioDataOutput> makeAudioDataOutput() override { return system_->makeAudioDataOutput(); }
+    std::shared_ptr<MetadataOutput> makeMetadataOutput() override { return system_->makeMetadataOutput(); }
+    AuthorizationStatus authorizationStatus(MediaType mediaType) override {
+        return system_->authorizationStatus(mediaType);
+    }
+    void requestAccess(MediaType mediaType, std::function<void(bool granted)> completion) override {
+        system_->requestAccess(mediaType, std::move(completion));
+    }
+
+private:
+    const std::shared_ptr<CaptureSystem> system_;
+    const std::shared_ptr<CaptureDevice> camera_;
+};
 
 /// The camera of this name or identifier; the first one for an empty name.
 std::shared_ptr<CaptureDevice> findCamera(const std::vector<std::shared_ptr<CaptureDevice>>& cameras,
@@ -80,6 +115,13 @@ std::variant<Source, SourceFailure> useSimulatedFront(Platform& platform, const 
 }
 
 }  // namespace
+
+std::vector<std::shared_ptr<CaptureDevice>> camerasOf(const std::shared_ptr<CaptureSystem>& system) {
+    if (!system) return {};
+    const auto found = system->discoverDevices({kCaptureDeviceTypeBuiltInWideAngleCamera}, MediaType::Video,
+                                               CaptureDevicePosition::Unspecified);
+    return found ? found->devices : std::vector<std::shared_ptr<CaptureDevice>>{};
+}
 
 std::optional<Error> useSimulated(Platform& platform, const std::filesystem::path& photo,
                                   const std::filesystem::path& script, const std::string& videoCodec) {

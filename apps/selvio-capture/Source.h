@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <variant>
+#include <vector>
 
 namespace selvio::app {
 
@@ -26,6 +27,8 @@ struct SourceFailure {
 /// are read here.
 [[nodiscard]] std::variant<Source, SourceFailure> useSource(Platform& platform, const RunOptions& options);
 
+/// Every camera of a system, wherever it looks; empty for a null system.
+[[nodiscard]] std::vector<std::shared_ptr<CaptureDevice>> camerasOf(const std::shared_ptr<CaptureSystem>& system);
 /// The capture system of the machine's own cameras; null where there is none. `hevc`: they recommend H.265 for a
 /// recording where that can be written.
 [[nodiscard]] std::shared_ptr<CaptureSystem> machineCaptureSystem(bool hevc = false);

@@ -76,17 +76,26 @@ private:
     std::shared_ptr<SampleBuffer> waiting_;          // guarded by mutex_; for the present delegate
 };
 
-class QueuedVideoOutput : public VideoDataOutput, public QueuedOutput {
+/// An output of sample buffers.
+template <typename Kind, MediaType kSource>
+class QueuedSampleOutput : public Kind, public QueuedOutput {
 public:
     [[nodiscard]] std::vector<std::shared_ptr<CaptureConnection>> connections() const override {
         return activeConnections();
     }
-    void setPixelFormat(PixelFormat format) override;
-    [[nodiscard]] PixelFormat pixelFormat() const { return pixelFormat_; }
-    void setAlwaysDiscardsLateVideoFrames(bool discards) override { discardsLate_ = discards; }
     void setSampleBufferDelegate(std::weak_ptr<CaptureOutputDelegate> delegate, std::shared_ptr<Queue> queue) override {
         setDelegate(std::move(delegate), std::move(queue));
     }
+
+protected:
+    explicit QueuedSampleOutput(std::shared_ptr<const void> system) : QueuedOutput(kSource, std::move(system)) {}
+};
+
+class QueuedVideoOutput : public QueuedSampleOutput<VideoDataOutput, MediaType::Video> {
+public:
+    void setPixelFormat(PixelFormat format) override;
+    [[nodiscard]] PixelFormat pixelFormat() const { return pixelFormat_; }
+    void setAlwaysDiscardsLateVideoFrames(bool discards) override { discardsLate_ = discards; }
 
     /// Submits a frame. Late frames that are not discarded wait up to a number; those above it are dropped.
     void deliver(std::shared_ptr<SampleBuffer> frame);
@@ -95,7 +104,7 @@ public:
 protected:
     /// `formats`: those that can be delivered.
     QueuedVideoOutput(std::shared_ptr<const void> system, std::vector<PixelFormat> formats)
-        : QueuedOutput(MediaType::Video, std::move(system)), formats_(std::move(formats)) {}
+        : QueuedSampleOutput(std::move(system)), formats_(std::move(formats)) {}
 
 private:
     const std::vector<PixelFormat> formats_;
@@ -103,17 +112,10 @@ private:
     std::atomic<bool> discardsLate_{true};
 };
 
-class QueuedAudioOutput final : public AudioDataOutput, public QueuedOutput {
+class QueuedAudioOutput final : public QueuedSampleOutput<AudioDataOutput, MediaType::Audio> {
 public:
-    explicit QueuedAudioOutput(std::shared_ptr<const void> system)
-        : QueuedOutput(MediaType::Audio, std::move(system)) {}
+    explicit QueuedAudioOutput(std::shared_ptr<const void> system) : QueuedSampleOutput(std::move(system)) {}
 
-    [[nodiscard]] std::vector<std::shared_ptr<CaptureConnection>> connections() const override {
-        return activeConnections();
-    }
-    void setSampleBufferDelegate(std::weak_ptr<CaptureOutputDelegate> delegate, std::shared_ptr<Queue> queue) override {
-        setDelegate(std::move(delegate), std::move(queue));
-    }
     [[nodiscard]] AudioSettings recommendedAudioSettings(const std::string&) const override { return {}; }
 
     /// Submits a block; left out while the delegate has far too many waiting.

@@ -40,31 +40,32 @@ void CaptureSessionBase::updateParts() {
     parts_ = std::move(parts);
 }
 
+bool CaptureSessionBase::change(const std::function<bool()>& what) {
+    {
+        const std::lock_guard lock(mutex_);
+        if (!what()) return false;
+        updateParts();
+    }
+    partsChanged();
+    return true;
+}
+
 bool CaptureSessionBase::canAddInput(const CaptureDeviceInput& input) const {
     const std::lock_guard lock(mutex_);
     return canTake(input);
 }
 
 void CaptureSessionBase::addInput(std::shared_ptr<CaptureDeviceInput> input) {
-    {
-        std::unique_lock lock(mutex_);
-        if (!input || !canTake(*input)) {
-            lock.unlock();
-            return log("Capture: the session cannot take the input");
-        }
+    const bool changed = change([&] {
+        if (!input || !canTake(*input)) return false;
         inputs_.push_back(std::move(input));
-        updateParts();
-    }
-    partsChanged();
+        return true;
+    });
+    if (!changed) log("Capture: the session cannot take the input");
 }
 
 void CaptureSessionBase::removeInput(const std::shared_ptr<CaptureDeviceInput>& input) {
-    {
-        const std::lock_guard lock(mutex_);
-        if (std::erase(inputs_, input) == 0) return;
-        updateParts();
-    }
-    partsChanged();
+    change([&] { return std::erase(inputs_, input) > 0; });
 }
 
 bool CaptureSessionBase::canAddOutput(const CaptureOutput& output) const {
@@ -73,26 +74,20 @@ bool CaptureSessionBase::canAddOutput(const CaptureOutput& output) const {
 }
 
 void CaptureSessionBase::addOutput(std::shared_ptr<CaptureOutput> output) {
-    {
-        std::unique_lock lock(mutex_);
-        if (!output || !canTake(*output) || !dynamic_cast<QueuedOutput&>(*output).take()) {
-            lock.unlock();
-            return log("Capture: the session cannot take the output");
-        }
+    const bool changed = change([&] {
+        if (!output || !canTake(*output) || !dynamic_cast<QueuedOutput&>(*output).take()) return false;
         outputs_.push_back(std::move(output));
-        updateParts();
-    }
-    partsChanged();
+        return true;
+    });
+    if (!changed) log("Capture: the session cannot take the output");
 }
 
 void CaptureSessionBase::removeOutput(const std::shared_ptr<CaptureOutput>& output) {
-    {
-        const std::lock_guard lock(mutex_);
-        if (std::erase(outputs_, output) == 0) return;
+    change([&] {
+        if (std::erase(outputs_, output) == 0) return false;
         dynamic_cast<QueuedOutput&>(*output).giveBack();
-        updateParts();
-    }
-    partsChanged();
+        return true;
+    });
 }
 
 std::vector<std::shared_ptr<CaptureOutput>> CaptureSessionBase::outputs() const {

@@ -5,6 +5,8 @@
 
 #include <SelvioFacialCapture/base/MemberMutex.h>
 
+#include <functional>
+
 namespace selvio {
 
 class DeviceInput final : public CaptureDeviceInput {
@@ -59,6 +61,8 @@ private:
     [[nodiscard]] bool canTake(const CaptureDeviceInput& input) const;
     [[nodiscard]] bool canTake(const CaptureOutput& output) const;
     void updateParts();
+    /// Changes inputs or outputs with mutex_ held; false if `what` has changed nothing.
+    bool change(const std::function<bool()>& what);
 
     const std::shared_ptr<const void> system_;
     std::recursive_mutex monitor_;

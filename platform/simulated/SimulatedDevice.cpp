@@ -44,11 +44,8 @@ void SimulatedDevice::unlockForConfiguration() {
 }
 
 void SimulatedDevice::setActiveFormat(const CaptureDeviceFormat& format) {
-    const std::vector<CaptureDeviceFormat> known = formats();
-    if (std::find(known.begin(), known.end(), format) == known.end()) {
-        log(localizedName() + " does not have the format that was to be set");
-        return;
-    }
+    if (std::ranges::count(formats(), format) == 0)
+        return log(localizedName() + " does not have the format that was to be set");
     mutex_.set(active_, format);
 }
 

@@ -1,10 +1,29 @@
 // Simulated cameras and microphone.
 #pragma once
 
+#include <SelvioFacialCapture/base/MemberMutex.h>
+#include <SelvioFacialCapture/simulated/SimulatedCaptureSystem.h>
+
 #include "platform/capture/FrameSize.h"
-#include "platform/simulated/SimulatedControl.h"
 
 namespace selvio {
+
+/// What the devices, sessions and outputs of one simulated capture system share.
+struct SimulatedControl {
+    SimulatedControl(std::shared_ptr<SimulatedScene> theScene, SimulatedCaptureOptions theOptions)
+        : scene(std::move(theScene)), options(std::move(theOptions)), pool(PixelBufferPool::create()) {}
+
+    const std::shared_ptr<SimulatedScene> scene;
+    const SimulatedCaptureOptions options;
+    const std::shared_ptr<PixelBufferPool> pool;
+
+    [[nodiscard]] SimulatedFaults faults() const { return mutex_.get(faults_); }
+    void setFaults(SimulatedFaults faults) { mutex_.set(faults_, faults); }
+
+private:
+    mutable MemberMutex mutex_;
+    SimulatedFaults faults_;  // guarded by mutex_
+};
 
 class SimulatedDevice final : public CaptureDevice {
 public:

@@ -84,7 +84,24 @@ struct Color {
     double b = 0;
     double g = 0;
     double r = 0;
+    friend Color operator+(const Color& p, const Color& q) { return {p.b + q.b, p.g + q.g, p.r + q.r}; }
+    friend Color operator-(const Color& p, const Color& q) { return {p.b - q.b, p.g - q.g, p.r - q.r}; }
+    friend Color operator/(const Color& p, double by) { return {p.b / by, p.g / by, p.r / by}; }
 };
+
+int blueOf(std::uint32_t p) {
+    return static_cast<int>(p & 0xff);
+}
+int greenOf(std::uint32_t p) {
+    return static_cast<int>((p >> 8) & 0xff);
+}
+int redOf(std::uint32_t p) {
+    return static_cast<int>((p >> 16) & 0xff);
+}
+
+Color colorOf(std::uint32_t p) {
+    return {static_cast<double>(blueOf(p)), static_cast<double>(greenOf(p)), static_cast<double>(redOf(p))};
+}
 
 std::uint32_t pixelOf(const Color& c) {
     const auto byte = [](double v) { return static_cast<std::uint32_t>(std::clamp(std::lround(v), 0L, 255L)); };
@@ -99,12 +116,10 @@ public:
           height_(level.height),
           sums_(static_cast<std::size_t>(width_ + 1) * static_cast<std::size_t>(height_ + 1)) {
         for (int y = 0; y < height_; ++y) {
-            Sum line;
+            Color line;
             for (int x = 0; x < width_; ++x) {
-                const std::uint32_t p = level.row(y)[x];
-                line = {line.b + (p & 0xff), line.g + ((p >> 8) & 0xff), line.r + ((p >> 16) & 0xff)};
-                const Sum& above = at(x + 1, y);
-                at(x + 1, y + 1) = {above.b + line.b, above.g + line.g, above.r + line.r};
+                line = line + colorOf(level.row(y)[x]);
+                sums_[index(x + 1, y + 1)] = sums_[index(x + 1, y)] + line;
             }
         }
     }
@@ -117,25 +132,19 @@ public:
     }
     [[nodiscard]] Color mean(int left, int top, int right, int bottom) const {
         const double area = static_cast<double>(right - left) * static_cast<double>(bottom - top);
-        const Sum &a = at(left, top), &b = at(right, top), &c = at(left, bottom), &d = at(right, bottom);
-        return {static_cast<double>(d.b + a.b - b.b - c.b) / area, static_cast<double>(d.g + a.g - b.g - c.g) / area,
-                static_cast<double>(d.r + a.r - b.r - c.r) / area};
+        return (sums_[index(right, bottom)] + sums_[index(left, top)] - sums_[index(right, top)] -
+                sums_[index(left, bottom)]) /
+               area;
     }
 
 private:
-    struct Sum {
-        std::uint64_t b = 0, g = 0, r = 0;
-    };
-    [[nodiscard]] Sum& at(int x, int y) {
-        return sums_[static_cast<std::size_t>(y) * static_cast<std::size_t>(width_ + 1) + static_cast<std::size_t>(x)];
-    }
-    [[nodiscard]] const Sum& at(int x, int y) const {
-        return sums_[static_cast<std::size_t>(y) * static_cast<std::size_t>(width_ + 1) + static_cast<std::size_t>(x)];
+    [[nodiscard]] std::size_t index(int x, int y) const {
+        return static_cast<std::size_t>(y) * static_cast<std::size_t>(width_ + 1) + static_cast<std::size_t>(x);
     }
 
     int width_;
     int height_;
-    std::vector<Sum> sums_;
+    std::vector<Color> sums_;  // whole numbers
 };
 
 // The tone that surrounds the photograph: the mean of its upper edge and of the upper halves of its sides, where a
@@ -146,7 +155,7 @@ Color surroundings(const Level& photograph, const AreaSums& sums) {
     const Color top = sums.mean(0, 0, w, std::min(border, h));
     const Color left = sums.mean(0, 0, std::min(border, w), (h + 1) / 2);
     const Color right = sums.mean(std::max(0, w - border), 0, w, (h + 1) / 2);
-    return {(top.b + left.b + right.b) / 3, (top.g + left.g + right.g) / 3, (top.r + left.r + right.r) / 3};
+    return (top + left + right) / 3;
 }
 
 // The photograph with a margin in which its edges blur and fade into the surroundings.
@@ -273,16 +282,6 @@ private:
     const int gain_;                   // 256: none
     std::vector<std::int16_t> noise_;  // empty: none
 };
-
-int blueOf(std::uint32_t p) {
-    return static_cast<int>(p & 0xff);
-}
-int greenOf(std::uint32_t p) {
-    return static_cast<int>((p >> 8) & 0xff);
-}
-int redOf(std::uint32_t p) {
-    return static_cast<int>((p >> 16) & 0xff);
-}
 
 // BT.601, video range.
 void lumaRow(const std::uint32_t* row, int width, std::uint8_t* out) {

@@ -46,6 +46,32 @@ AudioData toneAt(std::int64_t firstSample) {
 
 }  // namespace
 
+FrameSize SimulatedVideoDataOutput::frameSize() const {
+    const FrameSize sensor = sensorSize_;
+    return isPortrait(connection()->videoOrientation()) ? FrameSize{sensor.height, sensor.width} : sensor;
+}
+
+VideoSettings SimulatedVideoDataOutput::recommendedVideoSettings(const std::string&) const {
+    const auto [width, height] = frameSize();
+    const std::int64_t bitRate = static_cast<std::int64_t>(width) * height * 8;
+    return {.codec = control_->options.videoCodec,
+            .width = width,
+            .height = height,
+            .compressionProperties = {{kVideoAverageBitRateKey, bitRate}}};
+}
+
+void SimulatedVideoDataOutput::draw(std::chrono::nanoseconds scriptTime, const SampleTiming& timing, bool drop) {
+    if (!isDelivering()) return;
+    const auto [width, height] = frameSize();
+    const auto layout = PixelBufferLayout::make(width, height, pixelFormat());
+    auto buffer = layout && !drop ? control_->pool->acquire(*layout) : nullptr;
+    if (buffer && control_->scene->frames().render(scriptTime, *buffer)) {
+        deliver(SampleBuffer::makeVideo(std::move(buffer), timing));
+    } else {
+        deliverDropNotice(timing);
+    }
+}
+
 // One stretch from start to stop. Queued blocks hold it weakly.
 class SimulatedSession::Run : public std::enable_shared_from_this<Run> {
 public:
@@ -108,9 +134,7 @@ SimulatedSession::SimulatedSession(std::shared_ptr<SimulatedControl> control)
     : CaptureSessionBase(control), control_(std::move(control)) {}
 
 SimulatedSession::~SimulatedSession() {
-    if (run_ == nullptr) return;
-    run_->end();
-    run_->wait();
+    stopRunning();
 }
 
 bool SimulatedSession::canSetSessionPreset(const std::string& preset) const {

@@ -156,19 +156,6 @@ TEST(Camera, shutdownWaitsForTheCallThatRuns) {
     }
 }
 
-TEST(Camera, tellsNothingAfterTheShutdown) {
-    CameraRig rig;
-    rig.makeRecording();
-    const auto video = rig.video();
-    video->deliver(frame());
-    rig.camera->stopRecording();
-    rig.camera->shutdown();
-    rig.events.clear();
-    video->deliver(frame());
-    rig.run();
-    EXPECT_THAT(rig.events, IsEmpty());
-}
-
 // Whatever waits on the main queue, which the host need not run.
 TEST(Camera, nothingQueuedKeepsTheCamera) {
     CameraRig rig;

@@ -1,6 +1,5 @@
 #include <SelvioFacialCapture/platform/Capture.h>
 
-#include <platform/linux/gstreamer/AudioTimeline.h>
 #include <platform/linux/gstreamer/CaptureRules.h>
 #include <platform/linux/gstreamer/VideoEncoders.h>
 

@@ -6,7 +6,6 @@
 #include <cstring>
 #include <thread>
 
-#include "platform/simulated/SimulatedMotionManager.h"
 #include "tests/simulated/SimulatedSupport.h"
 #include "tests/support/CaptureProbe.h"
 #include "tests/support/LogCapture.h"
@@ -251,10 +250,13 @@ TEST(SimulatedCapture, ManyThreadsMayDriveOneSession) {
 
 TEST(SimulatedMotionManager, ReadsTheScriptUntilStopped) {
     Rig rig(R"({"at": 0, "visible": false, "rotationRate": [0, 0.5, 0]}, {"at": 1, "rotationRate": [0, 0, 0]})");
-    SimulatedMotionManager manager(rig.system->scene());
+    Platform platform;
+    platform.clock = rig.clock;
+    useSimulatedCamera(platform, rig.frames);
+    const auto manager = platform.makeMotionManager();
     std::vector<double> rates;
-    manager.setDeviceMotionUpdateInterval(300ms);
-    manager.startDeviceMotionUpdates(rig.queue, [&](const DeviceMotion& motion, const std::optional<Error>&) {
+    manager->setDeviceMotionUpdateInterval(300ms);
+    manager->startDeviceMotionUpdates(rig.queue, [&](const DeviceMotion& motion, const std::optional<Error>&) {
         rates.push_back(motion.rotationRate.y);
     });
     for (int i = 0; i < 4; ++i) {
@@ -264,9 +266,12 @@ TEST(SimulatedMotionManager, ReadsTheScriptUntilStopped) {
     ASSERT_EQ(rates.size(), 4u);
     EXPECT_NEAR(rates[0], 0.35, 1e-6);
     EXPECT_NEAR(rates[3], 0.0, 1e-6);
-    manager.stopDeviceMotionUpdates();
+    manager->stopDeviceMotionUpdates();
     rig.queue->advance(10s);
     EXPECT_EQ(rates.size(), 4u);
+    // a queue that only the manager holds ends with it, though a reading is always due
+    manager->startDeviceMotionUpdates(std::make_shared<SerialQueue>("motion"),
+                                      [](const DeviceMotion&, const std::optional<Error>&) {});
 }
 
 TEST(SimulatedPlatform, ItsDetectorSaysWhatTheScriptSays) {

@@ -64,7 +64,8 @@ public:
     }
     void unlockForConfiguration() override { say("unlock"); }
     void setActiveFormat(const CaptureDeviceFormat& format) override {
-        say("format width " + std::to_string(format.formatDescription.width));
+        say("format " + std::to_string(format.formatDescription.width) + "x" +
+            std::to_string(format.formatDescription.height));
     }
     [[nodiscard]] bool isFocusPointOfInterestSupported() const override { return script_->focusSupported; }
     void setFocusPointOfInterest(Point point) override {

@@ -23,9 +23,9 @@ public:
 
     /// The distribution's: VERSION_ID of os-release, on Debian with the point release ("12.11"). Empty where there is
     /// none, as on distributions that roll.
-    [[nodiscard]] std::string systemVersion() const override;
+    [[nodiscard]] std::string systemVersion() const override { return systemVersion_; }
     /// "Linux".
-    [[nodiscard]] std::string model() const override;
+    [[nodiscard]] std::string model() const override { return "Linux"; }
     /// As `uname -m`; empty if the system does not say.
     [[nodiscard]] std::string machineName() const override;
     [[nodiscard]] DeviceOrientation orientation() const override;

@@ -99,9 +99,11 @@ private:
     std::array<unsigned char*, 3> pointers_{};
 };
 
-/// The file that `encode(handle, &file, &size, percent, flags)` makes, with the target's density and EXIF segment.
+/// The file that `encode(handle, &file, &size, percent, flags)` makes, with the target's density and EXIF properties.
 template <typename Encode>
 std::optional<Bytes> encoded(const JpegTarget& target, const Encode& encode) {
+    std::optional<Bytes> segment;
+    if (target.exif && !(segment = makeExifSegment(*target.exif))) return std::nullopt;
     const double percent = std::isnan(target.quality) ? 100.0 : std::clamp(target.quality * 100.0, 1.0, 100.0);
     const TurboHandle turbo(tjInitCompress());
     unsigned char* data = nullptr;
@@ -112,7 +114,7 @@ std::optional<Bytes> encoded(const JpegTarget& target, const Encode& encode) {
     constexpr std::size_t kJfifEnd = 20;  // every file begins with a JFIF segment
     if (!done || size < kJfifEnd) return std::nullopt;
 
-    const Bytes& exif = target.exifSegment;
+    const Bytes exif = segment.value_or(Bytes());
     Bytes file;
     file.reserve(size + exif.size() + 4);
     const auto append = [&](int value) {

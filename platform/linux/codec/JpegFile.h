@@ -23,16 +23,16 @@ struct JpegHeader {
 struct JpegTarget {
     double quality = 1.0;  ///< 0...1, clamped; NaN is 1
     std::optional<JfifProperties> jfif;
-    Bytes exifSegment;  ///< none if empty
+    std::optional<ExifProperties> exif;
 };
 
 /// Nothing if the bytes do not begin as a JPEG file does, up to its first scan.
 [[nodiscard]] std::optional<JpegHeader> readJpegHeader(std::span<const std::uint8_t> file);
 
-/// Nothing for an unreadable picture or lack of memory.
+/// Nothing for an unreadable picture, EXIF properties that do not fit into a segment, or lack of memory.
 [[nodiscard]] std::optional<Bytes> encodeJpegPixels(const PixelBuffer& picture, const JpegTarget& target);
 
-/// Decodes the file and encodes its picture anew. Nothing if the file is cut short or damaged.
+/// Decodes the file and encodes its picture anew. Nothing also if the file is cut short or damaged.
 [[nodiscard]] std::optional<Bytes> reencodeJpeg(std::span<const std::uint8_t> file, const JpegTarget& target);
 
 /// The whole picture, upright, as BGRA. The error gives the reason only.

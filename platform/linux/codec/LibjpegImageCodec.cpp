@@ -23,12 +23,9 @@ private:
 
 std::optional<Bytes> LibjpegImageCodec::encodeJpeg(const Image& image, double quality) const {
     if (!image.bitmap) return std::nullopt;
-    JpegTarget target{.quality = quality, .jfif = std::nullopt, .exifSegment = {}};
-    if (const int orientation = static_cast<int>(exifOrientationFor(image.orientation)); orientation != 1) {
-        auto segment = makeExifSegment({std::nullopt, orientation});
-        if (!segment) return std::nullopt;
-        target.exifSegment = std::move(*segment);
-    }
+    JpegTarget target{.quality = quality, .jfif = std::nullopt, .exif = std::nullopt};
+    if (const int orientation = static_cast<int>(exifOrientationFor(image.orientation)); orientation != 1)
+        target.exif = {std::nullopt, orientation};
     return encodeJpegPixels(*image.bitmap, target);
 }
 
@@ -42,14 +39,9 @@ std::optional<Bytes> LibjpegImageCodec::encodeFromSource(const ImageSource& sour
                                                          const ImageProperties& properties) const {
     const auto* const jpeg = dynamic_cast<const JpegImageSource*>(&source);
     if (jpeg == nullptr) return std::nullopt;
-    JpegTarget target{
-        .quality = properties.lossyCompressionQuality.value_or(1.0F), .jfif = properties.jfif, .exifSegment = {}};
-    if (properties.exif) {
-        auto segment = makeExifSegment(*properties.exif);
-        if (!segment) return std::nullopt;
-        target.exifSegment = std::move(*segment);
-    }
-    return reencodeJpeg(jpeg->file(), target);
+    return reencodeJpeg(jpeg->file(), {.quality = properties.lossyCompressionQuality.value_or(1.0F),
+                                       .jfif = properties.jfif,
+                                       .exif = properties.exif});
 }
 
 bool LibjpegImageCodec::userCommentFits(std::string_view text) const {

@@ -37,14 +37,6 @@ std::string versionOf(const fs::path& root) {
 LinuxDevice::LinuxDevice(OrientationProvider orientation, const fs::path& root)
     : orientation_(std::move(orientation)), systemVersion_(versionOf(root)) {}
 
-std::string LinuxDevice::systemVersion() const {
-    return systemVersion_;
-}
-
-std::string LinuxDevice::model() const {
-    return "Linux";
-}
-
 std::string LinuxDevice::machineName() const {
     utsname name{};
     return uname(&name) == 0 ? name.machine : "";

@@ -78,26 +78,32 @@ int lockDirectory(const fs::path& directory) {
     return -1;
 }
 
+/// What a directory holds, as far as it can be read.
+std::vector<fs::path> entriesOf(const fs::path& directory, std::error_code& error) {
+    std::vector<fs::path> entries;
+    for (fs::directory_iterator it(directory, error), end; !error && it != end; it.increment(error))
+        entries.push_back(it->path());
+    return entries;
+}
+
 void removeRecordingsIn(const fs::path& directory) {
-    std::error_code error;
-    for (fs::directory_iterator it(directory, error), end; !error && it != end; it.increment(error)) {
-        const std::string name = it->path().filename().string();
-        std::error_code kept;
-        if (name.starts_with("selvio_") && name.ends_with(".mp4")) fs::remove(it->path(), kept);
+    std::error_code ignored;
+    for (const fs::path& path : entriesOf(directory, ignored)) {
+        const std::string name = path.filename().string();
+        if (name.starts_with("selvio_") && name.ends_with(".mp4")) fs::remove(path, ignored);
     }
 }
 
 /// Removes what managers left that are no more: their lock went with them. Nobody writes into the parent itself.
 void removeLeftovers(const fs::path& parent) {
     removeRecordingsIn(parent);
-    std::error_code error;
-    for (fs::directory_iterator it(parent, error), end; !error && it != end; it.increment(error)) {
-        if (!it->path().filename().string().starts_with(kOwnPrefix)) continue;
-        const int lock = lockDirectory(it->path());
+    std::error_code ignored;
+    for (const fs::path& path : entriesOf(parent, ignored)) {
+        if (!path.filename().string().starts_with(kOwnPrefix)) continue;
+        const int lock = lockDirectory(path);
         if (lock < 0) continue;
-        removeRecordingsIn(it->path());
-        std::error_code notEmpty;
-        fs::remove(it->path(), notEmpty);
+        removeRecordingsIn(path);
+        fs::remove(path, ignored);  // unless it is not empty
         close(lock);
     }
 }
@@ -151,10 +157,9 @@ fs::path LinuxFileManager::documentsDirectory() const {
 }
 
 Expected<std::vector<std::string>> LinuxFileManager::contentsOfDirectory(const fs::path& directory) const {
-    std::vector<std::string> names;
     std::error_code error;
-    for (fs::directory_iterator it(directory, error), end; !error && it != end; it.increment(error))
-        names.push_back(it->path().filename().string());
+    std::vector<std::string> names;
+    for (const fs::path& path : entriesOf(directory, error)) names.push_back(path.filename().string());
     if (error) return failure(directory, error);
     return names;
 }

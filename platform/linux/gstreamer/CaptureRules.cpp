@@ -37,14 +37,14 @@ std::vector<FrameRate> ratesBetween(FrameRate lowest, FrameRate highest) {
 }
 
 FrameRate preferredRate(const std::vector<FrameRate>& rates) {
+    const auto merit = [](const FrameRate& rate) {
+        const bool fast = rate.value() >= kWantedRate - kRateSlack;
+        return std::pair(fast, fast ? -rate.value() : rate.value());
+    };
     FrameRate best{0, 1};
     for (const FrameRate& rate : rates) {
         if (rate.numerator <= 0 || rate.value() <= 0.0 || rate.value() > kHighestRate) continue;
-        const bool above = rate.value() >= kWantedRate - kRateSlack;
-        const bool bestAbove = best.value() >= kWantedRate - kRateSlack;
-        const bool better =
-            above ? !bestAbove || rate.value() < best.value() : !bestAbove && rate.value() > best.value();
-        if (better) best = rate;
+        if (merit(rate) > merit(best)) best = rate;
     }
     return best;
 }
@@ -52,16 +52,14 @@ FrameRate preferredRate(const std::vector<FrameRate>& rates) {
 std::vector<CaptureDeviceFormat> formatsOf(const std::vector<CameraMode>& modes) {
     std::vector<CaptureDeviceFormat> formats;
     for (const CameraMode& mode : modes) {
-        bool known = false;
-        for (CaptureDeviceFormat& format : formats) {
-            if (format.formatDescription.width != mode.width || format.formatDescription.height != mode.height)
-                continue;
-            format.maxFrameRate = std::max(format.maxFrameRate, mode.rate.value());
-            known = true;
-        }
-        if (known) continue;
         for (const PixelFormat pixelFormat : {kPixelFormat420v, kPixelFormat32BGRA}) {
-            formats.push_back({{pixelFormat, mode.width, mode.height}, mode.rate.value()});
+            const VideoFormatDescription description{pixelFormat, mode.width, mode.height};
+            const auto known = std::ranges::find(formats, description, &CaptureDeviceFormat::formatDescription);
+            if (known == formats.end()) {
+                formats.push_back({description, mode.rate.value()});
+            } else {
+                known->maxFrameRate = std::max(known->maxFrameRate, mode.rate.value());
+            }
         }
     }
     return formats;
@@ -85,27 +83,21 @@ std::optional<CaptureDeviceFormat> formatForPreset(const std::vector<CaptureDevi
     const auto longer = [](const CaptureDeviceFormat& f) {
         return std::max(f.formatDescription.width, f.formatDescription.height);
     };
-    const auto shorter = [](const CaptureDeviceFormat& f) {
-        return std::min(f.formatDescription.width, f.formatDescription.height);
-    };
     const auto area = [](const CaptureDeviceFormat& f) {
         return static_cast<std::int64_t>(f.formatDescription.width) * f.formatDescription.height;
     };
-    for (const auto& [name, size] : kPresetSizes) {
-        if (preset != name) continue;
-        const auto found = std::find_if(formats.begin(), formats.end(), [&](const auto& f) {
-            return longer(f) == size.width && shorter(f) == size.height;
+    if (const auto* const known = std::ranges::find(kPresetSizes, preset, &PresetSize::preset);
+        known != kPresetSizes.end()) {
+        const auto found = std::ranges::find_if(formats, [&, size = known->size](const CaptureDeviceFormat& f) {
+            return longer(f) == size.width &&
+                   f.formatDescription.width + f.formatDescription.height == size.width + size.height;
         });
         return found == formats.end() ? std::nullopt : std::optional(*found);
     }
     if (preset != kCaptureSessionPresetHigh || formats.empty()) return std::nullopt;
-    const CaptureDeviceFormat* best = nullptr;
-    for (const CaptureDeviceFormat& format : formats) {
-        if (longer(format) <= 1920 && (best == nullptr || area(format) > area(*best))) best = &format;
-    }
-    if (best != nullptr) return *best;
-    return *std::min_element(formats.begin(), formats.end(),
-                             [&](const auto& a, const auto& b) { return area(a) < area(b); });
+    // The first of the largest that are not too large, or else of the smallest.
+    const auto merit = [&](const CaptureDeviceFormat& f) { return longer(f) <= 1920 ? area(f) : -area(f); };
+    return *std::ranges::max_element(formats, {}, merit);
 }
 
 std::optional<CaptureDeviceFormat> initialFormat(const std::vector<CaptureDeviceFormat>& formats) {
@@ -148,6 +140,21 @@ std::chrono::nanoseconds AudioClock::place(std::chrono::nanoseconds time, std::i
     if (next_ && std::chrono::abs(time - *next_) < kBreak) placed = *next_ + (time - *next_) / kPull;
     next_ = placed + nanoseconds(frames * 1'000'000'000 / std::max(sampleRate, 1));
     return placed;
+}
+
+std::int64_t audioFrameAt(std::chrono::nanoseconds time, int sampleRate) {
+    constexpr std::int64_t kSecond = 1'000'000'000;
+    const std::int64_t seconds = time.count() / kSecond;
+    const std::int64_t rest = time.count() % kSecond;
+    return seconds * sampleRate + (rest * sampleRate + (rest < 0 ? -kSecond / 2 : kSecond / 2)) / kSecond;
+}
+
+AudioPlacement placeAudio(std::int64_t written, std::chrono::nanoseconds time, std::int64_t frames, int sampleRate) {
+    const std::int64_t offset = audioFrameAt(time, sampleRate) - written;
+    const std::int64_t tolerance = audioFrameAt(kAudioTolerance, sampleRate);
+    // Before the start of the track there is no jitter to allow for: what lies there is left out exactly.
+    if (written > 0 && offset >= -tolerance && offset <= tolerance) return {};
+    return {.silence = std::max<std::int64_t>(offset, 0), .skip = std::clamp<std::int64_t>(-offset, 0, frames)};
 }
 
 }  // namespace selvio

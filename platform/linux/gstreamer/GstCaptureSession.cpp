@@ -21,75 +21,54 @@ nanoseconds now() {
     return std::chrono::steady_clock::now().time_since_epoch();
 }
 
-// Every pipeline runs on the system's monotonic clock, on which a buffer's time is its running time after the
-// pipeline's base time.
-void useMonotonicTime(GstElement* pipeline) {
+// On the system's monotonic clock, on which a buffer's time is its running time after the pipeline's base time.
+bool play(GstElement* pipeline) {
     GstClock* const clock =
         GST_CLOCK(g_object_new(GST_TYPE_SYSTEM_CLOCK, "clock-type", GST_CLOCK_TYPE_MONOTONIC, nullptr));
     gst_object_ref_sink(clock);
     gst_pipeline_use_clock(GST_PIPELINE(pipeline), clock);
     gst_object_unref(clock);
+    return gst_element_set_state(pipeline, GST_STATE_PLAYING) != GST_STATE_CHANGE_FAILURE;
 }
 
-// GStreamer keeps a callback's data as a pointer, and tells when it wants it no more.
-template <typename T>
-gpointer keep(const std::shared_ptr<T>& data) {
-    return new std::shared_ptr<T>(data);
-}
-template <typename T>
-T& kept(gpointer data) {
-    return **static_cast<std::shared_ptr<T>*>(data);
-}
-template <typename T>
-void letGo(gpointer data) {
-    delete static_cast<std::shared_ptr<T>*>(data);
-}
-
-template <typename T>
-GstElement* makeSink(GstFlowReturn (*onSample)(GstAppSink*, gpointer), const std::shared_ptr<T>& owner,
-                     bool inRealTime) {
-    GstElement* const sink = makeElement("appsink");
-    if (sink == nullptr) return nullptr;
+// Calls `take` with each sample of the sink, on its streaming thread.
+void takeSamples(GstElement* sink, std::function<void(GstSample*, GstElement* sink)> take) {
+    using Take = std::function<void(GstSample*, GstElement*)>;
     GstAppSinkCallbacks callbacks{};
-    callbacks.new_sample = onSample;
-    // The callback takes each sample at once; the sink only keeps time, for files.
-    g_object_set(sink, "sync", inRealTime ? TRUE : FALSE, "max-buffers", 2U, "drop", inRealTime ? FALSE : TRUE,
-                 "emit-signals", FALSE, "enable-last-sample", FALSE, "qos", FALSE, nullptr);
-    gst_app_sink_set_callbacks(GST_APP_SINK(sink), &callbacks, keep(owner), letGo<T>);
-    return sink;
+    callbacks.new_sample = [](GstAppSink* from, gpointer kept) {
+        if (const GstPtr<GstSample> sample(gst_app_sink_pull_sample(from)); sample)
+            (*static_cast<Take*>(kept))(sample.get(), GST_ELEMENT(from));
+        return GST_FLOW_OK;
+    };
+    gst_app_sink_set_callbacks(GST_APP_SINK(sink), &callbacks, keep(std::move(take)), letGo<Take>);
 }
 
-GstPtr<GstElement> makePipeline() {
-    return GstPtr<GstElement>(GST_ELEMENT(gst_object_ref_sink(gst_pipeline_new(nullptr))));
+// A source and what follows it, whose first element is named "first" and whose last is an appsink. The sink hands each
+// sample on at once; it only keeps time, for files.
+std::optional<Error> build(GstPtr<GstElement>& pipeline, const Expected<GstElement*>& source,
+                           const std::string& following, bool inRealTime) {
+    if (!source) return source.error();
+    auto made = makePipeline(following + " ! appsink name=sink max-buffers=2 enable-last-sample=false qos=false " +
+                             (inRealTime ? "sync=true drop=false" : "sync=false drop=true"));
+    if (!made) {
+        gst_object_unref(gst_object_ref_sink(source.value()));
+        return Error{"an element of the pipeline could not be made"};
+    }
+    pipeline = std::move(made.value());
+    gst_bin_add(GST_BIN(pipeline.get()), source.value());
+    const auto first = elementNamed("first", pipeline.get());
+    if (gst_element_link(source.value(), first.get()) == FALSE)
+        return Error{std::string("could not link ") + GST_ELEMENT_NAME(source.value()) + " to " +
+                     GST_ELEMENT_NAME(first.get())};
+    return std::nullopt;
 }
 
 void close(GstPtr<GstElement>& pipeline) {
-    if (!pipeline) return;
-    gst_element_set_state(pipeline.get(), GST_STATE_NULL);
-    const GstPtr<GstBus> bus(gst_element_get_bus(pipeline.get()));
-    gst_bus_set_sync_handler(bus.get(), nullptr, nullptr, nullptr);
+    closePipeline(pipeline.get());
     pipeline.reset();
 }
 
 }  // namespace
-
-class GstCaptureSession::Interruption {
-public:
-    explicit Interruption(GstCaptureSession& session) : session_(session) {
-        count(1);
-        session_.opened_.notify_all();
-    }
-    ~Interruption() { count(-1); }
-    Interruption(const Interruption&) = delete;
-    Interruption& operator=(const Interruption&) = delete;
-
-private:
-    void count(int more) {
-        const std::lock_guard lock(session_.openingMutex_);
-        session_.interruptions_ += more;
-    }
-    GstCaptureSession& session_;
-};
 
 // ---- configuration
 
@@ -116,8 +95,8 @@ void GstCaptureSession::commitConfiguration() {
 
 void GstCaptureSession::partsChanged() {
     if (mutex_.get(configuring_) > 0 || !isRunning()) return;
-    std::optional<Interruption> interruption;
-    if (!hasCamera()) interruption.emplace(*this);  // one that is being opened is not wanted any more
+    // A camera that is being opened is not wanted any more.
+    auto interruption = hasCamera() ? nullptr : interruptOpening();
     std::vector<std::string> messages;
     {
         const std::lock_guard lifecycle(lifecycle_);
@@ -172,10 +151,6 @@ void GstCaptureSession::dropLater(std::shared_ptr<GstCaptureSession> session) {
 
 // ---- running
 
-nanoseconds GstCaptureSession::masterClockTime() const {
-    return now();
-}
-
 void GstCaptureSession::startRunning() {
     std::vector<std::string> messages;
     {
@@ -186,9 +161,19 @@ void GstCaptureSession::startRunning() {
 }
 
 void GstCaptureSession::stopRunning() {
-    const Interruption interruption(*this);
+    const auto interruption = interruptOpening();
     const std::lock_guard lifecycle(lifecycle_);
     stop();
+}
+
+std::shared_ptr<void> GstCaptureSession::interruptOpening() {
+    const auto count = [this](int more) {
+        const std::lock_guard lock(openingMutex_);
+        interruptions_ += more;
+    };
+    count(1);
+    opened_.notify_all();
+    return {nullptr, [count](void*) { count(-1); }};
 }
 
 // With lifecycle_ held. Takes down what runs, or what a run that ended by itself has left, and opens what the
@@ -263,17 +248,8 @@ void GstCaptureSession::abandon() {
     }
     runningPlan_.reset();
     for (GstPtr<GstElement>* pipeline : {&cameraPipeline_, &soundPipeline_}) {
-        if (!*pipeline) continue;
-        control_.async([self, held = std::shared_ptr<GstElement>(std::move(*pipeline))] {
-            GstPtr<GstElement> last(GST_ELEMENT(gst_object_ref(held.get())));
-            close(last);
-        });
+        control_.async([self, held = std::shared_ptr<GstElement>(std::move(*pipeline))] { closePipeline(held.get()); });
     }
-}
-
-bool GstCaptureSession::play(GstElement* pipeline) {
-    useMonotonicTime(pipeline);
-    return gst_element_set_state(pipeline, GST_STATE_PLAYING) != GST_STATE_CHANGE_FAILURE;
 }
 
 std::optional<Error> GstCaptureSession::openCamera(const Plan& plan, const std::shared_ptr<Run>& run) {
@@ -281,26 +257,15 @@ std::optional<Error> GstCaptureSession::openCamera(const Plan& plan, const std::
     if (plan.mode.width == 0) return Error{"\"" + device.name + "\" has no format that can be delivered"};
 
     const bool native = !plan.mode.jpeg && !device.playsFile && plan.mode.format == gstFormatName(plan.pixelFormat);
-    const auto onSample = [](GstAppSink* sink, gpointer data) {
-        const Run& from = kept<Run>(data);
-        if (const GstPtr<GstSample> sample(gst_app_sink_pull_sample(sink)); sample)
-            from.session.frameArrived(from, sample.get(), GST_ELEMENT(sink));
-        return GST_FLOW_OK;
-    };
-    const auto source = device.makeSource();
-    if (!source) return source.error();
-    std::vector<GstElement*> chain{source.value()};
+    const std::string converter = device.playsFile ? "videoconvert name=first" : "videoconvert";
     // Right behind the source, so that this very mode is opened.
-    if (!device.playsFile) chain.push_back(makeCapsFilter(capsOf(plan.mode)));
-    if (plan.mode.jpeg) chain.push_back(makeElement("jpegdec"));
+    std::string following = device.playsFile ? "" : "capsfilter name=first caps=\"" + capsOf(plan.mode) + "\"";
+    if (plan.mode.jpeg) following += " ! jpegdec";
     if (!native) {
-        chain.push_back(makeElement("videoconvert"));
-        chain.push_back(makeCapsFilter(std::string("video/x-raw,format=") + gstFormatName(plan.pixelFormat)));
+        following += (device.playsFile ? "" : " ! ") + converter +
+                     " ! capsfilter caps=video/x-raw,format=" + gstFormatName(plan.pixelFormat);
     }
-    chain.push_back(makeSink(onSample, run, device.playsFile));
-
-    cameraPipeline_ = makePipeline();
-    if (auto error = addChain(cameraPipeline_.get(), chain)) return error;
+    if (auto error = build(cameraPipeline_, device.makeSource(), following, device.playsFile)) return error;
     run->memory = !native                  ? FrameMemory::Converter
                   : device.temporaryMemory ? FrameMemory::Temporary
                                            : FrameMemory::Camera;
@@ -308,16 +273,14 @@ std::optional<Error> GstCaptureSession::openCamera(const Plan& plan, const std::
     if (const auto video = std::static_pointer_cast<GstVideoDataOutput>(parts()->video))
         video->setFrameRate(plan.mode.rate.numerator > 0 ? static_cast<int>(std::lround(plan.mode.rate.value())) : 30);
 
-    const GstPtr<GstBus> bus(gst_element_get_bus(cameraPipeline_.get()));
-    const auto onMessage = [](GstBus*, GstMessage* message, gpointer data) {
-        const Run& from = kept<Run>(data);
-        if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR) from.session.fail(from.number, describe(message));
-        if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_EOS) from.session.fail(from.number, "the video has ended");
-        gst_message_unref(message);
-        return GST_BUS_DROP;
-    };
-    gst_bus_set_sync_handler(bus.get(), onMessage, keep(run), letGo<Run>);
-    if (!play(cameraPipeline_.get())) {
+    GstElement* const pipeline = cameraPipeline_.get();
+    takeSamples(elementNamed("sink", pipeline).get(),
+                [run](GstSample* sample, GstElement* sink) { run->session.frameArrived(*run, sample, sink); });
+    takeMessages(pipeline, [run](GstMessage* message) {
+        if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR) run->session.fail(run->number, describe(message));
+        if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_EOS) run->session.fail(run->number, "the video has ended");
+    });
+    if (!play(pipeline)) {
         const std::lock_guard lock(openingMutex_);
         return Error{failure_.value_or("\"" + device.name + "\" could not be opened")};
     }
@@ -325,31 +288,20 @@ std::optional<Error> GstCaptureSession::openCamera(const Plan& plan, const std::
 }
 
 std::optional<Error> GstCaptureSession::openMicrophone(const Plan& plan, const std::shared_ptr<Run>& run) {
-    const auto onSample = [](GstAppSink* sink, gpointer data) {
-        Run& from = kept<Run>(data);
-        if (const GstPtr<GstSample> sample(gst_app_sink_pull_sample(sink)); sample)
-            from.session.soundArrived(from, sample.get(), GST_ELEMENT(sink));
-        return GST_FLOW_OK;
-    };
-    const auto source = plan.microphone->description().makeSource();
-    if (!source) return source.error();
-    const std::string format = std::string("audio/x-raw,layout=interleaved,channels=1,rate=") +
-                               std::to_string(kSampleRate) +
-                               ",format=" + (G_BYTE_ORDER == G_LITTLE_ENDIAN ? "S16LE" : "S16BE");
-    soundPipeline_ = makePipeline();
-    const std::vector<GstElement*> chain{source.value(), makeElement("audioconvert"), makeElement("audioresample"),
-                                         makeCapsFilter(format), makeSink(onSample, run, false)};
-    if (auto error = addChain(soundPipeline_.get(), chain)) return error;
-    const GstPtr<GstBus> bus(gst_element_get_bus(soundPipeline_.get()));
-    const auto onMessage = [](GstBus*, GstMessage* message, gpointer data) {
+    const std::string following =
+        "audioconvert name=first ! audioresample ! capsfilter "
+        "caps=audio/x-raw,layout=interleaved,channels=1,rate=" +
+        std::to_string(kSampleRate) + ",format=" + (G_BYTE_ORDER == G_LITTLE_ENDIAN ? "S16LE" : "S16BE");
+    if (auto error = build(soundPipeline_, plan.microphone->description().makeSource(), following, false)) return error;
+    GstElement* const pipeline = soundPipeline_.get();
+    takeSamples(elementNamed("sink", pipeline).get(),
+                [run](GstSample* sample, GstElement* sink) { run->session.soundArrived(*run, sample, sink); });
+    takeMessages(pipeline, [run](GstMessage* message) {
         // Possibly said while the microphone is opened, under the lock of that.
         if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR)
-            kept<Run>(data).session.control_.async([text = describe(message)] { log("Capture: no sound: " + text); });
-        gst_message_unref(message);
-        return GST_BUS_DROP;
-    };
-    gst_bus_set_sync_handler(bus.get(), onMessage, keep(run), letGo<Run>);
-    if (!play(soundPipeline_.get())) return Error{"\"" + plan.microphone->localizedName() + "\" could not be opened"};
+            run->session.control_.async([text = describe(message)] { log("Capture: no sound: " + text); });
+    });
+    if (!play(pipeline)) return Error{"\"" + plan.microphone->localizedName() + "\" could not be opened"};
     return std::nullopt;
 }
 

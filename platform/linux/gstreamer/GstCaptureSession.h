@@ -44,7 +44,9 @@ public:
     [[nodiscard]] bool isRunning() const override { return state_ != State::Stopped; }
     void startRunning() override;
     void stopRunning() override;
-    [[nodiscard]] std::chrono::nanoseconds masterClockTime() const override;
+    [[nodiscard]] std::chrono::nanoseconds masterClockTime() const override {
+        return std::chrono::steady_clock::now().time_since_epoch();
+    }
 
     void addWatcher(std::weak_ptr<FrameWatcher> watcher);
     void removeWatcher(const FrameWatcher* watcher);
@@ -81,16 +83,14 @@ private:
     void partsChanged() override;
     [[nodiscard]] Plan plan() const;
 
-    /// Ends the waiting for a first frame, while it lives.
-    class Interruption;
-
+    /// Nobody waits for a first frame as long as the result is held.
+    [[nodiscard]] std::shared_ptr<void> interruptOpening();
     [[nodiscard]] std::vector<std::string> start();
     void stop();
     void closePipelines();
     void abandon();
     std::optional<Error> openCamera(const Plan& plan, const std::shared_ptr<Run>& run);
     std::optional<Error> openMicrophone(const Plan& plan, const std::shared_ptr<Run>& run);
-    bool play(GstElement* pipeline);
     void fail(std::uint64_t run, const std::string& reason);
     void watch(std::uint64_t run);
 

@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 
 namespace selvio {
 namespace {
@@ -24,34 +25,29 @@ std::string textOf(const GstStructure* structure, const char* field) {
     return text != nullptr ? text : "";
 }
 
-// Every fraction in a value: one, a list, or those of a range that are worth asking for.
-std::vector<FrameRate> ratesIn(const GValue* value) {
-    std::vector<FrameRate> rates;
-    if (value == nullptr) return rates;
-    if (GST_VALUE_HOLDS_FRACTION(value)) {
-        rates.push_back({gst_value_get_fraction_numerator(value), gst_value_get_fraction_denominator(value)});
-    } else if (GST_VALUE_HOLDS_LIST(value)) {
-        for (guint i = 0; i < gst_value_list_get_size(value); ++i) {
-            for (const FrameRate& rate : ratesIn(gst_value_list_get_value(value, i))) rates.push_back(rate);
-        }
-    } else if (GST_VALUE_HOLDS_FRACTION_RANGE(value)) {
-        return ratesBetween(ratesIn(gst_value_get_fraction_range_min(value)).front(),
-                            ratesIn(gst_value_get_fraction_range_max(value)).front());
-    }
-    return rates;
+// The value itself, or those of a list; none for null.
+std::vector<const GValue*> valuesIn(const GValue* value) {
+    if (value == nullptr) return {};
+    if (!GST_VALUE_HOLDS_LIST(value)) return {value};
+    std::vector<const GValue*> values;
+    for (guint i = 0; i < gst_value_list_get_size(value); ++i) values.push_back(gst_value_list_get_value(value, i));
+    return values;
 }
 
-std::vector<std::string> textsIn(const GValue* value) {
-    std::vector<std::string> texts;
-    if (value == nullptr) return texts;
-    if (G_VALUE_HOLDS_STRING(value)) {
-        texts.emplace_back(g_value_get_string(value));
-    } else if (GST_VALUE_HOLDS_LIST(value)) {
-        for (guint i = 0; i < gst_value_list_get_size(value); ++i) {
-            for (auto& text : textsIn(gst_value_list_get_value(value, i))) texts.push_back(std::move(text));
-        }
+// Every fraction in a value; of a range those that are worth asking for.
+std::vector<FrameRate> ratesIn(const GValue* value) {
+    const auto rateOf = [](const GValue* fraction) {
+        return FrameRate{gst_value_get_fraction_numerator(fraction), gst_value_get_fraction_denominator(fraction)};
+    };
+    std::vector<FrameRate> rates;
+    for (const GValue* const one : valuesIn(value)) {
+        if (GST_VALUE_HOLDS_FRACTION(one)) rates.push_back(rateOf(one));
+        if (!GST_VALUE_HOLDS_FRACTION_RANGE(one)) continue;
+        std::ranges::copy(
+            ratesBetween(rateOf(gst_value_get_fraction_range_min(one)), rateOf(gst_value_get_fraction_range_max(one))),
+            std::back_inserter(rates));
     }
-    return texts;
+    return rates;
 }
 
 std::vector<FrameSize> sizesIn(const GstStructure* structure) {
@@ -77,8 +73,11 @@ std::vector<CameraMode> modesOf(const GstCaps* caps) {
         const bool jpeg = gst_structure_has_name(structure, "image/jpeg");
         if (!raw && !jpeg) continue;
         if (raw && gst_caps_features_contains(gst_caps_get_features(caps, i), "memory:DMABuf") != FALSE) continue;
-        std::vector<std::string> formats =
-            raw ? textsIn(gst_structure_get_value(structure, "format")) : std::vector<std::string>{""};
+        std::vector<std::string> formats;
+        if (jpeg) formats.emplace_back();
+        for (const GValue* const format : valuesIn(raw ? gst_structure_get_value(structure, "format") : nullptr)) {
+            if (G_VALUE_HOLDS_STRING(format)) formats.emplace_back(g_value_get_string(format));
+        }
         const FrameRate rate = preferredRate(ratesIn(gst_structure_get_value(structure, "framerate")));
         for (const auto& [width, height] : sizesIn(structure)) {
             for (const std::string& format : formats) {
@@ -111,8 +110,7 @@ DeviceDescription describeNode(PipeWireNode node, MediaType mediaType) {
     description.makeSource = [id = description.id, name = description.name, mediaType]() -> Expected<GstElement*> {
         // It may have been plugged in anew. One that has gone would be waited for without end.
         const auto now = findPipeWireNodes(mediaType).value_or(std::vector<PipeWireNode>());
-        const auto same =
-            std::find_if(now.begin(), now.end(), [&](const PipeWireNode& other) { return other.name == id; });
+        const auto same = std::ranges::find(now, id, &PipeWireNode::name);
         if (same == now.end()) return Error{"\"" + name + "\" is not there any more"};
         auto source = opened(makeElement("pipewiresrc"), name);
         if (source) g_object_set(source.value(), "target-object", same->serial.c_str(), nullptr);
@@ -180,45 +178,39 @@ std::vector<DeviceDescription> systemDevices(MediaType mediaType) {
         if (isVideo && description.modes.empty()) continue;  // nothing that could be shown
         // One camera can be offered by PipeWire and by Video4Linux: the first stands for both.
         const bool isKnown =
-            !description.node.empty() &&
-            std::any_of(found.begin(), found.end(), [&](const auto& other) { return other.node == description.node; });
+            !description.node.empty() && std::ranges::count(found, description.node, &DeviceDescription::node) > 0;
         if (!isKnown) found.push_back(std::move(description));
     }
-    std::stable_partition(found.begin(), found.end(),
-                          [](const DeviceDescription& description) { return description.isDefault; });
+    std::ranges::stable_partition(found, &DeviceDescription::isDefault);
     return found;
 }
 
 std::optional<DeviceDescription> describeFile(const fs::path& path) {
-    GError* failure = nullptr;
-    const GstPtr<char> uri(gst_filename_to_uri(path.c_str(), nullptr));
-    GstDiscoverer* const discoverer = gst_discoverer_new(5 * GST_SECOND, nullptr);
-    if (!uri || discoverer == nullptr) return std::nullopt;
-    GstDiscovererInfo* const info = gst_discoverer_discover_uri(discoverer, uri.get(), &failure);
-    const GstPtr<GError> error(failure);
-    DeviceDescription description{.id = path.string(), .name = path.string(), .playsFile = true};
+    g_autoptr(GError) error = nullptr;
+    g_autofree char* uri = gst_filename_to_uri(path.c_str(), nullptr);
+    g_autoptr(GstDiscoverer) discoverer = gst_discoverer_new(5 * GST_SECOND, nullptr);
+    if (uri == nullptr || discoverer == nullptr) return std::nullopt;
+    g_autoptr(GstDiscovererInfo) info = gst_discoverer_discover_uri(discoverer, uri, &error);
     GList* const streams = info != nullptr ? gst_discoverer_info_get_video_streams(info) : nullptr;
-    if (streams != nullptr) {
-        auto* const video = GST_DISCOVERER_VIDEO_INFO(streams->data);
-        CameraMode mode{.format = "any",
-                        .width = static_cast<int>(gst_discoverer_video_info_get_width(video)),
-                        .height = static_cast<int>(gst_discoverer_video_info_get_height(video)),
-                        .rate = {static_cast<int>(gst_discoverer_video_info_get_framerate_num(video)),
-                                 static_cast<int>(gst_discoverer_video_info_get_framerate_denom(video))}};
-        const GstTagList* const tags = gst_discoverer_stream_info_get_tags(GST_DISCOVERER_STREAM_INFO(video));
-        char* orientation = nullptr;
-        if (tags != nullptr) gst_tag_list_get_string(tags, GST_TAG_IMAGE_ORIENTATION, &orientation);
-        const GstPtr<char> turned(orientation);
-        if (turned && std::strstr(turned.get(), "90") != nullptr) std::swap(mode.width, mode.height);
-        if (turned && std::strstr(turned.get(), "270") != nullptr) std::swap(mode.width, mode.height);
-        description.modes.push_back(mode);
-    } else {
-        log("Capture: \"" + path.string() + "\" cannot be played: " + (error ? error->message : "it holds no video"));
+    if (streams == nullptr) {
+        log("Capture: \"" + path.string() +
+            "\" cannot be played: " + (error != nullptr ? error->message : "it holds no video"));
+        return std::nullopt;
     }
+    auto* const video = GST_DISCOVERER_VIDEO_INFO(streams->data);
+    CameraMode mode{.format = "any",
+                    .width = static_cast<int>(gst_discoverer_video_info_get_width(video)),
+                    .height = static_cast<int>(gst_discoverer_video_info_get_height(video)),
+                    .rate = {static_cast<int>(gst_discoverer_video_info_get_framerate_num(video)),
+                             static_cast<int>(gst_discoverer_video_info_get_framerate_denom(video))}};
+    const GstTagList* const tags = gst_discoverer_stream_info_get_tags(GST_DISCOVERER_STREAM_INFO(video));
+    g_autofree char* turned = nullptr;
+    if (tags != nullptr) gst_tag_list_get_string(tags, GST_TAG_IMAGE_ORIENTATION, &turned);
+    const std::string turn = turned != nullptr ? turned : "";
+    if (turn.find("90") != std::string::npos || turn.find("270") != std::string::npos)
+        std::swap(mode.width, mode.height);
     gst_discoverer_stream_info_list_free(streams);
-    if (info != nullptr) gst_discoverer_info_unref(info);
-    g_object_unref(discoverer);
-    if (description.modes.empty()) return std::nullopt;
+    DeviceDescription description{.id = path.string(), .name = path.string(), .modes = {mode}, .playsFile = true};
     description.makeSource = [path]() -> Expected<GstElement*> {
         // The end is made a pad of the bin by hand: done by the parser, it would take the decoder's place at the
         // beginning as well.
@@ -242,13 +234,11 @@ DeviceDescription describeSource(const SourceCamera& camera) {
                                  .height = camera.height,
                                  .rate = {camera.framesPerSecond, 1}});
     description.makeSource = [source = camera.source]() -> Expected<GstElement*> {
-        GError* failure = nullptr;
-        GstElement* const bin = gst_parse_bin_from_description(source.c_str(), TRUE, &failure);
-        const GstPtr<GError> error(failure);
-        if (bin == nullptr || error) {
-            if (bin != nullptr) gst_object_unref(gst_object_ref_sink(bin));
-            return Error{"\"" + source + "\": " + (error ? error->message : "could not be opened")};
-        }
+        g_autoptr(GError) error = nullptr;
+        GstElement* const bin =
+            gst_parse_bin_from_description_full(source.c_str(), TRUE, nullptr, GST_PARSE_FLAG_FATAL_ERRORS, &error);
+        if (bin == nullptr)
+            return Error{"\"" + source + "\": " + (error != nullptr ? error->message : "could not be opened")};
         return bin;
     };
     return description;
@@ -331,12 +321,6 @@ GstCaptureDevice::GstCaptureDevice(DeviceDescription description, const fs::path
                : fs::path()),
       activeFormat_(initialFormat(formats_)) {}
 
-std::optional<Error> GstCaptureDevice::lockForConfiguration() {
-    return std::nullopt;  // every setting below is atomic by itself
-}
-
-void GstCaptureDevice::unlockForConfiguration() {}
-
 void GstCaptureDevice::setActiveFormat(const CaptureDeviceFormat& format) {
     if (std::find(formats_.begin(), formats_.end(), format) == formats_.end()) {
         log("Capture: \"" + description_.name + "\" has no such format");
@@ -351,9 +335,9 @@ bool GstCaptureDevice::isFocusModeSupported(FocusMode mode) const {
 }
 
 void GstCaptureDevice::setFocusMode(FocusMode mode) {
-    const bool done = mode == FocusMode::AutoFocus ? setControl(description_.node, V4L2_CID_AUTO_FOCUS_START, 1)
-                                                   : setControl(description_.node, V4L2_CID_FOCUS_AUTO,
-                                                                mode == FocusMode::ContinuousAutoFocus ? 1 : 0);
+    const bool once = mode == FocusMode::AutoFocus;
+    const bool done = setControl(description_.node, once ? V4L2_CID_AUTO_FOCUS_START : V4L2_CID_FOCUS_AUTO,
+                                 once || mode == FocusMode::ContinuousAutoFocus ? 1 : 0);
     if (!done) log("Capture: the focus of \"" + description_.name + "\" could not be set");
 }
 

@@ -47,8 +47,9 @@ public:
     [[nodiscard]] CaptureDevicePosition position() const override { return description_.position; }
     [[nodiscard]] std::vector<CaptureDeviceFormat> formats() const override { return formats_; }
     [[nodiscard]] std::optional<CaptureDeviceFormat> activeFormat() const override { return mutex_.get(activeFormat_); }
-    std::optional<Error> lockForConfiguration() override;
-    void unlockForConfiguration() override;
+    // Every setting is atomic by itself.
+    std::optional<Error> lockForConfiguration() override { return std::nullopt; }
+    void unlockForConfiguration() override {}
     void setActiveFormat(const CaptureDeviceFormat& format) override;
     [[nodiscard]] bool isFocusPointOfInterestSupported() const override { return false; }
     void setFocusPointOfInterest(Point) override {}

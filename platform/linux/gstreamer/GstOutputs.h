@@ -1,7 +1,6 @@
 // Outputs that know of recording and of codes.
 #pragma once
 
-#include "BarcodeReader.h"
 #include "platform/capture/CaptureOutputs.h"
 
 #include <SelvioFacialCapture/base/SerialQueue.h>
@@ -34,10 +33,10 @@ public:
     void search(std::shared_ptr<PixelBuffer> frame);
 
 private:
-    [[nodiscard]] std::weak_ptr<GstMetadataOutput> weakly();
+    [[nodiscard]] std::vector<MetadataObject> codesIn(const PixelBuffer& frame);
 
     std::atomic<bool> busy_{false};
-    BarcodeReader reader_;  // used on queue_ only
+    bool globally_ = false;  // used on queue_ only
     SerialQueue queue_{"barcodes"};
 };
 

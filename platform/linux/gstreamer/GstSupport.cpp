@@ -21,10 +21,9 @@ constexpr Format kFormats[] = {{kPixelFormat32BGRA, "BGRA", GST_VIDEO_FORMAT_BGR
 
 bool startGStreamer() {
     static const bool started = [] {
-        GError* failure = nullptr;
-        if (gst_init_check(nullptr, nullptr, &failure) != FALSE) return true;
-        const GstPtr<GError> error(failure);
-        log(std::string("GStreamer could not start: ") + (error ? error->message : "unknown reason"));
+        g_autoptr(GError) error = nullptr;
+        if (gst_init_check(nullptr, nullptr, &error) != FALSE) return true;
+        log(std::string("GStreamer could not start: ") + (error != nullptr ? error->message : "unknown reason"));
         return false;
     }();
     return started;
@@ -69,10 +68,9 @@ GstBuffer* wrapSample(const std::shared_ptr<SampleBuffer>& sample) {
     gsize offset = 0;
     for (int plane = 0; plane < pixels->planeCount(); ++plane) {
         const std::size_t bytes = pixels->layout().planeBytes(plane);
-        const auto release = [](gpointer keeper) { delete static_cast<std::shared_ptr<SampleBuffer>*>(keeper); };
-        gst_buffer_append_memory(buffer,
-                                 gst_memory_new_wrapped(GST_MEMORY_FLAG_READONLY, pixels->data(plane), bytes, 0, bytes,
-                                                        new std::shared_ptr<SampleBuffer>(sample), release));
+        gst_buffer_append_memory(
+            buffer, gst_memory_new_wrapped(GST_MEMORY_FLAG_READONLY, pixels->data(plane), bytes, 0, bytes, keep(sample),
+                                           letGo<std::shared_ptr<SampleBuffer>>));
         offsets[plane] = offset;
         strides[plane] = static_cast<gint>(pixels->bytesPerRow(plane));
         offset += bytes;
@@ -118,41 +116,43 @@ GstElement* makeElement(const std::string& factory) {
     return gst_element_factory_make(factory.c_str(), nullptr);
 }
 
-GstElement* makeCapsFilter(const std::string& caps) {
-    GstElement* const filter = makeElement("capsfilter");
-    if (filter != nullptr) gst_util_set_object_arg(G_OBJECT(filter), "caps", caps.c_str());
-    return filter;
+Expected<GstPtr<GstElement>> makePipeline(const std::string& description) {
+    g_autoptr(GError) error = nullptr;
+    GstPtr<GstElement> pipeline(
+        gst_parse_launch_full(description.c_str(), nullptr, GST_PARSE_FLAG_FATAL_ERRORS, &error));
+    if (!pipeline) return Error{error != nullptr ? error->message : "unknown reason"};
+    gst_object_ref_sink(pipeline.get());
+    return pipeline;
 }
 
-std::optional<Error> addChain(GstElement* pipeline, const std::vector<GstElement*>& chain) {
-    bool complete = true;
-    for (GstElement* element : chain) {
-        if (element == nullptr) {
-            complete = false;
-        } else {
-            gst_bin_add(GST_BIN(pipeline), element);
-        }
-    }
-    if (!complete) return Error{"an element of the pipeline could not be made"};
-    for (std::size_t i = 1; i < chain.size(); ++i) {
-        if (gst_element_link(chain[i - 1], chain[i]) == FALSE) {
-            return Error{std::string("could not link ") + GST_ELEMENT_NAME(chain[i - 1]) + " to " +
-                         GST_ELEMENT_NAME(chain[i])};
-        }
-    }
-    return std::nullopt;
+GstPtr<GstElement> elementNamed(const char* name, GstElement* pipeline) {
+    return GstPtr<GstElement>(gst_bin_get_by_name(GST_BIN(pipeline), name));
+}
+
+void takeMessages(GstElement* pipeline, std::function<void(GstMessage*)> take) {
+    using Take = std::function<void(GstMessage*)>;
+    const auto onMessage = [](GstBus*, GstMessage* message, gpointer kept) {
+        (*static_cast<Take*>(kept))(message);
+        gst_message_unref(message);
+        return GST_BUS_DROP;
+    };
+    const GstPtr<GstBus> bus(gst_element_get_bus(pipeline));
+    gst_bus_set_sync_handler(bus.get(), onMessage, keep(std::move(take)), letGo<Take>);
+}
+
+void closePipeline(GstElement* pipeline) {
+    if (pipeline == nullptr) return;
+    gst_element_set_state(pipeline, GST_STATE_NULL);
+    const GstPtr<GstBus> bus(gst_element_get_bus(pipeline));
+    gst_bus_set_sync_handler(bus.get(), nullptr, nullptr, nullptr);
 }
 
 std::string describe(GstMessage* message) {
-    GError* failure = nullptr;
-    if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR) {
-        gst_message_parse_error(message, &failure, nullptr);
-    } else {
-        gst_message_parse_warning(message, &failure, nullptr);
-    }
-    const GstPtr<GError> error(failure);
+    g_autoptr(GError) error = nullptr;
+    gst_message_parse_error(message, &error, nullptr);
     const char* const source = GST_MESSAGE_SRC_NAME(message);
-    return std::string(source != nullptr ? source : "pipeline") + ": " + (error ? error->message : "unknown error");
+    return std::string(source != nullptr ? source : "pipeline") + ": " +
+           (error != nullptr ? error->message : "unknown error");
 }
 
 }  // namespace selvio

@@ -9,10 +9,9 @@
 #include <gst/gst.h>
 #include <gst/video/video.h>
 
+#include <functional>
 #include <memory>
-#include <optional>
 #include <string>
-#include <vector>
 
 namespace selvio {
 
@@ -24,10 +23,8 @@ struct GstUnref {
     void operator()(GstDeviceProvider* provider) const { gst_object_unref(provider); }
     void operator()(GstCaps* caps) const { gst_caps_unref(caps); }
     void operator()(GstSample* sample) const { gst_sample_unref(sample); }
-    void operator()(GstMessage* message) const { gst_message_unref(message); }
     void operator()(GstStructure* structure) const { gst_structure_free(structure); }
     void operator()(char* text) const { g_free(text); }
-    void operator()(GError* error) const { g_error_free(error); }
 };
 
 /// Owns one reference.
@@ -57,13 +54,27 @@ bool startGStreamer();
 [[nodiscard]] std::shared_ptr<PixelBuffer> wrapFrame(GstBuffer* buffer, const GstVideoInfo& info,
                                                      const FrameCrop& crop);
 
-/// Adds the elements to a pipeline and links them one behind the other; those that could not be made (null) are an
-/// error.
-std::optional<Error> addChain(GstElement* pipeline, const std::vector<GstElement*>& chain);
 [[nodiscard]] GstElement* makeElement(const std::string& factory);
-[[nodiscard]] GstElement* makeCapsFilter(const std::string& caps);
+/// The pipeline that a description, as gst-launch takes it, of two elements at least stands for.
+[[nodiscard]] Expected<GstPtr<GstElement>> makePipeline(const std::string& description);
+/// The element of that name in a pipeline.
+[[nodiscard]] GstPtr<GstElement> elementNamed(const char* name, GstElement* pipeline);
+/// Calls `take` with the messages of a pipeline, on the threads that post them, until it is closed.
+void takeMessages(GstElement* pipeline, std::function<void(GstMessage*)> take);
+/// Ends what a pipeline does. Null is let pass.
+void closePipeline(GstElement* pipeline);
 
-/// The text of an error or warning message, with its source.
+/// GStreamer keeps what a callback needs as a pointer, and says when it wants it no more: `keep`, then `letGo`.
+template <typename T>
+[[nodiscard]] gpointer keep(T data) {
+    return new T(std::move(data));
+}
+template <typename T>
+void letGo(gpointer data) {
+    delete static_cast<T*>(data);
+}
+
+/// The text of an error message, with its source.
 [[nodiscard]] std::string describe(GstMessage* message);
 
 }  // namespace selvio

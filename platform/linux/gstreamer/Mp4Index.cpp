@@ -1,13 +1,10 @@
 #include "Mp4Index.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <fstream>
 #include <limits>
 #include <span>
 #include <string_view>
@@ -21,38 +18,25 @@ constexpr std::size_t kBlock = 1 << 20;
 
 class File {
 public:
-    explicit File(const std::filesystem::path& path) : descriptor_(::open(path.c_str(), O_RDWR | O_CLOEXEC)) {}
-    File(const File&) = delete;
-    File& operator=(const File&) = delete;
-    ~File() {
-        if (descriptor_ >= 0) ::close(descriptor_);
+    explicit File(const std::filesystem::path& path)
+        : stream_(path, std::ios::binary | std::ios::in | std::ios::out | std::ios::ate) {}
+    [[nodiscard]] std::optional<std::uint64_t> size() {
+        if (!stream_) return std::nullopt;
+        return static_cast<std::uint64_t>(stream_.tellg());
     }
-    [[nodiscard]] std::optional<std::uint64_t> size() const {
-        struct stat status {};
-        if (descriptor_ < 0 || ::fstat(descriptor_, &status) != 0) return std::nullopt;
-        return static_cast<std::uint64_t>(status.st_size);
+    [[nodiscard]] bool read(std::span<std::uint8_t> bytes, std::uint64_t offset) {
+        stream_.seekg(static_cast<std::streamoff>(offset));
+        errno = EIO;  // a file that ends too early says nothing else
+        return !!stream_.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
     }
-    [[nodiscard]] bool read(std::span<std::uint8_t> bytes, std::uint64_t offset) const {
-        return transfer(bytes, offset, ::pread);
-    }
-    [[nodiscard]] bool write(std::span<const std::uint8_t> bytes, std::uint64_t offset) const {
-        return transfer(bytes, offset, ::pwrite);
+    [[nodiscard]] bool write(std::span<const std::uint8_t> bytes, std::uint64_t offset) {
+        stream_.seekp(static_cast<std::streamoff>(offset));
+        stream_.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+        return !!stream_.flush();
     }
 
 private:
-    template <typename Bytes, typename Call>
-    [[nodiscard]] bool transfer(Bytes bytes, std::uint64_t offset, Call call) const {
-        while (!bytes.empty()) {
-            const ssize_t count = call(descriptor_, bytes.data(), bytes.size(), static_cast<off_t>(offset));
-            if (count < 0 && errno == EINTR) continue;
-            if (count == 0) errno = EIO;  // a file that ends too early
-            if (count <= 0) return false;
-            bytes = bytes.subspan(static_cast<std::size_t>(count));
-            offset += static_cast<std::uint64_t>(count);
-        }
-        return true;
-    }
-    const int descriptor_;
+    std::fstream stream_;
 };
 
 std::uint64_t number(std::span<const std::uint8_t> bytes) {
@@ -103,7 +87,7 @@ Error lastError() {
 }  // namespace
 
 std::optional<Error> moveIndexToFront(const std::filesystem::path& path) {
-    const File file(path);
+    File file(path);
     const auto fileSize = file.size();
     if (!fileSize) return lastError();
     std::uint64_t mediaStart = 0, indexStart = 0;  // 0: not seen

@@ -113,10 +113,30 @@ public:
         if (context_) core_.reset(pw_context_connect(context_.get(), nullptr, 0));
         if (!core_) return std::nullopt;
 
+        // The library keeps pointers to the tables of callbacks.
+        static constexpr pw_core_events kCoreEvents{
+            .version = PW_VERSION_CORE_EVENTS,
+            .done = [](void* self, std::uint32_t, int sequence) { static_cast<Lookup*>(self)->answered(sequence); },
+            .error =
+                [](void* self, std::uint32_t id, int, int, const char*) {
+                    if (id == PW_ID_CORE)
+                        static_cast<Lookup*>(self)->end(Outcome::Failed);  // others: an object that has just gone
+                },
+        };
         pw_core_add_listener(core_.get(), &coreHook_, &kCoreEvents, this);
         auto* const registry = pw_core_get_registry(core_.get(), PW_VERSION_REGISTRY, 0);
         if (registry == nullptr) return std::nullopt;
         registry_.reset(reinterpret_cast<pw_proxy*>(registry));
+        static constexpr pw_registry_events kRegistryEvents{
+            .version = PW_VERSION_REGISTRY_EVENTS,
+            .global =
+                [](void* self, std::uint32_t id, std::uint32_t, const char* type, std::uint32_t,
+                   const spa_dict* properties) { static_cast<Lookup*>(self)->objectAppeared(id, type, properties); },
+            .global_remove =
+                [](void* self, std::uint32_t id) {
+                    for (Entry& entry : static_cast<Lookup*>(self)->entries_) entry.gone |= entry.id == id;
+                },
+        };
         pw_registry_add_listener(registry, &registryHook_, &kRegistryEvents, this);
 
         const auto timeOut = [](void* self, std::uint64_t) { static_cast<Lookup*>(self)->end(Outcome::TimedOut); };
@@ -147,12 +167,6 @@ private:
         spa_hook hook{};
         PipeWirePtr<pw_proxy> proxy{};
     };
-
-    // Tables of callbacks; the library keeps pointers to them.
-    static const pw_core_events kCoreEvents;
-    static const pw_registry_events kRegistryEvents;
-    static const pw_node_events kNodeEvents;
-    static const pw_metadata_events kMetadataEvents;
 
     void end(Outcome outcome) {
         outcome_ = outcome;
@@ -189,6 +203,16 @@ private:
         Entry& entry = entries_.emplace_back();
         entry.id = id;
         entry.proxy.reset(reinterpret_cast<pw_proxy*>(node));
+        static constexpr pw_node_events kNodeEvents{
+            .version = PW_VERSION_NODE_EVENTS,
+            .info = [](void* entry,
+                       const pw_node_info* info) { describe(static_cast<Entry*>(entry)->node, info->props); },
+            .param =
+                [](void* entry, int, std::uint32_t parameter, std::uint32_t, std::uint32_t, const spa_pod* value) {
+                    if (parameter == SPA_PARAM_EnumFormat && value != nullptr)
+                        addModes(value, static_cast<Entry*>(entry)->node.modes);
+                },
+        };
         pw_node_add_listener(node, &entry.hook, &kNodeEvents, &entry);
         if (mediaType_ == MediaType::Video) pw_node_enum_params(node, 0, SPA_PARAM_EnumFormat, 0, UINT32_MAX, nullptr);
     }
@@ -211,6 +235,14 @@ private:
             metadata_ ? nullptr : static_cast<pw_metadata*>(bind(id, PW_TYPE_INTERFACE_Metadata, PW_VERSION_METADATA));
         if (metadata == nullptr) return;
         metadata_.reset(reinterpret_cast<pw_proxy*>(metadata));
+        static constexpr pw_metadata_events kMetadataEvents{
+            .version = PW_VERSION_METADATA_EVENTS,
+            .property =
+                [](void* self, std::uint32_t, const char* key, const char*, const char* value) {
+                    static_cast<Lookup*>(self)->settingRead(key, value);
+                    return 0;
+                },
+        };
         pw_metadata_add_listener(metadata, &metadataHook_, &kMetadataEvents, this);
     }
 
@@ -237,45 +269,6 @@ private:
     PipeWirePtr<pw_proxy> registry_;
     PipeWirePtr<pw_proxy> metadata_;
     std::list<Entry> entries_;  // listeners point at them
-};
-
-const pw_core_events Lookup::kCoreEvents{
-    .version = PW_VERSION_CORE_EVENTS,
-    .done = [](void* self, std::uint32_t, int sequence) { static_cast<Lookup*>(self)->answered(sequence); },
-    .error =
-        [](void* self, std::uint32_t id, int, int, const char*) {
-            if (id == PW_ID_CORE)
-                static_cast<Lookup*>(self)->end(Outcome::Failed);  // others: an object that has just gone
-        },
-};
-
-const pw_registry_events Lookup::kRegistryEvents{
-    .version = PW_VERSION_REGISTRY_EVENTS,
-    .global = [](void* self, std::uint32_t id, std::uint32_t, const char* type, std::uint32_t,
-                 const spa_dict* properties) { static_cast<Lookup*>(self)->objectAppeared(id, type, properties); },
-    .global_remove =
-        [](void* self, std::uint32_t id) {
-            for (Entry& entry : static_cast<Lookup*>(self)->entries_) entry.gone |= entry.id == id;
-        },
-};
-
-const pw_node_events Lookup::kNodeEvents{
-    .version = PW_VERSION_NODE_EVENTS,
-    .info = [](void* entry, const pw_node_info* info) { describe(static_cast<Entry*>(entry)->node, info->props); },
-    .param =
-        [](void* entry, int, std::uint32_t parameter, std::uint32_t, std::uint32_t, const spa_pod* value) {
-            if (parameter == SPA_PARAM_EnumFormat && value != nullptr)
-                addModes(value, static_cast<Entry*>(entry)->node.modes);
-        },
-};
-
-const pw_metadata_events Lookup::kMetadataEvents{
-    .version = PW_VERSION_METADATA_EVENTS,
-    .property =
-        [](void* self, std::uint32_t, const char* key, const char*, const char* value) {
-            static_cast<Lookup*>(self)->settingRead(key, value);
-            return 0;
-        },
 };
 
 }  // namespace

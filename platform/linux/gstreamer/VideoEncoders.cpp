@@ -13,15 +13,21 @@ namespace {
 // a later one: times stay simple and the delay short.
 std::vector<VideoEncoder> encodersOf(const std::string& stream, std::vector<VideoEncoder> inSoftware) {
     using Settings = decltype(VideoEncoder::settings);
-    constexpr auto kKilobits = BitRateUnit::KilobitsPerSecond;
     const Settings va{{"rate-control", "vbr"}, {"b-frames", "0"}, {"key-int-max", "60"}};
     const Settings vaapi{{"rate-control", "vbr"}, {"max-bframes", "0"}, {"keyframe-period", "60"}};
     const Settings nv{{"rc-mode", "vbr"}, {"bframes", "0"}, {"gop-size", "60"}};
     const Settings qsv{{"rate-control", "vbr"}, {"b-frames", "0"}, {"gop-size", "60"}};
     std::vector<VideoEncoder> encoders{
-        {"va" + stream + "enc", true, kKilobits, va},       {"va" + stream + "lpenc", true, kKilobits, va},
-        {"vaapi" + stream + "enc", true, kKilobits, vaapi}, {"nv" + stream + "enc", true, kKilobits, nv},
-        {"qsv" + stream + "enc", true, kKilobits, qsv},     {"v4l2" + stream + "enc", true, BitRateUnit::V4l2Control}};
+        {"va" + stream + "enc", true, va},
+        {"va" + stream + "lpenc", true, va},
+        {"vaapi" + stream + "enc", true, vaapi},
+        {"nv" + stream + "enc", true, nv},
+        {"qsv" + stream + "enc", true, qsv},
+        {"v4l2" + stream + "enc",
+         true,
+         {},
+         1,
+         {"extra-controls", "controls,video_bitrate_mode=0,video_gop_size=60,video_bitrate="}}};
     std::ranges::move(inSoftware, std::back_inserter(encoders));
     return encoders;
 }
@@ -36,11 +42,11 @@ const std::vector<VideoCodec>& codecs() {
              encodersOf("h264", {{.element = "x264enc",
                                   .settings = {{"speed-preset", "superfast"}, {"bframes", "0"}, {"key-int-max", "60"}}},
                                  {.element = "openh264enc",
-                                  .unit = BitRateUnit::BitsPerSecond,
                                   .settings = {{"rate-control", "bitrate"},
                                                {"complexity", "low"},
                                                {"gop-size", "60"},
-                                               {"enable-frame-skip", "false"}}}})},
+                                               {"enable-frame-skip", "false"}},
+                                  .bitRateUnit = 1}})},
         {.name = kVideoCodecTypeHEVC,
          .parser = "h265parse",
          .muxedCaps = "video/x-h265,stream-format=hvc1,alignment=au",
@@ -77,19 +83,6 @@ std::vector<const VideoEncoder*> installedEncoders(const VideoCodec& codec, cons
     std::stable_sort(found.begin(), firstSoftware,
                      [&](const VideoEncoder* a, const VideoEncoder* b) { return rank(a->element) > rank(b->element); });
     return found;
-}
-
-std::pair<std::string, std::string> bitRateSetting(const VideoEncoder& encoder, std::int64_t bitsPerSecond) {
-    switch (encoder.unit) {
-        case BitRateUnit::BitsPerSecond:
-            return {"bitrate", std::to_string(bitsPerSecond)};
-        case BitRateUnit::V4l2Control:
-            return {"extra-controls",
-                    "controls,video_bitrate_mode=0,video_gop_size=60,video_bitrate=" + std::to_string(bitsPerSecond)};
-        case BitRateUnit::KilobitsPerSecond:
-            break;
-    }
-    return {"bitrate", std::to_string((bitsPerSecond + 500) / 1000)};
 }
 
 }  // namespace selvio

@@ -9,15 +9,14 @@
 
 namespace selvio {
 
-/// How an encoder element takes its average bit rate.
-enum class BitRateUnit { BitsPerSecond, KilobitsPerSecond, V4l2Control };
-
 /// An encoder element that is known to record well, with its settings (property name, value as text).
 struct VideoEncoder {
     std::string element;
     bool hardware = false;
-    BitRateUnit unit = BitRateUnit::KilobitsPerSecond;
     std::vector<std::pair<std::string, std::string>> settings{};
+    std::int64_t bitRateUnit = 1000;  ///< bits a second
+    /// The property of the average bit rate, and what stands before the number.
+    std::pair<std::string, std::string> bitRate{"bitrate", ""};
 };
 
 /// An AAC encoder element.
@@ -46,9 +45,5 @@ using ElementRank = std::function<int(const std::string& element)>;
 
 /// The encoders of a codec that are installed, in the order to try: hardware by rank, then software as in the table.
 [[nodiscard]] std::vector<const VideoEncoder*> installedEncoders(const VideoCodec& codec, const ElementRank& rank);
-
-/// The encoder's bit rate property and its value as text.
-[[nodiscard]] std::pair<std::string, std::string> bitRateSetting(const VideoEncoder& encoder,
-                                                                 std::int64_t bitsPerSecond);
 
 }  // namespace selvio

@@ -1,12 +1,11 @@
 #include "IioGyroscope.h"
 
+#include <SelvioFacialCapture/base/SerialQueue.h>
 #include <SelvioFacialCapture/linux/Sensors.h>
 
 #include <algorithm>
 #include <atomic>
-#include <condition_variable>
 #include <mutex>
-#include <thread>
 
 namespace selvio {
 namespace {
@@ -27,10 +26,10 @@ public:
         stop();
         auto gyroscope = queue && handler ? IioGyroscope::find(options_.iioDirectory) : std::nullopt;
         if (!gyroscope) return;
-        feed_ = std::make_shared<Feed>();
-        feed_->queue = std::move(queue);
-        feed_->handler = std::move(handler);
-        thread_ = std::thread([this, feed = feed_, gyroscope = std::move(*gyroscope)] { run(*feed, feed, gyroscope); });
+        feed_ = std::make_shared<Feed>(std::move(queue), std::move(handler), std::move(*gyroscope));
+        worker_ = std::make_unique<SerialQueue>("gyroscope");
+        worker_->async(
+            [this, &worker = *worker_, feed = feed_] { read(worker, feed, std::chrono::steady_clock::now()); });
     }
 
     void stopDeviceMotionUpdates() override {
@@ -40,51 +39,43 @@ public:
 
 private:
     struct Feed {
-        std::shared_ptr<Queue> queue;
-        Handler handler;
-        std::mutex mutex;
-        std::condition_variable changed;
-        bool stopped = false;              // guarded by mutex
+        Feed(std::shared_ptr<Queue> theQueue, Handler theHandler, IioGyroscope theGyroscope)
+            : queue(std::move(theQueue)), handler(std::move(theHandler)), gyroscope(std::move(theGyroscope)) {}
+        const std::shared_ptr<Queue> queue;
+        const Handler handler;
+        const IioGyroscope gyroscope;
+        std::atomic<bool> stopped{false};
         std::atomic<bool> waiting{false};  // a reading lies on the queue
     };
 
-    // With mutex_ held. The thread never runs a handler, so that a handler may stop the updates.
+    // With mutex_ held. The worker never runs a handler, so that a handler may stop the updates.
     void stop() {
-        if (!feed_) return;
-        {
-            const std::lock_guard lock(feed_->mutex);
-            feed_->stopped = true;
-        }
-        feed_->changed.notify_all();
-        thread_.join();
+        if (feed_) feed_->stopped = true;
+        worker_.reset();
         feed_.reset();
     }
 
-    void run(Feed& feed, const std::shared_ptr<Feed>& keeper, const IioGyroscope& gyroscope) const {
-        auto next = std::chrono::steady_clock::now();
-        std::unique_lock lock(feed.mutex);
-        while (!feed.stopped) {
-            lock.unlock();
-            // A queue that is behind gets the next reading when it has taken this one.
-            if (!feed.waiting.exchange(true)) {
-                const auto rate = gyroscope.read();
-                feed.queue->async([keeper, rate] {
-                    keeper->waiting = false;
-                    keeper->handler(rate ? DeviceMotion{rate.value()} : DeviceMotion{},
-                                    rate ? std::nullopt : std::optional(rate.error()));
-                });
-            }
-            lock.lock();
-            next = std::max(next + interval_.load(), std::chrono::steady_clock::now());
-            feed.changed.wait_until(lock, next, [&] { return feed.stopped; });
+    void read(SerialQueue& worker, const std::shared_ptr<Feed>& feed, std::chrono::steady_clock::time_point due) {
+        if (feed->stopped) return;
+        // A queue that is behind gets the next reading when it has taken this one.
+        if (!feed->waiting.exchange(true)) {
+            const auto rate = feed->gyroscope.read();
+            feed->queue->async([feed, rate] {
+                feed->waiting = false;
+                feed->handler(rate ? DeviceMotion{rate.value()} : DeviceMotion{},
+                              rate ? std::nullopt : std::optional(rate.error()));
+            });
         }
+        const auto now = std::chrono::steady_clock::now();
+        const auto next = std::max(due + interval_.load(), now);
+        worker.asyncAfter(next - now, [this, &worker, feed, next] { read(worker, feed, next); });
     }
 
     const SensorOptions options_;
     std::atomic<nanoseconds> interval_{std::chrono::milliseconds(10)};
-    std::mutex mutex_;            // one start or stop at a time
-    std::shared_ptr<Feed> feed_;  // guarded by mutex_
-    std::thread thread_;          // guarded by mutex_
+    std::mutex mutex_;                     // one start or stop at a time
+    std::shared_ptr<Feed> feed_;           // guarded by mutex_
+    std::unique_ptr<SerialQueue> worker_;  // guarded by mutex_
 };
 
 }  // namespace

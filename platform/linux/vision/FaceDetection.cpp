@@ -48,12 +48,10 @@ FaceCandidate meanOf(const std::vector<FaceCandidate>& same) {
 
 }  // namespace
 
-double overlapOf(const Rect& a, const Rect& b) {
+double sharedArea(const Rect& a, const Rect& b) {
     const double width = std::min(a.x + a.width, b.x + b.width) - std::max(a.x, b.x);
     const double height = std::min(a.y + a.height, b.y + b.height) - std::max(a.y, b.y);
-    if (width <= 0.0 || height <= 0.0) return 0.0;
-    const double shared = width * height;
-    return shared / (a.width * a.height + b.width * b.height - shared);
+    return std::max(width, 0.0) * std::max(height, 0.0);
 }
 
 FaceDetection::FaceDetection(std::shared_ptr<const Network> network)
@@ -110,7 +108,10 @@ std::vector<FaceCandidate> FaceDetection::find(PictureSampler& picture, const Vi
         std::vector<FaceCandidate> same{all.front()};
         all.erase(all.begin());
         std::erase_if(all, [&](const FaceCandidate& other) {
-            if (overlapOf(best, other.box) <= kSameFaceOverlap) return false;
+            const double shared = sharedArea(best, other.box);
+            const Rect& box = other.box;
+            const double covered = best.width * best.height + box.width * box.height - shared;
+            if (shared <= 0.0 || shared / covered <= kSameFaceOverlap) return false;
             same.push_back(other);
             return true;
         });

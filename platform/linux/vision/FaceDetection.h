@@ -36,7 +36,7 @@ private:
     const std::vector<Point> anchors_;  // in shares of the square
 };
 
-/// The area that two boxes share, as a share of what they cover together.
-[[nodiscard]] double overlapOf(const Rect& a, const Rect& b);
+/// The area that two boxes share.
+[[nodiscard]] double sharedArea(const Rect& a, const Rect& b);
 
 }  // namespace selvio

@@ -1,6 +1,7 @@
 #include "ModelFile.h"
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cmath>
 #include <cstdint>
@@ -105,45 +106,17 @@ float halfToFloat(std::uint16_t half) {
 }
 constexpr float kLargestHalf = 65504.0F;
 
-std::string nameOf(int op) {
-    switch (static_cast<ModelOperator>(op)) {
-        case ModelOperator::Add:
-            return "Add";
-        case ModelOperator::Concatenation:
-            return "Concatenation";
-        case ModelOperator::Convolution:
-            return "Convolution";
-        case ModelOperator::DepthwiseConvolution:
-            return "DepthwiseConvolution";
-        case ModelOperator::Dequantize:
-            return "Dequantize";
-        case ModelOperator::MaxPool:
-            return "MaxPool";
-        case ModelOperator::Relu:
-            return "Relu";
-        case ModelOperator::Reshape:
-            return "Reshape";
-        case ModelOperator::Pad:
-            return "Pad";
-        case ModelOperator::Prelu:
-            return "Prelu";
-    }
-    return "";
-}
-
-/// How a kernel moves along a side: where it can stand, and how many zeros lie before and behind the side.
-struct Walk {
-    int places = 0;
-    int before = 0;
-    int behind = 0;
-
-    static Walk along(int side, int kernel, int stride, bool samePadding) {
-        if (!samePadding) return {(side - kernel) / stride + 1, 0, 0};
-        const int places = (side + stride - 1) / stride;
-        const int zeros = std::max(0, (places - 1) * stride + kernel - side);
-        return {places, zeros / 2, zeros - zeros / 2};
-    }
-};
+/// The operators that are known.
+constexpr std::array<std::pair<int, const char*>, 10> kNames{{{0, "Add"},
+                                                              {2, "Concatenation"},
+                                                              {3, "Convolution"},
+                                                              {4, "DepthwiseConvolution"},
+                                                              {6, "Dequantize"},
+                                                              {17, "MaxPool"},
+                                                              {19, "Relu"},
+                                                              {22, "Reshape"},
+                                                              {34, "Pad"},
+                                                              {54, "Prelu"}}};
 
 class Parser {
 public:
@@ -238,8 +211,9 @@ private:
     }
 
     void readStep(Tables::Position table, int op) {
-        const std::string name = nameOf(op);
-        if (name.empty()) throw Refused("the operator number " + std::to_string(op) + " is not known");
+        const auto* const known = std::ranges::find(kNames, op, &std::pair<int, const char*>::first);
+        if (known == kNames.end()) throw Refused("the operator number " + std::to_string(op) + " is not known");
+        const std::string name = known->second;
         const auto outputs = tables_.numbers(table, 2);
         ModelStep step{.op = static_cast<ModelOperator>(op), .inputs = tables_.numbers(table, 1)};
         if (outputs.size() != 1) throw Refused(name + " does not have exactly one output");
@@ -292,11 +266,7 @@ private:
                 activation(1);
                 require(!step.relu, "an activation is not supported");
                 break;
-            case ModelOperator::Dequantize:
-            case ModelOperator::Relu:
-            case ModelOperator::Reshape:
-            case ModelOperator::Pad:
-            case ModelOperator::Prelu:
+            default:
                 break;
         }
     }
@@ -413,14 +383,15 @@ private:
         const auto usable = [](int value) { return value >= 1 && value <= 64; };
         if (!usable(width) || !usable(height) || !usable(step.strideX) || !usable(step.strideY)) return false;
         if (!samePadding_ && (shape[1] < height || shape[2] < width)) return false;
-        const Walk down = Walk::along(shape[1], height, step.strideY, samePadding_);
-        const Walk across = Walk::along(shape[2], width, step.strideX, samePadding_);
-        step.top = down.before;
-        step.bottom = down.behind;
-        step.left = across.before;
-        step.right = across.behind;
-        shape[1] = down.places;
-        shape[2] = across.places;
+        const auto walk = [&](int& side, int kernel, int stride, int& before, int& behind) {
+            const int places = samePadding_ ? (side + stride - 1) / stride : (side - kernel) / stride + 1;
+            const int zeros = samePadding_ ? std::max(0, (places - 1) * stride + kernel - side) : 0;
+            before = zeros / 2;
+            behind = zeros - before;
+            side = places;
+        };
+        walk(shape[1], height, step.strideY, step.top, step.bottom);
+        walk(shape[2], width, step.strideX, step.left, step.right);
         return true;
     }
 

@@ -19,14 +19,11 @@ void require(xnn_status status, const char* what) {
     }
 }
 
-struct SubgraphDeleter {
+struct Delete {
     void operator()(xnn_subgraph* subgraph) const { xnn_delete_subgraph(subgraph); }
-};
-struct RuntimeDeleter {
     void operator()(xnn_runtime* runtime) const { xnn_delete_runtime(runtime); }
 };
-using Subgraph = std::unique_ptr<xnn_subgraph, SubgraphDeleter>;
-using Runtime = std::unique_ptr<xnn_runtime, RuntimeDeleter>;
+using Subgraph = std::unique_ptr<xnn_subgraph, Delete>;
 
 /// Describes a model to the library. The input is external value 0, the parts of the outputs follow.
 class SubgraphBuilder {
@@ -127,9 +124,7 @@ private:
                         "add a border");
                 break;
             }
-            case ModelOperator::Concatenation:
-            case ModelOperator::Dequantize:
-            case ModelOperator::Reshape:
+            default:
                 break;  // resolved when the model was read
         }
     }
@@ -145,7 +140,7 @@ constexpr std::size_t kExtraFloats = (XNN_EXTRA_BYTES + sizeof(float) - 1) / siz
 }  // namespace
 
 struct Network::Run::Copy {
-    Runtime runtime;
+    std::unique_ptr<xnn_runtime, Delete> runtime;
     std::vector<float> input;
     std::vector<std::vector<float>> outputs;
 };

@@ -2,11 +2,14 @@
 #pragma once
 
 #include "Landmarks.h"
-#include "SmileWeights.h"
 
+#include <array>
+#include <cstddef>
 #include <optional>
 
 namespace selvio {
+
+inline constexpr std::size_t kSmileFeatureCount = 6;
 
 /// Six lengths along and across the line through the eyes' centres, in units of the distance between them, down counted
 /// as positive: mouth width; middle of the lips below the corners; opening of the inner lips; height of the outer lips;

@@ -5,6 +5,7 @@
 #include <SelvioFacialCapture/imaging/Image.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <optional>
 
@@ -49,53 +50,28 @@ private:
     }
 };
 
+/// The views of pictures with the EXIF orientations 1...8 as they are displayed.
+inline constexpr std::array<ViewTransform, 8> kDisplayedViews{{{false, false, false},
+                                                               {false, true, false},
+                                                               {false, true, true},
+                                                               {false, false, true},
+                                                               {true, false, false},
+                                                               {true, true, false},
+                                                               {true, true, true},
+                                                               {true, false, true}}};
+
 /// The view for a frame and its EXIF orientation, such that a point (x, y) of the detector (the frame with the
 /// orientation applied, origin at the lower left) lies at (y, x) of the view. For the orientations of a front camera
 /// (5, 7, 4, 2) the view is upright and mirrored as in a mirror. Nothing outside 1...8.
 [[nodiscard]] inline std::optional<ViewTransform> viewForExifOrientation(std::uint32_t exifOrientation) {
-    switch (exifOrientation) {
-        case 1:
-            return ViewTransform{true, true, false};
-        case 2:
-            return ViewTransform{true, true, true};
-        case 3:
-            return ViewTransform{true, false, true};
-        case 4:
-            return ViewTransform{true, false, false};
-        case 5:
-            return ViewTransform{false, true, false};
-        case 6:
-            return ViewTransform{false, true, true};
-        case 7:
-            return ViewTransform{false, false, true};
-        case 8:
-            return ViewTransform{false, false, false};
-        default:
-            return std::nullopt;
-    }
+    if (exifOrientation < 1 || exifOrientation > 8) return std::nullopt;
+    constexpr std::array kDisplayedAs{6, 7, 8, 5, 2, 3, 4, 1};
+    return kDisplayedViews[static_cast<std::size_t>(kDisplayedAs[exifOrientation - 1] - 1)];
 }
 
 /// The view of a picture as it is displayed.
 [[nodiscard]] inline ViewTransform viewForImageOrientation(ImageOrientation orientation) {
-    switch (orientation) {
-        case ImageOrientation::Up:
-            break;
-        case ImageOrientation::Down:
-            return {false, true, true};
-        case ImageOrientation::Left:
-            return {true, false, true};
-        case ImageOrientation::Right:
-            return {true, true, false};
-        case ImageOrientation::UpMirrored:
-            return {false, true, false};
-        case ImageOrientation::DownMirrored:
-            return {false, false, true};
-        case ImageOrientation::LeftMirrored:
-            return {true, false, false};
-        case ImageOrientation::RightMirrored:
-            return {true, true, true};
-    }
-    return {};
+    return kDisplayedViews[static_cast<std::size_t>(exifOrientationFor(orientation)) - 1];
 }
 
 }  // namespace selvio

@@ -1,16 +1,104 @@
 #include "LandmarkLayout.h"
-#include "RecentFaces.h"
 #include "Smile.h"
 #include "VisionEngine.h"
-#include "VisionModels.h"
 
 #include <SelvioFacialCapture/linux/Vision.h>
 
+#include <dlfcn.h>
+
 #include <exception>
+#include <filesystem>
+#include <future>
+#include <map>
+#include <mutex>
 #include <utility>
 
 namespace selvio {
 namespace {
+
+using LoadedModels = Expected<std::shared_ptr<const VisionModels>>;
+
+template <typename Part>
+Expected<std::shared_ptr<const Part>> loadPart(const std::string& path) {
+    std::string reason;
+    try {
+        auto model = readModel(path);
+        if (model) {
+            auto part = Part::make(std::move(model.value()));
+            if (part) return part;
+            reason = path + " cannot be used: " + part.error().localizedDescription;
+        } else {
+            reason = model.error().localizedDescription;
+        }
+    } catch (const std::exception& exception) {
+        reason = path + " cannot be loaded: " + exception.what();
+    }
+    return Error{reason + "; scripts/install-deps.sh installs the face models"};
+}
+
+LoadedModels loadModels(const std::string& detectionPath, const std::string& meshPath) {
+    const auto detection = loadPart<FaceDetection>(detectionPath);
+    if (!detection) return detection.error();
+    const auto mesh = loadPart<FaceMesh>(meshPath);
+    if (!mesh) return mesh.error();
+    return std::make_shared<const VisionModels>(VisionModels{detection.value(), mesh.value()});
+}
+
+bool hasFailed(const std::shared_future<LoadedModels>& models) {
+    return models.wait_for(std::chrono::seconds(0)) == std::future_status::ready && !models.get();
+}
+
+/// Being loaded, loaded or failed, each once a process. What failed is tried again at the next call. Any thread.
+std::shared_future<LoadedModels> visionModels(const VisionOptions& options) {
+    static std::mutex mutex;
+    static std::map<std::pair<std::string, std::string>, std::shared_future<LoadedModels>> loaded;  // guarded by mutex
+    const std::lock_guard lock(mutex);
+    auto& models = loaded[{options.detectionModelPath, options.meshModelPath}];
+    if (!models.valid() || hasFailed(models)) {
+        models = std::async(std::launch::async, [detection = options.detectionModelPath, mesh = options.meshModelPath] {
+                     return loadModels(detection, mesh);
+                 }).share();
+    }
+    return models;
+}
+
+/// The faces of the frames examined last, so that one frame is not examined twice.
+/// Any thread. Does not keep the pixel buffers alive.
+class RecentFaces {
+public:
+    struct Entry {
+        std::weak_ptr<const PixelBuffer> buffer;
+        ViewTransform view;
+        std::vector<FoundFace> faces;  ///< in pixels of the view
+    };
+
+    /// The one of the process.
+    static RecentFaces& shared() {
+        static auto* const faces = new RecentFaces;  // outlives every thread that may still analyse a frame at exit
+        return *faces;
+    }
+
+    void add(Entry entry) {
+        const std::lock_guard lock(mutex_);
+        entries_[next_] = std::move(entry);
+        next_ = (next_ + 1) % entries_.size();
+    }
+
+    [[nodiscard]] std::optional<Entry> find(const std::shared_ptr<const PixelBuffer>& buffer) const {
+        const std::lock_guard lock(mutex_);
+        for (const Entry& entry : entries_) {
+            // Compares owners, not addresses: an expired entry never equals a living buffer. Holding the buffer here
+            // could make this the place where it is released.
+            if (buffer && !entry.buffer.owner_before(buffer) && !buffer.owner_before(entry.buffer)) return entry;
+        }
+        return std::nullopt;
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::array<Entry, 4> entries_;  // guarded by mutex_
+    std::size_t next_ = 0;          // guarded by mutex_
+};
 
 std::optional<Error> checkBuffer(const PixelBuffer* buffer) {
     if (buffer == nullptr) return Error{"There is no pixel buffer to look for faces in"};
@@ -24,7 +112,7 @@ std::optional<Error> checkBuffer(const PixelBuffer* buffer) {
 class MeshSequenceRequestHandler final : public SequenceRequestHandler {
 public:
     explicit MeshSequenceRequestHandler(const VisionOptions& options)
-        : models_(visionModels(options.detectionModelPath, options.meshModelPath)),
+        : models_(visionModels(options)),
           refine_(options.refineLandmarks),
           clock_(options.clock ? options.clock : std::make_shared<SystemClock>()) {}
 
@@ -63,7 +151,7 @@ private:
 class MeshFaceDetector final : public FaceDetector {
 public:
     explicit MeshFaceDetector(const VisionOptions& options)
-        : models_(visionModels(options.detectionModelPath, options.meshModelPath)), refine_(options.refineLandmarks) {}
+        : models_(visionModels(options)), refine_(options.refineLandmarks) {}
 
     std::vector<FaceFeature> featuresInImage(const Image& image, bool smile) override {
         if (checkBuffer(image.bitmap.get())) return {};
@@ -104,33 +192,26 @@ private:
 
 }  // namespace
 
-RecentFaces& RecentFaces::shared() {
-    static RecentFaces* const faces = new RecentFaces;  // outlives every thread that may still analyse a frame at exit
-    return *faces;
-}
-
-void RecentFaces::add(Entry entry) {
-    const std::lock_guard lock(mutex_);
-    entries_[next_] = std::move(entry);
-    next_ = (next_ + 1) % entries_.size();
-}
-
-std::optional<RecentFaces::Entry> RecentFaces::find(const std::shared_ptr<const PixelBuffer>& buffer) const {
-    const std::lock_guard lock(mutex_);
-    for (const Entry& entry : entries_) {
-        // Compares owners, not addresses: an expired entry never equals a living buffer. Holding the buffer here could
-        // make this the place where it is released.
-        if (buffer && !entry.buffer.owner_before(buffer) && !buffer.owner_before(entry.buffer)) return entry;
+std::string defaultVisionModelPath(const std::string& fileName) {
+    // The library may have been moved together with what was installed beside it.
+    Dl_info library{};
+    std::error_code code;
+    std::filesystem::path start;
+    if (dladdr(reinterpret_cast<const void*>(&defaultVisionModelPath), &library) != 0 && library.dli_fname != nullptr)
+        start = std::filesystem::absolute(library.dli_fname, code).parent_path();
+    const auto relative = std::filesystem::path("share/SelvioFacialCapture/models") / fileName;
+    for (auto directory = start.parent_path(); directory.has_relative_path(); directory = directory.parent_path()) {
+        if (std::filesystem::exists(directory / relative, code)) return directory / relative;
     }
-    return std::nullopt;
+    return start.parent_path() / relative;
 }
 
 void preloadVisionModels(const VisionOptions& options) {
-    (void)visionModels(options.detectionModelPath, options.meshModelPath);
+    (void)visionModels(options);
 }
 
 std::optional<Error> waitForVisionModels(const VisionOptions& options) {
-    const auto future = visionModels(options.detectionModelPath, options.meshModelPath);
+    const auto future = visionModels(options);
     const LoadedModels& models = future.get();
     return models ? std::nullopt : std::optional<Error>(models.error());
 }

@@ -27,9 +27,8 @@ constexpr std::size_t kMostFaces = 32;
 
 /// Whether two boxes show one face: the smaller one may be a part of it.
 bool same(const Rect& a, const Rect& b) {
-    const double width = std::min(a.x + a.width, b.x + b.width) - std::max(a.x, b.x);
-    const double height = std::min(a.y + a.height, b.y + b.height) - std::max(a.y, b.y);
-    return width > 0.0 && height > 0.0 && width * height > 0.4 * std::min(a.width * a.height, b.width * b.height);
+    const double shared = sharedArea(a, b);
+    return shared > 0.0 && shared > 0.4 * std::min(a.width * a.height, b.width * b.height);
 }
 
 /// How many squares cover a length.
