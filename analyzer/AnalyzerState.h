@@ -112,7 +112,7 @@ struct SelvioFacialCaptureAnalyzer::State : std::enable_shared_from_this<State> 
     void deliverManually(const Frame& frame);
     void selectAutomatically(const Frame& frame);
     void deliverSuccess(const Frame& frame);
-    void select(const Frame& frame, SelvioFacialCaptureResultCode code);
+    void select(const Frame& frame, SelvioFacialCaptureResultCode code, const std::optional<Statuses>& statuses);
 
     /// The end of every selection: closes the record and fills the results. False if its run has ended meanwhile.
     bool closeCapture(const Frame& selected, SelvioFacialCaptureResultCode code);

@@ -39,7 +39,7 @@ void Analyzer::State::deliverReport(const Frame& frame) {
 void Analyzer::State::deliverReportOrSelect(const Frame& frame) {
     const auto host = mutex.get(delegate).lock();
     if (!shouldSelectCurrentFrame || !host || !host->detectionSuccess) return deliverReport(frame);
-    select(frame, SelvioFacialCaptureResultCodeSuccessStillCamera);
+    select(frame, SelvioFacialCaptureResultCodeSuccessStillCamera, frame.results->orderedStatuses());
 }
 
 void Analyzer::State::deliverCountdown(const Frame& frame) {
@@ -55,14 +55,15 @@ void Analyzer::State::deliverCountdownStatus(const Frame& frame) {
 }
 
 void Analyzer::State::selectAutomatically(const Frame& frame) {
-    if (!isCurrent(frame.run)) return;
-    frame.results->setOrderedStatuses(Statuses{rules::statusOf(rules::GoodFrameDecision::SelectAutomatically)});
-    select(frame, SelvioFacialCaptureResultCodeSuccessVideo);
+    select(frame, SelvioFacialCaptureResultCodeSuccessVideo,
+           Statuses{rules::statusOf(rules::GoodFrameDecision::SelectAutomatically)});
 }
 
-void Analyzer::State::select(const Frame& frame, SelvioFacialCaptureResultCode code) {
+void Analyzer::State::select(const Frame& frame, SelvioFacialCaptureResultCode code,
+                             const std::optional<Statuses>& statuses) {
     const std::optional<Run> selecting = beginSelection(frame.run);
     if (!selecting) return;
+    frame.results->setOrderedStatuses(statuses);
     const Frame selected{.run = *selecting, .results = frame.results, .image = frame.image};
     if (closeCapture(selected, code)) deliverSuccess(selected);
 }

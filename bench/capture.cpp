@@ -9,8 +9,8 @@
 // in frame times, which should stay below 1.
 //
 // With a camera's name in SELVIO_BENCH_CAMERA that camera is measured as well, for example a virtual one:
-//   private-pipewire.sh sh -c 'selvio-virtual-camera Bench front 30 NV12:1280x720 & SELVIO_BENCH_CAMERA=Bench
-//   bench_capture'
+//   private-pipewire.sh sh -c 'gst-launch-1.0 videotestsrc is-live=true ! pipewiresink mode=provide
+//   stream-properties=props,media.class=Video/Source,node.description=Bench & SELVIO_BENCH_CAMERA=Bench bench_capture'
 #include <SelvioFacialCapture/SelvioFacialCapture.h>
 #include <SelvioFacialCapture/base/MainQueue.h>
 #include <SelvioFacialCapture/base/SerialQueue.h>

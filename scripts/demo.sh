@@ -10,5 +10,5 @@ echo "demo: building" >&2
 cmake --preset release >/dev/null
 cmake --build build/release --target selvio-capture
 echo "demo: capturing the sample photograph" >&2
-build/release/bin/selvio-capture run --source simulated --photo samples/astronaut.jpg --script samples/scripts/demo.json --timeout 30 --out capture "$@" \
-    </dev/null
+[[ " $*" == *" --out"* ]] || set -- --out capture "$@"
+build/release/bin/selvio-capture run --source simulated --photo samples/astronaut.jpg --script samples/scripts/demo.json --timeout 30 "$@" </dev/null

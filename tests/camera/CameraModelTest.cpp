@@ -1,5 +1,6 @@
 // A model of the camera, written from what it promises, beside the camera itself: the same random scenarios drive both,
 // and every call, message, event, file and flag must agree.
+#include <algorithm>
 #include <deque>
 #include <random>
 
@@ -104,14 +105,17 @@ struct Model {
             return;
         }
         if (desired == Size{}) return;
-        int width = 0;
+        VideoFormatDescription chosen;
         for (const CaptureDeviceFormat& one : script.formats) {
             const auto& is = one.formatDescription;
-            if (is.mediaSubType != format || is.width <= width) continue;
-            width = is.width;
+            if (is.mediaSubType != format || is.width <= chosen.width) continue;
+            chosen = is;
             if (is.width == desired.width && is.height == desired.height) break;
         }
-        if (width > 0) say("camera lock"), say("camera format width " + number(width)), say("camera unlock");
+        if (chosen.width == 0) return;
+        say("camera lock");
+        say("camera format " + number(chosen.width) + "x" + number(chosen.height));
+        say("camera unlock");
     }
     bool addOutput(const std::string& name, const std::string& queue, const std::string& refusal) {
         say(name + " receiver on " + queue);
@@ -224,9 +228,10 @@ struct Model {
             writerVideo = video;
             if (video) {
                 const std::int64_t q = quality - 10;
-                const auto rate =
-                    script.codec == "HEVC" ? 500'000 + 5'500'000 * q / 90 : 1'500'000 + 11'500'000 * q / 90;
-                writes.push_back("video " + script.codec + " 720x1280 at " + number(rate));
+                const bool efficient = script.codec == "HEVC" && rig.platform.serviceLevel >= 11;
+                const auto rate = efficient ? 500'000 + 5'500'000 * q / 90 : 1'500'000 + 11'500'000 * q / 90;
+                writes.push_back("video " + script.codec + (landscape ? " 1280x720 at " : " 720x1280 at ") +
+                                 number(rate));
                 writes.push_back("video real time");
             }
             if (writer && video && !writing.refused.contains("video")) {
@@ -275,28 +280,21 @@ struct Model {
         one.status = status;
         const auto file = std::exchange(one.path, std::nullopt);
         if (!file) return;
-        switch (status) {
-            case AssetWriterStatus::Completed: {
-                if (delegate != 'd') return;
-                const auto found = has.find(nameOf(*file));
-                if (found == has.end()) {
-                    logs.push_back("Couldn't read item at path: " + nameOf(*file) + "\nno such file");
-                    return;
-                }
-                const auto size = found->second;
-                removeFile(file);
-                events.push_back("recording of " + number(size));
-                return;
-            }
-            case AssetWriterStatus::Failed:
-                logs.push_back("*** AVAssetWriterStatusFailed");
-                return;
-            case AssetWriterStatus::Cancelled:
-                logs.push_back("*** AVAssetWriterStatusCancelled");
-                return;
-            default:
-                logs.push_back("*** AVAssetWriterStatus other");
+        if (status != AssetWriterStatus::Completed) {
+            logs.push_back("*** AVAssetWriterStatus" + std::string(status == AssetWriterStatus::Failed ? "Failed"
+                                                                   : status == AssetWriterStatus::Cancelled
+                                                                       ? "Cancelled"
+                                                                       : " other"));
+            return;
         }
+        if (delegate != 'd') return;
+        const auto found = has.find(nameOf(*file));
+        if (found == has.end()) {
+            logs.push_back("Couldn't read item at path: " + nameOf(*file) + "\nno such file");
+            return;
+        }
+        events.push_back("recording of " + number(found->second));
+        removeFile(file);
     }
     static std::string nameOf(const std::string& file) { return file.substr(file.rfind('/') + 1); }
     void removeFile(const std::optional<std::string>& file) {
@@ -338,6 +336,7 @@ struct Model {
     std::int64_t position = 1, format = 0, orientation = 0, quality = 10;
     std::optional<std::string> preset;
     Size desired;
+    bool landscape = false;  ///< the screen
 
     bool alive = true, closed = false, observes = true, configured = false, torch = false, running = false;
     bool hasSession = true, hasDevice = false, cameraJoined = false, microphoneJoined = false, soundOpened = true;
@@ -365,8 +364,16 @@ public:
         rig_.capture->torch = chance(2);
         rig_.capture->focusSupported = !chance(4);
         rig_.capture->codec = chance(2) ? "HEVC" : "H264";
+        std::shuffle(rig_.capture->formats.begin(), rig_.capture->formats.end(), random_);
+        rig_.platform.serviceLevel = 10 + any(3);
+        using Screen = InterfaceOrientation;
+        const auto screen =
+            anyOf({Screen::Portrait, Screen::PortraitUpsideDown, Screen::LandscapeLeft, Screen::LandscapeRight});
+        model_.landscape = screen == Screen::LandscapeLeft || screen == Screen::LandscapeRight;
+        rig_.platform.screen = std::make_shared<FakeScreen>(Size{300.0, 600.0}, screen);
         rig_.make();
         session_ = std::dynamic_pointer_cast<FakeCaptureSession>(rig_.camera->session());
+        for (int i = any(16); i > 0; --i) configureSettings();
     }
 
     /// False at the first difference, which has then been reported.
@@ -410,141 +417,80 @@ private:
     }
 
     void step() {
-        const int kind = any(30);
-        trace += " " + number(kind);
         Camera& camera = *rig_.camera;
         Model& m = model_;
-        switch (kind) {
-            case 0:
-            case 1:
-                configureSettings();
-                break;
-            case 2: {
-                const char which = "dddds-"[any(6)];
-                camera.setDelegate(which == 'd' ? rig_.delegate : which == 's' ? silent_ : nullptr);
-                m.setDelegate(which);
-                break;
-            }
-            case 3:
-            case 4:
-                camera.start();
-                m.start();
-                break;
-            case 5:
-                camera.stop();
-                m.stop();
-                break;
-            case 6:
-                if (!chance(5)) break;
-                camera.shutdown();
-                m.shutdown();
-                break;
-            case 7:
+        const std::function<void()> kinds[] = {
+            [&] { configureSettings(); },
+            [&] { configureSettings(); },
+            [&] { setDelegate("dddds-"[any(6)]); },
+            [&] { camera.start(), m.start(); },
+            [&] { camera.start(), m.start(); },
+            [&] { camera.stop(), m.stop(); },
+            [&] {
+                if (chance(5)) camera.shutdown(), m.shutdown();
+            },
+            [&] {
                 EXPECT_EQ(camera.turnTorchOn(), m.hasTorch());
                 m.torchOn();
-                break;
-            case 8:
+            },
+            [&] {
                 EXPECT_EQ(camera.turnTorchOff(), m.hasTorch());
                 m.torchOff();
-                break;
-            case 9: {
+            },
+            [&] {
                 const int to = any(7);
                 camera.updatePreviewLayer(static_cast<VideoOrientation>(to));
                 m.updatePreview(to);
-                break;
-            }
-            case 10:
-                camera.startRecording();
-                m.startRecording();
-                break;
-            case 11:
-                camera.stopRecording();
-                m.output.push_back([&m] { m.finish(); });
-                break;
-            case 12:
-                camera.discardRecording();
-                m.output.push_back([&m] { m.discard(); });
-                break;
-            case 13:
-                camera.setShouldRecord(m.shouldRecord = !chance(3));
-                break;
-            case 14:
-                camera.deleteCurrentRecording();
-                m.removeFile(m.path);
-                break;
-            case 15:
-                changeFaults();
-                break;
-            case 16:
-                changeFiles();
-                break;
-            case 17:
-                notify();
-                break;
-            case 18:
-                finishAWriter();
-                break;
-            case 19:
-            case 20:
-            case 21:
-                deliver();
-                break;
-            case 22:
-            case 23:
-                runQueue(".avCaptureSessionQueue", m.session);
-                break;
-            case 24:
-            case 25:
-                runQueue(".videoDataOutputQueue", m.output);
-                break;
-            case 26:
-                runQueue("MetaDataOutputQueue", m.codesQueue);
-                break;
-            case 27:
-                rig_.main->runAll();
-                m.run(m.main);
-                break;
-            case 28: {
+            },
+            [&] { camera.startRecording(), m.startRecording(); },
+            [&] { camera.stopRecording(), m.output.push_back([&m] { m.finish(); }); },
+            [&] { camera.discardRecording(), m.output.push_back([&m] { m.discard(); }); },
+            [&] { camera.setShouldRecord(m.shouldRecord = !chance(3)); },
+            [&] { camera.deleteCurrentRecording(), m.removeFile(m.path); },
+            [&] { changeFaults(); },
+            [&] { changeFiles(); },
+            [&] { notify(); },
+            [&] { finishAWriter(); },
+            [&] { deliver(); },
+            [&] { deliver(); },
+            [&] { deliver(); },
+            [&] { runQueue(".avCaptureSessionQueue", m.session); },
+            [&] { runQueue(".videoDataOutputQueue", m.output); },
+            [&] { runQueue("MetaDataOutputQueue", m.codesQueue); },
+            [&] { rig_.main->runAll(), m.run(m.main); },
+            [&] {
                 // What was delayed comes after what was ready.
                 rig_.clock->advance(std::chrono::milliseconds(123));
                 rig_.main->advance(std::chrono::milliseconds(100));
                 m.run(m.main);
                 m.run(m.delayed);
-                break;
-            }
-            default:
-                runQueues();
-        }
+            },
+            [&] { runQueues(); },
+        };
+        const int kind = any(static_cast<int>(std::size(kinds)));
+        trace += " " + number(kind);
+        kinds[kind]();
         rememberParts();
+    }
+    void setDelegate(char kind) {
+        rig_.camera->setDelegate(kind == 'd' ? rig_.delegate : kind == 's' ? silent_ : nullptr);
+        model_.setDelegate(kind);
     }
     void configureSettings() {
         Camera& camera = *rig_.camera;
         Model& m = model_;
-        switch (any(9)) {
-            case 0:
-                camera.setAnalyzeRGBVideo(m.rgb = chance(2));
-                break;
-            case 1:
-                camera.setDetectPDF417(m.codes = chance(2));
-                break;
-            case 2:
-                camera.parameters()->setRecordAudio(m.sound = chance(2));
-                break;
-            case 3:
-            case 4:
-                camera.parameters()->setRecordVideo(m.recordVideo = !chance(4));
-                break;
-            case 5:
-                camera.setCameraOrientation(static_cast<VideoOrientation>(m.orientation = any(6)));
-                break;
-            case 6:
-                camera.parameters()->setVideoQuality(m.quality = 10 + any(91));
-                break;
-            case 7:
+        const std::function<void()> settings[] = {
+            [&] { camera.setAnalyzeRGBVideo(m.rgb = chance(2)); },
+            [&] { camera.setDetectPDF417(m.codes = chance(2)); },
+            [&] { camera.parameters()->setRecordAudio(m.sound = chance(2)); },
+            [&] { camera.parameters()->setRecordVideo(m.recordVideo = !chance(4)); },
+            [&] { camera.setCameraOrientation(static_cast<VideoOrientation>(m.orientation = any(6))); },
+            [&] { camera.parameters()->setVideoQuality(m.quality = 10 + any(91)); },
+            [&] {
                 m.desired = chance(3) ? Size{} : Size{1280, chance(2) ? 720.0 : 960.0};
                 camera.setDesiredResolution(m.desired);
-                break;
-            default: {
+            },
+            [&] {
                 m.preset = chance(2) ? std::nullopt : std::optional(anyOf(kPresets));
                 m.format = chance(3) ? kPixelFormat32BGRA : kPixelFormat420v;
                 m.position = any(3);
@@ -553,8 +499,9 @@ private:
                 } else {
                     camera.setPreset(m.preset, m.format, static_cast<CaptureDevicePosition>(m.position));
                 }
-            }
-        }
+            },
+        };
+        settings[any(static_cast<int>(std::size(settings)))]();
     }
     void changeFaults() {
         FakeCaptureScript& script = *rig_.capture;

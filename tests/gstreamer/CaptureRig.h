@@ -18,6 +18,7 @@
 namespace selvio::test {
 
 using std::chrono::milliseconds;
+using std::chrono::nanoseconds;
 using ::testing::Contains;
 using ::testing::HasSubstr;
 
@@ -83,7 +84,7 @@ struct Delivery {
     PixelFormat format;
     VideoOrientation orientation;
     int expectedWidth, expectedHeight;
-    int leastBright, mostBright;  // pixels of the middle row in all frames together
+    int leastBright = -1;  // pixels of the middle row in a frame; -1: all of them
 };
 
 /// What a camera at 30 frames a second delivers in one of its formats.
@@ -93,29 +94,23 @@ inline void expectDelivery(const std::shared_ptr<CaptureSystem>& system, const s
                                     << c.expectedHeight);
     camera->setActiveFormat({{c.format, c.width, c.height}, 30});
     Rig rig(system, camera, c.format, c.orientation);
-    int bright = 0;
-    rig.probe->onFrame = [&](const auto& sample) { bright += brightPixels(*sample); };
+    int leastBright = c.width;
+    rig.probe->onFrame = [&](const auto& sample) { leastBright = std::min(leastBright, brightPixels(*sample)); };
     const auto before = rig.session->masterClockTime();
     ASSERT_NO_FATAL_FAILURE(rig.capture(32));
     EXPECT_EQ(rig.probe->last_, (VideoFormatDescription{c.format, c.expectedWidth, c.expectedHeight}));
-    EXPECT_GE(bright, c.leastBright);
-    EXPECT_LE(bright, c.mostBright);
-    // The middle one of all distances between frames: a busy machine leaves out a frame now and then.
+    EXPECT_EQ(leastBright, c.leastBright < 0 ? c.expectedWidth : c.leastBright);
     const auto& frames = rig.probe->frames_;
     ASSERT_GT(frames.size(), 1U);
-    std::vector<double> distances;
-    for (std::size_t i = 1; i < frames.size(); ++i) {
-        distances.push_back(
-            std::chrono::duration<double>(*frames[i].presentationTime - *frames[i - 1].presentationTime).count());
-    }
+    std::vector<nanoseconds> distances;
+    for (std::size_t i = 1; i < frames.size(); ++i)
+        distances.push_back(*frames[i].presentationTime - *frames[i - 1].presentationTime);
     std::ranges::sort(distances);
-    EXPECT_GT(distances.front(), 0);
-    EXPECT_NEAR(distances[distances.size() / 2], 1.0 / 30, 0.006);
+    EXPECT_GT(distances.front(), nanoseconds(0));
+    // The middle one of all: a busy machine leaves out a frame now and then.
+    EXPECT_LT(std::chrono::abs(distances[distances.size() / 2] - milliseconds(33)), milliseconds(6));
     EXPECT_GE(*frames.front().presentationTime, before);
     EXPECT_LE(*frames.back().presentationTime, rig.session->masterClockTime());
-    const auto count = frames.size();
-    rig.queue->drain();
-    EXPECT_EQ(frames.size(), count) << "nothing comes after stop";
 }
 
 /// What a run that ends by itself says: the line comes just after the session has ceased to run.
@@ -140,25 +135,6 @@ inline void expectFramesMayBeHeld(const std::shared_ptr<CaptureSystem>& system,
     rig.probe->onFrame = [&](const auto& sample) { kept.emplace_back(sample, rowOf(*sample)); };
     ASSERT_NO_FATAL_FAILURE(rig.capture(40));
     for (const auto& [sample, row] : kept) EXPECT_TRUE(rowOf(*sample) == row) << "a frame was written over";
-}
-
-/// A camera that is plugged out while it delivers, and in again.
-inline void expectUnpluggingEndsTheRun(const std::shared_ptr<CaptureSystem>& system,
-                                       const std::shared_ptr<CaptureDevice>& camera,
-                                       const std::function<void()>& unplug, const std::function<void()>& plugIn,
-                                       const char* refusal) {
-    LogCapture log;
-    Rig rig(system, camera, kPixelFormat420v);
-    rig.session->startRunning();
-    ASSERT_TRUE(rig.probe->waitForFrames(3));
-    unplug();
-    EXPECT_THAT(linesAtTheEndOf(*rig.session, log), Contains(HasSubstr("Capture: stopped: ")));
-    rig.session->startRunning();
-    EXPECT_FALSE(rig.session->isRunning());
-    EXPECT_THAT(log.take(), Contains(HasSubstr(refusal)));
-    plugIn();
-    rig.session->startRunning();
-    EXPECT_TRUE(rig.probe->waitForFrames(3)) << "the same device object opens it again";
 }
 
 }  // namespace selvio::test

@@ -1,9 +1,8 @@
-#include "CaptureRig.h"
-#include "support/Child.h"
-#include "support/Resources.h"
-
 #include <sys/stat.h>
 #include <unistd.h>
+#include "CaptureRig.h"
+#include "support/Child.h"
+
 #include <atomic>
 
 namespace selvio {
@@ -33,15 +32,6 @@ std::shared_ptr<CaptureDevice> firstCamera(const std::shared_ptr<CaptureSystem>&
 void letPass(const CaptureSession& session, milliseconds time) {
     const auto start = session.masterClockTime();
     while (session.masterClockTime() - start < time) std::this_thread::yield();
-}
-
-TEST(Capture, DeliversFramesInFormatAndShape) {
-    const auto system = systemOf({.sources = {testPicture("YUY2")}});
-    const Delivery deliveries[] = {
-        {320, 240, kPixelFormat32BGRA, VideoOrientation::PortraitUpsideDown, 134, 240, 32 * 134, 100 * 134},
-        {320, 240, kPixelFormat420v, VideoOrientation::Portrait, 134, 240, 32 * 134, 100 * 134},
-    };
-    for (const Delivery& delivery : deliveries) expectDelivery(system, firstCamera(system), delivery);
 }
 
 TEST(Capture, TakesUpChangesWhileItRuns) {
@@ -97,16 +87,13 @@ TEST(Capture, AStopEndsTheOpeningOfACameraThatDoesNotAnswer) {
     const SourceCamera silent{.name = "camera", .source = "appsrc is-live=true", .width = 320, .height = 240};
     const auto system = systemOf({.sources = {silent}, .openingTimeout = std::chrono::minutes(1)});
     Rig rig(system, firstCamera(system));
-    for (const bool unconfigured : {false, true}) {
-        std::jthread opener([&] { rig.session->startRunning(); });
-        ASSERT_TRUE(comesTrue([&] { return rig.session->isRunning(); }));
-        const auto before = rig.session->masterClockTime();
-        if (unconfigured) rig.session->removeInput(rig.input);
-        rig.session->stopRunning();
-        opener.join();
-        EXPECT_LT(rig.session->masterClockTime() - before, std::chrono::seconds(20));
-        EXPECT_FALSE(rig.session->isRunning());
-    }
+    std::jthread opener([&] { rig.session->startRunning(); });
+    ASSERT_TRUE(comesTrue([&] { return rig.session->isRunning(); }));
+    const auto before = rig.session->masterClockTime();
+    rig.session->stopRunning();
+    opener.join();
+    EXPECT_LT(rig.session->masterClockTime() - before, std::chrono::seconds(20));
+    EXPECT_FALSE(rig.session->isRunning());
     EXPECT_TRUE(log.take().empty()) << "nothing has failed";
 }
 
@@ -119,7 +106,6 @@ TEST(Capture, SaysWhyACameraDoesNotStartOrEnds) {
     const Case cases[] = {
         {"nosuchsource", false, "Capture: could not start: \"nosuchsource\": no element \"nosuchsource\""},
         {"appsrc is-live=true", false, "\"camera\" delivers no frames"},
-        {"videotestsrc ! identity error-after=1", false, "identity"},
         {"videotestsrc is-live=true ! identity error-after=10", true, "Capture: stopped: identity"},
         // After ten frames the next source is waited for, which never sends any.
         {"concat name=c videotestsrc is-live=true num-buffers=10 ! c.sink_0 appsrc is-live=true ! c.sink_1", true,
@@ -139,6 +125,52 @@ TEST(Capture, SaysWhyACameraDoesNotStartOrEnds) {
         rig.session->startRunning();
         EXPECT_EQ(rig.session->isRunning(), c.starts) << "it may be started again";
     }
+}
+
+TEST(Capture, TorchIsAnLedWhoseFunctionIsLight) {
+    TemporaryDirectory leds;
+    for (const char* const name : {"input3::capslock", "white:flash"}) {
+        leds.write(std::string(name) + "/brightness", "0");
+        leds.write(std::string(name) + "/max_brightness", "37");
+    }
+    const auto brightness = [&](const char* name) { return std::stoi(contentOf(leds.path() / name / "brightness")); };
+    const auto camera = firstCamera(systemOf({.sources = {testPicture()}, .ledDirectory = leds.path()}));
+    ASSERT_TRUE(camera->hasTorch());
+    camera->setTorchMode(TorchMode::On);
+    EXPECT_EQ(brightness("white:flash"), 37);
+    EXPECT_EQ(brightness("input3::capslock"), 0);
+    camera->setTorchMode(TorchMode::Off);
+    EXPECT_EQ(brightness("white:flash"), 0);
+}
+
+TEST(Preview, ShowsTheFramesMirroredInAWindow) {
+    if (outputOf("command -v Xvfb").empty()) GTEST_SKIP() << "Xvfb is not installed";
+    Child server({"Xvfb", "-displayfd", "1", "-screen", "0", "360x640x24"});
+    const std::string display = ":" + server.readLine().value_or("");  // said when it is ready
+    ::setenv("DISPLAY", display.c_str(), 1);
+    LogCapture log;
+    {
+        // Colour bars: white at the left of the picture, blue at its right.
+        const SourceCamera bars{
+            .name = "bars", .source = "videotestsrc is-live=true pattern=smpte", .width = 360, .height = 640};
+        const auto system = systemOf({.sources = {bars}});
+        const auto view = makeGstView({.window = true});
+        view->setFrame({0, 0, 360, 640});
+        Rig rig(system, firstCamera(system));
+        view->layer()->setSession(rig.session);
+        rig.session->startRunning();
+        const auto seen = [&](const char* place) {
+            const auto pixel =
+                outputOf("ffmpeg -v error -f x11grab -video_size 360x640 -i " + display +
+                         " -frames:v 1 -vf crop=2:2:" + place + ":200,scale=1:1 -pix_fmt gray -f rawvideo -");
+            return pixel.empty() ? 0 : static_cast<unsigned char>(pixel[0]);
+        };
+        EXPECT_TRUE(comesTrue([&] { return seen("340") > 150; })) << "white is at the right";
+        EXPECT_LT(seen("20"), 60) << "and blue at the left";
+        view->layer()->setSession(nullptr);
+    }
+    EXPECT_TRUE(log.take().empty());
+    ::unsetenv("DISPLAY");
 }
 
 TEST(Capture, AVideoFileIsACameraThatPlaysOnce) {
@@ -163,22 +195,6 @@ TEST(Capture, AVideoFileIsACameraThatPlaysOnce) {
     EXPECT_GT(played, milliseconds(450)) << "in real time";
 }
 
-TEST(Capture, TorchIsAnLedWhoseFunctionIsLight) {
-    TemporaryDirectory leds;
-    for (const char* const name : {"input3::capslock", "white:flash"}) {
-        leds.write(std::string(name) + "/brightness", "0");
-        leds.write(std::string(name) + "/max_brightness", "37");
-    }
-    const auto brightness = [&](const char* name) { return std::stoi(contentOf(leds.path() / name / "brightness")); };
-    const auto camera = firstCamera(systemOf({.sources = {testPicture()}, .ledDirectory = leds.path()}));
-    ASSERT_TRUE(camera->hasTorch());
-    camera->setTorchMode(TorchMode::On);
-    EXPECT_EQ(brightness("white:flash"), 37);
-    EXPECT_EQ(brightness("input3::capslock"), 0);
-    camera->setTorchMode(TorchMode::Off);
-    EXPECT_EQ(brightness("white:flash"), 0);
-}
-
 TEST(Capture, NodesThatMayNotBeOpenedMeanDenied) {
     TemporaryDirectory nodes;
     const auto status = [&] {
@@ -196,56 +212,16 @@ TEST(Capture, NodesThatMayNotBeOpenedMeanDenied) {
     ASSERT_TRUE(!isRoot || ::seteuid(0) == 0);
 }
 
-TEST(Preview, ShowsTheFramesMirroredInAWindow) {
-    if (outputOf("command -v Xvfb").empty()) GTEST_SKIP() << "Xvfb is not installed";
-    Child server({"Xvfb", "-displayfd", "1", "-screen", "0", "720x720x24"});
-    const std::string display = ":" + server.readLine().value_or("");  // said when it is ready
-    ::setenv("DISPLAY", display.c_str(), 1);
-    LogCapture log;
-    {
-        // Colour bars: white at the left of the picture, blue at its right.
-        const SourceCamera bars{
-            .name = "bars", .source = "videotestsrc is-live=true pattern=smpte", .width = 360, .height = 640};
-        const auto system = systemOf({.sources = {bars}});
-        const auto view = makeGstView({.window = true});
-        view->setFrame({0, 0, 360, 640});
-        Rig rig(system, firstCamera(system));
-        view->layer()->setSession(rig.session);
-        rig.session->startRunning();
-        const auto row = [&] {
-            const std::string grabbed =
-                outputOf("ffmpeg -v error -f x11grab -video_size 720x720 -i " + display +
-                         " -frames:v 1 -vf crop=720:2:0:200,scale=720:1 -pix_fmt gray -f rawvideo -");
-            return grabbed.size() == 720 ? grabbed : std::string(720, '\0');
-        };
-        const auto isDark = [](char c) { return c == '\0'; };
-        std::string seen = row();
-        for (int i = 0; i < 20 && std::all_of(seen.begin(), seen.end(), isDark); ++i) seen = row();
-        const auto lit = [&](std::size_t x) { return static_cast<unsigned char>(seen[x]); };
-        const auto first = std::find_if_not(seen.begin(), seen.end(), isDark) - seen.begin();
-        EXPECT_LT(lit(static_cast<std::size_t>(first) + 20), 60) << "blue is at the left now";
-        EXPECT_GT(lit(static_cast<std::size_t>(first) + 340), 150) << "and white at the right";
-        view->layer()->setSession(nullptr);
-    }
-    EXPECT_TRUE(log.take().empty());
-    ::unsetenv("DISPLAY");
-}
-
-TEST(Capture, StandsEveryOperationFromSeveralThreadsAtOnce) {
+TEST(Capture, StandsEveryOperationFromSeveralThreadsAtOnceAndLeavesNothingBehind) {
     const auto system = systemOf({.sources = {testPicture("NV12", 64, 48)}});
     Rig rig(system, firstCamera(system), kPixelFormat420v);
-    std::atomic<bool> ending{false};
     const std::function<void(int)> operations[] = {
         [&](int i) { i % 2 == 0 ? rig.session->startRunning() : rig.session->stopRunning(); },
         [&](int i) { i % 2 == 0 ? rig.session->stopRunning() : rig.session->startRunning(); },
-        [&](int i) {
-            if (i % 2 == 0) rig.output->setSampleBufferDelegate({}, nullptr);
-            rig.output->setSampleBufferDelegate(rig.probe, rig.queue);
-        },
+        [&](int i) { rig.output->setSampleBufferDelegate(i % 2 == 0 ? nullptr : rig.probe, rig.queue); },
         [&](int i) {
             for (const auto& connection : rig.output->connections())
                 connection->setVideoOrientation(static_cast<VideoOrientation>(i % 5));
-            rig.camera->setTorchMode(i % 2 == 0 ? TorchMode::On : TorchMode::Off);
         },
         [&](int i) {
             const std::lock_guard monitor(rig.session->monitor());
@@ -254,44 +230,26 @@ TEST(Capture, StandsEveryOperationFromSeveralThreadsAtOnce) {
             rig.session->commitConfiguration();
         },
     };
-    std::vector<std::thread> threads;
-    for (const auto& operation : operations) {
-        threads.emplace_back([&] {
-            for (int i = 0; !ending; ++i) operation(i);
-        });
-    }
-    const auto end = std::chrono::steady_clock::now() + milliseconds(700);
-    while (std::chrono::steady_clock::now() < end) std::this_thread::yield();
-    ending = true;
-    for (std::thread& thread : threads) thread.join();
-    rig.session->startRunning();
-    EXPECT_TRUE(rig.probe->waitForFrames(2)) << "and still works";
-}
-
-TEST(Capture, ManyStartsAndStopsLeaveNothingBehind) {
-    const auto system = systemOf({.sources = {testPicture("NV12", 64, 48)}});
-    Rig rig(system, firstCamera(system), kPixelFormat420v);
-    const auto cycle = [&](int times) {
-        for (int i = 0; i < times; ++i) {
-            rig.session->startRunning();
-            ASSERT_TRUE(rig.session->isRunning()) << i;
-            rig.session->stopRunning();
+    const auto work = [&](int rounds) {
+        std::vector<std::thread> threads;
+        for (const auto& operation : operations) {
+            threads.emplace_back([&] {
+                for (int i = 0; i < rounds; ++i) operation(i);
+            });
         }
+        for (std::thread& thread : threads) thread.join();
+        rig.output->setSampleBufferDelegate(rig.probe, rig.queue);
+        rig.session->startRunning();
+        EXPECT_TRUE(rig.probe->waitForFrames(2)) << "and still works";
+        rig.session->stopRunning();
         rig.queue->drain();
     };
-    cycle(50);  // GStreamer keeps a few threads for the next time
-    const auto before = Resources::now();
-    // The number of blocks goes up and down by a thousand, however many cycles there are.
-    const int many = before.blocks == 0 ? 1000 : 6000;  // a sanitizer counts leaks itself
-    cycle(many);
-    // GStreamer's threads may still be at their end.
-    const auto patience = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (Resources::now().threads > before.threads + 2 && std::chrono::steady_clock::now() < patience)
-        std::this_thread::yield();
-    const auto after = Resources::now();
-    EXPECT_LE(after.threads, before.threads + 2);
-    EXPECT_LE(after.descriptors, before.descriptors);
-    EXPECT_LT(after.blocks - before.blocks, many / 2) << "less than one block every second cycle";
+    work(50);  // GStreamer keeps a few threads for the next time
+    const auto threads = entriesIn("/proc/self/task"), descriptors = entriesIn("/proc/self/fd");
+    work(300);
+    EXPECT_TRUE(comesTrue([&] {
+        return entriesIn("/proc/self/task") < threads + 10 && entriesIn("/proc/self/fd") < descriptors + 10;
+    })) << "some may be at their end";
 }
 
 }  // namespace

@@ -133,6 +133,7 @@ TEST(ImageUtilities, convertsBetweenTheOrdersOfChannelsAndFromVideoRange) {
     const auto argb = sample->imageBuffer();
     const auto back = Utilities::imageFromPixelBuffer(argb);
     ASSERT_TRUE(back);
+    EXPECT_EQ(std::pair(back->orientation, back->scale), std::pair(ImageOrientation::Up, 1.0));
     EXPECT_EQ(back->bitmap->format(), kPixelFormat32BGRA);
     for (int i = 0; i < 15; ++i) {
         const std::string pixel = bytesAt(*bgra, i % 5, i / 5);

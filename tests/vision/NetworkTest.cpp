@@ -60,35 +60,16 @@ TEST(ModelFile, RefusesWhatItDoesNotKnowByName) {
          [](TinyModel& m) {
              m.tensors[4] = {{1, 1, 2}, 0, bytesOf(std::vector<float>(2))};
          }},
-        {"Prelu", [](TinyModel& m) { m.steps[1].inputs = {3}; }},
         {"Convolution",
          [](TinyModel& m) {
              m.tensors[3].shape = {1, 4, 5, 3};
          }},
-        {"Convolution",
-         [](TinyModel& m) {
-             m.tensors[1].shape = {3, 1, 2, 1};
-         }},
         {"Convolution", [](TinyModel& m) { m.steps[0].options[1] = 0; }},
-        {"Convolution", [](TinyModel& m) { m.steps[0].options[2] = -1; }},
-        {"Convolution", [](TinyModel& m) { m.steps[0].inputs[1] = 0; }},
         {"Convolution", [](TinyModel& m) { m.steps[0].inputs[0] = 5; }},  // not computed yet
         {"Prelu", [](TinyModel& m) { m.steps[1].outputs = {3}; }},        // computed already
         {"dilated", [](TinyModel& m) { m.steps[0].options[4] = 2; }},
-        {"activation", [](TinyModel& m) { m.steps[0].options[3] = std::int8_t{3}; }},
-        {"padding", [](TinyModel& m) { m.steps[0].options[0] = std::int8_t{2}; }},
         {"tensor does not exist", [](TinyModel& m) { m.steps[0].inputs[0] = 6; }},
-        {"tensor does not exist", [](TinyModel& m) { m.outputs = {-1}; }},
         {"output is not computed", [](TinyModel& m) { m.outputs = {0}; }},
-        {"output is not computed",
-         [](TinyModel& m) {
-             m.outputs = {5, 5};
-         }},
-        {"no output", [](TinyModel& m) { m.outputs = {}; }},
-        {"one input",
-         [](TinyModel& m) {
-             m.inputs = {0, 3};
-         }},
         {"not a picture", [](TinyModel& m) { m.inputs = {1}; }},
         {"impossible shape",
          [](TinyModel& m) {
@@ -98,13 +79,7 @@ TEST(ModelFile, RefusesWhatItDoesNotKnowByName) {
          [](TinyModel& m) {
              m.add({{4096, 4096}, 0, {}});
          }},
-        {"more than four",
-         [](TinyModel& m) {
-             m.tensors[0].shape = {1, 4, 4, 2, 1};
-         }},
         {"does not fill", [](TinyModel& m) { m.tensors[2].data.pop_back(); }},
-        {"unknown type 9", [](TinyModel& m) { m.tensors[2].type = 9; }},
-        {"finite", [](TinyModel& m) { m.tensors[2].data = bytesOf(std::vector<float>(3, NAN)); }},
         {"finite",
          [](TinyModel& m) {
              m.tensors[2] = {{3}, 1, bytesOf(std::vector<std::uint16_t>(3, 0xFC00))};

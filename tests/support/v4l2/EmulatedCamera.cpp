@@ -1,6 +1,6 @@
 // A Video4Linux camera without a driver. Preloaded, it answers the ioctls on a node named /dev/video0 (a plain file:
-// umockdev makes it) and passes on all others. YUYV in 640x480 at 30 frames a second and 1280x720 at 10, Motion JPEG in
-// 1280x720 at 30, NV12 in 320x240 at 30; focus controls.
+// umockdev makes it) and passes on all others. YUYV in 1280x720 at 10 frames a second, which nobody is to choose,
+// Motion JPEG in 1280x720 at 30, NV12 in 320x240 at 30; focus controls.
 //
 // The directory SELVIO_EMULATED_CAMERA steers it: `frame.jpg` is every Motion JPEG frame, `controls` collects the
 // settings ("ID=value" lines).
@@ -34,12 +34,10 @@ struct Mode {
     std::uint32_t format, width, height, rate;
 };
 constexpr Mode kModes[] = {
-    {V4L2_PIX_FMT_YUYV, 640, 480, 30},
     {V4L2_PIX_FMT_YUYV, 1280, 720, 10},
     {V4L2_PIX_FMT_MJPEG, 1280, 720, 30},
     {V4L2_PIX_FMT_NV12, 320, 240, 30},
 };
-constexpr std::uint32_t kFormats[] = {V4L2_PIX_FMT_YUYV, V4L2_PIX_FMT_MJPEG, V4L2_PIX_FMT_NV12};
 constexpr std::uint32_t kBufferBytes = 1280 * 720 * 2;
 
 std::mutex mutex;
@@ -50,7 +48,6 @@ std::deque<std::uint32_t> queued;
 std::uint32_t sequence = 0;
 Clock::time_point started;
 bool streaming = false;
-int autoFocus = 0;
 
 std::string fileIn(const char* name) {
     const char* const directory = std::getenv("SELVIO_EMULATED_CAMERA");
@@ -68,40 +65,35 @@ int fail(int error) {
     return -1;
 }
 
-void adjust(v4l2_format& format) {
-    auto& pixels = format.fmt.pix;
-    const Mode* chosen = nullptr;
-    for (const Mode& candidate : kModes) {
-        const bool same = candidate.format == pixels.pixelformat && candidate.width == pixels.width &&
-                          candidate.height == pixels.height;
-        if (same || (chosen == nullptr && candidate.format == pixels.pixelformat)) chosen = &candidate;
-    }
-    if (chosen == nullptr) chosen = &kModes[0];
-    const bool jpeg = chosen->format == V4L2_PIX_FMT_MJPEG;
-    pixels = {};
-    pixels.width = chosen->width;
-    pixels.height = chosen->height;
-    pixels.pixelformat = chosen->format;
-    pixels.field = V4L2_FIELD_NONE;
-    const bool planar = chosen->format == V4L2_PIX_FMT_NV12;
-    pixels.bytesperline = jpeg ? 0 : chosen->width * (planar ? 1 : 2);
-    pixels.sizeimage = jpeg ? kBufferBytes : chosen->width * chosen->height * (planar ? 3 : 4) / 2;
-    pixels.colorspace = jpeg ? V4L2_COLORSPACE_JPEG : V4L2_COLORSPACE_SRGB;
+/// The mode of the format asked for: there is one of each.
+const Mode& modeOf(std::uint32_t format) {
+    const auto* const found = std::ranges::find(kModes, format, &Mode::format);
+    return found == std::end(kModes) ? kModes[0] : *found;
 }
 
-// A grey picture with a white bar that moves on with each frame.
+void fill(v4l2_format& format, const Mode& chosen) {
+    auto& pixels = format.fmt.pix;
+    const bool planar = chosen.format == V4L2_PIX_FMT_NV12;
+    pixels = {};
+    pixels.width = chosen.width;
+    pixels.height = chosen.height;
+    pixels.pixelformat = chosen.format;
+    pixels.field = V4L2_FIELD_NONE;
+    pixels.bytesperline = chosen.format == V4L2_PIX_FMT_MJPEG ? 0 : chosen.width * (planar ? 1 : 2);
+    pixels.sizeimage = planar ? chosen.width * chosen.height * 3 / 2 : kBufferBytes;
+    pixels.colorspace = V4L2_COLORSPACE_SRGB;
+}
+
+// NV12: a grey picture with a white bar that moves on with each frame.
 std::vector<char> draw() {
     if (mode.format == V4L2_PIX_FMT_MJPEG) {
         std::ifstream file(fileIn("frame.jpg"), std::ios::binary);
         return {std::istreambuf_iterator<char>(file), {}};
     }
-    const bool planar = mode.format == V4L2_PIX_FMT_NV12;
-    const std::size_t step = planar ? 1 : 2;
-    std::vector<char> pixels(std::size_t{mode.width} * mode.height * (planar ? 3 : 4) / 2, static_cast<char>(0x80));
-    const std::size_t bar = sequence * 16 % (mode.width - 16);
-    for (std::size_t row = 0; row < mode.height; ++row) {
-        for (std::size_t x = bar; x < bar + 16; ++x) pixels[(row * mode.width + x) * step] = static_cast<char>(0xEB);
-    }
+    std::vector<char> pixels(std::size_t{mode.width} * mode.height * 3 / 2, static_cast<char>(0x80));
+    const std::size_t bar = sequence * 16 % mode.width;
+    for (std::size_t row = 0; row < mode.height; ++row)
+        std::fill_n(&pixels[row * mode.width + bar], 16, static_cast<char>(0xEB));
     return pixels;
 }
 
@@ -149,54 +141,34 @@ int answer(int file, unsigned long request, void* argument) {
         }
         case VIDIOC_ENUM_FMT: {
             auto& format = *static_cast<v4l2_fmtdesc*>(argument);
-            if (format.type != V4L2_BUF_TYPE_VIDEO_CAPTURE || format.index >= std::size(kFormats)) return fail(EINVAL);
-            format.pixelformat = kFormats[format.index];
+            if (format.type != V4L2_BUF_TYPE_VIDEO_CAPTURE || format.index >= std::size(kModes)) return fail(EINVAL);
+            format.pixelformat = kModes[format.index].format;
             format.flags = format.pixelformat == V4L2_PIX_FMT_MJPEG ? V4L2_FMT_FLAG_COMPRESSED : 0;
             return 0;
         }
         case VIDIOC_ENUM_FRAMESIZES: {
             auto& size = *static_cast<v4l2_frmsizeenum*>(argument);
-            std::uint32_t index = 0;
-            for (const Mode& candidate : kModes) {
-                if (candidate.format != size.pixel_format || index++ != size.index) continue;
-                size.type = V4L2_FRMSIZE_TYPE_DISCRETE;
-                size.discrete = {candidate.width, candidate.height};
-                return 0;
-            }
-            return fail(EINVAL);
+            if (size.index > 0) return fail(EINVAL);
+            size.type = V4L2_FRMSIZE_TYPE_DISCRETE;
+            size.discrete = {modeOf(size.pixel_format).width, modeOf(size.pixel_format).height};
+            return 0;
         }
         case VIDIOC_ENUM_FRAMEINTERVALS: {
             auto& interval = *static_cast<v4l2_frmivalenum*>(argument);
-            for (const Mode& candidate : kModes) {
-                if (interval.index > 0 || candidate.format != interval.pixel_format ||
-                    candidate.width != interval.width)
-                    continue;
-                interval.type = V4L2_FRMIVAL_TYPE_DISCRETE;
-                interval.discrete = {1, candidate.rate};
-                return 0;
-            }
-            return fail(EINVAL);
-        }
-        case VIDIOC_G_FMT: {
-            auto& format = *static_cast<v4l2_format*>(argument);
-            if (format.type != V4L2_BUF_TYPE_VIDEO_CAPTURE) return fail(EINVAL);
-            format.fmt.pix.width = mode.width;
-            format.fmt.pix.height = mode.height;
-            format.fmt.pix.pixelformat = mode.format;
-            adjust(format);
+            if (interval.index > 0) return fail(EINVAL);
+            interval.type = V4L2_FRMIVAL_TYPE_DISCRETE;
+            interval.discrete = {1, modeOf(interval.pixel_format).rate};
             return 0;
         }
+        case VIDIOC_G_FMT:
         case VIDIOC_TRY_FMT:
         case VIDIOC_S_FMT: {
             auto& format = *static_cast<v4l2_format*>(argument);
             if (format.type != V4L2_BUF_TYPE_VIDEO_CAPTURE) return fail(EINVAL);
-            adjust(format);
-            if (request == VIDIOC_TRY_FMT) return 0;
-            if (bufferCount > 0) return fail(EBUSY);
-            for (const Mode& candidate : kModes) {
-                if (candidate.format == format.fmt.pix.pixelformat && candidate.width == format.fmt.pix.width)
-                    mode = candidate;
-            }
+            if (request == VIDIOC_S_FMT && bufferCount > 0) return fail(EBUSY);
+            const Mode chosen = request == VIDIOC_G_FMT ? mode : modeOf(format.fmt.pix.pixelformat);
+            if (request == VIDIOC_S_FMT) mode = chosen;
+            fill(format, chosen);
             return 0;
         }
         case VIDIOC_G_PARM:
@@ -220,17 +192,10 @@ int answer(int file, unsigned long request, void* argument) {
             control.step = 1;
             return 0;
         }
-        case VIDIOC_G_CTRL: {
-            auto& control = *static_cast<v4l2_control*>(argument);
-            if (control.id != V4L2_CID_FOCUS_AUTO) return fail(EINVAL);
-            control.value = autoFocus;
-            return 0;
-        }
         case VIDIOC_S_CTRL: {
             const auto& control = *static_cast<const v4l2_control*>(argument);
             const bool automatic = control.id == V4L2_CID_FOCUS_AUTO;
             if (!automatic && control.id != V4L2_CID_AUTO_FOCUS_START) return fail(EINVAL);
-            if (automatic) autoFocus = control.value;
             std::ofstream(fileIn("controls"), std::ios::app)
                 << (automatic ? "FOCUS_AUTO=" : "AUTO_FOCUS_START=") << control.value << '\n';
             return 0;
