@@ -187,7 +187,7 @@ std::vector<std::string> GstCaptureSession::start() {
         const std::lock_guard lock(openingMutex_);
         firstFrame_ = false;
         failure_.reset();
-        run = std::make_shared<Run>(*this, ++run_);
+        run.reset(new Run{*this, ++run_});
         state_ = plan.camera ? State::Opening : State::Running;
     }
     runningPlan_ = plan;

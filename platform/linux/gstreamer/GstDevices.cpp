@@ -181,7 +181,7 @@ std::vector<DeviceDescription> systemDevices(MediaType mediaType) {
             !description.node.empty() && std::ranges::count(found, description.node, &DeviceDescription::node) > 0;
         if (!isKnown) found.push_back(std::move(description));
     }
-    std::ranges::stable_partition(found, &DeviceDescription::isDefault);
+    std::stable_partition(found.begin(), found.end(), std::mem_fn(&DeviceDescription::isDefault));
     return found;
 }
 
