@@ -17,12 +17,18 @@ int capture(const selvio::Platform& platform) {
                                                   selvio::CaptureDevicePosition::Front, {0, 0, 1080, 1920}, platform);
 
     const auto guidance = std::make_shared<SelvioFacialCaptureAnalyzerDelegate>();
-    guidance->detectionResults = [](const auto& results) {
-        std::cout << SelvioFacialCaptureResults::localizeKeyFrom(results->highestPriorityStatus()).value_or("") << '\n';
+    const auto countdowns = std::make_shared<int>(0);  // a countdown that was broken off is not the newest any more
+    guidance->detectionResults = [countdowns](const auto& results) {
+        const auto status = results->highestPriorityStatus();
+        if (status != SelvioFacialCaptureStatusCountdown) ++*countdowns;
+        std::cout << SelvioFacialCaptureResults::localizeKeyFrom(status).value_or("") << '\n';
     };
-    // A real host ends its countdown when another status than 10 arrives, and starts it anew when 10 comes back.
-    guidance->startCountdown = [&] {
-        mainQueue->asyncAfter(std::chrono::seconds(parameters->countdownTime()), [&] { analyzer->selectFrame(); });
+    guidance->startCountdown = [=] {
+        const auto select = [countdowns, mine = ++*countdowns, held = std::weak_ptr(analyzer)] {
+            const auto analyzer = held.lock();  // the block may outlive the capture
+            if (analyzer && mine == *countdowns) analyzer->selectFrame();
+        };
+        mainQueue->asyncAfter(std::chrono::seconds(parameters->countdownTime()), select);
     };
     bool captured = false;
     guidance->detectionSuccess = [&](const auto& results) {
