@@ -35,7 +35,14 @@ struct CameraRig {
         platform.makeView = [this] { return view; };
         platform.notificationCenter = notifications;
     }
-    ~CameraRig() { run(); }
+    ~CameraRig() {
+        run();
+        // A writer that is never finished holds what waits for its end, and through that itself.
+        for (const auto& made : writing->made) {
+            if (const auto writer = made.lock()) writer->finish(AssetWriterStatus::Cancelled);
+        }
+        run();
+    }
 
     /// Runs every queue until all are idle.
     void run() {

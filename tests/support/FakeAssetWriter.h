@@ -11,8 +11,11 @@
 
 namespace selvio {
 
+class FakeAssetWriter;
+
 /// What the writers share. Fill it before the calls.
 struct FakeWriterScript {
+    std::vector<std::weak_ptr<FakeAssetWriter>> made;
     CallLog calls;
     std::set<std::string> refused;  ///< "writer" (cannot be made), "video", "audio" (inputs)
     std::atomic<bool> ready{true};
@@ -87,7 +90,9 @@ public:
                                                                          const std::string& fileType) override {
         script_->calls.add("make " + fileType + " " + path.string());
         if (script_->refused.contains("writer")) return Error{"no room"};
-        return std::shared_ptr<AssetWriter>(std::make_shared<FakeAssetWriter>(script_));
+        auto writer = std::make_shared<FakeAssetWriter>(script_);
+        script_->made.push_back(writer);
+        return std::shared_ptr<AssetWriter>(std::move(writer));
     }
     [[nodiscard]] std::shared_ptr<AssetWriterInput> makeVideoInput(const VideoSettings& settings) override {
         const auto rate = settings.compressionProperties.find(kVideoAverageBitRateKey);
