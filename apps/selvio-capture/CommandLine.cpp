@@ -156,7 +156,8 @@ std::variant<Command, ExitCode> parseCommandLine(std::vector<std::string> argume
 
     ShowOptions showOptions;
     auto* show = app.add_subcommand("show", "Print the data record found in a photograph");
-    show->add_option("PHOTO", showOptions.photograph, "JPEG file")->required()->type_name("");
+    show->add_option("PHOTO", showOptions.photograph, "JPEG file, or a record.json")->required()->type_name("");
+    show->add_flag("--json", showOptions.json, "the record as it is");
 
     DevicesOptions devicesOptions;
     auto* devices = app.add_subcommand("devices", "List cameras, formats and microphones");

@@ -46,7 +46,8 @@ struct CheckOptions {
 };
 
 struct ShowOptions {
-    std::string photograph;
+    std::string photograph;  ///< or a record of its own
+    bool json = false;
 };
 
 struct DevicesOptions {

@@ -22,6 +22,7 @@ namespace {
 using nlohmann::json;
 using test::contentOf;
 using test::TemporaryDirectory;
+using testing::ContainsRegex;
 using testing::ElementsAre;
 using testing::HasSubstr;
 namespace fs = std::filesystem;
@@ -201,9 +202,14 @@ TEST_F(SelvioCapture, CapturesAndShowsTheRecord) {
     EXPECT_EQ(ended.lines().back()["statuses"], json({14}));
     EXPECT_GE(time, 2.0) << "the countdown's two seconds";
 
-    const auto shown = run({"show", path("out/selfie.jpg")});
-    EXPECT_EQ(shown.exitCode, 0);
-    EXPECT_EQ(shown.out, contentOf(path("out/record.json")));
+    for (const char* file : {"out/selfie.jpg", "out/record.json"}) {
+        EXPECT_EQ(run({"show", "--json", path(file)}).out, contentOf(path("out/record.json")));
+        const auto shown = run({"show", path(file)});
+        EXPECT_EQ(shown.exitCode, 0);
+        EXPECT_THAT(shown.out, ContainsRegex("\n  SelvioResultCode +SuccessVideo\n"));
+        EXPECT_THAT(shown.out, ContainsRegex("\n  ImageQuality +80  \\(default 95\\)\n"));
+        EXPECT_THAT(shown.out, ContainsRegex("\n +[0-9]+\\.[0-9]{3} s  FHS  Stay like that\n"));
+    }
     EXPECT_EQ(run({"show", path("out/selfie.jpg")}, {}, "/dev/full").exitCode, 6);
     const auto selfie = JpegPngImageLoader().loadImage(path("out/selfie.jpg"));
     ASSERT_TRUE(selfie);
@@ -320,6 +326,10 @@ TEST_F(SelvioCapture, EndsWithTheCodeOfWhatIsMissing) {
     directory_.write("file", "x");
     fs::copy_file(kSamples / "astronaut.jpg", path("alone.jpg"));
     directory_.write("bad.json", "{");
+    directory_.write("damaged.json", R"({"UXP":[{"FS")");
+    const auto odd =
+        directory_.write("odd.json", R"({"OS":"\u001B[2J","UXP":[5,{"FS":"x"},{"??":[]}],"Parameters":7})");
+    EXPECT_THAT(run({"show", odd}).out, testing::AllOf(HasSubstr("?[2J"), HasSubstr("Very good")));
     struct Row {
         std::vector<std::string> arguments;
         int exitCode;
@@ -335,7 +345,8 @@ TEST_F(SelvioCapture, EndsWithTheCodeOfWhatIsMissing) {
         {{"--out", path("out"), "--source", "video:" + path("file").string()}, 5, "file: cannot be played"},
         {{"--out", path("out"), "--source", "video:" + path("").string()}, 5, "cannot be read as a file"},
         {{"show", path("none.jpg")}, 5, "none.jpg"},
-        {{"show", path("file")}, 5, "not a JPEG"},
+        {{"show", path("file")}, 5, "neither a JPEG"},
+        {{"show", path("damaged.json")}, 5, "damaged"},
         {{"show", kSamples / "astronaut.jpg"}, 5, "no data record"},
         {{"show", path("")}, 5, path("")},
     };
