@@ -55,12 +55,16 @@ TEST(PipeWireSession, ACaptureEndsWithPhotographRecordAndRecording) {
     const auto record = nlohmann::json::parse(contentOf(out / "x/record.json"), nullptr, false);
     ASSERT_TRUE(record.is_object()) << errors;
     EXPECT_EQ(record.at("SelvioResultCode"), "SuccessVideo");
+    EXPECT_EQ(record.at("Parameters").at("RecordVideo"), "1");
     EXPECT_GT(std::filesystem::file_size(out / "x/selfie.jpg"), 20000U);
 
     const auto media = probe(out / "x/recording.mp4");
     const auto video = streamOfType(media, "video");
     const auto audio = streamOfType(media, "audio");
+    EXPECT_EQ(video.value("codec_name", ""), "h264");
+    EXPECT_EQ(audio.value("codec_name", ""), "aac");
     EXPECT_EQ(video.value("width", 0), 720);
+    EXPECT_EQ(video.value("height", 0), 1280);
     EXPECT_GT(numberIn(video, "duration"), 1.5);
     // How many there are depends on how busy the machine is.
     EXPECT_GT(std::stoi(video.value("nb_read_frames", "0")), 5);
