@@ -6,7 +6,9 @@
 #include <libyuv/scale_argb.h>
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
+#include <cstring>
 
 namespace selvio {
 namespace {
@@ -24,14 +26,15 @@ struct Fixed {
 };
 
 /// Where the bytes of R, G and B stand in a pixel.
-std::array<int, 3> channelsOf(PixelFormat format) {
-    return format == kPixelFormat32ARGB ? std::array{1, 2, 3} : std::array{2, 1, 0};
+std::array<std::size_t, 3> channelsOf(PixelFormat format) {
+    using Places = std::array<std::size_t, 3>;
+    return format == kPixelFormat32ARGB ? Places{1, 2, 3} : Places{2, 1, 0};
 }
 
 /// The weighted mean of four neighbours.
 class Interpolator {
 public:
-    Interpolator(const std::uint8_t* pixels, std::size_t bytesPerRow, std::array<int, 3> channels,
+    Interpolator(const std::uint8_t* pixels, std::size_t bytesPerRow, std::array<std::size_t, 3> channels,
                  const SamplerTarget& target)
         : pixels_(pixels),
           bytesPerRow_(bytesPerRow),
@@ -43,23 +46,32 @@ public:
     void write(int x, int y, std::size_t right, std::size_t below, float* rgb) const {
         const std::uint8_t* const p =
             pixels_ + static_cast<std::size_t>(y >> 16) * bytesPerRow_ + static_cast<std::size_t>(x >> 16) * 4;
-        const int shareX = x >> 8 & 255;
-        const int shareY = y >> 8 & 255;
-        const int d = shareX * shareY;
-        const int b = (shareX << 8) - d;
-        const int c = (shareY << 8) - d;
-        const int a = 65536 - b - c - d;
-        for (std::size_t i = 0; i < 3; ++i) {
-            const std::uint8_t* const q = p + channels_[i];
-            rgb[i] =
-                static_cast<float>(q[0] * a + q[right] * b + q[below] * c + q[right + below] * d) * scale_ + black_;
-        }
+        const auto shareX = static_cast<std::uint64_t>(x >> 8 & 255);
+        const auto shareY = static_cast<std::uint64_t>(y >> 8 & 255);
+        // Four channels at once, in 16 and then in 32 bits each: nothing overflows, nothing is rounded.
+        const auto upper = spread(p) * (256 - shareX) + spread(p + right) * shareX;
+        const auto lower = spread(p + below) * (256 - shareX) + spread(p + below + right) * shareX;
+        constexpr std::uint64_t kEven = 0x0000FFFF0000FFFF;
+        const auto even = (upper & kEven) * (256 - shareY) + (lower & kEven) * shareY;
+        const auto odd = (upper >> 16 & kEven) * (256 - shareY) + (lower >> 16 & kEven) * shareY;
+        const std::array sums{static_cast<std::int32_t>(even), static_cast<std::int32_t>(odd),
+                              static_cast<std::int32_t>(even >> 32), static_cast<std::int32_t>(odd >> 32)};
+        for (std::size_t i = 0; i < 3; ++i) rgb[i] = static_cast<float>(sums[channels_[i]]) * scale_ + black_;
     }
 
 private:
+    /// The four bytes of a pixel, 16 bits apart.
+    static std::uint64_t spread(const std::uint8_t* pixel) {
+        static_assert(std::endian::native == std::endian::little);
+        std::uint32_t bytes = 0;
+        std::memcpy(&bytes, pixel, sizeof bytes);
+        const std::uint64_t pairs = (bytes | std::uint64_t{bytes} << 16) & 0x0000FFFF0000FFFF;
+        return (pairs | pairs << 8) & 0x00FF00FF00FF00FF;
+    }
+
     const std::uint8_t* const pixels_;
     const std::size_t bytesPerRow_;
-    const std::array<int, 3> channels_;
+    const std::array<std::size_t, 3> channels_;
     const float scale_;
     const float black_;
 };
