@@ -9,9 +9,9 @@
 namespace selvio::app {
 
 std::optional<Error> prepareOutputDirectory(const std::filesystem::path& directory) {
-    std::error_code code;
-    std::filesystem::create_directories(directory, code);
-    if (code) return Error{"cannot create " + directory.string() + ": " + code.message()};
+    // Faces are nobody else's business: what is made here is the person's own.
+    if (g_mkdir_with_parents(directory.c_str(), 0700) != 0)
+        return Error{"cannot create " + directory.string() + ": " + std::generic_category().message(errno)};
     std::string probe = (directory / ".probe.XXXXXX").string();
     const int descriptor = g_mkstemp(probe.data());
     if (descriptor < 0)
@@ -25,7 +25,7 @@ std::optional<Error> writeFileAtomically(const std::filesystem::path& path, std:
     constexpr auto kWholeAndOnDisk =
         static_cast<GFileSetContentsFlags>(G_FILE_SET_CONTENTS_CONSISTENT | G_FILE_SET_CONTENTS_DURABLE);
     g_autoptr(GError) error = nullptr;
-    if (g_file_set_contents_full(path.c_str(), bytes.data(), static_cast<gssize>(bytes.size()), kWholeAndOnDisk, 0666,
+    if (g_file_set_contents_full(path.c_str(), bytes.data(), static_cast<gssize>(bytes.size()), kWholeAndOnDisk, 0600,
                                  &error) != FALSE)
         return std::nullopt;
     return Error{"cannot write " + path.string() + ": " + error->message};

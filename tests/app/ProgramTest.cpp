@@ -203,6 +203,7 @@ TEST_F(SelvioCapture, CapturesAndShowsTheRecord) {
     EXPECT_GE(time, 2.0) << "the countdown's two seconds";
 
     for (const char* file : {"out/selfie.jpg", "out/record.json"}) {
+        EXPECT_EQ(fs::status(path(file)).permissions(), fs::perms::owner_read | fs::perms::owner_write);
         EXPECT_EQ(run({"show", "--json", path(file)}).out, contentOf(path("out/record.json")));
         const auto shown = run({"show", path(file)});
         EXPECT_EQ(shown.exitCode, 0);

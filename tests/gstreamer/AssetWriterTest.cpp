@@ -8,12 +8,15 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <fstream>
 #include <future>
+#include <map>
 #include <random>
-#include <set>
 #include <sstream>
 #include <thread>
 
@@ -24,7 +27,9 @@ using namespace test;
 using std::chrono::milliseconds;
 using std::chrono::nanoseconds;
 using ::testing::Contains;
+using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using ::testing::Pair;
 
 constexpr nanoseconds kStart = std::chrono::hours(7);  // master clocks do not begin at zero
 constexpr nanoseconds kFrame{33'333'333};
@@ -232,23 +237,35 @@ TEST_F(AssetWriterTest, BitRateAndKeyFramesFollowTheFramesOwnRate) {
 
 TEST_F(AssetWriterTest, TakesItsOwnSizeOfTheDiskAndSaysWhenThatIsFull) {
     const auto frame = greyFrame(180, 320, kPixelFormat420v, 90);
+    const auto part = directory_.path() / "selvio_test.part.mp4";
+    const auto openFiles = [&] {
+        std::map<std::string, int> open;  // files without a name take space, too
+        for (const auto& descriptor : std::filesystem::directory_iterator("/proc/self/fd")) {
+            std::error_code gone;
+            const auto file = std::filesystem::read_symlink(descriptor, gone).string();
+            if (file.starts_with(directory_.path().string())) open[file] = std::stoi(descriptor.path().filename());
+        }
+        return open;
+    };
+    const auto elsewhere = directory_.path() / "elsewhere";
+    std::ofstream(elsewhere) << "somebody's";
+    std::filesystem::create_symlink(elsewhere, part);  // is not followed
     make(h264(180, 320));
     start();
     for (int i = 0; i < 30; ++i) ASSERT_TRUE(append(video_, videoSample(frame, i * kFrame)));
-    std::set<std::string> open;  // files without a name take space, too
-    for (const auto& descriptor : std::filesystem::directory_iterator("/proc/self/fd")) {
-        std::error_code gone;
-        const auto file = std::filesystem::read_symlink(descriptor, gone).string();
-        if (file.starts_with(directory_.path().string())) open.insert(file);
-    }
-    EXPECT_EQ(open, std::set<std::string>{(directory_.path() / "selvio_test.part.mp4").string()});
+    EXPECT_THAT(openFiles(), ElementsAre(Pair(part.string(), testing::_)));
     ASSERT_EQ(finish(), AssetWriterStatus::Completed);
+    EXPECT_EQ(contentOf(elsewhere), "somebody's");
+    EXPECT_EQ(std::filesystem::status(file_).permissions() & std::filesystem::perms(077), std::filesystem::perms::none);
 
+    std::filesystem::remove(elsewhere);
     std::filesystem::remove(file_);
-    std::filesystem::create_symlink("/dev/full", directory_.path() / "selvio_test.part.mp4");
     LogCapture log;
     make(h264(180, 320));
     start();
+    const int full = ::open("/dev/full", O_WRONLY | O_CLOEXEC);
+    ASSERT_GE(::dup2(full, openFiles().at(part)), 0);
+    ::close(full);
     for (int i = 0; i < 30; ++i) append(video_, videoSample(frame, i * kFrame));
     EXPECT_EQ(finish(), AssetWriterStatus::Failed);
     EXPECT_THAT(log.take(), Contains("Recording failed: no space is left on the disk"));

@@ -280,7 +280,9 @@ private:
         std::error_code ignored;
         if (fs::exists(path_, ignored)) return Error{"\"" + path_.string() + "\" exists already"};
         // Found out here rather than by the pipeline, whose message does not name the reason.
-        const int part = ::open(partPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+        // A file of that name is left over or placed by somebody else: it is not written through.
+        ::unlink(partPath_.c_str());
+        const int part = ::open(partPath_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
         if (part < 0)
             return Error{"could not create \"" + path_.string() + "\": " + std::generic_category().message(errno)};
         ::close(part);
