@@ -1,14 +1,9 @@
-// A fuzzer of the model file reader. With Clang:
-//
-//     cmake -S . -B build/fuzz -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DSELVIO_FUZZERS=ON
-//     -DCMAKE_BUILD_TYPE=RelWithDebInfo cmake --build build/fuzz --target fuzz_model_file fuzz_model_file_short mkdir
-//     corpus && build/fuzz/bin/fuzz_model_file_short --seeds corpus && build/fuzz/bin/fuzz_model_file corpus
-//
-// The suite runs the same check on mutations of its own (ShortRun.cpp).
+// The reader of model files.
 #include "platform/linux/vision/ModelFile.h"
 
 #include <cstdint>
 #include <cstdlib>
+#include <span>
 
 using namespace selvio;
 

@@ -1,23 +1,23 @@
-// Some thousand mutations of a right model through the fuzzer's check; always the same ones.
+// Each input of a folder, then some thousand mutations of them, through a fuzzer's check; always the same ones.
 //
-//     fuzz_model_file_short                   runs them
-//     fuzz_model_file_short --seeds FOLDER    writes the right model, for the fuzzer to start from
-#include "vision/TinyModel.h"
-
+//     fuzz_… FOLDER MUTATIONS
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <iterator>
 #include <random>
 #include <string>
+#include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
 namespace {
 
-constexpr int kMutations = 50'000;
-
 void mutate(std::string& file, std::mt19937& random) {
+    if (file.empty()) return;
     const std::size_t at = random() % file.size();
     const auto left = file.size() - at;
     switch (random() % 5) {
@@ -41,26 +41,31 @@ void mutate(std::string& file, std::mt19937& random) {
     }
 }
 
+void check(const std::string& file) {
+    LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(file.data()), file.size());
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-    const bool writes = argc == 3 && std::strcmp(argv[1], "--seeds") == 0;
-    if (argc != 1 && !writes) {
-        std::cerr << "usage: fuzz_model_file_short [--seeds FOLDER]\n";
+    if (argc != 3 || !std::filesystem::is_directory(argv[1])) {
+        std::cerr << "usage: " << argv[0] << " FOLDER MUTATIONS\n";
         return 2;
     }
-    const std::string model = selvio::test::TinyModelWriter::write(selvio::test::smallModel());
-    if (writes) {
-        const std::string path = std::string(argv[2]) + "/small.tflite";
-        if (std::ofstream(path, std::ios::binary) << model) return 0;
-        std::cerr << path << " cannot be written\n";
-        return 6;
+    std::vector<std::filesystem::path> paths;
+    for (const auto& entry : std::filesystem::directory_iterator(argv[1])) paths.push_back(entry.path());
+    std::ranges::sort(paths);
+    std::vector<std::string> files;
+    for (const auto& path : paths) {
+        std::ifstream in(path, std::ios::binary);
+        check(files.emplace_back(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()));
     }
+    if (files.empty()) return 2;
     std::mt19937 random(1);
-    for (int i = 0; i < kMutations; ++i) {
-        std::string file = model;
+    for (int i = std::stoi(argv[2]); i > 0; --i) {
+        std::string file = files[random() % files.size()];
         for (unsigned count = 1 + random() % 4; count > 0; --count) mutate(file, random);
-        LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(file.data()), file.size());
+        check(file);
     }
     return 0;
 }

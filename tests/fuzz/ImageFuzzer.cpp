@@ -1,0 +1,32 @@
+// Still images: the loader and the search for faces.
+#include "FuzzSupport.h"
+
+#include <SelvioFacialCapture/linux/Codec.h>
+#include <SelvioFacialCapture/linux/Vision.h>
+
+#include <cmath>
+
+using namespace selvio;
+using selvio::test::require;
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static const auto handler = makeSequenceRequestHandler();
+    const test::InputFile file(data, size);
+    const auto picture = JpegPngImageLoader().loadImage(file.path());
+    if (!picture) {
+        test::requireReason(picture.error().localizedDescription);
+        return 0;
+    }
+    const PixelBufferLayout& layout = picture.value()->layout();
+    require(layout.format == kPixelFormat32BGRA && layout.width > 0 && layout.height > 0, "a picture is BGRA");
+    std::uint32_t sum = 0;
+    for (std::size_t i = 0; i < layout.planeBytes(0); i += 997) sum += picture.value()->data(0)[i];
+    require(sum < UINT32_MAX, "every byte can be read");
+    constexpr int kMostPixels = 64 * 64;  // the search takes as long as thousands of small files
+    if (layout.width * layout.height > kMostPixels || sum % 64 != 0) return 0;
+    const auto found = handler->perform({.pixelBuffer = picture.value(), .exifOrientation = 5, .isStillImage = true});
+    require(static_cast<bool>(found), "a picture can be searched");
+    for (const auto& face : found.value().observations)
+        require(std::isfinite(face.boundingBox.x + face.boundingBox.width), "a face has a place");
+    return 0;
+}

@@ -1,0 +1,26 @@
+// The script of a simulated camera.
+#include "FuzzSupport.h"
+
+#include <SelvioFacialCapture/simulated/MotionScript.h>
+
+#include <cmath>
+
+using namespace selvio;
+using selvio::test::require;
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const auto script = MotionScript::parse({reinterpret_cast<const char*>(data), size}, "script");
+    if (!script) {
+        test::requireReason(script.error().localizedDescription);
+        return 0;
+    }
+    const auto end = script.value().duration();
+    require(end.count() >= 0, "a script has a duration");
+    for (const auto time : {-end, end * 0, end / 3, end, end + std::chrono::hours(1)}) {
+        const MotionState state = script.value().stateAt(time);
+        require(std::isfinite(state.face.center.x + state.face.center.y + state.face.jawWidth + state.face.roll +
+                              state.light + state.noise),
+                "every moment has a state");
+    }
+    return 0;
+}
