@@ -1,0 +1,180 @@
+// Many short captures one after the other, each disturbed at random: late main queues, interrupts, faults, recordings.
+//
+//     soak CAPTURES [SEED]
+//
+// Prints what the process holds at every tenth of the way. Fails if that grows with the captures, or if one does not
+// end.
+#include "Session.h"
+#include "support/FakeVision.h"
+#include "support/Resources.h"
+#include "support/TemporaryDirectory.h"
+
+#include <SelvioFacialCapture/base/Log.h>
+#include <SelvioFacialCapture/base/MainQueue.h>
+#include <SelvioFacialCapture/linux/LinuxPlatform.h>
+#include <SelvioFacialCapture/simulated/SimulatedPlatform.h>
+
+#include <malloc.h>
+#include <array>
+#include <cstdio>
+#include <iostream>
+#include <random>
+
+namespace {
+
+using namespace selvio;
+using namespace std::chrono_literals;
+
+constexpr auto kFrame = 33ms;
+constexpr int kWithRecording = 40;  // one capture of so many
+constexpr int kWithTrueVision = 40;
+
+struct Silent final : app::RunOutput {
+    void event(const app::RunEvent& event) override { ++events[event.name]; }
+    void countdown(std::int64_t, bool) override {}
+    void message(const std::string&) override {}
+    std::map<std::string, long> events;
+};
+
+/// One capture and whoever disturbs it, as blocks on the main queue.
+class DisturbedCapture {
+public:
+    DisturbedCapture(unsigned seed, const std::shared_ptr<const SimulatedFrames>& frames,
+                     const std::filesystem::path& out, Silent& output)
+        : random_(seed) {
+        app::RunOptions options;
+        options.out = out;
+        options.parameters->setMode(chance(2) ? SelvioFacialCaptureModeManual : SelvioFacialCaptureModeAuto);
+        auto& camera = *options.parameters->cameraParameters();
+        records_ = chance(kWithRecording);
+        camera.setRecordVideo(records_);
+        camera.setRecordAudio(records_ && chance(2));
+
+        Platform platform = makeLinuxPlatform();
+        platform.mainQueue = main_;
+        capture_ = useSimulatedCamera(platform, frames, {.pacing = SimulatedPacing::Manual});
+        if (!chance(kWithTrueVision)) {
+            vision_->setAnswer([](const auto&) { return FaceLandmarksResult{}; });
+            platform.makeSequenceRequestHandler = [vision = vision_] { return vision; };
+        }
+        capture_->setFaults({.noCamera = chance(30),
+                             .noMicrophone = chance(10),
+                             .startFails = chance(30),
+                             .dropEvery = chance(10) ? 3 : 0});
+        if (chance(30)) capture_->setAccessAnswer(false);
+        steps_ = below(12);
+        session_ = app::Session::make(std::move(platform), options, {}, output, app::Language::English, [this] {
+            ended_ = true;
+            main_->quit();
+        });
+    }
+
+    /// Whether it came to its end.
+    bool run() {
+        main_->async([this] { session_->begin(); });
+        main_->async([this] { disturb(); });
+        main_->asyncAfter(20s, [this] { main_->quit(); });
+        main_->run();
+        return ended_;
+    }
+
+private:
+    unsigned below(unsigned end) { return static_cast<unsigned>(random_() % end); }
+    bool chance(unsigned one) { return below(one) == 0; }
+
+    void disturb() {
+        if (ended_) return;
+        if (steps_-- == 0) return session_->interrupted();
+        switch (below(8)) {
+            case 0:
+                session_->entered();
+                break;
+            case 1:
+                std::this_thread::sleep_for(2ms);  // the main queue is late
+                break;
+            case 2:
+                if (chance(8)) capture_->setFaults({.deviceLost = true});
+                break;
+            default:
+                capture_->deliverFrameAt(time_ += kFrame);
+        }
+        main_->asyncAfter(std::chrono::microseconds(below(1500)), [this] { disturb(); });
+    }
+
+    std::mt19937 random_;
+    const std::shared_ptr<MainQueue> main_ = std::make_shared<MainQueue>();
+    const std::shared_ptr<FakeSequenceRequestHandler> vision_ = std::make_shared<FakeSequenceRequestHandler>();
+    std::shared_ptr<SimulatedCaptureSystem> capture_;
+    std::shared_ptr<app::Session> session_;
+    std::chrono::nanoseconds time_{0};
+    unsigned steps_ = 0;
+    bool records_ = false;
+    bool ended_ = false;
+};
+
+struct Held {
+    test::Resources resources;
+    std::size_t bytes = 0;  // allocated
+    long residentKilobytes = 0;
+
+    static Held now() {
+        ::malloc_trim(0);
+        Held held{test::Resources::now(), ::mallinfo2().uordblks, 0};
+        std::ifstream status("/proc/self/status");
+        for (std::string word; status >> word;) {
+            if (word == "VmRSS:") status >> held.residentKilobytes;
+        }
+        return held;
+    }
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const int captures = argc > 1 ? std::atoi(argv[1]) : 0;
+    if (captures < 20) {
+        std::cerr << "usage: soak CAPTURES [SEED], at least 20 captures\n";
+        return 2;
+    }
+    const unsigned seed = argc > 2 ? static_cast<unsigned>(std::atoi(argv[2])) : 1;
+    setLogSink([](std::string_view) {});  // faults are logged by the thousand
+    auto null = std::ofstream("/dev/null");
+    std::cerr.rdbuf(null.rdbuf());  // and told to the person
+
+    const auto photo = std::filesystem::path(SELVIO_SAMPLES) / "astronaut.jpg";
+    const auto geometry = FaceGeometry::load(FaceGeometry::pathBeside(photo));
+    const auto picture = makeLinuxPlatform().imageLoader->loadImage(photo);
+    const auto script = MotionScript::load(std::filesystem::path(SELVIO_SAMPLES) / "scripts/steady.json");
+    const auto frames = SimulatedFrames::make(picture.value(), geometry.value(), script.value()).value();
+
+    const test::TemporaryDirectory directory;
+    Silent output;
+    std::printf("captures   allocated KiB   resident KiB   new blocks   descriptors   threads\n");
+    std::array<Held, 11> held;
+    for (int i = 0, tenth = 0; i <= captures; ++i) {
+        if (i == static_cast<int>(static_cast<long>(captures) * tenth / 10)) {
+            const Held& now = held[static_cast<std::size_t>(tenth++)] = Held::now();
+            std::printf("%8d %15zu %14ld %12ld %13zu %9zu\n", i, now.bytes / 1024, now.residentKilobytes,
+                        now.resources.blocks, now.resources.descriptors, now.resources.threads);
+            std::fflush(stdout);
+        }
+        if (i == captures) break;
+        if (!DisturbedCapture(seed * 1'000'003U + static_cast<unsigned>(i), frames, directory.path(), output).run()) {
+            std::printf("capture %d does not end\n", i);
+            return 1;
+        }
+    }
+    for (const auto& [name, count] : output.events) std::printf("%s: %ld\n", name.c_str(), count);
+
+    // The first half warms up what libraries keep for good.
+    const Held& before = held[5];
+    const Held& after = held[10];
+    const double half = captures / 2.0;
+    const double bytes = (static_cast<double>(after.bytes) - static_cast<double>(before.bytes)) / half;
+    const double blocks = static_cast<double>(after.resources.blocks - before.resources.blocks) / half;
+    std::printf("in the second half, a capture: %.1f bytes, %.3f blocks\n", bytes, blocks);
+    const bool grows = bytes > 32.0 || blocks > 0.5 || after.resources.descriptors > before.resources.descriptors + 2 ||
+                       after.resources.threads > before.resources.threads + 4;
+    if (grows) std::printf("grows\n");
+    return grows ? 1 : 0;
+}
