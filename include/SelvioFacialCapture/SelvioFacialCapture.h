@@ -1,4 +1,4 @@
-// Everything that a host includes. A capture with the default platform of the linked adapters, but for the screen:
+// Everything that a host includes. A capture, after `selvio::setDefaultPlatform(selvio::makeLinuxPlatform())`:
 //
 //     #include <SelvioFacialCapture/SelvioFacialCapture.h>
 //

@@ -11,14 +11,14 @@ namespace {
 // Sides of the squares in which small faces are sought, in shares of the picture's width. A face is found for certain
 // from 20 % of a square's side on, and mostly from 15 %.
 constexpr double kSequenceSquares = 0.8;
-constexpr std::array kPictureSquares{0.8, 0.5, 0.32};
+constexpr std::array kPictureSquares{0.62, 0.34};
 // How sure the detection must be there, and of heads that lie on their side: both show it much that resembles a face.
 constexpr double kLeastScoreOfUnlikely = 0.65;
 constexpr double kLeastSquare = 128.0;  // pixels: one of the network's for each of the picture's
 constexpr int kMostSquares = 72;        // of one size
 
 // Neighbouring squares share this part of their side: a face that the next larger squares miss lies whole in one.
-constexpr double kSquareOverlap = 0.35;
+constexpr double kSquareOverlap = 0.3;
 
 // Looking again: side of the square in sides of the face.
 constexpr double kAgainSquare = 3.0;
