@@ -29,5 +29,9 @@ function(selvio_shared name export_name)
   set_target_properties(
     ${name} PROPERTIES OUTPUT_NAME ${name} EXPORT_NAME ${export_name} VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
                        INSTALL_RPATH $ORIGIN LINK_DEPENDS ${exports} LINKER_LANGUAGE CXX)
-  install(TARGETS ${name} EXPORT SelvioFacialCaptureTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+  set(component core)
+  if(export_name MATCHES "^(Linux|Gtk)$")
+    string(TOLOWER ${export_name} component)
+  endif()
+  install(TARGETS ${name} EXPORT SelvioFacialCaptureTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT ${component} NAMELINK_COMPONENT dev)
 endfunction()
