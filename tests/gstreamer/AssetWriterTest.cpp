@@ -118,6 +118,7 @@ TEST_F(AssetWriterTest, WritesEveryFrameWholeInTheCodecAndSizeAskedFor) {
         EXPECT_EQ(video.value("nb_read_frames", ""), "45");
         EXPECT_NEAR(numberIn(video, "duration"), 1.5, 0.03);
         EXPECT_EQ(directory_.fileCount(), 1U) << "nothing else is left beside the file";
+        EXPECT_EQ(std::filesystem::status(file_).permissions(), std::filesystem::perms(0600));
         const std::string head = contentOf(file_);
         EXPECT_LT(head.find("moov"), head.find("mdat")) << "a player can start before it has all of the file";
         const std::string column =
@@ -332,8 +333,10 @@ TEST_F(AssetWriterTest, FailureAndCancellingLeaveNoFile) {
 TEST_F(AssetWriterTest, CannotStartWhereNoFileCanBeMade) {
     std::ofstream(file_) << "already here";
     const auto there = file_;
+    std::filesystem::create_symlink(there, directory_.path() / "selvio_link.part.mp4");
     for (const auto& path :
-         {directory_.path() / "missing" / "selvio_a.mp4", std::filesystem::path("/proc/selvio_a.mp4"), there}) {
+         {directory_.path() / "missing" / "selvio_a.mp4", std::filesystem::path("/proc/selvio_a.mp4"),
+          directory_.path() / "selvio_link.mp4", there}) {
         SCOPED_TRACE(path);
         LogCapture log;
         file_ = path;
@@ -342,7 +345,7 @@ TEST_F(AssetWriterTest, CannotStartWhereNoFileCanBeMade) {
         EXPECT_THAT(log.take(), Contains(HasSubstr(path.string())));
         EXPECT_FALSE(video_->isReadyForMoreMediaData());
         EXPECT_EQ(finish(), AssetWriterStatus::Failed);
-        EXPECT_EQ(directory_.fileCount(), 1U);
+        EXPECT_EQ(directory_.fileCount(), 2U);
         EXPECT_EQ(contentOf(there), "already here");
     }
 }

@@ -279,8 +279,9 @@ private:
         if (!video_.input && !audio_.input) return Error{"there is no track to record"};
         std::error_code ignored;
         if (fs::exists(path_, ignored)) return Error{"\"" + path_.string() + "\" exists already"};
-        // Found out here rather than by the pipeline, whose message does not name the reason.
-        const int part = ::open(partPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+        // Made here rather than by the pipeline, whose message does not name the reason: for the owner alone, and not
+        // where a link leads.
+        const int part = ::open(partPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
         if (part < 0)
             return Error{"could not create \"" + path_.string() + "\": " + std::generic_category().message(errno)};
         ::close(part);
