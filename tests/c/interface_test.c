@@ -1,10 +1,13 @@
 // The C interface from C11 alone: errors instead of crashes, values there and back, the callbacks' threads and ends.
+#define _POSIX_C_SOURCE 200809L
 #include <SelvioFacialCapture/c/selvio_facial_capture.h>
 #include <pthread.h>
+#include <sched.h>
 #include <stdatomic.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <time.h>
 
 static atomic_int failures;
 #define CHECK(condition) check((condition), __LINE__, #condition)
@@ -28,9 +31,18 @@ static void check_error(int line, char* error, const char* text) {
     selvio_free(error);
 }
 
-static atomic_int log_lines;
-static void count_line(void* user, const char* message) {
-    atomic_fetch_add((atomic_int*)user, message[0] != 0);
+struct slow_calls {
+    atomic_int begun, ended;
+};
+
+static void slow_call(struct slow_calls* calls) {
+    atomic_fetch_add(&calls->begun, 1);
+    nanosleep(&(struct timespec){.tv_nsec = 20000000}, NULL);
+    atomic_fetch_add(&calls->ended, 1);
+}
+
+static void slow_line(void* user, const char* message) {
+    if (message[0] != 0) slow_call(user);
 }
 
 struct told {
@@ -67,6 +79,17 @@ static void count_block(void* user) {
 
 static void count_release(void* user) {
     atomic_fetch_add((atomic_int*)user, 1);
+}
+
+static void slow_report(void* user, const selvio_results* results) {
+    (void)results;
+    slow_call(user);
+}
+
+static void* run_main_queue(void* unused) {
+    (void)unused;
+    CHECK(selvio_main_queue_run(NULL));
+    return NULL;
 }
 
 static void wrong_arguments(selvio_platform* platform, selvio_parameters* parameters) {
@@ -209,23 +232,33 @@ static void judging(selvio_platform* platform, selvio_parameters* parameters) {
     CHECK(selvio_main_queue_seconds_until_next() == 0 && selvio_main_queue_drain(&error) == 1 && told.blocks == 1);
     CHECK(selvio_main_queue_seconds_until_next() == -1);
     CHECK(selvio_analyzer_cancel(told.analyzer, &error) && told.cancelled == 1);
+
+    struct slow_calls reports = {0, 0};
+    selvio_analyzer* analyzer = selvio_analyzer_create(platform, parameters, &error);
+    const selvio_analyzer_callbacks slow = {.user = &reports, .detection_results = slow_report};
+    CHECK(selvio_analyzer_set_callbacks(analyzer, &slow, &error) && selvio_analyzer_resume(analyzer, &error));
+    pthread_t thread;
+    CHECK(pthread_create(&thread, NULL, run_main_queue, NULL) == 0);
+    CHECK(selvio_analyzer_analyze_frame(analyzer, frame, &error));
+    while (reports.begun == 0) sched_yield();
+    selvio_analyzer_destroy(analyzer);
+    CHECK(reports.begun == 1 && reports.ended == 1);  // the one that ran has been waited for
+    selvio_main_queue_quit();
+    pthread_join(thread, NULL);
     selvio_frame_destroy(frame);
 }
 
 struct camera_told {
     selvio_camera* camera;
-    pthread_mutex_t mutex;
-    pthread_cond_t changed;
-    int frames, ready;  // guarded by mutex
+    struct slow_calls frames;
+    atomic_int ready, wrong;
 };
 
 static void told_ready(void* user) {
     struct camera_told* told = user;
     char* error;
     FAILS(selvio_camera_wait_until_started(told->camera, &error), "cannot wait");
-    pthread_mutex_lock(&told->mutex);
-    ++told->ready;
-    pthread_mutex_unlock(&told->mutex);
+    atomic_fetch_add(&told->ready, 1);
 }
 
 static void told_frame(void* user, const selvio_frame* frame) {
@@ -233,15 +266,13 @@ static void told_frame(void* user, const selvio_frame* frame) {
     selvio_pixels pixels;
     const bool portrait = selvio_frame_get_pixels(frame, &pixels, NULL) && pixels.width == 480 &&
                           pixels.height == 640 && pixels.format == SELVIO_PIXEL_FORMAT_BGRA;
-    pthread_mutex_lock(&told->mutex);
-    told->frames += portrait ? 1 : -1000;
-    pthread_cond_signal(&told->changed);
-    pthread_mutex_unlock(&told->mutex);
+    atomic_fetch_add(&told->wrong, !portrait);
+    slow_call(&told->frames);
 }
 
 /// A camera opens, delivers until it is destroyed and not any more, says when it is lost, and is refused without one.
 static void cameras(selvio_platform* platform) {
-    struct camera_told told = {.mutex = PTHREAD_MUTEX_INITIALIZER, .changed = PTHREAD_COND_INITIALIZER};
+    struct camera_told told = {.camera = NULL};
     const selvio_camera_callbacks callbacks = {
         .user = &told, .did_finish_configuring = told_ready, .did_receive_frame = told_frame};
     const selvio_camera_options options = {SELVIO_CAMERA_BACK, SELVIO_PRESET_640X480, SELVIO_PIXEL_FORMAT_BGRA, false};
@@ -251,26 +282,27 @@ static void cameras(selvio_platform* platform) {
     CHECK(selvio_camera_wait_until_started(told.camera, &error) && selvio_camera_is_running(told.camera, &error));
     FAILS(selvio_camera_configure(told.camera, NULL, &error), "already");
     CHECK(selvio_camera_set_torch(told.camera, true, &error));
-    pthread_mutex_lock(&told.mutex);
-    while (told.frames >= 0 && told.frames < 3) pthread_cond_wait(&told.changed, &told.mutex);
-    CHECK(told.frames >= 3 && told.ready == 1);
-    pthread_mutex_unlock(&told.mutex);
+    while (told.frames.begun < 3) sched_yield();
+    while (told.frames.begun == told.frames.ended) sched_yield();
     selvio_camera_destroy(told.camera);
+    CHECK(told.frames.begun == told.frames.ended && told.ready == 1 && told.wrong == 0);
     memset(&told, 0xff, sizeof told);  // nobody may use it any more
 
     CHECK(selvio_platform_set_faults(platform, SELVIO_FAULT_NO_CAMERA, &error));
     selvio_camera* none = selvio_camera_create(platform, NULL, NULL, &error);
-    const int before = log_lines;
+    struct slow_calls lines = {0, 0};
+    CHECK(selvio_set_log_callback(slow_line, &lines, &error));
     CHECK(selvio_camera_configure(none, NULL, &error) && selvio_camera_start(none, &error));
+    while (lines.begun == 0) sched_yield();
+    CHECK(selvio_set_log_callback(NULL, NULL, &error));
+    CHECK(lines.begun == 1 && lines.ended == 1);  // the one that ran has been waited for
     FAILS(selvio_camera_wait_until_started(none, &error), "could not be opened");
-    CHECK(log_lines > before);
     selvio_camera_destroy(none);
 }
 
 int main(int argc, char** argv) {
     if (argc != 3) return 2;
     CHECK(strchr(selvio_version(), '.') != NULL);
-    CHECK(selvio_set_log_callback(count_line, &log_lines, &error));
     selvio_platform* platform = selvio_platform_create_simulated(argv[1], argv[2], &error);
     selvio_parameters* parameters = selvio_parameters_create(&error);
     CHECK(platform != NULL && parameters != NULL && selvio_platform_wait_for_models(platform, &error));
@@ -281,7 +313,6 @@ int main(int argc, char** argv) {
     cameras(platform);
     selvio_parameters_destroy(parameters);
     selvio_platform_destroy(platform);
-    CHECK(selvio_set_log_callback(NULL, NULL, &error));
     printf("%d failures\n", failures);
     return failures == 0 ? 0 : 1;
 }
