@@ -3,6 +3,16 @@ add_library(selvio_options INTERFACE)
 # GCC 12 reports an impossible overlap inside std::string's operator+ (GCC bug 105651), hence -Wno-restrict.
 target_compile_options(selvio_options INTERFACE -Wall -Wextra -Wpedantic -Wconversion $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict> $<$<BOOL:${SELVIO_WARNINGS_AS_ERRORS}>:-Werror>)
 
+if(SELVIO_HARDENING)
+  include(CheckPIESupported)
+  check_pie_supported(LANGUAGES CXX)
+  add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3 -fstack-protector-strong -fstack-clash-protection)
+  if(CMAKE_SYSTEM_PROCESSOR STREQUAL "x86_64")
+    add_compile_options(-fcf-protection=full)
+  endif()
+  add_link_options(LINKER:-z,relro,-z,now,-z,noexecstack)
+endif()
+
 # selvio_folder(NAME SOURCES a.cpp ... LINKS target ...): one folder, one target. The objects go into the library that exports the component.
 function(selvio_folder name)
   cmake_parse_arguments(ARG "" "" "SOURCES;LINKS" ${ARGN})

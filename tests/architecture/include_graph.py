@@ -27,14 +27,14 @@ PUBLIC = {
     "SelvioFacialCaptureCamera.h": "camera",
     "SelvioFacialCaptureCameraDelegate.h": "camera",
 }
-PUBLIC_FOLDERS = {"rules": "analyzer/rules", "linux": "platform/linux", "simulated": "platform/simulated"}
+PUBLIC_FOLDERS = {"c": "c", "rules": "analyzer/rules", "linux": "platform/linux", "simulated": "platform/simulated"}
 
 FOLDER = re.compile(r"^selvio_folder\(\s*(\w+)([^)]*)\)", re.MULTILINE)
 LIBRARY = re.compile(r"^selvio_shared\(\s*(\w+)\s+\w+\s+FOLDERS([^)]*?)(?:LINKS[^)]*)?\)", re.MULTILINE)
 ROW = re.compile(r"^\| `([\w/-]+)/` \|.*\|([^|]*)\|$", re.MULTILINE)
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]', re.MULTILINE)
 STANDARD = re.compile(r"^[a-z_0-9]+$")
-C_STANDARD = {"assert.h", "errno.h", "fcntl.h", "poll.h", "signal.h", "stdint.h", "stdlib.h", "string.h", "unistd.h", "dlfcn.h", "pthread.h"}
+C_STANDARD = {"assert.h", "errno.h", "fcntl.h", "poll.h", "signal.h", "stdbool.h", "stddef.h", "stdint.h", "stdlib.h", "string.h", "unistd.h", "dlfcn.h", "pthread.h"}
 JSON = re.compile(r"^nlohmann/")
 
 

@@ -33,8 +33,8 @@ struct RecordingOptions {
 /// - In real time an input that has fallen behind says so through `isReadyForMoreMediaData`; nothing ever waits for the
 ///   encoder.
 /// - Until it is finished a recording lies beside its path under a name with the same beginning and end
-///   (`name.part.mp4`); failure, cancelling and destruction remove it. It never takes more disk space than the finished
-///   file.
+///   (`name.part.mp4`), readable for its owner alone; what lay there is removed, a link included. Failure, cancelling
+///   and destruction remove it. It never takes more disk space than the finished file.
 /// - The status becomes Failed, with one line in the log that gives the reason, when the file cannot be created, exists
 ///   already, cannot be written or moved into place, when the encoder fails, or when nothing was recorded.
 /// - `canAddInput` is false, with one line in the log that names the Debian package, when the encoder, its parser or

@@ -279,8 +279,8 @@ private:
         if (!video_.input && !audio_.input) return Error{"there is no track to record"};
         std::error_code ignored;
         if (fs::exists(path_, ignored)) return Error{"\"" + path_.string() + "\" exists already"};
-        // Found out here rather than by the pipeline, whose message does not name the reason.
-        // A file of that name is left over or placed by somebody else: it is not written through.
+        // Made here rather than by the pipeline, whose message does not name the reason: for the owner alone. What lies
+        // there is left over or a link of somebody else's, and is not written through.
         ::unlink(partPath_.c_str());
         const int part = ::open(partPath_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
         if (part < 0)

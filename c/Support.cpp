@@ -1,0 +1,104 @@
+#include "c/Support.h"
+
+#include <SelvioFacialCapture/SelvioFacialCaptureVersion.h>
+#include <SelvioFacialCapture/base/Log.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <string_view>
+#include <utility>
+
+namespace selvio::c {
+namespace {
+
+char* duplicate(const char* text) noexcept {
+    const std::size_t size = std::strlen(text) + 1;
+    auto* const copy = static_cast<char*>(std::malloc(size));
+    return copy != nullptr ? static_cast<char*>(std::memcpy(copy, text, size)) : nullptr;
+}
+
+struct LogReceiver {
+    void* user = nullptr;
+    void (*receive)(void* user, const char* message) = nullptr;
+};
+
+}  // namespace
+
+void reportException(char** error) noexcept {
+    if (error == nullptr) return;
+    try {
+        throw;
+    } catch (const std::exception& exception) {
+        *error = duplicate(exception.what());
+    } catch (...) {
+        *error = duplicate("unknown failure");
+    }
+}
+
+void* copyForCaller(const void* bytes, std::size_t size) {
+    void* const copy = std::malloc(std::max<std::size_t>(size, 1));
+    if (copy == nullptr) throw std::bad_alloc();
+    return std::memcpy(copy, bytes, size);
+}
+
+bool Gate::enter() noexcept {
+    try {
+        const std::lock_guard lock(mutex_);
+        if (closed_) return false;
+        inside_.push_back(std::this_thread::get_id());
+        return true;
+    } catch (const std::exception&) {
+        return false;  // without memory the host misses a call
+    }
+}
+
+void Gate::leave() {
+    {
+        const std::lock_guard lock(mutex_);
+        inside_.erase(std::find(inside_.begin(), inside_.end(), std::this_thread::get_id()));
+    }
+    left_.notify_all();
+}
+
+void Gate::close() {
+    std::unique_lock lock(mutex_);
+    closed_ = true;
+    if (!isInsideLocked()) left_.wait(lock, [this] { return inside_.empty(); });
+}
+
+bool Gate::isInside() const {
+    const std::lock_guard lock(mutex_);
+    return isInsideLocked();
+}
+
+bool Gate::isInsideLocked() const {
+    return std::find(inside_.begin(), inside_.end(), std::this_thread::get_id()) != inside_.end();
+}
+
+}  // namespace selvio::c
+
+using namespace selvio::c;
+
+const char* selvio_version() {
+    static const std::string version = SelvioFacialCapture::version();
+    return version.c_str();
+}
+
+void selvio_free(void* memory) {
+    std::free(memory);
+}
+
+bool selvio_set_log_callback(selvio_log_callback callback, void* user, char** error) {
+    static Replaceable<LogReceiver> inForce;
+    return guarded(error, [&] {
+        const LogReceiver receiver{user, callback};
+        inForce.replace(callback != nullptr ? &receiver : nullptr, [](const Replaceable<LogReceiver>::Shared& next) {
+            if (!next) return (void)selvio::setLogSink({});
+            selvio::setLogSink(
+                [next](std::string_view message) { next->call(&LogReceiver::receive, std::string(message).c_str()); });
+        });
+        return true;
+    });
+}

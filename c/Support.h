@@ -1,0 +1,151 @@
+// What the functions of the C interface have in common: handles, errors, callbacks.
+#pragma once
+
+#include <SelvioFacialCapture/SelvioFacialCaptureAnalyzer.h>
+#include <SelvioFacialCapture/SelvioFacialCaptureCamera.h>
+#include <SelvioFacialCapture/base/MemberMutex.h>
+#include <SelvioFacialCapture/c/selvio_facial_capture.h>
+#include <SelvioFacialCapture/imaging/SampleBuffer.h>
+#include <SelvioFacialCapture/linux/Device.h>
+#include <SelvioFacialCapture/platform/Platform.h>
+#include <SelvioFacialCapture/simulated/SimulatedCaptureSystem.h>
+
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace selvio::c {
+
+/// Ends a function with this error text.
+struct Failure : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+/// For the exception that is being handled.
+void reportException(char** error) noexcept;
+
+/// Runs the body of a function: what it throws becomes the error text, and the result is then empty.
+template <typename Body>
+auto guarded(char** error, const Body& body) noexcept -> decltype(body()) {
+    if (error != nullptr) *error = nullptr;
+    try {
+        return body();
+    } catch (...) {
+        reportException(error);
+        return decltype(body())();
+    }
+}
+
+/// The same with another result after an error.
+template <typename Result, typename Body>
+Result guardedOr(Result failed, char** error, const Body& body) noexcept {
+    std::optional<Result> result;
+    guarded(error, [&] { return result = body(), true; });
+    return result.value_or(failed);
+}
+
+/// What an argument points to; `name` says which one it is.
+template <typename T>
+T& required(T* pointer, const char* name) {
+    if (pointer == nullptr) throw Failure(std::string(name) + " is NULL");
+    return *pointer;
+}
+
+/// A copy that the caller frees.
+void* copyForCaller(const void* bytes, std::size_t size);
+
+/// Lets callbacks through until it is closed.
+class Gate {
+public:
+    /// Calls the callback, unless the gate is closed.
+    template <typename Callback>
+    void pass(const Callback& callback) {
+        if (!enter()) return;
+        callback();
+        leave();
+    }
+    /// On return no callback begins any more and none runs on another thread. From inside one it does not wait.
+    void close();
+    /// Whether the calling thread is inside a callback.
+    [[nodiscard]] bool isInside() const;
+
+private:
+    bool enter() noexcept;
+    void leave();
+    [[nodiscard]] bool isInsideLocked() const;
+
+    mutable std::mutex mutex_;
+    std::condition_variable left_;
+    bool closed_ = false;                  // guarded by mutex_
+    std::vector<std::thread::id> inside_;  // guarded by mutex_; one entry a callback
+};
+
+/// A host's callbacks and the gate before them.
+template <typename Struct>
+struct Callbacks {
+    Struct members{};
+    Gate gate{};
+
+    /// Calls a member with `user` and these arguments, if there is one.
+    template <typename... Parameters, typename... Arguments>
+    void call(void (*Struct::*member)(void*, Parameters...), Arguments... arguments) {
+        if (const auto callback = members.*member) gate.pass([&] { callback(members.user, arguments...); });
+    }
+};
+
+/// The callbacks in force at one place, until others take their place.
+template <typename Struct>
+class Replaceable {
+public:
+    using Shared = std::shared_ptr<Callbacks<Struct>>;
+
+    /// `install` gets what is to be called from now on: null for nothing. Then the former callbacks end.
+    template <typename Install>
+    void replace(const Struct* next, const Install& install) {
+        auto callbacks = next != nullptr ? std::make_shared<Callbacks<Struct>>() : nullptr;
+        if (callbacks) callbacks->members = *next;
+        {
+            const std::lock_guard lock(mutex_);
+            install(callbacks);
+            current_.swap(callbacks);
+        }
+        if (callbacks) callbacks->gate.close();
+    }
+
+private:
+    std::mutex mutex_;
+    Shared current_;  // guarded by mutex_
+};
+
+}  // namespace selvio::c
+
+// The handles.
+
+struct selvio_platform {
+    selvio::Platform ports;
+    std::shared_ptr<selvio::LinuxScreen> screen;
+    std::shared_ptr<selvio::SimulatedCaptureSystem> simulated;  // null on this machine's own cameras
+};
+
+struct selvio_parameters {
+    std::shared_ptr<SelvioFacialCaptureParameters> object;
+};
+
+struct selvio_frame {
+    std::shared_ptr<selvio::SampleBuffer> object;
+};
+
+struct selvio_results {
+    std::shared_ptr<SelvioFacialCaptureResults> object;
+};
+
+struct selvio_analyzer {
+    std::shared_ptr<SelvioFacialCaptureAnalyzer> object;
+    std::shared_ptr<SelvioFacialCaptureAnalyzerDelegate> delegate{};  // written by the callbacks' `install`
+    selvio::c::Replaceable<selvio_analyzer_callbacks> callbacks{};
+};

@@ -1,0 +1,203 @@
+"""The Python package: a capture whose callbacks raise, closed and forgotten objects, pictures, the main queue."""
+import gc
+import inspect
+import json
+import pathlib
+import queue
+import re
+import subprocess
+import sys
+import tomllib
+import unittest
+import weakref
+from unittest import mock
+
+import numpy
+import selvio_facial_capture as selvio
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+SCENE = (ROOT / "samples/astronaut.jpg", ROOT / "samples/scripts/steady.json")
+
+
+class Boom(Exception):
+    pass
+
+
+class PackageTest(unittest.TestCase):
+    def setUp(self):
+        self.platform = selvio.Platform.simulated(*SCENE)
+        self.addCleanup(self.platform.close)
+
+    def test_a_capture_survives_callbacks_that_raise(self):
+        told, unraisable = [], []
+
+        def results(results):
+            told.append(results)
+            if len(told) == 2:
+                analyzer.select_frame()
+            raise Boom(len(told))
+
+        def success(results):
+            told.append(results)
+            analyzer.close()  # from inside its own callback
+            selvio.quit()
+
+        def frame(_):
+            raise Boom("frame")
+
+        parameters = selvio.Parameters(countdown_time=5)
+        analyzer = selvio.Analyzer(
+            self.platform,
+            parameters,
+            on_results=results,
+            on_countdown=lambda: None,
+            on_success=success,
+        )
+        camera = selvio.Camera(self.platform, parameters, on_frame=frame)
+        with mock.patch("sys.unraisablehook", lambda what: unraisable.append(what.exc_value)), analyzer, camera:
+            camera.set_analyzer(analyzer)
+            camera.start()
+            analyzer.resume()
+            raised = 0
+            while True:
+                try:
+                    self.assertTrue(selvio.run(timeout=60))
+                    break
+                except (Boom, BaseExceptionGroup):
+                    raised += 1
+        self.assertGreaterEqual(raised, 1)  # what is raised within one drain counts once
+        self.assertTrue(unraisable and all(isinstance(error, Boom) for error in unraisable))
+        self.assertEqual({result.status for result in told[:-1]}, {selvio.Status.COUNTDOWN})
+        self.assertEqual(told[-1].statuses, (selvio.Status.GOOD_FRAME,))
+        self.assertEqual(told[-1].code, selvio.ResultCode.SUCCESS_VIDEO)
+        self.assertEqual(told[-1].jpeg[:3], b"\xff\xd8\xff")
+        record = json.loads(told[-1].record)
+        self.assertEqual((record["SelvioResultCode"], record["Parameters"]["CountdownTime"]), ("SuccessVideo", "5"))
+        rect = told[-1].face_rect
+        self.assertTrue(0 < rect.x < rect.x + rect.width < 1080 and len(told[-1].face_contour) == 17)
+
+    def test_cancelling_raises_what_its_callback_raises_and_the_main_queue_what_its_blocks_raise(self):
+        cancelled = mock.Mock(side_effect=Boom)
+        analyzer = selvio.Analyzer(self.platform, on_cancelled=cancelled)
+        self.assertRaises(Boom, analyzer.cancel)
+        self.assertEqual(cancelled.call_args[0][0].code, selvio.ResultCode.CANCELLED)
+        analyzer.cancel()  # spent: nothing more
+        cancelled.assert_called_once()
+
+        ran = []
+        selvio.call_after(0, lambda: ran.append(selvio.drain()))  # not from inside a block
+        selvio.call_after(0, mock.Mock(side_effect=Boom))
+        selvio.call_after(0, lambda: ran.append("last"))
+        with self.assertRaises(BaseExceptionGroup) as group:
+            selvio.drain()
+        self.assertEqual([type(error) for error in group.exception.exceptions], [selvio.Error, Boom])
+        self.assertEqual(ran, ["last"])
+        self.assertIsNone(selvio.seconds_until_next())
+        self.assertFalse(selvio.run(timeout=0))
+        selvio.quit()
+        self.assertTrue(selvio.run())
+        self.assertRaises(selvio.Error, selvio.call_after, -1, print)
+
+    def test_a_closed_object_refuses_every_call(self):
+        frame = selvio.Frame.from_bgra(bytes(16), 2, 2)
+        arguments = {"analyze": [frame], "set_torch": [True], "set_analyzer": [None], "judge": [frame],
+                     "set_screen_size": [1, 1], "set_faults": [selvio.Fault(0)]}  # fmt: skip
+        objects = [selvio.Camera(self.platform), selvio.Analyzer(self.platform), self.platform]
+        calls = 0
+        for closed in objects:
+            closed.close()
+            closed.close()
+            for name, _ in inspect.getmembers(type(closed), inspect.isfunction):
+                if not name.startswith("_") and name != "close":
+                    with self.subTest(name=name), self.assertRaisesRegex(ValueError, "is closed"):
+                        getattr(closed, name)(*arguments.get(name, []))
+                    calls += 1
+        self.assertGreaterEqual(calls, 14)
+        for make in selvio.Camera, selvio.Analyzer:
+            self.assertRaisesRegex(ValueError, "platform is closed", make, self.platform)
+
+    def test_forgotten_objects_end(self):
+        frames = queue.SimpleQueue()
+        camera = selvio.Camera(self.platform, on_frame=frames.put)
+        camera.knot = camera  # garbage for the collector only
+        camera.start()
+        frames.get(timeout=10)
+        forgotten = weakref.ref(camera)
+        del camera
+        while forgotten():
+            gc.collect()  # a callback that runs still holds it
+        while not frames.empty():
+            frames.get()
+        with self.assertRaises(queue.Empty):
+            frames.get(timeout=0.3)
+
+        script = f"""
+import sys, threading, selvio_facial_capture as selvio
+seen = threading.Event()
+selvio.set_log(print)
+platform = selvio.Platform.simulated({str(SCENE[0])!r}, {str(SCENE[1])!r})
+analyzer = selvio.Analyzer(platform, on_results=print, on_countdown=seen.set)
+camera = selvio.Camera(platform, on_frame=lambda frame: frame.planes())
+camera.set_analyzer(analyzer)
+camera.start()
+analyzer.resume()
+while not seen.is_set():
+    selvio.run(timeout=0.1)
+sys.exit(3)
+"""
+        ended = subprocess.run([sys.executable, "-B", "-c", script], capture_output=True, text=True, timeout=60)
+        self.assertEqual((ended.returncode, ended.stderr), (3, ""))
+
+    def test_pictures_and_parameters_are_what_they_were_made_of(self):
+        channels = numpy.arange(2 * 3 * 3, dtype=numpy.uint8).reshape(2, 3, 3)
+        bgra = selvio.Frame.from_array(channels, "RGB").to_array()
+        self.assertTrue((bgra[:, :, 2::-1] == channels).all() and (bgra[:, :, 3] == 255).all())
+        self.assertTrue((selvio.Frame.from_array(bgra, "BGRA").to_array() == bgra).all())
+        padded = selvio.Frame.from_nv12(b"abcd" * 3, bytearray(b"uvUV__" * 2), 3, 3, 4, 6)
+        self.assertEqual(padded.planes(), (b"abcabcabc", b"uvUVuvUV"))
+        self.assertEqual((padded.width, padded.height, padded.pixel_format), (3, 3, selvio.PixelFormat.NV12))
+        for wrong in (
+            lambda: selvio.Frame.from_bgra(bytes(15), 2, 2),
+            lambda: selvio.Frame.from_bgra(bytes(16), 2, 2, 7),
+            lambda: selvio.Frame.from_bgra(bytes(16), 2 - 2**32, 2),
+            lambda: selvio.Frame.from_bgra(numpy.zeros((2, 4, 4), numpy.uint8)[:, ::2], 2, 2),
+            lambda: selvio.Frame.from_array(channels, "BGRA"),
+            lambda: selvio.Frame.from_array(channels, "RGR"),
+            lambda: selvio.Frame.from_array(channels.astype(float)),
+            lambda: padded.to_array(),
+        ):
+            with self.subTest(inspect.getsource(wrong)):
+                self.assertRaises(ValueError, wrong)
+        parameters = selvio.Parameters(min_fill=2**70, record_video=True, mode=selvio.Mode.MANUAL)
+        self.assertEqual((parameters.min_fill, parameters.max_fill, parameters.record_video), (800, 900, True))
+        self.assertIs(parameters.mode, selvio.Mode.MANUAL)
+        self.assertRaises(selvio.Error, setattr, parameters, "mode", 3)
+        self.assertRaises(AttributeError, setattr, parameters, "rol", 3)
+        self.assertRaises(TypeError, selvio.Parameters, rol=3)
+
+    def test_a_camera_that_is_not_there_is_an_error_and_a_line_of_the_log(self):
+        lines = []
+        selvio.set_log(lines.append)
+        self.addCleanup(selvio.set_log, None)
+        self.platform.set_faults(selvio.Fault.NO_CAMERA)
+        with selvio.Camera(self.platform) as camera, self.assertRaisesRegex(selvio.Error, "could not be opened"):
+            camera.start()
+        self.assertIn("Could not discover a capture device", lines)
+        self.assertRaisesRegex(selvio.Error, "/none.jpg", selvio.Platform.simulated, "/none.jpg")
+
+    def test_what_is_written_elsewhere_agrees(self):
+        project = tomllib.loads((ROOT / "python/pyproject.toml").read_text())["project"]
+        self.assertEqual(project["version"], selvio.version())
+        header = (ROOT / "include/SelvioFacialCapture/c/selvio_facial_capture.h").read_text()
+        for prefix, kind in (("STATUS", selvio.Status), ("RESULT", selvio.ResultCode), ("FAULT", selvio.Fault)):
+            told = {name: int(value) for name, value in re.findall(rf"SELVIO_{prefix}_(\w+) = (\d+)", header)}
+            self.assertEqual(told, {member.name: int(member) for member in kind})
+        guide = (ROOT / "docs/host-guide.md").read_text()
+        examples = {"c": ROOT / "examples/c/capture.c", "python": ROOT / "examples/python/capture.py"}
+        for language, example in examples.items():
+            blocks = re.findall(rf"```{language}\n(.*?)```", guide, re.DOTALL)
+            self.assertTrue(blocks and all(block in example.read_text() for block in blocks), language)
+
+
+if __name__ == "__main__":
+    unittest.main()
