@@ -105,12 +105,12 @@ TEST_F(PipeWireCapture, CamerasComeAndGo) {
 }
 
 TEST_F(PipeWireCapture, DeliversUprightAndCroppedAndFramesMayBeHeld) {
-    const auto publisher = publish("Camera1", "front", "format=NV12,width=640,height=360");
+    const auto publisher = publish("Camera1", "front", "format=NV12,width=640,height=480");
     const auto camera = find("Camera1");
     ASSERT_NE(camera, nullptr);
     for (const PixelFormat format : {kPixelFormat420v, kPixelFormat32BGRA})
-        expectDelivery(system_, camera, {640, 360, format, VideoOrientation::Portrait, 202, 360});
-    const auto other = publish("Camera3", "front", "format=NV12,width=640,height=360", "snow");
+        expectDelivery(system_, camera, {640, 480, format, VideoOrientation::Portrait, 270, 480});
+    const auto other = publish("Camera3", "front", "format=NV12,width=640,height=480", "snow");
     expectFramesMayBeHeld(system_, find("Camera3"));
 }
 
