@@ -80,6 +80,7 @@ void addRun(CLI::App& run, RunOptions& options) {
     run.add_option("--script", options.script, "motion script for the simulated camera");
     run.add_option("--out", options.out, "directory for the results")->capture_default_str();
     run.add_flag("--json", options.json, "one JSON object a line for every call of the component");
+    run.add_flag("--report", options.report, "a page about the capture, report.html, beside its results");
     run.add_flag("--preview", options.preview, "show the camera in a window where there is a display");
     run.add_option_function<std::string>(
            "--mode",
@@ -159,6 +160,12 @@ std::variant<Command, ExitCode> parseCommandLine(std::vector<std::string> argume
     show->add_option("PHOTO", showOptions.photograph, "JPEG file, or a record.json")->required()->type_name("");
     show->add_flag("--json", showOptions.json, "the record as it is");
 
+    ReportOptions reportOptions;
+    auto* report = app.add_subcommand("report", "Make a page of a capture's photograph and record");
+    report->add_option("PHOTO", reportOptions.source, "JPEG file, or a record.json")->required()->type_name("");
+    report->add_option("-o,--out", reportOptions.out, "HTML file; default: beside PHOTO; -: standard output")
+        ->type_name("FILE");
+
     DevicesOptions devicesOptions;
     auto* devices = app.add_subcommand("devices", "List cameras, formats and microphones");
     devices->add_flag("--json", devicesOptions.json, "one JSON object a line for every device");
@@ -175,6 +182,7 @@ std::variant<Command, ExitCode> parseCommandLine(std::vector<std::string> argume
             checkRules(*check, *checkOptions.parameters);
             return Command(checkOptions);
         }
+        if (report->parsed()) return Command(reportOptions);
         return show->parsed() ? Command(showOptions) : Command(devicesOptions);
     } catch (const CLI::Success& request) {
         return static_cast<ExitCode>(app.exit(request, std::cout, std::cerr));

@@ -9,8 +9,10 @@ namespace selvio::app {
 [[nodiscard]] ExitCode perform(const RunOptions& options);
 /// Judges each image and prints the verdicts. Images that cannot be read do not keep the others from being judged.
 [[nodiscard]] ExitCode perform(const CheckOptions& options);
-/// Prints the record in the photograph's EXIF user comment as it stands there.
+/// Prints the record in the photograph's EXIF user comment, for people or as it stands there.
 [[nodiscard]] ExitCode perform(const ShowOptions& options);
+/// Writes a page about the capture.
+[[nodiscard]] ExitCode perform(const ReportOptions& options);
 /// Lists what there is to capture with.
 [[nodiscard]] ExitCode perform(const DevicesOptions& options);
 

@@ -1,0 +1,113 @@
+#!/usr/bin/env python3
+"""The program's pages, as a person or a script gets them. Usage: reports_and_batches.py PROGRAM SOURCE_DIR"""
+import base64
+import html.parser
+import json
+import os
+import pathlib
+import re
+import subprocess
+import sys
+import tempfile
+import unittest
+
+PROGRAM, SOURCE = sys.argv[1], pathlib.Path(sys.argv[2])
+SAMPLES = SOURCE / "samples"
+
+
+def run(*arguments, stdin=None, language="C"):
+    return subprocess.run([PROGRAM, *map(str, arguments)], input=stdin, capture_output=True, text=True, timeout=120,
+                          env={**os.environ, "LC_ALL": language})
+
+
+class InFolder(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.folder = pathlib.Path(folder.name)
+
+    def write(self, name, content):
+        path = self.folder / name
+        path.parent.mkdir(parents=True, exist_ok=True)
+        path.write_bytes(content if isinstance(content, bytes) else content.encode())
+        return path
+
+
+class Page(html.parser.HTMLParser):
+    """What a browser makes of a page: its text by rows of cells, and whatever it would load or run."""
+
+    def __init__(self, text):
+        super().__init__()
+        self.tags, self.rows, self.images, self.foreign = set(), [], [], []
+        self.feed(text)
+
+    def handle_starttag(self, tag, attributes):
+        self.tags.add(tag)
+        if tag == "tr":
+            self.rows.append([])
+        if tag in ("td", "th"):
+            self.rows[-1].append("")
+        for name, value in attributes:
+            if name == "src" and value.startswith("data:image/jpeg;base64,"):
+                self.images.append(base64.b64decode(value.partition(",")[2]))
+            elif name in ("src", "href", "style", "srcset", "action", "data") or name.startswith("on"):
+                self.foreign.append((name, value))
+
+    def handle_data(self, data):
+        if self.rows and self.rows[-1]:
+            self.rows[-1][-1] += data.rstrip("\n")
+
+
+class Reports(InFolder):
+    ALLOWED = {"html", "meta", "style", "title", "h1", "h2", "p", "div", "section", "img", "table", "tr", "th", "td", "svg", "rect"}
+
+    def test_a_capture_leaves_a_page_of_itself(self):
+        ended = run("run", "--source", "simulated", "--script", SAMPLES / "scripts/steady.json", "--countdown-time", 0, "--report",
+                    "--out", self.folder)
+        self.assertEqual(ended.returncode, 0, ended.stderr)
+        text = (self.folder / "report.html").read_text()
+        self.assertEqual(run("report", self.folder / "selfie.jpg", "-o", "-").stdout, text)
+        page, record = Page(text), json.loads((self.folder / "record.json").read_text())
+        self.assertEqual(page.images, [(self.folder / "selfie.jpg").read_bytes()])
+        self.assertEqual((page.foreign, page.tags - self.ALLOWED), ([], set()))
+        self.assertIn("Picture selected automatically", text)
+        self.assertIn(["CountdownTime", "0", "2", "changed"], page.rows)
+        self.assertIn(["Roll", "500", "500", ""], page.rows)
+        self.assertIn(["Model", record["Model"]], page.rows)
+
+        self.assertEqual(run("report", self.folder / "record.json", language="de_DE.UTF-8").returncode, 0)
+        page = Page((self.folder / "record.html").read_text())
+        self.assertEqual(page.images, [])
+        self.assertIn(["CountdownTime", "0", "2", "geändert"], page.rows)
+
+    def test_what_a_record_says_stays_text(self):
+        hostile = "</td></style><script>alert(1)</script><img src=x onerror='a()'>&amp;\"\u202e\x00\x1b[2J"
+        frames = [{code: [time]} for time in (1000, 1070, 1150) for code in ("FETC", "FENC")]
+        record = {"SelvioResultCode": hostile, hostile: hostile, "Parameters": {hostile: hostile, "Yaw": {"a": [1]}},
+                  "UXP": [{"SA": [0]}, {"FENF": [500]}, *frames, {hostile: [2000, hostile]}, {"FS": ["x"]}, 5, {"C": [1500]}, {"IS": [-1e300]}]}
+        page = Page(run("report", self.write("odd.json", json.dumps(record)), "-o", "-").stdout)
+        shown = hostile.replace("\x00", "?").replace("\x1b", "?")
+        self.assertEqual((page.foreign, page.tags - self.ALLOWED), ([], set()))
+        self.assertIn([shown, shown], page.rows)
+        self.assertIn(["0.00", "0.50", "Capture started", "SA", ""], page.rows)
+        self.assertIn(["0.50", "0.50", "Show your face to the camera", "FENF", ""], page.rows)
+        self.assertIn(["1.00", "1.00", "Move back a little", "FETC FENC", ""], page.rows)
+        self.assertIn(["2.00", "–", "", shown, ""], page.rows)
+        self.assertIn(["–", "–", "Very good", "FS", ""], page.rows)
+        self.assertIn(["Yaw", '{"a":[1]}', "500", "changed"], page.rows)
+
+    def test_what_cannot_be_reported_is_said(self):
+        fine = self.write("fine.html", "{}")
+        for arguments, code, message in (
+                ([self.write("cut.json", '{"UXP":[')], 5, "damaged"),
+                ([self.folder / "gone.jpg"], 5, "gone.jpg"),
+                ([SAMPLES / "astronaut.jpg"], 5, "no data record"),
+                ([fine], 2, "would replace"),
+                ([fine, "-o", self.folder / "none/page.html"], 6, "none/page.html")):
+            ended = run("report", *arguments)
+            self.assertEqual((ended.returncode, ended.stdout), (code, ""), arguments)
+            self.assertIn(message, ended.stderr)
+        self.assertEqual(fine.read_text(), "{}")
+
+
+unittest.main(argv=sys.argv[:1])
