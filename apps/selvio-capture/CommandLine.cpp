@@ -126,6 +126,28 @@ void checkRun(const CLI::App& run, RunOptions& options) {
     checkRules(run, *options.parameters);
 }
 
+void addCheck(CLI::App& check, CheckOptions& options) {
+    check
+        .add_option("IMAGE", options.images,
+                    "JPEG or PNG files, folders with such files in them, or - alone: a path in each line of standard "
+                    "input, answered by a line")
+        ->required()
+        ->type_name("");
+    auto* const json = check.add_flag("--json", options.json, "one JSON object a line for every image");
+    check.add_flag("--csv", options.csv, "comma-separated values, a line for every image")->excludes(json);
+    check.add_option("--jobs", options.jobs, "images judged at once; default: one for every core")
+        ->check(CLI::Range(1, 256))
+        ->type_name("NUMBER");
+}
+
+void checkCheck(const CLI::App& check, CheckOptions& options) {
+    const bool fromInput = std::ranges::count(options.images, "-") > 0;
+    if (fromInput && options.images.size() > 1)
+        throw CLI::ValidationError("IMAGE", "- stands alone; a file of that name is ./-");
+    if (fromInput && !options.csv) options.json = true;
+    checkRules(check, *options.parameters);
+}
+
 /// `run` is what the program does when no command is named.
 void insertDefaultCommand(std::vector<std::string>& arguments) {
     static const std::vector<std::string> ofTheProgram = {"-h", "--help", "--help-all", "--version"};
@@ -151,8 +173,7 @@ std::variant<Command, ExitCode> parseCommandLine(std::vector<std::string> argume
 
     CheckOptions checkOptions;
     auto* check = app.add_subcommand("check", "Judge still images by the same rules");
-    check->add_option("IMAGE", checkOptions.images, "JPEG or PNG files")->required()->type_name("");
-    check->add_flag("--json", checkOptions.json, "one JSON object a line for every image");
+    addCheck(*check, checkOptions);
     addRuleOptions(*check, checkOptions.parameters);
 
     ShowOptions showOptions;
@@ -179,7 +200,7 @@ std::variant<Command, ExitCode> parseCommandLine(std::vector<std::string> argume
             return Command(runOptions);
         }
         if (check->parsed()) {
-            checkRules(*check, *checkOptions.parameters);
+            checkCheck(*check, checkOptions);
             return Command(checkOptions);
         }
         if (report->parsed()) return Command(reportOptions);

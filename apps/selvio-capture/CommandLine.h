@@ -41,8 +41,10 @@ struct RunOptions {
 };
 
 struct CheckOptions {
-    std::vector<std::string> images;
+    std::vector<std::string> images;  ///< files and folders, or "-" alone: the lines of standard input
     bool json = false;
+    bool csv = false;
+    unsigned jobs = 0;  ///< pictures judged at once; 0: as many as there are cores
     std::shared_ptr<SelvioFacialCaptureParameters> parameters = std::make_shared<SelvioFacialCaptureParameters>();
 };
 

@@ -43,6 +43,9 @@ TEST(CommandLine, RefusesWhatItDoesNotUnderstandAndSaysWhy) {
         {"--source camera --photo a.jpg", "--photo: belongs to --source simulated"},
         {"--source video:a.mp4 --script a.json", "--script: belongs to --source simulated"},
         {"check", "IMAGE"},
+        {"check - a.jpg", "stands alone"},
+        {"check --json --csv a.jpg", "--json excludes --csv"},
+        {"check --jobs 0 a.jpg", "in range 1 to 256"},
     };
     for (const auto& [line, message] : rows) {
         const auto parsed = parse(line);

@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
-"""The program's pages, as a person or a script gets them. Usage: reports_and_batches.py PROGRAM SOURCE_DIR"""
+"""The program's pages and batches, as a person or a script gets them. Usage: reports_and_batches.py PROGRAM SOURCE_DIR"""
 import base64
+import csv
 import html.parser
 import json
 import os
@@ -13,6 +14,7 @@ import unittest
 
 PROGRAM, SOURCE = sys.argv[1], pathlib.Path(sys.argv[2])
 SAMPLES = SOURCE / "samples"
+GOOD, NOBODY = 14, 1
 
 
 def run(*arguments, stdin=None, language="C"):
@@ -31,6 +33,73 @@ class InFolder(unittest.TestCase):
         path.parent.mkdir(parents=True, exist_ok=True)
         path.write_bytes(content if isinstance(content, bytes) else content.encode())
         return path
+
+
+class Batches(InFolder):
+    def setUp(self):
+        super().setUp()
+        convert = ["convert", SAMPLES / "astronaut.jpg", "-crop", "140x249+56+0", "-resize", "720x1280!", "jpg:-"]
+        self.good = subprocess.run(convert, check=True, capture_output=True).stdout
+        nobody = subprocess.run(["convert", "-size", "360x640", "xc:gray", "png:-"], check=True, capture_output=True).stdout
+        # In the order of a walk, with what is to be found there.
+        tree = [("a.d/2.jpg", self.good, GOOD), ("a.d/b/DAMAGED.JPEG", self.good[:3000], None), ("a.d/b/nobody.PNG", nobody, NOBODY),
+                ('a.d/c, "c".jpg', self.good, GOOD), ("a.d/d.jpeg", b"", None)]
+        self.expected = [(str(self.write(f"all/{name}", content)), status) for name, content, status in tree]
+        self.write("all/a.d/notes.txt", "no picture")
+        (self.folder / "all/a.d/b/loop").symlink_to(self.folder / "all")
+
+    def test_folders_are_judged_in_order_whatever_is_damaged(self):
+        single, several = (run("check", "--json", "--jobs", jobs, self.folder / "all") for jobs in (1, 5))
+        self.assertEqual(single.stdout, several.stdout)
+        self.assertEqual((single.returncode, several.returncode), (5, 5))
+        lines = [json.loads(line) for line in single.stdout.splitlines()]
+        self.assertEqual([(line["image"], line.get("statuses", [None])) for line in lines],
+                         [(path, [status]) for path, status in self.expected])
+        for line in lines:
+            self.assertEqual("error" in line, "statuses" not in line)
+        self.assertRegex(several.stderr, r"^5 pictures in [0-9.]+ s \([0-9.]+ a second\): 2 good, 2 unreadable\n +1  Show your face")
+
+        table = run("check", "--csv", self.folder / "all")
+        self.assertEqual(table.returncode, 5)
+        rows = list(csv.reader(table.stdout.splitlines()))
+        self.assertEqual({len(row) for row in rows}, {len(rows[0])})
+        for line, row in zip(lines, csv.DictReader(table.stdout.splitlines()), strict=True):
+            self.assertEqual((row["image"], row["error"]), (line["image"], line.get("error", "")))
+            self.assertEqual(row["statuses"], " ".join(map(str, line.get("statuses", []))))
+            if line.get("measures"):
+                self.assertEqual([float(row[name]) for name in ("x", "y", "width", "height")], line["faceRect"])
+                for name, measure in line["measures"].items():
+                    self.assertEqual(float(row[name]), measure["value"], name)
+
+        people = run("check", self.folder / "all", self.folder / "gone.jpg", language="de_DE.UTF-8")
+        self.assertIn("6 Bilder", people.stderr)
+        self.assertIn("DAMAGED.JPEG", people.stderr)
+
+    def test_each_line_is_answered_before_the_next_one_comes(self):
+        for form in ("--json", "--csv"):
+            with subprocess.Popen([PROGRAM, "check", form, "-"], text=True, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                  stderr=subprocess.DEVNULL) as judging:
+                for path, status in [*self.expected, ("", None)]:
+                    judging.stdin.write(path + "\n")
+                    judging.stdin.flush()
+                    line = judging.stdout.readline()
+                    if form == "--json":
+                        answer = json.loads(line)
+                        self.assertEqual((answer["image"], answer.get("statuses", [None])), (path, [status]))
+                    else:
+                        answer = next(csv.reader([line]))
+                        self.assertEqual((answer[0], answer[2]), (path, "" if status is None else str(status)))
+                judging.stdin.close()
+                self.assertEqual(judging.stdout.read(), "")
+                self.assertEqual(judging.wait(60), 5)
+        self.assertEqual(run("check", "-", "a.jpg").returncode, 2)
+
+    def test_parallel_spreads_an_archive(self):
+        paths = [path for path, status in self.expected if status is not None] * 4
+        command = ["parallel", "--will-cite", "--pipe", "--keep-order", "-N3", "-j2", PROGRAM, "check", "-"]
+        spread = subprocess.run(command, input="\n".join(paths) + "\n", capture_output=True, text=True, timeout=120)
+        self.assertEqual(spread.returncode, 0, spread.stderr)
+        self.assertEqual([json.loads(line)["image"] for line in spread.stdout.splitlines()], paths)
 
 
 class Page(html.parser.HTMLParser):
