@@ -234,6 +234,7 @@ ExitCode perform(const CheckOptions& options) {
         for (PictureWalk count(options.images); count.next();) ++total;
     }
     PictureWalk walk(options.images);
+    std::cin.tie(nullptr);  // the thread that reads must not flush what another one writes
     const auto nextPicture = [&]() -> std::optional<FoundPicture> {
         if (!fromInput) return walk.next();
         std::string line;
