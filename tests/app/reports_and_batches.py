@@ -10,6 +10,7 @@ import re
 import subprocess
 import sys
 import tempfile
+import threading
 import unittest
 
 PROGRAM, SOURCE = sys.argv[1], pathlib.Path(sys.argv[2])
@@ -79,6 +80,9 @@ class Batches(InFolder):
         for form in ("--json", "--csv"):
             with subprocess.Popen([PROGRAM, "check", form, "-"], text=True, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                   stderr=subprocess.DEVNULL) as judging:
+                watchdog = threading.Timer(60, judging.kill)  # an answer that never comes ends the test
+                self.addCleanup(watchdog.cancel)
+                watchdog.start()
                 for path, status in [*self.expected, ("", None)]:
                     judging.stdin.write(path + "\n")
                     judging.stdin.flush()
