@@ -140,6 +140,8 @@ struct SelvioFacialCaptureAnalyzer::State : std::enable_shared_from_this<State> 
     /// Whether this thread is doing such work. The mutex is held.
     [[nodiscard]] bool isUnderWayHere() const;
     void tearDown();
+    /// False if the capture does not use it: not begun, or ended.
+    bool leaveEventLog();
 
     /// Brings the motion feed to what was last asked for.
     void setMotionUpdates(bool running);
@@ -165,6 +167,8 @@ struct SelvioFacialCaptureAnalyzer::State : std::enable_shared_from_this<State> 
     std::atomic<std::int64_t> smileStatus{0};
     std::atomic<std::uint32_t> exifOrientation{0};
     std::atomic<bool> ended{false};  // set, once, while mutex is held
+    std::atomic<bool> usesEventLog{false};
+    std::atomic<bool> oddPointsLogged{false};
     const std::shared_ptr<std::atomic<bool>> inProgress = std::make_shared<std::atomic<bool>>(false);
 
     // Nothing foreign is called while this is held: no delegate, port, queue, log or clock.

@@ -4,6 +4,25 @@
 using namespace selvio;
 using Analyzer = SelvioFacialCaptureAnalyzer;
 
+namespace {
+
+std::size_t countOf(const std::optional<std::vector<Point>>& points) {
+    return points ? points->size() : 0;
+}
+
+/// Says so if the checks cannot read a face because its points are not as many as they should be.
+std::optional<std::string> oddPoints(const rules::FacePoints& points) {
+    const auto contour = countOf(points.contour);
+    const auto nose = countOf(points.nose);
+    const auto lips = countOf(points.outerLips);
+    if ((contour == 17 || contour == 11) && nose == 9 && (lips == 14 || lips == 10)) return std::nullopt;
+    return "A face came with " + std::to_string(contour) + " points of its contour, " + std::to_string(nose) +
+           " of the nose and " + std::to_string(lips) +
+           " of the lips: the checks read 17 (or 11), 9 and 14 (or 10), and a missing point as one at zero";
+}
+
+}  // namespace
+
 void Analyzer::State::judgeDetection(const FaceLandmarksResult& found, Frame frame) {
     const auto settings = mutex.get(parameters);
     if (gateFlags().anySet() || !isCurrent(frame.run) || !settings) return;
@@ -13,6 +32,8 @@ void Analyzer::State::judgeDetection(const FaceLandmarksResult& found, Frame fra
     const auto judged =
         rules::judgeFaces(found.observations, mutex.get(geometry), rules::limitsOf(*settings), shouldHoldStill);
     if (judged.face) {
+        const auto odd = oddPoints(judged.face->points);
+        if (odd && !oddPointsLogged.exchange(true)) log(*odd);
         frame.results->setFaceRect(judged.face->rect);
         frame.results->setFaceContourPoints(judged.face->points.contour);
         frame.results->setNosePoints(judged.face->points.nose);

@@ -62,6 +62,7 @@ void Analyzer::State::analyzeHeldFrame(HeldFrame& held) {
 
     frame.results = std::make_shared<SelvioFacialCaptureResults>();
     frame.results->setOrderedStatuses(Statuses());
+    bool landscape = false;
     {
         const std::lock_guard lock(mutex);
         if (currentRun != frame.run) return;
@@ -69,8 +70,12 @@ void Analyzer::State::analyzeHeldFrame(HeldFrame& held) {
         if (geometry.resolution == Size{}) {
             geometry.setResolution({.width = static_cast<double>(pixelBuffer->width()),
                                     .height = static_cast<double>(pixelBuffer->height())});
+            landscape = pixelBuffer->width() > pixelBuffer->height();
         }
     }
+    if (landscape)
+        log("Frames of " + std::to_string(pixelBuffer->width()) + " x " + std::to_string(pixelBuffer->height()) +
+            " pixels lie on their side: the checks read upright portrait frames, and no face will pass them");
     exifOrientation = exifOrientationOfDevice();
     detectFaces(*sequenceRequestHandler, {.pixelBuffer = pixelBuffer, .exifOrientation = exifOrientation}, frame,
                 &held);

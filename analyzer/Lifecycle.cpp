@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <tuple>
 #include <utility>
 
 #include "analyzer/AnalyzerState.h"
@@ -23,6 +24,25 @@ template <typename T>
 std::shared_ptr<T> made(const std::function<std::shared_ptr<T>()>& make) {
     return make ? make() : nullptr;
 }
+
+/// What a host will miss. It is said once, because nothing else tells.
+void logMissingPorts(const Platform& ports) {
+    const std::tuple<bool, const char*, const char*> rows[] = {
+        {ports.screen != nullptr, "screen", "every single face passes the checks"},
+        {ports.makeSequenceRequestHandler != nullptr, "makeSequenceRequestHandler",
+         "frames are kept but not judged, and only manual capture works"},
+        {ports.makeFaceDetector != nullptr, "makeFaceDetector", "a test for a smile never ends"},
+        {ports.imageCodec != nullptr, "imageCodec", "a success comes without an encoded picture"},
+        {ports.device != nullptr, "device", "the record names none, and it counts as held upright"},
+        {ports.makeMotionManager != nullptr, "makeMotionManager", "nobody is told to hold still"},
+        {ports.imageLoader != nullptr, "imageLoader", "still images are not analysed"},
+    };
+    for (const auto& [there, port, consequence] : rows)
+        if (!there) log(std::string("The platform has no ") + port + ": " + consequence);
+}
+
+/// Captures from their first `resume` to their end. They share one event log.
+std::atomic<int> capturesRunning{0};
 
 std::string queueLabel(const char* name) {
     return std::string(kQueueLabelPrefix) + name;
@@ -99,10 +119,12 @@ void Analyzer::State::pauseFor(std::int64_t reason) {
 void Analyzer::State::resume() {
     std::shared_ptr<SelvioFacialCaptureParameters> settings;
     std::shared_ptr<SelvioFacialCaptureObixData> record;
+    bool others = false;
     {
         const std::lock_guard lock(mutex);
         if (ended) return;
         ++currentRun;
+        others = !usesEventLog.exchange(true) && capturesRunning++ > 0;
         shouldSkipFrames = false;
         smileDetectionInProgress = false;
         selectionInProgress = false;
@@ -110,6 +132,7 @@ void Analyzer::State::resume() {
         settings = parameters;
         record = obixData;
     }
+    if (others) log("A capture begins before another one was stopped: their events mix in the process's one event log");
     const bool automatic = settings->mode() == SelvioFacialCaptureModeAuto;
     logEvent(automatic ? SelvioFacialCaptureUxpEventStartAuto : SelvioFacialCaptureUxpEventStartManual, std::nullopt);
     setMotionUpdates(true);
@@ -203,9 +226,18 @@ void Analyzer::State::tearDown() {
         if (spentResults) tearingDown.emplace(*this);
     }
     if (!tearingDown) return waitForOthers();
+    leaveEventLog();
+    const bool others = capturesRunning > 0;
     SelvioFacialCaptureUxpEventManager::destroySharedInstance();
     history.close();
     setMotionUpdates(false);
+    if (others) log("A capture was stopped while another one runs, which has lost its events until now");
+}
+
+bool Analyzer::State::leaveEventLog() {
+    const bool used = usesEventLog.exchange(false);
+    if (used) --capturesRunning;
+    return used;
 }
 
 void Analyzer::State::waitForOthers() {
@@ -259,6 +291,7 @@ std::shared_ptr<Analyzer> Analyzer::initWithParameters(std::shared_ptr<SelvioFac
         log("An analyzer cannot be made without an analysis queue");
         return nullptr;
     }
+    logMissingPorts(platform);
     return std::shared_ptr<Analyzer>(new Analyzer(std::move(state)));
 }
 
@@ -267,6 +300,8 @@ Analyzer::SelvioFacialCaptureAnalyzer(std::shared_ptr<State> state) : state_(std
 Analyzer::~SelvioFacialCaptureAnalyzer() {
     state_->endRuns();
     state_->setMotionUpdates(false);
+    if (state_->leaveEventLog())
+        log("An analyzer was let go of without stop: its events stay in the log, for the next capture's record");
 }
 
 // clang-format off

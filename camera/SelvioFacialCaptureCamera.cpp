@@ -1,7 +1,10 @@
 #include <SelvioFacialCapture/SelvioFacialCaptureCamera.h>
 
+#include <SelvioFacialCapture/base/Log.h>
+
 #include <chrono>
 #include <nlohmann/json.hpp>
+#include <tuple>
 #include <utility>
 
 #include "camera/CameraState.h"
@@ -31,6 +34,20 @@ void beginRecording(const std::shared_ptr<selvio::Queue>& outputQueue, std::weak
     dispatch(outputQueue, [camera = std::move(camera), recorder = std::move(recorder)] {
         if (!camera.expired()) recorder->start();
     });
+}
+
+/// What a host will miss. It is said once, because nothing else tells.
+void logMissingPorts(const selvio::Platform& ports) {
+    const std::tuple<bool, const char*, const char*> rows[] = {
+        {ports.captureSystem != nullptr, "captureSystem", "there is no camera"},
+        {static_cast<bool>(ports.makeSerialQueue), "makeSerialQueue", "the camera is never configured"},
+        {ports.mainQueue != nullptr, "mainQueue", "the torch is not switched on"},
+        {ports.clock != nullptr, "clock", "nothing is recorded"},
+        {ports.assetWriters != nullptr, "assetWriters", "nothing is recorded"},
+        {ports.fileManager != nullptr, "fileManager", "nothing is recorded"},
+    };
+    for (const auto& [there, port, consequence] : rows)
+        if (!there) selvio::log(std::string("The platform has no ") + port + ": " + consequence);
 }
 
 std::shared_ptr<selvio::View> makeView(const selvio::Platform& platform) {
@@ -82,6 +99,7 @@ std::shared_ptr<SelvioFacialCaptureCamera> SelvioFacialCaptureCamera::make(selvi
 }
 
 void SelvioFacialCaptureCamera::commonInit() {
+    logMissingPorts(platform_);
     setParameters(std::make_shared<SelvioFacialCaptureCameraParameters>());
     setSession(platform_.captureSystem ? platform_.captureSystem->makeSession() : nullptr);
     if (platform_.makeSerialQueue) {

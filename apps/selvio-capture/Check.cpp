@@ -1,14 +1,18 @@
 // `check`: still images, judged by the same rules.
+#include "Batch.h"
 #include "Commands.h"
 #include "RunOutput.h"
 
 #include <SelvioFacialCapture/linux/LinuxPlatform.h>
 #include <SelvioFacialCapture/rules/FaceChecks.h>
 
+#include <unistd.h>
 #include <cmath>
 #include <iomanip>
 #include <iostream>
+#include <map>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <sstream>
 
 namespace selvio::app {
@@ -16,13 +20,23 @@ namespace {
 
 constexpr std::uint32_t kUprightMirrored = 5;  // the EXIF orientation in which the rules read a portrait
 
+enum class Format { Text, Json, Csv };
+
 struct Verdict {
     std::size_t faces = 0;
     rules::FacesJudgement judged;
 };
 
-Expected<Verdict> judge(const std::string& path, const Platform& platform, const rules::FaceLimits& limits) {
-    const auto picture = platform.imageLoader->loadImage(path);
+/// What the threads that judge have in common.
+struct Judging {
+    Platform platform;
+    rules::FaceLimits limits;
+    Format format = Format::Text;
+    Language language = Language::English;
+};
+
+Expected<Verdict> judge(const std::string& path, const Judging& how, SequenceRequestHandler& handler) {
+    const auto picture = how.platform.imageLoader->loadImage(path);
     if (!picture) return picture.error();
     const PixelBuffer& pixels = *picture.value();
     const Size size{.width = static_cast<double>(pixels.width()), .height = static_cast<double>(pixels.height())};
@@ -30,12 +44,12 @@ Expected<Verdict> judge(const std::string& path, const Platform& platform, const
     screen.setScreen(size);
     screen.setResolution(size);
 
-    const auto found = platform.makeSequenceRequestHandler()->perform(
-        {.pixelBuffer = picture.value(), .exifOrientation = kUprightMirrored, .isStillImage = true});
+    const auto found =
+        handler.perform({.pixelBuffer = picture.value(), .exifOrientation = kUprightMirrored, .isStillImage = true});
     if (!found) return found.error();
     if (found.value().error) return *found.value().error;
     const auto& faces = found.value().observations;
-    Verdict verdict{faces.size(), rules::judgeFaces(faces, screen, limits, /*shouldHoldStill=*/false)};
+    Verdict verdict{faces.size(), rules::judgeFaces(faces, screen, how.limits, /*shouldHoldStill=*/false)};
     if (verdict.judged.statuses.empty()) verdict.judged.statuses = {SelvioFacialCaptureStatusGoodFrame};
     return verdict;
 }
@@ -102,33 +116,151 @@ std::string compact(const nlohmann::ordered_json& line) {
     return line.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);  // a path need not be UTF-8
 }
 
+/// A field as RFC 4180 wants it.
+std::string csvField(const std::string& text) {
+    if (text.find_first_of(",\"\r\n") == std::string::npos) return text;
+    std::string quoted = "\"";
+    for (const char c : text) quoted += c == '"' ? "\"\"" : std::string(1, c);
+    return quoted + '"';
+}
+
+constexpr std::string_view kCsvHeader =
+    "image,faces,statuses,x,y,width,height,roll,yaw,pitch,fill,verticalCentring,horizontalCentring,error\n";
+
+/// What could not be measured is empty, and so is all but the error of a picture that could not be judged.
+std::string csvOf(const std::string& path, const Expected<Verdict>& verdict) {
+    if (!verdict) return csvField(path) + ",,,,,,,,,,,,," + csvField(verdict.error().localizedDescription) + '\n';
+    const auto& judged = verdict.value().judged;
+    std::string line = csvField(path) + ',' + std::to_string(verdict.value().faces) + ',';
+    const char* separator = "";
+    for (const auto status : judged.statuses) {
+        line += separator + std::to_string(status);
+        separator = " ";
+    }
+    if (!judged.face) return line + ",,,,,,,,,,,\n";
+    const auto add = [&line](double value) { line += ',' + (std::isfinite(value) ? number(value).dump() : ""); };
+    const auto& rect = judged.face->rect;
+    for (const double value : {rect.x, rect.y, rect.width, rect.height}) add(value);
+    for (const auto& row : rowsOf(judged.face->checked.measures)) add(row.value);
+    return line + ",\n";
+}
+
+/// One judged picture, ready to be printed.
+struct Answer {
+    std::string text;
+    std::string complaint;  ///< for standard error
+    bool readable = false;
+    std::vector<SelvioFacialCaptureStatus> statuses;
+};
+
+Answer answerFor(const FoundPicture& picture, const Judging& how, SequenceRequestHandler& handler) {
+    const auto verdict = [&]() -> Expected<Verdict> {
+        if (!picture.problem.empty()) return Error{picture.problem};
+        try {
+            return judge(picture.path, how, handler);
+        } catch (const std::exception& exception) {
+            return Error{picture.path + ": " + exception.what()};
+        }
+    }();
+    Answer answer;
+    answer.readable = static_cast<bool>(verdict);
+    if (verdict) answer.statuses = verdict.value().judged.statuses;
+    switch (how.format) {
+        case Format::Text:
+            if (verdict) {
+                answer.text = textOf(picture.path, verdict.value(), how.language);
+            } else {
+                answer.complaint = verdict.error().localizedDescription;
+            }
+            break;
+        case Format::Json:
+            answer.text = compact(verdict ? jsonOf(picture.path, verdict.value())
+                                          : nlohmann::ordered_json{{"image", picture.path},
+                                                                   {"error", verdict.error().localizedDescription}}) +
+                          '\n';
+            break;
+        case Format::Csv:
+            answer.text = csvOf(picture.path, verdict);
+            break;
+    }
+    return answer;
+}
+
+/// How many there were of each.
+struct Tally {
+    std::size_t pictures = 0;
+    std::size_t unreadable = 0;
+    std::map<SelvioFacialCaptureStatus, std::size_t> statuses;  ///< pictures with that status, maybe among others
+
+    void add(const Answer& answer) {
+        ++pictures;
+        if (!answer.readable) ++unreadable;
+        for (const auto status : std::set(answer.statuses.begin(), answer.statuses.end())) ++statuses[status];
+    }
+    void print(double seconds, Language language) const {
+        const bool german = language == Language::German;
+        const auto good = statuses.find(SelvioFacialCaptureStatusGoodFrame);
+        std::ostringstream text;
+        text << std::fixed << std::setprecision(1) << pictures << (german ? " Bilder in " : " pictures in ") << seconds
+             << " s (" << static_cast<double>(pictures) / std::max(seconds, 0.001)
+             << (german ? " je Sekunde): " : " a second): ") << (good == statuses.end() ? 0 : good->second)
+             << (german ? " gut, " : " good, ") << unreadable << (german ? " unlesbar" : " unreadable") << '\n';
+        for (const auto& [status, count] : statuses) {
+            if (status == SelvioFacialCaptureStatusGoodFrame) continue;
+            const auto key = keysOf({status}).front();
+            text << std::setw(8) << count << "  " << textForKey(key, language).value_or(key) << '\n';
+        }
+        std::cerr << text.str() << std::flush;
+    }
+};
+
 }  // namespace
 
 ExitCode perform(const CheckOptions& options) {
-    const auto platform = makeLinuxPlatform();
+    const Judging how{.platform = makeLinuxPlatform(),
+                      .limits = rules::limitsOf(*options.parameters),
+                      .format = options.csv    ? Format::Csv
+                                : options.json ? Format::Json
+                                               : Format::Text,
+                      .language = languageOfLocale()};
     if (const auto error = waitForVisionModels()) {
         complain(error->localizedDescription);
         return ExitCode::UnreadableInput;
     }
-    const auto limits = rules::limitsOf(*options.parameters);
-    const auto language = languageOfLocale();
-    auto code = ExitCode::Success;
-    for (const auto& path : options.images) {
-        const auto verdict = judge(path, platform, limits);
-        if (!verdict) {
-            code = ExitCode::UnreadableInput;
-            if (!options.json) complain(verdict.error().localizedDescription);
-        }
-        if (options.json) {
-            std::cout << compact(verdict ? jsonOf(path, verdict.value())
-                                         : nlohmann::ordered_json{{"image", path},
-                                                                  {"error", verdict.error().localizedDescription}})
-                      << std::endl;
-        } else if (verdict) {
-            std::cout << textOf(path, verdict.value(), language) << std::flush;
-        }
+    const bool fromInput = options.images == std::vector<std::string>{"-"};
+    const bool onTerminal = ::isatty(STDERR_FILENO) == 1;
+    std::size_t total = 0;
+    if (onTerminal && !fromInput) {
+        for (PictureWalk count(options.images); count.next();) ++total;
     }
-    return code;
+    PictureWalk walk(options.images);
+    std::cin.tie(nullptr);  // the thread that reads must not flush what another one writes
+    const auto nextPicture = [&]() -> std::optional<FoundPicture> {
+        if (!fromInput) return walk.next();
+        std::string line;
+        return std::getline(std::cin, line) ? std::optional(FoundPicture{line, ""}) : std::nullopt;
+    };
+    const auto makeWorker = [&how]() -> std::function<Answer(const FoundPicture&)> {
+        return [&how, handler = how.platform.makeSequenceRequestHandler()](const FoundPicture& picture) {
+            return answerFor(picture, how, *handler);
+        };
+    };
+    Tally tally;
+    Progress progress(total > 1 ? total : 0, how.language == Language::German ? "übrig" : "left");
+    const auto print = [&](const Answer& answer) {
+        if (!answer.complaint.empty() || ::isatty(STDOUT_FILENO) == 1) progress.hide();
+        if (!answer.complaint.empty()) complain(answer.complaint);
+        std::cout << answer.text << std::flush;
+        tally.add(answer);
+        progress.show(tally.pictures);
+        return std::cout.good();  // nobody reads the rest otherwise
+    };
+    if (how.format == Format::Csv && !fromInput) std::cout << kCsvHeader;
+    workInOrder<FoundPicture, Answer>(options.jobs > 0 ? options.jobs : availableCores(), nextPicture, makeWorker,
+                                      print);
+    progress.hide();
+    if (tally.pictures != 1) tally.print(progress.seconds(), how.language);
+    return tally.unreadable > 0 ? ExitCode::UnreadableInput : ExitCode::Success;
 }
 
 }  // namespace selvio::app

@@ -1,5 +1,7 @@
 #include "CommandLine.h"
 
+#include "Reference.h"
+
 #include <SelvioFacialCapture/SelvioFacialCaptureVersion.h>
 
 #include <CLI/CLI.hpp>
@@ -80,6 +82,7 @@ void addRun(CLI::App& run, RunOptions& options) {
     run.add_option("--script", options.script, "motion script for the simulated camera");
     run.add_option("--out", options.out, "directory for the results")->capture_default_str();
     run.add_flag("--json", options.json, "one JSON object a line for every call of the component");
+    run.add_flag("--report", options.report, "a page about the capture, report.html, beside its results");
     run.add_flag("--preview", options.preview, "show the camera in a window where there is a display");
     run.add_option_function<std::string>(
            "--mode",
@@ -125,6 +128,28 @@ void checkRun(const CLI::App& run, RunOptions& options) {
     checkRules(run, *options.parameters);
 }
 
+void addCheck(CLI::App& check, CheckOptions& options) {
+    check
+        .add_option("IMAGE", options.images,
+                    "JPEG or PNG files, folders with such files in them, or - alone: a path in each line of standard "
+                    "input, answered by a line")
+        ->required()
+        ->type_name("");
+    auto* const json = check.add_flag("--json", options.json, "one JSON object a line for every image");
+    check.add_flag("--csv", options.csv, "comma-separated values, a line for every image")->excludes(json);
+    check.add_option("--jobs", options.jobs, "images judged at once; default: one for every core")
+        ->check(CLI::Range(1, 256))
+        ->type_name("NUMBER");
+}
+
+void checkCheck(const CLI::App& check, CheckOptions& options) {
+    const bool fromInput = std::ranges::count(options.images, "-") > 0;
+    if (fromInput && options.images.size() > 1)
+        throw CLI::ValidationError("IMAGE", "- stands alone; a file of that name is ./-");
+    if (fromInput && !options.csv) options.json = true;
+    checkRules(check, *options.parameters);
+}
+
 /// `run` is what the program does when no command is named.
 void insertDefaultCommand(std::vector<std::string>& arguments) {
     static const std::vector<std::string> ofTheProgram = {"-h", "--help", "--help-all", "--version"};
@@ -150,8 +175,7 @@ std::variant<Command, ExitCode> parseCommandLine(std::vector<std::string> argume
 
     CheckOptions checkOptions;
     auto* check = app.add_subcommand("check", "Judge still images by the same rules");
-    check->add_option("IMAGE", checkOptions.images, "JPEG or PNG files")->required()->type_name("");
-    check->add_flag("--json", checkOptions.json, "one JSON object a line for every image");
+    addCheck(*check, checkOptions);
     addRuleOptions(*check, checkOptions.parameters);
 
     ShowOptions showOptions;
@@ -159,9 +183,19 @@ std::variant<Command, ExitCode> parseCommandLine(std::vector<std::string> argume
     show->add_option("PHOTO", showOptions.photograph, "JPEG file, or a record.json")->required()->type_name("");
     show->add_flag("--json", showOptions.json, "the record as it is");
 
+    ReportOptions reportOptions;
+    auto* report = app.add_subcommand("report", "Make a page of a capture's photograph and record");
+    report->add_option("PHOTO", reportOptions.source, "JPEG file, or a record.json")->required()->type_name("");
+    report->add_option("-o,--out", reportOptions.out, "HTML file; default: beside PHOTO; -: standard output")
+        ->type_name("FILE");
+
     DevicesOptions devicesOptions;
     auto* devices = app.add_subcommand("devices", "List cameras, formats and microphones");
     devices->add_flag("--json", devicesOptions.json, "one JSON object a line for every device");
+
+    std::string referenceKind;
+    auto* reference = app.add_subcommand("reference", "This reference in another form")->group("");
+    reference->add_option("KIND", referenceKind)->required()->check(CLI::IsMember({"man", "bash", "zsh"}));
 
     try {
         insertDefaultCommand(arguments);
@@ -172,8 +206,13 @@ std::variant<Command, ExitCode> parseCommandLine(std::vector<std::string> argume
             return Command(runOptions);
         }
         if (check->parsed()) {
-            checkRules(*check, *checkOptions.parameters);
+            checkCheck(*check, checkOptions);
             return Command(checkOptions);
+        }
+        if (report->parsed()) return Command(reportOptions);
+        if (reference->parsed()) {
+            std::cout << (referenceKind == "man" ? manualPage(app) : completionScript(app, referenceKind));
+            return ExitCode::Success;
         }
         return show->parsed() ? Command(showOptions) : Command(devicesOptions);
     } catch (const CLI::Success& request) {

@@ -34,14 +34,17 @@ struct RunOptions {
     std::filesystem::path script;  ///< empty: the sample's demonstration
     std::filesystem::path out = "capture";
     bool json = false;
+    bool report = false;  ///< a page about the capture beside its results
     bool preview = false;
     bool hevc = false;  ///< record H.265 where an encoder for it is installed
     std::shared_ptr<SelvioFacialCaptureParameters> parameters = std::make_shared<SelvioFacialCaptureParameters>();
 };
 
 struct CheckOptions {
-    std::vector<std::string> images;
+    std::vector<std::string> images;  ///< files and folders, or "-" alone: the lines of standard input
     bool json = false;
+    bool csv = false;
+    unsigned jobs = 0;  ///< pictures judged at once; 0: as many as there are cores
     std::shared_ptr<SelvioFacialCaptureParameters> parameters = std::make_shared<SelvioFacialCaptureParameters>();
 };
 
@@ -50,11 +53,16 @@ struct ShowOptions {
     bool json = false;
 };
 
+struct ReportOptions {
+    std::string source;  ///< a photograph, or a record of its own
+    std::string out;     ///< empty: beside the source, ".html" for its extension; "-": standard output
+};
+
 struct DevicesOptions {
     bool json = false;
 };
 
-using Command = std::variant<RunOptions, CheckOptions, ShowOptions, DevicesOptions>;
+using Command = std::variant<RunOptions, CheckOptions, ShowOptions, ReportOptions, DevicesOptions>;
 
 /// The command that the arguments (without the program's name) ask for. An exit code instead when there is nothing left
 /// to do: help or the version was asked for and printed on standard output, or the arguments are wrong, which standard

@@ -1,6 +1,7 @@
 #include "Session.h"
 
 #include "OutputFiles.h"
+#include "Report.h"
 
 #include <SelvioFacialCapture/imaging/Base64.h>
 
@@ -175,14 +176,14 @@ void Session::detectionSuccess(const Results& results) {
         complain("the photograph could not be encoded");
         fail(ExitCode::NotWritten);
     }
-    write("record.json", Phrase::Record, results->obixDataString().value_or("") + "\n");
+    writeRecord(results, photograph.value_or(Bytes()));
     analyzer_->stop();
     end(ExitCode::Success);
 }
 
 void Session::detectionCancelled(const Results& results) {
     report("detectionCancelled", results);
-    write("record.json", Phrase::Record, results->obixDataString().value_or("") + "\n");
+    writeRecord(results, {});
 }
 
 void Session::manualOnly() {
@@ -292,6 +293,15 @@ void Session::write(const char* name, Phrase what, std::string_view bytes) {
     }
     if (!options_.json)
         output_.message(text(what, language_) + ": " + std::filesystem::absolute(path).lexically_normal().string());
+}
+
+void Session::writeRecord(const Results& results, const Bytes& photograph) {
+    const std::string record = results->obixDataString().value_or("") + "\n";
+    write("record.json", Phrase::Record, record);
+    if (!options_.report) return;
+    if (const auto page = reportPage(record, photograph, language_)) return write("report.html", Phrase::Report, *page);
+    complain("no report can be made of the record");
+    fail(ExitCode::NotWritten);
 }
 
 /// The first thing that goes wrong decides the exit code.

@@ -65,6 +65,7 @@ private:
     [[nodiscard]] bool isRecording() const;
     void say(const std::string& text);
     void write(const char* name, Phrase what, std::string_view bytes);
+    void writeRecord(const Results& results, const Bytes& photograph);
     void fail(ExitCode code);
     [[nodiscard]] bool takesFirstGoodFace() const;
 

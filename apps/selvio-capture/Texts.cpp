@@ -40,7 +40,7 @@ struct PhraseText {
 };
 
 // In the order of Phrase.
-constexpr std::array<PhraseText, 9> kPhrases{{
+constexpr std::array<PhraseText, 10> kPhrases{{
     {"Timed out", "Die Zeit ist um"},
     {"Cancelled", "Abgebrochen"},
     {"The camera has stopped delivering frames", "Die Kamera liefert keine Bilder mehr"},
@@ -50,6 +50,7 @@ constexpr std::array<PhraseText, 9> kPhrases{{
     {"Recording", "Aufzeichnung"},
     {"Press Enter to take the picture", "Eingabetaste: Foto aufnehmen"},
     {"Source", "Quelle"},
+    {"Report", "Bericht"},
 }};
 
 }  // namespace

@@ -21,7 +21,9 @@
 //         mainQueue->run();
 //         camera->stop();
 //         camera->shutdown();
-//         return analyzer->results()->encodedSelectedImage().value_or("");  // base64 of a JPEG
+//         const auto photograph = analyzer->results()->encodedSelectedImage();  // base64 of a JPEG
+//         analyzer->stop();
+//         return photograph.value_or("");
 //     }
 #pragma once
 

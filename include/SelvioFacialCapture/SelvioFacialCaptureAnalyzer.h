@@ -45,14 +45,16 @@
 class SELVIO_EXPORT SelvioFacialCaptureAnalyzer {
 public:
     /// A new analyzer for these parameters, which stay shared with the host. Null (with a line in the log) without
-    /// parameters or on a platform without queues.
+    /// parameters or on a platform without queues. Each other port that the platform lacks is a line in the log, with
+    /// what follows from it (see `Platform`).
     [[nodiscard]] static std::shared_ptr<SelvioFacialCaptureAnalyzer> initWithParameters(
         std::shared_ptr<SelvioFacialCaptureParameters> parameters,
         const selvio::Platform& platform = selvio::defaultPlatform());
 
     SelvioFacialCaptureAnalyzer(const SelvioFacialCaptureAnalyzer&) = delete;
     SelvioFacialCaptureAnalyzer& operator=(const SelvioFacialCaptureAnalyzer&) = delete;
-    /// Stops the motion feed; delegate calls not yet run are dropped.
+    /// Stops the motion feed; delegate calls not yet run are dropped. Call `stop` before: without it the capture's
+    /// events stay in the process's event log, and the next capture's record has them too. That is a line in the log.
     ~SelvioFacialCaptureAnalyzer();
 
     // Control
@@ -68,12 +70,15 @@ public:
     /// logged.
     void pauseFor(std::int64_t reason);
     /// Starts or restarts analysis and the motion feed, logs the start event and adds the parameters to the data record
-    /// (the first ones stay).
+    /// (the first ones stay). After a success it begins the next capture, for a retake: analyzer, delegate and record
+    /// stay the same, the event log goes on, and `detectionSuccess` comes again. Does nothing once spent.
     void resume();
-    /// Ends the capture without telling the delegate, and discards the process-wide event log. No delegate call begins
-    /// any more once this has returned: a call under way on another thread, or a `cancel`, is waited for, unless this
-    /// is called from inside a delegate call of this analyzer. So do not make a delegate call wait for a thread that
-    /// stops.
+    /// Ends the capture without telling the delegate, and discards the event log. No delegate call begins any more once
+    /// this has returned: a call under way on another thread, or a `cancel`, is waited for, unless this is called from
+    /// inside a delegate call of this analyzer. So do not make a delegate call wait for a thread that stops.
+    ///
+    /// The event log is one for the process. Stop an analyzer before the next one's first `resume`: two captures at a
+    /// time mix their events, and the `stop` of the one takes the other's away. Both are lines in the log.
     void stop();
     /// Ends the capture as cancelled: closes the data record, calls `detectionCancelled` on this thread with results of
     /// their own, then stops, and waits like `stop`. From its beginning no other delegate call of this capture begins.
@@ -84,8 +89,11 @@ public:
 
     // Frames
 
-    /// Takes a camera frame. Ignored if it is null or while another frame is held (frames are dropped, never queued);
-    /// otherwise its pixels are copied once, and the rest runs on the analysis queue. The caller's buffer is not kept.
+    /// Takes a camera frame: upright, in portrait, not mirrored, in 32BGRA, 32ARGB or 420v, at any stride, and all of
+    /// one size. Landscape frames are a line in the log; no face in them is well placed. Any thread, a camera's
+    /// own among them: it returns after one copy.
+    /// Ignored if it is null or while another frame is held (frames are dropped, never queued); otherwise its pixels
+    /// are copied once, and the rest runs on the analysis queue. The caller's buffer is not kept.
     void analyzeSampleBuffer(const std::shared_ptr<selvio::SampleBuffer>& sampleBuffer);
     /// Analyses the picture in a file on the calling thread, even while paused, though its result is then dropped like
     /// any other; the picture takes the place of the screen. A file that cannot be read is a line in the log and

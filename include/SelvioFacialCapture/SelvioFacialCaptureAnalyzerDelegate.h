@@ -16,9 +16,17 @@ struct SelvioFacialCaptureAnalyzerDelegate {
     std::function<void(const Results& results)> detectionResults;
     /// Show a countdown of the parameters' `countdownTime` seconds and call `selectFrame` at its end. Main queue.
     ///
+    ///     startCountdown ──▶ counting ──seconds over──▶ selectFrame ──▶ detectionSuccess
+    ///                         │    ▲
+    ///              status ≠ 10│    │startCountdown, or status 10
+    ///                         ▼    │
+    ///                        broken off
+    ///
     /// While the face stays well placed, `detectionResults` reports status 10. With any other status the face is lost:
     /// end the countdown, lest `selectFrame` take a bad frame. Start it anew with the next call, or with the next
-    /// status 10 if it does not run, but not any more once `selectFrame` has been called.
+    /// status 10 if it does not run, but not any more once `selectFrame` has been called. The block that ends a
+    /// countdown may come to run after the capture: hold the analyzer weakly in it, and let it find out whether its
+    /// countdown is still the one that counts. The README has such a block.
     std::function<void()> startCountdown;
     /// A frame has been selected: `selectedImage`, `encodedSelectedImage`, `obixDataString` and `resultCode` are set.
     /// Main queue.

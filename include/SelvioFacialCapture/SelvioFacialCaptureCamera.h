@@ -39,8 +39,8 @@ class VideoRecorder;
 /// shuts the camera down.
 ///
 /// Failures are never returned: they go to the platform log as fixed messages, and success shows in the delegate calls.
-/// Nothing throws. A port that the platform lacks makes what needs it do nothing; without `makeView` nothing is
-/// shown and all else works.
+/// Nothing throws. A port that the platform lacks makes what needs it do nothing, which is a line in the log when the
+/// camera is made; without `makeView` nothing is shown and all else works.
 ///
 /// Release the last reference on the main thread, because it takes the view along; where another thread holds the last
 /// one, as a delegate may for the length of a call, the view alone is handed to the main queue. Blocks still queued
@@ -73,8 +73,9 @@ public:
 
     /// The view that backs the camera; never null. Its own operations belong on the main thread.
     [[nodiscard]] const std::shared_ptr<selvio::View>& view() const;
-    /// Recording settings, shared with the host and read when they are needed; null means no recording. Default: a new
-    /// object.
+    /// Recording settings, shared with the host; null means no recording. Default: a new object, not the one in the
+    /// capture's parameters: hand that one over, lest the record tell of other settings than those that hold. Whether
+    /// there is sound is read by the configuration that `setDelegate` begins, all else by `startRecording`.
     [[nodiscard]] std::shared_ptr<SelvioFacialCaptureCameraParameters> parameters() const;
     void setParameters(std::shared_ptr<SelvioFacialCaptureCameraParameters> value);
     /// Holds the delegate weakly. A delegate that is not null has the capture graph configured, on the session queue,

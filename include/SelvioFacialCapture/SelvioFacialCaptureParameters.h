@@ -64,7 +64,8 @@ public:
     /// countdown.
     [[nodiscard]] std::int64_t countdownTime() const;
     void setCountdownTime(std::int64_t value);
-    /// Recording settings; null only if the host set null.
+    /// Recording settings, for the data record only; null only if the host set null. The camera has an object of its
+    /// own until the host gives it this one: `camera->setParameters(parameters->cameraParameters())`.
     [[nodiscard]] std::shared_ptr<SelvioFacialCaptureCameraParameters> cameraParameters() const;
     void setCameraParameters(std::shared_ptr<SelvioFacialCaptureCameraParameters> parameters);
 

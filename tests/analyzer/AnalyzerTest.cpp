@@ -65,12 +65,17 @@ TEST_F(Analyzer, IsNotMadeWithoutParametersOrQueues) {
     }
     EXPECT_EQ(log.take().size(), 5U);
 
-    // Without the other ports it only keeps frames.
+    // Without the other ports it only keeps frames, and says so.
     Platform bare;
     bare.mainQueue = mainQueue;
     bare.globalQueue = globalQueue;
     bare.makeSerialQueue = platform().makeSerialQueue;
     makeAnalyzer(bare);
+    std::string missing;
+    for (const auto& line : log.take()) missing += line.substr(0, line.find(':')) + '\n';
+    for (const char* port : {"screen", "makeSequenceRequestHandler", "makeFaceDetector", "imageCodec", "device",
+                             "makeMotionManager", "imageLoader"})
+        EXPECT_THAT(missing, ::testing::HasSubstr(std::string("The platform has no ") + port + '\n'));
     analyzer->resume();
     analyzer->analyzeImageAtPath("still.jpg");
     analyzer->analyzeSampleBuffer(blankFrame());
@@ -78,6 +83,25 @@ TEST_F(Analyzer, IsNotMadeWithoutParametersOrQueues) {
     EXPECT_EQ(analyzer->imagesArray().size(), 1U);
     EXPECT_EQ(analyzer->exifOrientationForCurrentDeviceOrientation(), 5U);
     analyzer->cancel();
+}
+
+TEST_F(Analyzer, SaysWhenCapturesMeetInTheEventLog) {
+    LogCapture log;
+    const auto first = analyzer;
+    makeAnalyzer(platform());
+    for (int i = 0; i < 2; ++i) analyzer->resume();
+    EXPECT_THAT(log.take(), ::testing::ElementsAre(::testing::HasSubstr("begins before another one was stopped")));
+    first->stop();
+    EXPECT_THAT(log.take(), ::testing::ElementsAre(::testing::HasSubstr("which has lost its events")));
+    analyzer.reset();
+    EXPECT_THAT(log.take(), ::testing::ElementsAre(::testing::HasSubstr("let go of without stop")));
+    makeAnalyzer(platform());
+    analyzer->resume();
+    analyzer->cancel();
+    analyzer.reset();
+    makeAnalyzer(platform());
+    analyzer->stop();
+    EXPECT_THAT(log.take(), ::testing::IsEmpty()) << "one after another is as it should be";
 }
 
 TEST_F(Analyzer, ShowsWhatItWasMadeOf) {

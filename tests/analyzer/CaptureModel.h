@@ -231,7 +231,13 @@ private:
         if (level < 12 || selection || skip || smileTest || manualOnly) return;
         step.results = results = std::make_shared<SelvioFacialCaptureResults>();
         setStatuses(results, {});
-        if (geometry.resolution == Size{}) geometry.setResolution(frame.size);
+        if (geometry.resolution == Size{}) {
+            geometry.setResolution(frame.size);
+            if (frame.size.width > frame.size.height)
+                say("Frames of " + std::to_string(static_cast<int>(frame.size.width)) + " x " +
+                    std::to_string(static_cast<int>(frame.size.height)) +
+                    " pixels lie on their side: the checks read upright portrait frames, and no face will pass them");
+        }
         exif = rules::exifOrientationFor(device->orientation());
         detect(frame, exif, step);
     }
@@ -251,6 +257,12 @@ private:
         if (requestError) say("Detect face request error: " + requestError->localizedDescription);
         if (still) step.results = results = results->withoutSelection();
         const auto judged = rules::judgeFaces(found, geometry, rules::limitsOf(*parameters), holdStill);
+        const auto& seen = found.empty() ? std::nullopt : found.front().landmarks;
+        if (judged.face && !(seen && seen->nose) && !std::exchange(saidOddPoints, true))
+            say(std::string("A face came with ") +
+                (seen ? "17 points of its contour, 0 of the nose and 14"
+                      : "0 points of its contour, 0 of the nose and 0") +
+                " of the lips: the checks read 17 (or 11), 9 and 14 (or 10), and a missing point as one at zero");
         setStatuses(step.results, judged.statuses);
         if (judged.face) {
             face = judged.face->checked;
@@ -382,6 +394,7 @@ private:
 
     const int level;
     int run = 0;
+    bool saidOddPoints = false;
     std::optional<Methods> delegate;
     std::deque<Step> waiting;  // for the main queue
     const std::shared_ptr<SelvioFacialCaptureObixData> record = SelvioFacialCaptureObixData::init(platform());

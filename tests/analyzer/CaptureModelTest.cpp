@@ -33,6 +33,8 @@ public:
         sink_ = setLogSink([this](std::string_view line) { say(line); });
     }
     ~RealCapture() {
+        during.clear();
+        analyzer.reset();
         setLogSink(sink_);
         SelvioFacialCaptureUxpEventManager::setSharedClock(nullptr);
         SelvioFacialCaptureUxpEventManager::destroySharedInstance();

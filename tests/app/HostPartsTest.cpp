@@ -43,6 +43,9 @@ TEST(CommandLine, RefusesWhatItDoesNotUnderstandAndSaysWhy) {
         {"--source camera --photo a.jpg", "--photo: belongs to --source simulated"},
         {"--source video:a.mp4 --script a.json", "--script: belongs to --source simulated"},
         {"check", "IMAGE"},
+        {"check - a.jpg", "stands alone"},
+        {"check --json --csv a.jpg", "--json excludes --csv"},
+        {"check --jobs 0 a.jpg", "in range 1 to 256"},
     };
     for (const auto& [line, message] : rows) {
         const auto parsed = parse(line);
@@ -128,12 +131,16 @@ TEST(FrameWatch, TellsASlowStartFromASilentCamera) {
     EXPECT_EQ(watch.stateAt(113s + 1ns), FrameWatch::State::Stopped);
 }
 
-TEST(Texts, ExistForEveryKeyInBothLanguages) {
+TEST(Texts, ExistForEveryKeyInBothLanguagesAsTheGuideListsThem) {
     std::set<std::string> texts;
+    const std::string guide = test::contentOf(SELVIO_DOCS "/guidance-texts.md");
     for (std::int64_t status = 0; status <= 14; ++status) {
         const auto key = SelvioFacialCaptureResults::localizeKeyFrom(static_cast<SelvioFacialCaptureStatus>(status));
         for (const auto language : {Language::English, Language::German})
             texts.insert(textForKey(key.value(), language).value());
+        EXPECT_THAT(guide, HasSubstr("\n| " + std::to_string(status) + " | `" + *key + "` | " +
+                                     *textForKey(*key, Language::English) + " | " +
+                                     *textForKey(*key, Language::German) + " |\n"));
     }
     EXPECT_EQ(texts.size(), 30U);
     EXPECT_FALSE(textForKey("selvio_facial_capture_status_other", Language::English));

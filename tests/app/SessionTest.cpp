@@ -48,6 +48,7 @@ struct Rig {
         platform.assetWriters = std::make_shared<FakeAssetWriterFactory>(writing);
         platform.fileManager = std::make_shared<FakeFileManager>();
         session = Session::make(platform, options, {}, output, Language::English, [this] { ++ended; });
+        (void)log.take();  // the ports that are missing
     }
     /// Runs one block of each queue; false if there was none.
     bool step() {

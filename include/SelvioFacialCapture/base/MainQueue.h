@@ -18,7 +18,21 @@ namespace selvio {
 
 /// The main queue: its blocks run where the host calls `run` or `drain`, always one at a time.
 /// A host without a loop of its own calls `run`; a host with one (GLib, Qt, SDL) sets a wake-up hook that makes its
-/// loop call `drain`.
+/// loop call `drain`. With GLib:
+///
+///     void drainOnLoop() {
+///         static guint timer = 0;  // the one for what is due later; only the loop's thread comes here
+///         if (timer != 0) g_source_remove(std::exchange(timer, 0));
+///         const auto queue = selvio::MainQueue::shared();
+///         queue->drain();
+///         if (const auto wait = queue->timeUntilNextBlock()) {
+///             const auto milliseconds = std::chrono::ceil<std::chrono::milliseconds>(*wait).count();
+///             const auto due = [](gpointer) { timer = 0, drainOnLoop(); };
+///             timer = g_timeout_add_once(static_cast<guint>(milliseconds), due, nullptr);
+///         }
+///     }
+///     selvio::MainQueue::shared()->setWakeUpHook(
+///         [] { g_idle_add_once([](gpointer) { drainOnLoop(); }, nullptr); });
 class SELVIO_EXPORT MainQueue final : public Queue {
 public:
     explicit MainQueue(std::shared_ptr<const Clock> clock = std::make_shared<SystemClock>());

@@ -13,6 +13,29 @@
 
 namespace selvio {
 
+// A face as the checks read it, seen on the portrait screen (as in a mirror), with the indices of the points that they
+// read; in brackets those of the older layout (contour of 11, outer lips of 10). The order of all other points is the
+// detector's own.
+//
+//             left of the screen                   right of the screen
+//
+//      contour 16 (0) ●                                   ● contour 0 (10)       ┌──▶ y
+//                     │               nose                │                      │
+//                      │        2 ●   4 ●   6 ●          │                       ▼
+//                       │                               │                        x
+//                        │   13 (9) ●═══════● 7 (5)    │                   detector's axes
+//                          \          lips          /
+//                             ` ─ ─ ─  ●  ─ ─ ─ ´
+//                                contour 8 (5)
+//
+//   contour  its ends at the height of the eyes, and the chin; the ends' distance is the face's width
+//   nose     2 and 6 its sides, 4 the middle of its base: how far 4 lies from each tells how the head is turned
+//   lips     their corners
+//
+// x runs down the screen and y across it, from left to right: for the box in the frame, where it begins at the upper
+// left of the screen, and for the points in the box, where (0, 0) is the box's upper left corner and (1, 1) its lower
+// right one. A region with another number of points is a line in the log; points that are missing are read as (0, 0).
+
 /// One feature of a face: points normalized to the face's bounding box (0...1 inside it), in the detector's order.
 struct FaceLandmarkRegion {
     std::vector<Point> normalizedPoints;

@@ -24,7 +24,25 @@ namespace selvio {
 inline constexpr const char* kQueueLabelPrefix = "com.selvio.facialcapture";
 
 /// The ports. A main object copies the struct when it is made. A null port is a service that the platform lacks: what
-/// needs it does nothing. The analyzer uses the first group, the camera the second, both use the queues and the clock.
+/// needs it does nothing. When the object is made, each port that it lacks is a line in the log:
+///
+///     object    missing                     consequence
+///     analyzer  mainQueue, globalQueue,     none is made
+///               makeSerialQueue
+///               screen                      sizes have no measure: every single face passes the checks
+///               makeSequenceRequestHandler  frames are kept but not judged, and only manual capture works
+///               makeFaceDetector            a test for a smile never ends: leave `selectOnSmile` off, and mode 2 on
+///               imageCodec                  a success comes without an encoded picture
+///               device                      the record names none, and it counts as held upright
+///               makeMotionManager           nobody is told to hold still
+///               imageLoader                 still images are not analysed
+///     camera    captureSystem               there is no camera
+///               makeSerialQueue             the camera is never configured
+///               mainQueue                   the torch is not switched on
+///               clock, assetWriters,        nothing is recorded
+///               fileManager
+///
+/// Without `makeView` nothing is shown, and without `notificationCenter` nobody hears of the application's state.
 struct Platform {
     /// Services that came late in the life of platforms, which is no matter of the system's own version (see `Device`):
     /// from 11 on landmark requests and HEVC's own bit rate, from 12 on automatic capture (below, an analyzer is
