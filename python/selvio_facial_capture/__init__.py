@@ -538,7 +538,7 @@ class Camera(_Owner):
     """Live frames, and a recording if the parameters ask for one. The callbacks run on threads of the camera's.
 
     on_frame: return quickly, or frames are dropped. For the analysis alone `set_analyzer` costs less.
-    on_recording: the bytes of the finished MP4 file. Wait for it before `close`, which loses one that is not finished.
+    on_recording: the bytes of the finished MP4 file. `stop` and wait for it: `close` may lose one that is not finished.
     """
 
     def __init__(

@@ -219,7 +219,7 @@ TEST_F(SelvioCapture, CapturesAndShowsTheRecord) {
 
 TEST_F(SelvioCapture, EndsWithAPictureWhenTheCountdownIsBrokenOff) {
 #ifdef __SANITIZE_THREAD__
-    constexpr int kSlower = 5;  // a frame's analysis takes longer than a face is lost
+    constexpr int kSlower = 3;  // a frame's analysis takes longer than a face is lost
 #else
     constexpr int kSlower = 1;
 #endif

@@ -6,9 +6,8 @@ python=$1 source_dir=$2
 work=$(mktemp -d)
 trap 'rm -rf -- "$work"' EXIT
 
-cp -r -- "$source_dir/python" "$work/python" # pip leaves files beside what it builds
 "$python" -m venv --system-site-packages "$work/environment"
-"$work/environment/bin/pip" install --quiet --no-index --no-build-isolation "$work/python"
+"$work/environment/bin/pip" install --quiet --no-index "$source_dir/python"
 cd -- "$work"
 "$work/environment/bin/python" "$source_dir/examples/python/capture.py" selfie.jpg "$source_dir/samples/scripts/steady.json"
 [[ -s selfie.jpg ]]

@@ -45,7 +45,8 @@ class PackageTest(unittest.TestCase):
         def frame(_):
             raise Boom("frame")
 
-        parameters = selvio.Parameters(countdown_time=5)
+        recordings = queue.SimpleQueue()
+        parameters = selvio.Parameters(countdown_time=5, record_video=True)
         analyzer = selvio.Analyzer(
             self.platform,
             parameters,
@@ -53,7 +54,7 @@ class PackageTest(unittest.TestCase):
             on_countdown=lambda: None,
             on_success=success,
         )
-        camera = selvio.Camera(self.platform, parameters, on_frame=frame)
+        camera = selvio.Camera(self.platform, parameters, on_frame=frame, on_recording=recordings.put)
         with mock.patch("sys.unraisablehook", lambda what: unraisable.append(what.exc_value)), analyzer, camera:
             camera.set_analyzer(analyzer)
             camera.start()
@@ -65,6 +66,8 @@ class PackageTest(unittest.TestCase):
                     break
                 except (Boom, BaseExceptionGroup):
                     raised += 1
+            camera.stop()
+            self.assertEqual(recordings.get(timeout=60)[4:8], b"ftyp")
         self.assertGreaterEqual(raised, 1)  # what is raised within one drain counts once
         self.assertTrue(unraisable and all(isinstance(error, Boom) for error in unraisable))
         self.assertEqual({result.status for result in told[:-1]}, {selvio.Status.COUNTDOWN})

@@ -307,7 +307,7 @@ typedef struct selvio_camera_callbacks {
 /// 720 in NV12.
 SELVIO_EXPORT selvio_camera* selvio_camera_create(selvio_platform* platform, const selvio_parameters* parameters,
                                                   const selvio_camera_options* options, char** error);
-/// Stops and closes the camera. A recording that is still being finished is lost: wait for did_finish_recording before.
+/// Stops and closes the camera. A recording that is not finished may be lost: stop, and wait for did_finish_recording.
 SELVIO_EXPORT void selvio_camera_destroy(selvio_camera* camera);
 /// Hands every frame to this analyzer, before did_receive_frame; NULL: to none, as at first. The analyzer may be
 /// destroyed before the camera.
