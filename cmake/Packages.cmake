@@ -56,6 +56,11 @@ endif()
 selvio_package(
   dev libselvio-facial-capture-dev "selfie capture component: files for development" "Headers, package files for CMake and pkg-config, documentation."
   DEPENDS ${libraries} NEEDS nlohmann-json3-dev SECTION libdevel)
+if(TARGET SelvioFacialCaptureC)
+  install(DIRECTORY python/selvio_facial_capture DESTINATION lib/python3/dist-packages COMPONENT python EXCLUDE_FROM_ALL PATTERN __pycache__ EXCLUDE)
+  selvio_package(python python3-selvio-facial-capture "selfie capture component: hosts in Python" "Captures, judges pictures and reads records." DEPENDS ${libraries}
+                 NEEDS python3 SECTION python)
+endif()
 if(TARGET selvio-capture)
   selvio_package(program selvio-capture "takes guided selfies with a camera" "The host program of the selfie capture component." DEPENDS ${libraries}
                  SECTION graphics)
