@@ -40,7 +40,7 @@ struct PhraseText {
 };
 
 // In the order of Phrase.
-constexpr std::array<PhraseText, 9> kPhrases{{
+constexpr std::array<PhraseText, 15> kPhrases{{
     {"Timed out", "Die Zeit ist um"},
     {"Cancelled", "Abgebrochen"},
     {"The camera has stopped delivering frames", "Die Kamera liefert keine Bilder mehr"},
@@ -50,6 +50,12 @@ constexpr std::array<PhraseText, 9> kPhrases{{
     {"Recording", "Aufzeichnung"},
     {"Press Enter to take the picture", "Eingabetaste: Foto aufnehmen"},
     {"Source", "Quelle"},
+    {"Take the picture", "Foto aufnehmen"},
+    {"Go on", "Weiter"},
+    {"Paused", "Pause"},
+    {"Do you like the picture?", "Gefällt Ihnen das Foto?"},
+    {"Accept", "Übernehmen"},
+    {"Retake", "Wiederholen"},
 }};
 
 }  // namespace

@@ -10,7 +10,23 @@ namespace selvio::app {
 enum class Language { English, German };
 
 /// Texts of the program itself, beside those for the statuses.
-enum class Phrase { TimedOut, Cancelled, FramesStopped, NoFrames, Photograph, Record, Recording, PressEnter, Source };
+enum class Phrase {
+    TimedOut,
+    Cancelled,
+    FramesStopped,
+    NoFrames,
+    Photograph,
+    Record,
+    Recording,
+    PressEnter,
+    Source,
+    TakePicture,
+    GoOn,
+    Paused,
+    Review,
+    Accept,
+    Retake,
+};
 
 /// The language that the locale's variables name: the first of LC_ALL, LC_MESSAGES and LANG that is set and not empty
 /// decides. English for any but German.
