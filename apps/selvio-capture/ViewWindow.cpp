@@ -76,6 +76,10 @@ ViewWindow::ViewWindow(std::shared_ptr<GtkCaptureView> view, const RunOptions& o
     g_signal_connect_data(
         keys, "key-pressed",
         G_CALLBACK(+[](GtkEventControllerKey*, guint key, guint, GdkModifierType modifiers, gpointer self) -> gboolean {
+            if (key == GDK_KEY_w && (modifiers & GDK_CONTROL_MASK) != 0) {
+                gtk_window_close(static_cast<ViewWindow*>(self)->window_);
+                return TRUE;
+            }
             if ((modifiers & (GDK_CONTROL_MASK | GDK_ALT_MASK | GDK_SUPER_MASK)) != 0) return FALSE;
             return static_cast<ViewWindow*>(self)->press(key) ? TRUE : FALSE;
         }),

@@ -184,6 +184,7 @@ struct GtkCaptureView::State : public std::enable_shared_from_this<GtkCaptureVie
 
     void takePicture();
     void setText(const std::string& text);
+    void setStyle(const OvalStyle& next);
     void endCountdown();
     void followActivity();
     void activityChanged(bool active);
@@ -209,7 +210,7 @@ struct GtkCaptureView::State : public std::enable_shared_from_this<GtkCaptureVie
     bool textureUnreadable = false;
     bool covered = false;
     bool still = false;
-    OvalStyle style = kWaiting;
+    const OvalStyle* style = &kWaiting;
     std::vector<Point> landmarks;  // screen points
     std::int64_t secondsLeft = 0;  // of the countdown; 0: there is none
     std::int64_t seconds = 0;
@@ -400,12 +401,12 @@ void GtkCaptureView::State::drawOval(cairo_t* cairo, double scale) const {
 
     const double unit = area.width / kNaturalWidth;
     cairo_set_source_rgba(cairo, 0, 0, 0, 0.6);  // sets the line off from a picture of its own colour
-    cairo_set_line_width(cairo, (style.lineWidth + 2) * unit);
+    cairo_set_line_width(cairo, (style->lineWidth + 2) * unit);
     cairo_stroke_preserve(cairo);
-    cairo_set_source_rgb(cairo, style.colour[0], style.colour[1], style.colour[2]);
-    cairo_set_line_width(cairo, style.lineWidth * unit);
-    if (style.dashes[0] > 0) {
-        const std::array<double, 2> dashes{style.dashes[0] * unit, style.dashes[1] * unit};
+    cairo_set_source_rgb(cairo, style->colour[0], style->colour[1], style->colour[2]);
+    cairo_set_line_width(cairo, style->lineWidth * unit);
+    if (style->dashes[0] > 0) {
+        const std::array<double, 2> dashes{style->dashes[0] * unit, style->dashes[1] * unit};
         cairo_set_dash(cairo, dashes.data(), 2, 0);
     }
     cairo_stroke(cairo);
@@ -461,6 +462,11 @@ void GtkCaptureView::State::takePicture() {
 void GtkCaptureView::State::setText(const std::string& text) {
     if (text != gtk_label_get_text(GTK_LABEL(guidance))) gtk_label_set_text(GTK_LABEL(guidance), text.c_str());
     gtk_widget_set_visible(guidance, text.empty() ? FALSE : TRUE);
+}
+
+/// Landmarks and the ring are drawn with the next frame: one drawing a frame is enough.
+void GtkCaptureView::State::setStyle(const OvalStyle& next) {
+    if (std::exchange(style, &next) != &next) gtk_widget_queue_draw(widget);
 }
 
 void GtkCaptureView::State::endCountdown() {
@@ -531,21 +537,19 @@ void GtkCaptureView::showResults(const SelvioFacialCaptureResults& results) {
     if (status != SelvioFacialCaptureStatusCountdown) state_->endCountdown();
     const auto key = SelvioFacialCaptureResults::localizeKeyFrom(status).value_or("");
     state_->setText(state_->options.textForKey ? state_->options.textForKey(key) : key);
-    state_->style = styleFor(status);
+    state_->setStyle(styleFor(status));
     state_->landmarks.clear();
     for (const auto& points : {results.faceContourPoints(), results.nosePoints(), results.outerLipsPoints()}) {
         if (points) state_->landmarks.insert(state_->landmarks.end(), points->begin(), points->end());
     }
-    gtk_widget_queue_draw(state_->widget);
 }
 
 void GtkCaptureView::showText(const std::string& text) {
     if (state_->widget == nullptr) return;
     state_->endCountdown();
     state_->setText(text);
-    state_->style = kWaiting;
+    state_->setStyle(kWaiting);
     state_->landmarks.clear();
-    gtk_widget_queue_draw(state_->widget);
 }
 
 void GtkCaptureView::showCountdown(std::int64_t secondsLeft, std::int64_t seconds) {
