@@ -15,11 +15,13 @@ packages=(
     # capture, preview, recording, machine-readable codes
     libglib2.0-dev libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev
     gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-ugly gstreamer1.0-plugins-bad
-    gstreamer1.0-libav gstreamer1.0-x gstreamer1.0-pipewire libpipewire-0.3-dev libzxing-dev
+    gstreamer1.0-libav gstreamer1.0-pipewire libpipewire-0.3-dev libzxing-dev
+    # the capture view
+    libgtk-4-dev
     # tests and benchmarks
     clang libgtest-dev libgmock-dev libbenchmark-dev libjpeg-dev zlib1g-dev
     python3 python3-numpy python3-pip python3-venv
-    pipewire wireplumber dbus umockdev gstreamer1.0-tools ffmpeg xvfb imagemagick exif libimage-exiftool-perl parallel man-db
+    pipewire wireplumber dbus umockdev gstreamer1.0-tools ffmpeg xvfb xdotool imagemagick exif libimage-exiftool-perl parallel man-db
     # documentation
     doxygen
 )

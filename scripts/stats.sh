@@ -7,7 +7,7 @@ cd -- "$(dirname -- "${BASH_SOURCE[0]}")/.."
 count() {
     git ls-files -z -- "$@" | grep -zE '\.(c|cc|cpp|h|hpp|py|sh)$' | xargs -0r cat | grep -cvE '^\s*(//.*|#[^i].*)?$' || true
 }
-product=(analyzer apps base c camera examples imaging include model platform/capture platform/linux platform/simulated ':(glob)platform/*' python telemetry)
+product=(analyzer apps base c camera examples imaging include model platform/capture platform/gtk platform/linux platform/simulated ':(glob)platform/*' python telemetry)
 for folder in "${product[@]}"; do
     printf '%6d  %s\n' "$(count "$folder")" "$folder"
 done

@@ -83,14 +83,19 @@ void addRun(CLI::App& run, RunOptions& options) {
     run.add_option("--out", options.out, "directory for the results")->capture_default_str();
     run.add_flag("--json", options.json, "one JSON object a line for every call of the component");
     run.add_flag("--report", options.report, "a page about the capture, report.html, beside its results");
-    run.add_flag("--preview", options.preview, "show the camera in a window where there is a display");
+    run.add_flag_function(
+        "--preview,!--no-preview", [&options](std::int64_t count) { options.preview = count > 0; },
+        "show the camera and the guidance in a window, or do not; default: where there is a display and standard "
+        "output "
+        "is a terminal. Space takes the picture in manual mode, P pauses, R starts again, Escape cancels");
+    run.add_flag("--accept", options.accept, "keep the photograph without asking in the window");
     run.add_option_function<std::string>(
            "--mode",
            [parameters](const std::string& mode) {
                parameters->setMode(mode == "manual" ? SelvioFacialCaptureModeManual : SelvioFacialCaptureModeAuto);
            },
-           "auto or manual (Enter takes the picture; without a terminal the first well placed face does, "
-           "smiling or not)")
+           "auto or manual (Enter takes the picture, in the window Space; without both the first well placed face "
+           "does, smiling or not)")
         ->check(CLI::IsMember({"auto", "manual"}))
         ->default_str("auto");
     addNumber(run, "--timeout", parameters, &Parameters::setTimeout, 3, 30,
@@ -98,6 +103,8 @@ void addRun(CLI::App& run, RunOptions& options) {
     addRuleOptions(run, parameters);
     addNumber(run, "--image-quality", parameters, &Parameters::setImageQuality, 5, 100,
               "JPEG quality in percent, default 95");
+    addFlag(run, "--highlight-landmarks", parameters, &Parameters::setHighlightLandmarks,
+            "draw the landmarks that are found into the window");
     addFlag(run, "--select-on-smile", parameters, &Parameters::setSelectOnSmile, "take the picture around a smile");
     addNumber(run, "--countdown-time", parameters, &Parameters::setCountdownTime, 0, 5,
               "seconds of countdown before the picture, default 2; 0 and 1: none");

@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 #include <variant>
 #include <vector>
@@ -35,8 +36,10 @@ struct RunOptions {
     std::filesystem::path out = "capture";
     bool json = false;
     bool report = false;  ///< a page about the capture beside its results
-    bool preview = false;
-    bool hevc = false;  ///< record H.265 where an encoder for it is installed
+    std::optional<bool> preview;  ///< nothing: where there is a display and standard output is a terminal
+    bool accept = false;          ///< keep the photograph without asking the person, who sees it in the preview
+    bool attended = false;        ///< the preview is open; set by the program
+    bool hevc = false;            ///< record H.265 where an encoder for it is installed
     std::shared_ptr<SelvioFacialCaptureParameters> parameters = std::make_shared<SelvioFacialCaptureParameters>();
 };
 

@@ -4,6 +4,7 @@
 #include "RunOutput.h"
 #include "Session.h"
 #include "Source.h"
+#include "ViewWindow.h"
 
 #include <SelvioFacialCapture/base/MainQueue.h>
 #include <SelvioFacialCapture/base/SerialQueue.h>
@@ -116,6 +117,12 @@ private:
     std::vector<std::shared_ptr<SerialQueue>> queues_;  // guarded by mutex_
 };
 
+/// A session and its queues, which end after it.
+struct KeptSession {
+    KeptQueues queues;
+    std::shared_ptr<Session> session;
+};
+
 }  // namespace
 
 ExitCode perform(const RunOptions& options) {
@@ -146,17 +153,36 @@ ExitCode perform(const RunOptions& options) {
         output->message(where);
     }
 
-    KeptQueues queues;  // outlives the session
-    platform.makeSerialQueue = [&queues](const std::string& label) { return queues.make(label); };
+    std::unique_ptr<ViewWindow> window;
+    if (options.preview.value_or(::isatty(STDOUT_FILENO) == 1)) {
+        window = ViewWindow::open(platform, options, language, *output);
+        if (!window) complain("there is no display to show the camera on; the guidance is here");
+    }
+    auto sessionOptions = options;
+    sessionOptions.attended = window != nullptr;
+    const auto beginSession = [&](RunOutput& to, std::function<void()> ended) {
+        const auto kept = std::make_shared<KeptSession>();
+        auto own = platform;
+        own.makeSerialQueue = [queues = &kept->queues](const std::string& label) { return queues->make(label); };
+        kept->session = Session::make(std::move(own), sessionOptions, source, to, language, std::move(ended));
+        return std::shared_ptr<Session>(kept, kept->session.get());
+    };
+
     const auto queue = MainQueue::shared();
-    const auto session =
-        Session::make(std::move(platform), options, source, *output, language, [queue] { queue->quit(); });
     const bool enterSelects =
         options.parameters->mode() == SelvioFacialCaptureModeManual && ::isatty(STDIN_FILENO) == 1;
     if (enterSelects) std::cerr << text(Phrase::PressEnter, language) << std::endl;
+    const auto whenEntered = [enterSelects](std::function<void()> entered) {
+        return enterSelects ? std::move(entered) : std::function<void()>();
+    };
+    if (window) {
+        const InputWatcher watcher(
+            queue, [&window] { window->cancel(); }, whenEntered([&window] { window->entered(); }));
+        return window->run(beginSession);
+    }
+    const auto session = beginSession(*output, [queue] { queue->quit(); });
     const InputWatcher watcher(
-        queue, [&session] { session->interrupted(); },
-        enterSelects ? std::function<void()>([&session] { session->entered(); }) : std::function<void()>());
+        queue, [&session] { session->interrupted(); }, whenEntered([&session] { session->entered(); }));
     queue->async([&session] { session->begin(); });
     queue->run();
     return session->exitCode();

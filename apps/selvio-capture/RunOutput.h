@@ -17,7 +17,8 @@ struct RunEvent {
     std::string name;   ///< of the delegate's function
     double time = 0.0;  ///< seconds since the capture was started
     std::vector<SelvioFacialCaptureStatus> statuses;
-    bool recording = false;  ///< whether a recording is being written
+    bool recording = false;                                 ///< whether a recording is being written
+    std::shared_ptr<SelvioFacialCaptureResults> results{};  ///< of the frame; null for an event without
 };
 
 /// All calls come from the main queue.

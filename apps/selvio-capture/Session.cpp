@@ -3,6 +3,7 @@
 #include "OutputFiles.h"
 #include "Report.h"
 
+#include <SelvioFacialCapture/gtk/CaptureView.h>
 #include <SelvioFacialCapture/imaging/Base64.h>
 
 #include <unistd.h>
@@ -39,11 +40,10 @@ Session::Session(Platform platform, const RunOptions& options, const Source& sou
       output_(output),
       language_(language),
       ended_(std::move(ended)),
-      countdown_(std::make_shared<Countdown>(
-          platform_.mainQueue, options_.parameters->countdownTime(),
-          [this](std::int64_t left) { output_.countdown(left, isRecording()); }, [this] { analyzer_->selectFrame(); })),
       resumeTime_(platform_.clock->monotonicTime()),
-      frames_(std::make_shared<FrameWatch>(resumeTime_)) {}
+      frames_(std::make_shared<FrameWatch>(resumeTime_)) {
+    makeCountdown();
+}
 
 void Session::begin() {
     if (ending_) return;
@@ -52,6 +52,12 @@ void Session::begin() {
             main->async([answer, granted] { answer(granted); });
         },
         platform_);
+}
+
+void Session::makeCountdown() {
+    countdown_ = std::make_shared<Countdown>(
+        platform_.mainQueue, options_.parameters->countdownTime(),
+        [this](std::int64_t left) { output_.countdown(left, isRecording()); }, [this] { analyzer_->selectFrame(); });
 }
 
 void Session::makeAnalyzer() {
@@ -74,11 +80,13 @@ void Session::makeCamera() {
     cameraDelegate_ = std::make_shared<SelvioFacialCaptureCameraDelegate>();
     cameraDelegate_->didFinishConfiguringSession = [] {
     };  // the camera counts as configured only for a delegate that wants to know
-    cameraDelegate_->didReceiveSampleBuffer = [analyzer = analyzer_, frames = frames_,
-                                               clock = platform_.clock](const auto& sampleBuffer) {
-        frames->noteFrame(clock->monotonicTime());
-        analyzer->analyzeSampleBuffer(sampleBuffer);
-    };
+    cameraDelegate_->didReceiveSampleBuffer =
+        [analyzer = analyzer_, frames = frames_, clock = platform_.clock,
+         view = std::dynamic_pointer_cast<GtkCaptureView>(camera_->view())](const auto& sampleBuffer) {
+            frames->noteFrame(clock->monotonicTime());
+            if (view) view->showFrame(sampleBuffer);
+            analyzer->analyzeSampleBuffer(sampleBuffer);
+        };
     cameraDelegate_->didFinishRecordingVideo =
         [main = platform_.mainQueue, block = weakly(&Session::recordingFinished)](std::vector<std::uint8_t> data) {
             main->async(
@@ -104,8 +112,9 @@ void Session::cameraConfigured() {
     camera_->start();
     resumeTime_ = platform_.clock->monotonicTime();
     analyzer_->resume();
+    resumed_ = true;
     if (analyzerIsManualOnly_ && takesFirstGoodFace()) analyzer_->selectFrame();  // no frame will be judged
-    platform_.mainQueue->asyncAfter(std::chrono::seconds(options_.parameters->timeout()), weakly(&Session::timedOut));
+    startTimeout();
     afterSessionQueue(&Session::cameraStarted);
 }
 
@@ -126,6 +135,21 @@ void Session::entered() {
     if (!ending_) analyzer_->selectFrame();
 }
 
+bool Session::setPaused(bool paused) {
+    if (ending_ || !resumed_ || paused == paused_) return false;
+    paused_ = paused;
+    if (paused) {
+        countdown_->cancel();
+        analyzer_->pause();
+        ++timeout_;
+    } else {
+        makeCountdown();  // one that had finished has asked for a picture, which is forgotten
+        analyzer_->resume();
+        startTimeout();
+    }
+    return true;
+}
+
 void Session::watchFrames() {
     if (ending_) return;
     switch (frames_->stateAt(platform_.clock->monotonicTime())) {
@@ -139,18 +163,25 @@ void Session::watchFrames() {
     platform_.mainQueue->asyncAfter(kWatchInterval, weakly(&Session::watchFrames));
 }
 
-void Session::timedOut() {
+void Session::startTimeout() {
+    platform_.mainQueue->asyncAfter(std::chrono::seconds(options_.parameters->timeout()),
+                                    [block = weakly(&Session::timedOut), timeout = ++timeout_] { block(timeout); });
+}
+
+void Session::timedOut(const std::uint64_t& timeout) {
+    if (timeout != timeout_) return;
     if (!frames_->anyFrame()) return cancel(ExitCode::NoCamera, text(Phrase::NoFrames, language_));
     cancel(ExitCode::NotCaptured, text(Phrase::TimedOut, language_));
 }
 
-/// In manual mode without a terminal nobody can press Enter.
+/// In manual mode without a terminal or a window nobody can press a key.
 bool Session::takesFirstGoodFace() const {
-    return options_.parameters->mode() == SelvioFacialCaptureModeManual && ::isatty(STDIN_FILENO) == 0;
+    return options_.parameters->mode() == SelvioFacialCaptureModeManual && !options_.attended &&
+           ::isatty(STDIN_FILENO) == 0;
 }
 
 void Session::detectionResults(const Results& results) {
-    if (ending_) return;
+    if (ending_ || paused_) return;
     const auto status = results->highestPriorityStatus();
     countdown_->follow(status);
     report("detectionResults", results);
@@ -160,7 +191,7 @@ void Session::detectionResults(const Results& results) {
 }
 
 void Session::startCountdown() {
-    if (ending_) return;
+    if (ending_ || paused_) return;
     report("startCountdown", nullptr);
     countdown_->start();
 }
@@ -213,12 +244,16 @@ void Session::end(ExitCode code) {
         [output = camera_->videoOutputQueue(), main = platform_.mainQueue, block = weakly(&Session::stopCamera)] {
             output->async([main, block] { main->async(block); });
         });
-    platform_.mainQueue->asyncAfter(kLongestEnding, [code = exitCode_, center = platform_.notificationCenter] {
-        complain("the camera does not end");
-        center->post(ApplicationNotification::WillTerminate);
-        std::cout.flush();
-        std::_Exit(static_cast<int>(code == ExitCode::Success ? ExitCode::Other : code));
-    });
+    platform_.mainQueue->asyncAfter(kLongestEnding, weakly(&Session::giveUpEnding));
+}
+
+void Session::giveUpEnding() {
+    if (complete_) return;
+    complain("the camera does not end");
+    keep();
+    platform_.notificationCenter->post(ApplicationNotification::WillTerminate);
+    std::cout.flush();
+    std::_Exit(static_cast<int>(exitCode_ == ExitCode::Success ? ExitCode::Other : exitCode_));
 }
 
 void Session::stopCamera() {
@@ -256,6 +291,7 @@ void Session::recordingFinished(const std::vector<std::uint8_t>& data) {
 }
 
 void Session::complete() {
+    complete_ = true;
     platform_.notificationCenter->post(
         ApplicationNotification::WillTerminate);  // the camera removes what is left of recordings
     camera_->shutdown();
@@ -269,7 +305,7 @@ void Session::report(const char* event, const Results& results) {
     output_.event({event, time.count(),
                    results ? results->orderedStatuses().value_or(std::vector<SelvioFacialCaptureStatus>{})
                            : std::vector<SelvioFacialCaptureStatus>{},
-                   isRecording()});
+                   isRecording(), results});
 }
 
 bool Session::isRecording() const {
@@ -286,6 +322,17 @@ void Session::say(const std::string& text) {
 }
 
 void Session::write(const char* name, Phrase what, std::string_view bytes) {
+    if (!options_.attended || options_.accept) return store(name, what, bytes);
+    held_.push_back({name, what, std::string(bytes)});
+}
+
+void Session::keep(bool recordOnly) {
+    for (const auto& held : std::exchange(held_, {})) {
+        if (!recordOnly || held.what == Phrase::Record) store(held.name, held.what, held.bytes);
+    }
+}
+
+void Session::store(const char* name, Phrase what, std::string_view bytes) {
     const auto path = options_.out / name;
     if (const auto error = writeFileAtomically(path, bytes)) {
         complain(error->localizedDescription);

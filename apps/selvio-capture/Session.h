@@ -32,6 +32,12 @@ public:
     void interrupted();
     /// Takes the next frame, once the camera runs.
     void entered();
+    /// Stops judging, or starts anew with the whole time; the camera goes on. False where that cannot be: before the
+    /// camera runs, after the end, or when it is so already.
+    bool setPaused(bool paused);
+    /// Writes the results that were held back for a person who sees the photograph first: all, or the record alone.
+    /// Once, after the end.
+    void keep(bool recordOnly = false);
     [[nodiscard]] ExitCode exitCode() const { return exitCode_; }
 
 private:
@@ -40,13 +46,15 @@ private:
     Session(Platform platform, const RunOptions& options, const Source& source, RunOutput& output, Language language,
             std::function<void()> ended);
 
+    void makeCountdown();
     void makeAnalyzer();
     void makeCamera();
     void openCamera(bool granted);
     void cameraConfigured();
     void cameraStarted();
     void watchFrames();
-    void timedOut();
+    void startTimeout();
+    void timedOut(const std::uint64_t& timeout);
 
     void detectionResults(const Results& results);
     void startCountdown();
@@ -56,6 +64,7 @@ private:
 
     void cancel(ExitCode code, const std::string& why);
     void end(ExitCode code);
+    void giveUpEnding();
     void stopCamera();
     void awaitRecording();
     void recordingFinished(const std::vector<std::uint8_t>& data);
@@ -66,6 +75,7 @@ private:
     void say(const std::string& text);
     void write(const char* name, Phrase what, std::string_view bytes);
     void writeRecord(const Results& results, const Bytes& photograph);
+    void store(const char* name, Phrase what, std::string_view bytes);
     void fail(ExitCode code);
     [[nodiscard]] bool takesFirstGoodFace() const;
 
@@ -97,8 +107,18 @@ private:
     std::shared_ptr<FrameWatch> frames_;
     std::shared_ptr<AssetWriter> finishing_;  // the recording that is waited for
     bool analyzerIsManualOnly_ = false;
+    struct Held {
+        const char* name;
+        Phrase what;
+        std::string bytes;
+    };
+    std::vector<Held> held_;
+    std::uint64_t timeout_ = 0;  // counts the starts; the earlier ones do not count any more
+    bool resumed_ = false;
+    bool paused_ = false;
     bool selected_ = false;
     bool ending_ = false;
+    bool complete_ = false;
     ExitCode exitCode_ = ExitCode::Success;
 };
 

@@ -6,7 +6,6 @@
 #include <SelvioFacialCapture/linux/Recording.h>
 #include <SelvioFacialCapture/simulated/SimulatedPlatform.h>
 
-#include <cstdlib>
 #include <fstream>
 #include <utility>
 #include <vector>
@@ -106,7 +105,6 @@ std::variant<Source, SourceFailure> useVideo(Platform& platform, const std::stri
 }
 
 std::variant<Source, SourceFailure> useSimulatedFront(Platform& platform, const RunOptions& options) {
-    if (options.preview) complain("--preview shows real cameras and videos only");
     if (const auto error = useSimulated(platform, options.photo, options.script,
                                         recommendedVideoCodec({.preferHEVC = options.hevc}))) {
         return SourceFailure{ExitCode::UnreadableInput, error->localizedDescription};
@@ -143,10 +141,6 @@ std::shared_ptr<CaptureSystem> machineCaptureSystem(bool hevc) {
 }
 
 std::variant<Source, SourceFailure> useSource(Platform& platform, const RunOptions& options) {
-    if (options.preview) {
-        if (std::getenv("DISPLAY") == nullptr) complain("--preview: there is no display");
-        platform.makeView = [] { return makeGstView({.window = true, .title = "selvio-capture"}); };
-    }
     using Kind = SourceOption::Kind;
     switch (options.source.kind) {
         case Kind::Simulated:

@@ -40,7 +40,7 @@ struct PhraseText {
 };
 
 // In the order of Phrase.
-constexpr std::array<PhraseText, 10> kPhrases{{
+constexpr std::array<PhraseText, 16> kPhrases{{
     {"Timed out", "Die Zeit ist um"},
     {"Cancelled", "Abgebrochen"},
     {"The camera has stopped delivering frames", "Die Kamera liefert keine Bilder mehr"},
@@ -51,6 +51,12 @@ constexpr std::array<PhraseText, 10> kPhrases{{
     {"Press Enter to take the picture", "Eingabetaste: Foto aufnehmen"},
     {"Source", "Quelle"},
     {"Report", "Bericht"},
+    {"Take the picture", "Foto aufnehmen"},
+    {"Go on", "Weiter"},
+    {"Paused", "Pause"},
+    {"Do you like the picture?", "Gefällt Ihnen das Foto?"},
+    {"Accept", "Übernehmen"},
+    {"Retake", "Wiederholen"},
 }};
 
 }  // namespace

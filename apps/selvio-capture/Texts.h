@@ -20,7 +20,13 @@ enum class Phrase {
     Recording,
     PressEnter,
     Source,
-    Report
+    Report,
+    TakePicture,
+    GoOn,
+    Paused,
+    Review,
+    Accept,
+    Retake,
 };
 
 /// The language that the locale's variables name: the first of LC_ALL, LC_MESSAGES and LANG that is set and not empty

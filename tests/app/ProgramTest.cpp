@@ -61,6 +61,8 @@ protected:
         if (program == 0) {
             ::setenv("LC_ALL", language_.c_str(), 1);
             ::setenv("XDG_DATA_HOME", directory_.path().c_str(), 1);
+            ::unsetenv("DISPLAY");
+            ::unsetenv("WAYLAND_DISPLAY");
             if (!onTerminal_) {
                 ::dup2(::open("/dev/null", O_RDONLY), STDIN_FILENO);
                 ::dup2(outputFile.empty() ? pipe[1] : ::open(outputFile.c_str(), O_WRONLY), STDOUT_FILENO);
@@ -312,6 +314,7 @@ TEST_F(SelvioCapture, GuidesOnATerminalAndTakesThePictureWhenEnterIsPressed) {
         });
     EXPECT_TRUE(entered) << ended.out;
     EXPECT_EQ(ended.exitCode, 0) << ended.out;
+    EXPECT_THAT(ended.out, HasSubstr("there is no display"));
     EXPECT_THAT(results(), ElementsAre("record.json", "selfie.jpg"));
     EXPECT_EQ(record()["SelvioResultCode"], "SuccessStillCamera");
 }

@@ -27,7 +27,8 @@ struct Output final : RunOutput {
 
 /// The program in manual mode with nobody in view.
 struct Rig {
-    explicit Rig(bool record) {
+    explicit Rig(bool record, bool attended = false) {
+        options.attended = attended;
         options.out = directory.path();
         options.parameters = std::make_shared<SelvioFacialCaptureParameters>();
         options.parameters->setMode(SelvioFacialCaptureModeManual);
@@ -123,6 +124,32 @@ TEST(Session, MarksWhatItReportsOnlyWhileItRecords) {
         EXPECT_TRUE(std::filesystem::exists(rig.directory.path() / "selfie.jpg"));
         EXPECT_EQ(rig.ended, record ? 0 : 1) << "the recording is waited for";
     }
+}
+
+TEST(Session, JudgesNothingWhilePausedAndHoldsTheResultsBackForAPerson) {
+    Rig rig(false, true);
+    EXPECT_FALSE(rig.session->setPaused(true)) << "the camera does not run yet";
+    rig.session->begin();
+    rig.settle();
+    rig.main->advance(15s);
+    EXPECT_TRUE(rig.session->setPaused(true));
+    EXPECT_FALSE(rig.session->setPaused(true));
+    rig.sendFrame();
+    rig.main->advance(15s);  // the time-out is 20 s
+    EXPECT_THAT(rig.output.lines, testing::IsEmpty());
+    EXPECT_TRUE(rig.session->setPaused(false));
+    rig.sendFrame();
+    rig.main->advance(15s);
+    rig.session->entered();
+    rig.sendFrame();
+    EXPECT_THAT(rig.output.lines, testing::ElementsAre("detectionResults", "detectionSuccess"));
+    EXPECT_EQ(rig.ended, 1);
+    const auto file = [&](const char* name) { return std::filesystem::exists(rig.directory.path() / name); };
+    EXPECT_FALSE(file("selfie.jpg") || file("record.json"));
+    rig.session->keep(true);
+    EXPECT_TRUE(!file("selfie.jpg") && file("record.json"));
+    rig.main->advance(1h);
+    EXPECT_EQ(rig.ended, 1) << "nobody gives up on a session that has ended";
 }
 
 }  // namespace

@@ -143,36 +143,6 @@ TEST(Capture, TorchIsAnLedWhoseFunctionIsLight) {
     EXPECT_EQ(brightness("white:flash"), 0);
 }
 
-TEST(Preview, ShowsTheFramesMirroredInAWindow) {
-    if (outputOf("command -v Xvfb").empty()) GTEST_SKIP() << "Xvfb is not installed";
-    Child server({"Xvfb", "-displayfd", "1", "-screen", "0", "360x640x24"});
-    const std::string display = ":" + server.readLine().value_or("");  // said when it is ready
-    ::setenv("DISPLAY", display.c_str(), 1);
-    LogCapture log;
-    {
-        // Colour bars: white at the left of the picture, blue at its right.
-        const SourceCamera bars{
-            .name = "bars", .source = "videotestsrc is-live=true pattern=smpte", .width = 360, .height = 640};
-        const auto system = systemOf({.sources = {bars}});
-        const auto view = makeGstView({.window = true});
-        view->setFrame({0, 0, 360, 640});
-        Rig rig(system, firstCamera(system));
-        view->layer()->setSession(rig.session);
-        rig.session->startRunning();
-        const auto seen = [&](const char* place) {
-            const auto pixel =
-                outputOf("ffmpeg -v error -f x11grab -video_size 360x640 -i " + display +
-                         " -frames:v 1 -vf crop=2:2:" + place + ":200,scale=1:1 -pix_fmt gray -f rawvideo -");
-            return pixel.empty() ? 0 : static_cast<unsigned char>(pixel[0]);
-        };
-        EXPECT_TRUE(comesTrue([&] { return seen("340") > 150; })) << "white is at the right";
-        EXPECT_LT(seen("20"), 60) << "and blue at the left";
-        view->layer()->setSession(nullptr);
-    }
-    EXPECT_TRUE(log.take().empty());
-    ::unsetenv("DISPLAY");
-}
-
 TEST(Capture, AVideoFileIsACameraThatPlaysOnce) {
     TemporaryDirectory directory;
     const auto file = directory.path() / "clip with space.mp4";

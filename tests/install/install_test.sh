@@ -39,7 +39,7 @@ quietly cmake --build "$work/build"
 check find_package "$work/build/consumer"
 
 export PKG_CONFIG_PATH=$prefix/$libdir/pkgconfig
-read -r -a pkg_flags < <(pkg-config --cflags --libs --print-errors SelvioFacialCaptureLinux SelvioFacialCaptureSimulated)
+read -r -a pkg_flags < <(pkg-config --cflags --libs --print-errors SelvioFacialCaptureLinux SelvioFacialCaptureGtk SelvioFacialCaptureSimulated)
 quietly "$compiler" -std=c++20 "${flags[@]}" "$consumer/main.cpp" -o "$work/consumer" "${pkg_flags[@]}" "-Wl,-rpath,$prefix/$libdir"
 check pkg-config "$work/consumer"
 

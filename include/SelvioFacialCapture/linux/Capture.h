@@ -1,4 +1,4 @@
-// Cameras, microphones and the preview on Linux, through GStreamer: Video4Linux, PipeWire, video files.
+// Cameras and microphones on Linux, through GStreamer: Video4Linux, PipeWire, video files.
 #pragma once
 
 #include <SelvioFacialCapture/base/Export.h>
@@ -69,14 +69,9 @@ struct CaptureOptions {
 ///   Authorized. Nobody is asked.
 [[nodiscard]] SELVIO_EXPORT std::shared_ptr<CaptureSystem> makeGstCaptureSystem(CaptureOptions options = {});
 
-struct ViewOptions {
-    /// Show the frames in a window, mirrored and filling it, where an X display is there.
-    bool window = false;
-    std::string title = "Preview";
-};
-
-/// A view whose preview layer takes sessions of the capture system above (others it only holds). Without a window it
-/// shows nothing and costs nothing. The window closes with the view.
-[[nodiscard]] SELVIO_EXPORT std::shared_ptr<View> makeGstView(ViewOptions options = {});
+/// A view that shows nothing and costs nothing. Its preview layer takes sessions of the capture system above (others it
+/// only holds), and places what is found in a frame as a mirror of the view's size would show it. What a person can
+/// look at is in `gtk/CaptureView.h`.
+[[nodiscard]] SELVIO_EXPORT std::shared_ptr<View> makeGstView();
 
 }  // namespace selvio

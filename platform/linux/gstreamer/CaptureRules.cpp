@@ -119,14 +119,6 @@ FrameCrop cropFor(int width, int height, VideoOrientation orientation) {
     return crop;
 }
 
-Rect onMirroredSurface(Rect part, int width, int height, Size surface) {
-    const double scale = std::max(surface.width / width, surface.height / height);
-    const double shownWidth = width * scale;
-    const double shownHeight = height * scale;
-    return {surface.width / 2 + (0.5 - part.x - part.width) * shownWidth,
-            surface.height / 2 + (part.y - 0.5) * shownHeight, part.width * shownWidth, part.height * shownHeight};
-}
-
 int positionMatch(CaptureDevicePosition actual, CaptureDevicePosition wanted) {
     if (actual == wanted || wanted == CaptureDevicePosition::Unspecified) return 2;
     return actual == CaptureDevicePosition::Unspecified ? 1 : 0;

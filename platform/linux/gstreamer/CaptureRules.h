@@ -58,10 +58,6 @@ void addMode(std::vector<CameraMode>& modes, CameraMode mode);
 /// The part of a sensor's picture that a connection of this orientation delivers. Sides and places are even.
 [[nodiscard]] FrameCrop cropFor(int width, int height, VideoOrientation orientation);
 
-/// Where a part of a frame (normalized, from the top left) lies on a surface that shows the frame mirrored and filling
-/// it, in the surface's units.
-[[nodiscard]] Rect onMirroredSurface(Rect part, int width, int height, Size surface);
-
 /// Whether a camera at `actual` is an answer to a search at `wanted`: 0 no, 1 it states no position, 2 yes.
 [[nodiscard]] int positionMatch(CaptureDevicePosition actual, CaptureDevicePosition wanted);
 

@@ -133,22 +133,6 @@ void GstCaptureSession::setSessionPreset(const std::string& preset) {
     partsChanged();
 }
 
-void GstCaptureSession::addWatcher(std::weak_ptr<FrameWatcher> watcher) {
-    const std::lock_guard lock(mutex_);
-    watchers_.push_back(std::move(watcher));
-}
-
-void GstCaptureSession::removeWatcher(const FrameWatcher* watcher) {
-    const std::lock_guard lock(mutex_);
-    std::erase_if(watchers_, [&](const auto& held) { return held.expired() || held.lock().get() == watcher; });
-}
-
-void GstCaptureSession::dropLater(std::shared_ptr<GstCaptureSession> session) {
-    if (!session) return;
-    SerialQueue& queue = session->control_;
-    queue.async([session = std::move(session)] {});
-}
-
 // ---- running
 
 void GstCaptureSession::startRunning() {
@@ -397,12 +381,6 @@ void GstCaptureSession::frameArrived(const Run& run, GstSample* sample, GstEleme
         metadata != nullptr && metadata->wantsFrame()) {
         metadata->search(
             borrow(run.memory, buffer, info, cropFor(width, height, metadata->connection()->videoOrientation())));
-    }
-    for (const auto& held : mutex_.get(watchers_)) {
-        const auto watcher = held.lock();
-        if (!watcher) continue;
-        if (auto pixels = borrow(run.memory, buffer, info, cropFor(width, height, watcher->orientation())))
-            watcher->frameArrived(SampleBuffer::makeVideo(std::move(pixels), timing));
     }
 }
 

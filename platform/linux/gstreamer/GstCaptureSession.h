@@ -13,15 +13,6 @@
 
 namespace selvio {
 
-/// Sees every frame of a session beside its outputs: a preview. Called on the camera's thread; must not wait.
-class FrameWatcher {
-public:
-    virtual ~FrameWatcher() = default;
-    /// The orientation that the frames are cut to.
-    [[nodiscard]] virtual VideoOrientation orientation() const = 0;
-    virtual void frameArrived(const std::shared_ptr<SampleBuffer>& frame) = 0;
-};
-
 /// Configuration may be changed at any time and on any thread; a session that runs takes it up when the configuration
 /// is committed. It runs without a camera, too, and opens the one that it is given.
 ///
@@ -47,12 +38,6 @@ public:
     [[nodiscard]] std::chrono::nanoseconds masterClockTime() const override {
         return std::chrono::steady_clock::now().time_since_epoch();
     }
-
-    void addWatcher(std::weak_ptr<FrameWatcher> watcher);
-    void removeWatcher(const FrameWatcher* watcher);
-    /// Drops a reference that may be the last one, on a thread that may end a session: the camera's may not, because
-    /// the end waits for it.
-    static void dropLater(std::shared_ptr<GstCaptureSession> session);
 
 private:
     enum class State { Stopped, Opening, Running };
@@ -102,8 +87,7 @@ private:
 
     const CaptureOptions options_;
     MemberMutex mutex_;
-    int configuring_ = 0;                                // guarded by mutex_; configurations that have begun
-    std::vector<std::weak_ptr<FrameWatcher>> watchers_;  // guarded by mutex_
+    int configuring_ = 0;  // guarded by mutex_; configurations that have begun
 
     std::recursive_mutex lifecycle_;     // held while the pipelines are built or taken down
     std::optional<Plan> runningPlan_;    // guarded by lifecycle_

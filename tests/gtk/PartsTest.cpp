@@ -1,0 +1,157 @@
+// What the view is made of: the oval, the pictures, the queue in GLib's loop.
+#include <SelvioFacialCapture/gtk/MainLoop.h>
+
+#include <gmock/gmock.h>
+#include <gtk/gtk.h>
+
+#include <cmath>
+#include <future>
+#include <random>
+
+#include "platform/gtk/FaceOval.h"
+#include "platform/gtk/PictureFeed.h"
+
+namespace selvio {
+namespace {
+
+/// A face as the detector would report it; at size 1 its contour ends touch the oval's sides and its chin the lower
+/// end.
+FaceObservation faceIn(const FaceOval& oval, const rules::PreviewGeometry& screen, double size) {
+    const Rect rect{oval.middle.x - oval.halfWidth * size, oval.middle.y, 2 * oval.halfWidth * size, oval.below * size};
+    FaceLandmarkRegion contour;
+    for (int i = 0; i < 17; ++i)  // along the lower half, from the right to the left; in the box x runs down
+        contour.normalizedPoints.push_back(
+            {std::sin(std::acos(-1.0) * i / 16), 0.5 + std::cos(std::acos(-1.0) * i / 16) / 2});
+    FaceLandmarkRegion nose{std::vector<Point>(9, {0.42, 0.5})};
+    nose.normalizedPoints[2].y -= 0.1;
+    nose.normalizedPoints[6].y += 0.1;
+    return {.boundingBox = {(rect.y + screen.yAdjuster) * screen.hAdjuster / screen.biggerScreenSide,
+                            (rect.x + screen.xAdjuster) * screen.wAdjuster / screen.smallerScreenSide,
+                            rect.height * screen.hAdjuster / screen.biggerScreenSide,
+                            rect.width * screen.wAdjuster / screen.smallerScreenSide},
+            .landmarks = FaceLandmarks{contour, nose, {}}};
+}
+
+TEST(FaceOval, AFaceThatFillsItPassesEveryCheckOnEveryScreen) {
+    std::mt19937 random(11);
+    const auto between = [&](int least, int most) { return std::uniform_int_distribution(least, most)(random); };
+    int possible = 0;
+    for (int i = 0; i < 3000; ++i) {
+        SelvioFacialCaptureParameters parameters;
+        parameters.setMinFill(between(400, 800));
+        parameters.setMaxFill(between(500, 900));
+        parameters.setRoll(between(0, 990));  // 1000 leaves no room for rounding
+        parameters.setPitch(between(0, 1000));
+        parameters.setYaw(between(0, 1000));
+        const auto limits = rules::limitsOf(parameters);
+        const Size size{static_cast<double>(between(320, 1440)), static_cast<double>(between(1440, 2560))};
+        const double widest = size.height / size.width > 1.78 ? 1 / 1.218 : 0.78;  // within the margins
+        if (static_cast<double>(limits.minFill) / 1000 >= widest) continue;
+        ++possible;
+        rules::PreviewGeometry screen;
+        screen.setScreen(size);
+        screen.setResolution({720, static_cast<double>(between(960, 1600))});
+        const auto statusesOf = [&](double scale) {
+            return rules::judgeFaces({faceIn(faceOvalFor(limits, size), screen, scale)}, screen, limits, false)
+                .statuses;
+        };
+        EXPECT_THAT(statusesOf(1.0), testing::IsEmpty()) << limits.minFill << ' ' << limits.maxFill;
+        EXPECT_THAT(statusesOf(0.4), testing::Contains(SelvioFacialCaptureStatusMoveCloser));
+        EXPECT_FALSE(statusesOf(1.5).empty());
+    }
+    EXPECT_GT(possible, 2000);
+}
+
+/// Blue, or the luma, grows across, and red down.
+std::shared_ptr<PixelBuffer> ramp(int width, int height, PixelFormat format) {
+    auto frame = PixelBuffer::create(width, height, format);
+    std::fill_n(frame->data(), frame->layout().byteSize(), 128);
+    for (int i = 0; i < width * height; ++i) {
+        const int x = i % width, y = i / width, across = 255 * x / (width - 1);
+        std::uint8_t* const row = frame->data() + static_cast<std::size_t>(y) * frame->bytesPerRow();
+        if (format == kPixelFormat420v) {
+            row[x] = static_cast<std::uint8_t>(16 + 219 * across / 255);
+        } else {
+            const int last = format == kPixelFormat32ARGB ? 3 : 0;
+            row[4 * x + last] = static_cast<std::uint8_t>(across);
+            row[4 * x + std::abs(last - 2)] = static_cast<std::uint8_t>(255 * y / (height - 1));
+            row[4 * x + std::abs(last - 3)] = 255;
+        }
+    }
+    return frame;
+}
+
+TEST(PictureScaler, ShowsTheMiddleThatTheScreenShowsMirrored) {
+    PictureScaler scaler;
+    struct Case {
+        int frameWidth, frameHeight;
+        Size screen;
+        double partWidth, partHeight;  // of the frame
+    };
+    for (const auto& c :
+         {Case{720, 1280, {1080, 1920}, 1.0, 1.0}, Case{720, 1280, {375, 812}, 375.0 * 1280 / 812 / 720, 1.0},
+          Case{480, 800, {600, 800}, 1.0, 0.8}, Case{1280, 720, {1080, 1920}, 405.0 / 1280, 1.0}}) {
+        for (const PixelFormat format : {kPixelFormat32BGRA, kPixelFormat32ARGB, kPixelFormat420v}) {
+            for (const bool mirrored : {true, false}) {
+                SCOPED_TRACE(testing::Message()
+                             << c.frameWidth << " on " << c.screen.width << ", " << format << mirrored);
+                const auto picture =
+                    scaler.scaled(*ramp(c.frameWidth, c.frameHeight, format), {181, 321, c.screen, mirrored});
+                for (const auto& [x, y] : {std::pair{3, 5}, {90, 160}, {175, 40}, {20, 310}}) {
+                    const auto* const pixel = picture->data() + y * static_cast<int>(picture->bytesPerRow()) + 4 * x;
+                    const double u = (mirrored ? 180 - x : x) / 180.0;
+                    EXPECT_NEAR(pixel[0], 255 * (0.5 + (u - 0.5) * c.partWidth), 6);
+                    EXPECT_NEAR(pixel[3], 255, 3);
+                    if (format == kPixelFormat420v) continue;
+                    EXPECT_NEAR(pixel[2], 255 * (0.5 + (y / 320.0 - 0.5) * c.partHeight), 6);
+                }
+            }
+        }
+    }
+    EXPECT_EQ(scaler.scaled(*ramp(72, 128, kPixelFormat32BGRA), {.screen = {9, 16}}), nullptr) << "no size";
+}
+
+TEST(PictureFeed, HandsOnTheNewestAndNeverWaits) {
+    std::promise<void> started, goOn;
+    int announced = 0;
+    const auto feed = std::make_shared<PictureFeed>(Size{9, 16}, [&] {
+        if (++announced > 1) return;
+        started.set_value();
+        goOn.get_future().wait();
+    });
+    const auto show = [&](int level) {
+        auto frame = PixelBuffer::create(9, 16, kPixelFormat32BGRA);
+        std::fill_n(frame->data(), frame->layout().byteSize(), static_cast<std::uint8_t>(level));
+        feed->show(frame);
+    };
+    feed->setSize(9, 16);
+    show(1);
+    started.get_future().wait();  // now the feed's thread is held up
+    EXPECT_EQ(feed->take().pixels->data()[0], 1);
+    for (int level = 2; level <= 200; ++level) show(level);
+    goOn.set_value();
+    PictureFeed::Picture picture;
+    while (!picture.pixels) picture = feed->take();
+    EXPECT_EQ(picture.pixels->data()[0], 200) << "the first after the one that was being shown";
+}
+
+TEST(MainLoop, DrainsTheQueueInGLibsLoopUntilItIsReleased) {
+    const auto queue = std::make_shared<MainQueue>();
+    auto draining = drainFromGLib(queue);
+    std::vector<int> order;
+    queue->asyncAfter(std::chrono::milliseconds(30), [&] { order.push_back(3); });
+    queue->asyncAfter(std::chrono::milliseconds(10), [&] {
+        order.push_back(2);
+        g_main_context_iteration(nullptr, FALSE);  // as a dialogue would
+    });
+    const auto other = std::async(std::launch::async, [&] { queue->async([&] { order.push_back(1); }); });
+    while (order.size() < 3) g_main_context_iteration(nullptr, TRUE);
+    draining.reset();
+    queue->async([&] { order.push_back(4); });
+    while (g_main_context_iteration(nullptr, FALSE) == TRUE) {
+    }
+    EXPECT_THAT(order, testing::ElementsAre(1, 2, 3));
+}
+
+}  // namespace
+}  // namespace selvio
