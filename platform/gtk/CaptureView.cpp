@@ -365,8 +365,8 @@ void GtkCaptureView::State::allocateCountdown() {
 // Drawing.
 
 void GtkCaptureView::State::snapshot(GtkSnapshot* snapshot) {
-    const graphene_rect_t bounds = GRAPHENE_RECT_INIT(static_cast<float>(area.x), static_cast<float>(area.y),
-                                                      static_cast<float>(area.width), static_cast<float>(area.height));
+    const graphene_rect_t bounds{{static_cast<float>(area.x), static_cast<float>(area.y)},
+                                 {static_cast<float>(area.width), static_cast<float>(area.height)}};
     if (texture != nullptr) gtk_snapshot_append_texture(snapshot, texture, &bounds);
     if (covered && !textureUnreadable) {
         const GdkRGBA grey{0.75F, 0.75F, 0.75F, 1.0F};

@@ -76,7 +76,7 @@ struct Rig {
         width = gtk_widget_get_width(widget);
         height = gtk_widget_get_height(widget);
         GtkSnapshot* const snapshot = gtk_snapshot_new();
-        const graphene_rect_t bounds = GRAPHENE_RECT_INIT(0, 0, static_cast<float>(width), static_cast<float>(height));
+        const graphene_rect_t bounds{{0, 0}, {static_cast<float>(width), static_cast<float>(height)}};
         const GdkRGBA black{0, 0, 0, 1};
         gtk_snapshot_append_color(snapshot, &black, &bounds);
         GTK_WIDGET_GET_CLASS(widget)->snapshot(widget, snapshot);
