@@ -35,7 +35,7 @@ struct RunOptions {
     std::filesystem::path script;  ///< empty: the sample's demonstration
     std::filesystem::path out = "capture";
     bool json = false;
-    bool report = false;  ///< a page about the capture beside its results
+    bool report = false;          ///< a page about the capture beside its results
     std::optional<bool> preview;  ///< nothing: where there is a display and standard output is a terminal
     bool accept = false;          ///< keep the photograph without asking the person, who sees it in the preview
     bool attended = false;        ///< the preview is open; set by the program

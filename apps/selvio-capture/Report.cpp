@@ -168,13 +168,13 @@ private:
               << "</th><th></th><th class=\"bar\"></th></tr>\n";
         for (std::size_t i = 0; i < events.size(); ++i) {
             const auto& [codes, firstCode, at] = events[i];
-            const auto next = i + 1 < events.size() ? events[i + 1].seconds : std::nullopt;
-            const bool lasted = at && next && *next >= *at;
+            const double next = i + 1 < events.size() ? events[i + 1].seconds.value_or(NAN) : NAN;
+            const bool lasted = at && next >= *at;
             page_ << "<tr><td class=\"number\">" << (at ? number(*at) : "–") << "</td><td class=\"number\">"
-                  << (lasted ? number(*next - *at) : "–") << "</td><td>" << textOfEvent(firstCode, language_)
+                  << (lasted ? number(next - *at) : "–") << "</td><td>" << textOfEvent(firstCode, language_)
                   << "</td><td>" << escaped(codes) << "</td><td class=\"bar\">";
             if (at && *at >= 0.0) {
-                const double width = lasted ? (*next - *at) / end * 100.0 : 0.0;
+                const double width = lasted ? (next - *at) / end * 100.0 : 0.0;
                 page_ << "<svg viewBox=\"0 0 100 1\" preserveAspectRatio=\"none\" aria-hidden=\"true\"><rect x=\""
                       << number(std::min(*at / end * 100.0, 99.5)) << "\" width=\"" << number(std::max(width, 0.5))
                       << "\" height=\"1\"/></svg>";
