@@ -221,6 +221,13 @@ TEST(MainQueue, RunsUntilItQuitsAndWaitsForBlocksOfOtherThreads) {
         other.join();
     }
     EXPECT_EQ(ran, 4) << "one quit ends one run";
+    queue.async([&] {
+        queue.quit();
+        queue.async([&] { ++ran; });
+    });
+    queue.run();
+    EXPECT_EQ(ran, 4) << "what comes after a quit waits";
+    EXPECT_EQ(queue.drain(), 1U);
 }
 
 TEST(MainQueue, ItsClockAndItsHookMayCallEveryOperation) {

@@ -29,6 +29,8 @@ TEST(Camera, initializers) {
         {[&] { return Camera::init(on); }, own, "1 0 - 0x0 0"},
         {[&] { return Camera::initWithCoder("{", on); }, own, "1 0 - 0x0 0"},
         {[&] { return Camera::initWithCoder(R"({"Frame":[5,6,null,8]})", on); }, own, "1 0 - 0x0 0"},
+        {[&] { return Camera::initWithCoder(R"({"Frame":[5,6,7.5]})", on); }, own, "1 0 - 0x0 0"},
+        {[&] { return Camera::initWithCoder(R"({"Frame":{"a":5,"b":6,"c":7,"d":8}})", on); }, own, "1 0 - 0x0 0"},
         {[&] { return Camera::initWithPreset("High", 32, front, left, given, on); }, given, "2 32 High 0x0 4"},
         {[&] { return Camera::initWithPreset("High", 32, front, given, on); }, given, "2 32 High 0x0 1"},
         {[&] { return Camera::initWithDesiredResolution({640, 480}, 32, front, given, on); }, given, "2 32 - 640x480 0"},
@@ -45,7 +47,9 @@ TEST(Camera, initializers) {
         EXPECT_EQ(camera->view()->frame(), row.frame);
         EXPECT_TRUE(camera->analyzeRGBVideo() && camera->shouldRecord() && camera->parameters() && camera->session());
         rig.view->setFrame(given);
-        EXPECT_EQ(Camera::initWithCoder(camera->encodeWithCoder(), on)->view()->frame(), given);
+        const auto archive = camera->encodeWithCoder();
+        rig.view->setFrame(own);
+        EXPECT_EQ(Camera::initWithCoder(archive, on)->view()->frame(), given);
     }
 }
 

@@ -184,6 +184,14 @@ std::shared_ptr<PixelBuffer> partOfAPicture(int width, int height, PixelFormat f
     return PixelBuffer::wrap(layout, planes, {});
 }
 
+TEST(PixelBuffer, hasFromOneTo32767PixelsASide) {
+    for (const auto& [side, isPossible] :
+         {std::pair(0, false), {-1, false}, {1, true}, {32767, true}, {32768, false}}) {
+        EXPECT_EQ(PixelBufferLayout::make(side, 1, kPixelFormat32BGRA).has_value(), isPossible) << side;
+        EXPECT_EQ(PixelBufferLayout::make(1, side, kPixelFormat32BGRA).has_value(), isPossible) << side;
+    }
+}
+
 TEST(ImageUtilities, copiesAreDeepEqualCompactAndWithoutTiming) {
     const struct {
         std::shared_ptr<PixelBuffer> source;
