@@ -26,7 +26,7 @@ shoot() { # NAME
 for language in en de; do
     declare -A taken=()
     coproc run {
-        exec env LC_ALL="${language}_XX.UTF-8" "$program" run --preview --json --out "$work/out" --source simulated --timeout 30 --countdown-time 3 \
+        exec env LC_ALL="${language}_XX.UTF-8" "$program" run --preview --json --report --out "$work/out" --source simulated --timeout 30 --countdown-time 3 \
             --photo "$root/samples/astronaut.jpg" --script "$root/samples/scripts/demo.json" 2>"$work/log"
     }
     pid=$run_PID
@@ -46,5 +46,10 @@ for language in en de; do
     done
     xdotool search --name '^selvio-capture$' windowfocus key Return
     wait "$pid" || { cat "$work/log" >&2; exit 1; }
+    if command -v chromium >/dev/null; then # no package that anything else needs
+        chromium --headless --no-sandbox --hide-scrollbars --window-size=900,1400 --screenshot="$work/report.png" "file://$work/out/report.html" >/dev/null 2>&1
+        convert "$work/report.png" -trim -bordercolor white -border 10 -resize 640x -colors 64 -strip "$images/report-$language.png"
+        echo "pictures: report-$language.png"
+    fi
     [[ ${#taken[@]} == 4 ]] || { echo "pictures: not every state was seen" >&2; exit 1; }
 done
