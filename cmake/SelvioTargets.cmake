@@ -42,6 +42,8 @@ function(selvio_shared name export_name)
   set(component core)
   if(export_name MATCHES "^(Linux|Gtk)$")
     string(TOLOWER ${export_name} component)
+  elseif(export_name STREQUAL C)
+    set(component linux)  # which it links
   endif()
   install(TARGETS ${name} EXPORT SelvioFacialCaptureTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT ${component} NAMELINK_COMPONENT dev)
 endfunction()

@@ -7,7 +7,7 @@ root=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")/.." && pwd)
 
 packages=(
     # build
-    g++ cmake ninja-build pkg-config nlohmann-json3-dev libcli11-dev
+    g++ cmake ninja-build pkg-config nlohmann-json3-dev libcli11-dev dpkg-dev file
     # faces and their landmarks
     libxnnpack-dev libpthreadpool-dev
     # pictures

@@ -52,4 +52,7 @@ quietly "$c_compiler" -std=c11 "${flags[@]}" "$source_dir/examples/c/capture.c" 
 check "pkg-config, in C" "$work/capture" "$work/selfie.jpg"
 
 [[ $("$prefix/bin/selvio-capture" devices) == *"--source 'simulated'"* ]] || fail "the installed program does not find its samples"
+# As where /lib is a link to /usr/lib.
+ln -s -- "$prefix/$libdir" "$work/lib"
+LD_LIBRARY_PATH=$work/lib quietly "$prefix/bin/selvio-capture" check "$samples/astronaut.jpg"
 echo "program: passed"

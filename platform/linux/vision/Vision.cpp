@@ -198,7 +198,8 @@ std::string defaultVisionModelPath(const std::string& fileName) {
     std::error_code code;
     std::filesystem::path start;
     if (dladdr(reinterpret_cast<const void*>(&defaultVisionModelPath), &library) != 0 && library.dli_fname != nullptr)
-        start = std::filesystem::absolute(library.dli_fname, code).parent_path();
+        // The loader may have come by a link: /lib leads to /usr/lib.
+        start = std::filesystem::weakly_canonical(library.dli_fname, code).parent_path();
     const auto relative = std::filesystem::path("share/SelvioFacialCapture/models") / fileName;
     for (auto directory = start.parent_path(); directory.has_relative_path(); directory = directory.parent_path()) {
         if (std::filesystem::exists(directory / relative, code)) return directory / relative;
