@@ -12,8 +12,6 @@ using Results = SelvioFacialCaptureResults;
 
 namespace {
 
-constexpr std::uint32_t kUprightMirrored = 5;  // the EXIF orientation in which the rules read a portrait
-
 const Results& objectOf(const selvio_results* results) {
     return *required(results, "results").object;
 }
@@ -142,17 +140,9 @@ selvio_results* selvio_judge(selvio_platform* platform, const selvio_parameters*
         const auto& pixels = required(frame, "frame").object->imageBuffer();
         const auto limits =
             parameters != nullptr ? selvio::rules::limitsOf(*parameters->object) : selvio::rules::FaceLimits();
-        const selvio::Size size{static_cast<double>(pixels->width()), static_cast<double>(pixels->height())};
-        selvio::rules::PreviewGeometry screen;  // the whole picture
-        screen.setScreen(size);
-        screen.setResolution(size);
-
-        const auto found = ports.makeSequenceRequestHandler()->perform(
-            {.pixelBuffer = pixels, .exifOrientation = kUprightMirrored, .isStillImage = true});
-        if (!found) throw Failure(found.error().localizedDescription);
-        if (found.value().error) throw Failure(found.value().error->localizedDescription);
-        auto judged = selvio::rules::judgeFaces(found.value().observations, screen, limits, /*shouldHoldStill=*/false);
-        if (judged.statuses.empty()) judged.statuses = {SelvioFacialCaptureStatusGoodFrame};
+        const auto answer = selvio::rules::judgePicture(pixels, *ports.makeSequenceRequestHandler(), limits);
+        if (!answer) throw Failure(answer.error().localizedDescription);
+        const auto& judged = answer.value();
 
         auto results = std::make_unique<selvio_results>(selvio_results{std::make_shared<Results>()});
         results->object->setOrderedStatuses(judged.statuses);

@@ -105,8 +105,9 @@ FaceChecksResult checkFace(const FaceChecksInput& input) {
 
 FacesJudgement judgeFaces(const std::vector<FaceObservation>& faces, const PreviewGeometry& geometry,
                           const FaceLimits& limits, bool shouldHoldStill) {
-    if (faces.empty()) return {.face = {}, .statuses = {SelvioFacialCaptureStatusFaceNotFound}};
-    if (faces.size() > 1) return {.face = {}, .statuses = {SelvioFacialCaptureStatusMoreThanOneFace}};
+    if (faces.empty()) return {.count = 0, .face = {}, .statuses = {SelvioFacialCaptureStatusFaceNotFound}};
+    if (faces.size() > 1)
+        return {.count = faces.size(), .face = {}, .statuses = {SelvioFacialCaptureStatusMoreThanOneFace}};
 
     const Rect rect = geometry.faceRect(faces.front().boundingBox);
     const FaceLandmarks landmarks = faces.front().landmarks.value_or(FaceLandmarks{});
@@ -118,7 +119,25 @@ FacesJudgement judgeFaces(const std::vector<FaceObservation>& faces, const Previ
                                                 .biggerScreenSide = geometry.biggerScreenSide,
                                                 .smallerScreenSide = geometry.smallerScreenSide,
                                                 .shouldHoldStill = shouldHoldStill});
-    return {.face = FaceOnScreen{.rect = rect, .points = points, .checked = checked}, .statuses = checked.statuses};
+    return {.count = 1,
+            .face = FaceOnScreen{.rect = rect, .points = points, .checked = checked},
+            .statuses = checked.statuses};
+}
+
+Expected<FacesJudgement> judgePicture(const std::shared_ptr<const PixelBuffer>& picture,
+                                      SequenceRequestHandler& handler, const FaceLimits& limits) {
+    constexpr std::uint32_t kUprightMirrored = 5;  // the EXIF orientation in which the checks read a portrait
+    const auto found =
+        handler.perform({.pixelBuffer = picture, .exifOrientation = kUprightMirrored, .isStillImage = true});
+    if (!found) return found.error();
+    if (found.value().error) return *found.value().error;
+    const Size size{static_cast<double>(picture->width()), static_cast<double>(picture->height())};
+    PreviewGeometry wholePicture;
+    wholePicture.setScreen(size);
+    wholePicture.setResolution(size);
+    auto judged = judgeFaces(found.value().observations, wholePicture, limits, /*shouldHoldStill=*/false);
+    if (judged.statuses.empty()) judged.statuses = {SelvioFacialCaptureStatusGoodFrame};
+    return judged;
 }
 
 }  // namespace selvio::rules

@@ -18,14 +18,7 @@
 namespace selvio::app {
 namespace {
 
-constexpr std::uint32_t kUprightMirrored = 5;  // the EXIF orientation in which the rules read a portrait
-
 enum class Format { Text, Json, Csv };
-
-struct Verdict {
-    std::size_t faces = 0;
-    rules::FacesJudgement judged;
-};
 
 /// What the threads that judge have in common.
 struct Judging {
@@ -35,23 +28,10 @@ struct Judging {
     Language language = Language::English;
 };
 
-Expected<Verdict> judge(const std::string& path, const Judging& how, SequenceRequestHandler& handler) {
+Expected<rules::FacesJudgement> judge(const std::string& path, const Judging& how, SequenceRequestHandler& handler) {
     const auto picture = how.platform.imageLoader->loadImage(path);
     if (!picture) return picture.error();
-    const PixelBuffer& pixels = *picture.value();
-    const Size size{.width = static_cast<double>(pixels.width()), .height = static_cast<double>(pixels.height())};
-    rules::PreviewGeometry screen;  // the whole picture
-    screen.setScreen(size);
-    screen.setResolution(size);
-
-    const auto found =
-        handler.perform({.pixelBuffer = picture.value(), .exifOrientation = kUprightMirrored, .isStillImage = true});
-    if (!found) return found.error();
-    if (found.value().error) return *found.value().error;
-    const auto& faces = found.value().observations;
-    Verdict verdict{faces.size(), rules::judgeFaces(faces, screen, how.limits, /*shouldHoldStill=*/false)};
-    if (verdict.judged.statuses.empty()) verdict.judged.statuses = {SelvioFacialCaptureStatusGoodFrame};
-    return verdict;
+    return rules::judgePicture(picture.value(), handler, how.limits);
 }
 
 /// One measure and the limits that it is held against; a limit's name is its member in the JSON form.
@@ -75,17 +55,15 @@ nlohmann::ordered_json number(double value) {
     return std::isfinite(value) ? nlohmann::ordered_json(value) : nlohmann::ordered_json();
 }
 
-nlohmann::ordered_json jsonOf(const std::string& path, const Verdict& verdict) {
-    nlohmann::ordered_json line = {{"image", path},
-                                   {"faces", verdict.faces},
-                                   {"statuses", verdict.judged.statuses},
-                                   {"keys", keysOf(verdict.judged.statuses)}};
+nlohmann::ordered_json jsonOf(const std::string& path, const rules::FacesJudgement& verdict) {
+    nlohmann::ordered_json line = {
+        {"image", path}, {"faces", verdict.count}, {"statuses", verdict.statuses}, {"keys", keysOf(verdict.statuses)}};
     line["faceRect"] = nullptr;
     line["measures"] = nullptr;
-    if (!verdict.judged.face) return line;
-    const auto& rect = verdict.judged.face->rect;
+    if (!verdict.face) return line;
+    const auto& rect = verdict.face->rect;
     line["faceRect"] = {number(rect.x), number(rect.y), number(rect.width), number(rect.height)};
-    for (const auto& row : rowsOf(verdict.judged.face->checked.measures)) {
+    for (const auto& row : rowsOf(verdict.face->checked.measures)) {
         auto& entry = line["measures"][row.name];
         entry["value"] = number(row.value);
         for (const auto& [name, value] : row.limits) entry[name] = number(value);
@@ -93,18 +71,18 @@ nlohmann::ordered_json jsonOf(const std::string& path, const Verdict& verdict) {
     return line;
 }
 
-std::string textOf(const std::string& path, const Verdict& verdict, Language language) {
+std::string textOf(const std::string& path, const rules::FacesJudgement& verdict, Language language) {
     std::ostringstream text;
-    text << path << ": " << verdict.faces << (verdict.faces == 1 ? " face: " : " faces: ");
+    text << path << ": " << verdict.count << (verdict.count == 1 ? " face: " : " faces: ");
     const char* separator = "";
-    for (const auto& key : keysOf(verdict.judged.statuses)) {
+    for (const auto& key : keysOf(verdict.statuses)) {
         text << separator << textForKey(key, language).value_or(key);
         separator = "; ";
     }
     text << '\n';
-    if (!verdict.judged.face) return text.str();
+    if (!verdict.face) return text.str();
     text << std::fixed << std::setprecision(3);
-    for (const auto& row : rowsOf(verdict.judged.face->checked.measures)) {
+    for (const auto& row : rowsOf(verdict.face->checked.measures)) {
         text << "    " << std::left << std::setw(20) << row.name << std::right << std::setw(8) << row.value;
         for (const auto& [name, value] : row.limits) text << "  " << name << ' ' << value;
         text << '\n';
@@ -128,10 +106,10 @@ constexpr std::string_view kCsvHeader =
     "image,faces,statuses,x,y,width,height,roll,yaw,pitch,fill,verticalCentring,horizontalCentring,error\n";
 
 /// What could not be measured is empty, and so is all but the error of a picture that could not be judged.
-std::string csvOf(const std::string& path, const Expected<Verdict>& verdict) {
+std::string csvOf(const std::string& path, const Expected<rules::FacesJudgement>& verdict) {
     if (!verdict) return csvField(path) + ",,,,,,,,,,,,," + csvField(verdict.error().localizedDescription) + '\n';
-    const auto& judged = verdict.value().judged;
-    std::string line = csvField(path) + ',' + std::to_string(verdict.value().faces) + ',';
+    const auto& judged = verdict.value();
+    std::string line = csvField(path) + ',' + std::to_string(verdict.value().count) + ',';
     const char* separator = "";
     for (const auto status : judged.statuses) {
         line += separator + std::to_string(status);
@@ -154,7 +132,7 @@ struct Answer {
 };
 
 Answer answerFor(const FoundPicture& picture, const Judging& how, SequenceRequestHandler& handler) {
-    const auto verdict = [&]() -> Expected<Verdict> {
+    const auto verdict = [&]() -> Expected<rules::FacesJudgement> {
         if (!picture.problem.empty()) return Error{picture.problem};
         try {
             return judge(picture.path, how, handler);
@@ -164,7 +142,7 @@ Answer answerFor(const FoundPicture& picture, const Judging& how, SequenceReques
     }();
     Answer answer;
     answer.readable = static_cast<bool>(verdict);
-    if (verdict) answer.statuses = verdict.value().judged.statuses;
+    if (verdict) answer.statuses = verdict.value().statuses;
     switch (how.format) {
         case Format::Text:
             if (verdict) {

@@ -1,5 +1,5 @@
 // What is wrong with a face: ratios measured on its landmarks, compared with limits made of the capture's parameters.
-// Free of state; any thread. A host that judges pictures without a capture calls `judgeFaces`.
+// Free of state; any thread. A host that judges pictures without a capture calls `judgePicture`.
 #pragma once
 
 #include <SelvioFacialCapture/SelvioFacialCaptureParameters.h>
@@ -84,6 +84,7 @@ struct FaceOnScreen {
 };
 
 struct FacesJudgement {
+    std::size_t count = 0;             ///< of the faces
     std::optional<FaceOnScreen> face;  ///< if there is exactly one
     /// No face and several faces are a status; else those of the face, in ascending order. None: a good face.
     std::vector<SelvioFacialCaptureStatus> statuses;
@@ -93,5 +94,11 @@ struct FacesJudgement {
 [[nodiscard]] SELVIO_EXPORT FacesJudgement judgeFaces(const std::vector<FaceObservation>& faces,
                                                       const PreviewGeometry& geometry, const FaceLimits& limits,
                                                       bool shouldHoldStill);
+
+/// Judges a still image, upright as people see it, as if the whole of it filled the screen, in pixels. A good face has
+/// status 14. On the calling thread, which the search takes some tens of milliseconds; fails if the search does.
+[[nodiscard]] SELVIO_EXPORT Expected<FacesJudgement> judgePicture(const std::shared_ptr<const PixelBuffer>& picture,
+                                                                  SequenceRequestHandler& handler,
+                                                                  const FaceLimits& limits);
 
 }  // namespace selvio::rules
