@@ -5,11 +5,11 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
-#include <tuple>
 #include <utility>
 
 #include "analyzer/AnalyzerState.h"
 #include "analyzer/rules/DeviceOrientation.h"
+#include "platform/MissingPorts.h"
 
 using namespace selvio;
 using Analyzer = SelvioFacialCaptureAnalyzer;
@@ -25,9 +25,8 @@ std::shared_ptr<T> made(const std::function<std::shared_ptr<T>()>& make) {
     return make ? make() : nullptr;
 }
 
-/// What a host will miss. It is said once, because nothing else tells.
-void logMissingPorts(const Platform& ports) {
-    const std::tuple<bool, const char*, const char*> rows[] = {
+void logMissing(const Platform& ports) {
+    logMissingPorts({
         {ports.screen != nullptr, "screen", "every single face passes the checks"},
         {ports.makeSequenceRequestHandler != nullptr, "makeSequenceRequestHandler",
          "frames are kept but not judged, and only manual capture works"},
@@ -36,9 +35,7 @@ void logMissingPorts(const Platform& ports) {
         {ports.device != nullptr, "device", "the record names none, and it counts as held upright"},
         {ports.makeMotionManager != nullptr, "makeMotionManager", "nobody is told to hold still"},
         {ports.imageLoader != nullptr, "imageLoader", "still images are not analysed"},
-    };
-    for (const auto& [there, port, consequence] : rows)
-        if (!there) log(std::string("The platform has no ") + port + ": " + consequence);
+    });
 }
 
 /// Captures from their first `resume` to their end. They share one event log.
@@ -291,7 +288,7 @@ std::shared_ptr<Analyzer> Analyzer::initWithParameters(std::shared_ptr<SelvioFac
         log("An analyzer cannot be made without an analysis queue");
         return nullptr;
     }
-    logMissingPorts(platform);
+    logMissing(platform);
     return std::shared_ptr<Analyzer>(new Analyzer(std::move(state)));
 }
 

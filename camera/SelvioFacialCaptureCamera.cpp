@@ -1,10 +1,7 @@
 #include <SelvioFacialCapture/SelvioFacialCaptureCamera.h>
 
-#include <SelvioFacialCapture/base/Log.h>
-
 #include <chrono>
 #include <nlohmann/json.hpp>
-#include <tuple>
 #include <utility>
 
 #include "camera/CameraState.h"
@@ -13,6 +10,7 @@
 #include "camera/SessionConfiguration.h"
 #include "camera/VideoRecorder.h"
 #include "camera/rules/SessionRules.h"
+#include "platform/MissingPorts.h"
 
 using selvio::CameraValues;
 
@@ -36,18 +34,15 @@ void beginRecording(const std::shared_ptr<selvio::Queue>& outputQueue, std::weak
     });
 }
 
-/// What a host will miss. It is said once, because nothing else tells.
-void logMissingPorts(const selvio::Platform& ports) {
-    const std::tuple<bool, const char*, const char*> rows[] = {
+void logMissing(const selvio::Platform& ports) {
+    selvio::logMissingPorts({
         {ports.captureSystem != nullptr, "captureSystem", "there is no camera"},
         {static_cast<bool>(ports.makeSerialQueue), "makeSerialQueue", "the camera is never configured"},
         {ports.mainQueue != nullptr, "mainQueue", "the torch is not switched on"},
         {ports.clock != nullptr, "clock", "nothing is recorded"},
         {ports.assetWriters != nullptr, "assetWriters", "nothing is recorded"},
         {ports.fileManager != nullptr, "fileManager", "nothing is recorded"},
-    };
-    for (const auto& [there, port, consequence] : rows)
-        if (!there) selvio::log(std::string("The platform has no ") + port + ": " + consequence);
+    });
 }
 
 std::shared_ptr<selvio::View> makeView(const selvio::Platform& platform) {
@@ -99,7 +94,7 @@ std::shared_ptr<SelvioFacialCaptureCamera> SelvioFacialCaptureCamera::make(selvi
 }
 
 void SelvioFacialCaptureCamera::commonInit() {
-    logMissingPorts(platform_);
+    logMissing(platform_);
     setParameters(std::make_shared<SelvioFacialCaptureCameraParameters>());
     setSession(platform_.captureSystem ? platform_.captureSystem->makeSession() : nullptr);
     if (platform_.makeSerialQueue) {
