@@ -32,8 +32,9 @@ void Analyzer::State::judgeDetection(const FaceLandmarksResult& found, Frame fra
     const auto judged =
         rules::judgeFaces(found.observations, mutex.get(geometry), rules::limitsOf(*settings), shouldHoldStill);
     if (judged.face) {
-        const auto odd = oddPoints(judged.face->points);
-        if (odd && !oddPointsLogged.exchange(true)) log(*odd);
+        if (!oddPointsLogged) {
+            if (const auto odd = oddPoints(judged.face->points); odd && !oddPointsLogged.exchange(true)) log(*odd);
+        }
         frame.results->setFaceRect(judged.face->rect);
         frame.results->setFaceContourPoints(judged.face->points.contour);
         frame.results->setNosePoints(judged.face->points.nose);
