@@ -43,40 +43,6 @@ void* copyForCaller(const void* bytes, std::size_t size) {
     return std::memcpy(copy, bytes, size);
 }
 
-bool Gate::enter() noexcept {
-    try {
-        const std::lock_guard lock(mutex_);
-        if (closed_) return false;
-        inside_.push_back(std::this_thread::get_id());
-        return true;
-    } catch (const std::exception&) {
-        return false;  // without memory the host misses a call
-    }
-}
-
-void Gate::leave() {
-    {
-        const std::lock_guard lock(mutex_);
-        inside_.erase(std::find(inside_.begin(), inside_.end(), std::this_thread::get_id()));
-    }
-    left_.notify_all();
-}
-
-void Gate::close() {
-    std::unique_lock lock(mutex_);
-    closed_ = true;
-    if (!isInsideLocked()) left_.wait(lock, [this] { return inside_.empty(); });
-}
-
-bool Gate::isInside() const {
-    const std::lock_guard lock(mutex_);
-    return isInsideLocked();
-}
-
-bool Gate::isInsideLocked() const {
-    return std::find(inside_.begin(), inside_.end(), std::this_thread::get_id()) != inside_.end();
-}
-
 }  // namespace selvio::c
 
 using namespace selvio::c;

@@ -3,6 +3,7 @@
 
 #include <SelvioFacialCapture/SelvioFacialCaptureAnalyzer.h>
 #include <SelvioFacialCapture/SelvioFacialCaptureCamera.h>
+#include <SelvioFacialCapture/base/CallGate.h>
 #include <SelvioFacialCapture/base/MemberMutex.h>
 #include <SelvioFacialCapture/c/selvio_facial_capture.h>
 #include <SelvioFacialCapture/imaging/SampleBuffer.h>
@@ -10,13 +11,11 @@
 #include <SelvioFacialCapture/platform/Platform.h>
 #include <SelvioFacialCapture/simulated/SimulatedCaptureSystem.h>
 
-#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace selvio::c {
@@ -59,37 +58,11 @@ T& required(T* pointer, const char* name) {
 /// A copy that the caller frees.
 void* copyForCaller(const void* bytes, std::size_t size);
 
-/// Lets callbacks through until it is closed.
-class Gate {
-public:
-    /// Calls the callback, unless the gate is closed.
-    template <typename Callback>
-    void pass(const Callback& callback) {
-        if (!enter()) return;
-        callback();
-        leave();
-    }
-    /// On return no callback begins any more and none runs on another thread. From inside one it does not wait.
-    void close();
-    /// Whether the calling thread is inside a callback.
-    [[nodiscard]] bool isInside() const;
-
-private:
-    bool enter() noexcept;
-    void leave();
-    [[nodiscard]] bool isInsideLocked() const;
-
-    mutable std::mutex mutex_;
-    std::condition_variable left_;
-    bool closed_ = false;                  // guarded by mutex_
-    std::vector<std::thread::id> inside_;  // guarded by mutex_; one entry a callback
-};
-
 /// A host's callbacks and the gate before them.
 template <typename Struct>
 struct Callbacks {
     Struct members{};
-    Gate gate{};
+    CallGate gate{};
 
     /// Calls a member with `user` and these arguments, if there is one.
     template <typename... Parameters, typename... Arguments>

@@ -1,40 +1,8 @@
 #include "camera/CameraState.h"
 
-#include <algorithm>
+#include <mutex>
 
 namespace selvio {
-
-void DelegateSlot::set(std::weak_ptr<SelvioFacialCaptureCameraDelegate> delegate) {
-    const std::lock_guard lock(mutex_);
-    delegate_ = std::move(delegate);
-}
-
-std::shared_ptr<SelvioFacialCaptureCameraDelegate> DelegateSlot::get() const {
-    const std::lock_guard lock(mutex_);
-    return delegate_.lock();
-}
-
-std::shared_ptr<SelvioFacialCaptureCameraDelegate> DelegateSlot::beginCall() {
-    const std::lock_guard lock(mutex_);
-    auto delegate = closed_ ? nullptr : delegate_.lock();
-    if (delegate) calling_.push_back(std::this_thread::get_id());
-    return delegate;
-}
-
-void DelegateSlot::endCall() {
-    {
-        const std::lock_guard lock(mutex_);
-        calling_.erase(std::find(calling_.begin(), calling_.end(), std::this_thread::get_id()));
-    }
-    callEnded_.notify_all();
-}
-
-void DelegateSlot::close() {
-    std::unique_lock lock(mutex_);
-    closed_ = true;
-    if (std::find(calling_.begin(), calling_.end(), std::this_thread::get_id()) != calling_.end()) return;
-    callEnded_.wait(lock, [this] { return calling_.empty(); });
-}
 
 void CameraState::setResolutionOnce(Size size) {
     const std::lock_guard lock(mutex_);

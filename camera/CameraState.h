@@ -3,17 +3,15 @@
 
 #include <SelvioFacialCapture/SelvioFacialCaptureCameraDelegate.h>
 #include <SelvioFacialCapture/SelvioFacialCaptureCameraParameters.h>
+#include <SelvioFacialCapture/base/CallGate.h>
 #include <SelvioFacialCapture/base/MemberMutex.h>
 #include <SelvioFacialCapture/platform/Platform.h>
 
-#include <condition_variable>
 #include <filesystem>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -24,33 +22,27 @@ namespace selvio {
 /// not told even then. Any thread.
 class DelegateSlot {
 public:
-    void set(std::weak_ptr<SelvioFacialCaptureCameraDelegate> delegate);
-    /// Null once the host has let go of it.
-    [[nodiscard]] std::shared_ptr<SelvioFacialCaptureCameraDelegate> get() const;
+    void set(std::weak_ptr<SelvioFacialCaptureCameraDelegate> delegate) { mutex_.set(delegate_, std::move(delegate)); }
+    /// Null once the host has released it.
+    [[nodiscard]] std::shared_ptr<SelvioFacialCaptureCameraDelegate> get() const {
+        return mutex_.get(delegate_).lock();
+    }
 
     /// Calls a member of the delegate, unless it is not implemented or the slot has been closed. No lock is held.
     template <typename... Parameters, typename... Arguments>
     void tell(std::function<void(Parameters...)> SelvioFacialCaptureCameraDelegate::*member,
               const Arguments&... arguments) {
-        const auto delegate = beginCall();
-        if (!delegate) return;
-        if ((*delegate).*member) ((*delegate).*member)(arguments...);
-        endCall();
+        const auto delegate = get();
+        if (delegate && (*delegate).*member) gate_.pass([&] { ((*delegate).*member)(arguments...); });
     }
     /// From its return on `tell` calls nothing any more. Waits for the calls that run, unless one of them runs on the
-    /// calling thread: two delegate calls that close would wait for each other.
-    void close();
+    /// calling thread.
+    void close() { gate_.close(); }
 
 private:
-    /// Null if nothing may be told.
-    [[nodiscard]] std::shared_ptr<SelvioFacialCaptureCameraDelegate> beginCall();
-    void endCall();
-
-    mutable std::mutex mutex_;
+    mutable MemberMutex mutex_;
     std::weak_ptr<SelvioFacialCaptureCameraDelegate> delegate_;  // guarded by mutex_
-    bool closed_ = false;                                        // guarded by mutex_
-    std::vector<std::thread::id> calling_;                       // guarded by mutex_; a thread for every call that runs
-    std::condition_variable callEnded_;
+    CallGate gate_;
 };
 
 /// The properties of one camera but for its delegate, with their defaults.
@@ -72,7 +64,7 @@ struct CameraValues {
     std::shared_ptr<VideoDataOutput> videoDataOutput;
     std::shared_ptr<AudioDataOutput> audioDataOutput;
     std::shared_ptr<MetadataOutput> metaDataOutput;
-    /// Kept here so that an output that lets go of its queue does not have to wait for the queue's end.
+    /// Kept here so that an output that releases its queue does not have to wait for the queue's end.
     std::shared_ptr<Queue> metaDataQueue;
     std::shared_ptr<CaptureDeviceDiscoverySession> discoverySession;
     std::shared_ptr<PreviewLayer> videoPreviewLayer;
@@ -108,7 +100,7 @@ public:
     [[nodiscard]] const std::shared_ptr<DelegateSlot>& delegateSlot() const { return delegateSlot_; }
     /// The session of the preview layer.
     [[nodiscard]] std::shared_ptr<CaptureSession> session() const;
-    /// The parameters' answers; false without parameters.
+    /// What the parameters say; false without parameters.
     [[nodiscard]] bool recordVideo() const;
     [[nodiscard]] bool recordAudio() const;
 
