@@ -5,7 +5,6 @@
 #include <utility>
 
 #include "camera/CameraState.h"
-#include "camera/OffscreenView.h"
 #include "camera/SampleReceiver.h"
 #include "camera/SessionConfiguration.h"
 #include "camera/VideoRecorder.h"
@@ -47,7 +46,7 @@ void logMissing(const selvio::Platform& ports) {
 
 std::shared_ptr<selvio::View> makeView(const selvio::Platform& platform) {
     auto view = platform.makeView ? platform.makeView() : nullptr;
-    return view ? view : selvio::makeOffscreenView();
+    return view ? view : std::make_shared<selvio::PlainView>();
 }
 
 std::optional<selvio::Rect> decodeFrame(std::string_view archive) {

@@ -9,7 +9,7 @@
 namespace selvio {
 namespace {
 
-/// One run. Each step answers whether the configuration goes on.
+/// One run. Each step returns whether the configuration goes on.
 /// The session may be null, after a shutdown; it then takes nothing, and the run ends where the video input is refused.
 class Configuration {
 public:

@@ -1,10 +1,46 @@
 #include <SelvioFacialCapture/platform/View.h>
 
 #include <algorithm>
+#include <utility>
 
 namespace selvio {
 
+std::shared_ptr<CaptureSession> PlainPreviewLayer::session() const {
+    return mutex_.get(session_);
+}
+
+void PlainPreviewLayer::setSession(std::shared_ptr<CaptureSession> session) {
+    mutex_.set(session_, std::move(session));
+}
+
+void PlainPreviewLayer::setVideoGravity(const std::string&) {}
+
+std::shared_ptr<CaptureConnection> PlainPreviewLayer::connection() const {
+    return nullptr;
+}
+
+MetadataObject PlainPreviewLayer::transformedMetadataObject(const MetadataObject& object) const {
+    return object;
+}
+
+void PlainPreviewLayer::setSize(Size size) {
+    if (size.width >= 1.0 && size.height >= 1.0) mutex_.set(size_, size);
+}
+
+Size PlainPreviewLayer::size() const {
+    return mutex_.get(size_);
+}
+
+PlainView::PlainView() : PlainView(std::make_shared<PlainPreviewLayer>()) {}
+
+PlainView::PlainView(std::shared_ptr<PlainPreviewLayer> layer) : layer_(std::move(layer)) {}
+
+std::shared_ptr<PreviewLayer> PlainView::layer() const {
+    return layer_;
+}
+
 void PlainView::setFrame(Rect frame) {
+    layer_->setSize({frame.width, frame.height});
     mutex_.set(frame_, frame);
 }
 

@@ -117,16 +117,14 @@ private:
     std::atomic<VideoOrientation> orientation_{VideoOrientation::Portrait};
 };
 
-class Layer final : public PreviewLayer {
+class Layer final : public PlainPreviewLayer {
 public:
     Layer(Size screen, std::shared_ptr<PictureFeed> feed) : screen_(screen), feed_(std::move(feed)) {}
 
-    [[nodiscard]] std::shared_ptr<CaptureSession> session() const override { return mutex_.get(session_); }
     void setSession(std::shared_ptr<CaptureSession> session) override {
         if (!session) feed_->forgetFrame();
-        mutex_.set(session_, std::move(session));
+        PlainPreviewLayer::setSession(std::move(session));
     }
-    void setVideoGravity(const std::string&) override {}
     [[nodiscard]] std::shared_ptr<CaptureConnection> connection() const override {
         const auto session = this->session();
         if (!session) return nullptr;
@@ -151,8 +149,7 @@ private:
     const std::shared_ptr<PictureFeed> feed_;
     const std::shared_ptr<CaptureConnection> connection_ = std::make_shared<UprightConnection>();
     mutable MemberMutex mutex_;
-    std::shared_ptr<CaptureSession> session_;  // guarded by mutex_
-    Size frameSize_;                           // guarded by mutex_; zero until a frame came
+    Size frameSize_;  // guarded by mutex_; zero until a frame came
 };
 
 }  // namespace
@@ -508,7 +505,7 @@ std::shared_ptr<GtkCaptureView> GtkCaptureView::make(const Platform& platform, G
     return std::shared_ptr<GtkCaptureView>(new GtkCaptureView(state));
 }
 
-GtkCaptureView::GtkCaptureView(std::shared_ptr<State> state) : state_(std::move(state)) {}
+GtkCaptureView::GtkCaptureView(std::shared_ptr<State> state) : PlainView(state->layer), state_(std::move(state)) {}
 
 GtkCaptureView::~GtkCaptureView() {
     GtkWidget* const widget = state_->widget;
@@ -594,10 +591,6 @@ void GtkCaptureView::setActions(const std::vector<GtkCaptureViewAction>& actions
     }
     if (!actions.empty()) gtk_widget_grab_focus(gtk_widget_get_first_child(state_->actions));
     gtk_widget_queue_allocate(state_->widget);
-}
-
-std::shared_ptr<PreviewLayer> GtkCaptureView::layer() const {
-    return state_->layer;
 }
 
 void GtkCaptureView::addSubview(const BlurView& view) {

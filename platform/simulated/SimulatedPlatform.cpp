@@ -11,7 +11,7 @@ namespace {
 
 using std::chrono::nanoseconds;
 
-/// Does not look at the picture: while the script's face is visible it answers exactly one face, the script's first,
+/// Does not look at the picture: while the script's face is visible it returns exactly one face, the script's first,
 /// smiling as the script says at this moment. For scripts whose person has to smile or to stop smiling, which one
 /// photograph cannot show.
 class SimulatedFaceDetector final : public FaceDetector {
@@ -19,7 +19,7 @@ public:
     explicit SimulatedFaceDetector(std::shared_ptr<SimulatedScene> scene) : scene_(std::move(scene)) {}
 
     std::vector<FaceFeature> featuresInImage(const Image& image, bool smile) override {
-        if (image.bitmap == nullptr) return {};
+        if (!image.bitmap) return {};
         const auto time = scene_->time();
         const auto faces = scene_->frames().trueGeometry(time, image.bitmap->width(), image.bitmap->height());
         if (faces.empty()) return {};
@@ -47,7 +47,7 @@ public:
     }
 
     void startDeviceMotionUpdates(std::shared_ptr<Queue> queue, Handler handler) override {
-        if (queue == nullptr || !handler) return stopDeviceMotionUpdates();
+        if (!queue || !handler) return stopDeviceMotionUpdates();
         scene_->begin();
         const auto feed = std::make_shared<Feed>(scene_, std::move(queue), mutex_.get(interval_), std::move(handler));
         mutex_.set(feed_, feed);
@@ -67,7 +67,7 @@ private:
         void scheduleNext() {
             queue_->asyncAfter(interval_, [weak = weak_from_this()] {
                 const auto self = weak.lock();
-                if (self == nullptr) return;
+                if (!self) return;
                 self->handler_({.rotationRate = self->scene_->state().rotationRate}, std::nullopt);
                 self->scheduleNext();
             });
@@ -87,11 +87,8 @@ private:
 };
 
 /// The layer of a view without a screen. Any thread.
-class SimulatedPreviewLayer final : public PreviewLayer {
+class SimulatedPreviewLayer final : public PlainPreviewLayer {
 public:
-    [[nodiscard]] std::shared_ptr<CaptureSession> session() const override { return mutex_.get(session_); }
-    void setSession(std::shared_ptr<CaptureSession> session) override { mutex_.set(session_, std::move(session)); }
-    void setVideoGravity(const std::string&) override {}
     /// Null for a session of another capture system, too.
     [[nodiscard]] std::shared_ptr<CaptureConnection> connection() const override {
         const auto simulated = std::dynamic_pointer_cast<SimulatedSession>(session());
@@ -99,30 +96,12 @@ public:
     }
     /// The bounds scaled to the layer's size.
     [[nodiscard]] MetadataObject transformedMetadataObject(const MetadataObject& object) const override {
-        const Size size = mutex_.get(size_);
+        const Size layer = size();
         MetadataObject scaled = object;
-        scaled.bounds = {object.bounds.x * size.width, object.bounds.y * size.height, object.bounds.width * size.width,
-                         object.bounds.height * size.height};
+        scaled.bounds = {object.bounds.x * layer.width, object.bounds.y * layer.height,
+                         object.bounds.width * layer.width, object.bounds.height * layer.height};
         return scaled;
     }
-    void setSize(Size size) { mutex_.set(size_, size); }
-
-private:
-    mutable MemberMutex mutex_;
-    std::shared_ptr<CaptureSession> session_;  // guarded by mutex_
-    Size size_;                                // guarded by mutex_
-};
-
-class SimulatedView final : public PlainView {
-public:
-    [[nodiscard]] std::shared_ptr<PreviewLayer> layer() const override { return layer_; }
-    void setFrame(Rect frame) override {
-        layer_->setSize({frame.width, frame.height});
-        PlainView::setFrame(frame);
-    }
-
-private:
-    const std::shared_ptr<SimulatedPreviewLayer> layer_ = std::make_shared<SimulatedPreviewLayer>();
 };
 
 }  // namespace
@@ -130,15 +109,15 @@ private:
 std::shared_ptr<SimulatedCaptureSystem> useSimulatedCamera(Platform& platform,
                                                            std::shared_ptr<const SimulatedFrames> frames,
                                                            SimulatedCaptureOptions options) {
-    if (frames == nullptr) {
+    if (!frames) {
         log("The simulated camera has no frames to show");
         return nullptr;
     }
-    if (platform.clock == nullptr) platform.clock = std::make_shared<SystemClock>();
+    if (!platform.clock) platform.clock = std::make_shared<SystemClock>();
     auto scene = std::make_shared<SimulatedScene>(std::move(frames), platform.clock);
     auto system = std::make_shared<SimulatedCaptureSystem>(scene, std::move(options));
     platform.captureSystem = system;
-    platform.makeView = [] { return std::make_shared<SimulatedView>(); };
+    platform.makeView = [] { return std::make_shared<PlainView>(std::make_shared<SimulatedPreviewLayer>()); };
     platform.makeMotionManager = [scene] { return std::make_shared<SimulatedMotionManager>(scene); };
     if (scene->frames().script().tellsSmile()) {
         platform.makeFaceDetector = [scene] { return std::make_shared<SimulatedFaceDetector>(scene); };

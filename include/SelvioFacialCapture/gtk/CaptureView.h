@@ -85,7 +85,6 @@ public:
     /// Buttons at the lower end, in place of those before. The first has the keyboard's focus.
     void setActions(const std::vector<GtkCaptureViewAction>& actions);
 
-    [[nodiscard]] std::shared_ptr<PreviewLayer> layer() const override;
     void addSubview(const BlurView& view) override;
     bool removeSubviewWithTag(std::int64_t tag) override;
 

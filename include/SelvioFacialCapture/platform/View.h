@@ -42,10 +42,37 @@ public:
     virtual bool removeSubviewWithTag(std::int64_t tag) = 0;
 };
 
-/// What views have in common: remembers the frame and what is laid over it. Any thread.
+/// What preview layers have in common: remembers the session and the layer's size, and draws nothing. Any thread.
+class SELVIO_EXPORT PlainPreviewLayer : public PreviewLayer {
+public:
+    [[nodiscard]] std::shared_ptr<CaptureSession> session() const final;
+    void setSession(std::shared_ptr<CaptureSession> session) override;
+    void setVideoGravity(const std::string& gravity) override;
+    /// Null.
+    [[nodiscard]] std::shared_ptr<CaptureConnection> connection() const override;
+    /// The object as it is.
+    [[nodiscard]] MetadataObject transformedMetadataObject(const MetadataObject& object) const override;
+    /// In points. A view without a size changes nothing.
+    void setSize(Size size);
+
+protected:
+    [[nodiscard]] Size size() const;
+
+private:
+    mutable MemberMutex mutex_;
+    std::shared_ptr<CaptureSession> session_;  // guarded by mutex_
+    Size size_{360.0, 640.0};                  // guarded by mutex_
+};
+
+/// What views have in common: remembers the layer, the frame and what is laid over it. Any thread.
 class SELVIO_EXPORT PlainView : public View {
 public:
-    void setFrame(Rect frame) override;
+    /// With a layer that draws nothing: a view without a screen.
+    PlainView();
+    explicit PlainView(std::shared_ptr<PlainPreviewLayer> layer);
+    [[nodiscard]] std::shared_ptr<PreviewLayer> layer() const final;
+    /// The layer fills the frame.
+    void setFrame(Rect frame) final;
     [[nodiscard]] Rect frame() const final;
     void addSubview(const BlurView& view) override;
     bool removeSubviewWithTag(std::int64_t tag) override;
@@ -53,6 +80,7 @@ public:
     [[nodiscard]] std::vector<BlurView> subviews() const;
 
 private:
+    const std::shared_ptr<PlainPreviewLayer> layer_;
     mutable MemberMutex mutex_;
     Rect frame_;                      // guarded by mutex_
     std::vector<BlurView> subviews_;  // guarded by mutex_
