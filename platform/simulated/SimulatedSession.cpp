@@ -47,7 +47,7 @@ AudioData toneAt(std::int64_t firstSample) {
 }  // namespace
 
 FrameSize SimulatedVideoDataOutput::frameSize() const {
-    const FrameSize sensor = sensorSize_;
+    const FrameSize sensor = mutex_.get(sensorSize_);
     return isPortrait(connection()->videoOrientation()) ? FrameSize{sensor.height, sensor.width} : sensor;
 }
 
@@ -115,7 +115,7 @@ private:
         const nanoseconds early = timeOf(frame) - clock_->monotonicTime();
         if (early > nanoseconds(0)) return deliverAfter(std::min(early, kLongestWait), frame);
         const auto session = session_.lock();
-        if (session == nullptr) return;
+        if (!session) return;
         session->tick(timeOf(frame));
         // a camera that cannot keep up leaves frames out and stays on its beat
         ++frame;
@@ -169,7 +169,7 @@ void SimulatedSession::startRunning() {
             if (running_) return;
             previous = run_;
         }
-        if (previous != nullptr) previous->wait();
+        if (previous) previous->wait();
 
         std::string failure;
         {
@@ -207,7 +207,7 @@ void SimulatedSession::stopRunning() {
         running_ = false;
         run = run_;
     }
-    if (run == nullptr) return;
+    if (!run) return;
     run->end();
     run->wait();
 }
@@ -225,7 +225,7 @@ void SimulatedSession::tick(nanoseconds clockTime) {
     const nanoseconds scriptTime = control_->scene->timeAt(clockTime);
     const auto parts = this->parts();
     const auto& camera = parts->camera;
-    if (faults.deviceLost && camera != nullptr) {
+    if (faults.deviceLost && camera) {
         {
             const std::lock_guard lock(mutex_);
             if (run_ == run) running_ = false;

@@ -13,7 +13,7 @@ public:
     [[nodiscard]] VideoSettings recommendedVideoSettings(const std::string& fileType) const override;
 
     /// The size of the source's frames as the sensor lies.
-    void setSensorSize(FrameSize size) { sensorSize_ = size; }
+    void setSensorSize(FrameSize size) { mutex_.set(sensorSize_, size); }
     /// Draws and delivers the frame of a script time, or a drop notice if `drop` is set.
     void draw(std::chrono::nanoseconds scriptTime, const SampleTiming& timing, bool drop);
 
@@ -21,7 +21,8 @@ private:
     [[nodiscard]] FrameSize frameSize() const;
 
     const std::shared_ptr<SimulatedControl> control_;
-    std::atomic<FrameSize> sensorSize_{FrameSize{1280, 720}};
+    mutable MemberMutex mutex_;
+    FrameSize sensorSize_{1280, 720};  // guarded by mutex_
 };
 
 /// Stopped -> startRunning -> running -> stopRunning, or the loss of the device -> stopped. Inputs and outputs may
