@@ -1,33 +1,38 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds and runs every test. Usage: scripts/test.sh [--sanitizers]
-#   --sanitizers   before that, build and run the tests under the address and the thread sanitizer (takes a good while longer)
+# Installs what is missing, builds and runs every test. Usage: scripts/test.sh [--component-sanitizers | --sanitizers]
+#   --component-sanitizers   then the tests of the component, the simulated camera and the vision adapter under the
+#                            address and the thread sanitizer
+#   --sanitizers             then every test under both (takes a good while longer)
 set -euo pipefail
-root=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")/.." && pwd)
+cd -- "$(dirname -- "${BASH_SOURCE[0]}")/.."
 
-sanitizers=false
-for argument in "$@"; do
-    case $argument in
-        --sanitizers) sanitizers=true ;;
-        *)
-            echo "usage: scripts/test.sh [--sanitizers]" >&2
-            exit 2
-            ;;
-    esac
-done
+component=(base_test imaging_test platform_test model_test telemetry_test analyzer_test selvio_camera_test capture_test
+           simulated_test vision_test)
+sanitized=()  # the test programs; none: no sanitizer
+case $* in
+    "") ;;
+    --component-sanitizers) sanitized=("${component[@]}") ;;
+    --sanitizers) sanitized=(all) ;;
+    *)
+        echo "usage: scripts/test.sh [--component-sanitizers | --sanitizers]" >&2
+        exit 2
+        ;;
+esac
 
-"$root/scripts/install-deps.sh"
-cd -- "$root"
+scripts/install-deps.sh
 
-# The last command's last line is ctest's own closing line.
+# build_and_test PRESET PROGRAM...: the last command's last line is ctest's own closing line.
 build_and_test() {
-    local preset=$1
+    local preset=$1 labels=()
+    shift
+    if [[ $1 != all ]]; then labels=(-L "^($(IFS='|' && echo "$*"))\$"); fi
     echo "test: $preset" >&2
     cmake --preset "$preset" >/dev/null
-    cmake --build "build/$preset"
-    ctest --preset "$preset" --no-tests=error </dev/null
+    cmake --build "build/$preset" --target "$@"
+    ctest --preset "$preset" "${labels[@]}" --no-tests=error </dev/null
 }
-if $sanitizers; then
-    build_and_test asan
-    build_and_test tsan
+build_and_test dev all
+if ((${#sanitized[@]})); then
+    build_and_test asan "${sanitized[@]}"
+    build_and_test tsan "${sanitized[@]}"
 fi
-build_and_test dev
