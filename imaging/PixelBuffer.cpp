@@ -92,7 +92,7 @@ std::shared_ptr<PixelBuffer> PixelBuffer::create(int width, int height, PixelFor
 
 std::shared_ptr<PixelBuffer> PixelBuffer::create(const PixelBufferLayout& layout) {
     std::uint8_t* const block = layout.byteSize() > 0 ? allocateBlock(layout.byteSize()) : nullptr;
-    if (block == nullptr) return nullptr;
+    if (!block) return nullptr;
     return wrap(layout, planesOf(layout, block), [block] { freeBlock(block); });
 }
 
@@ -127,9 +127,9 @@ std::shared_ptr<PixelBuffer> PixelBufferPool::acquire(const PixelBufferLayout& l
             idle_.pop_back();
         }
     }
-    if (block == nullptr) {
+    if (!block) {
         block = allocateBlock(byteSize);
-        if (block == nullptr) return nullptr;
+        if (!block) return nullptr;
         const std::lock_guard lock(mutex_);
         ++allocations_;
     }

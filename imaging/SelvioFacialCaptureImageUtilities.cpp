@@ -57,7 +57,7 @@ ImageOrientation imageOrientationForDevice(std::int64_t deviceOrientation) {
 /// `allocate` gives a buffer of a layout, or null.
 template <typename Allocate>
 std::shared_ptr<PixelBuffer> deepCopy(const PixelBuffer* source, const Allocate& allocate) {
-    if (source == nullptr) return nullptr;
+    if (!source) return nullptr;
     auto copy = source->isReadable() ? allocate(layoutOfCopy(*source)) : nullptr;
     if (copy) {
         copyPixels(*source, *copy);

@@ -137,7 +137,7 @@ public:
     [[nodiscard]] std::shared_ptr<SelvioFacialCaptureObixData> obixData() const;
     /// Replaces the record; null is ignored.
     void setObixData(std::shared_ptr<SelvioFacialCaptureObixData> obixData);
-    /// Null if there is none or the host has let it go.
+    /// Null if there is none or the host has released it.
     [[nodiscard]] std::shared_ptr<SelvioFacialCaptureAnalyzerDelegate> delegate() const;
 
     /// Pixel size of the frames: that of the first analysed one.

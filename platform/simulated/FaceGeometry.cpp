@@ -21,7 +21,7 @@ Expected<FaceGeometry> FaceGeometry::parse(std::string_view json, const std::str
         geometry.jawLeft = *reader.point("jawLeft", 0, kLongestSide);
         geometry.jawRight = *reader.point("jawRight", 0, kLongestSide);
         const auto* const landmarks = reader.field("landmarks");
-        if (landmarks == nullptr) return;
+        if (!landmarks) return;
         strictjson::ObjectReader names(*landmarks, "landmarks");
         for (const auto& [name, ignored] : landmarks->items())
             geometry.landmarks.emplace(name, *names.point(name, 0, kLongestSide));

@@ -32,7 +32,7 @@ struct RequiredFields {
 
 void readSecond(ObjectReader& reader, std::optional<FacePose>& second) {
     const auto* const value = reader.field("second");
-    if (value == nullptr) return;
+    if (!value) return;
     if (value->is_null()) {
         second.reset();
         return;
@@ -49,7 +49,7 @@ void readSecond(ObjectReader& reader, std::optional<FacePose>& second) {
 
 void readBarcode(ObjectReader& reader, std::optional<std::string>& barcode) {
     const auto* const value = reader.field("barcode");
-    if (value == nullptr) return;
+    if (!value) return;
     if (value->is_null()) {
         barcode.reset();
     } else if (value->is_string()) {
@@ -103,7 +103,7 @@ Expected<MotionScript> MotionScript::parse(std::string_view json, const std::str
         script.loop_ = reader.boolean("loop").value_or(false);
         script.seed_ = static_cast<std::uint64_t>(reader.integer("seed", 0, 4294967295).value_or(1));
         const auto* const list = reader.field("keyFrames");
-        if (list == nullptr || !list->is_array() || list->empty() || list->size() > kMostKeyFrames)
+        if (!list || !list->is_array() || list->empty() || list->size() > kMostKeyFrames)
             reader.fail("keyFrames", "must be a list of 1 to 10000 key frames");
         KeyFrame keyFrame;
         RequiredFields given;

@@ -113,7 +113,7 @@ std::shared_ptr<CaptureDevice> SimulatedCaptureSystem::defaultDevice(MediaType m
 Expected<std::shared_ptr<CaptureDeviceInput>> SimulatedCaptureSystem::makeDeviceInput(
     const std::shared_ptr<CaptureDevice>& device) {
     const auto simulated = std::dynamic_pointer_cast<SimulatedDevice>(device);
-    if (simulated == nullptr || !simulated->belongsTo(state_->control.get()))
+    if (!simulated || !simulated->belongsTo(state_->control.get()))
         return Error{"The device is not one of this simulated capture system"};
     if (device->mediaType() == MediaType::Video && faults().deviceLost)
         return Error{device->localizedName() + " is disconnected"};

@@ -345,7 +345,7 @@ SimulatedFrames::~SimulatedFrames() = default;
 
 Expected<std::shared_ptr<const SimulatedFrames>> SimulatedFrames::make(
     const std::shared_ptr<const PixelBuffer>& photograph, const FaceGeometry& geometry, MotionScript script) {
-    if (photograph == nullptr) return Error{"the simulated camera has no photograph"};
+    if (!photograph) return Error{"the simulated camera has no photograph"};
     if (photograph->format() != kPixelFormat32BGRA) return Error{"the simulated camera's photograph is not in BGRA"};
     if (photograph->width() != geometry.width || photograph->height() != geometry.height) {
         return Error{"the photograph has " + std::to_string(photograph->width()) + " x " +

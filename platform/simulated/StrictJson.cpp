@@ -100,19 +100,19 @@ const json* ObjectReader::field(const std::string& name) {
 }
 
 void ObjectReader::require(const std::string& name) {
-    if (field(name) == nullptr) fail(name, "is missing");
+    if (!field(name)) fail(name, "is missing");
 }
 
 std::optional<double> ObjectReader::number(const std::string& name, double low, double high) {
     const json* const value = field(name);
-    if (value == nullptr) return std::nullopt;
+    if (!value) return std::nullopt;
     if (isNumberWithin(*value, low, high)) return value->get<double>();
     fail(name, "must be a number from " + shortNumber(low) + " to " + shortNumber(high));
 }
 
 std::optional<std::int64_t> ObjectReader::integer(const std::string& name, std::int64_t low, std::int64_t high) {
     const json* const value = field(name);
-    if (value == nullptr) return std::nullopt;
+    if (!value) return std::nullopt;
     if (value->is_number_integer() && isNumberWithin(*value, static_cast<double>(low), static_cast<double>(high)))
         return value->get<std::int64_t>();
     fail(name, "must be a whole number from " + std::to_string(low) + " to " + std::to_string(high));
@@ -120,7 +120,7 @@ std::optional<std::int64_t> ObjectReader::integer(const std::string& name, std::
 
 std::optional<bool> ObjectReader::boolean(const std::string& name) {
     const json* const value = field(name);
-    if (value == nullptr) return std::nullopt;
+    if (!value) return std::nullopt;
     if (value->is_boolean()) return value->get<bool>();
     fail(name, "must be true or false");
 }
@@ -128,7 +128,7 @@ std::optional<bool> ObjectReader::boolean(const std::string& name) {
 std::optional<std::vector<double>> ObjectReader::numbers(const std::string& name, std::size_t count, double low,
                                                          double high) {
     const json* const value = field(name);
-    if (value == nullptr) return std::nullopt;
+    if (!value) return std::nullopt;
     const auto fits = [&](const json& item) { return isNumberWithin(item, low, high); };
     if (value->is_array() && value->size() == count && std::ranges::all_of(*value, fits))
         return value->get<std::vector<double>>();

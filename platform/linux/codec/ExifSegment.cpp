@@ -93,13 +93,12 @@ std::optional<ExifProperties> readExifSegment(std::span<const std::uint8_t> segm
     const ExifByteOrder order = exif_data_get_byte_order(data.get());
     ExifProperties properties;
     const ExifEntry* const orientation = exif_content_get_entry(data->ifd[EXIF_IFD_0], EXIF_TAG_ORIENTATION);
-    if (orientation != nullptr && orientation->data != nullptr && orientation->format == EXIF_FORMAT_SHORT &&
-        orientation->size >= 2) {
+    if (orientation && orientation->data && orientation->format == EXIF_FORMAT_SHORT && orientation->size >= 2) {
         const int value = exif_get_short(orientation->data, order);
         if (value >= 1 && value <= 8) properties.orientation = value;
     }
     const ExifEntry* const comment = exif_content_get_entry(data->ifd[EXIF_IFD_EXIF], EXIF_TAG_USER_COMMENT);
-    if (comment != nullptr && comment->data != nullptr) {
+    if (comment && comment->data) {
         std::string_view text(reinterpret_cast<const char*>(comment->data), comment->size);
         if (text.starts_with(kAsciiCode) && isAscii(text)) {
             text.remove_prefix(kAsciiCode.size());

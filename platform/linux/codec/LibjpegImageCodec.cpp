@@ -38,7 +38,7 @@ std::shared_ptr<ImageSource> LibjpegImageCodec::openSource(Bytes bytes) const {
 std::optional<Bytes> LibjpegImageCodec::encodeFromSource(const ImageSource& source,
                                                          const ImageProperties& properties) const {
     const auto* const jpeg = dynamic_cast<const JpegImageSource*>(&source);
-    if (jpeg == nullptr) return std::nullopt;
+    if (!jpeg) return std::nullopt;
     return reencodeJpeg(jpeg->file(), {.quality = properties.lossyCompressionQuality.value_or(1.0F),
                                        .jfif = properties.jfif,
                                        .exif = properties.exif});

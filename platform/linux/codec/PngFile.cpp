@@ -27,7 +27,7 @@ public:
                 png_longjmp(png, 1);
             },
             [](png_structp, png_const_charp) {});
-        if (png_ != nullptr) info_ = png_create_info_struct(png_);
+        if (png_) info_ = png_create_info_struct(png_);
     }
     PngReader(const PngReader&) = delete;
     PngReader& operator=(const PngReader&) = delete;
@@ -88,7 +88,7 @@ void premultiply(std::uint8_t* pixels, std::size_t count) {
 int orientationOf(const PngReader& reader) {
     png_uint_32 size = 0;
     png_bytep exif = nullptr;
-    if (png_get_eXIf_1(reader.png(), reader.info(), &size, &exif) == 0 || exif == nullptr) return 1;
+    if (png_get_eXIf_1(reader.png(), reader.info(), &size, &exif) == 0 || !exif) return 1;
     std::vector<std::uint8_t> segment{'E', 'x', 'i', 'f', 0, 0};
     segment.insert(segment.end(), exif, exif + std::min<std::size_t>(size, kLongestSegment - segment.size()));
     return readExifSegment(segment).value_or(ExifProperties{}).orientation.value_or(1);

@@ -30,7 +30,7 @@ std::error_code lastError() {
 
 std::optional<fs::path> absolutePathFromEnvironment(const char* variable) {
     const char* const value = std::getenv(variable);
-    if (value == nullptr || !fs::path(value).is_absolute()) return std::nullopt;
+    if (!value || !fs::path(value).is_absolute()) return std::nullopt;
     return value;
 }
 
@@ -39,7 +39,7 @@ fs::path homeDirectory() {
     std::vector<char> text(16384);
     passwd entry{};
     passwd* found = nullptr;
-    if (getpwuid_r(getuid(), &entry, text.data(), text.size(), &found) != 0 || found == nullptr) return {};
+    if (getpwuid_r(getuid(), &entry, text.data(), text.size(), &found) != 0 || !found) return {};
     return found->pw_dir;
 }
 

@@ -73,7 +73,7 @@ const CameraMode* chooseMode(const std::vector<CameraMode>& modes, int width, in
     };
     for (const CameraMode& mode : modes) {
         if (mode.width != width || mode.height != height) continue;
-        if (best == nullptr || merit(mode) > merit(*best)) best = &mode;
+        if (!best || merit(mode) > merit(*best)) best = &mode;
     }
     return best;
 }

@@ -58,7 +58,7 @@ void set(GstElement* element, const std::string& property, const std::string& va
 // Whether the element's device or library opens.
 bool opens(const std::string& element) {
     GstElement* const candidate = makeElement(element);
-    if (candidate == nullptr) return false;
+    if (!candidate) return false;
     gst_object_ref_sink(candidate);
     const bool ready = gst_element_set_state(candidate, GST_STATE_READY) != GST_STATE_CHANGE_FAILURE;
     gst_element_set_state(candidate, GST_STATE_NULL);
@@ -106,7 +106,7 @@ int rankOf(const std::string& element, const RecordingOptions& options) {
 Expected<const VideoEncoder*> chooseVideoEncoder(const std::string& codecName, const RecordingOptions& options) {
     if (!startGStreamer()) return Error{"GStreamer could not start"};
     const VideoCodec* const codec = findVideoCodec(codecName);
-    if (codec == nullptr) return Error{"video codec \"" + codecName + "\" is not recorded"};
+    if (!codec) return Error{"video codec \"" + codecName + "\" is not recorded"};
     const auto rank = [&](const std::string& element) { return rankOf(element, options); };
     if (rank("mp4mux") < 0) return Error{std::string("no MP4 writer is installed: install ") + kMuxerPackage};
     if (rank(codec->parser) < 0)
@@ -179,7 +179,7 @@ public:
 
     [[nodiscard]] bool canAddInput(const AssetWriterInput& input) const override {
         const auto* const own = dynamic_cast<const GstAssetWriterInput*>(&input);
-        if (own == nullptr || status_ != AssetWriterStatus::Unknown || track(own->mediaType_).input) return false;
+        if (!own || status_ != AssetWriterStatus::Unknown || track(own->mediaType_).input) return false;
         std::optional<Error> problem;
         if (own->mediaType_ == MediaType::Video) {
             problem = own->videoEncoder_ ? sizeProblem(own->videoSettings_) : own->videoEncoder_.error();
@@ -353,7 +353,7 @@ private:
         if (time < nanoseconds(0)) return true;  // before the session: left out, as asked
         if (time <= lastVideoTime_) return false;
         GstBuffer* const buffer = wrapSample(sample);
-        if (buffer == nullptr) return false;
+        if (!buffer) return false;
 
         const PixelBufferLayout& layout = sample->imageBuffer()->layout();
         if (!videoLayout_ || videoLayout_->width != layout.width || videoLayout_->height != layout.height ||
@@ -429,7 +429,7 @@ private:
 
     bool appendAudio(const std::shared_ptr<SampleBuffer>& sample, nanoseconds time) {
         const AudioData* const data = sample->audio();
-        if (data == nullptr || data->sampleRate < 1 || data->channels < 1 || data->channels > 8) return false;
+        if (!data || data->sampleRate < 1 || data->channels < 1 || data->channels > 8) return false;
         const auto frames = static_cast<std::int64_t>(data->samples.size()) / data->channels;
         if (frames == 0) return true;
         adoptAudioFormat(data->sampleRate, data->channels);

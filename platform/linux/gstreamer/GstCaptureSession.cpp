@@ -326,7 +326,7 @@ void GstCaptureSession::watch(std::uint64_t run) {
 std::optional<nanoseconds> GstCaptureSession::timeOf(GstSample* sample, GstElement* sink) {
     GstBuffer* const buffer = gst_sample_get_buffer(sample);
     const GstSegment* const segment = gst_sample_get_segment(sample);
-    if (buffer == nullptr || segment == nullptr || !GST_BUFFER_PTS_IS_VALID(buffer)) return std::nullopt;
+    if (!buffer || !segment || !GST_BUFFER_PTS_IS_VALID(buffer)) return std::nullopt;
     const guint64 time = gst_segment_to_running_time(segment, GST_FORMAT_TIME, GST_BUFFER_PTS(buffer));
     if (!GST_CLOCK_TIME_IS_VALID(time)) return std::nullopt;
     return nanoseconds(static_cast<std::int64_t>(time + gst_element_get_base_time(sink)));
@@ -354,7 +354,7 @@ void GstCaptureSession::frameArrived(const Run& run, GstSample* sample, GstEleme
     lastFrame_ = arrival.count();
     GstVideoInfo info;
     GstBuffer* const buffer = gst_sample_get_buffer(sample);
-    if (buffer == nullptr || gst_sample_get_caps(sample) == nullptr) return;
+    if (!buffer || !gst_sample_get_caps(sample)) return;
     if (gst_video_info_from_caps(&info, gst_sample_get_caps(sample)) == FALSE) return;
     const int width = GST_VIDEO_INFO_WIDTH(&info);
     const int height = GST_VIDEO_INFO_HEIGHT(&info);
@@ -378,7 +378,7 @@ void GstCaptureSession::frameArrived(const Run& run, GstSample* sample, GstEleme
             video->deliver(SampleBuffer::makeVideo(std::move(pixels), timing));
     }
     if (auto* const metadata = static_cast<GstMetadataOutput*>(parts->metadata.get());
-        metadata != nullptr && metadata->wantsFrame()) {
+        metadata && metadata->wantsFrame()) {
         metadata->search(
             borrow(run.memory, buffer, info, cropFor(width, height, metadata->connection()->videoOrientation())));
     }
@@ -388,7 +388,7 @@ void GstCaptureSession::soundArrived(Run& run, GstSample* sample, GstElement* si
     if (run.number != run_) return;
     const auto output = parts()->audio;
     GstBuffer* const buffer = gst_sample_get_buffer(sample);
-    if (!output || buffer == nullptr) return;
+    if (!output || !buffer) return;
     AudioData audio{.sampleRate = kSampleRate,
                     .channels = 1,
                     .samples = std::vector<std::int16_t>(gst_buffer_get_size(buffer) / sizeof(std::int16_t))};

@@ -27,7 +27,7 @@ std::string textOf(const GstStructure* structure, const char* field) {
 
 // The value itself, or those of a list; none for null.
 std::vector<const GValue*> valuesIn(const GValue* value) {
-    if (value == nullptr) return {};
+    if (!value) return {};
     if (!GST_VALUE_HOLDS_LIST(value)) return {value};
     std::vector<const GValue*> values;
     for (guint i = 0; i < gst_value_list_get_size(value); ++i) values.push_back(gst_value_list_get_value(value, i));
@@ -90,7 +90,7 @@ std::vector<CameraMode> modesOf(const GstCaps* caps) {
 
 // An element that was made, or what could not be.
 Expected<GstElement*> opened(GstElement* source, const std::string& name) {
-    if (source == nullptr) return Error{"\"" + name + "\" could not be opened"};
+    if (!source) return Error{"\"" + name + "\" could not be opened"};
     if (g_object_class_find_property(G_OBJECT_GET_CLASS(source), "do-timestamp") != nullptr)
         g_object_set(source, "do-timestamp", TRUE, nullptr);
     return source;
@@ -189,10 +189,10 @@ std::optional<DeviceDescription> describeFile(const fs::path& path) {
     g_autoptr(GError) error = nullptr;
     g_autofree char* uri = gst_filename_to_uri(path.c_str(), nullptr);
     g_autoptr(GstDiscoverer) discoverer = gst_discoverer_new(5 * GST_SECOND, nullptr);
-    if (uri == nullptr || discoverer == nullptr) return std::nullopt;
+    if (!uri || !discoverer) return std::nullopt;
     g_autoptr(GstDiscovererInfo) info = gst_discoverer_discover_uri(discoverer, uri, &error);
     GList* const streams = info != nullptr ? gst_discoverer_info_get_video_streams(info) : nullptr;
-    if (streams == nullptr) {
+    if (!streams) {
         log("Capture: \"" + path.string() +
             "\" cannot be played: " + (error != nullptr ? error->message : "it holds no video"));
         return std::nullopt;
@@ -205,7 +205,7 @@ std::optional<DeviceDescription> describeFile(const fs::path& path) {
                              static_cast<int>(gst_discoverer_video_info_get_framerate_denom(video))}};
     const GstTagList* const tags = gst_discoverer_stream_info_get_tags(GST_DISCOVERER_STREAM_INFO(video));
     g_autofree char* turned = nullptr;
-    if (tags != nullptr) gst_tag_list_get_string(tags, GST_TAG_IMAGE_ORIENTATION, &turned);
+    if (tags) gst_tag_list_get_string(tags, GST_TAG_IMAGE_ORIENTATION, &turned);
     const std::string turn = turned != nullptr ? turned : "";
     if (turn.find("90") != std::string::npos || turn.find("270") != std::string::npos)
         std::swap(mode.width, mode.height);
@@ -216,7 +216,7 @@ std::optional<DeviceDescription> describeFile(const fs::path& path) {
         // beginning as well.
         GstElement* const bin = gst_parse_bin_from_description(
             "filesrc name=file ! decodebin ! videoconvert ! videoflip name=end video-direction=auto", FALSE, nullptr);
-        if (bin == nullptr) return Error{"\"" + path.string() + "\" could not be opened"};
+        if (!bin) return Error{"\"" + path.string() + "\" could not be opened"};
         const GstPtr<GstElement> file(gst_bin_get_by_name(GST_BIN(bin), "file"));
         const GstPtr<GstElement> end(gst_bin_get_by_name(GST_BIN(bin), "end"));
         g_object_set(file.get(), "location", path.c_str(), nullptr);
@@ -237,8 +237,7 @@ DeviceDescription describeSource(const SourceCamera& camera) {
         g_autoptr(GError) error = nullptr;
         GstElement* const bin =
             gst_parse_bin_from_description_full(source.c_str(), TRUE, nullptr, GST_PARSE_FLAG_FATAL_ERRORS, &error);
-        if (bin == nullptr)
-            return Error{"\"" + source + "\": " + (error != nullptr ? error->message : "could not be opened")};
+        if (!bin) return Error{"\"" + source + "\": " + (error != nullptr ? error->message : "could not be opened")};
         return bin;
     };
     return description;

@@ -31,7 +31,7 @@ bool startGStreamer() {
 
 int elementRank(const std::string& element) {
     GstElementFactory* const factory = gst_element_factory_find(element.c_str());
-    if (factory == nullptr) return -1;
+    if (!factory) return -1;
     const int rank = static_cast<int>(gst_plugin_feature_get_rank(GST_PLUGIN_FEATURE(factory)));
     gst_object_unref(factory);
     return rank;
@@ -61,7 +61,7 @@ GstPtr<GstCaps> rawVideoCaps(const PixelBufferLayout& layout, int framesPerSecon
 GstBuffer* wrapSample(const std::shared_ptr<SampleBuffer>& sample) {
     const auto& pixels = sample->imageBuffer();
     const char* const format = pixels ? gstFormatName(pixels->format()) : nullptr;
-    if (format == nullptr) return nullptr;
+    if (!format) return nullptr;
     GstBuffer* const buffer = gst_buffer_new();
     gsize offsets[GST_VIDEO_MAX_PLANES] = {};
     gint strides[GST_VIDEO_MAX_PLANES] = {};
@@ -141,7 +141,7 @@ void takeMessages(GstElement* pipeline, std::function<void(GstMessage*)> take) {
 }
 
 void closePipeline(GstElement* pipeline) {
-    if (pipeline == nullptr) return;
+    if (!pipeline) return;
     gst_element_set_state(pipeline, GST_STATE_NULL);
     const GstPtr<GstBus> bus(gst_element_get_bus(pipeline));
     gst_bus_set_sync_handler(bus.get(), nullptr, nullptr, nullptr);

@@ -43,7 +43,7 @@ struct Choice {
 template <typename T>
 Choice<T> choiceOf(const spa_pod* format, std::uint32_t key, std::uint32_t type) {
     const spa_pod_prop* const property = spa_pod_find_prop(format, nullptr, key);
-    if (property == nullptr) return {};
+    if (!property) return {};
     std::uint32_t count = 0;
     std::uint32_t kind = SPA_CHOICE_None;
     const spa_pod* const values = spa_pod_get_values(&property->value, &count, &kind);
@@ -68,13 +68,13 @@ void addModes(const spa_pod* format, std::vector<CameraMode>& modes) {
     if (spa_format_parse(format, &type, &subtype) < 0 || type != SPA_MEDIA_TYPE_video) return;
     const bool jpeg = subtype == SPA_MEDIA_SUBTYPE_mjpg;
     if (!jpeg && subtype != SPA_MEDIA_SUBTYPE_raw) return;
-    if (spa_pod_find_prop(format, nullptr, SPA_FORMAT_VIDEO_modifier) != nullptr) return;
+    if (spa_pod_find_prop(format, nullptr, SPA_FORMAT_VIDEO_modifier)) return;
 
     std::vector<std::string> names;
     if (jpeg) names.emplace_back();
     for (const std::uint32_t id : choiceOf<std::uint32_t>(format, SPA_FORMAT_VIDEO_format, SPA_TYPE_Id).values) {
         const char* const name = spa_debug_type_find_short_name(spa_type_video_format, id);
-        if (!jpeg && name != nullptr) names.emplace_back(name);
+        if (!jpeg && name) names.emplace_back(name);
     }
     std::vector<FrameRate> rates;
     const auto fractions = choiceOf<spa_fraction>(format, SPA_FORMAT_VIDEO_framerate, SPA_TYPE_Fraction);
@@ -125,7 +125,7 @@ public:
         };
         pw_core_add_listener(core_.get(), &coreHook_, &kCoreEvents, this);
         auto* const registry = pw_core_get_registry(core_.get(), PW_VERSION_REGISTRY, 0);
-        if (registry == nullptr) return std::nullopt;
+        if (!registry) return std::nullopt;
         registry_.reset(reinterpret_cast<pw_proxy*>(registry));
         static constexpr pw_registry_events kRegistryEvents{
             .version = PW_VERSION_REGISTRY_EVENTS,
@@ -199,7 +199,7 @@ private:
 
     void bindNode(std::uint32_t id) {
         auto* const node = static_cast<pw_node*>(bind(id, PW_TYPE_INTERFACE_Node, PW_VERSION_NODE));
-        if (node == nullptr) return;
+        if (!node) return;
         Entry& entry = entries_.emplace_back();
         entry.id = id;
         entry.proxy.reset(reinterpret_cast<pw_proxy*>(node));
@@ -209,7 +209,7 @@ private:
                        const pw_node_info* info) { describe(static_cast<Entry*>(entry)->node, info->props); },
             .param =
                 [](void* entry, int, std::uint32_t parameter, std::uint32_t, std::uint32_t, const spa_pod* value) {
-                    if (parameter == SPA_PARAM_EnumFormat && value != nullptr)
+                    if (parameter == SPA_PARAM_EnumFormat && value)
                         addModes(value, static_cast<Entry*>(entry)->node.modes);
                 },
         };
@@ -218,7 +218,7 @@ private:
     }
 
     static void describe(PipeWireNode& node, const spa_dict* properties) {
-        if (properties == nullptr) return;
+        if (!properties) return;
         node.serial = textOf(properties, PW_KEY_OBJECT_SERIAL);
         node.name = textOf(properties, PW_KEY_NODE_NAME);
         node.location = textOf(properties, "api.libcamera.location");
@@ -233,7 +233,7 @@ private:
     void bindMetadata(std::uint32_t id) {
         auto* const metadata =
             metadata_ ? nullptr : static_cast<pw_metadata*>(bind(id, PW_TYPE_INTERFACE_Metadata, PW_VERSION_METADATA));
-        if (metadata == nullptr) return;
+        if (!metadata) return;
         metadata_.reset(reinterpret_cast<pw_proxy*>(metadata));
         static constexpr pw_metadata_events kMetadataEvents{
             .version = PW_VERSION_METADATA_EVENTS,
@@ -249,7 +249,7 @@ private:
     // The session manager keeps the person's choice as {"name": "..."}.
     void settingRead(const char* key, const char* value) {
         const char* const wanted = mediaType_ == MediaType::Video ? "default.video.source" : "default.audio.source";
-        if (key == nullptr || value == nullptr || std::strcmp(key, wanted) != 0) return;
+        if (!key || !value || std::strcmp(key, wanted) != 0) return;
         const auto choice = nlohmann::json::parse(value, nullptr, false);
         if (choice.is_object() && choice.contains("name") && choice["name"].is_string()) default_ = choice["name"];
     }

@@ -51,11 +51,11 @@ private:
 
     void follow() {
         g_autoptr(GDBusConnection) bus = connect();
-        if (bus == nullptr) return;  // a system without a bus is a device without sensors
+        if (!bus) return;  // a system without a bus is a device without sensors
         g_dbus_connection_set_exit_on_close(bus, FALSE);
         g_autoptr(GDBusProxy) proxy = g_dbus_proxy_new_sync(bus, G_DBUS_PROXY_FLAGS_DO_NOT_AUTO_START, nullptr, kName,
                                                             kPath, kName, cancellable_, nullptr);
-        if (proxy == nullptr) return;
+        if (!proxy) return;
         g_signal_connect(proxy, "g-properties-changed", G_CALLBACK(&onChange), this);
         g_signal_connect(proxy, "notify::g-name-owner", G_CALLBACK(&onOwner), this);
         onOwner(proxy, nullptr, this);
@@ -76,16 +76,16 @@ private:
                                           nullptr);
         };
         g_autofree char* owner = g_dbus_proxy_get_name_owner(proxy);
-        if (owner == nullptr) {
+        if (!owner) {
             self->orientation_ = DeviceOrientation::Portrait;
             return;
         }
         g_autoptr(GVariant) claimed = call("ClaimAccelerometer", nullptr);
-        if (claimed == nullptr) return;
+        if (!claimed) return;
         // The proxy's own copy is from before the claim, when the property says nothing.
         g_autoptr(GVariant) answer =
             call("org.freedesktop.DBus.Properties.Get", g_variant_new("(ss)", kName, kProperty));
-        if (answer == nullptr || !g_variant_is_of_type(answer, G_VARIANT_TYPE("(v)"))) return;
+        if (!answer || !g_variant_is_of_type(answer, G_VARIANT_TYPE("(v)"))) return;
         g_autoptr(GVariant) value = nullptr;
         g_variant_get(answer, "(v)", &value);
         self->take(value);
@@ -93,7 +93,7 @@ private:
 
     static void onChange(GDBusProxy*, GVariant* changed, const char* const*, gpointer data) {
         g_autoptr(GVariant) value = g_variant_lookup_value(changed, kProperty, nullptr);
-        if (value != nullptr) static_cast<ProxyOrientationSensor*>(data)->take(value);
+        if (value) static_cast<ProxyOrientationSensor*>(data)->take(value);
     }
 
     void take(GVariant* value) {

@@ -150,7 +150,7 @@ public:
             auto parts = partsOf(checked(output));
             for (const int part : parts) {
                 require(isWritten(part) && part != model_.input, "an output is not computed");
-                stateOf(part) = State::Given;
+                stateOf(part) = State::GraphOutput;
             }
             model_.outputs.push_back(std::move(parts));
         }
@@ -159,7 +159,7 @@ public:
     }
 
 private:
-    enum class State { Unwritten, Constant, Written, Joined, Given };
+    enum class State { Unwritten, Constant, Written, Concatenated, GraphOutput };
 
     void readTensors(const std::vector<Tables::Position>& tensors, const std::vector<Tables::Position>& buffers) {
         std::size_t all = 0;
@@ -350,13 +350,13 @@ private:
     bool join(const ModelStep& step, const std::vector<int>& inputs) {
         std::vector<int> parts;
         for (const int input : inputs) {
-            if (stateOf(input) != State::Written && stateOf(input) != State::Joined) return false;
+            if (stateOf(input) != State::Written && stateOf(input) != State::Concatenated) return false;
             const auto& more = partsOf(input);
             parts.insert(parts.end(), more.begin(), more.end());
         }
         if (parts.size() > 16) return false;
         joins_[static_cast<std::size_t>(step.output)] = std::move(parts);
-        stateOf(step.output) = State::Joined;
+        stateOf(step.output) = State::Concatenated;
         return true;
     }
 
@@ -396,7 +396,7 @@ private:
     }
 
     [[nodiscard]] std::vector<int> partsOf(int index) {
-        return stateOf(index) == State::Joined ? joins_[static_cast<std::size_t>(index)] : std::vector{index};
+        return stateOf(index) == State::Concatenated ? joins_[static_cast<std::size_t>(index)] : std::vector{index};
     }
     [[nodiscard]] int checked(int index) const {
         require(index >= 0 && static_cast<std::size_t>(index) < model_.tensors.size(), "a tensor does not exist");

@@ -115,7 +115,7 @@ Point PictureSampler::toBuffer(Point view) const {
 
 const PictureSampler::Copy& PictureSampler::wholeCopy(int level) {
     auto& copy = copies_[static_cast<std::size_t>(level)];
-    if (copy.pixels != nullptr) return copy;
+    if (copy.pixels) return copy;
     if (level == 1 && buffer_->format() == kPixelFormat420v) return copy = halved420v();
     const Copy& larger = wholeCopy(level - 1);
     auto& memory = memory_[static_cast<std::size_t>(level)];

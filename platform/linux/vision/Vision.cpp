@@ -101,9 +101,9 @@ private:
 };
 
 std::optional<Error> checkBuffer(const PixelBuffer* buffer) {
-    if (buffer == nullptr) return Error{"There is no pixel buffer to look for faces in"};
+    if (!buffer) return Error{"There is no pixel buffer to look for faces in"};
     const PixelBufferLayout& layout = buffer->layout();
-    if (!PixelBufferLayout::make(layout.width, layout.height, layout.format) || buffer->data(0) == nullptr) {
+    if (!PixelBufferLayout::make(layout.width, layout.height, layout.format) || !buffer->data(0)) {
         return Error{"A pixel buffer of this size or format cannot be searched for faces"};
     }
     return std::nullopt;
@@ -197,7 +197,7 @@ std::string defaultVisionModelPath(const std::string& fileName) {
     Dl_info library{};
     std::error_code code;
     std::filesystem::path start;
-    if (dladdr(reinterpret_cast<const void*>(&defaultVisionModelPath), &library) != 0 && library.dli_fname != nullptr)
+    if (dladdr(reinterpret_cast<const void*>(&defaultVisionModelPath), &library) != 0 && library.dli_fname)
         // The loader may have come by a link: /lib leads to /usr/lib.
         start = std::filesystem::weakly_canonical(library.dli_fname, code).parent_path();
     const auto relative = std::filesystem::path("share/SelvioFacialCapture/models") / fileName;
