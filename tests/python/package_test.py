@@ -1,4 +1,5 @@
 """The Python package: a capture whose callbacks raise, closed and forgotten objects, pictures, the main queue."""
+import ctypes
 import gc
 import inspect
 import json
@@ -14,6 +15,7 @@ from unittest import mock
 
 import numpy
 import selvio_facial_capture as selvio
+from selvio_facial_capture import _library as library
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 SCENE = (ROOT / "samples/astronaut.jpg", ROOT / "samples/scripts/steady.json")
@@ -47,13 +49,7 @@ class PackageTest(unittest.TestCase):
 
         recordings = queue.SimpleQueue()
         parameters = selvio.Parameters(countdown_time=5, record_video=True)
-        analyzer = selvio.Analyzer(
-            self.platform,
-            parameters,
-            on_results=results,
-            on_countdown=lambda: None,
-            on_success=success,
-        )
+        analyzer = selvio.Analyzer(self.platform, parameters, on_results=results, on_countdown=lambda: None, on_success=success)
         camera = selvio.Camera(self.platform, parameters, on_frame=frame, on_recording=recordings.put)
         with mock.patch("sys.unraisablehook", lambda what: unraisable.append(what.exc_value)), analyzer, camera:
             camera.set_analyzer(analyzer)
@@ -110,10 +106,9 @@ class PackageTest(unittest.TestCase):
         for closed in objects:
             closed.close()
             closed.close()
-            for name, _ in inspect.getmembers(type(closed), inspect.isfunction):
+            for name, function in inspect.getmembers(type(closed), inspect.isfunction):
                 if not name.startswith("_") and name != "close":
-                    with self.subTest(name=name), self.assertRaisesRegex(ValueError, "is closed"):
-                        getattr(closed, name)(*arguments.get(name, []))
+                    self.assertRaisesRegex(ValueError, "is closed", function, closed, *arguments.get(name, []))
                     calls += 1
         self.assertGreaterEqual(calls, 14)
         for make in selvio.Camera, selvio.Analyzer:
@@ -131,14 +126,13 @@ class PackageTest(unittest.TestCase):
             gc.collect()  # a callback that runs still holds it
         while not frames.empty():
             frames.get()
-        with self.assertRaises(queue.Empty):
-            frames.get(timeout=0.3)
+        self.assertRaises(queue.Empty, frames.get, timeout=0.3)
 
         script = f"""
 import sys, threading, selvio_facial_capture as selvio
 seen = threading.Event()
 selvio.set_log(print)
-platform = selvio.Platform.simulated({str(SCENE[0])!r}, {str(SCENE[1])!r})
+platform = selvio.Platform.simulated(*{[str(path) for path in SCENE]})
 analyzer = selvio.Analyzer(platform, on_results=print, on_countdown=seen.set)
 camera = selvio.Camera(platform, on_frame=lambda frame: frame.planes())
 camera.set_analyzer(analyzer)
@@ -156,24 +150,29 @@ sys.exit(3)
         bgra = selvio.Frame.from_array(channels, "RGB").to_array()
         self.assertTrue((bgra[:, :, 2::-1] == channels).all() and (bgra[:, :, 3] == 255).all())
         self.assertTrue((selvio.Frame.from_array(bgra, "BGRA").to_array() == bgra).all())
-        padded = selvio.Frame.from_nv12(b"abcd" * 3, bytearray(b"uvUV__" * 2), 3, 3, 4, 6)
+        chroma = bytearray(b"uvUV__" * 2)
+        padded = selvio.Frame.from_nv12(b"abcd" * 3, chroma, 3, 3, 4, 6)
+        chroma[:] = bytes(12)  # the frame is a copy
         self.assertEqual(padded.planes(), (b"abcabcabc", b"uvUVuvUV"))
         self.assertEqual((padded.width, padded.height, padded.pixel_format), (3, 3, selvio.PixelFormat.NV12))
-        for wrong in (
-            lambda: selvio.Frame.from_bgra(bytes(15), 2, 2),
-            lambda: selvio.Frame.from_bgra(bytes(16), 2, 2, 7),
-            lambda: selvio.Frame.from_bgra(bytes(16), 2 - 2**32, 2),
-            lambda: selvio.Frame.from_bgra(numpy.zeros((2, 4, 4), numpy.uint8)[:, ::2], 2, 2),
-            lambda: selvio.Frame.from_array(channels, "BGRA"),
-            lambda: selvio.Frame.from_array(channels, "RGR"),
-            lambda: selvio.Frame.from_array(channels.astype(float)),
-            lambda: padded.to_array(),
-        ):
-            with self.subTest(inspect.getsource(wrong)):
-                self.assertRaises(ValueError, wrong)
-        parameters = selvio.Parameters(min_fill=2**70, record_video=True, mode=selvio.Mode.MANUAL)
-        self.assertEqual((parameters.min_fill, parameters.max_fill, parameters.record_video), (800, 900, True))
-        self.assertIs(parameters.mode, selvio.Mode.MANUAL)
+        for arguments in (bytes(15), 2, 2), (bytes(16), 2, 2, 7), (bytes(16), 2 - 2**32, 2), (numpy.zeros((2, 4, 4), numpy.uint8)[:, ::2], 2, 2):
+            self.assertRaises(ValueError, selvio.Frame.from_bgra, *arguments)
+        for arguments in (channels, "BGRA"), (channels, "RGR"), (channels.astype(float),):
+            self.assertRaises(ValueError, selvio.Frame.from_array, *arguments)
+        self.assertRaises(ValueError, padded.to_array)
+
+    def test_each_parameter_holds_what_was_set_within_its_range_and_no_other_changes(self):
+        rows = {"mode": (selvio.Mode.AUTO, 1, selvio.Mode.MANUAL), "timeout": (20, 99, 30), "min_fill": (550, 1, 400),
+                "max_fill": (725, 740, 740), "roll": (500, 501, 501), "pitch": (500, -(2**70), 0), "yaw": (500, 2**70, 1000),
+                "image_quality": (95, 94, 94), "select_on_smile": (False, 7, True), "countdown_time": (2, 3, 3),
+                "record_video": (False, True, True), "record_audio": (False, 256, True), "video_quality": (10, 55, 55),
+                "show_recording_ui": (True, 0, False), "highlight_landmarks": (False, 1, True)}  # fmt: skip
+        parameters = selvio.Parameters()
+        expected = {name: initial for name, (initial, _, _) in rows.items()}
+        for name, (_, given, expected[name]) in rows.items():
+            setattr(parameters, name, given)
+            self.assertEqual(repr({each: getattr(parameters, each) for each in rows}), repr(expected))
+        self.assertEqual(selvio.Parameters(min_fill=800).max_fill, 900)
         self.assertRaises(selvio.Error, setattr, parameters, "mode", 3)
         self.assertRaises(AttributeError, setattr, parameters, "rol", 3)
         self.assertRaises(TypeError, selvio.Parameters, rol=3)
@@ -188,13 +187,22 @@ sys.exit(3)
         self.assertIn("Could not discover a capture device", lines)
         self.assertRaisesRegex(selvio.Error, "/none.jpg", selvio.Platform.simulated, "/none.jpg")
 
+    def test_a_handle_that_is_not_there_is_an_error(self):
+        for name, (_, *kinds) in library._MAY_FAIL.items():
+            if kinds and kinds[0] is ctypes.c_void_p:
+                with self.subTest(name), self.assertRaisesRegex(selvio.Error, "^[a-z]+ is NULL$"):
+                    values = (None if kind is ctypes.c_void_p else kind._type_() if hasattr(kind, "contents") else kind(1) for kind in kinds)
+                    getattr(library.library, name)(*values)
+
     def test_what_is_written_elsewhere_agrees(self):
         project = tomllib.loads((ROOT / "python/pyproject.toml").read_text())["project"]
         self.assertEqual(project["version"], selvio.version())
         header = (ROOT / "include/SelvioFacialCapture/c/selvio_facial_capture.h").read_text()
-        for prefix, kind in (("STATUS", selvio.Status), ("RESULT", selvio.ResultCode), ("FAULT", selvio.Fault)):
-            told = {name: int(value) for name, value in re.findall(rf"SELVIO_{prefix}_(\w+) = (\d+)", header)}
-            self.assertEqual(told, {member.name: int(member) for member in kind})
+        parameters = {name.upper(): value._number for name, value in vars(selvio.Parameters).items() if hasattr(value, "_number")}
+        for prefix, kind in (("STATUS", selvio.Status), ("RESULT", selvio.ResultCode), ("FAULT", selvio.Fault), ("CAMERA", selvio.Position),
+                             ("PIXEL_FORMAT", selvio.PixelFormat), ("MODE", selvio.Mode), ("PARAMETER", None)):  # fmt: skip
+            told = {name: int(value, 0) for name, value in re.findall(rf"SELVIO_{prefix}_(\w+) =\s+(\w+)", header)}
+            self.assertEqual(told, {member.name: int(member) for member in kind} if kind else parameters)
         guide = (ROOT / "docs/host-guide.md").read_text()
         examples = {"c": ROOT / "examples/c/capture.c", "python": ROOT / "examples/python/capture.py"}
         for language, example in examples.items():
