@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Checks that shared libraries export what the public headers mark SELVIO_EXPORT, and nothing else.
-Usage: exported_symbols.py NM INCLUDE_DIR LIBRARY... | --self-test"""
+"""Checks that shared libraries export what the public headers mark SELVIO_EXPORT, and nothing else; then that it tells
+other symbols apart. Usage: exported_symbols.py NM INCLUDE_DIR LIBRARY..."""
 import pathlib
 import re
 import subprocess
@@ -28,17 +28,13 @@ def is_public(symbol, marked):
 
 
 def faults_in(nm, include, libraries):
-    marked = set()
-    for header in include.rglob("*.h"):
-        marked |= marked_names(header.read_text(encoding="utf-8"))
+    marked = set().union(*(marked_names(header.read_text(encoding="utf-8")) for header in pathlib.Path(include).rglob("*.h")))
     for library in libraries:
         listing = subprocess.run([nm, "-D", "--defined-only", "-C", library], check=True, capture_output=True, text=True)
         symbols = [line.split(None, 2)[2] for line in listing.stdout.splitlines()]
         if not symbols:
             yield f"{library}: exports nothing"
-        for symbol in symbols:
-            if not is_public(symbol, marked):
-                yield f"{pathlib.Path(library).name}: {symbol}: not in a public header"
+        yield from (f"{pathlib.Path(library).name}: {symbol}: not in a public header" for symbol in symbols if not is_public(symbol, marked))
 
 
 def self_test():
@@ -48,22 +44,11 @@ def self_test():
     )
     public = ["Camera::start()", "selvio::Camera::Camera(int)", "vtable for selvio::Camera", "selvio::sizeOf[abi:cxx11](int)", "kKey"]
     private = ["selvio::Hidden::f()", "selvio::hidden()", "selvio::Camera::State::f()", "typeinfo for selvio::Camera::State",
-               "std::vector<selvio::Camera>::push_back(selvio::Camera&&)", "nlohmann::detail::f(int)", "xnn_initialize"]
-    for symbol in public + private:
-        if is_public(symbol, marked) != (symbol in public):
-            yield f"self-test: {symbol}: judged wrongly"
-
-
-def main(arguments):
-    if arguments == ["--self-test"]:
-        faults = list(self_test())
-    elif len(arguments) >= 3:
-        faults = list(faults_in(arguments[0], pathlib.Path(arguments[1]), arguments[2:]))
-    else:
-        sys.exit(__doc__)
-    print("\n".join(faults) if faults else "no faults")
-    return 1 if faults else 0
+               "std::vector<selvio::Camera>::push_back(selvio::Camera&&)", "nlohmann::detail::f(int)", "xnn_initialize"]  # fmt: skip
+    return [f"self-test: {symbol}: judged wrongly" for symbol in public + private if is_public(symbol, marked) != (symbol in public)]
 
 
 if __name__ == "__main__":
-    sys.exit(main(sys.argv[1:]))
+    faults = [*faults_in(*sys.argv[1:3], sys.argv[3:]), *self_test()]
+    print("\n".join(faults) if faults else "no faults")
+    sys.exit(1 if faults else 0)
