@@ -1,4 +1,4 @@
-// The example of the README, run with a simulated camera. Usage: consumer PHOTOGRAPH SCRIPT
+// Runs the README's example with a simulated camera. Usage: consumer PHOTOGRAPH SCRIPT
 #include <SelvioFacialCapture/SelvioFacialCapture.h>
 #include <SelvioFacialCapture/SelvioFacialCaptureCamera.h>
 #include <SelvioFacialCapture/linux/LinuxPlatform.h>
@@ -8,48 +8,7 @@
 
 static_assert(SELVIO_FACIAL_CAPTURE_VERSION >= 30200);
 
-int capture(const selvio::Platform& platform) {
-    const auto mainQueue = selvio::MainQueue::shared();
-    const auto parameters = std::make_shared<SelvioFacialCaptureParameters>();
-    const auto analyzer = SelvioFacialCaptureAnalyzer::initWithParameters(parameters, platform);
-    const auto camera =
-        SelvioFacialCaptureCamera::initWithPreset(selvio::kCaptureSessionPreset1280x720, selvio::kPixelFormat32BGRA,
-                                                  selvio::CaptureDevicePosition::Front, {0, 0, 1080, 1920}, platform);
-
-    const auto guidance = std::make_shared<SelvioFacialCaptureAnalyzerDelegate>();
-    const auto countdowns = std::make_shared<int>(0);  // a countdown that was broken off is not the newest any more
-    guidance->detectionResults = [countdowns](const auto& results) {
-        const auto status = results->highestPriorityStatus();
-        if (status != SelvioFacialCaptureStatusCountdown) ++*countdowns;
-        std::cout << SelvioFacialCaptureResults::localizeKeyFrom(status).value_or("") << '\n';
-    };
-    guidance->startCountdown = [=] {
-        const auto select = [countdowns, mine = ++*countdowns, held = std::weak_ptr(analyzer)] {
-            const auto analyzer = held.lock();  // the block may outlive the capture
-            if (analyzer && mine == *countdowns) analyzer->selectFrame();
-        };
-        mainQueue->asyncAfter(std::chrono::seconds(parameters->countdownTime()), select);
-    };
-    bool captured = false;
-    guidance->detectionSuccess = [&](const auto& results) {
-        captured = results->encodedSelectedImage().has_value();  // base64 of a JPEG that carries the record
-        std::cout << results->obixDataString().value_or("") << '\n';
-        mainQueue->quit();
-    };
-    analyzer->setDelegate(guidance);
-
-    const auto frames = std::make_shared<SelvioFacialCaptureCameraDelegate>();
-    frames->didReceiveSampleBuffer = [analyzer](const auto& frame) { analyzer->analyzeSampleBuffer(frame); };
-    camera->setDelegate(frames);
-
-    camera->start();
-    analyzer->resume();
-    mainQueue->run();  // or let your own loop call drain(): see setWakeUpHook()
-    camera->stop();
-    camera->shutdown();
-    analyzer->stop();
-    return captured ? 0 : 1;
-}
+#include "readme_example.h"
 
 int main(int argc, char** argv) {
     if (argc != 3) return 2;
