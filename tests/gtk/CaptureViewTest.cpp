@@ -133,8 +133,7 @@ struct Rig {
     std::vector<std::uint8_t> pixels;
 };
 
-class CaptureView : public testing::Test {
-protected:
+struct CaptureView : testing::Test {
     static void SetUpTestSuite() {
         ::setenv("GTK_A11Y", "test", 1);
         ASSERT_TRUE(gtk_init_check()) << "run it with tests/support/with-display.sh";
@@ -142,24 +141,21 @@ protected:
 };
 
 TEST_F(CaptureView, ShowsTheMirroredPictureTheOvalItsStateTheLandmarksAndThePhotograph) {
-    struct Case {
-        SelvioFacialCaptureStatus status;
-        Colour colour;
-        double leastShare, mostShare;  // of the oval that is painted
-    };
     for (const auto& [width, height] : {std::pair{360, 640}, {700, 500}}) {
         SCOPED_TRACE(width);
         Rig rig(width, height);
         EXPECT_TRUE(rig.showFrame(kRed, kBlue)) << "the frame's right is at the left";
         EXPECT_TRUE(areNear(rig.onScreen(1060, 960), kRed));
         EXPECT_EQ(areNear(rig.at(2, 300), {}), width == 700) << "nothing but the picture beside it";
-        for (const std::int64_t most : {725, 900}) {
-            rig.parameters->setMaxFill(most);
+        for (const std::int64_t maxFill : {725, 900}) {
+            rig.parameters->setMaxFill(maxFill);
             const auto oval = faceOvalFor(rules::limitsOf(*rig.parameters), {1080, 1920});
-            for (const auto& c : {Case{SelvioFacialCaptureStatusFaceNotFound, kWhite, 0.1, 0.45},
-                                  Case{SelvioFacialCaptureStatusStopSmiling, kAmber, 0.5, 0.8},
-                                  Case{SelvioFacialCaptureStatusCountdown, kGreen, 0.97, 1.0}}) {
-                rig.report(c.status);
+            // At least and at most so much of the oval is painted.
+            for (const auto& [status, colour, least, most] :
+                 {std::tuple{SelvioFacialCaptureStatusFaceNotFound, kWhite, 0.1, 0.45},
+                  {SelvioFacialCaptureStatusStopSmiling, kAmber, 0.5, 0.8},
+                  {SelvioFacialCaptureStatusCountdown, kGreen, 0.97, 1.0}}) {
+                rig.report(status);
                 rig.shoot();
                 int painted = 0;
                 for (int degree = 0; degree < 360; ++degree) {
@@ -167,10 +163,9 @@ TEST_F(CaptureView, ShowsTheMirroredPictureTheOvalItsStateTheLandmarksAndThePhot
                     painted += areNear(
                         rig.onScreen(oval.middle.x + oval.halfWidth * std::cos(angle),
                                      oval.middle.y + (degree < 180 ? oval.below : oval.above) * std::sin(angle)),
-                        c.colour, 60);
+                        colour, 60);
                 }
-                EXPECT_GE(painted / 360.0, c.leastShare) << c.status << ' ' << most;
-                EXPECT_LE(painted / 360.0, c.mostShare) << c.status << ' ' << most;
+                EXPECT_TRUE(painted >= least * 360 && painted <= most * 360) << painted << ' ' << status << maxFill;
             }
         }
         EXPECT_TRUE(rig.shows(kBlue, {300, 900}));
@@ -185,17 +180,16 @@ TEST_F(CaptureView, ShowsTheMirroredPictureTheOvalItsStateTheLandmarksAndThePhot
 }
 
 TEST_F(CaptureView, IsReadableAtEverySizeInBothDirectionsAndThemesForEyesAndScreenReaders) {
-    struct Case {
-        int dpi, width, height;
-        bool rightToLeft, dark;
-    };
-    for (const auto& c : {Case{96, 360, 640, false, false}, Case{96, 270, 480, true, true},
-                          Case{192, 360, 640, true, false}, Case{192, 270, 480, false, true}}) {
-        SCOPED_TRACE(testing::Message() << c.dpi << " dpi, " << c.width);
-        g_object_set(gtk_settings_get_default(), "gtk-xft-dpi", c.dpi * 1024, "gtk-application-prefer-dark-theme",
-                     c.dark, nullptr);
-        gtk_widget_set_default_direction(c.rightToLeft ? GTK_TEXT_DIR_RTL : GTK_TEXT_DIR_LTR);
-        Rig rig(c.width, c.height);
+    for (const auto& [dpi, width, height, direction, dark] :
+         {std::tuple{96, 270, 480, GTK_TEXT_DIR_RTL, true},
+          {192, 360, 640, GTK_TEXT_DIR_RTL, false},
+          {192, 270, 480, GTK_TEXT_DIR_LTR, true},
+          {96, 360, 640, GTK_TEXT_DIR_LTR, false}}) {  // the last one for the other tests
+        SCOPED_TRACE(testing::Message() << dpi << " dpi, " << width);
+        g_object_set(gtk_settings_get_default(), "gtk-xft-dpi", dpi * 1024, "gtk-application-prefer-dark-theme", dark,
+                     nullptr);
+        gtk_widget_set_default_direction(direction);
+        Rig rig(width, height);
         EXPECT_TRUE(rig.showFrame(kWhite, kWhite));
         rig.report(SelvioFacialCaptureStatusCountdown);
         rig.view->setRecording(true);
@@ -207,12 +201,11 @@ TEST_F(CaptureView, IsReadableAtEverySizeInBothDirectionsAndThemesForEyesAndScre
             ASSERT_NE(label, nullptr) << style;
             EXPECT_EQ(gtk_label_get_text(GTK_LABEL(label)), text);
             ASSERT_TRUE(gtk_widget_compute_bounds(label, rig.view->widget(), &place));
-            EXPECT_TRUE(place.origin.x >= 0 && place.origin.x + place.size.width <= static_cast<float>(c.width))
-                << style;
+            EXPECT_TRUE(place.origin.x >= 0 && place.origin.x + place.size.width <= static_cast<float>(width)) << style;
             EXPECT_GE(place.origin.y, former.origin.y + former.size.height) << style << " lies over what is above it";
-            EXPECT_LE(place.origin.y + place.size.height, static_cast<float>(c.height)) << style;
+            EXPECT_LE(place.origin.y + place.size.height, static_cast<float>(height)) << style;
             EXPECT_TRUE(style != std::string("recording") ||
-                        (place.origin.x > static_cast<float>(c.width) / 2) == c.rightToLeft);
+                        (place.origin.x > static_cast<float>(width) / 2) == (direction == GTK_TEXT_DIR_RTL));
             std::vector<double> seen;
             for (double y = place.origin.y + 8; y < place.origin.y + place.size.height - 8; ++y)
                 for (double x = place.origin.x + 8; x < place.origin.x + place.size.width - 8; ++x)
@@ -232,19 +225,15 @@ TEST_F(CaptureView, IsReadableAtEverySizeInBothDirectionsAndThemesForEyesAndScre
         gtk_widget_activate(gtk_window_get_focus(rig.window));
         EXPECT_TRUE(until([&] { return pressed == 1; }));
     }
-    g_object_set(gtk_settings_get_default(), "gtk-xft-dpi", 96 * 1024, "gtk-application-prefer-dark-theme", FALSE,
-                 nullptr);
-    gtk_widget_set_default_direction(GTK_TEXT_DIR_LTR);
 }
 
 TEST_F(CaptureView, TellsWhenItsWindowIsNotActiveAndIsUnreadableWhileItIsCovered) {
     Rig rig;
     std::string told;
     const auto observer = std::make_shared<int>();
-    rig.platform.notificationCenter->addObserver(observer, ApplicationNotification::WillResignActive,
-                                                 [&] { told += "resigned "; });
-    rig.platform.notificationCenter->addObserver(observer, ApplicationNotification::DidBecomeActive,
-                                                 [&] { told += "active "; });
+    for (const auto& [notification, word] : {std::pair{ApplicationNotification::WillResignActive, "resigned "},
+                                             {ApplicationNotification::DidBecomeActive, "active "}})
+        rig.platform.notificationCenter->addObserver(observer, notification, [&told, word = word] { told += word; });
     EXPECT_TRUE(until([&] { return gtk_window_is_active(rig.window) == TRUE; }));
     auto* const other = GTK_WINDOW(gtk_window_new());
     gtk_window_present(other);

@@ -83,27 +83,22 @@ std::shared_ptr<PixelBuffer> ramp(int width, int height, PixelFormat format) {
 
 TEST(PictureScaler, ShowsTheMiddleThatTheScreenShowsMirrored) {
     PictureScaler scaler;
-    struct Case {
-        int frameWidth, frameHeight;
-        Size screen;
-        double partWidth, partHeight;  // of the frame
-    };
-    for (const auto& c :
-         {Case{720, 1280, {1080, 1920}, 1.0, 1.0}, Case{720, 1280, {375, 812}, 375.0 * 1280 / 812 / 720, 1.0},
-          Case{480, 800, {600, 800}, 1.0, 0.8}, Case{1280, 720, {1080, 1920}, 405.0 / 1280, 1.0}}) {
+    // A frame's size, the screen's, and how much of the frame's width and height is seen.
+    for (const auto& [width, height, screen, across, down] : {std::tuple{720, 1280, Size{1080, 1920}, 1.0, 1.0},
+                                                              {720, 1280, {375, 812}, 375.0 * 1280 / 812 / 720, 1.0},
+                                                              {480, 800, {600, 800}, 1.0, 0.8},
+                                                              {1280, 720, {1080, 1920}, 405.0 / 1280, 1.0}}) {
         for (const PixelFormat format : {kPixelFormat32BGRA, kPixelFormat32ARGB, kPixelFormat420v}) {
             for (const bool mirrored : {true, false}) {
-                SCOPED_TRACE(testing::Message()
-                             << c.frameWidth << " on " << c.screen.width << ", " << format << mirrored);
-                const auto picture =
-                    scaler.scaled(*ramp(c.frameWidth, c.frameHeight, format), {181, 321, c.screen, mirrored});
+                SCOPED_TRACE(testing::Message() << width << " on " << screen.width << ", " << format << mirrored);
+                const auto picture = scaler.scaled(*ramp(width, height, format), {181, 321, screen, mirrored});
                 for (const auto& [x, y] : {std::pair{3, 5}, {90, 160}, {175, 40}, {20, 310}}) {
                     const auto* const pixel = picture->data() + y * static_cast<int>(picture->bytesPerRow()) + 4 * x;
                     const double u = (mirrored ? 180 - x : x) / 180.0;
-                    EXPECT_NEAR(pixel[0], 255 * (0.5 + (u - 0.5) * c.partWidth), 6);
+                    EXPECT_NEAR(pixel[0], 255 * (0.5 + (u - 0.5) * across), 6);
                     EXPECT_NEAR(pixel[3], 255, 3);
                     if (format == kPixelFormat420v) continue;
-                    EXPECT_NEAR(pixel[2], 255 * (0.5 + (y / 320.0 - 0.5) * c.partHeight), 6);
+                    EXPECT_NEAR(pixel[2], 255 * (0.5 + (y / 320.0 - 0.5) * down), 6);
                 }
             }
         }
