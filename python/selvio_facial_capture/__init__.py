@@ -11,6 +11,7 @@ included. Any thread may call everything, but only one at a time runs the main q
 """
 
 import atexit
+import contextlib
 import ctypes
 import dataclasses
 import enum
@@ -52,21 +53,10 @@ __all__ = [
 class Status(enum.IntEnum):
     """What is wrong with a frame; the lower number is the more important one."""
 
-    NONE = 0
-    FACE_NOT_FOUND = 1
-    MORE_THAN_ONE_FACE = 2
-    FACE_ROLL = 3
-    FACE_PITCH = 4
-    FACE_YAW = 5
-    MOVE_CLOSER = 6
-    TOO_CLOSE = 7
-    NOT_CENTERED = 8
-    HOLD_STILL = 9
-    COUNTDOWN = 10
-    TOO_DARK = 11
-    NON_UNIFORM_LIGHT = 12
-    STOP_SMILING = 13
-    GOOD_FRAME = 14
+    (
+        NONE, FACE_NOT_FOUND, MORE_THAN_ONE_FACE, FACE_ROLL, FACE_PITCH, FACE_YAW, MOVE_CLOSER, TOO_CLOSE, NOT_CENTERED,
+        HOLD_STILL, COUNTDOWN, TOO_DARK, NON_UNIFORM_LIGHT, STOP_SMILING, GOOD_FRAME,
+    ) = range(15)  # fmt: skip
 
     @property
     def key(self) -> str:
@@ -78,34 +68,25 @@ class Status(enum.IntEnum):
 class ResultCode(enum.IntEnum):
     """How a capture ended."""
 
-    NONE = 0
-    SUCCESS_STILL_CAMERA = 1
-    SUCCESS_VIDEO = 2
-    CANCELLED = 3
+    NONE, SUCCESS_STILL_CAMERA, SUCCESS_VIDEO, CANCELLED = range(4)
 
 
 class Mode(enum.IntEnum):
     """Who takes the picture."""
 
-    MANUAL = 1
-    AUTO = 2
+    MANUAL, AUTO = 1, 2
 
 
 class Position(enum.IntEnum):
     """Which way a camera looks."""
 
-    ANY = 0
-    BACK = 1
-    FRONT = 2
+    ANY, BACK, FRONT = range(3)
 
 
 class Preset(enum.IntEnum):
     """A camera's frame size. HIGH is the largest up to 1920 x 1080. Frames come in portrait."""
 
-    HIGH = 0
-    SIZE_640X480 = 1
-    SIZE_1280X720 = 2
-    SIZE_1920X1080 = 3
+    HIGH, SIZE_640X480, SIZE_1280X720, SIZE_1920X1080 = range(4)
 
 
 class PixelFormat(enum.IntEnum):
@@ -118,11 +99,7 @@ class PixelFormat(enum.IntEnum):
 class Fault(enum.IntFlag):
     """What goes wrong with simulated cameras."""
 
-    NO_CAMERA = 1
-    NO_MICROPHONE = 2
-    START_FAILS = 4
-    DEVICE_LOST = 8
-    FRAMES_STALL = 16
+    NO_CAMERA, NO_MICROPHONE, START_FAILS, DEVICE_LOST, FRAMES_STALL = 1, 2, 4, 8, 16
 
 
 @dataclasses.dataclass(frozen=True)
@@ -320,6 +297,10 @@ class _Owner:
             setattr(callbacks, name, thunks[name])
         return callbacks
 
+    def _call(self, function: Callable[..., Any], *arguments: Any) -> Any:
+        with self._handle as address:
+            return function(address, *arguments)
+
     def close(self) -> None:
         """Ends it. On return none of its callbacks begins any more, and one on another thread has ended."""
         self._finalizer.detach()
@@ -435,29 +416,23 @@ class Platform(_Owner):
 
     def wait_for_models(self) -> None:
         """Returns when the face models are loaded."""
-        with self._handle as address:
-            library.platform_wait_for_models(address)
+        self._call(library.platform_wait_for_models)
 
     def set_screen_size(self, width: float, height: float) -> None:
         """In points, of the portrait screen that faces are measured against; for objects made afterwards."""
-        with self._handle as address:
-            library.platform_set_screen_size(address, width, height)
+        self._call(library.platform_set_screen_size, width, height)
 
     def may_use_camera(self) -> bool:
-        with self._handle as address:
-            allowed: bool = library.platform_may_use_camera(address)
-            return allowed
+        return bool(self._call(library.platform_may_use_camera))
 
     def set_faults(self, faults: Fault) -> None:
         """What goes wrong with the cameras of a simulated platform, until the next call."""
-        with self._handle as address:
-            library.platform_set_faults(address, faults)
+        self._call(library.platform_set_faults, faults)
 
     def judge(self, frame: Frame, parameters: Parameters | None = None) -> Results:
         """Judges one picture without a capture, with the whole picture as the screen. Only GOOD_FRAME is reported of a good
         face, smiling or not."""
-        with self._handle as address:
-            results = library.judge(address, parameters._address if parameters else None, frame._address)
+        results = self._call(library.judge, parameters._address if parameters else None, frame._address)
         try:
             return _results(results)
         finally:
@@ -484,8 +459,7 @@ class Analyzer(_Owner):
         on_cancelled: Callable[[Results], Any] | None = None,
     ) -> None:
         self.parameters = parameters if parameters is not None else Parameters()
-        with platform._handle as address:
-            made = library.analyzer_create(address, self.parameters._address)
+        made = platform._call(library.analyzer_create, self.parameters._address)
         super().__init__(
             Handle("analyzer", made, library.analyzer_destroy),
             results=on_results,
@@ -493,44 +467,37 @@ class Analyzer(_Owner):
             success=on_success,
             cancelled=on_cancelled,
         )
-        with self._handle as address:
-            library.analyzer_set_callbacks(address, ctypes.byref(self._fill(AnalyzerCallbacks(), _analyzer_thunks)))
+        self._call(library.analyzer_set_callbacks, ctypes.byref(self._fill(AnalyzerCallbacks(), _analyzer_thunks)))
 
     def analyze(self, frame: Frame) -> None:
         """Takes a frame; it is ignored while another one is held."""
-        with self._handle as address:
-            library.analyzer_analyze_frame(address, frame._address)
+        self._call(library.analyzer_analyze_frame, frame._address)
 
     def resume(self) -> None:
         """Starts or restarts the analysis, also after a selection."""
-        with self._handle as address:
-            library.analyzer_resume(address)
+        self._call(library.analyzer_resume)
 
     def pause(self, reason: int = 0) -> None:
         """Reasons 1 to 4 are written to the record's event log."""
-        with self._handle as address:
-            library.analyzer_pause(address, reason)
+        self._call(library.analyzer_pause, reason)
 
     def select_frame(self) -> None:
         """Asks for the photograph: the next frame in manual mode, the next one with exactly one face in automatic mode."""
-        with self._handle as address:
-            library.analyzer_select_frame(address)
+        self._call(library.analyzer_select_frame)
 
     def stop(self) -> None:
         """Ends the capture and tells nobody. The analyzer is then spent."""
-        with self._handle as address:
-            library.analyzer_stop(address)
+        self._call(library.analyzer_stop)
 
     def cancel(self) -> None:
         """Ends the capture as cancelled: calls on_cancelled, then does what `stop` does."""
-        with raising(), self._handle as address:
-            library.analyzer_cancel(address)
+        with raising():
+            self._call(library.analyzer_cancel)
 
     def close(self) -> None:
         """Stops, and ends the analyzer."""
         if self._finalizer.detach() is not None:
-            with self._handle as address:
-                library.analyzer_stop(address)
+            self.stop()
         self._handle.close()
 
 
@@ -557,8 +524,7 @@ class Camera(_Owner):
         on_recording: Callable[[bytes], Any] | None = None,
     ) -> None:
         options = CameraOptions(position, preset, pixel_format, detect_barcodes)
-        with platform._handle as address:
-            made = library.camera_create(address, parameters._address if parameters else None, ctypes.byref(options))
+        made = platform._call(library.camera_create, parameters._address if parameters else None, ctypes.byref(options))
         super().__init__(
             Handle("camera", made, library.camera_destroy),
             ready=on_ready,
@@ -571,12 +537,8 @@ class Camera(_Owner):
 
     def set_analyzer(self, analyzer: Analyzer | None) -> None:
         """Hands every frame to this analyzer, without a detour through Python."""
-        with self._handle as address:
-            if analyzer is None:
-                library.camera_set_analyzer(address, None)
-            else:
-                with analyzer._handle as to:
-                    library.camera_set_analyzer(address, to)
+        with analyzer._handle if analyzer else contextlib.nullcontext() as to:
+            self._call(library.camera_set_analyzer, to)
 
     def start(self, wait: bool = True) -> None:
         """Opens and starts the camera. Waits until it runs and raises Error if it does not; without `wait`, at once."""
@@ -592,24 +554,19 @@ class Camera(_Owner):
     @property
     def is_running(self) -> bool:
         """False once it was stopped, unplugged or fell silent."""
-        with self._handle as address:
-            running: bool = library.camera_is_running(address)
-            return running
+        return bool(self._call(library.camera_is_running))
 
     def stop(self) -> None:
         """Stops frames and recording, which is finished in the background. Some frames may still come."""
-        with self._handle as address:
-            library.camera_stop(address)
+        self._call(library.camera_stop)
 
     def stop_recording(self) -> None:
         """Finishes the recording now, also of a camera that was lost."""
-        with self._handle as address:
-            library.camera_stop_recording(address)
+        self._call(library.camera_stop_recording)
 
     def set_torch(self, on: bool) -> None:
         """Raises Error if the camera has no torch."""
-        with self._handle as address:
-            library.camera_set_torch(address, on)
+        self._call(library.camera_set_torch, on)
 
 
 # ---- The main queue ----

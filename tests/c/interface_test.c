@@ -125,6 +125,7 @@ static void wrong_arguments(selvio_platform* platform, selvio_parameters* parame
     FAILS(selvio_frame_wrap(&pixels, count_release, NULL, &error), "plane is NULL");
 
     CHECK(selvio_status_key(15) == NULL && selvio_status_key(-1) == NULL && selvio_result_code_name(4) == NULL);
+    CHECK(strcmp(selvio_status_key(0), "selvio_facial_capture_status_none") == 0);
     CHECK(strcmp(selvio_status_key(14), "selvio_facial_capture_status_good_frame") == 0);
     CHECK(strcmp(selvio_result_code_name(3), "Cancelled") == 0);
     selvio_camera_destroy(camera);
