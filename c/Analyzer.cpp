@@ -44,10 +44,7 @@ void setCallbacks(selvio_analyzer& analyzer, const selvio_analyzer_callbacks* ca
 
 /// An operation of the analyzer that takes nothing.
 bool perform(selvio_analyzer* analyzer, void (SelvioFacialCaptureAnalyzer::*operation)(), char** error) {
-    return guarded(error, [&] {
-        (objectOf(analyzer).*operation)();
-        return true;
-    });
+    return guarded(error, [&] { (objectOf(analyzer).*operation)(); });
 }
 
 }  // namespace
@@ -71,17 +68,11 @@ void selvio_analyzer_destroy(selvio_analyzer* analyzer) {
 
 bool selvio_analyzer_set_callbacks(selvio_analyzer* analyzer, const selvio_analyzer_callbacks* callbacks,
                                    char** error) {
-    return guarded(error, [&] {
-        setCallbacks(required(analyzer, "analyzer"), callbacks);
-        return true;
-    });
+    return guarded(error, [&] { setCallbacks(required(analyzer, "analyzer"), callbacks); });
 }
 
 bool selvio_analyzer_analyze_frame(selvio_analyzer* analyzer, const selvio_frame* frame, char** error) {
-    return guarded(error, [&] {
-        objectOf(analyzer).analyzeSampleBuffer(required(frame, "frame").object);
-        return true;
-    });
+    return guarded(error, [&] { objectOf(analyzer).analyzeSampleBuffer(required(frame, "frame").object); });
 }
 
 bool selvio_analyzer_resume(selvio_analyzer* analyzer, char** error) {
@@ -92,7 +83,6 @@ bool selvio_analyzer_pause(selvio_analyzer* analyzer, int64_t reason, char** err
     return guarded(error, [&] {
         if (reason < 0 || reason > 4) throw Failure("there is no reason " + std::to_string(reason) + " for a pause");
         objectOf(analyzer).pauseFor(reason);
-        return true;
     });
 }
 

@@ -30,8 +30,7 @@ void check(const selvio_camera_options& options) {
         throw Failure("there is no position " + std::to_string(options.position));
     if (options.preset < SELVIO_PRESET_HIGH || options.preset > SELVIO_PRESET_1920X1080)
         throw Failure("there is no preset " + std::to_string(options.preset));
-    if (options.pixel_format != SELVIO_PIXEL_FORMAT_BGRA && options.pixel_format != SELVIO_PIXEL_FORMAT_NV12)
-        throw Failure("pixel format " + std::to_string(options.pixel_format) + " is neither BGRA nor NV12");
+    checkPixelFormat(options.pixel_format);
 }
 
 std::shared_ptr<SelvioFacialCaptureCameraDelegate> delegateFor(const std::shared_ptr<HostCallbacks>& host,
@@ -102,7 +101,6 @@ bool selvio_camera_set_analyzer(selvio_camera* camera, selvio_analyzer* analyzer
     return guarded(error, [&] {
         Route& route = *required(camera, "camera").route;
         route.mutex.set(route.analyzer, analyzer != nullptr ? analyzer->object : nullptr);
-        return true;
     });
 }
 
@@ -113,7 +111,6 @@ bool selvio_camera_configure(selvio_camera* camera, const selvio_camera_callback
         if (callbacks != nullptr) on.callbacks->members = *callbacks;
         on.delegate = delegateFor(on.callbacks, on.route);
         on.object->setDelegate(on.delegate);
-        return true;
     });
 }
 
@@ -122,7 +119,6 @@ bool selvio_camera_start(selvio_camera* camera, char** error) {
         const selvio_camera& on = required(camera, "camera");
         if (!on.configuring) throw Failure("the camera has not been configured");
         on.object->start();
-        return true;
     });
 }
 
@@ -135,7 +131,6 @@ bool selvio_camera_wait_until_started(selvio_camera* camera, char** error) {
         reached->get_future().wait();
         if (!on.object->isConfigured()) throw Failure("the camera could not be opened; the log says why");
         if (!on.isRunning()) throw Failure("the camera does not run; the log says why");
-        return true;
     });
 }
 
@@ -144,23 +139,16 @@ bool selvio_camera_is_running(const selvio_camera* camera, char** error) {
 }
 
 bool selvio_camera_stop(selvio_camera* camera, char** error) {
-    return guarded(error, [&] {
-        required(camera, "camera").object->stop();
-        return true;
-    });
+    return guarded(error, [&] { required(camera, "camera").object->stop(); });
 }
 
 bool selvio_camera_stop_recording(selvio_camera* camera, char** error) {
-    return guarded(error, [&] {
-        required(camera, "camera").object->stopRecording();
-        return true;
-    });
+    return guarded(error, [&] { required(camera, "camera").object->stopRecording(); });
 }
 
 bool selvio_camera_set_torch(selvio_camera* camera, bool on, char** error) {
     return guarded(error, [&] {
         SelvioFacialCaptureCamera& object = *required(camera, "camera").object;
         if (!(on ? object.turnTorchOn() : object.turnTorchOff())) throw Failure("the camera has no torch");
-        return true;
     });
 }

@@ -14,8 +14,7 @@ using selvio::PixelBufferLayout;
 namespace {
 
 PixelBufferLayout layoutOf(const selvio_pixels& pixels) {
-    if (pixels.format != SELVIO_PIXEL_FORMAT_BGRA && pixels.format != SELVIO_PIXEL_FORMAT_NV12)
-        throw Failure("pixel format " + std::to_string(pixels.format) + " is neither BGRA nor NV12");
+    checkPixelFormat(pixels.format);
     const auto compact = PixelBufferLayout::make(pixels.width, pixels.height, pixels.format);
     if (!compact)
         throw Failure("a picture cannot have " + std::to_string(pixels.width) + " x " + std::to_string(pixels.height) +
@@ -87,6 +86,5 @@ bool selvio_frame_get_pixels(const selvio_frame* frame, selvio_pixels* pixels, c
             filled.planes[i] = buffer.data(plane);
             filled.bytes_per_row[i] = buffer.bytesPerRow(plane);
         }
-        return true;
     });
 }

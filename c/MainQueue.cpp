@@ -44,7 +44,6 @@ bool selvio_main_queue_run(char** error) {
     return guarded(error, [] {
         const Running running;
         MainQueue::shared()->run();
-        return true;
     });
 }
 
@@ -65,7 +64,6 @@ bool selvio_main_queue_call_after(double seconds, void (*callback)(void* user), 
         if (callback == nullptr) throw Failure("callback is NULL");
         const auto delay = std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(seconds));
         MainQueue::shared()->asyncAfter(delay, [callback, user] { callback(user); });
-        return true;
     });
 }
 
@@ -76,6 +74,5 @@ bool selvio_main_queue_set_wake_up(void (*callback)(void* user), void* user, cha
         inForce.replace(callback != nullptr ? &wakeUp : nullptr, [](const Replaceable<WakeUp>::Shared& next) {
             MainQueue::shared()->setWakeUpHook(next ? [next] { next->call(&WakeUp::wake); } : std::function<void()>());
         });
-        return true;
     });
 }

@@ -65,7 +65,6 @@ bool selvio_parameters_set(selvio_parameters* parameters, int32_t parameter, int
         if (parameter == SELVIO_PARAMETER_MODE && value != SELVIO_MODE_MANUAL && value != SELVIO_MODE_AUTO)
             throw Failure("there is no mode " + std::to_string(value));
         parameterOf(parameter).set(*required(parameters, "parameters").object, value);
-        return true;
     });
 }
 

@@ -61,7 +61,6 @@ bool selvio_platform_wait_for_models(selvio_platform* platform, char** error) {
     return guarded(error, [&] {
         (void)required(platform, "platform");
         if (const auto failure = selvio::waitForVisionModels()) throw Failure(failure->localizedDescription);
-        return true;
     });
 }
 
@@ -71,7 +70,6 @@ bool selvio_platform_set_screen_size(selvio_platform* platform, double width, do
         if (!(std::isfinite(width) && std::isfinite(height) && width > 0 && height > 0))
             throw Failure("a screen's sides are finite and positive");
         on.screen->setBounds({width, height});
-        return true;
     });
 }
 
@@ -95,6 +93,5 @@ bool selvio_platform_set_faults(selvio_platform* platform, uint32_t faults, char
                               .startFails = has(SELVIO_FAULT_START_FAILS),
                               .deviceLost = has(SELVIO_FAULT_DEVICE_LOST),
                               .framesStall = has(SELVIO_FAULT_FRAMES_STALL)});
-        return true;
     });
 }

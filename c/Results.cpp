@@ -96,7 +96,6 @@ bool selvio_results_get_face_rect(const selvio_results* results, selvio_rect* re
     return guarded(error, [&] {
         const selvio::Rect face = objectOf(results).faceRect();
         required(rect, "rect") = {face.x, face.y, face.width, face.height};
-        return true;
     });
 }
 

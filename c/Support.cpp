@@ -65,6 +65,5 @@ bool selvio_set_log_callback(selvio_log_callback callback, void* user, char** er
             selvio::setLogSink(
                 [next](std::string_view message) { next->call(&LogReceiver::receive, std::string(message).c_str()); });
         });
-        return true;
     });
 }

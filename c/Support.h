@@ -13,9 +13,9 @@
 
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <stdexcept>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 namespace selvio::c {
@@ -28,24 +28,26 @@ struct Failure : std::runtime_error {
 /// For the exception that is being handled.
 void reportException(char** error) noexcept;
 
-/// Runs the body of a function: what it throws becomes the error text, and the result is then empty.
-template <typename Body>
-auto guarded(char** error, const Body& body) noexcept -> decltype(body()) {
+/// Runs the body of a function: what it throws becomes the error text, and the result is then `failed`.
+template <typename Result, typename Body>
+Result guardedOr(Result failed, char** error, const Body& body) noexcept {
     if (error != nullptr) *error = nullptr;
     try {
         return body();
     } catch (...) {
         reportException(error);
-        return decltype(body())();
+        return failed;
     }
 }
 
-/// The same with another result after an error.
-template <typename Result, typename Body>
-Result guardedOr(Result failed, char** error, const Body& body) noexcept {
-    std::optional<Result> result;
-    guarded(error, [&] { return result = body(), true; });
-    return result.value_or(failed);
+/// The same with an empty result after an error; of a body without a result, whether it ran to its end.
+template <typename Body>
+auto guarded(char** error, const Body& body) noexcept {
+    if constexpr (std::is_void_v<decltype(body())>) {
+        return guardedOr(false, error, [&] { return body(), true; });
+    } else {
+        return guardedOr(decltype(body())(), error, body);
+    }
 }
 
 /// What an argument points to; `name` says which one it is.
@@ -53,6 +55,12 @@ template <typename T>
 T& required(T* pointer, const char* name) {
     if (pointer == nullptr) throw Failure(std::string(name) + " is NULL");
     return *pointer;
+}
+
+/// Fails for a format that the C interface does not know.
+inline void checkPixelFormat(std::uint32_t format) {
+    if (format != SELVIO_PIXEL_FORMAT_BGRA && format != SELVIO_PIXEL_FORMAT_NV12)
+        throw Failure("pixel format " + std::to_string(format) + " is neither BGRA nor NV12");
 }
 
 /// A copy that the caller frees.
