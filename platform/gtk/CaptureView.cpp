@@ -175,6 +175,7 @@ struct GtkCaptureView::State : public std::enable_shared_from_this<GtkCaptureVie
     void allocate(int width, int height);
     void allocateCountdown();
     void snapshot(GtkSnapshot* snapshot);
+    FaceOval oval() const;
     void drawOval(cairo_t* cairo, double scale) const;
     void drawLandmarks(cairo_t* cairo, double scale) const;
     void drawRing(cairo_t* cairo) const;
@@ -183,6 +184,7 @@ struct GtkCaptureView::State : public std::enable_shared_from_this<GtkCaptureVie
     void setText(const std::string& text);
     void setStyle(const OvalStyle& next);
     void endCountdown();
+    void cover(bool on);
     void followActivity();
     void activityChanged(bool active);
 
@@ -349,8 +351,7 @@ void GtkCaptureView::State::allocateCountdown() {
     double end = area.y + area.height;
     if (gtk_widget_get_visible(actions) && gtk_widget_get_first_child(actions) != nullptr)
         end -= gtk_widget_get_allocated_height(actions);
-    const FaceOval oval =
-        faceOvalFor(options.parameters ? rules::limitsOf(*options.parameters) : rules::FaceLimits{}, screen);
+    const FaceOval oval = this->oval();
     const double ovalEnd = area.y + (oval.middle.y + oval.below) * area.width / screen.width;
     ringMiddle = {area.x + area.width / 2, std::min((ovalEnd + end) / 2, end - ringRadius - 6)};
     const GtkAllocation allocation{static_cast<int>(std::lround(ringMiddle.x - size.width / 2.0)),
@@ -382,9 +383,12 @@ void GtkCaptureView::State::snapshot(GtkSnapshot* snapshot) {
     for (GtkWidget* const child : {top, countdown, actions}) gtk_widget_snapshot_child(widget, child, snapshot);
 }
 
+FaceOval GtkCaptureView::State::oval() const {
+    return faceOvalFor(options.parameters ? rules::limitsOf(*options.parameters) : rules::FaceLimits{}, screen);
+}
+
 void GtkCaptureView::State::drawOval(cairo_t* cairo, double scale) const {
-    const FaceOval oval =
-        faceOvalFor(options.parameters ? rules::limitsOf(*options.parameters) : rules::FaceLimits{}, screen);
+    const FaceOval oval = this->oval();
     const auto half = [&](double height, double from) {
         cairo_save(cairo);
         cairo_translate(cairo, oval.middle.x * scale, oval.middle.y * scale);
@@ -469,6 +473,12 @@ void GtkCaptureView::State::setStyle(const OvalStyle& next) {
 void GtkCaptureView::State::endCountdown() {
     secondsLeft = 0;
     gtk_widget_hide(countdown);
+}
+
+void GtkCaptureView::State::cover(bool on) {
+    covered = on;
+    feed->setUnreadable(on);
+    if (widget != nullptr) gtk_widget_queue_draw(widget);
 }
 
 void GtkCaptureView::State::followActivity() {
@@ -595,16 +605,12 @@ void GtkCaptureView::setActions(const std::vector<GtkCaptureViewAction>& actions
 
 void GtkCaptureView::addSubview(const BlurView& view) {
     PlainView::addSubview(view);
-    state_->covered = true;
-    state_->feed->setUnreadable(true);
-    if (state_->widget != nullptr) gtk_widget_queue_draw(state_->widget);
+    state_->cover(true);
 }
 
 bool GtkCaptureView::removeSubviewWithTag(std::int64_t tag) {
     const bool removed = PlainView::removeSubviewWithTag(tag);
-    state_->covered = !subviews().empty();
-    state_->feed->setUnreadable(state_->covered);
-    if (state_->widget != nullptr) gtk_widget_queue_draw(state_->widget);
+    state_->cover(!subviews().empty());
     return removed;
 }
 
