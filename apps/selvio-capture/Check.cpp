@@ -73,13 +73,10 @@ nlohmann::ordered_json jsonOf(const std::string& path, const rules::FacesJudgeme
 
 std::string textOf(const std::string& path, const rules::FacesJudgement& verdict, Language language) {
     std::ostringstream text;
-    text << path << ": " << verdict.count << (verdict.count == 1 ? " face: " : " faces: ");
-    const char* separator = "";
-    for (const auto& key : keysOf(verdict.statuses)) {
-        text << separator << textForKey(key, language).value_or(key);
-        separator = "; ";
-    }
-    text << '\n';
+    auto words = keysOf(verdict.statuses);
+    for (auto& word : words) word = textForKey(word, language).value_or(word);
+    text << path << ": " << verdict.count << (verdict.count == 1 ? " face: " : " faces: ") << joined(words, "; ")
+         << '\n';
     if (!verdict.face) return text.str();
     text << std::fixed << std::setprecision(3);
     for (const auto& row : rowsOf(verdict.face->checked.measures)) {
@@ -90,16 +87,10 @@ std::string textOf(const std::string& path, const rules::FacesJudgement& verdict
     return text.str();
 }
 
-std::string compact(const nlohmann::ordered_json& line) {
-    return line.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);  // a path need not be UTF-8
-}
-
 /// A field as RFC 4180 wants it.
 std::string csvField(const std::string& text) {
     if (text.find_first_of(",\"\r\n") == std::string::npos) return text;
-    std::string quoted = "\"";
-    for (const char c : text) quoted += c == '"' ? "\"\"" : std::string(1, c);
-    return quoted + '"';
+    return '"' + replaced(text, {{'"', "\"\""}}) + '"';
 }
 
 constexpr std::string_view kCsvHeader =
@@ -201,10 +192,7 @@ ExitCode perform(const CheckOptions& options) {
                                 : options.json ? Format::Json
                                                : Format::Text,
                       .language = languageOfLocale()};
-    if (const auto error = waitForVisionModels()) {
-        complain(error->localizedDescription);
-        return ExitCode::UnreadableInput;
-    }
+    if (const auto error = waitForVisionModels()) return refuse(ExitCode::UnreadableInput, *error);
     const bool fromInput = options.images == std::vector<std::string>{"-"};
     const bool onTerminal = ::isatty(STDERR_FILENO) == 1;
     std::size_t total = 0;

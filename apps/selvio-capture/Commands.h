@@ -2,6 +2,9 @@
 #pragma once
 
 #include "CommandLine.h"
+#include "Texts.h"
+
+#include <SelvioFacialCapture/base/Error.h>
 
 namespace selvio::app {
 
@@ -16,5 +19,11 @@ namespace selvio::app {
 [[nodiscard]] ExitCode perform(const ReportOptions& options);
 /// Lists what there is to capture with.
 [[nodiscard]] ExitCode perform(const DevicesOptions& options);
+
+/// How a command ends that cannot do its work: it says why.
+[[nodiscard]] inline ExitCode refuse(ExitCode code, const Error& why) {
+    complain(why.localizedDescription);
+    return code;
+}
 
 }  // namespace selvio::app

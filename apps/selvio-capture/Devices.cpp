@@ -1,5 +1,6 @@
 // `devices`: what there is to capture with.
 #include "Commands.h"
+#include "RunOutput.h"
 #include "Source.h"
 #include "Texts.h"
 
@@ -85,7 +86,7 @@ void printText(const Listed& entry) {
 ExitCode perform(const DevicesOptions& options) {
     for (const auto& entry : listDevices()) {
         if (options.json) {
-            std::cout << jsonOf(entry).dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << '\n';
+            std::cout << compact(jsonOf(entry)) << '\n';
         } else {
             printText(entry);
         }

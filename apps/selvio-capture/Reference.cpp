@@ -1,5 +1,7 @@
 #include "Reference.h"
 
+#include "Texts.h"
+
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <sstream>
@@ -21,12 +23,6 @@ std::vector<std::string> namesOf(const CLI::Option& option) {
     return names;
 }
 
-std::string joined(const std::vector<std::string>& words, const char* separator) {
-    std::string all;
-    for (const auto& word : words) all += (all.empty() ? "" : separator) + word;
-    return all;
-}
-
 /// The type's name, and what its checks say: "NUMBER:INT in [3 - 30]" are two.
 std::pair<std::string, std::string> typeOf(const CLI::Option& option) {
     const std::string type = option.get_items_expected_max() == 0 ? "" : option.get_type_name();
@@ -43,18 +39,7 @@ std::string wordsOf(const CLI::Option& option) {
 }
 
 std::string roff(const std::string& text) {
-    std::string safe;
-    for (const char c : text) {
-        if (c == '\\') {
-            safe += "\\e";
-        } else if (c == '-') {
-            safe += "\\-";
-        } else if (c == '\n') {
-            safe += "\n.br\n";
-        } else {
-            safe += c;
-        }
-    }
+    const auto safe = replaced(text, {{'\\', "\\e"}, {'-', "\\-"}, {'\n', "\n.br\n"}});
     return safe.starts_with('.') || safe.starts_with('\'') ? "\\&" + safe : safe;
 }
 

@@ -55,29 +55,7 @@ tr, img { break-inside: avoid; }
 
 /// A value of the record as text of the page.
 std::string escaped(const json& value) {
-    std::string text;
-    for (const char c : printable(value)) {
-        switch (c) {
-            case '&':
-                text += "&amp;";
-                break;
-            case '<':
-                text += "&lt;";
-                break;
-            case '>':
-                text += "&gt;";
-                break;
-            case '"':
-                text += "&quot;";
-                break;
-            case '\'':
-                text += "&#39;";
-                break;
-            default:
-                text += c;
-        }
-    }
-    return text;
+    return replaced(printable(value), {{'&', "&amp;"}, {'<', "&lt;"}, {'>', "&gt;"}, {'"', "&quot;"}, {'\'', "&#39;"}});
 }
 
 std::string number(double value) {
@@ -214,15 +192,9 @@ std::optional<std::string> reportPage(const std::string& record, const Bytes& ph
 
 ExitCode perform(const ReportOptions& options) {
     const auto found = findRecord(options.source);
-    if (!found) {
-        complain(found.error().localizedDescription);
-        return ExitCode::UnreadableInput;
-    }
+    if (!found) return refuse(ExitCode::UnreadableInput, found.error());
     const auto page = reportPage(found.value().text, found.value().photograph, languageOfLocale());
-    if (!page) {
-        complain(options.source + ": its data record is damaged");
-        return ExitCode::UnreadableInput;
-    }
+    if (!page) return refuse(ExitCode::UnreadableInput, {options.source + ": its data record is damaged"});
     if (options.out == "-") {
         std::cout << *page;
         return ExitCode::Success;
@@ -230,14 +202,9 @@ ExitCode perform(const ReportOptions& options) {
     const auto out = options.out.empty() ? std::filesystem::path(options.source).replace_extension(".html")
                                          : std::filesystem::path(options.out);
     std::error_code notThere;
-    if (std::filesystem::equivalent(out, options.source, notThere)) {
-        complain(out.string() + ": the report would replace what it is made from");
-        return ExitCode::Usage;
-    }
-    if (const auto error = writeFileAtomically(out, *page)) {
-        complain(error->localizedDescription);
-        return ExitCode::NotWritten;
-    }
+    if (std::filesystem::equivalent(out, options.source, notThere))
+        return refuse(ExitCode::Usage, {out.string() + ": the report would replace what it is made from"});
+    if (const auto error = writeFileAtomically(out, *page)) return refuse(ExitCode::NotWritten, *error);
     std::cout << out.string() << '\n';
     return ExitCode::Success;
 }

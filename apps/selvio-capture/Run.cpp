@@ -128,20 +128,11 @@ struct KeptSession {
 ExitCode perform(const RunOptions& options) {
     blockInterrupts();
     const auto language = languageOfLocale();
-    if (const auto error = prepareOutputDirectory(options.out)) {
-        complain(error->localizedDescription);
-        return ExitCode::NotWritten;
-    }
+    if (const auto error = prepareOutputDirectory(options.out)) return refuse(ExitCode::NotWritten, *error);
     auto platform = makeLinuxPlatform();
     const auto chosen = useSource(platform, options);
-    if (const auto* failure = std::get_if<SourceFailure>(&chosen)) {
-        complain(failure->message);
-        return failure->code;
-    }
-    if (const auto error = waitForVisionModels()) {
-        complain(error->localizedDescription);
-        return ExitCode::UnreadableInput;
-    }
+    if (const auto* failure = std::get_if<SourceFailure>(&chosen)) return refuse(failure->code, {failure->message});
+    if (const auto error = waitForVisionModels()) return refuse(ExitCode::UnreadableInput, *error);
     const auto& source = std::get<Source>(chosen);
     const std::string mark = options.parameters->cameraParameters()->showRecordingUI() ? "[REC] " : "";
     const auto output = options.json ? makeJsonOutput(std::cout)

@@ -83,6 +83,10 @@ std::unique_ptr<RunOutput> makePersonOutput(std::ostream& stream, bool terminal,
     return std::make_unique<PersonOutput>(stream, terminal, language, std::move(recordingMark));
 }
 
+std::string compact(const nlohmann::ordered_json& value) {
+    return value.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+}
+
 std::vector<std::string> keysOf(const std::vector<SelvioFacialCaptureStatus>& statuses) {
     std::vector<std::string> keys;
     keys.reserve(statuses.size());

@@ -7,6 +7,7 @@
 
 #include <iosfwd>
 #include <memory>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <vector>
 
@@ -38,6 +39,9 @@ public:
 /// `recordingMark` stands before the guidance while a recording is being written.
 [[nodiscard]] std::unique_ptr<RunOutput> makePersonOutput(std::ostream& stream, bool terminal, Language language,
                                                           std::string recordingMark);
+
+/// In one line; bytes that are no UTF-8, as in a path or a camera's name, are replaced.
+[[nodiscard]] std::string compact(const nlohmann::ordered_json& value);
 
 /// The localisation keys of statuses; "" for one without a key.
 [[nodiscard]] std::vector<std::string> keysOf(const std::vector<SelvioFacialCaptureStatus>& statuses);

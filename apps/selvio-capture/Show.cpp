@@ -43,20 +43,16 @@ void printForPeople(json record) {
 
 ExitCode perform(const ShowOptions& options) {
     const auto found = findRecord(options.photograph);
-    if (!found) {
-        complain(found.error().localizedDescription);
-        return ExitCode::UnreadableInput;
-    }
+    if (!found) return refuse(ExitCode::UnreadableInput, found.error());
     const std::string& text = found.value().text;
     if (options.json) {
         std::cout << text << (text.ends_with('\n') ? "" : "\n");
         return ExitCode::Success;
     }
     auto record = parseRecord(text);
-    if (!record) {
-        complain(options.photograph + ": its data record is damaged; --json prints it as it is");
-        return ExitCode::UnreadableInput;
-    }
+    if (!record)
+        return refuse(ExitCode::UnreadableInput,
+                      {options.photograph + ": its data record is damaged; --json prints it as it is"});
     printForPeople(std::move(*record));
     return ExitCode::Success;
 }

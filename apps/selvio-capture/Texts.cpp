@@ -87,4 +87,19 @@ void complain(const std::string& text) {
     std::cerr << "selvio-capture: " << text << std::endl;
 }
 
+std::string joined(const std::vector<std::string>& words, const std::string& separator) {
+    std::string all;
+    for (const auto& word : words) all += (&word == words.data() ? "" : separator) + word;
+    return all;
+}
+
+std::string replaced(const std::string& text, const std::map<char, std::string_view>& words) {
+    std::string result;
+    for (const char c : text) {
+        const auto word = words.find(c);
+        result += word == words.end() ? std::string_view(&c, 1) : word->second;
+    }
+    return result;
+}
+
 }  // namespace selvio::app

@@ -1,9 +1,11 @@
 // What the person reads, in the language of the locale.
 #pragma once
 
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace selvio::app {
 
@@ -40,5 +42,10 @@ enum class Phrase {
 
 /// One line on standard error, under the program's name.
 void complain(const std::string& text);
+
+[[nodiscard]] std::string joined(const std::vector<std::string>& words, const std::string& separator);
+
+/// The text with other words for some of its characters.
+[[nodiscard]] std::string replaced(const std::string& text, const std::map<char, std::string_view>& words);
 
 }  // namespace selvio::app
