@@ -219,6 +219,8 @@ TEST_F(CaptureView, IsReadableAtEverySizeInBothDirectionsAndThemesForEyesAndScre
                   nullptr);
         rig.report(SelvioFacialCaptureStatusMoveCloser);
         EXPECT_EQ(rig.label("countdown"), nullptr);
+        rig.view->showText("Pause");
+        EXPECT_STREQ(gtk_label_get_text(GTK_LABEL(guidance)), "Pause");
         int pressed = 0;
         rig.view->setActions({{"Foto aufnehmen", [&] { ++pressed; }}});
         ASSERT_TRUE(GTK_IS_BUTTON(gtk_window_get_focus(rig.window))) << "the keyboard is where one can act";
