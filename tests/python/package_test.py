@@ -74,6 +74,7 @@ class PackageTest(unittest.TestCase):
         self.assertEqual((record["SelvioResultCode"], record["Parameters"]["CountdownTime"]), ("SuccessVideo", "5"))
         rect = told[-1].face_rect
         self.assertTrue(0 < rect.x < rect.x + rect.width < 1080 and len(told[-1].face_contour) == 17)
+        self.assertLess(max(abs(x - rect.x - rect.width / 2) for x, _ in told[-1].face_contour), 0.6 * rect.width)
 
     def test_cancelling_raises_what_its_callback_raises_and_the_main_queue_what_its_blocks_raise(self):
         cancelled = mock.Mock(side_effect=Boom)
