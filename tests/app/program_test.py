@@ -352,4 +352,80 @@ class References(ProgramTest):
         self.assertEqual((warnings.returncode, warnings.stderr), (0, ""))
 
 
+def xdotool(*arguments):
+    """Says nothing of a window that goes while a key is pressed: what the program does then shows."""
+    return subprocess.run(["xdotool", *arguments], check=False, capture_output=True, text=True, timeout=30).stdout
+
+
+def window():
+    """The program's, once it can be seen."""
+    end = time.monotonic() + 20
+    found = ""
+    while not found and time.monotonic() < end:
+        found = xdotool("search", "--onlyvisible", "--name", "^selvio-capture$")
+        time.sleep(0.05)
+    return found.split()[-1] if found else "0"
+
+
+class View(ProgramTest):
+    """The program's window, for an X display: where it is, its keys, and closing it."""
+
+    CUT = "cut off its display"
+    PHOTOGRAPH, RECORD = (0, ["record.json", "selfie.jpg"]), (3, ["record.json"])
+    # Over somebody (or nobody): what the person does after which output, and what is left in the end.
+    CASES = {
+        "a face, accepted": (True, [], [("detectionSuccess", "Return")], PHOTOGRAPH),
+        "accepted without asking": (True, ["--accept"], [], PHOTOGRAPH),
+        "refused once, then accepted": (True, [], [("detectionSuccess", "r"), ("detectionSuccess", "Return")], PHOTOGRAPH),
+        "not accepted": (True, [], [("detectionSuccess", "Escape")], RECORD),
+        "closed over the photograph": (True, [], [("detectionSuccess", "ctrl+w")], RECORD),
+        "closed while it runs": (False, [], [("detectionResults", "ctrl+w")], RECORD),
+        "cancelled": (False, [], [("detectionResults", "Escape")], RECORD),
+        "begun again, then cancelled": (
+            False, [], [("detectionResults", "r"), ("detectionCancelled", None), ("detectionResults", "Escape")], RECORD),
+        "by hand, paused between": (
+            False, ["--mode", "manual"],
+            [("detectionResults", "p"), (None, "p"), ("detectionResults", "space"), ("detectionSuccess", "Return")], PHOTOGRAPH),
+        "the display is gone": (True, [], [("detectionResults", CUT)], PHOTOGRAPH),
+        "the display is gone over the photograph": (True, [], [("detectionSuccess", CUT)], PHOTOGRAPH),
+        "timed out": (False, ["--timeout", "3"], [], RECORD),
+    }  # fmt: skip
+
+    def test_the_window_does_what_the_person_asks(self):
+        for name, (somebody, options, steps, left) in self.CASES.items():
+            with self.subTest(name):
+                self.follow(STEADY if somebody else self.empty, options, steps, left)
+                shutil.rmtree(self.out)
+
+    def follow(self, script, options, steps, left):
+        command = [PROGRAM, "run", "--preview", "--json", "--script", script, "--out", self.out, *options]
+        with subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, env=os.environ | self.environment) as process:
+            watchdog = threading.Timer(30, process.kill)
+            watchdog.start()
+            size = None
+            for event, action in steps:
+                for line in process.stdout if event else ():
+                    if json.loads(line)["event"] == event:
+                        break
+                size = size or xdotool("getwindowgeometry", "--shell", window())
+                if action == self.CUT:
+                    xdotool("windowkill", window())
+                elif action:
+                    xdotool("windowfocus", window(), "key", action)
+            while steps and steps[-1][1] == "Return":  # as a person would who sees no button yet
+                try:
+                    process.wait(timeout=0.5)
+                    break
+                except subprocess.TimeoutExpired:
+                    xdotool("key", "Return")
+            _, messages = process.communicate()
+            watchdog.cancel()
+        self.assertEqual((process.returncode, self.results()), left, messages)
+        self.assertNotRegex(messages, "CRITICAL|WARNING")
+        if size:
+            x, y, width, height = (int(re.search(rf"\b{name}=(-?\d+)", size)[1]) for name in ("X", "Y", "WIDTH", "HEIGHT"))
+            most = [int(number) for number in xdotool("getdisplaygeometry").split()]
+            self.assertTrue(0 <= x <= most[0] - width and 0 <= y <= most[1] - height and height >= most[1] / 2, size)
+
+
 unittest.main(argv=[sys.argv[0], *sys.argv[4:]])
