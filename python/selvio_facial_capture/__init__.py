@@ -135,6 +135,13 @@ class Results:
     """The data record as JSON."""
 
 
+def _plane_sizes(pixels: Pixels) -> list[tuple[int, int]]:
+    """The bytes of a row without padding, and how many rows, of each plane."""
+    if pixels.format == PixelFormat.BGRA:
+        return [(4 * pixels.width, pixels.height)]
+    return [(pixels.width, pixels.height), (2 * ((pixels.width + 1) // 2), (pixels.height + 1) // 2)]
+
+
 class Frame:
     """A picture in memory, upright, in portrait and not mirrored. Never changes."""
 
@@ -149,7 +156,7 @@ class Frame:
     @classmethod
     def from_bgra(cls, pixels: Any, width: int, height: int, bytes_per_row: int | None = None) -> Self:
         """A copy of BGRA bytes in any object with a buffer (bytes, bytearray, memoryview, an array)."""
-        return cls._copy(PixelFormat.BGRA, width, height, [(pixels, 4 * width, height, bytes_per_row)])
+        return cls._copy(PixelFormat.BGRA, width, height, (pixels, bytes_per_row))
 
     @classmethod
     def from_nv12(
@@ -162,11 +169,7 @@ class Frame:
         chroma_bytes_per_row: int | None = None,
     ) -> Self:
         """A copy of the two planes of an NV12 picture."""
-        planes = [
-            (luma, width, height, luma_bytes_per_row),
-            (chroma, 2 * ((width + 1) // 2), (height + 1) // 2, chroma_bytes_per_row),
-        ]
-        return cls._copy(PixelFormat.NV12, width, height, planes)
+        return cls._copy(PixelFormat.NV12, width, height, (luma, luma_bytes_per_row), (chroma, chroma_bytes_per_row))
 
     @classmethod
     def from_array(cls, array: "numpy.ndarray", channels: str = "RGB") -> Self:
@@ -184,12 +187,12 @@ class Frame:
         return cls.from_bgra(bgra, width, height)
 
     @classmethod
-    def _copy(cls, pixel_format: PixelFormat, width: int, height: int, planes: list[tuple[Any, int, int, int | None]]) -> Self:
+    def _copy(cls, pixel_format: PixelFormat, width: int, height: int, *planes: tuple[Any, int | None]) -> Self:
         if width < 1 or height < 1:
             raise ValueError(f"a picture cannot have {width} x {height} pixels")
         pixels = Pixels(width=width, height=height, format=pixel_format)
         kept = []  # until the library has copied them
-        for index, (plane, row, rows, bytes_per_row) in enumerate(planes):
+        for index, ((plane, bytes_per_row), (row, rows)) in enumerate(zip(planes, _plane_sizes(pixels))):
             view = memoryview(plane)
             if not view.c_contiguous:
                 raise ValueError("the pixels must be contiguous")
@@ -233,12 +236,9 @@ class Frame:
     def planes(self) -> tuple[bytes, ...]:
         """A copy of each plane's samples, row by row without padding."""
         pixels = self._pixels()
-        sizes = [(4 * pixels.width, pixels.height)]
-        if pixels.format == PixelFormat.NV12:
-            sizes = [(pixels.width, pixels.height), (2 * ((pixels.width + 1) // 2), (pixels.height + 1) // 2)]
         return tuple(
             b"".join(ctypes.string_at(pixels.planes[plane] + i * pixels.bytes_per_row[plane], row) for i in range(rows))
-            for plane, (row, rows) in enumerate(sizes)
+            for plane, (row, rows) in enumerate(_plane_sizes(pixels))
         )
 
 

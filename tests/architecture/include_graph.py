@@ -32,7 +32,6 @@ ROW = re.compile(r"^\| `([\w/-]+)/` \|.*\|([^|]*)\|$", re.MULTILINE)
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]', re.MULTILINE)
 STANDARD = re.compile(r"^[a-z_0-9]+$")
 C_STANDARD = {"assert.h", "errno.h", "fcntl.h", "poll.h", "signal.h", "stdbool.h", "stddef.h", "stdint.h", "stdlib.h", "string.h", "unistd.h", "dlfcn.h", "pthread.h"}
-JSON = re.compile(r"^nlohmann/")
 
 
 class Tree:
@@ -85,16 +84,14 @@ class Tree:
                     return self.folder_of(candidate.resolve().relative_to(self.root)), True
         if STANDARD.match(name) or name in C_STANDARD or name.startswith(("sys/", "linux/")):
             return "system", False
-        return "json" if JSON.match(name) else "third-party", False
+        return "json" if name.startswith("nlohmann/") else "third-party", False
 
     def faults(self):
-        if not self.links:
-            yield f"{self.root}: no folders"
         for folder in sorted(f for f, names in self.libraries.items() if not names):
             yield f"{folder}: in no library"
-        files = sorted(p for p in self.root.rglob("*") if p.suffix in (".h", ".cpp") and self.folder_of(p.relative_to(self.root)))
-        for file in files:
-            yield from self.faults_of(file, file.relative_to(self.root))
+        for file in sorted(self.root.rglob("*")):
+            if file.suffix in (".h", ".cpp") and self.folder_of(file.relative_to(self.root)):
+                yield from self.faults_of(file, file.relative_to(self.root))
 
     def faults_of(self, file, path):
         folder = self.folder_of(path)
