@@ -55,15 +55,19 @@ nlohmann::ordered_json number(double value) {
     return std::isfinite(value) ? nlohmann::ordered_json(value) : nlohmann::ordered_json();
 }
 
-nlohmann::ordered_json jsonOf(const std::string& path, const rules::FacesJudgement& verdict) {
-    nlohmann::ordered_json line = {
-        {"image", path}, {"faces", verdict.count}, {"statuses", verdict.statuses}, {"keys", keysOf(verdict.statuses)}};
-    line["faceRect"] = nullptr;
-    line["measures"] = nullptr;
-    if (!verdict.face) return line;
-    const auto& rect = verdict.face->rect;
+nlohmann::ordered_json jsonOf(const std::string& path, const Expected<rules::FacesJudgement>& verdict) {
+    if (!verdict) return {{"image", path}, {"error", verdict.error().localizedDescription}};
+    const auto& judged = verdict.value();
+    nlohmann::ordered_json line = {{"image", path},
+                                   {"faces", judged.count},
+                                   {"statuses", judged.statuses},
+                                   {"keys", keysOf(judged.statuses)},
+                                   {"faceRect", nullptr},
+                                   {"measures", nullptr}};
+    if (!judged.face) return line;
+    const auto& rect = judged.face->rect;
     line["faceRect"] = {number(rect.x), number(rect.y), number(rect.width), number(rect.height)};
-    for (const auto& row : rowsOf(verdict.face->checked.measures)) {
+    for (const auto& row : rowsOf(judged.face->checked.measures)) {
         auto& entry = line["measures"][row.name];
         entry["value"] = number(row.value);
         for (const auto& [name, value] : row.limits) entry[name] = number(value);
@@ -100,12 +104,9 @@ constexpr std::string_view kCsvHeader =
 std::string csvOf(const std::string& path, const Expected<rules::FacesJudgement>& verdict) {
     if (!verdict) return csvField(path) + ",,,,,,,,,,,,," + csvField(verdict.error().localizedDescription) + '\n';
     const auto& judged = verdict.value();
-    std::string line = csvField(path) + ',' + std::to_string(verdict.value().count) + ',';
-    const char* separator = "";
-    for (const auto status : judged.statuses) {
-        line += separator + std::to_string(status);
-        separator = " ";
-    }
+    std::vector<std::string> statuses;
+    for (const auto status : judged.statuses) statuses.push_back(std::to_string(status));
+    std::string line = csvField(path) + ',' + std::to_string(judged.count) + ',' + joined(statuses, " ");
     if (!judged.face) return line + ",,,,,,,,,,,\n";
     const auto add = [&line](double value) { line += ',' + (std::isfinite(value) ? number(value).dump() : ""); };
     const auto& rect = judged.face->rect;
@@ -143,10 +144,7 @@ Answer answerFor(const FoundPicture& picture, const Judging& how, SequenceReques
             }
             break;
         case Format::Json:
-            answer.text = compact(verdict ? jsonOf(picture.path, verdict.value())
-                                          : nlohmann::ordered_json{{"image", picture.path},
-                                                                   {"error", verdict.error().localizedDescription}}) +
-                          '\n';
+            answer.text = compact(jsonOf(picture.path, verdict)) + '\n';
             break;
         case Format::Csv:
             answer.text = csvOf(picture.path, verdict);
