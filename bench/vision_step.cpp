@@ -7,8 +7,8 @@
 #include <SelvioFacialCapture/rules/FaceChecks.h>
 #include "Ratios.h"
 
+#include "TestPictures.h"
 #include "platform/linux/vision/Network.h"
-#include "vision/TestPictures.h"
 
 #include <SelvioFacialCapture/linux/Vision.h>
 

@@ -38,21 +38,11 @@ std::shared_ptr<SampleBuffer> videoSample(std::shared_ptr<PixelBuffer> pixels, n
     return SampleBuffer::makeVideo(std::move(pixels), {kStart + time, kFrame});
 }
 
-std::shared_ptr<SampleBuffer> audioSample(nanoseconds time, nanoseconds length, int amplitude = 0) {
-    AudioData audio{48000, 1, {}};
-    for (int i = 0; i < length.count() * 48 / 1'000'000; ++i) {
-        audio.samples.push_back(static_cast<std::int16_t>(amplitude * std::sin(0.13 * i)));
-    }
-    return SampleBuffer::makeAudio(std::move(audio), {kStart + time, length});
-}
-
 class AssetWriterTest : public ::testing::Test {
 protected:
-    void make(VideoSettings settings, bool withAudio = false, RecordingOptions options = {}) {
-        factory_ = makeGstAssetWriterFactory(std::move(options));
-        auto made = factory_->makeAssetWriter(file_, kFileTypeMPEG4);
-        ASSERT_TRUE(made) << made.error().localizedDescription;
-        writer_ = made.value();
+    void make(VideoSettings settings, bool withAudio = false) {
+        factory_ = makeGstAssetWriterFactory();
+        writer_ = factory_->makeAssetWriter(file_, kFileTypeMPEG4).value();
         video_ = factory_->makeVideoInput(settings);
         audio_ = withAudio ? factory_->makeAudioInput({}) : nullptr;
         for (const auto& input : {video_, audio_}) {
@@ -66,10 +56,16 @@ protected:
         writer_->startSessionAtSourceTime(kStart);
     }
     // As a caller that is not in real time: waits until the input is ready.
-    bool append(const std::shared_ptr<AssetWriterInput>& input, const std::shared_ptr<SampleBuffer>& sample) {
-        while (writer_->status() == AssetWriterStatus::Writing && !input->isReadyForMoreMediaData())
+    bool append(const std::shared_ptr<SampleBuffer>& sample) {
+        while (writer_->status() == AssetWriterStatus::Writing && !video_->isReadyForMoreMediaData())
             std::this_thread::yield();
-        return input->appendSampleBuffer(sample);
+        return video_->appendSampleBuffer(sample);
+    }
+    /// A small recording that goes on.
+    void record(int frames) {
+        make(h264(180, 320));
+        start();
+        for (int i = 0; i < frames; ++i) append(videoSample(grey_, i * kFrame));
     }
     AssetWriterStatus finish() {
         video_->markAsFinished();
@@ -83,6 +79,7 @@ protected:
         return {kVideoCodecTypeH264, width, height, {{kVideoAverageBitRateKey, 1'500'000}}};
     }
 
+    const std::shared_ptr<PixelBuffer> grey_ = greyFrame(180, 320, kPixelFormat420v, 90);
     TemporaryDirectory directory_;
     std::filesystem::path file_ = directory_.path() / "selvio_test.mp4";
     std::shared_ptr<AssetWriterFactory> factory_;
@@ -92,124 +89,75 @@ protected:
 };
 
 TEST_F(AssetWriterTest, WritesEveryFrameWholeInTheCodecAndSizeAskedFor) {
-    struct Case {
+    const struct {
         const char* codec;
         int width, height;  // of a frame; the file is 360x640
         PixelFormat format;
-        const char* codecName;
-        const char* tag;
-        int levelAt200;  // in the middle column: of the picture, or of the black border above it
+        const char* stream;
+        bool fills;  // the height of the file; else there is a black border above and below
+    } cases[] = {
+        {kVideoCodecTypeH264, 202, 360, kPixelFormat32BGRA, "h264,avc1,360,640,yuv420p,45", true},
+        {kVideoCodecTypeH264, 360, 640, kPixelFormat32ARGB, "h264,avc1,360,640,yuv420p,45", true},
+        {kVideoCodecTypeHEVC, 640, 360, kPixelFormat420v, "hevc,hvc1,360,640,yuv420p,45", false},
     };
-    const Case cases[] = {
-        {kVideoCodecTypeH264, 202, 360, kPixelFormat32BGRA, "h264", "avc1", 200},
-        {kVideoCodecTypeHEVC, 640, 360, kPixelFormat420v, "hevc", "hvc1", 0},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.codec);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.format);
         std::filesystem::remove(file_);
         make({c.codec, 360, 640, {{kVideoAverageBitRateKey, 500'000}}});
         start();
-        const auto frame =
-            greyFrame(c.width, c.height, c.format, c.format == kPixelFormat420v ? 188 : 200);  // the same grey
-        for (int i = 0; i < 45; ++i) ASSERT_TRUE(append(video_, videoSample(frame, i * kFrame)));
+        const auto red = painted(c.width, c.height, c.format, [&](std::uint8_t* sample, int, int, int plane) {
+            const std::array<std::uint8_t, 4> bgra{0, 0, 255, 255}, argb{255, 255, 0, 0}, luma{81}, chroma{90, 240};
+            const bool planar = c.format == kPixelFormat420v;
+            const auto& from = planar ? plane == 0 ? luma : chroma : c.format == kPixelFormat32BGRA ? bgra : argb;
+            std::copy_n(from.begin(), planar ? plane + 1 : 4, sample);
+        });
+        for (int i = 0; i < 45; ++i) ASSERT_TRUE(append(videoSample(red, i * kFrame)));
         ASSERT_EQ(finish(), AssetWriterStatus::Completed);
-        const auto media = probe(file_);
-        const auto video = streamOfType(media, "video");
-        EXPECT_EQ(video.value("codec_name", ""), c.codecName);
-        EXPECT_EQ(video.value("codec_tag_string", ""), c.tag);
-        EXPECT_EQ(video.value("pix_fmt", ""), "yuv420p");
-        EXPECT_EQ(video.value("width", 0), 360);
-        EXPECT_EQ(video.value("height", 0), 640);
-        EXPECT_EQ(video.value("nb_read_frames", ""), "45");
-        EXPECT_NEAR(numberIn(video, "duration"), 1.5, 0.03);
+        EXPECT_EQ(streamOf(file_, "v", "codec_name,codec_tag_string,width,height,pix_fmt,nb_read_frames"), c.stream);
+        EXPECT_NEAR(secondsOf(file_, "v"), 1.5, 0.03);
         EXPECT_EQ(directory_.fileCount(), 1U) << "nothing else is left beside the file";
         EXPECT_EQ(std::filesystem::status(file_).permissions(), std::filesystem::perms(0600));
         const std::string head = contentOf(file_);
         EXPECT_LT(head.find("moov"), head.find("mdat")) << "a player can start before it has all of the file";
         const std::string column =
             outputOf("ffmpeg -v error -i '" + file_.string() +
-                     "' -vf 'crop=2:640:180:0,scale=1:640' -frames:v 1 -pix_fmt gray -f rawvideo -");
-        ASSERT_EQ(column.size(), 640U);
-        EXPECT_NEAR(static_cast<unsigned char>(column[200]), c.levelAt200, 12);
-        EXPECT_NEAR(static_cast<unsigned char>(column[320]), 200, 8);
-        EXPECT_NEAR(static_cast<unsigned char>(column[440]), c.levelAt200, 12);
-    }
-}
-
-TEST_F(AssetWriterTest, PictureAndSoundStayTogetherWithTheOtherEncoder) {
-    make(h264(180, 320), true, {.disabledElements = {"fdkaacenc", "avenc_aac"}});
-    start();
-    // The picture turns white and a tone begins at 1 s. Sound begins 300 ms late, and 40 ms of it are lost at 400 ms.
-    milliseconds sound{300};
-    for (int i = 0; i < 60; ++i) {
-        ASSERT_TRUE(append(video_, videoSample(greyFrame(180, 320, kPixelFormat420v, i < 30 ? 16 : 235), i * kFrame)));
-        for (; sound < i * kFrame; sound += milliseconds(20)) {
-            if (sound == milliseconds(400) || sound == milliseconds(420)) continue;
-            ASSERT_TRUE(append(audio_, audioSample(sound, milliseconds(20), sound < milliseconds(1000) ? 0 : 12000)));
+                     "' -vf 'crop=2:640:180:0,scale=1:640' -frames:v 1 -pix_fmt rgb24 -f rawvideo -");
+        ASSERT_EQ(column.size(), 1920U);
+        for (const std::size_t row : {200U, 320U, 440U}) {
+            const bool isRed = c.fills || row == 320;
+            EXPECT_NEAR(static_cast<unsigned char>(column[3 * row]), isRed ? 255 : 0, 25) << row;
+            EXPECT_NEAR(static_cast<unsigned char>(column[3 * row + 1]), 0, 25) << row;
+            EXPECT_NEAR(static_cast<unsigned char>(column[3 * row + 2]), 0, 25) << row;
         }
     }
-    ASSERT_EQ(finish(), AssetWriterStatus::Completed);
-    EXPECT_NEAR(numberIn(streamOfType(probe(file_), "audio"), "duration"), 2.0, 0.04);
-    const auto [white, tone] = onsets(file_);
-    EXPECT_NEAR(white, 1.0, 0.02);
-    EXPECT_NEAR(tone, white, 0.04);
 }
 
 TEST_F(AssetWriterTest, NeitherASilentMicrophoneNorFramesOutOfOrderHarmTheFile) {
     make(h264(180, 320), true);
     start();
-    const auto frame = greyFrame(180, 320, kPixelFormat420v, 90);
-    EXPECT_TRUE(video_->appendSampleBuffer(videoSample(frame, -kFrame))) << "taken, and left out";
-    for (int i = 0; i < 90; ++i) ASSERT_TRUE(append(video_, videoSample(frame, i * kFrame)));
-    EXPECT_FALSE(video_->appendSampleBuffer(videoSample(frame, 89 * kFrame)));
-    EXPECT_FALSE(video_->appendSampleBuffer(SampleBuffer::makeVideo(frame, {})));
-    EXPECT_FALSE(video_->appendSampleBuffer(audioSample(std::chrono::seconds(5), kFrame)));
-    EXPECT_FALSE(video_->appendSampleBuffer(nullptr));
+    EXPECT_TRUE(video_->appendSampleBuffer(videoSample(grey_, -kFrame))) << "taken, and left out";
+    for (int i = 0; i < 90; ++i) ASSERT_TRUE(append(videoSample(grey_, i * kFrame)));
+    const auto sound = SampleBuffer::makeAudio({48000, 1, {}}, {kStart + std::chrono::seconds(5), kFrame});
+    for (const auto& wrong : {videoSample(grey_, 89 * kFrame), SampleBuffer::makeVideo(grey_, {}), sound, {}})
+        EXPECT_FALSE(video_->appendSampleBuffer(wrong));
     ASSERT_EQ(finish(), AssetWriterStatus::Completed);
-    EXPECT_FALSE(video_->appendSampleBuffer(videoSample(frame, 100 * kFrame)));
-    const auto media = probe(file_);
-    EXPECT_EQ(streamOfType(media, "video").value("nb_read_frames", ""), "90");
-    EXPECT_NEAR(numberIn(streamOfType(media, "audio"), "duration"), 3.0, 0.05);
-}
-
-TEST_F(AssetWriterTest, ColoursAreThoseOfTheFrames) {
-    for (const PixelFormat format : {kPixelFormat32BGRA, kPixelFormat32ARGB, kPixelFormat420v}) {
-        SCOPED_TRACE(format);
-        std::filesystem::remove(file_);
-        make(h264(180, 320));
-        start();
-        const auto red = painted(180, 320, format, [&](std::uint8_t* sample, int, int, int plane) {
-            const std::array<std::uint8_t, 4> bgra{0, 0, 255, 255}, argb{255, 255, 0, 0}, yuv{81, 90, 240};
-            if (format == kPixelFormat420v) {
-                std::copy_n(&yuv[plane == 0 ? 0 : 1], plane + 1, sample);
-            } else {
-                std::ranges::copy(format == kPixelFormat32BGRA ? bgra : argb, sample);
-            }
-        });
-        for (int i = 0; i < 10; ++i) ASSERT_TRUE(append(video_, videoSample(red, i * kFrame)));
-        ASSERT_EQ(finish(), AssetWriterStatus::Completed);
-        const std::string pixel = outputOf("ffmpeg -v error -i '" + file_.string() +
-                                           "' -vf crop=2:2:90:160 -frames:v 1 -pix_fmt rgb24 -f rawvideo -");
-        ASSERT_EQ(pixel.size(), 12U);
-        EXPECT_GT(static_cast<unsigned char>(pixel[0]), 230);
-        EXPECT_LT(static_cast<unsigned char>(pixel[1]), 25);
-        EXPECT_LT(static_cast<unsigned char>(pixel[2]), 25);
-    }
+    EXPECT_FALSE(video_->appendSampleBuffer(videoSample(grey_, 100 * kFrame)));
+    EXPECT_EQ(streamOf(file_, "v", "nb_read_frames"), "90");
+    EXPECT_NEAR(secondsOf(file_, "a"), 3.0, 0.05);
 }
 
 // Whatever the settings expected before the camera was opened.
 TEST_F(AssetWriterTest, BitRateAndKeyFramesFollowTheFramesOwnRate) {
     std::mt19937 random(1);
-    std::vector<std::shared_ptr<PixelBuffer>> noisy;
-    for (int i = 0; i < 30; ++i) {
-        noisy.push_back(greyFrame(360, 640, kPixelFormat420v, 128));
-        std::uint8_t* const luma = noisy.back()->data();
-        for (std::size_t k = 0; k < noisy.back()->layout().planeBytes(); ++k)
-            luma[k] = static_cast<std::uint8_t>(luma[k] + random() % 48);
+    std::vector<std::shared_ptr<PixelBuffer>> noisy(30);
+    for (auto& frame : noisy) {
+        frame = painted(360, 640, kPixelFormat420v, [&](std::uint8_t* sample, int, int, int plane) {
+            std::fill_n(sample, plane + 1, static_cast<std::uint8_t>(128 + (plane == 0 ? random() % 48 : 0)));
+        });
     }
     constexpr int kSeconds = 7;
     constexpr double kBitRate = 1'500'000;
-    for (const int rate : {10, 15, 25, 30, 60}) {
+    for (const int rate : {10, 25, 30, 60}) {
         SCOPED_TRACE(rate);
         std::filesystem::remove(file_);
         auto settings = h264(360, 640);
@@ -218,8 +166,8 @@ TEST_F(AssetWriterTest, BitRateAndKeyFramesFollowTheFramesOwnRate) {
         start();
         const nanoseconds duration(1'000'000'000 / rate);
         for (int i = 0; i < kSeconds * rate; ++i) {
-            ASSERT_TRUE(append(video_, SampleBuffer::makeVideo(noisy[static_cast<std::size_t>(i) % noisy.size()],
-                                                               {kStart + i * duration, duration})));
+            ASSERT_TRUE(append(SampleBuffer::makeVideo(noisy[static_cast<std::size_t>(i) % noisy.size()],
+                                                       {kStart + i * duration, duration})));
         }
         ASSERT_EQ(finish(), AssetWriterStatus::Completed);
         const double bits = static_cast<double>(std::filesystem::file_size(file_)) * 8;
@@ -237,7 +185,6 @@ TEST_F(AssetWriterTest, BitRateAndKeyFramesFollowTheFramesOwnRate) {
 }
 
 TEST_F(AssetWriterTest, TakesItsOwnSizeOfTheDiskAndSaysWhenThatIsFull) {
-    const auto frame = greyFrame(180, 320, kPixelFormat420v, 90);
     const auto part = directory_.path() / "selvio_test.part.mp4";
     const auto openFiles = [&] {
         std::map<std::string, int> open;  // files without a name take space, too
@@ -248,28 +195,23 @@ TEST_F(AssetWriterTest, TakesItsOwnSizeOfTheDiskAndSaysWhenThatIsFull) {
         }
         return open;
     };
-    const auto elsewhere = directory_.path() / "elsewhere";
-    std::ofstream(elsewhere) << "somebody's";
+    const auto elsewhere = directory_.write("elsewhere", "somebody's");
     std::filesystem::create_symlink(elsewhere, part);  // is not followed
-    make(h264(180, 320));
-    start();
-    for (int i = 0; i < 30; ++i) ASSERT_TRUE(append(video_, videoSample(frame, i * kFrame)));
+    record(30);
     EXPECT_THAT(openFiles(), ElementsAre(Pair(part.string(), testing::_)));
     ASSERT_EQ(finish(), AssetWriterStatus::Completed);
     EXPECT_EQ(contentOf(elsewhere), "somebody's");
 
-    std::filesystem::remove(elsewhere);
     std::filesystem::remove(file_);
     LogCapture log;
-    make(h264(180, 320));
-    start();
+    record(1);
     const int full = ::open("/dev/full", O_WRONLY | O_CLOEXEC);
     ASSERT_GE(::dup2(full, openFiles().at(part)), 0);
     ::close(full);
-    for (int i = 0; i < 30; ++i) append(video_, videoSample(frame, i * kFrame));
+    for (int i = 1; i < 30; ++i) append(videoSample(grey_, i * kFrame));
     EXPECT_EQ(finish(), AssetWriterStatus::Failed);
     EXPECT_THAT(log.take(), Contains("Recording failed: no space is left on the disk"));
-    EXPECT_EQ(directory_.fileCount(), 0U);
+    EXPECT_EQ(directory_.fileCount(), 1U) << "elsewhere";
 }
 
 TEST_F(AssetWriterTest, TheIndexComesToTheFrontUnlessItCannot) {
@@ -319,18 +261,12 @@ TEST_F(AssetWriterTest, InRealTimeDropsRatherThanWaits) {
     EXPECT_GE(taken, 5);
     EXPECT_LT(taken, 200) << "no encoder takes 200 frames at once";
     ASSERT_EQ(finish(), AssetWriterStatus::Completed);
-    EXPECT_EQ(streamOfType(probe(file_), "video").value("nb_read_frames", ""), std::to_string(taken));
+    EXPECT_EQ(streamOf(file_, "v", "nb_read_frames"), std::to_string(taken));
     EXPECT_EQ(held.use_count(), 1) << "the frames' memory is shared while it is encoded, and then let go";
 }
 
 TEST_F(AssetWriterTest, FailureAndCancellingLeaveNoFile) {
     LogCapture log;
-    const auto record = [&](int frames) {
-        make(h264(180, 320));
-        start();
-        for (int i = 0; i < frames; ++i)
-            append(video_, videoSample(greyFrame(180, 320, kPixelFormat420v, 90), i * kFrame));
-    };
     record(0);
     EXPECT_EQ(finish(), AssetWriterStatus::Failed);
     EXPECT_THAT(log.take(), Contains(HasSubstr("nothing was recorded")));
@@ -347,16 +283,14 @@ TEST_F(AssetWriterTest, FailureAndCancellingLeaveNoFile) {
 }
 
 TEST_F(AssetWriterTest, CannotStartWhereNoFileCanBeMade) {
-    std::ofstream(file_) << "already here";
-    const auto there = file_;
+    const std::string there = directory_.write("there.mp4", "already here");
     for (const auto& path :
-         {directory_.path() / "missing" / "selvio_a.mp4", std::filesystem::path("/proc/selvio_a.mp4"), there}) {
-        SCOPED_TRACE(path);
+         {(directory_.path() / "missing" / "selvio_a.mp4").string(), std::string("/proc/a.mp4"), there}) {
         LogCapture log;
         file_ = path;
         make(h264(180, 320));
         EXPECT_FALSE(writer_->startWriting());
-        EXPECT_THAT(log.take(), Contains(HasSubstr(path.string())));
+        EXPECT_THAT(log.take(), Contains(HasSubstr(path)));
         EXPECT_FALSE(video_->isReadyForMoreMediaData());
         EXPECT_EQ(finish(), AssetWriterStatus::Failed);
         EXPECT_EQ(directory_.fileCount(), 1U);
@@ -365,26 +299,26 @@ TEST_F(AssetWriterTest, CannotStartWhereNoFileCanBeMade) {
 }
 
 TEST_F(AssetWriterTest, NamesThePackageThatIsMissing) {
-    struct Case {
-        const char* codec;
+    const struct {
+        const char* codec;  // null: sound
         std::vector<std::string> disabled;
-        bool audio;
         const char* package;
+    } cases[] = {
+        {kVideoCodecTypeH264,
+         {"vah264enc", "vah264lpenc", "vaapih264enc", "nvh264enc", "qsvh264enc", "v4l2h264enc", "x264enc",
+          "openh264enc"},
+         "gstreamer1.0-plugins-ugly"},
+        {kVideoCodecTypeHEVC, {"h265parse"}, "gstreamer1.0-plugins-bad"},
+        {kVideoCodecTypeH264, {"mp4mux"}, "gstreamer1.0-plugins-good"},
+        {nullptr, {"avenc_aac", "voaacenc", "fdkaacenc"}, "gstreamer1.0-libav"},
+        {"VP9", {}, "\"VP9\" is not recorded"},
     };
-    const std::vector<std::string> h264Encoders{"vah264enc",  "vah264lpenc", "vaapih264enc", "nvh264enc",
-                                                "qsvh264enc", "v4l2h264enc", "x264enc",      "openh264enc"};
-    const Case cases[] = {
-        {kVideoCodecTypeH264, h264Encoders, false, "gstreamer1.0-plugins-ugly"},
-        {kVideoCodecTypeHEVC, {"h265parse"}, false, "gstreamer1.0-plugins-bad"},
-        {kVideoCodecTypeH264, {"mp4mux"}, false, "gstreamer1.0-plugins-good"},
-        {kVideoCodecTypeH264, {"avenc_aac", "voaacenc", "fdkaacenc"}, true, "gstreamer1.0-libav"},
-        {"VP9", {}, false, "\"VP9\" is not recorded"},
-    };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         LogCapture log;
         const auto factory = makeGstAssetWriterFactory({.disabledElements = c.disabled});
         const auto writer = factory->makeAssetWriter(file_, kFileTypeMPEG4).value();
-        const auto input = c.audio ? factory->makeAudioInput({}) : factory->makeVideoInput({c.codec, 180, 320, {}});
+        const auto input =
+            c.codec != nullptr ? factory->makeVideoInput({c.codec, 180, 320, {}}) : factory->makeAudioInput({});
         EXPECT_FALSE(writer->canAddInput(*input));
         EXPECT_THAT(log.take(), Contains(HasSubstr(c.package)));
         writer->addInput(input);

@@ -5,6 +5,7 @@
 #include <SelvioFacialCapture/linux/Capture.h>
 
 #include <support/CaptureProbe.h>
+#include <support/ComesTrue.h>
 #include <support/LogCapture.h>
 #include <support/MediaProbe.h>
 
@@ -21,16 +22,6 @@ using std::chrono::milliseconds;
 using std::chrono::nanoseconds;
 using ::testing::Contains;
 using ::testing::HasSubstr;
-
-/// Waits for what nothing announces, ten seconds at most.
-inline bool comesTrue(const std::function<bool()>& condition) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end) return false;
-        std::this_thread::yield();
-    }
-    return true;
-}
 
 /// A session with one camera, wired as a camera object wires it.
 struct Rig {

@@ -1,7 +1,6 @@
 // The guidance on a real face: the component's statuses against the same formulas applied to where the face truly is.
 #include <SelvioFacialCapture/SelvioFacialCapture.h>
 #include <SelvioFacialCapture/linux/LinuxPlatform.h>
-#include <SelvioFacialCapture/simulated/SimulatedFrames.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -9,6 +8,7 @@
 
 #include "support/FakeDevice.h"
 #include "support/ManualQueue.h"
+#include "support/SampleScene.h"
 #include "support/TrueFace.h"
 
 namespace selvio {
@@ -17,6 +17,8 @@ namespace {
 constexpr int kWidth = 720;
 constexpr int kHeight = 1280;
 constexpr Size kScreen{1080, 1920};
+using test::oneFace;
+using test::sampleScene;
 using Statuses = std::vector<SelvioFacialCaptureStatus>;
 
 class Guidance : public ::testing::Test {
@@ -36,14 +38,6 @@ protected:
         delegate->detectionResults = [this](const auto& results) { reported = results->orderedStatuses(); };
         delegate->startCountdown = [this] { reported = Statuses(); };
         analyzer->setDelegate(delegate);
-        photograph = platform.imageLoader->loadImage(std::string(SELVIO_SAMPLES) + "/astronaut.jpg").value();
-        geometry = FaceGeometry::load(std::string(SELVIO_SAMPLES) + "/astronaut.json").value();
-    }
-
-    std::shared_ptr<const SimulatedFrames> frames(const std::string& keyFrame) const {
-        return SimulatedFrames::make(photograph, geometry,
-                                     MotionScript::parse(R"({"keyFrames": [)" + keyFrame + "]}", "test").value())
-            .value();
     }
 
     /// The statuses of one frame; a countdown in progress counts as none.
@@ -63,8 +57,6 @@ protected:
     const std::shared_ptr<ManualQueue> mainQueue = std::make_shared<ManualQueue>("main");
     std::shared_ptr<ManualQueue> analysisQueue;
     std::shared_ptr<SelvioFacialCaptureAnalyzer> analyzer;
-    std::shared_ptr<PixelBuffer> photograph;
-    FaceGeometry geometry;
     std::optional<Statuses> reported;
 };
 
@@ -96,11 +88,8 @@ TEST_F(Guidance, EachStatusFlipsWhereTheTrueFaceSaysSo) {
     }
     int sure = 0;
     for (const Pose& pose : poses) {
-        char keyFrame[200];
-        std::snprintf(keyFrame, sizeof keyFrame,
-                      R"({"at": 0, "visible": true, "center": [%f, %f], "jawWidth": %f, "roll": %f})", pose.x, pose.y,
-                      pose.width, pose.roll);
-        const auto scene = frames(keyFrame);
+        const std::string keyFrame = oneFace(pose.x, pose.y, pose.width, pose.roll);
+        const auto scene = sampleScene(keyFrame);
         const Statuses said = judge(scene->frame({}, kWidth, kHeight, kPixelFormat420v));
         const auto expected = rules::checkFace(
             trueChecksInput(scene->trueGeometry({}, kWidth, kHeight).front(), {kWidth, kHeight}, kScreen));
@@ -136,7 +125,7 @@ TEST_F(Guidance, EachStatusFlipsWhereTheTrueFaceSaysSo) {
 }
 
 TEST_F(Guidance, ASteadyFaceUnderSensorNoiseDoesNotFlicker) {
-    const auto scene = frames(R"({"at": 0, "visible": true, "center": [0.5, 0.46], "jawWidth": 0.63, "noise": 3})");
+    const auto scene = sampleScene(oneFace(0.5, 0.46, 0.63, 0, R"(, "noise": 3)"));
     int flickers = 0;
     for (int i = 0; i < 300; ++i) {
         flickers +=
@@ -147,9 +136,10 @@ TEST_F(Guidance, ASteadyFaceUnderSensorNoiseDoesNotFlicker) {
 
 TEST_F(Guidance, AnEmptySceneAndTwoPeopleAreTold) {
     EXPECT_EQ(
-        judge(frames(R"({"at": 0, "visible": false, "noise": 2})")->frame({}, kWidth, kHeight, kPixelFormat32BGRA)),
+        judge(
+            sampleScene(R"({"at": 0, "visible": false, "noise": 2})")->frame({}, kWidth, kHeight, kPixelFormat32BGRA)),
         Statuses{SelvioFacialCaptureStatusFaceNotFound});
-    const auto two = frames(
+    const auto two = sampleScene(
         R"({"at": 0, "visible": true, "center": [0.27, 0.45], "jawWidth": 0.36, "second": {"center": [0.75, 0.45], "jawWidth": 0.36, "roll": 0}})");
     EXPECT_EQ(judge(two->frame({}, kWidth, kHeight, kPixelFormat32BGRA)),
               Statuses{SelvioFacialCaptureStatusMoreThanOneFace});

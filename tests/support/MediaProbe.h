@@ -1,18 +1,14 @@
-// Reads recordings with an independent reader, and feeds writers with frames and sound of known content.
+// Reads recordings with an independent reader, and feeds writers with frames of known content.
 #pragma once
-
-#include <SelvioFacialCapture/imaging/SampleBuffer.h>
-
-#include <nlohmann/json.hpp>
 
 #include <cmath>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <sstream>
 #include <string>
 #include <utility>
 
+#include "support/Pixels.h"
 #include "support/TemporaryDirectory.h"
 
 namespace selvio::test {
@@ -27,23 +23,19 @@ inline std::string outputOf(const std::string& command) {
     return output;
 }
 
-/// What ffprobe says of a file's streams; an empty object for a file that it cannot read.
-inline nlohmann::json probe(const std::filesystem::path& file) {
-    const std::string text =
-        outputOf("ffprobe -v error -count_frames -show_streams -show_format -of json '" + file.string() + "'");
-    return nlohmann::json::parse(text, nullptr, false);
+/// What ffprobe says of a recording's "v"ideo or "a"udio: values between commas, in its own order. Empty for a file
+/// that it cannot read.
+inline std::string streamOf(const std::filesystem::path& file, const std::string& kind, const std::string& entries) {
+    std::string line = outputOf("ffprobe -v error -count_frames -select_streams " + kind +
+                                " -show_entries stream=" + entries + " -of csv=p=0 '" + file.string() + "'");
+    if (line.ends_with('\n')) line.pop_back();
+    return line;
 }
 
-inline nlohmann::json streamOfType(const nlohmann::json& media, const std::string& type) {
-    for (const auto& stream : media.value("streams", nlohmann::json::array())) {
-        if (stream.value("codec_type", "") == type) return stream;
-    }
-    return nlohmann::json::object();
-}
-
-inline double numberIn(const nlohmann::json& object, const char* key) {
-    const std::string text = object.value(key, "nan");
-    return text == "nan" ? std::nan("") : std::stod(text);
+/// NaN where there is no such stream.
+inline double secondsOf(const std::filesystem::path& file, const std::string& kind) {
+    const std::string text = streamOf(file, kind, "duration");
+    return text.empty() ? std::nan("") : std::stod(text);
 }
 
 /// Where a recording turns white and where its tone begins, in seconds; -1 if it never turns white.
@@ -66,13 +58,9 @@ inline std::pair<double, double> onsets(const std::filesystem::path& file) {
 
 /// A frame of one grey level.
 inline std::shared_ptr<PixelBuffer> greyFrame(int width, int height, PixelFormat format, std::uint8_t level) {
-    auto pixels = PixelBuffer::create(width, height, format);
-    for (int plane = 0; plane < pixels->planeCount(); ++plane) {
-        const auto& layout = pixels->layout().planes[static_cast<std::size_t>(plane)];
-        std::memset(pixels->data(plane), plane == 0 ? level : 128,
-                    layout.bytesPerRow * static_cast<std::size_t>(layout.height));
-    }
-    return pixels;
+    return painted(width, height, format, [&](std::uint8_t* sample, int, int, int plane) {
+        std::memset(sample, plane == 0 ? level : 128, format == kPixelFormat420v ? plane + 1U : 4U);
+    });
 }
 
 }  // namespace selvio::test

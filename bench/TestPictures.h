@@ -1,4 +1,4 @@
-// Pictures for the vision tests and benchmarks: a real portrait, moved, scaled, turned and made noisy.
+// Pictures for the benchmarks of the vision step: a real portrait, moved, scaled, turned and made noisy.
 #pragma once
 
 #include <SelvioFacialCapture/imaging/PixelBuffer.h>

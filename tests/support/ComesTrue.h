@@ -1,0 +1,19 @@
+#pragma once
+
+#include <chrono>
+#include <thread>
+
+namespace selvio::test {
+
+/// Waits for what nothing announces, ten seconds at most.
+template <typename Condition>
+bool comesTrue(Condition condition) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end) return false;
+        std::this_thread::yield();
+    }
+    return true;
+}
+
+}  // namespace selvio::test

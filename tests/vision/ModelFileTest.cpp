@@ -1,0 +1,109 @@
+// The reader of model files, on good ones and on what is made of them.
+#include "platform/linux/vision/ModelFile.h"
+#include "support/TemporaryDirectory.h"
+
+#include <SelvioFacialCapture/linux/Vision.h>
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+namespace selvio::test {
+namespace {
+
+constexpr int kChild = -1;  ///< the field is a table and no list
+
+/// The place of a number in the tree of tables that a model file is. The way to it: a field of the root table, an
+/// element of that list, which is a table again, one of its fields, and so on.
+std::size_t placeOf(const std::string& file, const std::vector<int>& way) {
+    const auto read = [&]<typename Number>(std::size_t at, Number number) {
+        std::memcpy(&number, &file[at], sizeof number);
+        return static_cast<std::size_t>(number);
+    };
+    std::size_t at = 0;
+    for (std::size_t step = 0; step < way.size(); step += 2) {
+        const std::size_t table = at + read(at, std::uint32_t{});
+        const std::size_t fields = table - read(table, std::int32_t{});
+        at = table + read(fields + 4 + 2 * static_cast<std::size_t>(way[step]), std::uint16_t{});
+        if (step + 1 == way.size() || way[step + 1] == kChild) continue;
+        at += read(at, std::uint32_t{}) + 4 + 4 * static_cast<std::size_t>(way[step + 1]);
+    }
+    return at;
+}
+
+// One byte of the network that finds faces is another one.
+TEST(ModelFile, RefusesWhatItDoesNotKnowByName) {
+    const std::string good = contentOf(VisionOptions().detectionModelPath);
+    const auto parse = [](const std::string& file) { return parseModel(std::as_bytes(std::span(file))); };
+    ASSERT_TRUE(parse(good));
+    enum Root { Operators = 1, Graphs = 2, Buffers = 4 };
+    enum Graph { Tensors, Inputs, Outputs, Steps };
+    enum Tensor { Shape, Type, Buffer };
+    enum Step { Operator, StepInputs, StepOutputs, Options = 4 };
+    const struct {
+        const char* words;
+        std::vector<int> way;
+        int value;
+        std::size_t byte = 0;  ///< of the number, the lowest first
+    } cases[] = {
+        {"operator number 99", {Operators, 1, 0}, 99},
+        {"no operator", {Graphs, 0, Steps, 3, Operator}, 99},
+        {"no buffer", {Graphs, 0, Tensors, 2, Buffer}, 1, 3},
+        {"impossible shape", {Graphs, 0, Tensors, 0, Shape, 1}, 0},
+        {"impossible shape", {Graphs, 0, Tensors, 0, Shape, 1}, 1, 3},
+        {"too large", {Graphs, 0, Tensors, 3, Shape, 1}, 0x28, 1},
+        {"does not fill", {Graphs, 0, Tensors, 2, Shape, 0}, 23},
+        {"unknown type 9", {Graphs, 0, Tensors, 2, Type}, 9},
+        {"finite", {Buffers, 2, 0, 0}, 0x7C, 1},
+        {"not a picture", {Graphs, 0, Inputs, 0}, 1},
+        {"output is not computed", {Graphs, 0, Outputs, 0}, 0},
+        {"tensor does not exist", {Graphs, 0, Steps, 2, StepInputs, 0}, 250},
+        {"known already", {Graphs, 0, Steps, 3, StepOutputs, 0}, 3},
+        {"Convolution", {Graphs, 0, Steps, 2, StepInputs, 0}, 4},  // not computed yet
+        {"Convolution", {Graphs, 0, Tensors, 3, Shape, 2}, 63},
+        {"Convolution", {Graphs, 0, Steps, 2, Options, kChild, 1}, 0},  // stride
+        {"padding", {Graphs, 0, Steps, 9, Options, kChild, 0}, 2},
+        {"channel multiplier", {Graphs, 0, Steps, 6, Options, kChild, 3}, 2},
+        {"DepthwiseConvolution", {Graphs, 0, Steps, 6, StepInputs, 0}, 0},
+        {"Add", {Graphs, 0, Steps, 10, StepInputs, 1}, 0},
+        {"MaxPool", {Graphs, 0, Steps, 107, Options, kChild, 3}, 0},
+        {"Dequantize", {Graphs, 0, Steps, 0, StepInputs, 0}, 0},
+        {"Reshape", {Graphs, 0, Steps, 158, StepInputs, 0}, 163},
+        {"axis", {Graphs, 0, Steps, 162, Options, kChild, 0}, 4},
+        {"Concatenation", {Graphs, 0, Steps, 162, Options, kChild, 0}, 2},
+        {"Pad", {Graphs, 0, Steps, 83, StepInputs, 1}, 92},
+    };
+    for (const auto& c : cases) {
+        std::string spoilt = good;
+        spoilt[placeOf(good, c.way) + c.byte] = static_cast<char>(c.value);
+        const auto parsed = parse(spoilt);
+        ASSERT_FALSE(parsed) << c.words;
+        EXPECT_NE(parsed.error().localizedDescription.find(c.words), std::string::npos)
+            << c.words << ": " << parsed.error().localizedDescription;
+    }
+}
+
+TEST(ModelFile, SaysWhichFileIsMissingOrDamaged) {
+    const TemporaryDirectory directory;
+    const VisionOptions good;
+    const std::string whole = contentOf(good.meshModelPath);
+    ASSERT_GT(whole.size(), 1'000'000U);
+    std::string flipped = whole;
+    for (std::size_t i = 100; i < flipped.size(); i += 97) flipped[i] = static_cast<char>(~flipped[i]);
+    const std::string paths[] = {
+        "/nonexistent/model.tflite",         "/",
+        directory.write("empty", ""),        directory.write("truncated", whole.substr(0, whole.size() - 50'000)),
+        directory.write("flipped", flipped), good.detectionModelPath};  // a good one, for something else
+    for (const std::string& path : paths) {
+        VisionOptions options;
+        options.meshModelPath = path;
+        const auto error = waitForVisionModels(options);
+        ASSERT_TRUE(error) << path;
+        for (const std::string& words : {path, std::string("scripts/install-deps.sh")})
+            EXPECT_NE(error->localizedDescription.find(words), std::string::npos) << error->localizedDescription;
+    }
+    EXPECT_FALSE(waitForVisionModels());
+}
+
+}  // namespace
+}  // namespace selvio::test
