@@ -12,9 +12,6 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
-#include <functional>
-#include <thread>
-#include <vector>
 
 namespace selvio::test {
 
@@ -59,40 +56,32 @@ struct Rig {
     std::shared_ptr<CaptureDeviceInput> input;
 };
 
-/// How many pixels of a frame's middle row are nearly white.
-inline int brightPixels(const SampleBuffer& sample) {
-    const PixelBuffer& pixels = *sample.imageBuffer();
-    const std::uint8_t* const row =
-        pixels.data() + pixels.bytesPerRow() * static_cast<std::size_t>(pixels.height() / 2);
-    const int step = pixels.planeCount() == 2 ? 1 : 4;
-    int bright = 0;
-    for (int x = 0; x < pixels.width(); ++x) bright += row[x * step] > 0xD0 ? 1 : 0;
-    return bright;
-}
-
 struct Delivery {
     int width, height;  // of the sensor
     PixelFormat format;
     VideoOrientation orientation;
     int expectedWidth, expectedHeight;
-    int leastBright = -1;  // pixels of the middle row in a frame; -1: all of them
+    int leastBright;  // pixels of the middle row in a frame
 };
 
 /// What a camera at 30 frames a second delivers in one of its formats.
 inline void expectDelivery(const std::shared_ptr<CaptureSystem>& system, const std::shared_ptr<CaptureDevice>& camera,
                            const Delivery& c) {
-    SCOPED_TRACE(testing::Message() << c.width << "x" << c.height << " as " << c.expectedWidth << "x"
-                                    << c.expectedHeight);
+    SCOPED_TRACE(testing::Message() << c.format << " " << c.expectedWidth << "x" << c.expectedHeight);
     camera->setActiveFormat({{c.format, c.width, c.height}, 30});
     Rig rig(system, camera, c.format, c.orientation);
     int leastBright = c.width;
-    rig.probe->onFrame = [&](const auto& sample) { leastBright = std::min(leastBright, brightPixels(*sample)); };
+    rig.probe->onFrame = [&](const auto& sample) {
+        const PixelBuffer& pixels = *sample->imageBuffer();
+        int bright = 0;
+        for (int x = 0; x < pixels.width(); ++x) bright += *sampleAt(pixels, x, pixels.height() / 2) > 0xD0 ? 1 : 0;
+        leastBright = std::min(leastBright, bright);
+    };
     const auto before = rig.session->masterClockTime();
     ASSERT_NO_FATAL_FAILURE(rig.capture(32));
     EXPECT_EQ(rig.probe->last_, (VideoFormatDescription{c.format, c.expectedWidth, c.expectedHeight}));
-    EXPECT_EQ(leastBright, c.leastBright < 0 ? c.expectedWidth : c.leastBright);
+    EXPECT_EQ(leastBright, c.leastBright);
     const auto& frames = rig.probe->frames_;
-    ASSERT_GT(frames.size(), 1U);
     std::vector<nanoseconds> distances;
     for (std::size_t i = 1; i < frames.size(); ++i)
         distances.push_back(*frames[i].presentationTime - *frames[i - 1].presentationTime);

@@ -4,11 +4,9 @@
 #include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <array>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
-#include <optional>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -18,9 +16,8 @@ namespace selvio::test {
 class Child {
 public:
     explicit Child(std::vector<std::string> arguments) {
-        std::array<int, 2> in{};
-        std::array<int, 2> out{};
-        if (::pipe2(in.data(), O_CLOEXEC) != 0 || ::pipe2(out.data(), O_CLOEXEC) != 0) return;
+        int in[2], out[2];
+        if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0) return;
         pid_ = ::fork();
         if (pid_ == 0) {
             ::dup2(in[0], 0);
@@ -42,13 +39,11 @@ public:
         ::waitpid(pid_, nullptr, 0);
         if (output_ != nullptr) std::fclose(output_);
     }
-    /// Nothing at the end of the output.
-    std::optional<std::string> readLine() {
-        char line[1024];
-        if (output_ == nullptr || std::fgets(line, sizeof line, output_) == nullptr) return std::nullopt;
-        std::string text(line);
-        while (!text.empty() && text.back() == '\n') text.pop_back();
-        return text;
+    /// Empty at the end of the output.
+    std::string readLine() {
+        char line[1024] = "";
+        if (output_ == nullptr || std::fgets(line, sizeof line, output_) == nullptr) return "";
+        return std::string(line, std::strcspn(line, "\n"));
     }
     bool killAtEnd = true;
 
