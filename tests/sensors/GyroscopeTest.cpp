@@ -7,27 +7,28 @@
 
 #include <atomic>
 #include <map>
-#include <thread>
 
+#include "support/ComesTrue.h"
 #include "support/TemporaryDirectory.h"
 
 namespace selvio {
 namespace {
 
-namespace fs = std::filesystem;
+using Files = std::map<std::string, std::string>;
 
 // A tree of files such as the kernel shows.
 class IioTree : public ::testing::Test {
 protected:
-    void write(const std::string& device, const std::map<std::string, std::string>& files) {
-        for (const auto& [name, text] : files) directory_.write((fs::path(device) / name).string(), text + "\n");
+    void write(const std::string& device, const Files& files) {
+        for (const auto& [name, text] : files) directory_.write(device + "/" + name, text + "\n");
     }
     const test::TemporaryDirectory directory_;
-    const fs::path root_ = directory_.path();
+    const std::filesystem::path root_ = directory_.path();
+    const Files raw_{{"in_anglvel_x_raw", "100"}, {"in_anglvel_y_raw", "-200"}, {"in_anglvel_z_raw", "0"}};
 };
 
 TEST_F(IioTree, ReadsRatesInRadiansPerSecond) {
-    const std::pair<std::map<std::string, std::string>, std::optional<RotationRate>> cases[] = {
+    const std::pair<Files, std::optional<RotationRate>> cases[] = {
         {{{"in_anglvel_x_scale", "0.01"}, {"in_anglvel_y_scale", "0.02"}, {"in_anglvel_z_scale", "1"}}, {{1, -4, 0}}},
         {{{"in_anglvel_scale", "0.001"},
           {"in_anglvel_x_offset", "-300"},
@@ -37,8 +38,8 @@ TEST_F(IioTree, ReadsRatesInRadiansPerSecond) {
     };
     write("iio:device0", {{"in_accel_x_raw", "5"}});
     for (const auto& [files, expected] : cases) {
-        fs::remove_all(root_ / "iio:device1");
-        write("iio:device1", {{"in_anglvel_x_raw", "100"}, {"in_anglvel_y_raw", "-200"}, {"in_anglvel_z_raw", "0"}});
+        std::filesystem::remove_all(root_ / "iio:device1");
+        write("iio:device1", raw_);
         write("iio:device1", files);
         const auto gyroscope = IioGyroscope::find(root_);
         ASSERT_EQ(gyroscope.has_value(), expected.has_value());
@@ -53,27 +54,21 @@ TEST_F(IioTree, ReadsRatesInRadiansPerSecond) {
 }
 
 TEST_F(IioTree, FeedsTheHandlerUntilStopped) {
-    write("iio:device0",
-          {{"in_anglvel_x_raw", "7"}, {"in_anglvel_y_raw", "0"}, {"in_anglvel_z_raw", "0"}, {"in_anglvel_scale", "1"}});
+    write("iio:device0", raw_);
+    write("iio:device0", {{"in_anglvel_scale", "0.07"}});
     const auto queue = std::make_shared<SerialQueue>("motion");
     const auto manager = makeIioMotionManager({.iioDirectory = root_, .busAddress = {}});
     std::atomic<int> readings = 0;
     std::atomic<int> errors = 0;
-    const auto handler = [&](const DeviceMotion& motion, const std::optional<Error>& error) {
-        EXPECT_TRUE(queue->isCurrent());
-        EXPECT_TRUE(error || motion.rotationRate.x == 7);
-        ++(error ? errors : readings);
-    };
-    const auto reaches = [](const std::atomic<int>& count, int enough) {
-        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        while (count < enough && std::chrono::steady_clock::now() < end) std::this_thread::yield();
-        return count >= enough;
-    };
     manager->setDeviceMotionUpdateInterval(std::chrono::milliseconds(1));
-    manager->startDeviceMotionUpdates(queue, handler);
-    EXPECT_TRUE(reaches(readings, 5));
-    fs::remove(root_ / "iio:device0" / "in_anglvel_x_raw");
-    EXPECT_TRUE(reaches(errors, 2));
+    manager->startDeviceMotionUpdates(queue, [&](const DeviceMotion& motion, const std::optional<Error>& error) {
+        EXPECT_TRUE(queue->isCurrent());
+        EXPECT_TRUE(error || std::abs(motion.rotationRate.x - 7) < 1e-9);
+        ++(error ? errors : readings);
+    });
+    EXPECT_TRUE(test::comesTrue([&] { return readings >= 5; }));
+    std::filesystem::remove(root_ / "iio:device0" / "in_anglvel_x_raw");
+    EXPECT_TRUE(test::comesTrue([&] { return errors >= 2; }));
     manager->stopDeviceMotionUpdates();
     queue->drain();
     const int total = readings + errors;

@@ -4,13 +4,14 @@
 #include <gio/gio.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <thread>
+#include "support/ComesTrue.h"
 
 namespace selvio {
 namespace {
 
 constexpr const char* kName = "net.hadess.SensorProxy";
+constexpr auto kFlags = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
 constexpr const char* kPath = "/net/hadess/SensorProxy";
 constexpr const char* kInterface = R"(<node><interface name="net.hadess.SensorProxy">
   <method name="ClaimAccelerometer"/><property name="AccelerometerOrientation" type="s" access="read"/>
@@ -21,9 +22,7 @@ class StandInProxy {
 public:
     explicit StandInProxy(const char* address) {
         g_main_context_push_thread_default(context_);
-        const auto flags = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                                             G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
-        bus_ = g_dbus_connection_new_for_address_sync(address, flags, nullptr, nullptr, nullptr);
+        bus_ = g_dbus_connection_new_for_address_sync(address, kFlags, nullptr, nullptr, nullptr);
         static const GDBusInterfaceVTable table = {&onCall, &onGet, nullptr, {}};
         g_dbus_connection_register_object(bus_, kPath, node_->interfaces[0], &table, this, nullptr, nullptr);
         g_bus_own_name_on_connection(bus_, kName, G_BUS_NAME_OWNER_FLAGS_NONE, nullptr, nullptr, nullptr, nullptr);
@@ -37,8 +36,7 @@ public:
         g_main_context_unref(context_);
     }
     void serve() {
-        while (g_main_context_iteration(context_, FALSE) != FALSE) {
-        }
+        while (g_main_context_iteration(context_, FALSE) != FALSE) continue;
     }
     void turn(const char* word) {
         word_ = word;
@@ -54,9 +52,9 @@ private:
         g_dbus_method_invocation_return_value(claim, nullptr);
     }
     static GVariant* onGet(GDBusConnection*, const char*, const char*, const char*, const char*, GError**,
-                           gpointer data) {
-        const auto* const self = static_cast<StandInProxy*>(data);
-        return g_variant_new_string(self->claimed_ ? self->word_ : "undefined");
+                           gpointer self) {
+        const auto& proxy = *static_cast<const StandInProxy*>(self);
+        return g_variant_new_string(proxy.claimed_ ? proxy.word_ : "undefined");
     }
 
     const char* word_ = "left-up";
@@ -75,13 +73,11 @@ TEST(OrientationSensor, FollowsTheProxyWhileThereIsOne) {
         const auto sensor = makeOrientationSensor({.busAddress = address});
         EXPECT_EQ(sensor->orientation(), DeviceOrientation::Portrait);
         const auto becomes = [&](DeviceOrientation expected) {
-            const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-            while (sensor->orientation() != expected && std::chrono::steady_clock::now() < deadline) {
+            return test::comesTrue([&] {
                 EXPECT_NE(sensor->orientation(), DeviceOrientation::Unknown);
                 if (proxy) proxy->serve();
-                std::this_thread::yield();
-            }
-            return sensor->orientation() == expected;
+                return sensor->orientation() == expected;
+            });
         };
         EXPECT_TRUE(becomes(DeviceOrientation::LandscapeRight)) << "read after the claim";
         for (const auto& [word, orientation] : {std::pair{"bottom-up", DeviceOrientation::PortraitUpsideDown},
