@@ -20,19 +20,18 @@ constexpr const char* kText =
 std::pair<std::string, Rect> cardWith(int module, bool turned) {
     auto code = ZXing::MultiFormatWriter(ZXing::BarcodeFormat::PDF417).setMargin(0).encode(kText, 0, 0);
     if (turned) code.rotate90();
-    const int width = code.width() * module;
-    const int height = code.height() * module;
-    const int left = (kWidth - width) / 2;
-    const int top = (kHeight - height) / 2 + 40;
+    const int left = (kWidth - code.width() * module) / 2;
+    const int top = (kHeight - code.height() * module) / 2 + 40;
     std::string levels;
     for (int y = 0; y < kHeight; ++y) {
         for (int x = 0; x < kWidth; ++x) {
-            const bool inCode = x >= left && x < left + width && y >= top && y < top + height;
-            const bool ink = inCode && code.get((x - left) / module, (y - top) / module);
+            const int column = (x - left) / module, row = (y - top) / module;
+            const bool ink =
+                x >= left && column < code.width() && y >= top && row < code.height() && code.get(column, row);
             levels.push_back(static_cast<char>((ink ? 40 : 200) * (kWidth - x) / kWidth));
         }
     }
-    return {levels, {1.0 * left, 1.0 * top, 1.0 * width, 1.0 * height}};
+    return {levels, {1.0 * left, 1.0 * top, 1.0 * code.width() * module, 1.0 * code.height() * module}};
 }
 
 TEST(Barcode, ReadsPdf417CodesWhileFramesKeepArriving) {
@@ -48,8 +47,8 @@ TEST(Barcode, ReadsPdf417CodesWhileFramesKeepArriving) {
                       " ! rawvideoparse format=gray8 width=1280 height=720 ! imagefreeze is-live=true ! videoconvert",
             .rawFormat = portrait ? "NV12" : "BGRA"};
         const auto system = makeGstCaptureSystem({.systemDevices = false, .sources = {camera}});
-        const auto devices = system->discoverDevices({}, MediaType::Video, CaptureDevicePosition::Unspecified)->devices;
-        Rig rig(system, devices.at(0), portrait ? kPixelFormat420v : kPixelFormat32BGRA, orientation);
+        Rig rig(system, system->defaultDevice(MediaType::Video), portrait ? kPixelFormat420v : kPixelFormat32BGRA,
+                orientation);
         const auto output = system->makeMetadataOutput();
         output->setMetadataObjectsDelegate(rig.probe, rig.queue);
         rig.session->addOutput(output);
