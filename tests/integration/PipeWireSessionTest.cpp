@@ -17,6 +17,7 @@ using ::testing::HasSubstr;
 // Waits, within limits, for the two devices, lists them, and captures. Everything published ends with the shell.
 constexpr const char* kSession = R"(
 set -u
+[ -n "${SELVIO_PRIVATE_PIPEWIRE:-}" ] || { echo UNAVAILABLE; exit; }
 ffmpeg -v error -f lavfi -i sine=frequency=440:duration=60 -ar 48000 -ac 1 "$OUT/tone.wav"
 gst-launch-1.0 -q videotestsrc is-live=true ! video/x-raw,format=NV12,width=720,height=1280,framerate=30/1 ! \
     gdkpixbufoverlay location="$OUT/person.jpg" ! pipewiresink mode=provide \

@@ -4,7 +4,6 @@
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
-#include <sstream>
 #include <string>
 #include <utility>
 
@@ -38,22 +37,15 @@ inline double secondsOf(const std::filesystem::path& file, const std::string& ki
     return text.empty() ? std::nan("") : std::stod(text);
 }
 
-/// Where a recording turns white and where its tone begins, in seconds; -1 if it never turns white.
+/// Where a recording that begins dark and silent becomes light, and where its tone begins, in seconds; 0: never.
 inline std::pair<double, double> onsets(const std::filesystem::path& file) {
-    const std::string sound = outputOf("ffmpeg -v error -i '" + file.string() + "' -f s16le -ac 1 -ar 48000 -");
-    std::size_t onset = 0;
-    for (std::int16_t sample = 0; onset < sound.size() / 2; ++onset) {
-        std::memcpy(&sample, sound.data() + onset * 2, 2);
-        if (std::abs(sample) > 3000) break;
-    }
-    std::istringstream lines(
-        outputOf("ffprobe -v error -f lavfi -i \"movie='" + file.string() +
-                 "',signalstats\" -show_entries frame=pts_time:frame_tags=lavfi.signalstats.YAVG -of csv=p=0"));
-    for (std::string line; std::getline(lines, line);) {
-        if (std::stod(line.substr(line.find(',') + 1)) > 128)
-            return {std::stod(line), static_cast<double>(onset) / 48000.0};
-    }
-    return {-1.0, -1.0};
+    const std::string found = outputOf("ffmpeg -v info -i '" + file.string() +
+                                       "' -vf blackdetect=d=0.1 -af silencedetect=n=-25dB:d=0.1 -f null - 2>&1");
+    const auto after = [&](const std::string& word) {
+        const auto at = found.find(word);
+        return at == std::string::npos ? 0.0 : std::stod(found.substr(at + word.size()));
+    };
+    return {after("black_end:"), after("silence_end:")};
 }
 
 /// A frame of one grey level.

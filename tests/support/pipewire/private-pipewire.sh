@@ -1,21 +1,25 @@
 #!/usr/bin/env bash
-# Runs a PipeWire of its own, apart from the one of the desktop, with nothing shared and nothing left behind.
+# Runs a command beside a PipeWire of its own, apart from the one of the desktop, with nothing shared and nothing left behind:
 #
-#   private-pipewire.sh COMMAND...   runs the command inside and exits with its code
-#   private-pipewire.sh --serve      prints "READY" and "NAME=value" lines of the environment, one empty line, and runs until its input ends
+#   private-pipewire.sh COMMAND...
 #
-# Exits with 77 and one line "UNAVAILABLE: reason" on standard output where PipeWire cannot start.
+# Exits with the command's code. Where PipeWire cannot start the command runs without SELVIO_PRIVATE_PIPEWIRE.
 set -u
-unavailable() { echo "UNAVAILABLE: $1"; exit 77; }
+without() {
+    echo "UNAVAILABLE: $1" >&2
+    shift
+    env -u SELVIO_PRIVATE_PIPEWIRE "$@"
+    exit
+}
 
 if [ -z "${SELVIO_PRIVATE_PIPEWIRE:-}" ]; then
     for tool in dbus-run-session pipewire wireplumber pw-cli; do
-        command -v "$tool" >/dev/null || unavailable "$tool is not installed"
+        command -v "$tool" >/dev/null || without "$tool is not installed" "$@"
     done
     exec env SELVIO_PRIVATE_PIPEWIRE=1 dbus-run-session -- "$0" "$@"
 fi
 
-home=$(mktemp -d "${TMPDIR:-/tmp}/selvio-pipewire-XXXXXX") || unavailable "no temporary directory"
+home=$(mktemp -d "${TMPDIR:-/tmp}/selvio-pipewire-XXXXXX") || without "no temporary directory" "$@"
 export XDG_RUNTIME_DIR=$home/run XDG_CONFIG_HOME=$home/config XDG_STATE_HOME=$home/state PIPEWIRE_RUNTIME_DIR=$home/run
 mkdir -m 700 "$XDG_RUNTIME_DIR" "$XDG_CONFIG_HOME" "$XDG_STATE_HOME"
 unset PIPEWIRE_REMOTE DISPLAY WAYLAND_DISPLAY
@@ -44,18 +48,9 @@ manager_is_up() { pw-cli ls Client 2>/dev/null | grep -q 'WirePlumber \[export\]
 
 pipewire >"$home/pipewire.log" 2>&1 </dev/null &
 pids+=($!)
-wait_for 10 test -S "$XDG_RUNTIME_DIR/pipewire-0" || unavailable "PipeWire does not start: $(tail -n 1 "$home/pipewire.log")"
+wait_for 10 test -S "$XDG_RUNTIME_DIR/pipewire-0" || without "PipeWire does not start: $(tail -n 1 "$home/pipewire.log")" "$@"
 wireplumber >"$home/wireplumber.log" 2>&1 </dev/null &
 pids+=($!)
-wait_for 10 manager_is_up || unavailable "WirePlumber does not start: $(tail -n 1 "$home/wireplumber.log")"
+wait_for 10 manager_is_up || without "WirePlumber does not start: $(tail -n 1 "$home/wireplumber.log")" "$@"
 
-if [ "$1" = --serve ]; then
-    echo READY
-    for name in XDG_RUNTIME_DIR XDG_CONFIG_HOME XDG_STATE_HOME PIPEWIRE_RUNTIME_DIR DBUS_SESSION_BUS_ADDRESS; do
-        echo "$name=${!name}"
-    done
-    echo
-    cat >/dev/null
-else
-    "$@"
-fi
+"$@"
