@@ -1,7 +1,6 @@
 #include "platform/linux/gstreamer/Mp4Index.h"
 #include "support/LogCapture.h"
 #include "support/MediaProbe.h"
-#include "support/Pixels.h"
 
 #include <SelvioFacialCapture/linux/Recording.h>
 
@@ -11,20 +10,17 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <fstream>
 #include <future>
 #include <map>
 #include <random>
-#include <sstream>
 #include <thread>
 
 namespace selvio {
 namespace {
 
 using namespace test;
-using std::chrono::milliseconds;
 using std::chrono::nanoseconds;
 using ::testing::Contains;
 using ::testing::ElementsAre;
@@ -155,7 +151,7 @@ TEST_F(AssetWriterTest, BitRateAndKeyFramesFollowTheFramesOwnRate) {
             std::fill_n(sample, plane + 1, static_cast<std::uint8_t>(128 + (plane == 0 ? random() % 48 : 0)));
         });
     }
-    constexpr int kSeconds = 7;
+    constexpr int kSeconds = 7;  // which the command below knows
     constexpr double kBitRate = 1'500'000;
     for (const int rate : {10, 25, 30, 60}) {
         SCOPED_TRACE(rate);
@@ -172,15 +168,11 @@ TEST_F(AssetWriterTest, BitRateAndKeyFramesFollowTheFramesOwnRate) {
         ASSERT_EQ(finish(), AssetWriterStatus::Completed);
         const double bits = static_cast<double>(std::filesystem::file_size(file_)) * 8;
         EXPECT_NEAR(bits / kSeconds, kBitRate, kBitRate / 10);
-        std::istringstream packets(
-            outputOf("ffprobe -v error -show_entries packet=pts_time,flags -of csv=p=0 '" + file_.string() + "'"));
-        double last = 0.0;
-        for (std::string line; std::getline(packets, line);) {
-            if (line.find('K') == std::string::npos) continue;
-            EXPECT_LE(std::stod(line) - last, 2.01);
-            last = std::stod(line);
-        }
-        EXPECT_GE(last, kSeconds - 2.01);
+        // The times of key frames, as far as one comes too late.
+        EXPECT_EQ(
+            outputOf("ffprobe -v error -skip_frame nokey -show_entries frame=pts_time -of csv=p=0 '" + file_.string() +
+                     "' | awk '$1 - last > 2.01 {print} {last = $1} END {if (last < 4.99) print \"last\", last}'"),
+            "");
     }
 }
 
@@ -299,11 +291,7 @@ TEST_F(AssetWriterTest, CannotStartWhereNoFileCanBeMade) {
 }
 
 TEST_F(AssetWriterTest, NamesThePackageThatIsMissing) {
-    const struct {
-        const char* codec;  // null: sound
-        std::vector<std::string> disabled;
-        const char* package;
-    } cases[] = {
+    const std::tuple<const char*, std::vector<std::string>, const char*> cases[] = {
         {kVideoCodecTypeH264,
          {"vah264enc", "vah264lpenc", "vaapih264enc", "nvh264enc", "qsvh264enc", "v4l2h264enc", "x264enc",
           "openh264enc"},
@@ -313,14 +301,14 @@ TEST_F(AssetWriterTest, NamesThePackageThatIsMissing) {
         {nullptr, {"avenc_aac", "voaacenc", "fdkaacenc"}, "gstreamer1.0-libav"},
         {"VP9", {}, "\"VP9\" is not recorded"},
     };
-    for (const auto& c : cases) {
+    for (const auto& [codec, disabled, package] : cases) {
         LogCapture log;
-        const auto factory = makeGstAssetWriterFactory({.disabledElements = c.disabled});
+        const auto factory = makeGstAssetWriterFactory({.disabledElements = disabled});
         const auto writer = factory->makeAssetWriter(file_, kFileTypeMPEG4).value();
         const auto input =
-            c.codec != nullptr ? factory->makeVideoInput({c.codec, 180, 320, {}}) : factory->makeAudioInput({});
+            codec != nullptr ? factory->makeVideoInput({codec, 180, 320, {}}) : factory->makeAudioInput({});
         EXPECT_FALSE(writer->canAddInput(*input));
-        EXPECT_THAT(log.take(), Contains(HasSubstr(c.package)));
+        EXPECT_THAT(log.take(), Contains(HasSubstr(package)));
         writer->addInput(input);
         EXPECT_FALSE(writer->startWriting()) << "there is no track";
     }

@@ -88,11 +88,7 @@ TEST(Capture, AStopEndsTheOpeningOfACameraThatDoesNotAnswer) {
 }
 
 TEST(Capture, SaysWhyACameraDoesNotStartOrEnds) {
-    const struct {
-        const char* source;
-        bool starts;
-        const char* log;
-    } cases[] = {
+    const std::tuple<const char*, bool, const char*> cases[] = {
         {"nosuchsource", false, "Capture: could not start: \"nosuchsource\": no element \"nosuchsource\""},
         {"appsrc is-live=true", false, "\"camera\" delivers no frames"},
         {"videotestsrc is-live=true ! identity error-after=10", true, "Capture: stopped: identity"},
@@ -100,18 +96,18 @@ TEST(Capture, SaysWhyACameraDoesNotStartOrEnds) {
         {"concat name=c videotestsrc is-live=true num-buffers=10 ! c.sink_0 appsrc is-live=true ! c.sink_1", true,
          "Capture: stopped: the camera delivers no more"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.source);
+    for (const auto& [source, starts, reason] : cases) {
+        SCOPED_TRACE(source);
         LogCapture log;
-        const auto [system, camera] = cameraOf({.sources = {sourceCamera(c.source)},
-                                                .openingTimeout = milliseconds(c.starts ? 5000 : 300),
+        const auto [system, camera] = cameraOf({.sources = {sourceCamera(source)},
+                                                .openingTimeout = milliseconds(starts ? 5000 : 300),
                                                 .stallTimeout = milliseconds(300)});
         Rig rig(system, camera);
         rig.session->startRunning();
-        EXPECT_TRUE(!c.starts || rig.probe->waitForFrames(1));
-        EXPECT_THAT(linesAtTheEndOf(*rig.session, log), Contains(HasSubstr(c.log)));
+        EXPECT_TRUE(!starts || rig.probe->waitForFrames(1));
+        EXPECT_THAT(linesAtTheEndOf(*rig.session, log), Contains(HasSubstr(reason)));
         rig.session->startRunning();
-        EXPECT_EQ(rig.session->isRunning(), c.starts) << "it may be started again";
+        EXPECT_EQ(rig.session->isRunning(), starts) << "it may be started again";
     }
 }
 

@@ -38,22 +38,19 @@ TEST(CaptureRules, PreferFullRateThenNoConversionThenRaw) {
 }
 
 TEST(CaptureRules, PresetsStandForSizes) {
-    const struct {
-        std::vector<std::pair<int, int>> sizes;
-        const char* preset;  // null: nothing was set
-        std::pair<int, int> expected;
-    } cases[] = {
+    // No preset: nothing was set.
+    const std::tuple<std::vector<std::pair<int, int>>, const char*, std::pair<int, int>> cases[] = {
         {{{640, 480}, {1280, 720}}, kCaptureSessionPreset1920x1080, {0, 0}},
         {{{640, 480}, {3840, 2160}, {1280, 960}}, kCaptureSessionPresetHigh, {1280, 960}},
         {{{1920, 1080}, {1280, 720}}, nullptr, {1280, 720}},
         {{{320, 240}, {640, 480}}, nullptr, {640, 480}},
     };
-    for (const auto& c : cases) {
+    for (const auto& [sizes, preset, expected] : cases) {
         std::vector<CaptureDeviceFormat> formats;
-        for (const auto& [w, h] : c.sizes) formats.push_back({{kPixelFormat420v, w, h}, 30});
-        const auto found = (c.preset != nullptr ? formatForPreset(formats, c.preset) : initialFormat(formats))
+        for (const auto& [w, h] : sizes) formats.push_back({{kPixelFormat420v, w, h}, 30});
+        const auto found = (preset != nullptr ? formatForPreset(formats, preset) : initialFormat(formats))
                                .value_or(CaptureDeviceFormat{});
-        EXPECT_EQ(std::pair(found.formatDescription.width, found.formatDescription.height), c.expected);
+        EXPECT_EQ(std::pair(found.formatDescription.width, found.formatDescription.height), expected);
     }
 }
 
@@ -81,12 +78,7 @@ TEST(AudioClock, SmoothsJitterFollowsDriftAndJumpsOverLosses) {
 
 TEST(PlaceAudio, PutsEveryBlockWhereItsTimeSays) {
     // Blocks of 480 frames at 48 kHz: 10 ms.
-    const struct {
-        const char* what;
-        std::int64_t written;
-        nanoseconds time;
-        AudioPlacement expected;
-    } cases[] = {
+    const std::tuple<const char*, std::int64_t, nanoseconds, AudioPlacement> cases[] = {
         {"first block late: silence up to it, however short", 0, milliseconds(5), {240, 0}},
         {"first block begins before the start: its head is cut", 0, milliseconds(-4), {0, 192}},
         {"block entirely before the start", 0, milliseconds(-50), {0, 480}},
@@ -94,7 +86,8 @@ TEST(PlaceAudio, PutsEveryBlockWhereItsTimeSays) {
         {"a hole is filled", 24LL * 3600 * 48000, std::chrono::hours(24) + milliseconds(250), {12000, 0}},
         {"an overlap beyond jitter is cut", 4800, milliseconds(88), {0, 480}},
     };
-    for (const auto& c : cases) EXPECT_EQ(placeAudio(c.written, c.time, 480, 48000), c.expected) << c.what;
+    for (const auto& [what, written, time, expected] : cases)
+        EXPECT_EQ(placeAudio(written, time, 480, 48000), expected) << what;
 }
 
 TEST(VideoEncoders, HardwareByRankComesBeforeSoftwareInOrder) {

@@ -77,22 +77,19 @@ TEST(MotionScript, HoldsMovesAndSwitches) {
     ASSERT_TRUE(once) << once.error().localizedDescription;
     EXPECT_EQ(once.value().duration(), 6s);
     EXPECT_TRUE(once.value().tellsSmile());
-    const struct {
-        std::chrono::milliseconds time;
-        double x, roll, rate;
-        bool second;
-    } rows[] = {{-1s, 0.2, 0, 1, false},     {1s, 0.2, 0, 1, false}, {2s, 0.4, 10, 0.5, false},
-                {2999ms, 0.6, 20, 0, false}, {4s, 0.6, 20, 0, true}, {99s, 0.6, 20, 0, false}};
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.time.count());
-        const MotionState state = once.value().stateAt(row.time);
-        EXPECT_NEAR(state.face.center.x, row.x, 0.001);
-        EXPECT_NEAR(state.face.roll, row.roll, 0.011);
-        EXPECT_NEAR(state.rotationRate.y, row.rate, 0.001);
-        EXPECT_EQ(state.second.has_value(), row.second);
-        EXPECT_EQ(state.visible, row.time < 5s);
-        EXPECT_EQ(state.barcode.has_value(), row.time < 5s);
-        EXPECT_EQ(state.smiling, row.time >= 3s);
+    const std::tuple<std::chrono::milliseconds, double, double, double, bool> rows[] = {
+        {-1s, 0.2, 0, 1, false},     {1s, 0.2, 0, 1, false}, {2s, 0.4, 10, 0.5, false},
+        {2999ms, 0.6, 20, 0, false}, {4s, 0.6, 20, 0, true}, {99s, 0.6, 20, 0, false}};
+    for (const auto& [time, x, roll, rate, second] : rows) {
+        SCOPED_TRACE(time.count());
+        const MotionState state = once.value().stateAt(time);
+        EXPECT_NEAR(state.face.center.x, x, 0.001);
+        EXPECT_NEAR(state.face.roll, roll, 0.011);
+        EXPECT_NEAR(state.rotationRate.y, rate, 0.001);
+        EXPECT_EQ(state.second.has_value(), second);
+        EXPECT_EQ(state.visible, time < 5s);
+        EXPECT_EQ(state.barcode.has_value(), time < 5s);
+        EXPECT_EQ(state.smiling, time >= 3s);
     }
     EXPECT_NEAR(parse("true").value().stateAt(8s).face.center.x, 0.4, 1e-9);
 }

@@ -70,12 +70,7 @@ TEST(SimulatedCapture, FindsItsDevices) {
 }
 
 TEST(SimulatedCapture, FramesFollowPresetFormatAndOrientation) {
-    const struct {
-        const char* preset;
-        PixelFormat format;
-        VideoOrientation orientation;
-        VideoFormatDescription expected;
-    } rows[] = {
+    const std::tuple<const char*, PixelFormat, VideoOrientation, VideoFormatDescription> rows[] = {
         {kCaptureSessionPreset640x480, 0, VideoOrientation::Portrait, {kPixelFormat32BGRA, 480, 640}},
         {kCaptureSessionPreset1280x720, kPixelFormat420v, VideoOrientation::NotSet, {kPixelFormat420v, 1280, 720}},
         {kCaptureSessionPreset640x480,
@@ -86,38 +81,33 @@ TEST(SimulatedCapture, FramesFollowPresetFormatAndOrientation) {
     const LogCapture logged;  // the third format is none that it delivers
     Rig rig;
     rig.session->startRunning();
-    for (const auto& row : rows) {
-        rig.session->setSessionPreset(row.preset);
-        rig.video->setPixelFormat(row.format);
-        rig.video->connections().at(0)->setVideoOrientation(row.orientation);
+    for (const auto& [preset, format, orientation, expected] : rows) {
+        rig.session->setSessionPreset(preset);
+        rig.video->setPixelFormat(format);
+        rig.video->connections().at(0)->setVideoOrientation(orientation);
         rig.step(40ms);
-        EXPECT_EQ(rig.probe->last_, row.expected) << row.preset;
+        EXPECT_EQ(rig.probe->last_, expected) << preset;
         const auto settings = rig.video->recommendedVideoSettings(kFileTypeMPEG4);
-        EXPECT_EQ(std::pair(settings.width, settings.height), std::pair(row.expected.width, row.expected.height));
+        EXPECT_EQ(std::pair(settings.width, settings.height), std::pair(expected.width, expected.height));
     }
 }
 
 TEST(SimulatedCapture, PermissionsAnswerAsSet) {
-    const struct {
-        AuthorizationStatus status;
-        bool answer;
-        bool granted;
-        AuthorizationStatus after;
-    } rows[] = {
+    const std::tuple<AuthorizationStatus, bool, bool, AuthorizationStatus> rows[] = {
         {AuthorizationStatus::NotDetermined, true, true, AuthorizationStatus::Authorized},
         {AuthorizationStatus::NotDetermined, false, false, AuthorizationStatus::Denied},
         {AuthorizationStatus::Restricted, true, false, AuthorizationStatus::Restricted},
         {AuthorizationStatus::Authorized, false, true, AuthorizationStatus::Authorized},
     };
-    for (const auto& row : rows) {
+    for (const auto& [status, answer, expected, after] : rows) {
         Rig rig;
-        rig.system->setAuthorizationStatus(MediaType::Audio, row.status);
-        rig.system->setAccessAnswer(row.answer);
+        rig.system->setAuthorizationStatus(MediaType::Audio, status);
+        rig.system->setAccessAnswer(answer);
         std::optional<bool> granted;
         rig.system->requestAccess(MediaType::Audio, [&](bool answer) { granted = answer; });
-        EXPECT_EQ(granted, row.granted);
-        EXPECT_EQ(rig.system->authorizationStatus(MediaType::Audio), row.after);
-        EXPECT_EQ(bool(rig.system->makeDeviceInput(rig.system->defaultDevice(MediaType::Audio))), row.granted);
+        EXPECT_EQ(granted, expected);
+        EXPECT_EQ(rig.system->authorizationStatus(MediaType::Audio), after);
+        EXPECT_EQ(bool(rig.system->makeDeviceInput(rig.system->defaultDevice(MediaType::Audio))), expected);
         EXPECT_EQ(rig.system->authorizationStatus(MediaType::Video), AuthorizationStatus::Authorized);
     }
 }

@@ -168,21 +168,17 @@ TEST(FaceFinding, SaysWhyItCannotLook) {
     const auto wrapped = [](const PixelBufferLayout& layout) {
         return PixelBuffer::wrap(layout, {nullptr, nullptr}, [] {});
     };
-    const struct {
-        Buffer buffer;
-        std::uint32_t orientation;
-        VisionOptions options;
-        const char* words;
-    } cases[] = {{nullptr, 5, {}, "no pixel buffer"},
-                 {wrapped({.width = 0, .height = 0}), 5, {}, "size or format"},
-                 {wrapped(unknown), 5, {}, "size or format"},
-                 {good, 9, {}, "orientation 9"},
-                 {good, 5, missing, "/nonexistent/mesh.tflite"}};
-    for (const auto& c : cases) {
+    const std::tuple<Buffer, std::uint32_t, VisionOptions, const char*> cases[] = {
+        {nullptr, 5, {}, "no pixel buffer"},
+        {wrapped({.width = 0, .height = 0}), 5, {}, "size or format"},
+        {wrapped(unknown), 5, {}, "size or format"},
+        {good, 9, {}, "orientation 9"},
+        {good, 5, missing, "/nonexistent/mesh.tflite"}};
+    for (const auto& [buffer, orientation, options, words] : cases) {
         const auto result =
-            makeSequenceRequestHandler(c.options)->perform({.pixelBuffer = c.buffer, .exifOrientation = c.orientation});
-        ASSERT_FALSE(result) << c.words;
-        EXPECT_NE(result.error().localizedDescription.find(c.words), std::string::npos) << c.words;
+            makeSequenceRequestHandler(options)->perform({.pixelBuffer = buffer, .exifOrientation = orientation});
+        ASSERT_FALSE(result) << words;
+        EXPECT_NE(result.error().localizedDescription.find(words), std::string::npos) << words;
     }
 }
 

@@ -149,22 +149,18 @@ LandmarkPoints schematicFace(double mouthWidth, double cornersBelowNose, double 
 }
 
 TEST(Smile, IsAWideMouthWithHighCornersHoweverTheHeadIsHeld) {
-    const struct {
-        const char* name;
-        double width, cornersBelowNose, lipsBelowCorners, opening;
-        bool smiles;
-    } cases[] = {{"neutral", 78, 40, -1, 2, false},
-                 {"pursed", 55, 42, 0, 0, false},
-                 {"closed smile", 115, 28, 8, 2, true},
-                 {"laughing", 112, 22, 14, 28, true},
-                 {"sad", 75, 46, -6, 0, false}};
-    for (const auto& c : cases) {
-        LandmarkPoints points = schematicFace(c.width, c.cornersBelowNose, c.lipsBelowCorners, c.opening);
-        EXPECT_EQ(isSmiling(points), c.smiles) << c.name;
+    const std::tuple<const char*, LandmarkPoints, bool> cases[] = {{"neutral", schematicFace(78, 40, -1, 2), false},
+                                                                   {"pursed", schematicFace(55, 42, 0, 0), false},
+                                                                   {"closed smile", schematicFace(115, 28, 8, 2), true},
+                                                                   {"laughing", schematicFace(112, 22, 14, 28), true},
+                                                                   {"sad", schematicFace(75, 46, -6, 0), false}};
+    for (const auto& [name, face, smiles] : cases) {
+        LandmarkPoints points = face;
+        EXPECT_EQ(isSmiling(points), smiles) << name;
         const double score = smileScore(smileFeaturesOf(points).value());
         for (Point& p : points)
             p = {7 + 3.7 * (0.8 * p.x + 0.6 * p.y), 3.7 * (0.8 * p.y - 0.6 * p.x)};  // near and tilted
-        EXPECT_NEAR(smileScore(smileFeaturesOf(points).value()), score, 1e-9) << c.name;
+        EXPECT_NEAR(smileScore(smileFeaturesOf(points).value()), score, 1e-9) << name;
     }
     EXPECT_FALSE(isSmiling(LandmarkPoints{}));
 }
