@@ -185,10 +185,17 @@ TEST(SimulatedCapture, CodesComeWhenTheyAreLookedFor) {
 }
 
 // By itself, on a queue of its own.
-TEST(SimulatedCapture, RunsWhateverManyThreadsDoUntilItsDelegateStopsIt) {
+TEST(SimulatedCapture, RunsUntilItsDelegateStopsItAndWhateverManyThreadsDo) {
     const auto frameQueue = std::make_shared<SerialQueue>("frames");
     Rig rig(kSteady, {.frameRate = 240}, std::make_shared<SystemClock>(), frameQueue);
     rig.session->setSessionPreset(kCaptureSessionPreset640x480);
+    rig.probe->onFrame = [session = rig.session](const auto&) { session->stopRunning(); };
+    rig.session->startRunning();
+    EXPECT_TRUE(rig.probe->waitForFrames(1));
+    frameQueue->drain();
+    EXPECT_FALSE(rig.session->isRunning());
+    rig.probe->onFrame = nullptr;
+
     const LogCapture logged;
     const std::function<void(int)> works[] = {
         [&](int) { rig.session->startRunning(); },
@@ -207,14 +214,7 @@ TEST(SimulatedCapture, RunsWhateverManyThreadsDoUntilItsDelegateStopsIt) {
     rig.system->setFaults({});
     rig.video->setSampleBufferDelegate(rig.probe, frameQueue);
     rig.session->startRunning();
-    EXPECT_TRUE(rig.probe->waitForFrames(3));
-    rig.session->stopRunning();
-    frameQueue->drain();
-    rig.probe->onFrame = [&](const auto&) { rig.session->stopRunning(); };
-    rig.session->startRunning();
-    EXPECT_TRUE(rig.probe->waitForFrames(1));
-    frameQueue->drain();
-    EXPECT_FALSE(rig.session->isRunning());
+    EXPECT_TRUE(rig.probe->waitForFrames(3));  // and the running session's end is the end of its thread
 }
 
 TEST(SimulatedMotionManager, ReadsTheScriptUntilStopped) {
