@@ -10,31 +10,28 @@
 namespace selvio {
 namespace {
 
-using testing::ElementsAre;
-using testing::IsEmpty;
-
 TEST(Camera, initializers) {
     CameraRig rig;
     const Platform& on = rig.platform;
-    const Rect own{1.0, 2.0, 3.0, 4.0};
-    const Rect given{5.0, 6.0, 7.5, 8.0};
+    const Rect own{1.0, 2.0, 3.0, 4.0}, given{5.0, 6.0, 7.5, 8.0};
     const auto front = CaptureDevicePosition::Front;
     const auto left = VideoOrientation::LandscapeLeft;
     const struct {
         std::function<std::shared_ptr<Camera>()> make;
         Rect frame;
-        std::string is;  // position, format, preset, resolution, orientation
+        std::string is = "1 0 - 0x0 0";  // position, format, preset, resolution, orientation
     } rows[] = {
-        // clang-format off
-        {[&] { return Camera::init(on); }, own, "1 0 - 0x0 0"},
-        {[&] { return Camera::initWithCoder("{", on); }, own, "1 0 - 0x0 0"},
-        {[&] { return Camera::initWithCoder(R"({"Frame":[5,6,null,8]})", on); }, own, "1 0 - 0x0 0"},
-        {[&] { return Camera::initWithCoder(R"({"Frame":[5,6,7.5]})", on); }, own, "1 0 - 0x0 0"},
-        {[&] { return Camera::initWithCoder(R"({"Frame":{"a":5,"b":6,"c":7,"d":8}})", on); }, own, "1 0 - 0x0 0"},
+        {[&] { return Camera::init(on); }, own},
+        {[&] { return Camera::initWithCoder("{", on); }, own},
+        {[&] { return Camera::initWithCoder(R"({"Frame":[5,6,null,8]})", on); }, own},
+        {[&] { return Camera::initWithCoder(R"({"Frame":[5,6,7.5]})", on); }, own},
+        {[&] { return Camera::initWithCoder(R"({"Frame":{"a":5,"b":6,"c":7,"d":8}})", on); }, own},
         {[&] { return Camera::initWithPreset("High", 32, front, left, given, on); }, given, "2 32 High 0x0 4"},
         {[&] { return Camera::initWithPreset("High", 32, front, given, on); }, given, "2 32 High 0x0 1"},
-        {[&] { return Camera::initWithDesiredResolution({640, 480}, 32, front, given, on); }, given, "2 32 - 640x480 0"},
-        // clang-format on
+        {[&] {
+             return Camera::initWithDesiredResolution({640, 480}, 32, front, given, on);
+         },
+         given, "2 32 - 640x480 0"},
     };
     for (const auto& row : rows) {
         rig.view->setFrame(own);
@@ -45,6 +42,7 @@ TEST(Camera, initializers) {
            << camera->desiredResolution().height << ' ' << static_cast<int>(camera->cameraOrientation());
         EXPECT_EQ(is.str(), row.is);
         EXPECT_EQ(camera->view()->frame(), row.frame);
+        EXPECT_EQ(rig.view->shows->gravity, kVideoGravityResizeAspectFill);
         EXPECT_TRUE(camera->analyzeRGBVideo() && camera->shouldRecord() && camera->parameters() && camera->session());
         rig.view->setFrame(given);
         const auto archive = camera->encodeWithCoder();
@@ -55,13 +53,8 @@ TEST(Camera, initializers) {
 
 // Each port missing in turn: what does not need it still works, and nothing else does harm.
 TEST(Camera, missingPorts) {
-    const std::string all = "configured frame writing torch ";
-    const std::string noFile = "configured frame torch ";
-    const struct {
-        std::function<void(Platform&)> remove;
-        std::string works;
-    } rows[] = {
-        // clang-format off
+    const std::string all = "configured frame writing torch ", noFile = "configured frame torch ";
+    const std::pair<void (*)(Platform&), std::string> rows[] = {
         {[](Platform& on) { on.clock = nullptr; }, noFile},
         {[](Platform& on) { on.mainQueue = nullptr; }, "configured frame writing "},
         {[](Platform& on) { on.makeSerialQueue = {}; }, ""},
@@ -72,30 +65,29 @@ TEST(Camera, missingPorts) {
         {[](Platform& on) { on.fileManager = nullptr; }, noFile},
         {[](Platform& on) { on.makeView = {}; }, all},
         {[](Platform& on) { on.notificationCenter = nullptr; }, all},
-        // clang-format on
     };
-    for (const auto& row : rows) {
+    for (const auto& [remove, right] : rows) {
         CameraRig rig;
         rig.capture->torch = true;
         rig.writing->finishesAtOnce = true;
-        row.remove(rig.platform);
+        remove(rig.platform);
         rig.make();
-        EXPECT_EQ(rig.log.take().size(), row.works == all ? 0U : 1U) << &row - rows;
+        EXPECT_EQ(rig.log.take().size(), right == all ? 0U : 1U);
         rig.camera->parameters()->setRecordVideo(true);
         rig.configure();
         rig.camera->start();
         rig.run();
-        if (rig.video()) rig.video()->deliver(frame());
+        if (const auto& video = rig.system->video()) video->deliver(frame());
         rig.run();
         std::string works;
         for (const std::string& event : rig.events) works += event + " ";
         if (rig.camera->assetWriter()) works += "writing ";
         if (rig.camera->turnTorchOn()) works += "torch ";
-        EXPECT_EQ(works, row.works) << &row - rows;
+        EXPECT_EQ(works, right) << "row " << &right - &rows[0].second;
 
         rig.camera->updatePreviewLayer(VideoOrientation::Portrait);
         rig.notifications->post(ApplicationNotification::WillResignActive);
-        rig.main->advance(std::chrono::milliseconds(100));
+        rig.queues[kMain]->advance(std::chrono::milliseconds(100));
         rig.camera->stop();
         rig.camera->discardRecording();
         rig.camera->setParameters(nullptr);
@@ -106,41 +98,41 @@ TEST(Camera, missingPorts) {
 }
 
 TEST(Camera, permissions) {
-    const struct {
-        AuthorizationStatus status;
-        bool camera, microphone;
-    } rows[] = {{AuthorizationStatus::NotDetermined, true, false},  // the fake's person grants video only
-                {AuthorizationStatus::Denied, false, false},
-                {AuthorizationStatus::Authorized, true, true}};
-    for (const auto& row : rows) {
+    using enum AuthorizationStatus;
+    // The fake's person, who is asked when nothing is determined, grants video only.
+    for (const auto& [status, camera, microphone] :
+         {std::tuple(NotDetermined, true, false), {Denied, false, false}, {Authorized, true, true}}) {
         CameraRig rig;
-        rig.capture->authorization = row.status;
-        std::optional<bool> camera, microphone;
-        Camera::checkCameraPermission([&](bool granted) { camera = granted; }, rig.platform);
-        Camera::checkMicrophonePermission([&](bool granted) { microphone = granted; }, rig.platform);
-        EXPECT_EQ(camera, row.camera);
-        EXPECT_EQ(microphone, row.microphone);
+        rig.capture->authorization = status;
+        std::vector<bool> granted;
+        Camera::checkCameraPermission([&](bool is) { granted.push_back(is); }, rig.platform);
+        Camera::checkMicrophonePermission([&](bool is) { granted.push_back(is); }, rig.platform);
+        EXPECT_EQ(granted, (std::vector{camera, microphone}));
     }
 }
 
 TEST(Camera, shutDownInTheMiddleLeavesNothing) {
     CameraRig rig;
-    std::shared_ptr<CaptureSession> session;
-    rig.platform.makeSerialQueue = [&rig, &session, make = rig.platform.makeSerialQueue](const std::string& label) {
-        if (label == "MetaDataOutputQueue") session = rig.camera->session(), rig.camera->shutdown();
+    rig.platform.makeSerialQueue = [&rig, make = rig.platform.makeSerialQueue](const std::string& label) {
+        if (label == kCodes) rig.camera->shutdown();
         return make(label);
     };
-    rig.makeConfigured(true, true);
-    EXPECT_TRUE(session && session->outputs().empty() && !rig.camera->metaDataOutput() && !rig.camera->isConfigured());
-    EXPECT_THAT(rig.log.take(), IsEmpty());
+    rig.make();
+    rig.camera->parameters()->setRecordAudio(true);
+    rig.camera->setDetectPDF417(true);
+    rig.configure();
+    EXPECT_TRUE(rig.queues.contains(kCodes));
+    EXPECT_TRUE(rig.system->session()->outputs().empty() && !rig.camera->metaDataOutput());
+    EXPECT_FALSE(rig.camera->isConfigured());
+    EXPECT_THAT(rig.log.take(), testing::IsEmpty());
 }
 
 // A delegate call that runs is waited for, but not by one.
 TEST(Camera, shutdownWaitsForTheCallThatRuns) {
     for (const bool fromWithin : {false, true}) {
         CameraRig rig;
-        rig.makeConfigured();
-        const auto video = rig.video();
+        rig.make();
+        rig.configure();
         std::atomic<bool> entered{false}, returned{false}, tooEarly{false};
         rig.delegate->didReceiveSampleBuffer = [&](const auto&) {
             if (fromWithin) return rig.camera->shutdown();
@@ -150,14 +142,13 @@ TEST(Camera, shutdownWaitsForTheCallThatRuns) {
             rig.camera->stop();  // which wants the monitor
             tooEarly = returned.load();
         };
-        video->deliver(frame());
-        std::thread output([&] { rig.queues[rig.camera->videoOutputQueue()->label()]->runAll(); });
+        rig.system->video()->deliver(frame());
+        std::thread output([&] { rig.queues[kOutput]->runAll(); });
         while (!entered && !fromWithin) std::this_thread::yield();
         if (!fromWithin) rig.camera->shutdown();
         returned = true;
         output.join();
-        EXPECT_FALSE(tooEarly);
-        EXPECT_FALSE(rig.camera->session());
+        EXPECT_FALSE(tooEarly || rig.camera->session());
     }
 }
 
@@ -169,39 +160,22 @@ TEST(Camera, nothingQueuedKeepsTheCamera) {
     const std::weak_ptr<Camera> camera = rig.camera;
     rig.camera->setDelegate(rig.delegate);
     rig.camera->start();
-    rig.runSessionQueue();
+    rig.queues[kSession]->runAll();
     rig.camera->turnTorchOn();
     rig.camera->start();
     rig.camera.reset();
     EXPECT_TRUE(camera.expired());
 }
 
-TEST(Camera, settingsKeepWhatTheyDoNotDecide) {
-    const auto settings =
-        rules::recordingSettings({"H264", 640, 480, {{"Profile", 7}, {"AverageBitRate", 1}}}, std::nullopt, 10, 13);
-    EXPECT_EQ(std::pair(settings.width, settings.height), std::pair(640, 480)) << "the orientation cannot be known";
-    EXPECT_EQ(settings.codec, "H264");
-    EXPECT_EQ(settings.compressionProperties,
-              (std::map<std::string, std::int64_t>{{"Profile", 7}, {"AverageBitRate", 1'500'000}}));
-}
-
 TEST(Camera, fileNamesAreInLocalTime) {
-    const char* const before = std::getenv("TZ");
-    const std::string saved = before ? before : "";
-    const struct {
-        const char* zone;
-        double seconds;
-        const char* name;
-    } rows[] = {{"UTC0", 1.9996, "selvio_2001-01-01_00-00-01-999.mp4"},
-                {"IST-5:30", 0.5, "selvio_2001-01-01_05-30-00-500.mp4"},
-                {"EST5", -0.25, "selvio_2000-12-31_18-59-59-750.mp4"}};
-    for (const auto& row : rows) {
-        setenv("TZ", row.zone, 1);
-        EXPECT_EQ((tzset(), rules::recordingFileName(row.seconds)), row.name);
-        EXPECT_TRUE(rules::isLeftoverRecording(row.name));
+    for (const auto& [zone, seconds, name] : {std::tuple("UTC0", 1.9996, "selvio_2001-01-01_00-00-01-999.mp4"),
+                                              {"IST-5:30", 0.5, "selvio_2001-01-01_05-30-00-500.mp4"},
+                                              {"EST5", -0.25, "selvio_2000-12-31_18-59-59-750.mp4"}}) {
+        setenv("TZ", zone, 1);
+        EXPECT_EQ((tzset(), rules::recordingFileName(seconds)), name);
+        EXPECT_TRUE(rules::isLeftoverRecording(name));
     }
-    before ? setenv("TZ", saved.c_str(), 1) : unsetenv("TZ");
-    tzset();
+    unsetenv("TZ");
 }
 
 }  // namespace

@@ -18,28 +18,20 @@ struct FakeWriterScript {
     std::vector<std::weak_ptr<FakeAssetWriter>> made;
     CallLog calls;
     std::set<std::string> refused;  ///< "writer" (cannot be made), "video", "audio" (inputs)
-    std::atomic<bool> ready{true};
-    std::atomic<bool> finishesAtOnce{false};
+    std::atomic<bool> ready{true}, finishesAtOnce{false};
 };
 
-class FakeAssetWriterInput final : public AssetWriterInput {
-public:
+struct FakeAssetWriterInput final : AssetWriterInput {
     FakeAssetWriterInput(std::shared_ptr<FakeWriterScript> script, std::string name)
-        : script_(std::move(script)), name_(std::move(name)) {}
-    void setExpectsMediaDataInRealTime(bool expects) override {
-        script_->calls.add(name_ + (expects ? " real time" : " batch"));
-    }
-    [[nodiscard]] bool isReadyForMoreMediaData() const override { return script_->ready; }
-    bool appendSampleBuffer(const std::shared_ptr<SampleBuffer>&) override {
-        script_->calls.add(name_ + " sample");
-        return true;
-    }
-    void markAsFinished() override { script_->calls.add(name_ + " finished"); }
-    [[nodiscard]] const std::string& name() const { return name_; }
+        : script(std::move(script)), name(std::move(name)) {}
+    void setExpectsMediaDataInRealTime(bool expects) override { say(expects ? " real time" : " batch"); }
+    [[nodiscard]] bool isReadyForMoreMediaData() const override { return script->ready; }
+    bool appendSampleBuffer(const std::shared_ptr<SampleBuffer>&) override { return say(" sample"), true; }
+    void markAsFinished() override { say(" finished"); }
+    void say(const char* what) { script->calls.add(name + what); }
 
-private:
-    const std::shared_ptr<FakeWriterScript> script_;
-    const std::string name_;
+    const std::shared_ptr<FakeWriterScript> script;
+    const std::string name;
 };
 
 class FakeAssetWriter final : public AssetWriter {
@@ -47,10 +39,10 @@ public:
     explicit FakeAssetWriter(std::shared_ptr<FakeWriterScript> script) : script_(std::move(script)) {}
     [[nodiscard]] AssetWriterStatus status() const override { return status_; }
     [[nodiscard]] bool canAddInput(const AssetWriterInput& input) const override {
-        return !script_->refused.contains(dynamic_cast<const FakeAssetWriterInput&>(input).name());
+        return !script_->refused.contains(dynamic_cast<const FakeAssetWriterInput&>(input).name);
     }
     void addInput(std::shared_ptr<AssetWriterInput> input) override {
-        script_->calls.add("add " + dynamic_cast<const FakeAssetWriterInput&>(*input).name());
+        script_->calls.add("add " + dynamic_cast<const FakeAssetWriterInput&>(*input).name);
     }
     bool startWriting() override {
         script_->calls.add("start");
@@ -58,8 +50,7 @@ public:
         return true;
     }
     void startSessionAtSourceTime(std::chrono::nanoseconds time) override {
-        script_->calls.add("from " + std::to_string(std::chrono::duration_cast<std::chrono::seconds>(time).count()) +
-                           " s");
+        script_->calls.add("from " + std::to_string(time / std::chrono::seconds(1)) + " s");
     }
     void finishWriting(std::function<void()> completion) override {
         script_->calls.add("finish");
@@ -95,10 +86,10 @@ public:
         return std::shared_ptr<AssetWriter>(std::move(writer));
     }
     [[nodiscard]] std::shared_ptr<AssetWriterInput> makeVideoInput(const VideoSettings& settings) override {
-        const auto rate = settings.compressionProperties.find(kVideoAverageBitRateKey);
-        script_->calls.add("video " + settings.codec + " " + std::to_string(settings.width) + "x" +
-                           std::to_string(settings.height) + " at " +
-                           (rate == settings.compressionProperties.end() ? "no rate" : std::to_string(rate->second)));
+        std::string what =
+            "video " + settings.codec + " " + std::to_string(settings.width) + "x" + std::to_string(settings.height);
+        for (const auto& [key, value] : settings.compressionProperties) what += " " + key + " " + std::to_string(value);
+        script_->calls.add(what);
         return std::make_shared<FakeAssetWriterInput>(script_, "video");
     }
     [[nodiscard]] std::shared_ptr<AssetWriterInput> makeAudioInput(const AudioSettings& settings) override {

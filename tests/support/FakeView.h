@@ -3,7 +3,6 @@
 
 #include <SelvioFacialCapture/platform/View.h>
 
-#include <algorithm>
 #include <utility>
 
 namespace selvio {
@@ -27,26 +26,10 @@ private:
     std::shared_ptr<CaptureSession> session_;  // guarded by mutex_
 };
 
-class FakeView final : public View {
-public:
-    explicit FakeView(std::shared_ptr<FakePreviewLayer> layer) : layer_(std::move(layer)) {}
-    [[nodiscard]] std::shared_ptr<PreviewLayer> layer() const override { return layer_; }
-    void setFrame(Rect frame) override { frame_ = frame; }
-    [[nodiscard]] Rect frame() const override { return frame_; }
-    void addSubview(const BlurView& view) override { subviews.push_back(view); }
-    bool removeSubviewWithTag(std::int64_t tag) override {
-        const auto found =
-            std::find_if(subviews.begin(), subviews.end(), [tag](const BlurView& view) { return view.tag == tag; });
-        if (found == subviews.end()) return false;
-        subviews.erase(found);
-        return true;
-    }
-
-    std::vector<BlurView> subviews;
-
-private:
-    const std::shared_ptr<FakePreviewLayer> layer_;
-    Rect frame_{1.0, 2.0, 3.0, 4.0};
+struct FakeView final : PlainView {
+    explicit FakeView(std::shared_ptr<FakePreviewLayer> shows) : shows(std::move(shows)) {}
+    [[nodiscard]] std::shared_ptr<PreviewLayer> layer() const override { return shows; }
+    const std::shared_ptr<FakePreviewLayer> shows;
 };
 
 }  // namespace selvio
