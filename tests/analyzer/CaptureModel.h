@@ -55,10 +55,6 @@ struct Call {
 };
 using Methods = std::set<std::string>;
 
-inline std::string requestText(std::uint32_t orientation, int revision) {
-    return ", orientation " + std::to_string(orientation) + ", revision " + std::to_string(revision);
-}
-
 /// A capture whose ports and host answer as the test says and write down what they are asked and told.
 class DrivenCapture : public ManualAnalyzer, public Clock {
 public:
@@ -77,9 +73,8 @@ public:
     [[nodiscard]] double secondsSinceReferenceDate() const override { return time; }
     [[nodiscard]] std::chrono::nanoseconds monotonicTime() const override { return {}; }
     [[nodiscard]] std::shared_ptr<Clock> clock() { return {std::shared_ptr<void>(), this}; }
-
-    [[nodiscard]] std::array<std::size_t, 3> blocks() const {
-        return {analysisQueue->size(), globalQueue->size(), mainQueue->size()};
+    [[nodiscard]] auto blocks() const {
+        return std::array{analysisQueue->size(), globalQueue->size(), mainQueue->size()};
     }
     void settle() {
         while (analysisQueue->runNext() || globalQueue->runNext() || mainQueue->runNext()) {
@@ -90,8 +85,8 @@ protected:
     void reach(const std::string& place) {
         if (const auto once = std::exchange(during[place], nullptr)) once();
     }
-    void ask(const std::string& port, Mark mark, const std::string& how = "") {
-        asked.push_back(port + " " + std::to_string(mark) + how);
+    void ask(const std::string& port, Mark mark, std::uint32_t orientation = 0, int revision = 0) {
+        asked.push_back(::testing::PrintToString(std::tuple(port, mark, orientation, revision)));
         reach(port);
         if (outOfMemory) throw std::bad_alloc();
     }
@@ -108,6 +103,8 @@ protected:
 class CaptureModel : public DrivenCapture {
 public:
     CaptureModel(int serviceLevel, Size screenSize) : level(serviceLevel) { geometry.setScreen(screenSize); }
+
+    CaptureModel* operator->() { return this; }
 
     // What the analyzer shows.
 
@@ -161,12 +158,9 @@ public:
         if (spent) return;
         ++run;
         spent = true;
-        addEvent(8);
-        record->addUXP(log->events());
-        record->add({{"SelvioResultCode", "Cancelled"}});
         const Results cancelled = results->withoutSelection();
+        enterRecord(*cancelled, SelvioFacialCaptureResultCodeCancelled, 8);
         cancelled->setObixDataString(record->obixDataString());
-        cancelled->setResultCode(SelvioFacialCaptureResultCodeCancelled);
         tell("cancelled", cancelled);
         stop();
     }
@@ -190,7 +184,7 @@ public:
         geometry.setScreen(picture->size);
         geometry.setResolution(picture->size);
         keep(picture->mark, 5);
-        detect(*picture, 5, {Plain, run, nullptr, picture->mark});
+        detect(5, {Plain, run, nullptr, picture->mark});
     }
 
 private:
@@ -239,13 +233,13 @@ private:
                     " pixels lie on their side: the checks read upright portrait frames, and no face will pass them");
         }
         exif = rules::exifOrientationFor(device->orientation());
-        detect(frame, exif, step);
+        detect(exif, step);
     }
     /// A step without results is a still image's.
-    void detect(const Frame& frame, std::uint32_t orientation, Step step) {
+    void detect(std::uint32_t orientation, Step step) {
         const bool still = step.results == nullptr;
         try {
-            ask("request", frame.mark, requestText(orientation, level >= 13 ? 3 : 2));
+            ask("request", step.mark, orientation, level >= 13 ? 3 : 2);
         } catch (const std::bad_alloc&) {
             return say(std::string(still ? "A still image" : "A frame") + " could not be analysed: not enough memory");
         }
@@ -306,13 +300,12 @@ private:
         const bool began = smileStatus == 1, askedToStop = smiling && (began || manual);
         setStatuses(step.results,
                     {askedToStop ? SelvioFacialCaptureStatusStopSmiling : SelvioFacialCaptureStatusGoodFrame});
+        Step next = step.as(Judged);
         if (!manual && smiling != began) {  // it came, or went
-            const Step selected{Success, beginSelection(), step.results, smiling ? history.front() : history.back()};
-            closeRecord(selected, SelvioFacialCaptureResultCodeSuccessVideo);
-            wait(selected);
-        } else {
-            wait(step.as(Judged));
+            next = {Success, beginSelection(), step.results, smiling ? history.front() : history.back()};
+            closeRecord(next, SelvioFacialCaptureResultCodeSuccessVideo);
         }
+        wait(next);
         smileTest = false;
     }
 
@@ -323,17 +316,11 @@ private:
             if (step.delivery == Automatic) return other.delivery == Automatic && other.run == step.run;
             return step.delivery == Countdown && other.delivery == Countdown;
         };
-        const auto other = std::find_if(waiting.begin(), waiting.end(), takesItsPlace);
-        if (other == waiting.end()) {
-            mainQueue->async([this] { deliverFirst(); });
-        } else {
-            if (step.delivery == Automatic) return;
-            waiting.erase(other);
-        }
+        if (step.delivery == Automatic && std::ranges::any_of(waiting, takesItsPlace)) return;
+        if (std::erase_if(waiting, takesItsPlace) == 0) mainQueue->async([this] { deliverFirst(); });
         waiting.push_back(step);
     }
     void deliverFirst() {
-        if (waiting.empty()) return;
         const Step step = waiting.front();
         waiting.pop_front();
         if (step.run == run) deliver(step);
@@ -348,20 +335,19 @@ private:
                 step.results->setOrderedStatuses(Statuses{SelvioFacialCaptureStatusGoodFrame});
                 return finish(step, SelvioFacialCaptureResultCodeSuccessVideo);
             case Manual:
-                if (manualOnly || step.results->orderedStatuses().value_or(Statuses()).empty())
-                    step.results->setOrderedStatuses(
-                        Statuses{manualOnly ? SelvioFacialCaptureStatusNone : SelvioFacialCaptureStatusGoodFrame});
+                if (step.results->orderedStatuses().value_or(Statuses()).empty())
+                    step.results->setOrderedStatuses(Statuses{SelvioFacialCaptureStatusGoodFrame});
+                if (manualOnly) step.results->setOrderedStatuses(Statuses{SelvioFacialCaptureStatusNone});
                 return succeed(step, SelvioFacialCaptureResultCodeSuccessStillCamera);
             case CountdownStatus:
                 setStatuses(step.results, {SelvioFacialCaptureStatusCountdown});
-                break;
+                return tell("results", step.results);
             case Judged:
                 if (select && hears("success")) return finish(step, SelvioFacialCaptureResultCodeSuccessStillCamera);
-                break;
+                [[fallthrough]];
             case Plain:
-                break;
+                return tell("results", step.results);
         }
-        tell("results", step.results);
     }
 
     int beginSelection() {
@@ -378,11 +364,8 @@ private:
     void closeRecord(const Step& step, SelvioFacialCaptureResultCode code) {
         const Image image{pictureOf({step.mark})};
         step.results->setSelectedImage(image);
-        step.results->setResultCode(code);
-        addEvent(isAutomatic() ? 6 : 7);
-        record->addUXP(log->events());
         record->add({{"Autocapture", isAutomatic() ? "1" : "0"}});
-        record->add({{"SelvioResultCode", code == 2 ? "SuccessVideo" : "SuccessStillCamera"}});
+        enterRecord(*step.results, code, isAutomatic() ? 6 : 7);
         try {
             const auto quality = static_cast<double>(parameters->imageQuality());
             step.results->setEncodedSelectedImage(record->addToImage(image, quality));
@@ -390,6 +373,14 @@ private:
             say("The selected image could not be encoded: not enough memory");
         }
         step.results->setObixDataString(record->obixDataString());
+    }
+
+    void enterRecord(SelvioFacialCaptureResults& object, SelvioFacialCaptureResultCode code, int event) {
+        const char* const words[] = {"None", "SuccessStillCamera", "SuccessVideo", "Cancelled"};
+        addEvent(event);
+        record->addUXP(log->events());
+        record->add({{"SelvioResultCode", words[code]}});
+        object.setResultCode(code);
     }
 
     const int level;
