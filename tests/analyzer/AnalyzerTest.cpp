@@ -72,10 +72,10 @@ TEST_F(Analyzer, IsNotMadeWithoutParametersOrQueues) {
     bare.makeSerialQueue = platform().makeSerialQueue;
     makeAnalyzer(bare);
     std::string missing;
-    for (const auto& line : log.take()) missing += line.substr(0, line.find(':')) + '\n';
+    for (const auto& line : log.take()) missing += line.substr(0, line.find(':')) + ' ';
     for (const char* port : {"screen", "makeSequenceRequestHandler", "makeFaceDetector", "imageCodec", "device",
                              "makeMotionManager", "imageLoader"})
-        EXPECT_THAT(missing, ::testing::HasSubstr(std::string("The platform has no ") + port + '\n'));
+        EXPECT_THAT(missing, ::testing::HasSubstr(std::string("The platform has no ") + port + ' '));
     analyzer->resume();
     analyzer->analyzeImageAtPath("still.jpg");
     analyzer->analyzeSampleBuffer(blankFrame());
@@ -106,6 +106,8 @@ TEST_F(Analyzer, SaysWhenCapturesMeetInTheEventLog) {
 
 TEST_F(Analyzer, ShowsWhatItWasMadeOf) {
     EXPECT_EQ(motion->interval, std::chrono::milliseconds(300));
+    analyzer->pause();
+    EXPECT_TRUE(analyzer->shouldSkipFrames());
     EXPECT_EQ(analyzer->statusbarOrientation(), InterfaceOrientation::Portrait);
     EXPECT_TRUE(analyzer->isDepthDetected());
     EXPECT_EQ(analyzer->delegate(), delegate);

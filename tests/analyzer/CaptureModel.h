@@ -47,12 +47,6 @@ inline auto contentsOf(const SelvioFacialCaptureResults& results) {
 }
 using Contents = decltype(contentsOf(SelvioFacialCaptureResults()));
 
-/// A delegate call.
-struct Call {
-    std::string method;
-    Results object;  ///< null for a call without
-    Contents then;   ///< what it held at that time
-};
 using Methods = std::set<std::string>;
 
 /// A capture whose ports and host answer as the test says and write down what they are asked and told.
@@ -67,8 +61,9 @@ public:
     bool outOfMemory = false;              ///< in the detectors and the codec
     double time = 0;
     std::map<std::string, std::function<void()>> during;  ///< called once, at that place
-    std::vector<Call> calls;
-    std::vector<std::string> asked, logged;
+    std::vector<std::string> asked;                       ///< of the ports; and the log lines
+    std::vector<std::pair<std::string, Contents>> calls;  ///< of the delegate, with what came with them
+    std::vector<std::pair<Results, Contents>> given;      ///< to the delegate, and what it held at that time
 
     [[nodiscard]] double secondsSinceReferenceDate() const override { return time; }
     [[nodiscard]] std::chrono::nanoseconds monotonicTime() const override { return {}; }
@@ -91,11 +86,13 @@ protected:
         if (outOfMemory) throw std::bad_alloc();
     }
     void say(std::string_view line) {
-        logged.emplace_back(line);
+        asked.emplace_back(line);
         reach("log line");
     }
     void hear(const std::string& method, const Results& object) {
-        calls.push_back({method, object, object ? contentsOf(*object) : Contents()});
+        const Contents contents = object ? contentsOf(*object) : Contents();
+        calls.emplace_back(method, contents);
+        if (object) given.emplace_back(object, contents);
         reach("delegate call");
     }
 };

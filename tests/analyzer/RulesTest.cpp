@@ -66,7 +66,12 @@ TEST(FaceChecks, EveryFaceIsMeasuredAndJudgedByItsPoints) {
             points(9, {{4, tip}, {2, {tip.x - side, 0}}, {6, {tip.x + any({side, side * 1.8, grid(10, 100)}), 0}}}),
             oneIn(2) ? points(14, {{13, {1, 2}}, {7, {3, 4}}}) : points(10, {{9, {5, 6}}, {5, {7, 8}}})};
         const auto strictness = [] { return oneIn(2) ? 500 : 100 * below(11); };
-        const FaceLimits limits{strictness(), strictness(), strictness(), 400 + 10 * below(41), 500 + 10 * below(41)};
+        SelvioFacialCaptureParameters limits;
+        limits.setRoll(strictness());
+        limits.setPitch(strictness());
+        limits.setYaw(strictness());
+        limits.setMinFill(400 + 10 * below(41));
+        limits.setMaxFill(500 + 10 * below(41));
         const double small = odd && oneIn(5) ? 0 : 1000, big = any<double>({1200, 1700, 1780, 1790, 2170});
         const bool moving = oneIn(5), tall = big / small > 1.78;
 
@@ -77,15 +82,15 @@ TEST(FaceChecks, EveryFaceIsMeasuredAndJudgedByItsPoints) {
         const bool newerLips = face.outerLips && face.outerLips->size() == 14;
         const Point a = at(face.contour, newer ? 16 : 0), b = at(face.contour, newer ? 0 : 10);
         const Point chin = at(face.contour, newer ? 8 : 5), nose = at(face.nose, 4);
-        const double roll = larger(a.y, b.y), rollLimit = 1.25 + 0.0005 * static_cast<double>(500 - limits.roll);
+        const double roll = larger(a.y, b.y), rollLimit = 1.25 + 0.0005 * static_cast<double>(500 - limits.roll());
         const double yaw = larger(std::fabs(at(face.nose, 6).x - nose.x), std::fabs(at(face.nose, 2).x - nose.x));
-        const double yawLimit = 1.8 + 0.001 * static_cast<double>(500 - limits.yaw);
+        const double yawLimit = 1.8 + 0.001 * static_cast<double>(500 - limits.yaw());
         const double pitch = std::fabs((chin.y - a.y) / (nose.y - chin.y));
-        const double pitchLow = 1.2 - 0.0004 * static_cast<double>(500 - limits.pitch);
-        const double pitchHigh = 2.3 + 0.0006 * static_cast<double>(500 - limits.pitch);
+        const double pitchLow = 1.2 - 0.0004 * static_cast<double>(500 - limits.pitch());
+        const double pitchHigh = 2.3 + 0.0006 * static_cast<double>(500 - limits.pitch());
         const double fill = std::fabs(b.x - a.x) / ((tall ? 1.218 : 1.0) * small);
-        const double minFill = static_cast<double>(limits.minFill) / 1000;
-        const double maxFill = static_cast<double>(limits.maxFill) / 1000;
+        const double minFill = static_cast<double>(limits.minFill()) / 1000;
+        const double maxFill = static_cast<double>(limits.maxFill()) / 1000;
         const double vertical = larger(a.y, std::fabs(big - a.y));
         const double margin = std::min(a.x / small, (small - b.x) / small), marginLimit = tall ? 0.0 : 0.11;
         std::vector<SelvioFacialCaptureStatus> statuses;
@@ -99,7 +104,7 @@ TEST(FaceChecks, EveryFaceIsMeasuredAndJudgedByItsPoints) {
                                             {moving, 9}})
             if (wrong) statuses.push_back(static_cast<SelvioFacialCaptureStatus>(status));
 
-        const FaceChecksResult is = checkFace({face, limits, big, small, moving});
+        const FaceChecksResult is = checkFace({face, limitsOf(limits), big, small, moving});
         EXPECT_EQ(is.statuses, statuses);
         EXPECT_EQ(is.noseMiddle, nose);
         EXPECT_EQ(is.lipLeft, at(face.outerLips, newerLips ? 13 : 9));
@@ -114,16 +119,6 @@ TEST(FaceChecks, EveryFaceIsMeasuredAndJudgedByItsPoints) {
         if (statuses.empty()) seen.insert(0);
     }
     EXPECT_EQ(seen, (std::set<std::int64_t>{0, 3, 4, 5, 6, 7, 8, 9}));
-}
-
-TEST(FaceChecks, TheParametersSetTheLimits) {
-    SelvioFacialCaptureParameters parameters;
-    parameters.setRoll(1);
-    parameters.setPitch(2);
-    parameters.setYaw(3);
-    const FaceLimits is = limitsOf(parameters);
-    EXPECT_EQ((std::array{is.roll, is.pitch, is.yaw, is.minFill, is.maxFill}),
-              (std::array<std::int64_t, 5>{1, 2, 3, 550, 725}));
 }
 
 TEST(PreviewGeometry, APointOfThePictureIsFoundOnTheScreenThatShowsItsMiddle) {

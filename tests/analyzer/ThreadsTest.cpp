@@ -143,8 +143,7 @@ TEST(Threads, AStopInsideADelegateCallLeavesACancellationItsLog) {
 // detectors, the codec, the log and the delegate.
 TEST(Threads, ClockDeviceAndMotionManagerMayControlTheCapture) {
     using Analyzer = SelvioFacialCaptureAnalyzer;
-    for (const auto operation : {+[](Analyzer& a) { a.resume(); }, +[](Analyzer& a) { a.pauseFor(1), a.resume(); },
-                                 +[](Analyzer& a) { a.stop(); }, +[](Analyzer& a) { a.cancel(); }}) {
+    for (const auto operation : {&Analyzer::resume, &Analyzer::pause, &Analyzer::stop, &Analyzer::cancel}) {
         for (const std::string place : {"clock", "device", "motion"}) {
             SCOPED_TRACE(place);
             ManualAnalyzer capture;
@@ -153,11 +152,11 @@ TEST(Threads, ClockDeviceAndMotionManagerMayControlTheCapture) {
             SelvioFacialCaptureUxpEventManager::destroySharedInstance();
             capture.makeAnalyzer(capture.platform());
             int calls = 0;
-            bool inside = false;
-            const Operation intrude = [&] {
-                if (inside || ++calls > 20) return;  // what is asked of the motion manager from inside calls again
-                inside = true;
-                operation(*capture.analyzer);
+            const Operation intrude = [&, inside = false]() mutable {
+                // What is asked from inside calls again.
+                if (calls == 20 || std::exchange(inside, true)) return;
+                ++calls;
+                ((*capture.analyzer).*operation)();
                 inside = false;
             };
             (place == "clock"    ? clock->callBack

@@ -12,6 +12,7 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <map>
 #include <numbers>
 
 namespace {
@@ -23,15 +24,15 @@ using Utilities = SelvioFacialCaptureImageUtilities;
 constexpr double kPi = std::numbers::pi;
 
 TEST(Base64, followsTheStandardVectorsAndRefusesWhatIsNotItsOwnText) {
-    const std::pair<std::string, std::string> table[] = {{"", ""},
-                                                         {"f", "Zg=="},
-                                                         {"fo", "Zm8="},
-                                                         {"foo", "Zm9v"},
-                                                         {"foob", "Zm9vYg=="},
-                                                         {"fooba", "Zm9vYmE="},
-                                                         {"foobar", "Zm9vYmFy"},
-                                                         {"\xfb\xff\xbf", "+/+/"}};
-    for (const auto& [plain, text] : table) {
+    const std::map<std::string, std::string> texts = {{"", ""},
+                                                      {"f", "Zg=="},
+                                                      {"fo", "Zm8="},
+                                                      {"foo", "Zm9v"},
+                                                      {"foob", "Zm9vYg=="},
+                                                      {"fooba", "Zm9vYmE="},
+                                                      {"foobar", "Zm9vYmFy"},
+                                                      {"\xfb\xff\xbf", "+/+/"}};
+    for (const auto& [plain, text] : texts) {
         const std::vector<std::uint8_t> bytes(plain.begin(), plain.end());
         EXPECT_EQ(base64::encode(bytes), text);
         EXPECT_EQ(base64::decode(text), bytes) << text;
@@ -64,14 +65,11 @@ const Place kOver = [](int c, int r, int w, int h) { return std::array{w - 1 - c
 const Place kFlipped = [](int c, int r, int, int h) { return std::array{c, h - 1 - r}; };
 
 TEST(ImageUtilities, rotateMovesEverySampleOfEveryPlaneToItsPlace) {
-    const std::pair<double, Place> rotations[] = {{0.0, kUnturned},
-                                                  {kPi / 2, kClockwise},
-                                                  {-kPi / 2, kCounterclockwise},
-                                                  {kPi, kOver},
-                                                  {0.5, kFlipped},
-                                                  {-kPi, kFlipped},
-                                                  {std::nextafter(kPi / 2, 0.0), kFlipped},
-                                                  {std::numeric_limits<double>::quiet_NaN(), kFlipped}};
+    const double nan = std::numeric_limits<double>::quiet_NaN(), almost = std::nextafter(kPi / 2, 0.0);
+    const std::vector<std::pair<double, Place>> rotations = {
+        {0.0, kUnturned},   {kPi / 2, kClockwise}, {-kPi / 2, kCounterclockwise},
+        {kPi, kOver},       {0.5, kFlipped},       {-kPi, kFlipped},
+        {almost, kFlipped}, {nan, kFlipped}};
     for (const PixelFormat format : {kPixelFormat32BGRA, kPixelFormat32ARGB, kPixelFormat420v}) {
         for (const auto& [width, height] : {std::pair{6, 4}, {5, 3}, {1, 7}, {3, 70}}) {
             const auto source = distinctPicture(width, height, format);
@@ -109,9 +107,8 @@ TEST(ImageUtilities, sampleImagesShareThePixelsAndFollowTheDeviceTable) {
     const auto picture = distinctPicture(4, 4, kPixelFormat420v);
     const auto sample = SampleBuffer::makeVideo(picture, {std::chrono::nanoseconds(5), {}});
     using enum ImageOrientation;
-    const std::pair<std::int64_t, ImageOrientation> table[] = {{0, Up},   {1, Right}, {2, Right}, {3, Up},
-                                                               {4, Down}, {5, Right}, {77, Right}};
-    for (const auto& [device, orientation] : table) {
+    std::int64_t device = 0;
+    for (const auto orientation : {Up, Right, Right, Up, Down, Right, Right}) {
         const auto image = Utilities::imageFromSampleBufferWithDeviceOrientation(sample, device);
         const auto adjusted = Utilities::imageFromSampleBufferAdjustedForOrientation(sample, device);
         ASSERT_TRUE(image && adjusted);
@@ -119,6 +116,7 @@ TEST(ImageUtilities, sampleImagesShareThePixelsAndFollowTheDeviceTable) {
         EXPECT_EQ(adjusted->orientation, Up) << device;
         EXPECT_TRUE(image->bitmap == picture && adjusted->bitmap == picture);
         EXPECT_EQ(image->scale, 1.0);
+        ++device;
     }
     EXPECT_EQ(Utilities::imageFromSampleBuffer(sample)->orientation, Up);
 }
@@ -143,23 +141,22 @@ TEST(ImageUtilities, convertsBetweenTheOrdersOfChannelsAndFromVideoRange) {
     EXPECT_EQ(bytesAt(*Utilities::pixelBufferFromCGImage(argb), 4, 2), bytesAt(*argb, 4, 2));
     EXPECT_NE(Utilities::imageFromPixelBuffer(bgra)->bitmap->data(), bgra->data()) << "a copy";
 
-    const struct {
-        std::array<std::uint8_t, 3> yCbCr;
-        std::array<int, 4> argb;
-    } table[] = {{{16, 128, 128}, {255, 0, 0, 0}},        {{235, 128, 128}, {255, 255, 255, 255}},
-                 {{126, 128, 128}, {255, 128, 128, 128}}, {{81, 90, 240}, {255, 255, 0, 0}},
-                 {{145, 54, 34}, {255, 0, 255, 1}},       {{41, 240, 110}, {255, 0, 0, 255}},
-                 {{0, 128, 128}, {255, 0, 0, 0}},         {{255, 128, 128}, {255, 255, 255, 255}}};
-    for (const auto& c : table) {
+    const std::map<std::array<std::uint8_t, 3>, std::array<int, 4>> argbOf = {
+        {{16, 128, 128}, {255, 0, 0, 0}},        {{235, 128, 128}, {255, 255, 255, 255}},
+        {{126, 128, 128}, {255, 128, 128, 128}}, {{81, 90, 240}, {255, 255, 0, 0}},
+        {{145, 54, 34}, {255, 0, 255, 1}},       {{41, 240, 110}, {255, 0, 0, 255}},
+        {{0, 128, 128}, {255, 0, 0, 0}},         {{255, 128, 128}, {255, 255, 255, 255}}};
+    for (const auto& [yCbCr, right] : argbOf) {
         // Odd: the last column and row have colour of their own.
         const auto source = painted(3, 3, kPixelFormat420v, [&](std::uint8_t* to, int, int, int plane) {
-            std::copy_n(&c.yCbCr[plane == 0 ? 0 : 1], plane + 1, to);
+            std::copy_n(&yCbCr[plane == 0 ? 0 : 1], plane + 1, to);
         });
         const auto converted = Utilities::pixelBufferFromCGImage(source);
         ASSERT_NE(converted, nullptr);
-        for (int i = 0; i < 36; ++i)
-            EXPECT_NEAR(sampleAt(*converted, i / 4 % 3, i / 12)[i % 4], c.argb[static_cast<std::size_t>(i % 4)], 1)
-                << "luma " << int{c.yCbCr[0]};
+        for (std::size_t i = 0; i < 36; ++i) {
+            const int x = static_cast<int>(i / 4 % 3), y = static_cast<int>(i / 12);
+            EXPECT_NEAR(sampleAt(*converted, x, y)[i % 4], right[i % 4], 1) << "luma " << int{yCbCr[0]};
+        }
     }
 }
 
@@ -193,16 +190,13 @@ TEST(PixelBuffer, hasFromOneTo32767PixelsASide) {
 }
 
 TEST(ImageUtilities, copiesAreDeepEqualCompactAndWithoutTiming) {
-    const struct {
-        std::shared_ptr<PixelBuffer> source;
-        std::size_t bytesOfCopy;
-        bool keepsRows;
-    } table[] = {{distinctPicture(7, 5, kPixelFormat32BGRA), 5 * 64, true},
-                 {distinctPicture(7, 5, kPixelFormat420v), 5 * 64 + 3 * 64, true},
-                 {partOfAPicture(404, 720, kPixelFormat32BGRA, {5120, 0}), 720 * 1664, false},
-                 {partOfAPicture(9, 3, kPixelFormat32ARGB, {40, 0}), 3 * 40, true},
-                 {partOfAPicture(405, 719, kPixelFormat420v, {1280, 1280}), 719 * 448 + 360 * 448, false},
-                 {partOfAPicture(5, 3, kPixelFormat420v, {9, 11}), 3 * 9 + 2 * 11, true}};
+    const std::tuple<std::shared_ptr<PixelBuffer>, std::size_t, bool> table[] = {
+        {distinctPicture(7, 5, kPixelFormat32BGRA), 5 * 64, true},
+        {distinctPicture(7, 5, kPixelFormat420v), 5 * 64 + 3 * 64, true},
+        {partOfAPicture(404, 720, kPixelFormat32BGRA, {5120, 0}), 720 * 1664, false},
+        {partOfAPicture(9, 3, kPixelFormat32ARGB, {40, 0}), 3 * 40, true},
+        {partOfAPicture(405, 719, kPixelFormat420v, {1280, 1280}), 719 * 448 + 360 * 448, false},
+        {partOfAPicture(5, 3, kPixelFormat420v, {9, 11}), 3 * 9 + 2 * 11, true}};
     const auto pool = PixelBufferPool::create();
     for (const auto& [source, bytesOfCopy, keepsRows] : table) {
         SCOPED_TRACE(testing::Message() << source->format() << " " << source->width() << "x" << source->height());

@@ -45,14 +45,12 @@ TEST(UxpEvents, TimesAreWholeMillisecondsSinceTheLastClear) {
     const auto manager = Manager::init(clock);
     clock->advance(std::chrono::nanoseconds(1'999'900));
     manager->addEvent(event(9));
-    const json before = manager->events();
     clock->advance(std::chrono::seconds(3));
     manager->addEventWith(event(6), {{"extra", 7}});
-    EXPECT_EQ(before, json::parse(R"([{"FENF": [1]}])"));  // a copy: what comes later does not show in it
-    EXPECT_EQ(manager->events(), json::parse(R"([{"FENF": [1]}, {"MT": [3001, {"extra": 7}]}])"));
+    EXPECT_EQ(manager->events().dump(), R"([{"FENF":[1]},{"MT":[3001,{"extra":7}]}])");
     manager->clear();
     manager->addEvent(event(6));
-    EXPECT_EQ(manager->events(), json::parse(R"([{"MT": [0]}])"));
+    EXPECT_EQ(manager->events().dump(), R"([{"MT":[0]}])");
 }
 
 // While it does so, the clock calls every operation, and destroys the shared log.
@@ -78,9 +76,9 @@ TEST(UxpEvents, TheSharedLogStartsAnewOnceDestroyed) {
     clock->callBack = nullptr;
     EXPECT_EQ(Manager::sharedInstance()->events(), json::array()) << "what comes late stays in the old log";
     EXPECT_EQ(Manager::sharedInstance()->startTime(), 2.0);
+    Manager::setSharedClock(nullptr);
     old = Manager::sharedInstance();
     old->addEvent(event(9));
-    Manager::setSharedClock(nullptr);
     Manager::destroySharedInstance();
     EXPECT_EQ(old->events(), json::array());
 }
@@ -104,10 +102,9 @@ protected:
 };
 
 TEST_F(RecordTest, ItsMembersAreWrittenWithoutWhiteSpaceInAsciiAndTheLastOnesWin) {
-    EXPECT_EQ(json::parse(record->obixDataString().value()),
-              json::parse(R"({"ObixVersion": "1.6", "Platform": "iOS", "OS": "12.11", "Device": "Kiosk",
-        "Model": "x86_64", "Manufacturer": "Apple", "SDKVersion": "Facial Capture 3.2.1"})"));
-    EXPECT_EQ(record->obixDataString()->find("\": "), std::string::npos);
+    EXPECT_EQ(record->obixDataString(),
+              R"({"Device":"Kiosk","Manufacturer":"Apple","Model":"x86_64","OS":"12.11","ObixVersion":"1.6",)"
+              R"("Platform":"iOS","SDKVersion":"Facial Capture 3.2.1"})");
     record->add({{"Note", "Grüße"}, {"OS", "13"}});
     record->add({{"OS", "14"}});
     record->add(json::array({"not an object"}));
@@ -122,7 +119,7 @@ TEST_F(RecordTest, ItsMembersAreWrittenWithoutWhiteSpaceInAsciiAndTheLastOnesWin
 
     record->add({{"Note", "\xff\xfe"}});
     EXPECT_EQ(record->obixDataString(), std::nullopt) << "not UTF-8";
-    EXPECT_NE(embedded(50).find(": (none)"), std::string::npos) << "the photograph survives";
+    EXPECT_THAT(embedded(50), ::testing::EndsWith(": (none)")) << "the photograph survives";
 }
 
 TEST_F(RecordTest, ThePhotographIsEncodedTwiceAndCarriesTheRecord) {
@@ -139,22 +136,16 @@ TEST_F(RecordTest, ARecordTooLongForItsSegmentLosesItsOldestEventsInThePhotograp
     for (int i = 0; i < 1000; ++i) events.push_back({{"FENF", {i}}});
     record->addUXP(events);
     const std::string whole = record->obixDataString().value();
+    json comment = json::parse(whole), &kept = comment.at(kSelvioUxp);
+    while (comment.dump().size() > 1000) kept.erase(0);
     codec->commentLimit = 1000;
     LogCapture log;
-    const std::string text = embedded(95);
-    const json comment = json::parse(text.substr(text.find('{')));
-    const json& kept = comment.at(kSelvioUxp);
-    ASSERT_GT(kept.size(), 10U);
-    EXPECT_EQ(kept.back(), events.back());
-    EXPECT_EQ(kept.front(), events[events.size() - kept.size()]);
-    EXPECT_LE(comment.dump().size(), 1000U);
-    EXPECT_GT(comment.dump().size() + events[0].dump().size() + 4, 1000U);  // one more would not fit
+    EXPECT_THAT(embedded(95), ::testing::EndsWith(": " + comment.dump()));
     EXPECT_EQ(record->obixDataString(), whole);
     EXPECT_THAT(log.take(),
                 ::testing::ElementsAre(::testing::HasSubstr(std::to_string(1000 - kept.size()) + " oldest events")));
-
     codec->commentLimit = 10;
-    EXPECT_NE(embedded(95).find(": (none)"), std::string::npos);
+    EXPECT_THAT(embedded(95), ::testing::EndsWith(": (none)"));
     EXPECT_THAT(log.take(), ::testing::ElementsAre(::testing::HasSubstr("carries none")));
 }
 
