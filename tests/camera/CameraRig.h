@@ -38,15 +38,16 @@ struct CameraRig {
         platform.fileManager = files;
         platform.makeView = [this] { return view; };
         platform.notificationCenter = notifications;
+        writing->calls = capture->calls;
         const auto tell = [this](const std::string& event, const std::string& queue) {
-            events.push_back(event + (queues[queue]->isCurrent() ? "" : " off its queue"));
+            capture->calls.add("told " + event + (queues[queue]->isCurrent() ? "" : " off its queue"));
         };
         delegate->didFinishConfiguringSession = [=] { tell("configured", kSession); };
         delegate->didReceiveSampleBuffer = [=](const auto&) { tell("frame", kOutput); };
         delegate->didDropSampleBuffer = [=](const auto&) { tell("drop", kOutput); };
         delegate->didDecodeBarcode = [=](const std::string& text) { tell("barcode " + text, kCodes); };
         delegate->didFinishRecordingVideo = [this](const auto& data) {
-            events.push_back("recording of " + std::to_string(data.size()));
+            capture->calls.add("told recording of " + std::to_string(data.size()));
         };
     }
     ~CameraRig() {
@@ -71,8 +72,8 @@ struct CameraRig {
         run();
     }
 
-    LogCapture log;
     const std::shared_ptr<FakeCaptureScript> capture = std::make_shared<FakeCaptureScript>();
+    LogCapture log{capture->calls};  ///< the calls of all fakes, the messages and what the delegate was told
     const std::shared_ptr<FakeCaptureSystem> system = std::make_shared<FakeCaptureSystem>(capture);
     const std::shared_ptr<FakeWriterScript> writing = std::make_shared<FakeWriterScript>();
     const std::shared_ptr<FakeFileManager> files = std::make_shared<FakeFileManager>();
@@ -83,7 +84,6 @@ struct CameraRig {
     const std::shared_ptr<NotificationCenter> notifications = std::make_shared<NotificationCenter>();
     Platform platform;
 
-    Strings events;  ///< what the delegate was told, and whether on its queue
     const std::shared_ptr<SelvioFacialCaptureCameraDelegate> delegate =
         std::make_shared<SelvioFacialCaptureCameraDelegate>();
     std::shared_ptr<Camera> camera;

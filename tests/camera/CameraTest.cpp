@@ -80,7 +80,8 @@ TEST(Camera, missingPorts) {
         if (const auto& video = rig.system->video()) video->deliver(frame());
         rig.run();
         std::string works;
-        for (const std::string& event : rig.events) works += event + " ";
+        for (const std::string& call : rig.log.take())
+            if (call.starts_with("told ")) works += call.substr(5) + " ";
         if (rig.camera->assetWriter()) works += "writing ";
         if (rig.camera->turnTorchOn()) works += "torch ";
         EXPECT_EQ(works, right) << "row " << &right - &rows[0].second;
@@ -124,7 +125,7 @@ TEST(Camera, shutDownInTheMiddleLeavesNothing) {
     EXPECT_TRUE(rig.queues.contains(kCodes));
     EXPECT_TRUE(rig.system->session()->outputs().empty() && !rig.camera->metaDataOutput());
     EXPECT_FALSE(rig.camera->isConfigured());
-    EXPECT_THAT(rig.log.take(), testing::IsEmpty());
+    EXPECT_THAT(rig.log.take(), testing::Not(testing::Contains(testing::ContainsRegex("Can't|Could|Failed|told"))));
 }
 
 // A delegate call that runs is waited for, but not by one.

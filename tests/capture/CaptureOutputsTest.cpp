@@ -14,15 +14,13 @@ using test::CaptureProbe;
 using ::testing::ElementsAre;
 using ::testing::SizeIs;
 
-class VideoOutput final : public QueuedVideoOutput {
-public:
+struct VideoOutput final : QueuedVideoOutput {
     explicit VideoOutput(std::shared_ptr<const void> system)
         : QueuedVideoOutput(std::move(system), {kPixelFormat32BGRA, kPixelFormat420v}) {}
     [[nodiscard]] VideoSettings recommendedVideoSettings(const std::string&) const override { return {}; }
 };
 
-class Session final : public CaptureSessionBase {
-public:
+struct Session final : CaptureSessionBase {
     explicit Session(std::shared_ptr<const void> system) : CaptureSessionBase(std::move(system)) {}
     void beginConfiguration() override {}
     void commitConfiguration() override {}
@@ -37,13 +35,18 @@ public:
     int changes = 0;
 };
 
-std::shared_ptr<SampleBuffer> frameAt(std::chrono::milliseconds time) {
-    return SampleBuffer::makeVideo(PixelBuffer::create(2, 2, kPixelFormat32BGRA), {time, std::nullopt});
+using Times = std::vector<std::chrono::milliseconds>;
+
+/// Delivers a sample of each time.
+void deliver(QueuedVideoOutput& to, const Times& times) {
+    for (const auto time : times)
+        to.deliver(SampleBuffer::makeVideo(PixelBuffer::create(2, 2, kPixelFormat32BGRA), {time, std::nullopt}));
 }
 
-std::vector<std::chrono::nanoseconds> timesOf(const std::vector<SampleTiming>& timings) {
-    std::vector<std::chrono::nanoseconds> times;
-    for (const auto& timing : timings) times.push_back(*timing.presentationTime);
+Times timesOf(const std::vector<SampleTiming>& timings) {
+    Times times;
+    for (const auto& timing : timings)
+        times.push_back(std::chrono::duration_cast<std::chrono::milliseconds>(*timing.presentationTime));
     return times;
 }
 
@@ -76,59 +79,56 @@ struct Rig {
 
 TEST(CaptureOutputs, ALateFrameGivesWayToTheNewestWithANotice) {
     Rig rig;
-    auto first = frameAt(0ms);
+    auto first = SampleBuffer::makeVideo(PixelBuffer::create(2, 2, kPixelFormat32BGRA), {0ms, std::nullopt});
     const std::weak_ptr<SampleBuffer> late = first;
     rig.video->deliver(std::move(first));
-    for (const auto time : {1ms, 2ms, 3ms}) rig.video->deliver(frameAt(time));
+    deliver(*rig.video, {1ms, 2ms, 3ms});
     EXPECT_TRUE(late.expired()) << "its memory is wanted again";
     rig.queue->runAll();
-    EXPECT_THAT(timesOf(rig.probe->frames_), ElementsAre(3ms));
-    EXPECT_THAT(timesOf(rig.probe->drops_), ElementsAre(0ms, 1ms, 2ms));
+    EXPECT_EQ(timesOf(rig.probe->frames_), (Times{3ms}));
+    EXPECT_EQ(timesOf(rig.probe->drops_), (Times{0ms, 1ms, 2ms}));
 
     rig.video->setAlwaysDiscardsLateVideoFrames(false);
-    for (int i = 10; i < 20; ++i) rig.video->deliver(frameAt(std::chrono::milliseconds(i)));
+    deliver(*rig.video, {10ms, 11ms, 12ms, 13ms, 14ms, 15ms, 16ms, 17ms, 18ms, 19ms});
     rig.queue->runAll();
-    EXPECT_THAT(timesOf(rig.probe->frames_), ElementsAre(3ms, 10ms, 11ms, 12ms, 13ms, 14ms, 15ms, 16ms, 17ms));
-    EXPECT_THAT(timesOf(rig.probe->drops_), ElementsAre(0ms, 1ms, 2ms, 18ms, 19ms));
+    EXPECT_EQ(timesOf(rig.probe->frames_), (Times{3ms, 10ms, 11ms, 12ms, 13ms, 14ms, 15ms, 16ms, 17ms}));
+    EXPECT_EQ(timesOf(rig.probe->drops_), (Times{0ms, 1ms, 2ms, 18ms, 19ms}));
 }
 
 TEST(CaptureOutputs, AReplacedDelegateIsToldNothingMore) {
     Rig rig;
     const auto otherQueue = std::make_shared<ManualQueue>();
     const auto other = std::make_shared<CaptureProbe>(otherQueue);
-    rig.video->deliver(frameAt(1ms));
-    rig.video->deliver(frameAt(2ms));
+    deliver(*rig.video, {1ms, 2ms});
     rig.video->setSampleBufferDelegate(other, otherQueue);
-    rig.video->deliver(frameAt(3ms));
+    deliver(*rig.video, {3ms});
     rig.queue->runAll();
     otherQueue->runAll();
-    EXPECT_THAT(rig.probe->frames_, SizeIs(0));
-    EXPECT_THAT(rig.probe->drops_, SizeIs(0));
-    EXPECT_THAT(timesOf(other->frames_), ElementsAre(3ms)) << "a frame for another delegate does not count as late";
+    EXPECT_TRUE(rig.probe->frames_.empty() && rig.probe->drops_.empty());
+    EXPECT_EQ(timesOf(other->frames_), (Times{3ms})) << "a frame for another delegate does not count as late";
 
     // From its own delivery: must not wait for itself.
     other->onFrame = [&](const auto&) { rig.video->setSampleBufferDelegate({}, nullptr); };
     for (const auto time : {4ms, 5ms, 6ms}) {
-        rig.video->deliver(frameAt(time));
-        otherQueue->runNext();
+        deliver(*rig.video, {time});
+        otherQueue->runAll();
     }
-    otherQueue->runAll();
-    EXPECT_THAT(timesOf(other->frames_), ElementsAre(3ms, 4ms));
+    EXPECT_EQ(timesOf(other->frames_), (Times{3ms, 4ms}));
 }
 
 TEST(CaptureOutputs, SoundComesInOrderAndCodesOneAtATimeWhenLookedFor) {
     Rig rig;
     for (const auto time : {1ms, 2ms}) rig.audio->deliver(SampleBuffer::makeAudio({}, {time, std::nullopt}));
     EXPECT_FALSE(rig.metadata->isSearching());
-    rig.metadata->setMetadataObjectTypes({"QR"});
-    EXPECT_FALSE(rig.metadata->isSearching());
-    rig.metadata->setMetadataObjectTypes({"QR", kMetadataObjectTypePDF417Code});
-    EXPECT_TRUE(rig.metadata->isSearching());
+    for (const std::string type : {"QR", kMetadataObjectTypePDF417Code}) {
+        rig.metadata->setMetadataObjectTypes({"QR", type});
+        EXPECT_EQ(rig.metadata->isSearching(), type != "QR");
+    }
     for (const char* const text : {"first", "second"}) rig.metadata->deliver({{"PDF417", text, {}}});
     rig.queue->runAll();
     rig.metadata->deliver({{"PDF417", "third", {}}});
     rig.queue->runAll();
-    EXPECT_THAT(timesOf(rig.probe->sounds_), ElementsAre(1ms, 2ms));
+    EXPECT_EQ(timesOf(rig.probe->sounds_), (Times{1ms, 2ms}));
     ASSERT_THAT(rig.probe->objects_, SizeIs(2));
     EXPECT_EQ(rig.probe->objects_[1].stringValue, "third");
 }
@@ -164,7 +164,7 @@ TEST(CaptureSessionBase, AnOutputIsConnectedWhileItsSessionHasAMatchingInput) {
     EXPECT_THAT(connected(), ElementsAre(1, 1));
     rig.session->removeInput(rig.camera);
     EXPECT_THAT(connected(), ElementsAre(0, 1));
-    rig.video->deliver(frameAt(1ms));
+    deliver(*rig.video, {1ms});
     EXPECT_EQ(rig.queue->size(), 0u);
     rig.session->addInput(rig.camera);
     rig.session->removeOutput(rig.audio);

@@ -1,6 +1,7 @@
 // The calls that fakes received, in order.
 #pragma once
 
+#include <memory>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -8,21 +9,25 @@
 
 namespace selvio {
 
+/// Copies share one list.
 class CallLog {
 public:
     void add(std::string call) {
-        const std::lock_guard lock(mutex_);
-        calls_.push_back(std::move(call));
+        const std::lock_guard lock(list_->mutex);
+        list_->calls.push_back(std::move(call));
     }
     /// What was called since the last call.
     std::vector<std::string> take() {
-        const std::lock_guard lock(mutex_);
-        return std::exchange(calls_, {});
+        const std::lock_guard lock(list_->mutex);
+        return std::exchange(list_->calls, {});
     }
 
 private:
-    std::mutex mutex_;
-    std::vector<std::string> calls_;  // guarded by mutex_
+    struct List {
+        std::mutex mutex;
+        std::vector<std::string> calls;  // guarded by mutex
+    };
+    std::shared_ptr<List> list_ = std::make_shared<List>();
 };
 
 }  // namespace selvio

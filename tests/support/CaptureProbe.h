@@ -21,14 +21,10 @@ public:
         EXPECT_TRUE(queue_->isCurrent());
         EXPECT_TRUE(connection);
         std::unique_lock lock(mutex_);
-        if (dynamic_cast<const AudioDataOutput*>(&output)) {
-            sounds_.push_back(sample->timing());
-            return;
-        }
+        if (dynamic_cast<const AudioDataOutput*>(&output)) return sounds_.push_back(sample->timing());
         frames_.push_back(sample->timing());
         last_ = *sample->formatDescription();
         changed_.notify_all();
-        changed_.wait(lock, [this] { return !blocked_; });
         lock.unlock();
         if (onFrame) onFrame(sample);
     }
@@ -58,11 +54,6 @@ public:
         const std::size_t wanted = frameCount() + more;
         return waitFor([&] { return frames_.size() >= wanted; });
     }
-    void block(bool blocked) {
-        const std::lock_guard lock(mutex_);
-        blocked_ = blocked;
-        changed_.notify_all();
-    }
     std::size_t frameCount() {
         const std::lock_guard lock(mutex_);
         return frames_.size();
@@ -79,7 +70,6 @@ private:
     const std::shared_ptr<Queue> queue_;
     std::mutex mutex_;
     std::condition_variable changed_;
-    bool blocked_ = false;
 };
 
 }  // namespace selvio::test

@@ -1,12 +1,11 @@
 // One directory in memory.
 #pragma once
 
+#include <SelvioFacialCapture/base/MemberMutex.h>
 #include <SelvioFacialCapture/platform/Files.h>
 
 #include <map>
-#include <mutex>
 #include <set>
-#include <utility>
 
 namespace selvio {
 
@@ -30,9 +29,8 @@ public:
         return std::nullopt;
     }
     [[nodiscard]] Expected<Bytes> readFile(const std::filesystem::path& path) const override {
-        const std::lock_guard lock(mutex_);
-        const auto found = files_.find(path);
-        return found == files_.end() ? Expected<Bytes>(Error{"no such file"}) : found->second;
+        const auto files = mutex_.get(files_);
+        return files.contains(path) ? files.at(path) : Expected<Bytes>(Error{"no such file"});
     }
 
     void put(const std::string& name, Bytes bytes = {}) {
@@ -40,9 +38,8 @@ public:
         files_.insert_or_assign(documentsDirectory() / name, std::move(bytes));
     }
     [[nodiscard]] std::vector<std::string> names() const {
-        const std::lock_guard lock(mutex_);
         std::vector<std::string> names;
-        for (const auto& [path, bytes] : files_) names.push_back(path.filename().string());
+        for (const auto& [path, bytes] : mutex_.get(files_)) names.push_back(path.filename().string());
         return names;
     }
 
@@ -51,7 +48,7 @@ public:
     std::set<std::string> undeletable;
 
 private:
-    mutable std::mutex mutex_;
+    mutable MemberMutex mutex_;
     std::map<std::filesystem::path, Bytes> files_;  // guarded by mutex_
 };
 

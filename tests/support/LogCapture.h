@@ -3,7 +3,6 @@
 
 #include <SelvioFacialCapture/base/Log.h>
 
-#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -14,18 +13,18 @@ namespace selvio {
 
 class LogCapture {
 public:
-    LogCapture()
-        : previous_(
-              setLogSink([messages = messages_](std::string_view message) { messages->add(std::string(message)); })) {}
+    explicit LogCapture(CallLog messages = {})
+        : messages_(messages),
+          previous_(setLogSink([messages](std::string_view line) mutable { messages.add(std::string(line)); })) {}
     ~LogCapture() { setLogSink(std::move(previous_)); }
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
     /// What was logged since the last call.
-    std::vector<std::string> take() { return messages_->take(); }
+    std::vector<std::string> take() { return messages_.take(); }
 
 private:
-    const std::shared_ptr<CallLog> messages_ = std::make_shared<CallLog>();  // of a thread that is still logging too
+    CallLog messages_;  // shared with a thread that is still logging
     LogSink previous_;
 };
 
