@@ -24,7 +24,7 @@ using Statuses = std::vector<SelvioFacialCaptureStatus>;
 struct Frame {
     Mark mark = 0;
     Size size{9, 16};
-    bool hasPicture = true;
+    enum Picture { Readable, Unreadable, None, Sound } picture = Readable;
 };
 
 inline std::shared_ptr<PixelBuffer> pictureOf(const Frame& frame) {
@@ -170,8 +170,9 @@ public:
     void analyzeSampleBuffer(const Frame& frame) {
         if (spent || inProgress) return;
         inProgress = true;
+        if (frame.picture == Frame::Unreadable) say("RBGBuffereCopyWithPixelBuffer :: failed");
         analysisQueue->async([this, frame] {
-            if (!spent && frame.hasPicture) analyze(frame);
+            if (!spent && frame.picture == Frame::Readable) analyze(frame);
             inProgress = analysisQueue->size() > 0;
         });
     }

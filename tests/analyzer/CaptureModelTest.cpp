@@ -31,8 +31,6 @@ public:
         sink_ = setLogSink([this](std::string_view line) { say(line); });
     }
     ~RealCapture() {
-        during.clear();
-        analyzer.reset();
         setLogSink(sink_);
         SelvioFacialCaptureUxpEventManager::setSharedClock(nullptr);
         SelvioFacialCaptureUxpEventManager::destroySharedInstance();
@@ -54,7 +52,11 @@ public:
     SelvioFacialCaptureAnalyzer* operator->() { return analyzer.get(); }
     void rotate(RotationRate rate) { motion->rotate(rate); }
     void analyzeSampleBuffer(const Frame& frame) {
-        analyzer->analyzeSampleBuffer(SampleBuffer::makeVideo(frame.hasPicture ? pictureOf(frame) : nullptr));
+        const auto picture = frame.picture == Frame::Unreadable ? PixelBuffer::wrap({.width = 0, .height = 0}, {}, {})
+                             : frame.picture == Frame::Readable ? pictureOf(frame)
+                                                                : nullptr;
+        analyzer->analyzeSampleBuffer(frame.picture == Frame::Sound ? SampleBuffer::makeAudio({}, {})
+                                                                    : SampleBuffer::makeVideo(picture));
     }
     void analyzeImageAtPath(const std::optional<Frame>& picture) {
         if (picture) loader->picture = pictureOf(*picture);
@@ -93,6 +95,11 @@ public:
             same("given to a delegate", contentsOf(*object), contents);
             sameObject(object, model_.given.at(i).first);
         }
+        real_.during.clear();
+        real_.analyzer.reset();
+        real_.settle();
+        same("told after the host has let go, motion feed", std::pair(real_.calls.size(), real_.motion->isRunning()),
+             std::pair(std::size_t{0}, false));
     }
 
 private:
@@ -260,7 +267,8 @@ private:
                 }};
     }
     Step frame() {
-        const Frame first{mark_ + 1, oneIn(30) ? Size{12, 16} : frameSize_, !oneIn(40)};
+        const auto picture = oneIn(40) ? static_cast<Frame::Picture>(below(4)) : Frame::Readable;
+        const Frame first{mark_ + 1, oneIn(30) ? Size{12, 16} : frameSize_, picture};
         const Mark last = mark_ += oneIn(30) ? 20 : 1;
         return seeing("frame " + std::to_string(last), [=](auto& c) {
             for (Frame frame = first; frame.mark <= last; ++frame.mark) {

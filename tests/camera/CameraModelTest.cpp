@@ -321,7 +321,8 @@ public:
             compare();
         }
         model_.alive = false;
-        rig_.camera.reset();
+        const std::weak_ptr<Camera> camera = std::exchange(rig_.camera, nullptr);
+        EXPECT_TRUE(camera.expired()) << "something that waits on a queue, which the host need not run, keeps it";
         for (int i = 0; i < 2; ++i) runQueues();
         compare();
     }

@@ -153,21 +153,6 @@ TEST(Camera, shutdownWaitsForTheCallThatRuns) {
     }
 }
 
-// Whatever waits on the main queue, which the host need not run.
-TEST(Camera, nothingQueuedKeepsTheCamera) {
-    CameraRig rig;
-    rig.capture->torch = true;
-    rig.make();
-    const std::weak_ptr<Camera> camera = rig.camera;
-    rig.camera->setDelegate(rig.delegate);
-    rig.camera->start();
-    rig.queues[kSession]->runAll();
-    rig.camera->turnTorchOn();
-    rig.camera->start();
-    rig.camera.reset();
-    EXPECT_TRUE(camera.expired());
-}
-
 TEST(Camera, fileNamesAreInLocalTime) {
     for (const auto& [zone, seconds, name] : {std::tuple("UTC0", 1.9996, "selvio_2001-01-01_00-00-01-999.mp4"),
                                               {"IST-5:30", 0.5, "selvio_2001-01-01_05-30-00-500.mp4"},
