@@ -9,6 +9,7 @@
 #include <random>
 #include <set>
 
+#include "analyzer/AnalyzerFixture.h"
 #include "analyzer/rules/DeviceOrientation.h"
 #include "analyzer/rules/StatusEvents.h"
 
@@ -119,6 +120,23 @@ TEST(FaceChecks, EveryFaceIsMeasuredAndJudgedByItsPoints) {
         if (statuses.empty()) seen.insert(0);
     }
     EXPECT_EQ(seen, (std::set<std::int64_t>{0, 3, 4, 5, 6, 7, 8, 9}));
+}
+
+TEST(FaceChecks, AFrameIsJudgedByItsOneFaceOnTheScreen) {
+    PreviewGeometry geometry;
+    geometry.setScreen({1000, 1700});
+    geometry.setResolution({1000, 1700});
+    const auto good = ScreenFace{}.observation();
+    const auto far = ScreenFace{.left = {350, 700}, .right = {650, 700}}.observation();
+    using Statuses = std::vector<SelvioFacialCaptureStatus>;
+    const auto judge = [&](const std::vector<FaceObservation>& faces, bool moving = false) {
+        return judgeFaces(faces, geometry, {}, moving).statuses;
+    };
+    EXPECT_EQ(judge({good}), Statuses());
+    EXPECT_EQ(judge({far}), Statuses{SelvioFacialCaptureStatusMoveCloser});
+    EXPECT_EQ(judge({good}, true), Statuses{SelvioFacialCaptureStatusHoldStill});
+    EXPECT_EQ(judge({}), Statuses{SelvioFacialCaptureStatusFaceNotFound});
+    EXPECT_EQ(judge({good, good}), Statuses{SelvioFacialCaptureStatusMoreThanOneFace});
 }
 
 TEST(PreviewGeometry, APointOfThePictureIsFoundOnTheScreenThatShowsItsMiddle) {
