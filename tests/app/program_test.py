@@ -386,6 +386,9 @@ class View(ProgramTest):
         "by hand, paused between": (
             False, ["--mode", "manual"],
             [("detectionResults", "p"), (None, "p"), ("detectionResults", "space"), ("detectionSuccess", "Return")], PHOTOGRAPH),
+        "no picture while it is paused": (
+            False, ["--mode", "manual", "--accept"],
+            [("detectionResults", "p"), (None, "space"), (None, "p"), ("detectionResults", "Escape")], RECORD),
         "the display is gone": (True, [], [("detectionResults", CUT)], PHOTOGRAPH),
         "the display is gone over the photograph": (True, [], [("detectionSuccess", CUT)], PHOTOGRAPH),
         "timed out": (False, ["--timeout", "3"], [], RECORD),
