@@ -10,7 +10,7 @@
 #include "support/FakeCapture.h"
 #include "support/FakeDevice.h"
 #include "support/FakeFileManager.h"
-#include "support/FakeView.h"
+#include "support/FakePreviewLayer.h"
 #include "support/LogCapture.h"
 #include "support/ManualClock.h"
 #include "support/ManualQueue.h"
@@ -79,8 +79,9 @@ struct CameraRig {
     const std::shared_ptr<FakeFileManager> files = std::make_shared<FakeFileManager>();
     const std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
     std::map<std::string, std::shared_ptr<ManualQueue>> queues;
-    const std::shared_ptr<FakeView> view = std::make_shared<FakeView>(
-        std::make_shared<FakePreviewLayer>(std::make_shared<FakeConnection>(capture, "preview")));
+    const std::shared_ptr<FakePreviewLayer> layer =
+        std::make_shared<FakePreviewLayer>(std::make_shared<FakeConnection>(capture, "preview"));
+    const std::shared_ptr<PlainView> view = std::make_shared<PlainView>(layer);
     const std::shared_ptr<NotificationCenter> notifications = std::make_shared<NotificationCenter>();
     Platform platform;
 

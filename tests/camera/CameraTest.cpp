@@ -42,7 +42,7 @@ TEST(Camera, initializers) {
            << camera->desiredResolution().height << ' ' << static_cast<int>(camera->cameraOrientation());
         EXPECT_EQ(is.str(), row.is);
         EXPECT_EQ(camera->view()->frame(), row.frame);
-        EXPECT_EQ(rig.view->shows->gravity, kVideoGravityResizeAspectFill);
+        EXPECT_EQ(rig.layer->gravity, kVideoGravityResizeAspectFill);
         EXPECT_TRUE(camera->analyzeRGBVideo() && camera->shouldRecord() && camera->parameters() && camera->session());
         rig.view->setFrame(given);
         const auto archive = camera->encodeWithCoder();
