@@ -1,6 +1,7 @@
 // Reads recordings with an independent reader, and feeds writers with frames of known content.
 #pragma once
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
@@ -51,7 +52,8 @@ inline std::pair<double, double> onsets(const std::filesystem::path& file) {
 /// A frame of one grey level.
 inline std::shared_ptr<PixelBuffer> greyFrame(int width, int height, PixelFormat format, std::uint8_t level) {
     return painted(width, height, format, [&](std::uint8_t* sample, int, int, int plane) {
-        std::memset(sample, plane == 0 ? level : 128, format == kPixelFormat420v ? plane + 1U : 4U);
+        const int bytes = format == kPixelFormat420v ? plane + 1 : 4;
+        std::fill_n(sample, bytes, static_cast<std::uint8_t>(plane == 0 ? level : 128));
     });
 }
 
