@@ -3,7 +3,7 @@ include(CMakePackageConfigHelpers)
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/SelvioFacialCapture)
 
 install(DIRECTORY include/SelvioFacialCapture DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
-install(DIRECTORY samples/ DESTINATION ${CMAKE_INSTALL_DATADIR}/SelvioFacialCapture/samples COMPONENT program OPTIONAL)
+install(DIRECTORY samples/ DESTINATION ${CMAKE_INSTALL_DATADIR}/SelvioFacialCapture/samples COMPONENT core OPTIONAL)
 install(FILES LICENSE README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY docs examples DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
