@@ -246,8 +246,8 @@ private:
         if (!still) inProgress = false;
         if (step.run != run || selection || skip || smileTest) return;
         const auto found = faces;
-        if (requestError) say("Detect face request error: " + requestError->localizedDescription);
         if (still) step.results = results = results->withoutSelection();
+        if (requestError) say("Detect face request error: " + requestError->localizedDescription);
         const auto judged = rules::judgeFaces(found, geometry, rules::limitsOf(*parameters), holdStill);
         const auto& seen = found.empty() ? std::nullopt : found.front().landmarks;
         if (judged.face && !(seen && seen->nose) && !std::exchange(saidOddPoints, true))
