@@ -44,7 +44,8 @@ void SimulatedDevice::unlockForConfiguration() {
 }
 
 void SimulatedDevice::setActiveFormat(const CaptureDeviceFormat& format) {
-    if (std::ranges::count(formats(), format) == 0)
+    const auto known = formats();
+    if (std::find(known.begin(), known.end(), format) == known.end())
         return log(localizedName() + " does not have the format that was to be set");
     mutex_.set(active_, format);
 }

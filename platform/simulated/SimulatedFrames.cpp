@@ -1,6 +1,7 @@
 #include <SelvioFacialCapture/simulated/SimulatedFrames.h>
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <cstring>
 #include <numbers>
@@ -88,6 +89,13 @@ struct Color {
     friend Color operator-(const Color& p, const Color& q) { return {p.b - q.b, p.g - q.g, p.r - q.r}; }
     friend Color operator/(const Color& p, double by) { return {p.b / by, p.g / by, p.r / by}; }
 };
+
+// A pixel is a number with blue in its lowest byte; in a picture's memory blue is the first. Turns one into the other.
+void exchangeWithMemory(std::uint32_t* row, int width) {
+    if constexpr (std::endian::native == std::endian::big) {
+        for (int x = 0; x < width; ++x) row[x] = __builtin_bswap32(row[x]);
+    }
+}
 
 int blueOf(std::uint32_t p) {
     return static_cast<int>(p & 0xff);
@@ -254,6 +262,7 @@ public:
 
     // In place; the noise is another for every seed.
     void apply(std::uint32_t* row, int width, std::uint64_t seed) const {
+        exchangeWithMemory(row, width);
         auto* const bytes = reinterpret_cast<std::uint8_t*>(row);
         if (gain_ != 256) {
             for (int i = 0; i < 4 * width; ++i)
@@ -266,6 +275,7 @@ public:
                          noise_.data() + hash(seed + static_cast<std::uint64_t>(start)) % (kNoiseSamples - kRun));
             }
         }
+        exchangeWithMemory(row, width);
         if (gain_ != 256 || !noise_.empty()) {
             for (int x = 0; x < width; ++x) row[x] |= 0xff000000u;
         }
@@ -359,6 +369,7 @@ Expected<std::shared_ptr<const SimulatedFrames>> SimulatedFrames::make(
     for (int y = 0; y < picture.height; ++y) {
         std::memcpy(picture.row(y), photograph->data() + static_cast<std::size_t>(y) * photograph->bytesPerRow(),
                     static_cast<std::size_t>(picture.width) * 4);
+        exchangeWithMemory(picture.row(y), picture.width);
     }
     double scale = 1.0;
     for (; std::max(picture.width, picture.height) > kLongestPhotographSide; scale /= 2) picture = halved(picture);
@@ -459,8 +470,10 @@ bool SimulatedFrames::render(nanoseconds time, PixelBuffer& frame) const {
 
     if (!planar) {
         for (int y = 0; y < height; ++y) {
-            drawRow(y,
-                    reinterpret_cast<std::uint32_t*>(frame.data() + static_cast<std::size_t>(y) * frame.bytesPerRow()));
+            auto* const row =
+                reinterpret_cast<std::uint32_t*>(frame.data() + static_cast<std::size_t>(y) * frame.bytesPerRow());
+            drawRow(y, row);
+            exchangeWithMemory(row, width);
         }
         return true;
     }

@@ -24,7 +24,8 @@ constexpr Rect kBarcodeBounds{0.2, 0.7, 0.6, 0.15};
 
 std::optional<FrameSize> sizeOf(const std::string& preset) {
     if (preset == kCaptureSessionPresetHigh) return kPresetSizes.back().size;
-    const auto found = std::ranges::find(kPresetSizes, preset, &PresetSize::preset);
+    const auto found = std::find_if(kPresetSizes.begin(), kPresetSizes.end(),
+                                    [&](const PresetSize& size) { return size.preset == preset; });
     return found == kPresetSizes.end() ? std::nullopt : std::optional(found->size);
 }
 

@@ -130,7 +130,7 @@ std::optional<std::vector<double>> ObjectReader::numbers(const std::string& name
     const json* const value = field(name);
     if (!value) return std::nullopt;
     const auto fits = [&](const json& item) { return isNumberWithin(item, low, high); };
-    if (value->is_array() && value->size() == count && std::ranges::all_of(*value, fits))
+    if (value->is_array() && value->size() == count && std::all_of(value->begin(), value->end(), fits))
         return value->get<std::vector<double>>();
     fail(name, "must be a list of " + std::to_string(count) + " numbers from " + shortNumber(low) + " to " +
                    shortNumber(high));

@@ -54,7 +54,7 @@ int main(int argc, char** argv) {
     }
     std::vector<std::filesystem::path> paths;
     for (const auto& entry : std::filesystem::directory_iterator(argv[1])) paths.push_back(entry.path());
-    std::ranges::sort(paths);
+    std::sort(paths.begin(), paths.end());
     std::vector<std::string> files;
     for (const auto& path : paths) {
         std::ifstream in(path, std::ios::binary);
