@@ -13,7 +13,7 @@ if ! command -v abidw >/dev/null; then
     exit 1
 fi
 cmake --preset dev >/dev/null
-cmake --build build/dev --target SelvioFacialCaptureC SelvioFacialCaptureGtk >/dev/null
+cmake --build build/dev --target SelvioFacialCaptureC SelvioFacialCaptureGtk -- --quiet
 work=build/dev/abi
 mkdir -p abi "$work"
 differs=0
