@@ -25,7 +25,7 @@ void mutate(std::string& file, std::mt19937& random) {
             file[at] = static_cast<char>(random());
             break;
         case 1:
-            file[at] = static_cast<char>(file[at] ^ (1U << random() % 8));
+            file[at] = static_cast<char>(static_cast<unsigned char>(file[at]) ^ (1U << random() % 8));
             break;
         case 2: {
             const std::uint32_t values[] = {0, 1, 0x7FFFFFFF, 0xFFFFFFFF, static_cast<std::uint32_t>(random())};
