@@ -6,7 +6,6 @@
 #include <SelvioFacialCapture/rules/FaceChecks.h>
 
 #include <cmath>
-#include <cstring>
 #include <deque>
 #include <nlohmann/json.hpp>
 #include <set>
@@ -30,12 +29,12 @@ struct Frame {
 inline std::shared_ptr<PixelBuffer> pictureOf(const Frame& frame) {
     const PixelFormat format = frame.mark % 2 == 0 ? kPixelFormat32BGRA : kPixelFormat420v;
     auto picture = PixelBuffer::create(static_cast<int>(frame.size.width), static_cast<int>(frame.size.height), format);
-    std::memcpy(picture->data(), &frame.mark, 3);
+    for (int byte = 0; byte < 3; ++byte) picture->data()[byte] = static_cast<std::uint8_t>(frame.mark >> 8 * byte);
     return picture;
 }
 inline Mark markOf(const std::shared_ptr<const PixelBuffer>& picture) {
     Mark mark = 0;
-    if (picture) std::memcpy(&mark, picture->data(), 3);
+    for (int byte = 0; picture && byte < 3; ++byte) mark |= picture->data()[byte] << 8 * byte;
     return mark;
 }
 
