@@ -19,7 +19,9 @@ def build_wheel(wheel_directory: str, config_settings: Any = None, metadata_dire
     metadata += [f"Summary: {project['description']}", f"Requires-Python: {project['requires-python']}"]
     metadata += [f"License: {project['license']['text']}"]
     for extra, packages in project["optional-dependencies"].items():
-        metadata += [f"Provides-Extra: {extra}"] + [f"Requires-Dist: {package}; extra == '{extra}'" for package in packages]
+        metadata += [f"Provides-Extra: {extra}"] + [
+            f"Requires-Dist: {package}; extra == '{extra}'" for package in packages
+        ]
     files = {f"{name}/{file.name}": file.read_bytes() for file in sorted((_HERE / name).iterdir()) if file.is_file()}
     files[f"{info}/METADATA"] = "\n".join(metadata + [""]).encode()
     files[f"{info}/WHEEL"] = b"Wheel-Version: 1.0\nGenerator: build_backend\nRoot-Is-Purelib: true\nTag: py3-none-any\n"

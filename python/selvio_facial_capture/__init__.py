@@ -179,7 +179,9 @@ class Frame:
         if sorted(channels) not in (sorted("RGB"), sorted("RGBA")):
             raise ValueError(f"channels cannot be {channels!r}")
         if array.dtype != numpy.uint8 or array.ndim != 3 or array.shape[2] != len(channels):
-            raise ValueError(f"the array must hold bytes in height x width x {len(channels)}, not {array.dtype} in {array.shape}")
+            raise ValueError(
+                f"the array must hold bytes in height x width x {len(channels)}, not {array.dtype} in {array.shape}"
+            )
         height, width, _ = array.shape
         bgra = numpy.full((height, width, 4), 255, numpy.uint8)
         for index, channel in enumerate(channels):
@@ -409,7 +411,9 @@ class Platform(_Owner):
         super().__init__(Handle("platform", address, library.platform_destroy))
 
     @classmethod
-    def simulated(cls, photograph: str | os.PathLike[str] | None = None, script: str | os.PathLike[str] | None = None) -> Self:
+    def simulated(
+        cls, photograph: str | os.PathLike[str] | None = None, script: str | os.PathLike[str] | None = None
+    ) -> Self:
         """The same with a simulated camera: a photograph, with its geometry beside it, moved about by a script."""
         paths = [None if path is None else os.fsencode(path) for path in (photograph, script)]
         return cls(library.platform_create_simulated(*paths))

@@ -44,14 +44,25 @@ class ProgramTest(unittest.TestCase):
 
     def program(self, *arguments, language="C"):
         environment = {**self.environment, "LC_ALL": language}
-        return subprocess.run([PROGRAM, *map(str, arguments)], env=environment, stdin=subprocess.DEVNULL, capture_output=True, text=True)
+        return subprocess.run(
+            [PROGRAM, *map(str, arguments)], env=environment, stdin=subprocess.DEVNULL, capture_output=True, text=True
+        )
 
     def capture(self, *options, script=STEADY, line=6, act=lambda process: None):
         """Runs a capture into the folder "out", with `act` at that line of its output. Its exit code, its lines, its messages."""
-        command = [PROGRAM, "run", "--json", *(["--script", script] if script else []), "--out", self.out, *map(str, options)]
+        command = [
+            PROGRAM,
+            "run",
+            "--json",
+            *(["--script", script] if script else []),
+            "--out",
+            self.out,
+            *map(str, options),
+        ]
         lines, messages = [], self.write("messages", "")
-        with messages.open("w") as errors, subprocess.Popen(command, env=self.environment, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                                                            stderr=errors) as process:
+        with messages.open("w") as errors, subprocess.Popen(
+            command, env=self.environment, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=errors
+        ) as process:
             for text in process.stdout:
                 lines.append(json.loads(text))
                 if len(lines) == line:
@@ -70,14 +81,19 @@ class Captures(ProgramTest):
         code, lines, messages = self.capture("--countdown-time", 2, "--image-quality", 80, "--report")
         self.assertEqual((code, self.results()), (0, ["record.json", "report.html", "selfie.jpg"]), messages)
         record = self.record()
-        self.assertEqual((record["SelvioResultCode"], record["Autocapture"], record["Parameters"]["ImageQuality"]), ("SuccessVideo", "1", "80"))
+        self.assertEqual(
+            (record["SelvioResultCode"], record["Autocapture"], record["Parameters"]["ImageQuality"]),
+            ("SuccessVideo", "1", "80"),
+        )
         self.assertLessEqual({"startCountdown", "detectionResults"}, {line["event"] for line in lines})
         self.assertEqual((lines[-1]["event"], lines[-1]["statuses"]), ("detectionSuccess", [GOOD]))
         times = [line["time"] for line in lines]
         self.assertEqual(times, sorted(times))
         self.assertGreaterEqual(times[-1], 2)  # the countdown
         photograph, text = (self.out / "selfie.jpg").read_bytes(), (self.out / "record.json").read_text()
-        height = subprocess.run(["identify", "-format", "%h", self.out / "selfie.jpg"], capture_output=True, check=True).stdout
+        height = subprocess.run(
+            ["identify", "-format", "%h", self.out / "selfie.jpg"], capture_output=True, check=True
+        ).stdout
         self.assertEqual(height, b"1280")
         for file in self.out / "selfie.jpg", self.out / "record.json":
             self.assertEqual(file.stat().st_mode & 0o777, 0o600)
@@ -85,9 +101,13 @@ class Captures(ProgramTest):
             shown = self.program("show", file)
             self.assertEqual(shown.returncode, 0)
             self.assertRegex(shown.stdout, r"\n  SelvioResultCode +SuccessVideo\n")
-            self.assertRegex(shown.stdout, r"\n  ImageQuality +80  \(default 95\)\n(.*\n)* +\d+\.\d{3} s  FHS  Stay like that\n")
+            self.assertRegex(
+                shown.stdout, r"\n  ImageQuality +80  \(default 95\)\n(.*\n)* +\d+\.\d{3} s  FHS  Stay like that\n"
+            )
         with open("/dev/full", "w") as full:
-            self.assertEqual(subprocess.call([PROGRAM, "show", self.out / "selfie.jpg"], stdout=full, stderr=subprocess.DEVNULL), 6)
+            self.assertEqual(
+                subprocess.call([PROGRAM, "show", self.out / "selfie.jpg"], stdout=full, stderr=subprocess.DEVNULL), 6
+            )
 
         text = (self.out / "report.html").read_text()
         self.assertEqual(self.program("report", self.out / "selfie.jpg", "-o", "-").stdout, text)
@@ -105,9 +125,15 @@ class Captures(ProgramTest):
         face = {"visible": True, "center": [0.5, 0.46], "jawWidth": 0.63, "second": None, "noise": 1.5}
         two = {"center": [0.26, 0.45], "jawWidth": 0.37, "second": {"center": [0.76, 0.45], "jawWidth": 0.37}}
         for status, disturbance in (NOBODY, {"visible": False}), (SEVERAL, two):
-            frames = {"at": 0, "hold": 1.5 * SLOWER, **face}, {"at": 1.5 * SLOWER, "hold": SLOWER, **disturbance}, {"at": 2.5 * SLOWER, **face}
+            frames = (
+                {"at": 0, "hold": 1.5 * SLOWER, **face},
+                {"at": 1.5 * SLOWER, "hold": SLOWER, **disturbance},
+                {"at": 2.5 * SLOWER, **face},
+            )
             script = self.write("script.json", json.dumps({"keyFrames": frames}))
-            code, lines, messages = self.capture("--countdown-time", min(3 * SLOWER, 5), "--timeout", 10 * SLOWER, script=script)
+            code, lines, messages = self.capture(
+                "--countdown-time", min(3 * SLOWER, 5), "--timeout", 10 * SLOWER, script=script
+            )
             self.assertEqual(code, 0, messages)
             self.assertIn([status], [line["statuses"] for line in lines])
             for line in lines:
@@ -116,6 +142,7 @@ class Captures(ProgramTest):
     def test_a_recording_is_kept_however_the_capture_ends(self):
         documents = self.folder / "SelvioFacialCapture/Documents"
         for script, interrupt in (self.empty, signal.SIGINT), (STEADY, 0):
+
             def act(process, interrupt=interrupt):
                 (documents / "selvio_left over.mp4").touch()
                 process.send_signal(interrupt)
@@ -130,7 +157,9 @@ class Captures(ProgramTest):
 
         video = (self.out / "recording.mp4").rename(self.folder / "short.mp4")  # its frames come to an end
         shutil.rmtree(self.out)
-        code, lines, messages = self.capture("--source", f"video:{video}", "--countdown-time", 5, "--record-video", script=None)
+        code, lines, messages = self.capture(
+            "--source", f"video:{video}", "--countdown-time", 5, "--record-video", script=None
+        )
         self.assertEqual((code, lines[-1]["event"]), (4, "detectionCancelled"))
         self.assertIn("The camera has stopped delivering frames", messages)
         self.assertEqual(self.results(), ["record.json", "recording.mp4"])
@@ -149,8 +178,13 @@ class Captures(ProgramTest):
 
     def test_the_record_stays_when_the_capture_is_interrupted_or_times_out(self):
         for interrupt, message in (signal.SIGINT, "Cancelled"), (signal.SIGTERM, "Cancelled"), (0, "Timed out"):
-            code, lines, messages = self.capture("--timeout", 30 if interrupt else 3, script=self.empty, line=1,
-                                                 act=lambda process, interrupt=interrupt: process.send_signal(interrupt))
+            code, lines, messages = self.capture(
+                "--timeout",
+                30 if interrupt else 3,
+                script=self.empty,
+                line=1,
+                act=lambda process, interrupt=interrupt: process.send_signal(interrupt),
+            )
             self.assertEqual((code, lines[-1]["event"], self.results()), (3, "detectionCancelled", ["record.json"]))
             self.assertEqual(self.record()["SelvioResultCode"], "Cancelled")
             self.assertIn(message, messages)
@@ -164,7 +198,9 @@ class Captures(ProgramTest):
         shutil.rmtree(self.out)
         person, terminal = pty.openpty()
         command = [PROGRAM, "--mode", "manual", "--script", self.empty, "--out", self.out]
-        with subprocess.Popen(command, env=self.environment, stdin=terminal, stdout=terminal, stderr=terminal) as process:
+        with subprocess.Popen(
+            command, env=self.environment, stdin=terminal, stdout=terminal, stderr=terminal
+        ) as process:
             os.close(terminal)
             shown, entered = b"", 0
             with contextlib.suppress(OSError):  # at the end
@@ -183,23 +219,24 @@ class Captures(ProgramTest):
         page, gone = self.write("page.html", "{}"), self.folder / "gone"
         run = ["--out", self.out]
         for arguments, code, message in (
-                (["--out", file / "out", "--source", "simulated"], 6, "file/out"),
-                ([*run, "--source", "camera:no such camera"], 4, "camera"),
-                ([*run, "--photo", gone], 5, "gone"),
-                ([*run, "--photo", alone], 5, "alone.json"),
-                ([*run, "--script", bad], 5, "bad.json"),
-                ([*run, "--source", f"video:{gone}"], 5, "gone"),
-                ([*run, "--source", f"video:{file}"], 5, "file: cannot be played"),
-                ([*run, "--source", f"video:{self.folder}"], 5, "cannot be read as a file"),
-                (["show", gone], 5, "gone"),
-                (["show", file], 5, "neither a JPEG"),
-                (["show", cut], 5, "damaged"),
-                (["show", SAMPLES / "astronaut.jpg"], 5, "no data record"),
-                (["show", self.folder], 5, str(self.folder)),
-                (["report", gone], 5, "gone"),
-                (["report", cut], 5, "damaged"),
-                (["report", page], 2, "would replace"),
-                (["report", page, "-o", gone / "page.html"], 6, "gone/page.html")):
+            (["--out", file / "out", "--source", "simulated"], 6, "file/out"),
+            ([*run, "--source", "camera:no such camera"], 4, "camera"),
+            ([*run, "--photo", gone], 5, "gone"),
+            ([*run, "--photo", alone], 5, "alone.json"),
+            ([*run, "--script", bad], 5, "bad.json"),
+            ([*run, "--source", f"video:{gone}"], 5, "gone"),
+            ([*run, "--source", f"video:{file}"], 5, "file: cannot be played"),
+            ([*run, "--source", f"video:{self.folder}"], 5, "cannot be read as a file"),
+            (["show", gone], 5, "gone"),
+            (["show", file], 5, "neither a JPEG"),
+            (["show", cut], 5, "damaged"),
+            (["show", SAMPLES / "astronaut.jpg"], 5, "no data record"),
+            (["show", self.folder], 5, str(self.folder)),
+            (["report", gone], 5, "gone"),
+            (["report", cut], 5, "damaged"),
+            (["report", page], 2, "would replace"),
+            (["report", page, "-o", gone / "page.html"], 6, "gone/page.html"),
+        ):
             ended = self.program(*arguments)
             self.assertEqual((ended.returncode, ended.stdout), (code, ""), arguments)
             self.assertIn(message, ended.stderr)
@@ -209,19 +246,33 @@ class Captures(ProgramTest):
 class Batches(ProgramTest):
     def setUp(self):
         super().setUp()
-        alone, together = "-crop 140x249+56+0", "-crop 125x249+63+0 +repage ( +clone ) +append -gravity center -extent 250x444"
+        alone, together = (
+            "-crop 140x249+56+0",
+            "-crop 125x249+63+0 +repage ( +clone ) +append -gravity center -extent 250x444",
+        )
         distant = "-crop 200x300+26+0 +repage -gravity south -extent 200x356"
 
         def picture(options):
-            return subprocess.check_output(["convert", SAMPLES / "astronaut.jpg", *options.split(), "-resize", "720x1280!", "jpg:-"])
+            return subprocess.check_output(
+                ["convert", SAMPLES / "astronaut.jpg", *options.split(), "-resize", "720x1280!", "jpg:-"]
+            )
 
         good = picture(alone)
         nobody = subprocess.check_output(["convert", "-size", "360x640", "xc:gray", "png:-"])
         # In the order of a walk, with the number of faces and what is to be found there.
-        tree = [("a.d/2.jpg", good, 1, GOOD), ("a.d/b/DAMAGED.JPEG", good[:3000], None, None), ("a.d/b/nobody.PNG", nobody, 0, NOBODY),
-                ('a.d/c, "c".jpg', good, 1, GOOD), ("a.d/d.jpeg", b"", None, None), ("a.d/far.jpg", picture(distant), 1, FAR),
-                ("a.d/two.jpg", picture(together), 2, SEVERAL)]
-        self.expected = [(str(self.write(f"all/{name}", content)), faces, status and [status]) for name, content, faces, status in tree]
+        tree = [
+            ("a.d/2.jpg", good, 1, GOOD),
+            ("a.d/b/DAMAGED.JPEG", good[:3000], None, None),
+            ("a.d/b/nobody.PNG", nobody, 0, NOBODY),
+            ('a.d/c, "c".jpg', good, 1, GOOD),
+            ("a.d/d.jpeg", b"", None, None),
+            ("a.d/far.jpg", picture(distant), 1, FAR),
+            ("a.d/two.jpg", picture(together), 2, SEVERAL),
+        ]
+        self.expected = [
+            (str(self.write(f"all/{name}", content)), faces, status and [status])
+            for name, content, faces, status in tree
+        ]
         self.write("all/a.d/notes.txt", "no picture")
         (self.folder / "all/a.d/b/loop").symlink_to(self.folder / "all")
 
@@ -236,7 +287,9 @@ class Batches(ProgramTest):
         fill, jaw = lines[0]["measures"]["fill"], json.loads((SAMPLES / "astronaut.json").read_text())
         self.assertEqual((fill["min"], fill["max"]), (0.55, 0.725))
         self.assertAlmostEqual(fill["value"], (jaw["jawRight"][0] - jaw["jawLeft"][0]) / 140, delta=0.03)
-        self.assertRegex(several.stderr, r"^7 pictures in [0-9.]+ s \([0-9.]+ a second\): 2 good, 2 unreadable\n +1  Show your face")
+        self.assertRegex(
+            several.stderr, r"^7 pictures in [0-9.]+ s \([0-9.]+ a second\): 2 good, 2 unreadable\n +1  Show your face"
+        )
 
         table = self.program("check", "--csv", self.folder / "all")
         self.assertEqual(table.returncode, 5)
@@ -257,8 +310,13 @@ class Batches(ProgramTest):
 
     def test_each_line_is_answered_before_the_next_one_comes(self):
         for form in "--json", "--csv":
-            with subprocess.Popen([PROGRAM, "check", form, "-"], text=True, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                                  stderr=subprocess.DEVNULL) as judging:
+            with subprocess.Popen(
+                [PROGRAM, "check", form, "-"],
+                text=True,
+                stdin=subprocess.PIPE,
+                stdout=subprocess.PIPE,
+                stderr=subprocess.DEVNULL,
+            ) as judging:
                 watchdog = threading.Timer(60, judging.kill)  # an answer that never comes ends the test
                 self.addCleanup(watchdog.cancel)
                 watchdog.start()
@@ -285,7 +343,24 @@ class Batches(ProgramTest):
 class Page(html.parser.HTMLParser):
     """What a browser makes of a page: its text by rows of cells, and whatever it would load or run."""
 
-    ALLOWED = {"html", "meta", "style", "title", "h1", "h2", "p", "div", "section", "img", "table", "tr", "th", "td", "svg", "rect"}
+    ALLOWED = {
+        "html",
+        "meta",
+        "style",
+        "title",
+        "h1",
+        "h2",
+        "p",
+        "div",
+        "section",
+        "img",
+        "table",
+        "tr",
+        "th",
+        "td",
+        "svg",
+        "rect",
+    }
 
     def __init__(self, text):
         super().__init__()
@@ -313,15 +388,34 @@ class References(ProgramTest):
     def test_what_a_record_says_stays_text(self):
         hostile = "</td></style><script>alert(1)</script><img src=x onerror='a()'>&amp;\"\u202e\x00\x1b[2J"
         frames = [{code: [time]} for time in (1000, 1070, 1150) for code in ("FETC", "FENC")]
-        record = {"SelvioResultCode": hostile, hostile: hostile, "Parameters": {hostile: hostile, "Yaw": {"a": [1]}},
-                  "UXP": [{"SA": [0]}, {"FENF": [500]}, *frames, {hostile: [2000, hostile]}, {"FS": ["x"]}, 5, {"C": [1500]}, {"IS": [-1e300]}]}
+        record = {
+            "SelvioResultCode": hostile,
+            hostile: hostile,
+            "Parameters": {hostile: hostile, "Yaw": {"a": [1]}},
+            "UXP": [
+                {"SA": [0]},
+                {"FENF": [500]},
+                *frames,
+                {hostile: [2000, hostile]},
+                {"FS": ["x"]},
+                5,
+                {"C": [1500]},
+                {"IS": [-1e300]},
+            ],
+        }
         odd = self.write("odd.json", json.dumps(record))
         page = Page(self.program("report", odd, "-o", "-").stdout)
         shown = hostile.replace("\x00", "?").replace("\x1b", "?")
         self.assertEqual((page.foreign, page.tags - page.ALLOWED), ([], set()))
-        for row in ([shown, shown], ["0.00", "0.50", "Capture started", "SA", ""], ["0.50", "0.50", "Show your face to the camera", "FENF", ""],
-                    ["1.00", "1.00", "Move back a little", "FETC FENC", ""], ["2.00", "–", "", shown, ""],
-                    ["–", "–", "Very good", "FS", ""], ["Yaw", '{"a":[1]}', "500", "changed"]):
+        for row in (
+            [shown, shown],
+            ["0.00", "0.50", "Capture started", "SA", ""],
+            ["0.50", "0.50", "Show your face to the camera", "FENF", ""],
+            ["1.00", "1.00", "Move back a little", "FETC FENC", ""],
+            ["2.00", "–", "", shown, ""],
+            ["–", "–", "Very good", "FS", ""],
+            ["Yaw", '{"a":[1]}', "500", "changed"],
+        ):
             self.assertIn(row, page.rows)
         for file in odd, self.write("7.json", '{"Parameters":7,"UXP":[{"FS":"x"}]}'):
             self.assertRegex(self.program("show", file).stdout, r"^[^\x00\x1b]*Very good[^\x00\x1b]*$")
@@ -336,19 +430,30 @@ class References(ProgramTest):
         ask = '''eval "$0"; COMP_WORDS=(selvio-capture "$@"); COMP_CWORD=$#; _selvio_capture; printf '%s\\n' "${COMPREPLY[@]}"'''
 
         def completed(*words):
-            return set(subprocess.run(["bash", "-c", ask, script, *words], capture_output=True, text=True, check=True).stdout.split())
+            return set(
+                subprocess.run(
+                    ["bash", "-c", ask, script, *words], capture_output=True, text=True, check=True
+                ).stdout.split()
+            )
 
         self.assertTrue(set(commands) <= completed(""))
         for command, section in commands.items():
             options = set(re.findall(r"^  (?:-\w,)?(--[a-z-]+)", self.program(command, "--help").stdout, re.MULTILINE))
             options |= set(re.findall(r",(--[a-z-]+)", self.program(command, "--help").stdout))
-            self.assertEqual(set(re.findall(r"--[a-z-]+\w", " ".join(re.findall(r"\\fB(.*?)\\fR", section)))), options, command)
+            self.assertEqual(
+                set(re.findall(r"--[a-z-]+\w", " ".join(re.findall(r"\\fB(.*?)\\fR", section)))), options, command
+            )
             self.assertEqual({word for word in completed(command, "--") if word.startswith("--")}, options, command)
         self.assertEqual(completed("run", "--mode", ""), {"auto", "manual"})
         self.assertEqual(completed("--mode", "m"), {"manual"})
         self.assertEqual(completed("check", ""), set())
-        warnings = subprocess.run(["man", "--warnings", "-l", "-"], input=manual, capture_output=True, text=True,
-                                  env={**os.environ, "MANPAGER": "cat"})
+        warnings = subprocess.run(
+            ["man", "--warnings", "-l", "-"],
+            input=manual,
+            capture_output=True,
+            text=True,
+            env={**os.environ, "MANPAGER": "cat"},
+        )
         self.assertEqual((warnings.returncode, warnings.stderr), (0, ""))
 
 
@@ -402,7 +507,9 @@ class View(ProgramTest):
 
     def follow(self, script, options, steps, left):
         command = [PROGRAM, "run", "--preview", "--json", "--script", script, "--out", self.out, *options]
-        with subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, env=os.environ | self.environment) as process:
+        with subprocess.Popen(
+            command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, env=os.environ | self.environment
+        ) as process:
             watchdog = threading.Timer(30, process.kill)
             watchdog.start()
             size = None
@@ -426,7 +533,9 @@ class View(ProgramTest):
         self.assertEqual((process.returncode, self.results()), left, messages)
         self.assertNotRegex(messages, "CRITICAL|WARNING")
         if size:
-            x, y, width, height = (int(re.search(rf"\b{name}=(-?\d+)", size)[1]) for name in ("X", "Y", "WIDTH", "HEIGHT"))
+            x, y, width, height = (
+                int(re.search(rf"\b{name}=(-?\d+)", size)[1]) for name in ("X", "Y", "WIDTH", "HEIGHT")
+            )
             most = [int(number) for number in xdotool("getdisplaygeometry").split()]
             self.assertTrue(0 <= x <= most[0] - width and 0 <= y <= most[1] - height and height >= most[1] / 2, size)
 

@@ -28,13 +28,21 @@ def is_public(symbol, marked):
 
 
 def faults_in(nm, include, libraries):
-    marked = set().union(*(marked_names(header.read_text(encoding="utf-8")) for header in pathlib.Path(include).rglob("*.h")))
+    marked = set().union(
+        *(marked_names(header.read_text(encoding="utf-8")) for header in pathlib.Path(include).rglob("*.h"))
+    )
     for library in libraries:
-        listing = subprocess.run([nm, "-D", "--defined-only", "-C", library], check=True, capture_output=True, text=True)
+        listing = subprocess.run(
+            [nm, "-D", "--defined-only", "-C", library], check=True, capture_output=True, text=True
+        )
         symbols = [line.split(None, 2)[2] for line in listing.stdout.splitlines()]
         if not symbols:
             yield f"{library}: exports nothing"
-        yield from (f"{pathlib.Path(library).name}: {symbol}: not in a public header" for symbol in symbols if not is_public(symbol, marked))
+        yield from (
+            f"{pathlib.Path(library).name}: {symbol}: not in a public header"
+            for symbol in symbols
+            if not is_public(symbol, marked)
+        )
 
 
 def self_test():
@@ -42,10 +50,20 @@ def self_test():
         "class SELVIO_EXPORT Camera final : public Base {\n[[nodiscard]] SELVIO_EXPORT std::optional<Size>\n    sizeOf("
         "int);\nSELVIO_EXPORT extern const char* const kKey;\nstruct Hidden {\nvoid hidden();"
     )
-    public = ["Camera::start()", "selvio::Camera::Camera(int)", "vtable for selvio::Camera", "selvio::sizeOf[abi:cxx11](int)", "kKey"]
+    public = [
+        "Camera::start()",
+        "selvio::Camera::Camera(int)",
+        "vtable for selvio::Camera",
+        "selvio::sizeOf[abi:cxx11](int)",
+        "kKey",
+    ]
     private = ["selvio::Hidden::f()", "selvio::hidden()", "selvio::Camera::State::f()", "typeinfo for selvio::Camera::State",
                "std::vector<selvio::Camera>::push_back(selvio::Camera&&)", "nlohmann::detail::f(int)", "xnn_initialize"]  # fmt: skip
-    return [f"self-test: {symbol}: judged wrongly" for symbol in public + private if is_public(symbol, marked) != (symbol in public)]
+    return [
+        f"self-test: {symbol}: judged wrongly"
+        for symbol in public + private
+        if is_public(symbol, marked) != (symbol in public)
+    ]
 
 
 if __name__ == "__main__":

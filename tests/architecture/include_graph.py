@@ -9,7 +9,9 @@ import tempfile
 
 # The rules decide and nothing else: no threads, no clocks, no queues, no log.
 PURE = {"analyzer/rules", "camera/rules"}
-IMPURE = re.compile(r"^(thread|mutex|atomic|condition_variable|future|SelvioFacialCapture/base/(.*Queue|Clock|Log)\.h)$")
+IMPURE = re.compile(
+    r"^(thread|mutex|atomic|condition_variable|future|SelvioFacialCapture/base/(.*Queue|Clock|Log)\.h)$"
+)
 
 # Public headers of one folder stand side by side in include/SelvioFacialCapture/, or in a folder there.
 PUBLIC = {
@@ -24,14 +26,33 @@ PUBLIC = {
     }.items()
     for name in names.split(" ")
 }
-PUBLIC_FOLDERS = {"rules": "analyzer/rules", "linux": "platform/linux", "gtk": "platform/gtk", "simulated": "platform/simulated"}
+PUBLIC_FOLDERS = {
+    "rules": "analyzer/rules",
+    "linux": "platform/linux",
+    "gtk": "platform/gtk",
+    "simulated": "platform/simulated",
+}
 
 FOLDER = re.compile(r"^selvio_folder\(\s*(\w+)([^)]*)\)", re.MULTILINE)
 LIBRARY = re.compile(r"^selvio_shared\(\s*(\w+)\s+\w+\s+FOLDERS([^)]*?)(?:LINKS[^)]*)?\)", re.MULTILINE)
 ROW = re.compile(r"^\| `([\w/-]+)/` \|.*\|([^|]*)\|$", re.MULTILINE)
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]', re.MULTILINE)
 STANDARD = re.compile(r"^[a-z_0-9]+$")
-C_STANDARD = {"assert.h", "errno.h", "fcntl.h", "poll.h", "signal.h", "stdbool.h", "stddef.h", "stdint.h", "stdlib.h", "string.h", "unistd.h", "dlfcn.h", "pthread.h"}
+C_STANDARD = {
+    "assert.h",
+    "errno.h",
+    "fcntl.h",
+    "poll.h",
+    "signal.h",
+    "stdbool.h",
+    "stddef.h",
+    "stdint.h",
+    "stdlib.h",
+    "string.h",
+    "unistd.h",
+    "dlfcn.h",
+    "pthread.h",
+}
 
 
 class Tree:

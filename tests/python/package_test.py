@@ -49,7 +49,9 @@ class PackageTest(unittest.TestCase):
 
         recordings = queue.SimpleQueue()
         parameters = selvio.Parameters(countdown_time=5, record_video=True)
-        analyzer = selvio.Analyzer(self.platform, parameters, on_results=results, on_countdown=lambda: None, on_success=success)
+        analyzer = selvio.Analyzer(
+            self.platform, parameters, on_results=results, on_countdown=lambda: None, on_success=success
+        )
         camera = selvio.Camera(self.platform, parameters, on_frame=frame, on_recording=recordings.put)
         with mock.patch("sys.unraisablehook", lambda what: unraisable.append(what.exc_value)), analyzer, camera:
             camera.set_analyzer(analyzer)
@@ -156,7 +158,12 @@ sys.exit(3)
         chroma[:] = bytes(12)  # the frame is a copy
         self.assertEqual(padded.planes(), (b"abcabcabc", b"uvUVuvUV"))
         self.assertEqual((padded.width, padded.height, padded.pixel_format), (3, 3, selvio.PixelFormat.NV12))
-        for arguments in (bytes(15), 2, 2), (bytes(16), 2, 2, 7), (bytes(16), 2 - 2**32, 2), (numpy.zeros((2, 4, 4), numpy.uint8)[:, ::2], 2, 2):
+        for arguments in (
+            (bytes(15), 2, 2),
+            (bytes(16), 2, 2, 7),
+            (bytes(16), 2 - 2**32, 2),
+            (numpy.zeros((2, 4, 4), numpy.uint8)[:, ::2], 2, 2),
+        ):
             self.assertRaises(ValueError, selvio.Frame.from_bgra, *arguments)
         for arguments in (channels, "BGRA"), (channels, "RGR"), (channels.astype(float),):
             self.assertRaises(ValueError, selvio.Frame.from_array, *arguments)
@@ -192,14 +199,19 @@ sys.exit(3)
         for name, (_, *kinds) in library._MAY_FAIL.items():
             if kinds and kinds[0] is ctypes.c_void_p:
                 with self.subTest(name), self.assertRaisesRegex(selvio.Error, "^[a-z]+ is NULL$"):
-                    values = (None if kind is ctypes.c_void_p else kind._type_() if hasattr(kind, "contents") else kind(1) for kind in kinds)
+                    values = (
+                        None if kind is ctypes.c_void_p else kind._type_() if hasattr(kind, "contents") else kind(1)
+                        for kind in kinds
+                    )
                     getattr(library.library, name)(*values)
 
     def test_what_is_written_elsewhere_agrees(self):
         project = tomllib.loads((ROOT / "python/pyproject.toml").read_text())["project"]
         self.assertEqual(project["version"], selvio.version())
         header = (ROOT / "include/SelvioFacialCapture/c/selvio_facial_capture.h").read_text()
-        parameters = {name.upper(): value._number for name, value in vars(selvio.Parameters).items() if hasattr(value, "_number")}
+        parameters = {
+            name.upper(): value._number for name, value in vars(selvio.Parameters).items() if hasattr(value, "_number")
+        }
         for prefix, kind in (("STATUS", selvio.Status), ("RESULT", selvio.ResultCode), ("FAULT", selvio.Fault), ("CAMERA", selvio.Position),
                              ("PIXEL_FORMAT", selvio.PixelFormat), ("MODE", selvio.Mode), ("PARAMETER", None)):  # fmt: skip
             told = {name: int(value, 0) for name, value in re.findall(rf"SELVIO_{prefix}_(\w+) =\s+(\w+)", header)}
