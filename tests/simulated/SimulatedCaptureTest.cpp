@@ -2,6 +2,7 @@
 #include <SelvioFacialCapture/simulated/SimulatedPlatform.h>
 #include <gmock/gmock.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <thread>
@@ -189,12 +190,14 @@ TEST(SimulatedCapture, RunsUntilItsDelegateStopsItAndWhateverManyThreadsDo) {
     const auto frameQueue = std::make_shared<SerialQueue>("frames");
     Rig rig(kSteady, {.frameRate = 240}, std::make_shared<SystemClock>(), frameQueue);
     rig.session->setSessionPreset(kCaptureSessionPreset640x480);
-    rig.probe->onFrame = [session = rig.session](const auto&) { session->stopRunning(); };
+    std::atomic<bool> stops{true};
+    rig.probe->onFrame = [&](const auto&) {
+        if (stops.exchange(false)) rig.session->stopRunning();
+    };
     rig.session->startRunning();
     EXPECT_TRUE(rig.probe->waitForFrames(1));
     frameQueue->drain();
     EXPECT_FALSE(rig.session->isRunning());
-    rig.probe->onFrame = nullptr;
 
     const LogCapture logged;
     const std::function<void(int)> works[] = {
