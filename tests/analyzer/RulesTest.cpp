@@ -12,6 +12,7 @@
 #include "analyzer/AnalyzerFixture.h"
 #include "analyzer/rules/DeviceOrientation.h"
 #include "analyzer/rules/StatusEvents.h"
+#include "support/FakeVision.h"
 
 namespace selvio::rules {
 namespace {
@@ -137,6 +138,22 @@ TEST(FaceChecks, AFrameIsJudgedByItsOneFaceOnTheScreen) {
     EXPECT_EQ(judge({good}, true), Statuses{SelvioFacialCaptureStatusHoldStill});
     EXPECT_EQ(judge({}), Statuses{SelvioFacialCaptureStatusFaceNotFound});
     EXPECT_EQ(judge({good, good}), Statuses{SelvioFacialCaptureStatusMoreThanOneFace});
+}
+
+TEST(FaceChecks, APictureIsJudgedAsIfItFilledTheScreen) {
+    const auto picture = PixelBuffer::create(1000, 1700, kPixelFormat32BGRA);
+    FakeSequenceRequestHandler handler;
+    handler.setAnswer([&](const FaceLandmarksRequest& request) {
+        EXPECT_TRUE(request.isStillImage && request.pixelBuffer == picture);
+        EXPECT_EQ(request.exifOrientation, 5U);
+        return FaceLandmarksResult{{ScreenFace{}.observation()}, std::nullopt};
+    });
+    const auto judged = judgePicture(picture, handler, {});
+    ASSERT_TRUE(judged && judged.value().face);
+    EXPECT_EQ(judged.value().statuses, std::vector{SelvioFacialCaptureStatusGoodFrame});
+    EXPECT_EQ(judged.value().face->rect, (Rect{0.0, 0.0, 1000.0, 1700.0}));
+    handler.setAnswer([](const auto&) { return FaceLandmarksResult{{}, Error{"cannot look"}}; });
+    EXPECT_EQ(judgePicture(picture, handler, {}).error().localizedDescription, "cannot look");
 }
 
 TEST(PreviewGeometry, APointOfThePictureIsFoundOnTheScreenThatShowsItsMiddle) {

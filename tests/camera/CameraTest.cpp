@@ -128,6 +128,18 @@ TEST(Camera, shutDownInTheMiddleLeavesNothing) {
     EXPECT_THAT(rig.log.take(), testing::Not(testing::Contains(testing::ContainsRegex("Can't|Could|Failed|told"))));
 }
 
+TEST(Camera, theViewEndsOnTheMainQueueWhereverTheCameraDoes) {
+    CameraRig rig;
+    rig.platform.makeView = {};
+    rig.make();
+    const std::weak_ptr<View> view = rig.camera->view();
+    rig.run();
+    std::thread([&] { rig.camera.reset(); }).join();
+    EXPECT_FALSE(view.expired());
+    rig.run();
+    EXPECT_TRUE(view.expired());
+}
+
 // A delegate call that runs is waited for, but not by one.
 TEST(Camera, shutdownWaitsForTheCallThatRuns) {
     for (const bool fromWithin : {false, true}) {
