@@ -61,7 +61,7 @@ class Tree:
     def __init__(self, root):
         self.root = root.resolve()
         targets, links, libraries = {}, {}, []
-        for file in self.root.rglob("CMakeLists.txt"):
+        for file in self.files("CMakeLists.txt"):
             text = file.read_text(encoding="utf-8")
             libraries += LIBRARY.findall(text)
             for target, body in FOLDER.findall(text):
@@ -107,10 +107,14 @@ class Tree:
             return "system", False
         return "json" if name.startswith("nlohmann/") else "third-party", False
 
+    def files(self, pattern):
+        """But for those under build/, where a copy of the tree may lie."""
+        return (file for file in self.root.rglob(pattern) if file.relative_to(self.root).parts[0] != "build")
+
     def faults(self):
         for folder in sorted(f for f, names in self.libraries.items() if not names):
             yield f"{folder}: in no library"
-        for file in sorted(self.root.rglob("*")):
+        for file in sorted(self.files("*")):
             if file.suffix in (".h", ".cpp") and self.folder_of(file.relative_to(self.root)):
                 yield from self.faults_of(file, file.relative_to(self.root))
 
