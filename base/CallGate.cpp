@@ -19,7 +19,7 @@ bool CallGate::enter() noexcept {
 void CallGate::leave() {
     {
         const std::lock_guard lock(mutex_);
-        inside_.erase(std::ranges::find(inside_, std::this_thread::get_id()));
+        inside_.erase(std::find(inside_.begin(), inside_.end(), std::this_thread::get_id()));
     }
     left_.notify_all();
 }
@@ -27,13 +27,16 @@ void CallGate::leave() {
 void CallGate::close() {
     std::unique_lock lock(mutex_);
     closed_ = true;
-    if (std::ranges::count(inside_, std::this_thread::get_id()) != 0) return;
-    left_.wait(lock, [this] { return inside_.empty(); });
+    if (!isInsideLocked()) left_.wait(lock, [this] { return inside_.empty(); });
 }
 
 bool CallGate::isInside() const {
     const std::lock_guard lock(mutex_);
-    return std::ranges::count(inside_, std::this_thread::get_id()) != 0;
+    return isInsideLocked();
+}
+
+bool CallGate::isInsideLocked() const {
+    return std::find(inside_.begin(), inside_.end(), std::this_thread::get_id()) != inside_.end();
 }
 
 }  // namespace selvio

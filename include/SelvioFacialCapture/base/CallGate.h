@@ -30,6 +30,7 @@ private:
     /// False when it is closed; when there is no memory, too.
     bool enter() noexcept;
     void leave();
+    [[nodiscard]] bool isInsideLocked() const;
 
     mutable std::mutex mutex_;
     std::condition_variable left_;
