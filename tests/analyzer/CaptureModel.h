@@ -313,7 +313,7 @@ private:
             if (step.delivery == Automatic) return other.delivery == Automatic && other.run == step.run;
             return step.delivery == Countdown && other.delivery == Countdown;
         };
-        if (step.delivery == Automatic && std::ranges::any_of(waiting, takesItsPlace)) return;
+        if (step.delivery == Automatic && std::any_of(waiting.begin(), waiting.end(), takesItsPlace)) return;
         if (std::erase_if(waiting, takesItsPlace) == 0) mainQueue->async([this] { deliverFirst(); });
         waiting.push_back(step);
     }

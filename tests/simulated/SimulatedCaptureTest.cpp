@@ -207,13 +207,13 @@ TEST(SimulatedCapture, RunsUntilItsDelegateStopsItAndWhateverManyThreadsDo) {
         [&](int i) { rig.system->setFaults({.deviceLost = i % 16 == 0, .dropEvery = i % 3}); },
         [&](int i) { i % 2 == 0 ? rig.session->removeOutput(rig.audio) : rig.session->addOutput(rig.audio); },
     };
-    std::vector<std::jthread> threads;
+    std::vector<std::thread> threads;
     for (const auto& work : works) {
         threads.emplace_back([&work] {
             for (int i = 0; i < 200; ++i) work(i);
         });
     }
-    threads.clear();
+    for (auto& thread : threads) thread.join();
     rig.system->setFaults({});
     rig.video->setSampleBufferDelegate(rig.probe, frameQueue);
     rig.session->startRunning();

@@ -148,7 +148,8 @@ public:
     [[nodiscard]] bool canAddInput(const CaptureDeviceInput& input) const override {
         // As a real session: one input of a kind.
         const auto same = [&](const auto& other) { return other->device() == input.device(); };
-        return !script_->refused.contains(nameOf(input)) && std::ranges::none_of(mutex_.get(inputs_), same);
+        const auto own = mutex_.get(inputs_);
+        return !script_->refused.contains(nameOf(input)) && std::none_of(own.begin(), own.end(), same);
     }
     void addInput(std::shared_ptr<CaptureDeviceInput> input) override { add(inputs_, std::move(input)); }
     void removeInput(const std::shared_ptr<CaptureDeviceInput>& input) override { remove(inputs_, input); }
