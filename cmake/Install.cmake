@@ -2,9 +2,9 @@
 include(CMakePackageConfigHelpers)
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/SelvioFacialCapture)
 
-# What only our own libraries share is not for hosts.
+# The gate of calls is what only our own libraries share.
 install(DIRECTORY include/SelvioFacialCapture DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING
-        PATTERN CallGate.h EXCLUDE PATTERN MemberMutex.h EXCLUDE PATTERN "*.h")
+        PATTERN CallGate.h EXCLUDE PATTERN "*.h")
 install(DIRECTORY samples/ DESTINATION ${CMAKE_INSTALL_DATADIR}/SelvioFacialCapture/samples COMPONENT core OPTIONAL)
 install(FILES LICENSE README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY docs examples DESTINATION ${CMAKE_INSTALL_DOCDIR})
