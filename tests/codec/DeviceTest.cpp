@@ -8,7 +8,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cmath>
 #include <fstream>
 #include <map>
 
@@ -34,14 +33,6 @@ TEST(LinuxDevice, tellsTheVersionOfTheSystemWithItsPointRelease) {
     const LinuxDevice device([] { return DeviceOrientation::LandscapeLeft; });
     EXPECT_EQ(device.orientation(), DeviceOrientation::LandscapeLeft);
     EXPECT_EQ(device.machineName() + "\n", test::outputOf("uname -m"));
-}
-
-TEST(LinuxScreen, takesPositiveSizesOnly) {
-    const LogCapture log;
-    LinuxScreen screen;
-    screen.setBounds({400, 720});
-    for (const Size size : {Size{0, 720}, Size{400, -1}, Size{NAN, 720}, Size{400, INFINITY}}) screen.setBounds(size);
-    EXPECT_EQ(screen.bounds(), (Size{400, 720}));
 }
 
 TEST(LinuxFileManager, documentsFollowTheEnvironmentAndArePrivate) {

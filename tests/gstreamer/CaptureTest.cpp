@@ -121,16 +121,15 @@ TEST(Capture, TorchIsAnLedWhoseFunctionIsLight) {
     EXPECT_TRUE(camera->hasTorch());
 }
 
-TEST(Capture, AVideoFileIsACameraThatPlaysOnce) {
+TEST(Capture, AVideoFileIsACameraThatPlaysOnceInRealTime) {
     const TemporaryDirectory directory;
     const auto file = directory.path() / "clip with space.mp4";
     outputOf(
-        "gst-launch-1.0 -q videotestsrc num-buffers=20 ! video/x-raw,width=360,height=640,framerate=30/1 ! x264enc ! "
-        "mp4mux ! filesink location='" +
+        "gst-launch-1.0 -q videotestsrc num-buffers=20 ! video/x-raw,width=360,height=640 ! x264enc ! mp4mux ! "
+        "filesink location='" +
         file.string() + "'");
     LogCapture log;
-    const auto [system, camera] = cameraOf({.videoFiles = {directory.path() / "missing.mp4", file}});
-    EXPECT_THAT(log.take(), Contains(HasSubstr("missing.mp4\" cannot be played")));
+    const auto [system, camera] = cameraOf({.videoFiles = {file}});
     Rig rig(system, camera, 0, VideoOrientation::Portrait);
     rig.session->startRunning();
     EXPECT_THAT(linesAtTheEndOf(*rig.session, log), Contains("Capture: stopped: the video has ended"));
@@ -138,7 +137,7 @@ TEST(Capture, AVideoFileIsACameraThatPlaysOnce) {
     const auto& frames = rig.probe->frames_;
     ASSERT_GE(frames.size(), 15U);
     EXPECT_EQ(rig.probe->last_, (VideoFormatDescription{kPixelFormat32BGRA, 360, 640}));
-    EXPECT_GT(*frames.back().presentationTime - *frames.front().presentationTime, milliseconds(450)) << "in real time";
+    EXPECT_GT(*frames.back().presentationTime - *frames.front().presentationTime, milliseconds(450));
 }
 
 TEST(Capture, NodesThatMayNotBeOpenedMeanDenied) {
@@ -237,12 +236,11 @@ TEST(Barcode, ReadsPdf417CodesWhileFramesKeepArriving) {
         rig.capture(5);
         const VideoFormatDescription frame = rig.probe->last_;
         for (const MetadataObject& object : rig.probe->objects_) {
-            EXPECT_EQ(object.type, kMetadataObjectTypePDF417Code);
             EXPECT_EQ(object.stringValue, kText);
-            EXPECT_NEAR(object.bounds.x * frame.width, place.x - (kWidth - frame.width) / 2.0, 20);
-            EXPECT_NEAR(object.bounds.y * frame.height, place.y, 20);
-            EXPECT_NEAR(object.bounds.width * frame.width, place.width, 40);
-            EXPECT_NEAR(object.bounds.height * frame.height, place.height, 40);
+            const Rect& box = object.bounds;
+            EXPECT_NEAR(box.x * frame.width, place.x - (kWidth - frame.width) / 2.0, 20);
+            EXPECT_NEAR(box.y * frame.height, place.y, 20);
+            EXPECT_LT(std::hypot(box.width * frame.width - place.width, box.height * frame.height - place.height), 40);
         }
         output->setMetadataObjectsDelegate({}, nullptr);
     }

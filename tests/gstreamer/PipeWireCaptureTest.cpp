@@ -15,22 +15,17 @@ namespace {
 
 using namespace test;
 
-/// A program that a test needs beside it. Ends with the object.
-class Child {
-public:
-    explicit Child(const std::string& command) : pid_(::fork()) {
-        if (pid_ != 0) return;
-        ::execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
-        ::_exit(127);
-    }
-    ~Child() {
-        ::kill(pid_, SIGTERM);
-        ::waitpid(pid_, nullptr, 0);
-    }
+/// A program that a test needs beside it, for as long as this is held.
+using Child = std::shared_ptr<void>;
 
-private:
-    const pid_t pid_;
-};
+Child run(const std::string& command) {
+    const pid_t pid = ::fork();
+    if (pid == 0) ::_exit(::execl("/bin/sh", "sh", "-c", command.c_str(), nullptr));
+    return {nullptr, [pid](void*) {
+                ::kill(pid, SIGTERM);
+                ::waitpid(pid, nullptr, 0);
+            }};
+}
 
 class PipeWireCapture : public ::testing::Test {
 protected:
@@ -39,14 +34,12 @@ protected:
     }
 
     /// A picture at 30 frames a second; `encoder` is an element.
-    static std::unique_ptr<Child> publish(const std::string& name, const std::string& position,
-                                          const std::string& format, const std::string& pattern = "white",
-                                          const std::string& encoder = "identity") {
-        return std::make_unique<Child>(
-            "exec gst-launch-1.0 -q videotestsrc is-live=true pattern=" + pattern +
-            " ! video/x-raw,framerate=30/1,width=640,height=480,format=" + format + " ! " + encoder +
-            " ! pipewiresink mode=provide stream-properties=props,media.class=Video/Source,node.name=" + name +
-            ",node.description=" + name + ",api.libcamera.location=" + position);
+    static Child publish(const std::string& name, const std::string& position, const std::string& format,
+                         const std::string& pattern = "white", const std::string& encoder = "identity") {
+        return run("exec gst-launch-1.0 -q videotestsrc is-live=true pattern=" + pattern +
+                   " ! video/x-raw,framerate=30/1,width=640,height=480,format=" + format + " ! " + encoder +
+                   " ! pipewiresink mode=provide stream-properties=props,media.class=Video/Source,node.name=" + name +
+                   ",node.description=" + name + ",api.libcamera.location=" + position);
     }
     // Waits until a device of this name is there, or is not.
     std::shared_ptr<CaptureDevice> find(const std::string& name, bool expected = true) {
@@ -103,9 +96,8 @@ TEST_F(PipeWireCapture, CamerasComeAndGo) {
 }
 
 TEST_F(PipeWireCapture, DeliversUprightAndCroppedAndFramesMayBeHeld) {
-    const std::unique_ptr<Child> publishers[] = {publish("Raw", "front", "NV12"),
-                                                 publish("Jpeg", "front", "NV12", "white", "jpegenc"),
-                                                 publish("Snow", "front", "NV12", "snow")};
+    const Child publishers[] = {publish("Raw", "front", "NV12"), publish("Jpeg", "front", "NV12", "white", "jpegenc"),
+                                publish("Snow", "front", "NV12", "snow")};
     for (const auto& [name, format] :
          {std::pair{"Raw", kPixelFormat420v}, {"Raw", kPixelFormat32BGRA}, {"Jpeg", kPixelFormat420v}}) {
         const auto camera = find(name);

@@ -43,14 +43,13 @@ TEST(CaptureRules, PresetsStandForSizes) {
         {{{640, 480}, {1280, 720}}, kCaptureSessionPreset1920x1080, {0, 0}},
         {{{640, 480}, {3840, 2160}, {1280, 960}}, kCaptureSessionPresetHigh, {1280, 960}},
         {{{1920, 1080}, {1280, 720}}, nullptr, {1280, 720}},
-        {{{320, 240}, {640, 480}}, nullptr, {640, 480}},
-    };
+        {{{320, 240}, {640, 480}}, nullptr, {640, 480}}};
     for (const auto& [sizes, preset, expected] : cases) {
         std::vector<CaptureDeviceFormat> formats;
         for (const auto& [w, h] : sizes) formats.push_back({{kPixelFormat420v, w, h}, 30});
-        const auto found = (preset != nullptr ? formatForPreset(formats, preset) : initialFormat(formats))
-                               .value_or(CaptureDeviceFormat{});
-        EXPECT_EQ(std::pair(found.formatDescription.width, found.formatDescription.height), expected);
+        const auto found = preset != nullptr ? formatForPreset(formats, preset) : initialFormat(formats);
+        const auto size = found.value_or(CaptureDeviceFormat{}).formatDescription;
+        EXPECT_EQ(std::pair(size.width, size.height), expected);
     }
 }
 

@@ -129,14 +129,14 @@ TEST(SimulatedFrames, LightAndNoiseAreWhatTheScriptSaysAndTheSameTimeGivesTheSam
 }
 
 TEST(SimulatedFrames, BadInputIsNamed) {
-    const auto script = MotionScript::parse(std::string("{\"keyFrames\": [") + kSteady + "]}", "test").value();
+    const auto frames = spotFrames(kSteady);
     FaceGeometry small = spotGeometry();
     small.width = 219;
-    EXPECT_THAT(SimulatedFrames::make(spotPhotograph(), small, script).error().localizedDescription,
+    EXPECT_THAT(SimulatedFrames::make(spotPhotograph(), small, frames->script()).error().localizedDescription,
                 HasSubstr("220 x 300 pixels, its face geometry states 219"));
-    EXPECT_FALSE(SimulatedFrames::make(nullptr, spotGeometry(), script));
-    EXPECT_EQ(spotFrames(kSteady)->frame(0s, 0, 5, kPixelFormat32BGRA), nullptr);
-    EXPECT_EQ(spotFrames(kSteady)->frame(0s, 5, 5, kPixelFormat32ARGB), nullptr);
+    EXPECT_FALSE(SimulatedFrames::make(nullptr, spotGeometry(), frames->script()));
+    EXPECT_EQ(frames->frame(0s, 0, 5, kPixelFormat32BGRA), nullptr);
+    EXPECT_EQ(frames->frame(0s, 5, 5, kPixelFormat32ARGB), nullptr);
 }
 
 TEST(Samples, EveryScriptCanBeRead) {
