@@ -1,6 +1,8 @@
 // What sessions and outputs of every capture system have in common, seen through the simulated one.
 #include <gmock/gmock.h>
 
+#include <algorithm>
+
 #include "tests/simulated/SimulatedRig.h"
 #include "tests/support/LogCapture.h"
 

@@ -138,6 +138,7 @@ TEST_F(Codec, densityCommentAndOrientationAreReadByOtherPrograms) {
     EXPECT_EQ(outputOf("exiftool -n -s3 -JFIF:all -Orientation -UserComment " + path),
               "1 1\n1\n72\n71\n6\n" + comment + "\n");
     EXPECT_EQ(outputOf("exif --tag=UserComment --machine-readable " + path), comment + "\n");
+    EXPECT_FALSE(readExifSegment(*makeExifSegment({std::nullopt, 9}))->orientation) << "there is no such one";
 }
 
 TEST_F(Codec, everyKindOfPictureIsReadAndEveryJpegEncodedAnew) {
