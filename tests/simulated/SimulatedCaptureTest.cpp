@@ -15,6 +15,13 @@ using namespace std::chrono_literals;
 using ::testing::DoubleNear;
 using ::testing::ElementsAre;
 
+TEST(SimulatedCapture, TheTorchIsThatOfTheCameraBehind) {
+    const SimulatedRig rig;
+    rig.system->defaultDevice(MediaType::Video)->setTorchMode(TorchMode::On);
+    EXPECT_EQ(rig.system->deviceState(CaptureDevicePosition::Back).torchMode, TorchMode::On);
+    EXPECT_EQ(rig.system->deviceState(CaptureDevicePosition::Front).torchMode, TorchMode::Off);
+}
+
 TEST(SimulatedCapture, PermissionsAnswerAsSet) {
     using enum AuthorizationStatus;
     for (const auto& [status, answer, after] : {std::tuple{NotDetermined, true, Authorized},
