@@ -1,6 +1,7 @@
 // Reads recordings with an independent reader, and feeds writers with frames of known content.
 #pragma once
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <utility>
