@@ -35,9 +35,9 @@ Quarters quartersOf(const PixelBuffer& bgra) {
     }
     return quarters;
 }
-void expectQuarters(const std::shared_ptr<const PixelBuffer>& bgra, const Quarters& expected) {
+void expectPicture(const std::shared_ptr<const PixelBuffer>& bgra, int width, int height, const Quarters& expected) {
     ASSERT_NE(bgra, nullptr);
-    EXPECT_EQ(bgra->format(), kPixelFormat32BGRA);
+    EXPECT_EQ(std::tuple(bgra->format(), bgra->width(), bgra->height()), std::tuple(kPixelFormat32BGRA, width, height));
     const Quarters got = quartersOf(*bgra);
     for (std::size_t i = 0; i < 12; ++i)
         EXPECT_NEAR(got[i / 3][i % 3], expected[i / 3][i % 3], 3) << "quarter " << i / 3 << " channel " << i % 3;
@@ -47,26 +47,19 @@ void expectQuarters(const std::shared_ptr<const PixelBuffer>& bgra, const Quarte
 std::shared_ptr<PixelBuffer> quarters(int width, int height, PixelFormat format) {
     return painted(width, height, format, [&](std::uint8_t* sample, int x, int y, int plane) {
         const int half = plane == 0 ? 2 : 4;
-        const int quarter = (x >= width / half ? 1 : 0) + (y >= height / half ? 2 : 0);
-        const int luma = 45 + 40 * quarter, hue = luma % 61;
+        const int luma = 45 + (x >= width / half ? 40 : 0) + (y >= height / half ? 80 : 0), hue = luma % 61;
         const int values[] = {plane == 0 ? luma : 98 + hue, plane == 0 ? luma * 37 : 158 - hue, luma * 91, 255};
         for (std::size_t i = 0; i < sampleSize(*PixelBuffer::create(1, 1, format), plane); ++i)
             sample[i] = static_cast<std::uint8_t>(values[i]);
     });
 }
 
-/// What `convert` makes of four colours.
-std::string drawing(const std::array<const char*, 4>& c) {
-    return std::string("\\( xc:'") + c[0] + "' xc:'" + c[1] + "' +append \\) \\( xc:'" + c[2] + "' xc:'" + c[3] +
-           "' +append \\) -append ";
-}
-const std::string kColours = drawing({"red", "lime", "blue", "white"});
-
 /// A picture of 70 x 50 pixels as `convert` writes it, with options of its; its format is that of the name.
-Bytes fileOf(const std::string& name, const std::string& options = "", const std::string& picture = kColours) {
+Bytes fileOf(const std::string& name, const std::string& options = "",
+             const std::string& colours = "xc:red xc:lime +append ) ( xc:blue xc:white") {
     const TemporaryDirectory directory;
     const std::string path = directory.path() / name;
-    outputOf("convert -size 35x25 " + picture + options + " " + path);
+    outputOf("set -f; convert -size 35x25 $(echo '( " + colours + " +append ) -append') " + options + " " + path);
     const std::string content = contentOf(path);
     return {content.begin(), content.end()};
 }
@@ -89,13 +82,8 @@ Bytes claimingSize(const Bytes& file, std::uint32_t width, std::uint32_t height)
 
 class Codec : public testing::Test {
 protected:
-    [[nodiscard]] std::shared_ptr<PixelBuffer> loaded(const std::string& path) const {
-        const auto picture = loader.loadImage(path);
-        EXPECT_TRUE(picture) << picture.error().localizedDescription;
-        return picture ? picture.value() : nullptr;
-    }
     [[nodiscard]] std::shared_ptr<PixelBuffer> loaded(const Bytes& file) const {
-        return loaded(directory.write("picture", file));
+        return loader.loadImage(directory.write("picture", file)).value();
     }
     [[nodiscard]] std::string errorOf(const std::string& path) const {
         const auto result = loader.loadImage(path);
@@ -116,16 +104,12 @@ protected:
 TEST_F(Codec, everyFormatAndOddSizesKeepTheirColours) {
     for (const PixelFormat format : {kPixelFormat32BGRA, kPixelFormat32ARGB, kPixelFormat420v}) {
         for (const auto& [width, height] : {std::pair{70, 50}, {23, 45}}) {
-            SCOPED_TRACE(testing::Message() << format << " " << width << "x" << height);
+            SCOPED_TRACE(testing::Message() << format << " " << width);
             const auto picture = quarters(width, height, format);
-            const auto file = codec.encodeJpeg({picture}, 1.0);
-            ASSERT_TRUE(file);
             const Quarters colours = quartersOf(*Utilities::imageFromPixelBuffer(picture)->bitmap);
-            for (const Bytes& written : {*file, reencoded(*file, {std::nullopt, std::nullopt, 1.0F}).value()}) {
-                const auto result = loaded(written);
-                expectQuarters(result, colours);
-                EXPECT_TRUE(result->width() == width && result->height() == height);
-            }
+            const Bytes file = codec.encodeJpeg({picture}, 1.0).value();
+            expectPicture(loaded(file), width, height, colours);
+            expectPicture(loaded(reencoded(file, {std::nullopt, std::nullopt, 1.0F}).value()), width, height, colours);
         }
     }
 }
@@ -135,40 +119,37 @@ TEST_F(Codec, densityCommentAndOrientationAreReadByOtherPrograms) {
     const Bytes source = *codec.encodeJpeg(image, 1.0);
     EXPECT_FALSE(propertiesOf(*reencoded(source, {})).exif);
     ImageProperties properties = propertiesOf(source);
-    properties.lossyCompressionQuality = 0.95F;
     properties.exif->userComment = "Grüße";
     EXPECT_FALSE(reencoded(source, properties)) << "not ASCII";
     EXPECT_FALSE(codec.userCommentFits("Grüße"));
 
     properties.jfif = JfifProperties{72, 71, 1};
-    for (const std::string comment : {"", R"({"Model":"Gr\u00fc\u00dfe"})"}) {
-        properties.exif->userComment = comment;
-        const auto file = reencoded(source, properties);
-        ASSERT_TRUE(file);
-        const ImageProperties read = propertiesOf(*file);
-        EXPECT_EQ(read.exif->userComment, comment);
-        EXPECT_EQ(read.exif->orientation, 6);
-        EXPECT_EQ((std::array{read.jfif->xDensity, read.jfif->yDensity, read.jfif->densityUnit}),
-                  (std::array{72, 71, 1}));
-        if (comment.empty()) continue;
-        const std::string path = directory.write("photograph.jpg", *file);
-        EXPECT_EQ(outputOf("exiftool -n -s3 -JFIF:all -Orientation -UserComment " + path),
-                  "1 1\n1\n72\n71\n6\n" + comment + "\n");
-        EXPECT_EQ(outputOf("exif --tag=UserComment --machine-readable " + path), comment + "\n");
+    const std::string comment = R"({"Model":"Gr\u00fc\u00dfe"})";
+    for (const std::string& text : {std::string(), comment}) {
+        properties.exif->userComment = text;
+        const Bytes file = reencoded(source, properties).value();
+        EXPECT_EQ(propertiesOf(file).exif->userComment, text);
+        directory.write("photograph.jpg", file);
     }
+    const std::string path = directory.path() / "photograph.jpg";
+    const ImageProperties read = propertiesOf(reencoded(source, properties).value());
+    EXPECT_EQ((std::array{read.exif->orientation.value(), read.jfif->xDensity, read.jfif->yDensity}),
+              (std::array{6, 72, 71}));
+    EXPECT_EQ(outputOf("exiftool -n -s3 -JFIF:all -Orientation -UserComment " + path),
+              "1 1\n1\n72\n71\n6\n" + comment + "\n");
+    EXPECT_EQ(outputOf("exif --tag=UserComment --machine-readable " + path), comment + "\n");
+    EXPECT_FALSE(readExifSegment(*makeExifSegment({std::nullopt, 9}))->orientation) << "there is no such one";
 }
 
 TEST_F(Codec, everyKindOfPictureIsReadAndEveryJpegEncodedAnew) {
-    const std::string faded = drawing({"red", "lime", "#FF000080", "#FFFFFF80"});
-    const Quarters fadedColours{kRed, kGreen, {0, 0, 128}, {128, 128, 128}};
-    const std::string grey = drawing({"#000", "#FFF", "#000", "#FFF"});
-    const Quarters greys{kBlack, kWhite, kBlack, kWhite};
+    const Quarters greys{kBlack, kWhite, kBlack, kWhite}, faded{kRed, kGreen, {0, 0, 128}, {128, 128, 128}};
+    const std::string grey = "xc:#000 xc:#FFF +append ) ( xc:#000 xc:#FFF";
     const struct {
         const char* name;
         std::string options;
         std::string sampling = "";  ///< of the JPEG encoded anew
         Quarters picture = kQuarters;
-        std::string drawing = kColours;
+        std::string drawing = "xc:red xc:lime +append ) ( xc:blue xc:white";
     } table[] = {
         {"a.jpg", "-sampling-factor 4:2:2 -interlace JPEG", "YCbCr4:2:2 (2 1)"},
         {"a.jpg", "-sampling-factor 3x1", "YCbCr4:2:0 (2 2)"},
@@ -176,17 +157,16 @@ TEST_F(Codec, everyKindOfPictureIsReadAndEveryJpegEncodedAnew) {
         {"a.jpg", "-colorspace Gray", "", greys, grey},
         {"a.png", "-define png:color-type=3"},
         {"a.png", "-define png:color-type=0 -define png:bit-depth=16 -interlace PNG", "", greys, grey},
-        {"a.png", "-define png:color-type=6", "", fadedColours, faded},
+        {"a.png", "-define png:color-type=6", "", faded, "xc:red xc:lime +append ) ( xc:#FF000080 xc:#FFFFFF80"},
     };
     for (const auto& c : table) {
         SCOPED_TRACE(c.name + (" " + c.options));
         const Bytes file = fileOf(c.name, c.options, c.drawing);
-        expectQuarters(loaded(file), c.picture);
-        if (c.name != std::string("a.jpg")) continue;
-        const auto anew = reencoded(file, {std::nullopt, std::nullopt, 1.0F});
-        ASSERT_TRUE(anew);
-        expectQuarters(loaded(*anew), quartersOf(*loaded(file)));
-        EXPECT_THAT(outputOf("exiftool -s3 -YCbCrSubSampling " + directory.write("anew.jpg", *anew)),
+        expectPicture(loaded(file), 70, 50, c.picture);
+        if (file[0] != 0xFF) continue;
+        const Bytes anew = reencoded(file, {std::nullopt, std::nullopt, 1.0F}).value();
+        expectPicture(loaded(anew), 70, 50, c.picture);
+        EXPECT_THAT(outputOf("exiftool -s3 -YCbCrSubSampling " + directory.write("anew.jpg", anew)),
                     HasSubstr(c.sampling));
     }
 }
@@ -195,34 +175,17 @@ TEST_F(Codec, qualityDecidesTheTablesAndIsClamped) {
     const Image image{quarters(160, 120, kPixelFormat32BGRA)};
     const auto tablesOf = [](Bytes file) { return Bytes(file.begin(), file.begin() + 158); };
     const auto tablesAt = [&](double quality) { return tablesOf(*codec.encodeJpeg(image, quality)); };
-    EXPECT_NE(tablesAt(0.01), tablesAt(0.05));
-    EXPECT_EQ(tablesAt(-3.0), tablesAt(0.01));
+    EXPECT_NE(tablesAt(-3.0), tablesAt(0.05));
     EXPECT_EQ(tablesAt(std::numeric_limits<double>::quiet_NaN()), tablesAt(1.0));
     EXPECT_EQ(tablesOf(*reencoded(*codec.encodeJpeg(image, 1.0), {std::nullopt, std::nullopt, 0.05F})), tablesAt(0.05));
 }
 
 TEST_F(Codec, aCommentFitsExactlyUpToOneSegment) {
     const Bytes source = *codec.encodeJpeg({quarters(16, 16, kPixelFormat32BGRA)}, 1.0);
-    std::size_t longest = 65400;
-    while (codec.userCommentFits(std::string(longest + 1, 'x')) && longest < 65533) ++longest;
-    EXPECT_LT(longest, 65533U);
-    const auto written = [&](std::size_t length) {
-        return reencoded(source, {std::nullopt, ExifProperties{std::string(length, 'x'), 1}, std::nullopt});
-    };
-    ASSERT_TRUE(written(longest));
-    EXPECT_EQ(propertiesOf(*written(longest)).exif->userComment->size(), longest);
-    EXPECT_FALSE(written(longest + 1));
-}
-
-TEST_F(Codec, damageNeverGivesAPropertyThatWasNotWritten) {
-    const Bytes whole = *makeExifSegment({std::string(200, 'x'), 6});
-    for (std::size_t at = 0; at < whole.size(); ++at) {
-        const auto cut = readExifSegment(std::span(whole).first(at)).value_or(ExifProperties{});
-        EXPECT_TRUE(std::string(200, 'x').starts_with(cut.userComment.value_or(""))) << at;
-        EXPECT_EQ(cut.orientation.value_or(6), 6) << at;
-        const auto damaged = readExifSegment(patched(whole, at, 0xFF, 1)).value_or(ExifProperties{});
-        EXPECT_THAT(damaged.orientation.value_or(1), testing::AllOf(testing::Ge(1), testing::Le(8))) << at;
-    }
+    std::string longest(65400, 'x');
+    while (codec.userCommentFits(longest + 'x') && longest.size() < 65533) longest += 'x';
+    EXPECT_EQ(propertiesOf(reencoded(source, {{}, ExifProperties{longest, 1}, {}}).value()).exif->userComment, longest);
+    EXPECT_FALSE(reencoded(source, {{}, ExifProperties{longest + 'x', 1}, {}}));
 }
 
 TEST_F(Codec, thePicturesOwnOrientationIsApplied) {
@@ -234,24 +197,23 @@ TEST_F(Codec, thePicturesOwnOrientationIsApplied) {
             SCOPED_TRACE(std::to_string(orientation) + name);
             const std::string path = directory.write(name, fileOf(name));
             outputOf("exiftool -q -q -n -overwrite_original -Orientation=" + std::to_string(orientation) + " " + path);
-            const auto picture = loaded(path);
-            expectQuarters(picture, turned[orientation - 1]);
-            EXPECT_EQ(picture->width(), orientation < 5 ? 70 : 50);
+            const bool upright = orientation < 5;
+            expectPicture(loader.loadImage(path).value(), upright ? 70 : 50, upright ? 50 : 70,
+                          turned[orientation - 1]);
         }
     }
 }
 
 TEST_F(Codec, badFilesAreNamedWithTheReasonInOneLine) {
-    const std::string path = directory.path() / "missing.jpg", pipe = directory.path() / "pipe";
+    const std::string pipe = directory.path() / "pipe";
     ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
     const Bytes jpeg = fileOf("a.jpg"), png = fileOf("a.png");
     const std::string endless = directory.write("endless.jpg", jpeg);
     std::filesystem::resize_file(endless, std::uintmax_t{1} << 40);
     const std::pair<std::string, std::string> table[] = {
-        {errorOf(path), path + ": No such file or directory"},
+        {errorOf("/nowhere/two\nlines.jpg"), "two?lines.jpg: No such file or directory"},
         {errorOf(pipe), "not a regular file"},
         {errorOf(endless), "longer than any picture"},
-        {errorOf("/nowhere/two\nlines.jpg"), "two?lines.jpg: "},
         {errorOf(Bytes{'t', 'e', 'x', 't'}), "neither JPEG nor PNG"},
         {errorOf(patched(jpeg, frameOf(jpeg) + 1, 0xC9, 1)), "arithmetic"},
         {errorOf(claimingSize(png, 0, 5)), "/bad: "},
@@ -278,10 +240,8 @@ TEST_F(Codec, whatAFileOnlyClaimsCostsNoMemory) {
 }
 
 TEST_F(Codec, aFileCutShortAnywhereIsAnErrorAndNoGreyPicture) {
-    for (const auto& [name, options] : {std::pair{"a.jpg", "-interlace none"},
-                                        {"a.jpg", "-interlace JPEG"},
-                                        {"a.png", "-strip"},
-                                        {"a.png", "-strip -interlace PNG"}}) {
+    for (const auto& [name, options] :
+         {std::pair{"a.jpg", "-interlace none"}, {"a.jpg", "-interlace JPEG"}, {"a.png", "-strip -interlace PNG"}}) {
         SCOPED_TRACE(options);
         const Bytes file = fileOf(name, options);
         const bool isJpeg = file[0] == 0xFF;

@@ -10,7 +10,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <array>
 #include <fstream>
 #include <future>
 #include <map>
@@ -25,6 +24,7 @@ using std::chrono::nanoseconds;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using ::testing::IsSupersetOf;
 using ::testing::Pair;
 
 constexpr nanoseconds kStart = std::chrono::hours(7);  // master clocks do not begin at zero
@@ -36,16 +36,12 @@ std::shared_ptr<SampleBuffer> videoSample(std::shared_ptr<PixelBuffer> pixels, n
 
 class AssetWriterTest : public ::testing::Test {
 protected:
-    void make(VideoSettings settings, bool withAudio = false) {
-        factory_ = makeGstAssetWriterFactory();
-        writer_ = factory_->makeAssetWriter(file_, kFileTypeMPEG4).value();
-        video_ = factory_->makeVideoInput(settings);
-        audio_ = withAudio ? factory_->makeAudioInput({}) : nullptr;
-        for (const auto& input : {video_, audio_}) {
-            if (!input) continue;
-            ASSERT_TRUE(writer_->canAddInput(*input));
-            writer_->addInput(input);
-        }
+    void make(const VideoSettings& settings, bool withAudio = false) {
+        const auto factory = makeGstAssetWriterFactory();
+        writer_ = factory->makeAssetWriter(file_, kFileTypeMPEG4).value();
+        writer_->addInput(video_ = factory->makeVideoInput(settings));
+        audio_ = withAudio ? factory->makeAudioInput({}) : nullptr;
+        if (audio_) writer_->addInput(audio_);
     }
     void start() {
         ASSERT_TRUE(writer_->startWriting());
@@ -58,8 +54,8 @@ protected:
         return video_->appendSampleBuffer(sample);
     }
     /// A small recording that goes on.
-    void record(int frames) {
-        make(h264(180, 320));
+    void record(int frames, bool withAudio = false) {
+        make(h264(180, 320), withAudio);
         start();
         for (int i = 0; i < frames; ++i) append(videoSample(grey_, i * kFrame));
     }
@@ -78,7 +74,6 @@ protected:
     const std::shared_ptr<PixelBuffer> grey_ = greyFrame(180, 320, kPixelFormat420v, 90);
     TemporaryDirectory directory_;
     std::filesystem::path file_ = directory_.path() / "selvio_test.mp4";
-    std::shared_ptr<AssetWriterFactory> factory_;
     std::shared_ptr<AssetWriter> writer_;
     std::shared_ptr<AssetWriterInput> video_;
     std::shared_ptr<AssetWriterInput> audio_;
@@ -89,12 +84,13 @@ TEST_F(AssetWriterTest, WritesEveryFrameWholeInTheCodecAndSizeAskedFor) {
         const char* codec;
         int width, height;  // of a frame; the file is 360x640
         PixelFormat format;
+        std::vector<std::uint8_t> red[2];  // by planes
         const char* stream;
         bool fills;  // the height of the file; else there is a black border above and below
     } cases[] = {
-        {kVideoCodecTypeH264, 202, 360, kPixelFormat32BGRA, "h264,avc1,360,640,yuv420p,45", true},
-        {kVideoCodecTypeH264, 360, 640, kPixelFormat32ARGB, "h264,avc1,360,640,yuv420p,45", true},
-        {kVideoCodecTypeHEVC, 640, 360, kPixelFormat420v, "hevc,hvc1,360,640,yuv420p,45", false},
+        {kVideoCodecTypeH264, 202, 360, kPixelFormat32BGRA, {{0, 0, 255, 255}, {}}, "h264,avc1,", true},
+        {kVideoCodecTypeH264, 360, 640, kPixelFormat32ARGB, {{255, 255, 0, 0}, {}}, "h264,avc1,", true},
+        {kVideoCodecTypeHEVC, 640, 360, kPixelFormat420v, {{81}, {90, 240}}, "hevc,hvc1,", false},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.format);
@@ -102,16 +98,13 @@ TEST_F(AssetWriterTest, WritesEveryFrameWholeInTheCodecAndSizeAskedFor) {
         make({c.codec, 360, 640, {{kVideoAverageBitRateKey, 500'000}}});
         start();
         const auto red = painted(c.width, c.height, c.format, [&](std::uint8_t* sample, int, int, int plane) {
-            const std::array<std::uint8_t, 4> bgra{0, 0, 255, 255}, argb{255, 255, 0, 0}, luma{81}, chroma{90, 240};
-            const bool planar = c.format == kPixelFormat420v;
-            const auto& from = planar ? plane == 0 ? luma : chroma : c.format == kPixelFormat32BGRA ? bgra : argb;
-            std::copy_n(from.begin(), planar ? plane + 1 : 4, sample);
+            std::ranges::copy(c.red[plane], sample);
         });
         for (int i = 0; i < 45; ++i) ASSERT_TRUE(append(videoSample(red, i * kFrame)));
         ASSERT_EQ(finish(), AssetWriterStatus::Completed);
-        EXPECT_EQ(streamOf(file_, "v", "codec_name,codec_tag_string,width,height,pix_fmt,nb_read_frames"), c.stream);
+        EXPECT_EQ(streamOf(file_, "v", "codec_name,codec_tag_string,width,height,pix_fmt,nb_read_frames"),
+                  c.stream + std::string("360,640,yuv420p,45"));
         EXPECT_NEAR(secondsOf(file_, "v"), 1.5, 0.03);
-        EXPECT_EQ(directory_.fileCount(), 1U) << "nothing else is left beside the file";
         EXPECT_EQ(std::filesystem::status(file_).permissions(), std::filesystem::perms(0600));
         const std::string head = contentOf(file_);
         EXPECT_LT(head.find("moov"), head.find("mdat")) << "a player can start before it has all of the file";
@@ -120,17 +113,14 @@ TEST_F(AssetWriterTest, WritesEveryFrameWholeInTheCodecAndSizeAskedFor) {
                      "' -vf 'crop=2:640:180:0,scale=1:640' -frames:v 1 -pix_fmt rgb24 -f rawvideo -");
         ASSERT_EQ(column.size(), 1920U);
         for (const std::size_t row : {200U, 320U, 440U}) {
-            const bool isRed = c.fills || row == 320;
-            EXPECT_NEAR(static_cast<unsigned char>(column[3 * row]), isRed ? 255 : 0, 25) << row;
-            EXPECT_NEAR(static_cast<unsigned char>(column[3 * row + 1]), 0, 25) << row;
-            EXPECT_NEAR(static_cast<unsigned char>(column[3 * row + 2]), 0, 25) << row;
+            const auto* const rgb = reinterpret_cast<const unsigned char*>(&column[3 * row]);
+            EXPECT_NEAR(rgb[0] - rgb[1], c.fills || row == 320 ? 255 : 0, 35) << row;
         }
     }
 }
 
 TEST_F(AssetWriterTest, NeitherASilentMicrophoneNorFramesOutOfOrderHarmTheFile) {
-    make(h264(180, 320), true);
-    start();
+    record(0, true);
     EXPECT_TRUE(video_->appendSampleBuffer(videoSample(grey_, -kFrame))) << "taken, and left out";
     for (int i = 0; i < 90; ++i) ASSERT_TRUE(append(videoSample(grey_, i * kFrame)));
     const auto sound = SampleBuffer::makeAudio({48000, 1, {}}, {kStart + std::chrono::seconds(5), kFrame});
@@ -152,8 +142,7 @@ TEST_F(AssetWriterTest, BitRateAndKeyFramesFollowTheFramesOwnRate) {
         });
     }
     constexpr int kSeconds = 7;  // which the command below knows
-    constexpr double kBitRate = 1'500'000;
-    for (const int rate : {10, 25, 30, 60}) {
+    for (const int rate : {10, 25, 60}) {
         SCOPED_TRACE(rate);
         std::filesystem::remove(file_);
         auto settings = h264(360, 640);
@@ -161,13 +150,10 @@ TEST_F(AssetWriterTest, BitRateAndKeyFramesFollowTheFramesOwnRate) {
         make(settings);
         start();
         const nanoseconds duration(1'000'000'000 / rate);
-        for (int i = 0; i < kSeconds * rate; ++i) {
-            ASSERT_TRUE(append(SampleBuffer::makeVideo(noisy[static_cast<std::size_t>(i) % noisy.size()],
-                                                       {kStart + i * duration, duration})));
-        }
+        for (std::size_t i = 0; i < static_cast<std::size_t>(kSeconds * rate); ++i)
+            ASSERT_TRUE(append(SampleBuffer::makeVideo(noisy[i % 30], {kStart + i * duration, duration})));
         ASSERT_EQ(finish(), AssetWriterStatus::Completed);
-        const double bits = static_cast<double>(std::filesystem::file_size(file_)) * 8;
-        EXPECT_NEAR(bits / kSeconds, kBitRate, kBitRate / 10);
+        EXPECT_NEAR(static_cast<double>(std::filesystem::file_size(file_)) * 8 / kSeconds, 1'500'000, 150'000);
         // The times of key frames, as far as one comes too late.
         EXPECT_EQ(
             outputOf("ffprobe -v error -skip_frame nokey -show_entries frame=pts_time -of csv=p=0 '" + file_.string() +
@@ -178,40 +164,32 @@ TEST_F(AssetWriterTest, BitRateAndKeyFramesFollowTheFramesOwnRate) {
 
 TEST_F(AssetWriterTest, TakesItsOwnSizeOfTheDiskAndSaysWhenThatIsFull) {
     const auto part = directory_.path() / "selvio_test.part.mp4";
-    const auto openFiles = [&] {
-        std::map<std::string, int> open;  // files without a name take space, too
-        for (const auto& descriptor : std::filesystem::directory_iterator("/proc/self/fd")) {
-            std::error_code gone;
-            const auto file = std::filesystem::read_symlink(descriptor, gone).string();
-            if (file.starts_with(directory_.path().string())) open[file] = std::stoi(descriptor.path().filename());
-        }
-        return open;
-    };
     const auto elsewhere = directory_.write("elsewhere", "somebody's");
     std::filesystem::create_symlink(elsewhere, part);  // is not followed
-    record(30);
-    EXPECT_THAT(openFiles(), ElementsAre(Pair(part.string(), testing::_)));
-    ASSERT_EQ(finish(), AssetWriterStatus::Completed);
-    EXPECT_EQ(contentOf(elsewhere), "somebody's");
-
-    std::filesystem::remove(file_);
     LogCapture log;
-    record(1);
+    record(30);
+    std::map<std::string, int> open;  // files without a name take space, too
+    for (const auto& descriptor : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code gone;
+        const auto file = std::filesystem::read_symlink(descriptor, gone).string();
+        if (file.starts_with(directory_.path().string())) open[file] = std::stoi(descriptor.path().filename());
+    }
+    ASSERT_THAT(open, ElementsAre(Pair(part.string(), testing::_)));
     const int full = ::open("/dev/full", O_WRONLY | O_CLOEXEC);
-    ASSERT_GE(::dup2(full, openFiles().at(part)), 0);
+    ASSERT_GE(::dup2(full, open.at(part)), 0);
     ::close(full);
-    for (int i = 1; i < 30; ++i) append(videoSample(grey_, i * kFrame));
+    for (int i = 30; i < 60; ++i) append(videoSample(grey_, i * kFrame));
     EXPECT_EQ(finish(), AssetWriterStatus::Failed);
     EXPECT_THAT(log.take(), Contains("Recording failed: no space is left on the disk"));
     EXPECT_EQ(directory_.fileCount(), 1U) << "elsewhere";
+    EXPECT_EQ(contentOf(elsewhere), "somebody's");
 }
 
 TEST_F(AssetWriterTest, TheIndexComesToTheFrontUnlessItCannot) {
     const auto atom = [](const std::string& type, const std::string& content) {
-        const std::uint32_t size = static_cast<std::uint32_t>(content.size()) + 8;
-        std::string bytes;
-        for (const int shift : {24, 16, 8, 0}) bytes += static_cast<char>(size >> shift & 0xff);
-        return bytes + type + content;
+        std::string size;
+        for (const int shift : {24, 16, 8, 0}) size += static_cast<char>((content.size() + 8) >> shift);
+        return size + type + content;
     };
     const auto index = [&](const std::string& type, const std::string& offsets) {
         const std::string table = atom(type, std::string("\0\0\0\0\0\0\0\x02", 8) + offsets);
@@ -222,23 +200,19 @@ TEST_F(AssetWriterTest, TheIndexComesToTheFrontUnlessItCannot) {
     const std::string before("\0\0\0\x20\0\x10\0\0", 8), after("\0\0\0\x6c\0\x10\0\x4c", 8);  // 0x4c more
     const std::string before64 = std::string("\0\0\0\0", 4) + before.substr(0, 4) + "\1\1\1\1\xff\xff\xff\xff";
     const std::string after64 = std::string("\0\0\0\0\0\0\0\x74\1\1\1\2\0\0\0\x53", 16);  // 0x54 more
-    const struct {
-        std::string file, result;
-        bool fails = false;
-    } rows[] = {
-        {head + media + index("stco", before), head + index("stco", after) + media},
-        {head + media + index("co64", before64), head + index("co64", after64) + media},
-        {head + index("stco", before) + media, head + index("stco", before) + media},
-        {head + media + index("stco", "\xff\xff\xff\xff" + before.substr(4)), ""},  // would be beyond 4 GB
+    const std::tuple<std::string, std::string, bool> rows[] = {
+        {head + media + index("stco", before), head + index("stco", after) + media, false},
+        {head + media + index("co64", before64), head + index("co64", after64) + media, false},
+        {head + index("stco", before) + media, "", false},
+        {head + media + index("stco", "\xff\xff\xff\xff" + before.substr(4)), "", false},  // would be beyond 4 GB
         {head + media, "", true},
         {head + media + index("stco", before) + atom("free", "x"), "", true},
         {head + media.substr(0, 100), "", true},
-        {"", "", true},
     };
-    for (const auto& row : rows) {
-        std::ofstream(file_, std::ios::binary) << row.file;
-        EXPECT_EQ(moveIndexToFront(file_).has_value(), row.fails) << &row - rows;
-        EXPECT_TRUE(contentOf(file_) == (row.result.empty() ? row.file : row.result)) << &row - rows;
+    for (const auto& [file, result, fails] : rows) {
+        std::ofstream(file_, std::ios::binary) << file;
+        EXPECT_EQ(moveIndexToFront(file_).has_value(), fails) << file.size();
+        EXPECT_TRUE(contentOf(file_) == (result.empty() ? file : result)) << file.size();
     }
 }
 
@@ -247,14 +221,13 @@ TEST_F(AssetWriterTest, InRealTimeDropsRatherThanWaits) {
     video_->setExpectsMediaDataInRealTime(true);
     start();
     const auto frame = greyFrame(720, 1280, kPixelFormat32BGRA, 90);
-    std::weak_ptr<PixelBuffer> held = frame;
     int taken = 0;
     for (int i = 0; i < 200; ++i) taken += video_->appendSampleBuffer(videoSample(frame, i * kFrame)) ? 1 : 0;
     EXPECT_GE(taken, 5);
     EXPECT_LT(taken, 200) << "no encoder takes 200 frames at once";
     ASSERT_EQ(finish(), AssetWriterStatus::Completed);
     EXPECT_EQ(streamOf(file_, "v", "nb_read_frames"), std::to_string(taken));
-    EXPECT_EQ(held.use_count(), 1) << "the frames' memory is shared while it is encoded, and then let go";
+    EXPECT_EQ(frame.use_count(), 1) << "the frames' memory is shared while it is encoded, and then let go";
 }
 
 TEST_F(AssetWriterTest, FailureAndCancellingLeaveNoFile) {
@@ -272,30 +245,20 @@ TEST_F(AssetWriterTest, FailureAndCancellingLeaveNoFile) {
     std::filesystem::remove_all(directory_.path());
     EXPECT_EQ(finish(), AssetWriterStatus::Failed);
     EXPECT_THAT(log.take(), Contains(HasSubstr("could not finish")));
-}
-
-TEST_F(AssetWriterTest, CannotStartWhereNoFileCanBeMade) {
-    const std::string there = directory_.write("there.mp4", "already here");
-    for (const auto& path :
-         {(directory_.path() / "missing" / "selvio_a.mp4").string(), std::string("/proc/a.mp4"), there}) {
-        LogCapture log;
-        file_ = path;
-        make(h264(180, 320));
-        EXPECT_FALSE(writer_->startWriting());
-        EXPECT_THAT(log.take(), Contains(HasSubstr(path)));
-        EXPECT_FALSE(video_->isReadyForMoreMediaData());
-        EXPECT_EQ(finish(), AssetWriterStatus::Failed);
-        EXPECT_EQ(directory_.fileCount(), 1U);
-        EXPECT_EQ(contentOf(there), "already here");
-    }
+    const std::string missing = file_;
+    make(h264(180, 320));
+    EXPECT_FALSE(writer_->startWriting()) << "the directory is missing";
+    EXPECT_FALSE(video_->isReadyForMoreMediaData());
+    EXPECT_EQ(finish(), AssetWriterStatus::Failed);
+    file_ = directory_.write("there.mp4", "already here");
+    make(h264(180, 320));
+    EXPECT_FALSE(writer_->startWriting());
+    EXPECT_THAT(log.take(), IsSupersetOf({HasSubstr(missing), HasSubstr(file_)}));
+    EXPECT_EQ(contentOf(file_), "already here");
 }
 
 TEST_F(AssetWriterTest, NamesThePackageThatIsMissing) {
     const std::tuple<const char*, std::vector<std::string>, const char*> cases[] = {
-        {kVideoCodecTypeH264,
-         {"vah264enc", "vah264lpenc", "vaapih264enc", "nvh264enc", "qsvh264enc", "v4l2h264enc", "x264enc",
-          "openh264enc"},
-         "gstreamer1.0-plugins-ugly"},
         {kVideoCodecTypeHEVC, {"h265parse"}, "gstreamer1.0-plugins-bad"},
         {kVideoCodecTypeH264, {"mp4mux"}, "gstreamer1.0-plugins-good"},
         {nullptr, {"avenc_aac", "voaacenc", "fdkaacenc"}, "gstreamer1.0-libav"},

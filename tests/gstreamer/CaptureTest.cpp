@@ -5,8 +5,6 @@
 #include <ZXing/BitMatrix.h>
 #include <ZXing/MultiFormatWriter.h>
 
-#include <atomic>
-
 namespace selvio {
 namespace {
 
@@ -16,8 +14,7 @@ using namespace test;
 std::pair<std::shared_ptr<CaptureSystem>, std::shared_ptr<CaptureDevice>> cameraOf(CaptureOptions options) {
     options.systemDevices = false;
     auto system = makeGstCaptureSystem(std::move(options));
-    auto found = system->discoverDevices({}, MediaType::Video, CaptureDevicePosition::Back)->devices;
-    return {system, found.at(0)};
+    return {system, system->discoverDevices({}, MediaType::Video, CaptureDevicePosition::Back)->devices.at(0)};
 }
 
 SourceCamera sourceCamera(const char* source = "videotestsrc is-live=true pattern=white") {
@@ -55,19 +52,17 @@ TEST(Capture, TheFirstFrameMayStopTheSession) {
     const auto [system, camera] = cameraOf({.sources = {sourceCamera()}});
     for (int i = 0; i < 20; ++i) {
         Rig rig(system, camera);
-        std::atomic<int> calls{0};
-        bool ran = false;
+        std::vector<bool> ran;
         rig.probe->onFrame = [&](const auto&) {
-            if (calls == 0) ran = rig.session->isRunning();
+            ran.push_back(rig.session->isRunning());
             rig.session->stopRunning();
-            ++calls;
         };
         rig.session->startRunning();
-        ASSERT_TRUE(comesTrue([&] { return calls > 0; }));
+        ASSERT_TRUE(rig.probe->waitFor([&] { return !rig.probe->frames_.empty(); }));
         rig.queue->drain();
         EXPECT_FALSE(rig.session->isRunning());
-        EXPECT_LE(calls, 2) << "one more may have waited";
-        EXPECT_TRUE(ran);
+        EXPECT_TRUE(ran[0]);
+        EXPECT_LE(ran.size(), 2U) << "one more may have waited";
     }
     EXPECT_TRUE(log.take().empty());
 }
@@ -112,53 +107,46 @@ TEST(Capture, SaysWhyACameraDoesNotStartOrEnds) {
 }
 
 TEST(Capture, TorchIsAnLedWhoseFunctionIsLight) {
-    TemporaryDirectory leds;
-    for (const char* const name : {"input3::capslock", "white:flash"}) {
-        leds.write(std::string(name) + "/brightness", "0");
-        leds.write(std::string(name) + "/max_brightness", "37");
+    const TemporaryDirectory leds;
+    for (const std::string name : {"input3::capslock", "white:flash"}) {
+        leds.write(name + "/brightness", "0");
+        leds.write(name + "/max_brightness", "37");
     }
-    const auto levels = [&] {
-        return contentOf(leds.path() / "white:flash/brightness") +
-               contentOf(leds.path() / "input3::capslock/brightness");
-    };
     const auto [system, camera] = cameraOf({.sources = {sourceCamera()}, .ledDirectory = leds.path()});
-    ASSERT_TRUE(camera->hasTorch());
-    camera->setTorchMode(TorchMode::On);
-    EXPECT_EQ(levels(), "370");
-    camera->setTorchMode(TorchMode::Off);
-    EXPECT_EQ(levels(), "00");
+    for (const auto& [mode, level] : {std::pair{TorchMode::On, "37"}, {TorchMode::Off, "0"}}) {
+        camera->setTorchMode(mode);
+        EXPECT_EQ(contentOf(leds.path() / "white:flash/brightness"), level);
+        EXPECT_EQ(contentOf(leds.path() / "input3::capslock/brightness"), "0");
+    }
+    EXPECT_TRUE(camera->hasTorch());
 }
 
-TEST(Capture, AVideoFileIsACameraThatPlaysOnce) {
-    TemporaryDirectory directory;
+TEST(Capture, AVideoFileIsACameraThatPlaysOnceInRealTime) {
+    const TemporaryDirectory directory;
     const auto file = directory.path() / "clip with space.mp4";
     outputOf(
-        "gst-launch-1.0 -q videotestsrc num-buffers=20 ! video/x-raw,width=360,height=640,framerate=30/1 ! x264enc ! "
-        "mp4mux ! filesink location='" +
+        "gst-launch-1.0 -q videotestsrc num-buffers=20 ! video/x-raw,width=360,height=640 ! x264enc ! mp4mux ! "
+        "filesink location='" +
         file.string() + "'");
     LogCapture log;
-    const auto [system, camera] = cameraOf({.videoFiles = {directory.path() / "missing.mp4", file}});
-    EXPECT_THAT(log.take(), Contains(HasSubstr("missing.mp4\" cannot be played")));
+    const auto [system, camera] = cameraOf({.videoFiles = {file}});
     Rig rig(system, camera, 0, VideoOrientation::Portrait);
     rig.session->startRunning();
     EXPECT_THAT(linesAtTheEndOf(*rig.session, log), Contains("Capture: stopped: the video has ended"));
     rig.queue->drain();
-    EXPECT_GE(rig.probe->frames_.size(), 15U);
+    const auto& frames = rig.probe->frames_;
+    ASSERT_GE(frames.size(), 15U);
     EXPECT_EQ(rig.probe->last_, (VideoFormatDescription{kPixelFormat32BGRA, 360, 640}));
-    const auto played = *rig.probe->frames_.back().presentationTime - *rig.probe->frames_.front().presentationTime;
-    EXPECT_GT(played, milliseconds(450)) << "in real time";
+    EXPECT_GT(*frames.back().presentationTime - *frames.front().presentationTime, milliseconds(450));
 }
 
 TEST(Capture, NodesThatMayNotBeOpenedMeanDenied) {
-    TemporaryDirectory nodes;
+    const TemporaryDirectory nodes;
     const auto status = [&] {
-        CaptureOptions options;
-        options.deviceDirectory = nodes.path();
-        return makeGstCaptureSystem(options)->authorizationStatus(MediaType::Video);
+        return makeGstCaptureSystem({.deviceDirectory = nodes.path()})->authorizationStatus(MediaType::Video);
     };
     EXPECT_EQ(status(), AuthorizationStatus::Authorized) << "no camera is not a refusal";
-    const std::string node = nodes.write("video0", "x");
-    ::chmod(node.c_str(), 0);
+    ::chmod(nodes.write("video0", "x").c_str(), 0);
     ::chmod(nodes.path().c_str(), 0755);
     const bool isRoot = ::geteuid() == 0;
     ASSERT_TRUE(!isRoot || ::seteuid(65534) == 0);
@@ -169,9 +157,10 @@ TEST(Capture, NodesThatMayNotBeOpenedMeanDenied) {
 TEST(Capture, StandsEveryOperationFromSeveralThreadsAtOnceAndLeavesNothingBehind) {
     const auto [system, camera] = cameraOf({.sources = {sourceCamera()}});
     Rig rig(system, camera, kPixelFormat420v);
+    const auto startOrStop = [&](int i) { i % 2 == 0 ? rig.session->startRunning() : rig.session->stopRunning(); };
     const std::function<void(int)> operations[] = {
-        [&](int i) { i % 2 == 0 ? rig.session->startRunning() : rig.session->stopRunning(); },
-        [&](int i) { i % 2 == 0 ? rig.session->stopRunning() : rig.session->startRunning(); },
+        startOrStop,
+        [&](int i) { startOrStop(i + 1); },
         [&](int i) { rig.output->setSampleBufferDelegate(i % 2 == 0 ? nullptr : rig.probe, rig.queue); },
         [&](int i) { rig.output->connections().at(0)->setVideoOrientation(static_cast<VideoOrientation>(i % 5)); },
         [&](int i) {
@@ -190,10 +179,7 @@ TEST(Capture, StandsEveryOperationFromSeveralThreadsAtOnceAndLeavesNothingBehind
         }
         threads.clear();
         rig.output->setSampleBufferDelegate(rig.probe, rig.queue);
-        rig.session->startRunning();
-        EXPECT_TRUE(rig.probe->waitForFrames(2)) << "and still works";
-        rig.session->stopRunning();
-        rig.queue->drain();
+        rig.capture(2);  // still works
     };
     work(50);  // GStreamer keeps a few threads for the next time
     const auto threads = entriesIn("/proc/self/task"), descriptors = entriesIn("/proc/self/fd");
@@ -203,9 +189,7 @@ TEST(Capture, StandsEveryOperationFromSeveralThreadsAtOnceAndLeavesNothingBehind
     })) << "some may be at their end";
 }
 
-constexpr int kWidth = 1280;
-constexpr int kHeight = 720;
-
+constexpr int kWidth = 1280, kHeight = 720;
 constexpr const char* kText =
     "@ANSI 636000080002DL00410278ZV03190008DLDAQT64235789 DCSSAMPLE DDEN DACMICHAEL DDFN DADJOHN DCUJR DCAD DCBK DCDPH "
     "DBD06062019";
@@ -215,35 +199,31 @@ constexpr const char* kText =
 std::pair<std::string, Rect> cardWith(int module, bool turned) {
     auto code = ZXing::MultiFormatWriter(ZXing::BarcodeFormat::PDF417).setMargin(0).encode(kText, 0, 0);
     if (turned) code.rotate90();
-    const int left = (kWidth - code.width() * module) / 2;
-    const int top = (kHeight - code.height() * module) / 2 + 40;
-    std::string levels;
-    for (int y = 0; y < kHeight; ++y) {
-        for (int x = 0; x < kWidth; ++x) {
-            const int column = (x - left) / module, row = (y - top) / module;
-            const bool ink =
-                x >= left && column < code.width() && y >= top && row < code.height() && code.get(column, row);
-            levels.push_back(static_cast<char>((ink ? 40 : 200) * (kWidth - x) / kWidth));
-        }
+    const int width = code.width() * module, height = code.height() * module;
+    const int left = (kWidth - width) / 2, top = (kHeight - height) / 2 + 40;
+    std::string levels(std::size_t{kWidth} * kHeight, '\0');
+    for (int i = 0; i < kWidth * kHeight; ++i) {
+        const int x = i % kWidth - left, y = i / kWidth - top;
+        const bool ink = x >= 0 && x < width && y >= 0 && y < height && code.get(x / module, y / module);
+        levels[static_cast<std::size_t>(i)] = static_cast<char>((ink ? 40 : 200) * (kWidth - i % kWidth) / kWidth);
     }
-    return {levels, {1.0 * left, 1.0 * top, 1.0 * code.width() * module, 1.0 * code.height() * module}};
+    return {levels, {1.0 * left, 1.0 * top, 1.0 * width, 1.0 * height}};
 }
 
 TEST(Barcode, ReadsPdf417CodesWhileFramesKeepArriving) {
-    TemporaryDirectory directory;
+    const TemporaryDirectory directory;
     for (const bool portrait : {false, true}) {
         SCOPED_TRACE(portrait);
         const auto [levels, place] = cardWith(portrait ? 3 : 2, portrait);
         const auto orientation = portrait ? VideoOrientation::Portrait : VideoOrientation::LandscapeRight;
-        const std::string file = directory.write("card.gray", levels);
-        const SourceCamera camera{
-            .name = "card",
-            .source = "filesrc location=" + file + " blocksize=" + std::to_string(levels.size()) +
-                      " ! rawvideoparse format=gray8 width=1280 height=720 ! imagefreeze is-live=true ! videoconvert",
-            .rawFormat = portrait ? "NV12" : "BGRA"};
-        const auto system = makeGstCaptureSystem({.systemDevices = false, .sources = {camera}});
-        Rig rig(system, system->defaultDevice(MediaType::Video), portrait ? kPixelFormat420v : kPixelFormat32BGRA,
-                orientation);
+        const auto [system, camera] =
+            cameraOf({.sources = {{.name = "card",
+                                   .source = "filesrc location=" + directory.write("card.gray", levels) +
+                                             " blocksize=" + std::to_string(levels.size()) +
+                                             " ! rawvideoparse format=gray8 width=1280 height=720"
+                                             " ! imagefreeze is-live=true ! videoconvert",
+                                   .rawFormat = portrait ? "NV12" : "BGRA"}}});
+        Rig rig(system, camera, portrait ? kPixelFormat420v : kPixelFormat32BGRA, orientation);
         const auto output = system->makeMetadataOutput();
         output->setMetadataObjectsDelegate(rig.probe, rig.queue);
         rig.session->addOutput(output);
@@ -253,18 +233,14 @@ TEST(Barcode, ReadsPdf417CodesWhileFramesKeepArriving) {
         rig.session->startRunning();
         ASSERT_TRUE(rig.probe->waitFor([&] { return rig.probe->objects_.size() >= 3; }))
             << "a code that stays in view is told again";
-        EXPECT_TRUE(rig.probe->waitForFrames(5));
-        rig.session->stopRunning();
-        rig.queue->drain();
+        rig.capture(5);
         const VideoFormatDescription frame = rig.probe->last_;
-        const double cropped = (kWidth - frame.width) / 2.0;
         for (const MetadataObject& object : rig.probe->objects_) {
-            EXPECT_EQ(object.type, kMetadataObjectTypePDF417Code);
             EXPECT_EQ(object.stringValue, kText);
-            EXPECT_NEAR(object.bounds.x * frame.width, place.x - cropped, 20);
-            EXPECT_NEAR(object.bounds.y * frame.height, place.y, 20);
-            EXPECT_NEAR(object.bounds.width * frame.width, place.width, 40);
-            EXPECT_NEAR(object.bounds.height * frame.height, place.height, 40);
+            const Rect& box = object.bounds;
+            EXPECT_NEAR(box.x * frame.width, place.x - (kWidth - frame.width) / 2.0, 20);
+            EXPECT_NEAR(box.y * frame.height, place.y, 20);
+            EXPECT_LT(std::hypot(box.width * frame.width - place.width, box.height * frame.height - place.height), 40);
         }
         output->setMetadataObjectsDelegate({}, nullptr);
     }

@@ -23,14 +23,11 @@ using Statuses = std::vector<SelvioFacialCaptureStatus>;
 
 class Guidance : public ::testing::Test {
 protected:
-    static void SetUpTestSuite() { ASSERT_FALSE(waitForVisionModels().has_value()); }
-
     void SetUp() override {
+        ASSERT_FALSE(waitForVisionModels().has_value());
         Platform platform = makeLinuxPlatform();
-        platform.mainQueue = mainQueue;
-        platform.makeSerialQueue = [this](const std::string& label) {
-            return analysisQueue = std::make_shared<ManualQueue>(label);
-        };
+        platform.mainQueue = queue;
+        platform.makeSerialQueue = [this](const std::string&) { return queue; };
         platform.device = std::make_shared<FakeDevice>();
         platform.screen = std::make_shared<FakeScreen>(kScreen);
         analyzer = SelvioFacialCaptureAnalyzer::initWithParameters(std::make_shared<SelvioFacialCaptureParameters>(),
@@ -44,8 +41,7 @@ protected:
     Statuses judge(const std::shared_ptr<PixelBuffer>& pixels) {
         reported.reset();
         analyzer->analyzeSampleBuffer(SampleBuffer::makeVideo(pixels));
-        analysisQueue->runAll();
-        mainQueue->runAll();
+        queue->runAll();
         EXPECT_TRUE(reported.has_value());
         Statuses statuses = reported.value_or(Statuses());
         std::erase(statuses, SelvioFacialCaptureStatusCountdown);
@@ -54,35 +50,28 @@ protected:
 
     const std::shared_ptr<SelvioFacialCaptureAnalyzerDelegate> delegate =
         std::make_shared<SelvioFacialCaptureAnalyzerDelegate>();
-    const std::shared_ptr<ManualQueue> mainQueue = std::make_shared<ManualQueue>("main");
-    std::shared_ptr<ManualQueue> analysisQueue;
+    const std::shared_ptr<ManualQueue> queue = std::make_shared<ManualQueue>("main and analysis");
     std::shared_ptr<SelvioFacialCaptureAnalyzer> analyzer;
     std::optional<Statuses> reported;
 };
 
-// A limit is near when the true value lies within 5 % of it: there either answer is right.
-bool near(double value, double limit, double share = 0.05) {
-    return std::abs(value - limit) <= share * std::abs(limit);
-}
-
-// What is measured from one end of the jaw line is less sure: where it ends is a matter of a hundredth of the screen's
-// width, and when the head is tilted that moves the height from which the pitch is measured.
-constexpr double kNearPitch = 0.07;
-constexpr double kNearMargin = 0.012;
-
 TEST_F(Guidance, EachStatusFlipsWhereTheTrueFaceSaysSo) {
     std::vector<std::string> poses;
     for (double width = 0.40; width < 0.86; width += 0.03) poses.push_back(oneFace(0.5, 0.46, width));
-    for (double x = 0.30; x < 0.71; x += 0.04) poses.push_back(oneFace(x, 0.46, 0.60));
-    for (double y = 0.30; y < 0.71; y += 0.04) poses.push_back(oneFace(0.5, y, 0.60));
-    for (double roll = -28; roll < 29; roll += 4) poses.push_back(oneFace(0.5, 0.46, 0.60, roll));
-    for (const double x : {0.44, 0.56}) {
-        for (const double y : {0.42, 0.54}) {
-            for (const double width : {0.5, 0.7}) {
-                for (const double roll : {-8.0, 14.0}) poses.push_back(oneFace(x, y, width, roll));
-            }
-        }
+    for (double at = 0.30; at < 0.71; at += 0.04) {
+        poses.push_back(oneFace(at, 0.46, 0.60));
+        poses.push_back(oneFace(0.5, at, 0.60));
     }
+    for (double roll = -28; roll < 29; roll += 4) {
+        poses.push_back(oneFace(0.5, 0.46, 0.60, roll));
+        poses.push_back(oneFace(0.44, 0.54, 0.70, roll));
+    }
+    // Where the true value lies within a share of the limit, either answer is right. What is measured from one end of
+    // the jaw line is less sure: where it ends is a matter of a hundredth of the screen's width, and when the head is
+    // tilted that moves the height from which the pitch is measured.
+    const auto near = [](double value, double limit, double share = 0.05) {
+        return std::abs(value - limit) <= share * std::abs(limit);
+    };
     int sure = 0;
     for (const std::string& pose : poses) {
         const auto scene = sampleScene(pose);
@@ -95,11 +84,11 @@ TEST_F(Guidance, EachStatusFlipsWhereTheTrueFaceSaysSo) {
             {SelvioFacialCaptureStatusFaceRoll, rollUnsure},
             {SelvioFacialCaptureStatusFaceYaw, rollUnsure || near(m.yawRatio, m.yawLimit)},
             {SelvioFacialCaptureStatusFacePitch,
-             near(m.pitchRatio, m.pitchLow, kNearPitch) || near(m.pitchRatio, m.pitchHigh, kNearPitch)},
+             near(m.pitchRatio, m.pitchLow, 0.07) || near(m.pitchRatio, m.pitchHigh, 0.07)},
             {SelvioFacialCaptureStatusMoveCloser, near(m.horizontalFill, m.minFill)},
             {SelvioFacialCaptureStatusTooClose, near(m.horizontalFill, m.maxFill)},
             {SelvioFacialCaptureStatusNotCentered,
-             near(m.verticalRatio, m.verticalLimit) || std::abs(m.horizontalMargin - m.marginLimit) < kNearMargin},
+             near(m.verticalRatio, m.verticalLimit) || std::abs(m.horizontalMargin - m.marginLimit) < 0.012},
         };
         for (const auto& [status, isUnsure] : unsure) {
             if (isUnsure) continue;
@@ -115,18 +104,10 @@ TEST_F(Guidance, ASteadyFaceUnderSensorNoiseDoesNotFlicker) {
     const auto scene = sampleScene(oneFace(0.5, 0.46, 0.63, 0, R"(, "noise": 3)"));
     int flickers = 0;
     for (int i = 0; i < 300; ++i) {
-        const auto frame = scene->frame(std::chrono::milliseconds(33 * i), kWidth, kHeight, kPixelFormat420v);
-        flickers += judge(frame).empty() ? 0 : 1;
+        const auto time = std::chrono::milliseconds(33 * i);
+        flickers += judge(scene->frame(time, kWidth, kHeight, kPixelFormat420v)).empty() ? 0 : 1;
     }
     EXPECT_LE(flickers, 3);
-}
-
-TEST_F(Guidance, AnEmptySceneAndTwoPeopleAreTold) {
-    const std::string second = R"(, "second": {"center": [0.75, 0.45], "jawWidth": 0.36, "roll": 0})";
-    for (const auto& [keyFrame, status] :
-         {std::pair{std::string(R"({"at": 0, "visible": false, "noise": 2})"), SelvioFacialCaptureStatusFaceNotFound},
-          {oneFace(0.27, 0.45, 0.36, 0, second), SelvioFacialCaptureStatusMoreThanOneFace}})
-        EXPECT_EQ(judge(sampleScene(keyFrame)->frame({}, kWidth, kHeight, kPixelFormat32BGRA)), Statuses{status});
 }
 
 }  // namespace

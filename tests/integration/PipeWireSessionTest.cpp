@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 
 #include <filesystem>
-#include <nlohmann/json.hpp>
 
 #include "support/MediaProbe.h"
 #include "support/SampleScene.h"
@@ -34,7 +33,7 @@ echo $? > "$OUT/code"
 
 TEST(PipeWireSession, ACaptureEndsWithPhotographRecordAndRecording) {
     const TemporaryDirectory directory;
-    const std::filesystem::path out = directory.path();
+    const std::filesystem::path out = directory.path(), recording = out / "x/recording.mp4";
     const auto person = sampleScene(oneFace(0.5, 0.46, 0.63))->frame({}, 720, 1280, kPixelFormat32BGRA);
     directory.write("person.jpg", LibjpegImageCodec().encodeJpeg({person}, 0.95).value());
     ::setenv("OUT", out.c_str(), 1);
@@ -44,17 +43,9 @@ TEST(PipeWireSession, ACaptureEndsWithPhotographRecordAndRecording) {
         outputOf(std::string(SELVIO_PIPEWIRE_SCRIPT) + " bash '" + directory.write("session.sh", kSession) + "'");
     if (said.starts_with("UNAVAILABLE")) GTEST_SKIP() << said;
 
-    const std::string errors = contentOf(out / "errors.txt");
-    EXPECT_EQ(contentOf(out / "code"), "0\n") << errors;
-    EXPECT_THAT(contentOf(out / "lines.json"), HasSubstr("startCountdown"));
-
-    const auto record = nlohmann::json::parse(contentOf(out / "x/record.json"), nullptr, false);
-    ASSERT_TRUE(record.is_object()) << errors;
-    EXPECT_EQ(record.at("SelvioResultCode"), "SuccessVideo");
-    EXPECT_EQ(record.at("Parameters").at("RecordVideo"), "1");
+    EXPECT_EQ(contentOf(out / "code"), "0\n") << contentOf(out / "errors.txt");
+    EXPECT_THAT(contentOf(out / "x/record.json"), HasSubstr("SuccessVideo"));
     EXPECT_GT(std::filesystem::file_size(out / "x/selfie.jpg"), 20000U);
-
-    const auto recording = out / "x/recording.mp4";
     EXPECT_EQ(streamOf(recording, "v", "codec_name,width,height"), "h264,720,1280");
     EXPECT_EQ(streamOf(recording, "a", "codec_name"), "aac");
     EXPECT_GT(secondsOf(recording, "v"), 1.5);

@@ -20,7 +20,6 @@ namespace selvio {
 namespace {
 
 using namespace test;
-using testing::Contains;
 using testing::HasSubstr;
 namespace fs = std::filesystem;
 
@@ -33,13 +32,14 @@ struct Rig {
         platform.screen = std::make_shared<FakeScreen>(Size{}, static_cast<InterfaceOrientation>(orientation));
         platform.fileManager = std::make_shared<LinuxFileManager>(documents);
         // Every other time with the encoder for sound that comes last.
-        platform.assetWriters = makeGstAssetWriterFactory(
-            {.disabledElements = orientation % 2 == 0 ? std::vector<std::string>{"fdkaacenc", "avenc_aac"}
-                                                      : std::vector<std::string>{}});
+        std::vector<std::string> disabled{"fdkaacenc", "avenc_aac"};
+        if (orientation % 2 != 0) disabled.clear();
+        platform.assetWriters = makeGstAssetWriterFactory({.disabledElements = disabled});
         system = useSimulatedCamera(platform, spotFrames(keyFrames), options);
+        const bool isManual = options.pacing == SimulatedPacing::Manual;
         camera = SelvioFacialCaptureCamera::initWithPreset(
-            options.pacing == SimulatedPacing::Manual ? kCaptureSessionPreset1280x720 : kCaptureSessionPreset640x480, 0,
-            CaptureDevicePosition::Front, static_cast<VideoOrientation>(orientation), {}, platform);
+            isManual ? kCaptureSessionPreset1280x720 : kCaptureSessionPreset640x480, 0, CaptureDevicePosition::Front,
+            static_cast<VideoOrientation>(orientation), {}, platform);
         camera->setAnalyzeRGBVideo(false);
         camera->parameters()->setRecordVideo(true);
         camera->parameters()->setRecordAudio(true);
@@ -51,8 +51,7 @@ struct Rig {
         };
         camera->setDelegate(delegate);
         drain(camera->videoQueue());
-        if (options.pacing == SimulatedPacing::Manual)
-            system->scene()->setTime({});  // stands still until the first frame
+        if (isManual) system->scene()->setTime({});  // stands still until the first frame
     }
     ~Rig() {
         camera->stop();
@@ -62,12 +61,12 @@ struct Rig {
             drain(queue);
     }
     static void drain(const std::shared_ptr<Queue>& queue) { dynamic_cast<SerialQueue&>(*queue).drain(); }
-    void start() {
+    /// With the next frames, each once the recording has room for it.
+    void start(int count) {
         camera->start();
         drain(camera->videoQueue());
-        drain(camera->videoOutputQueue());
+        step(count);
     }
-    /// The next frames, each once the recording has room for it.
     void step(int count) {
         for (; count > 0; --count) {
             while (camera->assetWriter() && camera->assetWriter()->status() == AssetWriterStatus::Writing &&
@@ -77,9 +76,10 @@ struct Rig {
             drain(camera->videoOutputQueue());
         }
     }
-    [[nodiscard]] bool stopAndReceive() {
+    template <typename Stop>
+    [[nodiscard]] bool receives(Stop stop) {
         const int before = recordings;
-        camera->stop();
+        stop();
         return comesTrue([&] { return recordings > before; });
     }
     [[nodiscard]] bool noneLeft() const {
@@ -95,8 +95,7 @@ struct Rig {
         std::make_shared<SelvioFacialCaptureCameraDelegate>();
     std::shared_ptr<SimulatedCaptureSystem> system;
     std::shared_ptr<SelvioFacialCaptureCamera> camera;
-    std::atomic<int> frames{0};
-    std::atomic<int> recordings{0};
+    std::atomic<int> frames{0}, recordings{0};
     int next = 0;  ///< frame
 };
 
@@ -107,11 +106,10 @@ TEST(Recording, IsPlayableInEveryOrientation) {
         Rig rig(R"({"at": 0, "hold": 0.99, "visible": false, "light": 0}, {"at": 1, "light": 4})", orientation);
         const auto microphone = rig.camera->audioInput();
         rig.camera->session()->removeInput(microphone);
-        rig.start();
-        rig.step(30);
+        rig.start(30);
         rig.camera->session()->addInput(microphone);
         rig.step(30);
-        ASSERT_TRUE(rig.stopAndReceive());
+        ASSERT_TRUE(rig.receives([&] { rig.camera->stop(); }));
         EXPECT_TRUE(rig.noneLeft());
         EXPECT_EQ(rig.frames, 60);
         EXPECT_EQ(streamOf(rig.file, "v", "codec_name,width,height,nb_read_frames"),
@@ -133,33 +131,28 @@ TEST(Recording, FaultsSpareTheCapture) {
     std::ofstream(rig.documents) << "a file";
     for (const char* const reason : {"could not create", "could not finish the recording"}) {
         SCOPED_TRACE(reason);
-        rig.start();
-        rig.step(5);
+        rig.start(5);
         rig.camera->cleanupBrokenVideos();  // deletes the second one
-        const int before = rig.frames;
+        rig.frames = 0;
         rig.step(5);
-        EXPECT_EQ(rig.frames - before, 5);
+        EXPECT_EQ(rig.frames, 5);
         rig.camera->stopRecording();
-        std::vector<std::string> lines;
+        std::string lines;
         EXPECT_TRUE(comesTrue([&] {
-            for (auto& line : log.take()) lines.push_back(std::move(line));
-            return !lines.empty() && lines.back().starts_with("***");
+            for (const auto& line : log.take()) lines += line + "\n";
+            return lines.find("***") != std::string::npos;
         }));
-        EXPECT_THAT(lines, Contains(HasSubstr(reason)));
+        EXPECT_THAT(lines, HasSubstr(reason));
         EXPECT_EQ(rig.recordings, 0);
         rig.camera->stop();
         if (fs::is_regular_file(rig.documents)) fs::remove(rig.documents);
     }
     // The camera's end is no fault of the recording.
     for (const bool isUnplugged : {true, false}) {
-        rig.start();
-        rig.step(5);
+        rig.start(5);
         rig.system->setFaults({.deviceLost = isUnplugged});
         if (isUnplugged) rig.step(1);
-        EXPECT_EQ(rig.camera->session()->isRunning(), !isUnplugged);
-        const int before = rig.recordings;
-        rig.camera->stopRecording();
-        EXPECT_TRUE(comesTrue([&] { return rig.recordings > before; }));
+        EXPECT_TRUE(rig.receives([&] { rig.camera->stopRecording(); }));
         rig.camera->stop();
         EXPECT_EQ(streamOf(rig.file, "v", "nb_read_frames"), "5");
         EXPECT_TRUE(rig.noneLeft());
@@ -172,15 +165,13 @@ TEST(Recording, ManyStartsAndStopsLeaveNothingBehind) {
     const auto cycle = [&](int times, bool record) {
         rig.camera->parameters()->setRecordVideo(record);
         for (; times > 0; --times) {
-            rig.start();
             // A recording begins after some frames on a busy machine, and has no room for others at first.
             const int enough = rig.frames + (record ? 10 : 1);
+            rig.start(0);
             ASSERT_TRUE(comesTrue([&] { return rig.frames >= enough; }));
-            if (record) {
-                ASSERT_TRUE(rig.stopAndReceive());
-            } else {
-                rig.camera->stop();
-            }
+            const int before = rig.recordings;
+            rig.camera->stop();
+            ASSERT_TRUE(comesTrue([&] { return !record || rig.recordings > before; }));
         }
         rig.camera->discardRecording();  // the last writer goes
         Rig::drain(rig.camera->videoOutputQueue());
@@ -192,10 +183,8 @@ TEST(Recording, ManyStartsAndStopsLeaveNothingBehind) {
     EXPECT_LT(Resources::now().blocks - before.blocks, 150) << "less than one block every second cycle";
     cycle(20, true);
     // A writer's own thread may still be at its end.
-    EXPECT_TRUE(comesTrue([&] {
-        return Resources::now().descriptors <= before.descriptors && Resources::now().threads <= before.threads + 6;
-    })) << Resources::now().descriptors
-        << " descriptors, " << Resources::now().threads << " threads";
+    EXPECT_TRUE(comesTrue([&] { return Resources::now().threads <= before.threads + 6; }));
+    EXPECT_TRUE(comesTrue([&] { return Resources::now().descriptors <= before.descriptors; }));
     EXPECT_TRUE(rig.noneLeft());
 }
 

@@ -34,7 +34,6 @@ public:
         EXPECT_FALSE(sample->imageBuffer());
         const std::lock_guard lock(mutex_);
         drops_.push_back(sample->timing());
-        changed_.notify_all();
     }
     void captureOutputDidOutputMetadataObjects(const CaptureOutput&, const std::vector<MetadataObject>& objects,
                                                const std::shared_ptr<CaptureConnection>&) override {
@@ -66,8 +65,9 @@ public:
     std::vector<MetadataObject> objects_;
     VideoFormatDescription last_;
 
-private:
     const std::shared_ptr<Queue> queue_;
+
+private:
     std::mutex mutex_;
     std::condition_variable changed_;
 };

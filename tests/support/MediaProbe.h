@@ -4,8 +4,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <filesystem>
-#include <string>
 #include <utility>
 
 #include "support/Pixels.h"
@@ -14,12 +12,9 @@
 namespace selvio::test {
 
 inline std::string outputOf(const std::string& command) {
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> pipe(::popen(command.c_str(), "r"), &::pclose);
     std::string output;
-    std::FILE* const pipe = ::popen(command.c_str(), "r");
-    char block[4096];
-    for (std::size_t n = 0; pipe != nullptr && (n = std::fread(block, 1, sizeof block, pipe)) > 0;)
-        output.append(block, n);
-    if (pipe != nullptr) ::pclose(pipe);
+    for (int c = 0; pipe && (c = std::getc(pipe.get())) != EOF;) output += static_cast<char>(c);
     return output;
 }
 

@@ -16,7 +16,7 @@ TEST(V4l2Capture, IsFoundDeliversFramesThatMayBeHeldAndSetsTheFocus) {
     EXPECT_EQ(camera->localizedName(), "Emulated Camera");
     EXPECT_EQ(camera->activeFormat(), (CaptureDeviceFormat{{kPixelFormat420v, 320, 240}, 30}));
     EXPECT_THAT(camera->formats(), Contains(CaptureDeviceFormat{{kPixelFormat32BGRA, 320, 240}, 30}));
-    expectDelivery(system, camera, {320, 240, kPixelFormat32BGRA, VideoOrientation::LandscapeRight, 320, 240, 16});
+    expectDelivery(system, camera, {kPixelFormat32BGRA, 320, 240}, VideoOrientation::LandscapeRight, {320, 240});
     camera->setActiveFormat({{kPixelFormat420v, 320, 240}, 30});
     expectFramesMayBeHeld(system, camera);
 

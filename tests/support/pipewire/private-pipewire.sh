@@ -24,33 +24,23 @@ export XDG_RUNTIME_DIR=$home/run XDG_CONFIG_HOME=$home/config XDG_STATE_HOME=$ho
 mkdir -m 700 "$XDG_RUNTIME_DIR" "$XDG_CONFIG_HOME" "$XDG_STATE_HOME"
 unset PIPEWIRE_REMOTE DISPLAY WAYLAND_DISPLAY
 
-pids=()
 tear_down() {
-    for ((i = ${#pids[@]} - 1; i >= 0; --i)); do
-        kill "${pids[i]}" 2>/dev/null
-        wait "${pids[i]}" 2>/dev/null
+    for server in $(jobs -p | tac); do
+        kill "$server" 2>/dev/null
+        wait "$server" 2>/dev/null
     done
     rm -rf "$home"
 }
 trap tear_down EXIT
 trap 'exit 143' TERM INT HUP
 
-# wait_for SECONDS CONDITION...
-wait_for() {
-    local deadline=$((SECONDS + $1))
-    shift
-    until "$@"; do
-        [ "$SECONDS" -lt "$deadline" ] || return 1
-        sleep 0.02
-    done
+# start SERVER COMMAND: the command waits until the server answers
+start() {
+    "$1" >"$home/log" 2>&1 </dev/null &
+    timeout 10 bash -c "until $2; do sleep 0.02; done" || without "$1 does not start: $(tail -n 1 "$home/log")" "${@:3}"
 }
-manager_is_up() { pw-cli ls Client 2>/dev/null | grep -q 'WirePlumber \[export\]'; }
-
-pipewire >"$home/pipewire.log" 2>&1 </dev/null &
-pids+=($!)
-wait_for 10 test -S "$XDG_RUNTIME_DIR/pipewire-0" || without "PipeWire does not start: $(tail -n 1 "$home/pipewire.log")" "$@"
-wireplumber >"$home/wireplumber.log" 2>&1 </dev/null &
-pids+=($!)
-wait_for 10 manager_is_up || without "WirePlumber does not start: $(tail -n 1 "$home/wireplumber.log")" "$@"
+# shellcheck disable=SC2016 # for the shell that waits
+start pipewire 'test -S "$XDG_RUNTIME_DIR/pipewire-0"' "$@"
+start wireplumber 'pw-cli ls Client 2>/dev/null | grep -q "WirePlumber \[export\]"' "$@"
 
 "$@"
