@@ -21,21 +21,20 @@ TEST(CameraStress, controlFromManyThreadsAgainstRunningFrames) {
         const auto main = std::make_shared<MainQueue>(rig.clock);
         rig.platform.mainQueue = main;
         rig.platform.makeSerialQueue = [](const std::string& label) { return std::make_shared<SerialQueue>(label); };
-        rig.capture->torch = true;
-        rig.writing->finishesAtOnce = true;
+        rig.capture->torch = rig.capture->finishesAtOnce = true;
         rig.make();
         rig.camera->parameters()->setRecordVideo(true);
         rig.camera->parameters()->setRecordAudio(true);
 
         std::atomic<int> frames{0};
-        const auto delegate = std::make_shared<SelvioFacialCaptureCameraDelegate>();
+        const auto delegate = std::make_shared<Delegate>();
         // A host that stops from within a frame, while others hold the session's monitor.
         delegate->didReceiveSampleBuffer = [&, weak = std::weak_ptr(rig.camera)](const auto&) {
             if (const auto camera = weak.lock(); camera && ++frames % 4 == 0) camera->stop();
         };
         rig.camera->setDelegate(delegate);
         drain(rig.camera->videoQueue());
-        const auto video = rig.system->video();
+        const auto video = rig.system->video;
 
         const std::function<void(int)> works[] = {
             [&](int) { rig.camera->start(), rig.camera->stop(); },
