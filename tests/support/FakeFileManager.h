@@ -12,20 +12,20 @@ struct FakeFileManager final : FileManager {
     using Path = std::filesystem::path;
     using Files = std::map<Path, std::vector<std::uint8_t>>;
 
-    [[nodiscard]] Path documentsDirectory() const override { return "/documents"; }
-    [[nodiscard]] Expected<std::vector<std::string>> contentsOfDirectory(const Path& directory) const override {
+    Path documentsDirectory() const override { return "/documents"; }
+    Expected<std::vector<std::string>> contentsOfDirectory(const Path& directory) const override {
         if (directory != documentsDirectory() || refused.contains("listing")) return Error{"no such directory"};
         std::vector<std::string> names;
         for (const auto& [path, bytes] : files) names.push_back(path.filename().string());
         return names;
     }
-    [[nodiscard]] bool fileExists(const Path& path) const override { return files.contains(path); }
+    bool fileExists(const Path& path) const override { return files.contains(path); }
     std::optional<Error> removeItem(const Path& path) override {
         if (refused.contains(path.filename().string())) return Error{"read-only"};
         files.erase(path);
         return std::nullopt;
     }
-    [[nodiscard]] Expected<Files::mapped_type> readFile(const Path& path) const override {
+    Expected<Files::mapped_type> readFile(const Path& path) const override {
         return files.contains(path) ? files.at(path) : Expected<Files::mapped_type>(Error{"no such file"});
     }
 

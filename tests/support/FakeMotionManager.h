@@ -25,7 +25,7 @@ public:
     void rotate(RotationRate rate) {
         if (const auto handler = mutex_.get(handler_)) handler({.rotationRate = rate}, std::nullopt);
     }
-    [[nodiscard]] bool isRunning() const { return mutex_.get(handler_) != nullptr; }
+    bool isRunning() const { return mutex_.get(handler_) != nullptr; }
 
     std::chrono::nanoseconds interval{0};
     std::function<void()> duringCalls = [] {};

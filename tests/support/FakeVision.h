@@ -35,7 +35,7 @@ public:
         bool smiling = false;  ///< each of them
     };
 
-    [[nodiscard]] std::vector<FaceFeature> featuresInImage(const Image& image, bool smile) override {
+    std::vector<FaceFeature> featuresInImage(const Image& image, bool smile) override {
         const Answer answer = mutex_.get(answer_)(image);
         return std::vector<FaceFeature>(static_cast<std::size_t>(answer.faces),
                                         FaceFeature{.bounds = {}, .hasSmile = smile && answer.smiling});
