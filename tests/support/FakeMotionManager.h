@@ -11,7 +11,7 @@ namespace selvio {
 
 class FakeMotionManager final : public MotionManager {
 public:
-    void setDeviceMotionUpdateInterval(std::chrono::nanoseconds updateInterval) override { interval = updateInterval; }
+    void setDeviceMotionUpdateInterval(std::chrono::nanoseconds) override {}
     void startDeviceMotionUpdates(std::shared_ptr<Queue>, Handler handler) override {
         mutex_.set(handler_, std::move(handler));
         duringCalls();
@@ -27,7 +27,6 @@ public:
     }
     bool isRunning() const { return mutex_.get(handler_) != nullptr; }
 
-    std::chrono::nanoseconds interval{0};
     std::function<void()> duringCalls = [] {};
 
 private:
