@@ -51,16 +51,21 @@ using Contents = decltype(contentsOf(SelvioFacialCaptureResults()));
 
 using Methods = std::set<std::string>;
 
+/// What the ports answer.
+struct World {
+    std::vector<FaceObservation> faces = {};
+    std::optional<Error> requestError = {}, handlerError = {};
+    int smilingFaces = 0, otherFaces = 1;  ///< what the smile test sees
+    bool outOfMemory = false;              ///< in the detectors and the codec
+};
+
 /// A capture whose ports and host answer as the test says and write down what they are asked and told.
 class DrivenCapture : public ManualAnalyzer, public Clock {
 public:
     DrivenCapture() {
         codec->duringEncoding = [this](const Image& image) { insist("encoding", markOf(image.bitmap)); };
     }
-    std::vector<FaceObservation> faces;
-    std::optional<Error> requestError, handlerError;
-    int smilingFaces = 0, otherFaces = 1;  ///< what the smile test sees
-    bool outOfMemory = false;              ///< in the detectors and the codec
+    World world;
     double time = 0;
     std::map<std::string, std::function<void()>> during;  ///< called once, at that place
     std::vector<std::string> asked;                       ///< of the ports; and the log lines
@@ -84,7 +89,7 @@ protected:
     bool ask(const std::string& port, Mark mark, std::uint32_t orientation = 0, int revision = 0) {
         asked.push_back(::testing::PrintToString(std::tuple(port, mark, orientation, revision)));
         reach(port);
-        return !outOfMemory;
+        return !world.outOfMemory;
     }
     void insist(const auto&... question) {
         if (!ask(question...)) throw std::bad_alloc();
@@ -240,12 +245,12 @@ private:
         const bool still = step.results == nullptr;
         if (!ask("request", step.mark, orientation, level >= 13 ? 3 : 2))
             return say(still ? "A still image could not be analysed" : "A frame could not be analysed");
-        if (handlerError) return say("SequenceRequestHandler couldn't perform requests");
+        if (world.handlerError) return say("SequenceRequestHandler couldn't perform requests");
         if (!still) inProgress = false;
         if (step.run != run || selection || skip || smileTest) return;
-        const auto found = faces;
+        const auto found = world.faces;
         if (still) step.results = results = results->withoutSelection();
-        if (requestError) say("Detect face request error");
+        if (world.requestError) say("Detect face request error");
         const auto judged = rules::judgeFaces(found, geometry, rules::limitsOf(*parameters), holdStill);
         const auto& seen = found.empty() ? std::nullopt : found.front().landmarks;
         if (judged.face && !(seen && seen->nose) && !std::exchange(saidOddPoints, true))
@@ -264,6 +269,7 @@ private:
         wait(step.as(judged.face ? Judged : Plain));
     }
     void passGate(const Step& step) {
+        if (step.run != run || selection || skip || smileTest) return;  // since a log line was heard
         if (parameters->selectOnSmile() || !isAutomatic()) {
             smileTest = true;
             globalQueue->async([this, step] {
@@ -281,8 +287,8 @@ private:
             return say("A smile could not be judged");
         }
         if (step.run != run) return;
-        if (smilingFaces + otherFaces != 1) return void(smileTest = false);
-        const bool smiling = smilingFaces == 1, manual = parameters->mode() == 1;
+        if (world.smilingFaces + world.otherFaces != 1) return void(smileTest = false);
+        const bool smiling = world.smilingFaces == 1, manual = parameters->mode() == 1;
         if (smileStatus == 0) smileStatus = smiling ? 1 : 2;
         if (skip) return;
         const bool began = smileStatus == 1, askedToStop = smiling && (began || manual);
@@ -376,7 +382,7 @@ private:
 /// The analyzer, driven like the model.
 class RealCapture : public DrivenCapture {
 public:
-    explicit RealCapture(int serviceLevel = 13, Size screenSize = {1000, 1700}) {
+    RealCapture(int serviceLevel, Size screenSize) {
         screen = screenSize;
         SelvioFacialCaptureUxpEventManager::setSharedClock(clock());
         SelvioFacialCaptureUxpEventManager::destroySharedInstance();
@@ -386,12 +392,13 @@ public:
         makeAnalyzer(ports);
         vision->setAnswer([this](const FaceLandmarksRequest& asked) -> Expected<FaceLandmarksResult> {
             insist("request", markOf(asked.pixelBuffer), asked.exifOrientation, asked.revision);
-            if (handlerError) return *handlerError;
-            return FaceLandmarksResult{faces, requestError};
+            if (world.handlerError) return *world.handlerError;
+            return FaceLandmarksResult{world.faces, world.requestError};
         });
-        smiles->setAnswer([this](const Image& image) {
+        smiles->setAnswer([this](const Image& image, bool smile) {
             insist("smile test", markOf(image.bitmap));
-            return FakeFaceDetector::Answer{smilingFaces + otherFaces, smilingFaces > 0};
+            const auto count = static_cast<std::size_t>(world.smilingFaces + world.otherFaces);
+            return std::vector(count, FaceFeature{.bounds = {}, .hasSmile = smile && world.smilingFaces > 0});
         });
         sink_ = setLogSink([this](std::string_view line) { say(std::string(line)); });
     }
@@ -573,15 +580,14 @@ private:
     }
     Step world() {
         const auto error = [this](const char* text) { return oneIn(6) ? std::optional(Error{text}) : std::nullopt; };
-        const auto requestError = error("blurred"), handlerError = error("no model");
+        world_.requestError = error("blurred");
+        world_.handlerError = error("no model");
+        world_.outOfMemory = oneIn(6);
         const int orientation = below(8) - 1, codec = oneIn(3) ? below(4) : 0;
-        const bool outOfMemory = oneIn(6);
-        return {"world", [=](auto& c) {
-                    c.requestError = requestError;
-                    c.handlerError = handlerError;
+        return {"world", [=, next = world_](auto& c) {
+                    c.world = next;
                     c.device->setOrientation(static_cast<DeviceOrientation>(orientation));
                     c.codec->failsAt = codec;
-                    c.outOfMemory = outOfMemory;
                 }};
     }
     /// The next time that something foreign is called, it calls an operation of the analyzer.
@@ -612,13 +618,11 @@ private:
     template <typename Action>
     Step seeing(const std::string& text, Action action) {
         const double seconds = below(400) * 0.000333;
-        const auto seen = oneIn(30) ? std::vector<FaceObservation>() : faces();
-        if (oneIn(3)) smiling_ = below(2);
-        const int smiling = smiling_, other = oneIn(10) ? below(3) : 1 - smiling;
-        return {text + (smiling > 0 ? ", smiling" : ""), [=](auto& c) {
-                    c.faces = seen;
-                    c.smilingFaces = smiling;
-                    c.otherFaces = other;
+        world_.faces = oneIn(30) ? std::vector<FaceObservation>() : faces();
+        if (oneIn(3)) world_.smilingFaces = below(2);
+        world_.otherFaces = oneIn(10) ? below(3) : 1 - world_.smilingFaces;
+        return {text + (world_.smilingFaces > 0 ? ", smiling" : ""), [=, next = world_](auto& c) {
+                    c.world = next;
                     c.time += seconds;
                     action(c);
                 }};
@@ -648,7 +652,7 @@ private:
     CaptureModel model_;
     const Size frameSize_;
     Mark mark_ = 0;
-    int smiling_ = 0;
+    World world_;
     std::string steps_;
     std::map<Results, Results> modelOf_;
 };

@@ -132,16 +132,16 @@ TEST_F(RecordTest, ARecordTooLongForItsSegmentLosesItsOldestEventsInThePhotograp
     record->addUXP(events);
     const std::string whole = record->obixDataString().value();
     json comment = json::parse(whole), &kept = comment.at(kSelvioUxp);
-    while (comment.dump().size() > 1000) kept.erase(0);
     LogCapture log;
-    codec->commentLimit = 1000;
-    EXPECT_THAT(embedded(95), ::testing::EndsWith(": " + comment.dump()));
+    for (codec->commentLimit = 1030; codec->commentLimit >= 1000; codec->commentLimit -= 3) {
+        while (comment.dump().size() > codec->commentLimit) kept.erase(0);
+        EXPECT_THAT(embedded(95), ::testing::EndsWith(": " + comment.dump()));
+    }
+    EXPECT_THAT(log.take().back(), ::testing::HasSubstr(std::to_string(1000 - kept.size()) + " oldest events"));
     EXPECT_EQ(record->obixDataString(), whole);
     codec->commentLimit = 10;
     EXPECT_THAT(embedded(95), ::testing::EndsWith(": (none)"));
-    EXPECT_THAT(log.take(),
-                ::testing::ElementsAre(::testing::HasSubstr(std::to_string(1000 - kept.size()) + " oldest events"),
-                                       ::testing::HasSubstr("carries none")));
+    EXPECT_THAT(log.take(), ::testing::ElementsAre(::testing::HasSubstr("carries none")));
 }
 
 }  // namespace
