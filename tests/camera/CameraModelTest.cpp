@@ -343,6 +343,7 @@ private:
     void act(bool settingsOnly) {
         Camera& camera = *rig.camera;
         const int to = any(7);
+        const Size sizes[] = {{}, {1280, 720}, {1280, 960}};
         const std::function<void()> actions[] = {
             [&] { camera.setAnalyzeRGBVideo(rgb = chance(2)); },
             [&] { camera.setDetectPDF417(codes = chance(2)); },
@@ -350,7 +351,7 @@ private:
             [&] { camera.parameters()->setRecordVideo(recordVideo = !chance(4)); },
             [&] { camera.setCameraOrientation(static_cast<VideoOrientation>(orientation = any(6))); },
             [&] { camera.parameters()->setVideoQuality(quality = 10 + any(91)); },
-            [&] { camera.setDesiredResolution(desired = chance(3) ? Size() : Size(1280, chance(2) ? 720 : 960)); },
+            [&] { camera.setDesiredResolution(desired = sizes[any(3)]); },
             [&] { setPreset(); },
             // Those were the settings.
             [&] { setDelegate(); },
