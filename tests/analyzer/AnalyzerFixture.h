@@ -22,7 +22,7 @@ struct ScreenFace {
     double chin = 1200;     ///< y
     double noseLeft = 460;  ///< x
 
-    [[nodiscard]] FaceObservation observation() const {
+    FaceObservation observation() const {
         // The box is the whole frame, so that points are normalized to the screen; the detector's axes are swapped.
         const auto region = [](std::size_t size, const std::map<std::size_t, Point>& points) {
             std::vector<Point> all(size);
@@ -39,7 +39,7 @@ struct ScreenFace {
 /// Loads the same picture from every path but "missing.jpg".
 class FakeImageLoader final : public ImageLoader {
 public:
-    [[nodiscard]] Expected<std::shared_ptr<PixelBuffer>> loadImage(const std::string& path) const override {
+    Expected<std::shared_ptr<PixelBuffer>> loadImage(const std::string& path) const override {
         if (path == "missing.jpg") return Error{"missing.jpg: no such file"};
         return picture;
     }
@@ -48,7 +48,7 @@ public:
 
 /// An analyzer without a delegate, once it is made.
 struct ManualAnalyzer {
-    [[nodiscard]] Platform platform() {
+    Platform platform() {
         Platform platform = makePortablePlatform();
         platform.device = device;
         platform.screen = std::make_shared<FakeScreen>(screen);

@@ -1,6 +1,5 @@
 // A whole capture of the program on fakes, each queue run by hand.
 #include "Session.h"
-#include "support/FakeAssetWriter.h"
 #include "support/FakeCapture.h"
 #include "support/FakeDevice.h"
 #include "support/FakeFileManager.h"
@@ -46,7 +45,7 @@ struct Rig {
         platform.imageCodec = std::make_shared<FakeImageCodec>();
         platform.makeSequenceRequestHandler = [this] { return vision; };
         platform.captureSystem = camera;
-        platform.assetWriters = std::make_shared<FakeAssetWriterFactory>(writing);
+        platform.assetWriters = std::make_shared<FakeAssetWriterFactory>(capture);
         platform.fileManager = std::make_shared<FakeFileManager>();
         session = Session::make(platform, options, {}, output, Language::English, [this] { ++ended; });
         (void)log.take();  // the ports that are missing
@@ -62,7 +61,7 @@ struct Rig {
         }
     }
     void sendFrame() {
-        camera->video()->deliver(SampleBuffer::makeVideo(PixelBuffer::create(72, 128, kPixelFormat420v), {}));
+        camera->video->deliver(SampleBuffer::makeVideo(PixelBuffer::create(72, 128, kPixelFormat420v), {}));
         settle();
     }
 
@@ -72,9 +71,8 @@ struct Rig {
     const std::shared_ptr<ManualQueue> main = std::make_shared<ManualQueue>("main");
     std::vector<std::shared_ptr<ManualQueue>> queues;
     const std::shared_ptr<FakeSequenceRequestHandler> vision = std::make_shared<FakeSequenceRequestHandler>();
-    const std::shared_ptr<FakeCaptureSystem> camera =
-        std::make_shared<FakeCaptureSystem>(std::make_shared<FakeCaptureScript>());
-    const std::shared_ptr<FakeWriterScript> writing = std::make_shared<FakeWriterScript>();
+    const std::shared_ptr<FakeCaptureScript> capture = std::make_shared<FakeCaptureScript>();
+    const std::shared_ptr<FakeCaptureSystem> camera = std::make_shared<FakeCaptureSystem>(capture);
     RunOptions options;
     Output output;
     int ended = 0;
@@ -102,7 +100,7 @@ TEST(Session, IsCancelledAtAnyMomentOfItsStart) {
             EXPECT_THAT(rig.output.lines, testing::ElementsAre("Cancelled", testing::StartsWith("detectionCancelled"),
                                                                testing::StartsWith("Record: ")));
             EXPECT_THAT(rig.log.take(), testing::IsEmpty());
-            const auto calls = rig.writing->calls.take();
+            const auto calls = rig.capture->calls.take();
             startedWriting += static_cast<int>(std::ranges::count(calls, "start"));
             EXPECT_EQ(std::ranges::count(calls, "cancel"), std::ranges::count(calls, "start"));
         }
@@ -115,7 +113,7 @@ TEST(Session, MarksWhatItReportsOnlyWhileItRecords) {
         Rig rig(record);
         rig.session->begin();
         rig.settle();
-        rig.writing->finishesAtOnce = true;
+        rig.capture->finishesAtOnce = true;
         rig.sendFrame();
         rig.session->entered();
         rig.sendFrame();

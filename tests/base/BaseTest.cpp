@@ -6,9 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <ctime>
 #include <future>
-#include <numeric>
 #include <thread>
 
 #include "support/ManualClock.h"
@@ -17,6 +15,7 @@ namespace selvio {
 namespace {
 
 using namespace std::chrono_literals;
+using Numbers = std::vector<int>;
 
 /// Hangs if the block is held up.
 void runOne(Queue& queue, std::chrono::nanoseconds delay = {}) {
@@ -32,22 +31,21 @@ const std::function<std::unique_ptr<Queue>()> kQueuesOfOneThread[] = {
 };
 
 TEST(Log, ASinkMayLogAndBeReplacedFromWithin) {
-    std::vector<std::string> first, second;
-    const LogSink before = setLogSink([&](std::string_view message) {
-        first.emplace_back(message);
-        setLogSink([&](std::string_view later) { second.emplace_back(later); });
+    std::vector<std::string> lines;
+    const LogSink second = [&](std::string_view message) { lines.push_back("second: " + std::string(message)); };
+    const LogSink before = setLogSink([&, held = std::make_shared<int>()](std::string_view message) {
+        const std::weak_ptr<int> lives = held;
+        setLogSink(second);
         log("logged by the sink");
-        EXPECT_EQ(first.back(), "one") << "what it holds lives as long as the call";
+        lines.push_back((lives.expired() ? "gone: " : "first: ") + std::string(message));
     });
     log("one");
-    log("two");
-    EXPECT_EQ(first, std::vector<std::string>{"one"});
-    EXPECT_EQ(second, (std::vector<std::string>{"logged by the sink", "two"}));
     testing::internal::CaptureStderr();
     setLogSink({})("to the one before");
     log("nobody listens");
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "nobody listens\n");
-    EXPECT_EQ(second.back(), "to the one before");
+    EXPECT_EQ(lines,
+              (std::vector<std::string>{"second: logged by the sink", "first: one", "second: to the one before"}));
     EXPECT_FALSE(setLogSink(before));
 }
 
@@ -61,41 +59,31 @@ TEST(MemberMutex, WhatIsReplacedEndsOutsideOfTheLock) {
     EXPECT_TRUE(wasFree);
 }
 
-TEST(SystemClock, TellsTheTimeSinceTheReferenceDateAndOneThatNeverGoesBack) {
-    const SystemClock clock;
-    std::tm date{};
-    date.tm_year = 101;
-    date.tm_mday = 1;
-    EXPECT_NEAR(clock.secondsSinceReferenceDate(), std::difftime(std::time(nullptr), ::timegm(&date)), 2.0);
-    const auto before = std::chrono::steady_clock::now().time_since_epoch();
-    const auto now = clock.monotonicTime();
-    EXPECT_LE(before, now);
-    EXPECT_LE(now, std::chrono::steady_clock::now().time_since_epoch());
+TEST(SystemClock, TellsTheTimeSinceTheReferenceDate) {
+    const std::chrono::duration<double> right = std::chrono::system_clock::now() - std::chrono::sys_days(2001y / 1 / 1);
+    EXPECT_NEAR(SystemClock().secondsSinceReferenceDate(), right.count(), 2.0);
 }
 
 TEST(Queues, RunBlocksInOrderAndLastTheDelayedOnes) {
     for (const auto& make : kQueuesOfOneThread) {
-        std::vector<std::vector<int>> order(3);  // of each thread
+        Numbers order[3], expected;  // of each thread
+        for (int i = 0; i < 100; ++i) expected.push_back(i);
         {
             const auto queue = make();
-            EXPECT_EQ(queue->label(), "test");
             EXPECT_FALSE(queue->isCurrent());
             queue->asyncAfter(2h, [&] { order[0].push_back(101); });
             queue->asyncAfter(1h, [&] { order[0].push_back(100); });
             std::vector<std::thread> threads;
             for (auto& mine : order) {
                 threads.emplace_back([&] {
-                    for (int i = 0; i < 100; ++i) queue->async([&, i] { mine.push_back(i); });
+                    for (const int i : expected) queue->async([&mine, i] { mine.push_back(i); });
                 });
             }
             for (std::thread& thread : threads) thread.join();
         }  // destruction runs all that was submitted
-        std::vector<int> expected(102);
-        std::iota(expected.begin(), expected.end(), 0);
+        EXPECT_TRUE(order[1] == expected && order[2] == expected);
+        expected.insert(expected.end(), {100, 101});
         EXPECT_EQ(order[0], expected);
-        expected.resize(100);
-        EXPECT_EQ(order[1], expected);
-        EXPECT_EQ(order[2], expected);
     }
 }
 
@@ -115,7 +103,6 @@ TEST(Queues, RunDelayedBlocksWhileTheyLiveAndMayBeDestroyedFromTheirOwn) {
 
 TEST(SerialQueue, Drains) {
     SerialQueue queue("test");
-    queue.drain();  // waits for a block now
     std::atomic<bool> done{false};
     queue.async([&] {
         for (int i = 0; i < 20; ++i) std::this_thread::yield();
@@ -145,10 +132,7 @@ TEST(ConcurrentQueue, StuckBlocksHoldUpNoOtherBelowTheBound) {
     std::promise<void> gate, started;
     const auto opened = gate.get_future().share();
     ConcurrentQueue queue("test", 4, 1h);
-    queue.async([&] {
-        started.set_value();
-        opened.wait();
-    });
+    queue.async([&] { started.set_value(), opened.wait(); });
     started.get_future().wait();
     runOne(queue);
     std::atomic<int> count{0};
@@ -171,29 +155,29 @@ TEST(ConcurrentQueue, IdleThreadsEndAndOthersFollow) {
 TEST(MainQueue, DrainsWhatIsDueAndSaysWhenToComeBack) {
     const auto clock = std::make_shared<ManualClock>();
     MainQueue queue(clock);
-    std::vector<int> order;
+    Numbers order;
     int wakeUps = 0;
     queue.setWakeUpHook([&] { ++wakeUps; });
+    EXPECT_EQ(queue.timeUntilNextBlock(), std::nullopt);
     queue.asyncAfter(100ms, [&] { order.push_back(2); });
     EXPECT_EQ(queue.timeUntilNextBlock(), 100ms);
     queue.async([&] {
-        order.push_back(0);
-        EXPECT_TRUE(queue.isCurrent());
+        order.push_back(queue.isCurrent() ? 0 : -1);
         queue.async([&] { order.push_back(1); });
     });
+    EXPECT_EQ(queue.timeUntilNextBlock(), 0s);
     EXPECT_EQ(queue.drain(), 2U);
     clock->advance(99ms);
     EXPECT_EQ(queue.drain(), 0U);
     clock->advance(1ms);
     EXPECT_EQ(queue.drain(), 1U);
-    EXPECT_EQ(order, (std::vector<int>{0, 1, 2}));
+    EXPECT_EQ(order, (Numbers{0, 1, 2}));
     EXPECT_EQ(wakeUps, 3);
     EXPECT_FALSE(queue.isCurrent());
 }
 
 TEST(MainQueue, RunsUntilItQuitsAndWaitsForBlocksOfOtherThreads) {
     MainQueue queue;
-    EXPECT_EQ(queue.timeUntilNextBlock(), std::nullopt);
     int ran = 0;
     for (const auto delay : {0ms, 1ms}) {
         std::thread other([&] {
@@ -217,28 +201,21 @@ TEST(MainQueue, ItsClockAndItsHookMayCallEveryOperation) {
     const auto clock = std::make_shared<ManualClock>();
     MainQueue queue(clock);
     int calls = 0;
-    bool calling = false;
-    const auto everyOperation = [&] {
-        if (calls == 10 || std::exchange(calling, true)) return;
-        ++calls;
-        (void)queue.isCurrent();
-        (void)queue.timeUntilNextBlock();
+    clock->callBack = [&] {
+        if (++calls > 10) return;
+        (void)queue.isCurrent(), (void)queue.timeUntilNextBlock();
         queue.async([] {});
         queue.asyncAfter(1h, [] {});
         queue.setWakeUpHook({});
-        calling = false;
     };
-    clock->callBack = everyOperation;
-    queue.setWakeUpHook(everyOperation);
-    queue.async([] {});
-    EXPECT_EQ(calls, 1) << "by the hook";
+    queue.setWakeUpHook([&] { (void)clock->monotonicTime(); });
+    queue.async([] {});  // a lock held during the hook would hang here
+    EXPECT_EQ(calls, 1);
     queue.asyncAfter({}, [&] { queue.quit(); });
-    EXPECT_EQ(calls, 2);
     EXPECT_EQ(queue.timeUntilNextBlock(), 0s);
-    EXPECT_EQ(calls, 3);
     queue.run();
     queue.drain();
-    EXPECT_EQ(calls, 10);
+    EXPECT_GT(calls, 10);
 }
 
 }  // namespace

@@ -6,11 +6,9 @@
 
 #include <map>
 
-#include "support/FakeAssetWriter.h"
 #include "support/FakeCapture.h"
 #include "support/FakeDevice.h"
 #include "support/FakeFileManager.h"
-#include "support/FakePreviewLayer.h"
 #include "support/LogCapture.h"
 #include "support/ManualClock.h"
 #include "support/ManualQueue.h"
@@ -18,10 +16,24 @@
 namespace selvio {
 
 using Camera = SelvioFacialCaptureCamera;
+using Delegate = SelvioFacialCaptureCameraDelegate;
 using Strings = std::vector<std::string>;
 
 inline const std::string kMain = "main", kSession = "com.selvio.facialcapture.avCaptureSessionQueue",
                          kOutput = "com.selvio.facialcapture.videoDataOutputQueue", kCodes = "MetaDataOutputQueue";
+
+struct FakePreviewLayer final : PlainPreviewLayer {
+    explicit FakePreviewLayer(FakeScript script) : script(std::move(script)) {}
+    void setVideoGravity(const std::string& value) override { gravity = value; }
+    std::shared_ptr<CaptureConnection> connection() const override {
+        return std::make_shared<FakeConnection>(script, "preview");
+    }
+    MetadataObject transformedMetadataObject(const MetadataObject& object) const override {
+        return {object.type, "transformed", object.bounds};
+    }
+    const FakeScript script;
+    std::string gravity;
+};
 
 struct CameraRig {
     CameraRig() {
@@ -34,28 +46,26 @@ struct CameraRig {
         platform.device = std::make_shared<FakeDevice>();
         platform.screen = std::make_shared<FakeScreen>(Size{300.0, 600.0});
         platform.captureSystem = system;
-        platform.assetWriters = std::make_shared<FakeAssetWriterFactory>(writing);
+        platform.assetWriters = std::make_shared<FakeAssetWriterFactory>(capture);
         platform.fileManager = files;
         platform.makeView = [this] { return view; };
         platform.notificationCenter = notifications;
-        writing->calls = capture->calls;
         const auto tell = [this](const std::string& event, const std::string& queue) {
-            capture->calls.add("told " + event + (queues[queue]->isCurrent() ? "" : " off its queue"));
+            capture->calls.add("told", event + (queues[queue]->isCurrent() ? "" : " off its queue"));
         };
         delegate->didFinishConfiguringSession = [=] { tell("configured", kSession); };
         delegate->didReceiveSampleBuffer = [=](const auto&) { tell("frame", kOutput); };
         delegate->didDropSampleBuffer = [=](const auto&) { tell("drop", kOutput); };
         delegate->didDecodeBarcode = [=](const std::string& text) { tell("barcode " + text, kCodes); };
         delegate->didFinishRecordingVideo = [this](const auto& data) {
-            capture->calls.add("told recording of " + std::to_string(data.size()));
+            capture->calls.add("told recording of", data.size());
         };
     }
     ~CameraRig() {
         run();
         // A writer that is never finished holds what waits for its end, and through that itself.
-        for (const auto& made : writing->made) {
+        for (const auto& made : capture->writers)
             if (const auto writer = made.lock()) writer->finish(AssetWriterStatus::Cancelled);
-        }
         run();
     }
 
@@ -75,18 +85,14 @@ struct CameraRig {
     const std::shared_ptr<FakeCaptureScript> capture = std::make_shared<FakeCaptureScript>();
     LogCapture log{capture->calls};  ///< the calls of all fakes, the messages and what the delegate was told
     const std::shared_ptr<FakeCaptureSystem> system = std::make_shared<FakeCaptureSystem>(capture);
-    const std::shared_ptr<FakeWriterScript> writing = std::make_shared<FakeWriterScript>();
     const std::shared_ptr<FakeFileManager> files = std::make_shared<FakeFileManager>();
     const std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
     std::map<std::string, std::shared_ptr<ManualQueue>> queues;
-    const std::shared_ptr<FakePreviewLayer> layer =
-        std::make_shared<FakePreviewLayer>(std::make_shared<FakeConnection>(capture, "preview"));
+    const std::shared_ptr<FakePreviewLayer> layer = std::make_shared<FakePreviewLayer>(capture);
     const std::shared_ptr<PlainView> view = std::make_shared<PlainView>(layer);
     const std::shared_ptr<NotificationCenter> notifications = std::make_shared<NotificationCenter>();
     Platform platform;
-
-    const std::shared_ptr<SelvioFacialCaptureCameraDelegate> delegate =
-        std::make_shared<SelvioFacialCaptureCameraDelegate>();
+    const std::shared_ptr<Delegate> delegate = std::make_shared<Delegate>();
     std::shared_ptr<Camera> camera;
 };
 

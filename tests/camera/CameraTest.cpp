@@ -1,7 +1,10 @@
 // What the camera's model does not see.
+#include <SelvioFacialCapture/base/MainQueue.h>
+#include <SelvioFacialCapture/base/SerialQueue.h>
+
+#include <barrier>
 #include <cstdlib>
 #include <ctime>
-#include <sstream>
 #include <thread>
 
 #include "CameraRig.h"
@@ -13,42 +16,27 @@ namespace {
 TEST(Camera, initializers) {
     CameraRig rig;
     const Platform& on = rig.platform;
-    const Rect own{1.0, 2.0, 3.0, 4.0}, given{5.0, 6.0, 7.5, 8.0};
+    const Rect given{5.0, 6.0, 7.5, 8.0};
     const auto front = CaptureDevicePosition::Front;
-    const auto left = VideoOrientation::LandscapeLeft;
-    const struct {
-        std::function<std::shared_ptr<Camera>()> make;
-        Rect frame;
-        std::string is = "1 0 - 0x0 0";  // position, format, preset, resolution, orientation
-    } rows[] = {
-        {[&] { return Camera::init(on); }, own},
-        {[&] { return Camera::initWithCoder("{", on); }, own},
-        {[&] { return Camera::initWithCoder(R"({"Frame":[5,6,null,8]})", on); }, own},
-        {[&] { return Camera::initWithCoder(R"({"Frame":[5,6,7.5]})", on); }, own},
-        {[&] { return Camera::initWithCoder(R"({"Frame":{"a":5,"b":6,"c":7,"d":8}})", on); }, own},
-        {[&] { return Camera::initWithPreset("High", 32, front, left, given, on); }, given, "2 32 High 0x0 4"},
-        {[&] { return Camera::initWithPreset("High", 32, front, given, on); }, given, "2 32 High 0x0 1"},
-        {[&] {
-             return Camera::initWithDesiredResolution({640, 480}, 32, front, given, on);
-         },
-         given, "2 32 - 640x480 0"},
+    rig.view->setFrame({1.0, 2.0, 3.0, 4.0});
+    const auto state = [](const std::shared_ptr<Camera>& camera) {
+        const auto [x, y, width, height] = camera->view()->frame();
+        CallLog log;
+        log.add(static_cast<int>(camera->devicePosition()), camera->pixelBufferFormat(),
+                camera->sessionPreset().value_or("-"), camera->desiredResolution().width,
+                static_cast<int>(camera->cameraOrientation()), "in", x, y, width, height);
+        return log.take()[0];
     };
-    for (const auto& row : rows) {
-        rig.view->setFrame(own);
-        const auto camera = row.make();
-        std::ostringstream is;
-        is << static_cast<int>(camera->devicePosition()) << ' ' << camera->pixelBufferFormat() << ' '
-           << camera->sessionPreset().value_or("-") << ' ' << camera->desiredResolution().width << 'x'
-           << camera->desiredResolution().height << ' ' << static_cast<int>(camera->cameraOrientation());
-        EXPECT_EQ(is.str(), row.is);
-        EXPECT_EQ(camera->view()->frame(), row.frame);
-        EXPECT_EQ(rig.layer->gravity, kVideoGravityResizeAspectFill);
-        EXPECT_TRUE(camera->analyzeRGBVideo() && camera->shouldRecord() && camera->parameters() && camera->session());
-        rig.view->setFrame(given);
-        const auto archive = camera->encodeWithCoder();
-        rig.view->setFrame(own);
-        EXPECT_EQ(Camera::initWithCoder(archive, on)->view()->frame(), given);
-    }
+    EXPECT_EQ(state(Camera::init(on)), "1 0 - 0 0 in 1 2 3 4");
+    EXPECT_EQ(rig.layer->gravity, kVideoGravityResizeAspectFill);
+    for (const char* archive : {"{", R"({"Frame":[5,6,null,8]})", R"({"Frame":[5,6,7.5]})", R"({"Frame":{"a":5}})"})
+        EXPECT_EQ(state(Camera::initWithCoder(archive, on)), "1 0 - 0 0 in 1 2 3 4") << archive;
+    EXPECT_EQ(state(Camera::initWithPreset("High", 32, front, VideoOrientation::LandscapeLeft, given, on)),
+              "2 32 High 0 4 in 5 6 7.5 8");
+    EXPECT_EQ(state(Camera::initWithDesiredResolution({640, 480}, 32, front, given, on)), "2 32 - 640 0 in 5 6 7.5 8");
+    const auto archive = Camera::initWithPreset("High", 32, front, given, on)->encodeWithCoder();
+    rig.view->setFrame({});
+    EXPECT_EQ(state(Camera::initWithCoder(archive, on)), "1 0 - 0 0 in 5 6 7.5 8");
 }
 
 // Each port missing in turn: what does not need it still works, and nothing else does harm.
@@ -68,33 +56,33 @@ TEST(Camera, missingPorts) {
     };
     for (const auto& [remove, right] : rows) {
         CameraRig rig;
-        rig.capture->torch = true;
-        rig.writing->finishesAtOnce = true;
+        rig.capture->torch = rig.capture->finishesAtOnce = true;
         remove(rig.platform);
         rig.make();
+        Camera& camera = *rig.camera;
         EXPECT_EQ(rig.log.take().size(), right == all ? 0U : 1U);
-        rig.camera->parameters()->setRecordVideo(true);
+        camera.parameters()->setRecordVideo(true);
         rig.configure();
-        rig.camera->start();
+        camera.start();
         rig.run();
-        if (const auto& video = rig.system->video()) video->deliver(frame());
+        if (const auto& video = rig.system->video) video->deliver(frame());
         rig.run();
         std::string works;
         for (const std::string& call : rig.log.take())
             if (call.starts_with("told ")) works += call.substr(5) + " ";
-        if (rig.camera->assetWriter()) works += "writing ";
-        if (rig.camera->turnTorchOn()) works += "torch ";
+        if (camera.assetWriter()) works += "writing ";
+        if (camera.turnTorchOn()) works += "torch ";
         EXPECT_EQ(works, right) << "row " << &right - &rows[0].second;
 
-        rig.camera->updatePreviewLayer(VideoOrientation::Portrait);
+        camera.updatePreviewLayer(VideoOrientation::Portrait);
         rig.notifications->post(ApplicationNotification::WillResignActive);
         rig.queues[kMain]->advance(std::chrono::milliseconds(100));
-        rig.camera->stop();
-        rig.camera->discardRecording();
-        rig.camera->setParameters(nullptr);
-        rig.camera->startRecording();
+        camera.stop();
+        camera.discardRecording();
+        camera.setParameters(nullptr);
+        camera.startRecording();
         rig.run();
-        for (int i = 0; i < 2; ++i) rig.camera->shutdown();
+        for (int i = 0; i < 2; ++i) camera.shutdown();
     }
 }
 
@@ -123,7 +111,7 @@ TEST(Camera, shutDownInTheMiddleLeavesNothing) {
     rig.camera->setDetectPDF417(true);
     rig.configure();
     EXPECT_TRUE(rig.queues.contains(kCodes));
-    EXPECT_TRUE(rig.system->session()->outputs().empty() && !rig.camera->metaDataOutput());
+    EXPECT_TRUE(rig.system->session->outputs().empty() && !rig.camera->metaDataOutput());
     EXPECT_FALSE(rig.camera->isConfigured());
     EXPECT_THAT(rig.log.take(), testing::Not(testing::Contains(testing::ContainsRegex("Can't|Could|Failed|told"))));
 }
@@ -155,7 +143,7 @@ TEST(Camera, shutdownWaitsForTheCallThatRuns) {
             rig.camera->stop();  // which wants the monitor
             tooEarly = returned.load();
         };
-        rig.system->video()->deliver(frame());
+        rig.system->video->deliver(frame());
         std::thread output([&] { rig.queues[kOutput]->runAll(); });
         while (!entered && !fromWithin) std::this_thread::yield();
         if (!fromWithin) rig.camera->shutdown();
@@ -174,6 +162,75 @@ TEST(Camera, fileNamesAreInLocalTime) {
         EXPECT_TRUE(rules::isLeftoverRecording(name));
     }
     unsetenv("TZ");
+}
+
+// Under many hands, on real queues. What is wrong here shows best under the thread sanitizer.
+
+void drain(const std::shared_ptr<Queue>& queue) {
+    dynamic_cast<SerialQueue&>(*queue).drain();
+}
+
+TEST(CameraStress, controlFromManyThreadsAgainstRunningFrames) {
+    constexpr int kRounds = 60;
+    for (int i = 0; i < 5; ++i) {
+        CameraRig rig;
+        const auto main = std::make_shared<MainQueue>(rig.clock);
+        rig.platform.mainQueue = main;
+        rig.platform.makeSerialQueue = [](const std::string& label) { return std::make_shared<SerialQueue>(label); };
+        rig.capture->torch = rig.capture->finishesAtOnce = true;
+        rig.make();
+        rig.camera->parameters()->setRecordVideo(true);
+        rig.camera->parameters()->setRecordAudio(true);
+
+        std::atomic<int> frames{0};
+        const auto delegate = std::make_shared<Delegate>();
+        // A host that stops from within a frame, while others hold the session's monitor.
+        delegate->didReceiveSampleBuffer = [&, weak = std::weak_ptr(rig.camera)](const auto&) {
+            if (const auto camera = weak.lock(); camera && ++frames % 4 == 0) camera->stop();
+        };
+        rig.camera->setDelegate(delegate);
+        drain(rig.camera->videoQueue());
+        const auto video = rig.system->video;
+
+        const std::function<void(int)> works[] = {
+            [&](int) { rig.camera->start(), rig.camera->stop(); },
+            [&](int round) {
+                rig.camera->turnTorchOn();
+                if (round % 2) rig.camera->turnTorchOff();
+                (void)rig.camera->isTorchON(), (void)rig.camera->resolution(), (void)rig.camera->videoRecordingUrl();
+            },
+            [&](int round) {
+                rig.camera->setDelegate(round % 3 ? delegate : nullptr);
+                if (round % 8 == 0) rig.camera->discardRecording();
+                if (round == kRounds * 3 / 4) rig.camera->shutdown();
+            },
+            [&](int) {
+                video->deliver(frame());
+                drain(rig.camera->videoOutputQueue());
+                rig.clock->advance(std::chrono::milliseconds(50));
+            },
+        };
+        std::barrier round(std::ssize(works));  // keeps the threads abreast, so that they do meet
+        std::vector<std::thread> threads;
+        for (const auto& work : works) {
+            threads.emplace_back([&] {
+                for (int r = 0; r < kRounds; ++r) round.arrive_and_wait(), work(r);
+            });
+        }
+        for (auto& thread : threads) thread.join();
+        EXPECT_FALSE(rig.camera->session());
+        EXPECT_GT(frames, 0);
+        const int seen = frames;
+        video->deliver(frame());
+        drain(rig.camera->videoOutputQueue());
+        EXPECT_EQ(frames, seen) << "after the shutdown nothing is delivered";
+        drain(rig.camera->videoQueue());  // a block that runs there hands its camera to the main queue
+        rig.clock->advance(std::chrono::seconds(1));
+        main->drain();
+        const std::weak_ptr<Camera> gone = rig.camera;
+        rig.camera.reset();
+        EXPECT_TRUE(gone.expired());
+    }
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 
 #include <memory>
 #include <mutex>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -12,9 +13,13 @@ namespace selvio {
 /// Copies share one list.
 class CallLog {
 public:
-    void add(std::string call) {
+    /// The words of one call.
+    void add(const auto&... words) {
+        std::ostringstream call;
+        const char* gap = "";
+        ((call << std::exchange(gap, " ") << words), ...);
         const std::lock_guard lock(list_->mutex);
-        list_->calls.push_back(std::move(call));
+        list_->calls.push_back(call.str());
     }
     /// What was called since the last call.
     std::vector<std::string> take() {

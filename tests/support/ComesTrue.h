@@ -8,10 +8,9 @@ namespace selvio::test {
 /// Waits for what nothing announces, ten seconds at most.
 template <typename Condition>
 bool comesTrue(Condition condition) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (!condition()) {
+    for (const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10); !condition();) {
         if (std::chrono::steady_clock::now() > end) return false;
-        std::this_thread::yield();
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return true;
 }

@@ -1,85 +1,82 @@
-// A capture system of one camera and one microphone that writes down what is asked of it and refuses what the test
-// says.
+// A capture system of one camera and one microphone, and writers, that write down what is asked of them and refuse what
+// the test says.
 #pragma once
 
 #include <SelvioFacialCapture/base/MemberMutex.h>
+#include <SelvioFacialCapture/platform/AssetWriter.h>
 
 #include <algorithm>
 #include <atomic>
 #include <future>
 #include <set>
-#include <utility>
 
 #include "platform/capture/CaptureSessionBase.h"
 #include "support/CallLog.h"
 
 namespace selvio {
 
+class FakeAssetWriter;
+
 /// What goes wrong, and everything the fakes share. Fill it before the calls.
 struct FakeCaptureScript {
     CallLog calls;
-    /// By the session: "camera", "microphone", "video", "audio", "metadata", or a preset.
+    /// To be found: "camera device", "microphone device"; opened: "camera input", "microphone input"; "lock"; to join
+    /// the session: "camera", "microphone", "video", "audio", "metadata", or a preset; "writer"; to join that: "video
+    /// track", "audio track"; "samples".
     std::set<std::string> refused;
-    std::set<std::string> failingInputs;  ///< "camera", "microphone"
-    bool noCamera = false, noMicrophone = false, lockFails = false, focusSupported = true;
-    std::atomic<bool> torch{false};
+    bool torch = false, focusSupported = true;
+    std::atomic<bool> finishesAtOnce{false};  ///< each writer
     std::vector<CaptureDeviceFormat> formats;
     std::string codec = kVideoCodecTypeH264;
     AuthorizationStatus authorization = AuthorizationStatus::Authorized;
+    std::vector<std::weak_ptr<FakeAssetWriter>> writers;  ///< those made
+
+    bool allows(const std::string& what) const { return !refused.contains(what); }
 };
 using FakeScript = std::shared_ptr<FakeCaptureScript>;
 
-/// The name of a part, under which its calls are written down.
-class FakePart {
-public:
-    FakePart(FakeScript script, std::string name) : script_(std::move(script)), name_(std::move(name)) {}
+/// A part that the test knows by its name, under which its calls are written down.
+struct FakePart {
+    FakePart(FakeScript script, std::string name) : script(std::move(script)), name(std::move(name)) {}
+    virtual ~FakePart() = default;
+    void say(const auto&... words) const { script->calls.add(name, words...); }
+    static const std::string& nameOf(const auto& part) { return dynamic_cast<const FakePart&>(part).name; }
 
-protected:
-    void say(const std::string& what) const { script_->calls.add(name_ + " " + what); }
-    void say(const std::string& what, auto number) const {
-        say(what + " " + std::to_string(static_cast<std::int64_t>(number)));
-    }
-    const FakeScript script_;
-    const std::string name_;
+    const FakeScript script;
+    const std::string name;
 };
 
-class FakeConnection final : public CaptureConnection, public FakePart {
-public:
+struct FakeConnection final : CaptureConnection, FakePart {
     using FakePart::FakePart;
-    [[nodiscard]] bool isVideoOrientationSupported() const override { return !name_.ends_with("fixed"); }
-    void setVideoOrientation(VideoOrientation orientation) override { say("orientation", orientation); }
-    [[nodiscard]] VideoOrientation videoOrientation() const override { return VideoOrientation::NotSet; }
+    bool isVideoOrientationSupported() const override { return !name.ends_with("fixed"); }
+    void setVideoOrientation(VideoOrientation value) override { say("orientation", static_cast<int>(value)); }
+    VideoOrientation videoOrientation() const override { return VideoOrientation::NotSet; }
 };
 
-class FakeCaptureDevice final : public CaptureDevice, public FakePart {
-public:
+struct FakeCaptureDevice final : CaptureDevice, FakePart {
     using FakePart::FakePart;
-    [[nodiscard]] std::string uniqueId() const override { return name_; }
-    [[nodiscard]] std::string localizedName() const override { return name_; }
-    [[nodiscard]] MediaType mediaType() const override {
-        return name_ == "camera" ? MediaType::Video : MediaType::Audio;
-    }
-    [[nodiscard]] CaptureDevicePosition position() const override { return CaptureDevicePosition::Back; }
-    [[nodiscard]] std::vector<CaptureDeviceFormat> formats() const override { return script_->formats; }
-    [[nodiscard]] std::optional<CaptureDeviceFormat> activeFormat() const override { return std::nullopt; }
+    std::string uniqueId() const override { return name; }
+    std::string localizedName() const override { return name; }
+    MediaType mediaType() const override { return name == "camera" ? MediaType::Video : MediaType::Audio; }
+    CaptureDevicePosition position() const override { return CaptureDevicePosition::Back; }
+    std::vector<CaptureDeviceFormat> formats() const override { return script->formats; }
+    std::optional<CaptureDeviceFormat> activeFormat() const override { return std::nullopt; }
     std::optional<Error> lockForConfiguration() override {
         say("lock");
-        return script_->lockFails ? std::optional(Error{"in use"}) : std::nullopt;
+        return script->allows("lock") ? std::nullopt : std::optional(Error{"in use"});
     }
     void unlockForConfiguration() override { say("unlock"); }
     void setActiveFormat(const CaptureDeviceFormat& format) override {
-        say("format " + std::to_string(format.formatDescription.width) + "x", format.formatDescription.height);
+        say("format", format.formatDescription.width, format.formatDescription.height);
     }
-    [[nodiscard]] bool isFocusPointOfInterestSupported() const override { return script_->focusSupported; }
-    void setFocusPointOfInterest(Point point) override {
-        say(point == Point{0.5, 0.5} ? "focus centre" : "focus elsewhere");
+    bool isFocusPointOfInterestSupported() const override { return script->focusSupported; }
+    void setFocusPointOfInterest(Point point) override { say("focus", point.x, point.y); }
+    bool isFocusModeSupported(FocusMode mode) const override {
+        return script->focusSupported && mode == FocusMode::ContinuousAutoFocus;
     }
-    [[nodiscard]] bool isFocusModeSupported(FocusMode mode) const override {
-        return script_->focusSupported && mode == FocusMode::ContinuousAutoFocus;
-    }
-    void setFocusMode(FocusMode mode) override { say("focus mode", mode); }
-    [[nodiscard]] bool hasTorch() const override { return script_->torch; }
-    void setTorchMode(TorchMode mode) override { say(mode == TorchMode::On ? "torch on" : "torch off"); }
+    void setFocusMode(FocusMode mode) override { say("focus mode", static_cast<int>(mode)); }
+    bool hasTorch() const override { return script->torch; }
+    void setTorchMode(TorchMode mode) override { say("torch", mode == TorchMode::On ? "on" : "off"); }
 };
 
 /// An output of any kind: what is not in the port's interface is not called. Of its connections one can be turned and
@@ -88,12 +85,12 @@ template <typename Port>
 class FakeOutput final : public Port, public FakePart {
 public:
     using FakePart::FakePart;
-    [[nodiscard]] std::vector<std::shared_ptr<CaptureConnection>> connections() const {
-        return {std::make_shared<FakeConnection>(script_, name_ + " fixed"),
-                std::make_shared<FakeConnection>(script_, name_)};
+    std::vector<std::shared_ptr<CaptureConnection>> connections() const {
+        return {std::make_shared<FakeConnection>(script, name + " fixed"),
+                std::make_shared<FakeConnection>(script, name)};
     }
     void setSampleBufferDelegate(std::weak_ptr<CaptureOutputDelegate> delegate, std::shared_ptr<Queue> queue) {
-        say("receiver on " + (queue ? queue->label() : "nothing"));
+        say("receiver on", queue ? queue->label() : "nothing");
         mutex_.set(receiver_, {std::move(delegate), std::move(queue)});
     }
     void setMetadataObjectsDelegate(std::weak_ptr<CaptureOutputDelegate> delegate, std::shared_ptr<Queue> queue) {
@@ -101,35 +98,27 @@ public:
     }
     void setPixelFormat(PixelFormat format) { say("format", format); }
     void setAlwaysDiscardsLateVideoFrames(bool discards) { say(discards ? "discards late" : "keeps late"); }
-    void setMetadataObjectTypes(std::vector<std::string> types) {
-        say("types " + (types.size() == 1 ? types[0] : "wrong"));
+    void setMetadataObjectTypes(std::vector<std::string> types) { say(types.size(), "type:", types[0]); }
+    VideoSettings recommendedVideoSettings(const std::string& fileType) const {
+        return {fileType == kFileTypeMPEG4 ? script->codec : "", 640, 480, {{"Profile", 7}, {"AverageBitRate", 1}}};
     }
-    [[nodiscard]] VideoSettings recommendedVideoSettings(const std::string& fileType) const {
-        return {fileType == kFileTypeMPEG4 ? script_->codec : "", 640, 480, {{"Profile", 7}, {"AverageBitRate", 1}}};
+    AudioSettings recommendedAudioSettings(const std::string&) const { return {44100, 2, 128000}; }
+
+    /// Something comes from it, if it has a receiver, on the receiver's queue.
+    template <typename What>
+    void deliver(const What& what, void (CaptureOutputDelegate::*how)(const CaptureOutput&, const What&,
+                                                                      const std::shared_ptr<CaptureConnection>&)) {
+        const auto [receiver, queue] = mutex_.get(receiver_);
+        if (!queue) return;
+        queue->async([=, this, receiver = receiver] {
+            if (const auto delegate = receiver.lock()) ((*delegate).*how)(*this, what, nullptr);
+        });
     }
-    [[nodiscard]] AudioSettings recommendedAudioSettings(const std::string&) const { return {44100, 2, 128000}; }
-
-    // What comes from it, if it has a receiver, on the receiver's queue.
-
     void deliver(const std::shared_ptr<SampleBuffer>& sample) {
-        submit([=, this](auto& to) { to.captureOutputDidOutputSampleBuffer(*this, sample, nullptr); });
-    }
-    void drop(const std::shared_ptr<SampleBuffer>& sample) {
-        submit([=, this](auto& to) { to.captureOutputDidDropSampleBuffer(*this, sample, nullptr); });
-    }
-    void decode(const std::vector<MetadataObject>& objects) {
-        submit([=, this](auto& to) { to.captureOutputDidOutputMetadataObjects(*this, objects, nullptr); });
+        deliver(sample, &CaptureOutputDelegate::captureOutputDidOutputSampleBuffer);
     }
 
 private:
-    void submit(std::function<void(CaptureOutputDelegate&)> call) {
-        const auto [receiver, queue] = mutex_.get(receiver_);
-        if (!queue) return;
-        queue->async([receiver = receiver, call = std::move(call)] {
-            if (const auto delegate = receiver.lock()) call(*delegate);
-        });
-    }
-
     MemberMutex mutex_;
     std::pair<std::weak_ptr<CaptureOutputDelegate>, std::shared_ptr<Queue>> receiver_;  // guarded by mutex_
 };
@@ -137,63 +126,55 @@ private:
 class FakeCaptureSession final : public CaptureSession {
 public:
     explicit FakeCaptureSession(FakeScript script) : script_(std::move(script)) {}
-    [[nodiscard]] std::recursive_mutex& monitor() override { return monitor_; }
-    void beginConfiguration() override { say("begin"); }
-    void commitConfiguration() override { say("commit"); }
-    [[nodiscard]] bool canSetSessionPreset(const std::string& preset) const override {
-        say("can set " + preset);
-        return !script_->refused.contains(preset);
+    std::recursive_mutex& monitor() override { return monitor_; }
+    void beginConfiguration() override { script_->calls.add("begin"); }
+    void commitConfiguration() override { script_->calls.add("commit"); }
+    bool canSetSessionPreset(const std::string& preset) const override {
+        script_->calls.add("can set", preset);
+        return script_->allows(preset);
     }
-    void setSessionPreset(const std::string& preset) override { say("set " + preset); }
-    [[nodiscard]] bool canAddInput(const CaptureDeviceInput& input) const override {
+    void setSessionPreset(const std::string& preset) override { script_->calls.add("set", preset); }
+    bool canAddInput(const CaptureDeviceInput& input) const override {
         // As a real session: one input of a kind.
         const auto same = [&](const auto& other) { return other->device() == input.device(); };
-        const auto own = mutex_.get(inputs_);
-        return !script_->refused.contains(nameOf(input)) && std::none_of(own.begin(), own.end(), same);
+        const auto own = inputs();
+        return script_->allows(nameOf(input)) && std::none_of(own.begin(), own.end(), same);
     }
-    void addInput(std::shared_ptr<CaptureDeviceInput> input) override { add(inputs_, std::move(input)); }
+    void addInput(std::shared_ptr<CaptureDeviceInput> input) override { add(inputs_, input); }
     void removeInput(const std::shared_ptr<CaptureDeviceInput>& input) override { remove(inputs_, input); }
-    [[nodiscard]] bool canAddOutput(const CaptureOutput& output) const override {
-        return !script_->refused.contains(nameOf(output));
-    }
-    void addOutput(std::shared_ptr<CaptureOutput> output) override { add(outputs_, std::move(output)); }
+    bool canAddOutput(const CaptureOutput& output) const override { return script_->allows(nameOf(output)); }
+    void addOutput(std::shared_ptr<CaptureOutput> output) override { add(outputs_, output); }
     void removeOutput(const std::shared_ptr<CaptureOutput>& output) override { remove(outputs_, output); }
-    [[nodiscard]] std::vector<std::shared_ptr<CaptureOutput>> outputs() const override { return mutex_.get(outputs_); }
-    [[nodiscard]] std::vector<std::shared_ptr<CaptureDeviceInput>> inputs() const { return mutex_.get(inputs_); }
-    [[nodiscard]] bool isRunning() const override { return running_; }
+    std::vector<std::shared_ptr<CaptureOutput>> outputs() const override { return mutex_.get(outputs_); }
+    std::vector<std::shared_ptr<CaptureDeviceInput>> inputs() const { return mutex_.get(inputs_); }
+    bool isRunning() const override { return running_; }
     void startRunning() override {
-        say("run");
+        script_->calls.add("run");
         running_ = true;
     }
     void stopRunning() override {
         sayGuarded("stop");
         running_ = false;
     }
-    [[nodiscard]] std::chrono::nanoseconds masterClockTime() const override { return std::chrono::seconds(42); }
+    std::chrono::nanoseconds masterClockTime() const override { return std::chrono::seconds(42); }
 
 private:
     static std::string nameOf(const CaptureDeviceInput& input) { return input.device()->uniqueId(); }
-    static std::string nameOf(const CaptureOutput& output) {
-        if (dynamic_cast<const VideoDataOutput*>(&output)) return "video";
-        return dynamic_cast<const AudioDataOutput*>(&output) ? "audio" : "metadata";
-    }
-    template <typename Part>
-    void add(std::vector<Part>& parts, Part part) {
-        say("add " + nameOf(*part));
+    static std::string nameOf(const CaptureOutput& output) { return FakePart::nameOf(output); }
+    void add(auto& parts, const auto& part) {
+        script_->calls.add("add", nameOf(*part));
         const std::lock_guard lock(mutex_);
-        parts.push_back(std::move(part));
+        parts.push_back(part);
     }
-    template <typename Part>
-    void remove(std::vector<Part>& parts, const Part& part) {
+    void remove(auto& parts, const auto& part) {
         sayGuarded("remove " + nameOf(*part));
         const std::lock_guard lock(mutex_);
         std::erase(parts, part);
     }
-    void say(const std::string& call) const { script_->calls.add(call); }
     /// For what must not be done without the monitor.
     void sayGuarded(const std::string& call) {
         const auto isFree = [this] { return std::unique_lock(monitor_, std::try_to_lock).owns_lock(); };
-        say(call + (std::async(std::launch::async, isFree).get() ? " unlocked" : ""));
+        script_->calls.add(call + (std::async(std::launch::async, isFree).get() ? " unlocked" : ""));
     }
 
     const FakeScript script_;
@@ -204,57 +185,117 @@ private:
     std::atomic<bool> running_{false};
 };
 
-class FakeCaptureSystem final : public CaptureSystem {
-public:
-    explicit FakeCaptureSystem(FakeScript script) : script_(std::move(script)) {}
-    [[nodiscard]] std::shared_ptr<CaptureDeviceDiscoverySession> discoverDevices(
-        const std::vector<std::string>& types, MediaType mediaType, CaptureDevicePosition position) override {
-        script_->calls.add("discover " + (types.size() == 1 ? types[0] : "wrong") +
-                           (mediaType == MediaType::Video ? " video " : " audio ") +
-                           std::to_string(static_cast<std::int64_t>(position)));
+struct FakeCaptureSystem final : CaptureSystem {
+    explicit FakeCaptureSystem(FakeScript script) : script(std::move(script)) {}
+    std::shared_ptr<CaptureDeviceDiscoverySession> discoverDevices(const std::vector<std::string>& types,
+                                                                   MediaType mediaType,
+                                                                   CaptureDevicePosition position) override {
+        const char* const media = mediaType == MediaType::Video ? "video" : "audio";
+        script->calls.add("discover", types.size(), "type:", types[0], media, static_cast<int>(position));
         auto found = std::make_shared<CaptureDeviceDiscoverySession>();
-        if (!script_->noCamera) found->devices = {camera_, microphone_};  // the first is to be taken
+        if (script->allows("camera device")) found->devices = {camera, microphone};  // the first is to be taken
         return found;
     }
-    [[nodiscard]] std::shared_ptr<CaptureDevice> defaultDevice(MediaType mediaType) override {
-        return mediaType == MediaType::Audio && !script_->noMicrophone ? microphone_ : nullptr;
+    std::shared_ptr<CaptureDevice> defaultDevice(MediaType mediaType) override {
+        return mediaType == MediaType::Audio && script->allows("microphone device") ? microphone : nullptr;
     }
-    [[nodiscard]] Expected<std::shared_ptr<CaptureDeviceInput>> makeDeviceInput(
+    Expected<std::shared_ptr<CaptureDeviceInput>> makeDeviceInput(
         const std::shared_ptr<CaptureDevice>& device) override {
-        if (script_->failingInputs.contains(device->uniqueId())) return Error{"not allowed"};
+        if (!script->allows(device->uniqueId() + " input")) return Error{"not allowed"};
         return std::shared_ptr<CaptureDeviceInput>(std::make_shared<DeviceInput>(device, nullptr));
     }
-    [[nodiscard]] std::shared_ptr<CaptureSession> makeSession() override {
-        return session_ = std::make_shared<FakeCaptureSession>(script_);
+    std::shared_ptr<CaptureSession> makeSession() override {
+        return session = std::make_shared<FakeCaptureSession>(script);
     }
-    [[nodiscard]] std::shared_ptr<VideoDataOutput> makeVideoDataOutput() override { return make(video_, "video"); }
-    [[nodiscard]] std::shared_ptr<AudioDataOutput> makeAudioDataOutput() override { return make(audio_, "audio"); }
-    [[nodiscard]] std::shared_ptr<MetadataOutput> makeMetadataOutput() override { return make(metadata_, "metadata"); }
-    [[nodiscard]] AuthorizationStatus authorizationStatus(MediaType) override { return script_->authorization; }
+    std::shared_ptr<VideoDataOutput> makeVideoDataOutput() override { return make(video, "video"); }
+    std::shared_ptr<AudioDataOutput> makeAudioDataOutput() override { return make(audio, "audio"); }
+    std::shared_ptr<MetadataOutput> makeMetadataOutput() override { return make(metadata, "metadata"); }
+    AuthorizationStatus authorizationStatus(MediaType) override { return script->authorization; }
     void requestAccess(MediaType mediaType, std::function<void(bool granted)> completion) override {
         completion(mediaType == MediaType::Video);
     }
-
-    // What was made last.
-
-    [[nodiscard]] const auto& session() const { return session_; }
-    [[nodiscard]] const auto& video() const { return video_; }
-    [[nodiscard]] const auto& audio() const { return audio_; }
-    [[nodiscard]] const auto& metadata() const { return metadata_; }
-
-private:
     template <typename Part>
     std::shared_ptr<Part> make(std::shared_ptr<Part>& last, const char* name) {
-        return last = std::make_shared<Part>(script_, name);
+        return last = std::make_shared<Part>(script, name);
     }
 
+    const FakeScript script;
+    const std::shared_ptr<CaptureDevice> camera = std::make_shared<FakeCaptureDevice>(script, "camera"),
+                                         microphone = std::make_shared<FakeCaptureDevice>(script, "microphone");
+    // What was made last.
+    std::shared_ptr<FakeCaptureSession> session;
+    std::shared_ptr<FakeOutput<VideoDataOutput>> video;
+    std::shared_ptr<FakeOutput<AudioDataOutput>> audio;
+    std::shared_ptr<FakeOutput<MetadataOutput>> metadata;
+};
+
+struct FakeAssetWriterInput final : AssetWriterInput, FakePart {
+    using FakePart::FakePart;
+    void setExpectsMediaDataInRealTime(bool expects) override { say(expects ? "real time" : "batch"); }
+    bool isReadyForMoreMediaData() const override { return script->allows("samples"); }
+    bool appendSampleBuffer(const std::shared_ptr<SampleBuffer>&) override { return say("sample"), true; }
+    void markAsFinished() override { say("finished"); }
+};
+
+/// The test says how it finishes.
+class FakeAssetWriter final : public AssetWriter {
+public:
+    explicit FakeAssetWriter(FakeScript script) : script_(std::move(script)) {}
+    AssetWriterStatus status() const override { return status_; }
+    bool canAddInput(const AssetWriterInput& input) const override { return script_->allows(FakePart::nameOf(input)); }
+    void addInput(std::shared_ptr<AssetWriterInput> input) override {
+        script_->calls.add("add", FakePart::nameOf(*input));
+    }
+    bool startWriting() override {
+        script_->calls.add("start");
+        status_ = AssetWriterStatus::Writing;
+        return true;
+    }
+    void startSessionAtSourceTime(std::chrono::nanoseconds time) override {
+        script_->calls.add("from", time / std::chrono::seconds(1), "s");
+    }
+    void finishWriting(std::function<void()> completion) override {
+        script_->calls.add("finish");
+        completion_ = std::move(completion);
+        if (script_->finishesAtOnce) finish(AssetWriterStatus::Completed);
+    }
+    void cancelWriting() override {
+        script_->calls.add("cancel");
+        status_ = AssetWriterStatus::Cancelled;
+    }
+    void finish(AssetWriterStatus status) {
+        status_ = status;
+        if (const auto completion = std::exchange(completion_, nullptr)) completion();
+    }
+
+private:
     const FakeScript script_;
-    const std::shared_ptr<CaptureDevice> camera_ = std::make_shared<FakeCaptureDevice>(script_, "camera");
-    const std::shared_ptr<CaptureDevice> microphone_ = std::make_shared<FakeCaptureDevice>(script_, "microphone");
-    std::shared_ptr<FakeCaptureSession> session_;
-    std::shared_ptr<FakeOutput<VideoDataOutput>> video_;
-    std::shared_ptr<FakeOutput<AudioDataOutput>> audio_;
-    std::shared_ptr<FakeOutput<MetadataOutput>> metadata_;
+    std::atomic<AssetWriterStatus> status_{AssetWriterStatus::Unknown};
+    std::function<void()> completion_;
+};
+
+struct FakeAssetWriterFactory final : AssetWriterFactory {
+    explicit FakeAssetWriterFactory(FakeScript script) : script(std::move(script)) {}
+    Expected<std::shared_ptr<AssetWriter>> makeAssetWriter(const std::filesystem::path& path,
+                                                           const std::string& fileType) override {
+        script->calls.add("make", fileType, path.string());
+        if (!script->allows("writer")) return Error{"no room"};
+        auto writer = std::make_shared<FakeAssetWriter>(script);
+        script->writers.push_back(writer);
+        return std::shared_ptr<AssetWriter>(std::move(writer));
+    }
+    std::shared_ptr<AssetWriterInput> makeVideoInput(const VideoSettings& settings) override {
+        std::string properties;
+        for (const auto& [key, value] : settings.compressionProperties) properties += key + std::to_string(value) + " ";
+        script->calls.add("video track", settings.codec, settings.width, settings.height, properties);
+        return std::make_shared<FakeAssetWriterInput>(script, "video track");
+    }
+    std::shared_ptr<AssetWriterInput> makeAudioInput(const AudioSettings& settings) override {
+        script->calls.add("audio track", settings.sampleRate, settings.bitRate);
+        return std::make_shared<FakeAssetWriterInput>(script, "audio track");
+    }
+
+    const FakeScript script;
 };
 
 }  // namespace selvio

@@ -10,19 +10,18 @@ namespace selvio {
 
 class FakeImageCodec final : public ImageCodec {
 public:
-    [[nodiscard]] std::optional<Bytes> encodeJpeg(const Image& image, double quality) const override {
+    std::optional<Bytes> encodeJpeg(const Image& image, double quality) const override {
         duringEncoding(image);
         if (!image.bitmap || failsAt == 1) return std::nullopt;
         return bytes("encoded at " + std::to_string(quality));
     }
-    [[nodiscard]] std::shared_ptr<ImageSource> openSource(Bytes bytes) const override {
+    std::shared_ptr<ImageSource> openSource(Bytes bytes) const override {
         if (failsAt == 2) return nullptr;
         auto source = std::make_shared<Source>();
         source->text.assign(bytes.begin(), bytes.end());
         return source;
     }
-    [[nodiscard]] std::optional<Bytes> encodeFromSource(const ImageSource& source,
-                                                        const ImageProperties& properties) const override {
+    std::optional<Bytes> encodeFromSource(const ImageSource& source, const ImageProperties& properties) const override {
         if (failsAt == 3) return std::nullopt;
         const auto& jfif = properties.jfif.value();
         return bytes(static_cast<const Source&>(source).text + ", then at " +
@@ -30,7 +29,7 @@ public:
                      "x" + std::to_string(jfif.yDensity) + "/" + std::to_string(jfif.densityUnit) + ": " +
                      properties.exif.value().userComment.value_or("(none)"));
     }
-    [[nodiscard]] bool userCommentFits(std::string_view text) const override { return text.size() <= commentLimit; }
+    bool userCommentFits(std::string_view text) const override { return text.size() <= commentLimit; }
 
     int failsAt = 0;  ///< 1 encoding, 2 opening, 3 encoding anew
     std::size_t commentLimit = 65000;
@@ -38,7 +37,7 @@ public:
 
 private:
     struct Source final : ImageSource {
-        [[nodiscard]] ImageProperties properties() const override { return {}; }
+        ImageProperties properties() const override { return {}; }
         std::string text;
     };
     static Bytes bytes(const std::string& text) { return {text.begin(), text.end()}; }

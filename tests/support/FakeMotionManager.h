@@ -11,7 +11,7 @@ namespace selvio {
 
 class FakeMotionManager final : public MotionManager {
 public:
-    void setDeviceMotionUpdateInterval(std::chrono::nanoseconds updateInterval) override { interval = updateInterval; }
+    void setDeviceMotionUpdateInterval(std::chrono::nanoseconds) override {}
     void startDeviceMotionUpdates(std::shared_ptr<Queue>, Handler handler) override {
         mutex_.set(handler_, std::move(handler));
         duringCalls();
@@ -25,9 +25,8 @@ public:
     void rotate(RotationRate rate) {
         if (const auto handler = mutex_.get(handler_)) handler({.rotationRate = rate}, std::nullopt);
     }
-    [[nodiscard]] bool isRunning() const { return mutex_.get(handler_) != nullptr; }
+    bool isRunning() const { return mutex_.get(handler_) != nullptr; }
 
-    std::chrono::nanoseconds interval{0};
     std::function<void()> duringCalls = [] {};
 
 private:

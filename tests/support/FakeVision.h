@@ -30,21 +30,16 @@ private:
 
 class FakeFaceDetector final : public FaceDetector {
 public:
-    struct Answer {
-        int faces = 1;
-        bool smiling = false;  ///< each of them
-    };
+    using Answer = std::function<std::vector<FaceFeature>(const Image& image, bool smile)>;
 
-    [[nodiscard]] std::vector<FaceFeature> featuresInImage(const Image& image, bool smile) override {
-        const Answer answer = mutex_.get(answer_)(image);
-        return std::vector<FaceFeature>(static_cast<std::size_t>(answer.faces),
-                                        FaceFeature{.bounds = {}, .hasSmile = smile && answer.smiling});
+    std::vector<FaceFeature> featuresInImage(const Image& image, bool smile) override {
+        return mutex_.get(answer_)(image, smile);
     }
-    void setAnswer(std::function<Answer(const Image&)> answer) { mutex_.set(answer_, std::move(answer)); }
+    void setAnswer(Answer answer) { mutex_.set(answer_, std::move(answer)); }
 
 private:
     MemberMutex mutex_;
-    std::function<Answer(const Image&)> answer_ = [](const auto&) { return Answer{}; };  // guarded by mutex_
+    Answer answer_ = [](const auto&...) { return std::vector<FaceFeature>(1); };  // guarded by mutex_
 };
 
 }  // namespace selvio

@@ -11,10 +11,8 @@ namespace selvio {
 
 class ManualClock final : public Clock {
 public:
-    [[nodiscard]] double secondsSinceReferenceDate() const override {
-        return std::chrono::duration<double>(monotonicTime()).count();
-    }
-    [[nodiscard]] std::chrono::nanoseconds monotonicTime() const override {
+    double secondsSinceReferenceDate() const override { return std::chrono::duration<double>(monotonicTime()).count(); }
+    std::chrono::nanoseconds monotonicTime() const override {
         if (callBack && !std::exchange(calling_, true)) {
             callBack();
             calling_ = false;

@@ -17,8 +17,8 @@ public:
     void asyncAfter(std::chrono::nanoseconds delay, Block block) override {
         delayed_.emplace(now_ + delay, std::move(block));
     }
-    [[nodiscard]] bool isCurrent() const override { return running_; }
-    [[nodiscard]] const std::string& label() const override { return label_; }
+    bool isCurrent() const override { return running_; }
+    const std::string& label() const override { return label_; }
 
     /// Runs one block; false if none is ready.
     bool runNext() {
@@ -44,7 +44,7 @@ public:
         }
         runAll();
     }
-    [[nodiscard]] std::size_t size() const { return ready_.size(); }
+    std::size_t size() const { return ready_.size(); }
 
 private:
     const std::string label_;
