@@ -9,50 +9,26 @@ import tempfile
 
 # The rules decide and nothing else: no threads, no clocks, no queues, no log.
 PURE = {"analyzer/rules", "camera/rules"}
-IMPURE = re.compile(
-    r"^(thread|mutex|atomic|condition_variable|future|SelvioFacialCapture/base/(.*Queue|Clock|Log)\.h)$"
-)
+IMPURE = re.compile(r"thread|mutex|atomic|condition_variable|future|SelvioFacialCapture/base/(.*Queue|Clock|Log)\.h")
 
 # Public headers of one folder stand side by side in include/SelvioFacialCapture/, or in a folder there.
 PUBLIC = {
-    f"SelvioFacialCapture{name}.h": folder
-    for folder, names in {
-        "umbrella": "",
-        "imaging": "ImageUtilities",
-        "model": "Status Results Parameters CameraParameters UxpEvent",
-        "telemetry": "UxpEventManager ObixData Version",
-        "analyzer": "Analyzer AnalyzerDelegate",
-        "camera": "Camera CameraDelegate",
-    }.items()
-    for name in names.split(" ")
+    "": "umbrella",
+    "ImageUtilities": "imaging",
+    **dict.fromkeys(("Status", "Results", "Parameters", "CameraParameters", "UxpEvent"), "model"),
+    **dict.fromkeys(("UxpEventManager", "ObixData", "Version"), "telemetry"),
+    **dict.fromkeys(("Analyzer", "AnalyzerDelegate"), "analyzer"),
+    **dict.fromkeys(("Camera", "CameraDelegate"), "camera"),
 }
-PUBLIC_FOLDERS = {
-    "rules": "analyzer/rules",
-    "linux": "platform/linux",
-    "gtk": "platform/gtk",
-    "simulated": "platform/simulated",
-}
+PUBLIC_FOLDERS = {"rules": "analyzer/rules", **{name: f"platform/{name}" for name in ("linux", "gtk", "simulated")}}
 
 FOLDER = re.compile(r"^selvio_folder\(\s*(\w+)([^)]*)\)", re.MULTILINE)
 LIBRARY = re.compile(r"^selvio_shared\(\s*(\w+)\s+\w+\s+FOLDERS([^)]*?)(?:LINKS[^)]*)?\)", re.MULTILINE)
 ROW = re.compile(r"^\| `([\w/-]+)/` \|.*\|([^|]*)\|$", re.MULTILINE)
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]', re.MULTILINE)
-STANDARD = re.compile(r"^[a-z_0-9]+$")
-C_STANDARD = {
-    "assert.h",
-    "errno.h",
-    "fcntl.h",
-    "poll.h",
-    "signal.h",
-    "stdbool.h",
-    "stddef.h",
-    "stdint.h",
-    "stdlib.h",
-    "string.h",
-    "unistd.h",
-    "dlfcn.h",
-    "pthread.h",
-}
+SYSTEM = re.compile(
+    r"[a-z_0-9]+|(sys|linux)/.*|(assert|errno|fcntl|poll|signal|std(bool|def|int|lib)|string|unistd|dlfcn|pthread)\.h"
+)
 
 
 class Tree:
@@ -86,9 +62,10 @@ class Tree:
         """The folder that a file (relative to the root) belongs to; None if it is not part of the graph."""
         parts = path.parts
         if parts[:2] == ("include", "SelvioFacialCapture"):
-            if len(parts) == 3:
-                return PUBLIC.get(parts[2], f"unknown public header {parts[2]}")
-            return PUBLIC_FOLDERS.get(parts[2], parts[2])
+            if len(parts) > 3:
+                return PUBLIC_FOLDERS.get(parts[2], parts[2])
+            own = re.fullmatch(r"SelvioFacialCapture(\w*)\.h", parts[2])
+            return PUBLIC.get(own and own[1], f"unknown public header {parts[2]}")
         for length in (2, 1):
             name = "/".join(parts[:length])
             if len(parts) > length and name in self.may_include:
@@ -103,7 +80,7 @@ class Tree:
             for candidate in (file.parent / name, self.root / name):
                 if candidate.is_file():
                     return self.folder_of(candidate.resolve().relative_to(self.root)), True
-        if STANDARD.match(name) or name in C_STANDARD or name.startswith(("sys/", "linux/")):
+        if SYSTEM.fullmatch(name):
             return "system", False
         return "json" if name.startswith("nlohmann/") else "third-party", False
 
@@ -124,7 +101,7 @@ class Tree:
             yield f"{path}: {folder}: give it a folder in {pathlib.Path(__file__).name}"
             return
         for style, name in INCLUDE.findall(file.read_text(encoding="utf-8")):
-            if folder in PURE and IMPURE.match(name):
+            if folder in PURE and IMPURE.fullmatch(name):
                 yield f"{path}: {folder} decides only; it has no use for {name}"
                 continue
             target, private = self.target_of(file, style, name)
@@ -183,8 +160,7 @@ def self_test(root):
         yield f"self-test: {name}: {'not found' if name in WRONG else 'found without reason'}"
 
 
-if __name__ == "__main__":
-    source = pathlib.Path(sys.argv[1])
-    faults = [*faults_in(source), *self_test(source)]
-    print("\n".join(faults) if faults else "no faults")
-    sys.exit(1 if faults else 0)
+source = pathlib.Path(sys.argv[1])
+faults = [*faults_in(source), *self_test(source)]
+print("\n".join(faults) or "no faults")
+sys.exit(bool(faults))
