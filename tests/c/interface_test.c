@@ -34,10 +34,6 @@ static void slow_call(struct told* told) {
     atomic_fetch_add(&told->ended, 1);
 }
 
-static void slow_line(void* user, const char* message) {
-    if (message[0] != 0) slow_call(user);
-}
-
 static void slow_results(void* user, const selvio_results* results) {
     char* error;
     CHECK(selvio_results_status(results, NULL) == SELVIO_STATUS_FACE_NOT_FOUND);
@@ -166,7 +162,7 @@ static void judging(selvio_platform* platform, selvio_parameters* parameters) {
     selvio_frame_destroy(frame);
 }
 
-/// A camera delivers what was asked for until it is destroyed and not any more; so does the log until it is replaced.
+/// A camera delivers what was asked for until it is destroyed and not any more.
 static void cameras(selvio_platform* platform) {
     struct told told = {.camera =
                             camera_with(platform, SELVIO_CAMERA_BACK, SELVIO_PRESET_640X480, SELVIO_PIXEL_FORMAT_BGRA)};
@@ -181,14 +177,6 @@ static void cameras(selvio_platform* platform) {
     selvio_camera_destroy(told.camera);
     CHECK(told.begun == told.ended && told.others == 1);
     memset(&told, 0xff, sizeof told);  // nobody may use it any more
-
-    struct told lines = {.begun = 0};
-    CHECK(selvio_platform_set_faults(platform, SELVIO_FAULT_NO_CAMERA, &error));
-    lines.camera = selvio_camera_create(platform, NULL, NULL, &error);
-    CHECK(selvio_set_log_callback(slow_line, &lines, &error) && selvio_camera_configure(lines.camera, NULL, &error));
-    while (lines.begun == 0) sched_yield();
-    CHECK(selvio_set_log_callback(NULL, NULL, &error) && lines.begun == 1 && lines.ended == 1);
-    selvio_camera_destroy(lines.camera);
 }
 
 int main(int argc, char** argv) {
