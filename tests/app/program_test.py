@@ -52,7 +52,7 @@ class ProgramTest(unittest.TestCase):
         messages = stderr or self.enterContext(self.messages.open("w"))
         pipes = {"stdin": stdin, "stdout": stdout, "stderr": messages}
         process = subprocess.Popen([PROGRAM, *map(str, arguments)], env=self.environment, text=True, **pipes)
-        watchdog = threading.Timer(300, process.kill)
+        watchdog = threading.Timer(120, process.kill)
         watchdog.start()
         self.addCleanup(watchdog.cancel)
         return process
@@ -389,7 +389,6 @@ class View(ProgramTest):
         ),
         ("the display is gone", True, "", "Results gone", PHOTOGRAPH),
         ("the display is gone over the photograph", True, "", "Success gone", PHOTOGRAPH),
-        ("timed out", False, "--timeout 3", "", RECORD),
     )
 
     def setUp(self):

@@ -100,22 +100,18 @@ class Tree:
         if folder not in self.may_include:
             yield f"{path}: {folder}: give it a folder in {pathlib.Path(__file__).name}"
             return
+        public, adapter = path.parts[0] == "include", folder in ("platform/linux", "platform/gtk", "apps")
         for style, name in INCLUDE.findall(file.read_text(encoding="utf-8")):
+            target, private = self.target_of(file, style, name)
             if folder in PURE and IMPURE.fullmatch(name):
                 yield f"{path}: {folder} decides only; it has no use for {name}"
-                continue
-            target, private = self.target_of(file, style, name)
-            if target in (folder, "system", "json"):
-                if name == "nlohmann/json.hpp" and path.parts[0] == "include":
-                    yield f"{path}: a public header gets by with nlohmann/json_fwd.hpp"
-            elif target == "third-party":
-                if folder not in ("platform/linux", "platform/gtk", "apps"):
-                    yield f"{path}: <{name}> is a third-party header; only adapters and the program include those"
-                elif file.suffix == ".h" and path.parts[0] == "include":
-                    yield f"{path}: <{name}> is a third-party header in a public header"
-            elif target not in self.may_include[folder]:
+            elif public and name == "nlohmann/json.hpp":
+                yield f"{path}: a public header gets by with nlohmann/json_fwd.hpp"
+            elif target == "third-party" and (public or not adapter):
+                yield f"{path}: <{name}> is a third-party header; only adapters' and the program's own files include those"
+            elif target not in (folder, "system", "json", "third-party", *self.may_include[folder]):
                 yield f"{path}: {folder} may not include {target} ({name})"
-            elif private and not self.libraries.get(folder, set()) & self.libraries.get(target, set()):
+            elif private and target != folder and not self.libraries.get(folder, set()) & self.libraries[target]:
                 yield f"{path}: {name} is a private header of another library"
 
     def faults_in_table(self):

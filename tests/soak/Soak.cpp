@@ -7,6 +7,7 @@
 #include "Session.h"
 #include "support/FakeVision.h"
 #include "support/Resources.h"
+#include "support/SampleScene.h"
 #include "support/TemporaryDirectory.h"
 
 #include <SelvioFacialCapture/base/Log.h>
@@ -125,15 +126,9 @@ int main(int argc, char** argv) {
         return 2;
     }
     setLogSink([](std::string_view) {});  // faults are logged by the thousand
-    auto null = std::ofstream("/dev/null");
-    std::cerr.rdbuf(null.rdbuf());  // and told to the person
+    std::cerr.rdbuf(nullptr);             // and told to the person
 
-    const std::filesystem::path samples = SELVIO_SAMPLES;
-    const auto geometry = FaceGeometry::load(samples / "astronaut.json");
-    const auto picture = makeLinuxPlatform().imageLoader->loadImage(samples / "astronaut.jpg");
-    const auto script = MotionScript::load(samples / "scripts/steady.json");
-    const auto frames = SimulatedFrames::make(picture.value(), geometry.value(), script.value()).value();
-
+    const auto frames = test::sampleScene(test::oneFace(0.5, 0.46, 0.63));
     const test::TemporaryDirectory directory;
     Silent output;
     std::printf("captures   allocated KiB   new blocks   descriptors   threads\n");
