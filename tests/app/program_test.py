@@ -414,7 +414,8 @@ class View(ProgramTest):
                 elif action != "-":
                     xdotool("windowfocus", window(), "key", action)
             while steps[-1:] == ["Return"] and process.poll() is None:  # as where no button is seen yet
-                xdotool("key", "Return")
+                time.sleep(0.5)
+                xdotool("search", "--onlyvisible", "--name", "^selvio-capture$", "windowfocus", "key", "Return")
             process.stdout.read()
         messages = self.messages.read_text()
         self.assertEqual((process.returncode, self.results()), left, messages)
