@@ -415,7 +415,7 @@ class View(ProgramTest):
                     xdotool("windowfocus", window(), "key", action)
             while steps[-1:] == ["Return"] and process.poll() is None:  # as where no button is seen yet
                 time.sleep(0.5)
-                xdotool("search", "--onlyvisible", "--name", "^selvio-capture$", "windowfocus", "key", "Return")
+                xdotool("key", "Return")
             process.stdout.read()
         messages = self.messages.read_text()
         self.assertEqual((process.returncode, self.results()), left, messages)
