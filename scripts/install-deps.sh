@@ -21,7 +21,7 @@ packages=(
     # tests and benchmarks
     clang libgtest-dev libgmock-dev libbenchmark-dev libjpeg-dev zlib1g-dev
     python3 python3-numpy python3-pip python3-venv
-    pipewire wireplumber dbus umockdev gstreamer1.0-tools ffmpeg xvfb xdotool imagemagick exif libimage-exiftool-perl parallel man-db
+    pipewire wireplumber dbus umockdev gstreamer1.0-tools ffmpeg xvfb xdotool imagemagick exif libimage-exiftool-perl man-db
     # documentation
     doxygen
 )

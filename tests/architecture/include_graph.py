@@ -9,50 +9,26 @@ import tempfile
 
 # The rules decide and nothing else: no threads, no clocks, no queues, no log.
 PURE = {"analyzer/rules", "camera/rules"}
-IMPURE = re.compile(
-    r"^(thread|mutex|atomic|condition_variable|future|SelvioFacialCapture/base/(.*Queue|Clock|Log)\.h)$"
-)
+IMPURE = re.compile(r"thread|mutex|atomic|condition_variable|future|SelvioFacialCapture/base/(.*Queue|Clock|Log)\.h")
 
 # Public headers of one folder stand side by side in include/SelvioFacialCapture/, or in a folder there.
 PUBLIC = {
-    f"SelvioFacialCapture{name}.h": folder
-    for folder, names in {
-        "umbrella": "",
-        "imaging": "ImageUtilities",
-        "model": "Status Results Parameters CameraParameters UxpEvent",
-        "telemetry": "UxpEventManager ObixData Version",
-        "analyzer": "Analyzer AnalyzerDelegate",
-        "camera": "Camera CameraDelegate",
-    }.items()
-    for name in names.split(" ")
+    "": "umbrella",
+    "ImageUtilities": "imaging",
+    **dict.fromkeys(("Status", "Results", "Parameters", "CameraParameters", "UxpEvent"), "model"),
+    **dict.fromkeys(("UxpEventManager", "ObixData", "Version"), "telemetry"),
+    **dict.fromkeys(("Analyzer", "AnalyzerDelegate"), "analyzer"),
+    **dict.fromkeys(("Camera", "CameraDelegate"), "camera"),
 }
-PUBLIC_FOLDERS = {
-    "rules": "analyzer/rules",
-    "linux": "platform/linux",
-    "gtk": "platform/gtk",
-    "simulated": "platform/simulated",
-}
+PUBLIC_FOLDERS = {"rules": "analyzer/rules", **{name: f"platform/{name}" for name in ("linux", "gtk", "simulated")}}
 
 FOLDER = re.compile(r"^selvio_folder\(\s*(\w+)([^)]*)\)", re.MULTILINE)
 LIBRARY = re.compile(r"^selvio_shared\(\s*(\w+)\s+\w+\s+FOLDERS([^)]*?)(?:LINKS[^)]*)?\)", re.MULTILINE)
 ROW = re.compile(r"^\| `([\w/-]+)/` \|.*\|([^|]*)\|$", re.MULTILINE)
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]', re.MULTILINE)
-STANDARD = re.compile(r"^[a-z_0-9]+$")
-C_STANDARD = {
-    "assert.h",
-    "errno.h",
-    "fcntl.h",
-    "poll.h",
-    "signal.h",
-    "stdbool.h",
-    "stddef.h",
-    "stdint.h",
-    "stdlib.h",
-    "string.h",
-    "unistd.h",
-    "dlfcn.h",
-    "pthread.h",
-}
+SYSTEM = re.compile(
+    r"[a-z_0-9]+|(sys|linux)/.*|(assert|errno|fcntl|poll|signal|std(bool|def|int|lib)|string|unistd|dlfcn|pthread)\.h"
+)
 
 
 class Tree:
@@ -86,9 +62,10 @@ class Tree:
         """The folder that a file (relative to the root) belongs to; None if it is not part of the graph."""
         parts = path.parts
         if parts[:2] == ("include", "SelvioFacialCapture"):
-            if len(parts) == 3:
-                return PUBLIC.get(parts[2], f"unknown public header {parts[2]}")
-            return PUBLIC_FOLDERS.get(parts[2], parts[2])
+            if len(parts) > 3:
+                return PUBLIC_FOLDERS.get(parts[2], parts[2])
+            own = re.fullmatch(r"SelvioFacialCapture(\w*)\.h", parts[2])
+            return PUBLIC.get(own and own[1], f"unknown public header {parts[2]}")
         for length in (2, 1):
             name = "/".join(parts[:length])
             if len(parts) > length and name in self.may_include:
@@ -103,7 +80,7 @@ class Tree:
             for candidate in (file.parent / name, self.root / name):
                 if candidate.is_file():
                     return self.folder_of(candidate.resolve().relative_to(self.root)), True
-        if STANDARD.match(name) or name in C_STANDARD or name.startswith(("sys/", "linux/")):
+        if SYSTEM.fullmatch(name):
             return "system", False
         return "json" if name.startswith("nlohmann/") else "third-party", False
 
@@ -123,22 +100,18 @@ class Tree:
         if folder not in self.may_include:
             yield f"{path}: {folder}: give it a folder in {pathlib.Path(__file__).name}"
             return
+        public, adapter = path.parts[0] == "include", folder in ("platform/linux", "platform/gtk", "apps")
         for style, name in INCLUDE.findall(file.read_text(encoding="utf-8")):
-            if folder in PURE and IMPURE.match(name):
-                yield f"{path}: {folder} decides only; it has no use for {name}"
-                continue
             target, private = self.target_of(file, style, name)
-            if target in (folder, "system", "json"):
-                if name == "nlohmann/json.hpp" and path.parts[0] == "include":
-                    yield f"{path}: a public header gets by with nlohmann/json_fwd.hpp"
-            elif target == "third-party":
-                if folder not in ("platform/linux", "platform/gtk", "apps"):
-                    yield f"{path}: <{name}> is a third-party header; only adapters and the program include those"
-                elif file.suffix == ".h" and path.parts[0] == "include":
-                    yield f"{path}: <{name}> is a third-party header in a public header"
-            elif target not in self.may_include[folder]:
+            if folder in PURE and IMPURE.fullmatch(name):
+                yield f"{path}: {folder} decides only; it has no use for {name}"
+            elif public and name == "nlohmann/json.hpp":
+                yield f"{path}: a public header gets by with nlohmann/json_fwd.hpp"
+            elif target == "third-party" and (public or not adapter):
+                yield f"{path}: <{name}> is a third-party header; only adapters' and the program's own files include those"
+            elif target not in (folder, "system", "json", "third-party", *self.may_include[folder]):
                 yield f"{path}: {folder} may not include {target} ({name})"
-            elif private and not self.libraries.get(folder, set()) & self.libraries.get(target, set()):
+            elif private and target != folder and not self.libraries.get(folder, set()) & self.libraries[target]:
                 yield f"{path}: {name} is a private header of another library"
 
     def faults_in_table(self):
@@ -183,8 +156,7 @@ def self_test(root):
         yield f"self-test: {name}: {'not found' if name in WRONG else 'found without reason'}"
 
 
-if __name__ == "__main__":
-    source = pathlib.Path(sys.argv[1])
-    faults = [*faults_in(source), *self_test(source)]
-    print("\n".join(faults) if faults else "no faults")
-    sys.exit(1 if faults else 0)
+source = pathlib.Path(sys.argv[1])
+faults = [*faults_in(source), *self_test(source)]
+print("\n".join(faults) or "no faults")
+sys.exit(bool(faults))

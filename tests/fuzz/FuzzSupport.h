@@ -40,19 +40,16 @@ private:
     const std::string path_ = "/dev/shm/selvio_fuzz_" + std::to_string(::getpid());
 };
 
-/// Keeps what is printed from the terminal.
-class Muted {
-public:
-    ~Muted() {
-        std::cout.rdbuf(out_);
-        std::cerr.rdbuf(err_);
-    }
-    [[nodiscard]] std::string printed() const { return text_.str(); }
-
-private:
-    std::ostringstream text_;
-    std::streambuf* const out_ = std::cout.rdbuf(text_.rdbuf());
-    std::streambuf* const err_ = std::cerr.rdbuf(text_.rdbuf());
-};
+/// What a function prints, kept from the terminal.
+template <typename Function>
+std::string printedBy(const Function& function) {
+    std::ostringstream text;
+    auto* const out = std::cout.rdbuf(text.rdbuf());
+    auto* const err = std::cerr.rdbuf(text.rdbuf());
+    function();
+    std::cout.rdbuf(out);
+    std::cerr.rdbuf(err);
+    return text.str();
+}
 
 }  // namespace selvio::test

@@ -14,10 +14,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     static const auto handler = makeSequenceRequestHandler();
     const test::InputFile file(data, size);
     const auto picture = JpegPngImageLoader().loadImage(file.path());
-    if (!picture) {
-        test::requireReason(picture.error().localizedDescription);
-        return 0;
-    }
+    if (!picture) return test::requireReason(picture.error().localizedDescription), 0;
     const PixelBufferLayout& layout = picture.value()->layout();
     require(layout.format == kPixelFormat32BGRA && layout.width > 0 && layout.height > 0, "a picture is BGRA");
     for (int y = 0; y < layout.height; ++y) {

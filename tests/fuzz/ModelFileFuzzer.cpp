@@ -1,42 +1,33 @@
 // The reader of model files.
+#include "FuzzSupport.h"
 #include "platform/linux/vision/ModelFile.h"
 
-#include <cstdint>
-#include <cstdlib>
 #include <span>
 
 using namespace selvio;
+using selvio::test::require;
 
 /// Accepted models must keep what the reader promises of them, whatever the bytes were.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const auto parsed = parseModel(std::as_bytes(std::span(data, size)));
-    if (!parsed) {
-        if (parsed.error().localizedDescription.empty()) std::abort();
-        return 0;
-    }
+    if (!parsed) return test::requireReason(parsed.error().localizedDescription), 0;
     const Model& model = parsed.value();
     enum { Unknown, Constant, Computed };
-    std::vector<int> known(model.tensors.size(), Unknown);
-    for (std::size_t i = 0; i < known.size(); ++i) {
-        const ModelTensor& tensor = model.tensors[i];
-        if (tensor.values.empty() && tensor.integers.empty()) continue;
-        known[i] = Constant;
-        if (tensor.values.size() + tensor.integers.size() != tensor.elements()) std::abort();
+    std::vector<int> known;
+    for (const ModelTensor& tensor : model.tensors) {
+        const std::size_t constants = tensor.values.size() + tensor.integers.size();
+        known.push_back(constants > 0 ? Constant : Unknown);
+        require(constants == 0 || constants == tensor.elements(), "a constant has all its elements");
     }
-    known.at(static_cast<std::size_t>(model.input)) = Computed;
+    const auto at = [&](int tensor) -> int& { return known.at(static_cast<std::size_t>(tensor)); };
+    at(model.input) = Computed;
     for (const ModelStep& step : model.steps) {
-        for (const int input : step.inputs) {
-            if (known.at(static_cast<std::size_t>(input)) == Unknown) std::abort();
-        }
-        int& output = known.at(static_cast<std::size_t>(step.output));
-        if (output != Unknown || model.tensors[static_cast<std::size_t>(step.output)].shape.size() != 4) std::abort();
-        output = Computed;
+        for (const int input : step.inputs) require(at(input) != Unknown, "a step's inputs come before it");
+        require(std::exchange(at(step.output), Computed) == Unknown, "a tensor is made once");
+        require(model.tensors[static_cast<std::size_t>(step.output)].shape.size() == 4, "a step makes four dimensions");
     }
-    if (model.outputs.empty()) std::abort();
-    for (const auto& parts : model.outputs) {
-        for (const int part : parts) {
-            if (known.at(static_cast<std::size_t>(part)) != Computed) std::abort();
-        }
-    }
+    require(!model.outputs.empty(), "a model has outputs");
+    for (const auto& parts : model.outputs)
+        for (const int part : parts) require(at(part) == Computed, "an output is computed");
     return 0;
 }

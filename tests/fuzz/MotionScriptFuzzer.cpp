@@ -10,10 +10,7 @@ using selvio::test::require;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const auto script = MotionScript::parse({reinterpret_cast<const char*>(data), size}, "script");
-    if (!script) {
-        test::requireReason(script.error().localizedDescription);
-        return 0;
-    }
+    if (!script) return test::requireReason(script.error().localizedDescription), 0;
     const auto end = script.value().duration();
     require(end.count() >= 0, "a script has a duration");
     for (const auto time : {-end, end * 0, end / 3, end, end + std::chrono::hours(1)}) {

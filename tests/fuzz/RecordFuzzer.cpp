@@ -31,13 +31,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (size <= kLargest) rewriteWithRecord(data, size);
     const test::InputFile file(data, size);
     for (const bool json : {false, true}) {
-        std::string printed;
         app::ExitCode code{};
-        {
-            const test::Muted muted;
-            code = app::perform(app::ShowOptions{.photograph = file.path(), .json = json});
-            printed = muted.printed();
-        }
+        const std::string printed =
+            test::printedBy([&] { code = app::perform(app::ShowOptions{.photograph = file.path(), .json = json}); });
         require(!printed.empty(), "it says something");
         require(json || printed.find('\x1b') == std::string::npos, "a record does not steer the terminal");
         require(code == app::ExitCode::Success || code == app::ExitCode::UnreadableInput, "it ends in order");

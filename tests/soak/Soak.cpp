@@ -7,6 +7,7 @@
 #include "Session.h"
 #include "support/FakeVision.h"
 #include "support/Resources.h"
+#include "support/SampleScene.h"
 #include "support/TemporaryDirectory.h"
 
 #include <SelvioFacialCapture/base/Log.h>
@@ -48,27 +49,24 @@ public:
         options.out = out;
         options.parameters->setMode(chance(2) ? SelvioFacialCaptureModeManual : SelvioFacialCaptureModeAuto);
         auto& camera = *options.parameters->cameraParameters();
-        records_ = full || chance(kWithRecording);
-        camera.setRecordVideo(records_);
-        camera.setRecordAudio(records_ && chance(2));
+        const bool records = full || chance(kWithRecording);
+        camera.setRecordVideo(records);
+        camera.setRecordAudio(records && chance(2));
 
         Platform platform = makeLinuxPlatform();
         platform.mainQueue = main_;
         capture_ = useSimulatedCamera(platform, frames, {.pacing = SimulatedPacing::Manual});
-        if (!full && !chance(kWithTrueVision)) {
-            vision_->setAnswer([](const auto&) { return FaceLandmarksResult{}; });
-            platform.makeSequenceRequestHandler = [vision = vision_] { return vision; };
-        }
-        capture_->setFaults({.noCamera = chance(30),
-                             .noMicrophone = chance(10),
-                             .startFails = chance(30),
-                             .dropEvery = chance(10) ? 3 : 0});
+        if (!full && !chance(kWithTrueVision))
+            platform.makeSequenceRequestHandler = [] { return std::make_shared<FakeSequenceRequestHandler>(); };
+        const int dropEvery = chance(10) ? 3 : 0;
+        capture_->setFaults(
+            {.noCamera = chance(30), .noMicrophone = chance(10), .startFails = chance(30), .dropEvery = dropEvery});
         if (chance(30)) capture_->setAccessAnswer(false);
-        steps_ = below(12);
-        session_ = app::Session::make(std::move(platform), options, {}, output, app::Language::English, [this] {
+        const auto ended = [this] {
             ended_ = true;
             main_->quit();
-        });
+        };
+        session_ = app::Session::make(std::move(platform), options, {}, output, app::Language::English, ended);
     }
 
     /// Whether it came to its end.
@@ -87,81 +85,63 @@ private:
     void disturb() {
         if (ended_) return;
         if (steps_-- == 0) return session_->interrupted();
-        switch (below(8)) {
-            case 0:
-                session_->entered();
-                break;
-            case 1:
-                std::this_thread::sleep_for(2ms);  // the main queue is late
-                break;
-            case 2:
-                if (chance(8)) capture_->setFaults({.deviceLost = true});
-                break;
-            default:
-                capture_->deliverFrameAt(time_ += kFrame);
+        const unsigned what = below(8);
+        if (what == 0) {
+            session_->entered();
+        } else if (what == 1) {
+            std::this_thread::sleep_for(2ms);  // the main queue is late
+        } else if (what == 2 && chance(8)) {
+            capture_->setFaults({.deviceLost = true});
+        } else {
+            capture_->deliverFrameAt(time_ += kFrame);
         }
         main_->asyncAfter(std::chrono::microseconds(below(1500)), [this] { disturb(); });
     }
 
     std::mt19937 random_;
     const std::shared_ptr<MainQueue> main_ = std::make_shared<MainQueue>();
-    const std::shared_ptr<FakeSequenceRequestHandler> vision_ = std::make_shared<FakeSequenceRequestHandler>();
     std::shared_ptr<SimulatedCaptureSystem> capture_;
     std::shared_ptr<app::Session> session_;
     std::chrono::nanoseconds time_{0};
-    unsigned steps_ = 0;
-    bool records_ = false;
+    unsigned steps_ = below(12);
     bool ended_ = false;
 };
 
 struct Held {
     test::Resources resources;
     std::size_t bytes = 0;  // allocated
-    long residentKilobytes = 0;
 
     static Held now() {
         ::malloc_trim(0);
-        Held held{test::Resources::now(), ::mallinfo2().uordblks, 0};
-        std::ifstream status("/proc/self/status");
-        for (std::string word; status >> word;) {
-            if (word == "VmRSS:") status >> held.residentKilobytes;
-        }
-        return held;
+        return {test::Resources::now(), ::mallinfo2().uordblks};
     }
 };
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    const int captures = argc > 1 ? std::atoi(argv[1]) : 0;
+    const int captures = argc > 1 ? std::atoi(argv[1]) : 0, seed = argc > 2 ? std::atoi(argv[2]) : 1;
     if (captures < 20) {
         std::cerr << "usage: soak CAPTURES [SEED], at least 20 captures\n";
         return 2;
     }
-    const unsigned seed = argc > 2 ? static_cast<unsigned>(std::atoi(argv[2])) : 1;
     setLogSink([](std::string_view) {});  // faults are logged by the thousand
-    auto null = std::ofstream("/dev/null");
-    std::cerr.rdbuf(null.rdbuf());  // and told to the person
+    std::cerr.rdbuf(nullptr);             // and told to the person
 
-    const auto photo = std::filesystem::path(SELVIO_SAMPLES) / "astronaut.jpg";
-    const auto geometry = FaceGeometry::load(FaceGeometry::pathBeside(photo));
-    const auto picture = makeLinuxPlatform().imageLoader->loadImage(photo);
-    const auto script = MotionScript::load(std::filesystem::path(SELVIO_SAMPLES) / "scripts/steady.json");
-    const auto frames = SimulatedFrames::make(picture.value(), geometry.value(), script.value()).value();
-
+    const auto frames = test::sampleScene(test::oneFace(0.5, 0.46, 0.63));
     const test::TemporaryDirectory directory;
     Silent output;
-    std::printf("captures   allocated KiB   resident KiB   new blocks   descriptors   threads\n");
+    std::printf("captures   allocated KiB   new blocks   descriptors   threads\n");
     std::array<Held, 11> held;
     for (int i = 0, tenth = 0; i <= captures; ++i) {
         if (i == static_cast<int>(static_cast<long>(captures) * tenth / 10)) {
-            const Held& now = held[static_cast<std::size_t>(tenth++)] = Held::now();
-            std::printf("%8d %15zu %14ld %12ld %13zu %9zu\n", i, now.bytes / 1024, now.residentKilobytes,
-                        now.resources.blocks, now.resources.descriptors, now.resources.threads);
+            const auto& [resources, bytes] = held[static_cast<std::size_t>(tenth++)] = Held::now();
+            std::printf("%8d %15zu %12ld %13zu %9zu\n", i, bytes / 1024, resources.blocks, resources.descriptors,
+                        resources.threads);
             std::fflush(stdout);
         }
         if (i == captures) break;
-        const auto own = seed * 1'000'003U + static_cast<unsigned>(i);
+        const unsigned own = static_cast<unsigned>(seed) * 1'000'003U + static_cast<unsigned>(i);
         if (!DisturbedCapture(own, i < 10, frames, directory.path(), output).run()) {
             std::printf("capture %d does not end\n", i);
             return 1;
@@ -175,9 +155,8 @@ int main(int argc, char** argv) {
     const double half = captures / 2.0;
     const double bytes = (static_cast<double>(after.bytes) - static_cast<double>(before.bytes)) / half;
     const double blocks = static_cast<double>(after.resources.blocks - before.resources.blocks) / half;
-    std::printf("in the second half, a capture: %.1f bytes, %.3f blocks\n", bytes, blocks);
     const bool grows = bytes > 32.0 || blocks > 0.5 || after.resources.descriptors > before.resources.descriptors + 2 ||
                        after.resources.threads > before.resources.threads + 4;
-    if (grows) std::printf("grows\n");
+    std::printf("in the second half, a capture: %.1f bytes, %.3f blocks%s\n", bytes, blocks, grows ? ": grows" : "");
     return grows ? 1 : 0;
 }

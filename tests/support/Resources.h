@@ -1,8 +1,7 @@
 // What the process holds of the system.
 #pragma once
 
-#include <cstddef>
-#include <filesystem>
+#include "support/TemporaryDirectory.h"
 
 namespace selvio::test {
 
@@ -16,13 +15,7 @@ struct Resources {
     /// allocator keep for themselves shows in bytes, but not here.
     long blocks = 0;
 
-    static Resources now() {
-        const auto entries = [](const char* directory) {
-            return static_cast<std::size_t>(
-                std::distance(std::filesystem::directory_iterator(directory), std::filesystem::directory_iterator()));
-        };
-        return {entries("/proc/self/task"), entries("/proc/self/fd"), allocatedBlocks()};
-    }
+    static Resources now() { return {entriesIn("/proc/self/task"), entriesIn("/proc/self/fd"), allocatedBlocks()}; }
 };
 
 }  // namespace selvio::test

@@ -20,8 +20,7 @@ inline std::string contentOf(const std::filesystem::path& path) {
 /// How many files and directories stand in a directory; 0 where there is none.
 inline std::size_t entriesIn(const std::filesystem::path& directory) {
     std::error_code none;
-    return static_cast<std::size_t>(
-        std::distance(std::filesystem::directory_iterator(directory, none), std::filesystem::directory_iterator()));
+    return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(directory, none), {}));
 }
 
 /// A directory of its own, removed with all that is in it.
