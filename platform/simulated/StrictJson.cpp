@@ -147,7 +147,8 @@ void ObjectReader::finish() const {
         if (taken_.contains(name)) continue;
         std::string known;
         for (const std::string& field : taken_) known += (known.empty() ? "" : ", ") + field;
-        fail(name, "is not a known field; known are " + known);
+        const std::string quoted = json(name).dump();  // escapes what would break the message's line
+        fail(quoted.substr(1, quoted.size() - 2), "is not a known field; known are " + known);
     }
 }
 
