@@ -108,6 +108,21 @@ TEST(Session, IsCancelledAtAnyMomentOfItsStart) {
     EXPECT_GT(startedWriting, 0) << "the steps reach as far as a recording that has begun";
 }
 
+TEST(Session, SaysWhyThereIsNoCamera) {
+    for (const auto& [refused, reason] :
+         {std::pair("access", "no access to the camera"), std::pair("camera device", "the camera could not be opened"),
+          std::pair("run", "the camera could not be started")}) {
+        Rig rig(false);
+        rig.capture->refused = {refused};
+        if (!rig.capture->allows("access")) rig.capture->authorization = AuthorizationStatus::Denied;
+        rig.session->begin();
+        testing::internal::CaptureStderr();
+        rig.run();
+        EXPECT_THAT(testing::internal::GetCapturedStderr(), testing::HasSubstr(reason));
+        EXPECT_EQ(std::pair(rig.session->exitCode(), rig.ended), std::pair(ExitCode::NoCamera, 1));
+    }
+}
+
 TEST(Session, MarksWhatItReportsOnlyWhileItRecords) {
     for (const bool record : {false, true}) {
         Rig rig(record);

@@ -21,8 +21,8 @@ class FakeAssetWriter;
 struct FakeCaptureScript {
     CallLog calls;
     /// To be found: "camera device", "microphone device"; opened: "camera input", "microphone input"; "lock"; to join
-    /// the session: "camera", "microphone", "video", "audio", "metadata", or a preset; "writer"; to join that: "video
-    /// track", "audio track"; "samples".
+    /// the session: "camera", "microphone", "video", "audio", "metadata", or a preset; "run"; "writer"; to join that:
+    /// "video track", "audio track"; "samples".
     std::set<std::string> refused;
     bool torch = false, focusSupported = true;
     std::atomic<bool> finishesAtOnce{false};  ///< each writer
@@ -150,7 +150,7 @@ public:
     bool isRunning() const override { return running_; }
     void startRunning() override {
         script_->calls.add("run");
-        running_ = true;
+        running_ = script_->allows("run");
     }
     void stopRunning() override {
         sayGuarded("stop");
