@@ -1,3 +1,4 @@
+#include <SelvioFacialCapture/base/CallGate.h>
 #include <SelvioFacialCapture/base/ConcurrentQueue.h>
 #include <SelvioFacialCapture/base/Log.h>
 #include <SelvioFacialCapture/base/MainQueue.h>
@@ -47,6 +48,33 @@ TEST(Log, ASinkMayLogAndBeReplacedFromWithin) {
     EXPECT_EQ(lines,
               (std::vector<std::string>{"second: logged by the sink", "first: one", "second: to the one before"}));
     EXPECT_FALSE(setLogSink(before));
+}
+
+TEST(CallGate, LetsNothingThroughOnceItIsClosedAndWaitsForWhatRuns) {
+    CallGate gate;
+    std::promise<void> begun;
+    std::atomic<bool> ended{false};
+    std::thread other([&] {
+        gate.pass([&] {
+            begun.set_value();
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            ended = true;
+        });
+    });
+    begun.get_future().wait();
+    EXPECT_FALSE(gate.isInside()) << "another thread is";
+    gate.close();
+    EXPECT_TRUE(ended);
+    other.join();
+    gate.pass([] { ADD_FAILURE() << "it is closed"; });
+
+    CallGate own;
+    bool inside = false;
+    own.pass([&] {
+        own.close();  // does not wait for itself
+        inside = own.isInside();
+    });
+    EXPECT_TRUE(inside);
 }
 
 TEST(MemberMutex, WhatIsReplacedEndsOutsideOfTheLock) {
