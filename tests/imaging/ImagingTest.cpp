@@ -97,7 +97,10 @@ TEST(ImageUtilities, rotateMovesEverySampleOfEveryPlaneToItsPlace) {
 
 TEST(ImageUtilities, sampleImagesShareThePixelsAndFollowTheDeviceTable) {
     const Picture picture = distinctPicture(4, 4, kPixelFormat420v);
-    const auto sample = SampleBuffer::makeVideo(picture);
+    const SampleTiming timing{std::chrono::seconds(1), std::chrono::seconds(2)};
+    const auto sample = SampleBuffer::makeVideo(picture, timing);
+    EXPECT_EQ(sample->timing(), timing);
+    EXPECT_EQ(SampleBuffer::makeAudio({}, timing)->timing(), timing);
     using enum ImageOrientation;
     std::int64_t device = 0;
     for (const auto orientation : {Up, Right, Right, Up, Down, Right, Right}) {

@@ -47,10 +47,16 @@ TEST(Results, LookUpsCoverTheirTablesAndNothingElse) {
 
 TEST(Results, KeepEachValueInItsPlaceAndCopyAllButTheSelection) {
     Results results;
-    using Points = std::vector<selvio::Point>;
-    results.setFaceContourPoints(Points{{1, 0}});
-    results.setNosePoints(Points{{2, 0}});
-    results.setOuterLipsPoints(Points{{3, 0}});
+    using Points = Results::Points;
+    const std::pair<void (Results::*)(Points), Points (Results::*)() const> parts[] = {
+        {&Results::setFaceContourPoints, &Results::faceContourPoints},
+        {&Results::setNoseCrestPoints, &Results::noseCrestPoints},
+        {&Results::setNosePoints, &Results::nosePoints},
+        {&Results::setLeftEyePoints, &Results::leftEyePoints},
+        {&Results::setRightEyePoints, &Results::rightEyePoints},
+        {&Results::setInnerLipsPoints, &Results::innerLipsPoints},
+        {&Results::setOuterLipsPoints, &Results::outerLipsPoints}};
+    for (double x = 0; const auto& [set, get] : parts) (results.*set)(std::vector{selvio::Point{x++, 0}});
     results.setSelectedImage(selvio::Image{});
     results.setEncodedSelectedImage("image");
     results.setObixDataString("record");
@@ -69,10 +75,10 @@ TEST(Results, KeepEachValueInItsPlaceAndCopyAllButTheSelection) {
     EXPECT_EQ(selection(results), std::tuple(true, "image", "record", SelvioFacialCaptureResultCodeCancelled));
     EXPECT_EQ(selection(*copy), std::tuple(false, std::nullopt, std::nullopt, SelvioFacialCaptureResultCodeNone));
     for (const Results* same : std::initializer_list<const Results*>{&results, copy.get()}) {
-        EXPECT_EQ(std::tuple(same->faceContourPoints(), same->nosePoints(), same->outerLipsPoints(), same->faceRect(),
-                             same->orderedStatuses(), same->highestPriorityStatus()),
-                  std::tuple(Points{{1, 0}}, Points{{2, 0}}, Points{{3, 0}}, selvio::Rect{1, 2, 3, 4}, statuses,
-                             SelvioFacialCaptureStatusTooDark));
+        EXPECT_EQ(std::tuple(same->faceRect(), same->orderedStatuses(), same->highestPriorityStatus()),
+                  std::tuple(selvio::Rect{1, 2, 3, 4}, statuses, SelvioFacialCaptureStatusTooDark));
+        for (double x = 0; const auto& [set, get] : parts)
+            EXPECT_EQ((same->*get)(), Points(std::vector{selvio::Point{x++, 0}}));
     }
     for (const Results::Statuses& none : {Results::Statuses(std::in_place), Results::Statuses()}) {
         results.setOrderedStatuses(none);
