@@ -397,12 +397,13 @@ public:
         });
         smiles->setAnswer([this](const Image& image, bool smile) {
             insist("smile test", markOf(image.bitmap));
-            const auto count = static_cast<std::size_t>(world.smilingFaces + world.otherFaces);
+            const auto count =
+                static_cast<std::size_t>(world.smilingFaces) + static_cast<std::size_t>(world.otherFaces);
             return std::vector(count, FaceFeature{.bounds = {}, .hasSmile = smile && world.smilingFaces > 0});
         });
         sink_ = setLogSink([this](std::string_view line) { say(std::string(line)); });
     }
-    ~RealCapture() {
+    ~RealCapture() override {
         setLogSink(sink_);
         SelvioFacialCaptureUxpEventManager::setSharedClock(nullptr);
         SelvioFacialCaptureUxpEventManager::destroySharedInstance();

@@ -52,7 +52,7 @@ TEST(FaceChecks, EveryFaceIsMeasuredAndJudgedByItsPoints) {
             if (odd && oneIn(6)) return any({0.0, -50.0, 1e300, 1e-300, std::numeric_limits<double>::infinity()});
             return from + 10.0 * below((to - from) / 10 + 1);
         };
-        const auto points = [&](std::size_t size, std::map<std::size_t, Point> known) {
+        const auto points = [&](std::size_t size, const std::map<std::size_t, Point>& known) {
             std::vector<Point> all(odd && oneIn(4) ? static_cast<std::size_t>(below(20)) : size, Point{333, 444});
             for (const auto& [index, point] : known)
                 if (index < all.size()) all[index] = point;

@@ -147,7 +147,7 @@ TEST_F(Codec, everyKindOfPictureIsReadAndEveryJpegEncodedAnew) {
     const struct {
         const char* name;
         std::string options;
-        std::string sampling = "";  ///< of the JPEG encoded anew
+        std::string sampling{};  ///< of the JPEG encoded anew
         Quarters picture = kQuarters;
         std::string drawing = "xc:red xc:lime +append ) ( xc:blue xc:white";
     } table[] = {

@@ -150,7 +150,7 @@ TEST_F(AssetWriterTest, BitRateAndKeyFramesFollowTheFramesOwnRate) {
         make(settings);
         start();
         const nanoseconds duration(1'000'000'000 / rate);
-        for (std::size_t i = 0; i < static_cast<std::size_t>(kSeconds * rate); ++i)
+        for (std::size_t i = 0; i < std::size_t{kSeconds} * static_cast<std::size_t>(rate); ++i)
             ASSERT_TRUE(append(SampleBuffer::makeVideo(noisy[i % 30], {kStart + i * duration, duration})));
         ASSERT_EQ(finish(), AssetWriterStatus::Completed);
         EXPECT_NEAR(static_cast<double>(std::filesystem::file_size(file_)) * 8 / kSeconds, 1'500'000, 150'000);

@@ -67,8 +67,8 @@ struct Rig {
         const graphene_rect_t bounds{{0, 0}, {static_cast<float>(width), static_cast<float>(height)}};
         GdkTexture* const texture =
             gsk_renderer_render_texture(gtk_native_get_renderer(gtk_widget_get_native(widget)), node, &bounds);
-        pixels.resize(static_cast<std::size_t>(width * height));
-        gdk_texture_download(texture, pixels.data()->data(), static_cast<gsize>(4 * width));
+        pixels.resize(static_cast<std::size_t>(width) * static_cast<std::size_t>(height));
+        gdk_texture_download(texture, pixels.data()->data(), 4 * static_cast<gsize>(width));
         g_object_unref(texture);
         gsk_render_node_unref(node);
     }

@@ -61,7 +61,7 @@ std::shared_ptr<PixelBuffer> ramp(int width, int height, PixelFormat format) {
         std::uint8_t* const row = frame->data() + static_cast<std::size_t>(y) * frame->bytesPerRow();
         if (format == kPixelFormat420v) {
             row[x] = static_cast<std::uint8_t>(16 + 219 * across / 255);
-            frame->data(1)[static_cast<std::size_t>(y / 2) * frame->bytesPerRow(1) + (x | 1)] =
+            frame->data(1)[static_cast<std::size_t>(y / 2) * frame->bytesPerRow(1) + static_cast<std::size_t>(x | 1)] =
                 2 * x < width ? 166 : 90;
         } else {
             const int last = format == kPixelFormat32ARGB ? 3 : 0;

@@ -33,7 +33,7 @@ echo $? > "$OUT/code"
 
 TEST(PipeWireSession, ACaptureEndsWithPhotographRecordAndRecording) {
     const TemporaryDirectory directory;
-    const std::filesystem::path out = directory.path(), recording = out / "x/recording.mp4";
+    const std::filesystem::path &out = directory.path(), recording = out / "x/recording.mp4";
     const auto person = sampleScene(oneFace(0.5, 0.46, 0.63))->frame({}, 720, 1280, kPixelFormat32BGRA);
     directory.write("person.jpg", LibjpegImageCodec().encodeJpeg({person}, 0.95).value());
     ::setenv("OUT", out.c_str(), 1);

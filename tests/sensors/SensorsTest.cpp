@@ -24,7 +24,8 @@ using Files = std::map<std::string, std::string>;
 class IioTree : public ::testing::Test {
 protected:
     void write(const std::string& device, const Files& files) {
-        for (const auto& [name, text] : files) directory_.write(device + "/" + name, text + "\n");
+        for (const auto& [name, text] : files)
+            directory_.write((std::filesystem::path(device) / name).string(), text + "\n");
     }
     const TemporaryDirectory directory_;
     const std::filesystem::path root_ = directory_.path();

@@ -12,7 +12,7 @@ TEST(V4l2Capture, IsFoundDeliversFramesThatMayBeHeldAndSetsTheFocus) {
     const auto system = makeGstCaptureSystem({.stallTimeout = milliseconds(1000)});
     const auto devices = system->discoverDevices({}, MediaType::Video, CaptureDevicePosition::Front)->devices;
     ASSERT_EQ(devices.size(), 1U);
-    const auto camera = devices.front();
+    const auto& camera = devices.front();
     EXPECT_EQ(camera->localizedName(), "Emulated Camera");
     EXPECT_EQ(camera->activeFormat(), (CaptureDeviceFormat{{kPixelFormat420v, 320, 240}, 30}));
     EXPECT_THAT(camera->formats(), Contains(CaptureDeviceFormat{{kPixelFormat32BGRA, 320, 240}, 30}));

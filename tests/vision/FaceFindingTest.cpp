@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <thread>
 
@@ -114,12 +115,12 @@ TEST(FaceFinding, FindsOneFaceOverSizesTiltsAndLight) {
 TEST(FaceFinding, GivesTheSamePointsForTheSameFrameWhateverElseGoesOn) {
     const auto buffer = frameOf(360, 640, oneFace(0.45, 0.5, 0.55));
     const auto alone = perform(*makeSequenceRequestHandler(), buffer).at(0).landmarks->faceContour->normalizedPoints;
-    std::vector<std::jthread> threads;
-    for (int i = 0; i < 3; ++i) {
-        threads.emplace_back([&, i] {
+    std::array<std::jthread, 3> threads;
+    for (std::size_t i = 0; i < threads.size(); ++i) {
+        threads[i] = std::jthread([&, i] {
             const auto handler = makeSequenceRequestHandler();
             for (int frame = 0; frame < 10; ++frame) {
-                const auto other = oneFace(0.3 + 0.1 * i, 0.5, 0.55, 5 * frame);
+                const auto other = oneFace(0.3 + 0.1 * static_cast<double>(i), 0.5, 0.55, 5 * frame);
                 (void)perform(*handler, frameOf(180, 320, other, kPixelFormat420v));
                 EXPECT_EQ(perform(*handler, buffer).at(0).landmarks->faceContour->normalizedPoints, alone);
             }

@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-typedef struct _GtkWidget GtkWidget;
+typedef struct _GtkWidget GtkWidget;  // NOLINT(bugprone-reserved-identifier): as GTK has it
 
 namespace selvio {
 
