@@ -191,12 +191,20 @@ Expected<std::shared_ptr<PixelBuffer>> decodedPixels(std::span<const std::uint8_
     auto picture = PixelBuffer::create(header.width, header.height, kPixelFormat32BGRA);
     if (!picture) return Error{"not enough memory for its pixels"};
     const bool cmyk = header.components == 4;
+    bool sameSize = true;
     const auto problem = problemDecoding([&](tjhandle turbo, int flags) {
+        // A damaged file can show the decoder another frame header than ours, or none; it then sets too few pixels.
+        int width = 0, height = 0, sampling = 0, colours = 0;
+        const bool failed =  // for a sampling without a name, too, but then it has told the size
+            tjDecompressHeader3(turbo, file.data(), file.size(), &width, &height, &sampling, &colours) != 0;
+        sameSize = std::pair(width, height) == std::pair(header.width, header.height) || (failed && width == 0);
+        if (!sameSize) return 0;
         return tjDecompress2(turbo, file.data(), file.size(), picture->data(), header.width,
                              static_cast<int>(picture->bytesPerRow()), header.height, cmyk ? TJPF_CMYK : TJPF_BGRA,
                              flags);
     });
     if (problem) return Error{*problem};
+    if (!sameSize) return Error{"not a sound JPEG: its size is not clear"};
     if (cmyk) bgraFromCmyk(*picture, header.hasAdobeMarker);
     return picture;
 }
