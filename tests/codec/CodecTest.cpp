@@ -220,6 +220,13 @@ TEST_F(Codec, badFilesAreNamedWithTheReasonInOneLine) {
     };
     for (const auto& [message, reason] : table)
         EXPECT_THAT(message, testing::AllOf(HasSubstr(reason), testing::Not(HasSubstr("\n"))));
+    // An end marker before the frame ends the picture, also one that looks like a segment behind bytes of no meaning.
+    for (const Bytes& end : {Bytes{0xFF, 0xD9, 0, 2}, Bytes{0, 0xFF, 0xD9, 0, 2}}) {
+        Bytes file = jpeg;
+        file.insert(file.begin() + 20, end.begin(), end.end());
+        EXPECT_THAT(errorOf(file), HasSubstr("it ends before its picture"));
+        EXPECT_FALSE(reencoded(file, {}));
+    }
     EXPECT_FALSE(codec.encodeJpeg({}, 1.0));
     EXPECT_EQ(codec.openSource(Bytes(jpeg.begin(), jpeg.begin() + 30)), nullptr);
     EXPECT_FALSE(reencoded(Bytes(jpeg.begin(), jpeg.end() - 10), {}));

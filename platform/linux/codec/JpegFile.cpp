@@ -191,20 +191,12 @@ Expected<std::shared_ptr<PixelBuffer>> decodedPixels(std::span<const std::uint8_
     auto picture = PixelBuffer::create(header.width, header.height, kPixelFormat32BGRA);
     if (!picture) return Error{"not enough memory for its pixels"};
     const bool cmyk = header.components == 4;
-    bool sameSize = true;
     const auto problem = problemDecoding([&](tjhandle turbo, int flags) {
-        // A damaged file can show the decoder another frame header than ours, or none; it then sets too few pixels.
-        int width = 0, height = 0, sampling = 0, colours = 0;
-        const bool failed =  // for a sampling without a name, too, but then it has told the size
-            tjDecompressHeader3(turbo, file.data(), file.size(), &width, &height, &sampling, &colours) != 0;
-        sameSize = std::pair(width, height) == std::pair(header.width, header.height) || (failed && width == 0);
-        if (!sameSize) return 0;
         return tjDecompress2(turbo, file.data(), file.size(), picture->data(), header.width,
                              static_cast<int>(picture->bytesPerRow()), header.height, cmyk ? TJPF_CMYK : TJPF_BGRA,
                              flags);
     });
     if (problem) return Error{*problem};
-    if (!sameSize) return Error{"not a sound JPEG: its size is not clear"};
     if (cmyk) bgraFromCmyk(*picture, header.hasAdobeMarker);
     return picture;
 }
@@ -212,6 +204,7 @@ Expected<std::shared_ptr<PixelBuffer>> decodedPixels(std::span<const std::uint8_
 }  // namespace
 
 std::optional<JpegHeader> readJpegHeader(std::span<const std::uint8_t> file) {
+    constexpr int kEndOfImage = 0xD9;
     constexpr int kStartOfScan = 0xDA;
     if (!startsWith(file, "\xFF\xD8")) return std::nullopt;
     JpegHeader header;
@@ -221,6 +214,7 @@ std::optional<JpegHeader> readJpegHeader(std::span<const std::uint8_t> file) {
         if (at + 3 > file.size()) return std::nullopt;
         const int marker = file[at++];
         if (marker <= 0x01 || (marker >= 0xD0 && marker <= 0xD7)) continue;  // has no content
+        if (marker == kEndOfImage) return std::nullopt;  // the decoder sees nothing behind it, and sets no pixels
         const auto length = static_cast<std::size_t>(bigEndianAt(file, at));
         if (length < 2 || at + length > file.size()) return std::nullopt;
         if (marker == kStartOfScan) return header;
