@@ -380,13 +380,7 @@ class View(ProgramTest):
         ("closed while it runs", False, "", "Results ctrl+w", RECORD),
         ("begun again, then cancelled", False, "", "Results r Cancelled - Results Escape", RECORD),
         ("by hand, paused between", False, "--mode manual", "Results p - p Results space Success Return", PHOTOGRAPH),
-        (
-            "no picture while it is paused",
-            False,
-            "--mode manual --accept",
-            "Results p - space - p Results Escape",
-            RECORD,
-        ),
+        ("gone on by the button, timed out", False, "--mode manual --accept --timeout 3", "Results p - space", RECORD),
         ("the display is gone", True, "", "Results gone", PHOTOGRAPH),
         ("the display is gone over the photograph", True, "", "Success gone", PHOTOGRAPH),
     )
