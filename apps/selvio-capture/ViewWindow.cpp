@@ -84,6 +84,8 @@ ViewWindow::ViewWindow(std::shared_ptr<GtkCaptureView> view, const RunOptions& o
             return static_cast<ViewWindow*>(self)->press(key) ? TRUE : FALSE;
         }),
         this, nullptr, GConnectFlags{});
+    // Before the button that has the focus: it would press itself a quarter of a second after the key.
+    gtk_event_controller_set_propagation_phase(keys, GTK_PHASE_CAPTURE);
     gtk_widget_add_controller(GTK_WIDGET(window_), keys);
 }
 
@@ -210,6 +212,7 @@ bool ViewWindow::press(unsigned key) {
             cancel();
             return true;
         case GDK_KEY_space:
+            if (!isManual() || stage_ != Stage::Capturing) return false;  // it presses the button that has the focus
             entered();
             return true;
         case GDK_KEY_p:
