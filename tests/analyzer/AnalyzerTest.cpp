@@ -58,7 +58,10 @@ TEST_F(Analyzer, IsNotMadeWithoutParametersOrQueues) {
         lacking.makeSerialQueue = makeSerialQueue;
         EXPECT_EQ(SelvioFacialCaptureAnalyzer::initWithParameters(parameters, lacking), nullptr);
     }
-    EXPECT_EQ(log.take().size(), 5U);
+    using ::testing::HasSubstr;
+    EXPECT_THAT(log.take(), ::testing::ElementsAre(HasSubstr("without parameters"), HasSubstr("without queues"),
+                                                   HasSubstr("without queues"), HasSubstr("without queues"),
+                                                   HasSubstr("without an analysis queue")));
 
     // Without the other ports it only keeps frames, and says so.
     Platform bare;
@@ -66,7 +69,12 @@ TEST_F(Analyzer, IsNotMadeWithoutParametersOrQueues) {
     bare.globalQueue = globalQueue;
     bare.makeSerialQueue = platform().makeSerialQueue;
     makeAnalyzer(bare);
-    EXPECT_EQ(log.take().size(), 8U);
+    std::vector<::testing::Matcher<std::string>> missing;
+    for (const char* port : {"screen", "makeSequenceRequestHandler", "makeFaceDetector", "imageCodec", "device",
+                             "makeMotionManager", "imageLoader"})
+        missing.push_back(HasSubstr(std::string("The platform has no ") + port));
+    missing.push_back(HasSubstr("let go of without stop"));  // the one before it
+    EXPECT_THAT(log.take(), ::testing::ElementsAreArray(missing));
     analyzer->resume();
     analyzer->analyzeImageAtPath("still.jpg");
     send();
@@ -95,7 +103,19 @@ TEST_F(Analyzer, SaysWhenCapturesMeetInTheEventLog) {
     EXPECT_THAT(log.take(), ::testing::IsEmpty()) << "one after another is as it should be";
 }
 
-TEST_F(Analyzer, LeavesOutAFrameOrARecordThatIsNull) {
+TEST_F(Analyzer, ShowsWhatItWasMadeOfAndLeavesOutAFrameOrARecordThatIsNull) {
+    EXPECT_EQ(motion->interval.load(), std::chrono::milliseconds(300));
+    EXPECT_EQ(std::tuple(analyzer->delegate(), analyzer->statusbarOrientation(), analyzer->isDepthDetected()),
+              std::tuple(delegate, InterfaceOrientation::Portrait, true));
+    analyzer->pause();
+    EXPECT_TRUE(analyzer->shouldSkipFrames());
+    analyzer->setResolution({10, 20});
+    EXPECT_EQ(analyzer->biggerPreviewSide(), 20);
+    device->setOrientation(DeviceOrientation::LandscapeLeft);
+    EXPECT_EQ(std::tuple(analyzer->exifOrientationForCurrentDeviceOrientation(),
+                         analyzer->exifOrientationForDeviceOrientation(DeviceOrientation::PortraitUpsideDown),
+                         analyzer->cgOrientationFrom(ImageOrientation::Left)),
+              std::tuple(4U, 7U, 8U));
     analyzer->analyzeSampleBuffer(nullptr);
     EXPECT_FALSE(analyzer->inProgress());
     const auto other = SelvioFacialCaptureObixData::init(platform());

@@ -94,9 +94,8 @@ protected:
     void insist(const auto&... question) {
         if (!ask(question...)) throw std::bad_alloc();
     }
-    /// The beginning of the line is enough to know it by.
     void say(const std::string& line) {
-        asked.push_back(line.substr(0, 20));
+        asked.push_back(line);
         reach("log line");
     }
     void hear(const std::string& method, const Results& object) {
@@ -235,7 +234,9 @@ private:
         setStatuses(results, {});
         if (geometry.resolution == Size{}) {
             geometry.setResolution(frame.size);
-            if (frame.size.width > frame.size.height) say("Frames of 18 x 10 pixels lie on their side");
+            if (frame.size.width > frame.size.height)
+                say("Frames of 18 x 10 pixels lie on their side: the checks read upright portrait frames, and no face "
+                    "will pass them");
         }
         exif = rules::exifOrientationFor(device->orientation());
         detect(exif, step);
@@ -244,17 +245,20 @@ private:
     void detect(std::uint32_t orientation, Step step) {
         const bool still = step.results == nullptr;
         if (!ask("request", step.mark, orientation, level >= 13 ? 3 : 2))
-            return say(still ? "A still image could not be analysed" : "A frame could not be analysed");
-        if (world.handlerError) return say("SequenceRequestHandler couldn't perform requests");
+            return say(std::string(still ? "A still image" : "A frame") + " could not be analysed: not enough memory");
+        if (world.handlerError) return say("SequenceRequestHandler couldn't perform requests: no model");
         if (!still) inProgress = false;
         if (step.run != run || selection || skip || smileTest) return;
         const auto found = world.faces;
         if (still) step.results = results = results->withoutSelection();
-        if (world.requestError) say("Detect face request error");
+        if (world.requestError) say("Detect face request error: blurred");
         const auto judged = rules::judgeFaces(found, geometry, rules::limitsOf(*parameters), holdStill);
         const auto& seen = found.empty() ? std::nullopt : found.front().landmarks;
         if (judged.face && !(seen && seen->nose) && !std::exchange(saidOddPoints, true))
-            say(seen ? "A face came with 17 points" : "A face came with 0 points");
+            say(std::string("A face came with ") +
+                (seen ? "17 points of its contour, 0 of the nose and 14"
+                      : "0 points of its contour, 0 of the nose and 0") +
+                " of the lips: the checks read 17 (or 11), 9 and 14 (or 10), and a missing point as one at zero");
         setStatuses(step.results, judged.statuses);
         if (judged.face) {
             face = judged.face->checked;
@@ -284,7 +288,7 @@ private:
     void testSmile(const Step& step) {
         if (!ask("smile test", step.mark)) {
             if (step.run == run) smileTest = false;
-            return say("A smile could not be judged");
+            return say("A smile could not be judged: not enough memory");
         }
         if (step.run != run) return;
         if (world.smilingFaces + world.otherFaces != 1) return void(smileTest = false);
@@ -359,7 +363,7 @@ private:
             const auto quality = static_cast<double>(parameters->imageQuality());
             step.results->setEncodedSelectedImage(record->addToImage(image, quality));
         } catch (const std::bad_alloc&) {
-            say("The selected image could not be encoded");
+            say("The selected image could not be encoded: not enough memory");
         }
         step.results->setObixDataString(record->obixDataString());
     }

@@ -89,17 +89,19 @@ TEST(FaceChecks, EveryFaceIsMeasuredAndJudgedByItsPoints) {
         const double pitch = std::fabs((chin.y - a.y) / (nose.y - chin.y));
         const double pitchLow = 1.2 - 0.0004 * static_cast<double>(500 - limits.pitch());
         const double pitchHigh = 2.3 + 0.0006 * static_cast<double>(500 - limits.pitch());
+        const double minFill = static_cast<double>(limits.minFill()) / 1000;
+        const double maxFill = static_cast<double>(limits.maxFill()) / 1000;
         const double fill = std::fabs(b.x - a.x) / ((tall ? 1.218 : 1.0) * small);
         const double vertical = larger(a.y, std::fabs(big - a.y));
-        const double margin = std::min(a.x / small, (small - b.x) / small);
+        const double margin = std::min(a.x / small, (small - b.x) / small), marginLimit = tall ? 0.0 : 0.11;
         std::vector<SelvioFacialCaptureStatus> statuses;
         for (const auto& [wrong, status] : {std::pair{roll > rollLimit, 3},
                                             {pitch < pitchLow || pitch > pitchHigh, 4},
                                             {roll <= rollLimit && yaw > yawLimit, 5},
-                                            {fill < static_cast<double>(limits.minFill()) / 1000, 6},
-                                            {fill > static_cast<double>(limits.maxFill()) / 1000, 7},
+                                            {fill < minFill, 6},
+                                            {fill > maxFill, 7},
                                             {vertical > 1.5, 8},
-                                            {margin < (tall ? 0.0 : 0.11), 8},
+                                            {margin < marginLimit, 8},
                                             {moving, 9}})
             if (wrong) statuses.push_back(static_cast<SelvioFacialCaptureStatus>(status));
 
@@ -108,8 +110,11 @@ TEST(FaceChecks, EveryFaceIsMeasuredAndJudgedByItsPoints) {
             std::tuple(is.statuses, is.noseMiddle, is.lipLeft, is.lipRight),
             std::tuple(statuses, nose, at(face.outerLips, newerLips ? 13 : 9), at(face.outerLips, newerLips ? 7 : 5)));
         const FaceMeasures& m = is.measures;
-        expectSame({m.rollRatio, m.yawRatio, m.pitchRatio, m.horizontalFill, m.verticalRatio, m.horizontalMargin},
-                   {roll, yaw, pitch, fill, vertical, margin});
+        expectSame(
+            {m.rollRatio, m.rollLimit, m.yawRatio, m.yawLimit, m.pitchRatio, m.pitchLow, m.pitchHigh, m.horizontalFill,
+             m.minFill, m.maxFill, m.verticalRatio, m.verticalLimit, m.horizontalMargin, m.marginLimit},
+            {roll, rollLimit, yaw, yawLimit, pitch, pitchLow, pitchHigh, fill, minFill, maxFill, vertical, 1.5, margin,
+             marginLimit});
         seen.insert(statuses.begin(), statuses.end());
         if (statuses.empty()) seen.insert(0);
     }
@@ -122,14 +127,25 @@ TEST(FaceChecks, AFrameIsJudgedByItsOneFaceOnTheScreen) {
     geometry.setResolution({1000, 1700});
     const auto good = ScreenFace{}.observation();
     const auto far = ScreenFace{.left = {350, 700}, .right = {650, 700}}.observation();
-    const std::tuple<std::vector<FaceObservation>, bool, std::vector<SelvioFacialCaptureStatus>> rows[] = {
+    std::tuple<std::vector<FaceObservation>, bool, std::vector<SelvioFacialCaptureStatus>> rows[] = {
         {{good}, false, {}},
         {{good}, true, {SelvioFacialCaptureStatusHoldStill}},
         {{far}, false, {SelvioFacialCaptureStatusMoveCloser}},
         {{}, true, {SelvioFacialCaptureStatusFaceNotFound}},
         {{good, good}, false, {SelvioFacialCaptureStatusMoreThanOneFace}}};
-    for (const auto& [faces, moving, statuses] : rows)
+    FakeSequenceRequestHandler handler;
+    const auto picture = PixelBuffer::create(1000, 1700, kPixelFormat32BGRA);
+    for (auto& [faces, moving, statuses] : rows) {
         EXPECT_EQ(judgeFaces(faces, geometry, {}, moving).statuses, statuses);
+        if (moving) continue;
+        if (statuses.empty()) statuses = {SelvioFacialCaptureStatusGoodFrame};
+        handler.setObservations(faces);
+        EXPECT_EQ(judgePicture(picture, handler, {}).value().statuses, statuses);
+    }
+    handler.setAnswer([](const auto&) { return Error{"no model"}; });
+    EXPECT_EQ(judgePicture(picture, handler, {}).error().localizedDescription, "no model");
+    handler.setAnswer([](const auto&) { return FaceLandmarksResult{{}, Error{"blurred"}}; });
+    EXPECT_EQ(judgePicture(picture, handler, {}).error().localizedDescription, "blurred");
 }
 
 TEST(PreviewGeometry, APointOfThePictureIsFoundOnTheScreenThatShowsItsMiddle) {

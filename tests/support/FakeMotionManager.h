@@ -4,6 +4,7 @@
 #include <SelvioFacialCapture/base/MemberMutex.h>
 #include <SelvioFacialCapture/platform/MotionManager.h>
 
+#include <atomic>
 #include <functional>
 #include <utility>
 
@@ -11,7 +12,7 @@ namespace selvio {
 
 class FakeMotionManager final : public MotionManager {
 public:
-    void setDeviceMotionUpdateInterval(std::chrono::nanoseconds) override {}
+    void setDeviceMotionUpdateInterval(std::chrono::nanoseconds value) override { interval = value; }
     void startDeviceMotionUpdates(std::shared_ptr<Queue>, Handler handler) override {
         mutex_.set(handler_, std::move(handler));
         duringCalls();
@@ -28,6 +29,7 @@ public:
     bool isRunning() const { return mutex_.get(handler_) != nullptr; }
 
     std::function<void()> duringCalls = [] {};
+    std::atomic<std::chrono::nanoseconds> interval{};
 
 private:
     mutable MemberMutex mutex_;
