@@ -43,10 +43,6 @@ int main(int argc, char** argv) {
                                                                   CaptureDevicePosition::Front,
                                                                   Rect{0, 0, screen.width, screen.height}, platform);
     camera->setAnalyzeRGBVideo(false);
-    const auto recording = std::make_shared<SelvioFacialCaptureCameraParameters>();
-    recording->setRecordVideo(false);
-    recording->setRecordAudio(false);
-    camera->setParameters(recording);
     const auto events = std::make_shared<SelvioFacialCaptureCameraDelegate>();
     events->didReceiveSampleBuffer = [&](const auto& frame) { analyzer->analyzeSampleBuffer(frame); };
     camera->setDelegate(events);

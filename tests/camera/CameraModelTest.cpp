@@ -145,7 +145,10 @@ struct Model {
         turnTorchOff();
         if (!running) return;
         const bool now = isWriting();
-        if (recordVideo) queues[kOutput].async([this, now] { now || isWriting() ? finish() : void(); });
+        const auto end = [this, now] {
+            if (now || isWriting()) finish();
+        };
+        if (recordVideo) queues[kOutput].async(end);
         say("stop");
         running = false;
     }
@@ -161,7 +164,9 @@ struct Model {
     }
     bool hasTorch() const { return hasDevice && script.torch; }
     bool turnTorchOn() {
-        const auto turn = [this] { alive&& hasDevice ? switchTorch(true) : void(); };
+        const auto turn = [this] {
+            if (alive && hasDevice) switchTorch(true);
+        };
         if (hasTorch()) queues[kMain].asyncAfter(std::chrono::milliseconds(100), turn);
         return hasTorch();
     }
@@ -357,7 +362,9 @@ private:
             [&] { setDelegate(); },
             [&] { camera.start(), start(); },
             [&] { camera.stop(), stop(); },
-            [&] { chance(5) ? camera.shutdown(), shutdown() : void(); },
+            [&] {
+                if (chance(5)) camera.shutdown(), shutdown();
+            },
             [&] { EXPECT_EQ(camera.turnTorchOn(), turnTorchOn()); },
             [&] { EXPECT_EQ(camera.turnTorchOff(), turnTorchOff()); },
             [&] { camera.updatePreviewLayer(static_cast<VideoOrientation>(to)), updatePreview(to); },

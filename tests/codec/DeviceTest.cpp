@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cmath>
 #include <fstream>
 #include <map>
 
@@ -33,6 +34,16 @@ TEST(LinuxDevice, tellsTheVersionOfTheSystemWithItsPointRelease) {
     const LinuxDevice device([] { return DeviceOrientation::LandscapeLeft; });
     EXPECT_EQ(device.orientation(), DeviceOrientation::LandscapeLeft);
     EXPECT_EQ(device.machineName() + "\n", test::outputOf("uname -m"));
+}
+
+TEST(LinuxScreen, takesPositiveSizesOnly) {
+    LogCapture log;
+    LinuxScreen screen;
+    EXPECT_EQ(screen.bounds(), LinuxScreen::kDefaultSize);
+    screen.setBounds({400, 720});
+    for (const Size size : {Size{0, 720}, Size{400, -1}, Size{NAN, 720}, Size{400, INFINITY}}) screen.setBounds(size);
+    EXPECT_EQ(screen.bounds(), (Size{400, 720}));
+    EXPECT_EQ(log.take().size(), 4U);
 }
 
 TEST(LinuxFileManager, documentsFollowTheEnvironmentAndArePrivate) {
