@@ -1,6 +1,7 @@
 // `check`: still images, judged by the same rules.
 #include "Batch.h"
 #include "Commands.h"
+#include "Record.h"
 #include "RunOutput.h"
 
 #include <SelvioFacialCapture/linux/LinuxPlatform.h>
@@ -79,8 +80,8 @@ std::string textOf(const std::string& path, const rules::FacesJudgement& verdict
     std::ostringstream text;
     auto words = keysOf(verdict.statuses);
     for (auto& word : words) word = textForKey(word, language).value_or(word);
-    text << path << ": " << verdict.count << (verdict.count == 1 ? " face: " : " faces: ") << joined(words, "; ")
-         << '\n';
+    text << printable(path) << ": " << verdict.count << (verdict.count == 1 ? " face: " : " faces: ")
+         << joined(words, "; ") << '\n';
     if (!verdict.face) return text.str();
     text << std::fixed << std::setprecision(3);
     for (const auto& row : rowsOf(verdict.face->checked.measures)) {
@@ -140,7 +141,7 @@ Answer answerFor(const FoundPicture& picture, const Judging& how, SequenceReques
             if (verdict) {
                 answer.text = textOf(picture.path, verdict.value(), how.language);
             } else {
-                answer.complaint = verdict.error().localizedDescription;
+                answer.complaint = printable(verdict.error().localizedDescription);
             }
             break;
         case Format::Json:

@@ -225,7 +225,7 @@ class Batches(ProgramTest):
             ("2.jpg", good, 1, [GOOD]),
             ("b/DAMAGED.JPEG", good[:3000], None, None),
             ("b/nobody.PNG", nobody, 0, [NOBODY]),
-            ('c, "c".jpg', good, 1, [GOOD]),
+            ('c, "c\x1b".jpg', good, 1, [GOOD]),
             ("d.jpeg", b"", None, None),
             ("far.jpg", far, 1, [FAR]),
             ("two.jpg", two, 2, [SEVERAL]),
@@ -260,6 +260,7 @@ class Batches(ProgramTest):
 
         people = self.program("check", self.folder / "all", self.folder / "gone.jpg", language="de_DE.UTF-8")
         self.assertRegex(people.stderr, r"(?s)DAMAGED.JPEG.*8 Bilder")
+        self.assertIn('c, "c?".jpg: 1 face: ', people.stdout)
         self.assertIn("far.jpg: 1 face: Kommen Sie näher\n", people.stdout)
         strict = self.program("check", "--json", "--min-fill", 750, "--max-fill", 850, self.expected[0][0])
         self.assertEqual((strict.returncode, json.loads(strict.stdout)["statuses"]), (0, [FAR]))
@@ -308,13 +309,13 @@ class Page(html.parser.HTMLParser):
 
 class References(ProgramTest):
     def test_what_a_record_says_stays_text(self):
-        hostile = "</td></style><script>alert(1)</script><img src=x onerror='a()'>&amp;\"\u202e\x00\x1b[2J"
+        hostile = "</td></style><script>alert(1)</script><img src=x onerror='a()'>&amp;\"\u202e\x00\x1b[2J\x9b2J"
         frames = [{code: [time]} for time in (1000, 1070, 1150) for code in ("FETC", "FENC")]
         odd = [{hostile: [2000, hostile]}, {"FS": ["x"]}, 5, {"C": [1500]}, {"IS": [-1e300]}]
         record = {"SelvioResultCode": hostile, hostile: hostile, "Parameters": {hostile: hostile, "Yaw": {"a": [1]}}}
         file = self.write("odd.json", json.dumps({**record, "UXP": [{"SA": [0]}, {"FENF": [500]}, *frames, *odd]}))
         page = Page(self.program("report", file, "-o", "-").stdout)
-        shown = hostile.replace("\x00", "?").replace("\x1b", "?")
+        shown = re.sub("[\x00\x1b\x9b]", "?", hostile)
         self.assertEqual((page.foreign, page.tags - page.ALLOWED), ([], set()))
         for row in (
             [shown, shown],
@@ -327,7 +328,7 @@ class References(ProgramTest):
         ):
             self.assertIn(row, page.rows)
         for each in file, self.write("7.json", '{"Parameters":7,"UXP":[{"FS":"x"}]}'):
-            self.assertRegex(self.program("show", each).stdout, r"^[^\x00\x1b]*Very good[^\x00\x1b]*$")
+            self.assertRegex(self.program("show", each).stdout, r"^[^\x00\x1b\x9b]*Very good[^\x00\x1b\x9b]*$")
 
     def test_manual_and_completions_name_what_help_names(self):
         self.assertRegex(self.program("--version").stdout, r"^selvio-capture \d+\.\d+\.\d+\n$")
