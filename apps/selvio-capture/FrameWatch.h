@@ -1,9 +1,10 @@
 // Notices when a camera has stopped delivering.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <optional>
+#include <utility>
 
 namespace selvio::app {
 
@@ -13,6 +14,8 @@ public:
     static constexpr std::chrono::seconds kLongestPause{2};
     /// Opening a camera takes longer than a frame.
     static constexpr std::chrono::seconds kLongestOpening{10};
+    /// Who looks more rarely was held up, stopped from its terminal for example, and the camera's frames with it.
+    static constexpr std::chrono::seconds kLongestLook{1};
 
     enum class State { Flowing, NeverCame, Stopped };
 
@@ -23,13 +26,18 @@ public:
         any_ = true;
     }
     [[nodiscard]] bool anyFrame() const { return any_; }
-    [[nodiscard]] State stateAt(std::chrono::nanoseconds now) const {
-        if (!any_) return now - start_ > kLongestOpening ? State::NeverCame : State::Flowing;
-        return now - std::chrono::nanoseconds(last_) > kLongestPause ? State::Stopped : State::Flowing;
+    /// Look several times a second.
+    [[nodiscard]] State stateAt(std::chrono::nanoseconds now) {
+        if (now - std::exchange(looked_, now) > kLongestLook) watchedFrom_ = now;
+        const auto waited = now - std::max(watchedFrom_, any_ ? std::chrono::nanoseconds(last_) : start_);
+        if (any_) return waited > kLongestPause ? State::Stopped : State::Flowing;
+        return waited > kLongestOpening ? State::NeverCame : State::Flowing;
     }
 
 private:
     const std::chrono::nanoseconds start_;
+    std::chrono::nanoseconds looked_ = std::chrono::nanoseconds::max();  // never
+    std::chrono::nanoseconds watchedFrom_{0};
     std::atomic<std::chrono::nanoseconds::rep> last_{0};
     std::atomic<bool> any_{false};
 };

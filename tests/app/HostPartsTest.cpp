@@ -92,13 +92,18 @@ TEST(Countdown, FollowsWhatIsReported) {
     EXPECT_EQ(after(10s), Calls()) << "the picture has been asked for";
 }
 
-TEST(FrameWatch, TellsASlowStartFromASilentCamera) {
+TEST(FrameWatch, TellsASlowStartFromASilentCameraAndBothFromAProcessThatWasHeldUp) {
+    using enum FrameWatch::State;
     FrameWatch watch(100s);
-    EXPECT_EQ(watch.stateAt(110s), FrameWatch::State::Flowing);
-    EXPECT_EQ(watch.stateAt(110s + 1ns), FrameWatch::State::NeverCame);
-    watch.noteFrame(111s);
-    EXPECT_EQ(watch.stateAt(113s), FrameWatch::State::Flowing);
-    EXPECT_EQ(watch.stateAt(113s + 1ns), FrameWatch::State::Stopped);
+    for (const auto time : {101s, 102s, 103s, 104s, 105s, 106s, 107s, 108s, 109s, 110s})
+        EXPECT_EQ(watch.stateAt(time), Flowing);
+    EXPECT_EQ(watch.stateAt(110s + 1ns), NeverCame);
+    watch.noteFrame(110s);
+    EXPECT_EQ(watch.stateAt(111s), Flowing);
+    EXPECT_EQ(watch.stateAt(112s), Flowing);
+    EXPECT_EQ(watch.stateAt(112s + 1ns), Stopped);
+    for (const auto time : {120s, 121s, 122s}) EXPECT_EQ(watch.stateAt(time), Flowing);
+    EXPECT_EQ(watch.stateAt(122s + 1ns), Stopped);
 }
 
 TEST(Texts, ExistForEveryKeyInBothLanguagesAsTheGuideListsThem) {
