@@ -1,5 +1,6 @@
 // `devices`: what there is to capture with.
 #include "Commands.h"
+#include "Record.h"
 #include "RunOutput.h"
 #include "Source.h"
 #include "Texts.h"
@@ -71,7 +72,7 @@ nlohmann::ordered_json jsonOf(const Listed& entry) {
 void printText(const Listed& entry) {
     const auto& device = *entry.device;
     const bool camera = device.mediaType() == MediaType::Video;
-    std::cout << (camera ? "camera      " : "microphone  ") << device.localizedName();
+    std::cout << (camera ? "camera      " : "microphone  ") << printable(device.localizedName());
     if (!entry.source.empty()) std::cout << "  (--source '" << entry.source << "')";
     std::cout << '\n';
     for (const auto& format : device.formats()) {

@@ -330,6 +330,14 @@ class References(ProgramTest):
         for each in file, self.write("7.json", '{"Parameters":7,"UXP":[{"FS":"x"}]}'):
             self.assertRegex(self.program("show", each).stdout, r"^[^\x00\x1b\x9b]*Very good[^\x00\x1b\x9b]*$")
 
+    def test_the_devices_that_there_are_are_listed(self):
+        listed = [json.loads(line) for line in self.program("devices", "--json").stdout.splitlines()]
+        front = next(device for device in listed if device.get("source") == "simulated")
+        self.assertEqual((front["kind"], front["position"]), ("camera", "front"))
+        shown = self.program("devices").stdout
+        self.assertIn(f"camera      {front['name']}  (--source 'simulated')\n    420v ", shown)
+        self.assertIn("at up to 30 frames a second\nmicrophone  ", shown)
+
     def test_manual_and_completions_name_what_help_names(self):
         self.assertRegex(self.program("--version").stdout, r"^selvio-capture \d+\.\d+\.\d+\n$")
         manual, script = (self.program("reference", what).stdout for what in ("man", "bash"))

@@ -210,6 +210,13 @@ std::pair<std::string, Rect> cardWith(int module, bool turned) {
     return {levels, {1.0 * left, 1.0 * top, 1.0 * width, 1.0 * height}};
 }
 
+TEST(Barcode, IsWhereAPersonSeesItOnAMirroredView) {
+    const auto view = makeGstView();
+    view->setFrame({0, 0, 200, 100});
+    EXPECT_EQ(view->layer()->transformedMetadataObject({"PDF417", "text", {0.125, 0.25, 0.5, 0.5}}).bounds,
+              (Rect{75, 25, 100, 50}));
+}
+
 TEST(Barcode, ReadsPdf417CodesWhileFramesKeepArriving) {
     const TemporaryDirectory directory;
     for (const bool portrait : {false, true}) {

@@ -155,6 +155,13 @@ TEST(SimulatedPlatform, ItsDetectorSaysWhatTheScriptSays) {
             smiles.push_back(face.hasSmile);
     }
     EXPECT_THAT(smiles, ElementsAre(false, true)) << "and at last nobody";
+    rig.system->scene()->restart();
+    EXPECT_EQ(detector->featuresInImage({.bitmap = PixelBuffer::create(72, 128, kPixelFormat32BGRA)}, true).size(), 1U);
+
+    const auto view = rig.platform.makeView();
+    view->setFrame({0, 0, 200, 100});
+    EXPECT_EQ(view->layer()->transformedMetadataObject({"PDF417", "text", {0.125, 0.25, 0.5, 0.5}}).bounds,
+              (Rect{25, 25, 100, 50}));
 }
 
 }  // namespace
