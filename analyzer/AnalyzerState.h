@@ -125,6 +125,8 @@ struct SelvioFacialCaptureAnalyzer::State : std::enable_shared_from_this<State> 
     /// `cancel`'s own.
     [[nodiscard]] Run runOfNewFrame() const;
     [[nodiscard]] bool isCurrent(Run run) { return mutex.get(currentRun) == run; }
+    /// Ends the run and returns the next one. The mutex is held.
+    Run beginRun();
     /// Begins a selection, and with it a new run, unless the run has ended or a selection is in progress already.
     [[nodiscard]] std::optional<Run> beginSelection(Run run);
     /// Calls what the delegate implements, unless the run has ended.

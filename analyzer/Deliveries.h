@@ -7,12 +7,8 @@
 
 namespace selvio {
 
-enum class DeliveryKind {
-    Report,              ///< what a frame's statuses are: only the newest waits
-    Countdown,           ///< the countdown's announcement: only the newest waits
-    AutomaticSelection,  ///< only the first of a run waits
-    Once,                ///< each waits
-};
+/// Of the deliveries of one run by one step, which ones wait.
+enum class DeliveryKind { Newest, First, Each };
 
 /// An ordered list of steps that does not grow with the frames when the main queue is late. Guarded by its owner.
 template <typename Frame, typename Step>
@@ -24,18 +20,22 @@ public:
         Frame frame;
     };
 
-    /// Returns true if the list is longer than before: a block must be submitted that takes one step from it.
-    bool add(Delivery delivery) {
+    /// Returns true if the list is longer than before: a block must be submitted that takes one step from it. A
+    /// delivery that gives way is moved to `replaced`, for its frame to be destroyed outside of the owner's lock.
+    bool add(Delivery delivery, std::list<Delivery>& replaced) {
         const auto same = std::find_if(waiting_.begin(), waiting_.end(), [&](const Delivery& other) {
-            return other.kind == delivery.kind &&
-                   (delivery.kind == DeliveryKind::Report || delivery.kind == DeliveryKind::Countdown ||
-                    (delivery.kind == DeliveryKind::AutomaticSelection && other.frame.run == delivery.frame.run));
+            return delivery.kind != DeliveryKind::Each && other.step == delivery.step &&
+                   other.frame.run == delivery.frame.run;
         });
         const bool found = same != waiting_.end();
-        if (found && delivery.kind == DeliveryKind::AutomaticSelection) return false;
-        if (found) waiting_.erase(same);
+        if (found && delivery.kind == DeliveryKind::First) return false;
+        if (found) replaced.splice(replaced.end(), waiting_, same);
         waiting_.push_back(std::move(delivery));
         return !found;
+    }
+
+    [[nodiscard]] bool contains(Step step) const {
+        return std::any_of(waiting_.begin(), waiting_.end(), [&](const Delivery& each) { return each.step == step; });
     }
 
     /// A list of one, or of none.

@@ -9,9 +9,10 @@ using namespace selvio;
 using Analyzer = SelvioFacialCaptureAnalyzer;
 
 void Analyzer::State::deliver(DeliveryKind kind, Step step, const Frame& frame) {
+    std::list<Deliveries<Frame, Step>::Delivery> replaced;  // outlives the lock
     {
         const std::lock_guard lock(mutex);
-        if (!deliveries.add({.kind = kind, .step = step, .frame = frame})) return;
+        if (!deliveries.add({.kind = kind, .step = step, .frame = frame}, replaced)) return;
     }
     const auto runFirst = [weak = weak_from_this()] {
         const auto self = weak.lock();
@@ -113,10 +114,12 @@ void Analyzer::State::logStatuses(const Statuses& statuses, Run run) {
     for (const SelvioFacialCaptureStatus status : statuses) logEvent(rules::eventFor(status), run);
 }
 
-// Holding the work back from `stop` keeps events of this capture out of the next one's log.
+// Holding back `stop` keeps events of this capture out of the next one's log. From inside a delegate call it does not
+// wait: hence the log is asked for before, and what comes late goes into the old one.
 void Analyzer::State::logEvent(SelvioFacialCaptureUxpEvent event, std::optional<Run> run) {
-    if (const auto logging = UnderWay::begin(*this, run))
-        SelvioFacialCaptureUxpEventManager::sharedInstance()->addEvent(event);
+    if (run ? !isCurrent(*run) : ended.load()) return;
+    const auto events = SelvioFacialCaptureUxpEventManager::sharedInstance();
+    if (const auto logging = UnderWay::begin(*this, run)) events->addEvent(event);
 }
 
 std::optional<nlohmann::json> Analyzer::State::loggedEvents(Run run) {

@@ -16,10 +16,11 @@ class FrameHistory {
 public:
     /// Appends an image and then removes the oldest ones until no more than `limit` are left.
     void append(Image image, std::size_t limit) {
+        std::vector<Image> dropped;  // outlives the lock: the pixels may be a host's, and their end its own code
         const std::lock_guard lock(mutex_);
         if (closed_) return;
         images_.push_back(std::move(image));
-        while (images_.size() > limit) images_.pop_front();
+        for (; images_.size() > limit; images_.pop_front()) dropped.push_back(std::move(images_.front()));
     }
 
     [[nodiscard]] std::optional<Image> oldest() const {
@@ -39,9 +40,10 @@ public:
 
     /// Drops all images and takes no more.
     void close() {
+        std::deque<Image> dropped;  // outlives the lock
         const std::lock_guard lock(mutex_);
         closed_ = true;
-        images_.clear();
+        images_.swap(dropped);
     }
 
 private:

@@ -59,7 +59,7 @@ void Analyzer::State::reportBadFrame(const Frame& frame, const Statuses& statuse
         smileStatus = 0;
         shouldStartCountdown = true;
     }
-    deliver(DeliveryKind::Report, report, frame);
+    deliver(DeliveryKind::Newest, report, frame);
 }
 
 void Analyzer::State::gateGoodFrame(const Frame& frame) {
@@ -89,11 +89,11 @@ void Analyzer::State::gateGoodFrame(const Frame& frame) {
                 if (const auto self = weak.lock()) self->testSmile(frame);
             });
         case rules::GoodFrameDecision::SelectAutomatically:
-            return deliver(DeliveryKind::AutomaticSelection, &State::selectAutomatically, frame);
+            return deliver(DeliveryKind::First, &State::selectAutomatically, frame);
         case rules::GoodFrameDecision::AnnounceCountdown:
-            return deliver(DeliveryKind::Countdown, &State::deliverCountdown, frame);
+            return deliver(DeliveryKind::Newest, &State::deliverCountdown, frame);
         case rules::GoodFrameDecision::ReportCountdown:
-            return deliver(DeliveryKind::Report, &State::deliverCountdownStatus, frame);
+            return deliver(DeliveryKind::Newest, &State::deliverCountdownStatus, frame);
     }
 }
 
@@ -126,7 +126,7 @@ auto Analyzer::State::judgeSmile(const Frame& frame, bool smiling) -> std::optio
     frame.results->setOrderedStatuses(statuses);
     logStatuses(statuses, frame.run);
     if (judgement.selection == rules::SmileSelection::None) {
-        deliver(DeliveryKind::Report, &State::deliverReportOrSelect, frame);
+        deliver(DeliveryKind::Newest, &State::deliverReportOrSelect, frame);
         return frame.run;
     }
     const std::optional<Run> selecting = beginSelection(frame.run);
@@ -135,6 +135,6 @@ auto Analyzer::State::judgeSmile(const Frame& frame, bool smiling) -> std::optio
     const Frame selected{
         .run = *selecting, .results = frame.results, .image = first ? history.oldest() : history.newest()};
     if (closeCapture(selected, SelvioFacialCaptureResultCodeSuccessVideo))
-        deliver(DeliveryKind::Once, &State::deliverSuccess, selected);
+        deliver(DeliveryKind::Each, &State::deliverSuccess, selected);
     return selecting;
 }

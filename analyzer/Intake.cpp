@@ -55,7 +55,7 @@ void Analyzer::State::analyzeHeldFrame(HeldFrame& held) {
             frame.run = *selecting;
             frame.results = replaceResultsByCopy(*selecting);
             if (!frame.results) return;
-            return deliver(DeliveryKind::Once, &State::deliverManually, frame);
+            return deliver(DeliveryKind::Each, &State::deliverManually, frame);
         }
     }
     if (!canAnalyze() || gateFlags().anySet() || manualOnly) return;
@@ -63,10 +63,11 @@ void Analyzer::State::analyzeHeldFrame(HeldFrame& held) {
     frame.results = std::make_shared<SelvioFacialCaptureResults>();
     frame.results->setOrderedStatuses(Statuses());
     bool landscape = false;
+    Results replaced = frame.results;  // outlives the lock
     {
         const std::lock_guard lock(mutex);
         if (currentRun != frame.run) return;
-        results = frame.results;
+        results.swap(replaced);
         if (geometry.resolution == Size{}) {
             geometry.setResolution({.width = static_cast<double>(pixelBuffer->width()),
                                     .height = static_cast<double>(pixelBuffer->height())});
@@ -83,8 +84,11 @@ void Analyzer::State::analyzeHeldFrame(HeldFrame& held) {
 
 // The newest results, in an object that no delegate has been given.
 auto Analyzer::State::replaceResultsByCopy(Run run) -> Results {
+    Results replaced;  // outlives the lock
     const std::lock_guard lock(mutex);
-    return currentRun == run && results ? results = results->withoutSelection() : nullptr;
+    if (currentRun != run || !results) return nullptr;
+    replaced = std::exchange(results, results->withoutSelection());
+    return results;
 }
 
 void Analyzer::State::analyzeImageAtPath(const std::string& path) {

@@ -91,8 +91,11 @@ void Analyzer::State::setDelegate(std::weak_ptr<Delegate> host) {
 }
 
 void Analyzer::State::pauseFor(std::int64_t reason) {
-    shouldSkipFrames = true;
-    shouldStartCountdown = true;
+    {
+        const std::lock_guard lock(mutex);  // not in the middle of a decision
+        shouldSkipFrames = true;
+        shouldStartCountdown = true;
+    }
     // Reasons 3 and 4 cross over.
     switch (reason) {
         case 1:
@@ -120,7 +123,7 @@ void Analyzer::State::resume() {
     {
         const std::lock_guard lock(mutex);
         if (ended) return;
-        ++currentRun;
+        beginRun();
         others = !usesEventLog.exchange(true) && capturesRunning++ > 0;
         shouldSkipFrames = false;
         smileDetectionInProgress = false;
@@ -140,13 +143,14 @@ void Analyzer::State::resume() {
 // something else has been asked for meanwhile.
 void Analyzer::State::setMotionUpdates(bool running) {
     std::optional<UnderWay> changing;
+    std::shared_ptr<MotionManager> manager;  // outlives the lock
     std::unique_lock lock(mutex);
     motionRunning = running && !ended;
     ++motionAsked;
     if (motionChanging || !motionManager) return;
     motionChanging = true;
     changing.emplace(*this);
-    const auto manager = motionManager;
+    manager = motionManager;
     for (std::uint64_t carriedOut = 0; carriedOut != motionAsked;) {
         carriedOut = motionAsked;
         const bool start = motionRunning;
@@ -163,7 +167,7 @@ void Analyzer::State::setMotionUpdates(bool running) {
         lock.lock();
     }
     motionChanging = false;
-    if (ended && !motionRunning) motionManager = nullptr;  // `manager` outlives the lock
+    if (ended && !motionRunning) motionManager = nullptr;
 }
 
 void Analyzer::State::endRuns() {
@@ -270,6 +274,12 @@ auto Analyzer::State::beginSelection(Run run) -> std::optional<Run> {
     const std::lock_guard lock(mutex);
     if (currentRun != run || selectionInProgress) return std::nullopt;
     selectionInProgress = true;
+    return beginRun();
+}
+
+// An announcement that still waits will not be made: the next good frame makes it again.
+auto Analyzer::State::beginRun() -> Run {
+    if (deliveries.contains(&State::deliverCountdown)) shouldStartCountdown = true;
     return ++currentRun;
 }
 
@@ -302,31 +312,23 @@ Analyzer::~SelvioFacialCaptureAnalyzer() {
 }
 
 // clang-format off
-void Analyzer::setDelegate(std::weak_ptr<SelvioFacialCaptureAnalyzerDelegate> delegate) { state_->setDelegate(std::move(delegate)); }
-void Analyzer::pause() { state_->pauseFor(0); }
-void Analyzer::pauseFor(std::int64_t reason) { state_->pauseFor(reason); }
-void Analyzer::resume() { state_->resume(); }
+// The host may release the analyzer when it is told or asked something.
+void Analyzer::setDelegate(std::weak_ptr<SelvioFacialCaptureAnalyzerDelegate> delegate) { std::shared_ptr(state_)->setDelegate(std::move(delegate)); }
+void Analyzer::pause() { pauseFor(0); }
+void Analyzer::pauseFor(std::int64_t reason) { std::shared_ptr(state_)->pauseFor(reason); }
+void Analyzer::resume() { std::shared_ptr(state_)->resume(); }
+void Analyzer::stop() { std::shared_ptr(state_)->stop(); }
+void Analyzer::cancel() { std::shared_ptr(state_)->cancel(); }
 void Analyzer::selectFrame() { state_->shouldSelectCurrentFrame = true; }
-void Analyzer::analyzeSampleBuffer(const std::shared_ptr<SampleBuffer>& sampleBuffer) { state_->analyzeSampleBuffer(sampleBuffer); }
+void Analyzer::analyzeSampleBuffer(const std::shared_ptr<SampleBuffer>& sampleBuffer) { std::shared_ptr(state_)->analyzeSampleBuffer(sampleBuffer); }
 // clang-format on
 
 void Analyzer::analyzeImageAtPath(const std::string& path) {
-    withoutThrowing("A still image could not be analysed", [&] { state_->analyzeImageAtPath(path); });
+    withoutThrowing("A still image could not be analysed", [&] { std::shared_ptr(state_)->analyzeImageAtPath(path); });
 }
 
 void Analyzer::updateMode(std::int64_t mode) {
     if (const auto current = parameters()) current->setMode(mode);
-}
-
-// The host may release the analyzer when it is told.
-void Analyzer::stop() {
-    const auto state = state_;
-    state->stop();
-}
-
-void Analyzer::cancel() {
-    const auto state = state_;
-    state->cancel();
 }
 
 std::shared_ptr<SelvioFacialCaptureAnalyzerDelegate> Analyzer::delegate() const {

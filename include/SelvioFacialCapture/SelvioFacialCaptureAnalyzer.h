@@ -41,7 +41,8 @@
 /// A frame's outcome belongs to that frame: the delegate is given that frame's statuses and picture, however late the
 /// main queue is, in a results object that is never written again. A selection, `resume`, `stop` and `cancel` end what
 /// was begun before them: no delegate call for an earlier frame follows. Of the reports that wait for a late main queue
-/// only the newest is delivered, and so of the countdown's announcements.
+/// only the newest of each kind (no face or several, a face, the countdown) is delivered, and so of the countdown's
+/// announcements.
 class SELVIO_EXPORT SelvioFacialCaptureAnalyzer {
 public:
     /// A new analyzer for these parameters, which stay shared with the host. Null (with a line in the log) without

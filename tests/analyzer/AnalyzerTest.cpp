@@ -37,6 +37,13 @@ TEST_F(Analyzer, NeitherKeepsItsHostNorItselfAlive) {
     EXPECT_EQ(analyzer, nullptr);
     EXPECT_FALSE(motion->isRunning());
 
+    Platform old = platform();
+    old.serviceLevel = 11;
+    makeAnalyzer(old);
+    delegate->manualOnly = [&] { analyzer.reset(); };
+    analyzer->setDelegate(delegate);
+    EXPECT_EQ(analyzer, nullptr);
+
     makeAnalyzer(platform());
     analyzer->setDelegate(std::make_shared<Delegate>());  // one that the host does not keep
     EXPECT_EQ(analyzer->delegate(), nullptr);

@@ -145,7 +145,7 @@ public:
     }
     void resume() {
         if (spent) return;
-        ++run;
+        beginRun();
         skip = smileTest = selection = select = false;
         addEvent(isAutomatic() ? 0 : 1);
         motionRuns = true;
@@ -307,12 +307,11 @@ private:
         smileTest = false;
     }
 
-    /// Of reports only the newest waits, likewise of announcements; of automatic selections a run's first.
+    /// Of a run's reports of each kind only the newest waits, likewise of its announcements; of its automatic
+    /// selections the first.
     void wait(const Step& step) {
         const auto takesItsPlace = [&](const Step& other) {
-            if (step.delivery <= CountdownStatus) return other.delivery <= CountdownStatus;
-            if (step.delivery == Automatic) return other.delivery == Automatic && other.run == step.run;
-            return step.delivery == Countdown && other.delivery == Countdown;
+            return step.delivery <= Automatic && other.delivery == step.delivery && other.run == step.run;
         };
         if (step.delivery == Automatic && std::any_of(waiting.begin(), waiting.end(), takesItsPlace)) return;
         if (std::erase_if(waiting, takesItsPlace) == 0) mainQueue->async([this] { deliverFirst(); });
@@ -345,6 +344,11 @@ private:
 
     int beginSelection() {
         selection = true;
+        return beginRun();
+    }
+    /// What was not announced yet will have to be.
+    int beginRun() {
+        for (const Step& step : waiting) startCountdown |= step.delivery == Countdown;
         return ++run;
     }
     void finish(const Step& step, SelvioFacialCaptureResultCode code) {
