@@ -1,5 +1,6 @@
 #include <SelvioFacialCapture/imaging/PixelBuffer.h>
 
+#include <limits>
 #include <new>
 #include <utility>
 
@@ -51,7 +52,10 @@ std::optional<PixelBufferLayout> PixelBufferLayout::make(int width, int height, 
         const auto index = static_cast<std::size_t>(i);
         const std::size_t shortest = layout.rowBytes(i);
         layout.planes[index].bytesPerRow = bytesPerRow[index] != 0 ? bytesPerRow[index] : (shortest + 63) / 64 * 64;
-        if (layout.planes[index].bytesPerRow < shortest) return std::nullopt;
+        // So that the bytes of all planes can be counted.
+        constexpr std::size_t kLongest = std::numeric_limits<std::ptrdiff_t>::max() / (2 * kLongestSide);
+        if (layout.planes[index].bytesPerRow < shortest || layout.planes[index].bytesPerRow > kLongest)
+            return std::nullopt;
     }
     return layout;
 }

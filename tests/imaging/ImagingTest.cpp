@@ -222,6 +222,9 @@ TEST(ImageUtilities, aWarmPoolAllocatesNothing) {
 }
 
 TEST(ImageUtilities, nothingComesOfAPictureWithoutPixelsAndOnlyItsCopyIsLogged) {
+    const std::size_t endless = (std::size_t{1} << 62) + 64;  // four such rows would count as 256 bytes
+    EXPECT_FALSE(PixelBufferLayout::make(16, 4, kPixelFormat32BGRA, {endless, 0}));
+    EXPECT_FALSE(PixelBufferLayout::make(16, 4, kPixelFormat420v, {16, endless}));
     const auto layout = *PixelBufferLayout::make(2, 2, kPixelFormat32BGRA);
     PixelBufferLayout shortRows = layout;
     shortRows.planes[0].bytesPerRow = 4;

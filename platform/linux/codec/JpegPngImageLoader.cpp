@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <memory>
+#include <new>
 #include <system_error>
 
 namespace selvio {
@@ -64,7 +65,13 @@ std::string withoutControlCharacters(std::string text) {
 }  // namespace
 
 Expected<std::shared_ptr<PixelBuffer>> JpegPngImageLoader::loadImage(const std::string& path) const {
-    auto picture = readPicture(path);
+    auto picture = [&path]() -> Expected<std::shared_ptr<PixelBuffer>> {
+        try {
+            return readPicture(path);
+        } catch (const std::bad_alloc&) {
+            return Error{"not enough memory"};
+        }
+    }();
     if (!picture) return Error{withoutControlCharacters(path + ": " + picture.error().localizedDescription)};
     return picture;
 }

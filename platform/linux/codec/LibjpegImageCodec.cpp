@@ -3,6 +3,7 @@
 #include "platform/linux/codec/ExifSegment.h"
 #include "platform/linux/codec/JpegFile.h"
 
+#include <new>
 #include <utility>
 
 namespace selvio {
@@ -19,6 +20,16 @@ private:
     const JpegHeader header_;
 };
 
+/// What `make` returns, or nothing if the memory does not suffice for it.
+template <typename Make>
+auto ifMemorySuffices(const Make& make) -> decltype(make()) {
+    try {
+        return make();
+    } catch (const std::bad_alloc&) {
+        return {};
+    }
+}
+
 }  // namespace
 
 std::optional<Bytes> LibjpegImageCodec::encodeJpeg(const Image& image, double quality) const {
@@ -26,7 +37,7 @@ std::optional<Bytes> LibjpegImageCodec::encodeJpeg(const Image& image, double qu
     JpegTarget target{.quality = quality, .jfif = std::nullopt, .exif = std::nullopt};
     if (const int orientation = static_cast<int>(exifOrientationFor(image.orientation)); orientation != 1)
         target.exif = {std::nullopt, orientation};
-    return encodeJpegPixels(*image.bitmap, target);
+    return ifMemorySuffices([&] { return encodeJpegPixels(*image.bitmap, target); });
 }
 
 std::shared_ptr<ImageSource> LibjpegImageCodec::openSource(Bytes bytes) const {
@@ -39,9 +50,10 @@ std::optional<Bytes> LibjpegImageCodec::encodeFromSource(const ImageSource& sour
                                                          const ImageProperties& properties) const {
     const auto* const jpeg = dynamic_cast<const JpegImageSource*>(&source);
     if (!jpeg) return std::nullopt;
-    return reencodeJpeg(jpeg->file(), {.quality = properties.lossyCompressionQuality.value_or(1.0F),
-                                       .jfif = properties.jfif,
-                                       .exif = properties.exif});
+    const double quality = properties.lossyCompressionQuality.value_or(1.0F);
+    return ifMemorySuffices([&] {
+        return reencodeJpeg(jpeg->file(), {.quality = quality, .jfif = properties.jfif, .exif = properties.exif});
+    });
 }
 
 bool LibjpegImageCodec::userCommentFits(std::string_view text) const {
