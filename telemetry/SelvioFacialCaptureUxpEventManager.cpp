@@ -61,9 +61,24 @@ SelvioFacialCaptureUxpEventManager::SelvioFacialCaptureUxpEventManager(std::shar
 
 SelvioFacialCaptureUxpEventManager::~SelvioFacialCaptureUxpEventManager() = default;
 
+// Asks the clock without the lock, and again if the log has changed meanwhile, so that its times do not run backwards.
+// Not for ever: the clock itself may log.
+std::unique_lock<std::mutex> SelvioFacialCaptureUxpEventManager::lockAt(double& now) {
+    std::unique_lock lock(mutex_);
+    std::uint64_t seen = changes_ - 1;
+    for (int attempt = 0; attempt < 10 && seen != changes_; ++attempt) {
+        seen = changes_;
+        lock.unlock();
+        now = clock_->secondsSinceReferenceDate();
+        lock.lock();
+    }
+    ++changes_;
+    return lock;
+}
+
 void SelvioFacialCaptureUxpEventManager::clear() {
-    const double now = clock_->secondsSinceReferenceDate();
-    const std::lock_guard lock(mutex_);
+    double now = 0.0;
+    const auto lock = lockAt(now);
     *mutableEvents_ = nlohmann::json::array();
     startTime_ = now;
     currentEvent_ = SelvioFacialCaptureUxpEventGoodFrame;
@@ -74,8 +89,8 @@ void SelvioFacialCaptureUxpEventManager::addEvent(SelvioFacialCaptureUxpEvent ev
 }
 
 void SelvioFacialCaptureUxpEventManager::addEventWith(SelvioFacialCaptureUxpEvent event, const nlohmann::json& extra) {
-    const double now = clock_->secondsSinceReferenceDate();
-    const std::lock_guard lock(mutex_);
+    double now = 0.0;
+    const auto lock = lockAt(now);
     if (event == currentEvent_) return;
     currentEvent_ = event;
     const auto elapsed = static_cast<std::int64_t>((now - startTime_) * 1000.0);

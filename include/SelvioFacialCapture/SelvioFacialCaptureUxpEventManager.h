@@ -53,11 +53,13 @@ public:
 
 private:
     explicit SelvioFacialCaptureUxpEventManager(std::shared_ptr<const selvio::Clock> clock);
+    std::unique_lock<std::mutex> lockAt(double& now);
 
     const std::shared_ptr<const selvio::Clock> clock_;
     const std::map<std::int64_t, std::string> codes_;
     mutable std::mutex mutex_;
     const std::unique_ptr<nlohmann::json> mutableEvents_;                              // its value: guarded by mutex_
+    std::uint64_t changes_ = 0;                                                        // guarded by mutex_
     double startTime_ = 0.0;                                                           // guarded by mutex_
     SelvioFacialCaptureUxpEvent currentEvent_ = SelvioFacialCaptureUxpEventGoodFrame;  // guarded by mutex_
 };

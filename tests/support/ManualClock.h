@@ -9,7 +9,7 @@
 
 namespace selvio {
 
-class ManualClock final : public Clock {
+class ManualClock : public Clock {
 public:
     double secondsSinceReferenceDate() const override { return std::chrono::duration<double>(monotonicTime()).count(); }
     std::chrono::nanoseconds monotonicTime() const override {

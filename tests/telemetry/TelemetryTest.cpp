@@ -53,6 +53,31 @@ TEST(UxpEvents, TimesAreWholeMillisecondsSinceTheLastClear) {
     EXPECT_EQ(manager->events().dump(), R"([{"MT":[0]}])");
 }
 
+TEST(UxpEvents, TimesDoNotRunBackwardsWhenAnotherThreadLogsMeanwhile) {
+    struct SlowClock : ManualClock {
+        double secondsSinceReferenceDate() const override {
+            const double told = ManualClock::secondsSinceReferenceDate();
+            if (meanwhile) std::exchange(meanwhile, nullptr)();
+            return told;
+        }
+        mutable std::function<void()> meanwhile;
+    };
+    const auto clock = std::make_shared<SlowClock>();
+    const auto manager = Manager::init(clock);
+    clock->meanwhile = [&] {
+        clock->advance(std::chrono::milliseconds(3));
+        manager->addEvent(event(2));
+    };
+    manager->addEvent(event(9));
+    EXPECT_EQ(manager->events().dump(), R"([{"IS":[3]},{"FENF":[3]}])");
+    clock->meanwhile = [&] {
+        clock->advance(std::chrono::milliseconds(3));
+        manager->clear();
+    };
+    manager->addEvent(event(9));
+    EXPECT_EQ(manager->events().dump(), R"([{"FENF":[0]}])");
+}
+
 // While it does so, the clock calls every operation, and destroys the shared log.
 TEST(UxpEvents, TheSharedLogStartsAnewOnceDestroyed) {
     const auto clock = std::make_shared<ManualClock>();
