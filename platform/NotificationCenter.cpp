@@ -29,14 +29,23 @@ void NotificationCenter::remove(Condition condition) {
 }
 
 void NotificationCenter::post(ApplicationNotification notification) {
-    std::vector<Handler> handlers;
+    const auto observe = [notification](const Entry& entry) {
+        return entry.notification == notification && !entry.lifetime.expired();
+    };
+    std::vector<Entry> observers;
     {
         const std::lock_guard lock(mutex_);
-        for (const Entry& entry : entries_) {
-            if (entry.notification == notification && !entry.lifetime.expired()) handlers.push_back(entry.handler);
-        }
+        std::copy_if(entries_.begin(), entries_.end(), std::back_inserter(observers), observe);
     }
-    for (const Handler& handler : handlers) handler();
+    for (const Entry& observer : observers) {
+        {
+            const std::lock_guard lock(mutex_);  // a handler may have removed the others
+            if (std::none_of(entries_.begin(), entries_.end(),
+                             [&](const Entry& entry) { return observe(entry) && entry.observer == observer.observer; }))
+                continue;
+        }
+        observer.handler();
+    }
 }
 
 }  // namespace selvio

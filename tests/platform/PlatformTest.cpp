@@ -37,6 +37,9 @@ TEST(NotificationCenter, CallsWhoIsThereInOrderAndMayBeCalledBack) {
     center.post(WillTerminate);
     center.addObserver(one = std::make_shared<int>(3), WillTerminate, [&] { calls.push_back(3); });
     center.post(WillTerminate);
+    center.addObserver(two, WillResignActive, [&] { center.removeObserver(one.get()); });
+    center.addObserver(one, WillResignActive, [&] { calls.push_back(-3); });
+    center.post(WillResignActive);
     EXPECT_EQ(calls, (std::vector{1, 2, 0, 3})) << "whoever has gone or was removed is forgotten";
 }
 
