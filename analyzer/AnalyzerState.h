@@ -129,12 +129,17 @@ struct SelvioFacialCaptureAnalyzer::State : std::enable_shared_from_this<State> 
     Run beginRun();
     /// Begins a selection, and with it a new run, unless the run has ended or a selection is in progress already.
     [[nodiscard]] std::optional<Run> beginSelection(Run run);
-    /// Calls what the delegate implements, unless the run has ended.
+    /// Calls what the delegate implements, unless the run has ended. Who stops it may then be the last to hold the
+    /// delegate.
     template <typename Member, typename... Arguments>
     void tell(Run run, Member member, const Arguments&... arguments) {
+        const auto call = UnderWay::begin(*this, run);
+        const auto host = call ? mutex.get(delegate).lock() : nullptr;
+        if (host && *host.*member) (*host.*member)(arguments...);
+    }
+    [[nodiscard]] bool hearsOfSuccess() {
         const auto host = mutex.get(delegate).lock();
-        if (!host || !(*host.*member)) return;
-        if (const auto call = UnderWay::begin(*this, run)) (*host.*member)(arguments...);
+        return host && host->detectionSuccess;
     }
     /// No run follows. Any number of times.
     void endRuns();

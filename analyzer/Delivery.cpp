@@ -38,8 +38,7 @@ void Analyzer::State::deliverReport(const Frame& frame) {
 }
 
 void Analyzer::State::deliverReportOrSelect(const Frame& frame) {
-    const auto host = mutex.get(delegate).lock();
-    if (!shouldSelectCurrentFrame || !host || !host->detectionSuccess) return deliverReport(frame);
+    if (!shouldSelectCurrentFrame || !hearsOfSuccess()) return deliverReport(frame);
     select(frame, SelvioFacialCaptureResultCodeSuccessStillCamera, frame.results->orderedStatuses());
 }
 

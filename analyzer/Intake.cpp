@@ -48,8 +48,7 @@ void Analyzer::State::analyzeHeldFrame(HeldFrame& held) {
     history.append(*frame.image, selectionInProgress ? kHistoryLimitWhileSelecting : kLiveHistoryLimit);
 
     const bool manual = manualOnly || settings->mode() == SelvioFacialCaptureModeManual;
-    const auto host = mutex.get(delegate).lock();
-    if (manual && shouldSelectCurrentFrame && host && host->detectionSuccess) {
+    if (manual && shouldSelectCurrentFrame && hearsOfSuccess()) {
         if (const auto selecting = beginSelection(frame.run)) {
             held.release();
             frame.run = *selecting;

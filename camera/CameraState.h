@@ -28,12 +28,15 @@ public:
         return mutex_.get(delegate_).lock();
     }
 
-    /// Calls a member of the delegate, unless it is not implemented or the slot has been closed. No lock is held.
+    /// Calls a member of the delegate, unless it is not implemented or the slot has been closed. No lock is held. The
+    /// delegate is held inside the gate only: who closes it may then be the last to hold the delegate.
     template <typename... Parameters, typename... Arguments>
     void tell(std::function<void(Parameters...)> SelvioFacialCaptureCameraDelegate::*member,
               const Arguments&... arguments) {
-        const auto delegate = get();
-        if (delegate && (*delegate).*member) gate_.pass([&] { ((*delegate).*member)(arguments...); });
+        gate_.pass([&] {
+            const auto delegate = get();
+            if (delegate && (*delegate).*member) ((*delegate).*member)(arguments...);
+        });
     }
     /// From its return on `tell` calls nothing any more. Waits for the calls that run, unless one of them runs on the
     /// calling thread.

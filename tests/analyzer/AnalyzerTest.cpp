@@ -130,6 +130,26 @@ TEST_F(Analyzer, ShowsWhatItWasMadeOfAndLeavesOutAFrameOrARecordThatIsNull) {
     EXPECT_EQ(analyzer->obixData(), other);
 }
 
+// This hangs if the analyzer holds a lock meanwhile.
+TEST_F(Analyzer, LetsGoOfPicturesWhoseOwnerCallsBack) {
+    int released = 0;
+    std::vector<std::uint8_t> pixels(16 * 16 * 4);
+    const auto layout = PixelBufferLayout::make(16, 16, kPixelFormat32BGRA, {64, 0}).value();
+    for (int i = 0; i < 7; ++i) {
+        loader->picture = PixelBuffer::wrap(layout, {pixels.data(), nullptr}, [&] {
+            (void)analyzer->imagesArray();
+            (void)analyzer->results();
+            ++released;
+        });
+        analyzer->analyzeImageAtPath("still.jpg");
+    }
+    mainQueue->runAll();
+    EXPECT_GE(released, 1) << "only five are kept";
+    loader->picture = nullptr;
+    analyzer->stop();
+    EXPECT_EQ(released, 7);
+}
+
 using Operation = std::function<void()>;
 
 // A camera's thread sends frames, three others call whatever comes; at last these end the capture, all at the same
