@@ -304,7 +304,8 @@ class _Owner:
             return function(address, *arguments)
 
     def close(self) -> None:
-        """Ends it. On return none of its callbacks begins any more, and one on another thread has ended."""
+        """Ends it. On return none of its callbacks begins any more, and one on another thread has ended. While another
+        thread is inside one of its calls, it ends when that call returns."""
         self._finalizer.detach()
         self._handle.close()
 
@@ -443,6 +444,11 @@ class Platform(_Owner):
             library.results_destroy(results)
 
 
+def _end_analyzer(address: int) -> None:
+    library.analyzer_stop(address)  # or its events would stay for the next capture's record
+    library.analyzer_destroy(address)
+
+
 class Analyzer(_Owner):
     """Judges frames, guides the person and selects the photograph of one capture.
 
@@ -465,7 +471,7 @@ class Analyzer(_Owner):
         self.parameters = parameters if parameters is not None else Parameters()
         made = platform._call(library.analyzer_create, self.parameters._address)
         super().__init__(
-            Handle("analyzer", made, library.analyzer_destroy),
+            Handle("analyzer", made, _end_analyzer),
             results=on_results,
             countdown=on_countdown,
             success=on_success,

@@ -121,6 +121,15 @@ class PackageTest(unittest.TestCase):
             frames.get()
         self.assertRaises(queue.Empty, frames.get, timeout=0.3)
 
+        cancelled = mock.Mock()
+        for reason in 1, 2:
+            analyzer = selvio.Analyzer(self.platform, on_cancelled=cancelled)
+            analyzer.resume()
+            analyzer.pause(reason)
+        analyzer.cancel()
+        told = [code for event in json.loads(cancelled.call_args[0][0].record)["UXP"] for code in event]
+        self.assertEqual(told, ["SA", "HS", "C"])  # nothing of the capture that was forgotten
+
         script = f"""
 import sys, threading, selvio_facial_capture as selvio
 seen = threading.Event()
