@@ -40,7 +40,7 @@ for language in en de; do
         esac
         [[ -n ${taken[$name]:-} ]] && continue
         taken[$name]=1
-        sleep 0.4 # until it is drawn
+        if [[ $name == done ]]; then sleep 1.2; else sleep 0.4; fi # until it is drawn, and the buttons after the first look
         shoot "$name-$language"
         [[ $name == done ]] && break
     done

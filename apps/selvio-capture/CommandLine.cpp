@@ -173,7 +173,7 @@ std::variant<Command, ExitCode> parseCommandLine(std::vector<std::string> argume
     app.set_help_all_flag("--help-all", "Print the help of every command");
     app.require_subcommand(1);
     app.footer(
-        "Exit codes: 0 done; 2 wrong usage; 3 timed out or cancelled; 4 no camera, or no access to it;\n"
+        "Exit codes: 0 done; 2 wrong usage; 3 timed out or cancelled; 4 no camera, no access to it, or it stopped;\n"
         "5 a model or input file is missing or unreadable; 6 the result could not be written; 1 anything else.");
 
     RunOptions runOptions;

@@ -47,9 +47,12 @@ public:
     }
 
     void message(const std::string& text) override {
-        if (terminal_ && !shown_.empty()) stream_ << '\n';
-        shown_.clear();
+        endLine();
         stream_ << text << std::endl;
+    }
+    void endLine() override {
+        if (terminal_ && !shown_.empty()) stream_ << std::endl;
+        shown_.clear();
     }
 
 private:

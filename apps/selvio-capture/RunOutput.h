@@ -30,6 +30,8 @@ public:
     virtual void countdown(std::int64_t secondsLeft, bool recording) = 0;
     /// How the capture ended, or where a result is.
     virtual void message(const std::string& text) = 0;
+    /// Before something else is written to the terminal.
+    virtual void endLine() {}
 };
 
 /// One JSON object a line for every event; nothing else.

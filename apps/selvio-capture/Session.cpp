@@ -41,7 +41,8 @@ Session::Session(Platform platform, const RunOptions& options, const Source& sou
       language_(language),
       ended_(std::move(ended)),
       resumeTime_(platform_.clock->monotonicTime()),
-      frames_(std::make_shared<FrameWatch>(resumeTime_)) {
+      frames_(std::make_shared<FrameWatch>(resumeTime_)),
+      attended_(options.attended) {
     makeCountdown();
 }
 
@@ -113,7 +114,8 @@ void Session::cameraConfigured() {
     resumeTime_ = platform_.clock->monotonicTime();
     analyzer_->resume();
     resumed_ = true;
-    if (analyzerIsManualOnly_ && takesFirstGoodFace()) analyzer_->selectFrame();  // no frame will be judged
+    // No frame will be judged where the analyzer is manual only.
+    if (enteredEarly_ || (analyzerIsManualOnly_ && takesFirstGoodFace())) analyzer_->selectFrame();
     startTimeout();
     afterSessionQueue(&Session::cameraStarted);
 }
@@ -132,7 +134,12 @@ void Session::interrupted() {
 }
 
 void Session::entered() {
-    if (!ending_) analyzer_->selectFrame();
+    if (!resumed_) enteredEarly_ = true;  // starting forgets what was selected before
+    if (resumed_ && !ending_) analyzer_->selectFrame();
+}
+
+void Session::becomeUnattended() {
+    attended_ = false;
 }
 
 bool Session::setPaused(bool paused) {
@@ -176,8 +183,7 @@ void Session::timedOut(const std::uint64_t& timeout) {
 
 /// In manual mode without a terminal or a window nobody can press a key.
 bool Session::takesFirstGoodFace() const {
-    return options_.parameters->mode() == SelvioFacialCaptureModeManual && !options_.attended &&
-           ::isatty(STDIN_FILENO) == 0;
+    return options_.parameters->mode() == SelvioFacialCaptureModeManual && !attended_ && ::isatty(STDIN_FILENO) == 0;
 }
 
 void Session::detectionResults(const Results& results) {
@@ -250,7 +256,7 @@ void Session::end(ExitCode code) {
 void Session::giveUpEnding() {
     if (complete_) return;
     complain("the camera does not end");
-    keep();
+    keep(true);
     platform_.notificationCenter->post(ApplicationNotification::WillTerminate);
     std::cout.flush();
     std::_Exit(static_cast<int>(exitCode_ == ExitCode::Success ? ExitCode::Other : exitCode_));
@@ -313,6 +319,11 @@ bool Session::isRecording() const {
     return writer && writer->status() == AssetWriterStatus::Writing;
 }
 
+void Session::complain(const std::string& text) {
+    output_.endLine();
+    app::complain(text);
+}
+
 void Session::say(const std::string& text) {
     if (options_.json) {
         complain(text);
@@ -322,14 +333,16 @@ void Session::say(const std::string& text) {
 }
 
 void Session::write(const char* name, Phrase what, std::string_view bytes) {
-    if (!options_.attended || options_.accept) return store(name, what, bytes);
+    if (!attended_ || options_.accept) return store(name, what, bytes);
     held_.push_back({name, what, std::string(bytes)});
 }
 
 void Session::keep(bool recordOnly) {
+    const auto before = std::exchange(exitCode_, ExitCode::Success);
     for (const auto& held : std::exchange(held_, {})) {
         if (!recordOnly || held.what == Phrase::Record) store(held.name, held.what, held.bytes);
     }
+    fail(before);
 }
 
 void Session::store(const char* name, Phrase what, std::string_view bytes) {

@@ -32,11 +32,14 @@ public:
     void interrupted();
     /// Takes the next frame, once the camera runs.
     void entered();
+    /// Nobody looks at a window any more: from now on results are not held back, and without a terminal the first good
+    /// face is taken.
+    void becomeUnattended();
     /// Stops judging, or starts anew with the whole time; the camera goes on. False where that cannot be: before the
     /// camera runs, after the end, or when it is so already.
     bool setPaused(bool paused);
     /// Writes the results that were held back for a person who sees the photograph first: all, or the record alone.
-    /// Once, after the end.
+    /// Once, after the end. If that fails it is the exit code's reason, whatever it was before.
     void keep(bool recordOnly = false);
     [[nodiscard]] ExitCode exitCode() const { return exitCode_; }
 
@@ -73,6 +76,7 @@ private:
     void report(const char* event, const Results& results);
     [[nodiscard]] bool isRecording() const;
     void say(const std::string& text);
+    void complain(const std::string& text);
     void write(const char* name, Phrase what, std::string_view bytes);
     void writeRecord(const Results& results, const Bytes& photograph);
     void store(const char* name, Phrase what, std::string_view bytes);
@@ -114,7 +118,9 @@ private:
     };
     std::vector<Held> held_;
     std::uint64_t timeout_ = 0;  // counts the starts; the earlier ones do not count any more
+    bool attended_;
     bool resumed_ = false;
+    bool enteredEarly_ = false;
     bool paused_ = false;
     bool selected_ = false;
     bool ending_ = false;

@@ -21,6 +21,11 @@ constexpr double kMostOfWidth = 0.9;
 constexpr double kMostOfHeight = 0.8;
 constexpr double kMostHeight = 800;
 
+/// For so long a photograph is looked at, and a second press of what took it does not accept it.
+constexpr auto kFirstLook = std::chrono::milliseconds(600);
+/// A key that is held repeats itself, the first time after two thirds of a second as a rule.
+constexpr auto kLongestRepeat = std::chrono::seconds(1);
+
 /// A size of the screen's shape that fits every monitor.
 Size sizeOnDisplay(Size screen) {
     double height = kMostHeight;
@@ -76,6 +81,7 @@ ViewWindow::ViewWindow(std::shared_ptr<GtkCaptureView> view, const RunOptions& o
     g_signal_connect_data(
         keys, "key-pressed",
         G_CALLBACK(+[](GtkEventControllerKey*, guint key, guint, GdkModifierType modifiers, gpointer self) -> gboolean {
+            if (static_cast<ViewWindow*>(self)->isRepeat(key)) return TRUE;
             if (key == GDK_KEY_w && (modifiers & GDK_CONTROL_MASK) != 0) {
                 gtk_window_close(static_cast<ViewWindow*>(self)->window_);
                 return TRUE;
@@ -84,6 +90,11 @@ ViewWindow::ViewWindow(std::shared_ptr<GtkCaptureView> view, const RunOptions& o
             return static_cast<ViewWindow*>(self)->press(key) ? TRUE : FALSE;
         }),
         this, nullptr, GConnectFlags{});
+    g_signal_connect_data(keys, "key-released",
+                          G_CALLBACK(+[](GtkEventControllerKey*, guint, guint, GdkModifierType, gpointer self) {
+                              static_cast<ViewWindow*>(self)->heldKey_ = 0;
+                          }),
+                          this, nullptr, GConnectFlags{});
     // Before the button that has the focus: it would press itself a quarter of a second after the key.
     gtk_event_controller_set_propagation_phase(keys, GTK_PHASE_CAPTURE);
     gtk_widget_add_controller(GTK_WIDGET(window_), keys);
@@ -120,7 +131,9 @@ void ViewWindow::beginCapture() {
     session_ = beginSession_(*this, [this] {
         MainQueue::shared()->async([this] { captureEnded(); });  // out of the session's own call
     });
+    if (displayGone_) session_->becomeUnattended();
     session_->begin();
+    if (cancelled_) session_->interrupted();  // before there was one
 }
 
 /// Called in the middle of what GTK does, to which there is no way back.
@@ -129,7 +142,8 @@ void ViewWindow::goOnWithoutDisplay() {
     complain("the display is gone; going on in the terminal");
     const auto queue = MainQueue::shared();
     if (stage_ == Stage::Reviewing) accept();
-    if (stage_ == Stage::Paused) session_->setPaused(false);
+    if (stage_ == Stage::Paused) togglePause();
+    if (stage_ != Stage::Ended && session_) session_->becomeUnattended();
     // Within one of its blocks the queue cannot go on.
     if (stage_ != Stage::Ended && !queue->isCurrent()) queue->run();
     std::cout.flush();
@@ -139,9 +153,10 @@ void ViewWindow::goOnWithoutDisplay() {
 void ViewWindow::captureEnded() {
     if (!displayGone_) view_->setRecording(false);
     if (again_) return beginCapture();
-    const bool asks = session_->exitCode() == ExitCode::Success && !options_.accept && !displayGone_;
-    if (asks && cancelled_) return dropPhotograph();
-    if (asks) return review();
+    if (photograph_ && !options_.accept) {  // whatever became of a recording
+        if (cancelled_) return dropPhotograph();
+        if (!displayGone_) return review();
+    }
     session_->keep();
     end(session_->exitCode());
 }
@@ -152,6 +167,12 @@ void ViewWindow::review() {
     for (const BlurView& cover : view_->subviews()) view_->removeSubviewWithTag(cover.tag);
     view_->showPhotograph(photograph_);
     view_->showText(text(Phrase::Review, language_));
+    MainQueue::shared()->asyncAfter(kFirstLook, [this, mine = ++reviews_] {
+        if (mine == reviews_ && stage_ == Stage::Reviewing && !displayGone_) offerPhotograph();
+    });
+}
+
+void ViewWindow::offerPhotograph() {
     view_->setActions({{text(Phrase::Accept, language_), [this] { accept(); }},
                        {text(Phrase::Retake, language_), [this] { startAgain(); }}});
 }
@@ -174,6 +195,7 @@ void ViewWindow::togglePause() {
     const bool pause = stage_ == Stage::Capturing;
     if (!session_->setPaused(pause)) return;
     stage_ = pause ? Stage::Paused : Stage::Capturing;
+    if (displayGone_) return;
     if (!pause) return showCaptureActions();
     view_->showText(text(Phrase::Paused, language_));
     view_->setActions({{text(Phrase::GoOn, language_), [this] { togglePause(); }}});
@@ -184,14 +206,17 @@ void ViewWindow::cancel() {
     again_ = false;
     cancelled_ = true;
     if (stage_ == Stage::Reviewing) return dropPhotograph();
-    if (session_) return session_->interrupted();
-    end(ExitCode::NotCaptured);
+    if (session_) session_->interrupted();
 }
 
 void ViewWindow::dropPhotograph() {
-    terminal_.message(text(Phrase::Cancelled, language_));
+    if (options_.json) {
+        complain(text(Phrase::Cancelled, language_));
+    } else {
+        terminal_.message(text(Phrase::Cancelled, language_));
+    }
     session_->keep(true);
-    end(ExitCode::NotCaptured);
+    end(session_->exitCode() == ExitCode::Success ? ExitCode::NotCaptured : session_->exitCode());
 }
 
 void ViewWindow::entered() {
@@ -205,6 +230,14 @@ void ViewWindow::end(ExitCode code) {
 }
 
 // What the person does.
+
+bool ViewWindow::isRepeat(unsigned key) {
+    const auto now = std::chrono::steady_clock::now();
+    const bool repeats = key == heldKey_ && now - heldKeyTime_ < kLongestRepeat;
+    heldKey_ = key;
+    heldKeyTime_ = now;
+    return repeats;
+}
 
 bool ViewWindow::press(unsigned key) {
     switch (gdk_keyval_to_lower(key)) {
@@ -258,6 +291,10 @@ void ViewWindow::countdown(std::int64_t secondsLeft, bool recording) {
 
 void ViewWindow::message(const std::string& text) {
     terminal_.message(text);
+}
+
+void ViewWindow::endLine() {
+    terminal_.endLine();
 }
 
 }  // namespace selvio::app

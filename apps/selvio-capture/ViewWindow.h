@@ -6,6 +6,7 @@
 
 #include <SelvioFacialCapture/gtk/CaptureView.h>
 
+#include <chrono>
 #include <functional>
 #include <memory>
 
@@ -43,6 +44,7 @@ public:
     void event(const RunEvent& event) override;
     void countdown(std::int64_t secondsLeft, bool recording) override;
     void message(const std::string& text) override;
+    void endLine() override;
 
 private:
     enum class Stage { Capturing, Paused, Reviewing, Ended };
@@ -59,6 +61,8 @@ private:
     void end(ExitCode code);
     [[noreturn]] void goOnWithoutDisplay();
     [[nodiscard]] bool press(unsigned key);
+    [[nodiscard]] bool isRepeat(unsigned key);
+    void offerPhotograph();
     void showCaptureActions();
     [[nodiscard]] bool isManual() const;
 
@@ -69,7 +73,10 @@ private:
     GtkWindow* const window_;
     BeginSession beginSession_;
     std::shared_ptr<Session> session_;
-    Bitmap photograph_;
+    Bitmap photograph_;  // of the capture; null if it took none
+    std::uint64_t reviews_ = 0;
+    unsigned heldKey_ = 0;
+    std::chrono::steady_clock::time_point heldKeyTime_;
     Stage stage_ = Stage::Capturing;
     bool again_ = false;        // the capture that is ending is not wanted: begin anew
     bool cancelled_ = false;    // nor is another

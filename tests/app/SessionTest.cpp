@@ -140,6 +140,32 @@ TEST(Session, MarksWhatItReportsOnlyWhileItRecords) {
     }
 }
 
+TEST(Session, TakesThePictureThatWasAskedForBeforeTheCameraRan) {
+    Rig rig(false);
+    rig.session->begin();
+    rig.session->entered();
+    rig.run();
+    rig.sendFrame();
+    EXPECT_EQ(rig.output.lines.at(0), "detectionSuccess");
+}
+
+TEST(Session, KeepsWhatIsHeldUntilItIsWantedAndSaysIfThatFails) {
+    for (const bool becomesUnattended : {false, true}) {
+        Rig rig(false, true);
+        rig.session->begin();
+        rig.run();
+        if (becomesUnattended) rig.session->becomeUnattended();
+        rig.session->entered();
+        rig.sendFrame();
+        EXPECT_EQ(rig.has("selfie.jpg"), becomesUnattended);
+        std::filesystem::remove_all(rig.directory.path());
+        testing::internal::CaptureStderr();
+        rig.session->keep();
+        EXPECT_EQ(testing::internal::GetCapturedStderr().empty(), becomesUnattended);
+        EXPECT_EQ(rig.session->exitCode(), becomesUnattended ? ExitCode::Success : ExitCode::NotWritten);
+    }
+}
+
 TEST(Session, JudgesNothingWhilePausedAndHoldsTheResultsBackForAPerson) {
     Rig rig(false, true);
     EXPECT_FALSE(rig.session->setPaused(true)) << "the camera does not run yet";

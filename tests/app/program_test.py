@@ -385,6 +385,7 @@ class View(ProgramTest):
         ("accepted without asking", True, "--accept", "", PHOTOGRAPH),
         ("refused once, then accepted", True, "", "Success r Success Return", PHOTOGRAPH),
         ("not accepted", True, "", "Success Escape", RECORD),
+        ("not accepted, its recording lost", True, "--record-video", "Success Escape", (6, ["record.json"])),
         ("closed over the photograph", True, "", "Success ctrl+w", RECORD),
         ("closed while it runs", False, "", "Results ctrl+w", RECORD),
         ("begun again, then cancelled", False, "", "Results r Cancelled - Results Escape", RECORD),
@@ -397,6 +398,7 @@ class View(ProgramTest):
     def setUp(self):
         super().setUp()
         self.environment = os.environ | self.environment
+        self.write("SelvioFacialCapture", "where recordings would be")
 
     def test_the_window_does_what_the_person_asks(self):
         for name, somebody, options, steps, left in self.CASES:
