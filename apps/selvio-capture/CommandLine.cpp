@@ -169,6 +169,7 @@ void insertDefaultCommand(std::vector<std::string>& arguments) {
 
 std::variant<Command, ExitCode> parseCommandLine(std::vector<std::string> arguments) {
     CLI::App app("Takes one good photograph of a face.", "selvio-capture");
+    app.option_defaults()->disable_flag_override();  // a switch takes no value; one that is no number would throw
     app.set_version_flag("--version", "selvio-capture " + SelvioFacialCapture::version());
     app.set_help_all_flag("--help-all", "Print the help of every command");
     app.require_subcommand(1);
@@ -225,7 +226,10 @@ std::variant<Command, ExitCode> parseCommandLine(std::vector<std::string> argume
     } catch (const CLI::Success& request) {
         return static_cast<ExitCode>(app.exit(request, std::cout, std::cerr));
     } catch (const CLI::Error& error) {
-        std::cerr << "selvio-capture: " << error.what() << "\nRun with --help for more information.\n";
+        std::string message = error.what();
+        if (const auto end = message.find(" was given a disallowed flag override"); end != std::string::npos)
+            message = "--" + message.substr(0, end) + " takes no value";
+        std::cerr << "selvio-capture: " << message << "\nRun with --help for more information.\n";
         return ExitCode::Usage;
     }
 }

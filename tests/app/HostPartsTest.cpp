@@ -36,6 +36,9 @@ TEST(CommandLine, RefusesWhatItDoesNotUnderstandAndSaysWhy) {
         {"check - a.jpg", "stands alone"},
         {"check --json --csv a.jpg", "--json excludes --csv"},
         {"check --jobs 0 a.jpg", "in range 1 to 256"},
+        {"--record-video=maybe", "--record-video takes no value\n"},
+        {"--no-preview=99999999999999999999", "--no-preview takes no value\n"},
+        {"check --json=x a.jpg", "--json takes no value\n"},
     };
     for (const auto& [line, message] : rows) {
         testing::internal::CaptureStderr();
