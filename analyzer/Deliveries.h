@@ -15,20 +15,18 @@ template <typename Frame, typename Step>
 class Deliveries {
 public:
     struct Delivery {
-        DeliveryKind kind;
         Step step;
         Frame frame;
     };
 
     /// Returns true if the list is longer than before: a block must be submitted that takes one step from it. A
     /// delivery that gives way is moved to `replaced`, for its frame to be destroyed outside of the owner's lock.
-    bool add(Delivery delivery, std::list<Delivery>& replaced) {
+    bool add(DeliveryKind kind, Delivery delivery, std::list<Delivery>& replaced) {
         const auto same = std::find_if(waiting_.begin(), waiting_.end(), [&](const Delivery& other) {
-            return delivery.kind != DeliveryKind::Each && other.step == delivery.step &&
-                   other.frame.run == delivery.frame.run;
+            return kind != DeliveryKind::Each && other.step == delivery.step && other.frame.run == delivery.frame.run;
         });
         const bool found = same != waiting_.end();
-        if (found && delivery.kind == DeliveryKind::First) return false;
+        if (found && kind == DeliveryKind::First) return false;
         if (found) replaced.splice(replaced.end(), waiting_, same);
         waiting_.push_back(std::move(delivery));
         return !found;

@@ -12,7 +12,7 @@ void Analyzer::State::deliver(DeliveryKind kind, Step step, const Frame& frame) 
     std::list<Deliveries<Frame, Step>::Delivery> replaced;  // outlives the lock
     {
         const std::lock_guard lock(mutex);
-        if (!deliveries.add({.kind = kind, .step = step, .frame = frame}, replaced)) return;
+        if (!deliveries.add(kind, {.step = step, .frame = frame}, replaced)) return;
     }
     const auto runFirst = [weak = weak_from_this()] {
         const auto self = weak.lock();

@@ -14,13 +14,17 @@ namespace selvio {
 /// Images in arrival order, newest last. Every operation may be called on any thread.
 class FrameHistory {
 public:
-    /// Appends an image and then removes the oldest ones until no more than `limit` are left.
+    /// Removes the oldest images until there is room for another one within `limit`, and appends it.
     void append(Image image, std::size_t limit) {
-        std::vector<Image> dropped;  // outlives the lock: the pixels may be a host's, and their end its own code
-        const std::lock_guard lock(mutex_);
-        if (closed_) return;
-        images_.push_back(std::move(image));
-        for (; images_.size() > limit; images_.pop_front()) dropped.push_back(std::move(images_.front()));
+        std::unique_lock lock(mutex_);
+        while (!closed_ && images_.size() >= limit) {
+            std::optional<Image> oldest(std::move(images_.front()));
+            images_.pop_front();
+            lock.unlock();
+            oldest.reset();  // the pixels may be a host's, and their end its own code
+            lock.lock();
+        }
+        if (!closed_) images_.push_back(std::move(image));
     }
 
     [[nodiscard]] std::optional<Image> oldest() const {
