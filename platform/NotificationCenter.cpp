@@ -37,15 +37,13 @@ void NotificationCenter::post(ApplicationNotification notification) {
         const std::lock_guard lock(mutex_);
         std::copy_if(entries_.begin(), entries_.end(), std::back_inserter(observers), observe);
     }
-    for (const Entry& observer : observers) {
-        {
-            const std::lock_guard lock(mutex_);  // a handler may have removed the others
-            if (std::none_of(entries_.begin(), entries_.end(),
-                             [&](const Entry& entry) { return observe(entry) && entry.observer == observer.observer; }))
-                continue;
-        }
-        observer.handler();
-    }
+    const auto isStillThere = [&](Observer observer) {  // a handler may have removed the others
+        const std::lock_guard lock(mutex_);
+        return std::any_of(entries_.begin(), entries_.end(),
+                           [&](const Entry& entry) { return observe(entry) && entry.observer == observer; });
+    };
+    for (const Entry& each : observers)
+        if (isStillThere(each.observer)) each.handler();
 }
 
 }  // namespace selvio

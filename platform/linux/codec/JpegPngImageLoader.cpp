@@ -37,7 +37,7 @@ Expected<File> openPicture(const std::string& path, std::size_t& length) {
     return file;
 }
 
-Expected<std::shared_ptr<PixelBuffer>> readPicture(const std::string& path) {
+Expected<std::shared_ptr<PixelBuffer>> readPicture(const std::string& path) try {
     std::size_t length = 0;
     const auto file = openPicture(path, length);
     if (!file) return file.error();
@@ -53,6 +53,8 @@ Expected<std::shared_ptr<PixelBuffer>> readPicture(const std::string& path) {
     Bytes bytes(length);
     if (std::fread(bytes.data(), 1, length, file.value().get()) != length) return Error{"cut short"};
     return decodeJpeg(bytes);
+} catch (const std::bad_alloc&) {
+    return Error{"not enough memory"};
 }
 
 /// The message stays one line whatever the name holds.
@@ -65,13 +67,7 @@ std::string withoutControlCharacters(std::string text) {
 }  // namespace
 
 Expected<std::shared_ptr<PixelBuffer>> JpegPngImageLoader::loadImage(const std::string& path) const {
-    auto picture = [&path]() -> Expected<std::shared_ptr<PixelBuffer>> {
-        try {
-            return readPicture(path);
-        } catch (const std::bad_alloc&) {
-            return Error{"not enough memory"};
-        }
-    }();
+    auto picture = readPicture(path);
     if (!picture) return Error{withoutControlCharacters(path + ": " + picture.error().localizedDescription)};
     return picture;
 }
