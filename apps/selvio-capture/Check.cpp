@@ -1,7 +1,6 @@
 // `check`: still images, judged by the same rules.
 #include "Batch.h"
 #include "Commands.h"
-#include "Record.h"
 #include "RunOutput.h"
 
 #include <SelvioFacialCapture/linux/LinuxPlatform.h>

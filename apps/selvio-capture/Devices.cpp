@@ -1,6 +1,5 @@
 // `devices`: what there is to capture with.
 #include "Commands.h"
-#include "Record.h"
 #include "RunOutput.h"
 #include "Source.h"
 #include "Texts.h"

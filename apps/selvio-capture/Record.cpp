@@ -88,13 +88,7 @@ std::string textOfEvent(const std::string& code, Language language) {
 }
 
 std::string printable(const json& value) {
-    std::string text = value.is_string() ? value.get<std::string>() : value.dump();
-    std::ranges::replace_if(
-        text, [](unsigned char c) { return c < 0x20 || c == 0x7F; }, '?');
-    // U+0080 to U+009F, in UTF-8.
-    for (auto at = text.find('\xC2'); at != std::string::npos; at = text.find('\xC2', at + 1))
-        if (at + 1 < text.size() && (text[at + 1] & 0xE0) == 0x80) text.replace(at, 2, "?");
-    return text;
+    return printable(value.is_string() ? value.get<std::string>() : value.dump());
 }
 
 }  // namespace selvio::app

@@ -37,7 +37,7 @@ struct RecordedEvent {
 /// What an event's code means; empty for an unknown one.
 [[nodiscard]] std::string textOfEvent(const std::string& code, Language language);
 
-/// A value from a stranger's file in one line, without what would steer a terminal.
+/// A value from a stranger's file.
 [[nodiscard]] std::string printable(const nlohmann::json& value);
 
 }  // namespace selvio::app

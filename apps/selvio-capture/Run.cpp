@@ -137,12 +137,7 @@ ExitCode perform(const RunOptions& options) {
     const std::string mark = options.parameters->cameraParameters()->showRecordingUI() ? "[REC] " : "";
     const auto output = options.json ? makeJsonOutput(std::cout)
                                      : makePersonOutput(std::cout, ::isatty(STDOUT_FILENO) == 1, language, mark);
-    const auto where = text(Phrase::Source, language) + ": " + source.description;
-    if (options.json) {
-        complain(where);
-    } else {
-        output->message(where);
-    }
+    output->message(text(Phrase::Source, language) + ": " + source.description);
 
     std::unique_ptr<ViewWindow> window;
     if (options.preview.value_or(::isatty(STDOUT_FILENO) == 1)) {

@@ -20,7 +20,7 @@ public:
         stream_ << line.dump() << std::endl;  // whoever reads along gets the line now
     }
     void countdown(std::int64_t, bool) override {}
-    void message(const std::string&) override {}
+    void message(const std::string& text) override { complain(text); }
 
 private:
     std::ostream& stream_;

@@ -34,7 +34,7 @@ public:
     virtual void endLine() {}
 };
 
-/// One JSON object a line for every event; nothing else.
+/// One JSON object a line for every event; nothing else. Messages go to standard error.
 [[nodiscard]] std::unique_ptr<RunOutput> makeJsonOutput(std::ostream& stream);
 
 /// Guidance in one line that changes; where the stream is no terminal, a line whenever the text changes.

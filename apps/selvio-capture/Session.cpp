@@ -41,8 +41,7 @@ Session::Session(Platform platform, const RunOptions& options, const Source& sou
       language_(language),
       ended_(std::move(ended)),
       resumeTime_(platform_.clock->monotonicTime()),
-      frames_(std::make_shared<FrameWatch>(resumeTime_)),
-      attended_(options.attended) {
+      frames_(std::make_shared<FrameWatch>(resumeTime_)) {
     makeCountdown();
 }
 
@@ -134,12 +133,15 @@ void Session::interrupted() {
 }
 
 void Session::entered() {
-    if (!resumed_) enteredEarly_ = true;  // starting forgets what was selected before
-    if (resumed_ && !ending_) analyzer_->selectFrame();
+    if (!resumed_) {
+        enteredEarly_ = true;  // starting forgets what was selected before
+    } else if (!ending_) {
+        analyzer_->selectFrame();
+    }
 }
 
 void Session::becomeUnattended() {
-    attended_ = false;
+    options_.attended = false;
 }
 
 bool Session::setPaused(bool paused) {
@@ -183,7 +185,8 @@ void Session::timedOut(const std::uint64_t& timeout) {
 
 /// In manual mode without a terminal or a window nobody can press a key.
 bool Session::takesFirstGoodFace() const {
-    return options_.parameters->mode() == SelvioFacialCaptureModeManual && !attended_ && ::isatty(STDIN_FILENO) == 0;
+    return options_.parameters->mode() == SelvioFacialCaptureModeManual && !options_.attended &&
+           ::isatty(STDIN_FILENO) == 0;
 }
 
 void Session::detectionResults(const Results& results) {
@@ -235,7 +238,7 @@ void Session::cancel(ExitCode code, const std::string& why) {
     if (code == ExitCode::NoCamera) {
         complain(why);
     } else {
-        say(why);
+        output_.message(why);
     }
     analyzer_->cancel();
     end(code);
@@ -324,16 +327,8 @@ void Session::complain(const std::string& text) {
     app::complain(text);
 }
 
-void Session::say(const std::string& text) {
-    if (options_.json) {
-        complain(text);
-    } else {
-        output_.message(text);
-    }
-}
-
 void Session::write(const char* name, Phrase what, std::string_view bytes) {
-    if (!attended_ || options_.accept) return store(name, what, bytes);
+    if (!options_.attended || options_.accept) return store(name, what, bytes);
     held_.push_back({name, what, std::string(bytes)});
 }
 

@@ -75,7 +75,6 @@ private:
 
     void report(const char* event, const Results& results);
     [[nodiscard]] bool isRecording() const;
-    void say(const std::string& text);
     void complain(const std::string& text);
     void write(const char* name, Phrase what, std::string_view bytes);
     void writeRecord(const Results& results, const Bytes& photograph);
@@ -96,7 +95,7 @@ private:
     }
 
     const Platform platform_;
-    const RunOptions options_;
+    RunOptions options_;
     const Source source_;
     RunOutput& output_;
     const Language language_;
@@ -118,7 +117,6 @@ private:
     };
     std::vector<Held> held_;
     std::uint64_t timeout_ = 0;  // counts the starts; the earlier ones do not count any more
-    bool attended_;
     bool resumed_ = false;
     bool enteredEarly_ = false;
     bool paused_ = false;

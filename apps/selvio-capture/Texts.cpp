@@ -87,6 +87,15 @@ void complain(const std::string& text) {
     std::cerr << "selvio-capture: " << text << std::endl;
 }
 
+std::string printable(std::string text) {
+    std::ranges::replace_if(
+        text, [](unsigned char c) { return c < 0x20 || c == 0x7F; }, '?');
+    // U+0080 to U+009F, in UTF-8.
+    for (auto at = text.find('\xC2'); at != std::string::npos; at = text.find('\xC2', at + 1))
+        if (at + 1 < text.size() && (text[at + 1] & 0xE0) == 0x80) text.replace(at, 2, "?");
+    return text;
+}
+
 std::string joined(const std::vector<std::string>& words, const std::string& separator) {
     std::string all;
     for (const auto& word : words) all += (&word == words.data() ? "" : separator) + word;

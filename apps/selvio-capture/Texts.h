@@ -43,6 +43,9 @@ enum class Phrase {
 /// One line on standard error, under the program's name.
 void complain(const std::string& text);
 
+/// A stranger's text in one line, without what would steer a terminal.
+[[nodiscard]] std::string printable(std::string text);
+
 [[nodiscard]] std::string joined(const std::vector<std::string>& words, const std::string& separator);
 
 /// The text with other words for some of its characters.

@@ -167,8 +167,8 @@ void ViewWindow::review() {
     for (const BlurView& cover : view_->subviews()) view_->removeSubviewWithTag(cover.tag);
     view_->showPhotograph(photograph_);
     view_->showText(text(Phrase::Review, language_));
-    MainQueue::shared()->asyncAfter(kFirstLook, [this, mine = ++reviews_] {
-        if (mine == reviews_ && stage_ == Stage::Reviewing && !displayGone_) offerPhotograph();
+    MainQueue::shared()->asyncAfter(kFirstLook, [this, shown = photograph_] {
+        if (shown == photograph_ && stage_ == Stage::Reviewing && !displayGone_) offerPhotograph();
     });
 }
 
@@ -210,11 +210,7 @@ void ViewWindow::cancel() {
 }
 
 void ViewWindow::dropPhotograph() {
-    if (options_.json) {
-        complain(text(Phrase::Cancelled, language_));
-    } else {
-        terminal_.message(text(Phrase::Cancelled, language_));
-    }
+    terminal_.message(text(Phrase::Cancelled, language_));
     session_->keep(true);
     end(session_->exitCode() == ExitCode::Success ? ExitCode::NotCaptured : session_->exitCode());
 }

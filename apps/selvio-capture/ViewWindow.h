@@ -74,7 +74,6 @@ private:
     BeginSession beginSession_;
     std::shared_ptr<Session> session_;
     Bitmap photograph_;  // of the capture; null if it took none
-    std::uint64_t reviews_ = 0;
     unsigned heldKey_ = 0;
     std::chrono::steady_clock::time_point heldKeyTime_;
     Stage stage_ = Stage::Capturing;
