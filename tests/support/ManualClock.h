@@ -9,15 +9,16 @@
 
 namespace selvio {
 
-class ManualClock : public Clock {
+class ManualClock final : public Clock {
 public:
     double secondsSinceReferenceDate() const override { return std::chrono::duration<double>(monotonicTime()).count(); }
     std::chrono::nanoseconds monotonicTime() const override {
+        const std::chrono::nanoseconds told(now_.load());  // late, if the call turns the hands
         if (callBack && !std::exchange(calling_, true)) {
             callBack();
             calling_ = false;
         }
-        return std::chrono::nanoseconds(now_.load());
+        return told;
     }
     void advance(std::chrono::nanoseconds time) { now_ += time.count(); }
 

@@ -54,28 +54,19 @@ TEST(UxpEvents, TimesAreWholeMillisecondsSinceTheLastClear) {
 }
 
 TEST(UxpEvents, TimesDoNotRunBackwardsWhenAnotherThreadLogsMeanwhile) {
-    struct SlowClock : ManualClock {
-        double secondsSinceReferenceDate() const override {
-            const double told = ManualClock::secondsSinceReferenceDate();
-            if (meanwhile) std::exchange(meanwhile, nullptr)();
-            return told;
-        }
-        mutable std::function<void()> meanwhile;
-    };
-    const auto clock = std::make_shared<SlowClock>();
+    const auto clock = std::make_shared<ManualClock>();
     const auto manager = Manager::init(clock);
-    clock->meanwhile = [&] {
-        clock->advance(std::chrono::milliseconds(3));
-        manager->addEvent(event(2));
+    const auto logMeanwhile = [&](const std::function<void()>& other) {
+        clock->callBack = [&, over = false]() mutable {
+            if (std::exchange(over, true)) return;
+            clock->advance(std::chrono::milliseconds(3));
+            other();
+        };
+        manager->addEvent(event(9));
+        return manager->events().dump();
     };
-    manager->addEvent(event(9));
-    EXPECT_EQ(manager->events().dump(), R"([{"IS":[3]},{"FENF":[3]}])");
-    clock->meanwhile = [&] {
-        clock->advance(std::chrono::milliseconds(3));
-        manager->clear();
-    };
-    manager->addEvent(event(9));
-    EXPECT_EQ(manager->events().dump(), R"([{"FENF":[0]}])");
+    EXPECT_EQ(logMeanwhile([&] { manager->addEvent(event(2)); }), R"([{"IS":[3]},{"FENF":[3]}])");
+    EXPECT_EQ(logMeanwhile([&] { manager->clear(); }), R"([{"FENF":[0]}])");
 }
 
 // While it does so, the clock calls every operation, and destroys the shared log.
