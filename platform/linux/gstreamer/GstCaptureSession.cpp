@@ -289,7 +289,8 @@ std::optional<Error> GstCaptureSession::openMicrophone(const Plan& plan, const s
     return std::nullopt;
 }
 
-// Any thread. The pipelines are taken down by the next start or stop; a thread of theirs cannot do it.
+// Any thread, the pipelines' own too, which can neither take them down nor wait for who does: the next start or stop
+// does it, or the control queue, which also says why.
 void GstCaptureSession::fail(std::uint64_t run, const std::string& reason) {
     {
         const std::lock_guard lock(openingMutex_);
@@ -299,9 +300,8 @@ void GstCaptureSession::fail(std::uint64_t run, const std::string& reason) {
         if (state_ == State::Opening) return;  // starting reports it
         state_ = State::Stopped;
     }
-    log("Capture: stopped: " + reason);
-    control_.async([weak = weak_from_this()] {
-        const auto self = weak.lock();
+    control_.async([self = weak_from_this().lock(), reason] {
+        log("Capture: stopped: " + reason);
         if (!self) return;
         const std::lock_guard lifecycle(self->lifecycle_);
         if (!self->isRunning()) self->closePipelines();
