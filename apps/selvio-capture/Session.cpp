@@ -259,7 +259,7 @@ void Session::end(ExitCode code) {
 void Session::giveUpEnding() {
     if (complete_) return;
     complain("the camera does not end");
-    keep(true);
+    keep(options_.attended && !options_.accept);
     platform_.notificationCenter->post(ApplicationNotification::WillTerminate);
     std::cout.flush();
     std::_Exit(static_cast<int>(exitCode_ == ExitCode::Success ? ExitCode::Other : exitCode_));
@@ -328,7 +328,7 @@ void Session::complain(const std::string& text) {
 }
 
 void Session::write(const char* name, Phrase what, std::string_view bytes) {
-    if (!options_.attended || options_.accept) return store(name, what, bytes);
+    if (!options_.attended) return store(name, what, bytes);
     held_.push_back({name, what, std::string(bytes)});
 }
 

@@ -38,8 +38,8 @@ public:
     /// Stops judging, or starts anew with the whole time; the camera goes on. False where that cannot be: before the
     /// camera runs, after the end, or when it is so already.
     bool setPaused(bool paused);
-    /// Writes the results that were held back for a person who sees the photograph first: all, or the record alone.
-    /// Once, after the end. If that fails it is the exit code's reason, whatever it was before.
+    /// Writes the results that are held back while a person may still ask for another photograph: all, or the record
+    /// alone. Once, after the end. If that fails it is the exit code's reason, whatever it was before.
     void keep(bool recordOnly = false);
     [[nodiscard]] ExitCode exitCode() const { return exitCode_; }
 
