@@ -220,7 +220,7 @@ int main(int argc, char** argv) {
             ->UseRealTime()
             ->Unit(benchmark::kMillisecond);
     }
-    if (kCamera != nullptr) {
+    if (kCamera) {
         addLong("camera", BM_camera);
         addLong("camera_bare", BM_camera_bare);
     }

@@ -19,7 +19,7 @@ std::shared_ptr<SelvioFacialCaptureAnalyzerDelegate> delegateFor(const HostCallb
     auto delegate = std::make_shared<SelvioFacialCaptureAnalyzerDelegate>();
     const auto forward = [&host](void (*selvio_analyzer_callbacks::*member)(void*, const selvio_results*)) {
         std::function<void(const Results&)> call;
-        if (host->members.*member != nullptr) {
+        if (host->members.*member) {
             call = [host, member](const Results& results) {
                 const selvio_results handle{results};
                 host->call(member, &handle);
@@ -30,7 +30,7 @@ std::shared_ptr<SelvioFacialCaptureAnalyzerDelegate> delegateFor(const HostCallb
     delegate->detectionResults = forward(&selvio_analyzer_callbacks::detection_results);
     delegate->detectionSuccess = forward(&selvio_analyzer_callbacks::detection_success);
     delegate->detectionCancelled = forward(&selvio_analyzer_callbacks::detection_cancelled);
-    if (host->members.start_countdown != nullptr)
+    if (host->members.start_countdown)
         delegate->startCountdown = [host] { host->call(&selvio_analyzer_callbacks::start_countdown); };
     return delegate;
 }
@@ -60,7 +60,7 @@ selvio_analyzer* selvio_analyzer_create(selvio_platform* platform, selvio_parame
 
 void selvio_analyzer_destroy(selvio_analyzer* analyzer) {
     guarded(nullptr, [&] {
-        if (analyzer == nullptr) return;
+        if (!analyzer) return;
         setCallbacks(*analyzer, nullptr);
         delete analyzer;
     });

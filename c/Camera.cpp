@@ -73,7 +73,7 @@ selvio_camera* selvio_camera_create(selvio_platform* platform, const selvio_para
                                     const selvio_camera_options* options, char** error) {
     return guarded(error, [&] {
         const selvio::Platform& ports = required(platform, "platform").ports;
-        const selvio_camera_options& chosen = options != nullptr ? *options : kDefaultOptions;
+        const selvio_camera_options& chosen = options ? *options : kDefaultOptions;
         check(chosen);
         const selvio::Size screen = ports.screen->bounds();
         auto camera = std::make_unique<selvio_camera>();
@@ -82,7 +82,7 @@ selvio_camera* selvio_camera_create(selvio_platform* platform, const selvio_para
             selvio::CaptureDevicePosition{chosen.position}, {0, 0, screen.width, screen.height}, ports);
         camera->object->setAnalyzeRGBVideo(chosen.pixel_format == SELVIO_PIXEL_FORMAT_BGRA);
         camera->object->setDetectPDF417(chosen.detect_barcodes);
-        if (parameters != nullptr) camera->object->setParameters(parameters->object->cameraParameters());
+        if (parameters) camera->object->setParameters(parameters->object->cameraParameters());
         return camera.release();
     });
 }
@@ -100,7 +100,7 @@ void selvio_camera_destroy(selvio_camera* camera) {
 bool selvio_camera_set_analyzer(selvio_camera* camera, selvio_analyzer* analyzer, char** error) {
     return guarded(error, [&] {
         Route& route = *required(camera, "camera").route;
-        route.mutex.set(route.analyzer, analyzer != nullptr ? analyzer->object : nullptr);
+        route.mutex.set(route.analyzer, analyzer ? analyzer->object : nullptr);
     });
 }
 
@@ -108,7 +108,7 @@ bool selvio_camera_configure(selvio_camera* camera, const selvio_camera_callback
     return guarded(error, [&] {
         selvio_camera& on = required(camera, "camera");
         if (on.configuring.exchange(true)) throw Failure("the camera has been configured already");
-        if (callbacks != nullptr) on.callbacks->members = *callbacks;
+        if (callbacks) on.callbacks->members = *callbacks;
         on.delegate = delegateFor(on.callbacks, on.route);
         on.object->setDelegate(on.delegate);
     });

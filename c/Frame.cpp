@@ -59,7 +59,7 @@ selvio_frame* selvio_frame_wrap(const selvio_pixels* pixels, void (*release)(voi
         // After a failure the memory is still the host's.
         const auto owned = std::make_shared<std::atomic<bool>>(false);
         auto* const frame = makeFrame(wrap(required(pixels, "pixels"), [owned, release, user] {
-            if (release != nullptr && *owned) release(user);
+            if (release && *owned) release(user);
         }));
         *owned = true;
         return frame;

@@ -61,7 +61,7 @@ double selvio_main_queue_seconds_until_next() {
 bool selvio_main_queue_call_after(double seconds, void (*callback)(void* user), void* user, char** error) {
     return guarded(error, [&] {
         if (!(seconds >= 0 && seconds <= kLongestDelay)) throw Failure("a delay is 0 to 1000000 seconds");
-        if (callback == nullptr) throw Failure("callback is NULL");
+        if (!callback) throw Failure("callback is NULL");
         const auto delay = std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(seconds));
         MainQueue::shared()->asyncAfter(delay, [callback, user] { callback(user); });
     });
@@ -71,7 +71,7 @@ bool selvio_main_queue_set_wake_up(void (*callback)(void* user), void* user, cha
     static Replaceable<WakeUp> inForce;
     return guarded(error, [&] {
         const WakeUp wakeUp{user, callback};
-        inForce.replace(callback != nullptr ? &wakeUp : nullptr, [](const Replaceable<WakeUp>::Shared& next) {
+        inForce.replace(callback ? &wakeUp : nullptr, [](const Replaceable<WakeUp>::Shared& next) {
             MainQueue::shared()->setWakeUpHook(next ? [next] { next->call(&WakeUp::wake); } : std::function<void()>());
         });
     });

@@ -40,8 +40,8 @@ selvio_platform* selvio_platform_create_linux(char** error) {
 selvio_platform* selvio_platform_create_simulated(const char* photograph, const char* script, char** error) {
     return guarded(error, [&] {
         auto platform = makeLinux();
-        const auto photographPath = photograph != nullptr ? photograph : sample("astronaut.jpg");
-        const auto scriptPath = script != nullptr ? script : sample("scripts/demo.json");
+        const auto photographPath = photograph ? photograph : sample("astronaut.jpg");
+        const auto scriptPath = script ? script : sample("scripts/demo.json");
         const auto picture = valueOf(platform->ports.imageLoader->loadImage(photographPath.string()));
         const auto geometry = valueOf(selvio::FaceGeometry::load(selvio::FaceGeometry::pathBeside(photographPath)));
         const auto frames =

@@ -137,8 +137,7 @@ selvio_results* selvio_judge(selvio_platform* platform, const selvio_parameters*
     return guarded(error, [&] {
         const selvio::Platform& ports = required(platform, "platform").ports;
         const auto& pixels = required(frame, "frame").object->imageBuffer();
-        const auto limits =
-            parameters != nullptr ? selvio::rules::limitsOf(*parameters->object) : selvio::rules::FaceLimits();
+        const auto limits = parameters ? selvio::rules::limitsOf(*parameters->object) : selvio::rules::FaceLimits();
         const auto answer = selvio::rules::judgePicture(pixels, *ports.makeSequenceRequestHandler(), limits);
         if (!answer) throw Failure(answer.error().localizedDescription);
         const auto& judged = answer.value();

@@ -16,7 +16,7 @@ namespace {
 char* duplicate(const char* text) noexcept {
     const std::size_t size = std::strlen(text) + 1;
     auto* const copy = static_cast<char*>(std::malloc(size));
-    return copy != nullptr ? static_cast<char*>(std::memcpy(copy, text, size)) : nullptr;
+    return copy ? static_cast<char*>(std::memcpy(copy, text, size)) : nullptr;
 }
 
 struct LogReceiver {
@@ -27,7 +27,7 @@ struct LogReceiver {
 }  // namespace
 
 void reportException(char** error) noexcept {
-    if (error == nullptr) return;
+    if (!error) return;
     try {
         throw;
     } catch (const std::exception& exception) {
@@ -39,7 +39,7 @@ void reportException(char** error) noexcept {
 
 void* copyForCaller(const void* bytes, std::size_t size) {
     void* const copy = std::malloc(std::max<std::size_t>(size, 1));
-    if (copy == nullptr) throw std::bad_alloc();
+    if (!copy) throw std::bad_alloc();
     return std::memcpy(copy, bytes, size);
 }
 
@@ -60,7 +60,7 @@ bool selvio_set_log_callback(selvio_log_callback callback, void* user, char** er
     static Replaceable<LogReceiver> inForce;
     return guarded(error, [&] {
         const LogReceiver receiver{user, callback};
-        inForce.replace(callback != nullptr ? &receiver : nullptr, [](const Replaceable<LogReceiver>::Shared& next) {
+        inForce.replace(callback ? &receiver : nullptr, [](const Replaceable<LogReceiver>::Shared& next) {
             if (!next) return (void)selvio::setLogSink({});
             selvio::setLogSink(
                 [next](std::string_view message) { next->call(&LogReceiver::receive, std::string(message).c_str()); });

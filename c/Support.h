@@ -31,7 +31,7 @@ void reportException(char** error) noexcept;
 /// Runs the body of a function: what it throws becomes the error text, and the result is then `failed`.
 template <typename Result, typename Body>
 Result guardedOr(Result failed, char** error, const Body& body) noexcept {
-    if (error != nullptr) *error = nullptr;
+    if (error) *error = nullptr;
     try {
         return body();
     } catch (...) {
@@ -53,7 +53,7 @@ auto guarded(char** error, const Body& body) noexcept {
 /// What an argument points to; `name` says which one it is.
 template <typename T>
 T& required(T* pointer, const char* name) {
-    if (pointer == nullptr) throw Failure(std::string(name) + " is NULL");
+    if (!pointer) throw Failure(std::string(name) + " is NULL");
     return *pointer;
 }
 
@@ -88,7 +88,7 @@ public:
     /// `install` gets what is to be called from now on: null for nothing. Then the former callbacks end.
     template <typename Install>
     void replace(const Struct* next, const Install& install) {
-        auto callbacks = next != nullptr ? std::make_shared<Callbacks<Struct>>() : nullptr;
+        auto callbacks = next ? std::make_shared<Callbacks<Struct>>() : nullptr;
         if (callbacks) callbacks->members = *next;
         {
             const std::lock_guard lock(mutex_);

@@ -140,6 +140,6 @@ std::map<std::string, std::string> SelvioFacialCaptureParameters::toDictionary()
         {"RecordVideo", flag(camera != nullptr && camera->recordVideo())},
         {"RecordAudio", flag(camera != nullptr && camera->recordAudio())},
         {"ShowRecordingUI", flag(camera != nullptr && camera->showRecordingUI())},
-        {"VideoQuality", std::to_string(camera != nullptr ? camera->videoQuality() : 0)},
+        {"VideoQuality", std::to_string(camera ? camera->videoQuality() : 0)},
     };
 }

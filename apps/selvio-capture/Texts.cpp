@@ -64,7 +64,7 @@ constexpr std::array<PhraseText, 16> kPhrases{{
 Language languageOfLocale() {
     for (const char* name : {"LC_ALL", "LC_MESSAGES", "LANG"}) {
         const char* value = std::getenv(name);
-        if (value == nullptr || *value == '\0') continue;
+        if (!value || *value == '\0') continue;
         const std::string_view locale(value);
         const auto language = locale.substr(0, locale.find_first_of("_.@"));
         return language == "de" ? Language::German : Language::English;

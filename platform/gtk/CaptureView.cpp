@@ -349,7 +349,7 @@ void GtkCaptureView::State::allocateCountdown() {
     gtk_widget_get_preferred_size(countdown, nullptr, &size);
     ringRadius = std::hypot(size.width, size.height) / 2 + 6;
     double end = area.y + area.height;
-    if (gtk_widget_get_visible(actions) && gtk_widget_get_first_child(actions) != nullptr)
+    if (gtk_widget_get_visible(actions) && gtk_widget_get_first_child(actions))
         end -= gtk_widget_get_allocated_height(actions);
     const FaceOval oval = this->oval();
     const double ovalEnd = area.y + (oval.middle.y + oval.below) * area.width / screen.width;
@@ -365,7 +365,7 @@ void GtkCaptureView::State::allocateCountdown() {
 void GtkCaptureView::State::snapshot(GtkSnapshot* snapshot) {
     const graphene_rect_t bounds{{static_cast<float>(area.x), static_cast<float>(area.y)},
                                  {static_cast<float>(area.width), static_cast<float>(area.height)}};
-    if (texture != nullptr) gtk_snapshot_append_texture(snapshot, texture, &bounds);
+    if (texture) gtk_snapshot_append_texture(snapshot, texture, &bounds);
     if (covered && !textureUnreadable) {
         const GdkRGBA grey{0.75F, 0.75F, 0.75F, 1.0F};
         gtk_snapshot_append_color(snapshot, &grey, &bounds);
@@ -453,7 +453,7 @@ void GtkCaptureView::State::drawRing(cairo_t* cairo) const {
 
 void GtkCaptureView::State::takePicture() {
     const auto picture = feed->take();
-    if (widget == nullptr || !picture.pixels) return;
+    if (!widget || !picture.pixels) return;
     g_clear_object(&texture);
     texture = textureOf(picture.pixels);
     textureUnreadable = picture.unreadable;
@@ -478,7 +478,7 @@ void GtkCaptureView::State::endCountdown() {
 void GtkCaptureView::State::cover(bool on) {
     covered = on;
     feed->setUnreadable(on);
-    if (widget != nullptr) gtk_widget_queue_draw(widget);
+    if (widget) gtk_widget_queue_draw(widget);
 }
 
 void GtkCaptureView::State::followActivity() {
@@ -519,7 +519,7 @@ GtkCaptureView::GtkCaptureView(std::shared_ptr<State> state) : PlainView(state->
 
 GtkCaptureView::~GtkCaptureView() {
     GtkWidget* const widget = state_->widget;
-    if (widget == nullptr) return;
+    if (!widget) return;
     if (std::this_thread::get_id() == state_->thread) {
         g_object_unref(widget);
     } else {  // a camera's thread, say
@@ -539,7 +539,7 @@ void GtkCaptureView::showFrame(const std::shared_ptr<SampleBuffer>& frame) {
 }
 
 void GtkCaptureView::showResults(const SelvioFacialCaptureResults& results) {
-    if (state_->widget == nullptr) return;
+    if (!state_->widget) return;
     const auto status = results.highestPriorityStatus();
     if (status != SelvioFacialCaptureStatusCountdown) state_->endCountdown();
     const auto key = SelvioFacialCaptureResults::localizeKeyFrom(status).value_or("");
@@ -552,7 +552,7 @@ void GtkCaptureView::showResults(const SelvioFacialCaptureResults& results) {
 }
 
 void GtkCaptureView::showText(const std::string& text) {
-    if (state_->widget == nullptr) return;
+    if (!state_->widget) return;
     state_->endCountdown();
     state_->setText(text);
     state_->setStyle(kWaiting);
@@ -560,7 +560,7 @@ void GtkCaptureView::showText(const std::string& text) {
 }
 
 void GtkCaptureView::showCountdown(std::int64_t secondsLeft, std::int64_t seconds) {
-    if (state_->widget == nullptr) return;
+    if (!state_->widget) return;
     if (secondsLeft <= 0) return state_->endCountdown();
     state_->secondsLeft = secondsLeft;
     state_->seconds = std::max(secondsLeft, seconds);
@@ -571,11 +571,11 @@ void GtkCaptureView::showCountdown(std::int64_t secondsLeft, std::int64_t second
 }
 
 void GtkCaptureView::setRecording(bool recording) {
-    if (state_->widget != nullptr) gtk_widget_set_visible(state_->recordingMark, recording ? TRUE : FALSE);
+    if (state_->widget) gtk_widget_set_visible(state_->recordingMark, recording ? TRUE : FALSE);
 }
 
 void GtkCaptureView::showPhotograph(Bitmap photograph) {
-    if (state_->widget == nullptr) return;
+    if (!state_->widget) return;
     state_->endCountdown();
     state_->still = photograph != nullptr;
     state_->feed->showStill(std::move(photograph));
@@ -583,7 +583,7 @@ void GtkCaptureView::showPhotograph(Bitmap photograph) {
 }
 
 void GtkCaptureView::setActions(const std::vector<GtkCaptureViewAction>& actions) {
-    if (state_->widget == nullptr) return;
+    if (!state_->widget) return;
     GtkBox* const box = GTK_BOX(state_->actions);
     while (GtkWidget* const former = gtk_widget_get_first_child(state_->actions)) gtk_box_remove(box, former);
     for (const auto& action : actions) {

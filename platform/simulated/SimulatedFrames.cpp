@@ -494,7 +494,7 @@ bool SimulatedFrames::render(nanoseconds time, PixelBuffer& frame) const {
 
 std::shared_ptr<PixelBuffer> SimulatedFrames::frame(nanoseconds time, int width, int height, PixelFormat format) const {
     auto buffer = PixelBuffer::create(width, height, format);
-    return buffer != nullptr && render(time, *buffer) ? buffer : nullptr;
+    return buffer && render(time, *buffer) ? buffer : nullptr;
 }
 
 }  // namespace selvio

@@ -92,7 +92,7 @@ public:
     /// Null for a session of another capture system, too.
     [[nodiscard]] std::shared_ptr<CaptureConnection> connection() const override {
         const auto simulated = std::dynamic_pointer_cast<SimulatedSession>(session());
-        return simulated == nullptr ? nullptr : simulated->previewConnection();
+        return simulated ? simulated->previewConnection() : nullptr;
     }
     /// The bounds scaled to the layer's size.
     [[nodiscard]] MetadataObject transformedMetadataObject(const MetadataObject& object) const override {

@@ -112,7 +112,7 @@ void removeLeftovers(const fs::path& parent) {
 std::pair<fs::path, int> makeOwnDirectory(const fs::path& parent, std::error_code& error) {
     for (;;) {
         std::string path = (parent / kOwnPrefix).string() + "XXXXXX";
-        if (mkdtemp(path.data()) == nullptr) {
+        if (!mkdtemp(path.data())) {
             error = lastError();
             return {fs::path(), -1};
         }

@@ -51,7 +51,7 @@ void removeQuietly(const fs::path& path) {
 
 void set(GstElement* element, const std::string& property, const std::string& value) {
     // Encoders differ between versions; a setting that one does not know is not worth a failure.
-    if (g_object_class_find_property(G_OBJECT_GET_CLASS(element), property.c_str()) == nullptr) return;
+    if (!g_object_class_find_property(G_OBJECT_GET_CLASS(element), property.c_str())) return;
     gst_util_set_object_arg(G_OBJECT(element), property.c_str(), value.c_str());
 }
 
@@ -84,7 +84,7 @@ std::string reasonOf(GstMessage* message) {
     g_autoptr(GError) error = nullptr;
     g_autofree char* details = nullptr;
     gst_message_parse_error(message, &error, &details);
-    const std::string text = details != nullptr ? details : "";
+    const std::string text = details ? details : "";
     if (g_error_matches(error, GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_NO_SPACE_LEFT))
         return "no space is left on the disk";
     const bool isWriteError = g_error_matches(error, GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_WRITE);

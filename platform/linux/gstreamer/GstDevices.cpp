@@ -21,8 +21,8 @@ namespace {
 namespace fs = std::filesystem;
 
 std::string textOf(const GstStructure* structure, const char* field) {
-    const char* const text = structure != nullptr ? gst_structure_get_string(structure, field) : nullptr;
-    return text != nullptr ? text : "";
+    const char* const text = structure ? gst_structure_get_string(structure, field) : nullptr;
+    return text ? text : "";
 }
 
 // The value itself, or those of a list; none for null.
@@ -91,7 +91,7 @@ std::vector<CameraMode> modesOf(const GstCaps* caps) {
 // An element that was made, or what could not be.
 Expected<GstElement*> opened(GstElement* source, const std::string& name) {
     if (!source) return Error{"\"" + name + "\" could not be opened"};
-    if (g_object_class_find_property(G_OBJECT_GET_CLASS(source), "do-timestamp") != nullptr)
+    if (g_object_class_find_property(G_OBJECT_GET_CLASS(source), "do-timestamp"))
         g_object_set(source, "do-timestamp", TRUE, nullptr);
     return source;
 }
@@ -145,14 +145,13 @@ std::vector<DeviceDescription> providedDevices(MediaType mediaType) {
     std::vector<DeviceDescription> found;
     GList* const factories = g_list_sort(gst_device_provider_factory_list_get_device_providers(GST_RANK_MARGINAL),
                                          gst_plugin_feature_rank_compare_func);
-    for (GList* item = factories; item != nullptr && (mediaType == MediaType::Video || found.empty());
-         item = item->next) {
+    for (GList* item = factories; item && (mediaType == MediaType::Video || found.empty()); item = item->next) {
         auto* const factory = GST_DEVICE_PROVIDER_FACTORY(item->data);
         const bool isPipeWire = std::strcmp(GST_OBJECT_NAME(factory), "pipewiredeviceprovider") == 0;
         if (isPipeWire || gst_device_provider_factory_has_classes(factory, wanted) == FALSE) continue;
         const GstPtr<GstDeviceProvider> provider(gst_device_provider_factory_get(factory));
         GList* const devices = provider ? gst_device_provider_get_devices(provider.get()) : nullptr;
-        for (GList* device = devices; device != nullptr; device = device->next) {
+        for (GList* device = devices; device; device = device->next) {
             const GstPtr<GstStructure> properties(gst_device_get_properties(GST_DEVICE(device->data)));
             const bool isMonitor = textOf(properties.get(), "device.class") == "monitor";  // of a loudspeaker
             if (gst_device_has_classes(GST_DEVICE(device->data), wanted) != FALSE && !isMonitor)
@@ -191,10 +190,9 @@ std::optional<DeviceDescription> describeFile(const fs::path& path) {
     g_autoptr(GstDiscoverer) discoverer = gst_discoverer_new(5 * GST_SECOND, nullptr);
     if (!uri || !discoverer) return std::nullopt;
     g_autoptr(GstDiscovererInfo) info = gst_discoverer_discover_uri(discoverer, uri, &error);
-    GList* const streams = info != nullptr ? gst_discoverer_info_get_video_streams(info) : nullptr;
+    GList* const streams = info ? gst_discoverer_info_get_video_streams(info) : nullptr;
     if (!streams) {
-        log("Capture: \"" + path.string() +
-            "\" cannot be played: " + (error != nullptr ? error->message : "it holds no video"));
+        log("Capture: \"" + path.string() + "\" cannot be played: " + (error ? error->message : "it holds no video"));
         return std::nullopt;
     }
     auto* const video = GST_DISCOVERER_VIDEO_INFO(streams->data);
@@ -206,7 +204,7 @@ std::optional<DeviceDescription> describeFile(const fs::path& path) {
     const GstTagList* const tags = gst_discoverer_stream_info_get_tags(GST_DISCOVERER_STREAM_INFO(video));
     g_autofree char* turned = nullptr;
     if (tags) gst_tag_list_get_string(tags, GST_TAG_IMAGE_ORIENTATION, &turned);
-    const std::string turn = turned != nullptr ? turned : "";
+    const std::string turn = turned ? turned : "";
     if (turn.find("90") != std::string::npos || turn.find("270") != std::string::npos)
         std::swap(mode.width, mode.height);
     gst_discoverer_stream_info_list_free(streams);
@@ -237,7 +235,7 @@ DeviceDescription describeSource(const SourceCamera& camera) {
         g_autoptr(GError) error = nullptr;
         GstElement* const bin =
             gst_parse_bin_from_description_full(source.c_str(), TRUE, nullptr, GST_PARSE_FLAG_FATAL_ERRORS, &error);
-        if (!bin) return Error{"\"" + source + "\": " + (error != nullptr ? error->message : "could not be opened")};
+        if (!bin) return Error{"\"" + source + "\": " + (error ? error->message : "could not be opened")};
         return bin;
     };
     return description;

@@ -23,7 +23,7 @@ bool startGStreamer() {
     static const bool started = [] {
         g_autoptr(GError) error = nullptr;
         if (gst_init_check(nullptr, nullptr, &error) != FALSE) return true;
-        log(std::string("GStreamer could not start: ") + (error != nullptr ? error->message : "unknown reason"));
+        log(std::string("GStreamer could not start: ") + (error ? error->message : "unknown reason"));
         return false;
     }();
     return started;
@@ -120,7 +120,7 @@ Expected<GstPtr<GstElement>> makePipeline(const std::string& description) {
     g_autoptr(GError) error = nullptr;
     GstPtr<GstElement> pipeline(
         gst_parse_launch_full(description.c_str(), nullptr, GST_PARSE_FLAG_FATAL_ERRORS, &error));
-    if (!pipeline) return Error{error != nullptr ? error->message : "unknown reason"};
+    if (!pipeline) return Error{error ? error->message : "unknown reason"};
     gst_object_ref_sink(pipeline.get());
     return pipeline;
 }
@@ -151,8 +151,7 @@ std::string describe(GstMessage* message) {
     g_autoptr(GError) error = nullptr;
     gst_message_parse_error(message, &error, nullptr);
     const char* const source = GST_MESSAGE_SRC_NAME(message);
-    return std::string(source != nullptr ? source : "pipeline") + ": " +
-           (error != nullptr ? error->message : "unknown error");
+    return std::string(source ? source : "pipeline") + ": " + (error ? error->message : "unknown error");
 }
 
 }  // namespace selvio

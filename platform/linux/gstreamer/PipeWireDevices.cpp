@@ -29,8 +29,8 @@ template <typename T>
 using PipeWirePtr = std::unique_ptr<T, PipeWireDelete>;
 
 std::string textOf(const spa_dict* properties, const char* key) {
-    const char* const text = properties != nullptr ? spa_dict_lookup(properties, key) : nullptr;
-    return text != nullptr ? text : "";
+    const char* const text = properties ? spa_dict_lookup(properties, key) : nullptr;
+    return text ? text : "";
 }
 
 // What a format says of one of its fields: values to choose from, or the ends of a range.
