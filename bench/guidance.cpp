@@ -69,9 +69,9 @@ Expected<std::vector<Truth>> readTable(const std::string& path) {
             continue;
         const std::string where = path + ", line " + std::to_string(number) + ": ";
         if (columns.empty()) {
-            for (const auto& cell : cells) {
-                if (!kColumns.contains(cell)) return Error{where + "there is no column \"" + cell + "\""};
-            }
+            const auto unknown =
+                std::find_if(cells.begin(), cells.end(), [](const auto& cell) { return !kColumns.contains(cell); });
+            if (unknown != cells.end()) return Error{where + "there is no column \"" + *unknown + "\""};
             columns = cells;
             if (std::find(columns.begin(), columns.end(), "file") == columns.end())
                 return Error{where + "the column \"file\" is missing"};

@@ -38,10 +38,12 @@ std::vector<std::shared_ptr<SampleBuffer>> makeFrames(const Platform& platform, 
         SimulatedFrames::make(platform.imageLoader->loadImage((samples / "astronaut.jpg").string()).value(),
                               FaceGeometry::load(samples / "astronaut.json").value(),
                               MotionScript::load(samples / "scripts/demo.json").value());
-    std::vector<std::shared_ptr<SampleBuffer>> made;
-    for (int i = 0; i < 30; ++i)
-        made.push_back(SampleBuffer::makeVideo(
-            frames.value()->frame(std::chrono::seconds(4) + i * kFrameTime, 720, 1280, format)));
+    std::vector<std::shared_ptr<SampleBuffer>> made(30);
+    std::chrono::nanoseconds time = std::chrono::seconds(4);
+    for (auto& each : made) {
+        each = SampleBuffer::makeVideo(frames.value()->frame(time, 720, 1280, format));
+        time += kFrameTime;
+    }
     return made;
 }
 

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cmath>
 #include <cstdio>
 #include <system_error>
 
@@ -23,7 +24,7 @@ bool isPicture(const fs::path& path) {
 }
 
 std::string asTime(double seconds) {
-    const auto whole = static_cast<long long>(seconds + 0.5);
+    const auto whole = std::llround(seconds);
     std::array<char, 32> text{};
     std::snprintf(text.data(), text.size(), "%lld:%02lld:%02lld", whole / 3600, whole / 60 % 60, whole % 60);
     return text.data();

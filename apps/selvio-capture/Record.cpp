@@ -40,11 +40,6 @@ constexpr EventText kEventTexts[] = {
     {"FS", "selvio_facial_capture_status_good_frame", "", ""},
 };
 
-json member(const json& record, const char* key, json otherwise) {
-    const auto found = record.find(key);
-    return found == record.end() ? std::move(otherwise) : *found;
-}
-
 }  // namespace
 
 Expected<FoundRecord> findRecord(const std::string& path) {
@@ -67,7 +62,7 @@ std::optional<json> parseRecord(const std::string& text) {
 std::vector<RecordedEvent> eventsOf(const json& record) {
     std::vector<RecordedEvent> events;
     // An entry has one member: a code, and an array that begins with the milliseconds.
-    for (const json& entry : member(record, "UXP", json::array())) {
+    for (const json& entry : record.value("UXP", json::array())) {
         for (const auto& [code, values] : entry.items()) {
             const bool timed = values.is_array() && !values.empty() && values[0].is_number();
             events.push_back({code, timed ? std::optional(values[0].get<double>() / 1000.0) : std::nullopt});
@@ -77,7 +72,7 @@ std::vector<RecordedEvent> eventsOf(const json& record) {
 }
 
 json parametersOf(const json& record) {
-    return member(record, "Parameters", json::object());
+    return record.value("Parameters", json::object());
 }
 
 std::string textOfEvent(const std::string& code, Language language) {

@@ -85,10 +85,10 @@ std::string completionScript(const CLI::App& app, const std::string& shell) {
         for (const CLI::Option* option : command->get_options()) {
             const auto own = namesOf(*option);
             names.insert(names.end(), own.begin(), own.end());
-            std::vector<std::string> patterns;
-            for (const auto& each : own) patterns.push_back(command->get_name() + "," + each);
+            std::string patterns;
+            for (const auto& each : own) patterns += (patterns.empty() ? "" : " | ") + command->get_name() + "," + each;
             const auto words = wordsOf(*option);
-            if (!words.empty()) values << "        " << joined(patterns, " | ") << ") words='" << words << "' ;;\n";
+            if (!words.empty()) values << "        " << patterns << ") words='" << words << "' ;;\n";
         }
         options << "            " << command->get_name() << ") words='" << joined(names, " ") << "' ;;\n";
     }

@@ -25,7 +25,7 @@ constexpr auto kLongestEnding = kLongestFinishing + 15s;  // of everything: afte
 
 std::shared_ptr<Session> Session::make(Platform platform, const RunOptions& options, const Source& source,
                                        RunOutput& output, Language language, std::function<void()> ended) {
-    const std::shared_ptr<Session> session(
+    std::shared_ptr<Session> session(
         new Session(std::move(platform), options, source, output, language, std::move(ended)));
     session->makeAnalyzer();
     session->makeCamera();

@@ -10,7 +10,7 @@
 #include <functional>
 #include <memory>
 
-typedef struct _GtkWindow GtkWindow;
+typedef struct _GtkWindow GtkWindow;  // NOLINT(bugprone-reserved-identifier): as GTK has it
 
 namespace selvio::app {
 
