@@ -1,23 +1,25 @@
 // The request handler and the detector on frames made of a real portrait.
 #include "support/ManualClock.h"
-#include "support/Pixels.h"
 #include "support/SampleScene.h"
 
+#include <SelvioFacialCapture/SelvioFacialCaptureImageUtilities.h>
 #include <SelvioFacialCapture/linux/Vision.h>
 
 #include <gmock/gmock.h>
 
-#include <algorithm>
-#include <array>
 #include <cmath>
+#include <numbers>
+#include <numeric>
 #include <thread>
 
 namespace selvio::test {
 namespace {
 
-using Buffer = std::shared_ptr<PixelBuffer>;
+using Utilities = SelvioFacialCaptureImageUtilities;
 
-Buffer frameOf(int width, int height, const std::string& keyFrame, PixelFormat format = kPixelFormat32BGRA) {
+constexpr double kPi = std::numbers::pi;
+
+Bitmap frameOf(int width, int height, const std::string& keyFrame, PixelFormat format = kPixelFormat32BGRA) {
     return sampleScene(keyFrame)->frame({}, width, height, format);
 }
 
@@ -26,22 +28,7 @@ std::string withSecond(const std::string& pose, const std::string& other) {
     return R"({"at": 0, "visible": true, )" + pose + R"(, "second": {)" + other + "}}";
 }
 
-/// A BGRA picture of the given size whose pixel (x, y) is the source's at `from(x, y)`.
-template <typename From>
-Buffer rearranged(const Buffer& source, int width, int height, From from) {
-    return painted(width, height, kPixelFormat32BGRA, [&](std::uint8_t* pixel, int x, int y, int) {
-        const auto [fromX, fromY] = from(x, y);
-        std::copy_n(sampleAt(*source, fromX, fromY), 4, pixel);
-    });
-}
-
-Buffer argbOf(const Buffer& bgra) {
-    return painted(bgra->width(), bgra->height(), kPixelFormat32ARGB, [&](std::uint8_t* pixel, int x, int y, int) {
-        std::reverse_copy(sampleAt(*bgra, x, y), sampleAt(*bgra, x, y) + 4, pixel);
-    });
-}
-
-std::vector<FaceObservation> perform(SequenceRequestHandler& handler, const Buffer& buffer,
+std::vector<FaceObservation> perform(SequenceRequestHandler& handler, const Bitmap& buffer,
                                      std::uint32_t orientation = 5, bool isStillImage = false) {
     auto result =
         handler.perform({.pixelBuffer = buffer, .exifOrientation = orientation, .isStillImage = isStillImage});
@@ -51,23 +38,21 @@ std::vector<FaceObservation> perform(SequenceRequestHandler& handler, const Buff
 
 /// The contour of the one face, which a new handler finds, on a screen as large as the upright frame, its right end
 /// first.
-std::vector<Point> contourOn(Size screen, const Buffer& buffer, std::uint32_t orientation = 5,
+std::vector<Point> contourOn(Size screen, const Bitmap& buffer, std::uint32_t orientation = 5,
                              const VisionOptions& options = {}) {
     const auto faces = perform(*makeSequenceRequestHandler(options), buffer, orientation);
     EXPECT_EQ(faces.size(), 1U);
-    if (faces.size() != 1) return std::vector<Point>(17);
-    const Rect& box = faces[0].boundingBox;
+    const auto& [box, landmarks] = faces.at(0);
     std::vector<Point> points;
-    for (const Point p : faces[0].landmarks->faceContour->normalizedPoints)
+    for (const Point p : landmarks->faceContour->normalizedPoints)
         points.push_back({(box.y + p.y * box.height) * screen.width, (box.x + p.x * box.width) * screen.height});
     return points;
 }
 
 double farthest(const std::vector<Point>& found, const std::vector<Point>& expected) {
-    double distance = 0;
-    for (std::size_t i = 0; i < expected.size(); ++i)
-        distance = std::max(distance, std::hypot(found[i].x - expected[i].x, found[i].y - expected[i].y));
-    return distance;
+    return std::transform_reduce(
+        found.begin(), found.end(), expected.begin(), 0.0, [](double p, double q) { return std::max(p, q); },
+        [](Point p, Point q) { return std::hypot(p.x - q.x, p.y - q.y); });
 }
 
 TEST(FaceFinding, IsMirroredAndUprightHoweverTheDeviceIsHeldAndWhateverTheFormat) {
@@ -79,18 +64,15 @@ TEST(FaceFinding, IsMirroredAndUprightHoweverTheDeviceIsHeldAndWhateverTheFormat
     EXPECT_NEAR((contour[16].x + contour[0].x) / 2, 0.55 * 360, 4);
     EXPECT_NEAR((contour[16].y + contour[0].y) / 2, 0.42 * 640, 4);
     EXPECT_GT(contour[8].y, contour[16].y + 100);
-    // The frame that shows the same view under orientation o: view (x, y) comes from these places of the upright frame.
-    const std::pair<std::uint32_t, Buffer> same[] = {
-        {7, rearranged(picture, 360, 640, [](int x, int y) { return std::pair(359 - x, 639 - y); })},
-        {4, rearranged(picture, 640, 360, [](int x, int y) { return std::pair(359 - y, x); })},
-        {2, rearranged(picture, 640, 360, [](int x, int y) { return std::pair(y, 639 - x); })},
-        {5, argbOf(picture)},
-        {5, frameOf(360, 640, face, kPixelFormat420v)}};
+    const std::pair<std::uint32_t, Bitmap> same[] = {{7, Utilities::rotateCGImage(picture, kPi)},
+                                                     {4, Utilities::rotateCGImage(picture, -kPi / 2)},
+                                                     {2, Utilities::rotateCGImage(picture, kPi / 2)},
+                                                     {5, Utilities::pixelBufferFromCGImage(picture)},
+                                                     {5, frameOf(360, 640, face, kPixelFormat420v)}};
     for (const auto& [orientation, buffer] : same)
         EXPECT_LT(farthest(contourOn(screen, buffer, orientation), contour), 1) << orientation;
-    VisionOptions twice;
-    twice.refineLandmarks = true;
-    EXPECT_LT(farthest(contourOn(screen, picture, 5, twice), contour), 7) << "a second look finds it there too";
+    EXPECT_LT(farthest(contourOn(screen, picture, 5, {.refineLandmarks = true, .clock = {}}), contour), 7)
+        << "a second look finds it there too";
 }
 
 TEST(FaceFinding, FindsOneFaceOverSizesTiltsAndLight) {
@@ -104,7 +86,7 @@ TEST(FaceFinding, FindsOneFaceOverSizesTiltsAndLight) {
             if (jaw < 0.3 || std::abs(roll) > (jaw < 0.4 ? 40 : 60)) continue;
             const Point across{contour[0].x - contour[16].x, contour[0].y - contour[16].y};
             // The view is mirrored, so the tilt is the other way round.
-            EXPECT_NEAR(std::atan2(across.y, across.x) * 180 / std::acos(-1.0), -roll, std::abs(roll) > 40 ? 5 : 3);
+            EXPECT_NEAR(std::atan2(across.y, across.x) * 180 / kPi, -roll, std::abs(roll) > 40 ? 5 : 3);
             EXPECT_NEAR(std::hypot(across.x, across.y) / 720, jaw, 0.05 * jaw);
         }
     }
@@ -115,12 +97,12 @@ TEST(FaceFinding, FindsOneFaceOverSizesTiltsAndLight) {
 TEST(FaceFinding, GivesTheSamePointsForTheSameFrameWhateverElseGoesOn) {
     const auto buffer = frameOf(360, 640, oneFace(0.45, 0.5, 0.55));
     const auto alone = perform(*makeSequenceRequestHandler(), buffer).at(0).landmarks->faceContour->normalizedPoints;
-    std::array<std::jthread, 3> threads;
-    for (std::size_t i = 0; i < threads.size(); ++i) {
-        threads[i] = std::jthread([&, i] {
+    std::vector<std::jthread> threads;
+    for (const double x : {0.3, 0.4, 0.5}) {
+        threads.emplace_back([&, x] {
             const auto handler = makeSequenceRequestHandler();
             for (int frame = 0; frame < 10; ++frame) {
-                const auto other = oneFace(0.3 + 0.1 * static_cast<double>(i), 0.5, 0.55, 5 * frame);
+                const auto other = oneFace(x, 0.5, 0.55, 5 * frame);
                 (void)perform(*handler, frameOf(180, 320, other, kPixelFormat420v));
                 EXPECT_EQ(perform(*handler, buffer).at(0).landmarks->faceContour->normalizedPoints, alone);
             }
@@ -130,9 +112,7 @@ TEST(FaceFinding, GivesTheSamePointsForTheSameFrameWhateverElseGoesOn) {
 
 TEST(FaceFinding, SeesASmallSecondPersonWithinHalfASecond) {
     const auto clock = std::make_shared<ManualClock>();
-    VisionOptions options;
-    options.clock = clock;
-    const auto handler = makeSequenceRequestHandler(options);
+    const auto handler = makeSequenceRequestHandler({.clock = clock});
     const auto alone = frameOf(720, 1280, oneFace(0.7, 0.6, 0.45));
     const auto together = [&](double x, double jaw) {
         return frameOf(720, 1280, withSecond(poseFields(0.7, 0.6, 0.45, 0), poseFields(x, 0.15, jaw, 0)));
@@ -162,14 +142,12 @@ TEST(FaceFinding, SaysWhyItCannotLook) {
     const auto good = PixelBuffer::create(90, 160, kPixelFormat32BGRA);
     PixelBufferLayout unknown = good->layout();
     unknown.format = 0x12345678;
-    VisionOptions missing;
-    missing.meshModelPath = "/nonexistent/mesh.tflite";
-    const std::tuple<Buffer, std::uint32_t, VisionOptions, const char*> cases[] = {
+    const std::tuple<Bitmap, std::uint32_t, VisionOptions, const char*> cases[] = {
         {nullptr, 5, {}, "no pixel buffer"},
         {PixelBuffer::wrap({.width = 0, .height = 0}, {nullptr, nullptr}, [] {}), 5, {}, "size or format"},
         {PixelBuffer::wrap(unknown, {nullptr, nullptr}, [] {}), 5, {}, "size or format"},
         {good, 9, {}, "orientation 9"},
-        {good, 5, missing, "/nonexistent/mesh.tflite"}};
+        {good, 5, {.meshModelPath = "/nonexistent/mesh.tflite", .clock = {}}, "/nonexistent/mesh.tflite"}};
     for (const auto& [buffer, orientation, options, words] : cases) {
         const auto result =
             makeSequenceRequestHandler(options)->perform({.pixelBuffer = buffer, .exifOrientation = orientation});
@@ -182,7 +160,8 @@ TEST(FaceFinding, SurvivesOddSizes) {
     const auto handler = makeSequenceRequestHandler();
     for (const auto& [width, height] : {std::pair{1, 1}, {2, 3}, {1, 4000}, {4000, 1}, {79, 81}, {3000, 40}}) {
         const auto bgra = frameOf(width, height, face);
-        for (const auto& buffer : {bgra, frameOf(width, height, face, kPixelFormat420v), argbOf(bgra)}) {
+        for (const auto& buffer :
+             {bgra, frameOf(width, height, face, kPixelFormat420v), Bitmap(Utilities::pixelBufferFromCGImage(bgra))}) {
             for (const std::uint32_t orientation : {5U, 4U}) (void)perform(*handler, buffer, orientation);
         }
     }
@@ -193,10 +172,8 @@ TEST(FaceFinding, SurvivesOddSizes) {
 TEST(FaceDetector, FindsTheSmilingFaceOfThePortrait) {
     const auto upright = frameOf(360, 640, oneFace(0.4, 0.35, 0.55));
     // The portrait turned on its side must be judged as it is shown.
-    const auto turned = rearranged(upright, 640, 360, [](int x, int y) { return std::pair(359 - y, x); });
-    VisionOptions options;
-    options.detectionModelPath = "/nonexistent";
-    const auto blind = makeFaceDetector(options);
+    const auto turned = Utilities::rotateCGImage(upright, -kPi / 2);
+    const auto blind = makeFaceDetector({.detectionModelPath = "/nonexistent", .clock = {}});
     EXPECT_TRUE(blind->featuresInImage({.bitmap = upright}, true).empty());
     const auto detector = makeFaceDetector();
     EXPECT_FALSE(detector->featuresInImage({.bitmap = upright}, false).at(0).hasSmile);
@@ -208,9 +185,10 @@ TEST(FaceDetector, FindsTheSmilingFaceOfThePortrait) {
                               blind->featuresInImage({.bitmap = upright}, true)}) {
         ASSERT_EQ(faces.size(), 1U);
         EXPECT_TRUE(faces[0].hasSmile);
-        EXPECT_NEAR(faces[0].bounds.x + faces[0].bounds.width / 2, 0.4 * 360, 12);
-        EXPECT_NEAR(faces[0].bounds.width, 0.55 * 360, 30);
-        EXPECT_NEAR(faces[0].bounds.y + faces[0].bounds.height / 2, 0.35 * 640 + 50, 30);
+        const auto [x, y, width, height] = faces[0].bounds;
+        EXPECT_NEAR(x + width / 2, 0.4 * 360, 12);
+        EXPECT_NEAR(width, 0.55 * 360, 30);
+        EXPECT_NEAR(y + height / 2, 0.35 * 640 + 50, 30);
     }
 }
 
@@ -225,14 +203,11 @@ TEST(FaceDetector, FindsEveryFaceOfAPictureOnce) {
             // The box reaches from the brows to the chin: its middle is that of nose and mouth.
             const Point nose = face.landmarks.at("noseTip");
             const double jaw = std::hypot(face.jawRight.x - face.jawLeft.x, face.jawRight.y - face.jawLeft.y);
-            EXPECT_EQ(std::erase_if(faces,
-                                    [&](const FaceFeature& found) {
-                                        const Rect& box = found.bounds;
-                                        return std::hypot(box.x + box.width / 2 - nose.x,
-                                                          box.y + box.height / 2 - nose.y) < 0.25 * jaw;
-                                    }),
-                      1U)
-                << jaw;
+            const auto isIts = [&](const FaceFeature& found) {
+                const Rect& box = found.bounds;
+                return std::hypot(box.x + box.width / 2 - nose.x, box.y + box.height / 2 - nose.y) < 0.25 * jaw;
+            };
+            EXPECT_EQ(std::erase_if(faces, isIts), 1U) << jaw;
         }
     }
 }

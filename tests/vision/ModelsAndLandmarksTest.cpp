@@ -48,40 +48,36 @@ TEST(ModelFile, RefusesWhatItDoesNotKnowByName) {
     enum Graph { Tensors, Inputs, Outputs, Steps };
     enum Tensor { Shape, Type, Buffer };
     enum Step { Operator, StepInputs, StepOutputs, Options = 4 };
-    const struct {
-        const char* words;
-        std::vector<int> way;
-        int value;
-        std::size_t byte = 0;  ///< of the number, the lowest first
-    } cases[] = {
-        {"operator number 99", {Operators, 1, 0}, 99},
-        {"no operator", {Graphs, 0, Steps, 3, Operator}, 99},
+    // What is said when the number at the end of the way has this value in that byte of it, the lowest being 0.
+    const std::tuple<const char*, std::vector<int>, int, std::size_t> cases[] = {
+        {"operator number 99", {Operators, 1, 0}, 99, 0},
+        {"no operator", {Graphs, 0, Steps, 3, Operator}, 99, 0},
         {"no buffer", {Graphs, 0, Tensors, 2, Buffer}, 1, 3},
-        {"impossible shape", {Graphs, 0, Tensors, 0, Shape, 1}, 0},
+        {"impossible shape", {Graphs, 0, Tensors, 0, Shape, 1}, 0, 0},
         {"too large", {Graphs, 0, Tensors, 3, Shape, 1}, 0x28, 1},
-        {"does not fill", {Graphs, 0, Tensors, 2, Shape, 0}, 23},
-        {"unknown type 9", {Graphs, 0, Tensors, 2, Type}, 9},
+        {"does not fill", {Graphs, 0, Tensors, 2, Shape, 0}, 23, 0},
+        {"unknown type 9", {Graphs, 0, Tensors, 2, Type}, 9, 0},
         {"finite", {Buffers, 2, 0, 0}, 0x7C, 1},
-        {"not a picture", {Graphs, 0, Inputs, 0}, 1},
-        {"output is not computed", {Graphs, 0, Outputs, 0}, 0},
-        {"tensor does not exist", {Graphs, 0, Steps, 2, StepInputs, 0}, 250},
-        {"known already", {Graphs, 0, Steps, 3, StepOutputs, 0}, 3},
-        {"Convolution", {Graphs, 0, Steps, 2, StepInputs, 0}, 4},  // not computed yet
-        {"Convolution", {Graphs, 0, Tensors, 3, Shape, 2}, 63},
-        {"Convolution", {Graphs, 0, Steps, 2, Options, kChild, 1}, 0},  // stride
-        {"padding", {Graphs, 0, Steps, 9, Options, kChild, 0}, 2},
-        {"channel multiplier", {Graphs, 0, Steps, 6, Options, kChild, 3}, 2},
-        {"Add", {Graphs, 0, Steps, 10, StepInputs, 1}, 0},
-        {"MaxPool", {Graphs, 0, Steps, 107, Options, kChild, 3}, 0},
-        {"Reshape", {Graphs, 0, Steps, 158, StepInputs, 0}, 163},
-        {"Concatenation", {Graphs, 0, Steps, 162, Options, kChild, 0}, 2},
-        {"Pad", {Graphs, 0, Steps, 83, StepInputs, 1}, 92},
+        {"not a picture", {Graphs, 0, Inputs, 0}, 1, 0},
+        {"output is not computed", {Graphs, 0, Outputs, 0}, 0, 0},
+        {"tensor does not exist", {Graphs, 0, Steps, 2, StepInputs, 0}, 250, 0},
+        {"known already", {Graphs, 0, Steps, 3, StepOutputs, 0}, 3, 0},
+        {"Convolution", {Graphs, 0, Steps, 2, StepInputs, 0}, 4, 0},  // not computed yet
+        {"Convolution", {Graphs, 0, Tensors, 3, Shape, 2}, 63, 0},
+        {"Convolution", {Graphs, 0, Steps, 2, Options, kChild, 1}, 0, 0},  // stride
+        {"padding", {Graphs, 0, Steps, 9, Options, kChild, 0}, 2, 0},
+        {"channel multiplier", {Graphs, 0, Steps, 6, Options, kChild, 3}, 2, 0},
+        {"Add", {Graphs, 0, Steps, 10, StepInputs, 1}, 0, 0},
+        {"MaxPool", {Graphs, 0, Steps, 107, Options, kChild, 3}, 0, 0},
+        {"Reshape", {Graphs, 0, Steps, 158, StepInputs, 0}, 163, 0},
+        {"Concatenation", {Graphs, 0, Steps, 162, Options, kChild, 0}, 2, 0},
+        {"Pad", {Graphs, 0, Steps, 83, StepInputs, 1}, 92, 0},
     };
-    for (const auto& c : cases) {
+    for (const auto& [words, way, value, byte] : cases) {
         std::string spoilt = good;
-        spoilt[placeOf(good, c.way) + c.byte] = static_cast<char>(c.value);
+        spoilt[placeOf(good, way) + byte] = static_cast<char>(value);
         const auto parsed = parse(spoilt);
-        EXPECT_THAT(parsed ? "" : parsed.error().localizedDescription, HasSubstr(c.words));
+        EXPECT_THAT(parsed ? "" : parsed.error().localizedDescription, HasSubstr(words));
     }
 }
 
@@ -94,9 +90,7 @@ TEST(ModelFile, SaysWhichFileIsMissingOrDamaged) {
          {std::string("/nonexistent/model.tflite"), std::string("/"), directory.write("empty", ""),
           directory.write("truncated", whole.substr(0, whole.size() - 50'000)), directory.write("flipped", flipped),
           std::string(VisionOptions().detectionModelPath)}) {  // a good one, for something else
-        VisionOptions options;
-        options.meshModelPath = path;
-        const auto error = waitForVisionModels(options);
+        const auto error = waitForVisionModels({.meshModelPath = path, .clock = {}});
         EXPECT_THAT(error ? error->localizedDescription : "",
                     testing::AllOf(HasSubstr(path), HasSubstr("scripts/install-deps.sh")));
     }
@@ -156,12 +150,11 @@ TEST(Smile, IsAWideMouthWithHighCornersHoweverTheHeadIsHeld) {
 }
 
 TEST(FaceDetector, ShowsPicturesAsTheirOrientationSays) {
+    using enum ImageOrientation;
     // Where the buffer's top left corner is shown.
     const std::pair<ImageOrientation, Point> cases[] = {
-        {ImageOrientation::Up, {0, 0}},           {ImageOrientation::Down, {1, 1}},
-        {ImageOrientation::Left, {0, 1}},         {ImageOrientation::Right, {1, 0}},
-        {ImageOrientation::UpMirrored, {1, 0}},   {ImageOrientation::DownMirrored, {0, 1}},
-        {ImageOrientation::LeftMirrored, {0, 0}}, {ImageOrientation::RightMirrored, {1, 1}}};
+        {Up, {0, 0}},         {Down, {1, 1}},         {Left, {0, 1}},         {Right, {1, 0}},
+        {UpMirrored, {1, 0}}, {DownMirrored, {0, 1}}, {LeftMirrored, {0, 0}}, {RightMirrored, {1, 1}}};
     for (const auto& [orientation, corner] : cases)
         EXPECT_EQ(viewForImageOrientation(orientation).toView(Point{}), corner);
 }
