@@ -37,44 +37,38 @@ bool isCamera(int file) {
 /// The error, or 0.
 int answer(int file, unsigned long request, void* argument) {
     const std::lock_guard lock(mutex);
+    // All lists have one entry, and their questions begin with its index.
+    const auto endOfList = [&] { return *static_cast<const std::uint32_t*>(argument) > 0 ? EINVAL : 0; };
     switch (request) {
         case VIDIOC_QUERYCAP: {
-            auto& capability = *static_cast<v4l2_capability*>(argument);
-            capability = {};
-            std::string("Emulated Camera").copy(reinterpret_cast<char*>(capability.card), sizeof capability.card);
-            capability.device_caps = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_STREAMING;
-            capability.capabilities = capability.device_caps | V4L2_CAP_DEVICE_CAPS;
+            auto& camera = *static_cast<v4l2_capability*>(argument) = {};
+            std::string("Emulated Camera").copy(reinterpret_cast<char*>(camera.card), sizeof camera.card);
+            camera.device_caps = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_STREAMING;
+            camera.capabilities = camera.device_caps | V4L2_CAP_DEVICE_CAPS;
             return 0;
         }
-        case VIDIOC_ENUM_FMT: {
-            auto& format = *static_cast<v4l2_fmtdesc*>(argument);
-            format.pixelformat = V4L2_PIX_FMT_NV12;
-            return format.type != V4L2_BUF_TYPE_VIDEO_CAPTURE || format.index > 0 ? EINVAL : 0;
-        }
-        case VIDIOC_ENUM_FRAMESIZES: {
-            auto& size = *static_cast<v4l2_frmsizeenum*>(argument);
-            size.type = V4L2_FRMSIZE_TYPE_DISCRETE;
-            size.discrete = {kWidth, kHeight};
-            return size.index > 0 ? EINVAL : 0;
-        }
-        case VIDIOC_ENUM_FRAMEINTERVALS: {
-            auto& interval = *static_cast<v4l2_frmivalenum*>(argument);
-            interval.type = V4L2_FRMIVAL_TYPE_DISCRETE;
-            interval.discrete = {1, 30};
-            return interval.index > 0 ? EINVAL : 0;
-        }
+        case VIDIOC_ENUM_FMT:
+            static_cast<v4l2_fmtdesc*>(argument)->pixelformat = V4L2_PIX_FMT_NV12;
+            return endOfList();
+        case VIDIOC_ENUM_FRAMESIZES:
+            static_cast<v4l2_frmsizeenum*>(argument)->type = V4L2_FRMSIZE_TYPE_DISCRETE;
+            static_cast<v4l2_frmsizeenum*>(argument)->discrete = {kWidth, kHeight};
+            return endOfList();
+        case VIDIOC_ENUM_FRAMEINTERVALS:
+            static_cast<v4l2_frmivalenum*>(argument)->type = V4L2_FRMIVAL_TYPE_DISCRETE;
+            static_cast<v4l2_frmivalenum*>(argument)->discrete = {1, 30};
+            return endOfList();
         case VIDIOC_G_FMT:
         case VIDIOC_TRY_FMT:
         case VIDIOC_S_FMT: {
-            auto& format = *static_cast<v4l2_format*>(argument);
-            auto& picture = format.fmt.pix = {};
+            auto& picture = static_cast<v4l2_format*>(argument)->fmt.pix = {};
             picture.width = picture.bytesperline = kWidth;
             picture.height = kHeight;
             picture.pixelformat = V4L2_PIX_FMT_NV12;
             picture.field = V4L2_FIELD_NONE;
             picture.sizeimage = kBytes;
             picture.colorspace = V4L2_COLORSPACE_SRGB;
-            return format.type != V4L2_BUF_TYPE_VIDEO_CAPTURE ? EINVAL : 0;
+            return 0;
         }
         case VIDIOC_QUERYCTRL:
         case VIDIOC_S_CTRL: {
@@ -86,11 +80,8 @@ int answer(int file, unsigned long request, void* argument) {
                 << (automatic ? "FOCUS_AUTO=" : "AUTO_FOCUS_START=") << control.value << '\n';
             return 0;
         }
-        case VIDIOC_REQBUFS: {
-            auto& buffers = *static_cast<v4l2_requestbuffers*>(argument);
-            if (buffers.type != V4L2_BUF_TYPE_VIDEO_CAPTURE || buffers.memory != V4L2_MEMORY_MMAP) return EINVAL;
-            return ::ftruncate(file, off_t{buffers.count} << 20) == 0 ? 0 : EIO;
-        }
+        case VIDIOC_REQBUFS:
+            return ::ftruncate(file, off_t{static_cast<v4l2_requestbuffers*>(argument)->count} << 20) == 0 ? 0 : EIO;
         case VIDIOC_DQBUF:
         case VIDIOC_QUERYBUF:
         case VIDIOC_QBUF: {
