@@ -5,7 +5,6 @@
 #include <SelvioFacialCapture/linux/Recording.h>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -20,12 +19,9 @@ namespace selvio {
 namespace {
 
 using namespace test;
+using namespace ::testing;
 using std::chrono::nanoseconds;
-using ::testing::Contains;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsSupersetOf;
-using ::testing::Pair;
+namespace fs = std::filesystem;
 
 constexpr nanoseconds kStart = std::chrono::hours(7);  // master clocks do not begin at zero
 constexpr nanoseconds kFrame{33'333'333};
@@ -34,18 +30,17 @@ std::shared_ptr<SampleBuffer> videoSample(std::shared_ptr<PixelBuffer> pixels, n
     return SampleBuffer::makeVideo(std::move(pixels), {kStart + time, kFrame});
 }
 
-class AssetWriterTest : public ::testing::Test {
+class AssetWriterTest : public Test {
 protected:
-    void make(const VideoSettings& settings, bool withAudio = false) {
+    /// False if nothing can be written.
+    bool start(const VideoSettings& settings, bool withAudio = false) {
         const auto factory = makeGstAssetWriterFactory();
         writer_ = factory->makeAssetWriter(file_, kFileTypeMPEG4).value();
         writer_->addInput(video_ = factory->makeVideoInput(settings));
-        audio_ = withAudio ? factory->makeAudioInput({}) : nullptr;
-        if (audio_) writer_->addInput(audio_);
-    }
-    void start() {
-        ASSERT_TRUE(writer_->startWriting());
+        if (withAudio) writer_->addInput(audio_ = factory->makeAudioInput({}));
+        const bool isWriting = writer_->startWriting();
         writer_->startSessionAtSourceTime(kStart);
+        return isWriting;
     }
     // As a caller that is not in real time: waits until the input is ready.
     bool append(const std::shared_ptr<SampleBuffer>& sample) {
@@ -55,8 +50,7 @@ protected:
     }
     /// A small recording that goes on.
     void record(int frames, bool withAudio = false) {
-        make(h264(180, 320), withAudio);
-        start();
+        ASSERT_TRUE(start(h264(180, 320), withAudio));
         for (int i = 0; i < frames; ++i) append(videoSample(grey_, i * kFrame));
     }
     AssetWriterStatus finish() {
@@ -73,7 +67,7 @@ protected:
 
     const std::shared_ptr<PixelBuffer> grey_ = greyFrame(180, 320, kPixelFormat420v, 90);
     TemporaryDirectory directory_;
-    std::filesystem::path file_ = directory_.path() / "selvio_test.mp4";
+    fs::path file_ = directory_.path() / "selvio_test.mp4";
     std::shared_ptr<AssetWriter> writer_;
     std::shared_ptr<AssetWriterInput> video_;
     std::shared_ptr<AssetWriterInput> audio_;
@@ -94,9 +88,8 @@ TEST_F(AssetWriterTest, WritesEveryFrameWholeInTheCodecAndSizeAskedFor) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.format);
-        std::filesystem::remove(file_);
-        make({c.codec, 360, 640, {{kVideoAverageBitRateKey, 500'000}}});
-        start();
+        fs::remove(file_);
+        ASSERT_TRUE(start({c.codec, 360, 640, {{kVideoAverageBitRateKey, 500'000}}}));
         const auto red = painted(c.width, c.height, c.format, [&](std::uint8_t* sample, int, int, int plane) {
             std::ranges::copy(c.red[plane], sample);
         });
@@ -105,7 +98,7 @@ TEST_F(AssetWriterTest, WritesEveryFrameWholeInTheCodecAndSizeAskedFor) {
         EXPECT_EQ(streamOf(file_, "v", "codec_name,codec_tag_string,width,height,pix_fmt,nb_read_frames"),
                   c.stream + std::string("360,640,yuv420p,45"));
         EXPECT_NEAR(secondsOf(file_, "v"), 1.5, 0.03);
-        EXPECT_EQ(std::filesystem::status(file_).permissions(), std::filesystem::perms(0600));
+        EXPECT_EQ(fs::status(file_).permissions(), fs::perms(0600));
         const std::string head = contentOf(file_);
         EXPECT_LT(head.find("moov"), head.find("mdat")) << "a player can start before it has all of the file";
         const std::string column =
@@ -144,16 +137,15 @@ TEST_F(AssetWriterTest, BitRateAndKeyFramesFollowTheFramesOwnRate) {
     constexpr int kSeconds = 7;  // which the command below knows
     for (const int rate : {10, 25, 60}) {
         SCOPED_TRACE(rate);
-        std::filesystem::remove(file_);
+        fs::remove(file_);
         auto settings = h264(360, 640);
         settings.compressionProperties[kVideoExpectedSourceFrameRateKey] = 30;
-        make(settings);
-        start();
+        ASSERT_TRUE(start(settings));
         const nanoseconds duration(1'000'000'000 / rate);
         for (std::size_t i = 0; i < std::size_t{kSeconds} * static_cast<std::size_t>(rate); ++i)
             ASSERT_TRUE(append(SampleBuffer::makeVideo(noisy[i % 30], {kStart + i * duration, duration})));
         ASSERT_EQ(finish(), AssetWriterStatus::Completed);
-        EXPECT_NEAR(static_cast<double>(std::filesystem::file_size(file_)) * 8 / kSeconds, 1'500'000, 150'000);
+        EXPECT_NEAR(static_cast<double>(fs::file_size(file_)) * 8 / kSeconds, 1'500'000, 150'000);
         // The times of key frames, as far as one comes too late.
         EXPECT_EQ(
             outputOf("ffprobe -v error -skip_frame nokey -show_entries frame=pts_time -of csv=p=0 '" + file_.string() +
@@ -165,16 +157,16 @@ TEST_F(AssetWriterTest, BitRateAndKeyFramesFollowTheFramesOwnRate) {
 TEST_F(AssetWriterTest, TakesItsOwnSizeOfTheDiskAndSaysWhenThatIsFull) {
     const auto part = directory_.path() / "selvio_test.part.mp4";
     const auto elsewhere = directory_.write("elsewhere", "somebody's");
-    std::filesystem::create_symlink(elsewhere, part);  // is not followed
+    fs::create_symlink(elsewhere, part);  // is not followed
     LogCapture log;
     record(30);
     std::map<std::string, int> open;  // files without a name take space, too
-    for (const auto& descriptor : std::filesystem::directory_iterator("/proc/self/fd")) {
+    for (const auto& descriptor : fs::directory_iterator("/proc/self/fd")) {
         std::error_code gone;
-        const auto file = std::filesystem::read_symlink(descriptor, gone).string();
+        const auto file = fs::read_symlink(descriptor, gone).string();
         if (file.starts_with(directory_.path().string())) open[file] = std::stoi(descriptor.path().filename());
     }
-    ASSERT_THAT(open, ElementsAre(Pair(part.string(), testing::_)));
+    ASSERT_THAT(open, ElementsAre(Pair(part.string(), _)));
     const int full = ::open("/dev/full", O_WRONLY | O_CLOEXEC);
     ASSERT_GE(::dup2(full, open.at(part)), 0);
     ::close(full);
@@ -217,9 +209,8 @@ TEST_F(AssetWriterTest, TheIndexComesToTheFrontUnlessItCannot) {
 }
 
 TEST_F(AssetWriterTest, InRealTimeDropsRatherThanWaits) {
-    make(h264(720, 1280));
+    ASSERT_TRUE(start(h264(720, 1280)));
     video_->setExpectsMediaDataInRealTime(true);
-    start();
     const auto frame = greyFrame(720, 1280, kPixelFormat32BGRA, 90);
     int taken = 0;
     for (int i = 0; i < 200; ++i) taken += video_->appendSampleBuffer(videoSample(frame, i * kFrame)) ? 1 : 0;
@@ -242,19 +233,18 @@ TEST_F(AssetWriterTest, FailureAndCancellingLeaveNoFile) {
     writer_.reset();  // given up while it writes
     EXPECT_EQ(directory_.fileCount(), 0U);
     record(10);
-    std::filesystem::remove_all(directory_.path());
+    fs::remove_all(directory_.path());
     EXPECT_EQ(finish(), AssetWriterStatus::Failed);
     EXPECT_THAT(log.take(), Contains(HasSubstr("could not finish")));
-    const std::string missing = file_;
-    make(h264(180, 320));
-    EXPECT_FALSE(writer_->startWriting()) << "the directory is missing";
-    EXPECT_FALSE(video_->isReadyForMoreMediaData());
-    EXPECT_EQ(finish(), AssetWriterStatus::Failed);
-    file_ = directory_.write("there.mp4", "already here");
-    make(h264(180, 320));
-    EXPECT_FALSE(writer_->startWriting());
-    EXPECT_THAT(log.take(), IsSupersetOf({HasSubstr(missing), HasSubstr(file_)}));
-    EXPECT_EQ(contentOf(file_), "already here");
+    for (const auto& path :
+         {directory_.write("there.mp4", "already here"), (directory_.path() / "missing/it.mp4").string()}) {
+        file_ = path;
+        EXPECT_FALSE(start(h264(180, 320)));
+        EXPECT_FALSE(video_->isReadyForMoreMediaData());
+        EXPECT_EQ(finish(), AssetWriterStatus::Failed);
+        EXPECT_THAT(log.take(), Contains(HasSubstr(path)));
+    }
+    EXPECT_EQ(contentOf(directory_.path() / "there.mp4"), "already here");
 }
 
 TEST_F(AssetWriterTest, NamesThePackageThatIsMissing) {

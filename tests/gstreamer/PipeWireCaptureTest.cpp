@@ -5,10 +5,7 @@
 
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
-
-#include <csignal>
 
 namespace selvio {
 namespace {
@@ -17,15 +14,6 @@ using namespace test;
 
 /// A program that a test needs beside it, for as long as this is held.
 using Child = std::shared_ptr<void>;
-
-Child run(const std::string& command) {
-    const pid_t pid = ::fork();
-    if (pid == 0) ::_exit(::execl("/bin/sh", "sh", "-c", command.c_str(), nullptr));
-    return {nullptr, [pid](void*) {
-                ::kill(pid, SIGTERM);
-                ::waitpid(pid, nullptr, 0);
-            }};
-}
 
 class PipeWireCapture : public ::testing::Test {
 protected:
@@ -36,10 +24,12 @@ protected:
     /// A picture at 30 frames a second; `encoder` is an element.
     static Child publish(const std::string& name, const std::string& position, const std::string& format,
                          const std::string& pattern = "white", const std::string& encoder = "identity") {
-        return run("exec gst-launch-1.0 -q videotestsrc is-live=true pattern=" + pattern +
-                   " ! video/x-raw,framerate=30/1,width=640,height=480,format=" + format + " ! " + encoder +
-                   " ! pipewiresink mode=provide stream-properties=props,media.class=Video/Source,node.name=" + name +
-                   ",node.description=" + name + ",api.libcamera.location=" + position);
+        const std::string pid =
+            outputOf("gst-launch-1.0 -q videotestsrc is-live=true pattern=" + pattern +
+                     " ! video/x-raw,framerate=30/1,width=640,height=480,format=" + format + " ! " + encoder +
+                     " ! pipewiresink mode=provide stream-properties=props,media.class=Video/Source,node.name=" + name +
+                     ",node.description=" + name + ",api.libcamera.location=" + position + " > /dev/null & echo $!");
+        return {nullptr, [pid](void*) { outputOf("kill " + pid); }};
     }
     // Waits until a device of this name is there, or is not.
     std::shared_ptr<CaptureDevice> find(const std::string& name, bool expected = true) {
