@@ -84,13 +84,11 @@ TEST(ImageUtilities, rotateMovesEverySampleOfEveryPlaneToItsPlace) {
         }
     }
     const auto source = distinctPicture(6, 4, kPixelFormat32BGRA);
-    const std::pair<std::int64_t, Place> table[] = {
-        {1, kClockwise}, {2, kCounterclockwise}, {3, kUnturned}, {4, kOver}};
-    for (const auto& [orientation, place] : table) {
-        const auto image = Utilities::imageFromUIImage(Image{source, ImageOrientation::Right, 2.0}, orientation);
-        ASSERT_TRUE(image) << orientation;
+    std::int64_t orientation = 1;
+    for (const Place place : {kClockwise, kCounterclockwise, kUnturned, kOver}) {
+        const auto image = Utilities::imageFromUIImage(Image{source, ImageOrientation::Right, 2.0}, orientation++);
         const auto [x, y] = place(1, 0, 6, 4);
-        EXPECT_EQ(std::tuple(bytesAt(*image->bitmap, x, y), image->orientation, image->scale),
+        EXPECT_EQ(std::tuple(bytesAt(*image.value().bitmap, x, y), image->orientation, image->scale),
                   std::tuple(bytesAt(*source, 1, 0), ImageOrientation::Up, 1.0));
     }
 }
@@ -104,10 +102,9 @@ TEST(ImageUtilities, sampleImagesShareThePixelsAndFollowTheDeviceTable) {
     using enum ImageOrientation;
     std::int64_t device = 0;
     for (const auto orientation : {Up, Right, Right, Up, Down, Right, Right}) {
-        const auto image = Utilities::imageFromSampleBufferWithDeviceOrientation(sample, device);
-        const auto adjusted = Utilities::imageFromSampleBufferAdjustedForOrientation(sample, device++);
-        ASSERT_TRUE(image && adjusted);
-        EXPECT_EQ(std::tuple(image->orientation, adjusted->orientation, image->bitmap, adjusted->bitmap, image->scale),
+        const Image image = Utilities::imageFromSampleBufferWithDeviceOrientation(sample, device).value();
+        const Image adjusted = Utilities::imageFromSampleBufferAdjustedForOrientation(sample, device++).value();
+        EXPECT_EQ(std::tuple(image.orientation, adjusted.orientation, image.bitmap, adjusted.bitmap, image.scale),
                   std::tuple(orientation, Up, Bitmap(picture), Bitmap(picture), 1.0));
     }
 }
@@ -119,14 +116,13 @@ TEST(ImageUtilities, convertsBetweenTheOrdersOfChannelsAndFromVideoRange) {
     EXPECT_EQ(sample->formatDescription(), (VideoFormatDescription{kPixelFormat32ARGB, 5, 3}));
     EXPECT_TRUE(sample->dataIsReady() && !sample->timing().isValid());
     const auto argb = sample->imageBuffer();
-    const auto back = Utilities::imageFromPixelBuffer(argb);
-    ASSERT_TRUE(back);
-    EXPECT_EQ(std::tuple(back->orientation, back->scale, back->bitmap->format()),
+    const Image back = Utilities::imageFromPixelBuffer(argb).value();
+    EXPECT_EQ(std::tuple(back.orientation, back.scale, back.bitmap->format()),
               std::tuple(ImageOrientation::Up, 1.0, kPixelFormat32BGRA));
     for (int i = 0; i < 15; ++i) {
         const std::string pixel = bytesAt(*bgra, i % 5, i / 5);
         EXPECT_EQ(bytesAt(*argb, i % 5, i / 5), std::string(pixel.rbegin(), pixel.rend()));
-        EXPECT_EQ(bytesAt(*back->bitmap, i % 5, i / 5), pixel);
+        EXPECT_EQ(bytesAt(*back.bitmap, i % 5, i / 5), pixel);
     }
     EXPECT_EQ(bytesAt(*Utilities::pixelBufferFromCGImage(argb), 4, 2), bytesAt(*argb, 4, 2));
     EXPECT_NE(Utilities::imageFromPixelBuffer(bgra)->bitmap->data(), bgra->data()) << "a copy";
