@@ -30,6 +30,14 @@ std::shared_ptr<SampleBuffer> videoSample(std::shared_ptr<PixelBuffer> pixels, n
     return SampleBuffer::makeVideo(std::move(pixels), {kStart + time, kFrame});
 }
 
+/// A picture of one colour: the bytes of a sample of each plane.
+std::shared_ptr<PixelBuffer> flat(int width, int height, PixelFormat format,
+                                  const std::vector<std::vector<std::uint8_t>>& colour) {
+    return painted(width, height, format, [&](std::uint8_t* sample, int, int, int plane) {
+        std::ranges::copy(colour[static_cast<std::size_t>(plane)], sample);
+    });
+}
+
 class AssetWriterTest : public Test {
 protected:
     /// False if nothing can be written.
@@ -65,7 +73,7 @@ protected:
         return {kVideoCodecTypeH264, width, height, {{kVideoAverageBitRateKey, 1'500'000}}};
     }
 
-    const std::shared_ptr<PixelBuffer> grey_ = greyFrame(180, 320, kPixelFormat420v, 90);
+    const std::shared_ptr<PixelBuffer> grey_ = flat(180, 320, kPixelFormat420v, {{90}, {128, 128}});
     TemporaryDirectory directory_;
     fs::path file_ = directory_.path() / "selvio_test.mp4";
     std::shared_ptr<AssetWriter> writer_;
@@ -78,21 +86,19 @@ TEST_F(AssetWriterTest, WritesEveryFrameWholeInTheCodecAndSizeAskedFor) {
         const char* codec;
         int width, height;  // of a frame; the file is 360x640
         PixelFormat format;
-        std::vector<std::uint8_t> red[2];  // by planes
+        std::vector<std::vector<std::uint8_t>> red;
         const char* stream;
         bool fills;  // the height of the file; else there is a black border above and below
     } cases[] = {
-        {kVideoCodecTypeH264, 202, 360, kPixelFormat32BGRA, {{0, 0, 255, 255}, {}}, "h264,avc1,", true},
-        {kVideoCodecTypeH264, 360, 640, kPixelFormat32ARGB, {{255, 255, 0, 0}, {}}, "h264,avc1,", true},
+        {kVideoCodecTypeH264, 202, 360, kPixelFormat32BGRA, {{0, 0, 255, 255}}, "h264,avc1,", true},
+        {kVideoCodecTypeH264, 360, 640, kPixelFormat32ARGB, {{255, 255, 0, 0}}, "h264,avc1,", true},
         {kVideoCodecTypeHEVC, 640, 360, kPixelFormat420v, {{81}, {90, 240}}, "hevc,hvc1,", false},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.format);
         fs::remove(file_);
         ASSERT_TRUE(start({c.codec, 360, 640, {{kVideoAverageBitRateKey, 500'000}}}));
-        const auto red = painted(c.width, c.height, c.format, [&](std::uint8_t* sample, int, int, int plane) {
-            std::ranges::copy(c.red[plane], sample);
-        });
+        const auto red = flat(c.width, c.height, c.format, c.red);
         for (int i = 0; i < 45; ++i) ASSERT_TRUE(append(videoSample(red, i * kFrame)));
         ASSERT_EQ(finish(), AssetWriterStatus::Completed);
         EXPECT_EQ(streamOf(file_, "v", "codec_name,codec_tag_string,width,height,pix_fmt,nb_read_frames"),
@@ -211,7 +217,7 @@ TEST_F(AssetWriterTest, TheIndexComesToTheFrontUnlessItCannot) {
 TEST_F(AssetWriterTest, InRealTimeDropsRatherThanWaits) {
     ASSERT_TRUE(start(h264(720, 1280)));
     video_->setExpectsMediaDataInRealTime(true);
-    const auto frame = greyFrame(720, 1280, kPixelFormat32BGRA, 90);
+    const auto frame = flat(720, 1280, kPixelFormat32BGRA, {{90, 90, 90, 90}});
     int taken = 0;
     for (int i = 0; i < 200; ++i) taken += video_->appendSampleBuffer(videoSample(frame, i * kFrame)) ? 1 : 0;
     EXPECT_GE(taken, 5);

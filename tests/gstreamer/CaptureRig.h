@@ -20,13 +20,16 @@ using std::chrono::nanoseconds;
 using ::testing::Contains;
 using ::testing::HasSubstr;
 
+/// A camera and the system that has found it.
+using Camera = std::pair<std::shared_ptr<CaptureSystem>, std::shared_ptr<CaptureDevice>>;
+
 /// A session with one camera, wired as a camera object wires it.
 struct Rig {
-    Rig(const std::shared_ptr<CaptureSystem>& system, const std::shared_ptr<CaptureDevice>& camera,
-        PixelFormat format = 0, VideoOrientation orientation = VideoOrientation::LandscapeRight)
-        : session(system->makeSession()),
-          output(system->makeVideoDataOutput()),
-          input(system->makeDeviceInput(camera).value()) {
+    explicit Rig(const Camera& camera, PixelFormat format = 0,
+                 VideoOrientation orientation = VideoOrientation::LandscapeRight)
+        : session(camera.first->makeSession()),
+          output(camera.first->makeVideoDataOutput()),
+          input(camera.first->makeDeviceInput(camera.second).value()) {
         session->addInput(input);
         output->setPixelFormat(format);
         output->setAlwaysDiscardsLateVideoFrames(true);
@@ -54,16 +57,15 @@ struct Rig {
 };
 
 /// What a camera of bright frames, 30 in a second, delivers in one of its formats.
-inline void expectDelivery(const std::shared_ptr<CaptureSystem>& system, const std::shared_ptr<CaptureDevice>& camera,
-                           const VideoFormatDescription& sensor, VideoOrientation orientation,
+inline void expectDelivery(const Camera& camera, const VideoFormatDescription& sensor, VideoOrientation orientation,
                            std::pair<int, int> size) {
-    SCOPED_TRACE(camera->localizedName() + " " + std::to_string(sensor.mediaSubType));
-    camera->setActiveFormat({sensor, 30});
-    Rig rig(system, camera, sensor.mediaSubType, orientation);
+    SCOPED_TRACE(camera.second->localizedName() + " " + std::to_string(sensor.mediaSubType));
+    camera.second->setActiveFormat({sensor, 30});
+    Rig rig(camera, sensor.mediaSubType, orientation);
     int dark = 0;
     rig.probe->onFrame = [&](const auto& sample) {
         const PixelBuffer& pixels = *sample->imageBuffer();
-        for (int x = 0; x < pixels.width(); ++x) dark += *sampleAt(pixels, x, pixels.height() / 2) > 0xD0 ? 0 : 1;
+        for (int x = 0; x < pixels.width(); ++x) dark += *sampleAt(pixels, x, pixels.height() / 2) <= 0xD0;
     };
     const auto before = rig.session->masterClockTime();
     rig.capture(32);
@@ -83,9 +85,8 @@ inline void expectDelivery(const std::shared_ptr<CaptureSystem>& system, const s
 }
 
 /// A camera that can be held against its frames: more of them than it has buffers are kept, and must stay as they came.
-inline void expectFramesMayBeHeld(const std::shared_ptr<CaptureSystem>& system,
-                                  const std::shared_ptr<CaptureDevice>& camera) {
-    Rig rig(system, camera, kPixelFormat420v);
+inline void expectFramesMayBeHeld(const Camera& camera) {
+    Rig rig(camera, kPixelFormat420v);
     const auto rowOf = [](const SampleBuffer& sample) {
         const PixelBuffer& pixels = *sample.imageBuffer();
         return std::string(reinterpret_cast<const char*>(pixels.data()), static_cast<std::size_t>(pixels.width()));

@@ -11,7 +11,7 @@ namespace {
 using namespace test;
 
 /// The one camera of a system that looks for no others.
-std::pair<std::shared_ptr<CaptureSystem>, std::shared_ptr<CaptureDevice>> cameraOf(CaptureOptions options) {
+Camera cameraOf(CaptureOptions options) {
     options.systemDevices = false;
     auto system = makeGstCaptureSystem(std::move(options));
     return {system, system->discoverDevices({}, MediaType::Video, CaptureDevicePosition::Back)->devices.at(0)};
@@ -22,8 +22,7 @@ SourceCamera sourceCamera(const char* source = "videotestsrc is-live=true patter
 }
 
 TEST(Capture, TakesUpChangesWhileItRuns) {
-    const auto [system, camera] = cameraOf({.sources = {sourceCamera()}});
-    Rig rig(system, camera);
+    Rig rig(cameraOf({.sources = {sourceCamera()}}));
     const auto comes = [&](PixelFormat format, int width) {
         return rig.probe->waitFor([&] { return rig.probe->last_ == VideoFormatDescription{format, width, 240}; });
     };
@@ -49,9 +48,9 @@ TEST(Capture, TakesUpChangesWhileItRuns) {
 // By then the session runs, for who is called and for everyone else.
 TEST(Capture, TheFirstFrameMayStopTheSession) {
     LogCapture log;
-    const auto [system, camera] = cameraOf({.sources = {sourceCamera()}});
+    const Camera camera = cameraOf({.sources = {sourceCamera()}});
     for (int i = 0; i < 20; ++i) {
-        Rig rig(system, camera);
+        Rig rig(camera);
         std::vector<bool> ran;
         rig.probe->onFrame = [&](const auto&) {
             ran.push_back(rig.session->isRunning());
@@ -69,9 +68,7 @@ TEST(Capture, TheFirstFrameMayStopTheSession) {
 
 TEST(Capture, AStopEndsTheOpeningOfACameraThatDoesNotAnswer) {
     LogCapture log;
-    const auto [system, camera] =
-        cameraOf({.sources = {sourceCamera("appsrc is-live=true")}, .openingTimeout = std::chrono::minutes(1)});
-    Rig rig(system, camera);
+    Rig rig(cameraOf({.sources = {sourceCamera("appsrc is-live=true")}, .openingTimeout = std::chrono::minutes(1)}));
     std::jthread opener([&] { rig.session->startRunning(); });
     ASSERT_TRUE(comesTrue([&] { return rig.session->isRunning(); }));
     const auto before = rig.session->masterClockTime();
@@ -94,10 +91,9 @@ TEST(Capture, SaysWhyACameraDoesNotStartOrEnds) {
     for (const auto& [source, starts, reason] : cases) {
         SCOPED_TRACE(source);
         LogCapture log;
-        const auto [system, camera] = cameraOf({.sources = {sourceCamera(source)},
-                                                .openingTimeout = milliseconds(starts ? 5000 : 300),
-                                                .stallTimeout = milliseconds(300)});
-        Rig rig(system, camera);
+        Rig rig(cameraOf({.sources = {sourceCamera(source)},
+                          .openingTimeout = milliseconds(starts ? 5000 : 300),
+                          .stallTimeout = milliseconds(300)}));
         rig.session->startRunning();
         EXPECT_TRUE(!starts || rig.probe->waitForFrames(1));
         EXPECT_THAT(linesAtTheEndOf(*rig.session, log), Contains(HasSubstr(reason)));
@@ -112,7 +108,7 @@ TEST(Capture, TorchIsAnLedWhoseFunctionIsLight) {
         leds.write(name + "/brightness", "0");
         leds.write(name + "/max_brightness", "37");
     }
-    const auto [system, camera] = cameraOf({.sources = {sourceCamera()}, .ledDirectory = leds.path()});
+    const auto camera = cameraOf({.sources = {sourceCamera()}, .ledDirectory = leds.path()}).second;
     for (const auto& [mode, level] : {std::pair{TorchMode::On, "37"}, {TorchMode::Off, "0"}}) {
         camera->setTorchMode(mode);
         EXPECT_EQ(contentOf(leds.path() / "white:flash/brightness"), level);
@@ -129,8 +125,7 @@ TEST(Capture, AVideoFileIsACameraThatPlaysOnceInRealTime) {
         "filesink location='" +
         file.string() + "'");
     LogCapture log;
-    const auto [system, camera] = cameraOf({.videoFiles = {file}});
-    Rig rig(system, camera, 0, VideoOrientation::Portrait);
+    Rig rig(cameraOf({.videoFiles = {file}}), 0, VideoOrientation::Portrait);
     rig.session->startRunning();
     EXPECT_THAT(linesAtTheEndOf(*rig.session, log), Contains("Capture: stopped: the video has ended"));
     rig.queue->drain();
@@ -155,8 +150,7 @@ TEST(Capture, NodesThatMayNotBeOpenedMeanDenied) {
 }
 
 TEST(Capture, StandsEveryOperationFromSeveralThreadsAtOnceAndLeavesNothingBehind) {
-    const auto [system, camera] = cameraOf({.sources = {sourceCamera()}});
-    Rig rig(system, camera, kPixelFormat420v);
+    Rig rig(cameraOf({.sources = {sourceCamera()}}), kPixelFormat420v);
     const auto startOrStop = [&](int i) { i % 2 == 0 ? rig.session->startRunning() : rig.session->stopRunning(); };
     const std::function<void(int)> operations[] = {
         startOrStop,
@@ -223,15 +217,15 @@ TEST(Barcode, ReadsPdf417CodesWhileFramesKeepArriving) {
         SCOPED_TRACE(portrait);
         const auto [levels, place] = cardWith(portrait ? 3 : 2, portrait);
         const auto orientation = portrait ? VideoOrientation::Portrait : VideoOrientation::LandscapeRight;
-        const auto [system, camera] =
+        const Camera camera =
             cameraOf({.sources = {{.name = "card",
                                    .source = "filesrc location=" + directory.write("card.gray", levels) +
                                              " blocksize=" + std::to_string(levels.size()) +
                                              " ! rawvideoparse format=gray8 width=1280 height=720"
                                              " ! imagefreeze is-live=true ! videoconvert",
                                    .rawFormat = portrait ? "NV12" : "BGRA"}}});
-        Rig rig(system, camera, portrait ? kPixelFormat420v : kPixelFormat32BGRA, orientation);
-        const auto output = system->makeMetadataOutput();
+        Rig rig(camera, portrait ? kPixelFormat420v : kPixelFormat32BGRA, orientation);
+        const auto output = camera.first->makeMetadataOutput();
         output->setMetadataObjectsDelegate(rig.probe, rig.queue);
         rig.session->addOutput(output);
         output->setMetadataObjectTypes({kMetadataObjectTypePDF417Code});

@@ -92,9 +92,9 @@ TEST_F(PipeWireCapture, DeliversUprightAndCroppedAndFramesMayBeHeld) {
          {std::pair{"Raw", kPixelFormat420v}, {"Raw", kPixelFormat32BGRA}, {"Jpeg", kPixelFormat420v}}) {
         const auto camera = find(name);
         ASSERT_TRUE(camera);
-        expectDelivery(system_, camera, {format, 640, 480}, VideoOrientation::Portrait, {270, 480});
+        expectDelivery({system_, camera}, {format, 640, 480}, VideoOrientation::Portrait, {270, 480});
     }
-    expectFramesMayBeHeld(system_, find("Snow"));
+    expectFramesMayBeHeld({system_, find("Snow")});
 }
 
 TEST_F(PipeWireCapture, AnUnpluggedCameraEndsTheRun) {
@@ -102,7 +102,7 @@ TEST_F(PipeWireCapture, AnUnpluggedCameraEndsTheRun) {
     const auto camera = find("Camera2");
     ASSERT_TRUE(camera);
     LogCapture log;
-    Rig rig(system_, camera, kPixelFormat420v);
+    Rig rig({system_, camera}, kPixelFormat420v);
     rig.session->startRunning();
     ASSERT_TRUE(rig.probe->waitForFrames(3));
     publisher.reset();

@@ -1,7 +1,6 @@
-// Reads recordings with an independent reader, and feeds writers with frames of known content.
+// Reads recordings with an independent reader.
 #pragma once
 
-#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <utility>
@@ -42,14 +41,6 @@ inline std::pair<double, double> onsets(const std::filesystem::path& file) {
         return at == std::string::npos ? 0.0 : std::stod(found.substr(at + word.size()));
     };
     return {after("black_end:"), after("silence_end:")};
-}
-
-/// A frame of one grey level.
-inline std::shared_ptr<PixelBuffer> greyFrame(int width, int height, PixelFormat format, std::uint8_t level) {
-    return painted(width, height, format, [&](std::uint8_t* sample, int, int, int plane) {
-        const int bytes = format == kPixelFormat420v ? plane + 1 : 4;
-        std::fill_n(sample, bytes, static_cast<std::uint8_t>(plane == 0 ? level : 128));
-    });
 }
 
 }  // namespace selvio::test

@@ -16,13 +16,13 @@ TEST(V4l2Capture, IsFoundDeliversFramesThatMayBeHeldAndSetsTheFocus) {
     EXPECT_EQ(camera->localizedName(), "Emulated Camera");
     EXPECT_EQ(camera->activeFormat(), (CaptureDeviceFormat{{kPixelFormat420v, 320, 240}, 30}));
     EXPECT_THAT(camera->formats(), Contains(CaptureDeviceFormat{{kPixelFormat32BGRA, 320, 240}, 30}));
-    expectDelivery(system, camera, {kPixelFormat32BGRA, 320, 240}, VideoOrientation::LandscapeRight, {320, 240});
+    expectDelivery({system, camera}, {kPixelFormat32BGRA, 320, 240}, VideoOrientation::LandscapeRight, {320, 240});
     camera->setActiveFormat({{kPixelFormat420v, 320, 240}, 30});
-    expectFramesMayBeHeld(system, camera);
+    expectFramesMayBeHeld({system, camera});
 
     EXPECT_TRUE(camera->isFocusModeSupported(FocusMode::AutoFocus));
     EXPECT_TRUE(camera->isFocusModeSupported(FocusMode::ContinuousAutoFocus));
-    Rig rig(system, camera, kPixelFormat420v);
+    Rig rig({system, camera}, kPixelFormat420v);
     rig.session->startRunning();
     for (const auto mode : {FocusMode::ContinuousAutoFocus, FocusMode::Locked, FocusMode::AutoFocus})
         camera->setFocusMode(mode);
