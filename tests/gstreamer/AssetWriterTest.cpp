@@ -15,16 +15,16 @@
 #include <random>
 #include <thread>
 
-namespace selvio {
+namespace selvio::test {
 namespace {
 
-using namespace test;
 using namespace ::testing;
 using std::chrono::nanoseconds;
+using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
-constexpr nanoseconds kStart = std::chrono::hours(7);  // master clocks do not begin at zero
-constexpr nanoseconds kFrame{33'333'333};
+constexpr nanoseconds kStart = 7h;  // master clocks do not begin at zero
+constexpr nanoseconds kFrame = 33'333'333ns;
 
 std::shared_ptr<SampleBuffer> videoSample(std::shared_ptr<PixelBuffer> pixels, nanoseconds time) {
     return SampleBuffer::makeVideo(std::move(pixels), {kStart + time, kFrame});
@@ -122,7 +122,7 @@ TEST_F(AssetWriterTest, NeitherASilentMicrophoneNorFramesOutOfOrderHarmTheFile) 
     record(0, true);
     EXPECT_TRUE(video_->appendSampleBuffer(videoSample(grey_, -kFrame))) << "taken, and left out";
     for (int i = 0; i < 90; ++i) ASSERT_TRUE(append(videoSample(grey_, i * kFrame)));
-    const auto sound = SampleBuffer::makeAudio({48000, 1, {}}, {kStart + std::chrono::seconds(5), kFrame});
+    const auto sound = SampleBuffer::makeAudio({48000, 1, {}}, {kStart + 5s, kFrame});
     for (const auto& wrong : {videoSample(grey_, 89 * kFrame), SampleBuffer::makeVideo(grey_, {}), sound, {}})
         EXPECT_FALSE(video_->appendSampleBuffer(wrong));
     ASSERT_EQ(finish(), AssetWriterStatus::Completed);
@@ -276,4 +276,4 @@ TEST_F(AssetWriterTest, NamesThePackageThatIsMissing) {
 }
 
 }  // namespace
-}  // namespace selvio
+}  // namespace selvio::test

@@ -15,7 +15,7 @@
 
 namespace selvio::test {
 
-using std::chrono::milliseconds;
+using namespace std::chrono_literals;
 using std::chrono::nanoseconds;
 using ::testing::Contains;
 using ::testing::HasSubstr;
@@ -77,9 +77,9 @@ inline void expectDelivery(const Camera& camera, const VideoFormatDescription& s
     for (std::size_t i = 1; i < frames.size(); ++i)
         distances.push_back(*frames[i].presentationTime - *frames[i - 1].presentationTime);
     std::ranges::sort(distances);
-    EXPECT_GT(distances.front(), nanoseconds(0));
+    EXPECT_GT(distances.front(), 0ns);
     // The middle one of all: a busy machine leaves out a frame now and then.
-    EXPECT_LT(std::chrono::abs(distances[distances.size() / 2] - milliseconds(33)), milliseconds(6));
+    EXPECT_LT(std::chrono::abs(distances[distances.size() / 2] - 33ms), 6ms);
     EXPECT_GE(*frames.front().presentationTime, before);
     EXPECT_LE(*frames.back().presentationTime, rig.session->masterClockTime());
 }

@@ -5,10 +5,8 @@
 #include <ZXing/BitMatrix.h>
 #include <ZXing/MultiFormatWriter.h>
 
-namespace selvio {
+namespace selvio::test {
 namespace {
-
-using namespace test;
 
 /// The one camera of a system that looks for no others.
 Camera cameraOf(CaptureOptions options) {
@@ -38,7 +36,7 @@ TEST(Capture, TakesUpChangesWhileItRuns) {
     rig.queue->drain();
     const auto last = rig.probe->frameCount();
     const auto then = rig.session->masterClockTime();
-    EXPECT_TRUE(comesTrue([&] { return rig.session->masterClockTime() - then > milliseconds(100); }));
+    EXPECT_TRUE(comesTrue([&] { return rig.session->masterClockTime() - then > 100ms; }));
     EXPECT_TRUE(rig.session->isRunning());
     EXPECT_EQ(rig.probe->frameCount(), last) << "without a camera nothing comes";
     rig.session->addInput(rig.input);
@@ -68,13 +66,13 @@ TEST(Capture, TheFirstFrameMayStopTheSession) {
 
 TEST(Capture, AStopEndsTheOpeningOfACameraThatDoesNotAnswer) {
     LogCapture log;
-    Rig rig(cameraOf({.sources = {sourceCamera("appsrc is-live=true")}, .openingTimeout = std::chrono::minutes(1)}));
+    Rig rig(cameraOf({.sources = {sourceCamera("appsrc is-live=true")}, .openingTimeout = 1min}));
     std::jthread opener([&] { rig.session->startRunning(); });
     ASSERT_TRUE(comesTrue([&] { return rig.session->isRunning(); }));
     const auto before = rig.session->masterClockTime();
     rig.session->stopRunning();
     opener.join();
-    EXPECT_LT(rig.session->masterClockTime() - before, std::chrono::seconds(20));
+    EXPECT_LT(rig.session->masterClockTime() - before, 20s);
     EXPECT_FALSE(rig.session->isRunning());
     EXPECT_TRUE(log.take().empty()) << "nothing has failed";
 }
@@ -91,9 +89,8 @@ TEST(Capture, SaysWhyACameraDoesNotStartOrEnds) {
     for (const auto& [source, starts, reason] : cases) {
         SCOPED_TRACE(source);
         LogCapture log;
-        Rig rig(cameraOf({.sources = {sourceCamera(source)},
-                          .openingTimeout = milliseconds(starts ? 5000 : 300),
-                          .stallTimeout = milliseconds(300)}));
+        Rig rig(cameraOf(
+            {.sources = {sourceCamera(source)}, .openingTimeout = starts ? 5000ms : 300ms, .stallTimeout = 300ms}));
         rig.session->startRunning();
         EXPECT_TRUE(!starts || rig.probe->waitForFrames(1));
         EXPECT_THAT(linesAtTheEndOf(*rig.session, log), Contains(HasSubstr(reason)));
@@ -132,7 +129,7 @@ TEST(Capture, AVideoFileIsACameraThatPlaysOnceInRealTime) {
     const auto& frames = rig.probe->frames_;
     ASSERT_GE(frames.size(), 15U);
     EXPECT_EQ(rig.probe->last_, (VideoFormatDescription{kPixelFormat32BGRA, 360, 640}));
-    EXPECT_GT(*frames.back().presentationTime - *frames.front().presentationTime, milliseconds(450));
+    EXPECT_GT(*frames.back().presentationTime - *frames.front().presentationTime, 450ms);
 }
 
 TEST(Capture, NodesThatMayNotBeOpenedMeanDenied) {
@@ -248,4 +245,4 @@ TEST(Barcode, ReadsPdf417CodesWhileFramesKeepArriving) {
 }
 
 }  // namespace
-}  // namespace selvio
+}  // namespace selvio::test

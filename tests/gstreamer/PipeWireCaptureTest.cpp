@@ -7,10 +7,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-namespace selvio {
+namespace selvio::test {
 namespace {
-
-using namespace test;
 
 /// A program that a test needs beside it, for as long as this is held.
 using Child = std::shared_ptr<void>;
@@ -44,7 +42,7 @@ protected:
         return found;
     }
 
-    std::shared_ptr<CaptureSystem> system_ = makeGstCaptureSystem({.stallTimeout = milliseconds(1000)});
+    std::shared_ptr<CaptureSystem> system_ = makeGstCaptureSystem({.stallTimeout = 1s});
 };
 
 TEST(PipeWireLookUp, AServerThatDoesNotAnswerIsNone) {
@@ -116,4 +114,4 @@ TEST_F(PipeWireCapture, AnUnpluggedCameraEndsTheRun) {
 }
 
 }  // namespace
-}  // namespace selvio
+}  // namespace selvio::test

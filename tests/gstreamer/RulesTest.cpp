@@ -10,7 +10,7 @@
 namespace selvio {
 namespace {
 
-using std::chrono::milliseconds;
+using namespace std::chrono_literals;
 using std::chrono::nanoseconds;
 
 TEST(CaptureRules, PreferTheRateOfThirtyOrTheNextBest) {
@@ -60,27 +60,27 @@ TEST(CaptureRules, TheMiddleIsCutInTheShapeOfTheOrientation) {
 
 TEST(AudioClock, SmoothsJitterFollowsDriftAndJumpsOverLosses) {
     AudioClock clock;
-    const milliseconds start{5000}, block{10};
+    constexpr nanoseconds start = 5000ms, block = 10ms;
     EXPECT_EQ(clock.place(start, 480, 48000), start);
     for (int i = 1; i <= 50; ++i) {
-        const nanoseconds placed = clock.place(start + i * block + milliseconds(i % 2 == 0 ? 9 : 0), 480, 48000);
-        EXPECT_LT(std::chrono::abs(placed - start - i * block), milliseconds(6)) << i;
+        const nanoseconds placed = clock.place(start + i * block + (i % 2 == 0 ? 9ms : 0ms), 480, 48000);
+        EXPECT_LT(std::chrono::abs(placed - start - i * block), 6ms) << i;
     }
     nanoseconds placed{0};
-    for (int i = 51; i <= 250; ++i) placed = clock.place(milliseconds(5040) + i * block, 480, 48000);
-    EXPECT_LT(std::chrono::abs(placed - milliseconds(7540)), milliseconds(1)) << "a lasting offset is taken up";
-    EXPECT_EQ(clock.place(milliseconds(9000), 480, 48000), milliseconds(9000));
+    for (int i = 51; i <= 250; ++i) placed = clock.place(5040ms + i * block, 480, 48000);
+    EXPECT_LT(std::chrono::abs(placed - 7540ms), 1ms) << "a lasting offset is taken up";
+    EXPECT_EQ(clock.place(9000ms, 480, 48000), 9000ms);
 }
 
 TEST(PlaceAudio, PutsEveryBlockWhereItsTimeSays) {
     // Blocks of 480 frames at 48 kHz: 10 ms.
     const std::tuple<const char*, std::int64_t, nanoseconds, AudioPlacement> cases[] = {
-        {"first block late: silence up to it, however short", 0, milliseconds(5), {240, 0}},
-        {"first block begins before the start: its head is cut", 0, milliseconds(-4), {0, 192}},
-        {"block entirely before the start", 0, milliseconds(-50), {0, 480}},
-        {"jitter joins seamlessly", 4800, milliseconds(110), {0, 0}},
-        {"a hole is filled", 24LL * 3600 * 48000, std::chrono::hours(24) + milliseconds(250), {12000, 0}},
-        {"an overlap beyond jitter is cut", 4800, milliseconds(88), {0, 480}},
+        {"first block late: silence up to it, however short", 0, 5ms, {240, 0}},
+        {"first block begins before the start: its head is cut", 0, -4ms, {0, 192}},
+        {"block entirely before the start", 0, -50ms, {0, 480}},
+        {"jitter joins seamlessly", 4800, 110ms, {0, 0}},
+        {"a hole is filled", 24LL * 3600 * 48000, 24h + 250ms, {12000, 0}},
+        {"an overlap beyond jitter is cut", 4800, 88ms, {0, 480}},
     };
     for (const auto& [what, written, time, expected] : cases)
         EXPECT_EQ(placeAudio(written, time, 480, 48000), expected) << what;

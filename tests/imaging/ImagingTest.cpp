@@ -19,6 +19,7 @@ namespace {
 
 using namespace selvio;
 using namespace selvio::test;
+using namespace std::chrono_literals;
 using Utilities = SelvioFacialCaptureImageUtilities;
 using Picture = std::shared_ptr<PixelBuffer>;
 
@@ -95,7 +96,7 @@ TEST(ImageUtilities, rotateMovesEverySampleOfEveryPlaneToItsPlace) {
 
 TEST(ImageUtilities, sampleImagesShareThePixelsAndFollowTheDeviceTable) {
     const Picture picture = distinctPicture(4, 4, kPixelFormat420v);
-    const SampleTiming timing{std::chrono::seconds(1), std::chrono::seconds(2)};
+    const SampleTiming timing{1s, 2s};
     const auto sample = SampleBuffer::makeVideo(picture, timing);
     EXPECT_EQ(sample->timing(), timing);
     EXPECT_EQ(SampleBuffer::makeAudio({}, timing)->timing(), timing);
@@ -183,8 +184,7 @@ TEST(ImageUtilities, copiesAreDeepEqualCompactAndWithoutTiming) {
     const auto pool = PixelBufferPool::create();
     for (const auto& [source, bytesOfCopy, keepsRows] : table) {
         SCOPED_TRACE(testing::Message() << source->format() << " " << source->width() << "x" << source->height());
-        const auto sample =
-            SampleBuffer::makeVideo(source, {std::chrono::nanoseconds(5), std::chrono::nanoseconds(1)}, false);
+        const auto sample = SampleBuffer::makeVideo(source, {5ns, 1ns}, false);
         for (const auto& copy : {Utilities::copySampleBuffer(sample), Utilities::copySampleBuffer(sample, *pool)}) {
             ASSERT_NE(copy, nullptr);
             EXPECT_TRUE(copy->dataIsReady() && !copy->timing().isValid());

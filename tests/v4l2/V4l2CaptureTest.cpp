@@ -1,15 +1,13 @@
 // A Video4Linux camera, emulated below the ioctls, through the same adapters as a real one.
 #include <gstreamer/CaptureRig.h>
 
-namespace selvio {
+namespace selvio::test {
 namespace {
-
-using namespace test;
 
 TEST(V4l2Capture, IsFoundDeliversFramesThatMayBeHeldAndSetsTheFocus) {
     const char* const files = std::getenv("SELVIO_EMULATED_CAMERA");
     if (files == nullptr) GTEST_SKIP() << "UNAVAILABLE: umockdev-run is not installed";
-    const auto system = makeGstCaptureSystem({.stallTimeout = milliseconds(1000)});
+    const auto system = makeGstCaptureSystem({.stallTimeout = 1s});
     const auto devices = system->discoverDevices({}, MediaType::Video, CaptureDevicePosition::Front)->devices;
     ASSERT_EQ(devices.size(), 1U);
     const auto& camera = devices.front();
@@ -30,4 +28,4 @@ TEST(V4l2Capture, IsFoundDeliversFramesThatMayBeHeldAndSetsTheFocus) {
 }
 
 }  // namespace
-}  // namespace selvio
+}  // namespace selvio::test
