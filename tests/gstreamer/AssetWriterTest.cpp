@@ -1,4 +1,6 @@
+#include "platform/linux/gstreamer/CaptureRules.h"
 #include "platform/linux/gstreamer/Mp4Index.h"
+#include "platform/linux/gstreamer/VideoEncoders.h"
 #include "support/LogCapture.h"
 #include "support/MediaProbe.h"
 
@@ -273,6 +275,30 @@ TEST_F(AssetWriterTest, NamesThePackageThatIsMissing) {
     }
     EXPECT_EQ(recommendedVideoCodec({.preferHEVC = true}), kVideoCodecTypeHEVC);
     EXPECT_EQ(recommendedVideoCodec({.preferHEVC = true, .disabledElements = {"h265parse"}}), kVideoCodecTypeH264);
+}
+
+TEST(PlaceAudio, PutsEveryBlockWhereItsTimeSays) {
+    // Blocks of 480 frames at 48 kHz: 10 ms.
+    const std::tuple<const char*, std::int64_t, nanoseconds, AudioPlacement> cases[] = {
+        {"first block late: silence up to it, however short", 0, 5ms, {240, 0}},
+        {"first block begins before the start: its head is cut", 0, -4ms, {0, 192}},
+        {"block entirely before the start", 0, -50ms, {0, 480}},
+        {"jitter joins seamlessly", 4800, 110ms, {0, 0}},
+        {"a hole is filled", 24LL * 3600 * 48000, 24h + 250ms, {12000, 0}},
+        {"an overlap beyond jitter is cut", 4800, 88ms, {0, 480}},
+    };
+    for (const auto& [what, written, time, expected] : cases)
+        EXPECT_EQ(placeAudio(written, time, 480, 48000), expected) << what;
+}
+
+TEST(VideoEncoders, HardwareByRankComesBeforeSoftwareInOrder) {
+    const std::map<std::string, int> installed{
+        {"x264enc", 300}, {"openh264enc", 400}, {"v4l2h264enc", 257}, {"vah264enc", 0}, {"x265enc", 128}};
+    const auto rank = [&](const std::string& name) { return installed.contains(name) ? installed.at(name) : -1; };
+    std::vector<std::string> names;
+    for (const VideoEncoder* encoder : installedEncoders(*findVideoCodec(kVideoCodecTypeH264), rank))
+        names.push_back(encoder->element);
+    EXPECT_EQ(names, (std::vector<std::string>{"v4l2h264enc", "vah264enc", "x264enc", "openh264enc"}));
 }
 
 }  // namespace
