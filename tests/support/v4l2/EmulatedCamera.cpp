@@ -11,14 +11,12 @@
 #include <cstdarg>
 #include <cstdlib>
 #include <deque>
+#include <filesystem>
 #include <fstream>
 #include <mutex>
-#include <string>
 #include <thread>
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 constexpr std::uint32_t kWidth = 320, kHeight = 240, kBytes = kWidth * kHeight * 3 / 2;
 
@@ -26,12 +24,12 @@ std::mutex mutex;
 // All guarded by mutex.
 std::deque<std::uint32_t> queued;
 std::uint32_t sequence = 0;
-Clock::time_point started;
+std::chrono::steady_clock::time_point started;
 
 bool isCamera(int file) {
-    char path[512];
-    const ssize_t length = ::readlink(("/proc/self/fd/" + std::to_string(file)).c_str(), path, sizeof path);
-    return length > 0 && std::string(path, static_cast<std::size_t>(length)).ends_with("/dev/video0");
+    std::error_code none;
+    const auto path = std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(file), none);
+    return path.native().ends_with("/dev/video0");
 }
 
 /// The error, or 0.
@@ -109,7 +107,7 @@ int answer(int file, unsigned long request, void* argument) {
         }
         case VIDIOC_STREAMON:
         case VIDIOC_STREAMOFF:
-            started = Clock::now();
+            started = std::chrono::steady_clock::now();
             sequence = 0;
             if (request == VIDIOC_STREAMOFF) queued.clear();
             return 0;
