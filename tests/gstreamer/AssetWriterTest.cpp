@@ -32,9 +32,10 @@ std::shared_ptr<SampleBuffer> videoSample(std::shared_ptr<PixelBuffer> pixels, n
     return SampleBuffer::makeVideo(std::move(pixels), {kStart + time, kFrame});
 }
 
-/// A picture of one colour: the bytes of a sample of each plane.
-std::shared_ptr<PixelBuffer> flat(int width, int height, PixelFormat format,
-                                  const std::vector<std::vector<std::uint8_t>>& colour) {
+/// The bytes of a sample of each plane.
+using Colour = std::vector<std::vector<std::uint8_t>>;
+
+std::shared_ptr<PixelBuffer> flat(int width, int height, PixelFormat format, const Colour& colour) {
     return painted(width, height, format, [&](std::uint8_t* sample, int, int, int plane) {
         std::ranges::copy(colour[static_cast<std::size_t>(plane)], sample);
     });
@@ -84,27 +85,21 @@ protected:
 };
 
 TEST_F(AssetWriterTest, WritesEveryFrameWholeInTheCodecAndSizeAskedFor) {
-    const struct {
-        const char* codec;
-        int width, height;  // of a frame; the file is 360x640
-        PixelFormat format;
-        std::vector<std::vector<std::uint8_t>> red;
-        const char* stream;
-        bool fills;  // the height of the file; else there is a black border above and below
-    } cases[] = {
+    // The file is 360x640. What does not fill its height has a black border above and below.
+    const std::tuple<const char*, int, int, PixelFormat, Colour, std::string, bool> cases[] = {
         {kVideoCodecTypeH264, 202, 360, kPixelFormat32BGRA, {{0, 0, 255, 255}}, "h264,avc1,", true},
         {kVideoCodecTypeH264, 360, 640, kPixelFormat32ARGB, {{255, 255, 0, 0}}, "h264,avc1,", true},
         {kVideoCodecTypeHEVC, 640, 360, kPixelFormat420v, {{81}, {90, 240}}, "hevc,hvc1,", false},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.format);
+    for (const auto& [codec, width, height, format, red, stream, fills] : cases) {
+        SCOPED_TRACE(format);
         fs::remove(file_);
-        ASSERT_TRUE(start({c.codec, 360, 640, {{kVideoAverageBitRateKey, 500'000}}}));
-        const auto red = flat(c.width, c.height, c.format, c.red);
-        for (int i = 0; i < 45; ++i) ASSERT_TRUE(append(videoSample(red, i * kFrame)));
+        ASSERT_TRUE(start({codec, 360, 640, {{kVideoAverageBitRateKey, 500'000}}}));
+        const auto frame = flat(width, height, format, red);
+        for (int i = 0; i < 45; ++i) ASSERT_TRUE(append(videoSample(frame, i * kFrame)));
         ASSERT_EQ(finish(), AssetWriterStatus::Completed);
         EXPECT_EQ(streamOf(file_, "v", "codec_name,codec_tag_string,width,height,pix_fmt,nb_read_frames"),
-                  c.stream + std::string("360,640,yuv420p,45"));
+                  stream + "360,640,yuv420p,45");
         EXPECT_NEAR(secondsOf(file_, "v"), 1.5, 0.03);
         EXPECT_EQ(fs::status(file_).permissions(), fs::perms(0600));
         const std::string head = contentOf(file_);
@@ -115,7 +110,7 @@ TEST_F(AssetWriterTest, WritesEveryFrameWholeInTheCodecAndSizeAskedFor) {
         ASSERT_EQ(column.size(), 1920U);
         for (const std::size_t row : {200U, 320U, 440U}) {
             const auto* const rgb = reinterpret_cast<const unsigned char*>(&column[3 * row]);
-            EXPECT_NEAR(rgb[0] - rgb[1], c.fills || row == 320 ? 255 : 0, 35) << row;
+            EXPECT_NEAR(rgb[0] - rgb[1], fills || row == 320 ? 255 : 0, 35) << row;
         }
     }
 }

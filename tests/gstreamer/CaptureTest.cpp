@@ -117,11 +117,11 @@ TEST(Capture, TorchIsAnLedWhoseFunctionIsLight) {
 
 TEST(Capture, AVideoFileIsACameraThatPlaysOnceInRealTime) {
     const TemporaryDirectory directory;
-    const auto file = directory.path() / "clip with space.mp4";
+    const std::string file = directory.path() / "clip with space.mp4";
     outputOf(
         "gst-launch-1.0 -q videotestsrc num-buffers=20 ! video/x-raw,width=360,height=640 ! x264enc ! mp4mux ! "
         "filesink location='" +
-        file.string() + "'");
+        file + "'");
     LogCapture log;
     Rig rig(cameraOf({.videoFiles = {file}}), 0, VideoOrientation::Portrait);
     rig.session->startRunning();

@@ -32,13 +32,12 @@ protected:
     // Waits until a device of this name is there, or is not.
     std::shared_ptr<CaptureDevice> find(const std::string& name, bool expected = true) {
         std::shared_ptr<CaptureDevice> found;
-        comesTrue([&] {
+        EXPECT_TRUE(comesTrue([&] {
             const auto discovery = system_->discoverDevices({}, MediaType::Video, CaptureDevicePosition::Unspecified);
             const auto at = std::ranges::find(discovery->devices, name, &CaptureDevice::localizedName);
             found = at == discovery->devices.end() ? nullptr : *at;
             return (found != nullptr) == expected;
-        });
-        EXPECT_EQ(found != nullptr, expected) << name;
+        })) << name;
         return found;
     }
 
