@@ -50,12 +50,13 @@ std::shared_ptr<PixelBuffer> quarters(int width, int height, PixelFormat format)
     });
 }
 
+const std::string kDrawing = "xc:red xc:lime +append ) ( xc:blue xc:white";  ///< of kQuarters
+
 /// A picture of 70 x 50 pixels as `convert` writes it, with options of its; its format is that of the name.
-Bytes fileOf(const std::string& name, const std::string& options = "",
-             const std::string& colours = "xc:red xc:lime +append ) ( xc:blue xc:white") {
+Bytes fileOf(const std::string& name, const std::string& options = "", const std::string& drawing = kDrawing) {
     const TemporaryDirectory directory;
     const std::string path = directory.path() / name;
-    outputOf("set -f; convert -size 35x25 $(echo '( " + colours + " +append ) -append') " + options + " " + path);
+    outputOf("set -f; convert -size 35x25 $(echo '( " + drawing + " +append ) -append') " + options + " " + path);
     const std::string content = contentOf(path);
     return {content.begin(), content.end()};
 }
@@ -145,30 +146,25 @@ TEST_F(Codec, densityCommentAndOrientationAreReadByOtherPrograms) {
 TEST_F(Codec, everyKindOfPictureIsReadAndEveryJpegEncodedAnew) {
     const Quarters greys{kBlack, kWhite, kBlack, kWhite}, faded{kRed, kGreen, {0, 0, 128}, {128, 128, 128}};
     const std::string grey = "xc:#000 xc:#FFF +append ) ( xc:#000 xc:#FFF";
-    const struct {
-        const char* name;
-        std::string options;
-        std::string sampling{};  ///< of the JPEG encoded anew
-        Quarters picture = kQuarters;
-        std::string drawing = "xc:red xc:lime +append ) ( xc:blue xc:white";
-    } table[] = {
-        {"a.jpg", "-sampling-factor 4:2:2 -interlace JPEG", "YCbCr4:2:2 (2 1)"},
-        {"a.jpg", "-sampling-factor 3x1", "YCbCr4:2:0 (2 2)"},
-        {"a.jpg", "-colorspace CMYK", "YCbCr4:2:0 (2 2)"},
+    // With the sampling of the JPEG encoded anew, what the picture shows, and how it is drawn.
+    const std::tuple<std::string, std::string, std::string, Quarters, std::string> table[] = {
+        {"a.jpg", "-sampling-factor 4:2:2 -interlace JPEG", "YCbCr4:2:2 (2 1)", kQuarters, kDrawing},
+        {"a.jpg", "-sampling-factor 3x1", "YCbCr4:2:0 (2 2)", kQuarters, kDrawing},
+        {"a.jpg", "-colorspace CMYK", "YCbCr4:2:0 (2 2)", kQuarters, kDrawing},
         {"a.jpg", "-colorspace Gray", "", greys, grey},
-        {"a.png", "-define png:color-type=3"},
+        {"a.png", "-define png:color-type=3", "", kQuarters, kDrawing},
         {"a.png", "-define png:color-type=0 -define png:bit-depth=16 -interlace PNG", "", greys, grey},
         {"a.png", "-define png:color-type=6", "", faded, "xc:red xc:lime +append ) ( xc:#FF000080 xc:#FFFFFF80"},
     };
-    for (const auto& c : table) {
-        SCOPED_TRACE(c.name + (" " + c.options));
-        const Bytes file = fileOf(c.name, c.options, c.drawing);
-        expectPicture(loaded(file), 70, 50, c.picture);
+    for (const auto& [name, options, sampling, picture, drawing] : table) {
+        SCOPED_TRACE(name + " " + options);
+        const Bytes file = fileOf(name, options, drawing);
+        expectPicture(loaded(file), 70, 50, picture);
         if (file[0] != 0xFF) continue;
         const Bytes anew = reencoded(file, {std::nullopt, std::nullopt, 1.0F}).value();
-        expectPicture(loaded(anew), 70, 50, c.picture);
+        expectPicture(loaded(anew), 70, 50, picture);
         EXPECT_THAT(outputOf("exiftool -s3 -YCbCrSubSampling " + directory.write("anew.jpg", anew)),
-                    HasSubstr(c.sampling));
+                    HasSubstr(sampling));
     }
 }
 
