@@ -47,7 +47,6 @@ public:
     std::string write(const std::string& name, const std::vector<std::uint8_t>& bytes) const {
         return write(name, std::string(bytes.begin(), bytes.end()));
     }
-    [[nodiscard]] std::size_t fileCount() const { return entriesIn(path_); }
 
 private:
     std::filesystem::path path_;
