@@ -130,8 +130,9 @@ TEST_F(Codec, densityCommentAndOrientationAreReadByOtherPrograms) {
     }
     const std::string path = directory.path() / "photograph.jpg";
     const ImageProperties read = propertiesOf(reencoded(source, properties).value());
-    EXPECT_EQ((std::array{read.exif->orientation.value(), read.jfif->xDensity, read.jfif->yDensity}),
-              (std::array{6, 72, 71}));
+    const JfifProperties& jfif = *read.jfif;
+    EXPECT_EQ((std::array{read.exif->orientation.value(), jfif.xDensity, jfif.yDensity, jfif.densityUnit}),
+              (std::array{6, 72, 71, 1}));
     EXPECT_EQ(outputOf("exiftool -n -s3 -JFIF:all -Orientation -UserComment " + path),
               "1 1\n1\n72\n71\n6\n" + comment + "\n");
     EXPECT_EQ(outputOf("exif --tag=UserComment --machine-readable " + path), comment + "\n");

@@ -29,7 +29,7 @@ struct VisionOptions {
     /// again.
     bool refineLandmarks = false;
     /// Tells when the next search for small faces in the background is due; null means the system's clock.
-    std::shared_ptr<const Clock> clock;
+    std::shared_ptr<const Clock> clock{};
 };
 
 /// Starts loading the models on a thread of its own, unless they are loaded or being loaded; returns at once. Each
