@@ -6,7 +6,6 @@
 
 #include "support/FakeDevice.h"
 #include "support/FakeImageCodec.h"
-#include "support/FakeMotionManager.h"
 #include "support/FakeVision.h"
 #include "support/LogCapture.h"
 #include "support/ManualClock.h"
@@ -36,20 +35,45 @@ struct ScreenFace {
     }
 };
 
-/// Loads the same picture from every path but "missing.jpg".
+/// Loads the same picture from every path, if there is one.
 class FakeImageLoader final : public ImageLoader {
 public:
     Expected<std::shared_ptr<PixelBuffer>> loadImage(const std::string& path) const override {
-        if (path == "missing.jpg") return Error{"missing.jpg: no such file"};
+        if (!picture) return Error{path + ": no such file"};
         return picture;
     }
     std::shared_ptr<PixelBuffer> picture = PixelBuffer::create(300, 400, kPixelFormat32BGRA);
+};
+
+/// A motion feed that the test speaks for.
+class FakeMotionManager final : public MotionManager {
+public:
+    void setDeviceMotionUpdateInterval(std::chrono::nanoseconds value) override { interval = value; }
+    void startDeviceMotionUpdates(std::shared_ptr<Queue>, Handler handler) override {
+        mutex_.set(handler_, std::move(handler));
+        duringCalls();
+    }
+    void stopDeviceMotionUpdates() override { startDeviceMotionUpdates(nullptr, nullptr); }
+
+    /// Hands a reading to the handler, if one is set.
+    void rotate(RotationRate rate) {
+        if (const auto handler = mutex_.get(handler_)) handler({.rotationRate = rate}, std::nullopt);
+    }
+    bool isRunning() const { return mutex_.get(handler_) != nullptr; }
+
+    std::function<void()> duringCalls = [] {};
+    std::chrono::nanoseconds interval{};
+
+private:
+    mutable MemberMutex mutex_;
+    Handler handler_;  // guarded by mutex_
 };
 
 /// An analyzer without a delegate, once it is made.
 struct ManualAnalyzer {
     Platform platform() {
         Platform platform = makePortablePlatform();
+        platform.serviceLevel = serviceLevel;
         platform.device = device;
         platform.screen = std::make_shared<FakeScreen>(screen);
         platform.imageCodec = codec;
@@ -68,6 +92,7 @@ struct ManualAnalyzer {
         analyzer = SelvioFacialCaptureAnalyzer::initWithParameters(parameters, ports);
     }
 
+    int serviceLevel = Platform::kFullServiceLevel;
     Size screen{1000, 1700};
     const std::shared_ptr<FakeDevice> device = std::make_shared<FakeDevice>();
     const std::shared_ptr<FakeSequenceRequestHandler> vision = std::make_shared<FakeSequenceRequestHandler>();
