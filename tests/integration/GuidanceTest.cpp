@@ -1,6 +1,7 @@
 // The guidance on a real face: the component's statuses against the same formulas applied to where the face truly is.
 #include <SelvioFacialCapture/SelvioFacialCapture.h>
 #include <SelvioFacialCapture/linux/LinuxPlatform.h>
+#include <SelvioFacialCapture/rules/FaceChecks.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -9,7 +10,6 @@
 #include "support/FakeDevice.h"
 #include "support/ManualQueue.h"
 #include "support/SampleScene.h"
-#include "support/TrueFace.h"
 
 namespace selvio {
 namespace {
@@ -20,6 +20,26 @@ constexpr Size kScreen{1080, 1920};
 using test::oneFace;
 using test::sampleScene;
 using Statuses = std::vector<SelvioFacialCaptureStatus>;
+
+/// What a detector without error would make of the face. The screen shows the frame as a mirror does.
+rules::FaceChecksInput trueChecksInput(const FrameFace& face) {
+    const auto onScreen = [](Point p) {
+        return Point{(kWidth - p.x) * kScreen.width / kWidth, p.y * kScreen.height / kHeight};
+    };
+    const auto at = [&](const char* name) { return face.landmarks.at(name); };
+    std::vector<Point> contour(17), nose(9);
+    contour[16] = onScreen(face.jawRight);
+    contour[0] = onScreen(face.jawLeft);
+    contour[8] = onScreen(at("chin"));
+    nose[2] = onScreen(at("noseRight"));
+    nose[4] = onScreen({(at("noseTip").x + 2 * at("noseBase").x) / 3, at("noseBase").y});
+    nose[6] = onScreen(at("noseLeft"));
+    return {.points = {contour, nose, {}},
+            .limits = {},
+            .biggerScreenSide = kScreen.height,
+            .smallerScreenSide = kScreen.width,
+            .shouldHoldStill = false};
+}
 
 class Guidance : public ::testing::Test {
 protected:
@@ -76,8 +96,7 @@ TEST_F(Guidance, EachStatusFlipsWhereTheTrueFaceSaysSo) {
     for (const std::string& pose : poses) {
         const auto scene = sampleScene(pose);
         const Statuses said = judge(scene->frame({}, kWidth, kHeight, kPixelFormat420v));
-        const auto expected = rules::checkFace(
-            trueChecksInput(scene->trueGeometry({}, kWidth, kHeight).front(), {kWidth, kHeight}, kScreen));
+        const auto expected = rules::checkFace(trueChecksInput(scene->trueGeometry({}, kWidth, kHeight).front()));
         const rules::FaceMeasures& m = expected.measures;
         const bool rollUnsure = near(m.rollRatio, m.rollLimit);
         const std::pair<SelvioFacialCaptureStatus, bool> unsure[] = {

@@ -32,9 +32,8 @@ struct Rig {
         platform.screen = std::make_shared<FakeScreen>(Size{}, static_cast<InterfaceOrientation>(orientation));
         platform.fileManager = std::make_shared<LinuxFileManager>(documents);
         // Every other time with the encoder for sound that comes last.
-        std::vector<std::string> disabled{"fdkaacenc", "avenc_aac"};
-        if (orientation % 2 != 0) disabled.clear();
-        platform.assetWriters = makeGstAssetWriterFactory({.disabledElements = disabled});
+        const std::vector<std::string> all, last{"fdkaacenc", "avenc_aac"};
+        platform.assetWriters = makeGstAssetWriterFactory({.disabledElements = orientation % 2 == 0 ? last : all});
         system = useSimulatedCamera(platform, spotFrames(keyFrames), options);
         const bool isManual = options.pacing == SimulatedPacing::Manual;
         camera = SelvioFacialCaptureCamera::initWithPreset(
@@ -76,8 +75,7 @@ struct Rig {
             drain(camera->videoOutputQueue());
         }
     }
-    template <typename Stop>
-    [[nodiscard]] bool receives(Stop stop) {
+    [[nodiscard]] bool receives(const std::function<void()>& stop) {
         const int before = recordings;
         stop();
         return comesTrue([&] { return recordings > before; });
