@@ -1,16 +1,17 @@
 // What the fuzzers share.
 #pragma once
 
-#include <unistd.h>
-#include <cstdint>
 #include <cstdlib>
-#include <fstream>
 #include <iostream>
 #include <sstream>
-#include <string>
 #include <string_view>
 
+#include "tests/support/TemporaryDirectory.h"
+
 namespace selvio::test {
+
+/// What a fuzzer's own file says: calls `require` for all that must hold of any input.
+void check(std::string_view input);
 
 /// A broken promise; the fuzzer keeps the input.
 inline void require(bool kept, const char* promise) {
@@ -24,21 +25,11 @@ inline void requireReason(const std::string& reason) {
     require(!reason.empty() && reason.find('\n') == std::string::npos, "a failure gives its reason in one line");
 }
 
-/// A file in memory with the input's bytes; its path has no end of line.
-class InputFile {
-public:
-    InputFile(const std::uint8_t* data, std::size_t size) {
-        std::ofstream(path_, std::ios::binary)
-            .write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
-    }
-    ~InputFile() { ::unlink(path_.c_str()); }
-    InputFile(const InputFile&) = delete;
-    InputFile& operator=(const InputFile&) = delete;
-    [[nodiscard]] const std::string& path() const { return path_; }
-
-private:
-    const std::string path_ = "/dev/shm/selvio_fuzz_" + std::to_string(::getpid());
-};
+/// The path, without an end of line, of a file with the input's bytes.
+inline std::string fileWith(std::string_view input) {
+    static const TemporaryDirectory directory;
+    return directory.write("input", std::string(input));
+}
 
 /// What a function prints, kept from the terminal.
 template <typename Function>

@@ -4,13 +4,10 @@
 
 #include <span>
 
-using namespace selvio;
-using selvio::test::require;
-
 /// Accepted models must keep what the reader promises of them, whatever the bytes were.
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    const auto parsed = parseModel(std::as_bytes(std::span(data, size)));
-    if (!parsed) return test::requireReason(parsed.error().localizedDescription), 0;
+void selvio::test::check(std::string_view input) {
+    const auto parsed = parseModel(std::as_bytes(std::span(input)));
+    if (!parsed) return requireReason(parsed.error().localizedDescription);
     const Model& model = parsed.value();
     enum { Unknown, Constant, Computed };
     std::vector<int> known;
@@ -22,12 +19,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const auto at = [&](int tensor) -> int& { return known.at(static_cast<std::size_t>(tensor)); };
     at(model.input) = Computed;
     for (const ModelStep& step : model.steps) {
-        for (const int input : step.inputs) require(at(input) != Unknown, "a step's inputs come before it");
+        for (const int each : step.inputs) require(at(each) != Unknown, "a step's inputs come before it");
         require(std::exchange(at(step.output), Computed) == Unknown, "a tensor is made once");
         require(model.tensors[static_cast<std::size_t>(step.output)].shape.size() == 4, "a step makes four dimensions");
     }
     require(!model.outputs.empty(), "a model has outputs");
     for (const auto& parts : model.outputs)
         for (const int part : parts) require(at(part) == Computed, "an output is computed");
-    return 0;
 }
