@@ -26,21 +26,20 @@ std::variant<Command, ExitCode> parse(const std::string& line) {
 }
 
 TEST(CommandLine, RefusesWhatItDoesNotUnderstandAndSaysWhy) {
-    const std::vector<std::pair<std::string, std::string>> rows = {
-        {"--timeout 2", "in range 3 to 30"},
-        {"--min-fill 700 --max-fill 799", "at least 100 more than --min-fill"},
-        {"--source webcam", "none of simulated, camera, camera:NAME, video:PATH"},
-        {"--source camera:", "none of"},
-        {"--source camera --photo a.jpg", "--photo: belongs to --source simulated"},
-        {"--source video:a.mp4 --script a.json", "--script: belongs to --source simulated"},
-        {"check - a.jpg", "stands alone"},
-        {"check --json --csv a.jpg", "--json excludes --csv"},
-        {"check --jobs 0 a.jpg", "in range 1 to 256"},
-        {"--record-video=maybe", "--record-video takes no value\n"},
-        {"--no-preview=99999999999999999999", "--no-preview takes no value\n"},
-        {"check --json=x a.jpg", "--json takes no value\n"},
-    };
-    for (const auto& [line, message] : rows) {
+    for (const auto& [line, message] : {
+             std::pair("--timeout 2", "in range 3 to 30"),
+             {"--min-fill 700 --max-fill 799", "at least 100 more than --min-fill"},
+             {"--source webcam", "none of simulated, camera, camera:NAME, video:PATH"},
+             {"--source camera:", "none of"},
+             {"--source camera --photo a.jpg", "--photo: belongs to --source simulated"},
+             {"--source video:a.mp4 --script a.json", "--script: belongs to --source simulated"},
+             {"check - a.jpg", "stands alone"},
+             {"check --json --csv a.jpg", "--json excludes --csv"},
+             {"check --jobs 0 a.jpg", "in range 1 to 256"},
+             {"--record-video=maybe", "--record-video takes no value\n"},
+             {"--no-preview=99999999999999999999", "--no-preview takes no value\n"},
+             {"check --json=x a.jpg", "--json takes no value\n"},
+         }) {
         testing::internal::CaptureStderr();
         EXPECT_THAT(parse(line), testing::VariantWith<ExitCode>(ExitCode::Usage)) << line;
         EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr(message)) << line;
@@ -65,41 +64,36 @@ TEST(CommandLine, PassesEveryCaptureParameterOn) {
 }
 
 TEST(Countdown, FollowsWhatIsReported) {
-    constexpr auto kOther = SelvioFacialCaptureStatusFaceNotFound;
-    constexpr auto kCounting = SelvioFacialCaptureStatusCountdown;
     const auto queue = std::make_shared<ManualQueue>();
-    std::vector<std::int64_t> calls;  // the seconds left; 0: finished
+    using Calls = std::vector<std::int64_t>;  // the seconds left; 0: finished
+    Calls calls;
     const auto countdown = std::make_shared<Countdown>(
         queue, 2, [&](std::int64_t left) { calls.push_back(left); }, [&] { calls.push_back(0); });
-    const auto onQueue = [&](const std::function<void()>& block) { queue->async(block), queue->runAll(); };
-    const auto report = [&](SelvioFacialCaptureStatus status) { onQueue([&] { countdown->follow(status); }); };
-    const auto announce = [&] { onQueue([&] { countdown->start(); }); };
-    // What has been told since it was asked last, after this time.
-    const auto after = [&](std::chrono::milliseconds time) { return queue->advance(time), std::exchange(calls, {}); };
-    using Calls = std::vector<std::int64_t>;
-
-    report(kOther);
-    announce();
-    report(kCounting);
-    EXPECT_EQ(after(1900ms), Calls({2, 1}));
-    report(kOther);
-    EXPECT_EQ(after(10s), Calls()) << "the face was lost";
-    report(kCounting);
-    EXPECT_EQ(after(500ms), Calls({2})) << "without a new announcement too";
-    announce();  // replaces the one that runs, whose steps must not count along
-    queue->advance(1s);
-    report(kCounting);
-    EXPECT_EQ(after(1s), Calls({2, 1, 0}));
-    for (const auto status : {kCounting, kOther, kCounting}) report(status);
-    announce();
-    EXPECT_EQ(after(10s), Calls()) << "the picture has been asked for";
+    // Announcements, reports of the countdown's status and of another; so much time; and what is told until then.
+    for (const auto& [events, time, told] :
+         {std::tuple("oac", 1900ms, Calls{2, 1}),
+          {"o", 10000ms, {}},     // the face was lost
+          {"c", 500ms, {2}},      // without a new announcement too
+          {"a", 1000ms, {2, 1}},  // replaces the one that runs, whose steps must not count along
+          {"c", 1000ms, {0}},
+          {"coca", 10000ms, {}}}) {  // the picture has been asked for
+        for (const char event : std::string(events)) {
+            queue->async([&countdown, event] {
+                if (event == 'a') return countdown->start();
+                countdown->follow(event == 'c' ? SelvioFacialCaptureStatusCountdown
+                                               : SelvioFacialCaptureStatusFaceNotFound);
+            });
+        }
+        queue->runAll();
+        queue->advance(time);
+        EXPECT_EQ(std::exchange(calls, {}), told) << events;
+    }
 }
 
 TEST(FrameWatch, TellsASlowStartFromASilentCameraAndBothFromAProcessThatWasHeldUp) {
     using enum FrameWatch::State;
     FrameWatch watch(100s);
-    for (const auto time : {101s, 102s, 103s, 104s, 105s, 106s, 107s, 108s, 109s, 110s})
-        EXPECT_EQ(watch.stateAt(time), Flowing);
+    for (auto time = 101s; time <= 110s; ++time) EXPECT_EQ(watch.stateAt(time), Flowing);
     EXPECT_EQ(watch.stateAt(110s + 1ns), NeverCame);
     watch.noteFrame(110s);
     EXPECT_EQ(watch.stateAt(111s), Flowing);
@@ -137,15 +131,13 @@ TEST(Texts, FollowTheFirstLocaleVariableThatSaysSomething) {
 
 TEST(PersonOutput, ChangesOneLineOnATerminalAndPrintsEachChangeElsewhere) {
     constexpr auto kCloser = SelvioFacialCaptureStatusMoveCloser, kStill = SelvioFacialCaptureStatusHoldStill;
-    const std::vector<RunEvent> events = {{"detectionResults", 0.1, {kCloser, SelvioFacialCaptureStatusNotCentered}},
-                                          {"detectionResults", 0.2, {kCloser}, true},
-                                          {"detectionResults", 0.3, {kCloser}, true},
-                                          {"startCountdown", 0.3, {}, true},
-                                          {"detectionResults", 0.4, {kStill}, true}};
     for (const bool terminal : {true, false}) {
         std::ostringstream stream;
         const auto output = makePersonOutput(stream, terminal, Language::English, "[REC] ");
-        for (const auto& event : events) output->event(event);
+        output->event({"detectionResults", 0.1, {kCloser, SelvioFacialCaptureStatusNotCentered}});
+        for (const double time : {0.2, 0.3}) output->event({"detectionResults", time, {kCloser}, true});
+        output->event({"startCountdown", 0.3, {}, true});
+        output->event({"detectionResults", 0.4, {kStill}, true});
         output->countdown(2, true);
         output->event({"detectionResults", 0.4, {SelvioFacialCaptureStatusCountdown}, true});  // hides no number
         output->countdown(1, false);

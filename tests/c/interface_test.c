@@ -1,15 +1,14 @@
 // The C interface from C11 alone: errors instead of crashes, what only hosts in C call, the callbacks' threads and
 // ends.
-#define _POSIX_C_SOURCE 200809L
+#define _DEFAULT_SOURCE
 #include <SelvioFacialCapture/c/selvio_facial_capture.h>
 #include <pthread.h>
-#include <sched.h>
 #include <stdatomic.h>
 #include <stdio.h>
 #include <string.h>
-#include <time.h>
+#include <unistd.h>
 
-static char* error;  // the main thread's
+static _Thread_local char* error;
 static atomic_int failures;
 #define CHECK(condition) check((condition), __LINE__, #condition)
 /// The call must fail, and its text must hold `text`.
@@ -18,8 +17,12 @@ static atomic_int failures;
 
 static void check(bool holds, int line, const char* text) {
     if (holds) return;
-    atomic_fetch_add(&failures, 1);
+    ++failures;
     printf("line %d: %s\n", line, text);
+}
+
+static void count(void* user) {
+    ++*(atomic_int*)user;
 }
 
 struct told {
@@ -29,13 +32,12 @@ struct told {
 };
 
 static void slow_call(struct told* told) {
-    atomic_fetch_add(&told->begun, 1);
-    nanosleep(&(struct timespec){.tv_nsec = 20000000}, NULL);
-    atomic_fetch_add(&told->ended, 1);
+    ++told->begun;
+    usleep(20000);
+    ++told->ended;
 }
 
 static void slow_results(void* user, const selvio_results* results) {
-    char* error;
     CHECK(selvio_results_status(results, NULL) == SELVIO_STATUS_FACE_NOT_FOUND);
     FAILS(selvio_main_queue_drain(&error), "run already");  // from inside a block
     slow_call(user);
@@ -49,14 +51,13 @@ static void told_cancelled(void* user, const selvio_results* results) {
     size_t size = 1;
     CHECK(selvio_results_copy_jpeg(results, &size, &error) == NULL && size == 0 && error == NULL);
     selvio_analyzer_destroy(told->analyzer);  // from inside one of its own callbacks
-    atomic_fetch_add(&told->others, 1);
+    ++told->others;
 }
 
 static void told_ready(void* user) {
     struct told* told = user;
-    char* error;
     FAILS(selvio_camera_wait_until_started(told->camera, &error), "cannot wait");
-    atomic_fetch_add(&told->others, 1);
+    ++told->others;
 }
 
 static void slow_frame(void* user, const selvio_frame* frame) {
@@ -66,20 +67,15 @@ static void slow_frame(void* user, const selvio_frame* frame) {
     slow_call(user);
 }
 
-static void count(void* user) {
-    atomic_fetch_add((atomic_int*)user, 1);
-}
-
 static void* run_main_queue(void* unused) {
     CHECK(selvio_main_queue_run(NULL));
     return unused;
 }
 
-static selvio_camera* camera_with(selvio_platform* platform, int32_t position, int32_t preset, uint32_t format) {
-    return selvio_camera_create(platform, NULL, &(selvio_camera_options){position, preset, format, false}, &error);
-}
-
 static void wrong_arguments(selvio_platform* platform, selvio_parameters* parameters) {
+    selvio_platform* machine = selvio_platform_create_linux(&error);
+    FAILS(selvio_platform_set_faults(machine, 0, &error), "only a simulated platform");
+    selvio_platform_destroy(machine);
     FAILS(selvio_platform_set_faults(platform, 32, &error), "32");
     FAILS(selvio_platform_set_screen_size(platform, 1080, -1, &error), "positive");
     FAILS(selvio_parameters_set(parameters, 15, 1, &error), "no parameter 15");
@@ -87,9 +83,9 @@ static void wrong_arguments(selvio_platform* platform, selvio_parameters* parame
     FAILS(selvio_main_queue_call_after(0, NULL, NULL, &error), "callback is NULL");
     FAILS(selvio_judge(platform, NULL, NULL, &error), "frame is NULL");
     FAILS(selvio_results_retain(NULL, &error), "results is NULL");
-    FAILS(camera_with(platform, 3, SELVIO_PRESET_HIGH, SELVIO_PIXEL_FORMAT_BGRA), "position 3");
-    FAILS(camera_with(platform, SELVIO_CAMERA_ANY, 4, SELVIO_PIXEL_FORMAT_BGRA), "preset 4");
-    FAILS(camera_with(platform, SELVIO_CAMERA_ANY, SELVIO_PRESET_HIGH, 7), "format 7");
+    FAILS(selvio_camera_create(platform, NULL, &(selvio_camera_options){.position = 3}, &error), "position 3");
+    FAILS(selvio_camera_create(platform, NULL, &(selvio_camera_options){.preset = 4}, &error), "preset 4");
+    FAILS(selvio_camera_create(platform, NULL, &(selvio_camera_options){.pixel_format = 7}, &error), "format 7");
     selvio_camera* camera = selvio_camera_create(platform, NULL, NULL, &error);
     FAILS(selvio_camera_start(camera, &error), "not been configured");
     FAILS(selvio_camera_set_torch(camera, true, &error), "no torch");
@@ -129,7 +125,9 @@ static void judging(selvio_platform* platform, selvio_parameters* parameters) {
     static uint8_t black[90 * 160 * 4];
     const selvio_pixels pixels = {90, 160, SELVIO_PIXEL_FORMAT_BGRA, {black, NULL}, {90 * 4, 0}};
     selvio_frame* frame = selvio_frame_create(&pixels, &error);
-    selvio_results* judged = selvio_judge(platform, parameters, frame, &error);
+    selvio_results* first = selvio_judge(platform, parameters, frame, &error);
+    selvio_results* judged = selvio_results_retain(first, &error);
+    selvio_results_destroy(first);
     int64_t statuses[2] = {-1, -1};
     CHECK(selvio_results_get_statuses(judged, statuses, 2, NULL) == 1 && statuses[0] == SELVIO_STATUS_FACE_NOT_FOUND);
     FAILS(selvio_results_get_points(judged, 3, NULL, 0, &error), "no points 3");
@@ -153,7 +151,7 @@ static void judging(selvio_platform* platform, selvio_parameters* parameters) {
     CHECK(selvio_analyzer_resume(told.analyzer, &error) && selvio_analyzer_analyze_frame(told.analyzer, frame, &error));
     pthread_t thread;
     CHECK(pthread_create(&thread, NULL, run_main_queue, NULL) == 0);
-    while (told.begun == 0) sched_yield();
+    while (told.begun == 0) usleep(100);
     selvio_analyzer_destroy(told.analyzer);
     CHECK(told.begun == 1 && told.ended == 1);  // the one that ran has been waited for
     selvio_main_queue_quit();
@@ -163,16 +161,16 @@ static void judging(selvio_platform* platform, selvio_parameters* parameters) {
 
 /// A camera delivers what was asked for until it is destroyed and not any more.
 static void cameras(selvio_platform* platform) {
-    struct told told = {.camera =
-                            camera_with(platform, SELVIO_CAMERA_BACK, SELVIO_PRESET_640X480, SELVIO_PIXEL_FORMAT_BGRA)};
+    const selvio_camera_options back = {SELVIO_CAMERA_BACK, SELVIO_PRESET_640X480, SELVIO_PIXEL_FORMAT_BGRA, false};
+    struct told told = {.camera = selvio_camera_create(platform, NULL, &back, &error)};
     const selvio_camera_callbacks callbacks = {
         .user = &told, .did_finish_configuring = told_ready, .did_receive_frame = slow_frame};
     CHECK(selvio_platform_may_use_camera(platform, &error) && selvio_camera_configure(told.camera, &callbacks, &error));
     CHECK(selvio_camera_start(told.camera, &error) && selvio_camera_wait_until_started(told.camera, &error) &&
           selvio_camera_is_running(told.camera, &error));
     FAILS(selvio_camera_configure(told.camera, NULL, &error), "already");
-    CHECK(selvio_camera_set_torch(told.camera, true, &error));
-    while (told.begun < 3 || told.begun == told.ended) sched_yield();
+    CHECK(selvio_camera_set_torch(told.camera, true, &error) && selvio_camera_stop_recording(told.camera, &error));
+    while (told.begun < 3 || told.begun == told.ended) usleep(100);
     selvio_camera_destroy(told.camera);
     CHECK(told.begun == told.ended && told.others == 1);
     memset(&told, 0xff, sizeof told);  // nobody may use it any more
@@ -180,6 +178,7 @@ static void cameras(selvio_platform* platform) {
 
 int main(int argc, char** argv) {
     if (argc != 3) return 2;
+    alarm(240);  // what is waited for and does not come ends the program
     selvio_platform* platform = selvio_platform_create_simulated(argv[1], argv[2], &error);
     selvio_parameters* parameters = selvio_parameters_create(&error);
     CHECK(platform != NULL && parameters != NULL && selvio_platform_wait_for_models(platform, &error));
