@@ -2,7 +2,6 @@
 #include "CommandLine.h"
 #include "Countdown.h"
 #include "FrameWatch.h"
-#include "OutputFiles.h"
 #include "RunOutput.h"
 #include "Texts.h"
 #include "support/ManualQueue.h"
@@ -148,23 +147,6 @@ TEST(PersonOutput, ChangesOneLineOnATerminalAndPrintsEachChangeElsewhere) {
                                          : "Move closer\n[REC] Move closer\n[REC] Hold still\n"
                                            "[REC] Stay like that … 2\nStay like that … 1\nend\n");
     }
-}
-
-TEST(OutputFiles, AppearWholeOrNotAtAll) {
-    const test::TemporaryDirectory root;
-    const auto directory = root.path() / "made";
-    EXPECT_FALSE(prepareOutputDirectory(directory / "a/b"));
-    const auto file = directory / "a/b/file";
-    for (const std::string content : {"first", "second, longer", ""}) {
-        ASSERT_FALSE(writeFileAtomically(file, content));
-        EXPECT_EQ(test::contentOf(file), content);
-    }
-    EXPECT_TRUE(writeFileAtomically(directory / "missing/file", "x"));
-    std::filesystem::create_directory(directory / "taken");
-    EXPECT_TRUE(writeFileAtomically(directory / "taken", "x"));
-    EXPECT_THAT(prepareOutputDirectory(file / "below").value().localizedDescription, HasSubstr("below"));
-    EXPECT_EQ(std::distance(std::filesystem::recursive_directory_iterator(directory), {}), 4)
-        << "a, a/b, a/b/file, taken: nothing temporary stays";
 }
 
 }  // namespace

@@ -29,7 +29,6 @@ struct Rig {
     explicit Rig(bool record, bool attended = false) {
         options.attended = attended;
         options.out = directory.path();
-        options.parameters = std::make_shared<SelvioFacialCaptureParameters>();
         options.parameters->setMode(SelvioFacialCaptureModeManual);
         options.parameters->cameraParameters()->setRecordVideo(record);
 
@@ -39,7 +38,6 @@ struct Rig {
         platform.makeSerialQueue = [this](const std::string& label) {
             return queues.emplace_back(std::make_shared<ManualQueue>(label));
         };
-        platform.device = std::make_shared<FakeDevice>();
         platform.screen = std::make_shared<FakeScreen>();
         platform.imageCodec = std::make_shared<FakeImageCodec>();
         platform.makeSequenceRequestHandler = [] { return std::make_shared<FakeSequenceRequestHandler>(); };

@@ -56,18 +56,16 @@ TEST(FaceOval, AFaceThatFillsItPassesEveryCheckOnEveryScreen) {
 std::shared_ptr<PixelBuffer> ramp(int width, int height, PixelFormat format) {
     auto frame = PixelBuffer::create(width, height, format);
     std::fill_n(frame->data(), frame->layout().byteSize(), 128);
+    const auto luma = static_cast<int>(frame->bytesPerRow()), chroma = static_cast<int>(frame->bytesPerRow(1));
     for (int i = 0; i < width * height; ++i) {
-        const int x = i % width, y = i / width, across = 255 * x / (width - 1);
-        std::uint8_t* const row = frame->data() + static_cast<std::size_t>(y) * frame->bytesPerRow();
+        const int x = i % width, y = i / width, across = 255 * x / (width - 1), down = 255 * y / (height - 1);
         if (format == kPixelFormat420v) {
-            row[x] = static_cast<std::uint8_t>(16 + 219 * across / 255);
-            frame->data(1)[static_cast<std::size_t>(y / 2) * frame->bytesPerRow(1) + static_cast<std::size_t>(x | 1)] =
-                2 * x < width ? 166 : 90;
+            frame->data()[y * luma + x] = static_cast<std::uint8_t>(16 + 219 * across / 255);
+            frame->data(1)[y / 2 * chroma + (x | 1)] = 2 * x < width ? 166 : 90;
         } else {
-            const int last = format == kPixelFormat32ARGB ? 3 : 0;
-            row[4 * x + last] = static_cast<std::uint8_t>(across);
-            row[4 * x + std::abs(last - 2)] = static_cast<std::uint8_t>(255 * y / (height - 1));
-            row[4 * x + std::abs(last - 3)] = 255;
+            std::array pixel{across, 128, down, 255};
+            if (format == kPixelFormat32ARGB) std::ranges::reverse(pixel);
+            std::ranges::copy(pixel, frame->data() + y * luma + 4 * x);
         }
     }
     return frame;

@@ -131,17 +131,15 @@ class PackageTest(unittest.TestCase):
         self.assertEqual(told, ["SA", "HS", "C"])  # nothing of the capture that was forgotten
 
         script = f"""
-import sys, threading, selvio_facial_capture as selvio
-seen = threading.Event()
+import sys, selvio_facial_capture as selvio
 selvio.set_log(print)
 platform = selvio.Platform.simulated(*{[str(path) for path in SCENE]})
-analyzer = selvio.Analyzer(platform, on_results=print, on_countdown=seen.set)
+analyzer = selvio.Analyzer(platform, on_results=print, on_countdown=selvio.quit)
 camera = selvio.Camera(platform, on_frame=lambda frame: frame.planes())
 camera.set_analyzer(analyzer)
 camera.start()
 analyzer.resume()
-while not seen.is_set():
-    selvio.run(timeout=0.1)
+selvio.run()
 sys.exit(3)
 """
         ended = subprocess.run([sys.executable, "-B", "-c", script], capture_output=True, text=True, timeout=60)

@@ -62,10 +62,7 @@ public:
         capture_->setFaults(
             {.noCamera = chance(30), .noMicrophone = chance(10), .startFails = chance(30), .dropEvery = dropEvery});
         if (chance(30)) capture_->setAccessAnswer(false);
-        const auto ended = [this] {
-            ended_ = true;
-            main_->quit();
-        };
+        const auto ended = [this] { ended_ = true, main_->quit(); };
         session_ = app::Session::make(std::move(platform), options, {}, output, app::Language::English, ended);
     }
 
