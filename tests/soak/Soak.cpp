@@ -38,71 +38,58 @@ struct Silent final : app::RunOutput {
     std::map<std::string, long> events;
 };
 
-/// One capture and whoever disturbs it, as blocks on the main queue.
-class DisturbedCapture {
-public:
-    /// A `full` one records and looks for faces, and so warms up what libraries keep for good.
-    DisturbedCapture(unsigned seed, bool full, const std::shared_ptr<const SimulatedFrames>& frames,
-                     const std::filesystem::path& out, Silent& output)
-        : random_(seed) {
-        app::RunOptions options;
-        options.out = out;
-        options.parameters->setMode(chance(2) ? SelvioFacialCaptureModeManual : SelvioFacialCaptureModeAuto);
-        auto& camera = *options.parameters->cameraParameters();
-        const bool records = full || chance(kWithRecording);
-        camera.setRecordVideo(records);
-        camera.setRecordAudio(records && chance(2));
+/// One capture and whoever disturbs it, as blocks on the main queue; whether it came to its end. A `full` one records
+/// and looks for faces, and so warms up what libraries keep for good.
+bool capture(unsigned seed, bool full, const std::shared_ptr<const SimulatedFrames>& frames,
+             const std::filesystem::path& out, Silent& output) {
+    std::mt19937 random(seed);
+    const auto below = [&](unsigned end) { return static_cast<unsigned>(random() % end); };
+    const auto chance = [&](unsigned one) { return below(one) == 0; };
+    app::RunOptions options;
+    options.out = out;
+    options.parameters->setMode(chance(2) ? SelvioFacialCaptureModeManual : SelvioFacialCaptureModeAuto);
+    auto& camera = *options.parameters->cameraParameters();
+    const bool records = full || chance(kWithRecording);
+    camera.setRecordVideo(records);
+    camera.setRecordAudio(records && chance(2));
 
-        Platform platform = makeLinuxPlatform();
-        platform.mainQueue = main_;
-        capture_ = useSimulatedCamera(platform, frames, {.pacing = SimulatedPacing::Manual});
-        if (!full && !chance(kWithTrueVision))
-            platform.makeSequenceRequestHandler = [] { return std::make_shared<FakeSequenceRequestHandler>(); };
-        const int dropEvery = chance(10) ? 3 : 0;
-        capture_->setFaults(
-            {.noCamera = chance(30), .noMicrophone = chance(10), .startFails = chance(30), .dropEvery = dropEvery});
-        if (chance(30)) capture_->setAccessAnswer(false);
-        const auto ended = [this] { ended_ = true, main_->quit(); };
-        session_ = app::Session::make(std::move(platform), options, {}, output, app::Language::English, ended);
-    }
+    const auto main = std::make_shared<MainQueue>();
+    Platform platform = makeLinuxPlatform();
+    platform.mainQueue = main;
+    const auto system = useSimulatedCamera(platform, frames, {.pacing = SimulatedPacing::Manual});
+    if (!full && !chance(kWithTrueVision))
+        platform.makeSequenceRequestHandler = [] { return std::make_shared<FakeSequenceRequestHandler>(); };
+    const int dropEvery = chance(10) ? 3 : 0;
+    system->setFaults(
+        {.noCamera = chance(30), .noMicrophone = chance(10), .startFails = chance(30), .dropEvery = dropEvery});
+    if (chance(30)) system->setAccessAnswer(false);
+    bool hasEnded = false;
+    const auto ended = [&] { hasEnded = true, main->quit(); };
+    const auto session = app::Session::make(platform, options, {}, output, app::Language::English, ended);
 
-    /// Whether it came to its end.
-    bool run() {
-        main_->async([this] { session_->begin(); });
-        main_->async([this] { disturb(); });
-        main_->asyncAfter(kHang, [this] { main_->quit(); });
-        main_->run();
-        return ended_;
-    }
-
-private:
-    unsigned below(unsigned end) { return static_cast<unsigned>(random_() % end); }
-    bool chance(unsigned one) { return below(one) == 0; }
-
-    void disturb() {
-        if (ended_) return;
-        if (steps_-- == 0) return session_->interrupted();
+    std::chrono::nanoseconds time{0};
+    unsigned steps = below(12);
+    const std::function<void()> disturb = [&] {
+        if (hasEnded) return;
+        if (steps-- == 0) return session->interrupted();
         const unsigned what = below(8);
         if (what == 0) {
-            session_->entered();
+            session->entered();
         } else if (what == 1) {
             std::this_thread::sleep_for(2ms);  // the main queue is late
         } else if (what == 2 && chance(8)) {
-            capture_->setFaults({.deviceLost = true});
+            system->setFaults({.deviceLost = true});
         } else {
-            capture_->deliverFrameAt(time_ += kFrame);
+            system->deliverFrameAt(time += kFrame);
         }
-        main_->asyncAfter(std::chrono::microseconds(below(1500)), [this] { disturb(); });
-    }
-
-    std::mt19937 random_;
-    const std::shared_ptr<MainQueue> main_ = std::make_shared<MainQueue>();
-    std::shared_ptr<SimulatedCaptureSystem> capture_;
-    std::shared_ptr<app::Session> session_;
-    std::chrono::nanoseconds time_{0};
-    unsigned steps_ = below(12);
-    bool ended_ = false;
-};
+        main->asyncAfter(std::chrono::microseconds(below(1500)), disturb);
+    };
+    main->async([&] { session->begin(); });
+    main->async(disturb);
+    main->asyncAfter(kHang, [&] { main->quit(); });
+    main->run();
+    return hasEnded;
+}
 
 struct Held {
     test::Resources resources;
@@ -139,7 +126,7 @@ int main(int argc, char** argv) {
         }
         if (i == captures) break;
         const unsigned own = static_cast<unsigned>(seed) * 1'000'003U + static_cast<unsigned>(i);
-        if (!DisturbedCapture(own, i < 10, frames, directory.path(), output).run()) {
+        if (!capture(own, i < 10, frames, directory.path(), output)) {
             std::printf("capture %d does not end\n", i);
             return 1;
         }
