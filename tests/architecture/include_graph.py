@@ -66,23 +66,18 @@ class Tree:
                 return PUBLIC_FOLDERS.get(parts[2], parts[2])
             own = re.fullmatch(r"SelvioFacialCapture(\w*)\.h", parts[2])
             return PUBLIC.get(own and own[1], f"unknown public header {parts[2]}")
-        for length in (2, 1):
-            name = "/".join(parts[:length])
-            if len(parts) > length and name in self.may_include:
-                return name
-        return None
+        folders = ("/".join(parts[:length]) for length in (2, 1) if len(parts) > length)
+        return next((folder for folder in folders if folder in self.may_include), None)
 
     def target_of(self, file, style, name):
         """The folder an include leads to, "system", "json" or "third-party"; and whether it is a private header."""
         if name.startswith("SelvioFacialCapture/"):
             return self.folder_of(pathlib.Path("include") / name), False
-        if style == '"':
-            for candidate in (file.parent / name, self.root / name):
-                if candidate.is_file():
-                    return self.folder_of(candidate.resolve().relative_to(self.root)), True
-        if SYSTEM.fullmatch(name):
-            return "system", False
-        return "json" if name.startswith("nlohmann/") else "third-party", False
+        for candidate in (file.parent / name, self.root / name) if style == '"' else ():
+            if candidate.is_file():
+                return self.folder_of(candidate.resolve().relative_to(self.root)), True
+        other = "json" if name.startswith("nlohmann/") else "third-party"
+        return "system" if SYSTEM.fullmatch(name) else other, False
 
     def files(self, pattern):
         """But for those under build/, where a copy of the tree may lie."""
