@@ -94,14 +94,11 @@ struct Rig {
         results.setNosePoints(std::vector<Point>{{300, 900}});
         view->showResults(results);
     }
-    /// The label of a style that is shown; null if there is none.
-    static GtkWidget* label(const char* style, GtkWidget* within) {
-        if (gtk_widget_has_css_class(within, style) == TRUE && gtk_widget_get_mapped(within) == TRUE) return within;
-        GtkWidget* found = nullptr;
-        for (auto* child = gtk_widget_get_first_child(within); child != nullptr && found == nullptr;
-             child = gtk_widget_get_next_sibling(child))
-            found = label(style, child);
-        return found;
+    /// The label of a style that is shown, in a widget or behind it; null if there is none.
+    static GtkWidget* label(const char* style, GtkWidget* widget) {
+        if (!widget || (gtk_widget_has_css_class(widget, style) && gtk_widget_get_mapped(widget))) return widget;
+        GtkWidget* const within = label(style, gtk_widget_get_first_child(widget));
+        return within ? within : label(style, gtk_widget_get_next_sibling(widget));
     }
     GtkWidget* label(const char* style) { return shoot(), label(style, view->widget()); }
 
@@ -143,9 +140,8 @@ TEST_F(CaptureView, ShowsTheMirroredPictureTheOvalItsStateTheLandmarksAndThePhot
             int painted = 0;
             for (int degree = 0; degree < 360; ++degree) {
                 const double angle = degree * std::acos(-1.0) / 180, down = degree < 180 ? oval.below : oval.above;
-                painted += areNear(rig.onScreen({oval.middle.x + oval.halfWidth * std::cos(angle),
-                                                 oval.middle.y + down * std::sin(angle)}),
-                                   colour);
+                const double x = oval.middle.x + oval.halfWidth * std::cos(angle);
+                painted += areNear(rig.onScreen({x, oval.middle.y + down * std::sin(angle)}), colour);
             }
             EXPECT_TRUE(painted >= least && painted <= most) << painted << " for status " << status;
         }
@@ -192,7 +188,7 @@ TEST_F(CaptureView, IsReadableAtEverySizeInBothDirectionsAndThemesForEyesAndScre
             std::set<int> greens;
             for (double y = place.origin.y + 8; y < above - 8; ++y)
                 for (double x = left + 8; x < right - 8; ++x) greens.insert(rig.at(x, y)[1]);
-            EXPECT_GE(*greens.rbegin() - *greens.begin(), 140) << "a contrast of 4.5";
+            EXPECT_TRUE(!greens.empty() && *greens.rbegin() - *greens.begin() >= 140) << "a contrast of 4.5";
         }
         GtkAccessible* const guidance = GTK_ACCESSIBLE(rig.label("guidance"));
         EXPECT_TRUE(gtk_test_accessible_has_role(guidance, GTK_ACCESSIBLE_ROLE_STATUS));
@@ -220,11 +216,7 @@ TEST_F(CaptureView, TellsWhenItsWindowIsNotActiveAndIsUnreadableWhileItIsCovered
     EXPECT_TRUE(until([&] { return rig.queue->runAll(), told == "resigned active "; }));
 
     const Point edge{530, 1900};
-    const auto isBlurred = [&] {
-        rig.shoot();
-        const Colour seen = rig.onScreen(edge);
-        return seen[0] > 80 && seen[2] > 80;
-    };
+    const auto isBlurred = [&] { return rig.shoot(), rig.onScreen(edge)[0] > 80 && rig.onScreen(edge)[2] > 80; };
     EXPECT_TRUE(rig.showFrame(kRed, kBlue) && rig.shows(kBlue, edge));
     for (int covers = 0; covers < 2; ++covers) rig.view->addSubview({1, 77, {}});
     EXPECT_TRUE(until(isBlurred));
