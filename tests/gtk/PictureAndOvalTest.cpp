@@ -125,13 +125,14 @@ TEST(MainLoop, DrainsTheQueueInGLibsLoopUntilItIsReleased) {
     const auto queue = std::make_shared<MainQueue>();
     auto draining = drainFromGLib(queue);
     std::vector<int> order;
-    queue->asyncAfter(std::chrono::milliseconds(30), [&] { order.push_back(3); });
     queue->asyncAfter(std::chrono::milliseconds(10), [&] {
-        order.push_back(2);
+        order.push_back(1);
         g_main_context_iteration(nullptr, FALSE);  // as a dialogue would
     });
-    const auto other = std::async(std::launch::async, [&] { queue->async([&] { order.push_back(1); }); });
-    while (order.size() < 3) g_main_context_iteration(nullptr, TRUE);
+    queue->asyncAfter(std::chrono::milliseconds(30), [&] { order.push_back(2); });
+    while (order.size() < 2) g_main_context_iteration(nullptr, TRUE);
+    const auto other = std::async(std::launch::async, [&] { queue->async([&] { order.push_back(3); }); });
+    while (order.size() < 3) g_main_context_iteration(nullptr, TRUE);  // which nothing else wakes
     draining.reset();
     queue->async([&] { order.push_back(4); });
     while (g_main_context_iteration(nullptr, FALSE) == TRUE) {
