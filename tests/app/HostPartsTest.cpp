@@ -130,6 +130,7 @@ TEST(Texts, FollowTheFirstLocaleVariableThatSaysSomething) {
 
 TEST(PersonOutput, ChangesOneLineOnATerminalAndPrintsEachChangeElsewhere) {
     constexpr auto kCloser = SelvioFacialCaptureStatusMoveCloser, kStill = SelvioFacialCaptureStatusHoldStill;
+    constexpr auto kCounting = SelvioFacialCaptureStatusCountdown;
     for (const bool terminal : {true, false}) {
         std::ostringstream stream;
         const auto output = makePersonOutput(stream, terminal, Language::English, "[REC] ");
@@ -138,14 +139,17 @@ TEST(PersonOutput, ChangesOneLineOnATerminalAndPrintsEachChangeElsewhere) {
         output->event({"startCountdown", 0.3, {}, true});
         output->event({"detectionResults", 0.4, {kStill}, true});
         output->countdown(2, true);
-        output->event({"detectionResults", 0.4, {SelvioFacialCaptureStatusCountdown}, true});  // hides no number
+        output->event({"detectionResults", 0.4, {kCounting}, true});  // hides no number
         output->countdown(1, false);
+        for (const auto status : {kStill, kCounting}) output->event({"detectionResults", 0.5, {status}});
         output->event({"detectionCancelled", 0.5, {kStill}});
         output->message("end");
         EXPECT_EQ(stream.str(), terminal ? "\r\033[KMove closer\r\033[K[REC] Move closer\r\033[K[REC] Hold still"
-                                           "\r\033[K[REC] Stay like that … 2\r\033[KStay like that … 1\nend\n"
+                                           "\r\033[K[REC] Stay like that … 2\r\033[KStay like that … 1"
+                                           "\r\033[KHold still\r\033[KStay like that\nend\n"
                                          : "Move closer\n[REC] Move closer\n[REC] Hold still\n"
-                                           "[REC] Stay like that … 2\nStay like that … 1\nend\n");
+                                           "[REC] Stay like that … 2\nStay like that … 1\n"
+                                           "Hold still\nStay like that\nend\n");
     }
 }
 
