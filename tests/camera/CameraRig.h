@@ -24,7 +24,7 @@ inline const std::string kMain = "main", kSession = "com.selvio.facialcapture.av
 
 struct FakePreviewLayer final : PlainPreviewLayer {
     explicit FakePreviewLayer(FakeScript script) : script(std::move(script)) {}
-    void setVideoGravity(const std::string& value) override { gravity = value; }
+    void setVideoGravity(const std::string& gravity) override { script->calls.add("gravity", gravity); }
     std::shared_ptr<CaptureConnection> connection() const override {
         return std::make_shared<FakeConnection>(script, "preview");
     }
@@ -32,7 +32,6 @@ struct FakePreviewLayer final : PlainPreviewLayer {
         return {object.type, "transformed", object.bounds};
     }
     const FakeScript script;
-    std::string gravity;
 };
 
 struct CameraRig {
@@ -48,7 +47,11 @@ struct CameraRig {
         platform.captureSystem = system;
         platform.assetWriters = std::make_shared<FakeAssetWriterFactory>(capture);
         platform.fileManager = files;
-        platform.makeView = [this] { return view; };
+        platform.makeView = [this] {
+            const auto view = std::make_shared<PlainView>(std::make_shared<FakePreviewLayer>(capture));
+            view->setFrame({1.0, 2.0, 3.0, 4.0});
+            return view;
+        };
         platform.notificationCenter = notifications;
         const auto tell = [this](const std::string& event, const std::string& queue) {
             capture->calls.add("told", event + (queues[queue]->isCurrent() ? "" : " off its queue"));
@@ -88,8 +91,6 @@ struct CameraRig {
     const std::shared_ptr<FakeFileManager> files = std::make_shared<FakeFileManager>();
     const std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
     std::map<std::string, std::shared_ptr<ManualQueue>> queues;
-    const std::shared_ptr<FakePreviewLayer> layer = std::make_shared<FakePreviewLayer>(capture);
-    const std::shared_ptr<PlainView> view = std::make_shared<PlainView>(layer);
     const std::shared_ptr<NotificationCenter> notifications = std::make_shared<NotificationCenter>();
     Platform platform;
     const std::shared_ptr<Delegate> delegate = std::make_shared<Delegate>();

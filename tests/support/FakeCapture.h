@@ -35,11 +35,13 @@ struct FakeCaptureScript {
 };
 using FakeScript = std::shared_ptr<FakeCaptureScript>;
 
-/// A part that the test knows by its name, under which its calls are written down.
+/// Whoever writes calls down, under a name if the test knows it by one.
 struct FakePart {
-    FakePart(FakeScript script, std::string name) : script(std::move(script)), name(std::move(name)) {}
+    explicit FakePart(FakeScript script, std::string name = {}) : script(std::move(script)), name(std::move(name)) {}
     virtual ~FakePart() = default;
-    void say(const auto&... words) const { script->calls.add(name, words...); }
+    void say(const auto&... words) const {
+        name.empty() ? script->calls.add(words...) : script->calls.add(name, words...);
+    }
     static const std::string& nameOf(const auto& part) { return dynamic_cast<const FakePart&>(part).name; }
 
     const FakeScript script;
@@ -82,8 +84,7 @@ struct FakeCaptureDevice final : CaptureDevice, FakePart {
 /// An output of any kind: what is not in the port's interface is not called. Of its connections one can be turned and
 /// one cannot.
 template <typename Port>
-class FakeOutput final : public Port, public FakePart {
-public:
+struct FakeOutput final : Port, FakePart {
     using FakePart::FakePart;
     std::vector<std::shared_ptr<CaptureConnection>> connections() const {
         return {std::make_shared<FakeConnection>(script, name + " fixed"),
@@ -91,7 +92,7 @@ public:
     }
     void setSampleBufferDelegate(std::weak_ptr<CaptureOutputDelegate> delegate, std::shared_ptr<Queue> queue) {
         say("receiver on", queue ? queue->label() : "nothing");
-        mutex_.set(receiver_, {std::move(delegate), std::move(queue)});
+        mutex.set(receiver, {std::move(delegate), std::move(queue)});
     }
     void setMetadataObjectsDelegate(std::weak_ptr<CaptureOutputDelegate> delegate, std::shared_ptr<Queue> queue) {
         setSampleBufferDelegate(std::move(delegate), std::move(queue));
@@ -108,9 +109,9 @@ public:
     template <typename What>
     void deliver(const What& what, void (CaptureOutputDelegate::*how)(const CaptureOutput&, const What&,
                                                                       const std::shared_ptr<CaptureConnection>&)) {
-        const auto [receiver, queue] = mutex_.get(receiver_);
+        const auto [delegate, queue] = mutex.get(receiver);
         if (!queue) return;
-        queue->async([=, this, receiver = receiver] {
+        queue->async([=, this, receiver = delegate] {
             if (const auto delegate = receiver.lock()) ((*delegate).*how)(*this, what, nullptr);
         });
     }
@@ -118,66 +119,68 @@ public:
         deliver(sample, &CaptureOutputDelegate::captureOutputDidOutputSampleBuffer);
     }
 
-private:
-    MemberMutex mutex_;
-    std::pair<std::weak_ptr<CaptureOutputDelegate>, std::shared_ptr<Queue>> receiver_;  // guarded by mutex_
+    MemberMutex mutex;
+    std::pair<std::weak_ptr<CaptureOutputDelegate>, std::shared_ptr<Queue>> receiver;  // guarded by mutex
 };
 
-class FakeCaptureSession final : public CaptureSession {
+class FakeCaptureSession final : public CaptureSession, FakePart {
 public:
-    explicit FakeCaptureSession(FakeScript script) : script_(std::move(script)) {}
+    using FakePart::FakePart;
     std::recursive_mutex& monitor() override { return monitor_; }
-    void beginConfiguration() override { script_->calls.add("begin"); }
-    void commitConfiguration() override { script_->calls.add("commit"); }
+    void beginConfiguration() override { say("begin"); }
+    void commitConfiguration() override { say("commit"); }
     bool canSetSessionPreset(const std::string& preset) const override {
-        script_->calls.add("can set", preset);
-        return script_->allows(preset);
+        say("can set", preset);
+        return script->allows(preset);
     }
-    void setSessionPreset(const std::string& preset) override { script_->calls.add("set", preset); }
+    void setSessionPreset(const std::string& preset) override { say("set", preset); }
     bool canAddInput(const CaptureDeviceInput& input) const override {
         // As a real session: one input of a kind.
         const auto same = [&](const auto& other) { return other->device() == input.device(); };
         const auto own = inputs();
-        return script_->allows(nameOf(input)) && std::none_of(own.begin(), own.end(), same);
+        return script->allows(nameOf(input)) && std::none_of(own.begin(), own.end(), same);
     }
     void addInput(std::shared_ptr<CaptureDeviceInput> input) override { add(inputs_, input); }
     void removeInput(const std::shared_ptr<CaptureDeviceInput>& input) override { remove(inputs_, input); }
-    bool canAddOutput(const CaptureOutput& output) const override { return script_->allows(nameOf(output)); }
+    bool canAddOutput(const CaptureOutput& output) const override { return script->allows(nameOf(output)); }
     void addOutput(std::shared_ptr<CaptureOutput> output) override { add(outputs_, output); }
-    void removeOutput(const std::shared_ptr<CaptureOutput>& output) override { remove(outputs_, output); }
+    void removeOutput(const std::shared_ptr<CaptureOutput>& output) override {
+        say("remove", nameOf(*output));
+        remove(outputs_, output);
+    }
     std::vector<std::shared_ptr<CaptureOutput>> outputs() const override { return mutex_.get(outputs_); }
     std::vector<std::shared_ptr<CaptureDeviceInput>> inputs() const { return mutex_.get(inputs_); }
     bool isRunning() const override { return running_; }
     void startRunning() override {
-        script_->calls.add("run");
-        running_ = script_->allows("run");
+        say("run");
+        running_ = script->allows("run");
     }
     void stopRunning() override {
-        sayGuarded("stop");
+        say("stop");
+        sayIfUnlocked();
         running_ = false;
     }
     std::chrono::nanoseconds masterClockTime() const override { return std::chrono::seconds(42); }
 
 private:
+    using FakePart::nameOf;
     static std::string nameOf(const CaptureDeviceInput& input) { return input.device()->uniqueId(); }
-    static std::string nameOf(const CaptureOutput& output) { return FakePart::nameOf(output); }
     void add(auto& parts, const auto& part) {
-        script_->calls.add("add", nameOf(*part));
+        say("add", nameOf(*part));
         const std::lock_guard lock(mutex_);
         parts.push_back(part);
     }
     void remove(auto& parts, const auto& part) {
-        sayGuarded("remove " + nameOf(*part));
+        sayIfUnlocked();
         const std::lock_guard lock(mutex_);
         std::erase(parts, part);
     }
     /// For what must not be done without the monitor.
-    void sayGuarded(const std::string& call) {
+    void sayIfUnlocked() {
         const auto isFree = [this] { return std::unique_lock(monitor_, std::try_to_lock).owns_lock(); };
-        script_->calls.add(call + (std::async(std::launch::async, isFree).get() ? " unlocked" : ""));
+        if (std::async(std::launch::async, isFree).get()) say("unlocked");
     }
 
-    const FakeScript script_;
     std::recursive_mutex monitor_;
     mutable MemberMutex mutex_;
     std::vector<std::shared_ptr<CaptureDeviceInput>> inputs_;  // guarded by mutex_
@@ -185,13 +188,13 @@ private:
     std::atomic<bool> running_{false};
 };
 
-struct FakeCaptureSystem final : CaptureSystem {
-    explicit FakeCaptureSystem(FakeScript script) : script(std::move(script)) {}
+struct FakeCaptureSystem final : CaptureSystem, FakePart {
+    using FakePart::FakePart;
     std::shared_ptr<CaptureDeviceDiscoverySession> discoverDevices(const std::vector<std::string>& types,
                                                                    MediaType mediaType,
                                                                    CaptureDevicePosition position) override {
         const char* const media = mediaType == MediaType::Video ? "video" : "audio";
-        script->calls.add("discover", types.size(), "type:", types[0], media, static_cast<int>(position));
+        say("discover", types.size(), "type:", types[0], media, static_cast<int>(position));
         auto found = std::make_shared<CaptureDeviceDiscoverySession>();
         if (script->allows("camera device")) found->devices = {camera, microphone};  // the first is to be taken
         return found;
@@ -215,11 +218,10 @@ struct FakeCaptureSystem final : CaptureSystem {
         completion(mediaType == MediaType::Video);
     }
     template <typename Part>
-    std::shared_ptr<Part> make(std::shared_ptr<Part>& last, const char* name) {
-        return last = std::make_shared<Part>(script, name);
+    std::shared_ptr<Part> make(std::shared_ptr<Part>& last, const char* kind) {
+        return last = std::make_shared<Part>(script, kind);
     }
 
-    const FakeScript script;
     const std::shared_ptr<CaptureDevice> camera = std::make_shared<FakeCaptureDevice>(script, "camera"),
                                          microphone = std::make_shared<FakeCaptureDevice>(script, "microphone");
     // What was made last.
@@ -238,29 +240,27 @@ struct FakeAssetWriterInput final : AssetWriterInput, FakePart {
 };
 
 /// The test says how it finishes.
-class FakeAssetWriter final : public AssetWriter {
+class FakeAssetWriter final : public AssetWriter, FakePart {
 public:
-    explicit FakeAssetWriter(FakeScript script) : script_(std::move(script)) {}
+    using FakePart::FakePart;
     AssetWriterStatus status() const override { return status_; }
-    bool canAddInput(const AssetWriterInput& input) const override { return script_->allows(FakePart::nameOf(input)); }
-    void addInput(std::shared_ptr<AssetWriterInput> input) override {
-        script_->calls.add("add", FakePart::nameOf(*input));
-    }
+    bool canAddInput(const AssetWriterInput& input) const override { return script->allows(nameOf(input)); }
+    void addInput(std::shared_ptr<AssetWriterInput> input) override { say("add", nameOf(*input)); }
     bool startWriting() override {
-        script_->calls.add("start");
+        say("start");
         status_ = AssetWriterStatus::Writing;
         return true;
     }
     void startSessionAtSourceTime(std::chrono::nanoseconds time) override {
-        script_->calls.add("from", time / std::chrono::seconds(1), "s");
+        say("from", time / std::chrono::seconds(1), "s");
     }
     void finishWriting(std::function<void()> completion) override {
-        script_->calls.add("finish");
+        say("finish");
         completion_ = std::move(completion);
-        if (script_->finishesAtOnce) finish(AssetWriterStatus::Completed);
+        if (script->finishesAtOnce) finish(AssetWriterStatus::Completed);
     }
     void cancelWriting() override {
-        script_->calls.add("cancel");
+        say("cancel");
         status_ = AssetWriterStatus::Cancelled;
     }
     void finish(AssetWriterStatus status) {
@@ -269,16 +269,15 @@ public:
     }
 
 private:
-    const FakeScript script_;
     std::atomic<AssetWriterStatus> status_{AssetWriterStatus::Unknown};
     std::function<void()> completion_;
 };
 
-struct FakeAssetWriterFactory final : AssetWriterFactory {
-    explicit FakeAssetWriterFactory(FakeScript script) : script(std::move(script)) {}
+struct FakeAssetWriterFactory final : AssetWriterFactory, FakePart {
+    using FakePart::FakePart;
     Expected<std::shared_ptr<AssetWriter>> makeAssetWriter(const std::filesystem::path& path,
                                                            const std::string& fileType) override {
-        script->calls.add("make", fileType, path.string());
+        say("make", fileType, path.string());
         if (!script->allows("writer")) return Error{"no room"};
         auto writer = std::make_shared<FakeAssetWriter>(script);
         script->writers.push_back(writer);
@@ -287,15 +286,13 @@ struct FakeAssetWriterFactory final : AssetWriterFactory {
     std::shared_ptr<AssetWriterInput> makeVideoInput(const VideoSettings& settings) override {
         std::string properties;
         for (const auto& [key, value] : settings.compressionProperties) properties += key + std::to_string(value) + " ";
-        script->calls.add("video track", settings.codec, settings.width, settings.height, properties);
+        say("video track", settings.codec, settings.width, settings.height, properties);
         return std::make_shared<FakeAssetWriterInput>(script, "video track");
     }
     std::shared_ptr<AssetWriterInput> makeAudioInput(const AudioSettings& settings) override {
-        script->calls.add("audio track", settings.sampleRate, settings.bitRate);
+        say("audio track", settings.sampleRate, settings.bitRate);
         return std::make_shared<FakeAssetWriterInput>(script, "audio track");
     }
-
-    const FakeScript script;
 };
 
 }  // namespace selvio
