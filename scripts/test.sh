@@ -6,8 +6,8 @@
 set -euo pipefail
 cd -- "$(dirname -- "${BASH_SOURCE[0]}")/.."
 
-component=(base_test imaging_test platform_test model_test telemetry_test analyzer_test selvio_camera_test capture_test
-           simulated_test vision_test)
+component=(base_test imaging_test platform_test model_test telemetry_test analyzer_test selvio_camera_test simulated_test
+           vision_test)
 sanitized=()  # the test programs; none: no sanitizer
 case $* in
     "") ;;

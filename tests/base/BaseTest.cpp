@@ -92,40 +92,33 @@ TEST(SystemClock, TellsTheTimeSinceTheReferenceDate) {
     EXPECT_NEAR(SystemClock().secondsSinceReferenceDate(), right.count(), 2.0);
 }
 
-TEST(Queues, RunBlocksInOrderAndLastTheDelayedOnes) {
-    for (const auto& make : kQueuesOfOneThread) {
+TEST(Queues, RunBlocksInOrderAndAtTheirEndWhateverIsLeft) {
+    for (int i = 0; i < 4; ++i) {
         Numbers order[3], expected;  // of each thread
-        for (int i = 0; i < 100; ++i) expected.push_back(i);
-        {
-            const auto queue = make();
-            EXPECT_FALSE(queue->isCurrent());
-            queue->asyncAfter(2h, [&] { order[0].push_back(101); });
-            queue->asyncAfter(1h, [&] { order[0].push_back(100); });
-            std::vector<std::thread> threads;
-            for (auto& mine : order) {
-                threads.emplace_back([&] {
-                    for (const int i : expected) queue->async([&mine, i] { mine.push_back(i); });
-                });
-            }
-            for (std::thread& thread : threads) thread.join();
-        }  // destruction runs all that was submitted
-        EXPECT_TRUE(order[1] == expected && order[2] == expected);
-        expected.insert(expected.end(), {100, 101});
-        EXPECT_EQ(order[0], expected);
-    }
-}
-
-TEST(Queues, RunDelayedBlocksWhileTheyLiveAndMayBeDestroyedFromTheirOwn) {
-    for (const auto& make : kQueuesOfOneThread) {
-        std::promise<void> last;
-        auto queue = make();
-        runOne(*queue, 1ms);
+        for (int n = 0; n < 100; ++n) expected.push_back(n);
+        std::unique_ptr<Queue> queue = kQueuesOfOneThread[i % 2]();
         Queue* const raw = queue.get();
-        raw->async([&, owned = std::make_shared<std::unique_ptr<Queue>>(std::move(queue))] {
-            raw->async([&] { last.set_value(); });
+        EXPECT_FALSE(raw->isCurrent());
+        runOne(*raw, 1ms);
+        std::promise<void> last;
+        raw->asyncAfter(2h, [&] { order[0].push_back(102), last.set_value(); });
+        raw->asyncAfter(1h, [&] { order[0].push_back(101); });
+        std::vector<std::thread> threads;
+        for (auto& mine : order) {
+            threads.emplace_back([&] {
+                for (const int n : expected) raw->async([&mine, n] { mine.push_back(n); });
+            });
+        }
+        for (std::thread& thread : threads) thread.join();
+        const auto end = [&, owned = std::make_shared<std::unique_ptr<Queue>>(std::move(queue))] {
+            raw->async([&] { order[0].push_back(100); });
             owned->reset();
-        });
-        last.get_future().wait();  // a lost block would hang here
+        };
+        i < 2 ? end() : raw->async(end);  // from another thread, which waits for all that was submitted, or its own
+        if (i >= 2) last.get_future().wait();
+        EXPECT_TRUE(order[1] == expected && order[2] == expected);
+        expected.insert(expected.end(), {100, 101, 102});
+        EXPECT_EQ(order[0], expected);
     }
 }
 

@@ -16,25 +16,22 @@ using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
 TEST(SceneFiles, NameWhatIsWrong) {
+    const std::string hidden = R"("keyFrames": [{"at": 0, "visible": false)";
     const std::pair<std::string, const char*> scripts[] = {
         {"\n\"keyFrames\": [\n  {\"at\": 0,}\n ]", "parse error at line 3, column 12: "},
         {R"("keyFrames": 3)", "keyFrames must be a list of 1 to 10000 key frames"},
         {"\"seed\": 1,\n\"seed\": 2", "line 2: the field \"seed\" is given twice in one object"},
         {R"("seed": 1.5)", "seed must be a whole number from 0 to 4294967295"},
-        {R"("loop": true, "keyFrames": [{"at": 0, "visible": false}])", "loop needs key frames that last longer"},
-        {R"("keyFrames": [{"at": 0, "visible": false}], "keyframes": [])",
-         "keyframes is not a known field; known are "},
+        {hidden + R"(}], "loop": true)", "loop needs key frames that last longer"},
+        {hidden + R"(}], "keyframes": [])", "keyframes is not a known field; known are "},
         {R"("keyFrames": [{"visible": false}])", "keyFrames[0].at is missing"},
         {R"("keyFrames": [{"at": 1, "visible": false}])", "keyFrames[0].at must be 0"},
         {R"("keyFrames": [{"at": 0, "visible": true, "jawWidth": 0.5}])", "keyFrames[0].center is missing for a visi"},
-        {R"("keyFrames": [{"at": 0, "visible": false, "center": [0.5]}])",
-         "keyFrames[0].center must be a list of 2 numbers from -1 to 2"},
-        {R"("keyFrames": [{"at": 0, "visible": false, "jawWidth": 0}])",
-         "keyFrames[0].jawWidth must be a number from 0.0"},
-        {R"("keyFrames": [{"at": 0, "visible": false, "second": {"center": [0, 0]}}])",
-         "keyFrames[0].second.jawWidth "},
-        {R"("keyFrames": [{"at": 0, "visible": false}, {"at": 0}])", "keyFrames[1].at must be later"},
-        {R"("keyFrames": [{"at": 0, "hold": 2, "visible": false}, {"at": 1}])", "keyFrames[1].at falls into the hold"}};
+        {hidden + R"(, "center": [0.5]}])", "keyFrames[0].center must be a list of 2 numbers from -1 to 2"},
+        {hidden + R"(, "jawWidth": 0}])", "keyFrames[0].jawWidth must be a number from 0.0"},
+        {hidden + R"(, "second": {"center": [0, 0]}}])", "keyFrames[0].second.jawWidth "},
+        {hidden + R"(}, {"at": 0}])", "keyFrames[1].at must be later"},
+        {hidden + R"(, "hold": 2}, {"at": 1}])", "keyFrames[1].at falls into the hold"}};
     for (const auto& [json, message] : scripts) {
         const auto script = MotionScript::parse("{" + json + "}", "f");
         EXPECT_THAT(script ? "" : script.error().localizedDescription, StartsWith(std::string("f: ") + message));
@@ -83,9 +80,7 @@ Point centroid(const PixelBuffer& frame) {
     for (int i = 0; i < frame.width() * frame.height(); ++i) {
         const int x = i % frame.width(), y = i / frame.width();
         const double b = std::max(0.0, *test::sampleAt(frame, x, y) - (frame.planeCount() == 1 ? 50.0 : 59.0));
-        sum += b;
-        sumX += b * (x + 0.5);
-        sumY += b * (y + 0.5);
+        sum += b, sumX += b * (x + 0.5), sumY += b * (y + 0.5);
     }
     return {sumX / sum, sumY / sum};
 }
@@ -115,9 +110,8 @@ TEST(SimulatedFrames, LightAndNoiseAreWhatTheScriptSaysAndTheSameTimeGivesTheSam
     const auto valuesAt = [](std::chrono::seconds time) {
         const auto frame = spotFrames(R"({"at": 0, "visible": false, "light": 1.5, "noise": 4})")
                                ->frame(time, 400, 400, kPixelFormat32BGRA);
-        std::vector<double> values(160000);
-        for (int y = 0, i = 0; y < 400; ++y)
-            for (int x = 0; x < 400; ++x) values[static_cast<std::size_t>(i++)] = test::sampleAt(*frame, x, y)[1];
+        std::vector<double> values;
+        for (int i = 0; i < 160000; ++i) values.push_back(test::sampleAt(*frame, i % 400, i / 400)[1]);
         return values;
     };
     const auto values = valuesAt(5s);

@@ -1,12 +1,17 @@
+// The simulated camera, and what its sessions and outputs have in common with those of every capture system.
 #include <SelvioFacialCapture/base/SerialQueue.h>
+#include <SelvioFacialCapture/simulated/SimulatedPlatform.h>
 #include <gmock/gmock.h>
 
 #include <atomic>
 #include <cstring>
 #include <thread>
 
-#include "tests/simulated/SimulatedRig.h"
+#include "tests/simulated/SimulatedSupport.h"
+#include "tests/support/CaptureProbe.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/ManualClock.h"
+#include "tests/support/ManualQueue.h"
 
 namespace selvio {
 namespace {
@@ -14,12 +19,120 @@ namespace {
 using namespace std::chrono_literals;
 using ::testing::DoubleNear;
 using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
 
-TEST(SimulatedCapture, TheTorchIsThatOfTheCameraBehind) {
-    const SimulatedRig rig;
+/// A capture system and one session with everything joined, on a manual queue or on another.
+struct Rig {
+    explicit Rig(const std::string& keyFrames = kSteady,
+                 const SimulatedCaptureOptions& options = {.pacing = SimulatedPacing::Manual},
+                 const std::shared_ptr<Queue>& otherQueue = nullptr)
+        : frames(spotFrames(keyFrames)), probe(std::make_shared<test::CaptureProbe>(otherQueue ? otherQueue : queue)) {
+        clock->advance(1000s);
+        if (!otherQueue) platform.clock = clock;
+        system = useSimulatedCamera(platform, frames, options);
+        session = system->makeSession();
+        for (const auto mediaType : {MediaType::Video, MediaType::Audio})
+            session->addInput(inputs.emplace_back(system->makeDeviceInput(system->defaultDevice(mediaType)).value()));
+        session->addOutput(video = system->makeVideoDataOutput());
+        session->addOutput(audio = system->makeAudioDataOutput());
+        session->addOutput(metadata = system->makeMetadataOutput());
+        video->setSampleBufferDelegate(probe, probe->queue_);
+        audio->setSampleBufferDelegate(probe, probe->queue_);
+        metadata->setMetadataObjectsDelegate(probe, probe->queue_);
+        session->setSessionPreset(kCaptureSessionPreset640x480);
+        if (!otherQueue) session->startRunning();
+    }
+    /// What comes, in words, of frames at those times that are late but for the last.
+    std::string at(std::initializer_list<std::chrono::nanoseconds> times) {
+        for (const auto time : times) system->deliverFrameAt(time);
+        queue->runAll();
+        return probe->take();
+    }
+
+    Platform platform;
+    std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
+    std::shared_ptr<ManualQueue> queue = std::make_shared<ManualQueue>();
+    std::shared_ptr<const SimulatedFrames> frames;
+    std::shared_ptr<test::CaptureProbe> probe;
+    std::shared_ptr<SimulatedCaptureSystem> system;
+    std::shared_ptr<CaptureSession> session;
+    std::vector<std::shared_ptr<CaptureDeviceInput>> inputs;
+    std::shared_ptr<VideoDataOutput> video;
+    std::shared_ptr<AudioDataOutput> audio;
+    std::shared_ptr<MetadataOutput> metadata;
+};
+
+TEST(CaptureOutputs, ALateFrameGivesWayToTheNewestWithANotice) {
+    Rig rig;
+    EXPECT_EQ(rig.at({0ms, 1ms, 2ms, 3ms}), "3 -0 -1 -2 ");
+    EXPECT_LE(rig.system->pixelAllocations(), 2U) << "the memory of a late frame is used again";
+    rig.video->setAlwaysDiscardsLateVideoFrames(false);
+    EXPECT_EQ(rig.at({10ms, 11ms, 12ms, 13ms, 14ms, 15ms, 16ms, 17ms, 18ms, 19ms}), "10 11 12 13 14 15 16 17 -18 -19 ");
+}
+
+TEST(CaptureOutputs, AReplacedDelegateIsToldNothingMore) {
+    Rig rig;
+    const auto otherQueue = std::make_shared<ManualQueue>();
+    const auto other = std::make_shared<test::CaptureProbe>(otherQueue);
+    for (const auto time : {1ms, 2ms}) rig.system->deliverFrameAt(time);
+    rig.video->setSampleBufferDelegate(other, otherQueue);
+    EXPECT_EQ(rig.at({3ms}), "");
+    otherQueue->runAll();
+    EXPECT_EQ(other->take(), "3 ") << "a frame for another delegate does not count as late";
+    // From its own delivery: must not wait for itself.
+    other->onFrame = [&](const auto&) { rig.video->setSampleBufferDelegate({}, nullptr); };
+    for (const auto time : {4ms, 5ms, 6ms}) rig.at({time}), otherQueue->runAll();
+    EXPECT_EQ(other->take(), "4 ");
+}
+
+TEST(CaptureSessions, JoinOneOfEachKindOfTheirOwnSystemAndConnectWhatMatches) {
+    Rig rig, elsewhere;
+    LogCapture log;
+    const auto inputOf = [](const Rig& of) {
+        return of.system->makeDeviceInput(of.system->defaultDevice(MediaType::Video)).value();
+    };
+    const auto empty = rig.system->makeSession();
+    EXPECT_FALSE(empty->canAddInput(*inputOf(elsewhere)));
+    EXPECT_FALSE(empty->canAddOutput(*elsewhere.system->makeAudioDataOutput()));
+    EXPECT_FALSE(empty->canAddOutput(*rig.video)) << "another session has it";
+    EXPECT_TRUE(empty->canAddInput(*inputOf(rig)));
+    EXPECT_FALSE(rig.session->canAddInput(*inputOf(rig))) << "there is one";
+    EXPECT_FALSE(rig.session->canAddOutput(*rig.system->makeVideoDataOutput()));
+    empty->addInput(nullptr);
+    empty->addOutput(rig.video);
+    EXPECT_THAT(log.take(), SizeIs(2));
+
+    const auto connected = [&] {
+        return std::vector{rig.video->connections().size(), rig.audio->connections().size()};
+    };
+    EXPECT_FALSE(rig.audio->connections().at(0)->isVideoOrientationSupported());
+    EXPECT_THAT(connected(), ElementsAre(1, 1));
+    rig.session->removeInput(rig.inputs[0]);
+    EXPECT_THAT(connected(), ElementsAre(0, 1));
+    EXPECT_EQ(rig.at({1ms}), "");
+    rig.session->addInput(rig.inputs[0]);
+    rig.session->removeOutput(rig.audio);
+    EXPECT_THAT(connected(), ElementsAre(1, 0));
+    rig.video->setPixelFormat(kPixelFormat420v);
+    rig.video->setPixelFormat(kPixelFormat32ARGB);
+    EXPECT_THAT(log.take(), SizeIs(1));
+    rig.at({2ms});
+    EXPECT_EQ(rig.probe->last_, (VideoFormatDescription{kPixelFormat420v, 640, 480}));
+
+    rig.session = nullptr;
+    EXPECT_THAT(rig.video->connections(), IsEmpty()) << "its session has gone";
+    EXPECT_TRUE(empty->canAddOutput(*rig.video));
+}
+
+TEST(SimulatedCapture, TheTorchIsThatOfTheCameraBehindAndThePresetToo) {
+    const Rig rig;
     rig.system->defaultDevice(MediaType::Video)->setTorchMode(TorchMode::On);
     EXPECT_EQ(rig.system->deviceState(CaptureDevicePosition::Back).torchMode, TorchMode::On);
     EXPECT_EQ(rig.system->deviceState(CaptureDevicePosition::Front).torchMode, TorchMode::Off);
+    const auto front = rig.system->discoverDevices({kCaptureDeviceTypeBuiltInWideAngleCamera}, MediaType::Video,
+                                                   CaptureDevicePosition::Front);
+    EXPECT_EQ(front->devices.at(0)->activeFormat(), (CaptureDeviceFormat{{kPixelFormat420v, 1280, 720}, 30.0}));
 }
 
 TEST(SimulatedCapture, PermissionsAnswerAsSet) {
@@ -28,7 +141,7 @@ TEST(SimulatedCapture, PermissionsAnswerAsSet) {
                                                 {NotDetermined, false, Denied},
                                                 {Restricted, true, Restricted},
                                                 {Authorized, false, Authorized}}) {
-        const SimulatedRig rig;
+        const Rig rig;
         rig.system->setAuthorizationStatus(MediaType::Audio, status);
         rig.system->setAccessAnswer(answer);
         std::optional<bool> granted;
@@ -40,37 +153,41 @@ TEST(SimulatedCapture, PermissionsAnswerAsSet) {
 }
 
 TEST(SimulatedCapture, DeliversTheFrameOfTheTimeOnItsStamp) {
-    SimulatedRig rig(
+    Rig rig(
         R"({"at": 0, "visible": true, "center": [0.5, 0.5], "jawWidth": 0.3, "noise": 2}, {"at": 1, "jawWidth": 0.6})");
-    rig.session->startRunning();
     std::shared_ptr<SampleBuffer> sample;
     rig.probe->onFrame = [&](const auto& frame) { sample = frame; };
     rig.clock->advance(7s);  // time set by hand does not run with the clock
-    rig.step(500ms);
-    EXPECT_EQ(rig.session->masterClockTime(), 1000s + 500ms);
+    rig.at({500ms});
     ASSERT_TRUE(sample);
     EXPECT_EQ(sample->timing().presentationTime, 1000s + 500ms);
     EXPECT_EQ(sample->timing().duration, 33333333ns);
-    const auto same = rig.frames->frame(500ms, 1280, 720, kPixelFormat32BGRA);
+    EXPECT_EQ(rig.session->masterClockTime(), 1000s + 500ms);
+    const auto same = rig.frames->frame(500ms, 640, 480, kPixelFormat32BGRA);
     EXPECT_EQ(std::memcmp(sample->imageBuffer()->data(), same->data(), same->layout().byteSize()), 0);
 }
 
-TEST(SimulatedCapture, FaultsAndCodesOfARunningSession) {
-    SimulatedRig rig(std::string(kSteady) + R"(,{"at": 1, "barcode": "M1SMITH"}, {"at": 2, "barcode": null})");
+TEST(SimulatedCapture, FaultsSoundAndCodesOfARunningSession) {
+    Rig rig(std::string(kSteady) +
+            R"(, {"at": 1, "barcode": "A"}, {"at": 2, "barcode": "B"}, {"at": 3, "barcode": null})");
     LogCapture logged;
-    rig.session->startRunning();
+    rig.metadata->setMetadataObjectTypes({"QR"});
     rig.system->setFaults({.dropEvery = 3});
-    for (int i = 0; i < 6; ++i) rig.step(1200ms + i * 33ms);
-    EXPECT_THAT(rig.received(), ElementsAre(4, 2, 0)) << "no code was looked for";
-    rig.metadata->setMetadataObjectTypes({kMetadataObjectTypePDF417Code});
+    std::string told;
+    for (int i = 0; i < 6; ++i) told += rig.at({1200ms + i * 33ms});
+    EXPECT_EQ(told, "1200 1233 -1266 1299 1332 -1365 ") << "no code was looked for";
+    rig.metadata->setMetadataObjectTypes({"QR", kMetadataObjectTypePDF417Code});
     const std::size_t sounds = rig.probe->sounds_.size();
     rig.system->setFaults({.framesStall = true});
-    rig.step(1700ms);
-    EXPECT_THAT(rig.received(), ElementsAre(4, 2, 0));
+    EXPECT_EQ(rig.at({1500ms}), "");
     EXPECT_GT(rig.probe->sounds_.size(), sounds);
+    rig.system->setFaults({});
+    EXPECT_EQ(rig.at({1600ms, 2500ms}) + rig.at({2600ms}), "2500 A -1600 2600 B ") << "one code at a time";
+    EXPECT_GT(rig.probe->sounds_.size(), 40U);
+    EXPECT_TRUE(std::is_sorted(rig.probe->sounds_.begin(), rig.probe->sounds_.end()));
 
     rig.system->setFaults({.deviceLost = true});
-    rig.step(1750ms);
+    EXPECT_EQ(rig.at({2650ms}), "");
     EXPECT_FALSE(rig.session->isRunning());
     rig.session->startRunning();
     EXPECT_EQ(rig.system->defaultDevice(MediaType::Video), nullptr);
@@ -84,18 +201,15 @@ TEST(SimulatedCapture, FaultsAndCodesOfARunningSession) {
                                            "The simulated session could not start: it is set to fail"));
     rig.system->setFaults({});
     rig.session->startRunning();
-    for (const auto time : {500ms, 1800ms, 2500ms}) rig.step(time);
+    EXPECT_EQ(rig.at({500ms}) + rig.at({3100ms}), "500 3100 ");
     rig.session->stopRunning();
-    rig.step(2600ms);
-    EXPECT_THAT(rig.received(), ElementsAre(7, 2, 1));
-    EXPECT_EQ(rig.probe->objects_.at(0).stringValue, "M1SMITH");
+    EXPECT_EQ(rig.at({3200ms}), "");
 }
 
 // By itself, on a queue of its own.
 TEST(SimulatedCapture, RunsUntilItsDelegateStopsItAndWhateverManyThreadsDo) {
     const auto frameQueue = std::make_shared<SerialQueue>("frames");
-    SimulatedRig rig(kSteady, {.frameRate = 240}, frameQueue);
-    rig.session->setSessionPreset(kCaptureSessionPreset640x480);
+    Rig rig(kSteady, {.frameRate = 240}, frameQueue);
     std::atomic<bool> stops{true};
     rig.probe->onFrame = [&](const auto&) {
         if (stops.exchange(false)) rig.session->stopRunning();
@@ -127,8 +241,7 @@ TEST(SimulatedCapture, RunsUntilItsDelegateStopsItAndWhateverManyThreadsDo) {
 }
 
 TEST(SimulatedMotionManager, ReadsTheScriptUntilStopped) {
-    SimulatedRig rig(
-        R"({"at": 0, "visible": false, "rotationRate": [0, 0.5, 0]}, {"at": 1, "rotationRate": [0, 0, 0]})");
+    Rig rig(R"({"at": 0, "visible": false, "rotationRate": [0, 0.5, 0]}, {"at": 1, "rotationRate": [0, 0, 0]})");
     const auto manager = rig.platform.makeMotionManager();
     std::vector<double> rates;
     manager->setDeviceMotionUpdateInterval(300ms);
@@ -145,7 +258,7 @@ TEST(SimulatedMotionManager, ReadsTheScriptUntilStopped) {
 }
 
 TEST(SimulatedPlatform, ItsDetectorSaysWhatTheScriptSays) {
-    SimulatedRig rig(std::string(kSteady) + R"(,{"at": 2, "smiling": true}, {"at": 3, "visible": false})");
+    Rig rig(std::string(kSteady) + R"(,{"at": 2, "smiling": true}, {"at": 3, "visible": false})");
     const auto detector = rig.platform.makeFaceDetector();
     std::vector<bool> smiles;
     for (const auto time : {1s, 2s, 3s}) {

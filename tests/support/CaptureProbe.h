@@ -7,6 +7,8 @@
 #include <condition_variable>
 #include <functional>
 #include <mutex>
+#include <string>
+#include <utility>
 #include <vector>
 
 namespace selvio::test {
@@ -21,8 +23,9 @@ public:
         EXPECT_TRUE(queue_->isCurrent());
         EXPECT_TRUE(connection);
         std::unique_lock lock(mutex_);
-        if (dynamic_cast<const AudioDataOutput*>(&output)) return sounds_.push_back(sample->timing());
+        if (dynamic_cast<const AudioDataOutput*>(&output)) return sounds_.push_back(*sample->timing().presentationTime);
         frames_.push_back(sample->timing());
+        note("", *sample);
         last_ = *sample->formatDescription();
         changed_.notify_all();
         lock.unlock();
@@ -33,13 +36,14 @@ public:
         EXPECT_TRUE(queue_->isCurrent());
         EXPECT_FALSE(sample->imageBuffer());
         const std::lock_guard lock(mutex_);
-        drops_.push_back(sample->timing());
+        note("-", *sample);
     }
     void captureOutputDidOutputMetadataObjects(const CaptureOutput&, const std::vector<MetadataObject>& objects,
                                                const std::shared_ptr<CaptureConnection>&) override {
         EXPECT_TRUE(queue_->isCurrent());
         const std::lock_guard lock(mutex_);
         objects_.insert(objects_.end(), objects.begin(), objects.end());
+        for (const MetadataObject& object : objects) told_ += object.stringValue.value() + " ";
         changed_.notify_all();
     }
 
@@ -48,6 +52,12 @@ public:
     bool waitFor(Condition condition) {
         std::unique_lock lock(mutex_);
         return changed_.wait_for(lock, std::chrono::seconds(10), condition);
+    }
+    /// What has come since the last call: frames by their milliseconds, drop notices as "-" and those, codes by their
+    /// texts; a space after each.
+    std::string take() {
+        const std::lock_guard lock(mutex_);
+        return std::exchange(told_, {});
     }
     bool waitForFrames(std::size_t more) {
         const std::size_t wanted = frameCount() + more;
@@ -61,14 +71,21 @@ public:
     std::function<void(const std::shared_ptr<SampleBuffer>&)> onFrame;  // set before frames flow
 
     // To be read while nothing flows, or inside waitFor.
-    std::vector<SampleTiming> frames_, sounds_, drops_;
+    std::vector<SampleTiming> frames_;
+    std::vector<std::chrono::nanoseconds> sounds_;
     std::vector<MetadataObject> objects_;
     VideoFormatDescription last_;
 
     const std::shared_ptr<Queue> queue_;
 
 private:
+    void note(const char* what, const SampleBuffer& sample) {
+        const auto time = *sample.timing().presentationTime % std::chrono::seconds(1000);
+        told_ += what + std::to_string(time / std::chrono::milliseconds(1)) + " ";
+    }
+
     std::mutex mutex_;
+    std::string told_;
     std::condition_variable changed_;
 };
 

@@ -64,8 +64,7 @@ struct FakeCaptureDevice final : CaptureDevice, FakePart {
     std::vector<CaptureDeviceFormat> formats() const override { return script->formats; }
     std::optional<CaptureDeviceFormat> activeFormat() const override { return std::nullopt; }
     std::optional<Error> lockForConfiguration() override {
-        say("lock");
-        return script->allows("lock") ? std::nullopt : std::optional(Error{"in use"});
+        return say("lock"), script->allows("lock") ? std::nullopt : std::optional(Error{"in use"});
     }
     void unlockForConfiguration() override { say("unlock"); }
     void setActiveFormat(const CaptureDeviceFormat& format) override {
@@ -130,8 +129,7 @@ public:
     void beginConfiguration() override { say("begin"); }
     void commitConfiguration() override { say("commit"); }
     bool canSetSessionPreset(const std::string& preset) const override {
-        say("can set", preset);
-        return script->allows(preset);
+        return say("can set", preset), script->allows(preset);
     }
     void setSessionPreset(const std::string& preset) override { say("set", preset); }
     bool canAddInput(const CaptureDeviceInput& input) const override {
@@ -145,21 +143,13 @@ public:
     bool canAddOutput(const CaptureOutput& output) const override { return script->allows(nameOf(output)); }
     void addOutput(std::shared_ptr<CaptureOutput> output) override { add(outputs_, output); }
     void removeOutput(const std::shared_ptr<CaptureOutput>& output) override {
-        say("remove", nameOf(*output));
-        remove(outputs_, output);
+        say("remove", nameOf(*output)), remove(outputs_, output);
     }
     std::vector<std::shared_ptr<CaptureOutput>> outputs() const override { return mutex_.get(outputs_); }
     std::vector<std::shared_ptr<CaptureDeviceInput>> inputs() const { return mutex_.get(inputs_); }
     bool isRunning() const override { return running_; }
-    void startRunning() override {
-        say("run");
-        running_ = script->allows("run");
-    }
-    void stopRunning() override {
-        say("stop");
-        sayIfUnlocked();
-        running_ = false;
-    }
+    void startRunning() override { say("run"), running_ = script->allows("run"); }
+    void stopRunning() override { say("stop"), sayIfUnlocked(), running_ = false; }
     std::chrono::nanoseconds masterClockTime() const override { return std::chrono::seconds(42); }
 
 private:
@@ -246,11 +236,7 @@ public:
     AssetWriterStatus status() const override { return status_; }
     bool canAddInput(const AssetWriterInput& input) const override { return script->allows(nameOf(input)); }
     void addInput(std::shared_ptr<AssetWriterInput> input) override { say("add", nameOf(*input)); }
-    bool startWriting() override {
-        say("start");
-        status_ = AssetWriterStatus::Writing;
-        return true;
-    }
+    bool startWriting() override { return say("start"), status_ = AssetWriterStatus::Writing, true; }
     void startSessionAtSourceTime(std::chrono::nanoseconds time) override {
         say("from", time / std::chrono::seconds(1), "s");
     }
@@ -259,10 +245,7 @@ public:
         completion_ = std::move(completion);
         if (script->finishesAtOnce) finish(AssetWriterStatus::Completed);
     }
-    void cancelWriting() override {
-        say("cancel");
-        status_ = AssetWriterStatus::Cancelled;
-    }
+    void cancelWriting() override { say("cancel"), status_ = AssetWriterStatus::Cancelled; }
     void finish(AssetWriterStatus status) {
         status_ = status;
         if (const auto completion = std::exchange(completion_, nullptr)) completion();
