@@ -51,29 +51,23 @@ TEST(Log, ASinkMayLogAndBeReplacedFromWithin) {
 }
 
 TEST(CallGate, LetsNothingThroughOnceItIsClosedAndWaitsForWhatRuns) {
-    CallGate gate;
+    CallGate gate, own;
     std::promise<void> begun;
     std::atomic<bool> ended{false};
-    std::thread other([&] {
-        gate.pass([&] {
-            begun.set_value();
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-            ended = true;
-        });
-    });
+    const auto call = [&] {
+        begun.set_value();
+        std::this_thread::sleep_for(20ms);
+        ended = true;
+    };
+    const auto other = std::async(std::launch::async, [&] { gate.pass(call); });
     begun.get_future().wait();
     EXPECT_FALSE(gate.isInside()) << "another thread is";
     gate.close();
     EXPECT_TRUE(ended);
-    other.join();
     gate.pass([] { ADD_FAILURE() << "it is closed"; });
 
-    CallGate own;
     bool inside = false;
-    own.pass([&] {
-        own.close();  // does not wait for itself
-        inside = own.isInside();
-    });
+    own.pass([&] { own.close(), inside = own.isInside(); });  // does not wait for itself
     EXPECT_TRUE(inside);
 }
 
@@ -125,10 +119,7 @@ TEST(Queues, RunBlocksInOrderAndAtTheirEndWhateverIsLeft) {
 TEST(SerialQueue, Drains) {
     SerialQueue queue("test");
     std::atomic<bool> done{false};
-    queue.async([&] {
-        for (int i = 0; i < 20; ++i) std::this_thread::yield();
-        done = true;
-    });
+    queue.async([&] { std::this_thread::sleep_for(1ms), done = true; });
     queue.drain();
     EXPECT_TRUE(done);
 }

@@ -204,20 +204,6 @@ struct Model {
         if (torch) turnTorchOn();
     }
 
-    // ---- samples
-
-    void deliver(const std::string& output, int width, bool drop, bool ready) {
-        on(kOutput, [=, this] {
-            if (!has(output)) return;
-            const bool isVideo = output == "video";
-            if (isVideo && !drop && resolution == 0) resolution = width;
-            if (!drop && isWriting() && (isVideo ? writerVideo : writerAudio) && script.allows("samples") &&
-                shouldRecord && ready)
-                say(output, "track sample");
-            if (isVideo) tell(drop ? "drop" : "frame");
-        });
-    }
-
     // ---- recording
 
     void record() {
@@ -307,11 +293,9 @@ struct Model {
 class Scenario : Model {
 public:
     explicit Scenario(unsigned seed) : random_(seed) {
-        script.formats = {{{kPixelFormat420v, 640, 480}, 30.0},
-                          {{kPixelFormat32BGRA, 960, 540}, 30.0},
-                          {{kPixelFormat420v, 1280, 720}, 30.0},
-                          {{kPixelFormat420v, 1280, 960}, 30.0},
-                          {{kPixelFormat420v, 1920, 1080}, 30.0}};
+        const std::pair<int, int> sizes[] = {{640, 480}, {1280, 720}, {1280, 960}, {1920, 1080}};
+        for (const auto& [width, height] : sizes) script.formats.push_back({{kPixelFormat420v, width, height}, 30.0});
+        script.formats.push_back({{kPixelFormat32BGRA, 960, 540}, 30.0});
         std::shuffle(script.formats.begin(), script.formats.end(), random_);
         script.torch = chance(2);
         script.focusSupported = !chance(4);
@@ -476,26 +460,35 @@ private:
         finished(*made[which], status);
     }
     void deliver() {
-        const int width = 2 + 2 * any(3);
-        const bool ready = !chance(5), drop = chance(4);
-        const auto from = [&](const auto& output) {
-            using To = CaptureOutputDelegate;
-            output->deliver(selvio::frame(width, ready),
-                            drop ? &To::captureOutputDidDropSampleBuffer : &To::captureOutputDidOutputSampleBuffer);
-            if (has(output->name)) Model::deliver(output->name, width, drop, ready);
-        };
-        if (rig.system->video && chance(2)) return from(rig.system->video);
-        if (rig.system->audio && chance(2)) return from(rig.system->audio);
+        if (rig.system->video && chance(2)) return deliver(*rig.system->video);
+        if (rig.system->audio && chance(2)) return deliver(*rig.system->audio);
         if (!has("metadata")) return;
         std::vector<MetadataObject> batch;
         for (int i = any(4); i > 0; --i) {
             batch.push_back({chance(3) ? "QR" : "PDF417", std::to_string(i), {}});
             if (chance(3)) batch.back().stringValue.reset();
         }
-        rig.system->metadata->deliver(batch, &CaptureOutputDelegate::captureOutputDidOutputMetadataObjects);
+        auto& from = *rig.system->metadata;
+        from.deliver([&from, batch](auto& to) { to.captureOutputDidOutputMetadataObjects(from, batch, nullptr); });
         on(kCodes, [=, this] {
             for (const MetadataObject& object : batch)
                 if (object.type == "PDF417" && object.stringValue) return tell("barcode " + *object.stringValue);
+        });
+    }
+    void deliver(auto& from) {
+        const int width = 2 + 2 * any(3);
+        const bool ready = !chance(5), drop = chance(4), isVideo = from.name == "video";
+        from.deliver([&from, drop, sample = selvio::frame(width, ready)](auto& to) {
+            drop ? to.captureOutputDidDropSampleBuffer(from, sample, nullptr)
+                 : to.captureOutputDidOutputSampleBuffer(from, sample, nullptr);
+        });
+        if (!has(from.name)) return;
+        on(kOutput, [=, this, name = from.name] {
+            if (!has(name)) return;
+            if (isVideo && !drop && resolution == 0) resolution = width;
+            const bool isTaken = !drop && ready && shouldRecord && script.allows("samples");
+            if (isTaken && isWriting() && (isVideo ? writerVideo : writerAudio)) say(name, "track sample");
+            if (isVideo) tell(drop ? "drop" : "frame");
         });
     }
 

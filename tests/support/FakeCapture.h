@@ -105,17 +105,15 @@ struct FakeOutput final : Port, FakePart {
     AudioSettings recommendedAudioSettings(const std::string&) const { return {44100, 2, 128000}; }
 
     /// Something comes from it, if it has a receiver, on the receiver's queue.
-    template <typename What>
-    void deliver(const What& what, void (CaptureOutputDelegate::*how)(const CaptureOutput&, const What&,
-                                                                      const std::shared_ptr<CaptureConnection>&)) {
-        const auto [delegate, queue] = mutex.get(receiver);
+    void deliver(const std::function<void(CaptureOutputDelegate&)>& what) {
+        const auto [to, queue] = mutex.get(receiver);
         if (!queue) return;
-        queue->async([=, this, receiver = delegate] {
-            if (const auto delegate = receiver.lock()) ((*delegate).*how)(*this, what, nullptr);
+        queue->async([what, receiver = to] {
+            if (const auto delegate = receiver.lock()) what(*delegate);
         });
     }
     void deliver(const std::shared_ptr<SampleBuffer>& sample) {
-        deliver(sample, &CaptureOutputDelegate::captureOutputDidOutputSampleBuffer);
+        deliver([=, this](auto& to) { to.captureOutputDidOutputSampleBuffer(*this, sample, nullptr); });
     }
 
     MemberMutex mutex;
