@@ -49,10 +49,9 @@ struct Model {
 
     bool alive = true, closed = false, configured = false, torch = false, running = false;
     bool hasSession = true, hasDevice = false, soundOpened = true, videoInput = false, audioInput = false;
-    bool writerVideo = false, writerAudio = false;
     int resolution = 0;
     std::size_t covers = 0, inputs = 0;
-    Strings outputs;
+    Strings outputs, tracks;  ///< of the session and of the last recording
     std::vector<std::shared_ptr<Writer>> made;
     std::shared_ptr<Writer> writer;
     Path path;
@@ -74,7 +73,9 @@ struct Model {
     void on(const std::string& queue, std::function<void()> work) {
         submit(queue, [=, this] { alive ? work() : void(); });
     }
-    bool has(const std::string& output) const { return std::count(outputs.begin(), outputs.end(), output) > 0; }
+    bool has(const std::string& part) const {
+        return std::count(outputs.begin(), outputs.end(), part) + std::count(tracks.begin(), tracks.end(), part) > 0;
+    }
 
     // ---- configuration
 
@@ -162,10 +163,7 @@ struct Model {
     void stop() {
         turnTorchOff();
         if (!running) return;
-        const bool now = isWriting();
-        const auto end = [this, now] {
-            if (now || isWriting()) finish();
-        };
+        const auto end = [this, now = isWriting()] { now || isWriting() ? finish() : void(); };
         if (parameters && recordVideo) submit(kOutput, end);
         say("stop");
         running = false;
@@ -223,17 +221,17 @@ struct Model {
         const int low = efficient ? 500'000 : 1'500'000, range = efficient ? 5'500'000 : 11'500'000;
         const auto rate = std::to_string(low + std::int64_t{range} * (quality - 10) / 90);
         const auto settings = script.codec + " " + size + " AverageBitRate" + rate + " Profile7 ";
-        writerVideo = has("video") && platform.assetWriters;
-        if (!addTrack(writerVideo, "video track", settings)) writer = nullptr, say("Can't add writerInputVideo");
+        tracks.clear();
+        if (!addTrack(has("video"), "video track", settings)) writer = nullptr, say("Can't add writerInputVideo");
         const bool hears = sound && has("audio");
-        writerAudio = hears && platform.assetWriters;
-        if (!addTrack(writerAudio, "audio track", "44100 128000") && hears) say("Can't add writerInputAudio");
+        if (!addTrack(hears, "audio track", "44100 128000") && hears) say("Can't add writerInputAudio");
         if (!writer) return;
         say("start"), say("from", hasSession ? 42 : 0, "s");
         writer->status = Status::Writing;
     }
     bool addTrack(bool wanted, const std::string& name, const std::string& settings) {
-        if (!wanted) return false;
+        if (!wanted || !platform.assetWriters) return false;
+        tracks.push_back(name);
         say(name, settings), say(name, "real time");
         if (!writer || !script.allows(name)) return false;
         say("add", name);
@@ -241,8 +239,7 @@ struct Model {
     }
     bool isWriting() const { return writer && writer->status == Status::Writing; }
     void endTracks() {
-        if (writerVideo) say("video track finished");
-        if (writerAudio) say("audio track finished");
+        for (const std::string& name : tracks) say(name, "finished");
     }
     void finish() {
         shouldRecord = false;
@@ -256,7 +253,7 @@ struct Model {
         endTracks();
         if (writer) say("cancel"), writer->status = Status::Cancelled;
         writer = nullptr;
-        writerVideo = writerAudio = false;
+        tracks.clear();
         removeFile(path);
     }
     void finished(Writer& one, Status status) {
@@ -445,8 +442,9 @@ private:
         EXPECT_EQ(granted, (std::vector{status == 0 || status == 3, status == 3}));
     }
     void notify(ApplicationNotification notification) {
-        rig.notifications->post(notification);
-        if (closed || !platform.notificationCenter) return;
+        if (!platform.notificationCenter) return;
+        platform.notificationCenter->post(notification);
+        if (closed) return;
         if (notification == ApplicationNotification::WillResignActive) ++covers;
         if (notification == ApplicationNotification::DidBecomeActive && covers > 0) --covers;
         if (notification == ApplicationNotification::WillTerminate) cleanUp();
@@ -487,7 +485,7 @@ private:
             if (!has(name)) return;
             if (isVideo && !drop && resolution == 0) resolution = width;
             const bool isTaken = !drop && ready && shouldRecord && script.allows("samples");
-            if (isTaken && isWriting() && (isVideo ? writerVideo : writerAudio)) say(name, "track sample");
+            if (isTaken && isWriting() && has(name + " track")) say(name, "track sample");
             if (isVideo) tell(drop ? "drop" : "frame");
         });
     }
@@ -500,13 +498,13 @@ private:
         EXPECT_EQ(session ? session->outputs().size() : 0, outputs.size());
         if (!rig.camera) return;
         const Camera& c = *rig.camera;
-        EXPECT_EQ(
-            (std::array{c.isConfigured(), c.isTorchON(), c.isTorchOn(), c.hasTorch(), c.shouldRecord(), !!c.session(),
-                        !!c.videoDevice(), !!c.videoInput(), !!c.audioInput(), !!c.videoDataOutput(),
-                        !!c.audioDataOutput(), !!c.metaDataOutput(), !!c.assetWriter(), !!c.writerVideoInput(),
-                        !!c.writerAudioInput()}),
-            (std::array{configured, torch, torch, hasTorch(), shouldRecord, hasSession, hasDevice, videoInput,
-                        audioInput, has("video"), has("audio"), has("metadata"), !!writer, writerVideo, writerAudio}));
+        EXPECT_EQ((std::array{c.isConfigured(), c.isTorchON(), c.isTorchOn(), c.hasTorch(), c.shouldRecord(),
+                              !!c.session(), !!c.videoDevice(), !!c.videoInput(), !!c.audioInput(),
+                              !!c.videoDataOutput(), !!c.audioDataOutput(), !!c.metaDataOutput(), !!c.assetWriter(),
+                              !!c.writerVideoInput(), !!c.writerAudioInput()}),
+                  (std::array{configured, torch, torch, hasTorch(), shouldRecord, hasSession, hasDevice, videoInput,
+                              audioInput, has("video"), has("audio"), has("metadata"), !!writer, has("video track"),
+                              has("audio track")}));
         const auto& view = dynamic_cast<PlainView&>(*c.view());
         EXPECT_EQ(
             std::tuple(c.resolution().width, c.videoRecordingUrl().value_or(""), view.frame(), view.subviews().size()),

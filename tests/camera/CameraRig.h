@@ -22,16 +22,15 @@ using Strings = std::vector<std::string>;
 inline const std::string kMain = "main", kSession = "com.selvio.facialcapture.avCaptureSessionQueue",
                          kOutput = "com.selvio.facialcapture.videoDataOutputQueue", kCodes = "MetaDataOutputQueue";
 
-struct FakePreviewLayer final : PlainPreviewLayer {
-    explicit FakePreviewLayer(FakeScript script) : script(std::move(script)) {}
-    void setVideoGravity(const std::string& gravity) override { script->calls.add("gravity", gravity); }
+struct FakePreviewLayer final : PlainPreviewLayer, FakePart {
+    using FakePart::FakePart;
+    void setVideoGravity(const std::string& gravity) override { say("gravity", gravity); }
     std::shared_ptr<CaptureConnection> connection() const override {
         return std::make_shared<FakeConnection>(script, "preview");
     }
     MetadataObject transformedMetadataObject(const MetadataObject& object) const override {
         return {object.type, "transformed", object.bounds};
     }
-    const FakeScript script;
 };
 
 struct CameraRig {
@@ -52,7 +51,7 @@ struct CameraRig {
             view->setFrame({1.0, 2.0, 3.0, 4.0});
             return view;
         };
-        platform.notificationCenter = notifications;
+        platform.notificationCenter = std::make_shared<NotificationCenter>();
         const auto tell = [this](const std::string& event, const std::string& queue) {
             capture->calls.add("told", event + (queues[queue]->isCurrent() ? "" : " off its queue"));
         };
@@ -91,7 +90,6 @@ struct CameraRig {
     const std::shared_ptr<FakeFileManager> files = std::make_shared<FakeFileManager>();
     const std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
     std::map<std::string, std::shared_ptr<ManualQueue>> queues;
-    const std::shared_ptr<NotificationCenter> notifications = std::make_shared<NotificationCenter>();
     Platform platform;
     const std::shared_ptr<Delegate> delegate = std::make_shared<Delegate>();
     std::shared_ptr<Camera> camera;
