@@ -26,11 +26,6 @@ void runOne(Queue& queue, std::chrono::nanoseconds delay = {}) {
     EXPECT_TRUE(ran.get_future().get());
 }
 
-const std::function<std::unique_ptr<Queue>()> kQueuesOfOneThread[] = {
-    [] { return std::make_unique<SerialQueue>("test"); },
-    [] { return std::make_unique<ConcurrentQueue>("test", 1); },
-};
-
 TEST(Log, ASinkMayLogAndBeReplacedFromWithin) {
     std::vector<std::string> lines;
     const LogSink second = [&](std::string_view message) { lines.push_back("second: " + std::string(message)); };
@@ -90,7 +85,8 @@ TEST(Queues, RunBlocksInOrderAndAtTheirEndWhateverIsLeft) {
     for (int i = 0; i < 4; ++i) {
         Numbers order[3], expected;  // of each thread
         for (int n = 0; n < 100; ++n) expected.push_back(n);
-        std::unique_ptr<Queue> queue = kQueuesOfOneThread[i % 2]();
+        std::unique_ptr<Queue> queue = std::make_unique<SerialQueue>("serial");
+        if (i % 2 == 1) queue = std::make_unique<ConcurrentQueue>("concurrent", 1);
         Queue* const raw = queue.get();
         EXPECT_FALSE(raw->isCurrent());
         runOne(*raw, 1ms);
@@ -104,9 +100,9 @@ TEST(Queues, RunBlocksInOrderAndAtTheirEndWhateverIsLeft) {
             });
         }
         for (std::thread& thread : threads) thread.join();
-        const auto end = [&, owned = std::make_shared<std::unique_ptr<Queue>>(std::move(queue))] {
+        const auto end = [&] {
             raw->async([&] { order[0].push_back(100); });
-            owned->reset();
+            queue.reset();
         };
         i < 2 ? end() : raw->async(end);  // from another thread, which waits for all that was submitted, or its own
         if (i >= 2) last.get_future().wait();

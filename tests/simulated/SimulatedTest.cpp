@@ -377,10 +377,7 @@ TEST(SimulatedMotionManager, ReadsTheScriptUntilStopped) {
     manager->startDeviceMotionUpdates(rig.queue, [&](const DeviceMotion& motion, const std::optional<Error>&) {
         rates.push_back(motion.rotationRate.y);
     });
-    for (int i = 0; i < 4; ++i) {
-        rig.clock->advance(300ms);
-        rig.queue->advance(300ms);
-    }
+    for (int i = 0; i < 4; ++i) rig.clock->advance(300ms), rig.queue->advance(300ms);
     manager->stopDeviceMotionUpdates();
     rig.queue->advance(10s);
     EXPECT_THAT(rates, ElementsAre(DoubleNear(0.35, 1e-6), DoubleNear(0.2, 1e-6), DoubleNear(0.05, 1e-6), 0.0));
@@ -389,16 +386,15 @@ TEST(SimulatedMotionManager, ReadsTheScriptUntilStopped) {
 TEST(SimulatedPlatform, ItsDetectorSaysWhatTheScriptSays) {
     Rig rig(std::string(kSteady) + R"(,{"at": 2, "smiling": true}, {"at": 3, "visible": false})");
     const auto detector = rig.platform.makeFaceDetector();
+    const Image image{.bitmap = PixelBuffer::create(72, 128, kPixelFormat32BGRA)};
     std::vector<bool> smiles;
     for (const auto time : {1s, 2s, 3s}) {
         rig.system->scene()->setTime(time);
-        for (const auto& face :
-             detector->featuresInImage({.bitmap = PixelBuffer::create(72, 128, kPixelFormat32BGRA)}, true))
-            smiles.push_back(face.hasSmile);
+        for (const auto& face : detector->featuresInImage(image, true)) smiles.push_back(face.hasSmile);
     }
     EXPECT_THAT(smiles, ElementsAre(false, true)) << "and at last nobody";
     rig.system->scene()->restart();
-    EXPECT_EQ(detector->featuresInImage({.bitmap = PixelBuffer::create(72, 128, kPixelFormat32BGRA)}, true).size(), 1U);
+    EXPECT_EQ(detector->featuresInImage(image, true).size(), 1U);
 
     const auto view = rig.platform.makeView();
     view->setFrame({0, 0, 200, 100});
