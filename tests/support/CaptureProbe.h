@@ -8,7 +8,6 @@
 #include <functional>
 #include <mutex>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace selvio::test {
@@ -53,12 +52,6 @@ public:
         std::unique_lock lock(mutex_);
         return changed_.wait_for(lock, std::chrono::seconds(10), condition);
     }
-    /// What has come since the last call: frames by their milliseconds, drop notices as "-" and those, codes by their
-    /// texts; a space after each.
-    std::string take() {
-        const std::lock_guard lock(mutex_);
-        return std::exchange(told_, {});
-    }
     bool waitForFrames(std::size_t more) {
         const std::size_t wanted = frameCount() + more;
         return waitFor([&] { return frames_.size() >= wanted; });
@@ -75,6 +68,8 @@ public:
     std::vector<std::chrono::nanoseconds> sounds_;
     std::vector<MetadataObject> objects_;
     VideoFormatDescription last_;
+    /// Frames by their milliseconds, drop notices as "-" and those, codes by their texts; a space after each.
+    std::string told_;
 
     const std::shared_ptr<Queue> queue_;
 
@@ -85,7 +80,6 @@ private:
     }
 
     std::mutex mutex_;
-    std::string told_;
     std::condition_variable changed_;
 };
 
