@@ -110,10 +110,10 @@ class Captures(ProgramTest):
     def test_a_countdown_that_is_broken_off_begins_again(self):
         face = {"visible": True, "center": [0.5, 0.46], "jawWidth": 0.63, "second": None, "noise": 1.5}
         two = {"center": [0.26, 0.45], "jawWidth": 0.37, "second": {"center": [0.76, 0.45], "jawWidth": 0.37}}
-        scenes = (0, 1.5, face), (1.5, 1, {"visible": False}), (2.5, 1.5, face), (4, 1, two), (5, 0, face)
+        scenes = (0, 1, face), (1, 2, {"visible": False}), (3, 1, face), (4, 2, two), (6, 0, face)
         frames = [{"at": at * SLOWER, "hold": hold * SLOWER, **scene} for at, hold, scene in scenes]
         script = self.write("script.json", json.dumps({"keyFrames": frames}))
-        options = ["--countdown-time", min(3 * SLOWER, 5), "--timeout", 10 * SLOWER]
+        options = ["--countdown-time", min(3 * SLOWER, 5), "--timeout", 30]
         code, lines, messages = self.capture(*options, script=script)
         self.assertEqual(code, 0, messages)
         for line in lines:
