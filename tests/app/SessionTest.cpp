@@ -27,7 +27,7 @@ struct Output final : RunOutput {
 /// The program in manual mode with nobody in view.
 struct Rig {
     explicit Rig(bool record, bool attended = false) {
-        options.attended = attended;
+        options.attended = options.accept = attended;  // what nobody is asked about waits as well
         options.out = directory.path();
         options.parameters->setMode(SelvioFacialCaptureModeManual);
         options.parameters->cameraParameters()->setRecordVideo(record);
