@@ -8,6 +8,7 @@ import queue
 import re
 import subprocess
 import sys
+import tempfile
 import tomllib
 import unittest
 import weakref
@@ -44,6 +45,7 @@ class PackageTest(unittest.TestCase):
             analyzer.close()  # from inside its own callback
             selvio.quit()
 
+        self.platform.set_screen_size(540, 960)
         parameters = selvio.Parameters(countdown_time=5, record_video=True)
         callbacks = {"on_results": results, "on_countdown": lambda: None, "on_success": success}
         analyzer = selvio.Analyzer(self.platform, parameters, **callbacks)
@@ -69,7 +71,7 @@ class PackageTest(unittest.TestCase):
         self.assertEqual(last.jpeg[:3], b"\xff\xd8\xff")
         self.assertEqual(json.loads(last.record)["Parameters"]["CountdownTime"], "5")
         rect = last.face_rect
-        self.assertTrue(0 < rect.x < rect.x + rect.width < 1080 and len(last.face_contour) == 17)
+        self.assertTrue(0 < rect.x < rect.x + rect.width < 540 and len(last.face_contour) == 17)
         self.assertLess(max(abs(x - rect.x - rect.width / 2) for x, _ in last.face_contour), 0.6 * rect.width)
 
     def test_cancelling_raises_what_its_callback_raises_and_the_main_queue_what_its_blocks_raise(self):
@@ -80,19 +82,36 @@ class PackageTest(unittest.TestCase):
         analyzer.cancel()  # spent: nothing more
         cancelled.assert_called_once()
 
-        ran = []
+        ran, woken = [], mock.Mock()
+        self.addCleanup(selvio.set_wake_up, None)
+        selvio.set_wake_up(woken)
         selvio.call_after(0, lambda: ran.append(selvio.drain()))  # not from inside a block
         selvio.call_after(0, mock.Mock(side_effect=Boom))
         selvio.call_after(0, lambda: ran.append("last"))
         with self.assertRaises(BaseExceptionGroup) as group:
             selvio.drain()
         self.assertEqual([type(error) for error in group.exception.exceptions], [selvio.Error, Boom])
-        self.assertEqual(ran, ["last"])
+        self.assertEqual((ran, woken.called), (["last"], True))
         self.assertIsNone(selvio.seconds_until_next())
         self.assertFalse(selvio.run(timeout=0))
         selvio.quit()
         self.assertTrue(selvio.run())
         self.assertRaises(selvio.Error, selvio.call_after, -1, print)
+
+    def test_a_camera_of_the_back_says_what_it_sees_and_has_a_torch(self):
+        with tempfile.NamedTemporaryFile("w") as script:
+            json.dump({"keyFrames": [{"at": 0, "visible": False, "barcode": "Ä1"}]}, script)
+            script.flush()
+            self.platform = selvio.Platform.simulated(SCENE[0], script.name)
+        told, back = queue.SimpleQueue(), {"position": selvio.Position.BACK, "detect_barcodes": True}
+        on = {"on_ready": lambda: told.put("ready"), "on_barcode": told.put}
+        with self.platform, selvio.Camera(self.platform, **back, **on) as camera:
+            camera.start()
+            self.assertEqual([told.get(timeout=60) for _ in range(2)], ["ready", "Ä1"])
+            camera.set_torch(True)
+            camera.stop_recording()
+        with selvio.Platform() as machine:
+            self.assertRaisesRegex(selvio.Error, "only a simulated", machine.set_faults, selvio.Fault(0))
 
     def test_a_closed_object_refuses_every_call(self):
         frame = selvio.Frame.from_bgra(bytes(16), 2, 2)
