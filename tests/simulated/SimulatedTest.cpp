@@ -337,9 +337,9 @@ TEST(SimulatedCapture, FaultsSoundAndCodesOfARunningSession) {
 
 // By itself, on a queue of its own.
 TEST(SimulatedCapture, RunsUntilItsDelegateStopsItAndWhateverManyThreadsDo) {
+    std::atomic<bool> stops{true};  // outlives the queue, whose frames ask for it
     const auto frameQueue = std::make_shared<SerialQueue>("frames");
     Rig rig(kSteady, {.frameRate = 240}, frameQueue);
-    std::atomic<bool> stops{true};
     rig.probe->onFrame = [&](const auto&) {
         if (stops.exchange(false)) rig.session->stopRunning();
     };
