@@ -320,8 +320,12 @@ void Analyzer::resume() { std::shared_ptr(state_)->resume(); }
 void Analyzer::stop() { std::shared_ptr(state_)->stop(); }
 void Analyzer::cancel() { std::shared_ptr(state_)->cancel(); }
 void Analyzer::selectFrame() { state_->shouldSelectCurrentFrame = true; }
-void Analyzer::analyzeSampleBuffer(const std::shared_ptr<SampleBuffer>& sampleBuffer) { std::shared_ptr(state_)->analyzeSampleBuffer(sampleBuffer); }
 // clang-format on
+
+void Analyzer::analyzeSampleBuffer(const std::shared_ptr<SampleBuffer>& sampleBuffer) {
+    if (inProgress()) return;  // most frames: not worth a reference
+    std::shared_ptr(state_)->analyzeSampleBuffer(sampleBuffer);
+}
 
 void Analyzer::analyzeImageAtPath(const std::string& path) {
     withoutThrowing("A still image could not be analysed", [&] { std::shared_ptr(state_)->analyzeImageAtPath(path); });
