@@ -67,10 +67,11 @@ struct Model {
     }
     /// Submits work that is done for a camera that has gone as well.
     void submit(const std::string& queue, std::function<void()> work) {
-        if (queue == kMain ? platform.mainQueue != nullptr : !!platform.makeSerialQueue) queues[queue].async(work);
+        if (queue == kMain ? platform.mainQueue != nullptr : !!platform.makeSerialQueue)
+            queues[queue].async(std::move(work));
     }
     /// Submits work that is not.
-    void on(const std::string& queue, std::function<void()> work) {
+    void on(const std::string& queue, const std::function<void()>& work) {
         submit(queue, [=, this] { alive ? work() : void(); });
     }
     bool has(const std::string& part) const {

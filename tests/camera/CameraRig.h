@@ -47,7 +47,7 @@ struct CameraRig {
         platform.assetWriters = std::make_shared<FakeAssetWriterFactory>(capture);
         platform.fileManager = files;
         platform.makeView = [this] {
-            const auto view = std::make_shared<PlainView>(std::make_shared<FakePreviewLayer>(capture));
+            auto view = std::make_shared<PlainView>(std::make_shared<FakePreviewLayer>(capture));
             view->setFrame({1.0, 2.0, 3.0, 4.0});
             return view;
         };

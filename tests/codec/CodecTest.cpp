@@ -158,7 +158,7 @@ TEST_F(Codec, everyKindOfPictureIsReadAndEveryJpegEncodedAnew) {
         {"a.png", "-define png:color-type=6", "", faded, "xc:red xc:lime +append ) ( xc:#FF000080 xc:#FFFFFF80"},
     };
     for (const auto& [name, options, sampling, picture, drawing] : table) {
-        SCOPED_TRACE(name + " " + options);
+        SCOPED_TRACE(testing::Message() << name << ' ' << options);
         const Bytes file = fileOf(name, options, drawing);
         expectPicture(loaded(file), 70, 50, picture);
         if (file[0] != 0xFF) continue;
