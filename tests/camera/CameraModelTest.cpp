@@ -310,11 +310,13 @@ public:
         hasSession = !!platform.captureSystem;
         rig.camera = makeCamera();
         parameters_ = rig.camera->parameters();
+        parameters_->setRecordVideo(recordVideo = !chance(4));
         for (int i = any(16); i > 0; --i) act(true);
     }
 
     /// Stops at the first difference, which is then reported.
     void run(int steps) {
+        if (chance(2)) setDelegate(), runQueues();
         for (int i = 0; i < steps && !testing::Test::HasFailure(); ++i) {
             act(false);
             if (chance(2)) runQueue(kQueues[any(4)]);
@@ -387,8 +389,11 @@ private:
             [&] { EXPECT_EQ(camera.turnTorchOn(), turnTorchOn()); },
             [&] { EXPECT_EQ(camera.turnTorchOff(), turnTorchOff()); },
             [&] { camera.updatePreviewLayer(static_cast<VideoOrientation>(to)), updatePreview(to); },
-            [&] { camera.startRecording(), on(kOutput, [this] { record(); }); },
-            [&] { camera.stopRecording(), submit(kOutput, [this] { finish(); }); },
+            [&] {
+                camera.startRecording(), on(kOutput, [this] { record(); });
+                if (chance(2)) runQueue(kOutput);
+            },
+            [&] { camera.stopRecording(), submit(kOutput, [this] { finish(); }), runQueue(kOutput), finishAWriter(); },
             [&] { camera.discardRecording(), submit(kOutput, [this] { discard(); }); },
             [&] { camera.setShouldRecord(shouldRecord = !chance(3)); },
             [&] { camera.deleteCurrentRecording(), removeFile(path); },
@@ -451,9 +456,12 @@ private:
         if (notification == ApplicationNotification::WillTerminate) cleanUp();
     }
     void finishAWriter() {
-        const auto which = static_cast<std::size_t>(any(9));
-        const auto real = which < made.size() ? script.writers[which].lock() : nullptr;
+        if (made.empty()) return;
+        const std::size_t which = made.size() - 1 - static_cast<std::size_t>(any(2)) % made.size();
+        const auto real = script.writers[which].lock();
         if (!real) return;
+        if (const Path& file = made[which]->path; !file.empty() && !chance(4))
+            disk.files[file] = files[file] = {1, 2, 3};
         const auto status = static_cast<Status>("22340"[any(5)] - '0');  // mostly completed
         real->finish(status);
         finished(*made[which], status);
