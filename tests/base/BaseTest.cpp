@@ -130,7 +130,8 @@ TEST(Queues, LetGoOfABlockAsAPartOfIt) {
             const bool isCurrent = queue->isCurrent();
             queue->async([&gone, isCurrent] { gone.set_value(isCurrent); });
         });
-        queue->async([held = std::move(held)] {});
+        // Larger than what some libraries keep in the function itself, and copy where they should move.
+        queue->async([held = std::move(held), large = std::string()] {});
         main.drain();
         EXPECT_TRUE(gone.get_future().get()) << queue->label();  // a lock held meanwhile would hang here
     }
