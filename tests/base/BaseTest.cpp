@@ -204,6 +204,13 @@ TEST(MainQueue, RunsUntilItQuitsAndWaitsForBlocksOfOtherThreads) {
     queue.run();
     EXPECT_EQ(ran, 4) << "what comes after a quit waits";
     EXPECT_EQ(queue.drain(), 1U);
+    std::thread other([&] {
+        runOne(queue);
+        std::this_thread::sleep_for(5ms);  // mostly enough for the queue to wait
+        queue.quit();
+    });
+    queue.run();  // would not return if that woke nobody
+    other.join();
 }
 
 TEST(MainQueue, ItsClockAndItsHookMayCallEveryOperation) {
