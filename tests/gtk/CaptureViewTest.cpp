@@ -186,8 +186,9 @@ TEST_F(CaptureView, IsReadableAtEverySizeInBothDirectionsAndThemesForEyesAndScre
             const bool atTheRight = left + right > static_cast<float>(width) + 2;
             EXPECT_EQ(atTheRight, style == std::string("recording") && direction == GTK_TEXT_DIR_RTL);
             std::set<int> greens;
-            for (double y = place.origin.y + 8; y < above - 8; ++y)
-                for (double x = left + 8; x < right - 8; ++x) greens.insert(rig.at(x, y)[1]);
+            for (int y = static_cast<int>(place.origin.y) + 8; y < static_cast<int>(above) - 8; ++y)
+                for (int x = static_cast<int>(left) + 8; x < static_cast<int>(right) - 8; ++x)
+                    greens.insert(rig.at(x, y)[1]);
             EXPECT_TRUE(!greens.empty() && *greens.rbegin() - *greens.begin() >= 140) << "a contrast of 4.5";
         }
         GtkAccessible* const guidance = GTK_ACCESSIBLE(rig.label("guidance"));

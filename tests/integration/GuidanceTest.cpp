@@ -77,12 +77,12 @@ protected:
 
 TEST_F(Guidance, EachStatusFlipsWhereTheTrueFaceSaysSo) {
     std::vector<std::string> poses;
-    for (double width = 0.40; width < 0.86; width += 0.03) poses.push_back(oneFace(0.5, 0.46, width));
-    for (double at = 0.30; at < 0.71; at += 0.04) {
-        poses.push_back(oneFace(at, 0.46, 0.60));
-        poses.push_back(oneFace(0.5, at, 0.60));
+    for (int width = 40; width < 86; width += 3) poses.push_back(oneFace(0.5, 0.46, width / 100.0));
+    for (int at = 30; at < 71; at += 4) {
+        poses.push_back(oneFace(at / 100.0, 0.46, 0.60));
+        poses.push_back(oneFace(0.5, at / 100.0, 0.60));
     }
-    for (double roll = -28; roll < 29; roll += 4) {
+    for (int roll = -28; roll < 29; roll += 4) {
         poses.push_back(oneFace(0.5, 0.46, 0.60, roll));
         poses.push_back(oneFace(0.44, 0.54, 0.70, roll));
     }
