@@ -122,7 +122,9 @@ TEST(SimulatedFrames, LightAndNoiseAreWhatTheScriptSaysAndTheSameTimeGivesTheSam
         const auto frame = spotFrames(R"({"at": 0, "visible": false, "light": 1.5, "noise": 4})")
                                ->frame(time, 400, 400, kPixelFormat32BGRA);
         std::vector<double> values;
-        for (int i = 0; i < 160000; ++i) values.push_back(test::sampleAt(*frame, i % 400, i / 400)[1]);
+        values.reserve(400 * 400);
+        for (int y = 0; y < 400; ++y)
+            for (int x = 0; x < 400; ++x) values.push_back(test::sampleAt(*frame, x, y)[1]);
         return values;
     };
     const auto values = valuesAt(5s);
