@@ -45,7 +45,7 @@ struct SelvioFacialCaptureAnalyzer::State : std::enable_shared_from_this<State> 
     /// one.
     using Run = std::uint64_t;
 
-    /// An analysed frame. It takes along all that its outcome needs: later steps ask nothing of the newest frame.
+    /// An analysed frame. Carries all that its outcome needs, so that later steps do not read the newest frame's state.
     struct Frame {
         Run run = 0;           ///< a step for a frame of a run that has ended does nothing
         Results results = {};  ///< this frame's, null before a still image is judged; never written again once a
@@ -54,7 +54,7 @@ struct SelvioFacialCaptureAnalyzer::State : std::enable_shared_from_this<State> 
     };
     using Step = void (State::*)(const Frame&);
 
-    /// A frame that has been taken in. Letting go of `latch` lets the next one in.
+    /// A frame that has been taken in. Releasing `latch` admits the next one.
     struct HeldFrame {
         std::shared_ptr<selvio::SampleBuffer> buffer;
         std::shared_ptr<void> latch;
@@ -66,15 +66,15 @@ struct SelvioFacialCaptureAnalyzer::State : std::enable_shared_from_this<State> 
     };
 
     /// Stands for work that `stop` and `cancel` wait for, unless they are called by the thread that does it.
-    class UnderWay {
+    class ActiveCall {
     public:
         /// Nothing if the run, or, when none is named, the capture has ended.
-        static std::optional<UnderWay> begin(State& state, std::optional<Run> run);
+        static std::optional<ActiveCall> begin(State& state, std::optional<Run> run);
         /// The state's mutex is held.
-        explicit UnderWay(State& state) : state_(state) { state_.underWay.push_back(std::this_thread::get_id()); }
-        UnderWay(const UnderWay&) = delete;
-        UnderWay& operator=(const UnderWay&) = delete;
-        ~UnderWay();
+        explicit ActiveCall(State& state) : state_(state) { state_.activeCalls.push_back(std::this_thread::get_id()); }
+        ActiveCall(const ActiveCall&) = delete;
+        ActiveCall& operator=(const ActiveCall&) = delete;
+        ~ActiveCall();
 
     private:
         State& state_;
@@ -89,7 +89,7 @@ struct SelvioFacialCaptureAnalyzer::State : std::enable_shared_from_this<State> 
     void stop();
     void cancel();
 
-    // A frame's way, in this order. From the second step on: analysis queue, or the thread of a still image.
+    // The steps of a frame, in this order. From the second step on: analysis queue, or the thread of a still image.
     void analyzeSampleBuffer(const std::shared_ptr<selvio::SampleBuffer>& sampleBuffer);
     void analyzeHeldFrame(HeldFrame& held);
     void analyzeImageAtPath(const std::string& path);
@@ -100,7 +100,7 @@ struct SelvioFacialCaptureAnalyzer::State : std::enable_shared_from_this<State> 
     void reportBadFrame(const Frame& frame, const Statuses& statuses, Step report);
     void gateGoodFrame(const Frame& frame);
     void testSmile(const Frame& frame);  // global queue
-    /// The run that the test has come to its end in; null if `smileDetectionInProgress` must stay as it is.
+    /// The run that is current when the test ends; null if `smileDetectionInProgress` must stay as it is.
     std::optional<Run> judgeSmile(const Frame& frame, bool smiling);
 
     // Steps on the main queue.
@@ -133,19 +133,19 @@ struct SelvioFacialCaptureAnalyzer::State : std::enable_shared_from_this<State> 
     /// delegate.
     template <typename Member, typename... Arguments>
     void tell(Run run, Member member, const Arguments&... arguments) {
-        const auto call = UnderWay::begin(*this, run);
+        const auto call = ActiveCall::begin(*this, run);
         const auto host = call ? mutex.get(delegate).lock() : nullptr;
         if (host && *host.*member) (*host.*member)(arguments...);
     }
-    [[nodiscard]] bool hearsOfSuccess() {
+    [[nodiscard]] bool implementsDetectionSuccess() {
         const auto host = mutex.get(delegate).lock();
         return host && host->detectionSuccess;
     }
     /// No run follows. Any number of times.
     void endRuns();
     void waitForOthers();
-    /// Whether this thread is doing such work. The mutex is held.
-    [[nodiscard]] bool isUnderWayHere() const;
+    /// Whether this thread makes such a call. The mutex is held.
+    [[nodiscard]] bool isActiveCallHere() const;
     void tearDown();
     /// False if the capture does not use it: not begun, or ended.
     bool leaveEventLog();
@@ -175,14 +175,14 @@ struct SelvioFacialCaptureAnalyzer::State : std::enable_shared_from_this<State> 
     std::atomic<std::uint32_t> exifOrientation{0};
     std::atomic<bool> ended{false};  // set, once, while mutex is held
     std::atomic<bool> usesEventLog{false};
-    std::atomic<bool> oddPointsLogged{false};
+    std::atomic<bool> pointCountsLogged{false};
     const std::shared_ptr<std::atomic<bool>> inProgress = std::make_shared<std::atomic<bool>>(false);
 
     // Nothing foreign is called while this is held: no delegate, port, queue, log or clock.
     mutable selvio::MemberMutex mutex;
-    Run currentRun = 0;                     // guarded by mutex
-    std::vector<std::thread::id> underWay;  // guarded by mutex; the thread of each `UnderWay`
-    std::condition_variable underWayEnded;
+    Run currentRun = 0;                        // guarded by mutex
+    std::vector<std::thread::id> activeCalls;  // guarded by mutex; the thread of each `ActiveCall`
+    std::condition_variable activeCallEnded;
     bool cancelTearsDown = false;                // guarded by mutex; a `cancel` that is under way still needs the log
     selvio::Deliveries<Frame, Step> deliveries;  // guarded by mutex; each has a block on the main queue
     std::shared_ptr<SelvioFacialCaptureObixData> obixData;      // guarded by mutex

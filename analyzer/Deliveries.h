@@ -7,7 +7,7 @@
 
 namespace selvio {
 
-/// Of the deliveries of one run by one step, which ones wait.
+/// Which of the deliveries of one step in one run are kept while they wait.
 enum class DeliveryKind { Newest, First, Each };
 
 /// An ordered list of steps that does not grow with the frames when the main queue is late. Guarded by its owner.
@@ -20,7 +20,7 @@ public:
     };
 
     /// Returns true if the list is longer than before: a block must be submitted that takes one step from it. A
-    /// delivery that gives way is moved to `replaced`, for its frame to be destroyed outside of the owner's lock.
+    /// delivery that is replaced is moved to `replaced`, for its frame to be destroyed outside of the owner's lock.
     bool add(DeliveryKind kind, Delivery delivery, std::list<Delivery>& replaced) {
         const auto same = std::find_if(waiting_.begin(), waiting_.end(), [&](const Delivery& other) {
             return kind != DeliveryKind::Each && other.step == delivery.step && other.frame.run == delivery.frame.run;

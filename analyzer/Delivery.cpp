@@ -38,7 +38,7 @@ void Analyzer::State::deliverReport(const Frame& frame) {
 }
 
 void Analyzer::State::deliverReportOrSelect(const Frame& frame) {
-    if (!shouldSelectCurrentFrame || !hearsOfSuccess()) return deliverReport(frame);
+    if (!shouldSelectCurrentFrame || !implementsDetectionSuccess()) return deliverReport(frame);
     select(frame, SelvioFacialCaptureResultCodeSuccessStillCamera, frame.results->orderedStatuses());
 }
 
@@ -113,16 +113,16 @@ void Analyzer::State::logStatuses(const Statuses& statuses, Run run) {
     for (const SelvioFacialCaptureStatus status : statuses) logEvent(rules::eventFor(status), run);
 }
 
-// Holding back `stop` keeps events of this capture out of the next one's log. From inside a delegate call it does not
-// wait: hence the log is asked for before, and what comes late goes into the old one.
+// `stop` waits for this, so that no event of this capture enters the next one's log. From inside a delegate call it
+// does not wait: hence the log is fetched first, and a late event enters the old one.
 void Analyzer::State::logEvent(SelvioFacialCaptureUxpEvent event, std::optional<Run> run) {
     if (run ? !isCurrent(*run) : ended.load()) return;
     const auto events = SelvioFacialCaptureUxpEventManager::sharedInstance();
-    if (const auto logging = UnderWay::begin(*this, run)) events->addEvent(event);
+    if (const auto logging = ActiveCall::begin(*this, run)) events->addEvent(event);
 }
 
 std::optional<nlohmann::json> Analyzer::State::loggedEvents(Run run) {
-    const auto reading = UnderWay::begin(*this, run);
+    const auto reading = ActiveCall::begin(*this, run);
     if (!reading) return std::nullopt;
     return SelvioFacialCaptureUxpEventManager::sharedInstance()->events();
 }

@@ -21,7 +21,7 @@ public:
             std::optional<Image> oldest(std::move(images_.front()));
             images_.pop_front();
             lock.unlock();
-            oldest.reset();  // the pixels may be a host's, and their end its own code
+            oldest.reset();  // a host may own the pixels: their release must not run under the lock
             lock.lock();
         }
         if (!closed_) images_.push_back(std::move(image));

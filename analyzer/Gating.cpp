@@ -11,7 +11,7 @@ std::size_t countOf(const std::optional<std::vector<Point>>& points) {
 }
 
 /// Says so if the checks cannot read a face because its points are not as many as they should be.
-std::optional<std::string> oddPoints(const rules::FacePoints& points) {
+std::optional<std::string> unexpectedPointCounts(const rules::FacePoints& points) {
     const auto contour = countOf(points.contour);
     const auto nose = countOf(points.nose);
     const auto lips = countOf(points.outerLips);
@@ -32,8 +32,9 @@ void Analyzer::State::judgeDetection(const FaceLandmarksResult& found, Frame fra
     const auto judged =
         rules::judgeFaces(found.observations, mutex.get(geometry), rules::limitsOf(*settings), shouldHoldStill);
     if (judged.face) {
-        if (!oddPointsLogged) {
-            if (const auto odd = oddPoints(judged.face->points); odd && !oddPointsLogged.exchange(true)) log(*odd);
+        if (!pointCountsLogged) {
+            const auto unexpected = unexpectedPointCounts(judged.face->points);
+            if (unexpected && !pointCountsLogged.exchange(true)) log(*unexpected);
         }
         frame.results->setFaceRect(judged.face->rect);
         frame.results->setFaceContourPoints(judged.face->points.contour);

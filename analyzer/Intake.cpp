@@ -1,4 +1,4 @@
-// A frame's way into the analyzer: admitted, copied once, kept, detected.
+// How a frame enters the analyzer: admitted, copied once, kept, detected.
 #include <SelvioFacialCapture/SelvioFacialCaptureImageUtilities.h>
 
 #include <utility>
@@ -48,7 +48,7 @@ void Analyzer::State::analyzeHeldFrame(HeldFrame& held) {
     history.append(*frame.image, selectionInProgress ? kHistoryLimitWhileSelecting : kLiveHistoryLimit);
 
     const bool manual = manualOnly || settings->mode() == SelvioFacialCaptureModeManual;
-    if (manual && shouldSelectCurrentFrame && hearsOfSuccess()) {
+    if (manual && shouldSelectCurrentFrame && implementsDetectionSuccess()) {
         if (const auto selecting = beginSelection(frame.run)) {
             held.release();
             frame.run = *selecting;

@@ -9,6 +9,7 @@
 
 #include "analyzer/AnalyzerState.h"
 #include "analyzer/rules/DeviceOrientation.h"
+#include "analyzer/rules/StatusEvents.h"
 #include "platform/MissingPorts.h"
 
 using namespace selvio;
@@ -96,23 +97,7 @@ void Analyzer::State::pauseFor(std::int64_t reason) {
         shouldSkipFrames = true;
         shouldStartCountdown = true;
     }
-    // Reasons 3 and 4 cross over.
-    switch (reason) {
-        case 1:
-            logEvent(SelvioFacialCaptureUxpEventPauseReason1, std::nullopt);
-            break;
-        case 2:
-            logEvent(SelvioFacialCaptureUxpEventPauseReason2, std::nullopt);
-            break;
-        case 3:
-            logEvent(SelvioFacialCaptureUxpEventPauseReason3, std::nullopt);
-            break;
-        case 4:
-            logEvent(SelvioFacialCaptureUxpEventPauseReason4, std::nullopt);
-            break;
-        default:
-            break;
-    }
+    if (const auto event = rules::eventForPause(reason)) logEvent(*event, std::nullopt);
     setMotionUpdates(false);
 }
 
@@ -142,7 +127,7 @@ void Analyzer::State::resume() {
 // Only one thread at a time speaks to the motion manager. It does so without the mutex, and looks afterwards whether
 // something else has been asked for meanwhile.
 void Analyzer::State::setMotionUpdates(bool running) {
-    std::optional<UnderWay> changing;
+    std::optional<ActiveCall> changing;
     std::shared_ptr<MotionManager> manager;  // outlives the lock
     std::unique_lock lock(mutex);
     motionRunning = running && !ended;
@@ -182,7 +167,7 @@ void Analyzer::State::stop() {
 }
 
 void Analyzer::State::cancel() {
-    std::optional<UnderWay> cancelling;
+    std::optional<ActiveCall> cancelling;
     Results cancelled;
     std::shared_ptr<SelvioFacialCaptureObixData> record;
     Run run = 0;
@@ -194,10 +179,10 @@ void Analyzer::State::cancel() {
             run = ++currentRun;
             ended = true;
             cancelTearsDown = true;
-            const bool inside = isUnderWayHere();
+            const bool inside = isActiveCallHere();
             cancelling.emplace(*this);
-            // What another thread has begun to tell is told before the cancellation.
-            if (!inside) underWayEnded.wait(lock, [this] { return underWay.size() == 1; });
+            // A delegate call that another thread has begun ends before the cancellation is delivered.
+            if (!inside) activeCallEnded.wait(lock, [this] { return activeCalls.size() == 1; });
         }
     }
     if (!cancelling) return stop();
@@ -218,7 +203,7 @@ void Analyzer::State::cancel() {
 void Analyzer::State::tearDown() {
     Results spentResults;
     std::shared_ptr<SelvioFacialCaptureParameters> spentParameters;
-    std::optional<UnderWay> tearingDown;
+    std::optional<ActiveCall> tearingDown;
     {
         const std::lock_guard lock(mutex);
         if (cancelTearsDown) return;
@@ -243,26 +228,26 @@ bool Analyzer::State::leaveEventLog() {
 
 void Analyzer::State::waitForOthers() {
     std::unique_lock<std::mutex> lock(mutex);
-    if (!isUnderWayHere()) underWayEnded.wait(lock, [this] { return underWay.empty(); });
+    if (!isActiveCallHere()) activeCallEnded.wait(lock, [this] { return activeCalls.empty(); });
 }
 
-bool Analyzer::State::isUnderWayHere() const {
-    return std::find(underWay.begin(), underWay.end(), std::this_thread::get_id()) != underWay.end();
+bool Analyzer::State::isActiveCallHere() const {
+    return std::find(activeCalls.begin(), activeCalls.end(), std::this_thread::get_id()) != activeCalls.end();
 }
 
-auto Analyzer::State::UnderWay::begin(State& state, std::optional<Run> run) -> std::optional<UnderWay> {
+auto Analyzer::State::ActiveCall::begin(State& state, std::optional<Run> run) -> std::optional<ActiveCall> {
     const std::lock_guard lock(state.mutex);
     if (run ? *run != state.currentRun : state.ended.load()) return std::nullopt;
-    return std::optional<UnderWay>(std::in_place, state);
+    return std::optional<ActiveCall>(std::in_place, state);
 }
 
-Analyzer::State::UnderWay::~UnderWay() {
+Analyzer::State::ActiveCall::~ActiveCall() {
     {
         const std::lock_guard lock(state_.mutex);
-        auto& threads = state_.underWay;
+        auto& threads = state_.activeCalls;
         threads.erase(std::find(threads.begin(), threads.end(), std::this_thread::get_id()));
     }
-    state_.underWayEnded.notify_all();
+    state_.activeCallEnded.notify_all();
 }
 
 auto Analyzer::State::runOfNewFrame() const -> Run {
@@ -308,12 +293,14 @@ Analyzer::~SelvioFacialCaptureAnalyzer() {
     state_->endRuns();
     state_->setMotionUpdates(false);
     if (state_->leaveEventLog())
-        log("An analyzer was let go of without stop: its events stay in the log, for the next capture's record");
+        log("An analyzer was destroyed without stop: its events stay in the log, for the next capture's record");
 }
 
+// A delegate or port called from here may release the analyzer, hence the second reference.
+void Analyzer::setDelegate(std::weak_ptr<SelvioFacialCaptureAnalyzerDelegate> delegate) {
+    std::shared_ptr(state_)->setDelegate(std::move(delegate));
+}
 // clang-format off
-// The host may release the analyzer when it is told or asked something.
-void Analyzer::setDelegate(std::weak_ptr<SelvioFacialCaptureAnalyzerDelegate> delegate) { std::shared_ptr(state_)->setDelegate(std::move(delegate)); }
 void Analyzer::pause() { pauseFor(0); }
 void Analyzer::pauseFor(std::int64_t reason) { std::shared_ptr(state_)->pauseFor(reason); }
 void Analyzer::resume() { std::shared_ptr(state_)->resume(); }
@@ -339,6 +326,10 @@ std::shared_ptr<SelvioFacialCaptureAnalyzerDelegate> Analyzer::delegate() const 
     return state_->mutex.get(state_->delegate).lock();
 }
 
+std::shared_ptr<SelvioFacialCaptureParameters> Analyzer::parameters() const {
+    return state_->mutex.get(state_->parameters);
+}
+
 // clang-format off
 bool Analyzer::selectionInProgress() const { return state_->selectionInProgress; }
 bool Analyzer::smileDetectionInProgress() const { return state_->smileDetectionInProgress; }
@@ -351,7 +342,6 @@ bool Analyzer::shouldStartCountdown() const { return state_->shouldStartCountdow
 bool Analyzer::inProgress() const { return *state_->inProgress; }
 std::int64_t Analyzer::smileStatus() const { return state_->smileStatus; }
 std::uint32_t Analyzer::exifOrientation() const { return state_->exifOrientation; }
-std::shared_ptr<SelvioFacialCaptureParameters> Analyzer::parameters() const { return state_->mutex.get(state_->parameters); }
 std::shared_ptr<SelvioFacialCaptureResults> Analyzer::results() const { return state_->mutex.get(state_->results); }
 std::vector<Image> Analyzer::imagesArray() const { return state_->history.images(); }
 std::shared_ptr<SelvioFacialCaptureObixData> Analyzer::obixData() const { return state_->mutex.get(state_->obixData); }

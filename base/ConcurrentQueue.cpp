@@ -14,7 +14,7 @@ thread_local const void* currentState = nullptr;
 
 }  // namespace
 
-// Held by the threads as well, so that the queue object may go first.
+// Held by the threads as well, so that the queue object may be destroyed first.
 struct ConcurrentQueue::State : std::enable_shared_from_this<State> {
     State(std::string name, unsigned most, std::chrono::nanoseconds idleTime)
         : label(std::move(name)), mostThreads(most), longestIdle(idleTime) {}
@@ -45,7 +45,7 @@ struct ConcurrentQueue::State : std::enable_shared_from_this<State> {
             std::thread([state = shared_from_this()] { state->run(); }).detach();
             ++threads;
         } catch (const std::system_error&) {
-            if (threads == 0) throw;  // else one of those there are will come to the block
+            if (threads == 0) throw;  // else an existing thread takes the block
         }
     }
 
@@ -76,7 +76,7 @@ ConcurrentQueue::ConcurrentQueue(const std::string& label, unsigned mostThreads,
       timer_(std::make_unique<SerialQueue>(label + ".timer")) {}
 
 ConcurrentQueue::~ConcurrentQueue() {
-    timer_.reset();  // hands its blocks on now
+    timer_.reset();  // submits its delayed blocks now
     std::unique_lock lock(state_->mutex);
     state_->ending = true;
     state_->changed.notify_all();

@@ -14,7 +14,7 @@ thread_local const void* currentState = nullptr;
 
 }  // namespace
 
-// Held by the thread as well, so that the queue object may go first.
+// Held by the thread as well, so that the queue object may be destroyed first.
 struct SerialQueue::State {
     using Time = std::chrono::steady_clock::time_point;
 

@@ -19,7 +19,7 @@
 namespace selvio {
 
 /// The place of a camera's delegate. A recording that outlives its camera shares it, so that a delegate taken away is
-/// not told even then. Any thread.
+/// not called even then. Any thread.
 class DelegateSlot {
 public:
     void set(std::weak_ptr<SelvioFacialCaptureCameraDelegate> delegate) { mutex_.set(delegate_, std::move(delegate)); }
@@ -82,7 +82,7 @@ struct CameraValues {
     Size desiredResolution;
 };
 
-/// `CameraValues` under one mutex. Values go in and out by copy; nothing foreign runs while the mutex is held, so it
+/// `CameraValues` under one mutex. Values are copied in and out; nothing foreign runs while the mutex is held, so it
 /// may be taken under any other lock. Any thread.
 class CameraState {
 public:

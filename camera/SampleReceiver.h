@@ -6,8 +6,8 @@
 
 namespace selvio {
 
-/// A frame's way: remembered size → recording → delegate. Owned by the camera, held weakly by the outputs. Takes no
-/// session lock.
+/// The steps of a frame: remembered size → recording → delegate. Owned by the camera, held weakly by the outputs. Takes
+/// no session lock.
 class SampleReceiver final : public CaptureOutputDelegate {
 public:
     SampleReceiver(std::shared_ptr<CameraState> state, std::shared_ptr<VideoRecorder> recorder,

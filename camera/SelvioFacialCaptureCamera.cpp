@@ -20,12 +20,12 @@ constexpr std::int64_t kBlurViewTag = 77;
 constexpr std::int64_t kBlurStyleLight = 1;
 constexpr const char* kFrameKey = "Frame";
 
-/// A platform without the queue has nobody to do the work.
+/// Does nothing on a platform without that queue.
 void dispatch(const std::shared_ptr<selvio::Queue>& queue, selvio::Queue::Block block) {
     if (queue) queue->async(std::move(block));
 }
 
-/// A camera that has gone could never stop what would begin here.
+/// A destroyed camera could never stop what would begin here.
 void beginRecording(const std::shared_ptr<selvio::Queue>& outputQueue, std::weak_ptr<const void> camera,
                     std::shared_ptr<selvio::VideoRecorder> recorder) {
     dispatch(outputQueue, [camera = std::move(camera), recorder = std::move(recorder)] {
@@ -36,7 +36,7 @@ void beginRecording(const std::shared_ptr<selvio::Queue>& outputQueue, std::weak
 void logMissing(const selvio::Platform& ports) {
     selvio::logMissingPorts({
         {ports.captureSystem != nullptr, "captureSystem", "there is no camera"},
-        {static_cast<bool>(ports.makeSerialQueue), "makeSerialQueue", "the camera is never configured"},
+        {ports.makeSerialQueue != nullptr, "makeSerialQueue", "the camera is never configured"},
         {ports.mainQueue != nullptr, "mainQueue", "the torch is not switched on"},
         {ports.clock != nullptr, "clock", "nothing is recorded"},
         {ports.assetWriters != nullptr, "assetWriters", "nothing is recorded"},
@@ -63,8 +63,8 @@ std::optional<selvio::Rect> decodeFrame(std::string_view archive) {
 
 }  // namespace
 
-/// What work on the session queue needs of its camera, which it does not keep: a camera that goes meanwhile waits
-/// neither for the work nor for its queue.
+/// What work on the session queue needs of its camera, which it does not own: a camera that is destroyed meanwhile
+/// waits neither for the work nor for its queue.
 struct SelvioFacialCaptureCamera::SessionWork {
     selvio::Platform platform;
     std::shared_ptr<selvio::CameraState> state;
@@ -141,12 +141,9 @@ std::shared_ptr<SelvioFacialCaptureCamera> SelvioFacialCaptureCamera::initWithPr
 std::shared_ptr<SelvioFacialCaptureCamera> SelvioFacialCaptureCamera::initWithDesiredResolution(
     selvio::Size resolution, std::int64_t format, selvio::CaptureDevicePosition position, selvio::Rect frame,
     selvio::Platform platform) {
-    auto camera = make(std::move(platform));
-    camera->view_->setFrame(frame);
-    camera->setDevicePosition(position);
-    camera->setPixelBufferFormat(format);
+    auto camera =
+        initWithPreset(std::nullopt, format, position, selvio::VideoOrientation::NotSet, frame, std::move(platform));
     camera->setDesiredResolution(resolution);
-    camera->setCameraOrientation(selvio::VideoOrientation::NotSet);
     return camera;
 }
 
@@ -192,8 +189,8 @@ void SelvioFacialCaptureCamera::stop() {
     const std::lock_guard lock(session->monitor());
     if (!session->isRunning()) return;
     if (state_->recordVideo()) {
-        // What is being written now is finished even if it fails meanwhile, so that the failure is told. Otherwise it
-        // shows on the queue where recordings begin: a start may still be waiting there.
+        // What is being written now is finished even if it fails meanwhile, so that the failure is reported. Otherwise
+        // it shows on the queue where recordings begin: a start may still be waiting there.
         const auto writer = assetWriter();
         const bool isWriting = writer && writer->status() == selvio::AssetWriterStatus::Writing;
         dispatch(videoOutputQueue_,
@@ -237,8 +234,8 @@ bool SelvioFacialCaptureCamera::turnTorchOff() {
 }
 
 void SelvioFacialCaptureCamera::setTorch(selvio::CaptureDevice& device, selvio::TorchMode mode) {
-    // Threads that switch at once each go on until nobody has asked for anything newer: then the device and `isTorchON`
-    // agree on the last wish, and no lock is held while the device is called.
+    // Threads that switch at once each continue until nothing newer is asked for: then the device and `isTorchON` agree
+    // on the last wish, and no lock is held while the device is called.
     std::uint64_t wish = torchWish_;
     while (!torchWish_.compare_exchange_weak(wish, (wish | 1) + 1 + (mode == selvio::TorchMode::On ? 1 : 0))) {
     }
@@ -374,10 +371,10 @@ void SelvioFacialCaptureCamera::setPreset(std::optional<std::string> preset, std
     setSessionPreset(std::move(preset));
 }
 
-// The rest goes straight to the state. PROPERTY(type, getter, setter)
+// The rest forwards to the state. PROPERTY(type, getter, setter)
 // clang-format off
-#define SELVIO_CAMERA_PROPERTY(Type, name, setName)                                                                        \
-    Type SelvioFacialCaptureCamera::name() const { return state_->get(&CameraValues::name); }                              \
+#define SELVIO_CAMERA_PROPERTY(Type, name, setName) \
+    Type SelvioFacialCaptureCamera::name() const { return state_->get(&CameraValues::name); } \
     void SelvioFacialCaptureCamera::setName(Type value) { state_->set(&CameraValues::name, std::move(value)); }
 
 SELVIO_CAMERA_PROPERTY(bool, analyzeRGBVideo, setAnalyzeRGBVideo)

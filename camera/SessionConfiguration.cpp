@@ -9,7 +9,7 @@
 namespace selvio {
 namespace {
 
-/// One run. Each step returns whether the configuration goes on.
+/// One run. Each step returns whether the configuration continues.
 /// The session may be null, after a shutdown; it then takes nothing, and the run ends where the video input is refused.
 class Configuration {
 public:
@@ -128,11 +128,11 @@ private:
             return;
         }
         session_->addOutput(output);
-        output->setMetadataObjectTypes(
-            {kMetadataObjectTypePDF417Code});  // an output knows its types only once it has been added
+        // An output knows its types only once it has been added.
+        output->setMetadataObjectTypes({kMetadataObjectTypePDF417Code});
     }
 
-    /// A shutdown since the beginning took down what there was of the graph then; the rest goes here.
+    /// A shutdown since the beginning took down what there was of the graph then; the rest is taken down here.
     bool wasShutDown() const {
         const std::lock_guard lock(session_->monitor());
         if (state_.session() == session_ && !context_.camera.expired()) return false;

@@ -11,13 +11,13 @@ struct ConfigurationContext {
     const std::shared_ptr<CameraState>& state;
     const std::shared_ptr<CaptureOutputDelegate>& receiver;  ///< of samples and metadata
     const std::shared_ptr<Queue>& videoOutputQueue;          ///< for the samples
-    const std::weak_ptr<const void>& camera;                 ///< once it has gone, so has the purpose
+    const std::weak_ptr<const void>& camera;                 ///< expired: nothing is left to configure
 };
 
-/// Finds the camera, adds inputs and outputs to the state's session, focuses, orients the outputs and tells the
-/// delegate. On the session queue. Failures are logged; what had been built until then stays, and the delegate is told
-/// nothing. If the session is taken from the state meanwhile or the camera goes, nothing of the graph stays, and the
-/// delegate is told nothing either.
+/// Finds the camera, adds inputs and outputs to the state's session, focuses, orients the outputs and notifies
+/// the delegate. On the session queue. Failures are logged; what had been built until then stays, and the delegate is
+/// not notified. If the session is taken from the state meanwhile or the camera is destroyed, nothing of the graph
+/// stays, and the delegate is not notified either.
 void configureSession(const ConfigurationContext& context);
 
 /// Takes the state's inputs and outputs out of the session and forgets the outputs. With the session's monitor held.

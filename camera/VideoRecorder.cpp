@@ -8,7 +8,8 @@ namespace selvio {
 namespace {
 
 void removeFile(FileManager* files, const std::filesystem::path& path) {
-    if (files && files->fileExists(path)) (void)files->removeItem(path);  // what remains goes with the next clean-up
+    if (files && files->fileExists(path))
+        (void)files->removeItem(path);  // what remains is removed by the next clean-up
 }
 
 void deliver(FileManager* files, const std::filesystem::path& path, const DelegateSlot& delegateSlot) {
@@ -89,8 +90,8 @@ void VideoRecorder::configureAssetWriter() const {
 
     const auto audioOutput = state_->recordAudio() ? state_->get(&CameraValues::audioDataOutput) : nullptr;
     const auto audioInput = audioOutput ? makeAudioInput(*audioOutput) : nullptr;
-    state_->set(&CameraValues::writerAudioInput,
-                audioInput);  // null without sound, lest samples go to the recording before
+    // Null without sound, lest samples be appended to the recording before.
+    state_->set(&CameraValues::writerAudioInput, audioInput);
     if (audioOutput && !add(audioInput)) log("Can't add writerInputAudio");
 
     state_->set(&CameraValues::assetWriter, writer);

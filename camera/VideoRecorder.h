@@ -12,7 +12,7 @@ namespace selvio {
 ///
 /// The state is the writer's status and `shouldRecord` of the camera; kept here is only which writer has been asked to
 /// finish. A recorder outlives its camera until a stop or a discard already requested has run, so that no file is left
-/// half-written because the camera went. While the writer then finishes, it keeps nothing of the camera alive.
+/// half-written because the camera was destroyed. While the writer then finishes, it keeps nothing of the camera alive.
 class VideoRecorder {
 public:
     /// `queue`: the video output queue, held weakly.

@@ -9,15 +9,15 @@
 namespace selvio {
 
 struct PortInUse {
-    bool there;
+    bool available;
     const char* name;
     const char* consequence;  ///< of its absence
 };
 
-/// A line in the log for each port that is not there. Said once, when an object is made, because nothing else tells.
+/// Logs each missing port. Once, when an object is made: nothing else reports it.
 inline void logMissingPorts(std::initializer_list<PortInUse> ports) {
     for (const auto& port : ports)
-        if (!port.there) log(std::string("The platform has no ") + port.name + ": " + port.consequence);
+        if (!port.available) log(std::string("The platform has no ") + port.name + ": " + port.consequence);
 }
 
 }  // namespace selvio

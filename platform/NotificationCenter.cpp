@@ -18,7 +18,7 @@ void NotificationCenter::removeObserver(Observer observer) {
     remove([observer](const Entry& entry) { return entry.observer == observer; });
 }
 
-// What a handler holds goes outside of the lock.
+// Handlers are destroyed outside the lock.
 template <typename Condition>
 void NotificationCenter::remove(Condition condition) {
     std::vector<Entry> removed;

@@ -92,7 +92,7 @@ std::string SelvioFacialCaptureObixData::getMachineName() const {
     return device_ ? device_->machineName() : "";
 }
 
-// The record as it goes into the photograph: whole if it fits, else with as many of the newest events as fit.
+// The record as written into the photograph: whole if it fits, else with as many of the newest events as fit.
 std::optional<std::string> SelvioFacialCaptureObixData::userComment() const {
     nlohmann::json record = obixDataDictionary();
     std::optional<std::string> text = serialized(record);

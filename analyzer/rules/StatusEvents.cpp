@@ -33,4 +33,12 @@ SelvioFacialCaptureUxpEvent eventFor(SelvioFacialCaptureStatus status) {
     }
 }
 
+std::optional<SelvioFacialCaptureUxpEvent> eventForPause(std::int64_t reason) {
+    constexpr SelvioFacialCaptureUxpEvent kEvents[] = {
+        SelvioFacialCaptureUxpEventPauseReason1, SelvioFacialCaptureUxpEventPauseReason2,
+        SelvioFacialCaptureUxpEventPauseReason3, SelvioFacialCaptureUxpEventPauseReason4};
+    if (reason < 1 || reason > 4) return std::nullopt;
+    return kEvents[reason - 1];
+}
+
 }  // namespace selvio::rules

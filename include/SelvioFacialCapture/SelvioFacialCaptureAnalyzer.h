@@ -30,8 +30,8 @@
 /// - Running: frames are analysed; the motion feed drives the hold-still status.
 /// - Paused: frames are kept in the history but not analysed; motion stopped.
 /// - Selecting: a frame was chosen; frames are kept, up to twice as many. Left only by `resume`.
-/// - Spent: parameters, results, history and motion source are gone. Every operation does nothing; make a new analyzer
-/// for a new capture.
+/// - Spent: parameters, results, history and motion source have been released. Every operation does nothing; make a new
+/// analyzer for a new capture.
 ///
 /// The control operations may be called on any thread, at any time, while frames arrive; a change takes effect for the
 /// next frame or detection result. Delegate calls run on the main queue unless their documentation says otherwise.
@@ -72,7 +72,7 @@ public:
     void pauseFor(std::int64_t reason);
     /// Starts or restarts analysis and the motion feed, logs the start event and adds the parameters to the data record
     /// (the first ones stay). After a success it begins the next capture, for a retake: analyzer, delegate and record
-    /// stay the same, the event log goes on, and `detectionSuccess` comes again. Does nothing once spent.
+    /// stay the same, the event log continues, and `detectionSuccess` comes again. Does nothing once spent.
     void resume();
     /// Ends the capture without telling the delegate, and discards the event log. No delegate call begins any more once
     /// this has returned: a call under way on another thread, or a `cancel`, is waited for, unless this is called from

@@ -42,10 +42,10 @@ class VideoRecorder;
 /// Nothing throws. A port that the platform lacks makes what needs it do nothing, which is a line in the log when the
 /// camera is made; without `makeView` nothing is shown and all else works.
 ///
-/// Release the last reference on the main thread, because it takes the view along; where another thread holds the last
+/// Release the last reference on the main thread, because it destroys the view; where another thread holds the last
 /// one, as a delegate may for the length of a call, the view alone is handed to the main queue. Blocks still queued
 /// then find no camera and end quietly, but a `stopRecording` or `discardRecording` already requested is carried out. A
-/// configuration that runs just then takes its graph down again and tells nobody.
+/// configuration that runs just then takes its graph down again and notifies no one.
 class SELVIO_EXPORT SelvioFacialCaptureCamera final : public std::enable_shared_from_this<SelvioFacialCaptureCamera> {
 public:
     // ---- What every host calls, in the order of its calls. ----
@@ -66,7 +66,7 @@ public:
     [[nodiscard]] static std::shared_ptr<SelvioFacialCaptureCamera> initWithPreset(
         std::optional<std::string> preset, std::int64_t format, selvio::CaptureDevicePosition position,
         selvio::Rect frame, selvio::Platform platform = selvio::defaultPlatform());
-    /// Tears nothing of the graph down: `shutdown` does.
+    /// Does not take the graph down: `shutdown` does.
     ~SelvioFacialCaptureCamera();
     SelvioFacialCaptureCamera(const SelvioFacialCaptureCamera&) = delete;
     SelvioFacialCaptureCamera& operator=(const SelvioFacialCaptureCamera&) = delete;
@@ -105,7 +105,7 @@ public:
     void stop();
     /// Takes the graph and the observers down, on the caller's thread. The session is neither stopped nor finished
     /// recording: call `stop` before. Afterwards `session` and the three outputs are null; inputs and devices keep
-    /// their values, `isConfigured` is not reset. From its return on the delegate is told nothing more, but for
+    /// their values, `isConfigured` is not reset. From its return on the delegate is not called again, except
     /// `didFinishRecordingVideo` of a recording that was being finished: a delegate call that runs on another thread is
     /// waited for, unless `shutdown` is called from within a delegate call of this camera.
     void shutdown();
@@ -195,7 +195,7 @@ public:
     /// then stays until the next clean-up, as does one that cannot be read back ("Couldn't read item at path: …").
     /// Without a writer, or with one that has been asked already, only `shouldRecord` becomes false.
     void stopRecording();
-    /// Ends taking samples, drops the writer and removes the file. The delegate is not told.
+    /// Ends taking samples, drops the writer and removes the file. The delegate is not notified.
     void discardRecording();
     /// Removes the file at `videoRecordingUrl`, if there is one; a failure is ignored. On the caller's thread.
     void deleteCurrentRecording();

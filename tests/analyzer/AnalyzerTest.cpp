@@ -78,7 +78,7 @@ TEST_F(Analyzer, IsNotMadeWithoutParametersOrQueues) {
                 Pointwise(HasPart(), {"The platform has no screen", "The platform has no makeSequenceRequestHandler",
                                       "The platform has no makeFaceDetector", "The platform has no imageCodec",
                                       "The platform has no device", "The platform has no makeMotionManager",
-                                      "The platform has no imageLoader", "let go of without stop"}));
+                                      "The platform has no imageLoader", "destroyed without stop"}));
     analyzer->resume();
     analyzer->analyzeImageAtPath("still.jpg");
     send();
@@ -95,7 +95,7 @@ TEST_F(Analyzer, SaysWhenCapturesMeetInTheEventLog) {
     first->stop();
     analyzer.reset();
     EXPECT_THAT(log.take(), Pointwise(HasPart(), {"begins before another one was stopped", "which has lost its events",
-                                                  "let go of without stop"}));
+                                                  "destroyed without stop"}));
     makeAnalyzer(platform());
     analyzer->resume();
     analyzer->cancel();

@@ -145,6 +145,7 @@ public:
     void updateMode(std::int64_t mode) {
         if (results) parameters->setMode(mode);  // they are there until the cancellation has been told
     }
+    void pause() { pauseFor(0); }
     void pauseFor(std::int64_t reason) {
         if (spent) return;
         skip = startCountdown = true;
@@ -516,7 +517,8 @@ private:
             if (oneIn(8)) methods.reset();
             return c.note("delegate for " + ::testing::PrintToString(methods)), c.setDelegate(methods);
         }
-        if (n < 24) return c.note("pauseFor"), c->pauseFor(oneIn(3) ? 0 : below(7) - 1);
+        if (n == 20) return c.note("pause"), c->pause();
+        if (n < 24) return c.note("pauseFor"), c->pauseFor(below(7) - 1);
         if (n >= 26) return setParameter(below(4));
         const auto rate = [this] { return (0.1 + 0.01 * below(2)) * (below(3) - 1); };  // at the limit, or beyond it
         c.note("motion");

@@ -136,10 +136,14 @@ TEST(FaceChecks, AFrameIsJudgedByItsOneFaceOnTheScreen) {
     FakeSequenceRequestHandler handler;
     const auto picture = PixelBuffer::create(1000, 1700, kPixelFormat32BGRA);
     for (auto& [faces, moving, statuses] : rows) {
-        EXPECT_EQ(judgeFaces(faces, geometry, {}, moving).statuses, statuses);
+        const FacesJudgement judged = judgeFaces(faces, geometry, {}, moving);
+        EXPECT_EQ(std::tuple(judged.count, judged.statuses), std::tuple(faces.size(), statuses));
         if (moving) continue;
         if (statuses.empty()) statuses = {SelvioFacialCaptureStatusGoodFrame};
-        handler.setObservations(faces);
+        handler.setAnswer([&faces = faces](const FaceLandmarksRequest& asked) {
+            EXPECT_EQ(std::tuple(asked.exifOrientation, asked.isStillImage), std::tuple(5U, true));
+            return FaceLandmarksResult{faces, std::nullopt};
+        });
         EXPECT_EQ(judgePicture(picture, handler, {}).value().statuses, statuses);
     }
     handler.setAnswer([](const auto&) { return Error{"no model"}; });

@@ -1,4 +1,4 @@
-// Time is a port, so that tests turn the hands themselves.
+// Time is a port, so that tests control it.
 #pragma once
 
 #include <SelvioFacialCapture/base/Export.h>

@@ -10,7 +10,7 @@ namespace selvio {
 
 /// Receives one message without a trailing line feed. Called on the thread that logs, with no lock of the component
 /// held: it may call any operation, and two threads that log at once call it at once. Only a camera's `stop` and
-/// `shutdown` it leaves to a queue: another thread may be inside one of them and wait for the thread that logs.
+/// `shutdown` it must submit to a queue: another thread may be inside one of them and wait for the thread that logs.
 using LogSink = std::function<void(std::string_view message)>;
 
 /// Writes one message to the process's log sink (standard error unless replaced). Any thread.

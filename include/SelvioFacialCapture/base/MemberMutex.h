@@ -7,7 +7,7 @@
 
 namespace selvio {
 
-/// Guards members of the object that it stands in; which ones is said there. What reads or writes more than one member
+/// Guards members of the object that contains it, which names them. What reads or writes more than one member
 /// at once locks it like any other mutex.
 class MemberMutex : public std::mutex {
 public:

@@ -95,7 +95,7 @@ void brighten(const SamplerTarget& target) {
 
 Size viewSizeOf(const PixelBuffer& buffer, ViewTransform view) {
     const Size size{static_cast<double>(buffer.width()), static_cast<double>(buffer.height())};
-    return view.transpose ? Size{size.height, size.width} : size;
+    return view.swapsAxes ? Size{size.height, size.width} : size;
 }
 
 void PictureSampler::take(const PixelBuffer& buffer, ViewTransform view) {

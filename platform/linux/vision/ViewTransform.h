@@ -13,22 +13,18 @@ namespace selvio {
 
 /// Swaps the axes first, then mirrors. Works on coordinates normalized to 0...1 with the origin at the top left, in the
 /// buffer as in the view.
-struct ViewTransform {
-    bool transpose = false;
-    bool flipX = false;
-    bool flipY = false;
-
+struct ViewTransform : Turn {
     [[nodiscard]] Point toView(Point buffer) const {
-        Point view = transpose ? Point{buffer.y, buffer.x} : buffer;
-        if (flipX) view.x = 1.0 - view.x;
-        if (flipY) view.y = 1.0 - view.y;
+        Point view = swapsAxes ? Point{buffer.y, buffer.x} : buffer;
+        if (reversesX) view.x = 1.0 - view.x;
+        if (reversesY) view.y = 1.0 - view.y;
         return view;
     }
 
     [[nodiscard]] Point toBuffer(Point view) const {
-        if (flipX) view.x = 1.0 - view.x;
-        if (flipY) view.y = 1.0 - view.y;
-        return transpose ? Point{view.y, view.x} : view;
+        if (reversesX) view.x = 1.0 - view.x;
+        if (reversesY) view.y = 1.0 - view.y;
+        return swapsAxes ? Point{view.y, view.x} : view;
     }
 
     [[nodiscard]] Rect toView(const Rect& buffer) const {
@@ -50,28 +46,18 @@ private:
     }
 };
 
-/// The views of pictures with the EXIF orientations 1...8 as they are displayed.
-inline constexpr std::array<ViewTransform, 8> kDisplayedViews{{{false, false, false},
-                                                               {false, true, false},
-                                                               {false, true, true},
-                                                               {false, false, true},
-                                                               {true, false, false},
-                                                               {true, true, false},
-                                                               {true, true, true},
-                                                               {true, false, true}}};
-
 /// The view for a frame and its EXIF orientation, such that a point (x, y) of the detector (the frame with the
 /// orientation applied, origin at the lower left) lies at (y, x) of the view. For the orientations of a front camera
 /// (5, 7, 4, 2) the view is upright and mirrored as in a mirror. Nothing outside 1...8.
 [[nodiscard]] inline std::optional<ViewTransform> viewForExifOrientation(std::uint32_t exifOrientation) {
     if (exifOrientation < 1 || exifOrientation > 8) return std::nullopt;
     constexpr std::array kDisplayedAs{6, 7, 8, 5, 2, 3, 4, 1};
-    return kDisplayedViews[static_cast<std::size_t>(kDisplayedAs[exifOrientation - 1] - 1)];
+    return ViewTransform{Turn::fromExif(kDisplayedAs[exifOrientation - 1])};
 }
 
 /// The view of a picture as it is displayed.
 [[nodiscard]] inline ViewTransform viewForImageOrientation(ImageOrientation orientation) {
-    return kDisplayedViews[static_cast<std::size_t>(exifOrientationFor(orientation)) - 1];
+    return ViewTransform{Turn::fromExif(static_cast<int>(exifOrientationFor(orientation)))};
 }
 
 }  // namespace selvio
