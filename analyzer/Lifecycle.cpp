@@ -65,7 +65,7 @@ Analyzer::State::State(const Platform& ports, std::shared_ptr<SelvioFacialCaptur
 }
 
 bool Analyzer::State::canAnalyze() const {
-    return platform.serviceLevel >= kAutomaticAnalysisLevel && sequenceRequestHandler != nullptr;
+    return platform.serviceLevel >= kAutomaticAnalysisLevel && sequenceRequestHandler;
 }
 
 rules::GateFlags Analyzer::State::gateFlags() const {

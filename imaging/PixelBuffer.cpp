@@ -85,8 +85,7 @@ PixelBuffer::~PixelBuffer() {
 bool PixelBuffer::isReadable() const {
     const auto expected = PixelBufferLayout::make(layout_.width, layout_.height, layout_.format,
                                                   {layout_.planes[0].bytesPerRow, layout_.planes[1].bytesPerRow});
-    return expected && *expected == layout_ && planes_[0] != nullptr &&
-           (layout_.planeCount == 1 || planes_[1] != nullptr);
+    return expected && *expected == layout_ && planes_[0] && (layout_.planeCount == 1 || planes_[1]);
 }
 
 std::shared_ptr<PixelBuffer> PixelBuffer::create(int width, int height, PixelFormat format) {

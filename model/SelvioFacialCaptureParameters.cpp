@@ -137,9 +137,9 @@ std::map<std::string, std::string> SelvioFacialCaptureParameters::toDictionary()
         {"ImageQuality", std::to_string(imageQuality_)},
         {"SelectOnSmile", flag(selectOnSmile_)},
         {"CountdownTime", std::to_string(countdownTime_)},
-        {"RecordVideo", flag(camera != nullptr && camera->recordVideo())},
-        {"RecordAudio", flag(camera != nullptr && camera->recordAudio())},
-        {"ShowRecordingUI", flag(camera != nullptr && camera->showRecordingUI())},
+        {"RecordVideo", flag(camera && camera->recordVideo())},
+        {"RecordAudio", flag(camera && camera->recordAudio())},
+        {"ShowRecordingUI", flag(camera && camera->showRecordingUI())},
         {"VideoQuality", std::to_string(camera ? camera->videoQuality() : 0)},
     };
 }
