@@ -114,8 +114,8 @@ struct SelvioFacialCaptureAnalyzer::State : std::enable_shared_from_this<State> 
     void deliverSuccess(const Frame& frame);
     void select(const Frame& frame, SelvioFacialCaptureResultCode code, const std::optional<Statuses>& statuses);
 
-    /// The end of every selection: closes the record and fills the results. False if its run has ended meanwhile.
-    bool closeCapture(const Frame& selected, SelvioFacialCaptureResultCode code);
+    /// The end of every selection: closes the record and fills the results, unless its run has ended meanwhile.
+    void closeCapture(const Frame& selected, SelvioFacialCaptureResultCode code);
     void logEvent(SelvioFacialCaptureUxpEvent event, std::optional<Run> run);
     void logStatuses(const Statuses& statuses, Run run);
     std::optional<nlohmann::json> loggedEvents(Run run);

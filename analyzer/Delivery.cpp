@@ -65,23 +65,25 @@ void Analyzer::State::select(const Frame& frame, SelvioFacialCaptureResultCode c
     if (!selecting) return;
     frame.results->setOrderedStatuses(statuses);
     const Frame selected{.run = *selecting, .results = frame.results, .image = frame.image};
-    if (closeCapture(selected, code)) deliverSuccess(selected);
+    closeCapture(selected, code);
+    deliverSuccess(selected);
 }
 
 void Analyzer::State::deliverManually(const Frame& frame) {
     if (!isCurrent(frame.run)) return;
     frame.results->setOrderedStatuses(
         rules::statusesOfManualSelection(manualOnly, frame.results->orderedStatuses().value_or(Statuses())));
-    if (closeCapture(frame, SelvioFacialCaptureResultCodeSuccessStillCamera)) deliverSuccess(frame);
+    closeCapture(frame, SelvioFacialCaptureResultCodeSuccessStillCamera);
+    deliverSuccess(frame);
 }
 
 void Analyzer::State::deliverSuccess(const Frame& frame) {
     tell(frame.run, &Delegate::detectionSuccess, frame.results);
 }
 
-bool Analyzer::State::closeCapture(const Frame& selected, SelvioFacialCaptureResultCode code) {
+void Analyzer::State::closeCapture(const Frame& selected, SelvioFacialCaptureResultCode code) {
     const auto settings = mutex.get(parameters);
-    if (!settings) return false;
+    if (!settings) return;
     const bool automatic = settings->mode() == SelvioFacialCaptureModeAuto;
     logEvent(automatic ? SelvioFacialCaptureUxpEventFinalizedAuto : SelvioFacialCaptureUxpEventFinalizedManual,
              selected.run);
@@ -90,7 +92,7 @@ bool Analyzer::State::closeCapture(const Frame& selected, SelvioFacialCaptureRes
     {
         // `cancel` adds its own entries once it has ended the run: never both.
         const std::lock_guard lock(mutex);
-        if (currentRun != selected.run || !events) return false;
+        if (currentRun != selected.run || !events) return;
         record = obixData;
         record->addUXP(*events);
         record->add({{"Autocapture", automatic ? "1" : "0"}});
@@ -106,7 +108,6 @@ bool Analyzer::State::closeCapture(const Frame& selected, SelvioFacialCaptureRes
     });
     withoutThrowing("The data record could not be written",
                     [&] { filled.setObixDataString(record->obixDataString()); });
-    return true;
 }
 
 void Analyzer::State::logStatuses(const Statuses& statuses, Run run) {

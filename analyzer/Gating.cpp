@@ -135,7 +135,7 @@ auto Analyzer::State::judgeSmile(const Frame& frame, bool smiling) -> std::optio
     const bool first = judgement.selection == rules::SmileSelection::OldestFrame;
     const Frame selected{
         .run = *selecting, .results = frame.results, .image = first ? history.oldest() : history.newest()};
-    if (closeCapture(selected, SelvioFacialCaptureResultCodeSuccessVideo))
-        deliver(DeliveryKind::Each, &State::deliverSuccess, selected);
+    closeCapture(selected, SelvioFacialCaptureResultCodeSuccessVideo);
+    deliver(DeliveryKind::Each, &State::deliverSuccess, selected);
     return selecting;
 }
