@@ -128,21 +128,26 @@ TEST(ImageUtilities, convertsBetweenTheOrdersOfChannelsAndFromVideoRange) {
     EXPECT_EQ(bytesAt(*Utilities::pixelBufferFromCGImage(argb), 4, 2), bytesAt(*argb, 4, 2));
     EXPECT_NE(Utilities::imageFromPixelBuffer(bgra)->bitmap->data(), bgra->data()) << "a copy";
 
-    for (int n = 0; n < 64; ++n) {  // BT.601 video range: 219 steps of luma, 224 of each colour difference
-        const auto byte = [n](int factor) { return static_cast<std::uint8_t>(n * factor); };
-        const std::array colour{byte(97), byte(161), byte(59)};
-        const double luma = (colour[0] - 16) * 255 / 219.0;
-        const double cb = (colour[1] - 128) * 255 / 224.0, cr = (colour[2] - 128) * 255 / 224.0;
-        const double right[] = {255, luma + 1.402 * cr, luma - 0.344136 * cb - 0.714136 * cr, luma + 1.772 * cb};
-        // Odd: the last column and row have colour of their own.
-        const auto source = painted(3, 3, kPixelFormat420v, [&colour](std::uint8_t* to, int, int, int plane) {
-            std::copy_n(&colour[plane == 0 ? 0 : 1], plane + 1, to);
+    for (int n = 0; n < 64; ++n) {
+        // Three columns and rows: the last ones have colour of their own.
+        const auto sample = [n](int x, int y, int factor) {
+            return static_cast<std::uint8_t>(n * factor + 31 * x + y);
+        };
+        const auto source = painted(3, 3, kPixelFormat420v, [&](std::uint8_t* to, int x, int y, int plane) {
+            const std::array samples{sample(x, y, 97), sample(x, y, 161), sample(x, y, 59)};
+            std::copy_n(&samples[plane == 0 ? 0 : 1], plane + 1, to);
         });
         const auto converted = Utilities::pixelBufferFromCGImage(source);
         ASSERT_NE(converted, nullptr);
-        for (std::size_t i = 0; i < 36; ++i) {
-            const int x = static_cast<int>(i / 4 % 3), y = static_cast<int>(i / 12);
-            EXPECT_NEAR(sampleAt(*converted, x, y)[i % 4], std::clamp(right[i % 4], 0.0, 255.0), 0.51) << n;
+        for (int i = 0; i < 9; ++i) {
+            const int x = i % 3, y = i / 3;
+            // BT.601 video range: 219 steps of luma from 16, 224 of each colour difference around 128.
+            const double luma = (sample(x, y, 97) - 16) * 255 / 219.0;
+            const double cb = (sample(x / 2, y / 2, 161) - 128) * 255 / 224.0;
+            const double cr = (sample(x / 2, y / 2, 59) - 128) * 255 / 224.0;
+            const double right[] = {255, luma + 1.402 * cr, luma - 0.344136 * cb - 0.714136 * cr, luma + 1.772 * cb};
+            for (int c = 0; c < 4; ++c)
+                EXPECT_NEAR(sampleAt(*converted, x, y)[c], std::clamp(right[c], 0.0, 255.0), 0.51) << n;
         }
     }
 }

@@ -125,10 +125,10 @@ TEST(Parameters, SettersClampAndTheFillBoundsKeepTheirDistance) {
 }
 
 TEST(CameraParameters, TheArchiveRoundTripsAndSurvivesDamage) {
-    const std::string whole = R"({"RecordVideo":true,"RecordAudio":true,"ShowRecordingUI":false,"VideoQuality":73})";
+    const std::string whole = R"({"RecordVideo":true,"RecordAudio":false,"ShowRecordingUI":true,"VideoQuality":73})";
     const auto read = CameraParameters::initWithCoder(whole);
     EXPECT_EQ(std::tuple(read->recordVideo(), read->recordAudio(), read->showRecordingUI(), read->videoQuality()),
-              std::tuple(true, true, false, 73));
+              std::tuple(true, false, true, 73));
     const std::string initial =
         R"({"RecordVideo":false,"RecordAudio":false,"ShowRecordingUI":false,"VideoQuality":10})";
     const std::pair<std::string, std::string> rows[] = {
