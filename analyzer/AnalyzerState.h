@@ -127,8 +127,9 @@ struct SelvioFacialCaptureAnalyzer::State : std::enable_shared_from_this<State> 
     [[nodiscard]] bool isCurrent(Run run) { return mutex.get(currentRun) == run; }
     /// Ends the run and returns the next one. The mutex is held.
     Run beginRun();
-    /// Begins a selection, and with it a new run, unless the run has ended or a selection is in progress already.
-    [[nodiscard]] std::optional<Run> beginSelection(Run run);
+    /// Begins the selection of a frame, and with it a new run, unless its run has ended or a selection is in progress
+    /// already. From then on `results` are the frame's, if it has some.
+    [[nodiscard]] std::optional<Run> beginSelection(const Frame& frame);
     /// Calls what the delegate implements, unless the run has ended. Who stops it may then be the last to hold the
     /// delegate.
     template <typename Member, typename... Arguments>
@@ -137,8 +138,9 @@ struct SelvioFacialCaptureAnalyzer::State : std::enable_shared_from_this<State> 
         const auto host = call ? mutex.get(delegate).lock() : nullptr;
         if (host && *host.*member) (*host.*member)(arguments...);
     }
-    [[nodiscard]] bool implementsDetectionSuccess() {
-        const auto host = mutex.get(delegate).lock();
+    [[nodiscard]] bool implementsDetectionSuccess(Run run) {
+        const auto call = ActiveCall::begin(*this, run);  // `stop` waits for the end of this reference
+        const auto host = call ? mutex.get(delegate).lock() : nullptr;
         return host && host->detectionSuccess;
     }
     /// No run follows. Any number of times.
@@ -147,7 +149,9 @@ struct SelvioFacialCaptureAnalyzer::State : std::enable_shared_from_this<State> 
     /// Whether this thread makes such a call. The mutex is held.
     [[nodiscard]] bool isActiveCallHere() const;
     void tearDown();
-    /// False if the capture does not use it: not begun, or ended.
+    /// With the first event.
+    void joinEventLog();
+    /// False if no event has been logged, or it has been left already.
     bool leaveEventLog();
 
     /// Brings the motion feed to what was last asked for.

@@ -38,7 +38,7 @@ void Analyzer::State::deliverReport(const Frame& frame) {
 }
 
 void Analyzer::State::deliverReportOrSelect(const Frame& frame) {
-    if (!shouldSelectCurrentFrame || !implementsDetectionSuccess()) return deliverReport(frame);
+    if (!shouldSelectCurrentFrame || !implementsDetectionSuccess(frame.run)) return deliverReport(frame);
     select(frame, SelvioFacialCaptureResultCodeSuccessStillCamera, frame.results->orderedStatuses());
 }
 
@@ -61,7 +61,7 @@ void Analyzer::State::selectAutomatically(const Frame& frame) {
 
 void Analyzer::State::select(const Frame& frame, SelvioFacialCaptureResultCode code,
                              const std::optional<Statuses>& statuses) {
-    const std::optional<Run> selecting = beginSelection(frame.run);
+    const std::optional<Run> selecting = beginSelection(frame);
     if (!selecting) return;
     frame.results->setOrderedStatuses(statuses);
     const Frame selected{.run = *selecting, .results = frame.results, .image = frame.image};
@@ -119,7 +119,10 @@ void Analyzer::State::logStatuses(const Statuses& statuses, Run run) {
 void Analyzer::State::logEvent(SelvioFacialCaptureUxpEvent event, std::optional<Run> run) {
     if (run ? !isCurrent(*run) : ended.load()) return;
     const auto events = SelvioFacialCaptureUxpEventManager::sharedInstance();
-    if (const auto logging = ActiveCall::begin(*this, run)) events->addEvent(event);
+    const auto logging = ActiveCall::begin(*this, run);
+    if (!logging) return;
+    joinEventLog();
+    events->addEvent(event);
 }
 
 std::optional<nlohmann::json> Analyzer::State::loggedEvents(Run run) {

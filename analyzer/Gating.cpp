@@ -130,7 +130,7 @@ auto Analyzer::State::judgeSmile(const Frame& frame, bool smiling) -> std::optio
         deliver(DeliveryKind::Newest, &State::deliverReportOrSelect, frame);
         return frame.run;
     }
-    const std::optional<Run> selecting = beginSelection(frame.run);
+    const std::optional<Run> selecting = beginSelection(frame);
     if (!selecting) return std::nullopt;
     const bool first = judgement.selection == rules::SmileSelection::OldestFrame;
     const Frame selected{

@@ -48,8 +48,8 @@ void Analyzer::State::analyzeHeldFrame(HeldFrame& held) {
     history.append(*frame.image, selectionInProgress ? kHistoryLimitWhileSelecting : kLiveHistoryLimit);
 
     const bool manual = manualOnly || settings->mode() == SelvioFacialCaptureModeManual;
-    if (manual && shouldSelectCurrentFrame && implementsDetectionSuccess()) {
-        if (const auto selecting = beginSelection(frame.run)) {
+    if (manual && shouldSelectCurrentFrame && implementsDetectionSuccess(frame.run)) {
+        if (const auto selecting = beginSelection(frame)) {
             held.release();
             frame.run = *selecting;
             frame.results = replaceResultsByCopy(*selecting);

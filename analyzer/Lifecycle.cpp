@@ -31,7 +31,8 @@ void logMissing(const Platform& ports) {
         {ports.screen != nullptr, "screen", "every single face passes the checks"},
         {ports.makeSequenceRequestHandler != nullptr, "makeSequenceRequestHandler",
          "frames are kept but not judged, and only manual capture works"},
-        {ports.makeFaceDetector != nullptr, "makeFaceDetector", "a test for a smile never ends"},
+        {ports.makeFaceDetector != nullptr, "makeFaceDetector",
+         "no good frame is reported in manual mode or with selectOnSmile"},
         {ports.imageCodec != nullptr, "imageCodec", "a success comes without an encoded picture"},
         {ports.device != nullptr, "device", "the record names none, and it counts as held upright"},
         {ports.makeMotionManager != nullptr, "makeMotionManager", "nobody is told to hold still"},
@@ -39,7 +40,7 @@ void logMissing(const Platform& ports) {
     });
 }
 
-/// Captures from their first `resume` to their end. They share one event log.
+/// Captures from their first event to their end. They share one event log.
 std::atomic<int> capturesRunning{0};
 
 std::string queueLabel(const char* name) {
@@ -104,12 +105,10 @@ void Analyzer::State::pauseFor(std::int64_t reason) {
 void Analyzer::State::resume() {
     std::shared_ptr<SelvioFacialCaptureParameters> settings;
     std::shared_ptr<SelvioFacialCaptureObixData> record;
-    bool others = false;
     {
         const std::lock_guard lock(mutex);
         if (ended) return;
         beginRun();
-        others = !usesEventLog.exchange(true) && capturesRunning++ > 0;
         shouldSkipFrames = false;
         smileDetectionInProgress = false;
         selectionInProgress = false;
@@ -117,7 +116,6 @@ void Analyzer::State::resume() {
         settings = parameters;
         record = obixData;
     }
-    if (others) log("A capture begins before another one was stopped: their events mix in the process's one event log");
     const bool automatic = settings->mode() == SelvioFacialCaptureModeAuto;
     logEvent(automatic ? SelvioFacialCaptureUxpEventStartAuto : SelvioFacialCaptureUxpEventStartManual, std::nullopt);
     setMotionUpdates(true);
@@ -187,13 +185,17 @@ void Analyzer::State::cancel() {
     }
     if (!cancelling) return stop();
     const SelvioFacialCaptureResultCode code = SelvioFacialCaptureResultCodeCancelled;
-    const auto events = SelvioFacialCaptureUxpEventManager::sharedInstance();
-    events->addEvent(SelvioFacialCaptureUxpEventCancelled);
-    record->addUXP(events->events());
-    record->add({{"SelvioResultCode", *SelvioFacialCaptureResults::stringFrom(code)}});
-    cancelled->setObixDataString(record->obixDataString());
+    withoutThrowing("The data record could not be written", [&] {
+        const auto events = SelvioFacialCaptureUxpEventManager::sharedInstance();
+        joinEventLog();
+        events->addEvent(SelvioFacialCaptureUxpEventCancelled);
+        record->addUXP(events->events());
+        record->add({{"SelvioResultCode", *SelvioFacialCaptureResults::stringFrom(code)}});
+        cancelled->setObixDataString(record->obixDataString());
+    });
     cancelled->setResultCode(code);
-    tell(run, &Delegate::detectionCancelled, cancelled);
+    withoutThrowing("The cancellation could not be delivered",
+                    [&] { tell(run, &Delegate::detectionCancelled, cancelled); });
     mutex.set(cancelTearsDown, false);
     cancelling.reset();
     stop();
@@ -218,6 +220,11 @@ void Analyzer::State::tearDown() {
     history.close();
     setMotionUpdates(false);
     if (others) log("A capture was stopped while another one runs, which has lost its events until now");
+}
+
+void Analyzer::State::joinEventLog() {
+    if (!usesEventLog.exchange(true) && capturesRunning++ > 0)
+        log("A capture begins before another one was stopped: their events mix in the process's one event log");
 }
 
 bool Analyzer::State::leaveEventLog() {
@@ -255,10 +262,12 @@ auto Analyzer::State::runOfNewFrame() const -> Run {
     return ended ? std::numeric_limits<Run>::max() : currentRun;
 }
 
-auto Analyzer::State::beginSelection(Run run) -> std::optional<Run> {
+auto Analyzer::State::beginSelection(const Frame& frame) -> std::optional<Run> {
+    Results replaced = frame.results;  // outlives the lock
     const std::lock_guard lock(mutex);
-    if (currentRun != run || selectionInProgress) return std::nullopt;
+    if (currentRun != frame.run || selectionInProgress) return std::nullopt;
     selectionInProgress = true;
+    if (replaced) results.swap(replaced);
     return beginRun();
 }
 

@@ -23,15 +23,16 @@
 ///     Constructed ──resume──▶ Running ──selection──▶ Selecting ──resume──▶ Running
 ///          │                   │   ▲
 ///          └────pause────▶ Paused──┘ resume
-///     Constructed, Paused ──manual selection──▶ Selecting
+///     Constructed ──selection──▶ Selecting
+///     Paused ──manual selection──▶ Selecting
 ///     any state ──stop, cancel──▶ Spent
 ///
 /// - Constructed: frames are analysed as soon as they arrive; no motion updates.
 /// - Running: frames are analysed; the motion feed drives the hold-still status.
 /// - Paused: frames are kept in the history but not analysed; motion stopped.
 /// - Selecting: a frame was chosen; frames are kept, up to twice as many. Left only by `resume`.
-/// - Spent: parameters, results, history and motion source have been released. Every operation does nothing; make a new
-/// analyzer for a new capture.
+/// - Spent: parameters, results, history and motion source have been released. Nothing is taken, told or logged any
+/// more; make a new analyzer for a new capture.
 ///
 /// The control operations may be called on any thread, at any time, while frames arrive; a change takes effect for the
 /// next frame or detection result. Delegate calls run on the main queue unless their documentation says otherwise.
@@ -72,7 +73,9 @@ public:
     void pauseFor(std::int64_t reason);
     /// Starts or restarts analysis and the motion feed, logs the start event and adds the parameters to the data record
     /// (the first ones stay). After a success it begins the next capture, for a retake: analyzer, delegate and record
-    /// stay the same, the event log continues, and `detectionSuccess` comes again. Does nothing once spent.
+    /// stay the same, the event log continues, and `detectionSuccess` comes again. History and smile state stay too: a
+    /// smile may select a frame from before. A countdown that was announced is not announced again but shows in the
+    /// next status 10, unless a pause or a lost face came between. Does nothing once spent.
     void resume();
     /// Ends the capture without telling the delegate, and discards the event log. No delegate call begins any more once
     /// this has returned: a call under way on another thread, or a `cancel`, is waited for, unless this is called from
@@ -129,7 +132,8 @@ public:
 
     /// Null once spent.
     [[nodiscard]] std::shared_ptr<SelvioFacialCaptureParameters> parameters() const;
-    /// The newest analysed frame's results, an object of its own for every frame; null once spent.
+    /// The newest analysed frame's results, an object of its own for every frame; from a selection to `resume` those of
+    /// the selected one. Null once spent.
     [[nodiscard]] std::shared_ptr<SelvioFacialCaptureResults> results() const;
     /// The recent frames, newest last; empty once spent. The 14 newest live frames, 28 while a selection is in
     /// progress, or the 5 newest still images: what exceeds that is dropped when the next one comes.

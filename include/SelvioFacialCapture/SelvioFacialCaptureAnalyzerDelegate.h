@@ -24,11 +24,12 @@ struct SelvioFacialCaptureAnalyzerDelegate {
     ///
     /// While the face stays well placed, `detectionResults` reports status 10. With any other status the face is lost:
     /// end the countdown, lest `selectFrame` take a bad frame. Start it anew with the next call, or with the next
-    /// status 10 if it does not run, but not any more once `selectFrame` has been called. The block that ends a
+    /// status 10 if it does not run, but not between `selectFrame` and the next `resume`. The block that ends a
     /// countdown may come to run after the capture: hold the analyzer weakly in it, and let it find out whether its
     /// countdown is still the one that counts. The README has such a block.
     std::function<void()> startCountdown;
-    /// A frame has been selected: `selectedImage`, `encodedSelectedImage`, `obixDataString` and `resultCode` are set.
+    /// A frame has been selected: `selectedImage`, `obixDataString` and `resultCode` are set, and
+    /// `encodedSelectedImage` unless the picture could not be encoded, which is a line in the log.
     /// Main queue.
     std::function<void(const Results& results)> detectionSuccess;
     /// The capture was cancelled: `obixDataString` and `resultCode` are set. The thread that called `cancel`, before

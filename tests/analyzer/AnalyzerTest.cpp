@@ -37,10 +37,10 @@ protected:
 };
 
 TEST_F(Analyzer, NeitherKeepsItsHostNorItselfAlive) {
-    delegate->detectionCancelled = [&](const auto&) { analyzer.reset(); };
+    delegate->detectionCancelled = [&](const auto&) { analyzer.reset(), throw std::runtime_error("disk full"); };
     analyzer->cancel();
     EXPECT_EQ(analyzer, nullptr);
-    EXPECT_FALSE(motion->isRunning());
+    EXPECT_TRUE(!motion->isRunning() && UxpEvents::sharedInstance()->events().empty());
 
     serviceLevel = 11;
     makeAnalyzer(platform());
@@ -103,6 +103,10 @@ TEST_F(Analyzer, SaysWhenCapturesMeetInTheEventLog) {
     makeAnalyzer(platform());
     analyzer->stop();
     EXPECT_THAT(log.take(), ::testing::IsEmpty()) << "one after another is as it should be";
+    makeAnalyzer(platform());
+    analyzer->pauseFor(1);
+    analyzer.reset();
+    EXPECT_THAT(log.take(), Pointwise(HasPart(), {"destroyed without stop"})) << "one that has never been resumed";
 }
 
 TEST_F(Analyzer, ShowsWhatItWasMadeOfAndLeavesOutAFrameOrARecordThatIsNull) {

@@ -236,8 +236,8 @@ private:
         Step step{Plain, run, nullptr, markOf(picture)};
         keep(step.mark, selection ? 28 : 14);
         if ((manualOnly || !isAutomatic()) && select && !selection && hears("success")) {
-            step.run = beginSelection();
-            step.results = results = results->withoutSelection();
+            step.results = results->withoutSelection();
+            step.run = beginSelection(step.results);
             return wait(step.as(Manual));
         }
         if (serviceLevel < 12 || selection || skip || smileTest || manualOnly) return;
@@ -311,7 +311,7 @@ private:
         setStatuses(step, {askedToStop ? SelvioFacialCaptureStatusStopSmiling : SelvioFacialCaptureStatusGoodFrame});
         Step next = step.as(Judged);
         if (!manual && smiling != began) {  // it came, or went
-            next = {Success, beginSelection(), step.results, smiling ? history.front() : history.back()};
+            next = {Success, beginSelection(step.results), step.results, smiling ? history.front() : history.back()};
             closeRecord(next, SelvioFacialCaptureResultCodeSuccessVideo);
         }
         wait(next);
@@ -350,8 +350,9 @@ private:
         tell("results", step.results);
     }
 
-    int beginSelection() {
+    int beginSelection(const Results& selected) {
         selection = true;
+        results = selected;
         return beginRun();
     }
     /// What was not announced yet will have to be.
@@ -360,7 +361,7 @@ private:
         return ++run;
     }
     void succeed(Step step, SelvioFacialCaptureResultCode code) {
-        if (step.delivery != Manual) step.run = beginSelection();
+        if (step.delivery != Manual) step.run = beginSelection(step.results);
         closeRecord(step, code);
         if (step.run == run) tell("success", step.results);
     }

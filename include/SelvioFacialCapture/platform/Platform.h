@@ -31,7 +31,7 @@ inline constexpr const char* kQueueLabelPrefix = "com.selvio.facialcapture";
 ///               makeSerialQueue
 ///               screen                      sizes have no measure: every single face passes the checks
 ///               makeSequenceRequestHandler  frames are kept but not judged, and only manual capture works
-///               makeFaceDetector            a test for a smile never ends: leave `selectOnSmile` off, and mode 2 on
+///               makeFaceDetector            no good frame is reported in manual mode or with `selectOnSmile`
 ///               imageCodec                  a success comes without an encoded picture
 ///               device                      the record names none, and it counts as held upright
 ///               makeMotionManager           nobody is told to hold still
