@@ -187,8 +187,9 @@ struct SelvioFacialCaptureAnalyzer::State : std::enable_shared_from_this<State> 
     Run currentRun = 0;                        // guarded by mutex
     std::vector<std::thread::id> activeCalls;  // guarded by mutex; the thread of each `ActiveCall`
     std::condition_variable activeCallEnded;
-    bool cancelTearsDown = false;                // guarded by mutex; a `cancel` that is under way still needs the log
-    selvio::Deliveries<Frame, Step> deliveries;  // guarded by mutex; each has a block on the main queue
+    bool cancelTearsDown = false;    // guarded by mutex; a `cancel` that is under way still needs the log
+    bool announcementWaits = false;  // guarded by mutex; a countdown whose announcement the host has not been given yet
+    selvio::Deliveries<Frame, Step> deliveries;                 // guarded by mutex; each has a block on the main queue
     std::shared_ptr<SelvioFacialCaptureObixData> obixData;      // guarded by mutex
     std::weak_ptr<Delegate> delegate;                           // guarded by mutex
     std::shared_ptr<SelvioFacialCaptureParameters> parameters;  // guarded by mutex; null once spent

@@ -32,10 +32,6 @@ public:
         return !found;
     }
 
-    [[nodiscard]] bool contains(Step step) const {
-        return std::any_of(waiting_.begin(), waiting_.end(), [&](const Delivery& each) { return each.step == step; });
-    }
-
     /// A list of one, or of none.
     std::list<Delivery> takeFirst() {
         std::list<Delivery> first;

@@ -43,7 +43,11 @@ void Analyzer::State::deliverReportOrSelect(const Frame& frame) {
 }
 
 void Analyzer::State::deliverCountdown(const Frame& frame) {
-    tell(frame.run, &Delegate::startCountdown);
+    const auto call = ActiveCall::begin(*this, frame.run);
+    if (!call) return;
+    mutex.set(announcementWaits, false);
+    const auto host = mutex.get(delegate).lock();
+    if (host && host->startCountdown) host->startCountdown();
 }
 
 void Analyzer::State::deliverCountdownStatus(const Frame& frame) {

@@ -79,7 +79,10 @@ void Analyzer::State::gateGoodFrame(const Frame& frame) {
         input.shouldSelectCurrentFrame = shouldSelectCurrentFrame;
         input.shouldStartCountdown = shouldStartCountdown;
         decision = rules::decideGoodFrame(input);
-        if (decision == rules::GoodFrameDecision::AnnounceCountdown) shouldStartCountdown = false;
+        if (decision == rules::GoodFrameDecision::AnnounceCountdown) {
+            shouldStartCountdown = false;
+            announcementWaits = true;
+        }
         if (decision == rules::GoodFrameDecision::TestSmile) smileDetectionInProgress = true;
     }
     switch (decision) {

@@ -273,7 +273,7 @@ auto Analyzer::State::beginSelection(const Frame& frame) -> std::optional<Run> {
 
 // An announcement that still waits will not be made: the next good frame makes it again.
 auto Analyzer::State::beginRun() -> Run {
-    if (deliveries.contains(&State::deliverCountdown)) shouldStartCountdown = true;
+    if (std::exchange(announcementWaits, false)) shouldStartCountdown = true;
     return ++currentRun;
 }
 
