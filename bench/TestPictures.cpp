@@ -1,4 +1,4 @@
-#include "TestPictures.h"
+#include "bench/TestPictures.h"
 
 #include "support/Pixels.h"
 
@@ -34,15 +34,6 @@ std::array<double, 3> sample(const Picture& picture, double x, double y) {
     return result;
 }
 
-/// Four bytes a pixel: `order` says which of R, G, B and 255 (number 3) comes first, second, third and last.
-std::shared_ptr<PixelBuffer> toFourBytes(const Picture& picture, PixelFormat format,
-                                         const std::array<std::size_t, 4>& order) {
-    return painted(picture.width, picture.height, format, [&](std::uint8_t* pixel, int x, int y, int) {
-        const std::uint8_t* const rgb = &picture.rgb[picture.indexOf(x, y)];
-        for (const std::size_t channel : order) *pixel++ = channel == 3 ? 255 : rgb[channel];
-    });
-}
-
 /// Where a pixel of the frame lies in the photograph.
 Point inPortrait(const Portrait& portrait, const Person& person, int frameWidth, int frameHeight, int x, int y) {
     const double scale = portrait.jaw / (person.jaw * frameWidth);
@@ -73,7 +64,7 @@ Picture loadPicture(const std::string& path) {
 
 const Portrait& samplePortrait() {
     static const Portrait portrait{
-        .picture = loadPicture(SELVIO_TEST_PORTRAIT), .x = 125.1, .y = 107.1, .jaw = 92.8, .roll = 1.9};
+        .picture = loadPicture(SELVIO_SAMPLES "/astronaut.jpg"), .x = 125.1, .y = 107.1, .jaw = 92.8, .roll = 1.9};
     return portrait;
 }
 
@@ -123,11 +114,10 @@ Picture withNoise(Picture picture, double deviation, unsigned seed) {
 }
 
 std::shared_ptr<PixelBuffer> toBgra(const Picture& picture) {
-    return toFourBytes(picture, kPixelFormat32BGRA, {2, 1, 0, 3});
-}
-
-std::shared_ptr<PixelBuffer> toArgb(const Picture& picture) {
-    return toFourBytes(picture, kPixelFormat32ARGB, {3, 0, 1, 2});
+    return painted(picture.width, picture.height, kPixelFormat32BGRA, [&](std::uint8_t* pixel, int x, int y, int) {
+        std::reverse_copy(&picture.rgb[picture.indexOf(x, y)], &picture.rgb[picture.indexOf(x, y)] + 3, pixel);
+        pixel[3] = 255;
+    });
 }
 
 std::shared_ptr<PixelBuffer> to420v(const Picture& picture) {

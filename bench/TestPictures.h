@@ -21,20 +21,6 @@ struct Picture {
     }
 };
 
-/// A picture of the given size whose pixel (x, y) is the source's at `from(x, y)`.
-template <typename From>
-Picture rearranged(const Picture& source, int width, int height, From from) {
-    Picture picture{width, height, {}};
-    for (int y = 0; y < height; ++y) {
-        for (int x = 0; x < width; ++x) {
-            const auto [fromX, fromY] = from(x, y);
-            const std::uint8_t* const rgb = &source.rgb[source.indexOf(fromX, fromY)];
-            picture.rgb.insert(picture.rgb.end(), rgb, rgb + 3);
-        }
-    }
-    return picture;
-}
-
 /// Where a person of the portrait stands in a frame.
 struct Person {
     double x = 0.5;     ///< middle between the upper ends of the jaw line, share of the frame's width
@@ -68,7 +54,6 @@ Picture withPeople(Picture background, const std::vector<Person>& people, const 
 Picture withNoise(Picture picture, double deviation, unsigned seed);
 
 std::shared_ptr<PixelBuffer> toBgra(const Picture& picture);
-std::shared_ptr<PixelBuffer> toArgb(const Picture& picture);
 std::shared_ptr<PixelBuffer> to420v(const Picture& picture);
 
 }  // namespace selvio::test

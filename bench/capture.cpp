@@ -27,7 +27,7 @@
 #include <thread>
 #include <vector>
 
-#include "Ratios.h"
+#include "bench/Ratios.h"
 
 namespace {
 
@@ -131,8 +131,8 @@ constexpr double kFrameTime = 1.0 / 30;  // seconds
 SourceCamera portraitCamera() {
     return {.name = "portrait",
             .source =
-                "filesrc location=\"" SELVIO_BENCH_PORTRAIT
-                "\" ! jpegdec ! videoscale add-borders=true ! videoconvert ! "
+                "filesrc location=\"" SELVIO_SAMPLES
+                "/astronaut.jpg\" ! jpegdec ! videoscale add-borders=true ! videoconvert ! "
                 "video/x-raw,format=NV12,width=1280,height=720,pixel-aspect-ratio=1/1 ! imagefreeze is-live=true"};
 }
 

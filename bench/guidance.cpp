@@ -9,9 +9,8 @@
 // For every status: in how many photographs it should appear and did, and in how many it should not and did.
 // Photographs near a limit belong to neither. Prints a table on standard error and the same as one JSON object on
 // standard output. Exit codes: 2 wrong usage or table, 5 unreadable file or model.
-#include <SelvioFacialCapture/SelvioFacialCapture.h>
-#include <SelvioFacialCapture/base/MainQueue.h>
 #include <SelvioFacialCapture/linux/LinuxPlatform.h>
+#include <SelvioFacialCapture/rules/FaceChecks.h>
 
 #include <algorithm>
 #include <cmath>
@@ -96,17 +95,14 @@ Expected<std::vector<Truth>> readTable(const std::string& path) {
     return table;
 }
 
-Expected<Answer> judge(const std::string& path, const Platform& platform, FaceDetector& smiles) {
+Expected<Answer> judge(const std::string& path, const Platform& platform, SequenceRequestHandler& faceSearch,
+                       FaceDetector& smiles) {
     const auto picture = platform.imageLoader->loadImage(path);
     if (!picture) return picture.error();
-    const auto analyzer =
-        SelvioFacialCaptureAnalyzer::initWithParameters(std::make_shared<SelvioFacialCaptureParameters>(), platform);
-    analyzer->analyzeImageAtPath(path);
+    const auto judged = rules::judgePicture(picture.value(), faceSearch, rules::limitsOf({}));
+    if (!judged) return judged.error();
     Answer answer;
-    // Read before the main queue runs: what the gating makes of a good photograph is not asked here.
-    answer.statuses = analyzer->results()->orderedStatuses().value_or(std::vector<SelvioFacialCaptureStatus>{});
-    analyzer->stop();
-    MainQueue::shared()->drain();
+    answer.statuses = judged.value().statuses;
     const auto faces = smiles.featuresInImage({.bitmap = picture.value()}, true);
     if (faces.size() == 1) answer.smiling = faces.front().hasSmile;
     const auto& size = picture.value()->layout();
@@ -201,11 +197,12 @@ int main(int argc, char** argv) {
         {SelvioFacialCaptureStatusStopSmiling, "smile"},
     };
     const Platform platform = makeLinuxPlatform();
+    const auto faceSearch = platform.makeSequenceRequestHandler();
     const auto smiles = platform.makeFaceDetector();
     std::map<SelvioFacialCaptureStatus, Count> counts;
     nlohmann::ordered_json photographs = nlohmann::ordered_json::array();
     for (const Truth& truth : table.value()) {
-        const auto answer = judge(folder + "/" + truth.file, platform, *smiles);
+        const auto answer = judge(folder + "/" + truth.file, platform, *faceSearch, *smiles);
         if (!answer) {
             std::fprintf(stderr, "%s: %s\n", truth.file.c_str(), answer.error().localizedDescription.c_str());
             return 5;

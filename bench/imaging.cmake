@@ -1,10 +1,8 @@
 add_executable(bench_imaging imaging.cpp)
-target_include_directories(bench_imaging PRIVATE ${PROJECT_SOURCE_DIR})
-target_link_libraries(bench_imaging PRIVATE SelvioFacialCapture selvio_options benchmark::benchmark)
+target_link_libraries(bench_imaging PRIVATE SelvioFacialCapture benchmark::benchmark)
 
 if(TARGET SelvioFacialCaptureLinux)
   find_package(JPEG REQUIRED)
   add_executable(bench_imaging_codec imagingCodec.cpp)
-  target_include_directories(bench_imaging_codec PRIVATE ${PROJECT_SOURCE_DIR})
-  target_link_libraries(bench_imaging_codec PRIVATE SelvioFacialCaptureLinux selvio_options JPEG::JPEG benchmark::benchmark)
+  target_link_libraries(bench_imaging_codec PRIVATE SelvioFacialCaptureLinux JPEG::JPEG benchmark::benchmark)
 endif()

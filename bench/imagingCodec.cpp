@@ -5,12 +5,9 @@
 #include <SelvioFacialCapture/linux/Device.h>
 
 #include "bench/Ratios.h"
-
-#include <cstdio>
+#include "support/Pixels.h"
 
 #include <jpeglib.h>
-
-#include <cstdlib>
 #include <nlohmann/json.hpp>
 
 namespace {
@@ -23,37 +20,29 @@ constexpr int kQuality = 95;
 
 /// Smooth shapes under a camera's noise; the same on every run.
 std::shared_ptr<PixelBuffer> photograph() {
-    auto picture = PixelBuffer::create(kWidth, kHeight, kPixelFormat32BGRA);
-    std::uint32_t random = 1;
-    for (int y = 0; y < kHeight; ++y) {
-        std::uint8_t* const row = picture->data() + static_cast<std::size_t>(y) * picture->bytesPerRow();
-        for (int i = 0; i < 4 * kWidth; ++i) {
+    return test::painted(kWidth, kHeight, kPixelFormat32BGRA, [random = 1U](auto* pixel, int x, int y, int) mutable {
+        for (int i = 4 * x; i < 4 * x + 4; ++i) {
             random = random * 1664525 + 1013904223;
             const int noise = static_cast<int>(random >> 29) - 4;
             const int shape = (i / 24 + y / 5 * (1 + i % 4)) % 160 + 40;
-            row[i] = static_cast<std::uint8_t>(shape + noise);
+            *pixel++ = static_cast<std::uint8_t>(shape + noise);
         }
-    }
-    return picture;
+    });
 }
 
-/// The same picture as a camera's 420v frame, colour taken from every second pixel.
+/// The same picture as a camera's 420v frame, colour taken from every second pixel of every second row.
 std::shared_ptr<PixelBuffer> photograph420v() {
     const auto picture = photograph();
-    auto frame = PixelBuffer::create(kWidth, kHeight, kPixelFormat420v);
-    for (int y = 0; y < kHeight; ++y) {
-        const std::uint8_t* const in = picture->data() + static_cast<std::size_t>(y) * picture->bytesPerRow();
-        std::uint8_t* const luma = frame->data(0) + static_cast<std::size_t>(y) * frame->bytesPerRow(0);
-        std::uint8_t* const chroma = frame->data(1) + static_cast<std::size_t>(y / 2) * frame->bytesPerRow(1);
-        for (int x = 0; x < kWidth; ++x) {
-            const int b = in[4 * x], g = in[4 * x + 1], r = in[4 * x + 2];
-            luma[x] = static_cast<std::uint8_t>(16 + (66 * r + 129 * g + 25 * b) / 256);
-            if (x % 2 != 0) continue;
-            chroma[x] = static_cast<std::uint8_t>(128 + (112 * b - 74 * g - 38 * r) / 256);
-            chroma[x + 1] = static_cast<std::uint8_t>(128 + (112 * r - 94 * g - 18 * b) / 256);
+    return test::painted(kWidth, kHeight, kPixelFormat420v, [&](auto* sample, int x, int y, int plane) {
+        const auto* const bgr = plane == 0 ? test::sampleAt(*picture, x, y) : test::sampleAt(*picture, 2 * x, 2 * y);
+        const int b = bgr[0], g = bgr[1], r = bgr[2];
+        if (plane == 0) {
+            sample[0] = static_cast<std::uint8_t>(16 + (66 * r + 129 * g + 25 * b) / 256);
+        } else {
+            sample[0] = static_cast<std::uint8_t>(128 + (112 * b - 74 * g - 38 * r) / 256);
+            sample[1] = static_cast<std::uint8_t>(128 + (112 * r - 94 * g - 18 * b) / 256);
         }
-    }
-    return frame;
+    });
 }
 
 void addToImage(benchmark::State& state, std::shared_ptr<PixelBuffer> (*make)()) {

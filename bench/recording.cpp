@@ -9,13 +9,12 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <cstdlib>
-#include <cstring>
 #include <future>
 #include <random>
 #include <thread>
 
-#include "Ratios.h"
+#include "bench/Ratios.h"
+#include "support/Pixels.h"
 
 namespace {
 
@@ -38,18 +37,13 @@ const std::vector<std::shared_ptr<PixelBuffer>>& noisyFrames() {
         std::normal_distribution<double> sensor(0.0, 8.0);
         for (int& n : noise) n = static_cast<int>(std::lround(sensor(random)));
         for (int i = 0; i < 30; ++i) {
-            const auto pixels = PixelBuffer::create(kWidth, kHeight, kPixelFormat420v);
-            std::size_t n = random();
-            for (int y = 0; y < kHeight; ++y) {
-                std::uint8_t* const row = pixels->data() + static_cast<std::size_t>(y) * pixels->bytesPerRow();
-                for (int x = 0; x < kWidth; ++x) {
+            made.push_back(test::painted(
+                kWidth, kHeight, kPixelFormat420v, [&, n = random()](auto* sample, int x, int y, int plane) mutable {
+                    if (plane == 1) return void(std::fill_n(sample, 2, 128));
                     const double wave = std::sin((x + 12 * i) * 0.02) + std::cos((y + 6 * i) * 0.013);
-                    row[x] = static_cast<std::uint8_t>(
+                    *sample = static_cast<std::uint8_t>(
                         std::clamp(128 + static_cast<int>(40 * wave) + noise[n++ % noise.size()], 16, 235));
-                }
-            }
-            std::memset(pixels->data(1), 128, pixels->bytesPerRow(1) * static_cast<std::size_t>(kHeight / 2));
-            made.push_back(pixels);
+                }));
         }
         return made;
     }();

@@ -1,5 +1,4 @@
 if(TARGET SelvioFacialCaptureGtk AND TARGET SelvioFacialCaptureLinux)
   add_executable(bench_view view.cpp)
-  target_link_libraries(bench_view PRIVATE SelvioFacialCaptureGtk SelvioFacialCaptureLinux SelvioFacialCaptureSimulated PkgConfig::GTK4 selvio_options)
-  target_compile_definitions(bench_view PRIVATE SELVIO_SAMPLES="${PROJECT_SOURCE_DIR}/samples")
+  target_link_libraries(bench_view PRIVATE SelvioFacialCaptureGtk SelvioFacialCaptureLinux SelvioFacialCaptureSimulated PkgConfig::GTK4)
 endif()

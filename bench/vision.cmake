@@ -4,10 +4,8 @@ if(NOT TARGET selvio_linux_vision)
 endif()
 
 add_executable(guidance guidance.cpp)
-target_link_libraries(guidance PRIVATE SelvioFacialCapture SelvioFacialCaptureLinux selvio_options)
+target_link_libraries(guidance PRIVATE SelvioFacialCapture SelvioFacialCaptureLinux)
 
 add_executable(bench_vision vision_step.cpp TestPictures.cpp)
-target_link_libraries(bench_vision PRIVATE SelvioFacialCapture selvio_linux_vision selvio_linux_codec benchmark::benchmark selvio_options)
-target_include_directories(bench_vision PRIVATE ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/tests)
-target_compile_definitions(bench_vision PRIVATE SELVIO_TEST_PORTRAIT="${PROJECT_SOURCE_DIR}/samples/astronaut.jpg")
+target_link_libraries(bench_vision PRIVATE SelvioFacialCapture selvio_linux_vision selvio_linux_codec benchmark::benchmark)
 target_compile_options(bench_vision PRIVATE -O3)

@@ -5,9 +5,9 @@
 // Prints start and memory, the times and their ratios, then what the speed must not cost: how still the yaw ratio is
 // and which faces are found, for one look at each face and for two.
 #include <SelvioFacialCapture/rules/FaceChecks.h>
-#include "Ratios.h"
+#include "bench/Ratios.h"
 
-#include "TestPictures.h"
+#include "bench/TestPictures.h"
 #include "platform/linux/vision/Network.h"
 
 #include <SelvioFacialCapture/linux/Vision.h>
