@@ -46,17 +46,17 @@ function(selvio_package component name summary description)
 endfunction()
 
 set(CPACK_COMPONENTS_ALL)
-selvio_package(core libselvio-facial-capture3 "the component itself, and a simulated camera" "Watches camera frames, guides the person and picks the photograph by itself.")
+selvio_package(core libselvio-facial-capture${PROJECT_VERSION_MAJOR} "the component itself, and a simulated camera" "Watches camera frames, guides the person and picks the photograph by itself.")
 set(libraries core)
 if(TARGET SelvioFacialCaptureLinux)
   selvio_package(
-    linux libselvio-facial-capture-linux3 "adapters for Linux" "Cameras, recording, pictures and face landmarks."
+    linux libselvio-facial-capture-linux${PROJECT_VERSION_MAJOR} "adapters for Linux" "Cameras, recording, pictures and face landmarks."
     DEPENDS core
     NEEDS "gstreamer1.0-plugins-base, gstreamer1.0-plugins-good, gstreamer1.0-plugins-bad, gstreamer1.0-plugins-ugly, gstreamer1.0-libav")
   list(APPEND libraries linux)
 endif()
 if(TARGET SelvioFacialCaptureGtk)
-  selvio_package(gtk libselvio-facial-capture-gtk3 "view for GTK 4" "The live picture with guidance, as a widget." DEPENDS core)
+  selvio_package(gtk libselvio-facial-capture-gtk${PROJECT_VERSION_MAJOR} "view for GTK 4" "The live picture with guidance, as a widget." DEPENDS core)
   list(APPEND libraries gtk)
 endif()
 selvio_package(

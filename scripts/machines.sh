@@ -3,20 +3,12 @@
 #   libcxx   clang with its own standard library
 #   arm64    64-bit ARM, in an emulator
 #   s390x    a machine whose bytes come in the other order, in an emulator
-# Installs the Debian packages that these need, as root. None of them replaces what the other presets build with.
+# Installs the Debian packages that these need. None of them replaces what the other presets build with.
 set -euo pipefail
 cd -- "$(dirname -- "${BASH_SOURCE[0]}")/.."
-scripts/install-deps.sh
 names=("$@")
 ((${#names[@]} > 0)) || names=(libcxx arm64 s390x)
 
-need() { # PACKAGE...
-    local missing=()
-    for package in "$@"; do
-        [[ $(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null) == installed ]] || missing+=("$package")
-    done
-    ((${#missing[@]} == 0)) || DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends "${missing[@]}" >/dev/null
-}
 fetch_libcxx() { # its development packages and GStreamer's exclude each other, hence a folder of its own
     local root=$PWD/build/libcxx/root work
     [[ ! -d $root ]] || return 0
@@ -30,9 +22,9 @@ fetch_libcxx() { # its development packages and GStreamer's exclude each other, 
 failed=0
 for name in "${names[@]}"; do
     case $name in
-        libcxx) need clang googletest && fetch_libcxx ;;
-        arm64) need g++-aarch64-linux-gnu qemu-user googletest ;;
-        s390x) need g++-s390x-linux-gnu qemu-user googletest ;;
+        libcxx) scripts/install-deps.sh googletest; fetch_libcxx ;;
+        arm64) scripts/install-deps.sh g++-aarch64-linux-gnu qemu-user googletest ;;
+        s390x) scripts/install-deps.sh g++-s390x-linux-gnu qemu-user googletest ;;
         *) echo "machines: there is no $name" >&2 && exit 2 ;;
     esac
     echo "machines: $name" >&2
