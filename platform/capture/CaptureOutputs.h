@@ -54,7 +54,7 @@ protected:
 
     [[nodiscard]] std::vector<std::shared_ptr<CaptureConnection>> activeConnections() const;
     void setDelegate(std::weak_ptr<CaptureOutputDelegate> delegate, std::shared_ptr<Queue> queue);
-    /// False, and nothing happens, if nobody is delivered to or as many deliveries as `most` have not ended.
+    /// Returns false, without effect, if there is no delegate or `most` deliveries are pending.
     bool submit(Delivery delivery, int most);
     /// Makes this the frame that waits for the present delegate, and returns the one that waited before; the frame
     /// itself if nobody is delivered to. Null takes the waiting frame away.

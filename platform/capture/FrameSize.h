@@ -32,6 +32,13 @@ inline constexpr std::array kPresetSizes{PresetSize{kCaptureSessionPreset640x480
                                          PresetSize{kCaptureSessionPreset1280x720, {1280, 720}},
                                          PresetSize{kCaptureSessionPreset1920x1080, {1920, 1080}}};
 
+[[nodiscard]] inline std::optional<FrameSize> sizeOfPreset(const std::string& preset) {
+    for (const auto& [name, size] : kPresetSizes) {
+        if (preset == name) return size;
+    }
+    return std::nullopt;
+}
+
 [[nodiscard]] constexpr bool isPortrait(VideoOrientation orientation) {
     return orientation == VideoOrientation::Portrait || orientation == VideoOrientation::PortraitUpsideDown;
 }

@@ -14,8 +14,8 @@
 #include <thread>
 #include <utility>
 
-#include "FaceOval.h"
-#include "PictureFeed.h"
+#include "platform/gtk/FaceOval.h"
+#include "platform/gtk/PictureFeed.h"
 
 namespace selvio {
 namespace {
@@ -40,7 +40,7 @@ capture-view button:focus-visible { outline: 3px solid #ffb800; outline-offset: 
 constexpr int kNaturalWidth = 360;  // of the widget, in its own units
 constexpr int kLeastWidth = 120;
 
-/// How the oval tells its state: by colour, by its line and by its width.
+/// How the oval shows its state: by colour, by its line and by its width.
 struct OvalStyle {
     std::array<double, 3> colour;
     double lineWidth;

@@ -1,4 +1,4 @@
-#include "FaceOval.h"
+#include "platform/gtk/FaceOval.h"
 
 #include <algorithm>
 
@@ -14,7 +14,7 @@ constexpr double kBelow = 0.79;
 FaceOval faceOvalFor(const rules::FaceLimits& limits, Size screen) {
     const double width = std::min(screen.width, screen.height);
     const double height = std::max(screen.width, screen.height);
-    // What the checks measure on a face as wide as the screen tells how they count widths and margins on this screen.
+    // What the checks measure on a face as wide as the screen shows how they count widths and margins on this screen.
     std::vector<Point> contour(17, Point{0.0, height / 2});
     contour.front().x = width;
     const auto whole = rules::checkFace({.points = {.contour = contour, .nose = {}, .outerLips = {}},

@@ -11,7 +11,7 @@ namespace {
 
 using std::chrono::milliseconds;
 
-/// Made by GLib, which knows its beginning only.
+/// Allocated by GLib, which knows only `base`.
 struct QueueSource {
     GSource base;
     std::shared_ptr<MainQueue> queue;

@@ -1,4 +1,4 @@
-#include "PictureFeed.h"
+#include "platform/gtk/PictureFeed.h"
 
 #include <utility>
 

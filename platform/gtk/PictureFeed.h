@@ -1,10 +1,11 @@
-// The way of a picture from the camera's thread to the screen.
+// Carries pictures from the camera's thread to the screen.
 #pragma once
 
-#include "PictureScaler.h"
+#include "platform/gtk/PictureScaler.h"
 
 #include <SelvioFacialCapture/base/MemberMutex.h>
 #include <SelvioFacialCapture/base/SerialQueue.h>
+#include <SelvioFacialCapture/platform/Platform.h>
 
 #include <functional>
 #include <memory>
@@ -30,13 +31,13 @@ public:
     /// Pixels of the screen. A picture that is shown already is scaled anew, as by the next.
     void setSize(int width, int height);
     void setUnreadable(bool unreadable);
-    /// Lets the last frame of the camera go.
+    /// Releases the camera's last frame.
     void forgetFrame();
     /// The newest picture; without pixels if there is none.
     [[nodiscard]] Picture take();
 
 private:
-    /// Changes what is shown with mutex_ held and has it scaled, unless `what` says that nothing changes.
+    /// Changes what is shown with mutex_ held and has it scaled, unless `what` returns false.
     void change(const std::function<bool()>& what);
     void scaleNewest();
 
@@ -49,7 +50,7 @@ private:
     bool announced_ = false;                    // guarded by mutex_
     Picture picture_;                           // guarded by mutex_
     PictureScaler scaler_;                      // used on queue_
-    SerialQueue queue_{"com.selvio.facialcapture.previewQueue"};
+    SerialQueue queue_{std::string(kQueueLabelPrefix) + ".previewQueue"};
 };
 
 }  // namespace selvio

@@ -1,4 +1,4 @@
-#include "PictureScaler.h"
+#include "platform/gtk/PictureScaler.h"
 
 #include <SelvioFacialCapture/rules/PreviewGeometry.h>
 
@@ -17,8 +17,7 @@ int stride(const PixelBuffer& buffer, int plane = 0) {
     return static_cast<int>(buffer.bytesPerRow(plane));
 }
 
-}  // namespace
-
+/// The middle part of a frame that a screen shows, which the frame fills: width and height, in the frame's pixels.
 Size visiblePart(Size frame, Size screen) {
     if (frame.width > frame.height)  // the rules know upright frames only
         return {std::min(frame.width, frame.height * screen.width / screen.height), frame.height};
@@ -27,6 +26,8 @@ Size visiblePart(Size frame, Size screen) {
     geometry.setResolution(frame);
     return {frame.width * geometry.wAdjuster, frame.height * geometry.hAdjuster};
 }
+
+}  // namespace
 
 std::shared_ptr<const PixelBuffer> PictureScaler::scaled(const PixelBuffer& frame, const PictureRequest& request) {
     const auto layout = PixelBufferLayout::make(request.width, request.height, kPixelFormat32BGRA);

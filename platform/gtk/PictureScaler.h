@@ -16,9 +16,6 @@ struct PictureRequest {
     bool unreadable = false;  ///< so coarse that nobody is recognised
 };
 
-/// The middle part of a frame that a screen shows, which the frame fills: width and height, in the frame's pixels.
-[[nodiscard]] Size visiblePart(Size frame, Size screen);
-
 /// Cuts, scales and mirrors frames. One thread at a time: it keeps its memory from frame to frame.
 class PictureScaler {
 public:

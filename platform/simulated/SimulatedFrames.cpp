@@ -14,8 +14,8 @@ using std::chrono::nanoseconds;
 
 constexpr int kLongestPhotographSide = 2560;  // pixels; a larger photograph is halved until it fits
 constexpr double kMarginShare = 0.3;          // of the photograph's longer side, on each side of it
-constexpr double kCoarsestStep =
-    1.4142;  // pixels of a level from one frame pixel to the next, above which the next smaller level is taken
+// Pixels of a level from one frame pixel to the next, above which the next smaller level is taken.
+constexpr double kCoarsestStep = 1.4142;
 constexpr std::size_t kNoiseSamples = 1 << 14;
 constexpr double kNoiseUnit = 64.0;  // the table's standard deviation
 

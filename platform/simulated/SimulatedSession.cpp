@@ -23,10 +23,7 @@ constexpr double kToneAmplitude = 8000.0;
 constexpr Rect kBarcodeBounds{0.2, 0.7, 0.6, 0.15};
 
 std::optional<FrameSize> sizeOf(const std::string& preset) {
-    if (preset == kCaptureSessionPresetHigh) return kPresetSizes.back().size;
-    const auto found = std::find_if(kPresetSizes.begin(), kPresetSizes.end(),
-                                    [&](const PresetSize& size) { return size.preset == preset; });
-    return found == kPresetSizes.end() ? std::nullopt : std::optional(found->size);
+    return preset == kCaptureSessionPresetHigh ? kPresetSizes.back().size : sizeOfPreset(preset);
 }
 
 nanoseconds timeOfSamples(std::int64_t samples) {

@@ -1,4 +1,4 @@
-#include "CaptureRules.h"
+#include "platform/linux/gstreamer/CaptureRules.h"
 
 #include <algorithm>
 #include <cmath>
@@ -86,11 +86,10 @@ std::optional<CaptureDeviceFormat> formatForPreset(const std::vector<CaptureDevi
     const auto area = [](const CaptureDeviceFormat& f) {
         return static_cast<std::int64_t>(f.formatDescription.width) * f.formatDescription.height;
     };
-    if (const auto* const known = std::ranges::find(kPresetSizes, preset, &PresetSize::preset);
-        known != kPresetSizes.end()) {
-        const auto found = std::ranges::find_if(formats, [&, size = known->size](const CaptureDeviceFormat& f) {
-            return longer(f) == size.width &&
-                   f.formatDescription.width + f.formatDescription.height == size.width + size.height;
+    if (const auto size = sizeOfPreset(preset)) {
+        const auto found = std::ranges::find_if(formats, [&](const CaptureDeviceFormat& f) {
+            return longer(f) == size->width &&
+                   f.formatDescription.width + f.formatDescription.height == size->width + size->height;
         });
         return found == formats.end() ? std::nullopt : std::optional(*found);
     }

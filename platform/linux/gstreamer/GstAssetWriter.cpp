@@ -1,7 +1,7 @@
-#include "CaptureRules.h"
-#include "GstSupport.h"
-#include "Mp4Index.h"
-#include "VideoEncoders.h"
+#include "platform/linux/gstreamer/CaptureRules.h"
+#include "platform/linux/gstreamer/GstSupport.h"
+#include "platform/linux/gstreamer/Mp4Index.h"
+#include "platform/linux/gstreamer/VideoEncoders.h"
 
 #include <SelvioFacialCapture/base/Log.h>
 #include <SelvioFacialCapture/base/SerialQueue.h>
@@ -28,8 +28,8 @@ constexpr int kDefaultFramesPerSecond = 30;
 constexpr auto kKeyFrameDistance = std::chrono::seconds(2);  // at most, so that a player can seek
 constexpr guint64 kVideoDepth = 12;  // frames that may wait for the encoder in real time: less than half a second
 constexpr auto kAudioDepth = std::chrono::seconds(2);  // sound that may wait for the encoder in real time
-constexpr auto kAudioLag =
-    std::chrono::seconds(1);  // how far sound may stay behind the picture before silence stands in for it
+// How far sound may stay behind the picture before silence stands in for it.
+constexpr auto kAudioLag = std::chrono::seconds(1);
 constexpr double kShapeTolerance = 0.02;
 constexpr const char* kAacPackage = "gstreamer1.0-libav (avenc_aac) or gstreamer1.0-plugins-bad (voaacenc)";
 constexpr const char* kMuxerPackage = "gstreamer1.0-plugins-good (mp4mux, aacparse)";
@@ -442,7 +442,7 @@ private:
         const gsize skipped = static_cast<gsize>(place.skip) * frameBytes;
         GstBuffer* const buffer = gst_buffer_new_wrapped_full(
             GST_MEMORY_FLAG_READONLY, const_cast<std::int16_t*>(data->samples.data()), bytes, skipped, bytes - skipped,
-            keep(sample), letGo<std::shared_ptr<SampleBuffer>>);
+            makeUserData(sample), deleteUserData<std::shared_ptr<SampleBuffer>>);
         pushAudio(buffer, frames - place.skip);
         return true;
     }
@@ -533,8 +533,8 @@ private:
     std::condition_variable changed_;
     bool ended_ = false;     // guarded by mutex_; the end of the stream has reached the file
     bool tornDown_ = false;  // guarded by mutex_; no pipeline runs and no unfinished file lies about
-    std::unique_ptr<SerialQueue>
-        worker_;  ///< made by start; ends the pipeline, since that waits for GStreamer's threads
+    /// Made by start; ends the pipeline, since that waits for GStreamer's threads.
+    std::unique_ptr<SerialQueue> worker_;
 };
 
 bool GstAssetWriterInput::isReadyForMoreMediaData() const {

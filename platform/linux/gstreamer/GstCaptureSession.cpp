@@ -1,4 +1,4 @@
-#include "GstCaptureSession.h"
+#include "platform/linux/gstreamer/GstCaptureSession.h"
 
 #include <SelvioFacialCapture/SelvioFacialCaptureImageUtilities.h>
 #include <SelvioFacialCapture/base/Log.h>
@@ -40,7 +40,7 @@ void takeSamples(GstElement* sink, std::function<void(GstSample*, GstElement* si
             (*static_cast<Take*>(kept))(sample.get(), GST_ELEMENT(from));
         return GST_FLOW_OK;
     };
-    gst_app_sink_set_callbacks(GST_APP_SINK(sink), &callbacks, keep(std::move(take)), letGo<Take>);
+    gst_app_sink_set_callbacks(GST_APP_SINK(sink), &callbacks, makeUserData(std::move(take)), deleteUserData<Take>);
 }
 
 // A source and what follows it, whose first element is named "first" and whose last is an appsink. The sink hands each

@@ -1,9 +1,9 @@
 // Joins a camera and a microphone to outputs, and runs them.
 #pragma once
 
-#include "GstDevices.h"
-#include "GstOutputs.h"
 #include "platform/capture/CaptureSessionBase.h"
+#include "platform/linux/gstreamer/GstDevices.h"
+#include "platform/linux/gstreamer/GstOutputs.h"
 
 #include <SelvioFacialCapture/base/SerialQueue.h>
 
@@ -21,8 +21,8 @@ namespace selvio {
 ///        └─────────────────────────┴──────────────────────────────────────┘
 ///
 /// `isRunning` is true while opening, so that who is called with the first frame can stop the session. GStreamer's
-/// threads call `frameArrived`, `soundArrived` and `onMessage`; these never take `lifecycle_`, since stopping waits for
-/// those threads. Neither it nor another lock is held while something is logged.
+/// threads call `frameArrived`, `soundArrived` and the callback of `takeMessages`; these never take `lifecycle_`, since
+/// stopping waits for those threads. Neither it nor another lock is held while something is logged.
 class GstCaptureSession final : public CaptureSessionBase, public std::enable_shared_from_this<GstCaptureSession> {
 public:
     GstCaptureSession(CaptureOptions options, std::shared_ptr<const void> system);
@@ -53,7 +53,7 @@ private:
     enum class FrameMemory {
         Converter,  ///< a converter's, which has as much of it as is wanted
         Camera,     ///< the camera's own, of which there is little: lent out up to a limit, copied beyond it
-        Temporary,  ///< PipeWire's, which goes when the camera does, whoever still reads it: copied at once
+        Temporary,  ///< PipeWire's, freed when the camera disappears, whoever still reads it: copied at once
     };
     /// What one start has opened. A pipeline that did not start is closed later, beside the next run: what it still
     /// says counts no more.

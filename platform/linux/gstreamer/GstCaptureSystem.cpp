@@ -1,6 +1,6 @@
-#include "GstCaptureSession.h"
-#include "GstDevices.h"
-#include "GstOutputs.h"
+#include "platform/linux/gstreamer/GstCaptureSession.h"
+#include "platform/linux/gstreamer/GstDevices.h"
+#include "platform/linux/gstreamer/GstOutputs.h"
 
 #include <algorithm>
 

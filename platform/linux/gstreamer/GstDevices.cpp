@@ -1,6 +1,6 @@
-#include "GstDevices.h"
+#include "platform/linux/gstreamer/GstDevices.h"
 
-#include "PipeWireDevices.h"
+#include "platform/linux/gstreamer/PipeWireDevices.h"
 
 #include <SelvioFacialCapture/base/Log.h>
 

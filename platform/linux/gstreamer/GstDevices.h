@@ -1,8 +1,8 @@
 // Cameras and microphones: where they are found and how they are set.
 #pragma once
 
-#include "CaptureRules.h"
-#include "GstSupport.h"
+#include "platform/linux/gstreamer/CaptureRules.h"
+#include "platform/linux/gstreamer/GstSupport.h"
 
 #include <SelvioFacialCapture/base/MemberMutex.h>
 #include <SelvioFacialCapture/linux/Capture.h>

@@ -1,4 +1,4 @@
-#include "GstOutputs.h"
+#include "platform/linux/gstreamer/GstOutputs.h"
 
 #define ZX_USE_UTF8 1
 #include <ZXing/ReadBarcode.h>
@@ -11,7 +11,7 @@ namespace selvio {
 constexpr std::chrono::milliseconds kSearchPause{70};  // between two searches, each of which takes up to 30 ms
 
 VideoSettings GstVideoDataOutput::recommendedVideoSettings(const std::string&) const {
-    return {recommendedVideoCodec(recording_), 720, 1280, {{kVideoExpectedSourceFrameRateKey, framesPerSecond_}}};
+    return {codec_, 720, 1280, {{kVideoExpectedSourceFrameRateKey, framesPerSecond_}}};
 }
 
 void GstMetadataOutput::search(std::shared_ptr<PixelBuffer> frame) {
@@ -32,7 +32,7 @@ void GstMetadataOutput::search(std::shared_ptr<PixelBuffer> frame) {
 // Two ways of telling dark from light take turns, since each reads what the other cannot; a code that stays in view is
 // found within two calls.
 std::vector<MetadataObject> GstMetadataOutput::codesIn(const PixelBuffer& frame) try {
-    globally_ = !globally_;
+    usesGlobalHistogram_ = !usesGlobalHistogram_;
     const bool grey = frame.format() == kPixelFormat420v;
     const ZXing::ImageView view(frame.data(), frame.width(), frame.height(),
                                 grey ? ZXing::ImageFormat::Lum : ZXing::ImageFormat::BGRX,
@@ -41,7 +41,7 @@ std::vector<MetadataObject> GstMetadataOutput::codesIn(const PixelBuffer& frame)
     hints.setFormats(ZXing::BarcodeFormat::PDF417);
     hints.setTryHarder(true);
     hints.setTryRotate(true);
-    hints.setBinarizer(globally_ ? ZXing::Binarizer::GlobalHistogram : ZXing::Binarizer::LocalAverage);
+    hints.setBinarizer(usesGlobalHistogram_ ? ZXing::Binarizer::GlobalHistogram : ZXing::Binarizer::LocalAverage);
     const ZXing::Result result = ZXing::ReadBarcode(view, hints);
     if (!result.isValid()) return {};
     const auto& corners = result.position();

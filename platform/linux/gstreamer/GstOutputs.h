@@ -1,4 +1,4 @@
-// Outputs that know of recording and of codes.
+// Outputs with recommended recording settings and code search.
 #pragma once
 
 #include "platform/capture/CaptureOutputs.h"
@@ -10,16 +10,16 @@ namespace selvio {
 
 class GstVideoDataOutput final : public QueuedVideoOutput {
 public:
-    GstVideoDataOutput(std::shared_ptr<const void> system, RecordingOptions recording)
+    GstVideoDataOutput(std::shared_ptr<const void> system, const RecordingOptions& recording)
         : QueuedVideoOutput(std::move(system), {kPixelFormat32BGRA, kPixelFormat32ARGB, kPixelFormat420v}),
-          recording_(std::move(recording)) {}
+          codec_(recommendedVideoCodec(recording)) {}
 
     [[nodiscard]] VideoSettings recommendedVideoSettings(const std::string& fileType) const override;
     /// Frames a second to expect, for the recommended settings.
     void setFrameRate(int framesPerSecond) { framesPerSecond_ = framesPerSecond; }
 
 private:
-    const RecordingOptions recording_;
+    const std::string codec_;
     std::atomic<int> framesPerSecond_{30};
 };
 
@@ -36,7 +36,7 @@ private:
     [[nodiscard]] std::vector<MetadataObject> codesIn(const PixelBuffer& frame);
 
     std::atomic<bool> busy_{false};
-    bool globally_ = false;  // used on queue_ only
+    bool usesGlobalHistogram_ = false;  // used on queue_ only
     SerialQueue queue_{"barcodes"};
 };
 

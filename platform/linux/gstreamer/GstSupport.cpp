@@ -1,4 +1,4 @@
-#include "GstSupport.h"
+#include "platform/linux/gstreamer/GstSupport.h"
 
 #include <SelvioFacialCapture/base/Log.h>
 
@@ -16,6 +16,12 @@ struct Format {
 constexpr Format kFormats[] = {{kPixelFormat32BGRA, "BGRA", GST_VIDEO_FORMAT_BGRA},
                                {kPixelFormat32ARGB, "ARGB", GST_VIDEO_FORMAT_ARGB},
                                {kPixelFormat420v, "NV12", GST_VIDEO_FORMAT_NV12}};
+
+/// The component's code of a raw format; 0 if it has none.
+PixelFormat pixelFormatOf(GstVideoFormat format) {
+    const auto* const found = std::ranges::find(kFormats, format, &Format::gst);
+    return found == std::end(kFormats) ? 0 : found->code;
+}
 
 }  // namespace
 
@@ -42,11 +48,6 @@ const char* gstFormatName(PixelFormat format) {
     return found == std::end(kFormats) ? nullptr : found->name;
 }
 
-PixelFormat pixelFormatOf(GstVideoFormat format) {
-    const auto* const found = std::ranges::find(kFormats, format, &Format::gst);
-    return found == std::end(kFormats) ? 0 : found->code;
-}
-
 GstPtr<GstCaps> rawVideoCaps(const PixelBufferLayout& layout, int framesPerSecond) {
     GstPtr<GstCaps> caps(gst_caps_new_simple("video/x-raw", "format", G_TYPE_STRING, gstFormatName(layout.format),
                                              "width", G_TYPE_INT, layout.width, "height", G_TYPE_INT, layout.height,
@@ -69,8 +70,8 @@ GstBuffer* wrapSample(const std::shared_ptr<SampleBuffer>& sample) {
     for (int plane = 0; plane < pixels->planeCount(); ++plane) {
         const std::size_t bytes = pixels->layout().planeBytes(plane);
         gst_buffer_append_memory(
-            buffer, gst_memory_new_wrapped(GST_MEMORY_FLAG_READONLY, pixels->data(plane), bytes, 0, bytes, keep(sample),
-                                           letGo<std::shared_ptr<SampleBuffer>>));
+            buffer, gst_memory_new_wrapped(GST_MEMORY_FLAG_READONLY, pixels->data(plane), bytes, 0, bytes,
+                                           makeUserData(sample), deleteUserData<std::shared_ptr<SampleBuffer>>));
         offsets[plane] = offset;
         strides[plane] = static_cast<gint>(pixels->bytesPerRow(plane));
         offset += bytes;
@@ -137,7 +138,7 @@ void takeMessages(GstElement* pipeline, std::function<void(GstMessage*)> take) {
         return GST_BUS_DROP;
     };
     const GstPtr<GstBus> bus(gst_element_get_bus(pipeline));
-    gst_bus_set_sync_handler(bus.get(), onMessage, keep(std::move(take)), letGo<Take>);
+    gst_bus_set_sync_handler(bus.get(), onMessage, makeUserData(std::move(take)), deleteUserData<Take>);
 }
 
 void closePipeline(GstElement* pipeline) {

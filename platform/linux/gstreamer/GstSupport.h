@@ -39,8 +39,6 @@ bool startGStreamer();
 
 /// GStreamer's name of a pixel format ("BGRA", "NV12"), null for a format without one.
 [[nodiscard]] const char* gstFormatName(PixelFormat format);
-/// The component's code of a raw format; 0 if it has none.
-[[nodiscard]] PixelFormat pixelFormatOf(GstVideoFormat format);
 
 /// Caps of raw frames of this layout; no frame rate if `framesPerSecond` is not positive.
 [[nodiscard]] GstPtr<GstCaps> rawVideoCaps(const PixelBufferLayout& layout, int framesPerSecond);
@@ -61,16 +59,16 @@ bool startGStreamer();
 [[nodiscard]] GstPtr<GstElement> elementNamed(const char* name, GstElement* pipeline);
 /// Calls `take` with the messages of a pipeline, on the threads that post them, until it is closed.
 void takeMessages(GstElement* pipeline, std::function<void(GstMessage*)> take);
-/// Ends what a pipeline does. Null is let pass.
+/// Stops a pipeline. Null is ignored.
 void closePipeline(GstElement* pipeline);
 
-/// GStreamer keeps what a callback needs as a pointer, and says when it wants it no more: `keep`, then `letGo`.
+/// User data of a GStreamer callback, and its destroy function.
 template <typename T>
-[[nodiscard]] gpointer keep(T data) {
+[[nodiscard]] gpointer makeUserData(T data) {
     return new T(std::move(data));
 }
 template <typename T>
-void letGo(gpointer data) {
+void deleteUserData(gpointer data) {
     delete static_cast<T*>(data);
 }
 

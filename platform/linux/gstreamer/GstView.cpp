@@ -1,5 +1,5 @@
 // The view of a camera that a person does not look at, or sees in another way.
-#include "GstCaptureSession.h"
+#include "platform/linux/gstreamer/GstCaptureSession.h"
 
 #include <SelvioFacialCapture/linux/Capture.h>
 

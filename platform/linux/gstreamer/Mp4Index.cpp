@@ -1,4 +1,4 @@
-#include "Mp4Index.h"
+#include "platform/linux/gstreamer/Mp4Index.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,4 +1,4 @@
-#include "PipeWireDevices.h"
+#include "platform/linux/gstreamer/PipeWireDevices.h"
 
 #include <SelvioFacialCapture/base/Log.h>
 
@@ -119,8 +119,8 @@ public:
             .done = [](void* self, std::uint32_t, int sequence) { static_cast<Lookup*>(self)->answered(sequence); },
             .error =
                 [](void* self, std::uint32_t id, int, int, const char*) {
-                    if (id == PW_ID_CORE)
-                        static_cast<Lookup*>(self)->end(Outcome::Failed);  // others: an object that has just gone
+                    // Others: an object that has just disappeared.
+                    if (id == PW_ID_CORE) static_cast<Lookup*>(self)->end(Outcome::Failed);
                 },
         };
         pw_core_add_listener(core_.get(), &coreHook_, &kCoreEvents, this);

@@ -2,7 +2,7 @@
 // device goes away meanwhile.
 #pragma once
 
-#include "CaptureRules.h"
+#include "platform/linux/gstreamer/CaptureRules.h"
 
 #include <cstdint>
 #include <filesystem>

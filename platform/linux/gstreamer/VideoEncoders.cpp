@@ -1,4 +1,4 @@
-#include "VideoEncoders.h"
+#include "platform/linux/gstreamer/VideoEncoders.h"
 
 #include <SelvioFacialCapture/platform/Capture.h>
 

@@ -1,4 +1,4 @@
-// Which encoder records, and what it must be told.
+// Which encoder records, and with which settings.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-#include "IioGyroscope.h"
+#include "platform/linux/sensors/IioGyroscope.h"
 
 #include <SelvioFacialCapture/base/SerialQueue.h>
 #include <SelvioFacialCapture/linux/Sensors.h>

@@ -1,4 +1,4 @@
-#include "FaceDetection.h"
+#include "platform/linux/vision/FaceDetection.h"
 
 #include <algorithm>
 #include <cmath>
@@ -77,8 +77,8 @@ std::vector<FaceCandidate> FaceDetection::find(PictureSampler& picture, const Vi
         run.run();
         const auto boxes = run.output(0);
         const auto scores = run.output(1);
-        const double cosine = std::cos(square.angle);
-        const double sine = std::sin(square.angle);
+        const double cosine = std::abs(std::cos(square.angle));
+        const double sine = std::abs(std::sin(square.angle));
         const double leastLogit = std::log(kNoWeight / (1.0 - kNoWeight));
         for (std::size_t i = 0; i < anchors_.size(); ++i) {
             if (!(scores[i] >= leastLogit)) continue;
@@ -87,14 +87,12 @@ std::vector<FaceCandidate> FaceDetection::find(PictureSampler& picture, const Vi
                 return static_cast<double>(numbers[index]) / kSide * square.side;
             };
             const auto point = [&](std::size_t index) {
-                const double right = (anchors_[i].x - 0.5) * square.side + length(index);
-                const double down = (anchors_[i].y - 0.5) * square.side + length(index + 1);
-                return Point{square.centre.x + cosine * right - sine * down,
-                             square.centre.y + sine * right + cosine * down};
+                return square.at((anchors_[i].x - 0.5) * square.side + length(index),
+                                 (anchors_[i].y - 0.5) * square.side + length(index + 1));
             };
             const Point middle = point(0);
-            const double width = std::abs(cosine) * length(2) + std::abs(sine) * length(3);
-            const double height = std::abs(sine) * length(2) + std::abs(cosine) * length(3);
+            const double width = cosine * length(2) + sine * length(3);
+            const double height = sine * length(2) + cosine * length(3);
             all.push_back({1.0 / (1.0 + std::exp(-static_cast<double>(scores[i]))),
                            {middle.x - width / 2.0, middle.y - height / 2.0, width, height},
                            point(4),

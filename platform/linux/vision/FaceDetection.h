@@ -1,8 +1,8 @@
 // Where faces lie, roughly: one look of the detection network at a square.
 #pragma once
 
-#include "Network.h"
-#include "PictureSampler.h"
+#include "platform/linux/vision/Network.h"
+#include "platform/linux/vision/PictureSampler.h"
 
 #include <SelvioFacialCapture/imaging/Geometry.h>
 

@@ -1,4 +1,4 @@
-#include "FaceMesh.h"
+#include "platform/linux/vision/FaceMesh.h"
 
 #include <algorithm>
 #include <cmath>
@@ -48,14 +48,10 @@ std::optional<MeshPoints> FaceMesh::find(PictureSampler& picture, const ViewSqua
     if (!(run.output(1)[0] >= kLeastPresence)) return std::nullopt;
     const auto numbers = run.output(0);
     const double scale = square.side / kSide;
-    const double cosine = std::cos(square.angle) * scale;
-    const double sine = std::sin(square.angle) * scale;
+    const auto offset = [&](float place) { return (static_cast<double>(place) - kSide / 2.0) * scale; };
     MeshPoints points;
-    for (std::size_t i = 0; i < kMeshPointCount; ++i) {
-        const double right = static_cast<double>(numbers[3 * i]) - kSide / 2.0;
-        const double down = static_cast<double>(numbers[3 * i + 1]) - kSide / 2.0;
-        points[i] = {square.centre.x + cosine * right - sine * down, square.centre.y + sine * right + cosine * down};
-    }
+    for (std::size_t i = 0; i < kMeshPointCount; ++i)
+        points[i] = square.at(offset(numbers[3 * i]), offset(numbers[3 * i + 1]));
     return points;
 }
 

@@ -1,10 +1,10 @@
 // The fine shape of a face: 468 points on a mesh, found in a square around it.
 #pragma once
 
-#include "FaceDetection.h"
-#include "Landmarks.h"
-#include "Network.h"
-#include "PictureSampler.h"
+#include "platform/linux/vision/FaceDetection.h"
+#include "platform/linux/vision/Landmarks.h"
+#include "platform/linux/vision/Network.h"
+#include "platform/linux/vision/PictureSampler.h"
 
 #include <array>
 #include <cstddef>

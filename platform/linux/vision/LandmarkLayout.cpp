@@ -1,4 +1,4 @@
-#include "LandmarkLayout.h"
+#include "platform/linux/vision/LandmarkLayout.h"
 
 namespace selvio {
 namespace {
@@ -24,6 +24,12 @@ std::vector<Point> contourOf(const LandmarkPoints& points, bool newerLayout) {
     return newerLayout ? alongJaw(points, 16, 0, 17) : alongJaw(points, 0, 16, 11);
 }
 
+/// The point that stands for the middle of the nose: the height of the nose's base, and two thirds of the way from the
+/// tip to the base across, because the base alone hardly moves to the side when the head turns.
+Point noseMiddleOf(const LandmarkPoints& points) {
+    return {(points[30].x + 2.0 * points[33].x) / 3.0, points[33].y};
+}
+
 std::vector<Point> noseOf(const LandmarkPoints& p) {
     return {p[27], p[29], p[31], p[32], noseMiddleOf(p), p[34], p[35], p[30], p[28]};
 }
@@ -42,10 +48,6 @@ std::vector<Point> outerLipsOf(const LandmarkPoints& p, bool newerLayout) {
 }
 
 }  // namespace
-
-Point noseMiddleOf(const LandmarkPoints& points) {
-    return {(points[30].x + 2.0 * points[33].x) / 3.0, points[33].y};
-}
 
 FaceObservation observationOf(const FoundFace& face, Size viewSize, int revision) {
     const bool newerLayout = revision >= 3;

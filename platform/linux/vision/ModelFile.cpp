@@ -1,4 +1,4 @@
-#include "ModelFile.h"
+#include "platform/linux/vision/ModelFile.h"
 
 #include <algorithm>
 #include <array>

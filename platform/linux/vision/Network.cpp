@@ -1,4 +1,4 @@
-#include "Network.h"
+#include "platform/linux/vision/Network.h"
 
 #include <xnnpack.h>
 

@@ -1,7 +1,7 @@
 // A neural network that any number of threads run at once.
 #pragma once
 
-#include "ModelFile.h"
+#include "platform/linux/vision/ModelFile.h"
 
 #include <SelvioFacialCapture/base/Error.h>
 

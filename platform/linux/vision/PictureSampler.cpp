@@ -1,4 +1,4 @@
-#include "PictureSampler.h"
+#include "platform/linux/vision/PictureSampler.h"
 
 #include <libyuv/convert_argb.h>
 #include <libyuv/planar_functions.h>
@@ -184,12 +184,7 @@ void PictureSampler::read(const ViewSquare& square, const SamplerTarget& target)
     const double block = 1 << copy.level;
     // From the middles of the target's pixels to those of the copy's.
     const auto inCopy = [&](double u, double v) {
-        const double right = (u + 0.5 - n / 2.0) * scale;
-        const double down = (v + 0.5 - n / 2.0) * scale;
-        const double cosine = std::cos(square.angle);
-        const double sine = std::sin(square.angle);
-        const Point p =
-            toBuffer({square.centre.x + cosine * right - sine * down, square.centre.y + sine * right + cosine * down});
+        const Point p = toBuffer(square.at((u + 0.5 - n / 2.0) * scale, (v + 0.5 - n / 2.0) * scale));
         return Point{(p.x - copy.left) / block - 0.5, (p.y - copy.top) / block - 0.5};
     };
     const Point first = inCopy(0, 0);

@@ -1,11 +1,12 @@
 // Pieces of a pixel buffer, scaled and turned, as the input of a neural network.
 #pragma once
 
-#include "ViewTransform.h"
+#include "platform/linux/vision/ViewTransform.h"
 
 #include <SelvioFacialCapture/imaging/PixelBuffer.h>
 
 #include <array>
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -21,6 +22,13 @@ struct ViewSquare {
     Point centre;
     double side = 0.0;
     double angle = 0.0;  ///< radians, clockwise as seen in the view
+
+    /// The point of the view that lies so far from the centre along the square's own axes.
+    [[nodiscard]] Point at(double right, double down) const {
+        const double cosine = std::cos(angle);
+        const double sine = std::sin(angle);
+        return {centre.x + cosine * right - sine * down, centre.y + sine * right + cosine * down};
+    }
 };
 
 /// What a network reads of the square.

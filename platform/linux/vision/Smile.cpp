@@ -1,4 +1,4 @@
-#include "Smile.h"
+#include "platform/linux/vision/Smile.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,7 +1,7 @@
 // Whether a face smiles, judged from its points alone.
 #pragma once
 
-#include "Landmarks.h"
+#include "platform/linux/vision/Landmarks.h"
 
 #include <array>
 #include <cstddef>

@@ -1,6 +1,6 @@
-#include "LandmarkLayout.h"
-#include "Smile.h"
-#include "VisionEngine.h"
+#include "platform/linux/vision/LandmarkLayout.h"
+#include "platform/linux/vision/Smile.h"
+#include "platform/linux/vision/VisionEngine.h"
 
 #include <SelvioFacialCapture/linux/Vision.h>
 
@@ -102,10 +102,7 @@ private:
 
 std::optional<Error> checkBuffer(const PixelBuffer* buffer) {
     if (!buffer) return Error{"There is no pixel buffer to look for faces in"};
-    const PixelBufferLayout& layout = buffer->layout();
-    if (!PixelBufferLayout::make(layout.width, layout.height, layout.format) || !buffer->data(0)) {
-        return Error{"A pixel buffer of this size or format cannot be searched for faces"};
-    }
+    if (!buffer->isReadable()) return Error{"A pixel buffer of this size or format cannot be searched for faces"};
     return std::nullopt;
 }
 

@@ -1,4 +1,4 @@
-#include "VisionEngine.h"
+#include "platform/linux/vision/VisionEngine.h"
 
 #include <algorithm>
 #include <cmath>
@@ -103,9 +103,9 @@ std::vector<FoundFace> VisionEngine::findInSequence(const PixelBuffer& buffer, V
                                                     std::chrono::nanoseconds now) {
     picture_.take(buffer, view);
     auto faces = findAtAGlance();
-    const bool goesOn = sequence_ && sequence_->view == view && sequence_->width == buffer.width() &&
-                        sequence_->height == buffer.height();
-    if (!goesOn || ++sequence_->framesSinceWidePass >= kFramesBetweenWidePasses ||
+    const bool continues = sequence_ && sequence_->view == view && sequence_->width == buffer.width() &&
+                           sequence_->height == buffer.height();
+    if (!continues || ++sequence_->framesSinceWidePass >= kFramesBetweenWidePasses ||
         now - sequence_->lastWidePass >= kTimeBetweenWidePasses) {
         sequence_ = Sequence{view, buffer.width(), buffer.height(), 0, now, searchSquares(kSequenceSquares, 0.0)};
     } else {

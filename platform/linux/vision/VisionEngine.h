@@ -1,10 +1,10 @@
 // From a pixel buffer to the faces in it.
 #pragma once
 
-#include "FaceDetection.h"
-#include "FaceMesh.h"
-#include "Landmarks.h"
-#include "PictureSampler.h"
+#include "platform/linux/vision/FaceDetection.h"
+#include "platform/linux/vision/FaceMesh.h"
+#include "platform/linux/vision/Landmarks.h"
+#include "platform/linux/vision/PictureSampler.h"
 
 #include <chrono>
 #include <memory>
