@@ -141,10 +141,12 @@ TEST(FaceFinding, SaysWhyItCannotLook) {
     const auto good = PixelBuffer::create(90, 160, kPixelFormat32BGRA);
     PixelBufferLayout unknown = good->layout();
     unknown.format = 0x12345678;
+    const auto luma = PixelBuffer::create(90, 160, kPixelFormat420v);
     const std::tuple<Bitmap, std::uint32_t, VisionOptions, const char*> cases[] = {
         {nullptr, 5, {}, "no pixel buffer"},
         {PixelBuffer::wrap({.width = 0, .height = 0}, {nullptr, nullptr}, [] {}), 5, {}, "size or format"},
         {PixelBuffer::wrap(unknown, {nullptr, nullptr}, [] {}), 5, {}, "size or format"},
+        {PixelBuffer::wrap(luma->layout(), {luma->data(), nullptr}, [] {}), 5, {}, "size or format"},
         {good, 9, {}, "orientation 9"},
         {good, 5, {.meshModelPath = "/nonexistent/mesh.tflite", .clock = {}}, "/nonexistent/mesh.tflite"}};
     for (const auto& [buffer, orientation, options, words] : cases) {
