@@ -25,7 +25,7 @@ struct FoundPicture {
 };
 
 /// Walks through files and folders. A file is taken as it is; of a folder the JPEG and PNG files in it and in the
-/// folders below it, told by their extensions, in the order of their names. Links to folders are followed only where
+/// folders below it, known by their extensions, in the order of their names. Links to folders are followed only where
 /// they are named themselves. Keeps no more than the names in the folders that it stands in.
 class PictureWalk {
 public:

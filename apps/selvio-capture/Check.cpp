@@ -77,8 +77,8 @@ nlohmann::ordered_json jsonOf(const std::string& path, const Expected<rules::Fac
 
 std::string textOf(const std::string& path, const rules::FacesJudgement& verdict, Language language) {
     std::ostringstream text;
-    auto words = keysOf(verdict.statuses);
-    for (auto& word : words) word = textForKey(word, language).value_or(word);
+    std::vector<std::string> words;
+    for (const auto status : verdict.statuses) words.push_back(textForStatus(status, language));
     text << printable(path) << ": " << verdict.count << (verdict.count == 1 ? " face: " : " faces: ")
          << joined(words, "; ") << '\n';
     if (!verdict.face) return text.str();
@@ -174,8 +174,7 @@ struct Tally {
              << (german ? " gut, " : " good, ") << unreadable << (german ? " unlesbar" : " unreadable") << '\n';
         for (const auto& [status, count] : statuses) {
             if (status == SelvioFacialCaptureStatusGoodFrame) continue;
-            const auto key = keysOf({status}).front();
-            text << std::setw(8) << count << "  " << textForKey(key, language).value_or(key) << '\n';
+            text << std::setw(8) << count << "  " << textForStatus(status, language) << '\n';
         }
         std::cerr << text.str() << std::flush;
     }

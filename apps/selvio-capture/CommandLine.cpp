@@ -86,8 +86,7 @@ void addRun(CLI::App& run, RunOptions& options) {
     run.add_flag_function(
         "--preview,!--no-preview", [&options](std::int64_t count) { options.preview = count > 0; },
         "show the camera and the guidance in a window, or do not; default: where there is a display and standard "
-        "output "
-        "is a terminal. Space takes the picture in manual mode, P pauses, R starts again, Escape cancels");
+        "output is a terminal. Space takes the picture in manual mode, P pauses, R starts again, Escape cancels");
     run.add_flag("--accept", options.accept, "keep the photograph without asking in the window");
     run.add_option_function<std::string>(
            "--mode",

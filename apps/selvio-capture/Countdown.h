@@ -20,8 +20,8 @@ public:
 
     /// Starts anew, whatever ran before.
     void start();
-    /// A frame was reported with this status. Only the countdown's own lets a countdown go on; it starts one that does
-    /// not run, because the component announces no second one for the same run of good frames.
+    /// A frame was reported with this status. Only with the countdown's own does a countdown continue; it starts one
+    /// that does not run, because the component announces no second one for the same run of good frames.
     void follow(SelvioFacialCaptureStatus status);
     /// Neither `tick` nor `finished` is called until the next start.
     void cancel();

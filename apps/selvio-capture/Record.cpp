@@ -12,32 +12,32 @@ using nlohmann::json;
 
 struct EventText {
     std::string_view code;
-    std::string_view key;  ///< of the status that the person was told; empty: the texts
     std::string_view english;
     std::string_view german;
+    SelvioFacialCaptureStatus status = SelvioFacialCaptureStatusNone;  ///< whose text the person read; none: the above
 };
 constexpr EventText kEventTexts[] = {
-    {"SA", "", "Capture started", "Aufnahme begonnen"},
-    {"SS", "", "Manual capture started", "Manuelle Aufnahme begonnen"},
-    {"IS", "", "Paused (1)", "Angehalten (1)"},
-    {"HS", "", "Paused (2)", "Angehalten (2)"},
-    {"MF", "", "Paused (3)", "Angehalten (3)"},
-    {"RS", "", "Paused (4)", "Angehalten (4)"},
-    {"MT", "", "Picture selected in automatic mode", "Foto im automatischen Modus gewählt"},
-    {"ST", "", "Picture selected in manual mode", "Foto im manuellen Modus gewählt"},
-    {"C", "", "Cancelled", "Abgebrochen"},
-    {"FENF", "selvio_facial_capture_status_face_not_found", "", ""},
-    {"FEMF", "selvio_facial_capture_status_more_than_one_face", "", ""},
-    {"FER", "selvio_facial_capture_status_face_roll", "", ""},
-    {"FEP", "selvio_facial_capture_status_face_pitch", "", ""},
-    {"FEY", "selvio_facial_capture_status_face_yaw", "", ""},
-    {"FETF", "selvio_facial_capture_status_move_closer", "", ""},
-    {"FETC", "selvio_facial_capture_status_too_close", "", ""},
-    {"FENC", "selvio_facial_capture_status_not_centered", "", ""},
-    {"FENS", "selvio_facial_capture_status_hold_still", "", ""},
-    {"FHS", "selvio_facial_capture_status_countdown", "", ""},
-    {"FESS", "selvio_facial_capture_status_stop_smiling", "", ""},
-    {"FS", "selvio_facial_capture_status_good_frame", "", ""},
+    {"SA", "Capture started", "Aufnahme begonnen"},
+    {"SS", "Manual capture started", "Manuelle Aufnahme begonnen"},
+    {"IS", "Paused (1)", "Angehalten (1)"},
+    {"HS", "Paused (2)", "Angehalten (2)"},
+    {"MF", "Paused (3)", "Angehalten (3)"},
+    {"RS", "Paused (4)", "Angehalten (4)"},
+    {"MT", "Picture selected in automatic mode", "Foto im automatischen Modus gewählt"},
+    {"ST", "Picture selected in manual mode", "Foto im manuellen Modus gewählt"},
+    {"C", "Cancelled", "Abgebrochen"},
+    {"FENF", "", "", SelvioFacialCaptureStatusFaceNotFound},
+    {"FEMF", "", "", SelvioFacialCaptureStatusMoreThanOneFace},
+    {"FER", "", "", SelvioFacialCaptureStatusFaceRoll},
+    {"FEP", "", "", SelvioFacialCaptureStatusFacePitch},
+    {"FEY", "", "", SelvioFacialCaptureStatusFaceYaw},
+    {"FETF", "", "", SelvioFacialCaptureStatusMoveCloser},
+    {"FETC", "", "", SelvioFacialCaptureStatusTooClose},
+    {"FENC", "", "", SelvioFacialCaptureStatusNotCentered},
+    {"FENS", "", "", SelvioFacialCaptureStatusHoldStill},
+    {"FHS", "", "", SelvioFacialCaptureStatusCountdown},
+    {"FESS", "", "", SelvioFacialCaptureStatusStopSmiling},
+    {"FS", "", "", SelvioFacialCaptureStatusGoodFrame},
 };
 
 }  // namespace
@@ -78,7 +78,7 @@ json parametersOf(const json& record) {
 std::string textOfEvent(const std::string& code, Language language) {
     const auto* const known = std::ranges::find(kEventTexts, code, &EventText::code);
     if (known == std::end(kEventTexts)) return {};
-    if (!known->key.empty()) return textForKey(known->key, language).value_or("");
+    if (known->status != SelvioFacialCaptureStatusNone) return textForStatus(known->status, language);
     return std::string(language == Language::German ? known->german : known->english);
 }
 

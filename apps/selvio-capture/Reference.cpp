@@ -5,7 +5,6 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <sstream>
-#include <string_view>
 #include <vector>
 
 namespace selvio::app {

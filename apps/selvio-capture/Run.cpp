@@ -39,8 +39,8 @@ void blockInterrupts() {
     std::signal(SIGPIPE, SIG_IGN);
 }
 
-/// Waits for interrupts and, if wanted, lines on standard input, on a thread of its own, and answers each with a block
-/// on `queue`.
+/// Waits for interrupts and, if wanted, lines on standard input, on a thread of its own, and submits a block for each
+/// to `queue`.
 class InputWatcher {
 public:
     InputWatcher(std::shared_ptr<Queue> queue, std::function<void()> interrupted, std::function<void()> entered)
@@ -98,8 +98,8 @@ public:
     KeptQueues() = default;
     KeptQueues(const KeptQueues&) = delete;
     KeptQueues& operator=(const KeptQueues&) = delete;
-    /// Runs every block, those that blocks of other queues submit included, while the queues are still held: who owns
-    /// one besides is gone afterwards.
+    /// Runs every block, those that blocks of other queues submit included, while the queues are still held: whoever
+    /// else owned one has released it afterwards.
     ~KeptQueues() {
         for (int round = 0; round < 2; ++round) {
             for (const auto& queue : queues_) queue->drain();
@@ -163,12 +163,12 @@ ExitCode perform(const RunOptions& options) {
     };
     if (window) {
         const InputWatcher watcher(
-            queue, [&window] { window->cancel(); }, whenEntered([&window] { window->entered(); }));
+            queue, [&window] { window->cancel(); }, whenEntered([&window] { window->takePicture(); }));
         return window->run(beginSession);
     }
     const auto session = beginSession(*output, [queue] { queue->quit(); });
     const InputWatcher watcher(
-        queue, [&session] { session->interrupted(); }, whenEntered([&session] { session->entered(); }));
+        queue, [&session] { session->cancelByPerson(); }, whenEntered([&session] { session->takePicture(); }));
     queue->async([&session] { session->begin(); });
     queue->run();
     return session->exitCode();

@@ -33,16 +33,14 @@ public:
 
     void event(const RunEvent& event) override {
         if (event.name == "detectionCancelled" || event.statuses.empty()) return;
-        const auto key = SelvioFacialCaptureResults::localizeKeyFrom(event.statuses.front());
         // While the countdown runs its number stands there, which says more than the countdown's status.
         if (event.statuses.front() == SelvioFacialCaptureStatusCountdown && !countdown_.empty()) return;
         countdown_.clear();
-        if (key) guide(textForKey(*key, language_).value_or(*key), event.recording);
+        guide(textForStatus(event.statuses.front(), language_), event.recording);
     }
 
     void countdown(std::int64_t secondsLeft, bool recording) override {
-        const auto key = SelvioFacialCaptureResults::localizeKeyFrom(SelvioFacialCaptureStatusCountdown).value_or("");
-        countdown_ = textForKey(key, language_).value_or(key) + " … " + std::to_string(secondsLeft);
+        countdown_ = textForStatus(SelvioFacialCaptureStatusCountdown, language_) + " … " + std::to_string(secondsLeft);
         guide(countdown_, recording);
     }
 

@@ -78,8 +78,8 @@ void Session::makeCamera() {
     camera_->setAnalyzeRGBVideo(false);  // as cameras deliver: the detector and the encoders take it without a detour
     camera_->setParameters(options_.parameters->cameraParameters());
     cameraDelegate_ = std::make_shared<SelvioFacialCaptureCameraDelegate>();
-    cameraDelegate_->didFinishConfiguringSession = [] {
-    };  // the camera counts as configured only for a delegate that wants to know
+    // The camera counts as configured only for a delegate that wants to know.
+    cameraDelegate_->didFinishConfiguringSession = [] {};
     cameraDelegate_->didReceiveSampleBuffer =
         [analyzer = analyzer_, frames = frames_, clock = platform_.clock,
          view = std::dynamic_pointer_cast<GtkCaptureView>(camera_->view())](const auto& sampleBuffer) {
@@ -128,11 +128,11 @@ void Session::cameraStarted() {
 
 // While it runs.
 
-void Session::interrupted() {
+void Session::cancelByPerson() {
     cancel(ExitCode::NotCaptured, text(Phrase::Cancelled, language_));
 }
 
-void Session::entered() {
+void Session::takePicture() {
     if (!resumed_) {
         enteredEarly_ = true;  // starting forgets what was selected before
     } else if (!ending_) {
@@ -259,7 +259,7 @@ void Session::end(ExitCode code) {
 void Session::giveUpEnding() {
     if (complete_) return;
     complain("the camera does not end");
-    keep(options_.attended && !options_.accept);
+    writeResults(options_.attended && !options_.accept);
     platform_.notificationCenter->post(ApplicationNotification::WillTerminate);
     std::cout.flush();
     std::_Exit(static_cast<int>(exitCode_ == ExitCode::Success ? ExitCode::Other : exitCode_));
@@ -282,7 +282,7 @@ void Session::stopCamera() {
     complete();
 }
 
-/// That a recording failed is told by its writer alone, which gives up when finishing takes too long.
+/// Only the writer reports that a recording failed; it gives up when finishing takes too long.
 void Session::awaitRecording() {
     const auto status = finishing_->status();
     if (status == AssetWriterStatus::Failed || status == AssetWriterStatus::Cancelled) return recordingFinished({});
@@ -301,8 +301,8 @@ void Session::recordingFinished(const std::vector<std::uint8_t>& data) {
 
 void Session::complete() {
     complete_ = true;
-    platform_.notificationCenter->post(
-        ApplicationNotification::WillTerminate);  // the camera removes what is left of recordings
+    // The camera removes what is left of recordings.
+    platform_.notificationCenter->post(ApplicationNotification::WillTerminate);
     camera_->shutdown();
     ended_();
 }
@@ -332,7 +332,7 @@ void Session::write(const char* name, Phrase what, std::string_view bytes) {
     held_.push_back({name, what, std::string(bytes)});
 }
 
-void Session::keep(bool recordOnly) {
+void Session::writeResults(bool recordOnly) {
     const auto before = std::exchange(exitCode_, ExitCode::Success);
     for (const auto& held : std::exchange(held_, {})) {
         if (!recordOnly || held.what == Phrase::Record) store(held.name, held.what, held.bytes);

@@ -8,7 +8,6 @@
 #include "Source.h"
 
 #include <SelvioFacialCapture/SelvioFacialCapture.h>
-#include <SelvioFacialCapture/SelvioFacialCaptureCamera.h>
 
 #include <functional>
 #include <memory>
@@ -18,7 +17,7 @@
 
 namespace selvio::app {
 
-/// One capture. Everything in it runs on the main queue, but for the frames' way from the camera to the analyzer.
+/// One capture. Everything in it runs on the main queue, except passing frames to the analyzer.
 class Session : public std::enable_shared_from_this<Session> {
 public:
     /// With camera and analyzer, so that the person may interrupt or press Enter from now on. `output` outlives the
@@ -28,19 +27,19 @@ public:
                                                        std::function<void()> ended);
 
     void begin();
-    /// Ends the capture as cancelled.
-    void interrupted();
+    /// The person ends the capture.
+    void cancelByPerson();
     /// Takes the next frame, once the camera runs.
-    void entered();
+    void takePicture();
     /// Nobody looks at a window any more: from now on results are not held back, and without a terminal the first good
     /// face is taken.
     void becomeUnattended();
-    /// Stops judging, or starts anew with the whole time; the camera goes on. False where that cannot be: before the
+    /// Stops judging, or starts anew with the whole time; the camera continues. False where that cannot be: before the
     /// camera runs, after the end, or when it is so already.
     bool setPaused(bool paused);
     /// Writes the results that are held back while a person may still ask for another photograph: all, or the record
     /// alone. Once, after the end. If that fails it is the exit code's reason, whatever it was before.
-    void keep(bool recordOnly = false);
+    void writeResults(bool recordOnly = false);
     [[nodiscard]] ExitCode exitCode() const { return exitCode_; }
 
 private:

@@ -1,5 +1,7 @@
 #include "Texts.h"
 
+#include <SelvioFacialCapture/SelvioFacialCaptureResults.h>
+
 #include <algorithm>
 #include <array>
 #include <cstdlib>
@@ -76,6 +78,11 @@ std::optional<std::string> textForKey(std::string_view key, Language language) {
     const auto* entry = std::ranges::find(kStatusTexts, key, &StatusText::key);
     if (entry == kStatusTexts.end()) return std::nullopt;
     return std::string(language == Language::German ? entry->german : entry->english);
+}
+
+std::string textForStatus(SelvioFacialCaptureStatus status, Language language) {
+    const auto key = SelvioFacialCaptureResults::localizeKeyFrom(status).value_or("");
+    return textForKey(key, language).value_or(key);
 }
 
 std::string text(Phrase phrase, Language language) {

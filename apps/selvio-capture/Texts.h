@@ -1,6 +1,8 @@
 // What the person reads, in the language of the locale.
 #pragma once
 
+#include <SelvioFacialCapture/SelvioFacialCaptureStatus.h>
+
 #include <map>
 #include <optional>
 #include <string>
@@ -37,6 +39,8 @@ enum class Phrase {
 
 /// The text for a localisation key of a status; nothing for an unknown key.
 [[nodiscard]] std::optional<std::string> textForKey(std::string_view key, Language language);
+/// The text for a status; its key if that has no text, empty without a key.
+[[nodiscard]] std::string textForStatus(SelvioFacialCaptureStatus status, Language language);
 
 [[nodiscard]] std::string text(Phrase phrase, Language language);
 

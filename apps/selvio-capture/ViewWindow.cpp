@@ -125,7 +125,7 @@ void ViewWindow::beginCapture() {
     session_ = nullptr;  // with its queues, before others are made
     if (!displayGone_) {
         view_->showPhotograph(nullptr);
-        view_->showText(textForKey("selvio_facial_capture_status_none", language_).value_or(""));
+        view_->showText(textForStatus(SelvioFacialCaptureStatusNone, language_));
         showCaptureActions();
     }
     session_ = beginSession_(*this, [this] {
@@ -133,10 +133,10 @@ void ViewWindow::beginCapture() {
     });
     if (displayGone_) session_->becomeUnattended();
     session_->begin();
-    if (cancelled_) session_->interrupted();  // before there was one
+    if (cancelled_) session_->cancelByPerson();  // before there was one
 }
 
-/// Called in the middle of what GTK does, to which there is no way back.
+/// Called in the middle of what GTK does, to which it must not return.
 void ViewWindow::goOnWithoutDisplay() {
     displayGone_ = true;
     complain("the display is gone; going on in the terminal");
@@ -144,7 +144,7 @@ void ViewWindow::goOnWithoutDisplay() {
     if (stage_ == Stage::Reviewing) accept();
     if (stage_ == Stage::Paused) togglePause();
     if (stage_ != Stage::Ended && session_) session_->becomeUnattended();
-    // Within one of its blocks the queue cannot go on.
+    // Within one of its blocks the queue cannot continue.
     if (stage_ != Stage::Ended && !queue->isCurrent()) queue->run();
     std::cout.flush();
     std::_Exit(static_cast<int>(stage_ == Stage::Ended ? exitCode_ : ExitCode::Other));
@@ -157,7 +157,7 @@ void ViewWindow::captureEnded() {
         if (cancelled_) return dropPhotograph();
         if (!displayGone_) return review();
     }
-    session_->keep();
+    session_->writeResults();
     end(session_->exitCode());
 }
 
@@ -179,7 +179,7 @@ void ViewWindow::offerPhotograph() {
 
 void ViewWindow::accept() {
     if (stage_ != Stage::Reviewing) return;
-    session_->keep();
+    session_->writeResults();
     end(session_->exitCode());
 }
 
@@ -187,7 +187,7 @@ void ViewWindow::startAgain() {
     if (stage_ == Stage::Ended || again_ || cancelled_) return;
     if (stage_ == Stage::Reviewing) return beginCapture();
     again_ = true;
-    session_->interrupted();
+    session_->cancelByPerson();
 }
 
 void ViewWindow::togglePause() {
@@ -206,17 +206,17 @@ void ViewWindow::cancel() {
     again_ = false;
     cancelled_ = true;
     if (stage_ == Stage::Reviewing) return dropPhotograph();
-    if (session_) session_->interrupted();
+    if (session_) session_->cancelByPerson();
 }
 
 void ViewWindow::dropPhotograph() {
     terminal_.message(text(Phrase::Cancelled, language_));
-    session_->keep(true);
+    session_->writeResults(true);
     end(session_->exitCode() == ExitCode::Success ? ExitCode::NotCaptured : session_->exitCode());
 }
 
-void ViewWindow::entered() {
-    if (isManual() && stage_ == Stage::Capturing && session_) session_->entered();
+void ViewWindow::takePicture() {
+    if (isManual() && stage_ == Stage::Capturing && session_) session_->takePicture();
 }
 
 void ViewWindow::end(ExitCode code) {
@@ -242,7 +242,7 @@ bool ViewWindow::press(unsigned key) {
             return true;
         case GDK_KEY_space:
             if (!isManual() || stage_ != Stage::Capturing) return false;  // it presses the button that has the focus
-            entered();
+            takePicture();
             return true;
         case GDK_KEY_p:
             togglePause();
@@ -257,7 +257,7 @@ bool ViewWindow::press(unsigned key) {
 
 void ViewWindow::showCaptureActions() {
     std::vector<GtkCaptureViewAction> actions;
-    if (isManual()) actions.push_back({text(Phrase::TakePicture, language_), [this] { entered(); }});
+    if (isManual()) actions.push_back({text(Phrase::TakePicture, language_), [this] { takePicture(); }});
     view_->setActions(actions);
 }
 

@@ -22,7 +22,7 @@ namespace selvio::app {
 ///         └──photograph taken──▶ reviewing ──accepted, closed──▶ ended
 ///     capturing, paused ──Escape, closed, time-out──▶ ended
 ///
-/// When an X display goes the capture goes on in the terminal, and a photograph that waits for an answer is kept.
+/// When an X display is lost the capture continues in the terminal, and a photograph that waits for an answer is kept.
 class ViewWindow final : public RunOutput {
 public:
     using BeginSession = std::function<std::shared_ptr<Session>(RunOutput& output, std::function<void()> ended)>;
@@ -39,7 +39,7 @@ public:
     /// Ends everything; a photograph that was not accepted is dropped.
     void cancel();
     /// Takes the picture.
-    void entered();
+    void takePicture();
 
     void event(const RunEvent& event) override;
     void countdown(std::int64_t secondsLeft, bool recording) override;

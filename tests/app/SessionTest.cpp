@@ -80,11 +80,11 @@ TEST(Session, IsCancelledAtAnyMomentOfItsStart) {
             Rig rig(record);
             if (steps >= 0) rig.session->begin();
             rig.run(steps);
-            rig.session->entered();
+            rig.session->takePicture();
             testing::internal::CaptureStderr();
-            rig.session->interrupted();
-            rig.session->interrupted();
-            rig.session->entered();
+            rig.session->cancelByPerson();
+            rig.session->cancelByPerson();
+            rig.session->takePicture();
             if (steps < 0) rig.session->begin();
             rig.run();
             EXPECT_EQ(testing::internal::GetCapturedStderr(), "") << "no frame came, so that no recording failed";
@@ -124,7 +124,7 @@ TEST(Session, MarksWhatItReportsOnlyWhileItRecords) {
         rig.run();
         rig.capture->finishesAtOnce = true;
         rig.sendFrame();
-        rig.session->entered();
+        rig.session->takePicture();
         rig.sendFrame();
         const std::string mark = record ? " [REC]" : "";
         rig.output.lines.resize(2);
@@ -138,7 +138,7 @@ TEST(Session, KeepsThePictureThatWasAskedForEarlyUntilItIsWantedAndSaysIfThatFai
     for (const bool becomesUnattended : {false, true}) {
         Rig rig(false, true);
         rig.session->begin();
-        rig.session->entered();  // before the camera runs
+        rig.session->takePicture();  // before the camera runs
         rig.run();
         if (becomesUnattended) rig.session->becomeUnattended();
         rig.sendFrame();
@@ -146,7 +146,7 @@ TEST(Session, KeepsThePictureThatWasAskedForEarlyUntilItIsWantedAndSaysIfThatFai
         EXPECT_EQ(rig.has("selfie.jpg"), becomesUnattended);
         std::filesystem::remove_all(rig.directory.path());
         testing::internal::CaptureStderr();
-        rig.session->keep();
+        rig.session->writeResults();
         EXPECT_EQ(testing::internal::GetCapturedStderr().empty(), becomesUnattended);
         EXPECT_EQ(rig.session->exitCode(), becomesUnattended ? ExitCode::Success : ExitCode::NotWritten);
     }
@@ -166,12 +166,12 @@ TEST(Session, JudgesNothingWhilePausedAndHoldsTheResultsBackForAPerson) {
     EXPECT_TRUE(rig.session->setPaused(false));
     rig.sendFrame();
     rig.main->advance(15s);
-    rig.session->entered();
+    rig.session->takePicture();
     rig.sendFrame();
     EXPECT_THAT(rig.output.lines, testing::ElementsAre("detectionResults", "detectionSuccess"));
     EXPECT_EQ(rig.ended, 1);
     EXPECT_FALSE(rig.has("selfie.jpg") || rig.has("record.json"));
-    rig.session->keep(true);
+    rig.session->writeResults(true);
     EXPECT_TRUE(!rig.has("selfie.jpg") && rig.has("record.json"));
     rig.main->advance(1h);
     EXPECT_EQ(rig.ended, 1) << "nobody gives up on a session that has ended";

@@ -71,10 +71,10 @@ bool capture(unsigned seed, bool full, const std::shared_ptr<const SimulatedFram
     unsigned steps = below(12);
     const std::function<void()> disturb = [&] {
         if (hasEnded) return;
-        if (steps-- == 0) return session->interrupted();
+        if (steps-- == 0) return session->cancelByPerson();
         const unsigned what = below(8);
         if (what == 0) {
-            session->entered();
+            session->takePicture();
         } else if (what == 1) {
             std::this_thread::sleep_for(2ms);  // the main queue is late
         } else if (what == 2 && chance(8)) {
