@@ -1,5 +1,5 @@
-// What the analyzer adds to a frame: the refusal of one that comes too early, the way of one that is analysed, and the
-// rules alone.
+// What the analyzer adds to a frame: the refusal of one that comes too early, the steps of one that is analysed, and
+// the rules alone.
 #include <SelvioFacialCapture/SelvioFacialCapture.h>
 #include <SelvioFacialCapture/base/SerialQueue.h>
 #include <benchmark/benchmark.h>

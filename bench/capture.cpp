@@ -5,14 +5,13 @@
 // ratio, is the cost of handing 90 frames on to another thread.
 //
 // How late frames reach a camera's delegate, with and without an analyzer that is fed there, is printed as well (five
-// seconds each, a portrait before the camera): "latest" is the longest way of a frame from its capture to the delegate,
+// seconds each, a portrait before the camera): "latest" is the longest time from a frame's capture to the delegate,
 // in frame times, which should stay below 1.
 //
 // With a camera's name in SELVIO_BENCH_CAMERA that camera is measured as well, for example a virtual one:
 //   private-pipewire.sh sh -c 'gst-launch-1.0 videotestsrc is-live=true ! pipewiresink mode=provide
 //   stream-properties=props,media.class=Video/Source,node.description=Bench & SELVIO_BENCH_CAMERA=Bench bench_capture'
 #include <SelvioFacialCapture/SelvioFacialCapture.h>
-#include <SelvioFacialCapture/base/MainQueue.h>
 #include <SelvioFacialCapture/base/SerialQueue.h>
 #include <SelvioFacialCapture/linux/Capture.h>
 #include <SelvioFacialCapture/linux/LinuxPlatform.h>

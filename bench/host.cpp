@@ -2,7 +2,6 @@
 //
 //     bench_host SECONDS       prints how many frames were judged
 #include <SelvioFacialCapture/SelvioFacialCapture.h>
-#include <SelvioFacialCapture/base/MainQueue.h>
 #include <SelvioFacialCapture/linux/LinuxPlatform.h>
 #include <SelvioFacialCapture/simulated/SimulatedPlatform.h>
 

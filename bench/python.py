@@ -39,9 +39,9 @@ def watch(seconds):
 
 def processor_time(command, seconds):
     """Of the whole process, user and system, in seconds."""
-    told = os.environ | {"PYTHONPATH": str(ROOT / "python"), "SELVIO_LIBRARY_PATH": str(BUILD / "lib")}
+    environment = os.environ | {"PYTHONPATH": str(ROOT / "python"), "SELVIO_LIBRARY_PATH": str(BUILD / "lib")}
     before = os.times()
-    printed = subprocess.run([*command, str(seconds)], check=True, capture_output=True, text=True, env=told).stdout
+    printed = subprocess.run([*command, str(seconds)], check=True, capture_output=True, text=True, env=environment).stdout
     after = os.times()
     if int(printed.split()[0]) < 0.9 * 30 * (seconds - 1):
         sys.exit(f"{command[-1]}: only {printed.strip()} in {seconds} seconds; the machine is too busy to measure")

@@ -8,7 +8,6 @@
 #include <cstring>
 #include <new>
 #include <string_view>
-#include <utility>
 
 namespace selvio::c {
 namespace {

@@ -16,7 +16,6 @@
 #include <stdexcept>
 #include <string>
 #include <type_traits>
-#include <vector>
 
 namespace selvio::c {
 

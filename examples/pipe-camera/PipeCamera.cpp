@@ -73,7 +73,7 @@ public:
     }
     void setAlwaysDiscardsLateVideoFrames(bool) override {}
     void setSampleBufferDelegate(std::weak_ptr<CaptureOutputDelegate> delegate, std::shared_ptr<Queue> queue) override {
-        // What was there before is let go of after the lock: the end of a queue runs what it still holds.
+        // What was there before is released after the lock: the end of a queue runs what it still holds.
         const std::lock_guard lock(mutex_);
         delegate_ = std::move(delegate);
         queue_.swap(queue);
@@ -135,7 +135,7 @@ public:
     void addInput(std::shared_ptr<CaptureDeviceInput>) override { hasInput_ = true; }
     void removeInput(const std::shared_ptr<CaptureDeviceInput>&) override { hasInput_ = false; }
     [[nodiscard]] bool canAddOutput(const CaptureOutput& output) const override {
-        return outputs().empty() && dynamic_cast<const PipeVideoOutput*>(&output) != nullptr;
+        return outputs().empty() && dynamic_cast<const PipeVideoOutput*>(&output);
     }
     void addOutput(std::shared_ptr<CaptureOutput> output) override {
         const std::lock_guard lock(mutex_);

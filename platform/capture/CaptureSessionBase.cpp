@@ -14,13 +14,13 @@ CaptureSessionBase::~CaptureSessionBase() {
 // With mutex_ held, as the next two.
 bool CaptureSessionBase::canTake(const CaptureDeviceInput& input) const {
     const auto* const own = dynamic_cast<const DeviceInput*>(&input);
-    return own != nullptr && own->system() == system_ &&
+    return own && own->system() == system_ &&
            !(input.device()->mediaType() == MediaType::Video ? parts_->camera : parts_->microphone);
 }
 
 bool CaptureSessionBase::canTake(const CaptureOutput& output) const {
     const auto* const own = dynamic_cast<const QueuedOutput*>(&output);
-    return own != nullptr && own->system() == system_ && !own->isTaken() &&
+    return own && own->system() == system_ && !own->isTaken() &&
            std::none_of(outputs_.begin(), outputs_.end(),
                         [&](const auto& present) { return typeid(*present) == typeid(output); });
 }

@@ -62,8 +62,8 @@ void readBarcode(ObjectReader& reader, std::optional<std::string>& barcode) {
 // Every field that a key frame leaves out keeps the value of the key frame before.
 void readState(ObjectReader& reader, MotionState& state, RequiredFields& given) {
     state.visible = reader.boolean("visible").value_or(state.visible);
-    given.center = given.center || reader.field("center") != nullptr;
-    given.jawWidth = given.jawWidth || reader.field("jawWidth") != nullptr;
+    given.center = given.center || reader.field("center");
+    given.jawWidth = given.jawWidth || reader.field("jawWidth");
     readPose(reader, state.face);
     readSecond(reader, state.second);
     if (const auto rate = reader.numbers("rotationRate", 3, -100, 100))
@@ -119,7 +119,7 @@ Expected<MotionScript> MotionScript::parse(std::string_view json, const std::str
             if (i > 0 && keyFrame.at <= before) fields.fail("at", "must be later than in the key frame before");
             if (i > 0 && keyFrame.at < end) fields.fail("at", "falls into the hold of the key frame before");
             readState(fields, keyFrame.state, given);
-            script.tellsSmile_ = script.tellsSmile_ || fields.field("smiling") != nullptr;
+            script.tellsSmile_ = script.tellsSmile_ || fields.field("smiling");
             fields.finish();
             script.keyFrames_.push_back(keyFrame);
         }

@@ -314,7 +314,7 @@ void chromaRow(const std::uint32_t* upper, const std::uint32_t* lower, int width
         chromaPair(mean4(upper[width - 1], upper[width - 1], lower[width - 1], lower[width - 1]), out + 2 * pairs);
 }
 
-// One face on its way into a frame: which level of the canvas, and where frame pixels lie in it.
+// One face to be drawn into a frame: which level of the canvas, and where frame pixels lie in it.
 struct Drawing {
     const Level* level = nullptr;
     Similarity frameToLevel;

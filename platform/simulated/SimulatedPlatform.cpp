@@ -58,7 +58,7 @@ public:
 
 private:
     /// One start, over when nobody holds it. Queued blocks hold it weakly: a queue that runs its delayed blocks at once
-    /// when it ends must find nothing to go on with.
+    /// when it ends must find nothing to continue with.
     class Feed : public std::enable_shared_from_this<Feed> {
     public:
         Feed(std::shared_ptr<SimulatedScene> scene, std::shared_ptr<Queue> queue, nanoseconds interval, Handler handler)

@@ -3,7 +3,7 @@
 A camera delivers frames, an analyzer judges them, guides the person and selects one. The analyzer's callbacks run on
 the main queue: in `run`, or in `drain` for a program with a loop of its own. What such a callback raises is raised by
 that call, after the other callbacks that were due; what a camera's callback raises, on a thread of the camera's, goes
-to `sys.unraisablehook`. Either way the capture goes on.
+to `sys.unraisablehook`. In both cases the capture continues.
 
 Objects with a `close` are context managers; a closed one raises ValueError. What is forgotten is closed when it is
 garbage, or at the interpreter's end. Callbacks are given when an object is made and may call everything, `close`
@@ -78,7 +78,7 @@ class Mode(enum.IntEnum):
 
 
 class Position(enum.IntEnum):
-    """Which way a camera looks."""
+    """In which direction a camera looks."""
 
     ANY, BACK, FRONT = range(3)
 
@@ -403,7 +403,7 @@ _PARAMETER_NAMES = frozenset(name for name, value in vars(Parameters).items() if
 
 
 class Platform(_Owner):
-    """What camera and analyzer run on. Objects that were made on it go on when it is closed."""
+    """What camera and analyzer run on. Objects that were made on it continue when it is closed."""
 
     def __init__(self, address: int | None = None) -> None:
         """This machine: its cameras, microphones and sensors. The face models start to load in the background."""
@@ -496,7 +496,7 @@ class Analyzer(_Owner):
         self._call(library.analyzer_select_frame)
 
     def stop(self) -> None:
-        """Ends the capture and tells nobody. The analyzer is then spent."""
+        """Ends the capture without a callback. The analyzer is then spent."""
         self._call(library.analyzer_stop)
 
     def cancel(self) -> None:

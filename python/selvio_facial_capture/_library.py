@@ -19,9 +19,9 @@ class Error(RuntimeError):
 def _candidates() -> list[str]:
     """Where the library may lie: where SELVIO_LIBRARY_PATH says (a file or a directory) and nowhere else, or in the build
     tree of the clone that this package lies in, or where the system keeps its libraries."""
-    told = os.environ.get("SELVIO_LIBRARY_PATH")
-    if told:
-        path = pathlib.Path(told)
+    setting = os.environ.get("SELVIO_LIBRARY_PATH")
+    if setting:
+        path = pathlib.Path(setting)
         return [str(path / _NAME if path.is_dir() else path)]
     clone = pathlib.Path(__file__).resolve().parents[2]
     built = [clone / "build" / preset / "lib" / _NAME for preset in ("release", "bench", "dev")]

@@ -29,7 +29,7 @@ struct CaptureOptions {
     /// Look for the system's own cameras and microphones.
     bool systemDevices = true;
     /// Each is a camera whose unique id and name are the path. It plays once, in real time, and is then a camera that
-    /// was unplugged.
+    /// has been unplugged.
     std::vector<std::filesystem::path> videoFiles{};
     std::vector<SourceCamera> sources{};
     /// How long a camera may take to its first frame before starting has failed.
@@ -46,18 +46,18 @@ struct CaptureOptions {
 /// The capture system.
 ///
 /// - Discovery looks anew each time, so that devices which come and go are seen; a device object stays valid when its
-///   device has gone. A position is matched by cameras that state it, then by cameras that state none (most webcams); a
-///   camera at the opposite position is left out. Extra sources and video files come first. The device types are not
-///   looked at: Linux does not tell them apart.
+///   device was unplugged. A position is matched by cameras that state it, then by cameras that state none (most
+///   webcams); a camera at the opposite position is left out. Extra sources and video files come first. The device
+///   types are not looked at: Linux does not tell them apart.
 /// - Formats: each frame size of the camera, in its own order, as 420v and as BGRA; whatever else the camera sends
 ///   (YUYV, Motion JPEG) is converted. A preset is a camera's frame size, upright or not; "High" is the largest up to
 ///   1920x1080. Until something is set, a camera delivers 1280x720 if it can, else "High".
 /// - Orientation: 1 and 2 deliver an upright portrait picture: the middle 9:16 of a landscape sensor, all of an upright
 ///   one. Everything else delivers a landscape picture: all of a landscape sensor, the middle 16:9 of an upright one.
 /// - Frames are handed on, and cropped, without copying, in the memory of the camera or of the converter. Two
-///   exceptions: PipeWire takes its memory back when a camera goes, so that the part of the picture that is delivered
-///   is copied once; and a camera of which four frames are in use elsewhere delivers copies, so that it never waits for
-///   its memory.
+///   exceptions: PipeWire takes its memory back when a camera disappears, so that the part of the picture that is
+///   delivered is copied once; and a camera of which four frames are in use elsewhere delivers copies, so that it never
+///   waits for its memory.
 /// - Frames go to the delegate's queue; one may wait there beside the one that is being handled. When a newer one comes
 ///   (and late frames are discarded) it takes the place of the waiting one, for which a drop notice without a picture
 ///   is delivered.

@@ -14,7 +14,7 @@ namespace selvio {
 
 class SELVIO_EXPORT LinuxDevice final : public Device {
 public:
-    /// Tells how the device is held; called on the thread that asks the device.
+    /// Returns how the device is held; called on the thread that asks the device.
     using OrientationProvider = std::function<DeviceOrientation()>;
 
     /// Without a provider the device is always held in portrait. The system's version is read now, from the files of
@@ -35,7 +35,7 @@ private:
     const std::string systemVersion_;
 };
 
-/// A portrait screen, whose size the host tells, in points. Any thread.
+/// A portrait screen, whose size the host sets, in points. Any thread.
 class SELVIO_EXPORT LinuxScreen final : public Screen {
 public:
     static constexpr Size kDefaultSize{1080, 1920};

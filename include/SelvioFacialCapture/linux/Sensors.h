@@ -6,7 +6,6 @@
 #include <SelvioFacialCapture/platform/MotionManager.h>
 
 #include <filesystem>
-#include <functional>
 #include <memory>
 #include <string>
 

@@ -28,7 +28,7 @@ struct VisionOptions {
     /// Looks at each face a second time, in the square that the first look gives: stiller points for half as much time
     /// again.
     bool refineLandmarks = false;
-    /// Tells when the next search for small faces in the background is due; null means the system's clock.
+    /// Decides when the next search for small faces in the background is due; null means the system's clock.
     std::shared_ptr<const Clock> clock{};
 };
 

@@ -34,7 +34,7 @@ bool addEntry(ExifContent* content, ExifTag tag, ExifFormat format, std::span<co
     ExifMem* const memory = exif_mem_new_default();
     ExifEntry* const entry = exif_entry_new_mem(memory);
     auto* const bytes = static_cast<std::uint8_t*>(exif_mem_alloc(memory, static_cast<ExifLong>(value.size())));
-    const bool made = entry != nullptr && bytes != nullptr;
+    const bool made = entry && bytes;
     if (made) {
         std::ranges::copy(value, bytes);
         entry->data = bytes;

@@ -29,7 +29,7 @@ bool startsWith(std::span<const std::uint8_t> bytes, std::string_view text) {
     return std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()).starts_with(text);
 }
 
-/// Takes what one segment says; `content` is what follows its length.
+/// Reads one segment; `content` is what follows its length.
 void readSegment(int marker, std::span<const std::uint8_t> content, JpegHeader& header) {
     const bool isFrame = (marker & 0xF0) == 0xC0 && marker != 0xC4 && marker != 0xC8 && marker != 0xCC;
     if (isFrame && content.size() >= 6) {
@@ -76,7 +76,7 @@ public:
     [[nodiscard]] unsigned char** pointers() { return pointers_.data(); }
 
     /// Sets every sample of one component from a plane's video-range samples: 16 and `kSpan` more levels. They are the
-    /// first at `in` and then every `kStep`th; behind its ends the plane's last row and column go on.
+    /// first at `in` and then every `kStep`th; beyond its ends the last row and column are repeated.
     template <std::size_t kStep, int kSpan>
     void fill(int component, const PlaneLayout& plane, const std::uint8_t* in) {
         unsigned char* out = pointers_[static_cast<std::size_t>(component)];
@@ -145,8 +145,8 @@ std::optional<Bytes> encodedPlanes(Planes& planes, const JpegTarget& target) {
     });
 }
 
-/// Runs `decode(handle, flags)` and tells what is wrong with the file; nothing if it is sound. What would leave samples
-/// grey counts as an error: only bytes between the last scan and the end of the file lose nothing.
+/// Runs `decode(handle, flags)` and returns what is wrong with the file; nothing if it is sound. What would leave
+/// samples grey counts as an error: only bytes between the last scan and the end of the file lose nothing.
 template <typename Decode>
 std::optional<std::string> problemDecoding(const Decode& decode) {
     const TurboHandle turbo(tjInitDecompress());
@@ -161,12 +161,12 @@ std::optional<std::string> problemDecoding(const Decode& decode) {
     return saysThat("remature end") ? "cut short" : "not a sound JPEG: " + reason;
 }
 
-/// Why the file's picture is not taken on; nothing if it is.
+/// Why the file's picture is refused; nothing if it is not.
 std::optional<std::string> problemWith(const JpegHeader& header, std::size_t fileBytes) {
     const auto width = static_cast<std::uint64_t>(header.width);
     const auto height = static_cast<std::uint64_t>(header.height);
     if (auto problem = sizeProblem(width, height)) return problem;
-    if (header.isArithmetic) return "arithmetic-coded JPEG is not supported";  // it cannot tell a missing end
+    if (header.isArithmetic) return "arithmetic-coded JPEG is not supported";  // its missing end is not noticed
     return lengthProblem(fileBytes, width * height / 64 / 8, width, height);   // each block takes a bit at least
 }
 

@@ -22,7 +22,7 @@ struct CloseFile {
 };
 using File = std::unique_ptr<std::FILE, CloseFile>;
 
-/// Opens a regular file that is not empty, and tells its length.
+/// Opens a regular file that is not empty, and returns its length.
 Expected<File> openPicture(const std::string& path, std::size_t& length) {
     std::error_code error;
     const auto status = std::filesystem::status(path, error);

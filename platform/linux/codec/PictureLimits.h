@@ -10,7 +10,7 @@ namespace selvio {
 inline constexpr std::uint64_t kLongestPictureSide = 32767;
 inline constexpr std::uint64_t kMostPicturePixels = std::uint64_t{1} << 28;
 
-/// Why a picture of this size is not taken on; nothing if it is.
+/// Why a picture of this size is refused; nothing if it is not.
 inline std::optional<std::string> sizeProblem(std::uint64_t width, std::uint64_t height) {
     const std::string size = std::to_string(width) + " x " + std::to_string(height) + " pixels";
     if (width == 0 || height == 0) return "claims an empty picture of " + size;

@@ -26,7 +26,7 @@ std::string versionOf(const fs::path& root) {
         if (line.starts_with(kVersion)) version = withoutQuotes(std::string_view(line).substr(kVersion.size()));
     }
     // Debian's os-release leaves the point release to this file. Derived systems keep the file of the Debian that they
-    // come from, so it counts only when it tells the same version.
+    // come from, so it counts only when it has the same version.
     std::string point;
     std::getline(std::ifstream(root / "etc/debian_version"), point);
     return !version.empty() && point.starts_with(version + ".") ? point : version;

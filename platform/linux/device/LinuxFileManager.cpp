@@ -94,7 +94,7 @@ void removeRecordingsIn(const fs::path& directory) {
     }
 }
 
-/// Removes what managers left that are no more: their lock went with them. Nobody writes into the parent itself.
+/// Removes what destroyed managers left: their lock ended with them. Nobody writes into the parent itself.
 void removeLeftovers(const fs::path& parent) {
     removeRecordingsIn(parent);
     std::error_code ignored;

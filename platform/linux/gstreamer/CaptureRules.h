@@ -18,7 +18,7 @@ struct FrameRate {
     friend bool operator==(const FrameRate&, const FrameRate&) = default;
 };
 
-/// One way in which a camera sends frames.
+/// One kind of frames that a camera sends.
 struct CameraMode {
     bool jpeg = false;     ///< Motion JPEG; else raw
     std::string format{};  ///< GStreamer's name of a raw format

@@ -5,7 +5,6 @@
 
 #include <gst/audio/audio.h>
 
-#include <algorithm>
 #include <cmath>
 
 namespace selvio {

@@ -2,8 +2,6 @@
 #include "platform/linux/gstreamer/GstDevices.h"
 #include "platform/linux/gstreamer/GstOutputs.h"
 
-#include <algorithm>
-
 namespace selvio {
 namespace {
 

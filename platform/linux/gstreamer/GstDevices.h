@@ -7,7 +7,6 @@
 #include <SelvioFacialCapture/base/MemberMutex.h>
 #include <SelvioFacialCapture/linux/Capture.h>
 
-#include <atomic>
 #include <functional>
 
 namespace selvio {

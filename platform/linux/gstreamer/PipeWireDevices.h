@@ -4,7 +4,6 @@
 
 #include "platform/linux/gstreamer/CaptureRules.h"
 
-#include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <string>

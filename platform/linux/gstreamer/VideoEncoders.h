@@ -28,7 +28,7 @@ struct AudioEncoder {
 /// By preference.
 [[nodiscard]] const std::vector<AudioEncoder>& audioEncoders();
 
-/// What the tables know of a codec.
+/// A codec in the tables.
 struct VideoCodec {
     std::string name;                    ///< kVideoCodecType...
     std::string parser;                  ///< element

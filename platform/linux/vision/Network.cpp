@@ -2,7 +2,6 @@
 
 #include <xnnpack.h>
 
-#include <algorithm>
 #include <array>
 #include <limits>
 #include <stdexcept>
