@@ -1,6 +1,7 @@
 #include "CommandLine.h"
 
 #include "Reference.h"
+#include "Texts.h"
 
 #include <SelvioFacialCapture/SelvioFacialCaptureVersion.h>
 
@@ -53,9 +54,9 @@ void checkRules(const CLI::App& command, const Parameters& parameters) {
         throw CLI::ValidationError("--max-fill", "must be at least 100 more than --min-fill");
     const Parameters usual;
     if (!*maxFill && parameters.maxFill() != usual.maxFill())
-        std::cerr << "selvio-capture: --max-fill becomes " << parameters.maxFill() << " to stay 100 above --min-fill\n";
+        complain("--max-fill becomes " + std::to_string(parameters.maxFill()) + " to stay 100 above --min-fill");
     if (!*minFill && parameters.minFill() != usual.minFill())
-        std::cerr << "selvio-capture: --min-fill becomes " << parameters.minFill() << " to stay 100 below --max-fill\n";
+        complain("--min-fill becomes " + std::to_string(parameters.minFill()) + " to stay 100 below --max-fill");
 }
 
 SourceOption parseSource(const std::string& text) {
@@ -130,7 +131,7 @@ void checkRun(const CLI::App& run, RunOptions& options) {
     if (options.out.empty()) throw CLI::ValidationError("--out", "is empty");
     const auto camera = options.parameters->cameraParameters();
     if (camera->recordAudio() && !camera->recordVideo())
-        std::cerr << "selvio-capture: --record-audio has no effect without --record-video\n";
+        complain("--record-audio has no effect without --record-video");
     checkRules(run, *options.parameters);
 }
 
@@ -228,7 +229,7 @@ std::variant<Command, ExitCode> parseCommandLine(std::vector<std::string> argume
         std::string message = error.what();
         if (const auto end = message.find(" was given a disallowed flag override"); end != std::string::npos)
             message = "--" + message.substr(0, end) + " takes no value";
-        std::cerr << "selvio-capture: " << message << "\nRun with --help for more information.\n";
+        complain(message + "\nRun with --help for more information.");
         return ExitCode::Usage;
     }
 }

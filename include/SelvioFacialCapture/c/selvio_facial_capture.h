@@ -77,7 +77,7 @@ SELVIO_EXPORT selvio_platform* selvio_platform_create_linux(char** error);
 /// the sample photograph, the demonstration script. The script starts with the first camera or analyzer that runs.
 SELVIO_EXPORT selvio_platform* selvio_platform_create_simulated(const char* photograph, const char* script,
                                                                 char** error);
-/// Objects that were made on the platform go on.
+/// Objects that were made on the platform continue.
 SELVIO_EXPORT void selvio_platform_destroy(selvio_platform* platform);
 /// Waits until the face models are loaded. The error names the file and what installs it.
 SELVIO_EXPORT bool selvio_platform_wait_for_models(selvio_platform* platform, char** error);
@@ -126,7 +126,7 @@ SELVIO_EXPORT selvio_parameters* selvio_parameters_create(char** error);
 /// Analyzers and cameras that were made with them keep them.
 SELVIO_EXPORT void selvio_parameters_destroy(selvio_parameters* parameters);
 /// Takes effect with the next frame. A number outside its range is brought to the nearer end, and the fill bounds keep
-/// a distance of 100: selvio_parameters_get tells what has been stored. A mode other than the two is an error.
+/// a distance of 100: selvio_parameters_get returns what has been stored. A mode other than the two is an error.
 SELVIO_EXPORT bool selvio_parameters_set(selvio_parameters* parameters, int32_t parameter, int64_t value, char** error);
 /// The value; -1, which no parameter has, is an error.
 SELVIO_EXPORT int64_t selvio_parameters_get(const selvio_parameters* parameters, int32_t parameter, char** error);
@@ -135,8 +135,8 @@ SELVIO_EXPORT int64_t selvio_parameters_get(const selvio_parameters* parameters,
 
 enum selvio_pixel_format {
     SELVIO_PIXEL_FORMAT_BGRA = 0x42475241,  ///< one plane of bytes B, G, R, A
-    SELVIO_PIXEL_FORMAT_NV12 =
-        0x34323076  ///< a plane of Y, and one of interleaved Cb, Cr at half size; BT.601, 16...235
+    /// A plane of Y, and one of interleaved Cb, Cr at half size; BT.601, 16...235.
+    SELVIO_PIXEL_FORMAT_NV12 = 0x34323076
 };
 
 /// A picture in the host's memory, upright and in portrait, not mirrored.
@@ -263,8 +263,8 @@ SELVIO_EXPORT bool selvio_analyzer_pause(selvio_analyzer* analyzer, int64_t reas
 /// Asks for the photograph: in manual mode the next frame is selected, in automatic mode the next one with exactly one
 /// face.
 SELVIO_EXPORT bool selvio_analyzer_select_frame(selvio_analyzer* analyzer, char** error);
-/// Ends the capture, tells nobody, and discards the event log of the process. No callback begins any more once it has
-/// returned, and one that ran on another thread has ended. The analyzer is then spent: everything but destroying it
+/// Ends the capture without a callback, and discards the event log of the process. No callback begins any more once it
+/// has returned, and one that ran on another thread has ended. The analyzer is then spent: everything but destroying it
 /// does nothing.
 SELVIO_EXPORT bool selvio_analyzer_stop(selvio_analyzer* analyzer, char** error);
 /// Ends the capture as cancelled: calls detection_cancelled on this thread, then does what stop does.

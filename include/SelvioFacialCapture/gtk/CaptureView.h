@@ -49,7 +49,7 @@ struct GtkCaptureViewAction {
 /// widget, whatever the widget's size: what is cut off here is what the analyzer does not count. The picture always
 /// fills that shape; another video gravity changes nothing. Frames come upright, whatever the connection's orientation.
 ///
-/// While the window that holds the widget is not active the platform's notification centre is told that the
+/// While the window that holds the widget is not active the platform's notification centre is notified that the
 /// application has resigned, upon which the camera has the picture covered: it becomes too coarse to recognise anyone.
 ///
 /// On the main thread, which runs both GTK and the platform's main queue (see `drainFromGLib`), unless said otherwise.

@@ -48,7 +48,7 @@ struct CaptureOptions {
 /// - Discovery looks anew each time, so that devices which come and go are seen; a device object stays valid when its
 ///   device was unplugged. A position is matched by cameras that state it, then by cameras that state none (most
 ///   webcams); a camera at the opposite position is left out. Extra sources and video files come first. The device
-///   types are not looked at: Linux does not tell them apart.
+///   types are not looked at: Linux does not distinguish them.
 /// - Formats: each frame size of the camera, in its own order, as 420v and as BGRA; whatever else the camera sends
 ///   (YUYV, Motion JPEG) is converted. A preset is a camera's frame size, upright or not; "High" is the largest up to
 ///   1920x1080. Until something is set, a camera delivers 1280x720 if it can, else "High".

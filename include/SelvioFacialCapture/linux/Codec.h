@@ -30,7 +30,7 @@ public:
 /// JPEG and PNG files, every colour type of theirs, as upright BGRA; transparency is premultiplied. A picture may have
 /// up to 32767 pixels a side and 2^28 in all, a JPEG file 1 GiB. Refused with "path: reason", in one line: a missing,
 /// empty, cut short, damaged or special file, another format, arithmetic-coded JPEG. Superfluous bytes before a JPEG's
-/// end marker are let pass. Beside the result a JPEG takes the memory of its file, and a picture that its orientation
+/// end marker are ignored. Beside the result a JPEG takes the memory of its file, and a picture that its orientation
 /// turns that of a second one. A file too short for the size that it claims is refused before any memory is taken for
 /// its pixels.
 class SELVIO_EXPORT JpegPngImageLoader final : public ImageLoader {

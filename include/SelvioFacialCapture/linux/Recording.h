@@ -10,7 +10,7 @@
 
 namespace selvio {
 
-/// Compression property: the frames a second to expect, for the encoder's rate control, where frames do not tell.
+/// Compression property: the frames a second to expect, for the encoder's rate control, where frames have no duration.
 inline constexpr const char* kVideoExpectedSourceFrameRateKey = "ExpectedSourceFrameRate";
 
 struct RecordingOptions {

@@ -29,7 +29,7 @@ namespace selvio {
 //                                contour 8 (5)
 //
 //   contour  its ends at the height of the eyes, and the chin; the ends' distance is the face's width
-//   nose     2 and 6 its sides, 4 the middle of its base: how far 4 lies from each tells how the head is turned
+//   nose     2 and 6 its sides, 4 the middle of its base: how far 4 lies from each shows how the head is turned
 //   lips     their corners
 //
 // x runs down the screen and y across it, from left to right: for the box in the frame, where it begins at the upper

@@ -42,7 +42,7 @@ inline constexpr const char* kQueueLabelPrefix = "com.selvio.facialcapture";
 ///               clock, assetWriters,        nothing is recorded
 ///               fileManager
 ///
-/// Without `makeView` nothing is shown, and without `notificationCenter` nobody hears of the application's state.
+/// Without `makeView` nothing is shown, and without `notificationCenter` nobody is notified of the application's state.
 struct Platform {
     /// Services that came late in the life of platforms, which is no matter of the system's own version (see `Device`):
     /// from 11 on landmark requests and HEVC's own bit rate, from 12 on automatic capture (below, an analyzer is

@@ -12,7 +12,7 @@ constexpr int kSide = 192;  // of the network's input, pixels
 constexpr double kMargin = 1.5;
 constexpr float kLeastPresence = 0.0F;  // log-odds
 
-// Eye corners, which tell how the head is tilted.
+// Eye corners, which show how the head is tilted.
 constexpr std::size_t kLeftEyeCorner = 33;
 constexpr std::size_t kRightEyeCorner = 263;
 

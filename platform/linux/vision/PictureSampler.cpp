@@ -80,7 +80,7 @@ private:
 void brighten(const SamplerTarget& target) {
     constexpr double kLeastMean = 0.06;  // of white
     constexpr double kMostGain = 4.0;
-    constexpr std::size_t kStep = 31;  // few values tell as much as all; prime to the row, so that they are spread
+    constexpr std::size_t kStep = 31;  // few values say as much as all; prime to the row, so that they are spread
     double sum = 0.0;
     std::size_t count = 0;
     for (std::size_t i = 0; i < target.values.size(); i += kStep, ++count)
