@@ -27,7 +27,7 @@ public:
                                                        std::function<void()> ended);
 
     void begin();
-    /// The person ends the capture.
+    /// Ends the capture as cancelled.
     void cancelByPerson();
     /// Takes the next frame, once the camera runs.
     void takePicture();

@@ -109,7 +109,7 @@ ExitCode ViewWindow::run(BeginSession beginSession) {
     beginSession_ = std::move(beginSession);
     const auto draining = drainFromGLib(MainQueue::shared());
     MainQueue::shared()->async([this] { beginCapture(); });
-    setDisplayLossHandler([this] { goOnWithoutDisplay(); });
+    setDisplayLossHandler([this] { continueWithoutDisplay(); });
     gtk_window_present(window_);
     while (stage_ != Stage::Ended) g_main_context_iteration(nullptr, TRUE);
     return exitCode_;
@@ -137,7 +137,7 @@ void ViewWindow::beginCapture() {
 }
 
 /// Called in the middle of what GTK does, to which it must not return.
-void ViewWindow::goOnWithoutDisplay() {
+void ViewWindow::continueWithoutDisplay() {
     displayGone_ = true;
     complain("the display is gone; going on in the terminal");
     const auto queue = MainQueue::shared();
@@ -168,13 +168,10 @@ void ViewWindow::review() {
     view_->showPhotograph(photograph_);
     view_->showText(text(Phrase::Review, language_));
     MainQueue::shared()->asyncAfter(kFirstLook, [this, shown = photograph_] {
-        if (shown == photograph_ && stage_ == Stage::Reviewing && !displayGone_) offerPhotograph();
+        if (shown != photograph_ || stage_ != Stage::Reviewing || displayGone_) return;
+        view_->setActions({{text(Phrase::Accept, language_), [this] { accept(); }},
+                           {text(Phrase::Retake, language_), [this] { startAgain(); }}});
     });
-}
-
-void ViewWindow::offerPhotograph() {
-    view_->setActions({{text(Phrase::Accept, language_), [this] { accept(); }},
-                       {text(Phrase::Retake, language_), [this] { startAgain(); }}});
 }
 
 void ViewWindow::accept() {

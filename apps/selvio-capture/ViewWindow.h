@@ -59,10 +59,9 @@ private:
     void dropPhotograph();
     void togglePause();
     void end(ExitCode code);
-    [[noreturn]] void goOnWithoutDisplay();
+    [[noreturn]] void continueWithoutDisplay();
     [[nodiscard]] bool press(unsigned key);
     [[nodiscard]] bool isRepeat(unsigned key);
-    void offerPhotograph();
     void showCaptureActions();
     [[nodiscard]] bool isManual() const;
 

@@ -33,8 +33,8 @@ void QueuedOutput::giveBack() {
 }
 
 std::vector<std::shared_ptr<CaptureConnection>> QueuedOutput::activeConnections() const {
-    return connected_ ? std::vector<std::shared_ptr<CaptureConnection>>{connection_}
-                      : std::vector<std::shared_ptr<CaptureConnection>>{};
+    if (!connected_) return {};
+    return {connection_};
 }
 
 void QueuedOutput::setDelegate(std::weak_ptr<CaptureOutputDelegate> delegate, std::shared_ptr<Queue> queue) {

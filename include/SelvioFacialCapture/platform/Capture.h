@@ -23,7 +23,7 @@ enum class MediaType { Video, Audio };
 
 enum class CaptureDevicePosition : std::int64_t { Unspecified = 0, Back = 1, Front = 2 };
 
-/// Which way up frames leave a connection. Other values pass through.
+/// The orientation in which frames leave a connection. Other values pass through.
 enum class VideoOrientation : std::int64_t {
     NotSet = 0,
     Portrait = 1,
@@ -52,7 +52,7 @@ inline constexpr const char* kVideoCodecTypeH264 = "H264";
 inline constexpr const char* kVideoCodecTypeHEVC = "HEVC";
 inline constexpr const char* kVideoAverageBitRateKey = "AverageBitRate";
 
-/// One way a camera can deliver frames.
+/// One format in which a camera can deliver frames.
 struct CaptureDeviceFormat {
     VideoFormatDescription formatDescription;
     double maxFrameRate = 0.0;  ///< frames a second
@@ -91,7 +91,7 @@ public:
     [[nodiscard]] virtual const std::shared_ptr<CaptureDevice>& device() const = 0;
 };
 
-/// The way from an input to an output or to the preview. Any thread; a change takes effect with the next frame.
+/// Joins an input to an output or to the preview. Any thread; a change takes effect with the next frame.
 class SELVIO_EXPORT CaptureConnection {
 public:
     virtual ~CaptureConnection() = default;

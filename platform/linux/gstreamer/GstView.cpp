@@ -1,4 +1,4 @@
-// The view of a camera that a person does not look at, or sees in another way.
+// The view of a camera that a person does not look at, or sees by other means.
 #include "platform/linux/gstreamer/GstCaptureSession.h"
 
 #include <SelvioFacialCapture/linux/Capture.h>

@@ -26,7 +26,7 @@ public:
         stop();
         auto gyroscope = queue && handler ? IioGyroscope::find(options_.iioDirectory) : std::nullopt;
         if (!gyroscope) return;
-        feed_ = std::make_shared<Feed>(std::move(queue), std::move(handler), std::move(*gyroscope));
+        feed_.reset(new Feed{std::move(queue), std::move(handler), std::move(*gyroscope)});
         worker_ = std::make_unique<SerialQueue>("gyroscope");
         worker_->async(
             [this, &worker = *worker_, feed = feed_] { read(worker, feed, std::chrono::steady_clock::now()); });
@@ -39,8 +39,6 @@ public:
 
 private:
     struct Feed {
-        Feed(std::shared_ptr<Queue> theQueue, Handler theHandler, IioGyroscope theGyroscope)
-            : queue(std::move(theQueue)), handler(std::move(theHandler)), gyroscope(std::move(theGyroscope)) {}
         const std::shared_ptr<Queue> queue;
         const Handler handler;
         const IioGyroscope gyroscope;
