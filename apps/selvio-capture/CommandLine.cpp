@@ -130,8 +130,10 @@ void checkRun(const CLI::App& run, RunOptions& options) {
         throw CLI::ValidationError(options.photo.empty() ? "--script" : "--photo", "belongs to --source simulated");
     if (options.out.empty()) throw CLI::ValidationError("--out", "is empty");
     const auto camera = options.parameters->cameraParameters();
-    if (camera->recordAudio() && !camera->recordVideo())
+    if (camera->recordAudio() && !camera->recordVideo()) {
         complain("--record-audio has no effect without --record-video");
+        camera->setRecordAudio(false);  // nor is a microphone opened
+    }
     checkRules(run, *options.parameters);
 }
 

@@ -9,6 +9,7 @@
 #include <unistd.h>
 #include <cstdlib>
 #include <iostream>
+#include <optional>
 #include <utility>
 
 namespace selvio::app {
@@ -18,6 +19,11 @@ using namespace std::chrono_literals;
 
 constexpr auto kWatchInterval = 200ms;
 constexpr auto kLongestEnding = kLongestFinishing + 15s;  // of everything: after the longest end of a recording
+
+bool isWriting(const SelvioFacialCaptureCamera& camera) {
+    const auto writer = camera.assetWriter();
+    return writer && writer->status() == AssetWriterStatus::Writing;
+}
 
 }  // namespace
 
@@ -81,9 +87,14 @@ void Session::makeCamera() {
     // The camera counts as configured only for a delegate that wants to know.
     cameraDelegate_->didFinishConfiguringSession = [] {};
     cameraDelegate_->didReceiveSampleBuffer =
-        [analyzer = analyzer_, frames = frames_, clock = platform_.clock,
-         view = std::dynamic_pointer_cast<GtkCaptureView>(camera_->view())](const auto& sampleBuffer) {
+        [analyzer = analyzer_, frames = frames_, clock = platform_.clock, camera = std::weak_ptr(camera_),
+         recordable = frameRecordable_, since = std::optional<std::chrono::nanoseconds>(),
+         view = std::dynamic_pointer_cast<GtkCaptureView>(camera_->view())](const auto& sampleBuffer) mutable {
             frames->noteFrame(clock->monotonicTime());
+            const auto recorder = since ? nullptr : camera.lock();
+            if (const auto session = recorder && isWriting(*recorder) ? recorder->session() : nullptr)
+                since = session->masterClockTime();
+            if (since && sampleBuffer->timing().presentationTime >= since) *recordable = true;
             if (view) view->showFrame(sampleBuffer);
             analyzer->analyzeSampleBuffer(sampleBuffer);
         };
@@ -266,11 +277,13 @@ void Session::giveUpEnding() {
 }
 
 void Session::stopCamera() {
-    const bool recording = isRecording();
-    if (recording && !frames_->anyFrame()) camera_->discardRecording();  // there is nothing in it that could be lost
+    // The first frame may come meanwhile, and the first ones may have been stamped before the recording began.
     const auto writer = camera_->assetWriter();
+    const bool recording = isRecording();
+    const bool anyFrame = exitCode_ == ExitCode::Success ? frames_->anyFrame() : frameRecordable_->load();
+    if (recording && !anyFrame) camera_->discardRecording();  // there is nothing in it that could be lost
     camera_->stop();
-    if (recording && frames_->anyFrame()) {
+    if (recording && anyFrame) {
         camera_->stopRecording();  // a session that ended by itself left that to us; a second request does nothing
         finishing_ = writer;
         return awaitRecording();
@@ -318,8 +331,7 @@ void Session::report(const char* event, const Results& results) {
 }
 
 bool Session::isRecording() const {
-    const auto writer = camera_ ? camera_->assetWriter() : nullptr;
-    return writer && writer->status() == AssetWriterStatus::Writing;
+    return camera_ && isWriting(*camera_);
 }
 
 void Session::complain(const std::string& text) {

@@ -9,6 +9,7 @@
 
 #include <SelvioFacialCapture/SelvioFacialCapture.h>
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <string>
@@ -107,6 +108,7 @@ private:
     std::shared_ptr<Countdown> countdown_;
     std::chrono::nanoseconds resumeTime_;
     std::shared_ptr<FrameWatch> frames_;
+    const std::shared_ptr<std::atomic<bool>> frameRecordable_ = std::make_shared<std::atomic<bool>>(false);
     std::shared_ptr<AssetWriter> finishing_;  // the recording that is waited for
     bool analyzerIsManualOnly_ = false;
     struct Held {
