@@ -104,7 +104,7 @@ TEST(FrameWatch, TellsASlowStartFromASilentCameraAndBothFromAProcessThatWasHeldU
 
 TEST(Texts, ExistForEveryKeyInBothLanguagesAsTheGuideListsThem) {
     std::set<std::string> texts;
-    const std::string guide = test::contentOf(SELVIO_DOCS "/guidance-texts.md");
+    const std::string guide = contentOf(SELVIO_DOCS "/guidance-texts.md");
     for (std::int64_t status = 0; status <= 14; ++status) {
         const auto key = SelvioFacialCaptureResults::localizeKeyFrom(static_cast<SelvioFacialCaptureStatus>(status));
         std::string row = "\n| " + std::to_string(status) + " | `" + *key + "` |";

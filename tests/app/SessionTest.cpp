@@ -61,7 +61,7 @@ struct Rig {
     [[nodiscard]] bool has(const char* file) const { return std::filesystem::exists(directory.path() / file); }
 
     LogCapture log;
-    const test::TemporaryDirectory directory;
+    const TemporaryDirectory directory;
     const std::shared_ptr<ManualQueue> main = std::make_shared<ManualQueue>("main");
     std::vector<std::shared_ptr<ManualQueue>> queues;
     const std::shared_ptr<FakeCaptureScript> capture = std::make_shared<FakeCaptureScript>();

@@ -14,7 +14,6 @@
 namespace {
 
 using namespace selvio;
-using namespace selvio::test;
 using testing::HasSubstr;
 using Utilities = SelvioFacialCaptureImageUtilities;
 

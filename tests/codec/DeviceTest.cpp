@@ -15,7 +15,6 @@
 namespace {
 
 using namespace selvio;
-using test::TemporaryDirectory;
 namespace fs = std::filesystem;
 
 TEST(LinuxDevice, tellsTheVersionOfTheSystemWithItsPointRelease) {
@@ -33,7 +32,7 @@ TEST(LinuxDevice, tellsTheVersionOfTheSystemWithItsPointRelease) {
     }
     const LinuxDevice device([] { return DeviceOrientation::LandscapeLeft; });
     EXPECT_EQ(device.orientation(), DeviceOrientation::LandscapeLeft);
-    EXPECT_EQ(device.machineName() + "\n", test::outputOf("uname -m"));
+    EXPECT_EQ(device.machineName() + "\n", outputOf("uname -m"));
 }
 
 TEST(LinuxScreen, takesPositiveSizesOnly) {
@@ -82,14 +81,14 @@ TEST(LinuxFileManager, onlyLeftoversOfTheDeadAreRemoved) {
     int result = -1;
     ASSERT_EQ(waitpid(child, &result, 0), child);
     EXPECT_EQ(result, 0);
-    EXPECT_EQ(test::entriesIn(root.path()), 3U) << "what is no recording, and those of the two processes";
+    EXPECT_EQ(entriesIn(root.path()), 3U) << "what is no recording, and those of the two processes";
     {
         const LinuxFileManager next(root.path());
         EXPECT_EQ(next.contentsOfDirectory(next.documentsDirectory()).value().size(), 0U);
-        EXPECT_EQ(test::entriesIn(root.path()), 3U) << "the child's has gone";
+        EXPECT_EQ(entriesIn(root.path()), 3U) << "the child's has gone";
     }
     EXPECT_TRUE(fs::exists(mine));
-    EXPECT_EQ(test::entriesIn(root.path()), 2U) << "an empty one goes with its manager";
+    EXPECT_EQ(entriesIn(root.path()), 2U) << "an empty one goes with its manager";
 }
 
 TEST(LinuxFileManager, saysWhyItCannot) {

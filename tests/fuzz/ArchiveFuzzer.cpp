@@ -4,7 +4,7 @@
 #include <SelvioFacialCapture/SelvioFacialCaptureCamera.h>
 #include <SelvioFacialCapture/SelvioFacialCaptureCameraParameters.h>
 
-void selvio::test::check(std::string_view input) {
+void selvio::check(std::string_view input) {
     const auto parameters = SelvioFacialCaptureCameraParameters::initWithCoder(input);
     require(parameters != nullptr && parameters->videoQuality() >= 10 && parameters->videoQuality() <= 100,
             "any text gives parameters in their range");

@@ -2,7 +2,7 @@
 #include "CommandLine.h"
 #include "FuzzSupport.h"
 
-void selvio::test::check(std::string_view input) {
+void selvio::check(std::string_view input) {
     std::vector<std::string> arguments;
     std::istringstream lines{std::string(input)};
     for (std::string line; std::getline(lines, line);) arguments.push_back(line);

@@ -6,9 +6,9 @@
 #include <sstream>
 #include <string_view>
 
-#include "tests/support/TemporaryDirectory.h"
+#include "support/TemporaryDirectory.h"
 
-namespace selvio::test {
+namespace selvio {
 
 /// What a fuzzer's own file says: calls `require` for all that must hold of any input.
 void check(std::string_view input);
@@ -43,4 +43,4 @@ std::string printedBy(const Function& function) {
     return text.str();
 }
 
-}  // namespace selvio::test
+}  // namespace selvio

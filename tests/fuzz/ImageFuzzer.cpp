@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <cmath>
 
-void selvio::test::check(std::string_view input) {
+void selvio::check(std::string_view input) {
     static const auto handler = makeSequenceRequestHandler();
     const auto picture = JpegPngImageLoader().loadImage(fileWith(input));
     if (!picture) return requireReason(picture.error().localizedDescription);

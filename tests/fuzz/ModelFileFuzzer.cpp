@@ -5,7 +5,7 @@
 #include <span>
 
 /// Accepted models must keep what the reader promises of them, whatever the bytes were.
-void selvio::test::check(std::string_view input) {
+void selvio::check(std::string_view input) {
     const auto parsed = parseModel(std::as_bytes(std::span(input)));
     if (!parsed) return requireReason(parsed.error().localizedDescription);
     const Model& model = parsed.value();

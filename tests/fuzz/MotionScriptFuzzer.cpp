@@ -5,7 +5,7 @@
 
 #include <cmath>
 
-void selvio::test::check(std::string_view input) {
+void selvio::check(std::string_view input) {
     const auto script = MotionScript::parse(input, "script");
     if (!script) return requireReason(script.error().localizedDescription);
     const auto end = script.value().duration();

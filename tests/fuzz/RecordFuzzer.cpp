@@ -4,7 +4,7 @@
 
 #include <SelvioFacialCapture/linux/Codec.h>
 
-void selvio::test::check(std::string_view input) {
+void selvio::check(std::string_view input) {
     constexpr std::size_t kLargest = 1 << 16;  // decoding more takes its time and shows nothing new
     const LibjpegImageCodec codec;
     const auto source = input.size() <= kLargest ? codec.openSource({input.begin(), input.end()}) : nullptr;

@@ -26,15 +26,15 @@ int main(int argc, char** argv) {
     if (argc != 3) return 2;
     std::vector<std::string> files;
     for (const auto& entry : std::filesystem::directory_iterator(argv[1]))
-        files.push_back(selvio::test::contentOf(entry.path()));
+        files.push_back(selvio::contentOf(entry.path()));
     if (files.empty()) return 2;
     std::sort(files.begin(), files.end());
-    std::for_each(files.begin(), files.end(), selvio::test::check);
+    std::for_each(files.begin(), files.end(), selvio::check);
     std::mt19937 random(1);
     for (int i = std::stoi(argv[2]); i > 0; --i) {
         std::string file = files[random() % files.size()];
         for (auto count = 1 + random() % 4; count > 0; --count) mutate(file, random);
-        selvio::test::check(file);
+        selvio::check(file);
     }
     return 0;
 }

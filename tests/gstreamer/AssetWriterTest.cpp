@@ -17,7 +17,7 @@
 #include <random>
 #include <thread>
 
-namespace selvio::test {
+namespace selvio {
 namespace {
 
 using namespace ::testing;
@@ -293,4 +293,4 @@ TEST(VideoEncoders, HardwareByRankComesBeforeSoftwareInOrder) {
 }
 
 }  // namespace
-}  // namespace selvio::test
+}  // namespace selvio

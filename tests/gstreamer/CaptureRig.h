@@ -4,16 +4,16 @@
 #include <SelvioFacialCapture/base/SerialQueue.h>
 #include <SelvioFacialCapture/linux/Capture.h>
 
-#include <support/CaptureProbe.h>
-#include <support/ComesTrue.h>
-#include <support/LogCapture.h>
-#include <support/MediaProbe.h>
+#include "support/CaptureProbe.h"
+#include "support/ComesTrue.h"
+#include "support/LogCapture.h"
+#include "support/MediaProbe.h"
 
 #include <gmock/gmock.h>
 
 #include <algorithm>
 
-namespace selvio::test {
+namespace selvio {
 
 using namespace std::chrono_literals;
 using std::chrono::nanoseconds;
@@ -107,4 +107,4 @@ inline std::vector<std::string> linesAtTheEndOf(const CaptureSession& session, L
     return lines;
 }
 
-}  // namespace selvio::test
+}  // namespace selvio

@@ -6,7 +6,7 @@
 #include <ZXing/BitMatrix.h>
 #include <ZXing/MultiFormatWriter.h>
 
-namespace selvio::test {
+namespace selvio {
 namespace {
 
 /// The one camera of a system that looks for no others.
@@ -303,4 +303,4 @@ TEST(AudioClock, SmoothsJitterFollowsDriftAndJumpsOverLosses) {
 }
 
 }  // namespace
-}  // namespace selvio::test
+}  // namespace selvio

@@ -1,13 +1,13 @@
 // A real capture stack: a PipeWire of its own, on which a program publishes cameras.
 #include "CaptureRig.h"
 
-#include <platform/linux/gstreamer/PipeWireDevices.h>
+#include "platform/linux/gstreamer/PipeWireDevices.h"
 
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-namespace selvio::test {
+namespace selvio {
 namespace {
 
 /// A program that a test needs beside it, for as long as this is held.
@@ -109,4 +109,4 @@ TEST_F(PipeWireCapture, AnUnpluggedCameraEndsTheRun) {
 }
 
 }  // namespace
-}  // namespace selvio::test
+}  // namespace selvio

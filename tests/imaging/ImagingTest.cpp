@@ -18,7 +18,6 @@
 namespace {
 
 using namespace selvio;
-using namespace selvio::test;
 using namespace std::chrono_literals;
 using Utilities = SelvioFacialCaptureImageUtilities;
 using Picture = std::shared_ptr<PixelBuffer>;

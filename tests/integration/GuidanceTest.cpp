@@ -17,8 +17,6 @@ namespace {
 constexpr int kWidth = 720;
 constexpr int kHeight = 1280;
 constexpr Size kScreen{1080, 1920};
-using test::oneFace;
-using test::sampleScene;
 using Statuses = std::vector<SelvioFacialCaptureStatus>;
 
 /// What a detector without error would make of the face. The screen shows the frame as a mirror does.

@@ -10,7 +10,6 @@
 namespace selvio {
 namespace {
 
-using namespace test;
 using ::testing::HasSubstr;
 
 // Waits, within limits, for the two devices, lists them, and captures. Everything published ends with the shell.

@@ -19,7 +19,6 @@
 namespace selvio {
 namespace {
 
-using namespace test;
 using testing::HasSubstr;
 namespace fs = std::filesystem;
 

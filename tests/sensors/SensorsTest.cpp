@@ -3,7 +3,7 @@
 #include <SelvioFacialCapture/base/SerialQueue.h>
 #include <SelvioFacialCapture/linux/Sensors.h>
 
-#include <platform/linux/sensors/IioGyroscope.h>
+#include "platform/linux/sensors/IioGyroscope.h"
 
 #include <gio/gio.h>
 #include <gtest/gtest.h>
@@ -15,7 +15,7 @@
 #include "support/ComesTrue.h"
 #include "support/TemporaryDirectory.h"
 
-namespace selvio::test {
+namespace selvio {
 namespace {
 
 using Files = std::map<std::string, std::string>;
@@ -142,4 +142,4 @@ TEST(OrientationSensor, FollowsTheProxyWhileThereIsOne) {
 }
 
 }  // namespace
-}  // namespace selvio::test
+}  // namespace selvio

@@ -7,7 +7,7 @@
 #include <cmath>
 #include <string>
 
-#include "tests/support/Pixels.h"
+#include "support/Pixels.h"
 
 namespace selvio {
 
@@ -20,11 +20,10 @@ inline FaceGeometry spotGeometry() {
 /// Dark grey with a round white spot of radius 9, its edge one pixel soft.
 inline std::shared_ptr<PixelBuffer> spotPhotograph() {
     const FaceGeometry geometry = spotGeometry();
-    return test::painted(
-        geometry.width, geometry.height, kPixelFormat32BGRA, [](std::uint8_t* pixel, int x, int y, int) {
-            const double inside = std::clamp(9.5 - std::hypot(x + 0.5 - kSpot.x, y + 0.5 - kSpot.y), 0.0, 1.0);
-            std::fill_n(pixel, 4, static_cast<std::uint8_t>(std::lround(50 + 200 * inside)));
-        });
+    return painted(geometry.width, geometry.height, kPixelFormat32BGRA, [](std::uint8_t* pixel, int x, int y, int) {
+        const double inside = std::clamp(9.5 - std::hypot(x + 0.5 - kSpot.x, y + 0.5 - kSpot.y), 0.0, 1.0);
+        std::fill_n(pixel, 4, static_cast<std::uint8_t>(std::lround(50 + 200 * inside)));
+    });
 }
 
 /// Frames whose script is the list of key frames given.

@@ -12,11 +12,11 @@
 #include <thread>
 #include <utility>
 
-#include "tests/simulated/SimulatedSupport.h"
-#include "tests/support/CaptureProbe.h"
-#include "tests/support/LogCapture.h"
-#include "tests/support/ManualClock.h"
-#include "tests/support/ManualQueue.h"
+#include "simulated/SimulatedSupport.h"
+#include "support/CaptureProbe.h"
+#include "support/LogCapture.h"
+#include "support/ManualClock.h"
+#include "support/ManualQueue.h"
 
 namespace selvio {
 namespace {
@@ -90,7 +90,7 @@ Point centroid(const PixelBuffer& frame) {
     double sum = 0, sumX = 0, sumY = 0;
     for (int i = 0; i < frame.width() * frame.height(); ++i) {
         const int x = i % frame.width(), y = i / frame.width();
-        const double b = std::max(0.0, *test::sampleAt(frame, x, y) - (frame.planeCount() == 1 ? 50.0 : 59.0));
+        const double b = std::max(0.0, *sampleAt(frame, x, y) - (frame.planeCount() == 1 ? 50.0 : 59.0));
         sum += b, sumX += b * (x + 0.5), sumY += b * (y + 0.5);
     }
     return {sumX / sum, sumY / sum};
@@ -124,7 +124,7 @@ TEST(SimulatedFrames, LightAndNoiseAreWhatTheScriptSaysAndTheSameTimeGivesTheSam
         std::vector<double> values;
         values.reserve(400 * 400);
         for (int y = 0; y < 400; ++y)
-            for (int x = 0; x < 400; ++x) values.push_back(test::sampleAt(*frame, x, y)[1]);
+            for (int x = 0; x < 400; ++x) values.push_back(sampleAt(*frame, x, y)[1]);
         return values;
     };
     const auto values = valuesAt(5s);
@@ -159,7 +159,7 @@ struct Rig {
     explicit Rig(const std::string& keyFrames = kSteady,
                  const SimulatedCaptureOptions& options = {.pacing = SimulatedPacing::Manual},
                  const std::shared_ptr<Queue>& otherQueue = nullptr)
-        : frames(spotFrames(keyFrames)), probe(std::make_shared<test::CaptureProbe>(otherQueue ? otherQueue : queue)) {
+        : frames(spotFrames(keyFrames)), probe(std::make_shared<CaptureProbe>(otherQueue ? otherQueue : queue)) {
         clock->advance(1000s);
         if (!otherQueue) platform.clock = clock;
         system = useSimulatedCamera(platform, frames, options);
@@ -188,7 +188,7 @@ struct Rig {
     std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
     std::shared_ptr<ManualQueue> queue = std::make_shared<ManualQueue>();
     std::shared_ptr<const SimulatedFrames> frames;
-    std::shared_ptr<test::CaptureProbe> probe;
+    std::shared_ptr<CaptureProbe> probe;
     std::shared_ptr<SimulatedCaptureSystem> system;
     std::shared_ptr<CaptureSession> session;
     std::vector<std::shared_ptr<CaptureDeviceInput>> inputs;
@@ -208,7 +208,7 @@ TEST(CaptureOutputs, ALateFrameGivesWayToTheNewestWithANotice) {
 TEST(CaptureOutputs, AReplacedDelegateIsToldNothingMore) {
     Rig rig;
     const auto otherQueue = std::make_shared<ManualQueue>();
-    const auto other = std::make_shared<test::CaptureProbe>(otherQueue);
+    const auto other = std::make_shared<CaptureProbe>(otherQueue);
     for (const auto time : {1ms, 2ms}) rig.system->deliverFrameAt(time);
     rig.video->setSampleBufferDelegate(other, otherQueue);
     EXPECT_EQ(rig.at({3ms}), "");

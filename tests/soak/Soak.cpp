@@ -92,12 +92,12 @@ bool capture(unsigned seed, bool full, const std::shared_ptr<const SimulatedFram
 }
 
 struct Held {
-    test::Resources resources;
+    Resources resources;
     std::size_t bytes = 0;  // allocated
 
     static Held now() {
         ::malloc_trim(0);
-        return {test::Resources::now(), ::mallinfo2().uordblks};
+        return {Resources::now(), ::mallinfo2().uordblks};
     }
 };
 
@@ -112,8 +112,8 @@ int main(int argc, char** argv) {
     setLogSink([](std::string_view) {});  // faults are logged by the thousand
     std::cerr.rdbuf(nullptr);             // and told to the person
 
-    const auto frames = test::sampleScene(test::oneFace(0.5, 0.46, 0.63));
-    const test::TemporaryDirectory directory;
+    const auto frames = sampleScene(oneFace(0.5, 0.46, 0.63));
+    const TemporaryDirectory directory;
     Silent output;
     std::printf("captures   allocated KiB   new blocks   descriptors   threads\n");
     std::array<Held, 11> held;

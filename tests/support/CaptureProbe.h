@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-namespace selvio::test {
+namespace selvio {
 
 class CaptureProbe : public CaptureOutputDelegate {
 public:
@@ -83,4 +83,4 @@ private:
     std::condition_variable changed_;
 };
 
-}  // namespace selvio::test
+}  // namespace selvio

@@ -3,7 +3,7 @@
 #include <chrono>
 #include <thread>
 
-namespace selvio::test {
+namespace selvio {
 
 /// Waits for what nothing announces, ten seconds at most.
 template <typename Condition>
@@ -15,4 +15,4 @@ bool comesTrue(Condition condition) {
     return true;
 }
 
-}  // namespace selvio::test
+}  // namespace selvio

@@ -8,7 +8,7 @@
 #include "support/Pixels.h"
 #include "support/TemporaryDirectory.h"
 
-namespace selvio::test {
+namespace selvio {
 
 inline std::string outputOf(const std::string& command) {
     const std::unique_ptr<std::FILE, int (*)(std::FILE*)> pipe(::popen(command.c_str(), "r"), &::pclose);
@@ -43,4 +43,4 @@ inline std::pair<double, double> onsets(const std::filesystem::path& file) {
     return {after("black_end:"), after("silence_end:")};
 }
 
-}  // namespace selvio::test
+}  // namespace selvio

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <memory>
 
-namespace selvio::test {
+namespace selvio {
 
 inline std::size_t sampleSize(const PixelBuffer& buffer, int plane = 0) {
     return buffer.planeCount() == 1 ? 4 : plane == 0 ? 1 : 2;
@@ -35,4 +35,4 @@ std::shared_ptr<PixelBuffer> painted(int width, int height, PixelFormat format, 
     return buffer;
 }
 
-}  // namespace selvio::test
+}  // namespace selvio

@@ -29,6 +29,6 @@ void operator delete(void* block, std::size_t) noexcept {
 }
 #endif
 
-long selvio::test::allocatedBlocks() {
+long selvio::allocatedBlocks() {
     return blocks;
 }

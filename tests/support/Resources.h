@@ -3,7 +3,7 @@
 
 #include "support/TemporaryDirectory.h"
 
-namespace selvio::test {
+namespace selvio {
 
 [[nodiscard]] long allocatedBlocks();
 
@@ -18,4 +18,4 @@ struct Resources {
     static Resources now() { return {entriesIn("/proc/self/task"), entriesIn("/proc/self/fd"), allocatedBlocks()}; }
 };
 
-}  // namespace selvio::test
+}  // namespace selvio

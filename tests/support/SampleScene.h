@@ -6,7 +6,7 @@
 
 #include <string>
 
-namespace selvio::test {
+namespace selvio {
 
 /// The key frames of a script, which are JSON objects.
 inline std::shared_ptr<const SimulatedFrames> sampleScene(const std::string& keyFrames) {
@@ -28,4 +28,4 @@ inline std::string oneFace(double x, double y, double jaw, double roll = 0, cons
     return R"({"at": 0, "visible": true, )" + poseFields(x, y, jaw, roll) + more + "}";
 }
 
-}  // namespace selvio::test
+}  // namespace selvio

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace selvio::test {
+namespace selvio {
 
 /// Empty for a file that is not there.
 inline std::string contentOf(const std::filesystem::path& path) {
@@ -52,4 +52,4 @@ private:
     std::filesystem::path path_;
 };
 
-}  // namespace selvio::test
+}  // namespace selvio

@@ -1,7 +1,7 @@
 // A Video4Linux camera, emulated below the ioctls, through the same adapters as a real one.
-#include <gstreamer/CaptureRig.h>
+#include "gstreamer/CaptureRig.h"
 
-namespace selvio::test {
+namespace selvio {
 namespace {
 
 TEST(V4l2Capture, IsFoundDeliversFramesThatMayBeHeldAndSetsTheFocus) {
@@ -28,4 +28,4 @@ TEST(V4l2Capture, IsFoundDeliversFramesThatMayBeHeldAndSetsTheFocus) {
 }
 
 }  // namespace
-}  // namespace selvio::test
+}  // namespace selvio

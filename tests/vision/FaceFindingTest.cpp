@@ -12,7 +12,7 @@
 #include <numeric>
 #include <thread>
 
-namespace selvio::test {
+namespace selvio {
 namespace {
 
 using Utilities = SelvioFacialCaptureImageUtilities;
@@ -214,4 +214,4 @@ TEST(FaceDetector, FindsEveryFaceOfAPictureOnce) {
 }
 
 }  // namespace
-}  // namespace selvio::test
+}  // namespace selvio

@@ -13,7 +13,7 @@
 #include <cmath>
 #include <cstring>
 
-namespace selvio::test {
+namespace selvio {
 namespace {
 
 using testing::ElementsAre;
@@ -159,4 +159,4 @@ TEST(FaceDetector, ShowsPicturesAsTheirOrientationSays) {
 }
 
 }  // namespace
-}  // namespace selvio::test
+}  // namespace selvio
