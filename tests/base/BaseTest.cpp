@@ -120,7 +120,7 @@ TEST(SerialQueue, Drains) {
     EXPECT_TRUE(done);
 }
 
-TEST(Queues, LetGoOfABlockAsAPartOfIt) {
+TEST(Queues, DestroyABlockAsAPartOfIt) {
     MainQueue main;
     SerialQueue serial("serial");
     ConcurrentQueue concurrent("concurrent", 1);

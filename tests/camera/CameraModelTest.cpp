@@ -528,7 +528,7 @@ private:
     std::shared_ptr<SelvioFacialCaptureCameraParameters> parameters_;
 };
 
-TEST(CameraModel, randomScenariosAgree) {
+TEST(CameraModel, RandomScenariosAgree) {
     for (unsigned seed = 1; seed <= 500 && !HasFailure(); ++seed) {
         SCOPED_TRACE(testing::Message() << "seed " << seed);
         Scenario(seed).run(80);

@@ -13,7 +13,7 @@
 namespace selvio {
 namespace {
 
-TEST(Camera, itsArchiveHoldsItsFrame) {
+TEST(Camera, ItsArchiveHoldsItsFrame) {
     CameraRig rig;
     const std::string before = R"({"Frame":[1.0,2.0,3.0,4.0]})", other = R"({"Frame":[5.0,6.0,7.5,8.0]})";
     for (const char* archive : {"{", R"({"Frame":[5,6,null,8]})", R"({"Frame":[5,6,7.5]})", R"({"Frame":{"a":5}})"})
@@ -23,7 +23,7 @@ TEST(Camera, itsArchiveHoldsItsFrame) {
               std::pair(other, Rect{5.0, 6.0, 7.5, 8.0}));
 }
 
-TEST(Camera, shutDownInTheMiddleLeavesNothing) {
+TEST(Camera, ShutDownInTheMiddleLeavesNothing) {
     CameraRig rig;
     rig.platform.makeSerialQueue = [&rig, make = rig.platform.makeSerialQueue](const std::string& label) {
         if (label == kCodes) rig.camera->shutdown();
@@ -40,7 +40,7 @@ TEST(Camera, shutDownInTheMiddleLeavesNothing) {
 }
 
 // A delegate call that runs is waited for, but not by one.
-TEST(Camera, shutdownWaitsForTheCallThatRuns) {
+TEST(Camera, ShutdownWaitsForTheCallThatRuns) {
     for (const bool fromWithin : {false, true}) {
         CameraRig rig;
         rig.make();
@@ -64,7 +64,7 @@ TEST(Camera, shutdownWaitsForTheCallThatRuns) {
     }
 }
 
-TEST(Camera, fileNamesAreInLocalTime) {
+TEST(Camera, FileNamesAreInLocalTime) {
     for (const auto& [zone, seconds, name] : {std::tuple("UTC0", 1.9996, "selvio_2001-01-01_00-00-01-999.mp4"),
                                               {"IST-5:30", 0.5, "selvio_2001-01-01_05-30-00-500.mp4"},
                                               {"EST5", -0.25, "selvio_2000-12-31_18-59-59-750.mp4"}}) {
@@ -81,7 +81,7 @@ void drain(const std::shared_ptr<Queue>& queue) {
     dynamic_cast<SerialQueue&>(*queue).drain();
 }
 
-TEST(CameraStress, controlFromManyThreadsAgainstRunningFrames) {
+TEST(CameraStress, ControlFromManyThreadsAgainstRunningFrames) {
     constexpr int kRounds = 60;
     for (int i = 0; i < 5; ++i) {
         CameraRig rig;

@@ -97,7 +97,7 @@ protected:
     const JpegPngImageLoader loader{};
 };
 
-TEST_F(Codec, everyFormatAndOddSizesKeepTheirColours) {
+TEST_F(Codec, EveryFormatAndOddSizesKeepTheirColours) {
     for (const PixelFormat format : {kPixelFormat32BGRA, kPixelFormat32ARGB, kPixelFormat420v}) {
         for (const auto& [width, height] : {std::pair{70, 50}, {23, 45}}) {
             SCOPED_TRACE(testing::Message() << format << " " << width);
@@ -110,7 +110,7 @@ TEST_F(Codec, everyFormatAndOddSizesKeepTheirColours) {
     }
 }
 
-TEST_F(Codec, densityCommentAndOrientationAreReadByOtherPrograms) {
+TEST_F(Codec, DensityCommentAndOrientationAreReadByOtherPrograms) {
     const Image image{quarters(64, 32, kPixelFormat32BGRA), ImageOrientation::Right};
     const Bytes source = *codec.encodeJpeg(image, 1.0);
     EXPECT_FALSE(propertiesOf(*reencoded(source, {})).exif);
@@ -143,7 +143,7 @@ TEST_F(Codec, densityCommentAndOrientationAreReadByOtherPrograms) {
     EXPECT_FALSE(reencoded(source, {{}, ExifProperties{longest + 'x', 1}, {}}));
 }
 
-TEST_F(Codec, everyKindOfPictureIsReadAndEveryJpegEncodedAnew) {
+TEST_F(Codec, EveryKindOfPictureIsReadAndEveryJpegEncodedAnew) {
     const Quarters greys{kBlack, kWhite, kBlack, kWhite}, faded{kRed, kGreen, {0, 0, 128}, {128, 128, 128}};
     const std::string grey = "xc:#000 xc:#FFF +append ) ( xc:#000 xc:#FFF";
     // With the sampling of the JPEG encoded anew, what the picture shows, and how it is drawn.
@@ -168,7 +168,7 @@ TEST_F(Codec, everyKindOfPictureIsReadAndEveryJpegEncodedAnew) {
     }
 }
 
-TEST_F(Codec, qualityDecidesTheTablesAndIsClamped) {
+TEST_F(Codec, QualityDecidesTheTablesAndIsClamped) {
     const Image image{quarters(160, 120, kPixelFormat32BGRA)};
     const auto tablesOf = [](Bytes file) { return Bytes(file.begin(), file.begin() + 158); };
     const auto tablesAt = [&](double quality) { return tablesOf(*codec.encodeJpeg(image, quality)); };
@@ -177,7 +177,7 @@ TEST_F(Codec, qualityDecidesTheTablesAndIsClamped) {
     EXPECT_EQ(tablesOf(*reencoded(*codec.encodeJpeg(image, 1.0), {std::nullopt, std::nullopt, 0.05F})), tablesAt(0.05));
 }
 
-TEST_F(Codec, thePicturesOwnOrientationIsApplied) {
+TEST_F(Codec, ThePicturesOwnOrientationIsApplied) {
     const Colour r = kRed, g = kGreen, b = kBlue, w = kWhite;
     const Quarters turned[] = {{r, g, b, w}, {g, r, w, b}, {w, b, g, r}, {b, w, r, g},
                                {r, b, g, w}, {b, r, w, g}, {w, g, b, r}, {g, w, r, b}};
@@ -193,7 +193,7 @@ TEST_F(Codec, thePicturesOwnOrientationIsApplied) {
     }
 }
 
-TEST_F(Codec, badFilesAreNamedWithTheReasonInOneLine) {
+TEST_F(Codec, BadFilesAreNamedWithTheReasonInOneLine) {
     const std::string pipe = directory.path() / "pipe";
     ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
     const Bytes jpeg = fileOf("a.jpg"), png = fileOf("a.png");
@@ -221,7 +221,7 @@ TEST_F(Codec, badFilesAreNamedWithTheReasonInOneLine) {
     EXPECT_FALSE(reencoded(Bytes(jpeg.begin(), jpeg.end() - 10), {}));
 }
 
-TEST_F(Codec, whatAFileOnlyClaimsCostsNoMemory) {
+TEST_F(Codec, WhatAFileOnlyClaimsCostsNoMemory) {
     const Bytes files[] = {fileOf("a.jpg"), fileOf("a.jpg", "-interlace JPEG"), fileOf("a.png")};
     rusage before{}, after{};
     getrusage(RUSAGE_SELF, &before);
@@ -232,7 +232,7 @@ TEST_F(Codec, whatAFileOnlyClaimsCostsNoMemory) {
     EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 16 << 10) << "KiB";
 }
 
-TEST_F(Codec, aFileCutShortAnywhereIsAnErrorAndNoGreyPicture) {
+TEST_F(Codec, AFileCutShortAnywhereIsAnErrorAndNoGreyPicture) {
     for (const auto& [name, options] :
          {std::pair{"a.jpg", "-interlace none"}, {"a.jpg", "-interlace JPEG"}, {"a.png", "-strip -interlace PNG"}}) {
         SCOPED_TRACE(options);

@@ -17,7 +17,7 @@ namespace {
 using namespace selvio;
 namespace fs = std::filesystem;
 
-TEST(LinuxDevice, tellsTheVersionOfTheSystemWithItsPointRelease) {
+TEST(LinuxDevice, ReturnsTheVersionOfTheSystemWithItsPointRelease) {
     const std::pair<std::map<std::string, std::string>, std::string> rows[] = {
         {{{"etc/os-release", "NAME=\"Debian GNU/Linux\"\nVERSION_ID=\"12\"\nVERSION=\"12 (bookworm)\"\n"},
           {"etc/debian_version", "12.11\n"},
@@ -35,7 +35,7 @@ TEST(LinuxDevice, tellsTheVersionOfTheSystemWithItsPointRelease) {
     EXPECT_EQ(device.machineName() + "\n", outputOf("uname -m"));
 }
 
-TEST(LinuxScreen, takesPositiveSizesOnly) {
+TEST(LinuxScreen, TakesPositiveSizesOnly) {
     LogCapture log;
     LinuxScreen screen;
     EXPECT_EQ(screen.bounds(), LinuxScreen::kDefaultSize);
@@ -45,7 +45,7 @@ TEST(LinuxScreen, takesPositiveSizesOnly) {
     EXPECT_EQ(log.take().size(), 4U);
 }
 
-TEST(LinuxFileManager, documentsFollowTheEnvironmentAndArePrivate) {
+TEST(LinuxFileManager, DocumentsFollowTheEnvironmentAndArePrivate) {
     const TemporaryDirectory root;
     const fs::path usual = root.path() / "home/.local/share";
     setenv("HOME", (root.path() / "home").c_str(), 1);
@@ -64,7 +64,7 @@ TEST(LinuxFileManager, documentsFollowTheEnvironmentAndArePrivate) {
 }
 
 // What others are writing is left alone; what a process left behind that ended early, like the child here, goes.
-TEST(LinuxFileManager, onlyLeftoversOfTheDeadAreRemoved) {
+TEST(LinuxFileManager, OnlyLeftoversOfTheDeadAreRemoved) {
     const TemporaryDirectory root;
     root.write("selvio_left over.mp4", "x");
     root.write("selvio_other.txt", "x");
@@ -91,7 +91,7 @@ TEST(LinuxFileManager, onlyLeftoversOfTheDeadAreRemoved) {
     EXPECT_EQ(entriesIn(root.path()), 2U) << "an empty one goes with its manager";
 }
 
-TEST(LinuxFileManager, saysWhyItCannot) {
+TEST(LinuxFileManager, SaysWhyItCannot) {
     const TemporaryDirectory root;
     LinuxFileManager files(root.path());
     const std::string one = root.write("one", "1"), missing = one + ": No such file or directory";

@@ -41,7 +41,7 @@ std::shared_ptr<PixelBuffer> flat(int width, int height, PixelFormat format, con
     });
 }
 
-class AssetWriterTest : public Test {
+class Writer : public Test {
 protected:
     /// False if nothing can be written.
     bool start(const VideoSettings& settings, bool withAudio = false) {
@@ -84,7 +84,7 @@ protected:
     std::shared_ptr<AssetWriterInput> audio_;
 };
 
-TEST_F(AssetWriterTest, WritesEveryFrameWholeInTheCodecAndSizeAskedFor) {
+TEST_F(Writer, WritesEveryFrameWholeInTheCodecAndSizeAskedFor) {
     // The file is 360x640. What does not fill its height has a black border above and below.
     const std::tuple<const char*, int, int, PixelFormat, Colour, std::string, bool> cases[] = {
         {kVideoCodecTypeH264, 202, 360, kPixelFormat32BGRA, {{0, 0, 255, 255}}, "h264,avc1,", true},
@@ -115,7 +115,7 @@ TEST_F(AssetWriterTest, WritesEveryFrameWholeInTheCodecAndSizeAskedFor) {
     }
 }
 
-TEST_F(AssetWriterTest, NeitherASilentMicrophoneNorFramesOutOfOrderHarmTheFile) {
+TEST_F(Writer, NeitherASilentMicrophoneNorFramesOutOfOrderHarmTheFile) {
     record(0, true);
     EXPECT_TRUE(video_->appendSampleBuffer(videoSample(grey_, -kFrame))) << "taken, and left out";
     for (int i = 0; i < 90; ++i) ASSERT_TRUE(append(videoSample(grey_, i * kFrame)));
@@ -129,7 +129,7 @@ TEST_F(AssetWriterTest, NeitherASilentMicrophoneNorFramesOutOfOrderHarmTheFile) 
 }
 
 // Whatever the settings expected before the camera was opened.
-TEST_F(AssetWriterTest, BitRateAndKeyFramesFollowTheFramesOwnRate) {
+TEST_F(Writer, BitRateAndKeyFramesFollowTheFramesOwnRate) {
     std::mt19937 random(1);
     std::vector<std::shared_ptr<PixelBuffer>> noisy(30);
     for (auto& frame : noisy) {
@@ -157,7 +157,7 @@ TEST_F(AssetWriterTest, BitRateAndKeyFramesFollowTheFramesOwnRate) {
     }
 }
 
-TEST_F(AssetWriterTest, TakesItsOwnSizeOfTheDiskAndSaysWhenThatIsFull) {
+TEST_F(Writer, TakesItsOwnSizeOfTheDiskAndSaysWhenThatIsFull) {
     const auto part = directory_.path() / "selvio_test.part.mp4";
     const auto elsewhere = directory_.write("elsewhere", "somebody's");
     fs::create_symlink(elsewhere, part);  // is not followed
@@ -180,7 +180,7 @@ TEST_F(AssetWriterTest, TakesItsOwnSizeOfTheDiskAndSaysWhenThatIsFull) {
     EXPECT_EQ(contentOf(elsewhere), "somebody's");
 }
 
-TEST_F(AssetWriterTest, TheIndexComesToTheFrontUnlessItCannot) {
+TEST_F(Writer, TheIndexComesToTheFrontUnlessItCannot) {
     const auto atom = [](const std::string& type, const std::string& content) {
         std::string size;
         for (const int shift : {24, 16, 8, 0}) size += static_cast<char>((content.size() + 8) >> shift);
@@ -211,7 +211,7 @@ TEST_F(AssetWriterTest, TheIndexComesToTheFrontUnlessItCannot) {
     }
 }
 
-TEST_F(AssetWriterTest, InRealTimeDropsRatherThanWaits) {
+TEST_F(Writer, InRealTimeDropsRatherThanWaits) {
     ASSERT_TRUE(start(h264(720, 1280)));
     video_->setExpectsMediaDataInRealTime(true);
     const auto frame = flat(720, 1280, kPixelFormat32BGRA, {{90, 90, 90, 90}});
@@ -224,7 +224,7 @@ TEST_F(AssetWriterTest, InRealTimeDropsRatherThanWaits) {
     EXPECT_EQ(frame.use_count(), 1) << "the frames' memory is shared while it is encoded, and then let go";
 }
 
-TEST_F(AssetWriterTest, FailureAndCancellingLeaveNoFile) {
+TEST_F(Writer, FailureAndCancellingLeaveNoFile) {
     LogCapture log;
     record(0);
     EXPECT_EQ(finish(), AssetWriterStatus::Failed);
@@ -246,7 +246,7 @@ TEST_F(AssetWriterTest, FailureAndCancellingLeaveNoFile) {
     EXPECT_EQ(contentOf(directory_.path() / "there.mp4"), "already here");
 }
 
-TEST_F(AssetWriterTest, NamesThePackageThatIsMissing) {
+TEST_F(Writer, NamesThePackageThatIsMissing) {
     const std::tuple<const char*, std::vector<std::string>, const char*> cases[] = {
         {kVideoCodecTypeHEVC, {"h265parse"}, "gstreamer1.0-plugins-bad"},
         {kVideoCodecTypeH264, {"mp4mux"}, "gstreamer1.0-plugins-good"},

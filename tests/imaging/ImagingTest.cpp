@@ -24,7 +24,7 @@ using Picture = std::shared_ptr<PixelBuffer>;
 
 constexpr double kPi = std::numbers::pi;
 
-TEST(Base64, followsTheStandardVectorsAndRefusesWhatIsNotItsOwnText) {
+TEST(Base64, FollowsTheStandardVectorsAndRefusesWhatIsNotItsOwnText) {
     for (const auto& [plain, text] : std::map<std::string, std::string>{
              {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foobar", "Zm9vYmFy"}, {"\xfb\xff\xbf", "+/+/"}}) {
         const std::vector<std::uint8_t> bytes(plain.begin(), plain.end());
@@ -58,7 +58,7 @@ const Place kCounterclockwise = [](int c, int r, int w, int) { return std::array
 const Place kOver = [](int c, int r, int w, int h) { return std::array{w - 1 - c, h - 1 - r}; };
 const Place kFlipped = [](int c, int r, int, int h) { return std::array{c, h - 1 - r}; };
 
-TEST(ImageUtilities, rotateMovesEverySampleOfEveryPlaneToItsPlace) {
+TEST(ImageUtilities, RotateMovesEverySampleOfEveryPlaneToItsPlace) {
     const double nan = std::numeric_limits<double>::quiet_NaN(), almost = std::nextafter(kPi / 2, 0.0);
     const std::pair<double, Place> rotations[] = {
         {0.0, kUnturned},   {kPi / 2, kClockwise}, {-kPi / 2, kCounterclockwise}, {kPi, kOver}, {-kPi, kFlipped},
@@ -93,7 +93,7 @@ TEST(ImageUtilities, rotateMovesEverySampleOfEveryPlaneToItsPlace) {
     }
 }
 
-TEST(ImageUtilities, sampleImagesShareThePixelsAndFollowTheDeviceTable) {
+TEST(ImageUtilities, SampleImagesShareThePixelsAndFollowTheDeviceTable) {
     const Picture picture = distinctPicture(4, 4, kPixelFormat420v);
     const SampleTiming timing{1s, 2s};
     const auto sample = SampleBuffer::makeVideo(picture, timing);
@@ -109,7 +109,7 @@ TEST(ImageUtilities, sampleImagesShareThePixelsAndFollowTheDeviceTable) {
     }
 }
 
-TEST(ImageUtilities, convertsBetweenTheOrdersOfChannelsAndFromVideoRange) {
+TEST(ImageUtilities, ConvertsBetweenTheOrdersOfChannelsAndFromVideoRange) {
     const Picture bgra = distinctPicture(5, 3, kPixelFormat32BGRA);
     const auto sample = Utilities::sampleBufferFromCGImage(bgra);
     ASSERT_NE(sample, nullptr);
@@ -170,14 +170,14 @@ Picture partOfAPicture(int width, int height, PixelFormat format, std::array<std
     return PixelBuffer::wrap(layout, planes, {});
 }
 
-TEST(PixelBuffer, hasFromOneTo32767PixelsASide) {
+TEST(PixelBuffer, HasFromOneTo32767PixelsASide) {
     for (const auto& [side, isPossible] : {std::pair(0, false), {1, true}, {32767, true}, {32768, false}}) {
         EXPECT_EQ(PixelBufferLayout::make(side, 1, kPixelFormat32BGRA).has_value(), isPossible) << side;
         EXPECT_EQ(PixelBufferLayout::make(1, side, kPixelFormat32BGRA).has_value(), isPossible) << side;
     }
 }
 
-TEST(ImageUtilities, copiesAreDeepEqualCompactAndWithoutTiming) {
+TEST(ImageUtilities, CopiesAreDeepEqualCompactAndWithoutTiming) {
     const std::tuple<Picture, std::size_t, bool> table[] = {
         {distinctPicture(7, 5, kPixelFormat420v), 5 * 64 + 3 * 64, true},
         {partOfAPicture(404, 720, kPixelFormat32BGRA, {5120, 0}), 720 * 1664, false},
@@ -207,7 +207,7 @@ TEST(ImageUtilities, copiesAreDeepEqualCompactAndWithoutTiming) {
     }
 }
 
-TEST(ImageUtilities, aWarmPoolAllocatesNothing) {
+TEST(ImageUtilities, AWarmPoolAllocatesNothing) {
     const auto pool = PixelBufferPool::create();
     const auto sample = SampleBuffer::makeVideo(distinctPicture(4, 4, kPixelFormat32BGRA));
     const auto larger = SampleBuffer::makeVideo(distinctPicture(8, 8, kPixelFormat32BGRA));
@@ -220,7 +220,7 @@ TEST(ImageUtilities, aWarmPoolAllocatesNothing) {
     EXPECT_EQ(pool->allocations(), 17u) << "memory of the old size must not have been kept";
 }
 
-TEST(ImageUtilities, nothingComesOfAPictureWithoutPixelsAndOnlyItsCopyIsLogged) {
+TEST(ImageUtilities, NothingComesOfAPictureWithoutPixelsAndOnlyItsCopyIsLogged) {
     const std::size_t endless = (std::size_t{1} << 62) + 64;  // four such rows would count as 256 bytes
     EXPECT_FALSE(PixelBufferLayout::make(16, 4, kPixelFormat32BGRA, {endless, 0}));
     EXPECT_FALSE(PixelBufferLayout::make(16, 4, kPixelFormat420v, {16, endless}));

@@ -90,9 +90,9 @@ TEST(UxpEvents, TheSharedLogStartsAnewOnceDestroyed) {
     EXPECT_EQ(fresh->events(), json::array());
 }
 
-class RecordTest : public ::testing::Test {
+class DataRecord : public ::testing::Test {
 protected:
-    RecordTest() {
+    DataRecord() {
         Platform platform;
         platform.device = device;
         platform.imageCodec = codec;
@@ -108,7 +108,7 @@ protected:
     std::shared_ptr<Record> record;
 };
 
-TEST_F(RecordTest, ItsMembersAreWrittenWithoutWhiteSpaceInAsciiAndTheLastOnesWin) {
+TEST_F(DataRecord, ItsMembersAreWrittenWithoutWhiteSpaceInAsciiAndTheLastOnesWin) {
     EXPECT_EQ(record->obixDataString(),
               R"({"Device":"Kiosk","Manufacturer":"Apple","Model":"x86_64","OS":"12.11","ObixVersion":"1.6",)"
               R"("Platform":"iOS","SDKVersion":"Facial Capture 3.2.1"})");
@@ -129,7 +129,7 @@ TEST_F(RecordTest, ItsMembersAreWrittenWithoutWhiteSpaceInAsciiAndTheLastOnesWin
     EXPECT_THAT(embedded(50), ::testing::EndsWith(": (none)")) << "the photograph survives";
 }
 
-TEST_F(RecordTest, ThePhotographIsEncodedTwiceAndCarriesTheRecord) {
+TEST_F(DataRecord, ThePhotographIsEncodedTwiceAndCarriesTheRecord) {
     EXPECT_EQ(embedded(5), "encoded at 1.000000, then at 0.050000, 72x72/1: " + record->obixDataString().value());
     EXPECT_EQ(record->addToImage(std::nullopt, 95), std::nullopt);
     for (const int step : {1, 2, 3}) {
@@ -138,7 +138,7 @@ TEST_F(RecordTest, ThePhotographIsEncodedTwiceAndCarriesTheRecord) {
     }
 }
 
-TEST_F(RecordTest, ARecordTooLongForItsSegmentLosesItsOldestEventsInThePhotographOnly) {
+TEST_F(DataRecord, ARecordTooLongForItsSegmentLosesItsOldestEventsInThePhotographOnly) {
     json events = json::array();
     for (int i = 0; i < 1000; ++i) events.push_back({{"FENF", {i}}});
     record->addUXP(events);
