@@ -195,8 +195,8 @@ TEST(Stress, ACaptureThatThreeThreadsEndAtOnceEndsOnce) {
 
 // A delegate call that stop and cancel on another thread wait for, and which may stop the capture itself.
 TEST_F(Analyzer, WaitsInStopAndCancelForADelegateCallOnAnotherThread) {
-    for (const int way : {0, 1, 2, 3}) {
-        const bool cancels = way % 2 == 1, stopsInside = way > 1;
+    for (const int variant : {0, 1, 2, 3}) {
+        const bool cancels = variant % 2 == 1, stopsInside = variant > 1;
         makeAnalyzer(platform());
         analyzer->resume();
         std::future<void> ending;

@@ -67,7 +67,7 @@ struct Model {
     }
     /// Submits work that is done for a camera that has gone as well.
     void submit(const std::string& queue, std::function<void()> work) {
-        if (queue == kMain ? platform.mainQueue != nullptr : !!platform.makeSerialQueue)
+        if (queue == kMain ? bool(platform.mainQueue) : bool(platform.makeSerialQueue))
             queues[queue].async(std::move(work));
     }
     /// Submits work that is not.
@@ -307,7 +307,7 @@ public:
             if (message) say("The platform has no", message);
         }
         if (platform.makeView) say("gravity ResizeAspectFill");
-        hasSession = !!platform.captureSystem;
+        hasSession = platform.captureSystem != nullptr;
         rig.camera = makeCamera();
         parameters_ = rig.camera->parameters();
         parameters_->setRecordVideo(recordVideo = !chance(4));

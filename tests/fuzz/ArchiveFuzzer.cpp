@@ -6,11 +6,11 @@
 
 void selvio::check(std::string_view input) {
     const auto parameters = SelvioFacialCaptureCameraParameters::initWithCoder(input);
-    require(parameters != nullptr && parameters->videoQuality() >= 10 && parameters->videoQuality() <= 100,
+    require(parameters && parameters->videoQuality() >= 10 && parameters->videoQuality() <= 100,
             "any text gives parameters in their range");
     const std::string written = parameters->encodeWithCoder();
     require(SelvioFacialCaptureCameraParameters::initWithCoder(written)->encodeWithCoder() == written,
             "an archive is read as it was written");
     const auto camera = SelvioFacialCaptureCamera::initWithCoder(input, Platform{});
-    require(camera != nullptr && !camera->encodeWithCoder().empty(), "any text gives a camera");
+    require(camera && !camera->encodeWithCoder().empty(), "any text gives a camera");
 }

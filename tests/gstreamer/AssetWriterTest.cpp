@@ -257,8 +257,7 @@ TEST_F(Writer, NamesThePackageThatIsMissing) {
         LogCapture log;
         const auto factory = makeGstAssetWriterFactory({.disabledElements = disabled});
         const auto writer = factory->makeAssetWriter(file_, kFileTypeMPEG4).value();
-        const auto input =
-            codec != nullptr ? factory->makeVideoInput({codec, 180, 320, {}}) : factory->makeAudioInput({});
+        const auto input = codec ? factory->makeVideoInput({codec, 180, 320, {}}) : factory->makeAudioInput({});
         EXPECT_FALSE(writer->canAddInput(*input));
         EXPECT_THAT(log.take(), Contains(HasSubstr(package)));
         writer->addInput(input);

@@ -263,7 +263,7 @@ TEST(CaptureRules, PreferFullRateThenNoConversionThenRaw) {
         {{yuyv, jpeg}, jpeg}, {{jpeg, i420, nv12}, nv12}, {{jpeg, i420}, i420}, {{small}, std::nullopt}};
     for (const auto& [modes, expected] : rows) {
         const CameraMode* const chosen = chooseMode(modes, 1280, 720, kPixelFormat420v);
-        EXPECT_EQ(chosen != nullptr ? std::optional(*chosen) : std::nullopt, expected) << modes[0].format;
+        EXPECT_EQ(chosen ? std::optional(*chosen) : std::nullopt, expected) << modes[0].format;
     }
 }
 
@@ -277,7 +277,7 @@ TEST(CaptureRules, PresetsStandForSizes) {
     for (const auto& [sizes, preset, expected] : cases) {
         std::vector<CaptureDeviceFormat> formats;
         for (const auto& [w, h] : sizes) formats.push_back({{kPixelFormat420v, w, h}, 30});
-        const auto found = preset != nullptr ? formatForPreset(formats, preset) : initialFormat(formats);
+        const auto found = preset ? formatForPreset(formats, preset) : initialFormat(formats);
         const auto size = found.value_or(CaptureDeviceFormat{}).formatDescription;
         EXPECT_EQ(std::pair(size.width, size.height), expected);
     }

@@ -16,7 +16,7 @@ using Child = std::shared_ptr<void>;
 class PipeWireCapture : public ::testing::Test {
 protected:
     void SetUp() override {
-        if (std::getenv("SELVIO_PRIVATE_PIPEWIRE") == nullptr) GTEST_SKIP() << "UNAVAILABLE: no PipeWire";
+        if (!std::getenv("SELVIO_PRIVATE_PIPEWIRE")) GTEST_SKIP() << "UNAVAILABLE: no PipeWire";
     }
 
     /// A picture at 30 frames a second; `encoder` is an element.
@@ -36,7 +36,7 @@ protected:
             const auto discovery = system_->discoverDevices({}, MediaType::Video, CaptureDevicePosition::Unspecified);
             const auto at = std::ranges::find(discovery->devices, name, &CaptureDevice::localizedName);
             found.second = at == discovery->devices.end() ? nullptr : *at;
-            return (found.second != nullptr) == expected;
+            return bool(found.second) == expected;
         });
         if (!isSo) throw std::runtime_error(name + " does not come or go");
         return found;

@@ -4,7 +4,6 @@
 #include <gmock/gmock.h>
 #include <gtk/gtk.h>
 
-#include <cstdlib>
 #include <future>
 #include <random>
 

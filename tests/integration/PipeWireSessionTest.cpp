@@ -26,7 +26,8 @@ for attempt in $(seq 100); do
     "$PROGRAM" devices --json > "$OUT/devices.json" 2>/dev/null
     grep -q TestCamera "$OUT/devices.json" && grep -q '"Tone"' "$OUT/devices.json" && break
 done
-"$PROGRAM" --json --source "camera:TestCamera" --record-video --record-audio --countdown-time 2 --timeout 20 --out "$OUT/x" > "$OUT/lines.json" 2> "$OUT/errors.txt"
+"$PROGRAM" --json --source camera:TestCamera --record-video --record-audio --countdown-time 2 --timeout 20 \
+    --out "$OUT/x" > /dev/null 2> "$OUT/errors.txt"
 echo $? > "$OUT/code"
 )";
 

@@ -63,9 +63,10 @@ TEST(SceneFiles, NameWhatIsWrong) {
 }
 
 TEST(MotionScript, HoldsMovesAndSwitches) {
-    const std::string json = R"({"keyFrames": [
-        {"at": 0, "hold": 1, "visible": true, "center": [0.2, 0.4], "jawWidth": 0.5, "rotationRate": [0, 1, 0], "barcode": "A"},
-        {"at": 3, "center": [0.6, 0.4], "roll": 20, "smiling": true, "second": {"center": [0.9, 0.5], "jawWidth": 0.2}, "rotationRate": [0, 0, 0]},
+    const std::string json =
+        R"({"keyFrames": [{"at": 0, "hold": 1, "visible": true, "barcode": "A", "center": [0.2, 0.4],
+        "jawWidth": 0.5, "rotationRate": [0, 1, 0]}, {"at": 3, "center": [0.6, 0.4], "roll": 20, "smiling": true,
+        "second": {"center": [0.9, 0.5], "jawWidth": 0.2}, "rotationRate": [0, 0, 0]},
         {"at": 5, "hold": 1, "visible": false, "second": null, "barcode": null}], "loop": )";
     const auto once = MotionScript::parse(json + "false}", "s").value();
     EXPECT_EQ(once.duration(), 6s);

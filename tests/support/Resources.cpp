@@ -14,13 +14,13 @@ std::atomic<long> blocks{0};
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 void* operator new(std::size_t size) {
     void* const block = std::malloc(size > 0 ? size : 1);
-    if (block == nullptr) throw std::bad_alloc();
+    if (!block) throw std::bad_alloc();
     ++blocks;
     return block;
 }
 
 void operator delete(void* block) noexcept {
-    if (block != nullptr) --blocks;
+    if (block) --blocks;
     std::free(block);
 }
 

@@ -6,7 +6,7 @@ namespace {
 
 TEST(V4l2Capture, IsFoundDeliversFramesThatMayBeHeldAndSetsTheFocus) {
     const char* const files = std::getenv("SELVIO_EMULATED_CAMERA");
-    if (files == nullptr) GTEST_SKIP() << "UNAVAILABLE: umockdev-run is not installed";
+    if (!files) GTEST_SKIP() << "UNAVAILABLE: umockdev-run is not installed";
     const auto system = makeGstCaptureSystem({.stallTimeout = 1s});
     const auto devices = system->discoverDevices({}, MediaType::Video, CaptureDevicePosition::Front)->devices;
     ASSERT_EQ(devices.size(), 1U);

@@ -21,20 +21,20 @@ using testing::HasSubstr;
 
 constexpr int kChild = -1;  ///< the field is a table and no list
 
-/// The place of a number in the tree of tables that a model file is. The way to it: a field of the root table, an
+/// The place of a number in the tree of tables that a model file is. Its path: a field of the root table, an
 /// element of that list, which is a table again, one of its fields, and so on.
-std::size_t placeOf(const std::string& file, const std::vector<int>& way) {
+std::size_t placeOf(const std::string& file, const std::vector<int>& path) {
     const auto read = [&]<typename Number>(std::size_t at, Number number) {
         std::memcpy(&number, &file[at], sizeof number);
         return static_cast<std::size_t>(number);
     };
     std::size_t at = 0;
-    for (std::size_t step = 0; step < way.size(); step += 2) {
+    for (std::size_t step = 0; step < path.size(); step += 2) {
         const std::size_t table = at + read(at, std::uint32_t{});
         const std::size_t fields = table - read(table, std::int32_t{});
-        at = table + read(fields + 4 + 2 * static_cast<std::size_t>(way[step]), std::uint16_t{});
-        if (step + 1 == way.size() || way[step + 1] == kChild) continue;
-        at += read(at, std::uint32_t{}) + 4 + 4 * static_cast<std::size_t>(way[step + 1]);
+        at = table + read(fields + 4 + 2 * static_cast<std::size_t>(path[step]), std::uint16_t{});
+        if (step + 1 == path.size() || path[step + 1] == kChild) continue;
+        at += read(at, std::uint32_t{}) + 4 + 4 * static_cast<std::size_t>(path[step + 1]);
     }
     return at;
 }
@@ -47,7 +47,7 @@ TEST(ModelFile, RefusesWhatItDoesNotKnowByName) {
     enum Graph { Tensors, Inputs, Outputs, Steps };
     enum Tensor { Shape, Type, Buffer };
     enum Step { Operator, StepInputs, StepOutputs, Options = 4 };
-    // What is said when the number at the end of the way has this value in that byte of it, the lowest being 0.
+    // What is said when the number at the end of the path has this value in that byte of it, the lowest being 0.
     const std::tuple<const char*, std::vector<int>, int, std::size_t> cases[] = {
         {"operator number 99", {Operators, 1, 0}, 99, 0},
         {"no operator", {Graphs, 0, Steps, 3, Operator}, 99, 0},
@@ -72,9 +72,9 @@ TEST(ModelFile, RefusesWhatItDoesNotKnowByName) {
         {"Concatenation", {Graphs, 0, Steps, 162, Options, kChild, 0}, 2, 0},
         {"Pad", {Graphs, 0, Steps, 83, StepInputs, 1}, 92, 0},
     };
-    for (const auto& [words, way, value, byte] : cases) {
+    for (const auto& [words, path, value, byte] : cases) {
         std::string spoilt = good;
-        spoilt[placeOf(good, way) + byte] = static_cast<char>(value);
+        spoilt[placeOf(good, path) + byte] = static_cast<char>(value);
         const auto parsed = parseModel(std::as_bytes(std::span(spoilt)));
         EXPECT_THAT(parsed ? "" : parsed.error().localizedDescription, HasSubstr(words));
     }

@@ -1,6 +1,5 @@
 // Runs the README's example with a simulated camera. Usage: consumer PHOTOGRAPH SCRIPT
 #include <SelvioFacialCapture/SelvioFacialCapture.h>
-#include <SelvioFacialCapture/SelvioFacialCaptureCamera.h>
 #include <SelvioFacialCapture/linux/LinuxPlatform.h>
 #include <SelvioFacialCapture/simulated/SimulatedPlatform.h>
 
