@@ -5,10 +5,10 @@
 #include <barrier>
 #include <future>
 #include <nlohmann/json.hpp>
-#include <random>
 #include <thread>
 
 #include "analyzer/AnalyzerFixture.h"
+#include "support/Random.h"
 
 namespace selvio {
 namespace {
@@ -158,22 +158,21 @@ void runCapture(unsigned seed) {
 
     std::barrier together(3);
     const auto control = [&](unsigned thread) {
-        std::minstd_rand random(seed * 10 + thread + 1);
-        const auto oneIn = [&](unsigned n) { return random() % n == 0; };
+        Random random(seed * 10 + thread + 1);
         const std::function<void()> operations[] = {
             [&] { analyzer.resume(), analyzer.selectFrame(); },
-            [&] { oneIn(2) ? analyzer.resume() : analyzer.pauseFor(1); },
-            [&] { analyzer.updateMode(oneIn(2) ? 1 : 2); },
-            [&] { capture.parameters->setSelectOnSmile(oneIn(2)); },
-            [&] { capture.parameters->setCountdownTime(oneIn(2) ? 0 : 2); },
-            [&] { capture.motion->rotate({.x = oneIn(2) ? 1.0 : 0.0}); },
+            [&] { random.oneIn(2) ? analyzer.resume() : analyzer.pauseFor(1); },
+            [&] { analyzer.updateMode(random.oneIn(2) ? 1 : 2); },
+            [&] { capture.parameters->setSelectOnSmile(random.oneIn(2)); },
+            [&] { capture.parameters->setCountdownTime(random.oneIn(2) ? 0 : 2); },
+            [&] { capture.motion->rotate({.x = random.oneIn(2) ? 1.0 : 0.0}); },
             [&] { analyzer.setDelegate(delegate); },
-            [&] { capture.vision->setObservations(std::vector(random() % 3, ScreenFace{}.observation())); },
+            [&] { capture.vision->setObservations(std::vector(random.engine() % 3, ScreenFace{}.observation())); },
             [&] { analyzer.analyzeImageAtPath("still"), (void)analyzer.imagesArray(); },
         };
-        for (int i = 0; i < 60; ++i) operations[random() % std::size(operations)]();
+        for (int i = 0; i < 60; ++i) random.any(operations)();
         together.arrive_and_wait();
-        oneIn(2) ? analyzer.stop() : analyzer.cancel();
+        random.oneIn(2) ? analyzer.stop() : analyzer.cancel();
         ended = true;
         EXPECT_EQ(analyzer.results(), nullptr);
     };

@@ -1,9 +1,9 @@
 // A model of the camera, written from what it promises, beside the camera itself: the same random scenarios drive both,
 // and every call, message, event, file and flag must agree.
-#include <random>
 #include <thread>
 
 #include "CameraRig.h"
+#include "support/Random.h"
 
 namespace selvio {
 namespace {
@@ -288,21 +288,21 @@ struct Model {
 };
 
 /// One scenario: the camera and its model, and a generator of what happens.
-class Scenario : Model {
+class Scenario : Model, Random {
 public:
-    explicit Scenario(unsigned seed) : random_(seed) {
+    explicit Scenario(unsigned seed) : Random(seed) {
         const std::pair<int, int> sizes[] = {{640, 480}, {1280, 720}, {1280, 960}, {1920, 1080}};
         for (const auto& [width, height] : sizes) script.formats.push_back({{kPixelFormat420v, width, height}, 30.0});
         script.formats.push_back({{kPixelFormat32BGRA, 960, 540}, 30.0});
-        std::shuffle(script.formats.begin(), script.formats.end(), random_);
-        script.torch = chance(2);
-        script.focusSupported = !chance(4);
-        script.codec = chance(2) ? "HEVC" : "H264";
-        rig.platform.serviceLevel = 10 + any(3);
+        std::shuffle(script.formats.begin(), script.formats.end(), engine);
+        script.torch = oneIn(2);
+        script.focusSupported = !oneIn(4);
+        script.codec = oneIn(2) ? "HEVC" : "H264";
+        rig.platform.serviceLevel = 10 + below(3);
         rig.platform.screen =
-            std::make_shared<FakeScreen>(Size{300, 600}, static_cast<InterfaceOrientation>(1 + any(4)));
-        if (chance(3)) {
-            const auto& [remove, message] = kRemovals[any(10)];
+            std::make_shared<FakeScreen>(Size{300, 600}, static_cast<InterfaceOrientation>(1 + below(4)));
+        if (oneIn(3)) {
+            const auto& [remove, message] = any(kRemovals);
             remove(rig.platform);
             if (message) say("The platform has no", message);
         }
@@ -310,22 +310,22 @@ public:
         hasSession = platform.captureSystem != nullptr;
         rig.camera = makeCamera();
         parameters_ = rig.camera->parameters();
-        parameters_->setRecordVideo(recordVideo = !chance(4));
-        for (int i = any(16); i > 0; --i) act(true);
+        parameters_->setRecordVideo(recordVideo = !oneIn(4));
+        for (int i = below(16); i > 0; --i) act(true);
     }
 
     /// Stops at the first difference, which is then reported.
     void run(int steps) {
-        if (chance(2)) setDelegate(), runQueues();
+        if (oneIn(2)) setDelegate(), runQueues();
         for (int i = 0; i < steps && !testing::Test::HasFailure(); ++i) {
             act(false);
-            if (chance(2)) runQueue(kQueues[any(4)]);
+            if (oneIn(2)) runQueue(any(kQueues));
             compare();
         }
         alive = false;
         const std::weak_ptr<Camera> camera = rig.camera;
         const std::weak_ptr<View> view = rig.camera->view();
-        const bool elsewhere = chance(2);
+        const bool elsewhere = oneIn(2);
         const auto release = [this] { rig.camera = nullptr; };
         elsewhere ? std::thread(release).join() : release();  // the view ends on the main queue all the same
         EXPECT_TRUE(camera.expired()) << "something that waits on a queue, which the host need not run, keeps it";
@@ -336,11 +336,9 @@ public:
     }
 
 private:
-    int any(int count) { return static_cast<int>(random_() % static_cast<unsigned>(count)); }
-    bool chance(int outOf) { return any(outOf) == 0; }
     std::set<std::string> some(std::initializer_list<const char*> names) {
         std::set<std::string> chosen(names.begin(), names.end());
-        std::erase_if(chosen, [this](const auto&) { return !chance(7); });
+        std::erase_if(chosen, [this](const auto&) { return !oneIn(7); });
         return chosen;
     }
     void runQueue(const std::string& label) {
@@ -353,54 +351,54 @@ private:
 
     std::shared_ptr<Camera> makeCamera() {
         if (platform.makeView) frame = {1.0, 2.0, 3.0, 4.0};
-        if (chance(2)) return Camera::init(platform);
+        if (oneIn(2)) return Camera::init(platform);
         frame = {5.0, 6.0, 7.5, 8.0};
         choosePreset();
-        orientation = any(6);
+        orientation = below(6);
         const auto side = static_cast<CaptureDevicePosition>(position);
         const auto turned = static_cast<VideoOrientation>(orientation);
         if (orientation > 1) return Camera::initWithPreset(preset, format, side, turned, frame, platform);
         if (orientation == 1) return Camera::initWithPreset(preset, format, side, frame, platform);
         preset.reset();
-        return Camera::initWithDesiredResolution(desired = kSizes[any(3)], format, side, frame, platform);
+        return Camera::initWithDesiredResolution(desired = any(kSizes), format, side, frame, platform);
     }
 
     /// Does something to both.
     void act(bool settingsOnly) {
         Camera& camera = *rig.camera;
-        const int to = any(7);
+        const int to = below(7);
         const std::function<void()> actions[] = {
-            [&] { camera.setAnalyzeRGBVideo(rgb = chance(2)); },
-            [&] { camera.setDetectPDF417(codes = chance(2)); },
-            [&] { parameters_->setRecordAudio(sound = chance(2)); },
-            [&] { parameters_->setRecordVideo(recordVideo = !chance(4)); },
-            [&] { parameters_->setVideoQuality(quality = 10 + any(91)); },
-            [&] { camera.setParameters((parameters = !chance(4)) ? parameters_ : nullptr); },
-            [&] { camera.setCameraOrientation(static_cast<VideoOrientation>(orientation = any(6))); },
-            [&] { camera.setDesiredResolution(desired = kSizes[any(3)]); },
+            [&] { camera.setAnalyzeRGBVideo(rgb = oneIn(2)); },
+            [&] { camera.setDetectPDF417(codes = oneIn(2)); },
+            [&] { parameters_->setRecordAudio(sound = oneIn(2)); },
+            [&] { parameters_->setRecordVideo(recordVideo = !oneIn(4)); },
+            [&] { parameters_->setVideoQuality(quality = 10 + below(91)); },
+            [&] { camera.setParameters((parameters = !oneIn(4)) ? parameters_ : nullptr); },
+            [&] { camera.setCameraOrientation(static_cast<VideoOrientation>(orientation = below(6))); },
+            [&] { camera.setDesiredResolution(desired = any(kSizes)); },
             [&] { setPreset(); },
             // Those were the settings.
             [&] { setDelegate(); },
             [&] { camera.start(), start(); },
             [&] { camera.stop(), stop(); },
             [&] {
-                if (chance(5)) camera.shutdown(), shutdown();
+                if (oneIn(5)) camera.shutdown(), shutdown();
             },
             [&] { EXPECT_EQ(camera.turnTorchOn(), turnTorchOn()); },
             [&] { EXPECT_EQ(camera.turnTorchOff(), turnTorchOff()); },
             [&] { camera.updatePreviewLayer(static_cast<VideoOrientation>(to)), updatePreview(to); },
             [&] {
                 camera.startRecording(), on(kOutput, [this] { record(); });
-                if (chance(2)) runQueue(kOutput);
+                if (oneIn(2)) runQueue(kOutput);
             },
             [&] { camera.stopRecording(), submit(kOutput, [this] { finish(); }), runQueue(kOutput), finishAWriter(); },
             [&] { camera.discardRecording(), submit(kOutput, [this] { discard(); }); },
-            [&] { camera.setShouldRecord(shouldRecord = !chance(3)); },
+            [&] { camera.setShouldRecord(shouldRecord = !oneIn(3)); },
             [&] { camera.deleteCurrentRecording(), removeFile(path); },
             [&] { changeFaults(); },
             [&] { changeFiles(); },
             [&] { askForPermissions(); },
-            [&] { notify(static_cast<ApplicationNotification>(any(3))); },
+            [&] { notify(static_cast<ApplicationNotification>(below(3))); },
             [&] { finishAWriter(); },
             [&] { deliver(), deliver(), deliver(); },
             [&] {
@@ -409,12 +407,12 @@ private:
             },
             [&] { runQueues(); },
         };
-        actions[any(settingsOnly ? 9 : static_cast<int>(std::size(actions)))]();
+        actions[below(settingsOnly ? 9 : static_cast<int>(std::size(actions)))]();
     }
     void choosePreset() {
-        preset = chance(2) ? std::nullopt : std::optional(kPresets[any(4)]);
-        format = static_cast<int>(chance(3) ? kPixelFormat32BGRA : kPixelFormat420v);
-        position = any(3);
+        preset = oneIn(2) ? std::nullopt : std::optional(any(kPresets));
+        format = static_cast<int>(oneIn(3) ? kPixelFormat32BGRA : kPixelFormat420v);
+        position = below(3);
     }
     void setPreset() {
         choosePreset();
@@ -422,7 +420,7 @@ private:
                       : rig.camera->setPreset(preset, format, static_cast<CaptureDevicePosition>(position));
     }
     void setDelegate() {
-        delegate = "dddds-"[any(6)];
+        delegate = "dddds-"[below(6)];
         rig.camera->setDelegate(delegate == 'd' ? rig.delegate : delegate == 's' ? silent_ : nullptr);
         if (delegate != '-') on(kSession, [this] { configure(); });
     }
@@ -433,14 +431,14 @@ private:
     }
     void changeFiles() {
         const char* const names[] = {"selvio_a.mp4", "selvio_b.MP4", "x.mp4"};
-        const Path name = !path.empty() && chance(2) ? path : Path("/documents") / names[any(3)];
-        disk.files[name] = files[name] = std::vector<std::uint8_t>(static_cast<std::size_t>(any(9)));
+        const Path name = !path.empty() && oneIn(2) ? path : Path("/documents") / any(names);
+        disk.files[name] = files[name] = std::vector<std::uint8_t>(static_cast<std::size_t>(below(9)));
         disk.refused = some({"listing", "selvio_a.mp4"});
-        if (chance(3)) disk.refused.insert(name.filename());
+        if (oneIn(3)) disk.refused.insert(name.filename());
     }
     /// The fake's person, who is asked when nothing is determined, grants video only.
     void askForPermissions() {
-        script.authorization = static_cast<AuthorizationStatus>(any(4));
+        script.authorization = static_cast<AuthorizationStatus>(below(4));
         std::vector<bool> granted;
         const auto answer = [&](bool is) { granted.push_back(is); };
         Camera::checkCameraPermission(answer, platform), Camera::checkMicrophonePermission(answer, platform);
@@ -457,23 +455,23 @@ private:
     }
     void finishAWriter() {
         if (made.empty()) return;
-        const std::size_t which = made.size() - 1 - static_cast<std::size_t>(any(2)) % made.size();
+        const std::size_t which = made.size() - 1 - static_cast<std::size_t>(below(2)) % made.size();
         const auto real = script.writers[which].lock();
         if (!real) return;
-        if (const Path& file = made[which]->path; !file.empty() && !chance(4))
+        if (const Path& file = made[which]->path; !file.empty() && !oneIn(4))
             disk.files[file] = files[file] = {1, 2, 3};
-        const auto status = static_cast<Status>("22340"[any(5)] - '0');  // mostly completed
+        const auto status = static_cast<Status>("22340"[below(5)] - '0');  // mostly completed
         real->finish(status);
         finished(*made[which], status);
     }
     void deliver() {
-        if (rig.system->video && chance(2)) return deliver(*rig.system->video);
-        if (rig.system->audio && chance(2)) return deliver(*rig.system->audio);
+        if (rig.system->video && oneIn(2)) return deliver(*rig.system->video);
+        if (rig.system->audio && oneIn(2)) return deliver(*rig.system->audio);
         if (!has("metadata")) return;
         std::vector<MetadataObject> batch;
-        for (int i = any(4); i > 0; --i) {
-            batch.push_back({chance(3) ? "QR" : "PDF417", std::to_string(i), {}});
-            if (chance(3)) batch.back().stringValue.reset();
+        for (int i = below(4); i > 0; --i) {
+            batch.push_back({oneIn(3) ? "QR" : "PDF417", std::to_string(i), {}});
+            if (oneIn(3)) batch.back().stringValue.reset();
         }
         auto& from = *rig.system->metadata;
         from.deliver([&from, batch](auto& to) { to.captureOutputDidOutputMetadataObjects(from, batch, nullptr); });
@@ -483,8 +481,8 @@ private:
         });
     }
     void deliver(auto& from) {
-        const int width = 2 + 2 * any(3);
-        const bool ready = !chance(5), drop = chance(4), isVideo = from.name == "video";
+        const int width = 2 + 2 * below(3);
+        const bool ready = !oneIn(5), drop = oneIn(4), isVideo = from.name == "video";
         from.deliver([&from, drop, sample = selvio::frame(width, ready)](auto& to) {
             drop ? to.captureOutputDidDropSampleBuffer(from, sample, nullptr)
                  : to.captureOutputDidOutputSampleBuffer(from, sample, nullptr);
@@ -523,7 +521,6 @@ private:
             EXPECT_TRUE(cover.style == 1 && cover.tag == 77 && cover.frame == screen);
     }
 
-    std::mt19937 random_;
     const std::shared_ptr<Delegate> silent_ = std::make_shared<Delegate>();
     std::shared_ptr<SelvioFacialCaptureCameraParameters> parameters_;
 };

@@ -6,6 +6,7 @@
 // end.
 #include "Session.h"
 #include "support/FakeVision.h"
+#include "support/Random.h"
 #include "support/Resources.h"
 #include "support/SampleScene.h"
 #include "support/TemporaryDirectory.h"
@@ -19,7 +20,6 @@
 #include <array>
 #include <cstdio>
 #include <iostream>
-#include <random>
 
 namespace {
 
@@ -42,47 +42,46 @@ struct Silent final : app::RunOutput {
 /// and looks for faces, and so warms up what libraries keep for good.
 bool capture(unsigned seed, bool full, const std::shared_ptr<const SimulatedFrames>& frames,
              const std::filesystem::path& out, Silent& output) {
-    std::mt19937 random(seed);
-    const auto below = [&](unsigned end) { return static_cast<unsigned>(random() % end); };
-    const auto chance = [&](unsigned one) { return below(one) == 0; };
+    Random random(seed);
     app::RunOptions options;
     options.out = out;
-    options.parameters->setMode(chance(2) ? SelvioFacialCaptureModeManual : SelvioFacialCaptureModeAuto);
+    options.parameters->setMode(random.oneIn(2) ? SelvioFacialCaptureModeManual : SelvioFacialCaptureModeAuto);
     auto& camera = *options.parameters->cameraParameters();
-    const bool records = full || chance(kWithRecording);
+    const bool records = full || random.oneIn(kWithRecording);
     camera.setRecordVideo(records);
-    camera.setRecordAudio(records && chance(2));
+    camera.setRecordAudio(records && random.oneIn(2));
 
     const auto main = std::make_shared<MainQueue>();
     Platform platform = makeLinuxPlatform();
     platform.mainQueue = main;
     const auto system = useSimulatedCamera(platform, frames, {.pacing = SimulatedPacing::Manual});
-    if (!full && !chance(kWithTrueVision))
+    if (!full && !random.oneIn(kWithTrueVision))
         platform.makeSequenceRequestHandler = [] { return std::make_shared<FakeSequenceRequestHandler>(); };
-    const int dropEvery = chance(10) ? 3 : 0;
-    system->setFaults(
-        {.noCamera = chance(30), .noMicrophone = chance(10), .startFails = chance(30), .dropEvery = dropEvery});
-    if (chance(30)) system->setAccessAnswer(false);
+    system->setFaults({.noCamera = random.oneIn(30),
+                       .noMicrophone = random.oneIn(10),
+                       .startFails = random.oneIn(30),
+                       .dropEvery = random.oneIn(10) ? 3 : 0});
+    if (random.oneIn(30)) system->setAccessAnswer(false);
     bool hasEnded = false;
     const auto ended = [&] { hasEnded = true, main->quit(); };
     const auto session = app::Session::make(platform, options, {}, output, app::Language::English, ended);
 
     std::chrono::nanoseconds time{0};
-    unsigned steps = below(12);
+    int steps = random.below(12);
     const std::function<void()> disturb = [&] {
         if (hasEnded) return;
         if (steps-- == 0) return session->cancelByPerson();
-        const unsigned what = below(8);
+        const int what = random.below(8);
         if (what == 0) {
             session->takePicture();
         } else if (what == 1) {
             std::this_thread::sleep_for(2ms);  // the main queue is late
-        } else if (what == 2 && chance(8)) {
+        } else if (what == 2 && random.oneIn(8)) {
             system->setFaults({.deviceLost = true});
         } else {
             system->deliverFrameAt(time += kFrame);
         }
-        main->asyncAfter(std::chrono::microseconds(below(1500)), disturb);
+        main->asyncAfter(std::chrono::microseconds(random.below(1500)), disturb);
     };
     main->async([&] { session->begin(); });
     main->async(disturb);
