@@ -77,12 +77,9 @@ TEST(Camera, FileNamesAreInLocalTime) {
 
 // Under many hands, on real queues. What is wrong here shows best under the thread sanitizer.
 
-void drain(const std::shared_ptr<Queue>& queue) {
-    dynamic_cast<SerialQueue&>(*queue).drain();
-}
-
 TEST(CameraStress, ControlFromManyThreadsAgainstRunningFrames) {
     constexpr int kRounds = 60;
+    const auto drain = [](const std::shared_ptr<Queue>& queue) { dynamic_cast<SerialQueue&>(*queue).drain(); };
     for (int i = 0; i < 5; ++i) {
         CameraRig rig;
         const auto main = std::make_shared<MainQueue>(rig.clock);

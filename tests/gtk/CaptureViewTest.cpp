@@ -11,6 +11,7 @@
 #include "platform/gtk/FaceOval.h"
 #include "support/FakeDevice.h"
 #include "support/ManualQueue.h"
+#include "support/Pixels.h"
 
 namespace selvio {
 namespace {
@@ -25,9 +26,8 @@ bool areNear(const Colour& a, const Colour& b) {
 
 /// A picture whose left half has one colour and whose right half another.
 std::shared_ptr<PixelBuffer> halves(const Colour& left, const Colour& right) {
-    auto picture = PixelBuffer::create(320, 568, kPixelFormat32BGRA);  // rows without padding
-    for (int x = 0; x < 320 * 568; ++x) std::copy_n((x % 320 < 160 ? left : right).data(), 4, picture->data() + 4 * x);
-    return picture;
+    return painted(320, 568, kPixelFormat32BGRA,
+                   [&](std::uint8_t* sample, int x, int, int) { std::ranges::copy(x < 160 ? left : right, sample); });
 }
 
 /// Something wakes GLib's loop all the time.

@@ -9,6 +9,7 @@
 
 #include "platform/gtk/FaceOval.h"
 #include "platform/gtk/PictureFeed.h"
+#include "support/Pixels.h"
 
 namespace selvio {
 namespace {
@@ -53,21 +54,13 @@ TEST(FaceOval, AFaceThatFillsItPassesEveryCheckOnEveryScreen) {
 
 /// Blue, or the luma, grows across, and red down; of the other format the left half is red.
 std::shared_ptr<PixelBuffer> ramp(int width, int height, PixelFormat format) {
-    auto frame = PixelBuffer::create(width, height, format);
-    std::fill_n(frame->data(), frame->layout().byteSize(), 128);
-    const auto luma = static_cast<int>(frame->bytesPerRow()), chroma = static_cast<int>(frame->bytesPerRow(1));
-    for (int i = 0; i < width * height; ++i) {
-        const int x = i % width, y = i / width, across = 255 * x / (width - 1), down = 255 * y / (height - 1);
-        if (format == kPixelFormat420v) {
-            frame->data()[y * luma + x] = static_cast<std::uint8_t>(16 + 219 * across / 255);
-            frame->data(1)[y / 2 * chroma + (x | 1)] = 2 * x < width ? 166 : 90;
-        } else {
-            std::array pixel{across, 128, down, 255};
-            if (format == kPixelFormat32ARGB) std::ranges::reverse(pixel);
-            std::ranges::copy(pixel, frame->data() + y * luma + 4 * x);
-        }
-    }
-    return frame;
+    return painted(width, height, format, [&](std::uint8_t* sample, int x, int y, int plane) {
+        const int across = 255 * x / (width - 1);
+        std::array pixel{across, 128, 255 * y / (height - 1), 255};
+        if (format == kPixelFormat32ARGB) std::ranges::reverse(pixel);
+        if (format == kPixelFormat420v) pixel = {plane == 0 ? 16 + 219 * across / 255 : 128, 4 * x < width ? 166 : 90};
+        std::copy_n(pixel.begin(), format == kPixelFormat420v ? plane + 1 : 4, sample);
+    });
 }
 
 TEST(PictureScaler, ShowsTheMiddleThatTheScreenShowsMirrored) {
@@ -80,7 +73,7 @@ TEST(PictureScaler, ShowsTheMiddleThatTheScreenShowsMirrored) {
                 SCOPED_TRACE(testing::Message() << width << " on " << screen.width << ", " << format << mirrored);
                 const auto picture = scaler.scaled(*ramp(width, height, format), {181, 321, screen, mirrored});
                 for (const auto& [x, y] : {std::pair{3, 5}, {100, 160}, {175, 40}, {20, 310}}) {
-                    const auto* const pixel = picture->data() + y * static_cast<int>(picture->bytesPerRow()) + 4 * x;
+                    const auto* const pixel = sampleAt(*picture, x, y);
                     const double u = (mirrored ? 180 - x : x) / 180.0;
                     EXPECT_NEAR(pixel[0], 255 * (0.5 + (u - 0.5) * across), 6);
                     EXPECT_NEAR(pixel[3], 255, 3);
