@@ -33,8 +33,6 @@ TEST(CommandLine, RefusesWhatItDoesNotUnderstandAndSaysWhy) {
              {"--source camera --photo a.jpg", "--photo: belongs to --source simulated"},
              {"--source video:a.mp4 --script a.json", "--script: belongs to --source simulated"},
              {"check - a.jpg", "stands alone"},
-             {"check --json --csv a.jpg", "--json excludes --csv"},
-             {"check --jobs 0 a.jpg", "in range 1 to 256"},
              {"--record-video=maybe", "--record-video takes no value\n"},
              {"--no-preview=99999999999999999999", "--no-preview takes no value\n"},
              {"check --json=x a.jpg", "--json takes no value\n"},
