@@ -78,6 +78,10 @@ TEST(Capture, AStopEndsTheOpeningOfACameraThatDoesNotAnswer) {
     EXPECT_TRUE(log.take().empty()) << "nothing has failed";
 }
 
+TEST(Capture, FramesMayBeHeld) {
+    expectFramesMayBeHeld(cameraOf({.sources = {sourceCamera("videotestsrc is-live=true pattern=snow")}}));
+}
+
 TEST(Capture, SaysWhyACameraDoesNotStartOrEnds) {
     const std::tuple<const char*, bool, const char*> cases[] = {
         {"nosuchsource", false, "Capture: could not start: \"nosuchsource\": no element \"nosuchsource\""},

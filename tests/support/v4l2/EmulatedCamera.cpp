@@ -1,30 +1,20 @@
 // A Video4Linux camera without a driver. Preloaded, it answers the ioctls on a node named /dev/video0 (a plain file:
-// umockdev makes it) and passes on all others. NV12 in 320x240 at 30 frames a second: bright pictures, each of another
-// grey than the one before. The settings of its focus controls ("ID=value" lines) are collected in the file `controls`
-// of the directory SELVIO_EMULATED_CAMERA.
+// umockdev makes it) and passes on all others. NV12 in 320x240 at 30 frames a second, but there is no memory for any.
+// The settings of its focus controls ("ID=value" lines) are collected in the file `controls` of the directory
+// SELVIO_EMULATED_CAMERA.
 #include <linux/videodev2.h>
 #include <sys/ioctl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 #include <cerrno>
-#include <chrono>
 #include <cstdarg>
 #include <cstdlib>
-#include <deque>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
-#include <thread>
 
 namespace {
 
-constexpr std::uint32_t kWidth = 320, kHeight = 240, kBytes = kWidth * kHeight * 3 / 2;
-
-std::mutex mutex;
-// All guarded by mutex.
-std::deque<std::uint32_t> queued;
-std::uint32_t sequence = 0;
-std::chrono::steady_clock::time_point started;
+constexpr std::uint32_t kWidth = 320, kHeight = 240;
 
 bool isCamera(int file) {
     std::error_code none;
@@ -33,8 +23,7 @@ bool isCamera(int file) {
 }
 
 /// The error, or 0.
-int answer(int file, unsigned long request, void* argument) {
-    const std::lock_guard lock(mutex);
+int answer(unsigned long request, void* argument) {
     // All lists have one entry, and their questions begin with its index.
     const auto endOfList = [&] { return *static_cast<const std::uint32_t*>(argument) > 0 ? EINVAL : 0; };
     switch (request) {
@@ -64,10 +53,12 @@ int answer(int file, unsigned long request, void* argument) {
             picture.height = kHeight;
             picture.pixelformat = V4L2_PIX_FMT_NV12;
             picture.field = V4L2_FIELD_NONE;
-            picture.sizeimage = kBytes;
+            picture.sizeimage = kWidth * kHeight * 3 / 2;
             picture.colorspace = V4L2_COLORSPACE_SRGB;
             return 0;
         }
+        case VIDIOC_REQBUFS:
+            return ENOMEM;
         case VIDIOC_QUERYCTRL:
         case VIDIOC_S_CTRL: {
             const auto& control = *static_cast<const v4l2_control*>(argument);  // both begin with the ID
@@ -78,39 +69,6 @@ int answer(int file, unsigned long request, void* argument) {
                 << (automatic ? "FOCUS_AUTO=" : "AUTO_FOCUS_START=") << control.value << '\n';
             return 0;
         }
-        case VIDIOC_REQBUFS:
-            return ::ftruncate(file, off_t{static_cast<v4l2_requestbuffers*>(argument)->count} << 20) == 0 ? 0 : EIO;
-        case VIDIOC_DQBUF:
-        case VIDIOC_QUERYBUF:
-        case VIDIOC_QBUF: {
-            auto& buffer = *static_cast<v4l2_buffer*>(argument);
-            if (request == VIDIOC_DQBUF) {
-                if (queued.empty()) return EAGAIN;
-                const auto due = started + std::chrono::microseconds(1'000'000LL * (sequence + 1) / 30);
-                std::this_thread::sleep_until(due);  // a camera has its own pace
-                buffer.index = queued.front();
-                queued.pop_front();
-                std::string picture(kBytes, '\x80');
-                picture.replace(0, kWidth * kHeight, kWidth * kHeight, static_cast<char>(0xE0 + sequence % 8));
-                if (::pwrite(file, picture.data(), kBytes, off_t{buffer.index} << 20) != kBytes) return EIO;
-                const auto time = std::chrono::duration_cast<std::chrono::microseconds>(due.time_since_epoch()).count();
-                buffer.timestamp = {time / 1'000'000, time % 1'000'000};
-                buffer.sequence = sequence++;
-            }
-            buffer.bytesused = buffer.length = kBytes;
-            buffer.flags = V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC;
-            buffer.field = V4L2_FIELD_NONE;
-            buffer.memory = V4L2_MEMORY_MMAP;
-            buffer.m.offset = buffer.index << 20;
-            if (request == VIDIOC_QBUF) queued.push_back(buffer.index);
-            return 0;
-        }
-        case VIDIOC_STREAMON:
-        case VIDIOC_STREAMOFF:
-            started = std::chrono::steady_clock::now();
-            sequence = 0;
-            if (request == VIDIOC_STREAMOFF) queued.clear();
-            return 0;
         default:
             return ENOTTY;
     }
@@ -125,6 +83,6 @@ extern "C" int ioctl(int file, unsigned long request, ...) noexcept {
     va_end(arguments);
     if (_IOC_TYPE(request) != 'V' || !isCamera(file))
         return static_cast<int>(::syscall(SYS_ioctl, file, request, argument));
-    errno = answer(file, request, argument);
+    errno = answer(request, argument);
     return errno == 0 ? 0 : -1;
 }
