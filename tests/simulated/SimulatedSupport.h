@@ -2,7 +2,6 @@
 #pragma once
 
 #include <SelvioFacialCapture/simulated/SimulatedFrames.h>
-#include <gtest/gtest.h>
 
 #include <cmath>
 #include <string>
@@ -28,11 +27,8 @@ inline std::shared_ptr<PixelBuffer> spotPhotograph() {
 
 /// Frames whose script is the list of key frames given.
 inline std::shared_ptr<const SimulatedFrames> spotFrames(const std::string& keyFrames) {
-    auto script = MotionScript::parse("{\"keyFrames\": [" + keyFrames + "]}", "test");
-    EXPECT_TRUE(script) << script.error().localizedDescription;
-    auto frames = SimulatedFrames::make(spotPhotograph(), spotGeometry(), script.value());
-    EXPECT_TRUE(frames) << frames.error().localizedDescription;
-    return frames.value();
+    const auto script = MotionScript::parse("{\"keyFrames\": [" + keyFrames + "]}", "test");
+    return SimulatedFrames::make(spotPhotograph(), spotGeometry(), script.value()).value();
 }
 
 inline constexpr const char* kSteady = R"({"at": 0, "visible": true, "center": [0.5, 0.45], "jawWidth": 0.6})";

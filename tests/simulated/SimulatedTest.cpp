@@ -340,7 +340,7 @@ TEST(SimulatedCapture, FaultsSoundAndCodesOfARunningSession) {
 
 // By itself, on a queue of its own.
 TEST(SimulatedCapture, RunsUntilItsDelegateStopsItAndWhateverManyThreadsDo) {
-    std::atomic<bool> stops{true};  // outlives the queue, whose frames ask for it
+    std::atomic<bool> stops{true};
     const auto frameQueue = std::make_shared<SerialQueue>("frames");
     Rig rig(kSteady, {.frameRate = 240}, frameQueue);
     rig.probe->onFrame = [&](const auto&) {
@@ -369,7 +369,9 @@ TEST(SimulatedCapture, RunsUntilItsDelegateStopsItAndWhateverManyThreadsDo) {
     rig.system->setFaults({});
     rig.video->setSampleBufferDelegate(rig.probe, frameQueue);
     rig.session->startRunning();
-    EXPECT_TRUE(rig.probe->waitForFrames(3));  // and the running session's end is the end of its thread
+    EXPECT_TRUE(rig.probe->waitForFrames(3));
+    rig.session = nullptr;  // the running session's end is the end of its thread
+    frameQueue->drain();
 }
 
 TEST(SimulatedMotionManager, ReadsTheScriptUntilStopped) {
