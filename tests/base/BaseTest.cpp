@@ -1,4 +1,3 @@
-#include <SelvioFacialCapture/base/CallGate.h>
 #include <SelvioFacialCapture/base/ConcurrentQueue.h>
 #include <SelvioFacialCapture/base/Log.h>
 #include <SelvioFacialCapture/base/MainQueue.h>
@@ -45,27 +44,6 @@ TEST(Log, ASinkMayLogAndBeReplacedFromWithin) {
     EXPECT_FALSE(setLogSink(before));
 }
 
-TEST(CallGate, LetsNothingThroughOnceItIsClosedAndWaitsForWhatRuns) {
-    CallGate gate, own;
-    std::promise<void> begun;
-    std::atomic<bool> ended{false};
-    const auto call = [&] {
-        begun.set_value();
-        std::this_thread::sleep_for(20ms);
-        ended = true;
-    };
-    const auto other = std::async(std::launch::async, [&] { gate.pass(call); });
-    begun.get_future().wait();
-    EXPECT_FALSE(gate.isInside()) << "another thread is";
-    gate.close();
-    EXPECT_TRUE(ended);
-    gate.pass([] { ADD_FAILURE() << "it is closed"; });
-
-    bool inside = false;
-    own.pass([&] { own.close(), inside = own.isInside(); });  // does not wait for itself
-    EXPECT_TRUE(inside);
-}
-
 TEST(MemberMutex, WhatIsReplacedEndsOutsideOfTheLock) {
     MemberMutex mutex;
     const auto isFree = [&] { return std::unique_lock(mutex, std::try_to_lock).owns_lock(); };
@@ -110,14 +88,6 @@ TEST(Queues, RunBlocksInOrderAndAtTheirEndWhateverIsLeft) {
         expected.insert(expected.end(), {100, 101, 102});
         EXPECT_EQ(order[0], expected);
     }
-}
-
-TEST(SerialQueue, Drains) {
-    SerialQueue queue("test");
-    std::atomic<bool> done{false};
-    queue.async([&] { std::this_thread::sleep_for(1ms), done = true; });
-    queue.drain();
-    EXPECT_TRUE(done);
 }
 
 TEST(Queues, DestroyABlockAsAPartOfIt) {
