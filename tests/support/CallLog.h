@@ -14,7 +14,7 @@ namespace selvio {
 class CallLog {
 public:
     /// The words of one call.
-    void add(const auto&... words) {
+    void add(const auto&... words) const {
         std::ostringstream call;
         const char* gap = "";
         ((call << std::exchange(gap, " ") << words), ...);
@@ -22,7 +22,7 @@ public:
         list_->calls.push_back(call.str());
     }
     /// What was called since the last call.
-    std::vector<std::string> take() {
+    std::vector<std::string> take() const {
         const std::lock_guard lock(list_->mutex);
         return std::exchange(list_->calls, {});
     }

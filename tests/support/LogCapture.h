@@ -3,28 +3,22 @@
 
 #include <SelvioFacialCapture/base/Log.h>
 
-#include <string>
 #include <utility>
-#include <vector>
 
 #include "support/CallLog.h"
 
 namespace selvio {
 
-class LogCapture {
+/// A thread that is still logging shares the list.
+class LogCapture : public CallLog {
 public:
-    explicit LogCapture(CallLog messages = {})
-        : messages_(messages),
-          previous_(setLogSink([messages](std::string_view line) mutable { messages.add(std::string(line)); })) {}
+    explicit LogCapture(const CallLog& messages = {})
+        : CallLog(messages), previous_(setLogSink([=](std::string_view line) { messages.add(line); })) {}
     ~LogCapture() { setLogSink(std::move(previous_)); }
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
-    /// What was logged since the last call.
-    std::vector<std::string> take() { return messages_.take(); }
-
 private:
-    CallLog messages_;  // shared with a thread that is still logging
     LogSink previous_;
 };
 
