@@ -1,5 +1,6 @@
 // Still images: the loader and the search for faces.
 #include "FuzzSupport.h"
+#include "support/Pixels.h"
 
 #include <SelvioFacialCapture/linux/Codec.h>
 #include <SelvioFacialCapture/linux/Vision.h>
@@ -13,11 +14,9 @@ void selvio::check(std::string_view input) {
     if (!picture) return requireReason(picture.error().localizedDescription);
     const PixelBufferLayout& layout = picture.value()->layout();
     require(layout.format == kPixelFormat32BGRA && layout.width > 0 && layout.height > 0, "a picture is BGRA");
-    for (int y = 0; y < layout.height; ++y) {
-        const std::uint8_t* pixel =
-            picture.value()->data(0) + static_cast<std::size_t>(y) * picture.value()->bytesPerRow();
-        for (int x = 0; x < layout.width; ++x, pixel += 4)
-            require(std::max({pixel[0], pixel[1], pixel[2]}) <= pixel[3], "a colour is premultiplied with its alpha");
+    for (int i = 0; i < layout.width * layout.height; ++i) {
+        const auto* const pixel = sampleAt(*picture.value(), i % layout.width, i / layout.width);
+        require(std::max({pixel[0], pixel[1], pixel[2]}) <= pixel[3], "a colour is premultiplied with its alpha");
     }
     constexpr int kMostPixels = 64 * 64;  // the search takes as long as thousands of small files
     if (layout.width * layout.height > kMostPixels || std::hash<std::string_view>()(input) % 64 != 0) return;
