@@ -36,8 +36,7 @@ struct ScreenFace {
 };
 
 /// Loads the same picture from every path, if there is one.
-class FakeImageLoader final : public ImageLoader {
-public:
+struct FakeImageLoader final : ImageLoader {
     Expected<std::shared_ptr<PixelBuffer>> loadImage(const std::string& path) const override {
         if (!picture) return Error{path + ": no such file"};
         return picture;
@@ -46,8 +45,7 @@ public:
 };
 
 /// A motion feed that the test speaks for.
-class FakeMotionManager final : public MotionManager {
-public:
+struct FakeMotionManager final : MotionManager {
     void setDeviceMotionUpdateInterval(std::chrono::nanoseconds value) override { interval = value; }
     void startDeviceMotionUpdates(std::shared_ptr<Queue>, Handler handler) override {
         mutex_.set(handler_, std::move(handler));

@@ -10,8 +10,9 @@
 #include "analyzer/AnalyzerFixture.h"
 #include "support/Random.h"
 
-namespace selvio {
 namespace {
+
+using namespace selvio;
 
 using Delegate = SelvioFacialCaptureAnalyzerDelegate;
 using UxpEvents = SelvioFacialCaptureUxpEventManager;
@@ -21,8 +22,7 @@ MATCHER(HasPart, "") {
     return std::get<0>(arg).find(std::get<1>(arg)) != std::string::npos;
 }
 
-class Analyzer : public ::testing::Test, public ManualAnalyzer {
-protected:
+struct Analyzer : ::testing::Test, ManualAnalyzer {
     Analyzer() {
         UxpEvents::destroySharedInstance();
         makeAnalyzer(platform());
@@ -272,4 +272,3 @@ TEST(Threads, ClockDeviceMotionManagerAndThePicturesOwnerMayControlTheCapture) {
 }
 
 }  // namespace
-}  // namespace selvio

@@ -11,8 +11,9 @@
 
 #include "support/ManualClock.h"
 
-namespace selvio {
 namespace {
+
+using namespace selvio;
 
 using namespace std::chrono_literals;
 using Numbers = std::vector<int>;
@@ -205,4 +206,3 @@ TEST(MainQueue, ItsClockAndItsHookMayCallEveryOperation) {
 }
 
 }  // namespace
-}  // namespace selvio

@@ -5,8 +5,9 @@
 #include "CameraRig.h"
 #include "support/Random.h"
 
-namespace selvio {
 namespace {
+
+using namespace selvio;
 
 using Status = AssetWriterStatus;
 using Path = std::filesystem::path;
@@ -533,4 +534,3 @@ TEST(CameraModel, RandomScenariosAgree) {
 }
 
 }  // namespace
-}  // namespace selvio

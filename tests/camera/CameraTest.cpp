@@ -10,8 +10,9 @@
 #include "CameraRig.h"
 #include "camera/rules/RecordingRules.h"
 
-namespace selvio {
 namespace {
+
+using namespace selvio;
 
 TEST(Camera, ItsArchiveHoldsItsFrame) {
     CameraRig rig;
@@ -142,4 +143,3 @@ TEST(CameraStress, ControlFromManyThreadsAgainstRunningFrames) {
 }
 
 }  // namespace
-}  // namespace selvio

@@ -76,8 +76,7 @@ Bytes claimingSize(const Bytes& file, std::uint32_t width, std::uint32_t height)
     return patched(claiming, 29, crc32(0, claiming.data() + 12, 17), 4);
 }
 
-class Codec : public testing::Test {
-protected:
+struct Codec : testing::Test {
     [[nodiscard]] std::shared_ptr<PixelBuffer> loaded(const Bytes& file) const {
         return loader.loadImage(directory.write("picture", file)).value();
     }

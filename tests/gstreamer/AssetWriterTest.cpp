@@ -17,8 +17,9 @@
 #include <random>
 #include <thread>
 
-namespace selvio {
 namespace {
+
+using namespace selvio;
 
 using namespace ::testing;
 using std::chrono::nanoseconds;
@@ -41,8 +42,7 @@ std::shared_ptr<PixelBuffer> flat(int width, int height, PixelFormat format, con
     });
 }
 
-class Writer : public Test {
-protected:
+struct Writer : Test {
     /// False if nothing can be written.
     bool start(const VideoSettings& settings, bool withAudio = false) {
         const auto factory = makeGstAssetWriterFactory();
@@ -292,4 +292,3 @@ TEST(VideoEncoders, HardwareByRankComesBeforeSoftwareInOrder) {
 }
 
 }  // namespace
-}  // namespace selvio

@@ -6,8 +6,9 @@
 #include <ZXing/BitMatrix.h>
 #include <ZXing/MultiFormatWriter.h>
 
-namespace selvio {
 namespace {
+
+using namespace selvio;
 
 /// The one camera of a system that looks for no others.
 Camera cameraOf(CaptureOptions options) {
@@ -307,4 +308,3 @@ TEST(AudioClock, SmoothsJitterFollowsDriftAndJumpsOverLosses) {
 }
 
 }  // namespace
-}  // namespace selvio

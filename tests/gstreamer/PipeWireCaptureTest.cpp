@@ -7,14 +7,14 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-namespace selvio {
 namespace {
+
+using namespace selvio;
 
 /// A program that a test needs beside it, for as long as this is held.
 using Child = std::shared_ptr<void>;
 
-class PipeWireCapture : public ::testing::Test {
-protected:
+struct PipeWireCapture : ::testing::Test {
     void SetUp() override {
         if (!std::getenv("SELVIO_PRIVATE_PIPEWIRE")) GTEST_SKIP() << "UNAVAILABLE: no PipeWire";
     }
@@ -109,4 +109,3 @@ TEST_F(PipeWireCapture, AnUnpluggedCameraEndsTheRun) {
 }
 
 }  // namespace
-}  // namespace selvio

@@ -13,8 +13,9 @@
 #include "support/ManualQueue.h"
 #include "support/Pixels.h"
 
-namespace selvio {
 namespace {
+
+using namespace selvio;
 
 using Colour = std::array<std::uint8_t, 4>;  // blue, green, red, alpha
 constexpr Colour kRed{0, 0, 255, 255}, kBlue{255, 0, 0, 255}, kWhite{255, 255, 255, 255}, kAmber{0, 184, 255, 255};
@@ -254,4 +255,3 @@ TEST_F(CaptureView, EndsBeforeOrAfterItsWidgetAndOnAnyThread) {
 }
 
 }  // namespace
-}  // namespace selvio

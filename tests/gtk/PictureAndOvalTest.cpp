@@ -11,8 +11,9 @@
 #include "platform/gtk/PictureFeed.h"
 #include "support/Pixels.h"
 
-namespace selvio {
 namespace {
+
+using namespace selvio;
 
 /// The statuses of a face on the screen; at size 1 its contour ends touch the oval's sides and its chin the lower end.
 std::vector<SelvioFacialCaptureStatus> statusesOf(double size, const rules::FaceLimits& limits, Size screen) {
@@ -133,4 +134,3 @@ TEST(MainLoop, DrainsTheQueueInGLibsLoopUntilItIsReleased) {
 }
 
 }  // namespace
-}  // namespace selvio

@@ -11,8 +11,9 @@
 #include "support/ManualQueue.h"
 #include "support/SampleScene.h"
 
-namespace selvio {
 namespace {
+
+using namespace selvio;
 
 constexpr int kWidth = 720;
 constexpr int kHeight = 1280;
@@ -39,8 +40,7 @@ rules::FaceChecksInput trueChecksInput(const FrameFace& face) {
             .shouldHoldStill = false};
 }
 
-class Guidance : public ::testing::Test {
-protected:
+struct Guidance : ::testing::Test {
     void SetUp() override {
         ASSERT_FALSE(waitForVisionModels().has_value());
         Platform platform = makeLinuxPlatform();
@@ -128,4 +128,3 @@ TEST_F(Guidance, ASteadyFaceUnderSensorNoiseDoesNotFlicker) {
 }
 
 }  // namespace
-}  // namespace selvio

@@ -7,8 +7,9 @@
 #include "support/MediaProbe.h"
 #include "support/SampleScene.h"
 
-namespace selvio {
 namespace {
+
+using namespace selvio;
 
 using ::testing::HasSubstr;
 
@@ -59,4 +60,3 @@ TEST(PipeWireSession, ACaptureEndsWithPhotographRecordAndRecording) {
 }
 
 }  // namespace
-}  // namespace selvio

@@ -16,8 +16,9 @@
 #include "support/MediaProbe.h"
 #include "support/Resources.h"
 
-namespace selvio {
 namespace {
+
+using namespace selvio;
 
 using testing::HasSubstr;
 namespace fs = std::filesystem;
@@ -186,4 +187,3 @@ TEST(Recording, ManyStartsAndStopsLeaveNothingBehind) {
 }
 
 }  // namespace
-}  // namespace selvio

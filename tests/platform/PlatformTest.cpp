@@ -4,8 +4,9 @@
 #include <memory>
 #include <vector>
 
-namespace selvio {
 namespace {
+
+using namespace selvio;
 
 TEST(DefaultPlatform, IsThePortableOneUntilAnotherIsSet) {
     const auto first = defaultPlatform().notificationCenter;
@@ -44,4 +45,3 @@ TEST(NotificationCenter, CallsWhoIsThereInOrderAndMayBeCalledBack) {
 }
 
 }  // namespace
-}  // namespace selvio

@@ -15,14 +15,14 @@
 #include "support/ComesTrue.h"
 #include "support/TemporaryDirectory.h"
 
-namespace selvio {
 namespace {
+
+using namespace selvio;
 
 using Files = std::map<std::string, std::string>;
 
 // A tree of files such as the kernel shows.
-class IioTree : public ::testing::Test {
-protected:
+struct IioTree : ::testing::Test {
     void write(const std::string& device, const Files& files) {
         for (const auto& [name, text] : files)
             directory_.write((std::filesystem::path(device) / name).string(), text + "\n");
@@ -142,4 +142,3 @@ TEST(OrientationSensor, FollowsTheProxyWhileThereIsOne) {
 }
 
 }  // namespace
-}  // namespace selvio

@@ -18,8 +18,9 @@
 #include "support/ManualClock.h"
 #include "support/ManualQueue.h"
 
-namespace selvio {
 namespace {
+
+using namespace selvio;
 
 using namespace std::chrono_literals;
 using namespace ::testing;
@@ -408,4 +409,3 @@ TEST(SimulatedPlatform, ItsDetectorSaysWhatTheScriptSays) {
 }
 
 }  // namespace
-}  // namespace selvio

@@ -12,8 +12,7 @@
 
 namespace selvio {
 
-class CaptureProbe : public CaptureOutputDelegate {
-public:
+struct CaptureProbe : CaptureOutputDelegate {
     /// `queue`: the one on which everything is to come.
     explicit CaptureProbe(std::shared_ptr<Queue> queue) : queue_(std::move(queue)) {}
 

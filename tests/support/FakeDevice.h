@@ -8,8 +8,7 @@
 
 namespace selvio {
 
-class FakeDevice final : public Device {
-public:
+struct FakeDevice final : Device {
     [[nodiscard]] std::string systemVersion() const override { return duringQuestions(), "12.11"; }
     [[nodiscard]] std::string model() const override { return duringQuestions(), "Kiosk"; }
     [[nodiscard]] std::string machineName() const override { return duringQuestions(), "x86_64"; }
@@ -22,8 +21,7 @@ private:
     std::atomic<DeviceOrientation> orientation_{DeviceOrientation::Portrait};
 };
 
-class FakeScreen final : public Screen {
-public:
+struct FakeScreen final : Screen {
     explicit FakeScreen(Size bounds = {1080.0, 1920.0},
                         InterfaceOrientation orientation = InterfaceOrientation::Portrait)
         : bounds_(bounds), orientation_(orientation) {}

@@ -8,8 +8,7 @@
 
 namespace selvio {
 
-class FakeImageCodec final : public ImageCodec {
-public:
+struct FakeImageCodec final : ImageCodec {
     std::optional<Bytes> encodeJpeg(const Image& image, double quality) const override {
         duringEncoding(image);
         if (!image.bitmap || failsAt == 1) return std::nullopt;

@@ -9,8 +9,7 @@
 
 namespace selvio {
 
-class FakeSequenceRequestHandler final : public SequenceRequestHandler {
-public:
+struct FakeSequenceRequestHandler final : SequenceRequestHandler {
     using Answer = std::function<Expected<FaceLandmarksResult>(const FaceLandmarksRequest&)>;
 
     Expected<FaceLandmarksResult> perform(const FaceLandmarksRequest& request) override {
@@ -28,8 +27,7 @@ private:
     Answer answer_ = [](const auto&) { return FaceLandmarksResult{}; };  // guarded by mutex_
 };
 
-class FakeFaceDetector final : public FaceDetector {
-public:
+struct FakeFaceDetector final : FaceDetector {
     using Answer = std::function<std::vector<FaceFeature>(const Image& image, bool smile)>;
 
     std::vector<FaceFeature> featuresInImage(const Image& image, bool smile) override {

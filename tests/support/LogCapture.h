@@ -10,8 +10,7 @@
 namespace selvio {
 
 /// A thread that is still logging shares the list.
-class LogCapture : public CallLog {
-public:
+struct LogCapture : CallLog {
     explicit LogCapture(const CallLog& messages = {})
         : CallLog(messages), previous_(setLogSink([=](std::string_view line) { messages.add(line); })) {}
     ~LogCapture() { setLogSink(std::move(previous_)); }

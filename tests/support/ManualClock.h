@@ -9,8 +9,7 @@
 
 namespace selvio {
 
-class ManualClock final : public Clock {
-public:
+struct ManualClock final : Clock {
     double secondsSinceReferenceDate() const override { return std::chrono::duration<double>(monotonicTime()).count(); }
     std::chrono::nanoseconds monotonicTime() const override {
         const std::chrono::nanoseconds told(now_.load());  // late, if the call turns the hands

@@ -9,8 +9,7 @@
 
 namespace selvio {
 
-class ManualQueue final : public Queue {
-public:
+struct ManualQueue final : Queue {
     explicit ManualQueue(std::string label = "manual") : label_(std::move(label)) {}
 
     void async(Block block) override { ready_.push_back(std::move(block)); }

@@ -9,8 +9,9 @@
 #include "support/LogCapture.h"
 #include "support/ManualClock.h"
 
-namespace selvio {
 namespace {
+
+using namespace selvio;
 
 using nlohmann::json;
 using Manager = SelvioFacialCaptureUxpEventManager;
@@ -90,8 +91,7 @@ TEST(UxpEvents, TheSharedLogStartsAnewOnceDestroyed) {
     EXPECT_EQ(fresh->events(), json::array());
 }
 
-class DataRecord : public ::testing::Test {
-protected:
+struct DataRecord : ::testing::Test {
     DataRecord() {
         Platform platform;
         platform.device = device;
@@ -157,4 +157,3 @@ TEST_F(DataRecord, ARecordTooLongForItsSegmentLosesItsOldestEventsInThePhotograp
 }
 
 }  // namespace
-}  // namespace selvio

@@ -1,8 +1,9 @@
 // A Video4Linux camera, emulated below the ioctls, through the same adapters as a real one.
 #include "gstreamer/CaptureRig.h"
 
-namespace selvio {
 namespace {
+
+using namespace selvio;
 
 TEST(V4l2Capture, IsFoundOpenedInItsOwnFormatAndSetsTheFocus) {
     const char* const files = std::getenv("SELVIO_EMULATED_CAMERA");
@@ -26,4 +27,3 @@ TEST(V4l2Capture, IsFoundOpenedInItsOwnFormatAndSetsTheFocus) {
 }
 
 }  // namespace
-}  // namespace selvio

@@ -12,8 +12,9 @@
 #include <numeric>
 #include <thread>
 
-namespace selvio {
 namespace {
+
+using namespace selvio;
 
 using Utilities = SelvioFacialCaptureImageUtilities;
 
@@ -214,4 +215,3 @@ TEST(FaceDetector, FindsEveryFaceOfAPictureOnce) {
 }
 
 }  // namespace
-}  // namespace selvio

@@ -13,8 +13,9 @@
 #include <cmath>
 #include <cstring>
 
-namespace selvio {
 namespace {
+
+using namespace selvio;
 
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -159,4 +160,3 @@ TEST(FaceDetector, ShowsPicturesAsTheirOrientationSays) {
 }
 
 }  // namespace
-}  // namespace selvio
