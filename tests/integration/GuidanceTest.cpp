@@ -15,8 +15,7 @@ namespace {
 
 using namespace selvio;
 
-constexpr int kWidth = 720;
-constexpr int kHeight = 1280;
+constexpr int kWidth = 720, kHeight = 1280;
 constexpr Size kScreen{1080, 1920};
 using Statuses = std::vector<SelvioFacialCaptureStatus>;
 

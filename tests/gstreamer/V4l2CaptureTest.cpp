@@ -1,5 +1,5 @@
 // A Video4Linux camera, emulated below the ioctls, through the same adapters as a real one.
-#include "gstreamer/CaptureRig.h"
+#include "CaptureRig.h"
 
 namespace {
 
