@@ -58,6 +58,10 @@ TEST(CommandLine, PassesEveryCaptureParameterOn) {
         EXPECT_EQ(std::get<RunOptions>(std::get<Command>(outcome)).parameters->toDictionary(), expected) << option;
     }
     EXPECT_EQ(expected.size(), 14U);
+    testing::internal::CaptureStderr();
+    const auto soundAlone = std::get<RunOptions>(std::get<Command>(parse("run --record-audio")));
+    EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("has no effect without --record-video"));
+    EXPECT_FALSE(soundAlone.parameters->cameraParameters()->recordAudio());
 }
 
 TEST(Countdown, FollowsWhatIsReported) {

@@ -54,10 +54,11 @@ struct Rig {
             for (std::size_t i = 0; i < queues.size(); ++i) any = queues[i]->runNext() || any;
         }
     }
-    void sendFrame() {
-        camera->video->deliver(SampleBuffer::makeVideo(PixelBuffer::create(72, 128, kPixelFormat420v), {}));
-        run();
+    /// The clock of the fake session stands at 42 s.
+    void deliverFrame(std::chrono::seconds time) {
+        camera->video->deliver(SampleBuffer::makeVideo(PixelBuffer::create(72, 128, kPixelFormat420v), {time, {}}));
     }
+    void sendFrame() { deliverFrame(42s), run(); }
     [[nodiscard]] bool has(const char* file) const { return std::filesystem::exists(directory.path() / file); }
 
     LogCapture log;
@@ -81,13 +82,20 @@ TEST(Session, IsCancelledAtAnyMomentOfItsStart) {
             if (steps >= 0) rig.session->begin();
             rig.run(steps);
             rig.session->takePicture();
+            if (rig.camera->video) rig.deliverFrame(41s);  // before the recording
+            rig.capture->duringStop = [&rig] {
+                rig.deliverFrame(43s);
+                for (const auto& queue : rig.queues)
+                    if (queue->label().ends_with("videoDataOutputQueue")) queue->runAll();
+            };
             testing::internal::CaptureStderr();
             rig.session->cancelByPerson();
             rig.session->cancelByPerson();
             rig.session->takePicture();
             if (steps < 0) rig.session->begin();
             rig.run();
-            EXPECT_EQ(testing::internal::GetCapturedStderr(), "") << "no frame came, so that no recording failed";
+            EXPECT_EQ(testing::internal::GetCapturedStderr(), "")
+                << "no frame came in time, so that no recording failed";
             EXPECT_EQ(rig.ended, 1);
             EXPECT_EQ(rig.session->exitCode(), ExitCode::NotCaptured);
             EXPECT_THAT(rig.output.lines, testing::ElementsAre("Cancelled", testing::StartsWith("detectionCancelled"),

@@ -24,20 +24,25 @@ TEST(Camera, ItsArchiveHoldsItsFrame) {
               std::pair(other, Rect{5.0, 6.0, 7.5, 8.0}));
 }
 
-TEST(Camera, ShutDownInTheMiddleLeavesNothing) {
-    CameraRig rig;
-    rig.platform.makeSerialQueue = [&rig, make = rig.platform.makeSerialQueue](const std::string& label) {
-        if (label == kCodes) rig.camera->shutdown();
-        return make(label);
-    };
-    rig.make();
-    rig.camera->parameters()->setRecordAudio(true);
-    rig.camera->setDetectPDF417(true);
-    rig.configure();
-    EXPECT_TRUE(rig.queues.contains(kCodes));
-    EXPECT_TRUE(rig.system->session->outputs().empty() && !rig.camera->metaDataOutput());
-    EXPECT_FALSE(rig.camera->isConfigured());
-    EXPECT_THAT(rig.log.take(), testing::Not(testing::Contains(testing::ContainsRegex("Can't|Could|Failed|told"))));
+TEST(Camera, ShutDownOrReleasedInTheMiddleLeavesNothing) {
+    for (const bool released : {false, true}) {
+        CameraRig rig;
+        std::weak_ptr<Camera> camera;
+        rig.platform.makeSerialQueue = [&, make = rig.platform.makeSerialQueue](const std::string& label) {
+            if (label == kCodes) released ? rig.camera.reset() : rig.camera->shutdown();
+            EXPECT_FALSE(released && label == kCodes && !camera.expired()) << "kept until the configuration ends";
+            return make(label);
+        };
+        rig.make();
+        camera = rig.camera;
+        rig.camera->parameters()->setRecordAudio(true);
+        rig.camera->setDetectPDF417(true);
+        rig.configure();
+        EXPECT_TRUE(rig.queues.contains(kCodes));
+        EXPECT_TRUE(rig.system->session->outputs().empty() && rig.system->session->inputs().empty());
+        EXPECT_FALSE(!released && (rig.camera->metaDataOutput() || rig.camera->isConfigured()));
+        EXPECT_THAT(rig.log.take(), testing::Not(testing::Contains(testing::ContainsRegex("Can't|Could|Failed|told"))));
+    }
 }
 
 // A delegate call that runs is waited for, but not by one.

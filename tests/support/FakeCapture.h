@@ -30,6 +30,7 @@ struct FakeCaptureScript {
     std::string codec = kVideoCodecTypeH264;
     AuthorizationStatus authorization = AuthorizationStatus::Authorized;
     std::vector<std::weak_ptr<FakeAssetWriter>> writers;  ///< those made
+    std::function<void()> duringStop = [] {};             ///< of the session
 
     bool allows(const std::string& what) const { return !refused.contains(what); }
 };
@@ -147,7 +148,7 @@ public:
     std::vector<std::shared_ptr<CaptureDeviceInput>> inputs() const { return mutex_.get(inputs_); }
     bool isRunning() const override { return running_; }
     void startRunning() override { say("run"), running_ = script->allows("run"); }
-    void stopRunning() override { say("stop"), sayIfUnlocked(), running_ = false; }
+    void stopRunning() override { say("stop"), sayIfUnlocked(), script->duringStop(), running_ = false; }
     std::chrono::nanoseconds masterClockTime() const override { return std::chrono::seconds(42); }
 
 private:
