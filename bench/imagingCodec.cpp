@@ -20,7 +20,7 @@ constexpr int kQuality = 95;
 
 /// Smooth shapes under a camera's noise; the same on every run.
 std::shared_ptr<PixelBuffer> photograph() {
-    return test::painted(kWidth, kHeight, kPixelFormat32BGRA, [random = 1U](auto* pixel, int x, int y, int) mutable {
+    return painted(kWidth, kHeight, kPixelFormat32BGRA, [random = 1U](auto* pixel, int x, int y, int) mutable {
         for (int i = 4 * x; i < 4 * x + 4; ++i) {
             random = random * 1664525 + 1013904223;
             const int noise = static_cast<int>(random >> 29) - 4;
@@ -33,8 +33,8 @@ std::shared_ptr<PixelBuffer> photograph() {
 /// The same picture as a camera's 420v frame, colour taken from every second pixel of every second row.
 std::shared_ptr<PixelBuffer> photograph420v() {
     const auto picture = photograph();
-    return test::painted(kWidth, kHeight, kPixelFormat420v, [&](auto* sample, int x, int y, int plane) {
-        const auto* const bgr = plane == 0 ? test::sampleAt(*picture, x, y) : test::sampleAt(*picture, 2 * x, 2 * y);
+    return painted(kWidth, kHeight, kPixelFormat420v, [&](auto* sample, int x, int y, int plane) {
+        const auto* const bgr = plane == 0 ? sampleAt(*picture, x, y) : sampleAt(*picture, 2 * x, 2 * y);
         const int b = bgr[0], g = bgr[1], r = bgr[2];
         if (plane == 0) {
             sample[0] = static_cast<std::uint8_t>(16 + (66 * r + 129 * g + 25 * b) / 256);

@@ -37,7 +37,7 @@ const std::vector<std::shared_ptr<PixelBuffer>>& noisyFrames() {
         std::normal_distribution<double> sensor(0.0, 8.0);
         for (int& n : noise) n = static_cast<int>(std::lround(sensor(random)));
         for (int i = 0; i < 30; ++i) {
-            made.push_back(test::painted(
+            made.push_back(painted(
                 kWidth, kHeight, kPixelFormat420v, [&, n = random()](auto* sample, int x, int y, int plane) mutable {
                     if (plane == 1) return void(std::fill_n(sample, 2, 128));
                     const double wave = std::sin((x + 12 * i) * 0.02) + std::cos((y + 6 * i) * 0.013);
