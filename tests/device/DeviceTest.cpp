@@ -5,6 +5,7 @@
 #include <SelvioFacialCapture/linux/Files.h>
 
 #include <gmock/gmock.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -98,6 +99,18 @@ TEST(LinuxFileManager, SaysWhyItCannot) {
     LogCapture log;
     EXPECT_EQ(LinuxFileManager(one + "/Documents").documentsDirectory(), one + "/Documents") << "whose users say why";
     EXPECT_THAT(log.take(), testing::ElementsAre(testing::HasSubstr("Couldn't make the documents directory " + one)));
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const int nextDescriptor = dup(STDERR_FILENO);
+    close(nextDescriptor);
+    const rlimit none{static_cast<rlim_t>(nextDescriptor), limit.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    alarm(10);  // rather than directories until the disk is full
+    EXPECT_EQ(files.documentsDirectory(), root.path());
+    alarm(0);
+    setrlimit(RLIMIT_NOFILE, &limit);
+    EXPECT_THAT(log.take(), testing::ElementsAre(testing::HasSubstr("Too many open files")));
+    EXPECT_EQ(test::entriesIn(root.path()), 1U) << "what could not be locked has gone";
     EXPECT_FALSE(files.removeItem(one));
     EXPECT_EQ(files.removeItem(one)->localizedDescription, missing);
     EXPECT_EQ(files.contentsOfDirectory(one).error().localizedDescription, missing);

@@ -70,11 +70,14 @@ std::error_code makePrivateDirectories(const fs::path& directory) {
 
 constexpr std::string_view kOwnPrefix = "selvio-process-";
 
-/// A descriptor that holds the lock of a directory; negative if another one holds it, or it is no directory.
+/// A descriptor that holds the lock of a directory; negative, with the reason in errno, if there is none. EWOULDBLOCK:
+/// another one holds it.
 int lockDirectory(const fs::path& directory) {
     const int descriptor = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (descriptor < 0 || flock(descriptor, LOCK_EX | LOCK_NB) == 0) return descriptor;
+    const int reason = errno;
     close(descriptor);
+    errno = reason;
     return -1;
 }
 
@@ -117,10 +120,15 @@ std::pair<fs::path, int> makeOwnDirectory(const fs::path& parent, std::error_cod
             return {fs::path(), -1};
         }
         const int lock = lockDirectory(path);
-        if (lock < 0) continue;  // another manager took it for a leftover
         struct stat status {};
-        if (fstat(lock, &status) == 0 && status.st_nlink > 0) return {path, lock};
-        close(lock);
+        if (lock >= 0 && fstat(lock, &status) == 0 && status.st_nlink > 0) return {path, lock};
+        // Another manager may take it for a leftover: it holds the lock, or has removed it before or after this opened.
+        const bool taken = lock >= 0 || errno == EWOULDBLOCK || errno == ENOENT;
+        if (lock >= 0) close(lock);
+        if (taken) continue;
+        error = lastError();
+        rmdir(path.c_str());
+        return {fs::path(), -1};
     }
 }
 
