@@ -293,6 +293,15 @@ TEST(CaptureRules, TheMiddleIsCutInTheShapeOfTheOrientation) {
     EXPECT_EQ(cropFor(1280, 720, VideoOrientation::NotSet), (FrameCrop{0, 0, 1280, 720}));
 }
 
+TEST(CaptureRules, TimeInWhichTheProcessWasStoppedIsNoWait) {
+    Wait wait(0s, 1s);
+    EXPECT_EQ(wait.look(1s), 1s);
+    EXPECT_EQ(wait.look(3s), 3s);
+    EXPECT_EQ(wait.look(4s, 3500ms), 500ms);
+    EXPECT_EQ(wait.look(6001ms, 3500ms), 0s);
+    EXPECT_EQ(wait.look(8s), 1999ms);
+}
+
 TEST(AudioClock, SmoothsJitterFollowsDriftAndJumpsOverLosses) {
     AudioClock clock;
     constexpr nanoseconds start = 5000ms, block = 10ms;

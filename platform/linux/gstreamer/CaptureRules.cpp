@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <tuple>
+#include <utility>
 
 namespace selvio {
 namespace {
@@ -121,6 +122,11 @@ FrameCrop cropFor(int width, int height, VideoOrientation orientation) {
 int positionMatch(CaptureDevicePosition actual, CaptureDevicePosition wanted) {
     if (actual == wanted || wanted == CaptureDevicePosition::Unspecified) return 2;
     return actual == CaptureDevicePosition::Unspecified ? 1 : 0;
+}
+
+std::chrono::nanoseconds Wait::look(std::chrono::nanoseconds now, std::chrono::nanoseconds last) {
+    if (now - std::exchange(looked_, now) > 2 * interval_) begin_ = now;
+    return now - std::max(begin_, last);
 }
 
 std::chrono::nanoseconds AudioClock::place(std::chrono::nanoseconds time, std::int64_t frames, int sampleRate) {

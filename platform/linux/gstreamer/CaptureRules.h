@@ -1,4 +1,4 @@
-// What capture decides: camera modes, presets, cropping, audio times. No GStreamer here.
+// What capture decides: camera modes, presets, cropping, waits, audio times. No GStreamer here.
 #pragma once
 
 #include "platform/capture/FrameSize.h"
@@ -60,6 +60,22 @@ void addMode(std::vector<CameraMode>& modes, CameraMode mode);
 
 /// Whether a camera at `actual` is an answer to a search at `wanted`: 0 no, 1 it states no position, 2 yes.
 [[nodiscard]] int positionMatch(CaptureDevicePosition actual, CaptureDevicePosition wanted);
+
+/// Measures a wait by looking at regular intervals. A look that comes twice as late as it should tells that the process
+/// was stopped, from its terminal or with its container, and what it waits for with it: the wait begins anew.
+class Wait {
+public:
+    Wait(std::chrono::nanoseconds start, std::chrono::nanoseconds interval)
+        : interval_(interval), looked_(start), begin_(start) {}
+    /// How long the wait has lasted; `last`: when what is waited for came last.
+    [[nodiscard]] std::chrono::nanoseconds look(std::chrono::nanoseconds now,
+                                                std::chrono::nanoseconds last = std::chrono::nanoseconds::min());
+
+private:
+    std::chrono::nanoseconds interval_;
+    std::chrono::nanoseconds looked_;
+    std::chrono::nanoseconds begin_;
+};
 
 /// Evens out the times of audio blocks, which arrive when the scheduler lets them: the samples themselves are the
 /// better clock.

@@ -15,6 +15,7 @@ using std::chrono::nanoseconds;
 constexpr int kSampleRate = 48000;
 // Of the camera's own memory, which has room for about eight frames and stalls when there is none left.
 constexpr int kMostLentFrames = 4;
+constexpr int kLooksInStall = 4;  // for a frame, in the time that a camera may be silent
 
 nanoseconds now() {
     return std::chrono::steady_clock::now().time_since_epoch();
@@ -196,7 +197,7 @@ std::vector<std::string> GstCaptureSession::start() {
         state_ = runs ? State::Running : State::Stopped;
     }
     if (runs) {
-        watch(run->number);
+        watch(run->number, Wait(now(), options_.stallTimeout / kLooksInStall));
         return messages;
     }
     abandon();
@@ -307,15 +308,14 @@ void GstCaptureSession::fail(std::uint64_t run, const std::string& reason) {
     });
 }
 
-void GstCaptureSession::watch(std::uint64_t run) {
-    control_.asyncAfter(options_.stallTimeout / 4, [weak = weak_from_this(), run] {
+void GstCaptureSession::watch(std::uint64_t run, Wait silence) {
+    control_.asyncAfter(options_.stallTimeout / kLooksInStall, [weak = weak_from_this(), run, silence]() mutable {
         const auto self = weak.lock();
         if (!self || !self->isRunning() || self->run_ != run) return;
-        const nanoseconds silence = now() - nanoseconds(self->lastFrame_);
-        if (silence > self->options_.stallTimeout) {
+        if (silence.look(now(), nanoseconds(self->lastFrame_)) > self->options_.stallTimeout) {
             self->fail(run, "the camera delivers no more frames");
         } else {
-            self->watch(run);
+            self->watch(run, silence);
         }
     });
 }

@@ -77,7 +77,7 @@ private:
     std::optional<Error> openCamera(const Plan& plan, const std::shared_ptr<Run>& run);
     std::optional<Error> openMicrophone(const Plan& plan, const std::shared_ptr<Run>& run);
     void fail(std::uint64_t run, const std::string& reason);
-    void watch(std::uint64_t run);
+    void watch(std::uint64_t run, Wait silence);
 
     void frameArrived(const Run& run, GstSample* sample, GstElement* sink);
     void soundArrived(Run& run, GstSample* sample, GstElement* sink);
