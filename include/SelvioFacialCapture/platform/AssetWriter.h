@@ -21,8 +21,8 @@ public:
     virtual void markAsFinished() = 0;
 };
 
-/// How long a file that is being finished may take. It usually takes about two seconds; longer means that it never will
-/// be.
+/// How long a file that is being finished may take, without the time in which the process was stopped. It usually takes
+/// about two seconds; longer means that it never will be.
 inline constexpr std::chrono::seconds kLongestFinishing{15};
 
 /// One file. `status` may be read on any thread; all else runs on one queue.

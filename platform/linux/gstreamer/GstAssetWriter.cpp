@@ -477,11 +477,15 @@ private:
     }
 
     void waitForEnd() {
+        constexpr std::chrono::seconds kLook{1};
+        const auto now = [] { return std::chrono::steady_clock::now().time_since_epoch(); };
+        Wait wait(now(), kLook);
         std::unique_lock lock(mutex_);
-        const bool inTime = changed_.wait_for(lock, kLongestFinishing,
-                                              [this] { return ended_ || status_ != AssetWriterStatus::Writing; });
-        lock.unlock();
-        if (!inTime) fail("the encoder did not finish");
+        while (!changed_.wait_for(lock, kLook, [this] { return ended_ || status_ != AssetWriterStatus::Writing; })) {
+            if (wait.look(now()) < kLongestFinishing) continue;
+            lock.unlock();
+            return fail("the encoder did not finish");
+        }
     }
 
     void completeFile() {
