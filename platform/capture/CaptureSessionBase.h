@@ -38,6 +38,7 @@ public:
     void removeOutput(const std::shared_ptr<CaptureOutput>& output) override;
     [[nodiscard]] std::vector<std::shared_ptr<CaptureOutput>> outputs() const override;
 
+    [[nodiscard]] bool hasVideoInput() const override { return hasCamera(); }
     [[nodiscard]] bool hasCamera() const { return parts()->camera != nullptr; }
 
 protected:

@@ -127,11 +127,7 @@ public:
     }
     [[nodiscard]] std::shared_ptr<CaptureConnection> connection() const override {
         const auto session = this->session();
-        if (!session) return nullptr;
-        const auto outputs = session->outputs();
-        const bool connected =
-            std::ranges::any_of(outputs, [](const auto& output) { return !output->connections().empty(); });
-        return connected ? connection_ : nullptr;
+        return session && session->hasVideoInput() ? connection_ : nullptr;
     }
     [[nodiscard]] MetadataObject transformedMetadataObject(const MetadataObject& object) const override {
         rules::PreviewGeometry geometry;

@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "platform/gtk/FaceOval.h"
+#include "support/FakeCapture.h"
 #include "support/FakeDevice.h"
 #include "support/ManualQueue.h"
 #include "support/Pixels.h"
@@ -228,6 +229,14 @@ TEST_F(CaptureView, TellsWhenItsWindowIsNotActiveAndIsUnreadableWhileItIsCovered
     const auto code = rig.view->layer()->transformedMetadataObject({"PDF417", "text", {0.1, 0.2, 0.3, 0.4}});
     EXPECT_NEAR(code.bounds.x, 648, 2) << "mirrored, as it is seen";
     EXPECT_NEAR(code.bounds.height, 768, 2);
+
+    const auto script = std::make_shared<FakeCaptureScript>();
+    const auto session = std::make_shared<FakeCaptureSession>(script);
+    const auto layer = rig.view->layer();
+    layer->setSession(session);
+    EXPECT_EQ(layer->connection(), nullptr);
+    session->addInput(std::make_shared<DeviceInput>(std::make_shared<FakeCaptureDevice>(script, "camera"), nullptr));
+    EXPECT_NE(layer->connection(), nullptr) << "which may be turned before there is an output";
 }
 
 TEST_F(CaptureView, EndsBeforeOrAfterItsWidgetAndOnAnyThread) {

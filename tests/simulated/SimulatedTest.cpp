@@ -246,8 +246,10 @@ TEST(CaptureSessions, JoinOneOfEachKindOfTheirOwnSystemAndConnectWhatMatches) {
     EXPECT_THAT(connected(), ElementsAre(1, 1));
     rig.session->removeInput(rig.inputs[0]);
     EXPECT_THAT(connected(), ElementsAre(0, 1));
+    EXPECT_FALSE(rig.session->hasVideoInput());
     EXPECT_EQ(rig.at({1ms}), "");
     rig.session->addInput(rig.inputs[0]);
+    EXPECT_TRUE(rig.session->hasVideoInput());
     rig.session->removeOutput(rig.audio);
     EXPECT_THAT(connected(), ElementsAre(1, 0));
     rig.video->setPixelFormat(kPixelFormat420v);

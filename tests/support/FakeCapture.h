@@ -146,6 +146,10 @@ public:
     }
     std::vector<std::shared_ptr<CaptureOutput>> outputs() const override { return mutex_.get(outputs_); }
     std::vector<std::shared_ptr<CaptureDeviceInput>> inputs() const { return mutex_.get(inputs_); }
+    bool hasVideoInput() const override {
+        const auto isVideo = [](const auto& input) { return input->device()->mediaType() == MediaType::Video; };
+        return std::ranges::any_of(inputs(), isVideo);
+    }
     bool isRunning() const override { return running_; }
     void startRunning() override { say("run"), running_ = script->allows("run"); }
     void stopRunning() override { say("stop"), sayIfUnlocked(), script->duringStop(), running_ = false; }

@@ -195,6 +195,13 @@ public:
     virtual void addOutput(std::shared_ptr<CaptureOutput> output) = 0;
     virtual void removeOutput(const std::shared_ptr<CaptureOutput>& output) = 0;
     [[nodiscard]] virtual std::vector<std::shared_ptr<CaptureOutput>> outputs() const = 0;
+    /// Whether a camera is among the inputs. A session that does not say so itself has one when an output is connected.
+    [[nodiscard]] virtual bool hasVideoInput() const {
+        for (const auto& output : outputs()) {
+            if (!output->connections().empty()) return true;
+        }
+        return false;
+    }
 
     /// True from the beginning of `startRunning` on, and so before anything is delivered, until the session is stopped,
     /// has failed to start or has ended by itself.
