@@ -99,9 +99,10 @@ public:
     void start();
     /// Torch off; a running session, one whose camera is still being opened included, is stopped and, if `recordVideo`
     /// is true, the recording that is being written, or about to begin, is finished as by `stopRecording`. On the
-    /// caller's thread; returns when the source has stopped. Frames already on their queue may still reach the
-    /// delegate. Only the torch without a session or with one that does not run: after a session that ended by itself,
-    /// as with a camera that was unplugged, finish the recording with `stopRecording`.
+    /// caller's thread; returns when the source has stopped. A camera that is still being opened may be closed in the
+    /// background; nothing comes from it any more. Frames already on their queue may still reach the delegate. Only the
+    /// torch without a session or with one that does not run: after a session that ended by itself, as with a camera
+    /// that was unplugged, finish the recording with `stopRecording`.
     void stop();
     /// Takes the graph and the observers down, on the caller's thread. The session is neither stopped nor finished
     /// recording: call `stop` before. Afterwards `session` and the three outputs are null; inputs and devices keep

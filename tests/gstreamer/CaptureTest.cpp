@@ -83,6 +83,25 @@ TEST(Capture, FramesMayBeHeld) {
     expectFramesMayBeHeld(cameraOf({.sources = {sourceCamera("videotestsrc is-live=true pattern=snow")}}));
 }
 
+// One that takes a while to be closed, and cannot be opened twice.
+TEST(Capture, AStartWaitsUntilACameraWhoseOpeningWasStoppedIsClosed) {
+    LogCapture log;
+    const std::string source =
+        "udpsrc address=127.0.0.1 reuse=false port=" + std::to_string(20000 + ::getpid() % 9999) +
+        " ! fakesink async=false videotestsrc is-live=true ! identity sleep-time=300000";
+    Rig rig(cameraOf({.sources = {sourceCamera(source.c_str())}}));
+    for (int i = 0; i < 3; ++i) {
+        std::jthread opener([&] { rig.session->startRunning(); });
+        ASSERT_TRUE(comesTrue([&] { return rig.session->isRunning(); }));
+        rig.session->stopRunning();
+        opener.join();
+        rig.session->startRunning();
+        EXPECT_TRUE(rig.session->isRunning());
+        rig.session->stopRunning();
+    }
+    EXPECT_THAT(log.take(), testing::IsEmpty());
+}
+
 TEST(Capture, SaysWhyACameraDoesNotStartOrEnds) {
     const std::tuple<const char*, bool, const char*> cases[] = {
         {"nosuchsource", false, "Capture: could not start: \"nosuchsource\": no element \"nosuchsource\""},

@@ -212,7 +212,8 @@ public:
     virtual void startRunning() = 0;
     /// Returns when the source has stopped; deliveries already on their queue may still run. A session that is just
     /// being started on another thread is stopped too; its source may then end in the background, but nothing comes
-    /// from it any more. May be called from within a delivery.
+    /// from it any more; the session's next `startRunning` waits for that end, as long as opening may take. May be
+    /// called from within a delivery.
     virtual void stopRunning() = 0;
     /// The current time of the session's master clock, on which samples are stamped.
     [[nodiscard]] virtual std::chrono::nanoseconds masterClockTime() const = 0;

@@ -178,10 +178,12 @@ std::vector<std::string> GstCaptureSession::start() {
     if (!plan.camera) return messages;
 
     std::optional<std::string> reason;
-    if (const auto error = openCamera(plan, run)) reason = error->localizedDescription;
-    if (!reason && plan.microphone) {
-        if (const auto error = openMicrophone(plan, run))
-            messages.push_back("Capture: no sound: " + error->localizedDescription);
+    if (waitForClosing(plan.camera->uniqueId())) {
+        if (const auto error = openCamera(plan, run)) reason = error->localizedDescription;
+        if (!reason && plan.microphone) {
+            if (const auto error = openMicrophone(plan, run))
+                messages.push_back("Capture: no sound: " + error->localizedDescription);
+        }
     }
     bool runs = false;
     {
@@ -221,19 +223,37 @@ void GstCaptureSession::closePipelines() {
     runningPlan_.reset();
 }
 
-// With lifecycle_ held. A camera that does not answer can take half a minute to be closed; no one waits for that, and
-// what it still sends counts no more.
+// With lifecycle_ held. A camera that does not answer can take half a minute to be closed; no one but the next start of
+// the same camera waits for that, and what it still sends counts no more.
 void GstCaptureSession::abandon() {
     const auto self = weak_from_this().lock();
     if (!self) return stop();
+    const std::string camera = runningPlan_->camera->uniqueId();
     {
         const std::lock_guard lock(openingMutex_);
         ++run_;
+        closing_.insert(camera);
     }
     runningPlan_.reset();
-    for (GstPtr<GstElement>* pipeline : {&cameraPipeline_, &soundPipeline_}) {
-        control_.async([self, held = std::shared_ptr<GstElement>(std::move(*pipeline))] { closePipeline(held.get()); });
-    }
+    closer_.async([self, camera, video = std::shared_ptr<GstElement>(std::move(cameraPipeline_)),
+                   sound = std::shared_ptr<GstElement>(std::move(soundPipeline_))]() mutable {
+        for (auto* const pipeline : {&video, &sound}) {
+            closePipeline(pipeline->get());
+            pipeline->reset();
+        }
+        {
+            const std::lock_guard lock(self->openingMutex_);
+            self->closing_.erase(self->closing_.find(camera));
+        }
+        self->opened_.notify_all();
+    });
+}
+
+// With lifecycle_ held. A camera that is still open, because its opening was given up, would refuse the next.
+bool GstCaptureSession::waitForClosing(const std::string& camera) {
+    std::unique_lock lock(openingMutex_);
+    opened_.wait_for(lock, options_.openingTimeout, [&] { return !closing_.contains(camera) || interruptions_ > 0; });
+    return interruptions_ == 0;
 }
 
 std::optional<Error> GstCaptureSession::openCamera(const Plan& plan, const std::shared_ptr<Run>& run) {

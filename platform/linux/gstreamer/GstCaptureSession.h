@@ -10,6 +10,7 @@
 #include <gst/app/gstappsink.h>
 
 #include <condition_variable>
+#include <set>
 
 namespace selvio {
 
@@ -74,6 +75,9 @@ private:
     void stop();
     void closePipelines();
     void abandon();
+    /// Waits for what was abandoned of a camera, as long as opening may take; false if the camera is not wanted any
+    /// more.
+    [[nodiscard]] bool waitForClosing(const std::string& camera);
     std::optional<Error> openCamera(const Plan& plan, const std::shared_ptr<Run>& run);
     std::optional<Error> openMicrophone(const Plan& plan, const std::shared_ptr<Run>& run);
     void fail(std::uint64_t run, const std::string& reason);
@@ -105,8 +109,10 @@ private:
     int interruptions_ = 0;               // guarded by openingMutex_
     bool firstFrame_ = false;             // guarded by openingMutex_
     std::optional<std::string> failure_;  // guarded by openingMutex_; why this run ended by itself
+    std::multiset<std::string> closing_;  // guarded by openingMutex_; cameras of which abandoned pipelines are left
     std::atomic<std::uint64_t> run_{0};   // counts the starts and what was given up; counted up under openingMutex_
     SerialQueue control_{"capture control"};
+    SerialQueue closer_{"capture closing"};  // takes no lifecycle_: who holds it waits for this
 };
 
 }  // namespace selvio
