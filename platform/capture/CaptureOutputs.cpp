@@ -137,10 +137,12 @@ void QueuedMetadataOutput::setMetadataObjectTypes(std::vector<std::string> types
     searching_ = std::find(types.begin(), types.end(), kMetadataObjectTypePDF417Code) != types.end();
 }
 
-void QueuedMetadataOutput::deliver(std::vector<MetadataObject> objects) {
-    submit([this, objects = std::move(objects)](
-               CaptureOutputDelegate& to) { to.captureOutputDidOutputMetadataObjects(*this, objects, connection()); },
-           1);
+void QueuedMetadataOutput::deliver(std::vector<MetadataObject> objects, std::function<bool()> isWanted) {
+    submit(
+        [this, objects = std::move(objects), isWanted = std::move(isWanted)](CaptureOutputDelegate& to) {
+            if (isWanted()) to.captureOutputDidOutputMetadataObjects(*this, objects, connection());
+        },
+        1);
 }
 
 }  // namespace selvio

@@ -138,8 +138,9 @@ public:
 
     /// Whether PDF417 codes are looked for, the one type that there is.
     [[nodiscard]] bool isSearching() const { return searching_ && isDelivering(); }
-    /// Submits the objects; left out while earlier ones wait.
-    void deliver(std::vector<MetadataObject> objects);
+    /// Submits the objects; left out while earlier ones wait, or if `isWanted` says no when their turn comes.
+    void deliver(
+        std::vector<MetadataObject> objects, std::function<bool()> isWanted = [] { return true; });
 
 private:
     std::atomic<bool> searching_{false};

@@ -110,7 +110,7 @@ TEST(LinuxFileManager, SaysWhyItCannot) {
     alarm(0);
     setrlimit(RLIMIT_NOFILE, &limit);
     EXPECT_THAT(log.take(), testing::ElementsAre(testing::HasSubstr("Too many open files")));
-    EXPECT_EQ(test::entriesIn(root.path()), 1U) << "what could not be locked has gone";
+    EXPECT_EQ(entriesIn(root.path()), 1U) << "what could not be locked has gone";
     EXPECT_FALSE(files.removeItem(one));
     EXPECT_EQ(files.removeItem(one)->localizedDescription, missing);
     EXPECT_EQ(files.contentsOfDirectory(one).error().localizedDescription, missing);

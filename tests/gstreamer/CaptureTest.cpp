@@ -2,9 +2,12 @@
 #include <unistd.h>
 #include "CaptureRig.h"
 #include "platform/linux/gstreamer/CaptureRules.h"
+#include "platform/linux/gstreamer/GstOutputs.h"
 
 #include <ZXing/BitMatrix.h>
 #include <ZXing/MultiFormatWriter.h>
+
+#include <future>
 
 namespace {
 
@@ -263,6 +266,18 @@ TEST(Barcode, ReadsPdf417CodesWhileFramesKeepArriving) {
             EXPECT_NEAR(box.y * frame.height, place.y, 20);
             EXPECT_LT(std::hypot(box.width * frame.width - place.width, box.height * frame.height - place.height), 40);
         }
+
+        // What two searches have found, with the delegate's queue held, is not told after the run.
+        const auto told = rig.probe->objects_.size();
+        std::promise<void> release;
+        rig.queue->async([&] { release.get_future().wait(); });
+        rig.session->startRunning();
+        for (const bool wants : {true, false, true, false, true})
+            EXPECT_TRUE(comesTrue([&] { return dynamic_cast<GstMetadataOutput&>(*output).wantsFrame() == wants; }));
+        rig.session->stopRunning();
+        release.set_value();
+        rig.queue->drain();
+        EXPECT_EQ(rig.probe->objects_.size(), told);
         output->setMetadataObjectsDelegate({}, nullptr);
     }
 }

@@ -171,7 +171,7 @@ std::vector<std::string> GstCaptureSession::start() {
         const std::lock_guard lock(openingMutex_);
         firstFrame_ = false;
         failure_.reset();
-        run.reset(new Run{*this, ++run_});
+        run.reset(new Run{*this, ++*run_});
         state_ = plan.camera ? State::Opening : State::Running;
     }
     runningPlan_ = plan;
@@ -211,6 +211,7 @@ std::vector<std::string> GstCaptureSession::start() {
 void GstCaptureSession::stop() {
     {
         const std::lock_guard lock(openingMutex_);
+        ++*run_;
         state_ = State::Stopped;
     }
     closePipelines();
@@ -231,7 +232,7 @@ void GstCaptureSession::abandon() {
     const std::string camera = runningPlan_->camera->uniqueId();
     {
         const std::lock_guard lock(openingMutex_);
-        ++run_;
+        ++*run_;
         closing_.insert(camera);
     }
     runningPlan_.reset();
@@ -314,7 +315,7 @@ std::optional<Error> GstCaptureSession::openMicrophone(const Plan& plan, const s
 void GstCaptureSession::fail(std::uint64_t run, const std::string& reason) {
     {
         const std::lock_guard lock(openingMutex_);
-        if (run != run_ || failure_ || state_ == State::Stopped) return;
+        if (run != *run_ || failure_ || state_ == State::Stopped) return;
         failure_ = reason;
         opened_.notify_all();
         if (state_ == State::Opening) return;  // starting reports it
@@ -331,7 +332,7 @@ void GstCaptureSession::fail(std::uint64_t run, const std::string& reason) {
 void GstCaptureSession::watch(std::uint64_t run, Wait silence) {
     control_.asyncAfter(options_.stallTimeout / kLooksInStall, [weak = weak_from_this(), run, silence]() mutable {
         const auto self = weak.lock();
-        if (!self || !self->isRunning() || self->run_ != run) return;
+        if (!self || !self->isRunning() || *self->run_ != run) return;
         if (silence.look(now(), nanoseconds(self->lastFrame_)) > self->options_.stallTimeout) {
             self->fail(run, "the camera delivers no more frames");
         } else {
@@ -368,7 +369,7 @@ std::shared_ptr<PixelBuffer> GstCaptureSession::borrow(FrameMemory memory, GstBu
 }
 
 void GstCaptureSession::frameArrived(const Run& run, GstSample* sample, GstElement* sink) {
-    if (run.number != run_) return;
+    if (run.number != *run_) return;
     const nanoseconds arrival = now();
     lastFrame_ = arrival.count();
     GstVideoInfo info;
@@ -386,7 +387,7 @@ void GstCaptureSession::frameArrived(const Run& run, GstSample* sample, GstEleme
 
     {
         const std::lock_guard lock(openingMutex_);
-        if (run.number != run_) return;
+        if (run.number != *run_) return;
         firstFrame_ = true;
     }
     opened_.notify_all();
@@ -399,12 +400,13 @@ void GstCaptureSession::frameArrived(const Run& run, GstSample* sample, GstEleme
     if (auto* const metadata = static_cast<GstMetadataOutput*>(parts->metadata.get());
         metadata && metadata->wantsFrame()) {
         metadata->search(
-            borrow(run.memory, buffer, info, cropFor(width, height, metadata->connection()->videoOrientation())));
+            borrow(run.memory, buffer, info, cropFor(width, height, metadata->connection()->videoOrientation())),
+            [present = run_, number = run.number] { return *present == number; });
     }
 }
 
 void GstCaptureSession::soundArrived(Run& run, GstSample* sample, GstElement* sink) {
-    if (run.number != run_) return;
+    if (run.number != *run_) return;
     const auto output = parts()->audio;
     GstBuffer* const buffer = gst_sample_get_buffer(sample);
     if (!output || !buffer) return;

@@ -110,7 +110,8 @@ private:
     bool firstFrame_ = false;             // guarded by openingMutex_
     std::optional<std::string> failure_;  // guarded by openingMutex_; why this run ended by itself
     std::multiset<std::string> closing_;  // guarded by openingMutex_; cameras of which abandoned pipelines are left
-    std::atomic<std::uint64_t> run_{0};   // counts the starts and what was given up; counted up under openingMutex_
+    /// Counts the starts and the ends; counted up under openingMutex_. Codes that are still looked for share it.
+    const std::shared_ptr<std::atomic<std::uint64_t>> run_ = std::make_shared<std::atomic<std::uint64_t>>(0);
     SerialQueue control_{"capture control"};
     SerialQueue closer_{"capture closing"};  // takes no lifecycle_: who holds it waits for this
 };

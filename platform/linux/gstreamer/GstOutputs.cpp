@@ -14,15 +14,15 @@ VideoSettings GstVideoDataOutput::recommendedVideoSettings(const std::string&) c
     return {codec_, 720, 1280, {{kVideoExpectedSourceFrameRateKey, framesPerSecond_}}};
 }
 
-void GstMetadataOutput::search(std::shared_ptr<PixelBuffer> frame) {
+void GstMetadataOutput::search(std::shared_ptr<PixelBuffer> frame, std::function<bool()> isWanted) {
     if (!frame || busy_.exchange(true)) return;
     const std::weak_ptr weak = std::static_pointer_cast<GstMetadataOutput>(shared_from_this());
-    queue_.async([weak, frame = std::move(frame)]() mutable {
+    queue_.async([weak, frame = std::move(frame), isWanted = std::move(isWanted)]() mutable {
         const auto self = weak.lock();
         if (!self) return;
         auto objects = self->codesIn(*frame);
         frame.reset();
-        if (!objects.empty()) self->deliver(std::move(objects));
+        if (!objects.empty()) self->deliver(std::move(objects), std::move(isWanted));
         self->queue_.asyncAfter(kSearchPause, [weak] {
             if (const auto output = weak.lock()) output->busy_ = false;
         });

@@ -29,8 +29,9 @@ public:
 
     /// Whether a frame would be looked at now.
     [[nodiscard]] bool wantsFrame() const { return !busy_ && isSearching(); }
-    /// Submits a frame to the search, if none is being searched. Never waits.
-    void search(std::shared_ptr<PixelBuffer> frame);
+    /// Submits a frame to the search, if none is being searched. Never waits. Codes are left out unless `isWanted` says
+    /// yes when they are to be told: a search may outlast the run that its frame came from.
+    void search(std::shared_ptr<PixelBuffer> frame, std::function<bool()> isWanted);
 
 private:
     [[nodiscard]] std::vector<MetadataObject> codesIn(const PixelBuffer& frame);
