@@ -74,8 +74,10 @@ public:
     /// The view that backs the camera; never null. Its own operations belong on the main thread.
     [[nodiscard]] const std::shared_ptr<selvio::View>& view() const;
     /// Recording settings, shared with the host; null means no recording. Default: a new object, not the one in the
-    /// capture's parameters: hand that one over, lest the record tell of other settings than those that hold. Whether
-    /// there is sound is read by the configuration that `setDelegate` begins, all else by `startRecording`.
+    /// capture's parameters: hand that one over, lest the record tell of other settings than those that hold. All
+    /// are read when a recording begins. `recordAudio` is also read before, by the configuration that `setDelegate`
+    /// begins: there is sound if it is true both times. `recordVideo` is read again by `stop`, which finishes nothing
+    /// if it is false by then: `stopRecording` does.
     [[nodiscard]] std::shared_ptr<SelvioFacialCaptureCameraParameters> parameters() const;
     void setParameters(std::shared_ptr<SelvioFacialCaptureCameraParameters> value);
     /// Holds the delegate weakly. A delegate that is not null has the capture graph configured, on the session queue,

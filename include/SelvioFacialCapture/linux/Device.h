@@ -44,7 +44,8 @@ public:
     explicit LinuxScreen(Size bounds = kDefaultSize);
 
     [[nodiscard]] Size bounds() const override { return mutex_.get(bounds_); }
-    /// Takes effect for the next frame that asks. A size that is not finite and positive is logged and ignored.
+    /// Takes effect for analyzers and views made afterwards, and for the next cover of a camera's view. A size that is
+    /// not finite and positive is logged and ignored.
     void setBounds(Size bounds);
 
     /// Portrait until set.
