@@ -264,11 +264,15 @@ void Session::end(ExitCode code) {
         [output = camera_->videoOutputQueue(), main = platform_.mainQueue, block = weakly(&Session::stopCamera)] {
             output->async([main, block] { main->async(block); });
         });
-    platform_.mainQueue->asyncAfter(kLongestEnding, weakly(&Session::giveUpEnding));
+    giveUpEnding(kLongestEnding);
 }
 
-void Session::giveUpEnding() {
+// In steps: the time in which the process was stopped does not count.
+void Session::giveUpEnding(std::chrono::seconds left) {
     if (complete_) return;
+    if (left > 0s)
+        return platform_.mainQueue->asyncAfter(1s,
+                                               [again = weakly(&Session::giveUpEnding), left] { again(left - 1s); });
     complain("the camera does not end");
     writeResults(options_.attended && !options_.accept);
     platform_.notificationCenter->post(ApplicationNotification::WillTerminate);

@@ -67,7 +67,7 @@ private:
 
     void cancel(ExitCode code, const std::string& why);
     void end(ExitCode code);
-    void giveUpEnding();
+    void giveUpEnding(std::chrono::seconds left);
     void stopCamera();
     void awaitRecording();
     void recordingFinished(const std::vector<std::uint8_t>& data);
