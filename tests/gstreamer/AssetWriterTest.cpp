@@ -20,6 +20,7 @@
 namespace {
 
 using namespace selvio;
+using namespace selvio::rules;
 
 using namespace ::testing;
 using std::chrono::nanoseconds;

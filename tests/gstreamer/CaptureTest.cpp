@@ -12,6 +12,7 @@
 namespace {
 
 using namespace selvio;
+using namespace selvio::rules;
 
 /// The one camera of a system that looks for no others.
 Camera cameraOf(CaptureOptions options) {

@@ -5,7 +5,7 @@
 #include <tuple>
 #include <utility>
 
-namespace selvio {
+namespace selvio::rules {
 namespace {
 
 constexpr double kWantedRate = 30.0;
@@ -154,4 +154,4 @@ AudioPlacement placeAudio(std::int64_t written, std::chrono::nanoseconds time, s
     return {.silence = std::max<std::int64_t>(offset, 0), .skip = std::clamp<std::int64_t>(-offset, 0, frames)};
 }
 
-}  // namespace selvio
+}  // namespace selvio::rules

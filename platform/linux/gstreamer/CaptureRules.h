@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-namespace selvio {
+namespace selvio::rules {
 
 /// Frames a second as a fraction.
 struct FrameRate {
@@ -107,4 +107,4 @@ inline constexpr std::chrono::milliseconds kAudioTolerance{10};
 [[nodiscard]] AudioPlacement placeAudio(std::int64_t written, std::chrono::nanoseconds time, std::int64_t frames,
                                         int sampleRate);
 
-}  // namespace selvio
+}  // namespace selvio::rules

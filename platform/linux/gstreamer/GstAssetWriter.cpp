@@ -424,7 +424,7 @@ private:
         if (audioEnd() >= time) return;
         if (audioRate_ == 0)
             adoptAudioFormat(audio_.input->audioSettings_.sampleRate, audio_.input->audioSettings_.channels);
-        pushSilence(audioFrameAt(time - audioBase_, audioRate_) - audioFrames_);
+        pushSilence(rules::audioFrameAt(time - audioBase_, audioRate_) - audioFrames_);
     }
 
     bool appendAudio(const std::shared_ptr<SampleBuffer>& sample, nanoseconds time) {
@@ -434,7 +434,8 @@ private:
         if (frames == 0) return true;
         adoptAudioFormat(data->sampleRate, data->channels);
         // The encoder's delay is made up for by putting the sound in so much earlier.
-        const AudioPlacement place = placeAudio(audioFrames_, time - audioDelay_ - audioBase_, frames, audioRate_);
+        const rules::AudioPlacement place =
+            rules::placeAudio(audioFrames_, time - audioDelay_ - audioBase_, frames, audioRate_);
         pushSilence(place.silence);
         if (place.skip >= frames) return true;
         const std::size_t frameBytes = static_cast<std::size_t>(data->channels) * sizeof(std::int16_t);
@@ -479,7 +480,7 @@ private:
     void waitForEnd() {
         constexpr std::chrono::seconds kLook{1};
         const auto now = [] { return std::chrono::steady_clock::now().time_since_epoch(); };
-        Wait wait(now(), kLook);
+        rules::Wait wait(now(), kLook);
         std::unique_lock lock(mutex_);
         while (!changed_.wait_for(lock, kLook, [this] { return ended_ || status_ != AssetWriterStatus::Writing; })) {
             if (wait.look(now()) < kLongestFinishing) continue;

@@ -115,19 +115,20 @@ GstCaptureSession::Plan GstCaptureSession::plan() const {
     const auto format = plan.camera ? plan.camera->activeFormat() : std::nullopt;
     if (!format) return plan;
     const auto& [subtype, width, height] = format->formatDescription;
-    if (const CameraMode* const mode = chooseMode(plan.camera->description().modes, width, height, plan.pixelFormat))
+    if (const rules::CameraMode* const mode =
+            rules::chooseMode(plan.camera->description().modes, width, height, plan.pixelFormat))
         plan.mode = *mode;
     return plan;
 }
 
 bool GstCaptureSession::canSetSessionPreset(const std::string& preset) const {
     const auto camera = parts()->camera;
-    return camera && formatForPreset(camera->formats(), preset).has_value();
+    return camera && rules::formatForPreset(camera->formats(), preset).has_value();
 }
 
 void GstCaptureSession::setSessionPreset(const std::string& preset) {
     const auto camera = parts()->camera;
-    const auto format = camera ? formatForPreset(camera->formats(), preset) : std::nullopt;
+    const auto format = camera ? rules::formatForPreset(camera->formats(), preset) : std::nullopt;
     if (!format) return log("Capture: the preset " + preset + " cannot be set");
     camera->setActiveFormat(*format);
     partsChanged();
@@ -199,7 +200,7 @@ std::vector<std::string> GstCaptureSession::start() {
         state_ = runs ? State::Running : State::Stopped;
     }
     if (runs) {
-        watch(run->number, Wait(now(), options_.stallTimeout / kLooksInStall));
+        watch(run->number, rules::Wait(now(), options_.stallTimeout / kLooksInStall));
         return messages;
     }
     abandon();
@@ -329,7 +330,7 @@ void GstCaptureSession::fail(std::uint64_t run, const std::string& reason) {
     });
 }
 
-void GstCaptureSession::watch(std::uint64_t run, Wait silence) {
+void GstCaptureSession::watch(std::uint64_t run, rules::Wait silence) {
     control_.asyncAfter(options_.stallTimeout / kLooksInStall, [weak = weak_from_this(), run, silence]() mutable {
         const auto self = weak.lock();
         if (!self || !self->isRunning() || *self->run_ != run) return;
@@ -393,14 +394,14 @@ void GstCaptureSession::frameArrived(const Run& run, GstSample* sample, GstEleme
     opened_.notify_all();
     const auto parts = this->parts();
     if (const auto& video = parts->video; video && video->isDelivering()) {
-        if (auto pixels =
-                borrow(run.memory, buffer, info, cropFor(width, height, video->connection()->videoOrientation())))
+        if (auto pixels = borrow(run.memory, buffer, info,
+                                 rules::cropFor(width, height, video->connection()->videoOrientation())))
             video->deliver(SampleBuffer::makeVideo(std::move(pixels), timing));
     }
     if (auto* const metadata = static_cast<GstMetadataOutput*>(parts->metadata.get());
         metadata && metadata->wantsFrame()) {
         metadata->search(
-            borrow(run.memory, buffer, info, cropFor(width, height, metadata->connection()->videoOrientation())),
+            borrow(run.memory, buffer, info, rules::cropFor(width, height, metadata->connection()->videoOrientation())),
             [present = run_, number = run.number] { return *present == number; });
     }
 }

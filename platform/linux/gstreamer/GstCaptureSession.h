@@ -46,7 +46,7 @@ private:
     struct Plan {
         std::shared_ptr<GstCaptureDevice> camera;
         std::shared_ptr<GstCaptureDevice> microphone;
-        CameraMode mode;
+        rules::CameraMode mode;
         PixelFormat pixelFormat = kPixelFormat32BGRA;
         friend bool operator==(const Plan&, const Plan&) = default;
     };
@@ -63,7 +63,7 @@ private:
         const std::uint64_t number;
         FrameMemory memory = FrameMemory::Converter;              // set before frames come
         std::optional<std::chrono::nanoseconds> frameDuration{};  // of the camera's mode, set before frames come
-        AudioClock audioClock{};                                  // used on the microphone's thread
+        rules::AudioClock audioClock{};                           // used on the microphone's thread
     };
 
     void partsChanged() override;
@@ -81,7 +81,7 @@ private:
     std::optional<Error> openCamera(const Plan& plan, const std::shared_ptr<Run>& run);
     std::optional<Error> openMicrophone(const Plan& plan, const std::shared_ptr<Run>& run);
     void fail(std::uint64_t run, const std::string& reason);
-    void watch(std::uint64_t run, Wait silence);
+    void watch(std::uint64_t run, rules::Wait silence);
 
     void frameArrived(const Run& run, GstSample* sample, GstElement* sink);
     void soundArrived(Run& run, GstSample* sample, GstElement* sink);

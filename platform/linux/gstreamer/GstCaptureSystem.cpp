@@ -16,7 +16,7 @@ public:
         const auto found = findDevices(options_, mediaType);
         for (const int match : {2, 1}) {
             for (const DeviceDescription& description : found) {
-                if (positionMatch(description.position, position) != match) continue;
+                if (rules::positionMatch(description.position, position) != match) continue;
                 discovery->devices.push_back(std::make_shared<GstCaptureDevice>(description, options_.ledDirectory));
             }
         }

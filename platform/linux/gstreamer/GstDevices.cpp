@@ -35,17 +35,18 @@ std::vector<const GValue*> valuesIn(const GValue* value) {
 }
 
 // Every fraction in a value; of a range those that are worth asking for.
-std::vector<FrameRate> ratesIn(const GValue* value) {
+std::vector<rules::FrameRate> ratesIn(const GValue* value) {
     const auto rateOf = [](const GValue* fraction) {
-        return FrameRate{gst_value_get_fraction_numerator(fraction), gst_value_get_fraction_denominator(fraction)};
+        return rules::FrameRate{gst_value_get_fraction_numerator(fraction),
+                                gst_value_get_fraction_denominator(fraction)};
     };
-    std::vector<FrameRate> rates;
+    std::vector<rules::FrameRate> rates;
     for (const GValue* const one : valuesIn(value)) {
         if (GST_VALUE_HOLDS_FRACTION(one)) rates.push_back(rateOf(one));
         if (!GST_VALUE_HOLDS_FRACTION_RANGE(one)) continue;
-        std::ranges::copy(
-            ratesBetween(rateOf(gst_value_get_fraction_range_min(one)), rateOf(gst_value_get_fraction_range_max(one))),
-            std::back_inserter(rates));
+        std::ranges::copy(rules::ratesBetween(rateOf(gst_value_get_fraction_range_min(one)),
+                                              rateOf(gst_value_get_fraction_range_max(one))),
+                          std::back_inserter(rates));
     }
     return rates;
 }
@@ -65,8 +66,8 @@ std::vector<FrameSize> sizesIn(const GstStructure* structure) {
 }
 
 // The caps of a device as modes, in their order. Ranges of sizes are asked for the sizes of the presets.
-std::vector<CameraMode> modesOf(const GstCaps* caps) {
-    std::vector<CameraMode> modes;
+std::vector<rules::CameraMode> modesOf(const GstCaps* caps) {
+    std::vector<rules::CameraMode> modes;
     for (guint i = 0; i < gst_caps_get_size(caps); ++i) {
         const GstStructure* const structure = gst_caps_get_structure(caps, i);
         const bool raw = gst_structure_has_name(structure, "video/x-raw");
@@ -78,10 +79,10 @@ std::vector<CameraMode> modesOf(const GstCaps* caps) {
         for (const GValue* const format : valuesIn(raw ? gst_structure_get_value(structure, "format") : nullptr)) {
             if (G_VALUE_HOLDS_STRING(format)) formats.emplace_back(g_value_get_string(format));
         }
-        const FrameRate rate = preferredRate(ratesIn(gst_structure_get_value(structure, "framerate")));
+        const rules::FrameRate rate = rules::preferredRate(ratesIn(gst_structure_get_value(structure, "framerate")));
         for (const auto& [width, height] : sizesIn(structure)) {
             for (const std::string& format : formats) {
-                addMode(modes, {jpeg, format, width, height, rate});
+                rules::addMode(modes, {jpeg, format, width, height, rate});
             }
         }
     }
@@ -101,7 +102,7 @@ DeviceDescription describeNode(PipeWireNode node, MediaType mediaType) {
     if (node.location == "front") description.position = CaptureDevicePosition::Front;
     if (node.location == "back") description.position = CaptureDevicePosition::Back;
     description.modes = std::move(node.modes);
-    std::erase_if(description.modes, [](const CameraMode& mode) {
+    std::erase_if(description.modes, [](const rules::CameraMode& mode) {
         return !mode.jpeg && gst_video_format_from_string(mode.format.c_str()) == GST_VIDEO_FORMAT_UNKNOWN;
     });
     description.node = std::move(node.node);
@@ -196,11 +197,11 @@ std::optional<DeviceDescription> describeFile(const fs::path& path) {
         return std::nullopt;
     }
     auto* const video = GST_DISCOVERER_VIDEO_INFO(streams->data);
-    CameraMode mode{.format = "any",
-                    .width = static_cast<int>(gst_discoverer_video_info_get_width(video)),
-                    .height = static_cast<int>(gst_discoverer_video_info_get_height(video)),
-                    .rate = {static_cast<int>(gst_discoverer_video_info_get_framerate_num(video)),
-                             static_cast<int>(gst_discoverer_video_info_get_framerate_denom(video))}};
+    rules::CameraMode mode{.format = "any",
+                           .width = static_cast<int>(gst_discoverer_video_info_get_width(video)),
+                           .height = static_cast<int>(gst_discoverer_video_info_get_height(video)),
+                           .rate = {static_cast<int>(gst_discoverer_video_info_get_framerate_num(video)),
+                                    static_cast<int>(gst_discoverer_video_info_get_framerate_denom(video))}};
     const GstTagList* const tags = gst_discoverer_stream_info_get_tags(GST_DISCOVERER_STREAM_INFO(video));
     g_autofree char* turned = nullptr;
     if (tags) gst_tag_list_get_string(tags, GST_TAG_IMAGE_ORIENTATION, &turned);
@@ -275,7 +276,7 @@ bool setControl(const fs::path& node, std::uint32_t control, int value) {
 
 }  // namespace
 
-std::string capsOf(const CameraMode& mode) {
+std::string capsOf(const rules::CameraMode& mode) {
     std::string caps = mode.jpeg ? "image/jpeg" : "video/x-raw,format=" + mode.format;
     caps += ",width=" + std::to_string(mode.width) + ",height=" + std::to_string(mode.height);
     if (mode.rate.numerator > 0)
@@ -311,12 +312,12 @@ NodeAccess cameraNodeAccess(const fs::path& deviceDirectory) {
 
 GstCaptureDevice::GstCaptureDevice(DeviceDescription description, const fs::path& ledDirectory)
     : description_(std::move(description)),
-      formats_(description_.mediaType == MediaType::Video ? formatsOf(description_.modes)
+      formats_(description_.mediaType == MediaType::Video ? rules::formatsOf(description_.modes)
                                                           : std::vector<CaptureDeviceFormat>{}),
       led_(description_.mediaType == MediaType::Video && description_.position != CaptureDevicePosition::Front
                ? findTorch(ledDirectory)
                : fs::path()),
-      activeFormat_(initialFormat(formats_)) {}
+      activeFormat_(rules::initialFormat(formats_)) {}
 
 void GstCaptureDevice::setActiveFormat(const CaptureDeviceFormat& format) {
     if (std::find(formats_.begin(), formats_.end(), format) == formats_.end()) {

@@ -17,11 +17,11 @@ struct DeviceDescription {
     std::string name;
     MediaType mediaType = MediaType::Video;
     CaptureDevicePosition position = CaptureDevicePosition::Unspecified;
-    std::vector<CameraMode> modes{};  ///< of a camera
-    std::filesystem::path node{};     ///< device node, empty if it has none of its own
-    bool playsFile = false;           ///< its frames come as they lie in a file, and it chooses their format itself
-    bool isDefault = false;           ///< the person's choice among the system's devices
-    bool temporaryMemory = false;     ///< frames must not be held on to
+    std::vector<rules::CameraMode> modes{};  ///< of a camera
+    std::filesystem::path node{};            ///< device node, empty if it has none of its own
+    bool playsFile = false;        ///< its frames come as they lie in a file, and it chooses their format itself
+    bool isDefault = false;        ///< the person's choice among the system's devices
+    bool temporaryMemory = false;  ///< frames must not be held on to
     /// A new source element (floating), or why there is none.
     std::function<Expected<GstElement*>()> makeSource{};
 };
@@ -34,7 +34,7 @@ enum class NodeAccess { None, Refused, Granted };
 [[nodiscard]] NodeAccess cameraNodeAccess(const std::filesystem::path& deviceDirectory);
 
 /// The caps that pick a mode right behind the source.
-[[nodiscard]] std::string capsOf(const CameraMode& mode);
+[[nodiscard]] std::string capsOf(const rules::CameraMode& mode);
 
 class GstCaptureDevice final : public CaptureDevice {
 public:

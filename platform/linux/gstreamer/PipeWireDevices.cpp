@@ -62,7 +62,7 @@ Choice<T> choiceOf(const spa_pod* format, std::uint32_t key, std::uint32_t type)
     }
 }
 
-void addModes(const spa_pod* format, std::vector<CameraMode>& modes) {
+void addModes(const spa_pod* format, std::vector<rules::CameraMode>& modes) {
     std::uint32_t type = 0;
     std::uint32_t subtype = 0;
     if (spa_format_parse(format, &type, &subtype) < 0 || type != SPA_MEDIA_TYPE_video) return;
@@ -76,11 +76,12 @@ void addModes(const spa_pod* format, std::vector<CameraMode>& modes) {
         const char* const name = spa_debug_type_find_short_name(spa_type_video_format, id);
         if (!jpeg && name) names.emplace_back(name);
     }
-    std::vector<FrameRate> rates;
+    std::vector<rules::FrameRate> rates;
     const auto fractions = choiceOf<spa_fraction>(format, SPA_FORMAT_VIDEO_framerate, SPA_TYPE_Fraction);
     for (const spa_fraction& rate : fractions.values)
         rates.push_back({static_cast<int>(rate.num), static_cast<int>(rate.denom)});
-    const FrameRate rate = preferredRate(fractions.isRange ? ratesBetween(rates[0], rates[1]) : rates);
+    const rules::FrameRate rate =
+        rules::preferredRate(fractions.isRange ? rules::ratesBetween(rates[0], rates[1]) : rates);
 
     std::vector<FrameSize> sizes;
     const auto rectangles = choiceOf<spa_rectangle>(format, SPA_FORMAT_VIDEO_size, SPA_TYPE_Rectangle);
@@ -97,7 +98,7 @@ void addModes(const spa_pod* format, std::vector<CameraMode>& modes) {
         }
     }
     for (const FrameSize& size : sizes) {
-        for (const std::string& name : names) addMode(modes, {jpeg, name, size.width, size.height, rate});
+        for (const std::string& name : names) rules::addMode(modes, {jpeg, name, size.width, size.height, rate});
     }
 }
 
