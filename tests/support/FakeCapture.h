@@ -81,6 +81,7 @@ struct FakeCaptureDevice final : CaptureDevice, FakePart {
     void setTorchMode(TorchMode mode) override { say("torch", mode == TorchMode::On ? "on" : "off"); }
 };
 
+// NOLINTBEGIN(modernize-use-override): which functions override depends on the port.
 /// An output of any kind: what is not in the port's interface is not called. Of its connections one can be turned and
 /// one cannot.
 template <typename Port>
@@ -120,6 +121,7 @@ struct FakeOutput final : Port, FakePart {
     MemberMutex mutex;
     std::pair<std::weak_ptr<CaptureOutputDelegate>, std::shared_ptr<Queue>> receiver;  // guarded by mutex
 };
+// NOLINTEND(modernize-use-override)
 
 class FakeCaptureSession final : public CaptureSession, FakePart {
 public:
